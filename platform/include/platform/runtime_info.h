@@ -1,0 +1,25 @@
+// platform/include/platform/runtime_info.h - what the user set and may change while the device
+// runs.
+#pragma once
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/// The number of a value. A platform with numbers of its own gives them here.
+typedef enum {
+    RUNTIME_INFO_KEY_LANGUAGE =
+        0,  ///< language of the menus, as a locale name such as "en_US.utf8"
+} runtime_info_key_e;
+
+/// Reads a text.
+/// @param key one of the above
+/// @param[out] out on success a heap copy that the caller frees with free(); untouched otherwise;
+///   not null
+/// @return 0, or another number when the value is unknown, empty, holds a control character or
+///   cannot be read
+/// Thread: any.
+int runtime_info_get_value_string(runtime_info_key_e key, char** out);
+
+#ifdef __cplusplus
+}
+#endif

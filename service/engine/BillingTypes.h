@@ -1,0 +1,82 @@
+// BillingTypes.h - the records that one billing request and its result travel in, and the result
+// codes.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+class CBillingEngine;
+
+/// The parameters of one call, in the order that copies keep. The spare members hold the places of
+/// members that this system does not use; they stay empty.
+struct CBillingItem {
+    std::string strSpare0;
+    std::string strSpare1;
+    std::string strSpare2;
+    std::string strSpare3;
+    std::string strSpare4;
+    std::string strCustomId;
+    std::string strSpare5;
+    std::string strSpare6;
+    std::string strSpare7;
+    std::string strAppId;
+    std::string strServerType;  ///< carried, read by no request
+    std::string strCheckValue;
+    std::string strItemType;    ///< carried, read by no request that is in use
+    std::string strPageNumber;  ///< carried, read by no request that is in use
+    std::string strSpare8;
+    std::string strSpare9;
+    std::string strSpare10;
+    std::string strInvoiceId;
+    std::string strSpare11;
+    std::string strSpare12;
+};
+
+/// Which request a result belongs to. 0 to 4 are reserved.
+enum REQUEST_TYPE : std::int32_t {
+    REQUEST_TYPE_PURCHASE_HISTORY = 5,
+    REQUEST_TYPE_GET_PRODUCTS = 6,
+    REQUEST_TYPE_GET_APPLIED_TIME = 7,
+    REQUEST_TYPE_CONFIRM_PURCHASE = 8,
+    REQUEST_TYPE_CHECK_SERVER_AVAILABILITY = 9,
+};
+
+/// Result codes, the first value of every reply on the bus.
+enum BILLING_RESULT : std::int32_t {
+    BILLING_RESULT_SUCCESS =
+        0,  ///< the server answered, with whatever status; the text is its body
+    BILLING_RESULT_HTTP_ERROR = -1,  ///< the transfer failed; the text is what arrived of the body
+    BILLING_RESULT_ENGINE_REFUSED = 1160003,  ///< nothing was sent; the text says why
+};
+
+/// One result on its way to the caller. The writer of the result pipe allocates it, its reader
+/// deletes it.
+struct BILLING_RETURN_INFO_T {
+    REQUEST_TYPE eReqType = REQUEST_TYPE(0);  ///< set by the writer of the result pipe
+    std::string strSpare1;
+    std::int32_t iSpare1 = 0;
+    std::int32_t iSpare2 = 0;
+    std::string strSpare2;
+    std::string strSpare3;
+    std::string strSpare4;
+    std::string strSpare5;
+    std::string strSpare6;
+    std::string strRespInfo;
+    void* pUser =
+        nullptr;  ///< the caller's token: the bus call to answer; the engine never looks behind it
+    std::int32_t iRespResult = 0;
+};
+
+/// Called exactly once for every request that was accepted, on the connector's worker thread.
+/// @param bSuccess the exchange completed, with whatever HTTP status
+/// @param strRsp response body, as far as it came
+/// @param pUserData given with the request; the callee owns it
+using ResponseCallback = void (*)(bool bSuccess, std::string& strRsp, void* pUserData);
+
+/// What the engine hands to the protocol layer with a request. The response callback frees it; when
+/// the request was not accepted the engine does.
+struct EngineRequestContext {
+    CBillingEngine* pOwner;
+    void* pUser;
+    bool bReserved;
+};
