@@ -30,11 +30,16 @@ std::ostream& operator<<(std::ostream& out, const LogRecord& record);
 /// Thread: any for all of it.
 class Platform {
 public:
-    /// Back to a device that works: gateway up, both hosts, language, account and server type set.
-    /// Log and calls empty.
+    /// Back to a device that works: gateway up, hosts "production.example" and "sandbox.example",
+    /// db/comss/atoken "atoken-1", hwduid "duid-1", countrycode "US", modelid "model-1",
+    /// memory/menu/network/set_time "1", language "en_US.utf8", server type 1, guid "guid-1",
+    /// authToken "auth-token-1", loginId "uid-1", time zone (3600, 0). Log and calls empty, no
+    /// observer.
     void reset();
 
-    // What the platform answers from now on; nullopt makes the read fail.
+    // What the platform answers from now on; nullopt makes the read fail. The promises of the
+    // platform headers hold here too: an empty text counts as not set, one that holds a control
+    // character or a host that is not bare is refused.
     void config(const std::string& key, std::optional<std::string> value);
     void language(std::optional<std::string> value);
     void serverType(std::optional<int> value);

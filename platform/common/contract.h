@@ -1,0 +1,57 @@
+// platform/common/contract.h - the rules about values that the seam's headers promise, for every
+// backend to share.
+#pragma once
+
+#include <charconv>
+#include <optional>
+#include <string_view>
+
+namespace contract {
+
+/// Does a byte below blank, or DEL, stand in the text? Such a byte could add a header line to a
+/// request or a line to the log.
+inline bool holdsControl(std::string_view text)
+{
+    for (const char c : text) {
+        const auto byte = static_cast<unsigned char>(c);
+        if (byte < 0x20 || byte == 0x7f)
+            return true;
+    }
+    return false;
+}
+
+/// Reads a whole number of 32 bits, decimal, with nothing around it. @return nullopt when the text
+/// is something else
+inline std::optional<int> wholeNumber(std::string_view text)
+{
+    int value = 0;
+    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
+    if (error != std::errc() || end != text.data() + text.size())
+        return std::nullopt;
+    return value;
+}
+
+/// Is the text a bare host name, or an IPv4 address, with at most a ":" and a port behind it? No
+/// scheme, path, user or blank: it becomes the authority of a URL as it stands.
+inline bool isBareHost(std::string_view text)
+{
+    const std::size_t colon = text.find(':');
+    const std::string_view host = text.substr(0, colon);
+    if (host.empty() || host.size() > 253 || host.front() == '-')
+        return false;
+    char last = '.';
+    for (const char c : host) {
+        const bool letter = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z');
+        const bool digit = c >= '0' && c <= '9';
+        if (!letter && !digit && c != '-' && c != '_' && (c != '.' || last == '.'))
+            return false;
+        last = c;
+    }
+    if (colon == std::string_view::npos)
+        return true;
+    const std::string_view port = text.substr(colon + 1);
+    const std::optional<int> number = wholeNumber(port);
+    return number && *number > 0 && *number < 65536 && port.front() != '0';
+}
+
+}  // namespace contract

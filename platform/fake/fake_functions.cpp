@@ -1,0 +1,178 @@
+// fake_functions.cpp - the platform functions of the scriptable backend.
+#include "common/contract.h"
+#include "fake_state.h"
+
+#include <platform/account.h>
+#include <platform/config.h>
+#include <platform/network.h>
+#include <platform/process.h>
+#include <platform/runtime_info.h>
+#include <platform/system_info.h>
+#include <platform/timezone.h>
+
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+namespace {
+
+/// Notes the call and hands out what is to be answered now.
+fake::Answers answersTo(const std::string& call)
+{
+    fake::State& s = fake::state();
+    const std::lock_guard<std::mutex> hold(s.lock);
+    s.calls.push_back(call);
+    return s.answers;
+}
+
+/// The text as a reader may have it: nullopt when it is not set, empty or holds a control
+/// character, which is logged by the name of the value.
+std::optional<std::string> readable(const std::optional<std::string>& value,
+                                    const std::string& name)
+{
+    if (!value || value->empty())
+        return std::nullopt;
+    if (contract::holdsControl(*value)) {
+        __dlog_print(DLOG_ERROR, "BILLING_PLATFORM", "the value of %s holds a control character",
+                     name.c_str());
+        return std::nullopt;
+    }
+    return value;
+}
+
+char* heapCopy(const std::optional<std::string>& value)
+{
+    return value ? strdup(value->c_str()) : nullptr;
+}
+
+/// Fills *out on success only. @return 0 or -1
+int give(const std::optional<std::string>& value, char** out)
+{
+    if (!value)
+        return -1;
+    *out = heapCopy(value);
+    return 0;
+}
+
+std::optional<std::string> configured(const fake::Answers& answers, const std::string& key)
+{
+    const auto found = answers.config.find(key);
+    return found == answers.config.end() ? std::nullopt : std::optional(found->second);
+}
+
+}  // namespace
+
+int __dlog_print(log_priority prio, const char* tag, const char* format, ...)
+{
+    va_list arguments;
+    va_start(arguments, format);
+    char* text = nullptr;
+    const int length = vasprintf(&text, format, arguments);
+    va_end(arguments);
+    if (length < 0)
+        return -1;
+    const fake::LogRecord record =
+        fake::parseRecord(prio, tag, std::string(text, static_cast<std::size_t>(length)));
+    free(text);
+
+    fake::State& s = fake::state();
+    std::function<void(const fake::LogRecord&)> observer;
+    {
+        const std::lock_guard<std::mutex> hold(s.lock);
+        s.log.push_back(record);
+        observer = s.observer;
+    }
+    // Without the lock: the observer may ask the platform, or log.
+    if (observer)
+        observer(record);
+    return length;
+}
+
+char* vconf_get_str(const char* key)
+{
+    const fake::Answers answers = answersTo(std::string("vconf_get_str ") + key);
+    return heapCopy(readable(configured(answers, key), key));
+}
+
+int vconf_get_int(const char* key, int* out)
+{
+    const fake::Answers answers = answersTo(std::string("vconf_get_int ") + key);
+    const auto text = configured(answers, key);
+    const auto number = text ? contract::wholeNumber(*text) : std::nullopt;
+    if (!number)
+        return -1;
+    *out = *number;
+    return 0;
+}
+
+int runtime_info_get_value_string(runtime_info_key_e key, char** out)
+{
+    const fake::Answers answers =
+        answersTo("runtime_info_get_value_string " + std::to_string(static_cast<int>(key)));
+    if (key != RUNTIME_INFO_KEY_LANGUAGE)
+        return -1;
+    return give(readable(answers.language, "language"), out);
+}
+
+int system_info_get_value_int(system_info_key_e key, int* out)
+{
+    const fake::Answers answers =
+        answersTo("system_info_get_value_int " + std::to_string(static_cast<int>(key)));
+    if (key != SYSTEM_INFO_KEY_VANTOR_SERVER_TYPE || !answers.serverType)
+        return -1;
+    *out = *answers.serverType;
+    return 0;
+}
+
+int sso_get_guid(char** out)
+{
+    return give(readable(answersTo("sso_get_guid").guid, "guid"), out);
+}
+
+int sso_get_auth_token(char** out)
+{
+    return give(readable(answersTo("sso_get_auth_token").authToken, "auth_token"), out);
+}
+
+int sso_get_login_info(sso_login_info_s* info)
+{
+    const auto id = readable(answersTo("sso_get_login_info").loginId, "login_id");
+    if (!id || id->size() > sizeof info->user_id)
+        return -1;
+    // 256 bytes fill the field and leave it unterminated, to try the bound of the reader.
+    memcpy(info->user_id, id->data(), id->size());
+    return 0;
+}
+
+int mz_gettimezone(int* utcoff, int* dstoff, void*)
+{
+    const fake::Answers answers = answersTo("mz_gettimezone");
+    if (!answers.timeZone)
+        return -1;
+    *utcoff = answers.timeZone->first;
+    *dstoff = answers.timeZone->second;
+    return 0;
+}
+
+int connection_profile_check_default_gateway(bool* exists)
+{
+    const fake::Answers answers = answersTo("connection_profile_check_default_gateway");
+    if (answers.gatewayError != 0)
+        return answers.gatewayError;
+    *exists = answers.gatewayExists;
+    return 0;
+}
+
+char* deployment_get_host(deployment_host_e which)
+{
+    const int index = static_cast<int>(which);
+    const fake::Answers answers = answersTo("deployment_get_host " + std::to_string(index));
+    if (index < 0 || index > DEPLOYMENT_HOST_SANDBOX)
+        return nullptr;
+    const auto host = readable(answers.hosts[index], "host");
+    return host && contract::isBareHost(*host) ? heapCopy(host) : nullptr;
+}
+
+// A test process keeps its signals and its environment.
+void platform_process_start(void) {}

@@ -1,0 +1,42 @@
+// fake_state.h - what the setters write and the platform functions read.
+#pragma once
+
+#include "fake_platform.h"
+
+#include <mutex>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace fake {
+
+/// What the platform answers.
+struct Answers {
+    std::map<std::string, std::string> config;
+    std::optional<std::string> language;
+    std::optional<int> serverType;
+    std::optional<std::string> guid;
+    std::optional<std::string> authToken;
+    std::optional<std::string> loginId;
+    std::optional<std::pair<int, int>> timeZone;
+    int gatewayError = 0;
+    bool gatewayExists = false;
+    std::optional<std::string> hosts[2];
+};
+
+/// The state of the one platform: take the lock for everything in it.
+struct State {
+    std::mutex lock;
+    Answers answers;
+    std::vector<LogRecord> log;
+    std::vector<std::string> calls;
+    std::function<void(const LogRecord&)> observer;
+};
+
+/// Made at the first use and never destroyed: threads may still log while the process ends.
+State& state();
+
+/// Takes a formatted message apart.
+LogRecord parseRecord(log_priority priority, const char* tag, std::string message);
+
+}  // namespace fake
