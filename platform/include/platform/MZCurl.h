@@ -120,9 +120,9 @@ public:
     ///   was done before.
     bool Initialize();
 
-    /// The calling thread is the worker from now on, and handles are accepted. @return false when
-    /// not initialised
-    bool Start();
+    /// The calling thread is the worker from now on, and handles are accepted. May come before
+    /// Initialize(): the handle then works as soon as that has succeeded.
+    void Start();
 
     /// Ends it: a wait under way comes back at once, nothing is handed out any more, the running
     /// count reads 0, and no handle is accepted until the next Start(). Transfers under way are
