@@ -1,0 +1,35 @@
+// log_format.h - writes a printf format and its arguments into a record, argument by argument: the
+// format is the program's own and trusted, what comes in through an argument is not.
+#pragma once
+
+#include "log_record.h"
+
+#include <cstdarg>
+#include <string_view>
+
+namespace logging {
+
+/// The colour codes that a format may hold.
+constexpr std::string_view kColourInfo = "\033[0;33m";
+constexpr std::string_view kColourError = "\033[0;31m";
+constexpr std::string_view kColourEnd = "\033[0;m";
+
+struct FormatOptions {
+    bool colours = false;      ///< keep the colour codes of the format
+    bool showPrivate = false;  ///< do not hide private values
+};
+
+/// Where a message comes from, when it begins with the file, function and line of its writer. The
+/// texts are the caller's.
+struct Origin {
+    const char* file = nullptr;
+    const char* function = nullptr;
+    int line = 0;
+};
+
+/// Writes the message; the record is not finished. A conversion that is not known here (%n, wide
+/// texts, numbered arguments) is written as it stands, and so is all that follows it.
+Origin writeMessage(Record& record, const FormatOptions& options, const char* format,
+                    va_list arguments);
+
+}  // namespace logging

@@ -1,0 +1,35 @@
+// log_private.h - which arguments of which messages are private.
+#pragma once
+
+#include <string_view>
+
+namespace logging {
+
+/// What opens a message of the service: its file, function and line, all public.
+constexpr std::string_view kOriginFormat = "%s: %s(%d) > ";
+
+enum class Privacy {
+    Public,
+    Hidden,  ///< a token, an id, a check value, a body: only its size is shown
+    Url,     ///< hidden behind the first question mark
+};
+
+/// One message's classification: asked for each conversion of its format in turn.
+class Classification {
+public:
+    /// @param format the whole format, with or without the origin and the colours; not null, and
+    ///   kept
+    explicit Classification(std::string_view format);
+
+    /// How the next conversion is to be treated. The texts of a message that is not in the table
+    /// are hidden.
+    Privacy next();
+
+private:
+    std::string_view m_rules;
+    std::size_t m_next = 0;
+    std::size_t m_origin = 0;
+    bool m_known = false;
+};
+
+}  // namespace logging

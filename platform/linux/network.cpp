@@ -1,0 +1,33 @@
+// network.cpp - the default gateway, from the kernel's routing tables or as [network] fixes it.
+#include "routes.h"
+#include "seam.h"
+#include "settings.h"
+#include "settings_known.h"
+
+#include <platform/network.h>
+
+#include <cerrno>
+
+int connection_profile_check_default_gateway(bool* exists)
+{
+    using Source = settings::GatewayRule::Source;
+    return seam::guarded(ENOMEM, [&] {
+        // A rule that cannot be understood is a failure: guessing "auto" would hide it.
+        if (settings::isRefused("network", "default_gateway"))
+            return EINVAL;
+        const auto text = settings::text("network", "default_gateway");
+        const auto rule = text ? settings::gatewayRule(*text) : settings::GatewayRule{};
+        if (!rule)
+            return EINVAL;
+        switch (rule->source) {
+            case Source::Kernel:
+                return routes::defaultRouteExists(exists);
+            case Source::Fixed:
+                *exists = rule->exists;
+                return 0;
+            case Source::Failure:
+                return rule->code;
+        }
+        return EINVAL;
+    });
+}

@@ -1,0 +1,61 @@
+// process.cpp - makes the process fit to run. Linked into the executable itself.
+#include "environment.h"
+#include "main_loop.h"
+
+#include <platform/process.h>
+
+#include <fcntl.h>
+#include <sys/prctl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <memory>
+
+namespace {
+
+/// Opens the standard descriptors that are closed: a socket must not get the number that the log
+/// writes to.
+void fillStandardDescriptors()
+{
+    for (int fd = 0; fd <= 2; fd++) {
+        if (fcntl(fd, F_GETFD) < 0 && errno == EBADF)
+            open("/dev/null", O_RDWR);
+    }
+}
+
+struct CloseFile {
+    void operator()(FILE* file) const { fclose(file); }
+};
+
+bool isTraced()
+{
+    const std::unique_ptr<FILE, CloseFile> status(fopen("/proc/self/status", "re"));
+    char line[256];
+    while (status != nullptr && fgets(line, sizeof line, status.get()) != nullptr) {
+        int tracer = 0;
+        if (sscanf(line, "TracerPid: %d", &tracer) == 1)
+            return tracer != 0;
+    }
+    return false;
+}
+
+/// Tokens and key parts pass through this memory: no core file, and no look from other processes of
+/// the same user. A tracer that started the program keeps its access; it has seen everything
+/// anyway, and a debugger could not work without.
+void hideMemory()
+{
+    if (!isTraced())
+        prctl(PR_SET_DUMPABLE, 0, 0, 0, 0);
+}
+
+}  // namespace
+
+void platform_process_start(void)
+{
+    process::holdSignals();
+    fillStandardDescriptors();
+    process::cleanEnvironment();
+    hideMemory();
+}

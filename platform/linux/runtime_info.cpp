@@ -1,0 +1,13 @@
+// runtime_info.cpp - the runtime information, from [runtime].
+#include "seam.h"
+#include "settings.h"
+
+#include <platform/runtime_info.h>
+
+int runtime_info_get_value_string(runtime_info_key_e key, char** out)
+{
+    if (key != RUNTIME_INFO_KEY_LANGUAGE)
+        return -1;
+    return seam::guarded(-1,
+                         [&] { return seam::give(settings::text("runtime", "language"), out); });
+}

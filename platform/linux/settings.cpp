@@ -1,0 +1,118 @@
+// settings.cpp - keeps the settings file's last version, and reads it again when the file changes.
+#include "settings.h"
+
+#include "common/contract.h"
+#include "settings_file.h"
+
+#include <platform/log.h>
+
+#include <cstdlib>
+#include <memory>
+#include <mutex>
+
+namespace settings {
+
+namespace {
+
+using Snapshot = std::shared_ptr<const Values>;
+
+/// The last version of the file, guarded by the lock.
+struct Cache {
+    std::mutex lock;
+    std::string path;
+    Contents contents;
+    Snapshot values;
+    std::set<Name> missing;  ///< reported as not set, in this version
+};
+
+/// Never destroyed: threads may still ask while the process ends.
+Cache& cache()
+{
+    static Cache* const instance = new Cache;
+    return *instance;
+}
+
+std::string filePath()
+{
+    const char* const path = getenv("PLEVO_DEVICE_CONF");
+    return path != nullptr && *path != '\0' ? path : "/etc/plevo/device.conf";
+}
+
+void report(const std::string& problem)
+{
+    __dlog_print(DLOG_ERROR, "BILLING_PLATFORM", "settings: %s", problem.c_str());
+}
+
+bool isCurrent(const Cache& cache, const std::string& path)
+{
+    struct stat status {};
+    return cache.values != nullptr && cache.contents.settled && cache.path == path &&
+           stat(path.c_str(), &status) == 0 && Stamp::of(status) == cache.contents.stamp;
+}
+
+/// The values of the file as it is now. What is wrong in a new version is logged without the lock:
+/// the log may have to wait for its reader.
+Snapshot current()
+{
+    const std::string path = filePath();
+    Cache& c = cache();
+    Snapshot values;
+    {
+        const std::lock_guard<std::mutex> hold(c.lock);
+        if (isCurrent(c, path))
+            return c.values;
+        Contents contents = readFile(path);
+        if (c.values != nullptr && c.path == path && contents.sameAs(c.contents)) {
+            c.contents = std::move(contents);
+            return c.values;
+        }
+        values = std::make_shared<const Values>(parse(path, contents));
+        c.path = path;
+        c.contents = std::move(contents);
+        c.values = values;
+        c.missing.clear();
+    }
+    for (const std::string& problem : values->problems)
+        report(problem);
+    return values;
+}
+
+}  // namespace
+
+std::optional<std::string> text(const char* group, const char* key)
+{
+    const Snapshot values = current();
+    const auto found = values->texts.find({group, key});
+    if (found == values->texts.end() || found->second.empty())
+        return std::nullopt;
+    return found->second;
+}
+
+std::optional<int> number(const char* group, const char* key)
+{
+    const auto value = text(group, key);
+    return value ? contract::wholeNumber(*value) : std::nullopt;
+}
+
+bool isRefused(const char* group, const char* key)
+{
+    return current()->refused.count({group, key}) != 0;
+}
+
+void reportMissing(const char* group, const char* key, const char* consequence)
+{
+    const Snapshot values = current();
+    if (!values->usable || values->refused.count({group, key}) != 0)
+        return;
+    Cache& c = cache();
+    std::string path;
+    {
+        const std::lock_guard<std::mutex> hold(c.lock);
+        if (!c.missing.insert({group, key}).second)
+            return;
+        path = c.path;
+    }
+    report(path + ": [" + group + "] " + key + " is not set; " + consequence);
+}
+
+}  // namespace settings

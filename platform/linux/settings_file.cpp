@@ -1,0 +1,244 @@
+// settings_file.cpp - reads and checks one version of the settings file.
+#include "settings_file.h"
+
+#include "settings_known.h"
+
+#include <fcntl.h>
+#include <glib.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <ctime>
+#include <memory>
+
+namespace settings {
+
+namespace {
+
+constexpr std::size_t kSizeLimit = 64 * 1024;
+/// A file that is full of nonsense does not fill the log.
+constexpr std::size_t kProblemLimit = 20;
+/// No file system keeps times coarser than this. A file changed twice within it may show the same
+/// stamp for both versions.
+constexpr time_t kStampSeconds = 3;
+
+struct Descriptor {
+    int fd;
+    explicit Descriptor(int opened) : fd(opened) {}
+    Descriptor(const Descriptor&) = delete;
+    Descriptor& operator=(const Descriptor&) = delete;
+    ~Descriptor()
+    {
+        if (fd >= 0)
+            close(fd);
+    }
+};
+
+struct FreeKeyFile {
+    void operator()(GKeyFile* file) const { g_key_file_free(file); }
+};
+using KeyFile = std::unique_ptr<GKeyFile, FreeKeyFile>;
+
+struct FreeNames {
+    void operator()(gchar** names) const { g_strfreev(names); }
+};
+using Names = std::unique_ptr<gchar*, FreeNames>;
+
+struct FreeText {
+    void operator()(gchar* text) const { g_free(text); }
+};
+using Text = std::unique_ptr<gchar, FreeText>;
+
+bool sameTime(const timespec& a, const timespec& b)
+{
+    return a.tv_sec == b.tv_sec && a.tv_nsec == b.tv_nsec;
+}
+
+bool isSettled(const Stamp& stamp)
+{
+    const time_t newest = std::max(stamp.modified.tv_sec, stamp.changed.tv_sec);
+    return time(nullptr) - newest >= kStampSeconds;
+}
+
+/// @return false with errno set; more than the limit comes back as one byte more than it
+bool readBytes(int fd, std::string& bytes)
+{
+    bytes.resize(kSizeLimit + 1);
+    std::size_t got = 0;
+    while (got < bytes.size()) {
+        const ssize_t count = read(fd, &bytes[got], bytes.size() - got);
+        if (count == 0)
+            break;
+        if (count > 0)
+            got += static_cast<std::size_t>(count);
+        else if (errno != EINTR)
+            return false;
+    }
+    bytes.resize(got);
+    return true;
+}
+
+std::string cannotBeRead(int error)
+{
+    return std::string("cannot be read: ") + g_strerror(error) +
+           "; every setting counts as not set until the file is there and readable "
+           "(PLEVO_DEVICE_CONF names another)";
+}
+
+/// Does GKeyFile take the first so many bytes?
+KeyFile load(const std::string& bytes, std::size_t length)
+{
+    KeyFile file(g_key_file_new());
+    // With translations kept, "key[xx]=" is seen, and reported as unknown, not passed over.
+    if (!g_key_file_load_from_data(file.get(), bytes.data(), length, G_KEY_FILE_KEEP_TRANSLATIONS,
+                                   nullptr))
+        file.reset();
+    return file;
+}
+
+/// Number of the first line that GKeyFile does not take. Its own error text would quote the line,
+/// which may hold a token.
+std::size_t badLine(const std::string& bytes)
+{
+    std::vector<std::size_t> ends;
+    for (std::size_t at = 0; at < bytes.size(); at++) {
+        if (bytes[at] == '\n' || at + 1 == bytes.size())
+            ends.push_back(at + 1);
+    }
+    const auto bad = std::partition_point(
+        ends.begin(), ends.end(), [&](std::size_t end) { return load(bytes, end) != nullptr; });
+    return static_cast<std::size_t>(bad - ends.begin()) + 1;
+}
+
+/// GKeyFile takes the blanks before a value away and leaves those behind it.
+std::string trimmed(std::string value)
+{
+    value.erase(value.find_last_not_of(" \t") + 1);
+    return value;
+}
+
+class Parser {
+public:
+    Parser(const std::string& path, Values& values) : m_path(path), m_values(values) {}
+
+    void problem(const std::string& text)
+    {
+        m_count++;
+        if (m_count <= kProblemLimit)
+            m_values.problems.push_back(m_path + ": " + text);
+    }
+
+    void group(GKeyFile* file, const char* group)
+    {
+        if (!isKnownGroup(group)) {
+            problem("[" + std::string(group) + "] is not a known group and is ignored");
+            return;
+        }
+        const Names keys(g_key_file_get_keys(file, group, nullptr, nullptr));
+        for (gchar** key = keys.get(); key != nullptr && *key != nullptr; key++) {
+            const Text raw(g_key_file_get_value(file, group, *key, nullptr));
+            if (raw != nullptr)
+                setting({group, *key}, trimmed(raw.get()));
+        }
+    }
+
+    void summary()
+    {
+        if (m_count > kProblemLimit)
+            m_values.problems.push_back(m_path + ": " + std::to_string(m_count - kProblemLimit) +
+                                        " more such lines");
+    }
+
+private:
+    void setting(const Name& name, const std::string& value)
+    {
+        const std::string shown = "[" + name.first + "] " + name.second + " ";
+        const auto kind = kindOf(name.first, name.second);
+        if (!kind)
+            problem(shown + "is not a known setting and is ignored");
+        const std::string_view fault = faultIn(kind.value_or(Kind::Text), value);
+        if (fault.empty()) {
+            m_values.texts[name] = value;
+            return;
+        }
+        m_values.refused.insert(name);
+        if (kind)
+            problem(shown + std::string(fault) + "; it counts as not set until it is mended");
+    }
+
+    const std::string& m_path;
+    Values& m_values;
+    std::size_t m_count = 0;
+};
+
+}  // namespace
+
+Stamp Stamp::of(const struct stat& status)
+{
+    return {status.st_dev, status.st_ino, status.st_size, status.st_mtim, status.st_ctim};
+}
+
+bool Stamp::operator==(const Stamp& other) const
+{
+    return device == other.device && inode == other.inode && size == other.size &&
+           sameTime(modified, other.modified) && sameTime(changed, other.changed);
+}
+
+bool Contents::sameAs(const Contents& other) const
+{
+    return bytes == other.bytes && problem == other.problem;
+}
+
+Contents readFile(const std::string& path)
+{
+    Contents contents;
+    // Not blocking: somebody may have put a FIFO there.
+    const Descriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
+    struct stat status {};
+    if (file.fd < 0 || fstat(file.fd, &status) != 0) {
+        contents.problem = cannotBeRead(errno);
+        return contents;
+    }
+    contents.stamp = Stamp::of(status);
+    contents.settled = isSettled(contents.stamp);
+    if (!S_ISREG(status.st_mode))
+        contents.problem = "is not a regular file; every setting counts as not set";
+    else if (!readBytes(file.fd, contents.bytes))
+        contents.problem = cannotBeRead(errno);
+    else if (contents.bytes.size() > kSizeLimit)
+        contents.problem = "is larger than 64 KiB; every setting counts as not set";
+    if (!contents.problem.empty())
+        contents.bytes.clear();
+    return contents;
+}
+
+Values parse(const std::string& path, const Contents& contents)
+{
+    Values values;
+    Parser parser(path, values);
+    if (!contents.problem.empty()) {
+        parser.problem(contents.problem);
+        return values;
+    }
+    // A NUL would end the value silently; as another control byte it is refused by its key.
+    std::string bytes = contents.bytes;
+    std::replace(bytes.begin(), bytes.end(), '\0', '\1');
+
+    const KeyFile file = load(bytes, bytes.size());
+    if (file == nullptr) {
+        parser.problem("line " + std::to_string(badLine(bytes)) +
+                       " is not a [group], a key=value or a # comment in its place; every setting "
+                       "counts as not set until it is mended");
+        return values;
+    }
+    values.usable = true;
+    const Names groups(g_key_file_get_groups(file.get(), nullptr));
+    for (gchar** group = groups.get(); *group != nullptr; group++)
+        parser.group(file.get(), *group);
+    parser.summary();
+    return values;
+}
+
+}  // namespace settings

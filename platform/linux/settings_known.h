@@ -1,0 +1,35 @@
+// settings_known.h - the settings that exist, and what their values must look like.
+#pragma once
+
+#include <optional>
+#include <string_view>
+
+namespace settings {
+
+enum class Kind {
+    Text,
+    Number,   ///< a whole number of 32 bits
+    Host,     ///< a bare host name, optionally with a port
+    Gateway,  ///< see gatewayRule()
+    LoginId,  ///< a text that fits its field in the login record
+};
+
+/// @return nullopt when there is no such setting
+std::optional<Kind> kindOf(std::string_view group, std::string_view key);
+
+bool isKnownGroup(std::string_view group);
+
+/// What is wrong with the value, to be read behind "[group] key "; empty when nothing is.
+std::string_view faultIn(Kind kind, std::string_view value);
+
+/// What the network setting says.
+struct GatewayRule {
+    enum class Source { Kernel, Fixed, Failure } source = Source::Kernel;
+    bool exists = false;  ///< for Fixed
+    int code = 0;         ///< for Failure, positive
+};
+
+/// Reads "auto", "up", "down" or "error:<code>". @return nullopt when it is none of them
+std::optional<GatewayRule> gatewayRule(std::string_view value);
+
+}  // namespace settings

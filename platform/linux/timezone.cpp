@@ -1,0 +1,99 @@
+// timezone.cpp - the local time zone, as the C library knows it.
+#include "seam.h"
+#include "zone.h"
+
+#include <platform/log.h>
+#include <platform/timezone.h>
+
+#include <sys/stat.h>
+
+#include <cctype>
+#include <cstdlib>
+
+namespace zone {
+
+namespace {
+
+constexpr time_t kDay = 24 * 60 * 60;
+/// Every zone that changes its clocks leaves daylight saving at least once in this time.
+constexpr int kDays = 400;
+
+/// Looks for the nearest standard time: the library gives the whole offset only.
+bool standardOffset(time_t moment, int& offset)
+{
+    for (int day = 1; day <= kDays; day++) {
+        for (const time_t near : {moment - day * kDay, moment + day * kDay}) {
+            struct tm then {};
+            if (localtime_r(&near, &then) != nullptr && then.tm_isdst == 0) {
+                offset = static_cast<int>(then.tm_gmtoff);
+                return true;
+            }
+        }
+    }
+    return false;
+}
+
+bool isFile(const std::string& name)
+{
+    const char* const folder = getenv("TZDIR");
+    const std::string path =
+        name[0] == '/'
+            ? name
+            : std::string(folder != nullptr ? folder : "/usr/share/zoneinfo") + "/" + name;
+    struct stat status {};
+    return stat(path.c_str(), &status) == 0 && S_ISREG(status.st_mode);
+}
+
+/// "CET-1CEST" and the like: a name and an offset.
+bool isRule(const std::string& name)
+{
+    const std::size_t digit = name.find_first_of("0123456789");
+    const bool letters = name[0] == '<' || isalpha(static_cast<unsigned char>(name[0])) != 0;
+    return letters && name.find('/') == std::string::npos && digit != std::string::npos &&
+           digit >= 3;
+}
+
+}  // namespace
+
+bool offsetsAt(time_t moment, Offsets& out)
+{
+    struct tm now {};
+    if (localtime_r(&moment, &now) == nullptr)
+        return false;
+    const int whole = static_cast<int>(now.tm_gmtoff);
+    int standard = whole;
+    if (now.tm_isdst > 0 && !standardOffset(moment, standard))
+        standard = whole;
+    out = {standard, whole - standard};
+    return true;
+}
+
+bool isNamed()
+{
+    const char* const value = getenv("TZ");
+    if (value == nullptr || *value == '\0')
+        return true;
+    const std::string name = *value == ':' ? value + 1 : value;
+    return name.empty() || name == "UTC" || name == "GMT" || isFile(name) || isRule(name);
+}
+
+}  // namespace zone
+
+int mz_gettimezone(int* utcoff, int* dstoff, void*)
+{
+    return seam::guarded(-1, [&] {
+        if (!zone::isNamed()) {
+            __dlog_print(DLOG_ERROR, "BILLING_PLATFORM",
+                         "time zone: TZ=%s names no zone of this device", getenv("TZ"));
+            return -1;
+        }
+        // Takes notice of a zone that was changed since the last time.
+        tzset();
+        zone::Offsets offsets;
+        if (!zone::offsetsAt(time(nullptr), offsets))
+            return -1;
+        *utcoff = offsets.standard;
+        *dstoff = offsets.daylight;
+        return 0;
+    });
+}
