@@ -1,0 +1,252 @@
+// BillingHttpRequest.cpp - one procedure for every request, and what each request puts into it. The
+// getters are asked in the order in which their values stand in the request.
+#include "BillingHttpRequest.h"
+
+#include "BillingLog.h"
+#include "BillingTaskBase.h"
+#include "BillingUtil.h"
+
+#include <platform/deployment.h>
+
+#include <json/json.h>
+
+#include <cstdlib>
+#include <initializer_list>
+#include <memory>
+#include <new>
+#include <utility>
+
+namespace {
+
+/// The one connector, made when there is none yet. @return null when there is no memory for it
+CHttpConnector* Connector()
+{
+    using Holder = CBillingSingleton<CHttpConnector>;
+    const CBillingAutoLock oLock(&Holder::m_tSingletonLock);
+    if (Holder::m_pObj == nullptr)
+        Holder::m_pObj = new (std::nothrow) CHttpConnector();
+    return Holder::m_pObj;
+}
+
+/// The pieces with "&" between them.
+std::string Query(std::initializer_list<std::string> pieces)
+{
+    std::string strQuery;
+    for (const std::string& strPiece : pieces) {
+        if (!strQuery.empty())
+            strQuery += '&';
+        strQuery += strPiece;
+    }
+    return strQuery;
+}
+
+// The server knows this writer's layout; its successor writes another one.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wdeprecated-declarations"
+std::string Styled(const Json::Value& oValue)
+{
+    return Json::StyledWriter().write(oValue);
+}
+#pragma GCC diagnostic pop
+
+/// The body of both payment requests: members sorted by key, every value a text.
+std::string PaymentBody(const CBillingItem& item)
+{
+    const std::string strInvoiceId = item.strInvoiceId;
+    const std::string strAppId = item.strAppId;
+    const std::string strCustomId = item.strCustomId;
+    Json::Value oBody;
+    oBody["storeId"] = "1";
+    oBody["storeProdCode"] = "1";
+    oBody["appId"] = strAppId;
+    oBody["invoiceId"] = strInvoiceId;
+    oBody["customId"] = strCustomId;
+    oBody["languageCode"] = BillingUtil::GetLanguage();
+    oBody["countryCode"] = BillingUtil::GetCountryCode();
+    oBody["GUID"] = BillingUtil::GetSSOGUID();
+    oBody["UID"] = BillingUtil::GetSSOUID();
+    return Styled(oBody);
+}
+
+/// Both forms of the purchase history say the same.
+void LogPurchaseHistory(const char* szOperation, const _BILLING_HTTP_REQ_INFO_T& tReqInfo)
+{
+    BILLING_INFO_AS(szOperation, "RequestPurchaseHistory start Url[%s]", tReqInfo.strUrl.c_str());
+    BILLING_INFO_AS(szOperation, "RequestPurchaseHistory start Header: %s",
+                    tReqInfo.strHeader.c_str());
+}
+
+}  // namespace
+
+bool CBillingHttpRequest::Init()
+{
+    BILLING_DEBUG("[START] ");
+    m_bSSL = true;
+    // Unsigned: zero and everything below wraps around and is none of the two.
+    const unsigned int uType = static_cast<unsigned int>(BillingUtil::GetiVantorSerType());
+    const deployment_host_e eHost =
+        uType - 1 <= 1 ? DEPLOYMENT_HOST_SANDBOX : DEPLOYMENT_HOST_PRODUCTION;
+    const std::unique_ptr<char, decltype(&std::free)> pHost(deployment_get_host(eHost), &std::free);
+    m_strServerHost = pHost ? pHost.get() : "";
+    BILLING_DEBUG("[END] ");
+    return true;
+}
+
+bool CBillingHttpRequest::m_GetOSBCommonHeader(std::string& strCommonHeader)
+{
+    strCommonHeader = "Content-Type: application/json; charset=utf-8\r\n";
+    strCommonHeader += "Accept: application/json\r\n";
+    strCommonHeader += "DUID: " + BillingUtil::GetDUID() + "\r\n";
+    strCommonHeader += "Atoken: " + BillingUtil::GetAToken() + "\r\n";
+    return true;
+}
+
+std::string CBillingHttpRequest::m_Url(const char* szPath) const
+{
+    return "https://" + m_strServerHost + szPath;
+}
+
+/// The procedure. @param fill void(_BILLING_HTTP_REQ_INFO_T&): sets URL, header and body, and logs
+/// them
+template <typename Fill>
+bool CBillingHttpRequest::m_Start(const char* szOperation, HTTP_METHOD eMethod,
+                                  ResponseCallback callback, void* pUserData, Fill fill)
+{
+    BILLING_DEBUG_AS(szOperation, "[START] ");
+    CHttpConnector* const poInstance = Connector();
+    if (NULL == poInstance) {
+        BILLING_ERROR_AS(szOperation, "poInstance  is NULL!");
+        BILLING_REFUSED_AS(szOperation, "NULL == poInstance");
+        return false;
+    }
+    _BILLING_HTTP_REQ_INFO_T tReqInfo;
+    Init();
+    tReqInfo.eMethod = eMethod;
+    tReqInfo.bOptionsSet = false;
+    tReqInfo.bSSL = m_bSSL;
+    tReqInfo.pfnCallback = callback;
+    tReqInfo.pUserData = pUserData;
+    fill(tReqInfo);
+    const bool bStarted = eMethod == HTTP_METHOD_POST ? poInstance->Post(&tReqInfo, false)
+                                                      : poInstance->Get(&tReqInfo, false);
+    BILLING_DEBUG_AS(szOperation, "[END] ");
+    return bStarted;
+}
+
+bool CBillingHttpRequest::RequestCheckServerAvailability(std::string&, ResponseCallback callback,
+                                                         void* pUserData)
+{
+    const char* const szOperation = __func__;
+    return m_Start(szOperation, HTTP_METHOD_GET, callback, pUserData, [&](auto& tReqInfo) {
+        // The server takes the UID for both ids here.
+        const std::string strQuery =
+            Query({"storeid=1", "storeprodcode=1", "guid=" + BillingUtil::GetSSOUID(),
+                   "uid=" + BillingUtil::GetSSOUID(), "lang=" + BillingUtil::GetLanguage()});
+        const std::string strCountry = "countrycode=" + BillingUtil::GetCountryCode();
+        tReqInfo.strUrl = m_Url("/billing/service/v2/country?") + Query({strQuery, strCountry});
+        BILLING_INFO_AS(szOperation, "CountryCode:[%s]", strCountry.c_str());
+        m_GetOSBCommonHeader(tReqInfo.strHeader);
+        BILLING_INFO_AS(szOperation, ">>CheckServerAvailability Url[%s]", tReqInfo.strUrl.c_str());
+        BILLING_INFO_AS(szOperation, ">>CheckServerAvailability m_bSSL : %d ; Header: %s", m_bSSL,
+                        tReqInfo.strHeader.c_str());
+    });
+}
+
+bool CBillingHttpRequest::RequestGetProducts(CBillingItem& item, ResponseCallback callback,
+                                             void* pUserData)
+{
+    const char* const szOperation = __func__;
+    return m_Start(szOperation, HTTP_METHOD_GET, callback, pUserData, [&](auto& tReqInfo) {
+        const std::string strAppId = item.strAppId;
+        const std::string strCheckValue = item.strCheckValue;
+        tReqInfo.strUrl =
+            m_Url("/billing/product/v2/products?") +
+            Query({"appid=" + strAppId, "guid=" + BillingUtil::GetSSOGUID(),
+                   "uid=" + BillingUtil::GetSSOUID(), "storeid=1&storeprodcode=1",
+                   "countrycode=" + BillingUtil::GetCountryCode(),
+                   "languagecode=" + BillingUtil::GetLanguage(), "checkvalue=" + strCheckValue});
+        m_GetOSBCommonHeader(tReqInfo.strHeader);
+        BILLING_INFO_AS(szOperation, "RequestGetProducts start Url[%s]", tReqInfo.strUrl.c_str());
+        BILLING_INFO_AS(szOperation, "RequestGetProducts start Header: %s",
+                        tReqInfo.strHeader.c_str());
+    });
+}
+
+bool CBillingHttpRequest::RequestPurchaseHistory(std::string pagesize, std::string startidx,
+                                                 std::string reqtype, ResponseCallback callback,
+                                                 void* pUserData)
+{
+    const char* const szOperation = __func__;
+    return m_Start(szOperation, HTTP_METHOD_GET, callback, pUserData, [&](auto& tReqInfo) {
+        // The custom id is the account's, whatever the caller's item says.
+        tReqInfo.strUrl =
+            m_Url("/billing/service/v2/user/invoices?") +
+            Query({"customid=" + BillingUtil::GetSSOUID(),
+                   "countrycode=" + BillingUtil::GetCountryCode(),
+                   "languagecode=" + BillingUtil::GetLanguage(),
+                   "GUID=" + BillingUtil::GetSSOGUID(), "UID=" + BillingUtil::GetSSOUID(),
+                   "storeid=1&storeprodcode=1&pagesize=" + std::move(pagesize),
+                   "startidx=" + startidx, "reqtype=" + reqtype});
+        m_GetOSBCommonHeader(tReqInfo.strHeader);
+        tReqInfo.strHeader += "TvYear: 15\r\n";
+        tReqInfo.strHeader += "TvVersion: 1.2\r\n";
+        LogPurchaseHistory(szOperation, tReqInfo);
+    });
+}
+
+bool CBillingHttpRequest::RequestPurchaseHistory(CBillingItem& item, ResponseCallback callback,
+                                                 void* pUserData)
+{
+    const char* const szOperation = __func__;
+    return m_Start(szOperation, HTTP_METHOD_GET, callback, pUserData, [&](auto& tReqInfo) {
+        tReqInfo.strUrl =
+            m_Url("/billing/service/v2/user/app/invoices?") +
+            Query({"storeid=1&storeprodcode=1", "GUID=" + BillingUtil::GetSSOGUID(),
+                   "UID=" + BillingUtil::GetSSOUID(), "appid=" + item.strAppId,
+                   "customid=" + item.strCustomId, "countrycode=" + BillingUtil::GetCountryCode(),
+                   "languagecode=" + BillingUtil::GetLanguage(), "itemtype=" + item.strItemType,
+                   "pagenumber=" + item.strPageNumber, "checkvalue=" + item.strCheckValue}) +
+            "&";
+        m_GetOSBCommonHeader(tReqInfo.strHeader);
+        LogPurchaseHistory(szOperation, tReqInfo);
+    });
+}
+
+bool CBillingHttpRequest::RequestGetAppliedTime(CBillingItem& item, ResponseCallback callback,
+                                                void* pUserData)
+{
+    const char* const szOperation = __func__;
+    return m_Start(szOperation, HTTP_METHOD_POST, callback, pUserData, [&](auto& tReqInfo) {
+        m_FillPayment(tReqInfo, "/billing/payment/v2/apply", item);
+        BILLING_INFO_AS(szOperation, "RequestGetAppliedTime start Url[%s]",
+                        tReqInfo.strUrl.c_str());
+        BILLING_INFO_AS(szOperation, "RequestGetAppliedTime start Header: %s",
+                        tReqInfo.strHeader.c_str());
+        BILLING_INFO_AS(szOperation, "RequestGetAppliedTime start Body: %s",
+                        tReqInfo.strBody.c_str());
+    });
+}
+
+bool CBillingHttpRequest::RequestConfirmPurchase(CBillingItem& item, ResponseCallback callback,
+                                                 void* pUserData)
+{
+    const char* const szOperation = __func__;
+    return m_Start(szOperation, HTTP_METHOD_POST, callback, pUserData, [&](auto& tReqInfo) {
+        m_FillPayment(tReqInfo, "/billing/payment/v2/confirm", item);
+        BILLING_INFO_AS(szOperation, "RequestConfirmPurchase start Url[%s]",
+                        tReqInfo.strUrl.c_str());
+        BILLING_INFO_AS(szOperation, "RequestConfirmPurchase start Header: %s",
+                        tReqInfo.strHeader.c_str());
+        BILLING_INFO_AS(szOperation, "RequestConfirmPurchase start Body: %s",
+                        tReqInfo.strBody.c_str());
+    });
+}
+
+/// URL, header and body of a payment request.
+void CBillingHttpRequest::m_FillPayment(_BILLING_HTTP_REQ_INFO_T& tReqInfo, const char* szPath,
+                                        const CBillingItem& item)
+{
+    tReqInfo.strUrl = m_Url(szPath);
+    m_GetOSBCommonHeader(tReqInfo.strHeader);
+    tReqInfo.strBody = PaymentBody(item);
+}
