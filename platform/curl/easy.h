@@ -1,0 +1,10 @@
+// easy.h - the easy handle's inside, for the multi handle.
+#pragma once
+
+#include "transfer.h"
+
+namespace MZCurl {
+
+struct MZCurlEasy::Impl : Transfer {};
+
+}  // namespace MZCurl

@@ -1,0 +1,113 @@
+// gate.cpp - who leads, who waits, and when the waiting ends.
+#include "gate.h"
+
+#include <algorithm>
+#include <memory>
+#include <new>
+
+namespace MZCurl {
+namespace {
+
+constexpr std::chrono::milliseconds kLongestWait{1000};
+
+struct UrlCleanup {
+    void operator()(CURLU* url) const { curl_url_cleanup(url); }
+};
+struct CurlFree {
+    void operator()(char* text) const { curl_free(text); }
+};
+
+bool mayGo(const Host& host, Gate::Clock::time_point now)
+{
+    return host.open || now >= host.deadline;
+}
+
+}  // namespace
+
+std::string Gate::keyOf(const std::string& url)
+{
+    const std::unique_ptr<CURLU, UrlCleanup> parsed(curl_url());
+    if (parsed == nullptr || curl_url_set(parsed.get(), CURLUPART_URL, url.c_str(),
+                                          CURLU_GUESS_SCHEME) != CURLUE_OK) {
+        return {};
+    }
+    std::string key;
+    for (const CURLUPart part : {CURLUPART_SCHEME, CURLUPART_HOST, CURLUPART_PORT}) {
+        char* text = nullptr;
+        if (curl_url_get(parsed.get(), part, &text, CURLU_DEFAULT_PORT) != CURLUE_OK) {
+            return {};
+        }
+        const std::unique_ptr<char, CurlFree> holder(text);
+        key.append(text).append(1, ' ');
+    }
+    return key;
+}
+
+bool Gate::enter(Transfer& transfer, Clock::time_point now)
+{
+    if (transfer.hostKey.empty()) {
+        return true;
+    }
+    try {
+        const auto [entry, cold] = m_hosts.try_emplace(transfer.hostKey);
+        Host& host = entry->second;
+        transfer.host = &host;
+        ++host.members;
+        if (cold) {
+            host.deadline = now + kLongestWait;
+        } else if (!mayGo(host, now)) {
+            moveTo(transfer, host.waiting);
+            return false;
+        }
+    } catch (const std::bad_alloc&) {
+        // A host that cannot be remembered has no gate.
+    }
+    return true;
+}
+
+void Gate::finished(Transfer& transfer)
+{
+    if (transfer.host != nullptr) {
+        transfer.host->open = true;
+    }
+}
+
+void Gate::leave(Transfer& transfer)
+{
+    Host* const host = transfer.host;
+    if (host == nullptr) {
+        return;
+    }
+    transfer.host = nullptr;
+    if (transfer.home != &host->waiting) {
+        host->open = true;
+    }
+    if (--host->members == 0) {
+        m_hosts.erase(transfer.hostKey);
+    }
+}
+
+void Gate::release(TransferList& to, Clock::time_point now)
+{
+    for (auto& [key, host] : m_hosts) {
+        while (mayGo(host, now) && !host.waiting.empty()) {
+            moveTo(*host.waiting.front(), to);
+        }
+    }
+}
+
+int Gate::waitBound(Clock::time_point now, int most) const
+{
+    int bound = most;
+    for (const auto& [key, host] : m_hosts) {
+        if (host.waiting.empty()) {
+            continue;
+        }
+        // Rounded up: a wait that ends a moment too early would be followed by many short ones.
+        const auto left = std::chrono::ceil<std::chrono::milliseconds>(host.deadline - now).count();
+        bound = mayGo(host, now) ? 0 : std::min(bound, static_cast<int>(left));
+    }
+    return bound;
+}
+
+}  // namespace MZCurl

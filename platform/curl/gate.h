@@ -1,0 +1,52 @@
+// gate.h - the leader gate: when many transfers go to a host that nobody is talking to, one goes
+// first, so that the others find its TLS session, or its connection, instead of each making a
+// handshake with the device's key.
+#pragma once
+
+#include <chrono>
+#include <cstddef>
+#include <map>
+#include <string>
+
+#include "transfer.h"
+
+namespace MZCurl {
+
+/// A host that transfers are under way to, or waiting for.
+struct Host {
+    std::size_t members = 0;  // transfers let through or waiting, until they are removed
+    bool open = false;        // the leader has done its part: nobody waits any more
+    std::chrono::steady_clock::time_point deadline;  // nobody waits longer for it
+    TransferList waiting;
+};
+
+/// Thread: the worker.
+class Gate {
+public:
+    using Clock = std::chrono::steady_clock;
+
+    /// Scheme, host and port of a URL; empty when it is none. Thread: any.
+    static std::string keyOf(const std::string& url);
+
+    /// A transfer arrives. @return true when it may go; false when it was put among those that wait
+    bool enter(Transfer& transfer, Clock::time_point now);
+
+    /// A transfer has ended, with or without success: it holds nobody up.
+    static void finished(Transfer& transfer);
+
+    /// A transfer has been taken out, in whatever state: its node is gone from its home list, and
+    /// home still says which one that was.
+    void leave(Transfer& transfer);
+
+    /// Moves those that need not wait any more to another list.
+    void release(TransferList& to, Clock::time_point now);
+
+    /// @return how long the first of those that wait may still have to, in milliseconds; `most`
+    ///   when nobody waits so long
+    int waitBound(Clock::time_point now, int most) const;
+
+private:
+    std::map<std::string, Host> m_hosts;
+};
+
+}  // namespace MZCurl

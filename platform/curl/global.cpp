@@ -1,0 +1,24 @@
+// global.cpp - the libraries' set-up. It is never undone: threads of the resolver may outlive main.
+#include "global.h"
+
+#include <curl/curl.h>
+#include <openssl/crypto.h>
+
+#include <mutex>
+
+namespace MZCurl {
+
+bool initializeLibraries()
+{
+    static std::mutex lock;
+    static bool done = false;
+    const std::lock_guard<std::mutex> guard(lock);
+    if (!done) {
+        // OpenSSL's own exit handler would free what a thread that is still alive uses.
+        done = OPENSSL_init_crypto(OPENSSL_INIT_NO_ATEXIT, nullptr) == 1 &&
+               curl_global_init(CURL_GLOBAL_DEFAULT) == CURLE_OK;
+    }
+    return done;
+}
+
+}  // namespace MZCurl

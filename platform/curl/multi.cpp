@@ -1,0 +1,317 @@
+// multi.cpp - MZCurlMulti: many transfers on one worker, added from any thread.
+#include "multi.h"
+
+#include <openssl/crypto.h>
+
+#include <new>
+
+#include "easy.h"
+#include "global.h"
+
+namespace MZCurl {
+namespace {
+
+constexpr int kLongestPollMs = 1000;
+
+// A finished transfer that its reader is not ready for yet will be wanted in a moment.
+constexpr int kUnclaimedPollMs = 1;
+
+}  // namespace
+
+MZCurlMulti::Impl::~Impl()
+{
+    m_gate.release(m_going, Gate::Clock::time_point::max());
+    for (TransferList* const list : {&m_pending, &m_going, &m_active, &m_ready, &m_given}) {
+        while (!list->empty()) {
+            takeOut(*list->front());
+        }
+    }
+}
+
+bool MZCurlMulti::Impl::initialize()
+{
+    const std::lock_guard<std::mutex> guard(m_lock);
+    if (m_multi != nullptr) {
+        return true;
+    }
+    if (initializeLibraries() && m_share.initialize()) {
+        m_multi.reset(curl_multi_init());
+    }
+    return m_multi != nullptr;
+}
+
+bool MZCurlMulti::Impl::isInitialized()
+{
+    const std::lock_guard<std::mutex> guard(m_lock);
+    return m_multi != nullptr;
+}
+
+void MZCurlMulti::Impl::start()
+{
+    const std::lock_guard<std::mutex> guard(m_lock);
+    m_started = true;
+    m_stopped = false;
+}
+
+void MZCurlMulti::Impl::stop()
+{
+    const std::lock_guard<std::mutex> guard(m_lock);
+    m_started = false;
+    m_stopped = true;
+    if (m_multi != nullptr) {
+        curl_multi_wakeup(m_multi.get());
+    }
+}
+
+bool MZCurlMulti::Impl::stopped()
+{
+    const std::lock_guard<std::mutex> guard(m_lock);
+    return m_stopped;
+}
+
+int MZCurlMulti::Impl::running()
+{
+    const std::lock_guard<std::mutex> guard(m_lock);
+    return m_stopped ? 0 : static_cast<int>(m_added);
+}
+
+bool MZCurlMulti::Impl::add(MZCurlEasy& easy, Transfer& transfer)
+{
+    TransferList entry{&transfer};
+    std::string key = Gate::keyOf(transfer.url);
+    const std::lock_guard<std::mutex> guard(m_lock);
+    const void* nobody = nullptr;
+    if (m_multi == nullptr || !m_started ||
+        !transfer.owner.compare_exchange_strong(nobody, this)) {
+        return false;
+    }
+    transfer.easy = &easy;
+    transfer.hostKey = std::move(key);
+    transfer.node = entry.begin();
+    transfer.home = &m_pending;
+    // The worker takes all of them at once: only the first has to wake it.
+    const bool wake = m_pending.empty();
+    m_pending.splice(m_pending.end(), entry);
+    ++m_added;
+    if (wake) {
+        curl_multi_wakeup(m_multi.get());
+    }
+    return true;
+}
+
+bool MZCurlMulti::Impl::remove(Transfer& transfer)
+{
+    if (transfer.owner != this) {
+        return false;
+    }
+    takeOut(transfer);
+    return true;
+}
+
+void MZCurlMulti::Impl::takeOut(Transfer& transfer)
+{
+    if (transfer.attached) {
+        curl_multi_remove_handle(m_multi.get(), transfer.curl.get());
+        SessionShare::detach(transfer);
+        transfer.attached = false;
+    }
+    const std::lock_guard<std::mutex> guard(m_lock);
+    transfer.home->erase(transfer.node);
+    m_gate.leave(transfer);
+    transfer.home = nullptr;
+    --m_added;
+    transfer.owner = nullptr;
+}
+
+void MZCurlMulti::Impl::adopt()
+{
+    {
+        const std::lock_guard<std::mutex> guard(m_lock);
+        while (!m_pending.empty()) {
+            moveTo(*m_pending.front(), m_going);
+        }
+    }
+    const auto now = Gate::Clock::now();
+    for (auto it = m_going.begin(); it != m_going.end();) {
+        Transfer& transfer = **it++;
+        if (m_gate.enter(transfer, now)) {
+            attach(transfer);
+        }
+    }
+}
+
+void MZCurlMulti::Impl::attach(Transfer& transfer)
+{
+    transfer.begin();
+    m_share.attach(transfer);
+    const CURLMcode code = curl_multi_add_handle(m_multi.get(), transfer.curl.get());
+    if (code != CURLM_OK) {
+        SessionShare::detach(transfer);
+        transfer.startFailure = curl_multi_strerror(code);
+        finish(transfer, CURLE_FAILED_INIT);
+        return;
+    }
+    transfer.attached = true;
+    moveTo(transfer, m_active);
+}
+
+void MZCurlMulti::Impl::finish(Transfer& transfer, CURLcode result)
+{
+    transfer.result = result;
+    moveTo(transfer, m_ready);
+    Gate::finished(transfer);
+}
+
+void MZCurlMulti::Impl::letThrough()
+{
+    m_gate.release(m_going, Gate::Clock::now());
+    while (!m_going.empty()) {
+        attach(*m_going.front());
+    }
+}
+
+void MZCurlMulti::Impl::offerAgain()
+{
+    while (!m_given.empty()) {
+        moveTo(*m_given.front(), m_ready);
+    }
+}
+
+int MZCurlMulti::Impl::waitLimit() const
+{
+    return m_ready.empty() ? m_gate.waitBound(Gate::Clock::now(), kLongestPollMs)
+                           : kUnclaimedPollMs;
+}
+
+bool MZCurlMulti::Impl::select()
+{
+    offerAgain();
+    adopt();
+    if (running() == 0) {
+        return true;
+    }
+    bool ok = curl_multi_poll(m_multi.get(), nullptr, 0, waitLimit(), nullptr) == CURLM_OK;
+    if (stopped()) {
+        return ok;
+    }
+    adopt();
+    int unfinished = 0;
+    ok = curl_multi_perform(m_multi.get(), &unfinished) == CURLM_OK && ok;
+    collect();
+    letThrough();
+    return ok;
+}
+
+void MZCurlMulti::Impl::collect()
+{
+    int left = 0;
+    while (const CURLMsg* const message = curl_multi_info_read(m_multi.get(), &left)) {
+        Transfer* transfer = nullptr;
+        curl_easy_getinfo(message->easy_handle, CURLINFO_PRIVATE, &transfer);
+        finish(*transfer, message->data.result);
+    }
+}
+
+Transfer* MZCurlMulti::Impl::next()
+{
+    if (m_ready.empty() || stopped()) {
+        return nullptr;
+    }
+    Transfer* const transfer = m_ready.front();
+    moveTo(*transfer, m_given);
+    return transfer;
+}
+
+MZCurlMulti::MZCurlMulti() : m_pImpl(new (std::nothrow) Impl) {}
+
+MZCurlMulti::~MZCurlMulti() = default;
+
+bool MZCurlMulti::Initialize()
+{
+    if (m_pImpl == nullptr) {
+        m_pImpl.reset(new (std::nothrow) Impl);
+    }
+    return m_pImpl != nullptr && m_pImpl->initialize();
+}
+
+void MZCurlMulti::Start()
+{
+    if (m_pImpl != nullptr) {
+        m_pImpl->start();
+    }
+}
+
+void MZCurlMulti::Stop()
+{
+    if (m_pImpl != nullptr) {
+        m_pImpl->stop();
+    }
+}
+
+bool MZCurlMulti::addHandle(MZCurlEasy* pEasy)
+{
+    if (m_pImpl == nullptr || pEasy == nullptr || pEasy->m_pImpl == nullptr ||
+        pEasy->m_pImpl->curl == nullptr) {
+        return false;
+    }
+    try {
+        return m_pImpl->add(*pEasy, *pEasy->m_pImpl);
+    } catch (const std::bad_alloc&) {
+        return false;
+    }
+}
+
+bool MZCurlMulti::removeHandle(MZCurlEasy* pEasy)
+{
+    return m_pImpl != nullptr && pEasy != nullptr && pEasy->m_pImpl != nullptr &&
+           m_pImpl->remove(*pEasy->m_pImpl);
+}
+
+bool MZCurlMulti::Perform(int& iRunning)
+{
+    iRunning = 0;
+    if (m_pImpl == nullptr || !m_pImpl->isInitialized()) {
+        return false;
+    }
+    m_pImpl->adopt();
+    iRunning = m_pImpl->running();
+    return true;
+}
+
+bool MZCurlMulti::fdSelect(int& iRunning)
+{
+    iRunning = 0;
+    if (m_pImpl == nullptr || !m_pImpl->isInitialized()) {
+        return false;
+    }
+    const bool ok = m_pImpl->select();
+    iRunning = m_pImpl->running();
+    return ok;
+}
+
+bool MZCurlMulti::InfoRead(MultiMsg& tMsg)
+{
+    tMsg = MultiMsg();
+    if (m_pImpl == nullptr || !m_pImpl->isInitialized()) {
+        return false;
+    }
+    const Transfer* const transfer = m_pImpl->next();
+    if (transfer != nullptr) {
+        tMsg.pEasyHandle = transfer->easy;
+        tMsg.bSuccess = transfer->result == CURLE_OK;
+        tMsg.iResult = transfer->result;
+        try {
+            tMsg.strError = transfer->resultText(transfer->result);
+        } catch (const std::bad_alloc&) {
+            // The result counts without its text.
+        }
+    }
+    return true;
+}
+
+void MZCurlMulti::ThreadEnd()
+{
+    OPENSSL_thread_stop();
+}
+
+}  // namespace MZCurl

@@ -1,0 +1,75 @@
+// multi.h - the multi handle's inside: where each transfer stands, and who moves it on.
+//
+//   add --> pending --> (waiting at the gate) --> active --> ready <--> given --> removed
+//
+// Only `pending` is touched by other threads; the rest belongs to the worker. A finished transfer
+// is ready to be handed out; once handed out it is given, and ready again in the next round: a
+// reader that could not take it yet finds it then.
+#pragma once
+
+#include <curl/curl.h>
+
+#include <chrono>
+#include <cstddef>
+#include <memory>
+#include <mutex>
+
+#include "gate.h"
+#include "share.h"
+#include "transfer.h"
+
+namespace MZCurl {
+
+struct MZCurlMulti::Impl {
+    Impl() = default;
+    ~Impl();
+    Impl(const Impl&) = delete;
+    Impl& operator=(const Impl&) = delete;
+
+    bool initialize();
+    bool isInitialized();
+    void start();
+    void stop();
+    bool add(MZCurlEasy& easy, Transfer& transfer);
+    bool remove(Transfer& transfer);
+
+    /// Takes over what other threads have added.
+    void adopt();
+    /// Waits, performs, and collects what has ended. @return false when libcurl refused
+    bool select();
+    /// The next one to be handed out, null when none is left.
+    Transfer* next();
+    /// The count that callers see.
+    int running();
+
+private:
+    struct Cleanup {
+        void operator()(CURLM* multi) const { curl_multi_cleanup(multi); }
+    };
+
+    bool stopped();
+    void offerAgain();
+    int waitLimit() const;
+    void letThrough();
+    void attach(Transfer& transfer);
+    void finish(Transfer& transfer, CURLcode result);
+    void collect();
+    void takeOut(Transfer& transfer);
+
+    SessionShare m_share;
+    std::unique_ptr<CURLM, Cleanup> m_multi;
+
+    std::mutex m_lock;  // guards the following four
+    bool m_started = false;
+    bool m_stopped = false;
+    std::size_t m_added = 0;
+    TransferList m_pending;
+
+    Gate m_gate;
+    TransferList m_going;  // to be attached next
+    TransferList m_active;
+    TransferList m_ready;
+    TransferList m_given;
+};
+
+}  // namespace MZCurl

@@ -1,0 +1,19 @@
+// options.h - the wrapper's options, as libcurl's.
+#pragma once
+
+#include <list>
+#include <string>
+
+#include "transfer.h"
+
+namespace MZCurl {
+
+/// Each sets one option. @return false, with the reason in the transfer's lastError, when the
+/// option does not take that type of value or the value is refused
+bool setNumber(Transfer& transfer, MZCURL_OPTION_TYPE option, long long value);
+bool setText(Transfer& transfer, MZCURL_OPTION_TYPE option, const std::string& value);
+bool setList(Transfer& transfer, MZCURL_OPTION_TYPE option, const std::list<std::string>& value);
+bool setWriter(Transfer& transfer, MZCURL_OPTION_TYPE option, WriteCallback value);
+bool setPointer(Transfer& transfer, MZCURL_OPTION_TYPE option, void* value);
+
+}  // namespace MZCurl

@@ -1,0 +1,103 @@
+// transfer.cpp - a libcurl handle with the rules that hold for every transfer.
+#include "transfer.h"
+
+#include "callbacks.h"
+
+namespace MZCurl {
+
+bool Transfer::initialize()
+{
+    curl.reset(curl_easy_init());
+    if (curl != nullptr && !applyRules()) {
+        curl.reset();
+    }
+    return curl != nullptr;
+}
+
+bool Transfer::applyRules()
+{
+    CURL* const handle = curl.get();
+    bool ok = true;
+    const auto set = [&](CURLoption option, auto value) {
+        ok = curl_easy_setopt(handle, option, value) == CURLE_OK && ok;
+    };
+    set(CURLOPT_PRIVATE, this);
+    set(CURLOPT_ERRORBUFFER, errorBuffer.data());
+    // The process is threaded: no signal for a time-out, and no wait for a name look-up that is
+    // stuck when its transfer goes.
+    set(CURLOPT_NOSIGNAL, 1L);
+    set(CURLOPT_QUICK_EXIT, 1L);
+    // Nothing from outside steers a transfer: no proxy, no password file, no redirect.
+    set(CURLOPT_PROTOCOLS_STR, "https");
+    set(CURLOPT_PROXY, "");
+    set(CURLOPT_NETRC, static_cast<long>(CURL_NETRC_IGNORED));
+    set(CURLOPT_FOLLOWLOCATION, 0L);
+    // Trust is what CAINFO names and nothing else: the distribution's bundle and folder would be
+    // trusted beside it. The file is read for each new connection, so that a new one counts.
+    set(CURLOPT_CAINFO, static_cast<const char*>(nullptr));
+    set(CURLOPT_CAPATH, static_cast<const char*>(nullptr));
+    set(CURLOPT_CA_CACHE_TIMEOUT, 0L);
+    set(CURLOPT_WRITEFUNCTION, onBody);
+    set(CURLOPT_WRITEDATA, this);
+    set(CURLOPT_HEADERFUNCTION, onHeader);
+    set(CURLOPT_HEADERDATA, this);
+    set(CURLOPT_PREREQFUNCTION, onRequest);
+    set(CURLOPT_PREREQDATA, this);
+    return ok;
+}
+
+void Transfer::reset()
+{
+    curl_easy_reset(curl.get());
+    headers.reset();
+    url.clear();
+    lastError.clear();
+    write = nullptr;
+    writeData = nullptr;
+    userPointer = nullptr;
+    sendsBody = false;
+    namesMethod = false;
+    begin();
+    if (!applyRules()) {
+        curl.reset();
+    }
+}
+
+void Transfer::begin()
+{
+    errorBuffer[0] = '\0';
+    bodyBytes = 0;
+    headerBytes = 0;
+    attempts = 0;
+    refusal = nullptr;
+    startFailure = nullptr;
+    result = CURLE_OK;
+}
+
+std::string Transfer::resultText(CURLcode code) const
+{
+    if (code == CURLE_OK) {
+        return {};
+    }
+    if (startFailure != nullptr) {
+        return startFailure;
+    }
+    if (refusal != nullptr) {
+        return refusal;
+    }
+    return errorBuffer[0] != '\0' ? errorBuffer.data() : curl_easy_strerror(code);
+}
+
+bool Transfer::fail(const char* reason)
+{
+    lastError = reason;
+    return false;
+}
+
+void moveTo(Transfer& transfer, TransferList& list)
+{
+    list.splice(list.end(), *transfer.home, transfer.node);
+    transfer.home = &list;
+}
+
+}  // namespace MZCurl

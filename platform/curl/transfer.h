@@ -1,0 +1,91 @@
+// transfer.h - what stands behind one easy handle: libcurl's handle, what its callbacks need, and
+// the place that the multi handle keeps for it.
+#pragma once
+
+#include <curl/curl.h>
+
+#include <array>
+#include <atomic>
+#include <cstddef>
+#include <list>
+#include <memory>
+#include <string>
+
+#include <platform/MZCurl.h>
+
+namespace MZCurl {
+
+struct Host;
+struct Transfer;
+
+/// Transfers in one state. A transfer's node moves from list to list without being allocated again,
+/// so that only accepting a handle can run out of memory.
+using TransferList = std::list<Transfer*>;
+
+struct EasyCleanup {
+    void operator()(CURL* curl) const { curl_easy_cleanup(curl); }
+};
+struct HeadersCleanup {
+    void operator()(curl_slist* list) const { curl_slist_free_all(list); }
+};
+
+/// Thread: one at a time, as for MZCurlEasy.
+struct Transfer {
+    Transfer() = default;
+    Transfer(const Transfer&) = delete;
+    Transfer& operator=(const Transfer&) = delete;
+
+    /// Makes libcurl's handle, with the rules that no option can lift. @return false when there is
+    /// no memory
+    bool initialize();
+
+    /// Forgets the options and keeps the rules. A handle that could not keep them is gone.
+    void reset();
+
+    /// Forgets what the transfer before left behind: to be called at the start of each one.
+    void begin();
+
+    /// Text for the way a transfer ended; empty for success.
+    std::string resultText(CURLcode code) const;
+
+    /// Records why something failed. @return false
+    bool fail(const char* reason);
+
+    std::unique_ptr<curl_slist, HeadersCleanup> headers;  // libcurl reads it until the very end
+    std::array<char, CURL_ERROR_SIZE> errorBuffer{};
+    std::unique_ptr<CURL, EasyCleanup> curl;
+    std::string lastError;
+
+    // set by options
+    std::string url;
+    WriteCallback write = nullptr;
+    void* writeData = nullptr;
+    void* userPointer = nullptr;
+    bool sendsBody = false;
+    bool namesMethod = false;
+
+    // of the transfer under way
+    std::size_t bodyBytes = 0;
+    std::size_t headerBytes = 0;
+    unsigned int attempts = 0;
+    const char* refusal = nullptr;  // why one of our callbacks ended it; a literal
+
+    // kept by the multi handle that has it
+    std::atomic<const void*> owner{nullptr};
+    MZCurlEasy* easy = nullptr;
+    TransferList* home = nullptr;
+    TransferList::iterator node;
+    std::string hostKey;
+    Host* host = nullptr;
+    bool attached = false;
+    CURLcode result = CURLE_OK;
+    const char* startFailure = nullptr;  // why it could not be attached; a literal
+
+private:
+    bool applyRules();
+};
+
+/// Moves a transfer to the end of another list.
+void moveTo(Transfer& transfer, TransferList& list);
+
+}  // namespace MZCurl
