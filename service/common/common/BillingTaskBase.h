@@ -10,6 +10,7 @@
 #include <atomic>
 #include <cstdint>
 #include <deque>
+#include <new>
 #include <vector>
 
 /// Holds a mutex for the life of a scope.
@@ -70,6 +71,27 @@ public:
     inline static T* m_pObj = nullptr;
     inline static pthread_mutex_t m_tSingletonLock = PTHREAD_MUTEX_INITIALIZER;
 };
+
+/// Gets the one T, making it on first use. The constructor runs under the lock.
+/// @return null when there is no memory for it. Thread: any
+template <typename T>
+T* BillingInstance()
+{
+    CBillingAutoLock oLock(&CBillingSingleton<T>::m_tSingletonLock);
+    if (CBillingSingleton<T>::m_pObj == nullptr) {
+        CBillingSingleton<T>::m_pObj = new (std::nothrow) T();
+    }
+    return CBillingSingleton<T>::m_pObj;
+}
+
+/// Deletes the one T, where there is one. Thread: any, when nobody uses the instance any more
+template <typename T>
+void BillingDeleteInstance()
+{
+    CBillingAutoLock oLock(&CBillingSingleton<T>::m_tSingletonLock);
+    delete CBillingSingleton<T>::m_pObj;
+    CBillingSingleton<T>::m_pObj = nullptr;
+}
 
 /// A GLib main loop that other threads may hand work to.
 ///

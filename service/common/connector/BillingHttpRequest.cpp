@@ -13,20 +13,9 @@
 #include <cstdlib>
 #include <initializer_list>
 #include <memory>
-#include <new>
 #include <utility>
 
 namespace {
-
-/// The one connector, made when there is none yet. @return null when there is no memory for it
-CHttpConnector* Connector()
-{
-    using Holder = CBillingSingleton<CHttpConnector>;
-    const CBillingAutoLock oLock(&Holder::m_tSingletonLock);
-    if (Holder::m_pObj == nullptr)
-        Holder::m_pObj = new (std::nothrow) CHttpConnector();
-    return Holder::m_pObj;
-}
 
 /// The pieces with "&" between them.
 std::string Query(std::initializer_list<std::string> pieces)
@@ -50,11 +39,11 @@ std::string Styled(const Json::Value& oValue)
 #pragma GCC diagnostic pop
 
 /// The body of both payment requests: members sorted by key, every value a text.
-std::string PaymentBody(const CBillingItem& item)
+std::string PaymentBody(const CBillingItem& oItem)
 {
-    const std::string strInvoiceId = item.strInvoiceId;
-    const std::string strAppId = item.strAppId;
-    const std::string strCustomId = item.strCustomId;
+    const std::string strInvoiceId = oItem.strInvoiceId;
+    const std::string strAppId = oItem.strAppId;
+    const std::string strCustomId = oItem.strCustomId;
     Json::Value oBody;
     oBody["storeId"] = "1";
     oBody["storeProdCode"] = "1";
@@ -110,10 +99,10 @@ std::string CBillingHttpRequest::m_Url(const char* szPath) const
 /// them
 template <typename Fill>
 bool CBillingHttpRequest::m_Start(const char* szOperation, HTTP_METHOD eMethod,
-                                  ResponseCallback callback, void* pUserData, Fill fill)
+                                  ResponseCallback pfnCallback, void* pUserData, Fill fill)
 {
     BILLING_DEBUG_AS(szOperation, "[START] ");
-    CHttpConnector* const poInstance = Connector();
+    CHttpConnector* const poInstance = BillingInstance<CHttpConnector>();
     if (NULL == poInstance) {
         BILLING_ERROR_AS(szOperation, "poInstance  is NULL!");
         BILLING_REFUSED_AS(szOperation, "NULL == poInstance");
@@ -124,7 +113,7 @@ bool CBillingHttpRequest::m_Start(const char* szOperation, HTTP_METHOD eMethod,
     tReqInfo.eMethod = eMethod;
     tReqInfo.bOptionsSet = false;
     tReqInfo.bSSL = m_bSSL;
-    tReqInfo.pfnCallback = callback;
+    tReqInfo.pfnCallback = pfnCallback;
     tReqInfo.pUserData = pUserData;
     fill(tReqInfo);
     const bool bStarted = eMethod == HTTP_METHOD_POST ? poInstance->Post(&tReqInfo, false)
@@ -133,11 +122,11 @@ bool CBillingHttpRequest::m_Start(const char* szOperation, HTTP_METHOD eMethod,
     return bStarted;
 }
 
-bool CBillingHttpRequest::RequestCheckServerAvailability(std::string&, ResponseCallback callback,
+bool CBillingHttpRequest::RequestCheckServerAvailability(std::string&, ResponseCallback pfnCallback,
                                                          void* pUserData)
 {
     const char* const szOperation = __func__;
-    return m_Start(szOperation, HTTP_METHOD_GET, callback, pUserData, [&](auto& tReqInfo) {
+    return m_Start(szOperation, HTTP_METHOD_GET, pfnCallback, pUserData, [&](auto& tReqInfo) {
         // The server takes the UID for both ids here.
         const std::string strQuery =
             Query({"storeid=1", "storeprodcode=1", "guid=" + BillingUtil::GetSSOUID(),
@@ -152,13 +141,13 @@ bool CBillingHttpRequest::RequestCheckServerAvailability(std::string&, ResponseC
     });
 }
 
-bool CBillingHttpRequest::RequestGetProducts(CBillingItem& item, ResponseCallback callback,
+bool CBillingHttpRequest::RequestGetProducts(CBillingItem& oItem, ResponseCallback pfnCallback,
                                              void* pUserData)
 {
     const char* const szOperation = __func__;
-    return m_Start(szOperation, HTTP_METHOD_GET, callback, pUserData, [&](auto& tReqInfo) {
-        const std::string strAppId = item.strAppId;
-        const std::string strCheckValue = item.strCheckValue;
+    return m_Start(szOperation, HTTP_METHOD_GET, pfnCallback, pUserData, [&](auto& tReqInfo) {
+        const std::string strAppId = oItem.strAppId;
+        const std::string strCheckValue = oItem.strCheckValue;
         tReqInfo.strUrl =
             m_Url("/billing/product/v2/products?") +
             Query({"appid=" + strAppId, "guid=" + BillingUtil::GetSSOGUID(),
@@ -172,21 +161,21 @@ bool CBillingHttpRequest::RequestGetProducts(CBillingItem& item, ResponseCallbac
     });
 }
 
-bool CBillingHttpRequest::RequestPurchaseHistory(std::string pagesize, std::string startidx,
-                                                 std::string reqtype, ResponseCallback callback,
-                                                 void* pUserData)
+bool CBillingHttpRequest::RequestPurchaseHistory(std::string strPageSize, std::string strStartIdx,
+                                                 std::string strReqType,
+                                                 ResponseCallback pfnCallback, void* pUserData)
 {
     const char* const szOperation = __func__;
-    return m_Start(szOperation, HTTP_METHOD_GET, callback, pUserData, [&](auto& tReqInfo) {
-        // The custom id is the account's, whatever the caller's item says.
+    return m_Start(szOperation, HTTP_METHOD_GET, pfnCallback, pUserData, [&](auto& tReqInfo) {
+        // The custom id is the account's, whatever the caller named.
         tReqInfo.strUrl =
             m_Url("/billing/service/v2/user/invoices?") +
             Query({"customid=" + BillingUtil::GetSSOUID(),
                    "countrycode=" + BillingUtil::GetCountryCode(),
                    "languagecode=" + BillingUtil::GetLanguage(),
                    "GUID=" + BillingUtil::GetSSOGUID(), "UID=" + BillingUtil::GetSSOUID(),
-                   "storeid=1&storeprodcode=1&pagesize=" + std::move(pagesize),
-                   "startidx=" + startidx, "reqtype=" + reqtype});
+                   "storeid=1&storeprodcode=1&pagesize=" + std::move(strPageSize),
+                   "startidx=" + std::move(strStartIdx), "reqtype=" + std::move(strReqType)});
         m_GetOSBCommonHeader(tReqInfo.strHeader);
         tReqInfo.strHeader += "TvYear: 15\r\n";
         tReqInfo.strHeader += "TvVersion: 1.2\r\n";
@@ -194,30 +183,30 @@ bool CBillingHttpRequest::RequestPurchaseHistory(std::string pagesize, std::stri
     });
 }
 
-bool CBillingHttpRequest::RequestPurchaseHistory(CBillingItem& item, ResponseCallback callback,
+bool CBillingHttpRequest::RequestPurchaseHistory(CBillingItem& oItem, ResponseCallback pfnCallback,
                                                  void* pUserData)
 {
     const char* const szOperation = __func__;
-    return m_Start(szOperation, HTTP_METHOD_GET, callback, pUserData, [&](auto& tReqInfo) {
+    return m_Start(szOperation, HTTP_METHOD_GET, pfnCallback, pUserData, [&](auto& tReqInfo) {
         tReqInfo.strUrl =
             m_Url("/billing/service/v2/user/app/invoices?") +
             Query({"storeid=1&storeprodcode=1", "GUID=" + BillingUtil::GetSSOGUID(),
-                   "UID=" + BillingUtil::GetSSOUID(), "appid=" + item.strAppId,
-                   "customid=" + item.strCustomId, "countrycode=" + BillingUtil::GetCountryCode(),
-                   "languagecode=" + BillingUtil::GetLanguage(), "itemtype=" + item.strItemType,
-                   "pagenumber=" + item.strPageNumber, "checkvalue=" + item.strCheckValue}) +
+                   "UID=" + BillingUtil::GetSSOUID(), "appid=" + oItem.strAppId,
+                   "customid=" + oItem.strCustomId, "countrycode=" + BillingUtil::GetCountryCode(),
+                   "languagecode=" + BillingUtil::GetLanguage(), "itemtype=" + oItem.strItemType,
+                   "pagenumber=" + oItem.strPageNumber, "checkvalue=" + oItem.strCheckValue}) +
             "&";
         m_GetOSBCommonHeader(tReqInfo.strHeader);
         LogPurchaseHistory(szOperation, tReqInfo);
     });
 }
 
-bool CBillingHttpRequest::RequestGetAppliedTime(CBillingItem& item, ResponseCallback callback,
+bool CBillingHttpRequest::RequestGetAppliedTime(CBillingItem& oItem, ResponseCallback pfnCallback,
                                                 void* pUserData)
 {
     const char* const szOperation = __func__;
-    return m_Start(szOperation, HTTP_METHOD_POST, callback, pUserData, [&](auto& tReqInfo) {
-        m_FillPayment(tReqInfo, "/billing/payment/v2/apply", item);
+    return m_Start(szOperation, HTTP_METHOD_POST, pfnCallback, pUserData, [&](auto& tReqInfo) {
+        m_FillPayment(tReqInfo, "/billing/payment/v2/apply", oItem);
         BILLING_INFO_AS(szOperation, "RequestGetAppliedTime start Url[%s]",
                         tReqInfo.strUrl.c_str());
         BILLING_INFO_AS(szOperation, "RequestGetAppliedTime start Header: %s",
@@ -227,12 +216,12 @@ bool CBillingHttpRequest::RequestGetAppliedTime(CBillingItem& item, ResponseCall
     });
 }
 
-bool CBillingHttpRequest::RequestConfirmPurchase(CBillingItem& item, ResponseCallback callback,
+bool CBillingHttpRequest::RequestConfirmPurchase(CBillingItem& oItem, ResponseCallback pfnCallback,
                                                  void* pUserData)
 {
     const char* const szOperation = __func__;
-    return m_Start(szOperation, HTTP_METHOD_POST, callback, pUserData, [&](auto& tReqInfo) {
-        m_FillPayment(tReqInfo, "/billing/payment/v2/confirm", item);
+    return m_Start(szOperation, HTTP_METHOD_POST, pfnCallback, pUserData, [&](auto& tReqInfo) {
+        m_FillPayment(tReqInfo, "/billing/payment/v2/confirm", oItem);
         BILLING_INFO_AS(szOperation, "RequestConfirmPurchase start Url[%s]",
                         tReqInfo.strUrl.c_str());
         BILLING_INFO_AS(szOperation, "RequestConfirmPurchase start Header: %s",
@@ -244,9 +233,9 @@ bool CBillingHttpRequest::RequestConfirmPurchase(CBillingItem& item, ResponseCal
 
 /// URL, header and body of a payment request.
 void CBillingHttpRequest::m_FillPayment(_BILLING_HTTP_REQ_INFO_T& tReqInfo, const char* szPath,
-                                        const CBillingItem& item)
+                                        const CBillingItem& oItem)
 {
     tReqInfo.strUrl = m_Url(szPath);
     m_GetOSBCommonHeader(tReqInfo.strHeader);
-    tReqInfo.strBody = PaymentBody(item);
+    tReqInfo.strBody = PaymentBody(oItem);
 }

@@ -1,4 +1,5 @@
-// BillingHttpRequest.h - the billing server's protocol: host, URL, header and body of each request.
+// BillingHttpRequest.h - the protocol layer: turns a request of the engine into one HTTP request to
+// the billing server.
 #pragma once
 
 #include "BillingHttpConnector.h"
@@ -6,45 +7,41 @@
 
 #include <string>
 
-/// Starts requests; their answers go from the connector straight to the callback. Thread: main.
+/// Lives inside the engine. Thread: main.
 ///
-/// A request returns true when the connector took it: the callback then comes once, on the
-/// connector's worker. False: it never comes, and pUserData is still the caller's. Values go into
-/// URL, header and body as the platform and the caller give them, empty ones too; only the JSON
-/// writer escapes.
+/// Every request returns true when the connector accepted it: the callback will then run once, with
+/// pUserData. False means that nothing was started and that the callback will not run. No value is
+/// checked or encoded on its way.
 class CBillingHttpRequest {
 public:
-    /// Reads the device's server type and chooses the host by it; every request does so first.
-    /// @return true
+    /// Reads the device's server type and picks the host; every request does so first. @return true
     bool Init();
-    /// Replaces the text by the header lines of every request, each ended by CR LF. @return true
+
+    /// Replaces strCommonHeader by the header lines that every request carries. @return true
     bool m_GetOSBCommonHeader(std::string& strCommonHeader);
 
-    /// Asks whether the billing service is there for the device's country. @param text not read
-    bool RequestCheckServerAvailability(std::string& text, ResponseCallback callback,
+    /// @param strText not read
+    bool RequestCheckServerAvailability(std::string& strText, ResponseCallback pfnCallback,
                                         void* pUserData);
-    /// Asks what the application sells. Reads strAppId and strCheckValue.
-    bool RequestGetProducts(CBillingItem& item, ResponseCallback callback, void* pUserData);
-    /// Asks for one page of the account's invoices.
-    bool RequestPurchaseHistory(std::string pagesize, std::string startidx, std::string reqtype,
-                                ResponseCallback callback, void* pUserData);
-    /// Asks for one page of the account's invoices of one application. Reads strAppId, strCustomId,
-    /// strItemType, strPageNumber and strCheckValue. Part of the interface, used by no method of
-    /// the service.
-    bool RequestPurchaseHistory(CBillingItem& item, ResponseCallback callback, void* pUserData);
-    /// Asks when a purchase was applied, or confirms one. Both read strInvoiceId, strAppId and
-    /// strCustomId.
-    bool RequestGetAppliedTime(CBillingItem& item, ResponseCallback callback, void* pUserData);
-    bool RequestConfirmPurchase(CBillingItem& item, ResponseCallback callback, void* pUserData);
+    bool RequestGetProducts(CBillingItem& oItem, ResponseCallback pfnCallback, void* pUserData);
+    /// The invoices of the signed-in account. @param strPageSize, strStartIdx, strReqType decimal
+    /// numbers
+    bool RequestPurchaseHistory(std::string strPageSize, std::string strStartIdx,
+                                std::string strReqType, ResponseCallback pfnCallback,
+                                void* pUserData);
+    /// The invoices of one application. No method of the service asks for them.
+    bool RequestPurchaseHistory(CBillingItem& oItem, ResponseCallback pfnCallback, void* pUserData);
+    bool RequestGetAppliedTime(CBillingItem& oItem, ResponseCallback pfnCallback, void* pUserData);
+    bool RequestConfirmPurchase(CBillingItem& oItem, ResponseCallback pfnCallback, void* pUserData);
 
 private:
     template <typename Fill>
-    bool m_Start(const char* szOperation, HTTP_METHOD eMethod, ResponseCallback callback,
+    bool m_Start(const char* szOperation, HTTP_METHOD eMethod, ResponseCallback pfnCallback,
                  void* pUserData, Fill fill);
     std::string m_Url(const char* szPath) const;
     void m_FillPayment(_BILLING_HTTP_REQ_INFO_T& tReqInfo, const char* szPath,
-                       const CBillingItem& item);
+                       const CBillingItem& oItem);
 
-    bool m_bSSL = false;
-    std::string m_strServerHost;
+    bool m_bSSL = true;           // verify the server; copied into each request
+    std::string m_strServerHost;  // without scheme or path
 };
