@@ -1,0 +1,302 @@
+// BillingEngine.cpp - the five requests, their results, and the pipe that carries the results to the
+// main loop.
+#include "BillingEngine.h"
+
+#include "BillingHttpConnector.h"
+#include "BillingLog.h"
+#include "BillingTaskBase.h"
+
+#include <platform/network.h>
+
+#include <fcntl.h>
+#include <poll.h>
+
+#include <cerrno>
+#include <cstring>
+#include <memory>
+#include <new>
+
+namespace {
+
+// The engine always asks for the first page of the account's invoices.
+constexpr const char* PAGE_SIZE = "20";
+constexpr const char* START_INDEX = "1";
+constexpr const char* INVOICE_REQUEST_TYPE = "2";
+
+constexpr const char* TEXT_NO_NETWORK = "Network error, please check!";
+constexpr const char* TEXT_TRY_LATER = "Try again later.";
+
+// Room for more results than the bus lets calls of one user be outstanding, 32,768. Also the most
+// that an ordinary user may ask of Linux (/proc/sys/fs/pipe-max-size).
+constexpr int PIPE_BYTES = 1024 * 1024;
+
+// A message is two writes, and both the worker and the main thread write: one at a time, and never
+// beside the deletion of the pipe. Not a member: a result may come while the engine goes.
+pthread_mutex_t g_tPipeLock = PTHREAD_MUTEX_INITIALIZER;
+
+bool HasRoom(Ecore_Pipe* pPipe)
+{
+    // The write end blocks when the pipe is full, and the main thread would wait for itself.
+    pollfd tPoll{ecore_pipe_write_fd(pPipe), POLLOUT, 0};
+    return poll(&tPoll, 1, 0) == 1 && (tPoll.revents & POLLOUT) != 0;
+}
+
+enum class ResultLog { NONE, PLAIN, ARROW };
+
+// In what the five response callbacks differ.
+struct CallbackText {
+    const char* szOperation;
+    REQUEST_TYPE eType;
+    void (*pfnLogError)();
+    ResultLog eLog;
+};
+
+void LogResult(const CallbackText& tText, bool bSuccess, const std::string& strRsp)
+{
+    switch (tText.eLog) {
+        case ResultLog::NONE:
+            return;
+        case ResultLog::PLAIN:
+            BILLING_INFO_AS(tText.szOperation, "bResponseCode :%d", bSuccess);
+            BILLING_INFO_AS(tText.szOperation, "strRsp :%s", strRsp.c_str());
+            return;
+        case ResultLog::ARROW:
+            BILLING_INFO_AS(tText.szOperation, "-------> bResponseCode :%d", bSuccess);
+            BILLING_INFO_AS(tText.szOperation, "-------> strRsp :%s", strRsp.c_str());
+            return;
+    }
+}
+
+// What every response callback does. It is called from C code, and lets no exception out.
+void SendResult(const CallbackText& tText, bool bSuccess, const std::string& strRsp,
+                void* pUserData) noexcept
+{
+    BILLING_DEBUG_AS(tText.szOperation, "[START] ");
+    if (pUserData == nullptr) {
+        BILLING_REFUSED_AS(tText.szOperation, "NULL == pUserData");
+        return;
+    }
+    const std::unique_ptr<EngineRequestContext> ptReq(
+        static_cast<EngineRequestContext*>(pUserData));
+    if (ptReq->pOwner == nullptr) {
+        return;
+    }
+    if (!bSuccess) {
+        tText.pfnLogError();
+    }
+    BILLING_RETURN_INFO_T tInfo;
+    tInfo.iRespResult = bSuccess ? BILLING_RESULT_SUCCESS : BILLING_RESULT_HTTP_ERROR;
+    tInfo.pUser = ptReq->pUser;
+    LogResult(tText, bSuccess, strRsp);
+    try {
+        tInfo.strRespInfo = strRsp;
+        ptReq->pOwner->m_WriteRequestResultToPipe(tText.eType, tInfo);
+    } catch (const std::bad_alloc&) {
+        BILLING_ERROR_AS(tText.szOperation, "no memory for the response, it is answered as failed");
+        tInfo.iRespResult = BILLING_RESULT_HTTP_ERROR;
+        tInfo.strRespInfo.clear();
+        ptReq->pOwner->m_WriteRequestResultToPipe(tText.eType, tInfo);
+    }
+    BILLING_DEBUG_AS(tText.szOperation, "[END] ");
+}
+
+}  // namespace
+
+CBillingEngine::~CBillingEngine()
+{
+    BILLING_DEBUG("[END] ");
+}
+
+bool CBillingEngine::RegisterPipeCallback(void (*handler)(void*, void*, unsigned int), void* data)
+{
+    m_pPipe = ecore_pipe_add(handler, data);
+    if (m_pPipe == nullptr) {
+        BILLING_ERROR("ecore_pipe_add() return NULL!");
+        return false;
+    }
+    if (fcntl(ecore_pipe_write_fd(m_pPipe), F_SETPIPE_SZ, PIPE_BYTES) < 0) {
+        BILLING_ERROR("the result pipe keeps its default size, results may be lost in a burst: %s",
+                      strerror(errno));
+    }
+    return true;
+}
+
+bool CBillingEngine::Create()
+{
+    CHttpConnector* poConnector = BillingInstance<CHttpConnector>();
+    BILLING_RETURN_IF(NULL == poConnector, false);
+    return poConnector->Create();
+}
+
+void CBillingEngine::Destroy()
+{
+    {
+        // The pipe goes first: a result that completes from here on finds none and is dropped.
+        CBillingAutoLock oLock(&g_tPipeLock);
+        if (m_pPipe != nullptr) {
+            ecore_pipe_del(m_pPipe);
+            m_pPipe = nullptr;
+        }
+    }
+    CHttpConnector* poConnector = BillingInstance<CHttpConnector>();
+    if (poConnector == nullptr) {
+        return;
+    }
+    poConnector->Destroy();
+    BillingDeleteInstance<CHttpConnector>();
+    BILLING_INFO("Destroy HttpConnector successfully.");
+}
+
+bool CBillingEngine::m_CheckNetWorkStats()
+{
+    bool bExists = false;
+    const int iError = connection_profile_check_default_gateway(&bExists);
+    if (iError != 0) {
+        BILLING_ERROR("Get Network status failed: %d", iError);
+        return false;
+    }
+    BILLING_INFO("Get Network status: %d", bExists);
+    return bExists;
+}
+
+void CBillingEngine::m_Refuse(REQUEST_TYPE eType, const char* szText, void* pUser)
+{
+    BILLING_RETURN_INFO_T tInfo;
+    tInfo.iRespResult = BILLING_RESULT_ENGINE_REFUSED;
+    tInfo.strRespInfo = szText;
+    tInfo.pUser = pUser;
+    m_WriteRequestResultToPipe(eType, tInfo);
+}
+
+// The way of every request: check for a way out, hand over, or refuse through the pipe.
+// @param submit  bool(EngineRequestContext*): the call into the protocol layer
+template <typename Submit>
+bool CBillingEngine::m_Start(const char* szOperation, REQUEST_TYPE eType, void* pUser,
+                             Submit submit)
+{
+    BILLING_DEBUG_AS(szOperation, "[START] ");
+    std::unique_ptr<EngineRequestContext> ptReq(new (std::nothrow) EngineRequestContext{});
+    if (ptReq == nullptr) {
+        BILLING_REFUSED_AS(szOperation, "NULL == ptReq");
+        return false;
+    }
+    ptReq->pOwner = this;
+    ptReq->pUser = pUser;
+    if (!m_CheckNetWorkStats()) {
+        ptReq.reset();
+        m_Refuse(eType, TEXT_NO_NETWORK, pUser);
+        return false;
+    }
+    const bool bSubmitted = submit(ptReq.get());
+    if (bSubmitted) {
+        ptReq.release();  // the callback's now, which may have run already
+    } else {
+        ptReq.reset();
+        m_Refuse(eType, TEXT_TRY_LATER, pUser);
+    }
+    BILLING_DEBUG_AS(szOperation, "[END] ");
+    return bSubmitted;
+}
+
+bool CBillingEngine::GetProducts(CBillingItem oItem, void* pUser)
+{
+    return m_Start(__func__, REQUEST_TYPE_GET_PRODUCTS, pUser, [&](void* pReq) {
+        return m_oHttpRequest.RequestGetProducts(oItem, m_GetProductsCB, pReq);
+    });
+}
+
+bool CBillingEngine::PurchaseHistory(CBillingItem, void* pUser)
+{
+    return m_Start(__func__, REQUEST_TYPE_PURCHASE_HISTORY, pUser, [&](void* pReq) {
+        return m_oHttpRequest.RequestPurchaseHistory(PAGE_SIZE, START_INDEX, INVOICE_REQUEST_TYPE,
+                                                     m_PurchaseHistoryCB, pReq);
+    });
+}
+
+bool CBillingEngine::GetAppliedTime(CBillingItem oItem, void* pUser)
+{
+    return m_Start(__func__, REQUEST_TYPE_GET_APPLIED_TIME, pUser, [&](void* pReq) {
+        return m_oHttpRequest.RequestGetAppliedTime(oItem, m_GetAppliedTimeCB, pReq);
+    });
+}
+
+bool CBillingEngine::ConfirmPurchase(CBillingItem oItem, void* pUser)
+{
+    return m_Start(__func__, REQUEST_TYPE_CONFIRM_PURCHASE, pUser, [&](void* pReq) {
+        return m_oHttpRequest.RequestConfirmPurchase(oItem, m_ConfirmPurchaseCB, pReq);
+    });
+}
+
+bool CBillingEngine::CheckServerAvailability(std::string& strText, void* pUser)
+{
+    return m_Start(__func__, REQUEST_TYPE_CHECK_SERVER_AVAILABILITY, pUser, [&](void* pReq) {
+        return m_oHttpRequest.RequestCheckServerAvailability(strText, m_CheckServerAvailabilityCB,
+                                                             pReq);
+    });
+}
+
+void CBillingEngine::m_WriteRequestResultToPipe(REQUEST_TYPE eType, BILLING_RETURN_INFO_T& tInfo)
+{
+    {
+        CBillingAutoLock oLock(&g_tPipeLock);
+        BILLING_RETURN_IF(NULL == m_pPipe);
+    }
+    std::unique_ptr<BILLING_RETURN_INFO_T> pReturnInfo(new (std::nothrow) BILLING_RETURN_INFO_T);
+    BILLING_RETURN_IF(NULL == pReturnInfo);
+    *pReturnInfo = tInfo;
+    pReturnInfo->eReqType = eType;
+    BILLING_INFO("pReturnInfo->pUser %p", pReturnInfo->pUser);
+
+    CBillingAutoLock oLock(&g_tPipeLock);
+    BILLING_RETURN_IF(NULL == m_pPipe);  // it may have gone since
+    BILLING_RETURN_INFO_T* pMessage = pReturnInfo.get();
+    if (!HasRoom(m_pPipe) || !ecore_pipe_write(m_pPipe, &pMessage, sizeof pMessage)) {
+        BILLING_ERROR("the result pipe is full, a reply is lost");
+        return;
+    }
+    pReturnInfo.release();  // the reader's now
+}
+
+void CBillingEngine::m_PurchaseHistoryCB(bool bSuccess, std::string& strRsp, void* pUserData)
+{
+    SendResult({__func__, REQUEST_TYPE_PURCHASE_HISTORY,
+                [] { BILLING_ERROR_AS("m_PurchaseHistoryCB", "m_PurchaseHistoryCB Http error! "); },
+                ResultLog::NONE},
+               bSuccess, strRsp, pUserData);
+}
+
+void CBillingEngine::m_GetProductsCB(bool bSuccess, std::string& strRsp, void* pUserData)
+{
+    SendResult({__func__, REQUEST_TYPE_GET_PRODUCTS,
+                [] { BILLING_ERROR_AS("m_GetProductsCB", "m_GetProductsCB Http error! "); },
+                ResultLog::PLAIN},
+               bSuccess, strRsp, pUserData);
+}
+
+void CBillingEngine::m_GetAppliedTimeCB(bool bSuccess, std::string& strRsp, void* pUserData)
+{
+    SendResult({__func__, REQUEST_TYPE_GET_APPLIED_TIME,
+                [] { BILLING_ERROR_AS("m_GetAppliedTimeCB", "m_GetAppliedTimeCB Http error! "); },
+                ResultLog::PLAIN},
+               bSuccess, strRsp, pUserData);
+}
+
+void CBillingEngine::m_ConfirmPurchaseCB(bool bSuccess, std::string& strRsp, void* pUserData)
+{
+    SendResult({__func__, REQUEST_TYPE_CONFIRM_PURCHASE,
+                [] { BILLING_ERROR_AS("m_ConfirmPurchaseCB", "m_ConfirmPurchaseCB Http error! "); },
+                ResultLog::PLAIN},
+               bSuccess, strRsp, pUserData);
+}
+
+void CBillingEngine::m_CheckServerAvailabilityCB(bool bSuccess, std::string& strRsp,
+                                                 void* pUserData)
+{
+    SendResult({__func__, REQUEST_TYPE_CHECK_SERVER_AVAILABILITY,
+                [] {
+                    BILLING_ERROR_AS("m_CheckServerAvailabilityCB",
+                                     "m_CheckServerAvailabilityCB Http error!");
+                },
+                ResultLog::ARROW},
+               bSuccess, strRsp, pUserData);
+}

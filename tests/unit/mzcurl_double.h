@@ -1,0 +1,41 @@
+// mzcurl_double.h - stands in for the curl wrapper in the connector's tests: it records options in
+// order, refuses what a test wants refused, and finishes transfers when the test says so.
+#pragma once
+
+#include <platform/MZCurl.h>
+
+#include <deque>
+#include <mutex>
+#include <string>
+#include <vector>
+
+struct CurlDouble {
+    // What fails.
+    int iMultiInitializeFailures =
+        0;  ///< that many Initialize() calls of the multi handle, from now on
+    bool bEasyInitializeFails = false;
+    bool bAddFails = false;
+    bool bRemoveFails = false;
+    bool bPerformFails = false;
+    bool bSelectFails = false;
+    bool bInfoFails = false;
+    bool bSendFails = false;
+    int iRefusedOption = 0;  ///< this option number is refused with the text "no"
+
+    // What was seen.
+    std::vector<std::string> options;  ///< "<number> <value>", in order, of every easy handle
+    std::vector<std::string>
+        events;                ///< "Initialize", "reset", "add", "remove", "Start", "Stop" ...
+    void* pPrivate = nullptr;  ///< of the last easy handle
+    MZCurl::WriteCallback pfnWrite = nullptr;
+    void* pWriteData = nullptr;
+
+    // What the worker's loop gets.
+    std::deque<MZCurl::MZCurlMulti::MultiMsg> messages;
+    int iRunning = 0;  ///< count that fdSelect() reports, lowered by each removal
+    std::string strLastError = "no";
+};
+
+/// The one double of the process. Thread: hold the mutex where the worker may be running.
+CurlDouble& Curl();
+std::mutex& CurlMutex();
