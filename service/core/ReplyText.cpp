@@ -1,0 +1,58 @@
+// ReplyText.cpp - makes of a server's body what the bus can carry in a reply.
+#include "ReplyText.h"
+
+#include <glib.h>
+
+#include <cstring>
+#include <memory>
+
+namespace {
+
+constexpr std::size_t MESSAGE_BYTES = 32 * 1024 * 1024;  // header and body
+constexpr std::size_t LONGEST_NAME = 255;                // D-Bus specification, bus names
+constexpr std::size_t REPLACEMENT_BYTES = 3;             // U+FFFD in UTF-8
+
+constexpr std::size_t Aligned(std::size_t uBytes)
+{
+    return (uBytes + 7) & ~std::size_t{7};
+}
+
+// Length of the valid text, counted without making it: a hostile body triples in size.
+std::size_t ValidLength(const std::string& strText)
+{
+    std::size_t uBad = 0;
+    const char* pEnd = strText.data() + strText.size();
+    const char* pBad = strText.data();
+    while (!g_utf8_validate_len(pBad, static_cast<gsize>(pEnd - pBad), &pBad)) {
+        ++uBad;
+        ++pBad;
+    }
+    return strText.size() + uBad * (REPLACEMENT_BYTES - 1);
+}
+
+}  // namespace
+
+std::size_t ReplyTextLimit(const char* szDestination)
+{
+    // Fixed part and length of the fields; then the fields, each aligned to 8: reply serial (8
+    // bytes), signature (8) and destination (4 + length + name + NUL). The body is the number, the
+    // text's length, the text and its NUL.
+    const std::size_t uName = szDestination != nullptr ? std::strlen(szDestination) : LONGEST_NAME;
+    const std::size_t uHeader = 16 + 8 + 8 + Aligned(4 + 4 + uName + 1);
+    return MESSAGE_BYTES - uHeader - (4 + 4 + 1);
+}
+
+bool MakeReplyText(std::string& strText, std::size_t uLimit)
+{
+    const std::size_t uLength = ValidLength(strText);
+    if (uLength > uLimit) {
+        std::string().swap(strText);
+        return false;
+    }
+    if (uLength != strText.size()) {
+        const std::unique_ptr<char, decltype(&g_free)> szValid(
+            g_utf8_make_valid(strText.data(), static_cast<gssize>(strText.size())), g_free);
+        strText = szValid.get();
+    }
+    return true;
+}

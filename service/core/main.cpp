@@ -1,0 +1,58 @@
+// main.cpp - the process: start, run, stop.
+#include "BillingLog.h"
+#include "DBusManager.h"
+
+#include <platform/process.h>
+
+#include <Ecore.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <new>
+
+// Null before the front end exists and after the teardown, which reads and clears it.
+CDBusManager* g_pDbusMan = nullptr;
+
+void billing_service_quit()
+{
+    BILLING_WARN("billing service will be quit");
+    if (g_pDbusMan != nullptr) {
+        BILLING_WARN("start delete g_pDbusMan");
+        delete g_pDbusMan;
+        g_pDbusMan = nullptr;
+        BILLING_WARN(" delete g_pDbusMan end");
+    }
+    ecore_main_loop_quit();
+    BILLING_WARN(" quit ecore_main_loop end");
+}
+
+// Runs only while the main thread waits for events and holds nothing: the platform lets SIGTERM in
+// nowhere else. That is what makes a whole teardown in a signal handler safe.
+void sig_quit(int iSignal)
+{
+    BILLING_INFO("received SIGTERM signal %d", iSignal);
+    billing_service_quit();
+}
+
+int main()
+{
+    platform_process_start();
+    signal(SIGTERM, sig_quit);
+    umask(0);
+    if (chdir("/") != 0) {
+        BILLING_ERROR("Failed to change working directory to root");
+    }
+    g_pDbusMan = new (std::nothrow) CDBusManager();
+    if (g_pDbusMan == nullptr) {
+        BILLING_ERROR(" create CDBusManager error!");
+        return 0;
+    }
+    g_pDbusMan->Initialize();
+    ecore_init();
+    g_pDbusMan->InitEcorePipe();
+    ecore_main_loop_begin();
+    billing_service_quit();
+    BILLING_INFO("--billing service quit!--");
+    return 0;
+}

@@ -1,0 +1,69 @@
+// test_reply_text.cpp - what of a server's body the bus can carry.
+#include "ReplyText.h"
+
+#include <gtest/gtest.h>
+
+namespace {
+
+constexpr std::size_t PLENTY = 1000;
+
+TEST(ReplyTextLimit, IsTheLongestTextThatTheBusTakesFromAService)
+{
+    EXPECT_EQ(ReplyTextLimit(":1.5"), 33554375u);
+    EXPECT_EQ(ReplyTextLimit(":1.9999"), 33554375u);
+}
+
+TEST(ReplyTextLimit, ShrinksWithTheCallersName)
+{
+    EXPECT_EQ(ReplyTextLimit(":1.99999"), 33554367u);
+    EXPECT_EQ(ReplyTextLimit(nullptr), 33554432u - 9 - 32 - 264);
+}
+
+class ReplyText : public ::testing::Test {
+protected:
+    static std::string made(std::string strText, std::size_t uLimit = PLENTY)
+    {
+        EXPECT_TRUE(MakeReplyText(strText, uLimit));
+        return strText;
+    }
+};
+
+TEST_F(ReplyText, LeavesValidTextAloneByteForByte)
+{
+    EXPECT_EQ(made(""), "");
+    EXPECT_EQ(made("\xEF\xBB\xBF{\"\x01\":\t\"\x7f\"}\r\n"),
+              "\xEF\xBB\xBF{\"\x01\":\t\"\x7f\"}\r\n");
+    EXPECT_EQ(made("é 日本 \xF0\x9F\x98\x80"), "é 日本 \xF0\x9F\x98\x80");
+}
+
+TEST_F(ReplyText, ReplacesEachBadByte)
+{
+    EXPECT_EQ(made("\xff\xfe"), "\uFFFD\uFFFD");
+    EXPECT_EQ(made(std::string("a\0b", 3)), "a\uFFFDb");
+    EXPECT_EQ(made(std::string(2, '\0')), "\uFFFD\uFFFD");
+    EXPECT_EQ(made("cut \xE6\x97"), "cut \uFFFD\uFFFD");
+    EXPECT_EQ(made("\xED\xA0\x80"), "\uFFFD\uFFFD\uFFFD") << "a surrogate";
+    EXPECT_EQ(made("\xC0\x80"), "\uFFFD\uFFFD") << "an overlong form";
+}
+
+TEST_F(ReplyText, TakesATextOfExactlyTheLimit)
+{
+    EXPECT_EQ(made("12345", 5), "12345");
+    EXPECT_EQ(made("12\xff", 5), "12\uFFFD");
+}
+
+TEST_F(ReplyText, EmptiesATextThatIsTooLong)
+{
+    std::string strText = "123456";
+    EXPECT_FALSE(MakeReplyText(strText, 5));
+    EXPECT_EQ(strText, "");
+}
+
+TEST_F(ReplyText, MeasuresATextAsItWillBe)
+{
+    std::string strText = "123\xff";
+    EXPECT_FALSE(MakeReplyText(strText, 5));
+    EXPECT_EQ(strText, "");
+}
+
+}  // namespace
