@@ -26,6 +26,11 @@ fake::Answers answersTo(const std::string& call)
     return s.answers;
 }
 
+void report(const std::string& name, const char* fault)
+{
+    __dlog_print(DLOG_ERROR, "BILLING_PLATFORM", "%s %s", name.c_str(), fault);
+}
+
 /// The text as a reader may have it: nullopt when it is not set, empty or holds a control
 /// character, which is logged by the name of the value.
 std::optional<std::string> readable(const std::optional<std::string>& value,
@@ -34,8 +39,7 @@ std::optional<std::string> readable(const std::optional<std::string>& value,
     if (!value || value->empty())
         return std::nullopt;
     if (contract::holdsControl(*value)) {
-        __dlog_print(DLOG_ERROR, "BILLING_PLATFORM", "the value of %s holds a control character",
-                     name.c_str());
+        report(name, "holds a control character");
         return std::nullopt;
     }
     return value;
@@ -170,8 +174,12 @@ char* deployment_get_host(deployment_host_e which)
     const fake::Answers answers = answersTo("deployment_get_host " + std::to_string(index));
     if (index < 0 || index > DEPLOYMENT_HOST_SANDBOX)
         return nullptr;
-    const auto host = readable(answers.hosts[index], "host");
-    return host && contract::isBareHost(*host) ? heapCopy(host) : nullptr;
+    const std::string name = index == 0 ? "production_host" : "sandbox_host";
+    const auto host = readable(answers.hosts[index], name);
+    if (host && contract::isBareHost(*host))
+        return heapCopy(host);
+    report(name, host ? "is not a bare host name" : "is not set");
+    return nullptr;
 }
 
 // A test process keeps its signals and its environment.

@@ -5,9 +5,10 @@
 //   idle  sleeps in the loop    busy  never sleeps; a second thread writes the pipe
 // Prints "ready" when the loop is about to begin, and at the end how often the handler ran and what
 // was dispatched, before and after the end of the loop.
+#include <platform/process.h>
+
 #include <Ecore.h>
 #include <glib.h>
-#include <platform/process.h>
 #include <sys/stat.h>
 #include <unistd.h>
 

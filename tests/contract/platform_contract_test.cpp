@@ -1,0 +1,335 @@
+// platform_contract_test.cpp - what the platform's headers promise, tried on a backend.
+#include "arrange.h"
+
+#include <platform/account.h>
+#include <platform/config.h>
+#include <platform/network.h>
+#include <platform/runtime_info.h>
+#include <platform/system_info.h>
+#include <platform/timezone.h>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <cstring>
+
+using testing::Contains;
+using testing::Each;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::Not;
+
+namespace {
+
+const std::string kControls[] = {"a\rb", "a\nHost: evil", "a\r\nb", "\001", "a\x7f", "a\033[0m"};
+
+/// Takes a text that the platform handed out.
+std::optional<std::string> taken(char* text)
+{
+    if (text == nullptr)
+        return std::nullopt;
+    const std::string copy = text;
+    free(text);
+    return copy;
+}
+
+class APlatform : public testing::Test {
+protected:
+    void SetUp() override { arrange::bareDevice(); }
+};
+
+class AConfiguration : public APlatform {
+protected:
+    static std::optional<std::string> text(const char* key) { return taken(vconf_get_str(key)); }
+};
+
+TEST_F(AConfiguration, GivesTheTextOfAKey)
+{
+    arrange::config("db/comss/atoken", "tok en=\\n;#%\"'~\xc3\xa9");
+    EXPECT_EQ(text("db/comss/atoken"), "tok en=\\n;#%\"'~\xc3\xa9");
+}
+
+TEST_F(AConfiguration, GivesNullForAKeyThatIsAbsentOrEmpty)
+{
+    arrange::config("db/comss/hwduid", "");
+    EXPECT_EQ(text("db/comss/atoken"), std::nullopt);
+    EXPECT_EQ(text("db/comss/hwduid"), std::nullopt);
+    EXPECT_THAT(arrange::errors(), IsEmpty());
+}
+
+TEST_F(AConfiguration, GivesTheValueOfTheMomentOfTheCall)
+{
+    arrange::config("db/comss/countrycode", "US");
+    EXPECT_EQ(text("db/comss/countrycode"), "US");
+    arrange::config("db/comss/countrycode", "KR");
+    EXPECT_EQ(text("db/comss/countrycode"), "KR");
+    arrange::config("db/comss/countrycode", std::nullopt);
+    EXPECT_EQ(text("db/comss/countrycode"), std::nullopt);
+}
+
+TEST_F(AConfiguration, GivesALongText)
+{
+    const std::string text16k(16 * 1024, 'x');
+    arrange::config("db/comss/atoken", text16k);
+    EXPECT_EQ(text("db/comss/atoken"), text16k);
+}
+
+TEST_F(AConfiguration, GivesANumber)
+{
+    for (const int number : {1, 0, -7, 2147483647, -2147483647 - 1}) {
+        arrange::config("memory/menu/network/set_time", std::to_string(number));
+        int value = 99;
+        EXPECT_EQ(vconf_get_int("memory/menu/network/set_time", &value), 0);
+        EXPECT_EQ(value, number);
+    }
+}
+
+TEST_F(AConfiguration, GivesNoNumberForAnAbsentKeyOrWhatIsNone)
+{
+    int value = 99;
+    EXPECT_LT(vconf_get_int("memory/menu/network/set_time", &value), 0);
+    for (const char* const text : {"", "one", "1x", "0x10", "1.0", "2147483648", "1 2", "+1"}) {
+        arrange::config("memory/menu/network/set_time", text);
+        EXPECT_LT(vconf_get_int("memory/menu/network/set_time", &value), 0) << text;
+    }
+    EXPECT_EQ(value, 99);
+}
+
+TEST_F(APlatform, GivesTheLanguage)
+{
+    arrange::language("en_US.utf8");
+    char* text = nullptr;
+    EXPECT_EQ(runtime_info_get_value_string(RUNTIME_INFO_KEY_LANGUAGE, &text), 0);
+    EXPECT_EQ(taken(text), "en_US.utf8");
+}
+
+TEST_F(APlatform, GivesNoLanguageWhenItIsAbsentOrEmpty)
+{
+    char untouched = 'x';
+    char* text = &untouched;
+    EXPECT_NE(runtime_info_get_value_string(RUNTIME_INFO_KEY_LANGUAGE, &text), 0);
+    arrange::language("");
+    EXPECT_NE(runtime_info_get_value_string(RUNTIME_INFO_KEY_LANGUAGE, &text), 0);
+    EXPECT_EQ(text, &untouched);
+}
+
+TEST_F(APlatform, KnowsNoOtherRuntimeInformation)
+{
+    arrange::language("en_US.utf8");
+    char* text = nullptr;
+    EXPECT_NE(runtime_info_get_value_string(static_cast<runtime_info_key_e>(1), &text), 0);
+    EXPECT_EQ(text, nullptr);
+}
+
+TEST_F(APlatform, GivesTheServerType)
+{
+    arrange::serverType(2);
+    int value = 99;
+    EXPECT_EQ(system_info_get_value_int(SYSTEM_INFO_KEY_VANTOR_SERVER_TYPE, &value), 0);
+    EXPECT_EQ(value, 2);
+}
+
+TEST_F(APlatform, GivesNoServerTypeWhenItIsAbsent)
+{
+    int value = 99;
+    EXPECT_NE(system_info_get_value_int(SYSTEM_INFO_KEY_VANTOR_SERVER_TYPE, &value), 0);
+    EXPECT_EQ(value, 99);
+}
+
+TEST_F(APlatform, KnowsNoOtherSystemInformation)
+{
+    arrange::serverType(2);
+    int value = 99;
+    EXPECT_NE(system_info_get_value_int(static_cast<system_info_key_e>(125), &value), 0);
+    EXPECT_EQ(value, 99);
+}
+
+class AnAccount : public APlatform {
+protected:
+    static std::optional<std::string> guid()
+    {
+        char* text = nullptr;
+        sso_get_guid(&text);
+        return taken(text);
+    }
+    static std::optional<std::string> authToken()
+    {
+        char* text = nullptr;
+        sso_get_auth_token(&text);
+        return taken(text);
+    }
+    /// The id, or nullopt when the read failed and left the record as it was.
+    static std::optional<std::string> loginId()
+    {
+        sso_login_info_s info{};
+        if (sso_get_login_info(&info) == 0)
+            return std::string(info.user_id, strnlen(info.user_id, sizeof info.user_id));
+        const sso_login_info_s zero{};
+        EXPECT_EQ(memcmp(&info, &zero, sizeof info), 0);
+        return std::nullopt;
+    }
+};
+
+TEST_F(AnAccount, HasALoginRecordOf1408BytesWithTheIdAtByte256)
+{
+    EXPECT_EQ(sizeof(sso_login_info_s), 1408U);
+    EXPECT_EQ(offsetof(sso_login_info_s, user_id), 256U);
+}
+
+TEST_F(AnAccount, GivesItsIdsAndToken)
+{
+    arrange::guid("g-1");
+    arrange::authToken("t-1");
+    arrange::loginId("u-1");
+    EXPECT_EQ(guid(), "g-1");
+    EXPECT_EQ(authToken(), "t-1");
+    EXPECT_EQ(loginId(), "u-1");
+}
+
+TEST_F(AnAccount, GivesNothingWhenNobodyIsSignedIn)
+{
+    EXPECT_EQ(guid(), std::nullopt);
+    EXPECT_EQ(authToken(), std::nullopt);
+    EXPECT_EQ(loginId(), std::nullopt);
+    EXPECT_THAT(arrange::errors(), IsEmpty());
+}
+
+TEST_F(AnAccount, HasALoginIdOfAtMost255Bytes)
+{
+    arrange::loginId(std::string(255, 'u'));
+    EXPECT_EQ(loginId(), std::string(255, 'u'));
+    arrange::loginId(std::string(257, 'u'));
+    EXPECT_EQ(loginId(), std::nullopt);
+}
+
+TEST_F(APlatform, RefusesTextsThatHoldControlCharactersAndLogsTheirNamesOnly)
+{
+    const std::string secret = "s3cr3t";
+    for (const std::string& control : kControls) {
+        arrange::bareDevice();
+        const std::string hostile = secret + control + secret;
+        arrange::config("db/comss/atoken", hostile);
+        arrange::language(hostile);
+        arrange::guid(hostile);
+        arrange::authToken(hostile);
+        arrange::loginId(hostile);
+        arrange::host(DEPLOYMENT_HOST_SANDBOX, hostile);
+
+        char* text = nullptr;
+        sso_login_info_s info{};
+        EXPECT_EQ(taken(vconf_get_str("db/comss/atoken")), std::nullopt);
+        EXPECT_NE(runtime_info_get_value_string(RUNTIME_INFO_KEY_LANGUAGE, &text), 0);
+        sso_get_guid(&text);
+        sso_get_auth_token(&text);
+        EXPECT_EQ(text, nullptr);
+        EXPECT_NE(sso_get_login_info(&info), 0);
+        EXPECT_EQ(info.user_id[0], '\0');
+        EXPECT_EQ(taken(deployment_get_host(DEPLOYMENT_HOST_SANDBOX)), std::nullopt);
+
+        EXPECT_THAT(arrange::errors(), Not(IsEmpty()));
+        EXPECT_THAT(arrange::errors(), Each(Not(HasSubstr(secret))));
+    }
+}
+
+TEST_F(APlatform, KnowsWhetherThereIsADefaultGateway)
+{
+    bool exists = false;
+    arrange::gateway(true);
+    EXPECT_EQ(connection_profile_check_default_gateway(&exists), 0);
+    EXPECT_TRUE(exists);
+    arrange::gateway(false);
+    EXPECT_EQ(connection_profile_check_default_gateway(&exists), 0);
+    EXPECT_FALSE(exists);
+}
+
+TEST_F(APlatform, SaysWhyTheGatewayCannotBeAskedFor)
+{
+    for (const bool before : {false, true}) {
+        bool exists = before;
+        arrange::gatewayFails(5);
+        EXPECT_EQ(connection_profile_check_default_gateway(&exists), 5);
+        EXPECT_EQ(exists, before);
+    }
+}
+
+class ADeployment : public APlatform {
+protected:
+    static std::optional<std::string> host(deployment_host_e which)
+    {
+        return taken(deployment_get_host(which));
+    }
+};
+
+TEST_F(ADeployment, GivesTheTwoHosts)
+{
+    for (const std::string name :
+         {"a", "billing.example", "b-1.example:8443", "127.0.0.1:1", "host.example:65535"}) {
+        arrange::host(DEPLOYMENT_HOST_PRODUCTION, name);
+        arrange::host(DEPLOYMENT_HOST_SANDBOX, "sandbox-of-" + name);
+        EXPECT_EQ(host(DEPLOYMENT_HOST_PRODUCTION), name);
+        EXPECT_EQ(host(DEPLOYMENT_HOST_SANDBOX), "sandbox-of-" + name);
+    }
+    EXPECT_THAT(arrange::errors(), IsEmpty());
+}
+
+TEST_F(ADeployment, GivesAndLogsNoHostThatIsNotSet)
+{
+    arrange::host(DEPLOYMENT_HOST_PRODUCTION, "billing.example");
+    EXPECT_EQ(host(DEPLOYMENT_HOST_SANDBOX), std::nullopt);
+    EXPECT_THAT(arrange::errors(), Contains(HasSubstr("sandbox_host is not set")));
+}
+
+TEST_F(ADeployment, RefusesAndLogsWhatIsNotABareHost)
+{
+    for (const std::string name : {"https://a", "a/b",  "user@a", "a b",     "a?x",
+                                   "a#x",       "a:",   "a:0",    "a:65536", "a:1:2",
+                                   "a:x",       ":80",  "-a",     "a..b",    ".a",
+                                   "[::1]",     "a\\b", "a%20b",  "a:080",   "h\xc3\xb6st"}) {
+        arrange::bareDevice();
+        arrange::host(DEPLOYMENT_HOST_PRODUCTION, name);
+        EXPECT_EQ(host(DEPLOYMENT_HOST_PRODUCTION), std::nullopt) << name;
+        EXPECT_THAT(arrange::errors(), Contains(HasSubstr("production_host is not a bare host")))
+            << name;
+    }
+}
+
+TEST_F(APlatform, GivesTheZonesOffsetsInSeconds)
+{
+    int utc = 99;
+    int daylight = 99;
+    arrange::zoneWithDaylightSaving();
+    EXPECT_EQ(mz_gettimezone(&utc, &daylight, nullptr), 0);
+    EXPECT_EQ(utc, 3600);
+    EXPECT_EQ(daylight, 3600);
+    arrange::zoneWithoutDaylightSaving();
+    EXPECT_EQ(mz_gettimezone(&utc, &daylight, nullptr), 0);
+    EXPECT_EQ(utc, 19800);
+    EXPECT_EQ(daylight, 0);
+}
+
+TEST_F(APlatform, GivesNoOffsetsWhenTheZoneCannotBeRead)
+{
+    int utc = 98;
+    int daylight = 99;
+    arrange::zoneThatCannotBeRead();
+    EXPECT_EQ(mz_gettimezone(&utc, &daylight, nullptr), -1);
+    EXPECT_EQ(utc, 98);
+    EXPECT_EQ(daylight, 99);
+}
+
+TEST_F(APlatform, LogsARecordAndCountsItsBytes)
+{
+    EXPECT_GE(__dlog_print(DLOG_ERROR, "TAG", "a %s %d", "text", 7), 8);
+    EXPECT_THAT(arrange::texts(), Contains(HasSubstr("a ")));
+    EXPECT_THAT(arrange::texts(), Contains(HasSubstr(" 7")));
+}
+
+TEST_F(APlatform, LogsANullTextAsNull)
+{
+    const char* const text = nullptr;
+    EXPECT_GT(__dlog_print(DLOG_ERROR, "TAG", "a %s b", text), 0);
+    EXPECT_THAT(arrange::texts(), Contains(HasSubstr("a (null) b")));
+}
+
+}  // namespace
