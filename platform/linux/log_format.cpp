@@ -23,8 +23,7 @@ struct Arguments {
 enum class Length { None, Char, Short, Long, LongLong, Size, Max, Pointer, LongDouble };
 
 struct Conversion {
-    bool left = false;
-    char flags[6] = "";
+    char flags[6] = "";  // each at most once
     int width = 0;
     int precision = -1;
     Length length = Length::None;
@@ -61,19 +60,23 @@ Length readLength(const char*& at)
     return Length::None;
 }
 
+void addFlag(Conversion& conversion, char flag)
+{
+    const std::size_t used = strlen(conversion.flags);
+    if (strchr(conversion.flags, flag) == nullptr && used + 1 < sizeof conversion.flags)
+        conversion.flags[used] = flag;
+}
+
 /// Reads what stands behind a '%'. @return false when it is not known here
 bool readConversion(const char*& at, Arguments& arguments, Conversion& out)
 {
-    for (std::size_t used = 0; *at != '\0' && strchr("-+ #0", *at) != nullptr; at++) {
-        if (strchr(out.flags, *at) == nullptr && used + 1 < sizeof out.flags)
-            out.flags[used++] = *at;
-    }
-    out.left = strchr(out.flags, '-') != nullptr;
+    for (; *at != '\0' && strchr("-+ #0", *at) != nullptr; at++)
+        addFlag(out, *at);
     out.width = readNumber(at, arguments);
     if (*at == '$')
         return false;
     if (out.width < 0) {
-        out.left = true;
+        addFlag(out, '-');
         out.width = -out.width;
     }
     if (*at == '.') {
@@ -160,10 +163,11 @@ void writeText(Record& record, const Conversion& c, const char* value, Privacy p
         c.precision >= 0 ? strnlen(shown, static_cast<std::size_t>(c.precision)) : strlen(shown);
     const auto width = static_cast<std::size_t>(c.width);
     const std::size_t padding = width > size ? width - size : 0;
-    if (!c.left)
+    const bool left = strchr(c.flags, '-') != nullptr;
+    if (!left)
         record.blanks(padding);
     writeValue(record, {shown, size}, value != nullptr ? privacy : Privacy::Public);
-    if (c.left)
+    if (left)
         record.blanks(padding);
 }
 

@@ -44,13 +44,16 @@ bool isFile(const std::string& name)
     return stat(path.c_str(), &status) == 0 && S_ISREG(status.st_mode);
 }
 
-/// "CET-1CEST" and the like: a name and an offset.
+/// "CET-1CEST", "<+03>-3" and the like: a name of three characters at least, and an offset.
 bool isRule(const std::string& name)
 {
-    const std::size_t digit = name.find_first_of("0123456789");
-    const bool letters = name[0] == '<' || isalpha(static_cast<unsigned char>(name[0])) != 0;
-    return letters && name.find('/') == std::string::npos && digit != std::string::npos &&
-           digit >= 3;
+    std::size_t end = 0;
+    if (name[0] == '<')
+        end = name.find('>') + 1;  // 0 when there is none
+    else
+        while (isalpha(static_cast<unsigned char>(name[end])) != 0)
+            end++;
+    return end >= 3 && end < name.size() && strchr("+-0123456789", name[end]) != nullptr;
 }
 
 }  // namespace

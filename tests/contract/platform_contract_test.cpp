@@ -327,7 +327,7 @@ TEST_F(APlatform, LogsARecordAndCountsItsBytes)
 
 TEST_F(APlatform, LogsANullTextAsNull)
 {
-    const char* const text = nullptr;
+    const char* volatile text = nullptr;
     EXPECT_GT(__dlog_print(DLOG_ERROR, "TAG", "a %s b", text), 0);
     EXPECT_THAT(arrange::texts(), Contains(HasSubstr("a (null) b")));
 }
