@@ -178,7 +178,11 @@ protected:
         g_iPendingCallCount = 0;
     }
 
-    void TearDown() override { BillingDeleteInstance<CBillingEngine>(); }
+    void TearDown() override
+    {
+        m_oManager.m_DestoryDbusConnection();
+        BillingDeleteInstance<CBillingEngine>();
+    }
 
     GDBusMethodInvocation* invocation()
     {
