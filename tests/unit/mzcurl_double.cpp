@@ -1,8 +1,6 @@
 // mzcurl_double.cpp - MZCurlEasy and MZCurlMulti as the connector's tests want them.
 #include "mzcurl_double.h"
 
-#include <map>
-
 CurlDouble& Curl()
 {
     static CurlDouble curl;
@@ -19,6 +17,7 @@ namespace {
 
 void Event(const std::string& strEvent)
 {
+    const std::lock_guard<std::mutex> lock(CurlMutex());
     Curl().events.push_back(strEvent);
 }
 
@@ -42,13 +41,11 @@ MZCurlEasy::MZCurlEasy() : m_pImpl(new Impl) {}
 
 MZCurlEasy::~MZCurlEasy()
 {
-    const std::lock_guard<std::mutex> lock(CurlMutex());
     Event("destruct");
 }
 
 bool MZCurlEasy::Initialize()
 {
-    const std::lock_guard<std::mutex> lock(CurlMutex());
     Event("Initialize");
     return !Curl().bEasyInitializeFails;
 }
@@ -118,7 +115,6 @@ bool MZCurlEasy::send()
 
 void MZCurlEasy::reset()
 {
-    const std::lock_guard<std::mutex> lock(CurlMutex());
     Event("reset");
 }
 
@@ -143,14 +139,12 @@ void MZCurlMulti::Stop()
 
 bool MZCurlMulti::addHandle(MZCurlEasy*)
 {
-    const std::lock_guard<std::mutex> lock(CurlMutex());
     Event("add");
     return !Curl().bAddFails;
 }
 
 bool MZCurlMulti::removeHandle(MZCurlEasy*)
 {
-    const std::lock_guard<std::mutex> lock(CurlMutex());
     Event("remove");
     return !Curl().bRemoveFails;
 }
@@ -164,8 +158,8 @@ bool MZCurlMulti::Perform(int& iRunning)
 
 bool MZCurlMulti::fdSelect(int& iRunning)
 {
-    const std::lock_guard<std::mutex> lock(CurlMutex());
     Event("fdSelect");
+    const std::lock_guard<std::mutex> lock(CurlMutex());
     iRunning = Curl().iRunning > 0 ? Curl().iRunning-- : 0;
     return !Curl().bSelectFails;
 }

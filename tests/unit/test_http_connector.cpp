@@ -8,9 +8,11 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <cstdio>
 #include <memory>
 #include <string>
+#include <thread>
 #include <vector>
 
 using ::testing::Contains;
@@ -823,9 +825,14 @@ TEST_F(AConnector, RunsARequestOnItsWorker)
     ASSERT_TRUE(m_connector->Create());
     _BILLING_HTTP_REQ_INFO_T tInfo = aRequest();
     ASSERT_TRUE(m_connector->Get(&tInfo, false));
+    const Line tEnd = CONNECTOR.debug("HandleRequest", "[END] ");
+    for (int i = 0; i < 10000 && ::testing::Value(LoggedLines(), Not(Contains(tEnd))); ++i) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
 
     m_connector->Destroy();
 
+    EXPECT_THAT(LoggedLines(), Contains(tEnd));
     EXPECT_THAT(LoggedLines(), Contains(CONNECTOR.debug("Destroy", "[START] ")));
     EXPECT_EQ(LoggedLines().back(), CONNECTOR.debug("Destroy", "[END] "));
 }
