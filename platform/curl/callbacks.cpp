@@ -29,9 +29,9 @@ std::size_t onBody(char* data, std::size_t size, std::size_t count, void* pointe
     try {
         // The limit above makes the narrowing harmless. Any other number than the length is a
         // refusal, the one that would pause the transfer included.
-        const unsigned int taken = transfer.write(data, static_cast<unsigned int>(size),
-                                                  static_cast<unsigned int>(count),
-                                                  transfer.writeData);
+        const unsigned int taken =
+            transfer.write(data, static_cast<unsigned int>(size), static_cast<unsigned int>(count),
+                           transfer.writeData);
         return taken == length ? length
                                : refuse(transfer, "The response was refused by its reader");
     } catch (...) {

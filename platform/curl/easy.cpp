@@ -1,10 +1,10 @@
 // easy.cpp - MZCurlEasy: one transfer, and the way to perform it on the calling thread.
 #include "easy.h"
 
-#include <new>
-
 #include "global.h"
 #include "options.h"
+
+#include <new>
 
 namespace MZCurl {
 namespace {

@@ -27,8 +27,8 @@ bool mayGo(const Host& host, Gate::Clock::time_point now)
 std::string Gate::keyOf(const std::string& url)
 {
     const std::unique_ptr<CURLU, UrlCleanup> parsed(curl_url());
-    if (parsed == nullptr || curl_url_set(parsed.get(), CURLUPART_URL, url.c_str(),
-                                          CURLU_GUESS_SCHEME) != CURLUE_OK) {
+    if (parsed == nullptr ||
+        curl_url_set(parsed.get(), CURLUPART_URL, url.c_str(), CURLU_GUESS_SCHEME) != CURLUE_OK) {
         return {};
     }
     std::string key;

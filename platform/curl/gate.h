@@ -3,12 +3,12 @@
 // handshake with the device's key.
 #pragma once
 
+#include "transfer.h"
+
 #include <chrono>
 #include <cstddef>
 #include <map>
 #include <string>
-
-#include "transfer.h"
 
 namespace MZCurl {
 

@@ -1,20 +1,24 @@
 // multi.cpp - MZCurlMulti: many transfers on one worker, added from any thread.
 #include "multi.h"
 
+#include "easy.h"
+#include "global.h"
+
 #include <openssl/crypto.h>
 
 #include <new>
-
-#include "easy.h"
-#include "global.h"
+#include <thread>
 
 namespace MZCurl {
 namespace {
 
-constexpr int kLongestPollMs = 1000;
+constexpr int kLongestPollMs = 60000;
 
 // A finished transfer that its reader is not ready for yet will be wanted in a moment.
 constexpr int kUnclaimedPollMs = 1;
+
+// A wait that fails does not wait: without a pause the caller's loop would spin.
+constexpr std::chrono::milliseconds kPauseAfterFailure{10};
 
 }  // namespace
 
@@ -34,7 +38,7 @@ bool MZCurlMulti::Impl::initialize()
     if (m_multi != nullptr) {
         return true;
     }
-    if (initializeLibraries() && m_share.initialize()) {
+    if (initializeLibraries()) {
         m_multi.reset(curl_multi_init());
     }
     return m_multi != nullptr;
@@ -81,8 +85,7 @@ bool MZCurlMulti::Impl::add(MZCurlEasy& easy, Transfer& transfer)
     std::string key = Gate::keyOf(transfer.url);
     const std::lock_guard<std::mutex> guard(m_lock);
     const void* nobody = nullptr;
-    if (m_multi == nullptr || !m_started ||
-        !transfer.owner.compare_exchange_strong(nobody, this)) {
+    if (m_multi == nullptr || !m_started || !transfer.owner.compare_exchange_strong(nobody, this)) {
         return false;
     }
     transfer.easy = &easy;
@@ -193,6 +196,9 @@ bool MZCurlMulti::Impl::select()
     bool ok = curl_multi_poll(m_multi.get(), nullptr, 0, waitLimit(), nullptr) == CURLM_OK;
     if (stopped()) {
         return ok;
+    }
+    if (!ok) {
+        std::this_thread::sleep_for(kPauseAfterFailure);
     }
     adopt();
     int unfinished = 0;

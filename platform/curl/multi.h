@@ -7,16 +7,16 @@
 // reader that could not take it yet finds it then.
 #pragma once
 
+#include "gate.h"
+#include "share.h"
+#include "transfer.h"
+
 #include <curl/curl.h>
 
 #include <chrono>
 #include <cstddef>
 #include <memory>
 #include <mutex>
-
-#include "gate.h"
-#include "share.h"
-#include "transfer.h"
 
 namespace MZCurl {
 

@@ -81,8 +81,8 @@ bool follow(Transfer& transfer, MZCURL_OPTION_TYPE id, bool on)
 
 bool isMethodName(const std::string& text)
 {
-    return !text.empty() && std::all_of(text.begin(), text.end(),
-                                        [](char c) { return c > ' ' && c < '\x7f'; });
+    return !text.empty() &&
+           std::all_of(text.begin(), text.end(), [](char c) { return c > ' ' && c < '\x7f'; });
 }
 
 }  // namespace
@@ -128,6 +128,8 @@ bool setText(Transfer& transfer, MZCURL_OPTION_TYPE id, const std::string& value
     }
     if (id == MZCURL_OPT_URL) {
         transfer.url = value;
+    } else if (id == MZCURL_OPT_CAINFO) {
+        transfer.caFile = value;
     }
     const bool none = option->kind == Kind::TextOrNone && value.empty();
     return apply(transfer, option->curl, none ? nullptr : value.c_str());

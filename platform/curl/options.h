@@ -1,10 +1,10 @@
 // options.h - the wrapper's options, as libcurl's.
 #pragma once
 
+#include "transfer.h"
+
 #include <list>
 #include <string>
-
-#include "transfer.h"
 
 namespace MZCurl {
 

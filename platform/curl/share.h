@@ -2,28 +2,35 @@
 // session would die with the easy handle that made it.
 #pragma once
 
+#include "transfer.h"
+
 #include <curl/curl.h>
+#include <sys/stat.h>
 
 #include <memory>
-
-#include "transfer.h"
+#include <string>
 
 namespace MZCurl {
 
 /// Thread: one. There are no locks: a transfer holds the share only while the worker has it.
 class SessionShare {
 public:
-    /// @return false when there is no memory
-    bool initialize();
-
+    /// Gives a transfer that names a CA file the sessions. When the file is not the one that they
+    /// were verified with, it and those after it start with none: a session that is taken up again
+    /// is not verified again.
     void attach(Transfer& transfer);
     static void detach(Transfer& transfer);
 
 private:
-    struct Cleanup {
-        void operator()(CURLSH* share) const { curl_share_cleanup(share); }
+    /// Which file the sessions were verified with; changes when it is written or replaced.
+    struct Trust {
+        std::string path;
+        struct stat file;
     };
-    std::unique_ptr<CURLSH, Cleanup> m_share;
+    void renew();
+
+    std::shared_ptr<CURLSH> m_share;
+    Trust m_trust{};
 };
 
 }  // namespace MZCurl

@@ -51,6 +51,7 @@ void Transfer::reset()
     curl_easy_reset(curl.get());
     headers.reset();
     url.clear();
+    caFile.clear();
     lastError.clear();
     write = nullptr;
     writeData = nullptr;

@@ -2,6 +2,8 @@
 // the place that the multi handle keeps for it.
 #pragma once
 
+#include <platform/MZCurl.h>
+
 #include <curl/curl.h>
 
 #include <array>
@@ -10,8 +12,6 @@
 #include <list>
 #include <memory>
 #include <string>
-
-#include <platform/MZCurl.h>
 
 namespace MZCurl {
 
@@ -58,6 +58,7 @@ struct Transfer {
 
     // set by options
     std::string url;
+    std::string caFile;
     WriteCallback write = nullptr;
     void* writeData = nullptr;
     void* userPointer = nullptr;
@@ -77,6 +78,7 @@ struct Transfer {
     TransferList::iterator node;
     std::string hostKey;
     Host* host = nullptr;
+    std::shared_ptr<CURLSH> share;  // while it is attached
     bool attached = false;
     CURLcode result = CURLE_OK;
     const char* startFailure = nullptr;  // why it could not be attached; a literal

@@ -41,7 +41,7 @@ void addExtension(X509* certificate, X509* issuer, int id, const char* value)
 }
 
 /// A certificate without extensions and signature; a null issuer means itself.
-Identity draft(const char* name, X509* issuer)
+Identity draft(std::string name, X509* issuer)
 {
     Identity made;
     made.key.reset(EVP_EC_gen("P-256"));
@@ -51,12 +51,13 @@ Identity draft(const char* name, X509* issuer)
     static long serial = 0;
     X509_set_version(certificate, 2);
     ASN1_INTEGER_set(X509_get_serialNumber(certificate), ++serial);
+    name += ' ' + std::to_string(serial);  // two authorities must not be taken for one
     X509_gmtime_adj(X509_getm_notBefore(certificate), -3600);
     X509_gmtime_adj(X509_getm_notAfter(certificate), 24L * 3600);
     X509_set_pubkey(certificate, made.key.get());
     X509_NAME* const subject = X509_get_subject_name(certificate);
     X509_NAME_add_entry_by_txt(subject, "CN", MBSTRING_ASC,
-                               reinterpret_cast<const unsigned char*>(name), -1, -1, 0);
+                               reinterpret_cast<const unsigned char*>(name.c_str()), -1, -1, 0);
     X509_set_issuer_name(certificate, issuer != nullptr ? X509_get_subject_name(issuer) : subject);
     return made;
 }
@@ -76,7 +77,7 @@ TemporaryFolder::~TemporaryFolder()
     std::filesystem::remove_all(m_path, ignored);
 }
 
-CertificateAuthority::CertificateAuthority() : m_self(draft("Test authority", nullptr))
+CertificateAuthority::CertificateAuthority() : m_self(draft("Authority", nullptr))
 {
     X509* const own = m_self.certificate.get();
     addExtension(own, own, NID_basic_constraints, "critical,CA:TRUE");
@@ -84,11 +85,11 @@ CertificateAuthority::CertificateAuthority() : m_self(draft("Test authority", nu
     require(X509_sign(own, m_self.key.get(), EVP_sha256()) != 0, "cannot sign");
 }
 
-Identity CertificateAuthority::issue() const
+Identity CertificateAuthority::issue(const std::string& names) const
 {
-    Identity made = draft("localhost", m_self.certificate.get());
+    Identity made = draft("Server", m_self.certificate.get());
     addExtension(made.certificate.get(), m_self.certificate.get(), NID_subject_alt_name,
-                 "IP:127.0.0.1,DNS:localhost");
+                 names.c_str());
     require(X509_sign(made.certificate.get(), m_self.key.get(), EVP_sha256()) != 0, "cannot sign");
     return made;
 }

@@ -41,8 +41,8 @@ class CertificateAuthority {
 public:
     CertificateAuthority();
 
-    /// A server certificate for 127.0.0.1 and localhost.
-    Identity issue() const;
+    /// A server certificate for these names.
+    Identity issue(const std::string& names = "IP:127.0.0.1,DNS:localhost") const;
 
     void writeTo(const std::string& path) const;
 

@@ -69,6 +69,14 @@ bool Connection::resumed() const
     return m_ssl != nullptr && SSL_session_reused(m_ssl.get()) == 1;
 }
 
+void Connection::end()
+{
+    if (m_ssl != nullptr) {
+        SSL_shutdown(m_ssl.get());
+    }
+    shutDown();
+}
+
 void Connection::shutDown()
 {
     shutdown(m_socket, SHUT_RDWR);
@@ -195,8 +203,8 @@ void TestServer::accept()
                 ++it;
             }
         }
-        Client& client = m_clients.emplace_back(
-            socket, m_context.get(), [this](const Request& request) { note(request); });
+        Client& client = m_clients.emplace_back(socket, m_context.get(),
+                                                [this](const Request& request) { note(request); });
         client.thread = std::thread([this, &client] { serve(client); });
     }
 }
@@ -209,7 +217,7 @@ void TestServer::serve(Client& client)
         }
         m_handler(client.connection);
     }
-    client.connection.shutDown();
+    client.connection.end();
     client.done = true;
 }
 

@@ -2,6 +2,8 @@
 // byte: plain or TLS, a thread for each connection, on a port that the kernel chooses.
 #pragma once
 
+#include "test_certificates.h"
+
 #include <openssl/ssl.h>
 
 #include <atomic>
@@ -13,8 +15,6 @@
 #include <string_view>
 #include <thread>
 #include <vector>
-
-#include "test_certificates.h"
 
 namespace test {
 
@@ -48,6 +48,8 @@ public:
     /// Answers with status 200 and a body.
     bool answer(std::string_view body);
 
+    /// Says good-bye, as a server does that ends a connection in order.
+    void end();
     /// Ends reads and writes, from any thread.
     void shutDown();
 

@@ -1,12 +1,12 @@
 // easy_test.cpp - one transfer on the calling thread: options, information, errors.
-#include <curl/curl.h>
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
 #include "test_server.h"
 #include "transfers.h"
 
 #include <platform/MZCurl.h>
+
+#include <curl/curl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
 
 namespace {
 
@@ -68,9 +68,9 @@ TEST_F(AnInitialisedEasyHandle, TakesEveryOptionWithItsTypeOfValue)
     }
     EXPECT_TRUE(easy.setOption(MZCURL_OPT_SSL_VERIFYHOST, 2));
     EXPECT_TRUE(easy.setOption(MZCURL_OPT_POSTFIELDSIZE, 5000000000LL));
-    for (const auto option : {MZCURL_OPT_CUSTOMREQUEST, MZCURL_OPT_URL, MZCURL_OPT_POSTFIELDS,
-                              MZCURL_OPT_CAINFO, MZCURL_OPT_SSLCERT, MZCURL_OPT_SSLCERTTYPE,
-                              MZCURL_OPT_SSLKEY, MZCURL_OPT_SSLKEYTYPE}) {
+    for (const auto option :
+         {MZCURL_OPT_CUSTOMREQUEST, MZCURL_OPT_URL, MZCURL_OPT_POSTFIELDS, MZCURL_OPT_CAINFO,
+          MZCURL_OPT_SSLCERT, MZCURL_OPT_SSLCERTTYPE, MZCURL_OPT_SSLKEY, MZCURL_OPT_SSLKEYTYPE}) {
         EXPECT_TRUE(easy.setOption(option, std::string("text"))) << option;
     }
     EXPECT_TRUE(easy.setOption(MZCURL_OPT_HTTPHEADER, Lines{"A: 1", "B: 2"}));
@@ -116,8 +116,8 @@ TEST_F(AnInitialisedEasyHandle, RefusesAHeaderThatHoldsALineEndOrANul)
 
 TEST_F(AnInitialisedEasyHandle, RefusesTextsThatLibcurlWouldCutOrSendAsTheyAre)
 {
-    for (const auto option : {MZCURL_OPT_URL, MZCURL_OPT_CAINFO, MZCURL_OPT_SSLCERT,
-                              MZCURL_OPT_CUSTOMREQUEST}) {
+    for (const auto option :
+         {MZCURL_OPT_URL, MZCURL_OPT_CAINFO, MZCURL_OPT_SSLCERT, MZCURL_OPT_CUSTOMREQUEST}) {
         refuses(option, std::string("a\0b", 3), "NUL");
     }
     for (const char* const method : {"", "DELETE /other", "GET\r\nA: 1", "GET\n", "GE\x7fT"}) {
@@ -197,8 +197,8 @@ TEST(ATransfer, TakesEmptyCertificateTextsForNone)
     const test::Identity identity = authority.issue();
     TestServer server(test::always("ok"), {&identity});
     Transfer transfer(server.url(), folder.path("ca.pem"));
-    for (const auto option : {MZCURL_OPT_SSLCERT, MZCURL_OPT_SSLCERTTYPE, MZCURL_OPT_SSLKEY,
-                              MZCURL_OPT_SSLKEYTYPE}) {
+    for (const auto option :
+         {MZCURL_OPT_SSLCERT, MZCURL_OPT_SSLCERTTYPE, MZCURL_OPT_SSLKEY, MZCURL_OPT_SSLKEYTYPE}) {
         ASSERT_TRUE(transfer.easy.setOption(option, std::string()));
     }
     EXPECT_TRUE(transfer.easy.send()) << transfer.easy.getLastError();

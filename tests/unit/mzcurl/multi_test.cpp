@@ -235,7 +235,7 @@ TEST(AMultiHandle, DoesNotSleepWhileAFinishedTransferIsUnclaimed)
     for (int round = 0; round < 50; ++round) {
         ASSERT_TRUE(worker.multi.fdSelect(running));
     }
-    EXPECT_LT(secondsSince(start), 5.0) << "fifty full waits take nearly a minute";
+    EXPECT_LT(secondsSince(start), 5.0) << "one full wait takes longer";
     EXPECT_EQ(running, 2);
 }
 
@@ -243,18 +243,16 @@ TEST(AMultiHandle, SleepsWhileItsTransfersHaveNothingToDo)
 {
     TestServer server(hang);
     Transfer hanging(server.url());
+    ASSERT_TRUE(hanging.easy.setOption(MZCURL_OPT_TIMEOUT, 2));
     Worker worker;
     ASSERT_TRUE(worker.multi.addHandle(&hanging.easy));
     int running = 0;
-    while (server.requests().empty()) {
-        ASSERT_TRUE(worker.multi.fdSelect(running));
-    }
-    const auto start = Clock::now();
     int rounds = 0;
-    for (; secondsSince(start) < 2; ++rounds) {
+    do {
         ASSERT_TRUE(worker.multi.fdSelect(running));
-    }
-    EXPECT_LT(rounds, 50);
+        ++rounds;
+    } while (readOne(worker.multi).pEasyHandle == nullptr);
+    EXPECT_LT(rounds, 50) << "in two seconds";
 }
 
 TEST(AMultiHandle, TakesPendingAndRunningHandlesOut)
@@ -385,7 +383,7 @@ TEST(AMultiHandle, WakesForAHandleThatIsAddedDuringTheWait)
         adder.join();
         ASSERT_TRUE(worker.multi.removeHandle(&late.easy));
     }
-    EXPECT_LT(slowest, 0.9) << "a whole wait lasts a second";
+    EXPECT_LT(slowest, 5.0) << "the wait itself lasts until the other one's time-out";
 }
 
 TEST(AStoppedMultiHandle, LeavesItsWaitAtOnceAndHandsNothingOut)

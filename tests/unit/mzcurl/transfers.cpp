@@ -37,8 +37,8 @@ Transfer& Transfer::sending(const std::string& text, const std::string& method)
         EXPECT_TRUE(easy.setOption(MZCurl::MZCURL_OPT_CUSTOMREQUEST, method));
     }
     EXPECT_TRUE(easy.setOption(MZCurl::MZCURL_OPT_POSTFIELDS, outgoing));
-    EXPECT_TRUE(easy.setOption(MZCurl::MZCURL_OPT_POSTFIELDSIZE,
-                               static_cast<long long>(outgoing.size())));
+    EXPECT_TRUE(
+        easy.setOption(MZCurl::MZCURL_OPT_POSTFIELDSIZE, static_cast<long long>(outgoing.size())));
     EXPECT_TRUE(easy.setOption(MZCurl::MZCURL_OPT_HTTPHEADER, std::list<std::string>{"Expect:"}));
     return *this;
 }

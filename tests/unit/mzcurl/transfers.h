@@ -2,14 +2,14 @@
 // runs.
 #pragma once
 
+#include <platform/MZCurl.h>
+
 #include <chrono>
 #include <list>
 #include <map>
 #include <memory>
 #include <string>
 #include <vector>
-
-#include <platform/MZCurl.h>
 
 namespace test {
 

@@ -1,0 +1,106 @@
+// libcurl_double.cpp - the functions that the linker puts in the place of the libraries' own.
+#include "libcurl_double.h"
+
+#include <openssl/crypto.h>
+
+#include <cstdarg>
+#include <cstdint>
+
+namespace test {
+
+LibcurlDouble& libcurl()
+{
+    static LibcurlDouble instance;
+    return instance;
+}
+
+namespace {
+
+bool takeFailure(int& count)
+{
+    if (count == 0) {
+        return false;
+    }
+    --count;
+    return true;
+}
+
+}  // namespace
+}  // namespace test
+
+using test::libcurl;
+using test::takeFailure;
+
+extern "C" {
+
+CURL* __real_curl_easy_init();
+CURLM* __real_curl_multi_init();
+CURLMcode __real_curl_multi_add_handle(CURLM* multi, CURL* easy);
+CURLMcode __real_curl_multi_poll(CURLM* multi, curl_waitfd* extra, unsigned int count, int timeout,
+                                 int* ready);
+CURLcode __real_curl_global_init(long flags);
+int __real_OPENSSL_init_crypto(std::uint64_t options, const OPENSSL_INIT_SETTINGS* settings);
+CURLcode __real_curl_easy_setopt(CURL* easy, CURLoption option, ...);
+
+CURL* __wrap_curl_easy_init()
+{
+    return takeFailure(libcurl().failEasyInit) ? nullptr : __real_curl_easy_init();
+}
+
+CURLM* __wrap_curl_multi_init()
+{
+    return takeFailure(libcurl().failMultiInit) ? nullptr : __real_curl_multi_init();
+}
+
+CURLMcode __wrap_curl_multi_add_handle(CURLM* multi, CURL* easy)
+{
+    return takeFailure(libcurl().failAddHandle) ? CURLM_OUT_OF_MEMORY
+                                                : __real_curl_multi_add_handle(multi, easy);
+}
+
+CURLMcode __wrap_curl_multi_poll(CURLM* multi, curl_waitfd* extra, unsigned int count, int timeout,
+                                 int* ready)
+{
+    return takeFailure(libcurl().failPoll)
+               ? CURLM_OUT_OF_MEMORY
+               : __real_curl_multi_poll(multi, extra, count, timeout, ready);
+}
+
+CURLcode __wrap_curl_global_init(long flags)
+{
+    libcurl().setUp.emplace_back("libcurl");
+    return takeFailure(libcurl().failGlobalInit) ? CURLE_OUT_OF_MEMORY
+                                                 : __real_curl_global_init(flags);
+}
+
+int __wrap_OPENSSL_init_crypto(std::uint64_t options, const OPENSSL_INIT_SETTINGS* settings)
+{
+    libcurl().setUp.emplace_back(
+        (options & OPENSSL_INIT_NO_ATEXIT) != 0 ? "OpenSSL without exit handler" : "OpenSSL");
+    return __real_OPENSSL_init_crypto(options, settings);
+}
+
+CURLcode __wrap_curl_easy_setopt(CURL* easy, CURLoption option, ...)
+{
+    if (option == libcurl().failOption) {
+        return CURLE_OUT_OF_MEMORY;
+    }
+    if (option == CURLOPT_SHARE) {
+        libcurl().shareSetters.push_back(std::this_thread::get_id());
+    }
+    std::va_list list;
+    va_start(list, option);
+    CURLcode code = CURLE_OK;
+    // An option's number says what type of value it takes.
+    if (option < CURLOPTTYPE_OBJECTPOINT) {
+        code = __real_curl_easy_setopt(easy, option, va_arg(list, long));
+    } else if (option < CURLOPTTYPE_OFF_T) {
+        code = __real_curl_easy_setopt(easy, option, va_arg(list, void*));
+    } else {
+        code = __real_curl_easy_setopt(easy, option, va_arg(list, curl_off_t));
+    }
+    va_end(list);
+    return code;
+}
+
+}  // extern "C"

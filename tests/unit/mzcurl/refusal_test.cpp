@@ -1,0 +1,168 @@
+// refusal_test.cpp - the wrapper when a library refuses, and what it asks of the libraries.
+#include "libcurl_double.h"
+#include "test_server.h"
+#include "transfers.h"
+
+#include <platform/MZCurl.h>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <thread>
+
+namespace {
+
+using namespace MZCurl;
+using test::Clock;
+using test::libcurl;
+using test::Outcome;
+using test::secondsSince;
+using test::TestServer;
+using test::Transfer;
+using test::Worker;
+using testing::Each;
+using testing::ElementsAre;
+using testing::IsEmpty;
+using testing::Not;
+using testing::SizeIs;
+
+// The first test: the libraries are set up once in a process.
+TEST(ASetUp, IsTriedAgainAfterAFailureAndThenDoneOnce)
+{
+    libcurl().failGlobalInit = 2;
+    MZCurlMulti multi;
+    MZCurlEasy easy;
+    EXPECT_FALSE(multi.Initialize());
+    EXPECT_FALSE(easy.Initialize());
+    libcurl().setUp.clear();
+    EXPECT_TRUE(multi.Initialize());
+    EXPECT_TRUE(easy.Initialize());
+    EXPECT_THAT(libcurl().setUp, ElementsAre("OpenSSL without exit handler", "libcurl"));
+}
+
+TEST(ARefusal, LeavesAnEasyHandleToBeInitialisedAgain)
+{
+    MZCurlEasy easy;
+    libcurl().failEasyInit = 1;
+    EXPECT_FALSE(easy.Initialize());
+    EXPECT_FALSE(easy.setOption(MZCURL_OPT_POST, 1));
+    EXPECT_TRUE(easy.Initialize());
+    EXPECT_TRUE(easy.setOption(MZCURL_OPT_POST, 1));
+}
+
+TEST(ARefusal, OfARuleLeavesNoHandleThatWouldWorkWithoutIt)
+{
+    Worker worker;
+    for (const auto rule : {CURLOPT_CAPATH, CURLOPT_PROXY, CURLOPT_PROTOCOLS_STR,
+                            CURLOPT_PREREQFUNCTION, CURLOPT_HEADERFUNCTION, CURLOPT_QUICK_EXIT}) {
+        MZCurlEasy fresh;
+        MZCurlEasy used;
+        EXPECT_TRUE(used.Initialize());
+        libcurl().failOption = rule;
+        EXPECT_FALSE(fresh.Initialize()) << rule;
+        used.reset();
+        libcurl().failOption = CURLOPT_LASTENTRY;
+        EXPECT_FALSE(worker.multi.addHandle(&fresh)) << rule;
+        EXPECT_FALSE(worker.multi.addHandle(&used)) << rule;
+        EXPECT_FALSE(used.send()) << rule;
+    }
+}
+
+TEST(ARefusal, OfTheMultiHandleIsOvercomeLater)
+{
+    MZCurlEasy easy;
+    ASSERT_TRUE(easy.Initialize());
+    MZCurlMulti multi;
+    libcurl().failMultiInit = 1;
+    EXPECT_FALSE(multi.Initialize());
+    multi.Start();
+    EXPECT_FALSE(multi.addHandle(&easy));
+    EXPECT_TRUE(multi.Initialize());
+    EXPECT_TRUE(multi.addHandle(&easy));
+}
+
+TEST(ARefusal, ToStartATransferIsItsFailedCompletion)
+{
+    TestServer server(test::always("ok"));
+    Transfer first(server.url());
+    Transfer second(server.url());
+    Worker worker;
+    libcurl().failAddHandle = 1;
+    worker.run({&first, &second});
+    const Outcome& outcome = worker.outcome(first);
+    EXPECT_EQ(outcome.times, 1);
+    EXPECT_FALSE(outcome.success);
+    EXPECT_EQ(outcome.code, CURLE_FAILED_INIT);
+    EXPECT_EQ(outcome.error, curl_multi_strerror(CURLM_OUT_OF_MEMORY));
+    EXPECT_TRUE(worker.outcome(second).success) << "nobody waits for a leader that never went";
+    EXPECT_TRUE(worker.run(first).success);
+}
+
+TEST(ARefusal, ToWaitIsReportedAndDoesNotStopTheWork)
+{
+    TestServer server(test::always("ok"));
+    Transfer transfer(server.url());
+    Worker worker;
+    ASSERT_TRUE(worker.multi.addHandle(&transfer.easy));
+    libcurl().failPoll = 20;
+    const auto start = Clock::now();
+    int running = 0;
+    for (int i = 0; i < 20; ++i) {
+        EXPECT_FALSE(worker.multi.fdSelect(running));
+        EXPECT_EQ(running, 1);
+    }
+    EXPECT_GE(secondsSince(start), 0.1) << "the caller's loop would spin";
+    MZCurlMulti::MultiMsg message;
+    while (message.pEasyHandle == nullptr) {
+        EXPECT_TRUE(worker.multi.InfoRead(message));
+        EXPECT_TRUE(worker.multi.fdSelect(running));
+    }
+    EXPECT_TRUE(message.bSuccess);
+}
+
+TEST(TheSharedSessions, AreTouchedByTheWorkerOnly)
+{
+    const test::CertificateAuthority authority;
+    const test::TemporaryFolder folder;
+    authority.writeTo(folder.path("ca.pem"));
+    const test::Identity identity = authority.issue();
+    TestServer server(test::always("ok"), {&identity});
+    libcurl().shareSetters.clear();
+    {
+        Transfer transfer(server.url(), folder.path("ca.pem"));
+        Worker worker;
+        std::thread other([&] { EXPECT_TRUE(worker.multi.addHandle(&transfer.easy)); });
+        other.join();
+        EXPECT_THAT(libcurl().shareSetters, IsEmpty());
+        worker.run({});
+        EXPECT_TRUE(worker.outcome(transfer).success);
+        std::thread last([&] { transfer.easy.reset(); });
+        last.join();
+    }
+    EXPECT_THAT(libcurl().shareSetters, SizeIs(2));
+    EXPECT_THAT(libcurl().shareSetters, Each(std::this_thread::get_id()));
+}
+
+TEST(TheSharedSessions, AreLetGoByTransfersThatAreNeverFreed)
+{
+    Transfer transfer("https://127.0.0.1:1/", "/no/such/file");
+    libcurl().shareSetters.clear();
+    {
+        Worker worker;
+        ASSERT_TRUE(worker.multi.addHandle(&transfer.easy));
+        int running = 0;
+        EXPECT_TRUE(worker.multi.fdSelect(running));
+        EXPECT_THAT(libcurl().shareSetters, SizeIs(1));
+    }
+    EXPECT_THAT(libcurl().shareSetters, SizeIs(2));
+}
+
+TEST(TheSharedSessions, HaveNoPartInATransferOnTheCallingThread)
+{
+    Transfer transfer("https://127.0.0.1:1/", "/no/such/file");
+    libcurl().shareSetters.clear();
+    EXPECT_FALSE(transfer.easy.send());
+    EXPECT_THAT(libcurl().shareSetters, IsEmpty());
+}
+
+}  // namespace

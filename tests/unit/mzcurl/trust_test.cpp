@@ -1,0 +1,244 @@
+// trust_test.cpp - whom a transfer trusts, and what can not steer it.
+#include "test_certificates.h"
+#include "test_server.h"
+#include "transfers.h"
+
+#include <platform/MZCurl.h>
+
+#include <dlfcn.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <openssl/x509.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <string>
+#include <vector>
+
+namespace {
+
+std::vector<std::string> g_folders;
+
+}  // namespace
+
+/// Stands in front of OpenSSL's: notes each folder of certificates that libcurl asks it to trust.
+extern "C" int X509_STORE_load_path(X509_STORE* store, const char* path)
+{
+    g_folders.emplace_back(path);
+    using Function = int (*)(X509_STORE*, const char*);
+    const auto real = reinterpret_cast<Function>(dlsym(RTLD_NEXT, "X509_STORE_load_path"));
+    return real(store, path);
+}
+
+namespace {
+
+using namespace MZCurl;
+using test::CertificateAuthority;
+using test::Connection;
+using test::Identity;
+using test::Outcome;
+using test::Request;
+using test::TestServer;
+using test::Transfer;
+using test::Worker;
+using testing::HasSubstr;
+using testing::IsEmpty;
+
+constexpr int kUnsupportedProtocol = 1;
+constexpr int kPeerFailedVerification = 60;
+constexpr int kBadCaFile = 77;
+
+/// Sets an environment variable for the life of the object.
+class Environment {
+public:
+    Environment(const char* name, const std::string& value) : m_name(name)
+    {
+        setenv(name, value.c_str(), 1);
+    }
+    ~Environment() { unsetenv(m_name); }
+    Environment(const Environment&) = delete;
+    Environment& operator=(const Environment&) = delete;
+
+private:
+    const char* m_name;
+};
+
+class ATrustingTransfer : public testing::Test {
+protected:
+    ATrustingTransfer() { authority.writeTo(caFile); }
+
+    test::TemporaryFolder folder;
+    const std::string caFile = folder.path("ca.pem");
+    const CertificateAuthority authority;
+    const Identity identity = authority.issue();
+    Worker worker;
+};
+
+TEST_F(ATrustingTransfer, ReachesAServerThatTheNamedFileVouchesFor)
+{
+    TestServer server(test::always("ok"), {&identity});
+    Transfer transfer(server.url(), caFile);
+    const Outcome outcome = worker.run(transfer);
+    EXPECT_TRUE(outcome.success) << outcome.error;
+    EXPECT_EQ(transfer.body, "ok");
+}
+
+TEST_F(ATrustingTransfer, SendsNothingToAServerThatItDoesNot)
+{
+    const CertificateAuthority stranger;
+    const Identity foreign = stranger.issue();
+    TestServer server(test::always("ok"), {&foreign});
+    Transfer transfer(server.url(), caFile);
+    EXPECT_EQ(worker.run(transfer).code, kPeerFailedVerification);
+    EXPECT_THAT(server.requests(), IsEmpty());
+}
+
+TEST_F(ATrustingTransfer, ChecksTheNameOfTheServer)
+{
+    const Identity other = authority.issue("DNS:other.test");
+    TestServer server(test::always("ok"), {&other});
+    Transfer transfer(server.url(), caFile);
+    EXPECT_EQ(worker.run(transfer).code, kPeerFailedVerification);
+    EXPECT_THAT(server.requests(), IsEmpty());
+}
+
+TEST_F(ATrustingTransfer, TrustsNobodyWhenNoFileIsNamed)
+{
+    // The stock bundle and folder of the machine would be named here if the wrapper left them in.
+    TestServer server(test::always("ok"), {&identity});
+    const Environment bundle("SSL_CERT_FILE", caFile);
+    Transfer transfer(server.url(), caFile);
+    transfer.easy.reset();
+    ASSERT_TRUE(transfer.easy.setOption(MZCURL_OPT_URL, server.url()));
+    EXPECT_EQ(worker.run(transfer).code, kPeerFailedVerification);
+    EXPECT_THAT(server.requests(), IsEmpty());
+}
+
+TEST_F(ATrustingTransfer, FailsWithTheNameOfACaFileThatIsMissing)
+{
+    TestServer server(test::always("ok"), {&identity});
+    Transfer transfer(server.url(), folder.path("missing.pem"));
+    const Outcome outcome = worker.run(transfer);
+    EXPECT_EQ(outcome.code, kBadCaFile);
+    EXPECT_THAT(outcome.error, HasSubstr(folder.path("missing.pem")));
+    EXPECT_FALSE(transfer.easy.send());
+    EXPECT_THAT(transfer.easy.getLastError(), HasSubstr(folder.path("missing.pem")));
+    EXPECT_THAT(server.requests(), IsEmpty());
+}
+
+TEST_F(ATrustingTransfer, FailsWithTheNameOfACaFileThatIsEmptyOrNoCertificate)
+{
+    TestServer server(test::always("ok"), {&identity});
+    for (const char* const content : {"", "no certificate\n"}) {
+        std::ofstream(folder.path("bad.pem")) << content;
+        Transfer transfer(server.url(), folder.path("bad.pem"));
+        const Outcome outcome = worker.run(transfer);
+        EXPECT_EQ(outcome.code, kBadCaFile);
+        EXPECT_THAT(outcome.error, HasSubstr(folder.path("bad.pem")));
+    }
+    EXPECT_THAT(server.requests(), IsEmpty());
+}
+
+TEST_F(ATrustingTransfer, UsesAReplacedCaFileForItsNextConnection)
+{
+    // TLS 1.2, where the session of the first transfer is ready when the second begins: taken up
+    // again, it would get around the new file.
+    TestServer server(
+        [](Connection& connection) {
+            Request request;
+            connection.read(request);
+            connection.write("HTTP/1.1 204 Nothing\r\nConnection: close\r\n\r\n");
+        },
+        {&identity, TLS1_2_VERSION});
+    Transfer first(server.url(), caFile);
+    EXPECT_TRUE(worker.run(first).success);
+    Transfer second(server.url(), caFile);
+    EXPECT_TRUE(worker.run(second).success);
+    EXPECT_EQ(server.resumedHandshakes(), 1) << "the session is shared while the file stays";
+
+    CertificateAuthority().writeTo(folder.path("new.pem"));
+    std::filesystem::rename(folder.path("new.pem"), caFile);
+    Transfer third(server.url(), caFile);
+    EXPECT_EQ(worker.run(third).code, kPeerFailedVerification);
+
+    authority.writeTo(caFile);
+    Transfer fourth(server.url(), caFile);
+    EXPECT_TRUE(worker.run(fourth).success);
+}
+
+TEST_F(ATrustingTransfer, UsesTlsOnlyUnlessVerificationIsSwitchedOff)
+{
+    TestServer server(test::always("ok"));
+    std::ofstream(folder.path("secret")) << "secret";
+    for (const std::string& url : {server.url(), "file://" + folder.path("secret"),
+                                   "ftp://127.0.0.1:" + std::to_string(server.port())}) {
+        Transfer transfer(url, caFile);
+        EXPECT_EQ(worker.run(transfer).code, kUnsupportedProtocol) << url;
+        EXPECT_EQ(transfer.body, "");
+    }
+    Transfer plain(server.url());
+    EXPECT_TRUE(worker.run(plain).success);
+    Transfer file("file://" + folder.path("secret"));
+    EXPECT_EQ(worker.run(file).code, kUnsupportedProtocol);
+    EXPECT_EQ(file.body, "");
+
+    ASSERT_TRUE(plain.easy.setOption(MZCURL_OPT_SSL_VERIFYPEER, 1));
+    EXPECT_EQ(worker.run(plain).code, kUnsupportedProtocol);
+    EXPECT_EQ(server.requests().size(), 1U);
+}
+
+TEST_F(ATrustingTransfer, FollowsNoRedirect)
+{
+    TestServer elsewhere(test::always("elsewhere"));
+    TestServer server([&](Connection& connection) {
+        Request request;
+        connection.read(request);
+        connection.write("HTTP/1.1 302 Found\r\nLocation: " + elsewhere.url() +
+                         "\r\nContent-Length: 4\r\n\r\nhere");
+    });
+    Transfer transfer(server.url());
+    EXPECT_TRUE(worker.run(transfer).success);
+    EXPECT_EQ(transfer.body, "here");
+    EXPECT_EQ(elsewhere.connections(), 0);
+}
+
+TEST_F(ATrustingTransfer, AsksNoProxyOfTheEnvironment)
+{
+    TestServer proxy(test::always("proxy"));
+    TestServer plain(test::always("plain"));
+    TestServer server(test::always("server"), {&identity});
+    const Environment http("http_proxy", proxy.url());
+    const Environment https("https_proxy", proxy.url());
+    const Environment all("ALL_PROXY", proxy.url());
+    const Environment none("no_proxy", "");
+    Transfer first(plain.url());
+    Transfer second(server.url(), caFile);
+    worker.run({&first, &second});
+    EXPECT_EQ(first.body, "plain");
+    EXPECT_EQ(second.body, "server");
+    EXPECT_EQ(proxy.connections(), 0);
+}
+
+TEST_F(ATrustingTransfer, ReadsNoPasswordFile)
+{
+    std::ofstream(folder.path(".netrc")) << "machine 127.0.0.1 login user password secret\n";
+    const Environment home("HOME", folder.path(""));
+    const Environment netrc("NETRC", folder.path(".netrc"));
+    TestServer server(test::always("ok"));
+    Transfer transfer(server.url());
+    EXPECT_TRUE(worker.run(transfer).success);
+    ASSERT_EQ(server.requests().size(), 1U);
+    EXPECT_FALSE(server.requests()[0].has("Authorization"));
+}
+
+TEST_F(ATrustingTransfer, LooksUpNoFolderOfCertificates)
+{
+    TestServer server(test::always("ok"), {&identity});
+    Transfer transfer(server.url(), caFile);
+    g_folders.clear();
+    EXPECT_TRUE(worker.run(transfer).success);
+    EXPECT_THAT(g_folders, IsEmpty()) << "libcurl was built with a folder that it trusts";
+}
+
+}  // namespace
