@@ -140,7 +140,7 @@ bool Connection::answer(std::string_view body)
 }
 
 TestServer::TestServer(Handler handler, const ServerOptions& options)
-    : m_handler(std::move(handler))
+    : m_handler(std::move(handler)), m_keepsRequests(options.keepsRequests)
 {
     std::signal(SIGPIPE, SIG_IGN);
     m_listener = listenOnAnyPort(m_port);
@@ -159,11 +159,6 @@ void TestServer::setUpTls(const ServerOptions& options)
         throw std::runtime_error("cannot use the certificate");
     }
     SSL_CTX_set_max_proto_version(context, options.tlsVersion);
-    if (!options.tickets) {
-        SSL_CTX_set_session_cache_mode(context, SSL_SESS_CACHE_OFF);
-        SSL_CTX_set_options(context, SSL_OP_NO_TICKET);
-        SSL_CTX_set_num_tickets(context, 0);
-    }
 }
 
 TestServer::~TestServer()
@@ -229,8 +224,10 @@ std::vector<Request> TestServer::requests() const
 
 void TestServer::note(const Request& request)
 {
-    const std::lock_guard<std::mutex> guard(m_lock);
-    m_requests.push_back(request);
+    if (m_keepsRequests) {
+        const std::lock_guard<std::mutex> guard(m_lock);
+        m_requests.push_back(request);
+    }
 }
 
 TestServer::Handler always(std::string body)

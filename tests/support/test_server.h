@@ -68,7 +68,7 @@ private:
 struct ServerOptions {
     const Identity* identity = nullptr;  ///< null: plain http
     int tlsVersion = 0;                  ///< TLS1_2_VERSION or the like; 0: whatever is agreed
-    bool tickets = true;                 ///< false: no session can be taken up again
+    bool keepsRequests = true;           ///< false: for a great many, which nobody looks at
 };
 
 class TestServer {
@@ -112,6 +112,7 @@ private:
     void note(const Request& request);
 
     Handler m_handler;
+    bool m_keepsRequests;
     std::unique_ptr<SSL_CTX, ContextFree> m_context;
     int m_listener = -1;
     int m_port = 0;

@@ -1,0 +1,391 @@
+// connector_stress.cpp - the connector and the curl wrapper under load: every request that is
+// accepted has to be answered once, whatever the two threads do at the same moment.
+//
+//   connector_stress [requests [seed]]
+//
+// Requests come from the main thread, with one to sixty-four in flight, over http and https, good
+// ones mixed with addresses that fail at once and with servers that hang up. At the end the
+// connector is stopped with transfers that would never end. Exit status 0: nothing lost, nothing
+// answered twice, no wrong answer, no hang.
+#include "BillingHttpConnector.h"
+#include "test_server.h"
+
+#include <platform/log.h>
+
+#include <dlfcn.h>
+#include <openssl/x509.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <mutex>
+#include <random>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+constexpr std::chrono::seconds STALLED{60};
+
+std::atomic<unsigned> g_uOfferedEarly{0};
+std::string g_strCaFile;
+
+double SecondsSince(Clock::time_point start)
+{
+    return std::chrono::duration<double>(Clock::now() - start).count();
+}
+
+}  // namespace
+
+extern "C" {
+
+/// In place of the platform's: formats nothing, and counts the completions that came before their
+/// request was on the list. They are what the stress is about.
+int __dlog_print(log_priority, const char*, const char* format, ...)
+{
+    if (std::strstr(format, "This handle has been processed before") != nullptr) {
+        ++g_uOfferedEarly;
+    }
+    return 0;
+}
+
+/// In place of OpenSSL's: the connector names a CA file of the device, which a test cannot write.
+int X509_STORE_load_file(X509_STORE* store, const char*)
+{
+    using Function = int (*)(X509_STORE*, const char*);
+    const auto real = reinterpret_cast<Function>(dlsym(RTLD_NEXT, "X509_STORE_load_file"));
+    return real(store, g_strCaFile.c_str());
+}
+
+}  // extern "C"
+
+struct ConnectorProbe {
+    static bool idle(CHttpConnector& oConnector)
+    {
+        CBillingAutoLock oLock(&CHttpConnector::m_ReqInfoLock);
+        return oConnector.m_bIdle && CHttpConnector::m_ReqInfoList.empty() &&
+               CHttpConnector::m_ReqInfoListBak.empty();
+    }
+};
+
+namespace {
+
+/// One request and what came back.
+struct Ticket {
+    std::string strExpected;  ///< the body; empty: a failure
+    unsigned uCalls = 0;
+    bool bRight = false;
+};
+
+/// All requests of the run. Callbacks come on the worker, submissions on the main thread.
+class Ledger {
+public:
+    explicit Ledger(std::size_t count) : m_tickets(count) {}
+
+    Ticket& ticket(std::size_t index) { return m_tickets[index]; }
+
+    void waitForRoom(unsigned limit)
+    {
+        std::unique_lock<std::mutex> lock(m_lock);
+        m_changed.wait(lock, [&] { return m_inFlight < limit; });
+        ++m_inFlight;
+    }
+
+    void answered(Ticket& ticket, bool success, const std::string& body)
+    {
+        const std::lock_guard<std::mutex> guard(m_lock);
+        ++ticket.uCalls;
+        ticket.bRight =
+            success == !ticket.strExpected.empty() && (!success || body == ticket.strExpected);
+        --m_inFlight;
+        ++m_answers;
+        m_changed.notify_one();
+    }
+
+    void refused()
+    {
+        const std::lock_guard<std::mutex> guard(m_lock);
+        --m_inFlight;
+        ++m_refused;
+    }
+
+    unsigned long answers()
+    {
+        const std::lock_guard<std::mutex> guard(m_lock);
+        return m_answers;
+    }
+
+    /// @return whether every request got the one right answer
+    bool report(double seconds)
+    {
+        const std::lock_guard<std::mutex> guard(m_lock);
+        unsigned lost = 0;
+        unsigned doubles = 0;
+        unsigned wrong = 0;
+        unsigned failures = 0;
+        for (const Ticket& ticket : m_tickets) {
+            lost += ticket.uCalls == 0 ? 1U : 0U;
+            doubles += ticket.uCalls > 1 ? 1U : 0U;
+            wrong += ticket.uCalls > 0 && !ticket.bRight ? 1U : 0U;
+            failures += ticket.strExpected.empty() ? 1U : 0U;
+        }
+        std::printf(
+            "requests %zu (%u meant to fail), answers %lu, refused %u, lost %u, "
+            "answered twice %u, wrong %u, offered before they were listed %u, "
+            "%.1f s, %.0f a second\n",
+            m_tickets.size(), failures, m_answers, m_refused, lost, doubles, wrong,
+            g_uOfferedEarly.load(), seconds, static_cast<double>(m_tickets.size()) / seconds);
+        return lost == 0 && doubles == 0 && wrong == 0 && m_refused == 0;
+    }
+
+private:
+    std::mutex m_lock;
+    std::condition_variable m_changed;
+    std::vector<Ticket> m_tickets;
+    unsigned m_inFlight = 0;
+    unsigned long m_answers = 0;
+    unsigned m_refused = 0;
+};
+
+Ledger* g_pLedger = nullptr;
+std::atomic<unsigned> g_uAnsweredAfterStop{0};
+
+void OnResponse(bool bSuccess, std::string& strResponse, void* pUserData)
+{
+    g_pLedger->answered(*static_cast<Ticket*>(pUserData), bSuccess, strResponse);
+}
+
+void OnResponseAfterStop(bool, std::string&, void*)
+{
+    ++g_uAnsweredAfterStop;
+}
+
+/// Ends the process when nothing is answered any more: a hang is a failure, not a time-out.
+class Watchdog {
+public:
+    explicit Watchdog(Ledger& ledger) : m_thread([this, &ledger] { watch(ledger); }) {}
+    ~Watchdog()
+    {
+        {
+            const std::lock_guard<std::mutex> guard(m_lock);
+            m_done = true;
+        }
+        m_changed.notify_one();
+        m_thread.join();
+    }
+    Watchdog(const Watchdog&) = delete;
+    Watchdog& operator=(const Watchdog&) = delete;
+
+private:
+    void watch(Ledger& ledger)
+    {
+        unsigned long before = ledger.answers();
+        std::unique_lock<std::mutex> lock(m_lock);
+        while (!m_changed.wait_for(lock, STALLED, [this] { return m_done; })) {
+            const unsigned long now = ledger.answers();
+            if (now == before) {
+                std::printf("HANG: %lu answers, and none more for %lld s\n", now,
+                            static_cast<long long>(STALLED.count()));
+                std::fflush(stdout);
+                _exit(2);
+            }
+            before = now;
+        }
+    }
+
+    std::mutex m_lock;
+    std::condition_variable m_changed;
+    bool m_done = false;
+    std::thread m_thread;  // last: it uses the others
+};
+
+/// Answers a GET with its path and anything else with its body; hangs up, or stops half-way, or
+/// says nothing, when it is asked to.
+void Serve(test::Connection& connection)
+{
+    test::Request request;
+    while (connection.read(request)) {
+        if (request.has(" /hangup")) {
+            return;
+        }
+        if (request.has(" /short")) {
+            connection.write("HTTP/1.1 200 OK\r\nContent-Length: 10\r\n\r\nabc");
+            return;
+        }
+        if (request.has(" /never")) {
+            continue;
+        }
+        const std::size_t path = request.head.find('/');
+        const std::string name = request.head.substr(path, request.head.find(' ', path) - path);
+        connection.answer(request.head.rfind("GET", 0) == 0 ? name : request.body);
+    }
+}
+
+/// Makes requests of every kind.
+class Mix {
+public:
+    Mix(const std::string& plain, const std::string& tls, unsigned seed)
+        : m_plain(plain), m_tls(tls), m_random(seed)
+    {
+    }
+
+    unsigned upTo(unsigned most)
+    {
+        return std::uniform_int_distribution<unsigned>(1, most)(m_random);
+    }
+
+    void fill(_BILLING_HTTP_REQ_INFO_T& tRequest, Ticket& tTicket, std::size_t index)
+    {
+        tRequest.bSSL = upTo(8) == 1;
+        const std::string& strServer = tRequest.bSSL ? m_tls : m_plain;
+        const std::string strName = "/" + std::to_string(index);
+        tRequest.strHeader = "Request: " + std::to_string(index) + "\n";
+        tRequest.eMethod = HTTP_METHOD_GET;
+        tRequest.strUrl = strServer + strName;
+        tTicket.strExpected = strName;
+        if (upTo(5) == 1) {
+            tRequest.strUrl = badUrl(strServer);
+            tTicket.strExpected.clear();
+        } else if (upTo(2) == 1) {
+            tRequest.eMethod = upTo(2) == 1 ? HTTP_METHOD_POST : HTTP_METHOD_DELETE;
+            tRequest.strBody = "body of " + strName;
+            tTicket.strExpected = tRequest.strBody;
+        }
+    }
+
+private:
+    std::string badUrl(const std::string& strServer)
+    {
+        // Most of them fail at once: the completion then races with the submission.
+        switch (upTo(12)) {
+            case 1:
+                return "ftp://127.0.0.1/";
+            case 2:
+                return "http://127.0.0.1:1/";
+            case 3:
+                return strServer + "/hangup";
+            case 4:
+                return strServer + "/short";
+            case 5:
+                return "";
+            default:
+                return "http://bad host/";
+        }
+    }
+
+    std::string m_plain;
+    std::string m_tls;
+    std::mt19937 m_random;
+};
+
+void Submit(CHttpConnector& oConnector, Ledger& ledger, Mix& mix, std::size_t count)
+{
+    unsigned limit = 1;
+    for (std::size_t i = 0; i < count; ++i) {
+        if (i % 100 == 0) {
+            limit = 1U << (mix.upTo(7) - 1);
+        }
+        ledger.waitForRoom(limit);
+        _BILLING_HTTP_REQ_INFO_T tRequest;
+        Ticket& ticket = ledger.ticket(i);
+        mix.fill(tRequest, ticket, i);
+        tRequest.pfnCallback = OnResponse;
+        tRequest.pUserData = &ticket;
+        if (!oConnector.Get(&tRequest, false)) {
+            ledger.refused();
+        }
+    }
+    // One in flight, and it is this one that leaves.
+    ledger.waitForRoom(1);
+}
+
+/// @return whether the connector comes to rest
+bool ComesToRest(CHttpConnector& oConnector)
+{
+    const auto start = Clock::now();
+    while (!ConnectorProbe::idle(oConnector)) {
+        if (SecondsSince(start) > 30) {
+            std::printf("the connector does not come to rest\n");
+            return false;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    return true;
+}
+
+/// @return whether the connector stops in time with requests that nobody will answer
+bool StopsWithHungRequests(std::unique_ptr<CHttpConnector> poConnector, const std::string& strUrl)
+{
+    static int iUser = 0;
+    for (int i = 0; i < 100; ++i) {
+        _BILLING_HTTP_REQ_INFO_T tRequest;
+        tRequest.eMethod = HTTP_METHOD_GET;
+        tRequest.strUrl = strUrl + "/never";
+        tRequest.pfnCallback = OnResponseAfterStop;
+        tRequest.pUserData = &iUser;
+        if (!poConnector->Get(&tRequest, false)) {
+            return false;
+        }
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    const auto start = Clock::now();
+    poConnector->Destroy();
+    poConnector.reset();
+    const double seconds = SecondsSince(start);
+    std::printf("stopped with 100 hung requests in %.1f ms, answered after that: %u\n",
+                1000 * seconds, g_uAnsweredAfterStop.load());
+    return seconds < 2 && g_uAnsweredAfterStop == 0;
+}
+
+bool Run(std::size_t count, unsigned seed)
+{
+    const test::CertificateAuthority authority;
+    const test::TemporaryFolder folder;
+    g_strCaFile = folder.path("ca.pem");
+    authority.writeTo(g_strCaFile);
+    const test::Identity identity = authority.issue();
+    test::ServerOptions options;
+    options.keepsRequests = false;
+    test::TestServer plain(Serve, options);
+    options.identity = &identity;
+    test::TestServer tls(Serve, options);
+
+    auto poConnector = std::make_unique<CHttpConnector>();
+    if (!poConnector->Create()) {
+        return false;
+    }
+    Ledger ledger(count);
+    g_pLedger = &ledger;
+    Mix mix(plain.url(), tls.url(), seed);
+    double seconds = 0;
+    {
+        const Watchdog watchdog(ledger);
+        const auto start = Clock::now();
+        Submit(*poConnector, ledger, mix, count);
+        seconds = SecondsSince(start);
+    }
+    bool ok = ComesToRest(*poConnector);
+    ok = ledger.report(seconds) && ok;
+    std::printf("connections: %d plain, %d TLS (%d full handshakes)\n", plain.connections(),
+                tls.connections(), tls.fullHandshakes());
+    return StopsWithHungRequests(std::move(poConnector), plain.url()) && ok;
+}
+
+}  // namespace
+
+int main(int argc, char** argv)
+{
+    const std::size_t count = argc > 1 ? std::strtoul(argv[1], nullptr, 10) : 60000;
+    const unsigned seed = argc > 2 ? static_cast<unsigned>(std::strtoul(argv[2], nullptr, 10))
+                                   : std::random_device{}();
+    std::printf("seed %u\n", seed);
+    return Run(count, seed) ? EXIT_SUCCESS : EXIT_FAILURE;
+}
