@@ -1,14 +1,18 @@
 // main_loop_target.cpp - a process that has everything a SIGTERM handler can trip over, and a
 // handler that does a whole teardown. Driven by main_loop_torture.py, which sends the signals.
 //
-// usage: main_loop_target idle|busy
-//   idle  sleeps in the loop    busy  never sleeps; a second thread writes the pipe
-// Prints "ready" when the loop is about to begin, and at the end how often the handler ran and what
-// was dispatched, before and after the end of the loop.
+// usage: main_loop_target idle|busy|again
+//   idle   sleeps in the loop
+//   busy   never sleeps, and a second thread writes the pipe
+//   again  like idle, and a second SIGTERM comes while the first one is handled
+// Prints "ready" when the loop is about to begin (busy: when both Ecore and GLib have dispatched
+// something), and at the end how often the handler ran and what was dispatched, before and after
+// the end of the loop. Ends by SIGALRM when all that takes longer than a minute.
+#include <platform/log.h>
 #include <platform/process.h>
 
 #include <Ecore.h>
-#include <glib.h>
+#include <glib-unix.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -16,7 +20,6 @@
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -31,36 +34,59 @@ std::thread* g_writer;
 std::mutex g_pipeLock;
 std::atomic<bool> g_stopWriter{false};
 std::atomic<bool> g_torn{false};
+bool g_again;
 int g_handled;
-long g_dispatched;
+long g_dispatchedByGlib;
+long g_dispatchedByEcore;
 long g_late;
 
-void work()
+/// The log is written from the handler, too.
+void note(const char* what, long number)
+{
+    __dlog_print(DLOG_INFO, "TARGET", "%s: %s(%d) > CountryCode:[%s] %ld", "target.cpp", what, 1,
+                 "x", number);
+}
+
+void sayReady()
+{
+    puts("ready");
+    fflush(stdout);
+}
+
+void work(long& count)
 {
     if (g_torn)
         g_late++;
+    note("dispatched", count);
     const std::lock_guard<std::mutex> hold(g_lock);
-    g_dispatched++;
+    if (count++ == 0 && g_dispatchedByGlib > 0 && g_dispatchedByEcore > 0)
+        sayReady();
     if (g_texts->size() > 200)
         g_texts->clear();
-    g_texts->push_back(std::string(static_cast<std::size_t>(g_dispatched % 500) + 20, 'x'));
+    g_texts->push_back(std::string(static_cast<std::size_t>(count % 500) + 20, 'x'));
 }
 
 gboolean onGlib(void*)
 {
-    work();
+    work(g_dispatchedByGlib);
+    return G_SOURCE_CONTINUE;
+}
+
+gboolean onReadable(int, GIOCondition, void*)
+{
+    work(g_dispatchedByGlib);
     return G_SOURCE_CONTINUE;
 }
 
 Eina_Bool onEcore(void*)
 {
-    work();
+    work(g_dispatchedByEcore);
     return ECORE_CALLBACK_RENEW;
 }
 
 void onPipe(void*, void*, unsigned)
 {
-    work();
+    work(g_dispatchedByEcore);
 }
 
 void writePipe()
@@ -71,6 +97,7 @@ void writePipe()
             if (g_pipe != nullptr)
                 ecore_pipe_write(g_pipe, &g_pipe, sizeof g_pipe);
         }
+        note("written", 0);
         usleep(200);
     }
 }
@@ -97,10 +124,22 @@ void tearDown()
 void onTerm(int)
 {
     g_handled++;
-    fprintf(stderr, "signal %d\n", g_handled);
+    note("signal", g_handled);
+    if (g_again && g_handled == 1)
+        kill(getpid(), SIGTERM);
     if (!g_torn)
         tearDown();
     ecore_main_loop_quit();
+}
+
+/// A descriptor that is always ready: the wait ends at once, and never by a signal.
+bool keepReadable()
+{
+    int ends[2];
+    if (pipe(ends) != 0 || write(ends[1], "x", 1) != 1)
+        return false;
+    g_unix_fd_add(ends[0], G_IO_IN, onReadable, nullptr);
+    return true;
 }
 
 void makeBusy()
@@ -123,15 +162,22 @@ int main(int argc, char** argv)
     if (chdir("/") != 0)
         return 2;
     g_texts = new std::vector<std::string>;
+    alarm(60);
     if (ecore_init() != 1)
         return 2;
-    if (argc > 1 && strcmp(argv[1], "busy") == 0)
+    const std::string mode = argc > 1 ? argv[1] : "idle";
+    const bool busy = mode == "busy";
+    g_again = mode == "again";
+    if (busy && !keepReadable())
+        return 2;
+    if (busy)
         makeBusy();
-    puts("ready");
-    fflush(stdout);
+    else
+        sayReady();
     ecore_main_loop_begin();
     ecore_main_loop_quit();
-    printf("handled %d dispatched %ld late %ld\n", g_handled, g_dispatched, g_late);
+    printf("handled %d dispatched %ld + %ld late %ld\n", g_handled, g_dispatchedByGlib,
+           g_dispatchedByEcore, g_late);
     delete g_texts;
     return 0;
 }

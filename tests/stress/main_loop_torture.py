@@ -17,7 +17,7 @@ import sys
 import time
 
 LIMIT = 10.0
-END = re.compile(r"handled (\d+) dispatched (\d+) late (\d+)\n")
+END = re.compile(r"handled (\d+) dispatched \d+ \+ \d+ late (\d+)\n")
 
 
 def start(target, mode):
@@ -37,7 +37,8 @@ def send_while_starting(process):
 
 
 def send_when_ready(process):
-    process.stdout.readline()
+    if process.stdout.readline() != "ready\n":
+        return
     pause(0.005)
     process.send_signal(signal.SIGTERM)
 
@@ -59,7 +60,8 @@ KINDS = [
     ("start-up", "idle", send_while_starting, {1}, 0.30),
     ("start-up, busy", "busy", send_while_starting, {1}, 0.20),
     ("idle", "idle", send_when_ready, {1}, 0.10),
-    ("busy", "busy", send_when_ready, {1}, 0.20),
+    ("busy", "busy", send_when_ready, {1}, 0.15),
+    ("second while the first is handled", "again", send_when_ready, {2}, 0.05),
     # Two that are pending together are one.
     ("twice, idle", "idle", send_twice, {1, 2}, 0.05),
     ("twice, busy", "busy", send_twice, {1, 2}, 0.10),
@@ -82,7 +84,7 @@ def fault(process, handler_runs):
     end = END.search(out)
     if end is None:
         return "said nothing at its end"
-    handled, late = int(end[1]), int(end[3])
+    handled, late = int(end[1]), int(end[2])
     if handled not in handler_runs:
         return f"handler ran {handled} times"
     return f"{late} dispatched after the end" if late else None

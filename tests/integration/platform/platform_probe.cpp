@@ -1,0 +1,98 @@
+// platform_probe.cpp - calls the Linux backend through its shared library, for tests that look at
+// the process from outside.
+//
+// usage: platform_probe levels      logs a public and a private text at each level
+//        platform_probe twice TEXT  logs a public text on a coloured line, twice
+//        platform_probe gateway     prints "<return> <exists>" of the default gateway
+//        platform_probe starved     the same without a free descriptor
+//        platform_probe process     starts the process, then prints what has become of it
+#include <platform/log.h>
+#include <platform/network.h>
+#include <platform/process.h>
+
+#include <fcntl.h>
+#include <sys/prctl.h>
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <cstdio>
+#include <cstring>
+#include <initializer_list>
+
+namespace {
+
+#define LOG(priority, text, ...)                                                               \
+    __dlog_print(priority, "BILLING_SERVICE", "%s: %s(%d) > " text, "Probe.cpp", __func__, 42, \
+                 ##__VA_ARGS__)
+
+int logLevels()
+{
+    int written = 0;
+    for (const log_priority priority : {DLOG_DEBUG, DLOG_INFO, DLOG_WARN, DLOG_ERROR}) {
+        written = LOG(priority, "CountryCode:[%s]", "public");
+        LOG(priority, "RequestGetProducts start Header: %s", "Atoken: CANARY");
+        LOG(priority, "RequestGetProducts start Url[%s]", "https://host/path?guid=CANARY");
+        LOG(priority, "nobody classified this %s", "CANARY");
+    }
+    printf("%d\n", written);
+    return 0;
+}
+
+int logTwice(const char* text)
+{
+    int written = 0;
+    for (int i = 0; i < 2; i++)
+        written = LOG(DLOG_ERROR, "\033[0;31mCountryCode:[%s]\033[0;m", text);
+    printf("%d\n", written);
+    return 0;
+}
+
+int askGateway()
+{
+    bool exists = false;
+    const int result = connection_profile_check_default_gateway(&exists);
+    printf("%d %d\n", result, exists ? 1 : 0);
+    return 0;
+}
+
+int askStarved()
+{
+    const rlimit none{3, 3};
+    setrlimit(RLIMIT_NOFILE, &none);
+    return askGateway();
+}
+
+int showProcess()
+{
+    // The loop's functions are not called, but they are part of what is linked.
+    platform_process_start();
+    for (char** variable = environ; *variable != nullptr; variable++)
+        puts(*variable);
+    sigset_t mask;
+    sigprocmask(SIG_BLOCK, nullptr, &mask);
+    printf("=term blocked %d\n=int blocked %d\n=dumpable %d\n", sigismember(&mask, SIGTERM),
+           sigismember(&mask, SIGINT), prctl(PR_GET_DUMPABLE, 0, 0, 0, 0));
+    for (int fd = 0; fd <= 2; fd++)
+        printf("=descriptor %d open %d\n", fd, fcntl(fd, F_GETFD) >= 0 ? 1 : 0);
+    return 0;
+}
+
+}  // namespace
+
+int main(int argc, char** argv)
+{
+    if (argc > 2 && strcmp(argv[1], "twice") == 0)
+        return logTwice(argv[2]);
+    if (argc < 2)
+        return 2;
+    if (strcmp(argv[1], "levels") == 0)
+        return logLevels();
+    if (strcmp(argv[1], "gateway") == 0)
+        return askGateway();
+    if (strcmp(argv[1], "starved") == 0)
+        return askStarved();
+    if (strcmp(argv[1], "process") == 0)
+        return showProcess();
+    return 2;
+}
