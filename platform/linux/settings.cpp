@@ -32,12 +32,6 @@ Cache& cache()
     return *instance;
 }
 
-std::string filePath()
-{
-    const char* const path = getenv("PLEVO_DEVICE_CONF");
-    return path != nullptr && *path != '\0' ? path : "/etc/plevo/device.conf";
-}
-
 void report(const std::string& problem)
 {
     __dlog_print(DLOG_ERROR, "BILLING_PLATFORM", "settings: %s", problem.c_str());
@@ -78,6 +72,12 @@ Snapshot current()
 }
 
 }  // namespace
+
+std::string filePath()
+{
+    const char* const path = getenv("PLEVO_DEVICE_CONF");
+    return path != nullptr && *path != '\0' ? path : "/etc/plevo/device.conf";
+}
 
 std::optional<std::string> text(const char* group, const char* key)
 {

@@ -6,6 +6,9 @@
 
 namespace settings {
 
+/// Where the settings are: the file that PLEVO_DEVICE_CONF names, or the device's own.
+std::string filePath();
+
 /// Reads one setting. A change of the file is seen at once; what is wrong in it is logged when it
 /// is first seen, once for each version of the file.
 /// @return nullopt when it is not set, empty, refused, or when the file cannot be read
