@@ -10,7 +10,7 @@ namespace MZCurl {
 constexpr std::size_t kMaxBodyBytes = 33554375;
 
 /// Header lines of one transfer: interim responses and trailers count.
-constexpr std::size_t kMaxHeaderBytes = 300 * 1024;
+constexpr std::size_t kMaxHeaderBytes = std::size_t{300} * 1024;
 
 /// Hands a piece of the body to the transfer's own callback.
 std::size_t onBody(char* data, std::size_t size, std::size_t count, void* transfer);

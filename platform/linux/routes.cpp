@@ -17,7 +17,7 @@ namespace routes {
 namespace {
 
 /// The kernel fills at most this much at a time.
-constexpr std::size_t kBufferSize = 32 * 1024;
+constexpr std::size_t kBufferSize = std::size_t{32} * 1024;
 /// A dump that was overtaken by a change is asked for again, so often.
 constexpr int kTries = 4;
 

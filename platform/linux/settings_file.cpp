@@ -17,7 +17,7 @@ namespace settings {
 
 namespace {
 
-constexpr std::size_t kSizeLimit = 64 * 1024;
+constexpr std::size_t kSizeLimit = std::size_t{64} * 1024;
 /// A file that is full of nonsense does not fill the log.
 constexpr std::size_t kProblemLimit = 20;
 /// No file system keeps times coarser than this. A file changed twice within it may show the same

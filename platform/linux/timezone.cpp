@@ -14,7 +14,7 @@ namespace zone {
 
 namespace {
 
-constexpr time_t kDay = 24 * 60 * 60;
+constexpr time_t kDay = time_t{24} * 60 * 60;
 /// Every zone that changes its clocks leaves daylight saving at least once in this time.
 constexpr int kDays = 400;
 

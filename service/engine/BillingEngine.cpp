@@ -189,7 +189,7 @@ bool CBillingEngine::m_Start(const char* szOperation, REQUEST_TYPE eType, void* 
     }
     const bool bSubmitted = submit(ptReq.get());
     if (bSubmitted) {
-        ptReq.release();  // the callback's now, which may have run already
+        static_cast<void>(ptReq.release());  // the callback's now, which may have run already
     } else {
         ptReq.reset();
         m_Refuse(eType, TEXT_TRY_LATER, pUser);
@@ -254,7 +254,7 @@ void CBillingEngine::m_WriteRequestResultToPipe(REQUEST_TYPE eType, BILLING_RETU
         BILLING_ERROR("the result pipe is full, a reply is lost");
         return;
     }
-    pReturnInfo.release();  // the reader's now
+    static_cast<void>(pReturnInfo.release());  // the reader's now
 }
 
 void CBillingEngine::m_PurchaseHistoryCB(bool bSuccess, std::string& strRsp, void* pUserData)

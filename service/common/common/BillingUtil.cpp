@@ -144,12 +144,12 @@ std::string BillingUtil::GetSSOUID()
 
 int BillingUtil::GetiVantorSerType()
 {
-    constexpr int iDefault = 1;
-    int iType = iDefault;
+    constexpr int DEFAULT_TYPE = 1;
+    int iType = DEFAULT_TYPE;
     if (system_info_get_value_int(SYSTEM_INFO_KEY_VANTOR_SERVER_TYPE, &iType) != 0) {
         BILLING_DEBUG(
             "+++++++++++++Failed to get value for iType[SYSTEM_INFO_KEY_VANTOR_SERVER_TYPE]");
-        return iDefault;
+        return DEFAULT_TYPE;
     }
     BILLING_DEBUG(
         "+++++++++++++Return value of type[SYSTEM_INFO_KEY_VANTOR_SERVER_TYPE] is "

@@ -182,8 +182,8 @@ bool CHttpConnector::m_HttpAsyncRequest(_BILLING_HTTP_REQ_INFO_T* ptReqInfo)
     }
     // From here on the three belong to the worker, which may finish before the next line runs: the
     // multi handle then offers the transfer again until it is found on the lists.
-    pEasyHandle.release();
-    ptRequest.release();
+    static_cast<void>(pEasyHandle.release());
+    static_cast<void>(ptRequest.release());
     m_PushRequest(ptReqHandler.release());
     BILLING_DEBUG("Start an async request.");
     return true;
