@@ -9,8 +9,8 @@
 namespace {
 
 constexpr std::size_t MESSAGE_BYTES = std::size_t{32} * 1024 * 1024;  // header and body
-constexpr std::size_t LONGEST_NAME = 255;                // D-Bus specification, bus names
-constexpr std::size_t REPLACEMENT_BYTES = 3;             // U+FFFD in UTF-8
+constexpr std::size_t LONGEST_NAME = 255;     // D-Bus specification, bus names
+constexpr std::size_t REPLACEMENT_BYTES = 3;  // U+FFFD in UTF-8
 
 constexpr std::size_t Aligned(std::size_t uBytes)
 {
