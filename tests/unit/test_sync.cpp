@@ -202,7 +202,9 @@ TEST_F(ACreatedSync, RefusesASecondCreate)
 
 TEST_F(ACreatedSync, PolledWithoutASignalAnswersFalseAtOnce)
 {
+    m_doubles.timedWait = [](pthread_mutex_t*) { return ETIMEDOUT; };
     EXPECT_FALSE(m_sync.SyncTry(0));
+    EXPECT_THAT(m_doubles.deadlines, IsEmpty());
     EXPECT_THAT(LoggedLines(), IsEmpty());
 }
 
