@@ -4,6 +4,7 @@
 #include "log_private.h"
 
 #include <cerrno>
+#include <charconv>
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
@@ -44,20 +45,29 @@ int readNumber(const char*& at, Arguments& arguments)
 
 Length readLength(const char*& at)
 {
-    static constexpr struct {
-        const char* text;
-        Length length;
-    } kLengths[] = {{"hh", Length::Char},   {"h", Length::Short},      {"ll", Length::LongLong},
-                    {"l", Length::Long},    {"z", Length::Size},       {"j", Length::Max},
-                    {"t", Length::Pointer}, {"L", Length::LongDouble}, {"q", Length::LongLong}};
-    for (const auto& known : kLengths) {
-        const std::size_t size = strlen(known.text);
-        if (strncmp(at, known.text, size) == 0) {
-            at += size;
-            return known.length;
-        }
+    const char letter = *at;
+    if (letter == '\0' || strchr("hlzjtLq", letter) == nullptr)
+        return Length::None;
+    at++;
+    const bool twice = (letter == 'h' || letter == 'l') && *at == letter;
+    if (twice)
+        at++;
+    switch (letter) {
+        case 'h':
+            return twice ? Length::Char : Length::Short;
+        case 'l':
+            return twice ? Length::LongLong : Length::Long;
+        case 'z':
+            return Length::Size;
+        case 'j':
+            return Length::Max;
+        case 't':
+            return Length::Pointer;
+        case 'L':
+            return Length::LongDouble;
+        default:
+            return Length::LongLong;
     }
-    return Length::None;
 }
 
 void addFlag(Conversion& conversion, char flag)
@@ -70,6 +80,10 @@ void addFlag(Conversion& conversion, char flag)
 /// Reads what stands behind a '%'. @return false when it is not known here
 bool readConversion(const char*& at, Arguments& arguments, Conversion& out)
 {
+    if (*at == 's' || *at == 'd') {  // most of them
+        out.type = *at++;
+        return true;
+    }
     for (; *at != '\0' && strchr("-+ #0", *at) != nullptr; at++)
         addFlag(out, *at);
     out.width = readNumber(at, arguments);
@@ -107,6 +121,19 @@ void writeNumber(Record& record, const Conversion& conversion, const char* lengt
         record.escaped({text, strnlen(text, sizeof text - 1)});
 }
 
+/// The plain "%d", which most messages have.
+void writeDecimal(Record& record, int value)
+{
+    char text[16];
+    const auto end = std::to_chars(text, text + sizeof text, value).ptr;
+    record.trusted({text, static_cast<std::size_t>(end - text)});
+}
+
+bool isPlain(const Conversion& c)
+{
+    return c.type == 'd' && c.flags[0] == '\0' && c.width == 0 && c.precision < 0;
+}
+
 void writeInteger(Record& record, const Conversion& c, Arguments& arguments)
 {
     switch (c.length) {
@@ -126,6 +153,8 @@ void writeInteger(Record& record, const Conversion& c, Arguments& arguments)
         case Length::Pointer:
             return writeNumber(record, c, "t", va_arg(arguments.list, std::ptrdiff_t));
         case Length::None:
+            if (isPlain(c))
+                return writeDecimal(record, va_arg(arguments.list, int));
             return writeNumber(record, c, "", va_arg(arguments.list, int));
     }
 }
@@ -205,9 +234,14 @@ public:
     }
 
 private:
-    /// Writes the next character or colour code of the format. @return its length
+    /// Writes what stands before the next conversion. @return its length
     std::size_t literal(const char* at)
     {
+        const std::size_t plain = strcspn(at, "%\033\n");
+        if (plain > 0) {
+            m_record.escaped({at, plain});
+            return plain;
+        }
         for (const std::string_view colour : kColours) {
             if (strncmp(at, colour.data(), colour.size()) == 0) {
                 if (m_options.colours)
@@ -216,13 +250,9 @@ private:
             }
         }
         const bool closing = *at == '\n' && (at[1] == '\0' || kColourEnd == at + 1);
-        if (closing)
-            return 1;
-        std::size_t length = 1;
-        while ((static_cast<unsigned char>(at[length]) & 0xc0) == 0x80)
-            length++;
-        m_record.escaped({at, length});
-        return length;
+        if (!closing)
+            m_record.escaped({at, 1});
+        return 1;
     }
 
     void write(const Conversion& c, Arguments& arguments)
@@ -246,7 +276,7 @@ private:
         } else if (c.type == 'd' && m_originLeft == 1) {
             const int line = va_arg(arguments.list, int);
             noteOrigin(nullptr, line);
-            writeNumber(m_record, c, "", line);
+            writeDecimal(m_record, line);
         } else {
             writeInteger(m_record, c, arguments);
         }

@@ -3,6 +3,8 @@
 
 #include <glib.h>
 
+#include <algorithm>
+#include <charconv>
 #include <cstdio>
 #include <cstring>
 
@@ -28,12 +30,19 @@ std::size_t writeEscape(unsigned char byte, char* out, std::size_t size)
     }
 }
 
-/// Length of the character that the text begins with, when it may stand in a line as it is.
-std::size_t plainLength(std::string_view text)
+/// How many printable ASCII characters the text begins with.
+std::size_t plainRun(std::string_view text)
 {
-    const auto first = static_cast<unsigned char>(text[0]);
-    if (first < 0x80)
-        return first >= 0x20 && first != 0x7f ? 1 : 0;
+    std::size_t length = 0;
+    while (length < text.size() && text[length] >= 0x20 && text[length] < 0x7f)
+        length++;
+    return length;
+}
+
+/// Length of the character beyond ASCII that the text begins with; 0 when it begins with none that
+/// may stand in a line.
+std::size_t characterLength(std::string_view text)
+{
     const gunichar character =
         g_utf8_get_char_validated(text.data(), static_cast<gssize>(text.size()));
     // Both error values are beyond Unicode. U+0080 to U+009F are control characters to a terminal.
@@ -44,32 +53,41 @@ std::size_t plainLength(std::string_view text)
 
 }  // namespace
 
+std::size_t Record::room() const
+{
+    // After the first bytes that had no room nothing more is taken: a gap would mislead.
+    return m_cut > 0 ? 0 : m_bytes.size() - kReserve - m_used;
+}
+
 void Record::piece(std::string_view bytes)
 {
-    // After the first piece that has no room nothing more is taken: a gap would mislead.
-    if (m_cut > 0 || m_used + bytes.size() > m_bytes.size() - kReserve) {
+    if (bytes.size() > room())
         m_cut += bytes.size();
-        return;
-    }
-    memcpy(&m_bytes[m_used], bytes.data(), bytes.size());
-    m_used += bytes.size();
+    else
+        run(bytes);
+}
+
+void Record::run(std::string_view bytes)
+{
+    const std::size_t taken = std::min(bytes.size(), room());
+    memcpy(&m_bytes[m_used], bytes.data(), taken);
+    m_used += taken;
+    m_cut += bytes.size() - taken;
 }
 
 void Record::trusted(std::string_view text)
 {
-    for (const char c : text)
-        piece({&c, 1});
+    run(text);
 }
 
 void Record::escaped(std::string_view text)
 {
     while (!text.empty()) {
-        if (m_cut > 0) {
-            m_cut += text.size();
-            return;
-        }
-        std::size_t length = plainLength(text);
-        if (length > 0) {
+        std::size_t length = plainRun(text);
+        if (length > 0 || m_cut > 0) {
+            length = m_cut > 0 ? text.size() : length;
+            run(text.substr(0, length));
+        } else if ((length = characterLength(text)) > 0) {
             piece(text.substr(0, length));
         } else {
             char escape[8];
@@ -97,9 +115,11 @@ void Record::blanks(std::size_t count)
 
 void Record::hidden(std::size_t size)
 {
-    char note[48];
-    const int length = snprintf(note, sizeof note, "<private:%zu bytes>", size);
-    piece({note, static_cast<std::size_t>(length)});
+    char digits[24];
+    const char* const end = std::to_chars(digits, digits + sizeof digits, size).ptr;
+    run("<private:");
+    run({digits, static_cast<std::size_t>(end - digits)});
+    run(" bytes>");
 }
 
 void Record::finish()

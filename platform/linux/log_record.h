@@ -33,7 +33,11 @@ public:
     std::string_view text() const { return {m_bytes.data(), m_used - 1}; }
 
 private:
+    /// Adds bytes that belong together, or none of them.
     void piece(std::string_view bytes);
+    /// Adds as many as there is room for.
+    void run(std::string_view bytes);
+    std::size_t room() const;
 
     std::array<char, kRecordLimit> m_bytes;
     std::size_t m_used = 0;

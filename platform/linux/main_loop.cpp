@@ -1,5 +1,5 @@
-// main_loop.cpp - Ecore's main loop with GLib's default context in it, and SIGTERM let in only where
-// the main thread waits and holds nothing: its handler does the whole teardown.
+// main_loop.cpp - Ecore's main loop with GLib's default context in it, and SIGTERM let in only
+// where the main thread waits and holds nothing: its handler does the whole teardown.
 //
 // These functions are linked into the executable itself, so that they are found before the
 // libraries' own, also where a sanitizer's runtime comes between. What they guard against:
@@ -212,6 +212,10 @@ void process::holdSignals()
     sigaddset(&term, SIGTERM);
     pthread_sigmask(SIG_BLOCK, &term, &g_openMask);
     sigdelset(&g_openMask, SIGTERM);
+}
+
+void process::ownDefaultContext()
+{
     // Without an owner it would be run by whoever has something to hand over to it.
     g_main_context_acquire(nullptr);
 }

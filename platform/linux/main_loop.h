@@ -3,9 +3,13 @@
 
 namespace process {
 
-/// Blocks SIGTERM in this thread, and so in all that it starts, and makes this thread the owner of
-/// GLib's default context. From here on SIGTERM arrives only inside ecore_main_loop_begin().
+/// Blocks SIGTERM in this thread, and so in all that it starts. From here on it arrives only inside
+/// ecore_main_loop_begin().
 /// Thread: main, before any other exists. Once.
 void holdSignals();
+
+/// Makes this thread the owner of GLib's default context.
+/// Thread: main. Once, when descriptors and environment are in order: it is the first use of GLib.
+void ownDefaultContext();
 
 }  // namespace process

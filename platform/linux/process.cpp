@@ -57,5 +57,6 @@ void platform_process_start(void)
     process::holdSignals();
     fillStandardDescriptors();
     process::cleanEnvironment();
+    process::ownDefaultContext();
     hideMemory();
 }

@@ -10,7 +10,6 @@
 
 #include <cerrno>
 #include <cstring>
-#include <vector>
 
 namespace routes {
 
@@ -143,10 +142,10 @@ Dump dumpRoutes()
     Dump dump;
     const Socket socket;
     dump.error = socket.fd() < 0 ? errno : ask(socket.fd());
-    std::vector<char> buffer(kBufferSize);
+    alignas(nlmsghdr) char buffer[kBufferSize];
     while (dump.error == 0 && !dump.done) {
         sockaddr_nl sender{};
-        iovec part{buffer.data(), buffer.size()};
+        iovec part{buffer, sizeof buffer};
         msghdr message{};
         message.msg_name = &sender;
         message.msg_namelen = sizeof sender;
@@ -159,7 +158,7 @@ Dump dumpRoutes()
         } else if ((message.msg_flags & MSG_TRUNC) != 0) {
             dump.error = EMSGSIZE;
         } else if (sender.nl_pid == 0) {  // from the kernel, not from another process
-            read(buffer.data(), static_cast<std::size_t>(size), dump);
+            read(buffer, static_cast<std::size_t>(size), dump);
         }
     }
     return dump;

@@ -89,7 +89,8 @@ def test_the_settings_may_say_otherwise(tmp_path):
 def test_a_process_without_a_free_descriptor_gets_an_error_number(tmp_path):
     # A search for leaks at the end would need descriptors.
     env = {**settings(tmp_path, "default_gateway=auto"), "ASAN_OPTIONS": "detect_leaks=0"}
-    done = subprocess.run([PROBE, "starved"], env=env, stdout=subprocess.PIPE, timeout=60, check=True)
+    done = subprocess.run([PROBE, "starved"], env=env, stdout=subprocess.PIPE, timeout=60,
+                          check=True)
     assert done.stdout == b"24 0\n"
 
 

@@ -10,9 +10,9 @@
 #include <platform/network.h>
 #include <platform/process.h>
 
-#include <fcntl.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <csignal>
@@ -73,8 +73,13 @@ int showProcess()
     sigprocmask(SIG_BLOCK, nullptr, &mask);
     printf("=term blocked %d\n=int blocked %d\n=dumpable %d\n", sigismember(&mask, SIGTERM),
            sigismember(&mask, SIGINT), prctl(PR_GET_DUMPABLE, 0, 0, 0, 0));
-    for (int fd = 0; fd <= 2; fd++)
-        printf("=descriptor %d open %d\n", fd, fcntl(fd, F_GETFD) >= 0 ? 1 : 0);
+    struct stat null {};
+    stat("/dev/null", &null);
+    for (int fd = 0; fd <= 2; fd++) {
+        struct stat status {};
+        const bool open = fstat(fd, &status) == 0;
+        printf("=descriptor %d null %d\n", fd, open && status.st_rdev == null.st_rdev ? 1 : 0);
+    }
     return 0;
 }
 

@@ -1,5 +1,5 @@
-// settings_test.cpp - the settings file of the Linux backend: what is read, what is refused, what is
-// said about it and how often.
+// settings_test.cpp - the settings file of the Linux backend: what is read, what is refused, what
+// is said about it and how often.
 #include "settings.h"
 
 #include "device_conf.h"
