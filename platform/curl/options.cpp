@@ -85,6 +85,13 @@ bool isMethodName(const std::string& text)
            std::all_of(text.begin(), text.end(), [](char c) { return c > ' ' && c < '\x7f'; });
 }
 
+/// libcurl would skip the third slash and ask a host named like the first part of the path.
+bool lacksHost(const std::string& url)
+{
+    const std::size_t scheme = url.find("://");
+    return scheme != std::string::npos && url.compare(scheme, 4, ":///") == 0;
+}
+
 }  // namespace
 
 bool setNumber(Transfer& transfer, MZCURL_OPTION_TYPE id, long long value)
@@ -127,6 +134,9 @@ bool setText(Transfer& transfer, MZCURL_OPTION_TYPE id, const std::string& value
         transfer.namesMethod = true;
     }
     if (id == MZCURL_OPT_URL) {
+        if (lacksHost(value)) {
+            return transfer.fail("The URL names no host");
+        }
         transfer.url = value;
     } else if (id == MZCURL_OPT_CAINFO) {
         transfer.caFile = value;

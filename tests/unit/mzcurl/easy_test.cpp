@@ -125,6 +125,14 @@ TEST_F(AnInitialisedEasyHandle, RefusesTextsThatLibcurlWouldCutOrSendAsTheyAre)
     }
 }
 
+TEST_F(AnInitialisedEasyHandle, RefusesAUrlWithoutAHostInsteadOfTakingThePathForOne)
+{
+    for (const char* const url : {"https:///billing/v2/country?a=b", "https:////x", "http:///"}) {
+        refuses(MZCURL_OPT_URL, std::string(url), "names no host");
+    }
+    EXPECT_TRUE(easy.setOption(MZCURL_OPT_URL, std::string("https://host/path?back=https:///x")));
+}
+
 TEST_F(AnInitialisedEasyHandle, GivesBackItsPrivatePointerUntilItIsReset)
 {
     int value = 0;
