@@ -1,0 +1,141 @@
+"""A private message bus of the system kind, and callers on it."""
+import contextlib
+import itertools
+import pathlib
+import subprocess
+
+from gi.repository import Gio, GLib
+
+SERVICE = "org.plevo.billingservice"
+OBJECT = "/org/plevo/billingservice"
+
+# The rules of the system bus: nothing may be owned or called but what is named here. No limit is
+# set, so the built-in ones hold, which are those of the system bus.
+CONFIGURATION = """<!DOCTYPE busconfig PUBLIC "-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN"
+ "http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd">
+<busconfig>
+  <type>system</type>
+  <auth>EXTERNAL</auth>
+  <listen>unix:path={socket}</listen>
+  <policy context="default">
+    <allow user="*"/>
+    <deny own="*"/>
+    <deny send_type="method_call"/>
+    <allow send_type="signal"/>
+    <allow send_requested_reply="true" send_type="method_return"/>
+    <allow send_requested_reply="true" send_type="error"/>
+    <allow receive_type="method_call"/>
+    <allow receive_type="method_return"/>
+    <allow receive_type="error"/>
+    <allow receive_type="signal"/>
+    <allow send_destination="org.freedesktop.DBus"/>
+{names}  </policy>
+</busconfig>
+"""
+
+
+class Bus:
+    """The bus, with its socket and its configuration in a folder of the caller's."""
+
+    def __init__(self, folder, names=(SERVICE,)):
+        folder = pathlib.Path(folder)
+        self.socket = folder / "bus"
+        self.address = f"unix:path={self.socket}"
+        rules = "".join(f'    <allow own="{name}"/>\n    <allow send_destination="{name}"/>\n'
+                        for name in names)
+        configuration = folder / "bus.conf"
+        configuration.write_text(CONFIGURATION.format(socket=self.socket, names=rules))
+        self._process = subprocess.Popen(
+            ["dbus-daemon", f"--config-file={configuration}", "--nofork", "--nopidfile",
+             "--print-address"], stdout=subprocess.PIPE, text=True)
+        if not self._process.stdout.readline():
+            raise RuntimeError("dbus-daemon did not start")
+
+    def kill(self):
+        """Without any notice, as a crash would."""
+        self._process.kill()
+        self._process.wait()
+
+    def stop(self):
+        self._process.terminate()
+        self._process.wait()
+        self._process.stdout.close()
+
+
+class Call:
+    """One method call, under way or answered."""
+
+    _answers = itertools.count(1)
+
+    def __init__(self, connection, method, arguments, timeout):
+        signature = "(" + "s" * len(arguments) + ")"
+        self.result = None
+        self.error = None
+        self.place = 0
+        connection.call(SERVICE, OBJECT, SERVICE, method, GLib.Variant(signature, arguments),
+                        None, Gio.DBusCallFlags.NONE, int(timeout * 1000), None, self._answered)
+
+    def _answered(self, connection, outcome):
+        self.place = next(Call._answers)
+        try:
+            reply = connection.call_finish(outcome)
+        except GLib.Error as error:
+            self.error = error
+            return
+        if reply.get_type_string() != "(is)":
+            self.error = TypeError(f"a reply of type {reply.get_type_string()}")
+            return
+        self.result = reply.unpack()
+
+    @property
+    def done(self):
+        return self.place > 0
+
+
+class Caller:
+    """A connection to the bus that calls the service."""
+
+    def __init__(self, address):
+        self.connection = Gio.DBusConnection.new_for_address_sync(
+            address, Gio.DBusConnectionFlags.AUTHENTICATION_CLIENT
+            | Gio.DBusConnectionFlags.MESSAGE_BUS_CONNECTION, None, None)
+
+    def start(self, method, *arguments, timeout=60):
+        return Call(self.connection, method, arguments, timeout)
+
+    def call(self, method, *arguments, timeout=60):
+        """@return what came back as (resp_result, resp_info)"""
+        call = self.start(method, *arguments, timeout=timeout)
+        self.finish([call])
+        if call.error is not None:
+            raise call.error
+        return call.result
+
+    @staticmethod
+    def finish(calls):
+        """Waits until all of them are answered. Each has a time-out of its own."""
+        while not all(call.done for call in calls):
+            GLib.MainContext.default().iteration(True)
+
+    def ask_bus(self, method, *arguments):
+        """One question to the bus itself, with texts for arguments."""
+        signature = "(" + "s" * len(arguments) + ")"
+        reply = self.connection.call_sync(
+            "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus", method,
+            GLib.Variant(signature, arguments), None, Gio.DBusCallFlags.NONE, 10000, None)
+        return reply.unpack()[0]
+
+    def owner(self, name=SERVICE):
+        """The unique name that owns the service's, or None."""
+        with contextlib.suppress(GLib.Error):
+            return self.ask_bus("GetNameOwner", name)
+        return None
+
+    def introspect(self):
+        reply = self.connection.call_sync(
+            SERVICE, OBJECT, "org.freedesktop.DBus.Introspectable", "Introspect", None,
+            GLib.VariantType("(s)"), Gio.DBusCallFlags.NONE, 10000, None)
+        return Gio.DBusNodeInfo.new_for_xml(reply.unpack()[0])
+
+    def close(self):
+        self.connection.close_sync(None)

@@ -1,0 +1,225 @@
+"""Runs the daemon, with its own view of the paths that are fixed in it."""
+import contextlib
+import json
+import os
+import pathlib
+import re
+import select
+import shutil
+import signal
+import socket
+import subprocess
+import sys
+import time
+
+TREE = pathlib.Path(__file__).resolve().parents[2]
+DEFAULT_BINARY = TREE / "build" / "service" / "billing-service"
+
+# What a sanitizer's runtime and the caller of a test may want to say to the daemon.
+HANDED_ON = re.compile(r"^(ASAN|LSAN|UBSAN|TSAN)_OPTIONS$|^MALLOC_|^GLIBC_TUNABLES$")
+
+NO_NAMESPACES = (
+    "the daemon's view of /opt/down/cert needs bubblewrap and mount namespaces, which are not "
+    "allowed here. An ordinary user may have them with `sysctl kernel.unprivileged_userns_clone=1` "
+    "and `sysctl user.max_user_namespaces=10000`; a container needs them from its host "
+    "(for instance `--cap-add SYS_ADMIN --security-opt seccomp=unconfined`)")
+
+
+def binary():
+    """The daemon to test: that of $BILLING_SERVICE, else the one of the build folder."""
+    return pathlib.Path(os.environ.get("BILLING_SERVICE", DEFAULT_BINARY)).resolve()
+
+
+def is_sanitized():
+    """Built with a sanitizer? Then it is slower and larger."""
+    return b"__sanitizer" in binary().read_bytes()
+
+
+def bubblewrap(certificates):
+    """A command line that gives what follows it a /opt of its own."""
+    return ["bwrap", "--die-with-parent", "--cap-drop", "ALL", "--dev-bind", "/", "/",
+            "--tmpfs", "/opt", "--ro-bind", str(certificates), "/opt/down/cert"]
+
+
+def why_no_view():
+    """None where bubblewrap works, else what to do about it."""
+    if shutil.which("bwrap") is None:
+        return "bubblewrap is not installed"
+    if not os.path.isdir("/opt"):
+        return "there is no folder /opt to put the daemon's own one over"
+    tried = subprocess.run([*bubblewrap("/tmp"), "--unshare-net", "true"], capture_output=True,
+                           text=True, check=False)
+    return None if tried.returncode == 0 else f"{NO_NAMESPACES} ({tried.stderr.strip()})"
+
+
+@contextlib.contextmanager
+def term_blocked():
+    """What is started meanwhile begins with SIGTERM blocked, so that none is lost before the first
+    line of its main."""
+    before = signal.pthread_sigmask(signal.SIG_BLOCK, {signal.SIGTERM})
+    try:
+        yield
+    finally:
+        signal.pthread_sigmask(signal.SIG_SETMASK, before)
+
+
+class Record:
+    """One line of the log."""
+
+    FORM = re.compile(r"([DIWE])/([A-Z_]+): (?:([A-Za-z]+\.(?:cpp|h)): (~?\w+)\((\d+)\) > )?(.*)")
+
+    def __init__(self, line):
+        match = self.FORM.fullmatch(line)
+        self.whole = match is not None
+        self.priority, self.tag, self.file, self.function, self.number, self.text = (
+            match.groups() if match else (None,) * 5 + (line,))
+
+    def __repr__(self):
+        return f"{self.priority}/{self.tag} {self.function}: {self.text}"
+
+
+class Daemon:
+    """One process. Its log goes to a file."""
+
+    def __init__(self, folder, bus_address, device, *, view=True, namespace=None, level="debug",
+                 environment=None):
+        self.log_file = pathlib.Path(folder) / f"daemon-{time.monotonic_ns()}.log"
+        runtime = pathlib.Path(folder) / "run"
+        runtime.mkdir(exist_ok=True)
+        self._environment = {
+            "PATH": "/usr/bin:/bin", "DBUS_SYSTEM_BUS_ADDRESS": bus_address,
+            "PLEVO_DEVICE_CONF": str(device.file), "PLEVO_LOG_LEVEL": level,
+            "XDG_RUNTIME_DIR": str(runtime), "G_DEBUG": "fatal-criticals",
+            **{name: value for name, value in os.environ.items() if HANDED_ON.match(name)},
+            **(environment or {})}
+        self.pid = 0
+        with open(self.log_file, "wb") as log, term_blocked():
+            self._start(device, view, namespace, log)
+
+    def _start(self, device, view, namespace, log):
+        command, handed_on = [str(binary())], ()
+        if namespace is not None:
+            command = [*namespace.command, *command]
+            handed_on = (namespace.descriptor,)
+        if not view:
+            self._process = self._popen(command, log, handed_on)
+            self.pid = self._process.pid
+            return
+        told, tell = os.pipe()
+        prefix = bubblewrap(device.certificates)
+        if namespace is not None:
+            prefix += ["--unshare-net", "--cap-add", "CAP_NET_ADMIN"]
+        self._process = self._popen([*prefix, "--info-fd", str(tell), "--", *command], log,
+                                    (tell, *handed_on))
+        os.close(tell)
+        with open(told, encoding="utf-8") as info:
+            self.pid = json.loads(info.read() or "{}").get("child-pid", 0)
+
+    def _popen(self, command, log, handed_on):
+        return subprocess.Popen(command, env=self._environment, stdin=subprocess.DEVNULL,
+                                stdout=log, stderr=log, pass_fds=handed_on)
+
+    def wait_for_name(self, caller, timeout=20):
+        """Returns when the daemon owns its name."""
+        self.wait_until(lambda: caller.owner() is not None, "it owns its name", timeout)
+
+    def wait_until(self, condition, what, timeout=20):
+        """Polls, while the daemon lives."""
+        end = time.monotonic() + timeout
+        while not condition():
+            if not self.is_running():
+                raise AssertionError(f"the daemon ended with {self._process.returncode} before "
+                                     f"{what}")
+            if time.monotonic() > end:
+                raise AssertionError(f"the daemon runs, but not so that {what}")
+            time.sleep(0.005)
+
+    def wait_for_log(self, text, timeout=20):
+        self.wait_until(lambda: any(text in record.text for record in self.log()),
+                        f"it logs {text!r}", timeout)
+
+    def is_running(self):
+        return self._process.poll() is None
+
+    def send(self, number):
+        os.kill(self.pid, number)
+
+    def wait(self, timeout):
+        """@return the exit status; that of a signal as subprocess has it, negative"""
+        status = self._process.wait(timeout)
+        # bubblewrap says it as a shell does.
+        return 128 - status if status > 128 and self.pid != self._process.pid else status
+
+    def stop(self, timeout=30):
+        """SIGTERM, and the status that comes of it."""
+        if self.is_running():
+            self.send(signal.SIGTERM)
+        return self.wait(timeout)
+
+    def kill(self):
+        """Makes sure that nothing is left."""
+        if self.is_running():
+            with contextlib.suppress(ProcessLookupError):
+                self.send(signal.SIGKILL)
+            self._process.kill()
+        self._process.wait()
+
+    def log_text(self):
+        return self.log_file.read_text(encoding="utf-8", errors="backslashreplace")
+
+    def log(self):
+        """The complete lines so far, as records."""
+        lines = self.log_text().split("\n")
+        return [Record(line) for line in lines[:-1]]
+
+    def texts(self, priority=None):
+        return [record.text for record in self.log() if priority in (None, record.priority)]
+
+    def status_field(self, name):
+        """A number of /proc/<pid>/status, in the unit that stands there."""
+        return int(re.search(rf"^{name}:\s*(\w+)", self._proc("status"), re.MULTILINE)[1])
+
+    def switches(self):
+        """Context switches of all its threads so far."""
+        total = 0
+        for task in pathlib.Path(f"/proc/{self.pid}/task").iterdir():
+            text = (task / "status").read_text()
+            total += sum(int(n) for n in re.findall(r"ctxt_switches:\s*(\d+)", text))
+        return total
+
+    def descriptors(self):
+        """How many are open. Only root may know."""
+        return len(os.listdir(f"/proc/{self.pid}/fd"))
+
+    def _proc(self, name):
+        return pathlib.Path(f"/proc/{self.pid}/{name}").read_text(encoding="utf-8")
+
+
+class Namespace:
+    """A network of the daemon's own, with a server's socket in it and an agent that sets routes.
+
+    Nothing but the loopback interface is there, and no route.
+    """
+
+    def __init__(self):
+        ours, theirs = socket.socketpair(socket.AF_UNIX, socket.SOCK_SEQPACKET)
+        self._ours, self._theirs = ours, theirs
+        self.descriptor = theirs.fileno()
+        self.command = [sys.executable, str(pathlib.Path(__file__).with_name("inside.py")),
+                        str(self.descriptor)]
+
+    def listener(self, timeout=20):
+        """The listening socket in there. Call it once, when the daemon was started."""
+        self._theirs.close()
+        if not select.select([self._ours], [], [], timeout)[0]:
+            raise AssertionError("the namespace gave no socket")
+        _, descriptors, _, _ = socket.recv_fds(self._ours, 16, 1)
+        return socket.socket(fileno=descriptors[0])
+
+    def ip(self, *arguments):
+        """Runs ip(8) in there. @return its exit status"""
+        self._ours.sendall(" ".join(arguments).encode())
+        return int(self._ours.recv(16))
+
+    def close(self):
+        self._ours.close()

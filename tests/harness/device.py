@@ -1,0 +1,58 @@
+"""What a device is to the daemon: its settings file and the folder of its CA bundle."""
+import copy
+import os
+import pathlib
+
+TOKEN = "token-8c41"
+DUID = "duid-5fb0"
+GUID = "guid-a17e"
+UID = "uid-93d2"
+
+# Texts that nobody but the server may see.
+SECRETS = (TOKEN, DUID, GUID, UID)
+
+
+class Device:
+    """A device in a folder of the caller's. `settings` takes effect with write()."""
+
+    def __init__(self, folder, host="localhost:1", sandbox=None):
+        folder = pathlib.Path(folder)
+        self.file = folder / "device.conf"
+        self.certificates = folder / "cert"
+        self.certificates.mkdir()
+        self.settings = copy.deepcopy({
+            "config": {"db/comss/atoken": TOKEN, "db/comss/hwduid": DUID,
+                       "db/comss/countrycode": "DE", "db/comss/modelid": "model-1",
+                       "memory/menu/network/set_time": "1"},
+            "runtime": {"language": "de_DE.utf8"},
+            "system": {"vantor_server_type": "0"},
+            "account": {"guid": GUID, "auth_token": "account-token", "login_id": UID},
+            "network": {"default_gateway": "up"},
+            "deployment": {"production_host": host, "sandbox_host": sandbox or host},
+        })
+        self.write()
+
+    def set(self, group, key, value):
+        """Changes one setting; None takes it away."""
+        if value is None:
+            self.settings[group].pop(key, None)
+        else:
+            self.settings.setdefault(group, {})[key] = value
+        self.write()
+
+    def write(self):
+        lines = []
+        for group, values in self.settings.items():
+            lines.append(f"[{group}]")
+            lines += [f"{key}={value}" for key, value in values.items()]
+        self.write_file("\n".join(lines) + "\n")
+
+    def write_file(self, text):
+        """Replaces the whole file, so that no reader sees half of it."""
+        fresh = self.file.with_suffix(".new")
+        fresh.write_bytes(text if isinstance(text, bytes) else text.encode())
+        os.replace(fresh, self.file)
+
+    @property
+    def ca_file(self):
+        return self.certificates / "ca.pem"

@@ -1,0 +1,22 @@
+"""The five methods, each with arguments that a caller might use."""
+
+NO_NETWORK = (1160003, "Network error, please check!")
+TRY_LATER = (1160003, "Try again later.")
+
+EVERY_CALL = {
+    "check_server_availability": (),
+    "get_product_list": ("app-1", "1", "check-1"),
+    "get_purchase_history": ("app-1", "custom-1", "type-1", "5", "check-1", "1"),
+    "get_applied_time": ("app-1", "custom-1", "invoice-1", "1"),
+    "confirm_purchase": ("app-1", "custom-1", "invoice-1", "1"),
+}
+
+
+def answers(caller):
+    """What each method answers, one after the other."""
+    return {method: caller.call(method, *arguments) for method, arguments in EVERY_CALL.items()}
+
+
+def all_alike(result):
+    """The answers when each is the same."""
+    return dict.fromkeys(EVERY_CALL, result)

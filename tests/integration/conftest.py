@@ -1,0 +1,107 @@
+"""The parts of a running system, one set for each test."""
+import pathlib
+import sys
+
+import pytest
+
+sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1]))
+
+from harness import bus as message_bus  # noqa: E402
+from harness import certificates, daemon, device, server  # noqa: E402
+
+HOSTS = ("localhost", "production.localhost", "sandbox.localhost")
+NO_VIEW = daemon.why_no_view()
+
+
+@pytest.fixture(scope="session")
+def authority():
+    return certificates.Authority()
+
+
+@pytest.fixture(scope="session")
+def server_context(authority):
+    return authority.server_context(*HOSTS)
+
+
+@pytest.fixture
+def needs_view():
+    """The test's daemon must see a /opt of its own."""
+    if NO_VIEW is not None:
+        pytest.skip(NO_VIEW)
+
+
+@pytest.fixture
+def bus(tmp_path):
+    running = message_bus.Bus(tmp_path)
+    yield running
+    running.stop()
+
+
+@pytest.fixture
+def callers(bus):
+    """A function that makes another connection to the bus."""
+    made = []
+
+    def make():
+        made.append(message_bus.Caller(bus.address))
+        return made[-1]
+
+    yield make
+    for caller in made:
+        if not caller.connection.is_closed():
+            caller.close()
+
+
+@pytest.fixture
+def caller(callers):
+    return callers()
+
+
+@pytest.fixture
+def store(server_context):
+    running = server.StoreServer(server_context)
+    yield running
+    running.stop()
+
+
+@pytest.fixture
+def a_device(tmp_path, store, authority):
+    """A device that knows the store server and trusts it."""
+    made = device.Device(tmp_path, f"production.localhost:{store.port}",
+                         f"sandbox.localhost:{store.port}")
+    made.ca_file.write_bytes(authority.pem)
+    return made
+
+
+@pytest.fixture
+def start_daemon(tmp_path, bus, a_device, request):
+    """A function that starts a daemon on the bus. Those that still run at the end are killed."""
+    started = []
+    request.node.daemons = started
+
+    def start(**options):
+        started.append(daemon.Daemon(tmp_path, bus.address, a_device, **options))
+        return started[-1]
+
+    yield start
+    for process in started:
+        process.kill()
+
+
+@pytest.fixture
+def service(needs_view, start_daemon, caller):
+    """The daemon, with its name owned and everything as it should be."""
+    process = start_daemon()
+    process.wait_for_name(caller)
+    return process
+
+
+@pytest.hookimpl(hookwrapper=True)
+def pytest_runtest_makereport(item, call):
+    """A failure shows what the daemons said."""
+    outcome = yield
+    report = outcome.get_result()
+    if report.failed:
+        for process in getattr(item, "daemons", []):
+            text = process.log_text()
+            report.sections.append((f"daemon {process.pid}", text[-20000:]))

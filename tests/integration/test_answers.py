@@ -1,0 +1,201 @@
+"""What the caller gets for each thing that a server can do."""
+import datetime
+import socket
+
+import pytest
+from harness import certificates, server
+from harness.methods import all_alike, answers
+from harness.server import Endless, Raw, Reply, Reset, Truncate
+
+# The longest text that fits a reply on the system bus.
+LIMIT = 33_554_375
+
+FAILED = (-1, "")
+
+
+@pytest.mark.parametrize("status", ["500 Internal Server Error", "404 Not Found", "401 Unauthorized",
+                                    "302 Found", "201 Created"])
+def test_any_status_with_a_body_is_a_success(service, caller, store, status):
+    store.answer = Reply(b'{"error": 1}', status, headers=("Location: https://localhost/other",))
+
+    assert answers(caller) == all_alike((0, '{"error": 1}'))
+
+    assert len(store.requests) == 5
+
+
+def test_an_empty_body_is_a_success(service, caller, store):
+    store.answer = Reply(b"")
+    assert answers(caller) == all_alike((0, ""))
+
+
+def test_a_body_that_ends_with_its_connection_is_a_success(service, caller, store):
+    store.answer = Raw(b"HTTP/1.1 200 OK\r\nConnection: close\r\n\r\nto the end")
+    assert caller.call("check_server_availability") == (0, "to the end")
+
+
+def test_a_compressed_body_is_handed_on_as_it_is(service, caller, store):
+    store.answer = Reply(b"not unpacked", headers=("Content-Encoding: gzip",))
+    assert caller.call("check_server_availability") == (0, "not unpacked")
+
+
+def error_lines(daemon):
+    """The lines of failed transfers, as the connector has them."""
+    return [text for text in daemon.texts("E") if text.startswith("MZCurl multiResult ErrorCode")]
+
+
+def test_nobody_listening_is_a_failure(service, caller, a_device):
+    with socket.create_server(("127.0.0.1", 0)) as taken:
+        port = taken.getsockname()[1]
+    a_device.set("deployment", "production_host", f"localhost:{port}")
+
+    assert answers(caller) == all_alike(FAILED)
+
+    assert len(error_lines(service)) == 5
+    assert sum("Http error!" in text for text in service.texts("E")) == 5
+
+
+@pytest.fixture
+def other_store(request):
+    """A function that runs one more server, with another certificate."""
+    def make(context):
+        running = server.StoreServer(context)
+        request.addfinalizer(running.stop)
+        return running
+    return make
+
+
+def untrusted(_authority):
+    return certificates.Authority().server_context("localhost")
+
+
+def for_another_host(authority):
+    return authority.server_context("elsewhere.example")
+
+
+def expired(authority):
+    return authority.server_context("localhost", not_after=datetime.datetime(2001, 1, 1))
+
+
+@pytest.mark.parametrize("wrong", [untrusted, for_another_host, expired])
+def test_a_server_that_cannot_prove_itself_gets_no_byte_of_a_request(
+        service, caller, a_device, authority, other_store, wrong):
+    store = other_store(wrong(authority))
+    a_device.set("deployment", "production_host", f"localhost:{store.port}")
+
+    assert answers(caller) == all_alike(FAILED)
+
+    assert b"".join(store.connections) == b""
+    assert len(store.connections) >= 5
+    assert len(error_lines(service)) == 5
+
+
+def test_a_server_without_tls_gets_no_byte_of_a_request(service, caller, a_device):
+    with socket.create_server(("127.0.0.1", 0)) as plain:
+        a_device.set("deployment", "production_host", f"localhost:{plain.getsockname()[1]}")
+        call = caller.start("check_server_availability")
+        connection, _ = plain.accept()
+        received = connection.recv(65536)
+        connection.sendall(b"HTTP/1.1 200 OK\r\nContent-Length: 2\r\n\r\nhi")
+        connection.close()
+        caller.finish([call])
+
+    assert call.result == FAILED
+    assert b"GET" not in received and b"billing" not in received
+
+
+def test_a_connection_that_is_reset_is_a_failure(service, caller, store):
+    store.answer = Reset()
+    assert answers(caller) == all_alike(FAILED)
+
+
+def test_an_answer_that_is_cut_off_is_a_failure_with_what_came(service, caller, store):
+    store.answer = Truncate(b'{"half": ', missing=100)
+    assert answers(caller) == all_alike((-1, '{"half": '))
+
+
+@pytest.mark.parametrize("method, arguments", [("confirm_purchase", ("a", "c", "i", "0")),
+                                               ("get_applied_time", ("a", "c", "i", "0"))])
+def test_a_payment_is_not_sent_again_when_a_kept_connection_dies(service, caller, store, method,
+                                                                 arguments):
+    assert caller.call("check_server_availability") == (0, "{}")
+    store.take_requests()
+    store.answer = Reset()
+
+    assert caller.call(method, *arguments) == FAILED
+
+    (request,) = store.take_requests()
+    assert request.connection == 0
+
+    store.answer = Reply(b"next")
+    assert caller.call(method, *arguments) == (0, "next")
+    assert len(store.take_requests()) == 1
+
+
+@pytest.mark.parametrize("body, text", [
+    (b"a\xffb", "a\ufffdb"),
+    (b"a\x00b\x00", "a\ufffdb\ufffd"),
+    (b"\xc0\x80\xed\xa0\x80", "\ufffd" * 5),
+    (b"\xf4\x90\x80\x80", "\ufffd" * 4),
+    (b"cut \xe2\x82", "cut \ufffd\ufffd"),
+    (b"\xef\xbb\xbf\x01\x1b[31m\x7f\r\n", "\ufeff\x01\x1b[31m\x7f\r\n"),
+    ("Grüße, 請求, 𝄞".encode(), "Grüße, 請求, 𝄞"),
+    (b"100%s %n %d", "100%s %n %d"),
+])
+def test_a_body_reaches_the_caller_as_valid_text(service, caller, store, body, text):
+    store.answer = Reply(body)
+    assert caller.call("get_product_list", "a", "", "") == (0, text)
+
+
+def long_text(size):
+    return (b"0123456789abcdef" * (size // 16 + 1))[:size]
+
+
+def test_the_longest_body_that_the_bus_carries_is_carried(service, caller, store):
+    store.answer = Reply(long_text(LIMIT))
+
+    result, text = caller.call("check_server_availability")
+
+    assert result == 0
+    assert text.encode() == store.answer.body
+
+
+def still_served(caller, store, owner):
+    store.answer = Reply(b"next")
+    return caller.call("check_server_availability") == (0, "next") and caller.owner() == owner
+
+
+def test_a_body_one_byte_longer_is_a_failure_with_what_came_before(service, caller, store):
+    owner = caller.owner()
+    body = long_text(LIMIT + 1)
+    store.answer = Reply(body)
+
+    result, text = caller.call("check_server_availability")
+
+    assert result == -1
+    assert body.startswith(text.encode())
+    assert still_served(caller, store, owner)
+
+
+TOO_LONG_AS_TEXT = {"one byte": lambda: long_text(LIMIT - 1) + b"\xff",
+                    "every byte": lambda: b"\xff" * (LIMIT // 2)}
+
+
+@pytest.mark.parametrize("mended", TOO_LONG_AS_TEXT)
+def test_a_body_that_is_too_long_once_it_is_valid_is_a_failure_without_text(service, caller, store,
+                                                                           mended):
+    owner = caller.owner()
+    store.answer = Reply(TOO_LONG_AS_TEXT[mended]())
+
+    assert caller.call("check_server_availability") == FAILED
+
+    assert still_served(caller, store, owner)
+
+
+def test_a_body_without_an_end_is_a_failure(service, caller, store):
+    owner = caller.owner()
+    store.answer = Endless()
+
+    result, _ = caller.call("check_server_availability")
+
+    assert result == -1
+    assert still_served(caller, store, owner)

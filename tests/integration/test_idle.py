@@ -1,0 +1,45 @@
+"""A daemon that has nothing to do does nothing."""
+import time
+
+import pytest
+from harness import daemon
+from harness.methods import answers
+
+SECONDS = 5
+
+
+@pytest.mark.parametrize("used", [False, True])
+def test_an_idle_daemon_does_not_wake_up(service, caller, store, used):
+    if used:
+        answers(caller)
+    # Kept connections stay open meanwhile; what the calls left behind has settled.
+    time.sleep(1)
+    before = service.switches()
+
+    time.sleep(SECONDS)
+
+    switches = service.switches() - before
+    print(f"{switches} context switches in {SECONDS} s")
+    assert switches == 0
+
+
+def test_an_idle_daemon_is_small(service, caller, store):
+    answers(caller)
+    resident = service.status_field("VmRSS") / 1024
+    print(f"{resident:.1f} MiB resident after five calls")
+    if daemon.is_sanitized():
+        pytest.skip("a sanitizer's memory says nothing about the daemon's")
+    assert resident < 25
+
+
+def test_descriptors_do_not_grow_with_calls(service, caller, store):
+    def descriptors():
+        try:
+            return service.descriptors()
+        except PermissionError:
+            pytest.skip("only root may count the descriptors of a process that hides itself")
+    answers(caller)
+    before = descriptors()
+    for _ in range(20):
+        answers(caller)
+    assert descriptors() == before

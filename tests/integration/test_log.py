@@ -1,0 +1,94 @@
+"""The log: nothing private, levels, one line for each record, and what is written when."""
+import pytest
+from harness.device import SECRETS
+from harness.methods import answers
+from harness.server import Truncate
+
+ARGUMENTS = {"get_product_list": ("canary-app", "0", "canary-check"),
+             "get_purchase_history": ("canary-app", "canary-custom", "canary-type", "canary-page",
+                                      "canary-check", "0"),
+             "confirm_purchase": ("canary-app", "canary-custom", "canary-invoice", "0"),
+             "get_applied_time": ("canary-app", "canary-custom", "canary-invoice", "0"),
+             "check_server_availability": ()}
+ANSWER = b'{"body": "canary-body"}'
+
+# What only the device, the caller and the server may know.
+CANARIES = [*SECRETS, "canary-app", "canary-custom", "canary-type", "canary-page", "canary-check",
+            "canary-invoice", "canary-body", "account-token"]
+
+
+def call_everything(caller, store):
+    """Calls that succeed, that fail half-way and that libcurl refuses."""
+    store.answer.body = ANSWER
+    for method, arguments in ARGUMENTS.items():
+        assert caller.call(method, *arguments) == (0, ANSWER.decode())
+    store.answer = Truncate(ANSWER, missing=1)
+    for method, arguments in ARGUMENTS.items():
+        assert caller.call(method, *arguments) == (-1, ANSWER.decode())
+    assert caller.call("get_product_list", "canary-app with blanks", "", "canary-check")[0] == -1
+
+
+@pytest.mark.parametrize("level", ["debug", "info", "warning", "error"])
+def test_no_private_value_is_in_the_log_at_any_level(needs_view, start_daemon, caller, store, level):
+    process = start_daemon(level=level)
+    process.wait_for_name(caller)
+
+    call_everything(caller, store)
+    assert process.stop() == 0
+
+    text = process.log_text()
+    assert [canary for canary in CANARIES if canary in text] == []
+    assert all(record.whole for record in process.log())
+
+
+def test_private_values_are_shown_when_that_is_asked_for(needs_view, start_daemon, caller, store):
+    process = start_daemon(environment={"PLEVO_LOG_PRIVATE": "show"})
+    process.wait_for_name(caller)
+
+    call_everything(caller, store)
+
+    text = process.log_text()
+    # No request uses the account's token.
+    assert [canary for canary in CANARIES if canary not in text] == ["account-token"]
+    assert "<private:" not in text
+
+
+@pytest.mark.parametrize("level, letters", [("debug", "DIWE"), ("info", "IWE"), ("warning", "WE"),
+                                            ("error", "E")])
+def test_a_level_lets_itself_and_what_is_graver_through(needs_view, start_daemon, caller, store,
+                                                        level, letters):
+    process = start_daemon(level=level)
+    process.wait_for_name(caller)
+    call_everything(caller, store)
+    assert process.stop() == 0
+    assert {record.priority for record in process.log()} == set(letters)
+
+
+def test_without_a_level_it_is_info(needs_view, start_daemon, caller, store):
+    process = start_daemon(level="")
+    process.wait_for_name(caller)
+    answers(caller)
+    assert {record.priority for record in process.log()} == {"I", "E"}
+
+
+def test_one_call_says_what_it_did_in_this_order(service, caller, store):
+    before = len(service.log())
+    caller.call("get_product_list", "a", "0", "c")
+    service.wait_until(
+        lambda: service.texts().count("g_dbus_method_invocation_return_value") == 2,
+        "it has answered")
+    main_thread = ("DBusManager.cpp", "BillingEngine.cpp", "BillingHttpRequest.cpp")
+    said = [record.text for record in service.log()[before:]
+            if record.priority != "D" and record.file in main_thread
+            # The worker's, and pointers.
+            and record.function not in ("m_GetProductsCB", "m_WriteRequestResultToPipe")]
+    url = f"https://production.localhost:{store.port}/billing/product/v2/products?"
+    assert said[:5] == ["method name = get_product_list", "parameters = <private:15 bytes>",
+                        "handle get_product_list", "Get Network status: 1", said[4]]
+    assert said[4].startswith(f"RequestGetProducts start Url[{url}<private:")
+    assert said[5].startswith("RequestGetProducts start Header: <private:")
+    assert sorted(said[6:]) == sorted(
+        ["GetProducts return 1", "START",
+         "m_PipeCallback >>> iRespResult:[0],strRespInfo[<private:2 bytes>]==",
+         "g_dbus_method_invocation_return_value", "g_dbus_method_invocation_return_value"])
+    assert said[-1] == "g_dbus_method_invocation_return_value"

@@ -1,0 +1,75 @@
+"""Without a way out of the device every method is refused, and nothing is sent."""
+import pytest
+from harness import daemon, server
+from harness.methods import EVERY_CALL, NO_NETWORK, all_alike, answers
+
+
+@pytest.mark.parametrize("gateway, said", [("down", "Get Network status: 0"),
+                                           ("error:5", "Get Network status failed: 5")])
+def test_every_method_answers_that_there_is_no_network(service, caller, store, a_device, gateway,
+                                                       said):
+    a_device.set("network", "default_gateway", gateway)
+
+    assert answers(caller) == all_alike(NO_NETWORK)
+
+    assert store.connections == []
+    assert service.texts().count(said) == len(EVERY_CALL)
+    # It is no failure of a transfer, and nothing of a transfer is begun.
+    assert not any("start Url" in text or "Http error" in text for text in service.texts())
+
+
+@pytest.fixture
+def isolated(needs_view, start_daemon, caller, server_context, a_device):
+    """The daemon in a network of its own without any route, and a store server in there."""
+    namespace = daemon.Namespace()
+    process = start_daemon(namespace=namespace)
+    running = server.StoreServer(server_context, namespace.listener())
+    a_device.set("deployment", "production_host", f"production.localhost:{running.port}")
+    a_device.set("network", "default_gateway", "auto")
+    process.wait_for_name(caller)
+    yield namespace, running
+    running.stop()
+    namespace.close()
+
+
+def test_without_a_default_route_no_request_is_made(isolated, caller):
+    _, store = isolated
+
+    assert answers(caller) == all_alike(NO_NETWORK)
+
+    assert store.connections == []
+
+
+def test_without_a_default_route_the_server_would_have_been_reached(isolated, caller, a_device):
+    # What makes the test above worth something: the same server, in the same network.
+    _, store = isolated
+    a_device.set("network", "default_gateway", "up")
+
+    assert answers(caller) == all_alike((0, "{}"))
+
+    assert len(store.requests) == len(EVERY_CALL)
+
+
+@pytest.fixture
+def cable(isolated):
+    """A pair of devices, as a way out that leads nowhere."""
+    namespace, _ = isolated
+    for command in ("link add cable type veth peer name wall", "link set wall up",
+                    "link set cable up"):
+        status = namespace.ip(*command.split())
+        if status != 0:
+            pytest.skip(f"`ip {command}` ends with {status} here: no cable to pull")
+    return namespace
+
+
+@pytest.mark.parametrize("family", ["-4", "-6"])
+def test_a_cable_that_comes_and_goes_is_seen_by_the_next_call(cable, isolated, caller, family):
+    _, store = isolated
+    assert caller.call("check_server_availability") == NO_NETWORK
+
+    assert cable.ip(family, "route", "add", "default", "dev", "cable") == 0
+    assert caller.call("check_server_availability") == (0, "{}")
+
+    assert cable.ip(family, "route", "del", "default", "dev", "cable") == 0
+    assert caller.call("check_server_availability") == NO_NETWORK
+    assert len(store.requests) == 1
