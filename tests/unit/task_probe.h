@@ -1,0 +1,141 @@
+// task_probe.h - a task that notes what happens to it, and doubles of what it is made of: threads,
+// contexts, and the scheduling of its queue.
+#pragma once
+
+#include "BillingTaskBase.h"
+#include "log_matchers.h"
+#include "waiting.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+inline const LinesOf Source{"BillingTaskBase.cpp"};
+inline const LinesOf Header{"BillingTaskBase.h"};
+
+/// What the doubles do and see.
+struct TaskDoubles {
+    bool bNoThread = false;
+    bool bPretendThread = false;  ///< success without a thread
+    bool bNoContext = false;
+    std::size_t stackSize = 0;
+    std::atomic<int> drains{0};  ///< HandleEvent scheduled
+    GMainContext* pContext = nullptr;
+    GMainLoop* pLoop = nullptr;
+};
+
+inline constexpr std::int32_t QUIT = 0;
+inline constexpr std::int32_t HANDSHAKE = 1;
+inline constexpr std::int32_t WORK = 10;  // this one and all above: the task's own
+
+/// Notes what it is given and where.
+class Task : public CBillingTaskBase {
+public:
+    bool t_OnEvent(PTEvent* e) override
+    {
+        const bool bHandled = e->id >= WORK ? handle(*e) : CBillingTaskBase::t_OnEvent(e);
+        note(std::to_string(e->id) + (bHandled ? "" : " refused"));
+        return bHandled;
+    }
+    bool t_Create() override
+    {
+        taskThread = std::this_thread::get_id();
+        Eventually([this] { return !bHoldStart; });
+        note("create");
+        return bStarts && CBillingTaskBase::t_Create();
+    }
+    bool t_Destroy() override
+    {
+        note("destroy");
+        return CBillingTaskBase::t_Destroy();
+    }
+
+    void put(std::int32_t id)
+    {
+        PTEvent event;
+        event.id = id;
+        PutEvent(&event);
+    }
+    void send(std::int32_t id, bool bSync)
+    {
+        PTEvent event;
+        event.id = id;
+        event.receiver = this;
+        Send(&event, bSync);
+    }
+    /// The orderly end.
+    void end()
+    {
+        bHoldStart = false;
+        put(QUIT);
+        Destroy();
+    }
+    std::vector<std::string> notes()
+    {
+        const std::lock_guard<std::mutex> hold(m_lock);
+        return m_notes;
+    }
+
+    std::function<void(PTEvent&)> onWork;
+    bool bStarts = true;
+    std::atomic<bool> bHoldStart{false};
+    std::thread::id taskThread;
+    std::atomic<int> elsewhere{0};  ///< hooks that ran on another thread
+
+private:
+    bool handle(PTEvent& event)
+    {
+        if (onWork)
+            onWork(event);
+        return true;
+    }
+    void note(const std::string& strNote)
+    {
+        if (std::this_thread::get_id() != taskThread)
+            ++elsewhere;
+        const std::lock_guard<std::mutex> hold(m_lock);
+        m_notes.push_back(strNote);
+    }
+
+    std::mutex m_lock;
+    std::vector<std::string> m_notes;
+};
+
+class WithTaskDoubles : public ::testing::Test {
+protected:
+    WithTaskDoubles();
+    ~WithTaskDoubles() override;
+
+    TaskDoubles m_doubles;
+};
+
+class AnUncreatedTask : public WithTaskDoubles {
+protected:
+    Task m_task;
+};
+
+class ATask : public WithTaskDoubles {
+protected:
+    void create() { ASSERT_TRUE(m_task.Create()); }
+    /// Its loop does not run yet, so that events pile up.
+    void createHeld()
+    {
+        m_task.bHoldStart = true;
+        create();
+    }
+    ~ATask() override
+    {
+        if (m_task.FlagCreate())
+            m_task.end();
+        EXPECT_EQ(m_task.elsewhere, 0);
+    }
+
+    Task m_task;
+};
