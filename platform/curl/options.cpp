@@ -88,8 +88,12 @@ bool isMethodName(const std::string& text)
 /// libcurl would skip the third slash and ask a host named like the first part of the path.
 bool lacksHost(const std::string& url)
 {
-    const std::size_t scheme = url.find("://");
-    return scheme != std::string::npos && url.compare(scheme, 4, ":///") == 0;
+    for (const char* const start : {"http:///", "https:///"}) {
+        if (url.rfind(start, 0) == 0) {
+            return true;
+        }
+    }
+    return false;
 }
 
 }  // namespace

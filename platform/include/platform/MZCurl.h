@@ -26,7 +26,7 @@ enum MZCURL_OPTION_TYPE {
     MZCURL_OPT_SSL_VERIFYPEER = 39,  ///< int, 1 or 0; 0 also allows plain http
     MZCURL_OPT_POSTFIELDSIZE = 44,   ///< long long, bytes of the body
     MZCURL_OPT_CUSTOMREQUEST = 48,   ///< text, the method's name
-    MZCURL_OPT_URL = 50,             ///< text; refused when it has a scheme and no host
+    MZCURL_OPT_URL = 50,             ///< text; refused when it is http and names no host
     MZCURL_OPT_POSTFIELDS = 59,      ///< text, the body. NOT copied: it outlives the transfer
     MZCURL_OPT_CAINFO = 63,          ///< text, path of the CA bundle; the only trust there is
     MZCURL_OPT_SSLCERT = 66,         ///< text; empty means none
