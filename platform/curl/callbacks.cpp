@@ -4,6 +4,8 @@
 #include "gate.h"
 #include "transfer.h"
 
+#include <string_view>
+
 namespace MZCurl {
 namespace {
 
@@ -13,12 +15,20 @@ std::size_t refuse(Transfer& transfer, const char* reason)
     return CURL_WRITEFUNC_ERROR;
 }
 
+void noteMove(const Transfer& transfer)
+{
+    if (transfer.http2 && transfer.http2Moved != nullptr) {
+        *transfer.http2Moved = true;
+    }
+}
+
 }  // namespace
 
 std::size_t onBody(char* data, std::size_t size, std::size_t count, void* pointer)
 {
     Transfer& transfer = *static_cast<Transfer*>(pointer);
     const std::size_t length = size * count;
+    noteMove(transfer);
     if (length > kMaxBodyBytes - transfer.bodyBytes) {
         return refuse(transfer, "The response is larger than 33554375 bytes");
     }
@@ -39,10 +49,14 @@ std::size_t onBody(char* data, std::size_t size, std::size_t count, void* pointe
     }
 }
 
-std::size_t onHeader(char* /*data*/, std::size_t size, std::size_t count, void* pointer)
+std::size_t onHeader(char* data, std::size_t size, std::size_t count, void* pointer)
 {
     Transfer& transfer = *static_cast<Transfer*>(pointer);
     const std::size_t length = size * count;
+    constexpr std::string_view kHttp2 = "HTTP/2";
+    transfer.http2 =
+        transfer.http2 || std::string_view(data, length).substr(0, kHttp2.size()) == kHttp2;
+    noteMove(transfer);
     transfer.headerBytes += length;
     return transfer.headerBytes <= kMaxHeaderBytes
                ? length

@@ -70,6 +70,7 @@ private:
     TransferList m_active;
     TransferList m_ready;
     TransferList m_given;
+    bool m_http2Moved = false;
 };
 
 }  // namespace MZCurl

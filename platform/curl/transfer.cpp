@@ -70,6 +70,7 @@ void Transfer::begin()
     bodyBytes = 0;
     headerBytes = 0;
     attempts = 0;
+    http2 = false;
     refusal = nullptr;
     startFailure = nullptr;
     result = CURLE_OK;

@@ -69,6 +69,7 @@ struct Transfer {
     std::size_t bodyBytes = 0;
     std::size_t headerBytes = 0;
     unsigned int attempts = 0;
+    bool http2 = false;
     const char* refusal = nullptr;  // why one of our callbacks ended it; a literal
 
     // kept by the multi handle that has it
@@ -79,6 +80,7 @@ struct Transfer {
     std::string hostKey;
     Host* host = nullptr;
     std::shared_ptr<CURLSH> share;  // while it is attached
+    bool* http2Moved = nullptr;     // to be set when a piece of an HTTP/2 response comes
     bool attached = false;
     CURLcode result = CURLE_OK;
     const char* startFailure = nullptr;  // why it could not be attached; a literal

@@ -235,7 +235,7 @@ TEST(AMultiHandle, DoesNotSleepWhileAFinishedTransferIsUnclaimed)
     for (int round = 0; round < 50; ++round) {
         ASSERT_TRUE(worker.multi.fdSelect(running));
     }
-    EXPECT_LT(secondsSince(start), 5.0) << "one full wait takes longer";
+    EXPECT_LT(secondsSince(start), 5.0) << "full waits take more than a minute";
     EXPECT_EQ(running, 2);
 }
 
@@ -369,7 +369,7 @@ TEST(AMultiHandle, WakesForAHandleThatIsAddedDuringTheWait)
     while (server.requests().empty()) {
         ASSERT_TRUE(worker.multi.fdSelect(running));
     }
-    double slowest = 0;
+    double fastest = 100;
     for (int i = 0; i < 5; ++i) {
         std::thread adder([&] {
             std::this_thread::sleep_for(std::chrono::milliseconds(20));
@@ -379,11 +379,11 @@ TEST(AMultiHandle, WakesForAHandleThatIsAddedDuringTheWait)
         while (readOne(worker.multi).pEasyHandle == nullptr) {
             ASSERT_TRUE(worker.multi.fdSelect(running));
         }
-        slowest = std::max(slowest, secondsSince(start));
+        fastest = std::min(fastest, secondsSince(start));
         adder.join();
         ASSERT_TRUE(worker.multi.removeHandle(&late.easy));
     }
-    EXPECT_LT(slowest, 5.0) << "the wait itself lasts until the other one's time-out";
+    EXPECT_LT(fastest, 1.0) << "a wait that nobody ends lasts two seconds";
 }
 
 TEST(AStoppedMultiHandle, LeavesItsWaitAtOnceAndHandsNothingOut)

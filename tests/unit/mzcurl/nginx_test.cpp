@@ -6,7 +6,8 @@
 #include <platform/MZCurl.h>
 
 #include <arpa/inet.h>
-#include <fcntl.h>
+#include <curl/curl.h>
+#include <dlfcn.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
@@ -43,6 +44,34 @@ constexpr int kWriteError = 23;
 constexpr std::size_t kBodyLimit = 33554375;
 
 std::string g_nginx;
+
+// A piece of a body has come since the last wait; what the waits after that were.
+bool g_pieceMoved = false;
+int g_looksAfterAPiece = 0;
+int g_waitsAfterAPiece = 0;
+
+unsigned int readAndNote(char* data, unsigned int size, unsigned int count, void* userdata)
+{
+    g_pieceMoved = true;
+    return test::appendBody(data, size, count, userdata);
+}
+
+}  // namespace
+
+/// Stands in front of libcurl's: notes how long the wrapper wants to wait.
+extern "C" CURLMcode curl_multi_poll(CURLM* multi, curl_waitfd* extra, unsigned int count,
+                                     int timeout, int* ready)
+{
+    if (g_pieceMoved) {
+        ++(timeout == 0 ? g_looksAfterAPiece : g_waitsAfterAPiece);
+        g_pieceMoved = false;
+    }
+    using Function = CURLMcode (*)(CURLM*, curl_waitfd*, unsigned int, int, int*);
+    const auto real = reinterpret_cast<Function>(dlsym(RTLD_NEXT, "curl_multi_poll"));
+    return real(multi, extra, count, timeout, ready);
+}
+
+namespace {
 
 /// Listens on a port that the kernel chooses.
 int listenAnywhere(int& port)
@@ -146,12 +175,13 @@ protected:
     AnNginx() { authority.writeTo(caFile); }
 
     /// Many at once to a host that nobody is talking to. @return how many succeeded
-    int burst(const std::string& url, int count)
+    int burst(const std::string& url, int count, WriteCallback reader = test::appendBody)
     {
         std::vector<std::unique_ptr<Transfer>> made;
         std::vector<Transfer*> all;
         for (int i = 0; i < count; ++i) {
             all.push_back(made.emplace_back(std::make_unique<Transfer>(url, caFile)).get());
+            EXPECT_TRUE(all.back()->easy.setOption(MZCURL_OPT_WRITEFUNCTION, reader));
         }
         worker.run(all);
         int succeeded = 0;
@@ -205,6 +235,20 @@ TEST_F(AnNginx, GetsABurstInHttp2OverOneConnection)
     const auto log = server.stop();
     ASSERT_THAT(log, SizeIs(100));
     EXPECT_THAT(log, Each(HasSubstr(log[0].substr(0, log[0].find(" GET"))))) << "same connection";
+}
+
+TEST_F(AnNginx, LeavesNothingOfABurstInHttp2Unread)
+{
+    Nginx server(authority, "http2");
+    server.put("page", "body");
+    g_pieceMoved = false;
+    g_waitsAfterAPiece = 0;
+    g_looksAfterAPiece = 0;
+    for (int i = 0; i < 20; ++i) {
+        EXPECT_EQ(burst(server.url() + "/page", 100, readAndNote), 100);
+    }
+    EXPECT_GT(g_looksAfterAPiece, 0);
+    EXPECT_EQ(g_waitsAfterAPiece, 0) << "what libcurl has read already ends no wait";
 }
 
 TEST_F(AnNginx, GetsABurstInHttp1WithOneFullHandshake)
