@@ -15,8 +15,15 @@ import time
 TREE = pathlib.Path(__file__).resolve().parents[2]
 DEFAULT_BINARY = TREE / "build" / "service" / "billing-service"
 
-# What a sanitizer's runtime and the caller of a test may want to say to the daemon.
-HANDED_ON = re.compile(r"^(ASAN|LSAN|UBSAN|TSAN)_OPTIONS$|^MALLOC_|^GLIBC_TUNABLES$")
+# What the runtimes of sanitizers must know, for a daemon that was built with them.
+KNOWN = TREE / "tests" / "sanitizers"
+SANITIZERS = {
+    "ASAN_OPTIONS": "fast_unwind_on_malloc=0",
+    "LSAN_OPTIONS": f"suppressions={KNOWN / 'lsan.supp'}:print_suppressions=0",
+    "UBSAN_OPTIONS": "halt_on_error=1:print_stacktrace=1",
+    "TSAN_OPTIONS": f"suppressions={KNOWN / 'tsan.supp'}:ignore_noninstrumented_modules=1"
+                    ":report_signal_unsafe=0",
+}
 
 NO_NAMESPACES = (
     "the daemon's view of /opt/down/cert needs bubblewrap and mount namespaces, which are not "
@@ -90,8 +97,7 @@ class Daemon:
             "PATH": "/usr/bin:/bin", "DBUS_SYSTEM_BUS_ADDRESS": bus_address,
             "PLEVO_DEVICE_CONF": str(device.file), "PLEVO_LOG_LEVEL": level,
             "XDG_RUNTIME_DIR": str(runtime), "G_DEBUG": "fatal-criticals",
-            **{name: value for name, value in os.environ.items() if HANDED_ON.match(name)},
-            **(environment or {})}
+            **SANITIZERS, **(environment or {})}
         self.pid = 0
         with open(self.log_file, "wb") as log, term_blocked():
             self._start(device, view, namespace, log)
