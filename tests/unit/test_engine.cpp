@@ -1,19 +1,11 @@
-// test_engine.cpp - CBillingEngine on the fake platform, with a double in place of the protocol
-// layer.
-#include "BillingEngine.h"
+// test_engine.cpp - CBillingEngine's five requests on their way to the protocol layer, or refused,
+// and the engine's own life.
 #include "BillingHttpConnector.h"
 #include "BillingTaskBase.h"
 #include "allocation_switch.h"
-#include "ecore_environment.h"
-#include "log_matchers.h"
-#include "protocol_double.h"
+#include "engine_fixture.h"
 
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
-#include <atomic>
-#include <memory>
-#include <thread>
 
 using ::testing::Contains;
 using ::testing::ElementsAre;
@@ -23,115 +15,8 @@ using ::testing::Values;
 
 namespace {
 
-bool g_bPipeAddFails = false;
-bool g_bPipeWriteFails = false;
-
-}  // namespace
-
-extern "C" {
-Ecore_Pipe* __real_ecore_pipe_add(Ecore_Pipe_Cb handler, const void* data);
-Ecore_Pipe* __wrap_ecore_pipe_add(Ecore_Pipe_Cb handler, const void* data)
-{
-    return g_bPipeAddFails ? nullptr : __real_ecore_pipe_add(handler, data);
-}
-Eina_Bool __real_ecore_pipe_write(Ecore_Pipe* pipe, const void* buffer, unsigned int bytes);
-Eina_Bool __wrap_ecore_pipe_write(Ecore_Pipe* pipe, const void* buffer, unsigned int bytes)
-{
-    return g_bPipeWriteFails ? EINA_FALSE : __real_ecore_pipe_write(pipe, buffer, bytes);
-}
-}
-
-struct EngineProbe {
-    static Ecore_Pipe* pipe(const CBillingEngine& oEngine) { return oEngine.m_pPipe; }
-};
-
-namespace {
-
-const LinesOf ENGINE{"BillingEngine.cpp"};
 const std::string NO_NETWORK = "Network error, please check!";
 const std::string TRY_LATER = "Try again later.";
-
-struct Result {
-    int eReqType;
-    int iRespResult;
-    std::string strRespInfo;
-    void* pUser;
-};
-
-bool operator==(const Result& a, const Result& b)
-{
-    return a.eReqType == b.eReqType && a.iRespResult == b.iRespResult &&
-           a.strRespInfo == b.strRespInfo && a.pUser == b.pUser;
-}
-
-std::ostream& operator<<(std::ostream& out, const Result& result)
-{
-    return out << "{" << result.eReqType << " " << result.iRespResult << " " << result.strRespInfo
-               << " " << result.pUser << "}";
-}
-
-class AnEngine : public ::testing::Test {
-public:
-    // The reader of the pipe: takes the record over, as the front end does.
-    static void Receive(void* data, void* buffer, unsigned int nbyte)
-    {
-        auto* self = static_cast<AnEngine*>(data);
-        self->m_messageSizes.push_back(nbyte);
-        const std::unique_ptr<BILLING_RETURN_INFO_T> info(
-            *static_cast<BILLING_RETURN_INFO_T**>(buffer));
-        self->m_last = *info;
-        self->m_results.push_back(
-            {info->eReqType, info->iRespResult, info->strRespInfo, info->pUser});
-    }
-
-protected:
-    void SetUp() override
-    {
-        fake::platform().reset();
-        Protocol() = ProtocolDouble();
-        ASSERT_TRUE(m_oEngine.RegisterPipeCallback(Receive, this));
-        fake::platform().clearLog();
-    }
-
-    void TearDown() override
-    {
-        g_bPipeAddFails = false;
-        g_bPipeWriteFails = false;
-        for (const ProtocolCall& call : Protocol().calls) {
-            if (Protocol().bAccepts && !m_bAnswered) {
-                delete call.pContext;
-            }
-        }
-        m_oEngine.Destroy();
-    }
-
-    std::vector<Result> resultsOnPipe(std::size_t expected)
-    {
-        TurnUntil([&] { return m_results.size() >= expected; });
-        return m_results;
-    }
-
-    void* caller() { return &m_caller; }
-
-    static CBillingItem anItem()
-    {
-        CBillingItem oItem;
-        oItem.strAppId = "app";
-        oItem.strInvoiceId = "invoice";
-        oItem.strCustomId = "custom";
-        oItem.strPageNumber = "5";
-        oItem.strItemType = "9";
-        oItem.strCheckValue = "check";
-        return oItem;
-    }
-
-    CBillingEngine m_oEngine;
-    std::vector<Result> m_results;
-    std::vector<unsigned int> m_messageSizes;
-    BILLING_RETURN_INFO_T m_last;
-    bool m_bAnswered = false;  // the contexts of the calls are gone
-    int m_caller = 0;
-};
 
 // What distinguishes one request from the others, in the engine.
 struct Request {
@@ -326,79 +211,6 @@ TEST_P(EveryRequest, ItsCallbackIsSilentAboutAMissingOwner)
     EXPECT_THAT(LoggedLines(), ElementsAre(ENGINE.debug(GetParam().szCallback, "[START] ")));
 }
 
-class ResponseCallbacks : public AnEngine {
-protected:
-    std::vector<Line> linesOf(ResponseCallback pfnCallback, bool bSuccess)
-    {
-        std::string strBody = "body";
-        pfnCallback(bSuccess, strBody, new EngineRequestContext{&m_oEngine, nullptr, false});
-        resultsOnPipe(1);
-        return LoggedLines();
-    }
-    static Line written()
-    {
-        return ENGINE.info("m_WriteRequestResultToPipe", "pReturnInfo->pUser (nil)");
-    }
-};
-
-TEST_F(ResponseCallbacks, PurchaseHistoryLogsNeitherCodeNorBody)
-{
-    EXPECT_THAT(linesOf(CBillingEngine::m_PurchaseHistoryCB, false),
-                ElementsAre(ENGINE.debug("m_PurchaseHistoryCB", "[START] "),
-                            ENGINE.error("m_PurchaseHistoryCB", "m_PurchaseHistoryCB Http error! "),
-                            written(), ENGINE.debug("m_PurchaseHistoryCB", "[END] ")));
-}
-
-TEST_F(ResponseCallbacks, GetProductsLogsCodeAndBody)
-{
-    EXPECT_THAT(linesOf(CBillingEngine::m_GetProductsCB, true),
-                ElementsAre(ENGINE.debug("m_GetProductsCB", "[START] "),
-                            ENGINE.info("m_GetProductsCB", "bResponseCode :1"),
-                            ENGINE.info("m_GetProductsCB", "strRsp :body"), written(),
-                            ENGINE.debug("m_GetProductsCB", "[END] ")));
-}
-
-TEST_F(ResponseCallbacks, GetProductsLogsItsError)
-{
-    EXPECT_THAT(linesOf(CBillingEngine::m_GetProductsCB, false),
-                ElementsAre(ENGINE.debug("m_GetProductsCB", "[START] "),
-                            ENGINE.error("m_GetProductsCB", "m_GetProductsCB Http error! "),
-                            ENGINE.info("m_GetProductsCB", "bResponseCode :0"),
-                            ENGINE.info("m_GetProductsCB", "strRsp :body"), written(),
-                            ENGINE.debug("m_GetProductsCB", "[END] ")));
-}
-
-TEST_F(ResponseCallbacks, GetAppliedTimeLogsErrorCodeAndBody)
-{
-    EXPECT_THAT(linesOf(CBillingEngine::m_GetAppliedTimeCB, false),
-                ElementsAre(ENGINE.debug("m_GetAppliedTimeCB", "[START] "),
-                            ENGINE.error("m_GetAppliedTimeCB", "m_GetAppliedTimeCB Http error! "),
-                            ENGINE.info("m_GetAppliedTimeCB", "bResponseCode :0"),
-                            ENGINE.info("m_GetAppliedTimeCB", "strRsp :body"), written(),
-                            ENGINE.debug("m_GetAppliedTimeCB", "[END] ")));
-}
-
-TEST_F(ResponseCallbacks, ConfirmPurchaseLogsErrorCodeAndBody)
-{
-    EXPECT_THAT(linesOf(CBillingEngine::m_ConfirmPurchaseCB, false),
-                ElementsAre(ENGINE.debug("m_ConfirmPurchaseCB", "[START] "),
-                            ENGINE.error("m_ConfirmPurchaseCB", "m_ConfirmPurchaseCB Http error! "),
-                            ENGINE.info("m_ConfirmPurchaseCB", "bResponseCode :0"),
-                            ENGINE.info("m_ConfirmPurchaseCB", "strRsp :body"), written(),
-                            ENGINE.debug("m_ConfirmPurchaseCB", "[END] ")));
-}
-
-TEST_F(ResponseCallbacks, CheckServerAvailabilityLogsWithAnArrowAndNoTrailingBlank)
-{
-    const std::string strName = "m_CheckServerAvailabilityCB";
-    EXPECT_THAT(linesOf(CBillingEngine::m_CheckServerAvailabilityCB, false),
-                ElementsAre(ENGINE.debug(strName, "[START] "),
-                            ENGINE.error(strName, "m_CheckServerAvailabilityCB Http error!"),
-                            ENGINE.info(strName, "-------> bResponseCode :0"),
-                            ENGINE.info(strName, "-------> strRsp :body"), written(),
-                            ENGINE.debug(strName, "[END] ")));
-}
-
 TEST_F(AnEngine, PassesTheItemOnAsItCame)
 {
     m_oEngine.GetProducts(anItem(), caller());
@@ -432,138 +244,6 @@ TEST_F(AnEngine, PassesTheAvailabilityTextOn)
     EXPECT_EQ(strText, "text");
 }
 
-TEST_F(AnEngine, SendsACopyOfAllTwelveFieldsMarkedWithTheRequestsType)
-{
-    BILLING_RETURN_INFO_T tInfo;
-    tInfo.eReqType = REQUEST_TYPE(0);
-    tInfo.strSpare1 = "1";
-    tInfo.iSpare1 = 11;
-    tInfo.iSpare2 = 12;
-    tInfo.strSpare2 = "2";
-    tInfo.strSpare3 = "3";
-    tInfo.strSpare4 = "4";
-    tInfo.strSpare5 = "5";
-    tInfo.strSpare6 = "6";
-    tInfo.strRespInfo = "info";
-    tInfo.pUser = caller();
-    tInfo.iRespResult = 77;
-
-    m_oEngine.m_WriteRequestResultToPipe(REQUEST_TYPE_GET_PRODUCTS, tInfo);
-
-    ASSERT_EQ(resultsOnPipe(1).size(), 1u);
-    EXPECT_EQ(m_last.eReqType, REQUEST_TYPE_GET_PRODUCTS);
-    EXPECT_EQ(m_last.strSpare1 + m_last.strSpare2 + m_last.strSpare3 + m_last.strSpare4 +
-                  m_last.strSpare5 + m_last.strSpare6,
-              "123456");
-    EXPECT_EQ(m_last.iSpare1, 11);
-    EXPECT_EQ(m_last.iSpare2, 12);
-    EXPECT_EQ(m_last.strRespInfo, "info");
-    EXPECT_EQ(m_last.pUser, caller());
-    EXPECT_EQ(m_last.iRespResult, 77);
-    EXPECT_EQ(tInfo.eReqType, REQUEST_TYPE(0)) << "the producer's record is only copied";
-    EXPECT_THAT(m_messageSizes, ElementsAre(sizeof(void*)));
-}
-
-TEST_F(AnEngine, DropsAResultWithoutMemoryForItsRecord)
-{
-    BILLING_RETURN_INFO_T tInfo;
-    FailNothrowAllocation(1);
-
-    m_oEngine.m_WriteRequestResultToPipe(REQUEST_TYPE_GET_PRODUCTS, tInfo);
-
-    EXPECT_THAT(LoggedLines(),
-                ElementsAre(ENGINE.refused("m_WriteRequestResultToPipe", "NULL == pReturnInfo")));
-}
-
-TEST_F(AnEngine, DropsAResultThatComesAfterDestroy)
-{
-    m_oEngine.Destroy();
-    fake::platform().clearLog();
-    BILLING_RETURN_INFO_T tInfo;
-
-    m_oEngine.m_WriteRequestResultToPipe(REQUEST_TYPE_GET_PRODUCTS, tInfo);
-
-    EXPECT_THAT(LoggedLines(),
-                ElementsAre(ENGINE.refused("m_WriteRequestResultToPipe", "NULL == m_pPipe")));
-}
-
-TEST_F(AnEngine, SaysThatAReplyIsLostWhenThePipeDoesNotTakeIt)
-{
-    g_bPipeWriteFails = true;
-    BILLING_RETURN_INFO_T tInfo;
-
-    m_oEngine.m_WriteRequestResultToPipe(REQUEST_TYPE_GET_PRODUCTS, tInfo);
-
-    EXPECT_THAT(LoggedLines(), Contains(ENGINE.error("m_WriteRequestResultToPipe",
-                                                     "the result pipe is full, a reply is lost")));
-}
-
-TEST_F(AnEngine, AnswersTenThousandRefusalsThatWereQueuedBeforeTheLoopRan)
-{
-    fake::platform().gateway(false);
-    for (int i = 0; i < 10000; ++i) {
-        EXPECT_FALSE(m_oEngine.GetProducts({}, caller()));
-    }
-
-    EXPECT_EQ(resultsOnPipe(10000).size(), 10000u);
-}
-
-TEST_F(AnEngine, NeverBlocksOnAFullPipe)
-{
-    BILLING_RETURN_INFO_T tInfo;
-    constexpr std::size_t MORE_THAN_THE_PIPE_HOLDS = 100000;
-    for (std::size_t i = 0; i < MORE_THAN_THE_PIPE_HOLDS; ++i) {
-        m_oEngine.m_WriteRequestResultToPipe(REQUEST_TYPE_GET_PRODUCTS, tInfo);
-    }
-    const auto lines = LoggedLines();
-    const auto lost = static_cast<std::size_t>(std::count(
-        lines.begin(), lines.end(),
-        ENGINE.error("m_WriteRequestResultToPipe", "the result pipe is full, a reply is lost")));
-
-    EXPECT_GT(lost, 0u);
-    EXPECT_LT(lost, MORE_THAN_THE_PIPE_HOLDS - 32768) << "one user's outstanding calls must fit";
-    EXPECT_EQ(resultsOnPipe(MORE_THAN_THE_PIPE_HOLDS - lost).size(),
-              MORE_THAN_THE_PIPE_HOLDS - lost);
-}
-
-TEST_F(AnEngine, KeepsMessagesWholeWhenTwoThreadsWrite)
-{
-    constexpr std::size_t EACH = 20000;
-    const auto write = [&](REQUEST_TYPE eType) {
-        BILLING_RETURN_INFO_T tInfo;
-        for (std::size_t i = 0; i < EACH; ++i) {
-            m_oEngine.m_WriteRequestResultToPipe(eType, tInfo);
-        }
-    };
-    std::thread worker(write, REQUEST_TYPE_GET_PRODUCTS);
-    write(REQUEST_TYPE_CONFIRM_PURCHASE);
-    worker.join();
-
-    EXPECT_EQ(resultsOnPipe(2 * EACH).size(), 2 * EACH);
-    EXPECT_EQ(std::count_if(m_results.begin(), m_results.end(),
-                            [](const Result& r) { return r.eReqType == 6; }),
-              static_cast<std::ptrdiff_t>(EACH));
-}
-
-TEST_F(AnEngine, IsDestroyedBesideAThreadThatWritesResults)
-{
-    std::atomic<bool> bStop{false};
-    std::thread worker([&] {
-        BILLING_RETURN_INFO_T tInfo;
-        while (!bStop) {
-            m_oEngine.m_WriteRequestResultToPipe(REQUEST_TYPE_GET_PRODUCTS, tInfo);
-        }
-    });
-    TurnUntil([&] { return m_results.size() > 100; });
-
-    m_oEngine.Destroy();
-    const bool bGone = EngineProbe::pipe(m_oEngine) == nullptr;
-    bStop = true;
-    worker.join();
-
-    EXPECT_TRUE(bGone);
-}
-
 class AnEnginesLife : public ::testing::Test {
 protected:
     void SetUp() override
@@ -571,7 +251,7 @@ protected:
         fake::platform().reset();
         Protocol() = ProtocolDouble();
     }
-    void TearDown() override { g_bPipeAddFails = false; }
+    void TearDown() override { Pipe().bAddFails = false; }
 };
 
 TEST_F(AnEnginesLife, BeginsWithAnEmptyItemAndNoPipeAndEndsWithALine)
@@ -586,7 +266,7 @@ TEST_F(AnEnginesLife, BeginsWithAnEmptyItemAndNoPipeAndEndsWithALine)
 TEST_F(AnEnginesLife, SaysThatThereIsNoPipe)
 {
     CBillingEngine oEngine;
-    g_bPipeAddFails = true;
+    Pipe().bAddFails = true;
 
     EXPECT_FALSE(oEngine.RegisterPipeCallback(AnEngine::Receive, nullptr));
 
@@ -637,10 +317,3 @@ TEST_F(AnEnginesLife, DestroyIsSilentWithoutMemoryForTheConnector)
 }
 
 }  // namespace
-
-int main(int argc, char** argv)
-{
-    ::testing::InitGoogleMock(&argc, argv);
-    ::testing::AddGlobalTestEnvironment(new EcoreEnvironment);
-    return RUN_ALL_TESTS();
-}

@@ -1,0 +1,88 @@
+// connector_fixture.h - what the tests of CHttpConnector share: a connector on a double of the curl
+// wrapper, a view of its steps, and a double of GLib's way onto the worker.
+#pragma once
+
+#include "BillingHttpConnector.h"
+#include "log_matchers.h"
+#include "mzcurl_double.h"
+
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <string>
+#include <vector>
+
+/// Reaches the steps that only the worker takes, so that a test can take them in the order it wants.
+struct ConnectorProbe {
+    CHttpConnector& o;
+
+    bool idle() const { return o.m_bIdle; }
+    static std::size_t inFlight() { return CHttpConnector::m_ReqInfoList.size(); }
+    static std::size_t inFlightBak() { return CHttpConnector::m_ReqInfoListBak.size(); }
+    static void addAgain(_BILLING_REQ_HANDLER_t* pt)
+    {
+        CHttpConnector::m_ReqInfoList.push_back(pt);
+        CHttpConnector::m_ReqInfoListBak.push_back(pt);
+    }
+    static void forget(_BILLING_REQ_HANDLER_t* pt)
+    {
+        CHttpConnector::m_ReqInfoList.remove(pt);
+        CHttpConnector::m_ReqInfoListBak.remove(pt);
+    }
+    static void dropFromBak() { CHttpConnector::m_ReqInfoListBak.clear(); }
+    static _BILLING_REQ_HANDLER_t* last() { return CHttpConnector::m_ReqInfoList.back(); }
+    bool init(_BILLING_REQ_HANDLER_t* pt) { return o.m_InitRequest(pt); }
+    bool options(_BILLING_REQ_HANDLER_t* pt) { return o.m_SetEasyHandleOptions(pt); }
+    bool add(MZCurl::MZCurlEasy* p) { return o.m_AddEasyHandle(p); }
+    bool remove(MZCurl::MZCurlEasy* p) { return o.m_RemoveEasyHandle(p); }
+    bool removeRequest(_BILLING_REQ_HANDLER_t* pt) { return o.m_RemoveRequest(pt); }
+    void result(_BILLING_REQ_HANDLER_t* pt, MZCurl::MZCurlMulti::MultiMsg tMsg)
+    {
+        o.m_HandleRequestResult(pt, tMsg);
+    }
+    void completed() { o.m_HandleCompletedRequest(); }
+    void perform(int& i) { o.m_DoMultiPerform(i); }
+    bool select(int& i) { return o.m_CurlMultiSelect(i); }
+};
+
+inline const LinesOf CONNECTOR{"BillingHttpConnector.cpp"};
+inline const LinesOf OPTIONS{"BillingHttpConnectorOptions.cpp"};
+inline const std::string SET_OPTIONS = "m_SetEasyHandleOptions";
+
+/// What the connector asked GLib to run on the worker; run there only when a test wants a worker.
+struct Invocations {
+    bool bForReal = false;
+    int iCount = 0;
+};
+Invocations& Invoked();
+
+struct Answer {
+    bool bSuccess;
+    std::string strBody;
+    void* pUser;
+};
+/// What the callback of aRequest() was given, in order.
+std::vector<Answer>& Answers();
+
+class AConnector : public ::testing::Test {
+protected:
+    void SetUp() override;
+    void TearDown() override;
+
+    _BILLING_HTTP_REQ_INFO_T aRequest(int eMethod = HTTP_METHOD_GET);
+
+    /// Submits aRequest(). @return its handler
+    _BILLING_REQ_HANDLER_t* submit(int eMethod = HTTP_METHOD_GET);
+
+    /// The transfer ends and the worker hears of it.
+    void finish(_BILLING_REQ_HANDLER_t* ptHandler, bool bSuccess, const std::string& strBody);
+
+    /// The options of one record, as the wrapper saw them.
+    std::vector<std::string> optionsOf(_BILLING_HTTP_REQ_INFO_T& tInfo, bool bExpected = true);
+
+    /// The option that a record with this header ends with.
+    std::string headerOf(const std::string& strHeader);
+
+    std::unique_ptr<CHttpConnector> m_connector;
+    std::unique_ptr<ConnectorProbe> m_probe;
+};

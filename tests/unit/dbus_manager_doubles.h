@@ -1,0 +1,75 @@
+// dbus_manager_doubles.h - what the tests of CDBusManager share: doubles in place of the engine and
+// of GIO's bus calls, and the fixture that calls and answers through them.
+#pragma once
+
+#include "DBusManager.h"
+#include "log_matchers.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <utility>
+#include <vector>
+
+struct DBusManagerProbe {
+    static GDBusNodeInfo* node(const CDBusManager& o) { return o.m_pBSBusNode; }
+    static guint32 ownId(const CDBusManager& o) { return o.m_uBSBusOwnID; }
+    static guint32 registerId(const CDBusManager& o) { return o.m_pBSBusRegisterID; }
+    static GDBusConnection* connection(const CDBusManager& o) { return o.m_pBLConnection; }
+    static CBillingEngine* engine(const CDBusManager& o) { return o.m_poEngine; }
+    static const GDBusInterfaceVTable& vtable(const CDBusManager& o)
+    {
+        return o.m_tInterfaceVTable;
+    }
+};
+
+/// What GIO was asked for, and what it answers.
+struct BusDouble {
+    bool bXmlFails = false;
+    guint uOwnId = 7;
+    guint uRegisterId = 3;
+    std::vector<std::string> calls;
+    GBusNameOwnerFlags eFlags = G_BUS_NAME_OWNER_FLAGS_REPLACE;
+    gpointer pOwnData = nullptr;
+    std::string strInterface;
+    const GDBusInterfaceVTable* ptVTable = nullptr;
+    gpointer pRegisterData = nullptr;
+    std::string strSender = ":1.5";
+    std::vector<std::pair<int, std::string>> replies;
+    std::vector<void*> answered;
+};
+BusDouble& Bus();
+
+/// What the engine was asked for, and what it answers.
+struct EngineDouble {
+    bool bResult = true;
+    std::string strOperation;
+    CBillingItem oItem;
+    std::string strText;
+    void* pUser = nullptr;
+    std::vector<std::string> life;
+};
+EngineDouble& Engine();
+
+inline const LinesOf MANAGER{"DBusManager.cpp"};
+
+class ADBusManager : public ::testing::Test {
+protected:
+    void SetUp() override;
+    void TearDown() override;
+
+    GDBusMethodInvocation* invocation()
+    {
+        return reinterpret_cast<GDBusMethodInvocation*>(&m_invocation);
+    }
+
+    /// A call comes from the bus. @param szParameters  in the text form of a GVariant
+    void call(const char* szMethod, const char* szParameters);
+
+    /// A result comes through the pipe. @param data  what the pipe's reader is called with
+    void deliver(void* data, int iResult, const std::string& strInfo, void* pUser);
+
+    CDBusManager m_oManager;
+    CDBusManager* m_pManager = &m_oManager;
+    int m_invocation = 0;
+};

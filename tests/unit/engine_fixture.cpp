@@ -1,0 +1,93 @@
+// engine_fixture.cpp - sets an engine up on its doubles, stands in front of Ecore's pipe, and runs
+// the tests with Ecore initialised.
+#include "engine_fixture.h"
+
+#include <gmock/gmock.h>
+
+#include <memory>
+
+PipeDouble& Pipe()
+{
+    static PipeDouble pipe;
+    return pipe;
+}
+
+extern "C" {
+Ecore_Pipe* __real_ecore_pipe_add(Ecore_Pipe_Cb handler, const void* data);
+Ecore_Pipe* __wrap_ecore_pipe_add(Ecore_Pipe_Cb handler, const void* data)
+{
+    return Pipe().bAddFails ? nullptr : __real_ecore_pipe_add(handler, data);
+}
+Eina_Bool __real_ecore_pipe_write(Ecore_Pipe* pipe, const void* buffer, unsigned int bytes);
+Eina_Bool __wrap_ecore_pipe_write(Ecore_Pipe* pipe, const void* buffer, unsigned int bytes)
+{
+    return Pipe().bWriteFails ? EINA_FALSE : __real_ecore_pipe_write(pipe, buffer, bytes);
+}
+}
+
+bool operator==(const Result& a, const Result& b)
+{
+    return a.eReqType == b.eReqType && a.iRespResult == b.iRespResult &&
+           a.strRespInfo == b.strRespInfo && a.pUser == b.pUser;
+}
+
+std::ostream& operator<<(std::ostream& out, const Result& result)
+{
+    return out << "{" << result.eReqType << " " << result.iRespResult << " " << result.strRespInfo
+               << " " << result.pUser << "}";
+}
+
+void AnEngine::Receive(void* data, void* buffer, unsigned int nbyte)
+{
+    auto* self = static_cast<AnEngine*>(data);
+    self->m_messageSizes.push_back(nbyte);
+    const std::unique_ptr<BILLING_RETURN_INFO_T> info(
+        *static_cast<BILLING_RETURN_INFO_T**>(buffer));
+    self->m_last = *info;
+    self->m_results.push_back({info->eReqType, info->iRespResult, info->strRespInfo, info->pUser});
+}
+
+void AnEngine::SetUp()
+{
+    fake::platform().reset();
+    Protocol() = ProtocolDouble();
+    ASSERT_TRUE(m_oEngine.RegisterPipeCallback(Receive, this));
+    fake::platform().clearLog();
+}
+
+void AnEngine::TearDown()
+{
+    Pipe().bAddFails = false;
+    Pipe().bWriteFails = false;
+    for (const ProtocolCall& call : Protocol().calls) {
+        if (Protocol().bAccepts && !m_bAnswered) {
+            delete call.pContext;
+        }
+    }
+    m_oEngine.Destroy();
+}
+
+std::vector<Result> AnEngine::resultsOnPipe(std::size_t expected)
+{
+    TurnUntil([&] { return m_results.size() >= expected; });
+    return m_results;
+}
+
+CBillingItem AnEngine::anItem()
+{
+    CBillingItem oItem;
+    oItem.strAppId = "app";
+    oItem.strInvoiceId = "invoice";
+    oItem.strCustomId = "custom";
+    oItem.strPageNumber = "5";
+    oItem.strItemType = "9";
+    oItem.strCheckValue = "check";
+    return oItem;
+}
+
+int main(int argc, char** argv)
+{
+    ::testing::InitGoogleMock(&argc, argv);
+    ::testing::AddGlobalTestEnvironment(new EcoreEnvironment);
+    return RUN_ALL_TESTS();
+}

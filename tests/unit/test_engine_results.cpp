@@ -1,0 +1,222 @@
+// test_engine_results.cpp - results on their way from the protocol layer's callbacks through
+// CBillingEngine's pipe to its reader, also when there are too many or the engine goes.
+#include "allocation_switch.h"
+#include "engine_fixture.h"
+
+#include <gmock/gmock.h>
+
+#include <algorithm>
+#include <atomic>
+#include <thread>
+
+using ::testing::Contains;
+using ::testing::ElementsAre;
+
+namespace {
+
+class ResponseCallbacks : public AnEngine {
+protected:
+    std::vector<Line> linesOf(ResponseCallback pfnCallback, bool bSuccess)
+    {
+        std::string strBody = "body";
+        pfnCallback(bSuccess, strBody, new EngineRequestContext{&m_oEngine, nullptr, false});
+        resultsOnPipe(1);
+        return LoggedLines();
+    }
+    static Line written()
+    {
+        return ENGINE.info("m_WriteRequestResultToPipe", "pReturnInfo->pUser (nil)");
+    }
+};
+
+TEST_F(ResponseCallbacks, PurchaseHistoryLogsNeitherCodeNorBody)
+{
+    EXPECT_THAT(linesOf(CBillingEngine::m_PurchaseHistoryCB, false),
+                ElementsAre(ENGINE.debug("m_PurchaseHistoryCB", "[START] "),
+                            ENGINE.error("m_PurchaseHistoryCB", "m_PurchaseHistoryCB Http error! "),
+                            written(), ENGINE.debug("m_PurchaseHistoryCB", "[END] ")));
+}
+
+TEST_F(ResponseCallbacks, GetProductsLogsCodeAndBody)
+{
+    EXPECT_THAT(linesOf(CBillingEngine::m_GetProductsCB, true),
+                ElementsAre(ENGINE.debug("m_GetProductsCB", "[START] "),
+                            ENGINE.info("m_GetProductsCB", "bResponseCode :1"),
+                            ENGINE.info("m_GetProductsCB", "strRsp :body"), written(),
+                            ENGINE.debug("m_GetProductsCB", "[END] ")));
+}
+
+TEST_F(ResponseCallbacks, GetProductsLogsItsError)
+{
+    EXPECT_THAT(linesOf(CBillingEngine::m_GetProductsCB, false),
+                ElementsAre(ENGINE.debug("m_GetProductsCB", "[START] "),
+                            ENGINE.error("m_GetProductsCB", "m_GetProductsCB Http error! "),
+                            ENGINE.info("m_GetProductsCB", "bResponseCode :0"),
+                            ENGINE.info("m_GetProductsCB", "strRsp :body"), written(),
+                            ENGINE.debug("m_GetProductsCB", "[END] ")));
+}
+
+TEST_F(ResponseCallbacks, GetAppliedTimeLogsErrorCodeAndBody)
+{
+    EXPECT_THAT(linesOf(CBillingEngine::m_GetAppliedTimeCB, false),
+                ElementsAre(ENGINE.debug("m_GetAppliedTimeCB", "[START] "),
+                            ENGINE.error("m_GetAppliedTimeCB", "m_GetAppliedTimeCB Http error! "),
+                            ENGINE.info("m_GetAppliedTimeCB", "bResponseCode :0"),
+                            ENGINE.info("m_GetAppliedTimeCB", "strRsp :body"), written(),
+                            ENGINE.debug("m_GetAppliedTimeCB", "[END] ")));
+}
+
+TEST_F(ResponseCallbacks, ConfirmPurchaseLogsErrorCodeAndBody)
+{
+    EXPECT_THAT(linesOf(CBillingEngine::m_ConfirmPurchaseCB, false),
+                ElementsAre(ENGINE.debug("m_ConfirmPurchaseCB", "[START] "),
+                            ENGINE.error("m_ConfirmPurchaseCB", "m_ConfirmPurchaseCB Http error! "),
+                            ENGINE.info("m_ConfirmPurchaseCB", "bResponseCode :0"),
+                            ENGINE.info("m_ConfirmPurchaseCB", "strRsp :body"), written(),
+                            ENGINE.debug("m_ConfirmPurchaseCB", "[END] ")));
+}
+
+TEST_F(ResponseCallbacks, CheckServerAvailabilityLogsWithAnArrowAndNoTrailingBlank)
+{
+    const std::string strName = "m_CheckServerAvailabilityCB";
+    EXPECT_THAT(linesOf(CBillingEngine::m_CheckServerAvailabilityCB, false),
+                ElementsAre(ENGINE.debug(strName, "[START] "),
+                            ENGINE.error(strName, "m_CheckServerAvailabilityCB Http error!"),
+                            ENGINE.info(strName, "-------> bResponseCode :0"),
+                            ENGINE.info(strName, "-------> strRsp :body"), written(),
+                            ENGINE.debug(strName, "[END] ")));
+}
+
+TEST_F(AnEngine, SendsACopyOfAllTwelveFieldsMarkedWithTheRequestsType)
+{
+    BILLING_RETURN_INFO_T tInfo;
+    tInfo.eReqType = REQUEST_TYPE(0);
+    tInfo.strSpare1 = "1";
+    tInfo.iSpare1 = 11;
+    tInfo.iSpare2 = 12;
+    tInfo.strSpare2 = "2";
+    tInfo.strSpare3 = "3";
+    tInfo.strSpare4 = "4";
+    tInfo.strSpare5 = "5";
+    tInfo.strSpare6 = "6";
+    tInfo.strRespInfo = "info";
+    tInfo.pUser = caller();
+    tInfo.iRespResult = 77;
+
+    m_oEngine.m_WriteRequestResultToPipe(REQUEST_TYPE_GET_PRODUCTS, tInfo);
+
+    ASSERT_EQ(resultsOnPipe(1).size(), 1u);
+    EXPECT_EQ(m_last.eReqType, REQUEST_TYPE_GET_PRODUCTS);
+    EXPECT_EQ(m_last.strSpare1 + m_last.strSpare2 + m_last.strSpare3 + m_last.strSpare4 +
+                  m_last.strSpare5 + m_last.strSpare6,
+              "123456");
+    EXPECT_EQ(m_last.iSpare1, 11);
+    EXPECT_EQ(m_last.iSpare2, 12);
+    EXPECT_EQ(m_last.strRespInfo, "info");
+    EXPECT_EQ(m_last.pUser, caller());
+    EXPECT_EQ(m_last.iRespResult, 77);
+    EXPECT_EQ(tInfo.eReqType, REQUEST_TYPE(0)) << "the producer's record is only copied";
+    EXPECT_THAT(m_messageSizes, ElementsAre(sizeof(void*)));
+}
+
+TEST_F(AnEngine, DropsAResultWithoutMemoryForItsRecord)
+{
+    BILLING_RETURN_INFO_T tInfo;
+    FailNothrowAllocation(1);
+
+    m_oEngine.m_WriteRequestResultToPipe(REQUEST_TYPE_GET_PRODUCTS, tInfo);
+
+    EXPECT_THAT(LoggedLines(),
+                ElementsAre(ENGINE.refused("m_WriteRequestResultToPipe", "NULL == pReturnInfo")));
+}
+
+TEST_F(AnEngine, DropsAResultThatComesAfterDestroy)
+{
+    m_oEngine.Destroy();
+    fake::platform().clearLog();
+    BILLING_RETURN_INFO_T tInfo;
+
+    m_oEngine.m_WriteRequestResultToPipe(REQUEST_TYPE_GET_PRODUCTS, tInfo);
+
+    EXPECT_THAT(LoggedLines(),
+                ElementsAre(ENGINE.refused("m_WriteRequestResultToPipe", "NULL == m_pPipe")));
+}
+
+TEST_F(AnEngine, SaysThatAReplyIsLostWhenThePipeDoesNotTakeIt)
+{
+    Pipe().bWriteFails = true;
+    BILLING_RETURN_INFO_T tInfo;
+
+    m_oEngine.m_WriteRequestResultToPipe(REQUEST_TYPE_GET_PRODUCTS, tInfo);
+
+    EXPECT_THAT(LoggedLines(), Contains(ENGINE.error("m_WriteRequestResultToPipe",
+                                                     "the result pipe is full, a reply is lost")));
+}
+
+TEST_F(AnEngine, AnswersTenThousandRefusalsThatWereQueuedBeforeTheLoopRan)
+{
+    fake::platform().gateway(false);
+    for (int i = 0; i < 10000; ++i) {
+        EXPECT_FALSE(m_oEngine.GetProducts({}, caller()));
+    }
+
+    EXPECT_EQ(resultsOnPipe(10000).size(), 10000u);
+}
+
+TEST_F(AnEngine, NeverBlocksOnAFullPipe)
+{
+    BILLING_RETURN_INFO_T tInfo;
+    constexpr std::size_t MORE_THAN_THE_PIPE_HOLDS = 100000;
+    for (std::size_t i = 0; i < MORE_THAN_THE_PIPE_HOLDS; ++i) {
+        m_oEngine.m_WriteRequestResultToPipe(REQUEST_TYPE_GET_PRODUCTS, tInfo);
+    }
+    const auto lines = LoggedLines();
+    const auto lost = static_cast<std::size_t>(std::count(
+        lines.begin(), lines.end(),
+        ENGINE.error("m_WriteRequestResultToPipe", "the result pipe is full, a reply is lost")));
+
+    EXPECT_GT(lost, 0u);
+    EXPECT_LT(lost, MORE_THAN_THE_PIPE_HOLDS - 32768) << "one user's outstanding calls must fit";
+    EXPECT_EQ(resultsOnPipe(MORE_THAN_THE_PIPE_HOLDS - lost).size(),
+              MORE_THAN_THE_PIPE_HOLDS - lost);
+}
+
+TEST_F(AnEngine, KeepsMessagesWholeWhenTwoThreadsWrite)
+{
+    constexpr std::size_t EACH = 20000;
+    const auto write = [&](REQUEST_TYPE eType) {
+        BILLING_RETURN_INFO_T tInfo;
+        for (std::size_t i = 0; i < EACH; ++i) {
+            m_oEngine.m_WriteRequestResultToPipe(eType, tInfo);
+        }
+    };
+    std::thread worker(write, REQUEST_TYPE_GET_PRODUCTS);
+    write(REQUEST_TYPE_CONFIRM_PURCHASE);
+    worker.join();
+
+    EXPECT_EQ(resultsOnPipe(2 * EACH).size(), 2 * EACH);
+    EXPECT_EQ(std::count_if(m_results.begin(), m_results.end(),
+                            [](const Result& r) { return r.eReqType == 6; }),
+              static_cast<std::ptrdiff_t>(EACH));
+}
+
+TEST_F(AnEngine, IsDestroyedBesideAThreadThatWritesResults)
+{
+    std::atomic<bool> bStop{false};
+    std::thread worker([&] {
+        BILLING_RETURN_INFO_T tInfo;
+        while (!bStop) {
+            m_oEngine.m_WriteRequestResultToPipe(REQUEST_TYPE_GET_PRODUCTS, tInfo);
+        }
+    });
+    TurnUntil([&] { return m_results.size() > 100; });
+
+    m_oEngine.Destroy();
+    const bool bGone = EngineProbe::pipe(m_oEngine) == nullptr;
+    bStop = true;
+    worker.join();
+
+    EXPECT_TRUE(bGone);
+}
+
+}  // namespace
