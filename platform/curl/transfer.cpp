@@ -66,7 +66,6 @@ void Transfer::reset()
 
 void Transfer::begin()
 {
-    errorBuffer[0] = '\0';
     bodyBytes = 0;
     headerBytes = 0;
     attempts = 0;

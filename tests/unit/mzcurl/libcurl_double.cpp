@@ -80,8 +80,10 @@ int __wrap_OPENSSL_init_crypto(std::uint64_t options, const OPENSSL_INIT_SETTING
     return __real_OPENSSL_init_crypto(options, settings);
 }
 
-CURLcode __wrap_curl_easy_setopt(CURL* easy, CURLoption option, ...)
+// A number, since an enumeration is no last argument before a list of others.
+CURLcode __wrap_curl_easy_setopt(CURL* easy, unsigned int number, ...)
 {
+    const auto option = static_cast<CURLoption>(number);
     if (option == libcurl().failOption) {
         return CURLE_OUT_OF_MEMORY;
     }
@@ -89,7 +91,7 @@ CURLcode __wrap_curl_easy_setopt(CURL* easy, CURLoption option, ...)
         libcurl().shareSetters.push_back(std::this_thread::get_id());
     }
     std::va_list list;
-    va_start(list, option);
+    va_start(list, number);
     CURLcode code = CURLE_OK;
     // An option's number says what type of value it takes.
     if (option < CURLOPTTYPE_OBJECTPOINT) {

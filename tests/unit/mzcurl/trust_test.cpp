@@ -18,16 +18,26 @@
 
 namespace {
 
+// What libcurl asked OpenSSL to trust.
 std::vector<std::string> g_folders;
+std::vector<std::string> g_files;
 
 }  // namespace
 
-/// Stands in front of OpenSSL's: notes each folder of certificates that libcurl asks it to trust.
+/// These two stand in front of OpenSSL's and note what they are asked for.
 extern "C" int X509_STORE_load_path(X509_STORE* store, const char* path)
 {
     g_folders.emplace_back(path);
     using Function = int (*)(X509_STORE*, const char*);
     const auto real = reinterpret_cast<Function>(dlsym(RTLD_NEXT, "X509_STORE_load_path"));
+    return real(store, path);
+}
+
+extern "C" int X509_STORE_load_file(X509_STORE* store, const char* path)
+{
+    g_files.emplace_back(path);
+    using Function = int (*)(X509_STORE*, const char*);
+    const auto real = reinterpret_cast<Function>(dlsym(RTLD_NEXT, "X509_STORE_load_file"));
     return real(store, path);
 }
 
@@ -42,6 +52,7 @@ using test::Request;
 using test::TestServer;
 using test::Transfer;
 using test::Worker;
+using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
 
@@ -105,14 +116,15 @@ TEST_F(ATrustingTransfer, ChecksTheNameOfTheServer)
 
 TEST_F(ATrustingTransfer, TrustsNobodyWhenNoFileIsNamed)
 {
-    // The stock bundle and folder of the machine would be named here if the wrapper left them in.
     TestServer server(test::always("ok"), {&identity});
     const Environment bundle("SSL_CERT_FILE", caFile);
     Transfer transfer(server.url(), caFile);
     transfer.easy.reset();
     ASSERT_TRUE(transfer.easy.setOption(MZCURL_OPT_URL, server.url()));
+    g_files.clear();
     EXPECT_EQ(worker.run(transfer).code, kPeerFailedVerification);
     EXPECT_THAT(server.requests(), IsEmpty());
+    EXPECT_THAT(g_files, IsEmpty()) << "libcurl was built with a bundle that it trusts";
 }
 
 TEST_F(ATrustingTransfer, FailsWithTheNameOfACaFileThatIsMissing)
@@ -237,7 +249,9 @@ TEST_F(ATrustingTransfer, LooksUpNoFolderOfCertificates)
     TestServer server(test::always("ok"), {&identity});
     Transfer transfer(server.url(), caFile);
     g_folders.clear();
+    g_files.clear();
     EXPECT_TRUE(worker.run(transfer).success);
+    EXPECT_THAT(g_files, ElementsAre(caFile));
     EXPECT_THAT(g_folders, IsEmpty()) << "libcurl was built with a folder that it trusts";
 }
 
