@@ -75,7 +75,8 @@ def a_device(tmp_path, store, authority):
 
 @pytest.fixture
 def start_daemon(tmp_path, bus, a_device, request):
-    """A function that starts a daemon on the bus. Those that still run at the end are killed."""
+    """A function that starts a daemon on the bus. Those that still run at the end must end cleanly,
+    whatever the test has done to them."""
     started = []
     request.node.daemons = started
 
@@ -84,7 +85,16 @@ def start_daemon(tmp_path, bus, a_device, request):
         return started[-1]
 
     yield start
-    for process in started:
+    statuses = {process.pid: process.stop() for process in started if process.is_running()}
+    assert set(statuses.values()) <= {0}, statuses
+    assert not any("Sanitizer" in process.log_text() for process in started)
+
+
+@pytest.fixture(autouse=True)
+def nothing_is_left(request):
+    """Also when a test has failed, or the end of its daemon."""
+    yield
+    for process in getattr(request.node, "daemons", []):
         process.kill()
 
 
