@@ -1,5 +1,6 @@
 """The parts of a running system, one set for each test."""
 import pathlib
+import signal
 import sys
 
 import pytest
@@ -8,6 +9,9 @@ sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1]))
 
 from harness import bus as message_bus  # noqa: E402
 from harness import certificates, daemon, device, server  # noqa: E402
+
+# A shell ignores it in what it runs in the background, and a daemon would inherit that.
+signal.signal(signal.SIGINT, signal.default_int_handler)
 
 HOSTS = ("localhost", "production.localhost", "sandbox.localhost")
 NO_VIEW = daemon.why_no_view()
