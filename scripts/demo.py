@@ -1,4 +1,5 @@
 """The demonstration behind scripts/demo: one of everything, and all five methods called."""
+import contextlib
 import json
 import pathlib
 import signal
@@ -11,7 +12,6 @@ sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / "tests"))
 from harness import bus, certificates, daemon, device, methods, server  # noqa: E402
 
 HOST = "store.localhost"
-STOP = {signal.SIGINT, signal.SIGTERM}
 
 
 def answer(request):
@@ -73,19 +73,23 @@ def stay(private_bus, tv, store, service):
         settings, read again when they change:  {tv.file}
         server:                                 https://{HOST}:{store.port}
         log of the daemon:                      {service.log_file}"""), flush=True)
-    signal.sigwait(STOP)
+    with contextlib.suppress(KeyboardInterrupt):
+        signal.pause()
 
 
 def main():
-    keep = "--keep" in sys.argv
-    if keep:  # before anything is started: Ctrl-C is for this process, which then stops the others
-        signal.pthread_sigmask(signal.SIG_BLOCK, STOP)
+    # Stopped in any way, it stops what it has started.
+    signal.signal(signal.SIGTERM, signal.default_int_handler)
     problem = daemon.why_no_view()
     if problem is not None:
         print(f"demo: {problem}", file=sys.stderr)
         return 1
     with tempfile.TemporaryDirectory(prefix="billing-demo-") as folder:
-        return run(pathlib.Path(folder), keep)
+        try:
+            return run(pathlib.Path(folder), "--keep" in sys.argv)
+        except KeyboardInterrupt:
+            print("demo: stopped")
+            return 1
 
 
 if __name__ == "__main__":

@@ -45,9 +45,11 @@ class Bus:
                         for name in names)
         configuration = folder / "bus.conf"
         configuration.write_text(CONFIGURATION.format(socket=self.socket, names=rules))
+        # It ends with us, however we end, and knows nothing of our terminal's Ctrl-C.
         self._process = subprocess.Popen(
-            ["dbus-daemon", f"--config-file={configuration}", "--nofork", "--nopidfile",
-             "--print-address"], stdout=subprocess.PIPE, text=True)
+            ["setpriv", "--pdeathsig", "TERM", "dbus-daemon", f"--config-file={configuration}",
+             "--nofork", "--nopidfile", "--print-address"],
+            stdout=subprocess.PIPE, text=True, start_new_session=True)
         if not self._process.stdout.readline():
             raise RuntimeError("dbus-daemon did not start")
 

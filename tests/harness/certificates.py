@@ -14,6 +14,10 @@ class Authority:
     def pem(self):
         return self._ca.cert_pem.bytes()
 
+    def server_pem(self, *names):
+        """Key and certificates of a server in one file, for programs that read such files."""
+        return self._ca.issue_cert(*names).private_key_and_cert_chain_pem.bytes()
+
     def server_context(self, *names, not_after=None):
         """A context for a server that answers to these names."""
         context = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)

@@ -123,7 +123,8 @@ class Daemon:
 
     def _popen(self, command, log, handed_on):
         return subprocess.Popen(command, env=self._environment, stdin=subprocess.DEVNULL,
-                                stdout=log, stderr=log, pass_fds=handed_on)
+                                stdout=log, stderr=log, pass_fds=handed_on,
+                                start_new_session=True)
 
     def wait_for_name(self, caller, timeout=20):
         """Returns when the daemon owns its name."""
@@ -186,12 +187,18 @@ class Daemon:
         return int(re.search(rf"^{name}:\s*(\w+)", self._proc("status"), re.MULTILINE)[1])
 
     def switches(self):
-        """Context switches of all its threads so far."""
-        total = 0
+        """Context switches of each of its threads so far."""
+        found = {}
         for task in pathlib.Path(f"/proc/{self.pid}/task").iterdir():
             text = (task / "status").read_text()
-            total += sum(int(n) for n in re.findall(r"ctxt_switches:\s*(\d+)", text))
-        return total
+            found[task.name] = sum(int(n) for n in re.findall(r"ctxt_switches:\s*(\d+)", text))
+        return found
+
+    def switches_since(self, before):
+        """How many there were since then; a thread that has ended since woke up once to do so."""
+        now = self.switches()
+        ended = sum(thread not in now for thread in before)
+        return sum(count - before.get(thread, 0) for thread, count in now.items()) + ended
 
     def descriptors(self):
         """How many are open. Only root may know."""
