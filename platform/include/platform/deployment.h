@@ -1,5 +1,7 @@
 // platform/include/platform/deployment.h - what the integrator decides for a whole fleet.
 #pragma once
+#include <stddef.h>
+#include <stdint.h>
 #ifdef __cplusplus
 extern "C" {
 #endif
@@ -16,6 +18,27 @@ typedef enum {
 ///   logged
 /// Thread: any.
 char* deployment_get_host(deployment_host_e which);
+
+/// Reads the identity that the service has towards secure storage and key store.
+/// @param[out] words set on success only; not null
+/// @return 0, or another number when it is not set or not five 32-bit numbers, which the platform
+///   has logged
+/// Thread: any.
+int deployment_get_credential(uint32_t words[5]);
+
+/// Reads the id of the device's private key in the key store.
+/// @param[out] key_id set on success only, never to 0; not null
+/// @return 0, or another number when it is not set or not a number, which the platform has logged
+/// Thread: any.
+int deployment_get_key_id(int32_t* key_id);
+
+/// Reads the sealed key material, for devices whose key is stored at the first start.
+/// @param[out] sealed on success a heap copy that the caller frees with free(); not null
+/// @param[out] size its bytes
+/// @return 0, or another number when there is none (then the key was made inside the store) or it
+///   cannot be read
+/// Thread: any.
+int deployment_get_key_material(unsigned char** sealed, size_t* size);
 
 #ifdef __cplusplus
 }
