@@ -29,14 +29,6 @@ Answers workingDevice()
     return answers;
 }
 
-template <typename Change>
-void change(Change what)
-{
-    State& s = state();
-    const std::lock_guard<std::mutex> hold(s.lock);
-    what(s);
-}
-
 }  // namespace
 
 State& state()
@@ -62,6 +54,7 @@ void Platform::reset()
         s.log.clear();
         s.calls.clear();
         s.observer = nullptr;
+        s.secure.reset();
     });
 }
 
@@ -147,7 +140,10 @@ std::vector<std::string> Platform::calls() const
 
 void Platform::clearCalls()
 {
-    change([](State& s) { s.calls.clear(); });
+    change([](State& s) {
+        s.calls.clear();
+        s.secure.calls.clear();
+    });
 }
 
 LogRecord parseRecord(log_priority priority, const char* tag, std::string message)

@@ -4,8 +4,11 @@
 
 #include <platform/deployment.h>
 #include <platform/log.h>
+#include <platform/secure_storage.h>
 
+#include <array>
 #include <cstddef>
+#include <cstdint>
 #include <functional>
 #include <map>
 #include <optional>
@@ -27,14 +30,31 @@ struct LogRecord {
 };
 std::ostream& operator<<(std::ostream& out, const LogRecord& record);
 
+/// The arguments of one call of secure storage or key store, as far as the function has them.
+struct SecureCall {
+    std::string function;
+    ss_credential_s credential{};
+    std::string name;
+    std::string data;  ///< what ss_write was given
+    std::size_t size = 0;
+    int flags = 0;
+    std::int32_t keyId = 0;
+    int type = 0;
+    int use = 0;
+    std::size_t modulusSize = 0;
+    std::size_t exponentSize = 0;
+    bool restIsZero = false;  ///< every reserved argument was 0 or null
+};
+
 /// Thread: any for all of it.
 class Platform {
 public:
     /// Back to a device that works: gateway up, hosts "production.example" and "sandbox.example",
     /// db/comss/atoken "atoken-1", hwduid "duid-1", countrycode "US", modelid "model-1",
     /// memory/menu/network/set_time "1", language "en_US.utf8", server type 1, guid "guid-1",
-    /// authToken "auth-token-1", loginId "uid-1", time zone (3600, 0). Log and calls empty, no
-    /// observer.
+    /// authToken "auth-token-1", loginId "uid-1", time zone (3600, 0). The key store holds the
+    /// device key as number 7 and works; credential {1, 2, 3, 4, 5}, key id 7, key material
+    /// "key-material-1", no named data. Log and calls empty, no observer.
     void reset();
 
     // What the platform answers from now on; nullopt makes the read fail. The promises of the
@@ -52,13 +72,61 @@ public:
     void gatewayFails(int code);
     void host(deployment_host_e which, std::optional<std::string> value);
 
+    void credential(std::optional<std::array<std::uint32_t, 5>> words);
+    void keyId(std::optional<std::int32_t> id);
+    void keyMaterial(std::optional<std::string> sealed);
+
+    // Secure storage, key store and crypto container.
+    /// The function answers with this error number, without doing anything, at every call from now;
+    /// 0 lets it work again. Functions: ss_init_credential, ss_read, ss_write, ss_delete,
+    /// ss_store_rsa_key, ss_encrypt_by_key, ss_remove_key, create_CryptoCoreContainer,
+    /// set_public_key, ae_decrypt, open_key_material, deployment_get_credential,
+    /// deployment_get_key_id, deployment_get_key_material.
+    void fails(const std::string& function, int error);
+    /// The same for the next call only.
+    void failsOnce(const std::string& function, int error);
+    /// ss_read answers 0 and hands out no buffer, which no store may.
+    void readGivesNoBuffer(bool on);
+    /// ss_encrypt_by_key answers 0 with a block of so many bytes, its last ones cut off; 256 is
+    /// right.
+    void blockSize(std::size_t bytes);
+    /// ss_encrypt_by_key answers 0 with a block that the public key does not take back.
+    void wrongBlock(bool on);
+    /// The id that ss_store_rsa_key hands out, whatever was wanted; nullopt: the one wanted.
+    void idOfStoredKey(std::optional<std::int32_t> id);
+    /// ae_decrypt answers 0 with a block that has one bit changed.
+    void wrongDecryption(bool on);
+
+    /// The device's key: a private key of 2048 bits with its public part, as PEM. It is made once
+    /// for the process. A certificate made for it belongs to the device.
+    static std::string deviceKeyPem();
+    /// Puts a key into the key store in place of all that are there; without a PEM the device key.
+    void storedKey(std::int32_t id);
+    void storedKey(std::int32_t id, const std::string& pem);
+    void noStoredKey();
+    /// The ids in the key store, in order.
+    std::vector<std::int32_t> storedKeyIds() const;
+
+    /// Named data of the client that credential() names.
+    void data(const std::string& name, std::optional<std::string> bytes);
+    std::optional<std::string> data(const std::string& name) const;
+
+    /// Buffers that were handed out and not released, and containers that were made and not
+    /// destroyed. reset() leaves them.
+    int buffersOut() const;
+    int containersOut() const;
+    /// Calls of secure storage and key store with their arguments, in order; clearCalls() empties
+    /// it.
+    std::vector<SecureCall> secureCalls() const;
+
     /// Called with each record as it is logged, on the thread that logs. Null for none.
     void onLog(std::function<void(const LogRecord&)> observer);
 
     std::vector<LogRecord> log() const;
     void clearLog();
     /// The platform functions called so far, in order, each as its name and, where it has one, its
-    /// key: "vconf_get_str db/comss/atoken". The log is not among them.
+    /// key: "vconf_get_str db/comss/atoken", "ss_read name", "ss_encrypt_by_key 7". The log,
+    /// ss_free_buffer and destroy_CryptoCoreContainer are not among them.
     std::vector<std::string> calls() const;
     void clearCalls();
 };

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "fake_platform.h"
+#include "fake_secure.h"
 
 #include <mutex>
 #include <string>
@@ -31,10 +32,19 @@ struct State {
     std::vector<LogRecord> log;
     std::vector<std::string> calls;
     std::function<void(const LogRecord&)> observer;
+    Secure secure;
 };
 
 /// Made at the first use and never destroyed: threads may still log while the process ends.
 State& state();
+
+template <typename Change>
+void change(Change what)
+{
+    State& s = state();
+    const std::lock_guard<std::mutex> hold(s.lock);
+    what(s);
+}
 
 /// Takes a formatted message apart.
 LogRecord parseRecord(log_priority priority, const char* tag, std::string message);
