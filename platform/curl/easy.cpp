@@ -3,6 +3,9 @@
 
 #include "global.h"
 #include "options.h"
+#include "tls.h"
+
+#include <new>
 
 #include <new>
 
@@ -69,6 +72,11 @@ bool MZCurlEasy::setOption(MZCURL_OPTION_TYPE eOption, WriteCallback pfnValue)
     return setGuarded(m_pImpl.get(), setWriter, eOption, pfnValue);
 }
 
+bool MZCurlEasy::setOption(MZCURL_OPTION_TYPE eOption, SslContextCallback pfnValue)
+{
+    return setGuarded(m_pImpl.get(), setSslContext, eOption, pfnValue);
+}
+
 bool MZCurlEasy::setOption(MZCURL_OPTION_TYPE eOption, void* pValue)
 {
     return setGuarded(m_pImpl.get(), setPointer, eOption, pValue);
@@ -97,6 +105,7 @@ bool MZCurlEasy::send()
     if (m_pImpl->curl == nullptr || m_pImpl->owner != nullptr) {
         return m_pImpl->fail("The handle is not initialised, or a multi handle has it");
     }
+    const TlsErrorScope errors;
     m_pImpl->begin();
     const CURLcode code = curl_easy_perform(m_pImpl->curl.get());
     m_pImpl->lastError = m_pImpl->resultText(code);

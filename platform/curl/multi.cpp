@@ -3,6 +3,7 @@
 
 #include "easy.h"
 #include "global.h"
+#include "tls.h"
 
 #include <openssl/crypto.h>
 
@@ -115,6 +116,7 @@ bool MZCurlMulti::Impl::remove(Transfer& transfer)
 void MZCurlMulti::Impl::takeOut(Transfer& transfer)
 {
     if (transfer.attached) {
+        const TlsErrorScope errors;
         curl_multi_remove_handle(m_multi.get(), transfer.curl.get());
         SessionShare::detach(transfer);
         transfer.attached = false;
@@ -202,6 +204,7 @@ bool MZCurlMulti::Impl::select()
     if (running() == 0) {
         return true;
     }
+    const TlsErrorScope errors;
     bool ok = curl_multi_poll(m_multi.get(), nullptr, 0, waitLimit(), nullptr) == CURLM_OK;
     if (stopped()) {
         return ok;

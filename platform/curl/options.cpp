@@ -1,13 +1,27 @@
 // options.cpp - the table of options and what is refused before libcurl sees it.
 #include "options.h"
 
+#include "tls.h"
+
 #include <algorithm>
 #include <iterator>
 
 namespace MZCurl {
 namespace {
 
-enum class Kind { Ignored, Number, Size, Text, TextOrNone, Method, Body, List, Writer, Pointer };
+enum class Kind {
+    Ignored,
+    Number,
+    Size,
+    Text,
+    TextOrNone,
+    Method,
+    Body,
+    List,
+    Writer,
+    SslContext,
+    Pointer
+};
 
 struct Option {
     MZCURL_OPTION_TYPE id;
@@ -39,7 +53,9 @@ constexpr Option kOptions[] = {
     {MZCURL_OPT_SSLKEYTYPE, Kind::TextOrNone, CURLOPT_SSLKEYTYPE},
     {MZCURL_OPT_HTTPHEADER, Kind::List, CURLOPT_HTTPHEADER},
     {MZCURL_OPT_WRITEFUNCTION, Kind::Writer, kKept},
+    {MZCURL_OPT_SSL_CTX_FUNCTION, Kind::SslContext, CURLOPT_SSL_CTX_FUNCTION},
     {MZCURL_OPT_WRITEDATA, Kind::Pointer, kKept},
+    {MZCURL_OPT_SSL_CTX_DATA, Kind::Pointer, kKept},
     {MZCURL_OPT_PRIVATE, Kind::Pointer, kKept},
 };
 
@@ -183,12 +199,29 @@ bool setWriter(Transfer& transfer, MZCURL_OPTION_TYPE id, WriteCallback value)
     return true;
 }
 
+bool setSslContext(Transfer& transfer, MZCURL_OPTION_TYPE id, SslContextCallback value)
+{
+    const Option* const option = find(transfer, id, {Kind::SslContext});
+    if (option == nullptr) {
+        return false;
+    }
+    transfer.sslContext = value;
+    // Its data is the transfer itself, among the rules.
+    return apply(transfer, option->curl, value != nullptr ? onSslContext : nullptr);
+}
+
 bool setPointer(Transfer& transfer, MZCURL_OPTION_TYPE id, void* value)
 {
     if (find(transfer, id, {Kind::Pointer}) == nullptr) {
         return false;
     }
-    (id == MZCURL_OPT_PRIVATE ? transfer.userPointer : transfer.writeData) = value;
+    if (id == MZCURL_OPT_PRIVATE) {
+        transfer.userPointer = value;
+    } else if (id == MZCURL_OPT_SSL_CTX_DATA) {
+        transfer.sslContextData = value;
+    } else {
+        transfer.writeData = value;
+    }
     return true;
 }
 

@@ -14,6 +14,7 @@ bool setNumber(Transfer& transfer, MZCURL_OPTION_TYPE option, long long value);
 bool setText(Transfer& transfer, MZCURL_OPTION_TYPE option, const std::string& value);
 bool setList(Transfer& transfer, MZCURL_OPTION_TYPE option, const std::list<std::string>& value);
 bool setWriter(Transfer& transfer, MZCURL_OPTION_TYPE option, WriteCallback value);
+bool setSslContext(Transfer& transfer, MZCURL_OPTION_TYPE option, SslContextCallback value);
 bool setPointer(Transfer& transfer, MZCURL_OPTION_TYPE option, void* value);
 
 }  // namespace MZCurl

@@ -41,6 +41,7 @@ bool Transfer::applyRules()
     set(CURLOPT_WRITEDATA, this);
     set(CURLOPT_HEADERFUNCTION, onHeader);
     set(CURLOPT_HEADERDATA, this);
+    set(CURLOPT_SSL_CTX_DATA, this);
     set(CURLOPT_PREREQFUNCTION, onRequest);
     set(CURLOPT_PREREQDATA, this);
     return ok;
@@ -55,6 +56,8 @@ void Transfer::reset()
     lastError.clear();
     write = nullptr;
     writeData = nullptr;
+    sslContext = nullptr;
+    sslContextData = nullptr;
     userPointer = nullptr;
     sendsBody = false;
     namesMethod = false;
@@ -66,6 +69,7 @@ void Transfer::reset()
 
 void Transfer::begin()
 {
+    curl_easy_setopt(curl.get(), CURLOPT_FORBID_REUSE, 0L);
     bodyBytes = 0;
     headerBytes = 0;
     attempts = 0;

@@ -61,6 +61,8 @@ struct Transfer {
     std::string caFile;
     WriteCallback write = nullptr;
     void* writeData = nullptr;
+    SslContextCallback sslContext = nullptr;
+    void* sslContextData = nullptr;
     void* userPointer = nullptr;
     bool sendsBody = false;
     bool namesMethod = false;

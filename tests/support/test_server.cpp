@@ -159,6 +159,14 @@ void TestServer::setUpTls(const ServerOptions& options)
         throw std::runtime_error("cannot use the certificate");
     }
     SSL_CTX_set_max_proto_version(context, options.tlsVersion);
+    if (options.adjust) {
+        options.adjust(context);
+    }
+    if (!options.tickets) {
+        SSL_CTX_set_session_cache_mode(context, SSL_SESS_CACHE_OFF);
+        SSL_CTX_set_options(context, SSL_OP_NO_TICKET);
+        SSL_CTX_set_num_tickets(context, 0);
+    }
 }
 
 TestServer::~TestServer()

@@ -41,6 +41,9 @@ public:
     /// A TLS session was taken up again instead of being made anew.
     bool resumed() const;
 
+    /// The TLS connection; null without TLS.
+    SSL* ssl() const { return m_ssl.get(); }
+
     /// @return false at the end of the connection
     bool read(Request& request);
     /// @return false when the other side has gone
@@ -69,6 +72,8 @@ struct ServerOptions {
     const Identity* identity = nullptr;  ///< null: plain http
     int tlsVersion = 0;                  ///< TLS1_2_VERSION or the like; 0: whatever is agreed
     bool keepsRequests = true;           ///< false: for a great many, which nobody looks at
+    std::function<void(SSL_CTX*)> adjust = {};  ///< whatever else the TLS context is to be like
+    bool tickets = true;                        ///< false: no session can be taken up again
 };
 
 class TestServer {

@@ -85,11 +85,19 @@ bool MZCurlEasy::setOption(MZCURL_OPTION_TYPE eOption, WriteCallback pfnValue)
     return Option(eOption, "callback");
 }
 
+bool MZCurlEasy::setOption(MZCURL_OPTION_TYPE eOption, SslContextCallback pfnValue)
+{
+    Curl().pfnSslContext = pfnValue;
+    return Option(eOption, "context callback");
+}
+
 bool MZCurlEasy::setOption(MZCURL_OPTION_TYPE eOption, void* pValue)
 {
     if (eOption == MZCURL_OPT_PRIVATE) {
         m_pImpl->pPrivate = pValue;
         Curl().pPrivate = pValue;
+    } else if (eOption == MZCURL_OPT_SSL_CTX_DATA) {
+        Curl().pSslContextData = pValue;
     } else {
         Curl().pWriteData = pValue;
     }

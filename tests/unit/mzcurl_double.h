@@ -29,6 +29,8 @@ struct CurlDouble {
     void* pPrivate = nullptr;  ///< of the last easy handle
     MZCurl::WriteCallback pfnWrite = nullptr;
     void* pWriteData = nullptr;
+    MZCurl::SslContextCallback pfnSslContext = nullptr;
+    void* pSslContextData = nullptr;
 
     // What the worker's loop gets.
     std::deque<MZCurl::MZCurlMulti::MultiMsg> messages;

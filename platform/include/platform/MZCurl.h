@@ -15,28 +15,30 @@ namespace MZCurl {
 
 /// Options of a transfer, by the wrapper's own numbers.
 enum MZCURL_OPTION_TYPE {
-    MZCURL_OPT_RESERVED_1 = 1,       ///< int; accepted and ignored
-    MZCURL_OPT_RESERVED_3 = 3,       ///< int; accepted and ignored
-    MZCURL_OPT_POST = 16,            ///< int
-    MZCURL_OPT_HTTPGET = 17,         ///< int
-    MZCURL_OPT_TIMEOUT = 30,         ///< int, seconds for the whole transfer
-    MZCURL_OPT_CONNECTTIMEOUT = 33,  ///< int, seconds for connecting, TLS included
-    MZCURL_OPT_RESERVED_34 = 34,     ///< int; accepted and ignored
-    MZCURL_OPT_SSL_VERIFYHOST = 38,  ///< int, 2 or 0
-    MZCURL_OPT_SSL_VERIFYPEER = 39,  ///< int, 1 or 0; 0 also allows plain http
-    MZCURL_OPT_POSTFIELDSIZE = 44,   ///< long long, bytes of the body
-    MZCURL_OPT_CUSTOMREQUEST = 48,   ///< text, the method's name
-    MZCURL_OPT_URL = 50,             ///< text; refused when it is http and names no host
-    MZCURL_OPT_POSTFIELDS = 59,      ///< text, the body. NOT copied: it outlives the transfer
-    MZCURL_OPT_CAINFO = 63,          ///< text, path of the CA bundle; the only trust there is
-    MZCURL_OPT_SSLCERT = 66,         ///< text; empty means none
-    MZCURL_OPT_SSLCERTTYPE = 67,     ///< text; empty means the default
-    MZCURL_OPT_SSLKEY = 68,          ///< text; empty means none
-    MZCURL_OPT_SSLKEYTYPE = 69,      ///< text; empty means the default
-    MZCURL_OPT_HTTPHEADER = 75,      ///< list of texts; refused when one holds CR, LF or NUL
-    MZCURL_OPT_WRITEFUNCTION = 78,   ///< WriteCallback
-    MZCURL_OPT_WRITEDATA = 86,       ///< pointer, last argument of the write callback
-    MZCURL_OPT_PRIVATE = 92,         ///< pointer, read back with MZCURL_INFO_PRIVATE
+    MZCURL_OPT_RESERVED_1 = 1,         ///< int; accepted and ignored
+    MZCURL_OPT_RESERVED_3 = 3,         ///< int; accepted and ignored
+    MZCURL_OPT_POST = 16,              ///< int
+    MZCURL_OPT_HTTPGET = 17,           ///< int
+    MZCURL_OPT_TIMEOUT = 30,           ///< int, seconds for the whole transfer
+    MZCURL_OPT_CONNECTTIMEOUT = 33,    ///< int, seconds for connecting, TLS included
+    MZCURL_OPT_RESERVED_34 = 34,       ///< int; accepted and ignored
+    MZCURL_OPT_SSL_VERIFYHOST = 38,    ///< int, 2 or 0
+    MZCURL_OPT_SSL_VERIFYPEER = 39,    ///< int, 1 or 0; 0 also allows plain http
+    MZCURL_OPT_POSTFIELDSIZE = 44,     ///< long long, bytes of the body
+    MZCURL_OPT_CUSTOMREQUEST = 48,     ///< text, the method's name
+    MZCURL_OPT_URL = 50,               ///< text; refused when it is http and names no host
+    MZCURL_OPT_POSTFIELDS = 59,        ///< text, the body. NOT copied: it outlives the transfer
+    MZCURL_OPT_CAINFO = 63,            ///< text, path of the CA bundle; the only trust there is
+    MZCURL_OPT_SSLCERT = 66,           ///< text; empty means none
+    MZCURL_OPT_SSLCERTTYPE = 67,       ///< text; empty means the default
+    MZCURL_OPT_SSLKEY = 68,            ///< text; empty means none
+    MZCURL_OPT_SSLKEYTYPE = 69,        ///< text; empty means the default
+    MZCURL_OPT_HTTPHEADER = 75,        ///< list of texts; refused when one holds CR, LF or NUL
+    MZCURL_OPT_WRITEFUNCTION = 78,     ///< WriteCallback
+    MZCURL_OPT_SSL_CTX_FUNCTION = 83,  ///< SslContextCallback
+    MZCURL_OPT_WRITEDATA = 86,         ///< pointer, last argument of the write callback
+    MZCURL_OPT_SSL_CTX_DATA = 90,      ///< pointer, last argument of the TLS context callback
+    MZCURL_OPT_PRIVATE = 92,           ///< pointer, read back with MZCURL_INFO_PRIVATE
 };
 
 enum MZCURL_INFO_TYPE {
@@ -48,6 +50,14 @@ enum MZCURL_INFO_TYPE {
 /// transfer.
 using WriteCallback = unsigned int (*)(char* ptr, unsigned int size, unsigned int nmemb,
                                        void* userdata);
+
+/// Prepares the TLS context of a new connection, an SSL_CTX: installs the client's certificate and
+/// key. Where both are there when it returns, the connection is TLS 1.2 at most and the client signs
+/// with PKCS#1 padding: the one form that a key store which pads by itself can give. Where one is
+/// missing the connection carries this transfer alone and its session is not kept, so that no later
+/// transfer is anonymous because this one was. It reports nothing, and what it throws goes nowhere
+/// further. Thread: the one that performs the transfer.
+using SslContextCallback = void (*)(void* sslctx, void* aux);
 
 /// One transfer. Thread: one at a time; between addHandle and removeHandle it belongs to the multi
 /// handle.
@@ -70,6 +80,7 @@ public:
     bool setOption(MZCURL_OPTION_TYPE eOption, const std::string& strValue);
     bool setOption(MZCURL_OPTION_TYPE eOption, const std::list<std::string>& lstValue);
     bool setOption(MZCURL_OPTION_TYPE eOption, WriteCallback pfnValue);
+    bool setOption(MZCURL_OPTION_TYPE eOption, SslContextCallback pfnValue);
     bool setOption(MZCURL_OPTION_TYPE eOption, void* pValue);
 
     /// Reads a pointer that belongs to the transfer. @return false, *ppOut untouched, when there is

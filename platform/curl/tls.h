@@ -1,0 +1,22 @@
+// tls.h - the TLS context of a new connection: who prepares it, and what it must be like with a
+// client certificate and without one.
+#pragma once
+
+#include <curl/curl.h>
+
+namespace MZCurl {
+
+/// Hands a new TLS context to the transfer's own callback and completes it. @param context SSL_CTX
+/// @param transfer the Transfer @return CURLE_OK: what is missing shows in the handshake
+CURLcode onSslContext(CURL* curl, void* context, void* transfer);
+
+/// What goes wrong in its scope leaves nothing on the thread's error queue of the TLS library.
+class TlsErrorScope {
+public:
+    TlsErrorScope();
+    ~TlsErrorScope();
+    TlsErrorScope(const TlsErrorScope&) = delete;
+    TlsErrorScope& operator=(const TlsErrorScope&) = delete;
+};
+
+}  // namespace MZCurl
