@@ -2,7 +2,9 @@
 // backend to share.
 #pragma once
 
+#include <algorithm>
 #include <charconv>
+#include <cstdint>
 #include <optional>
 #include <string_view>
 
@@ -29,6 +31,25 @@ inline std::optional<int> wholeNumber(std::string_view text)
     if (error != std::errc() || end != text.data() + text.size())
         return std::nullopt;
     return value;
+}
+
+/// Reads so many numbers of 32 bits without a sign, decimal or hexadecimal behind "0x", with blanks
+/// or commas between them. @return false, with nothing set for sure, when the text is something else
+inline bool numbers32(std::string_view text, std::uint32_t* numbers, std::size_t count)
+{
+    for (std::size_t i = 0; i < count; i++) {
+        text.remove_prefix(std::min(text.find_first_not_of(i == 0 ? " " : " ,"), text.size()));
+        const bool hex = text.substr(0, 2) == "0x";
+        text.remove_prefix(hex ? 2 : 0);
+        const auto [end, error] =
+            std::from_chars(text.data(), text.data() + text.size(), numbers[i], hex ? 16 : 10);
+        if (error != std::errc())
+            return false;
+        text.remove_prefix(static_cast<std::size_t>(end - text.data()));
+        if (i + 1 < count && (text.empty() || (text.front() != ' ' && text.front() != ',')))
+            return false;
+    }
+    return text.find_first_not_of(' ') == std::string_view::npos;
 }
 
 /// Is the text a bare host name, or an IPv4 address, with at most a ":" and a port behind it? No

@@ -4,13 +4,13 @@
 #include <openssl/bn.h>
 #include <openssl/opensslv.h>
 #include <openssl/rsa.h>
+#include <openssl/x509.h>
 
 #if OPENSSL_VERSION_NUMBER >= 0x30000000L
 #include <openssl/core_names.h>
+#include <openssl/param_build.h>
+#include <openssl/params.h>
 #endif
-
-#include <algorithm>
-#include <memory>
 
 namespace rawrsa {
 
@@ -19,6 +19,20 @@ namespace {
 struct Free {
     void operator()(BIGNUM* number) const { BN_clear_free(number); }
     void operator()(BN_CTX* context) const { BN_CTX_free(context); }
+#if OPENSSL_VERSION_NUMBER >= 0x30000000L
+    void operator()(EVP_PKEY_CTX* context) const
+    {
+        EVP_PKEY_CTX_free(context);
+    }
+    void operator()(OSSL_PARAM_BLD* builder) const
+    {
+        OSSL_PARAM_BLD_free(builder);
+    }
+    void operator()(OSSL_PARAM* parts) const
+    {
+        OSSL_PARAM_free(parts);
+    }
+#endif
 };
 using Number = std::unique_ptr<BIGNUM, Free>;
 using Context = std::unique_ptr<BN_CTX, Free>;
@@ -160,6 +174,22 @@ Number part(EVP_PKEY* key, bool ofModulus, bool ofPrivate)
     EVP_PKEY_get_bn_param(key, name, &number);
     return Number(number);
 }
+
+EVP_PKEY* recordOf(const Number& modulus, const Number& exponent)
+{
+    const std::unique_ptr<OSSL_PARAM_BLD, Free> builder(OSSL_PARAM_BLD_new());
+    const std::unique_ptr<EVP_PKEY_CTX, Free> context(EVP_PKEY_CTX_new_id(EVP_PKEY_RSA, nullptr));
+    if (builder == nullptr || context == nullptr ||
+        !OSSL_PARAM_BLD_push_BN(builder.get(), OSSL_PKEY_PARAM_RSA_N, modulus.get()) ||
+        !OSSL_PARAM_BLD_push_BN(builder.get(), OSSL_PKEY_PARAM_RSA_E, exponent.get()))
+        return nullptr;
+    const std::unique_ptr<OSSL_PARAM, Free> parts(OSSL_PARAM_BLD_to_param(builder.get()));
+    EVP_PKEY* key = nullptr;
+    if (parts == nullptr || EVP_PKEY_fromdata_init(context.get()) != 1 ||
+        EVP_PKEY_fromdata(context.get(), &key, EVP_PKEY_PUBLIC_KEY, parts.get()) != 1)
+        return nullptr;
+    return key;
+}
 #else
 Number part(EVP_PKEY* key, bool ofModulus, bool ofPrivate)
 {
@@ -170,6 +200,17 @@ Number part(EVP_PKEY* key, bool ofModulus, bool ofPrivate)
                                  : ofPrivate ? RSA_get0_d(rsa)
                                              : RSA_get0_e(rsa);
     return Number(number == nullptr ? nullptr : BN_dup(number));
+}
+
+EVP_PKEY* recordOf(const Number& modulus, const Number& exponent)
+{
+    EVP_PKEY* const key = EVP_PKEY_new();
+    RSA* const rsa = RSA_new();
+    if (key == nullptr || rsa == nullptr)
+        throw std::bad_alloc();
+    RSA_set0_key(rsa, BN_dup(modulus.get()), BN_dup(exponent.get()), nullptr);
+    EVP_PKEY_assign_RSA(key, rsa);
+    return key;
 }
 #endif
 
@@ -253,6 +294,26 @@ std::optional<PublicKey> publicNumbersOf(EVP_PKEY* key)
     const secret::Bytes modulus = bytesOf(n);
     const secret::Bytes exponent = bytesOf(e);
     return publicKey(modulus.data(), modulus.size(), exponent.data(), exponent.size());
+}
+
+std::unique_ptr<EVP_PKEY, FreeKey> record(const PublicKey& key)
+{
+    std::unique_ptr<EVP_PKEY, FreeKey> made(
+        recordOf(numberOf(key.modulus), numberOf(key.exponent)));
+    if (made == nullptr)
+        throw std::bad_alloc();
+    return made;
+}
+
+std::string publicKeyInfo(const PublicKey& key)
+{
+    unsigned char* der = nullptr;
+    const int size = i2d_PUBKEY(record(key).get(), &der);
+    if (size <= 0)
+        throw std::bad_alloc();
+    std::string bytes(reinterpret_cast<char*>(der), static_cast<std::size_t>(size));
+    OPENSSL_free(der);
+    return bytes;
 }
 
 }  // namespace rawrsa

@@ -7,7 +7,9 @@
 #include <openssl/evp.h>
 
 #include <cstddef>
+#include <memory>
 #include <optional>
+#include <string>
 
 namespace rawrsa {
 
@@ -59,7 +61,16 @@ std::optional<PrivateKey> recover(const unsigned char* modulus, std::size_t modu
 /// Takes the numbers out of OpenSSL's record. @return nullopt when it is no RSA key of 2048 bits
 /// with such a public exponent, or has no private part
 std::optional<PrivateKey> numbersOf(EVP_PKEY* key);
-/// The same for the public part alone.
+/// The public key as its SubjectPublicKeyInfo, in DER.
+std::string publicKeyInfo(const PublicKey& key);
+
+/// OpenSSL's record of a public key.
+struct FreeKey {
+    void operator()(EVP_PKEY* key) const { EVP_PKEY_free(key); }
+};
+std::unique_ptr<EVP_PKEY, FreeKey> record(const PublicKey& key);
+
+/// As numbersOf(), for the public part alone.
 std::optional<PublicKey> publicNumbersOf(EVP_PKEY* key);
 
 }  // namespace rawrsa

@@ -1,6 +1,7 @@
 // settings_file.cpp - reads and checks one version of the settings file.
 #include "settings_file.h"
 
+#include "descriptor.h"
 #include "settings_known.h"
 
 #include <fcntl.h>
@@ -23,18 +24,6 @@ constexpr std::size_t kProblemLimit = 20;
 /// No file system keeps times coarser than this. A file changed twice within it may show the same
 /// stamp for both versions.
 constexpr time_t kStampSeconds = 3;
-
-struct Descriptor {
-    int fd;
-    explicit Descriptor(int opened) : fd(opened) {}
-    Descriptor(const Descriptor&) = delete;
-    Descriptor& operator=(const Descriptor&) = delete;
-    ~Descriptor()
-    {
-        if (fd >= 0)
-            close(fd);
-    }
-};
 
 struct FreeKeyFile {
     void operator()(GKeyFile* file) const { g_key_file_free(file); }

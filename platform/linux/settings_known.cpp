@@ -31,13 +31,14 @@ constexpr Known kKnown[] = {
     {"network", "default_gateway", Kind::Gateway},
     {"deployment", "production_host", Kind::Host},
     {"deployment", "sandbox_host", Kind::Host},
-    {"deployment", "credential", Kind::Text},
-    {"deployment", "key_id", Kind::Text},
-    {"deployment", "key_material", Kind::Text},
-    {"keystore", "module", Kind::Text},
+    {"deployment", "credential", Kind::Credential},
+    {"deployment", "key_id", Kind::KeyId},
+    {"deployment", "key_material", Kind::Path},
+    {"keystore", "module", Kind::Path},
     {"keystore", "token", Kind::Text},
-    {"keystore", "pin_file", Kind::Text},
-    {"keystore", "store", Kind::Text},
+    {"keystore", "pin_file", Kind::Path},
+    {"keystore", "store", Kind::Path},
+    {"keystore", "seal_key", Kind::Path},
 };
 
 constexpr std::string_view kErrorPrefix = "error:";
@@ -56,6 +57,18 @@ std::string_view faultOfKind(Kind kind, std::string_view value)
                        : "is not a bare host name (name or name:port, without scheme or path)";
         case Kind::Gateway:
             return gatewayRule(value) ? "" : "is none of auto, up, down and error:<code>";
+        case Kind::Credential: {
+            std::uint32_t words[5];
+            return contract::numbers32(value, words, std::size(words))
+                       ? ""
+                       : "is not five numbers of 32 bits (decimal or 0x..., with blanks between)";
+        }
+        case Kind::KeyId:
+            return contract::wholeNumber(value).value_or(0) != 0
+                       ? ""
+                       : "is not a whole number of 32 bits other than 0";
+        case Kind::Path:
+            return value.empty() || value.front() == '/' ? "" : "is not an absolute path";
         case Kind::LoginId:
             return value.size() < sizeof sso_login_info_s{}.user_id ? "" : "is over 255 bytes long";
     }

@@ -8,10 +8,13 @@ namespace settings {
 
 enum class Kind {
     Text,
-    Number,   ///< a whole number of 32 bits
-    Host,     ///< a bare host name, optionally with a port
-    Gateway,  ///< see gatewayRule()
-    LoginId,  ///< a text that fits its field in the login record
+    Number,      ///< a whole number of 32 bits
+    Host,        ///< a bare host name, optionally with a port
+    Gateway,     ///< see gatewayRule()
+    Credential,  ///< five numbers of 32 bits
+    KeyId,       ///< a whole number of 32 bits, not 0
+    Path,        ///< absolute
+    LoginId,     ///< a text that fits its field in the login record
 };
 
 /// @return nullopt when there is no such setting

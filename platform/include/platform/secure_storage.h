@@ -8,7 +8,8 @@ extern "C" {
 #endif
 
 /// Who asks: the identity of a client. Filled by ss_init_credential, passed to every call, copied
-/// freely.
+/// freely. Named data belong to the client that wrote them: another one has names of its own. Keys
+/// belong to the device, for any client of the process.
 typedef struct {
     uint32_t words[5];
     uint32_t kind;
@@ -21,10 +22,10 @@ typedef enum {
     SS_ERROR_NONE = 0,
     SS_ERROR_PARAMETER = 1,  ///< null or out of range
     SS_ERROR_NOT_FOUND = 2,  ///< no data of that name, no key of that id
-    SS_ERROR_ACCESS =
-        3,  ///< the credential does not own the store, or the store's secret is missing or refused
-    SS_ERROR_UNAVAILABLE =
-        4,                ///< the store, or the token behind it, cannot be reached; it may be later
+    SS_ERROR_ACCESS = 3,     ///< the store's secret is missing or refused, or open to others
+    /// The store, or the token behind it, cannot be reached; it may be later. Says nothing about
+    /// whether the data or the key exist.
+    SS_ERROR_UNAVAILABLE = 4,
     SS_ERROR_BROKEN = 5,  ///< what was read, or what the token returned, is not what it must be
     SS_ERROR_NO_MEMORY = 6,
     SS_ERROR_REFUSED = 7,  ///< the token does not do it: no such mechanism, no import of keys
@@ -71,7 +72,8 @@ int ss_delete(int reserved, const char* name, const ss_credential_s* credential,
 /// any.
 void ss_free_buffer(unsigned char* buffer);
 
-/// Stores an RSA key. The store proves by a signature that the key works before it answers 0.
+/// Stores an RSA key, in place of one that has its id. The store proves by a signature that the key
+/// works before it answers 0; when it fails, the old key stays.
 /// @param type SS_KEY_RSA @param use SS_KEY_SIGN
 /// @param modulus, exponent big-endian, a leading zero byte allowed; sizes in bytes, 257 at most.
 ///   Not kept.

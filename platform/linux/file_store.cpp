@@ -1,0 +1,164 @@
+// file_store.cpp - named data, each in a sealed file of its own.
+#include "file_store.h"
+
+#include "common/secure_rules.h"
+#include "private_file.h"
+#include "seal.h"
+#include "secure_error.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <memory>
+
+namespace filestore {
+
+namespace {
+
+constexpr const char* kKeyFile = "store.key";
+constexpr const char* kLockFile = "lock";
+const std::string kMagic = "BILLDAT1";
+const std::string kSuffix = ".data";
+constexpr std::size_t kFileLimit = 8 + seal::kOverhead + securerules::kDataLimit;
+
+/// The client in an order of bytes that is the same on every machine.
+std::string idOf(const ss_credential_s& client)
+{
+    std::string id;
+    for (const uint32_t word : client.words) {
+        for (int shift = 24; shift >= 0; shift -= 8)
+            id += static_cast<char>(word >> shift & 0xff);
+    }
+    return id;
+}
+
+std::string fileOf(const ss_credential_s& client, const std::string& name)
+{
+    static const char digits[] = "0123456789abcdef";
+    std::string hex;
+    for (const char c : seal::digest(idOf(client) + name)) {
+        hex += digits[static_cast<unsigned char>(c) >> 4];
+        hex += digits[static_cast<unsigned char>(c) & 15];
+    }
+    return hex + kSuffix;
+}
+
+std::string associatedWith(const ss_credential_s& client, const std::string& name)
+{
+    return kMagic + idOf(client) + name;
+}
+
+/// Held against other writers, of this process and others, until it is closed.
+Descriptor locked(const Descriptor& folder)
+{
+    Descriptor lock(
+        openat(folder.fd, kLockFile, O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, S_IRUSR | S_IWUSR));
+    int result = -1;
+    do {
+        result = lock.fd < 0 ? -1 : flock(lock.fd, LOCK_EX);
+    } while (result != 0 && lock.fd >= 0 && errno == EINTR);
+    if (result != 0)
+        throw secure::Error(SS_ERROR_UNAVAILABLE,
+                            "the store cannot be locked; its folder must be writable for the "
+                            "service's user");
+    return lock;
+}
+
+bool holdsData(const Descriptor& folder)
+{
+    struct Close {
+        void operator()(DIR* list) const { closedir(list); }
+    };
+    const std::unique_ptr<DIR, Close> list(fdopendir(openat(folder.fd, ".", O_RDONLY | O_CLOEXEC)));
+    while (const dirent* const entry = list == nullptr ? nullptr : readdir(list.get())) {
+        const std::string name = entry->d_name;
+        if (name.size() > kSuffix.size() &&
+            name.compare(name.size() - kSuffix.size(), kSuffix.size(), kSuffix) == 0)
+            return true;
+    }
+    return false;
+}
+
+[[noreturn]] void throwNotFound()
+{
+    throw secure::Error(SS_ERROR_NOT_FOUND, "");
+}
+
+}  // namespace
+
+bool Store::exists() const
+{
+    struct stat status {};
+    return stat(m_folder.c_str(), &status) == 0 || errno != ENOENT;
+}
+
+std::optional<secret::Bytes> Store::key(const Descriptor& folder) const
+{
+    const auto found = privatefile::readIn(folder, kKeyFile, seal::kKeySize);
+    if (found && found->size() != seal::kKeySize)
+        throw secure::Error(SS_ERROR_ACCESS, m_folder + "/" + kKeyFile +
+                                                 " does not have 32 bytes; put the right one back");
+    return found;
+}
+
+/// For a writer that holds the lock. Data that were sealed with a lost key are not buried under a
+/// new one.
+secret::Bytes Store::keyOrNew(const Descriptor& folder) const
+{
+    if (auto found = key(folder))
+        return *found;
+    if (holdsData(folder))
+        throw secure::Error(SS_ERROR_ACCESS,
+                            m_folder + "/" + kKeyFile +
+                                " is missing; put it back, or empty the folder to start anew");
+    const secret::Bytes made = seal::random(seal::kKeySize);
+    privatefile::replaceIn(folder, kKeyFile, made.data(), made.size());
+    return made;
+}
+
+secret::Bytes Store::read(const ss_credential_s& client, const std::string& name) const
+{
+    if (!exists())
+        throwNotFound();
+    const Descriptor folder = privatefile::openFolder(m_folder);
+    const auto file = privatefile::readIn(folder, fileOf(client, name), kFileLimit);
+    if (!file)
+        throwNotFound();
+    const auto secret = key(folder);
+    if (!secret)
+        throw secure::Error(SS_ERROR_ACCESS,
+                            m_folder + "/" + kKeyFile + " is missing; put it back");
+    if (file->size() >= kMagic.size() && std::equal(kMagic.begin(), kMagic.end(), file->begin())) {
+        auto data = seal::open(*secret, associatedWith(client, name), file->data() + kMagic.size(),
+                               file->size() - kMagic.size());
+        if (data)
+            return *std::move(data);
+    }
+    throw secure::Error(SS_ERROR_BROKEN, m_folder + "/" + fileOf(client, name) +
+                                             " is broken or not of this device; delete it");
+}
+
+void Store::write(const ss_credential_s& client, const std::string& name, const unsigned char* data,
+                  std::size_t size) const
+{
+    const Descriptor folder = privatefile::openFolder(m_folder);
+    const Descriptor lock = locked(folder);
+    const std::string bytes =
+        kMagic + seal::close(keyOrNew(folder), associatedWith(client, name), data, size);
+    privatefile::replaceIn(folder, fileOf(client, name), bytes.data(), bytes.size());
+}
+
+void Store::remove(const ss_credential_s& client, const std::string& name) const
+{
+    if (!exists())
+        throwNotFound();
+    const Descriptor folder = privatefile::openFolder(m_folder);
+    const Descriptor lock = locked(folder);
+    if (!privatefile::removeIn(folder, fileOf(client, name)))
+        throwNotFound();
+}
+
+}  // namespace filestore

@@ -1,0 +1,155 @@
+// key_store.cpp - the process's way to its token.
+#include "key_store.h"
+
+#include "private_file.h"
+#include "seal.h"
+#include "settings.h"
+
+namespace keystore {
+
+namespace {
+
+constexpr const char* kGroup = "keystore";
+constexpr std::size_t kPinLimit = 256;
+
+std::string needed(const char* key)
+{
+    const auto value = settings::text(kGroup, key);
+    if (!value) {
+        settings::reportMissing(kGroup, key, "the device's private key cannot be used");
+        throw secure::Error(SS_ERROR_UNAVAILABLE, "");
+    }
+    return *value;
+}
+
+secret::Bytes readPin(const std::string& path)
+{
+    secret::Bytes pin = privatefile::readSecret(path, kPinLimit);
+    if (!pin.empty() && pin.back() == '\n')
+        pin.pop_back();
+    if (!pin.empty() && pin.back() == '\r')
+        pin.pop_back();
+    if (pin.empty())
+        throw secure::Error(SS_ERROR_ACCESS, path + " is empty; put the PIN there");
+    return pin;
+}
+
+/// May a new session find what this one did not?
+bool mayBeLost(const secure::Error& error, const pkcs11::Session& session, const Place& place)
+{
+    return error.code() == SS_ERROR_UNAVAILABLE ||
+           (error.code() == SS_ERROR_NOT_FOUND && !session.isAlive(place.token));
+}
+
+}  // namespace
+
+Place placeFromSettings()
+{
+    return {needed("module"), needed("token"), needed("pin_file")};
+}
+
+KeyStore& instance()
+{
+    // Never destroyed: threads may still sign while the process ends.
+    static auto* const store = new KeyStore;
+    return *store;
+}
+
+void KeyStore::read(const Place& place, const Body& body)
+{
+    run(place, body);
+}
+
+void KeyStore::change(const Place& place, const Body& body)
+{
+    // The login of the open session holds for this one too.
+    run(place, [&](const pkcs11::Session& open) {
+        const pkcs11::Session writable(open.module(), open.slot(), true);
+        body(writable);
+    });
+}
+
+void KeyStore::run(const Place& place, const Body& body)
+{
+    const std::lock_guard<std::mutex> hold(m_lock);
+    try {
+        if (m_session != nullptr && !(m_place == place))
+            m_session.reset();
+        if (m_session != nullptr) {
+            try {
+                return body(*m_session);
+            } catch (const secure::Error& error) {
+                if (!mayBeLost(error, *m_session, place))
+                    throw;
+                m_session.reset();
+            }
+        }
+        open(place);
+        body(*m_session);
+    } catch (const secure::Error& error) {
+        if (error.code() == SS_ERROR_UNAVAILABLE)
+            m_session.reset();
+        throw secure::Error(
+            error.code(), "token \"" + place.token + "\" of " + place.module + ": " + error.what());
+    }
+}
+
+void KeyStore::open(const Place& place)
+{
+    pkcs11::Module& module = pkcs11::Module::at(place.module);
+    m_place = place;
+    try {
+        connect(module, place);
+    } catch (const secure::Error& error) {
+        if (error.code() != SS_ERROR_UNAVAILABLE)
+            throw;
+        // Some modules see a token that has come back only after this.
+        module.restart();
+        connect(module, place);
+    }
+}
+
+void KeyStore::connect(const pkcs11::Module& module, const Place& place)
+{
+    const auto slot = module.slotOf(place.token);
+    if (!slot)
+        throw secure::Error(SS_ERROR_UNAVAILABLE,
+                            "no such token; plug it in, or set [keystore] token to its label");
+    auto session = std::make_unique<pkcs11::Session>(module, *slot, false);
+    login(*session, place);
+    m_session = std::move(session);
+}
+
+/// What is remembered of a refused PIN: nothing that it could be found from.
+std::string KeyStore::attemptOf(const Place& place, const secret::Bytes& pin)
+{
+    if (m_salt.empty())
+        m_salt = seal::random(seal::kDigestSize);
+    secret::Bytes salted = m_salt;
+    salted.insert(salted.end(), pin.begin(), pin.end());
+    return seal::digest(place.module + '\0' + place.token + '\0' +
+                        seal::digest(salted.data(), salted.size()));
+}
+
+void KeyStore::login(const pkcs11::Session& session, const Place& place)
+{
+    const secret::Bytes pin = readPin(place.pinFile);
+    const std::string attempt = attemptOf(place, pin);
+    if (m_refused.count(attempt) != 0)
+        throw secure::Error(SS_ERROR_ACCESS, "the PIN in " + place.pinFile +
+                                                 " was refused before and is not tried again; put "
+                                                 "the right one there");
+    if ((session.module().tokenIn(session.slot()).flags & CKF_USER_PIN_FINAL_TRY) != 0)
+        throw secure::Error(SS_ERROR_ACCESS,
+                            "one more wrong PIN would lock it, so none is tried; log in once with "
+                            "the token's own tool");
+    try {
+        session.login(pin);
+    } catch (const secure::Error& error) {
+        if (error.code() == SS_ERROR_ACCESS)
+            m_refused.insert(attempt);
+        throw;
+    }
+}
+
+}  // namespace keystore

@@ -1,0 +1,60 @@
+// key_store.h - the process's way to its token: one module, one open session, one login, one caller
+// at a time.
+#pragma once
+
+#include "token_keys.h"
+
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <set>
+#include <string>
+
+namespace keystore {
+
+/// Where the keys are.
+struct Place {
+    std::string module;   ///< path of a PKCS#11 module
+    std::string token;    ///< the token's label
+    std::string pinFile;  ///< mode 0600; one line break at its end does not count
+
+    bool operator==(const Place& other) const
+    {
+        return module == other.module && token == other.token && pinFile == other.pinFile;
+    }
+};
+
+/// From [keystore]. @throw secure::Error when a setting is missing, which has been logged
+Place placeFromSettings();
+
+/// Thread: any; callers wait for each other, as long as the token takes.
+class KeyStore {
+public:
+    using Body = std::function<void(const pkcs11::Session& session)>;
+
+    /// Runs the body on the open session, logged in. A session that is lost is opened once more,
+    /// and the body run once more. A PIN that the token refused is not tried again: not until the
+    /// PIN, the token or the module is another.
+    /// @throw secure::Error
+    void read(const Place& place, const Body& body);
+    /// The same on a session that may change the token.
+    void change(const Place& place, const Body& body);
+
+private:
+    void run(const Place& place, const Body& body);
+    void open(const Place& place);
+    void connect(const pkcs11::Module& module, const Place& place);
+    std::string attemptOf(const Place& place, const secret::Bytes& pin);
+    void login(const pkcs11::Session& session, const Place& place);
+
+    std::mutex m_lock;
+    Place m_place;
+    std::unique_ptr<pkcs11::Session> m_session;
+    std::set<std::string> m_refused;  ///< digests of what the token refused
+    secret::Bytes m_salt;             ///< in them
+};
+
+/// The one of the process.
+KeyStore& instance();
+
+}  // namespace keystore

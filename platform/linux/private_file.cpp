@@ -1,0 +1,160 @@
+// private_file.cpp - files and folders that only the service's own user may see.
+#include "private_file.h"
+
+#include "secure_error.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+
+namespace privatefile {
+
+namespace {
+
+constexpr mode_t kOthers = S_IRWXG | S_IRWXO;
+constexpr const char* kTemporary = "new";
+
+std::string errorText(int error)
+{
+    // The GNU form, which is thread-safe.
+    char room[128];
+    return strerror_r(error, room, sizeof room);
+}
+
+[[noreturn]] void fail(const std::string& what, int error, const std::string& cure)
+{
+    const ss_error_e code = error == EACCES || error == EPERM || error == EROFS ? SS_ERROR_ACCESS
+                            : error == ENOMEM                                   ? SS_ERROR_NO_MEMORY
+                                              : SS_ERROR_UNAVAILABLE;
+    throw secure::Error(code, what + ": " + errorText(error) + "; " + cure);
+}
+
+secret::Bytes readAll(const Descriptor& file, const std::string& name, std::size_t limit)
+{
+    secret::Bytes bytes(limit + 1);
+    std::size_t got = 0;
+    while (got < bytes.size()) {
+        const ssize_t count = read(file.fd, &bytes[got], bytes.size() - got);
+        if (count == 0)
+            break;
+        if (count > 0)
+            got += static_cast<std::size_t>(count);
+        else if (errno != EINTR)
+            fail(name + " cannot be read", errno, "check the device's storage");
+    }
+    if (got > limit)
+        throw secure::Error(SS_ERROR_BROKEN, name + " is larger than " + std::to_string(limit) +
+                                                 " bytes; put the right file there");
+    bytes.resize(got);
+    return bytes;
+}
+
+void writeAll(const Descriptor& file, const void* bytes, std::size_t size)
+{
+    const char* at = static_cast<const char*>(bytes);
+    while (size > 0) {
+        const ssize_t count = write(file.fd, at, size);
+        if (count > 0) {
+            at += count;
+            size -= static_cast<std::size_t>(count);
+        } else if (errno != EINTR) {
+            fail("a file of the store cannot be written", errno, "make room for it");
+        }
+    }
+}
+
+void makeLasting(const Descriptor& file)
+{
+    if (fsync(file.fd) != 0)
+        fail("the store cannot be written out", errno, "check the device's storage");
+}
+
+}  // namespace
+
+secret::Bytes readSecret(const std::string& path, std::size_t limit)
+{
+    // Not blocking: somebody may have put a FIFO there.
+    const Descriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
+    struct stat status {};
+    if (file.fd < 0 || fstat(file.fd, &status) != 0) {
+        const int error = errno;
+        const std::string cure = "it must be there and readable for the service's user";
+        if (error == ENOENT)
+            throw secure::Error(SS_ERROR_ACCESS, path + " does not exist; " + cure);
+        fail(path + " cannot be opened", error, cure);
+    }
+    if (!S_ISREG(status.st_mode))
+        throw secure::Error(SS_ERROR_ACCESS, path + " is not a regular file");
+    if ((status.st_mode & kOthers) != 0)
+        throw secure::Error(SS_ERROR_ACCESS,
+                            path + " is open to others; it is used after chmod 600 " + path);
+    return readAll(file, path, limit);
+}
+
+Descriptor openFolder(const std::string& path)
+{
+    if (mkdir(path.c_str(), S_IRWXU) != 0 && errno != EEXIST)
+        fail(path + " cannot be made", errno, "make it, for the service's user, with mode 0700");
+    Descriptor folder(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    struct stat status {};
+    if (folder.fd < 0 || fstat(folder.fd, &status) != 0)
+        fail(path + " cannot be opened", errno, "it must be a folder of the service's user");
+    if (status.st_uid != geteuid() || (status.st_mode & kOthers) != 0)
+        throw secure::Error(SS_ERROR_ACCESS,
+                            path +
+                                " belongs to another user or is open to others; it is used "
+                                "after chown to the service's user and chmod 700");
+    return folder;
+}
+
+std::optional<secret::Bytes> readIn(const Descriptor& folder, const std::string& name,
+                                    std::size_t limit)
+{
+    const Descriptor file(
+        openat(folder.fd, name.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOFOLLOW));
+    if (file.fd < 0 && errno == ENOENT)
+        return std::nullopt;
+    struct stat status {};
+    if (file.fd < 0 || fstat(file.fd, &status) != 0)
+        fail(name + " of the store cannot be opened", errno,
+             "it must belong to the service's user");
+    if (!S_ISREG(status.st_mode) || (status.st_mode & kOthers) != 0)
+        throw secure::Error(SS_ERROR_ACCESS, name +
+                                                 " of the store is open to others or no regular "
+                                                 "file; somebody has changed it");
+    return readAll(file, name, limit);
+}
+
+void replaceIn(const Descriptor& folder, const std::string& name, const void* bytes,
+               std::size_t size)
+{
+    // What a killed writer left is no more than a file of this name.
+    unlinkat(folder.fd, kTemporary, 0);
+    const Descriptor file(openat(folder.fd, kTemporary,
+                                 O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW,
+                                 S_IRUSR | S_IWUSR));
+    if (file.fd < 0 || fchmod(file.fd, S_IRUSR | S_IWUSR) != 0)
+        fail("a file of the store cannot be made", errno,
+             "the folder must be writable for the service's user");
+    writeAll(file, bytes, size);
+    makeLasting(file);
+    if (renameat(folder.fd, kTemporary, folder.fd, name.c_str()) != 0)
+        fail("a file of the store cannot be put in its place", errno, "check the folder's rights");
+    makeLasting(folder);
+}
+
+bool removeIn(const Descriptor& folder, const std::string& name)
+{
+    if (unlinkat(folder.fd, name.c_str(), 0) != 0) {
+        if (errno == ENOENT)
+            return false;
+        fail("a file of the store cannot be removed", errno, "check the folder's rights");
+    }
+    makeLasting(folder);
+    return true;
+}
+
+}  // namespace privatefile

@@ -1,0 +1,154 @@
+// secure_storage.cpp - secure storage in the sealed file store of [keystore] store, and the key
+// store on the token of [keystore].
+#include "common/raw_rsa.h"
+#include "common/secure_rules.h"
+#include "file_store.h"
+#include "key_store.h"
+#include "secure_seam.h"
+#include "settings.h"
+
+#include <platform/secure_storage.h>
+
+#include <openssl/crypto.h>
+
+#include <cstdlib>
+#include <cstring>
+
+namespace {
+
+constexpr const char* kStorageLine = "secure storage: %s";
+constexpr const char* kKeyLine = "key store: %s";
+
+/// Stands before every buffer that is handed out, so that all of it can be wiped.
+struct alignas(std::max_align_t) Header {
+    std::size_t size;
+};
+
+/// Never null, also for no bytes.
+unsigned char* handOut(const secret::Bytes& bytes)
+{
+    auto* const header = static_cast<Header*>(malloc(sizeof(Header) + bytes.size() + 1));
+    if (header == nullptr)
+        throw std::bad_alloc();
+    header->size = bytes.size();
+    auto* const buffer = reinterpret_cast<unsigned char*>(header + 1);
+    if (!bytes.empty())
+        memcpy(buffer, bytes.data(), bytes.size());
+    return buffer;
+}
+
+void require(bool holds)
+{
+    if (!holds)
+        throw secure::Error(SS_ERROR_PARAMETER, "");
+}
+
+filestore::Store store()
+{
+    const auto folder = settings::text("keystore", "store");
+    if (!folder) {
+        settings::reportMissing("keystore", "store", "no named data can be kept");
+        throw secure::Error(SS_ERROR_UNAVAILABLE, "");
+    }
+    return filestore::Store(*folder);
+}
+
+}  // namespace
+
+int ss_init_credential(ss_credential_s* credential, uint32_t w0, uint32_t w1, uint32_t w2,
+                       uint32_t w3, uint32_t w4, uint32_t kind, uint32_t reserved)
+{
+    const ss_credential_s filled{{w0, w1, w2, w3, w4}, kind, reserved};
+    if (credential == nullptr || !securerules::isCredential(&filled))
+        return SS_ERROR_PARAMETER;
+    *credential = filled;
+    return SS_ERROR_NONE;
+}
+
+int ss_read(unsigned char** buffer, size_t* size, int, int, const char* name,
+            const ss_credential_s* credential, int flags)
+{
+    return seam::answered(kStorageLine, [&] {
+        require(buffer != nullptr && size != nullptr &&
+                securerules::areArguments(name, credential, flags));
+        const secret::Bytes data = store().read(*credential, name);
+        *buffer = handOut(data);
+        *size = data.size();
+    });
+}
+
+int ss_write(const unsigned char* data, size_t size, const void*, int, const char* name,
+             const ss_credential_s* credential, int flags)
+{
+    return seam::answered(kStorageLine, [&] {
+        require((data != nullptr || size == 0) && size <= securerules::kDataLimit &&
+                securerules::areArguments(name, credential, flags));
+        store().write(*credential, name, data, size);
+    });
+}
+
+int ss_delete(int, const char* name, const ss_credential_s* credential, int flags)
+{
+    return seam::answered(kStorageLine, [&] {
+        require(securerules::areArguments(name, credential, flags));
+        store().remove(*credential, name);
+    });
+}
+
+void ss_free_buffer(unsigned char* buffer)
+{
+    if (buffer == nullptr)
+        return;
+    Header* const header = reinterpret_cast<Header*>(buffer) - 1;
+    OPENSSL_cleanse(buffer, header->size);
+    free(header);
+}
+
+int ss_store_rsa_key(const ss_credential_s* credential, int type, int use,
+                     const unsigned char* modulus, size_t modulus_size,
+                     const unsigned char* exponent, size_t exponent_size, int, int, int32_t* key_id,
+                     int, int)
+{
+    return seam::answered(kKeyLine, [&] {
+        require(securerules::isCredential(credential) && type == SS_KEY_RSA && use == SS_KEY_SIGN &&
+                key_id != nullptr);
+        const auto key = rawrsa::recover(modulus, modulus_size, exponent, exponent_size);
+        require(key.has_value());
+        int32_t id = *key_id;
+        keystore::instance().change(keystore::placeFromSettings(),
+                                    [&](const pkcs11::Session& session) {
+                                        id = *key_id != 0 ? *key_id : tokenkeys::freeId(session);
+                                        tokenkeys::import(session, id, *key);
+                                    });
+        *key_id = id;
+    });
+}
+
+int ss_encrypt_by_key(const ss_credential_s* credential, int32_t key_id, unsigned char** block,
+                      size_t* size, int, int)
+{
+    return seam::answered(kKeyLine, [&] {
+        require(securerules::isCredential(credential) && block != nullptr && *block != nullptr &&
+                size != nullptr && *size == rawrsa::kBlockSize);
+        secret::Bytes result;
+        keystore::instance().read(keystore::placeFromSettings(),
+                                  [&](const pkcs11::Session& session) {
+                                      result = tokenkeys::privateOperation(session, key_id, *block);
+                                  });
+        *block = handOut(result);
+        *size = result.size();
+    });
+}
+
+int ss_remove_key(const ss_credential_s* credential, int32_t key_id)
+{
+    return seam::answered(kKeyLine, [&] {
+        require(securerules::isCredential(credential));
+        keystore::instance().change(
+            keystore::placeFromSettings(), [&](const pkcs11::Session& session) {
+                if (!tokenkeys::remove(session, key_id))
+                    throw secure::Error(SS_ERROR_NOT_FOUND, "there is no private key with CKA_ID " +
+                                                                tokenkeys::shownId(key_id));
+            });
+    });
+}
