@@ -229,15 +229,20 @@ void import(const Session& session, std::int32_t id, const rawrsa::PrivateKey& k
 std::int32_t freeId(const Session& session)
 {
     for (std::int32_t id = 1; id < std::numeric_limits<std::int32_t>::max(); id++) {
-        if (objects(session, CKO_PRIVATE_KEY, id).empty())
+        if (!exists(session, id))
             return id;
     }
     throw secure::Error(SS_ERROR_REFUSED, "every number has a key");
 }
 
+bool exists(const Session& session, std::int32_t id)
+{
+    return !objects(session, CKO_PRIVATE_KEY, id).empty();
+}
+
 void generate(const Session& session, std::int32_t id)
 {
-    if (!objects(session, CKO_PRIVATE_KEY, id).empty())
+    if (exists(session, id))
         throw secure::Error(SS_ERROR_REFUSED, "CKA_ID " + shownId(id) + " has a private key");
     Attributes publicKey = publicAttributes(id);
     publicKey.number(CKA_MODULUS_BITS, kModulusBits)

@@ -27,6 +27,8 @@ void import(const pkcs11::Session& session, std::int32_t id, const rawrsa::Priva
 /// The lowest number over 0 that has no key.
 std::int32_t freeId(const pkcs11::Session& session);
 
+bool exists(const pkcs11::Session& session, std::int32_t id);
+
 /// Makes a key inside the token, and proves it by a signature. @throw when the number has a key
 void generate(const pkcs11::Session& session, std::int32_t id);
 

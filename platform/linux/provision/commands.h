@@ -1,0 +1,54 @@
+// commands.h - what the tool does, command by command.
+#pragma once
+
+#include <string>
+#include <vector>
+
+namespace provision {
+
+struct LabOptions {
+    std::string folder;
+    std::string module;  ///< of the software token; empty: where distributions put it
+    std::vector<std::string> hosts = {"localhost", "127.0.0.1"};
+    std::string productionHost = "localhost:8443";
+    std::string sandboxHost = "localhost:8444";
+    int days = 365;
+    bool force = false;
+};
+
+struct RequestOptions {
+    std::string out = "-";
+    std::string name = "billing device";
+    bool existing = false;  ///< for the key that is there; no key is made
+    bool force = false;
+};
+
+struct InstallOptions {
+    std::string certificate;
+    std::string to = "/usr/apps/org.plevo.billing-api/res/certificate/bgclient.crt";
+    bool force = false;
+};
+
+struct SealOptions {
+    std::string certificate;
+    std::string key = "-";
+    std::string out;
+    bool force = false;
+};
+
+// Each throws Stop or secure::Error. The last three act on the device whose settings file
+// PLEVO_DEVICE_CONF names.
+
+/// Makes a whole device of its own in a folder, for laboratories and demonstrations.
+void lab(const LabOptions& options);
+/// Makes the device's key inside its token, and a certificate request for it.
+void request(const RequestOptions& options);
+/// Puts the device's certificate in its place, after a check that it is for the key.
+void install(const InstallOptions& options);
+/// Seals a private key for the device, for a token that cannot make one.
+void seal(const SealOptions& options);
+
+/// A line for the person who waits, on standard error.
+void tell(const std::string& line);
+
+}  // namespace provision

@@ -1,0 +1,151 @@
+// device.cpp - provisioning of a device that has its settings file and its token.
+#include "certificates.h"
+#include "commands.h"
+#include "files.h"
+#include "key_material.h"
+#include "key_store.h"
+#include "seal.h"
+#include "settings.h"
+#include "stop.h"
+
+#include <platform/deployment.h>
+
+#include <openssl/x509.h>
+
+#include <cstdio>
+
+namespace provision {
+
+namespace {
+
+std::int32_t keyId()
+{
+    std::int32_t id = 0;
+    if (deployment_get_key_id(&id) != 0)
+        throw Stop(EXIT_FAILED, "[deployment] key_id must be set first, to any number but 0");
+    return id;
+}
+
+rawrsa::PublicKey publicKeyOf(X509* certificate, const std::string& path)
+{
+    EVP_PKEY* const key = X509_get0_pubkey(certificate);
+    const auto numbers = key == nullptr ? std::nullopt : rawrsa::publicNumbersOf(key);
+    if (!numbers)
+        throw Stop(EXIT_FAILED, path + " is not for an RSA key with 2048 bits");
+    return *numbers;
+}
+
+bool areSame(const rawrsa::PublicKey& a, const rawrsa::PublicKey& b)
+{
+    return a.modulus == b.modulus && a.exponent == b.exponent;
+}
+
+void warnOfDates(X509* certificate)
+{
+    if (X509_cmp_current_time(X509_get0_notBefore(certificate)) > 0)
+        tell("Warning: the certificate is not valid yet, by the clock of this machine.");
+    if (X509_cmp_current_time(X509_get0_notAfter(certificate)) < 0)
+        tell("Warning: the certificate has expired, by the clock of this machine.");
+}
+
+void makeKeyInside(const keystore::Place& place, std::int32_t id)
+{
+    keystore::instance().change(place, [&](const pkcs11::Session& session) {
+        if (tokenkeys::exists(session, id))
+            throw Stop(EXIT_EXISTS,
+                       "the token has a key with CKA_ID " + tokenkeys::shownId(id) +
+                           ", which was left alone; --existing makes a request for it");
+        tell("Making a key inside the token \"" + place.token +
+             "\". A slow token takes a minute or more.");
+        tokenkeys::generate(session, id);
+    });
+}
+
+/// The secret that seals, made when the device has none.
+secret::Bytes sealKey()
+{
+    const auto path = settings::text("keystore", "seal_key");
+    if (!path)
+        throw Stop(EXIT_FAILED, "[keystore] seal_key must be set first, to the path of a file");
+    if (!exists(*path)) {
+        const secret::Bytes made = ::seal::random(keymaterial::kSecretLeast);
+        writeFile(*path, {reinterpret_cast<const char*>(made.data()), made.size()}, kSecretMode,
+                  false);
+        tell("Made the device's secret " + *path + "; without it the sealed key is lost.");
+    }
+    return keymaterial::readSealKey(*path);
+}
+
+}  // namespace
+
+void tell(const std::string& line)
+{
+    fprintf(stderr, "%s\n", line.c_str());
+}
+
+void request(const RequestOptions& options)
+{
+    const bool toFile = options.out != "-";
+    if (toFile && !options.force && exists(options.out))
+        throw Stop(EXIT_EXISTS, options.out + " exists and was left alone; --force replaces it");
+    const std::int32_t id = keyId();
+    const keystore::Place place = keystore::placeFromSettings();
+    if (!options.existing)
+        makeKeyInside(place, id);
+    std::string pem;
+    keystore::instance().read(place, [&](const pkcs11::Session& session) {
+        pem = makeRequest(tokenkeys::publicKey(session, id), options.name,
+                          [&](const unsigned char* block) {
+                              return tokenkeys::privateOperation(session, id, block);
+                          });
+    });
+    if (toFile)
+        writeFile(options.out, pem, kPublicMode, options.force);
+    else
+        fputs(pem.c_str(), stdout);
+    tell("The request is for the key with CKA_ID " + tokenkeys::shownId(id) +
+         ". Have it signed, then: billing-provision install CERTIFICATE");
+}
+
+void install(const InstallOptions& options)
+{
+    const Certificate certificate = readCertificate(options.certificate);
+    const rawrsa::PublicKey wanted = publicKeyOf(certificate.get(), options.certificate);
+    const std::int32_t id = keyId();
+    bool matches = false;
+    keystore::instance().read(keystore::placeFromSettings(), [&](const pkcs11::Session& session) {
+        matches = areSame(tokenkeys::publicKey(session, id), wanted);
+        // A key that does not sign is no match either: this throws.
+        unsigned char block[rawrsa::kBlockSize];
+        std::fill(std::begin(block), std::end(block), static_cast<unsigned char>(0xff));
+        block[0] = 0;
+        block[1] = 1;
+        block[rawrsa::kBlockSize - 1] = 0;
+        tokenkeys::privateOperation(session, id, block);
+    });
+    if (!matches)
+        throw Stop(EXIT_MISMATCH, options.certificate + " is not for the key with CKA_ID " +
+                                      tokenkeys::shownId(id) + " of the token");
+    warnOfDates(certificate.get());
+    writeFile(options.to, pemOf(certificate.get()), kPublicMode, options.force);
+    tell("Installed " + options.to + ".");
+}
+
+void seal(const SealOptions& options)
+{
+    if (!options.force && exists(options.out))
+        throw Stop(EXIT_EXISTS, options.out + " exists and was left alone; --force replaces it");
+    const Certificate certificate = readCertificate(options.certificate);
+    const Key key = readPrivateKey(options.key);
+    const auto numbers = rawrsa::numbersOf(key.get());
+    if (!numbers)
+        throw Stop(EXIT_FAILED,
+                   "the key is no RSA key with 2048 bits and public exponent 65537, 3, 17 or 257");
+    if (!areSame(numbers->publicKey(), publicKeyOf(certificate.get(), options.certificate)))
+        throw Stop(EXIT_MISMATCH, options.certificate + " is not for this key");
+    writeFile(options.out, keymaterial::close(sealKey(), *numbers), kSecretMode, options.force);
+    tell("Sealed. Set [deployment] key_material=" + options.out +
+         ", and destroy every other copy of the key.");
+}
+
+}  // namespace provision

@@ -1,0 +1,115 @@
+// files.cpp - how the tool reads and writes files.
+#include "files.h"
+
+#include "descriptor.h"
+#include "seal.h"
+#include "stop.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+
+namespace provision {
+
+namespace {
+
+constexpr std::size_t kReadLimit = 64 * 1024;
+
+[[noreturn]] void fail(const std::string& path, const char* what)
+{
+    throw Stop(EXIT_FAILED, path + " cannot be " + what + ": " + strerror(errno));
+}
+
+void writeAll(const Descriptor& file, const std::string& path, std::string_view bytes)
+{
+    while (!bytes.empty()) {
+        const ssize_t count = write(file.fd, bytes.data(), bytes.size());
+        if (count > 0)
+            bytes.remove_prefix(static_cast<std::size_t>(count));
+        else if (errno != EINTR)
+            fail(path, "written");
+    }
+    if (fsync(file.fd) != 0)
+        fail(path, "written");
+}
+
+}  // namespace
+
+bool exists(const std::string& path)
+{
+    struct stat status {};
+    return lstat(path.c_str(), &status) == 0;
+}
+
+void writeFile(const std::string& path, std::string_view bytes, mode_t mode, bool replace)
+{
+    const Stop there(EXIT_EXISTS, path + " exists and was left alone; --force replaces it");
+    if (!replace && exists(path))
+        throw there;
+    const std::string temporary = path + ".new";
+    unlink(temporary.c_str());
+    {
+        const Descriptor file(
+            open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, mode));
+        if (file.fd < 0 || fchmod(file.fd, mode) != 0)
+            fail(path, "made");
+        writeAll(file, path, bytes);
+    }
+    // A link, unlike a rename, does not replace what somebody has put there meanwhile.
+    const int result =
+        replace ? rename(temporary.c_str(), path.c_str()) : link(temporary.c_str(), path.c_str());
+    const int error = errno;
+    if (!replace || result != 0)
+        unlink(temporary.c_str());
+    errno = error;
+    if (result != 0 && error == EEXIST)
+        throw there;
+    if (result != 0)
+        fail(path, "made");
+}
+
+secret::Bytes readFile(const std::string& path)
+{
+    const bool isInput = path == "-";
+    const Descriptor opened(isInput ? -1 : open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    const int fd = isInput ? STDIN_FILENO : opened.fd;
+    if (fd < 0)
+        fail(path, "read");
+    secret::Bytes bytes(kReadLimit + 1);
+    std::size_t got = 0;
+    while (got < bytes.size()) {
+        const ssize_t count = read(fd, &bytes[got], bytes.size() - got);
+        if (count == 0)
+            break;
+        if (count > 0)
+            got += static_cast<std::size_t>(count);
+        else if (errno != EINTR)
+            fail(path, "read");
+    }
+    if (got > kReadLimit)
+        throw Stop(EXIT_FAILED, path + " is larger than 64 KiB");
+    bytes.resize(got);
+    return bytes;
+}
+
+void makeFolder(const std::string& path)
+{
+    if (mkdir(path.c_str(), 0700) != 0 && errno != EEXIST)
+        fail(path, "made");
+}
+
+std::string randomHex(std::size_t bytes)
+{
+    static const char digits[] = "0123456789abcdef";
+    std::string text;
+    for (const unsigned char byte : seal::random(bytes)) {
+        text += digits[byte >> 4];
+        text += digits[byte & 15];
+    }
+    return text;
+}
+
+}  // namespace provision

@@ -1,0 +1,130 @@
+// main.cpp - billing-provision: gives a device its key, its certificate and its sealed key material.
+#include "commands.h"
+#include "secure_error.h"
+#include "stop.h"
+
+#include <CLI/CLI.hpp>
+#include <sys/prctl.h>
+#include <sys/stat.h>
+
+#include <cstdlib>
+
+namespace {
+
+constexpr const char* kFooter =
+    "Secrets come from files or standard input, never from arguments; files that hold one get\n"
+    "mode 0600. Keys are RSA with 2048 bits. Validity is counted in days.\n"
+    "Exit codes: 0 done, 1 failed, 2 usage, 3 something is there and was left alone (--force),\n"
+    "4 certificate and key do not belong together.";
+
+constexpr const char* kForce = "Replace what is there";
+
+struct Options {
+    std::string conf;
+    provision::LabOptions lab;
+    provision::RequestOptions request;
+    provision::InstallOptions install;
+    provision::SealOptions seal;
+};
+
+void describeLab(CLI::App& app, provision::LabOptions& options)
+{
+    CLI::App* const lab = app.add_subcommand(
+        "lab",
+        "Make a whole lab device in DIR: authority, server and device certificates, a "
+        "software token with a key made inside it, and a settings file");
+    lab->add_option("DIR", options.folder, "Folder of the lab, made when it is missing")
+        ->required();
+    lab->add_option("--host", options.hosts, "Names and addresses of the server certificate")
+        ->capture_default_str();
+    lab->add_option("--production-host", options.productionHost, "[deployment] production_host")
+        ->capture_default_str();
+    lab->add_option("--sandbox-host", options.sandboxHost, "[deployment] sandbox_host")
+        ->capture_default_str();
+    lab->add_option("--days", options.days, "Days that the certificates are valid")
+        ->capture_default_str()
+        ->check(CLI::Range(1, 36500));
+    lab->add_option("--module", options.module, "PKCS#11 module of the software token");
+    lab->add_flag("--force", options.force, kForce);
+    lab->callback([&options] { provision::lab(options); });
+}
+
+void describeDevice(CLI::App& app, Options& options)
+{
+    CLI::App* const request = app.add_subcommand(
+        "request", "Make the device's key inside its token, and a certificate request for it");
+    request->add_option("--out", options.request.out, "File for the request, - for standard output")
+        ->capture_default_str();
+    request->add_option("--name", options.request.name, "Common name in the request")
+        ->capture_default_str()
+        ->check(CLI::Validator(
+            [](std::string& name) {
+                return name.empty() || name.size() > 64 ? "must have 1 to 64 bytes" : "";
+            },
+            "1 to 64 bytes"));
+    request->add_flag("--existing", options.request.existing,
+                      "For the key that the token has; make none");
+    request->add_flag("--force", options.request.force, "Replace the file, never the key");
+    request->callback([&options] { provision::request(options.request); });
+
+    CLI::App* const install = app.add_subcommand(
+        "install", "Put the device's certificate in its place, when it is for the token's key");
+    install
+        ->add_option("CERTIFICATE", options.install.certificate, "PEM file, - for standard input")
+        ->required();
+    install->add_option("--to", options.install.to, "Where the service reads it")
+        ->capture_default_str();
+    install->add_flag("--force", options.install.force, kForce);
+    install->callback([&options] { provision::install(options.install); });
+
+    CLI::App* const seal = app.add_subcommand(
+        "seal", "Seal a private key for a device whose token takes it at the first start");
+    seal->add_option("--certificate", options.seal.certificate, "Certificate of the key, PEM")
+        ->required();
+    seal->add_option("--key", options.seal.key, "Private key, PEM, - for standard input")
+        ->capture_default_str();
+    seal->add_option("--out", options.seal.out, "File for the sealed key material")->required();
+    seal->add_flag("--force", options.seal.force, kForce);
+    seal->callback([&options] { provision::seal(options.seal); });
+}
+
+int report(int code, const char* text)
+{
+    if (*text != '\0')
+        fprintf(stderr, "billing-provision: %s\n", text);
+    return code;
+}
+
+}  // namespace
+
+int main(int argc, char** argv)
+{
+    // Keys pass through the memory: no core file, no debugger of the same user.
+    prctl(PR_SET_DUMPABLE, 0);
+    // For the files that the token's module makes.
+    umask(S_IRWXG | S_IRWXO);
+    Options options;
+    CLI::App app("Gives a device of the billing service its key and its certificate.",
+                 "billing-provision");
+    app.require_subcommand(1);
+    app.fallthrough();
+    app.footer(kFooter);
+    app.add_option_function<std::string>(
+           "--conf", [](const std::string& path) { setenv("PLEVO_DEVICE_CONF", path.c_str(), 1); },
+           "The device's settings file; else $PLEVO_DEVICE_CONF, else /etc/plevo/device.conf")
+        ->trigger_on_parse();
+    describeLab(app, options.lab);
+    describeDevice(app, options);
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError& error) {
+        return app.exit(error) == 0 ? provision::EXIT_DONE : provision::EXIT_USAGE;
+    } catch (const provision::Stop& stop) {
+        return report(stop.code(), stop.what());
+    } catch (const secure::Error& error) {
+        return report(provision::EXIT_FAILED, error.what());
+    } catch (const std::exception& error) {
+        return report(provision::EXIT_FAILED, error.what());
+    }
+    return provision::EXIT_DONE;
+}

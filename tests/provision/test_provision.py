@@ -1,0 +1,275 @@
+"""billing-provision, from outside: what it makes, what it refuses, and who may read it."""
+
+import datetime
+import os
+import shutil
+import stat
+import subprocess
+
+import pytest
+from cryptography import x509
+from cryptography.hazmat.primitives import hashes, serialization
+from cryptography.hazmat.primitives.asymmetric import padding, rsa
+from cryptography.x509.oid import ExtendedKeyUsageOID, NameOID
+
+TOOL = os.environ["BILLING_PROVISION"]
+DONE, FAILED, USAGE, EXISTS, MISMATCH = range(5)
+
+pytestmark = pytest.mark.skipif(
+    shutil.which("softhsm2-util") is None, reason="softhsm2 is not installed (apt install softhsm2)"
+)
+
+
+def run(*arguments, folder=None, stdin=b"", umask=0):
+    environment = {key: value for key, value in os.environ.items()
+                   if key not in ("PLEVO_DEVICE_CONF", "SOFTHSM2_CONF")}
+    if folder is not None:
+        environment["PLEVO_DEVICE_CONF"] = f"{folder}/device.conf"
+        environment["SOFTHSM2_CONF"] = f"{folder}/softhsm2.conf"
+    return subprocess.run([TOOL, *map(str, arguments)], input=stdin, env=environment, timeout=60,
+                          capture_output=True, preexec_fn=lambda: os.umask(umask), check=False)
+
+
+def must(result, code=DONE):
+    assert result.returncode == code, result.stderr.decode()
+    return result
+
+
+def certificate(path):
+    return x509.load_pem_x509_certificate(path.read_bytes())
+
+
+def settings(folder):
+    lines = (folder / "device.conf").read_text().splitlines()
+    return dict(line.split("=", 1) for line in lines if "=" in line)
+
+
+def change_setting(folder, key, value):
+    text = (folder / "device.conf").read_text()
+    lines = [f"{key}={value}" if line.startswith(key + "=") else line
+             for line in text.splitlines()]
+    (folder / "device.conf").write_text("\n".join(lines) + "\n")
+
+
+@pytest.fixture(name="lab")
+def make_lab(tmp_path):
+    folder = tmp_path / "lab"
+    must(run("lab", folder))
+    return folder
+
+
+@pytest.fixture(name="key")
+def make_key():
+    return rsa.generate_private_key(65537, 2048)
+
+
+def pem_of(key, encryption=serialization.NoEncryption()):
+    return key.private_bytes(serialization.Encoding.PEM, serialization.PrivateFormat.PKCS8,
+                             encryption)
+
+
+def sign_request(folder, request):
+    """What an authority does with a request."""
+    authority = certificate(folder / "ca.pem")
+    signer = serialization.load_pem_private_key((folder / "ca.key").read_bytes(), None)
+    return x509.CertificateBuilder(
+        issuer_name=authority.subject, subject_name=request.subject,
+        public_key=request.public_key(), serial_number=7,
+        not_valid_before=authority.not_valid_before, not_valid_after=authority.not_valid_after,
+    ).sign(signer, hashes.SHA256()).public_bytes(serialization.Encoding.PEM)
+
+
+def self_signed(key):
+    now = certificate_dates()
+    name = x509.Name([x509.NameAttribute(NameOID.COMMON_NAME, "device")])
+    return x509.CertificateBuilder(
+        issuer_name=name, subject_name=name, public_key=key.public_key(), serial_number=1,
+        not_valid_before=now[0], not_valid_after=now[1],
+    ).sign(key, hashes.SHA256()).public_bytes(serialization.Encoding.PEM)
+
+
+def certificate_dates():
+    now = datetime.datetime.utcnow()
+    return now - datetime.timedelta(days=1), now + datetime.timedelta(days=1)
+
+
+def test_lab_makes_certificates_of_one_authority(lab):
+    authority = certificate(lab / "ca.pem")
+    for name, use in (("server.pem", ExtendedKeyUsageOID.SERVER_AUTH),
+                      ("bgclient.crt", ExtendedKeyUsageOID.CLIENT_AUTH)):
+        made = certificate(lab / name)
+        authority.public_key().verify(made.signature, made.tbs_certificate_bytes,
+                                      padding.PKCS1v15(), hashes.SHA256())
+        assert use in made.extensions.get_extension_for_class(x509.ExtendedKeyUsage).value
+        assert made.public_key().key_size == 2048
+    hosts = certificate(lab / "server.pem").extensions.get_extension_for_class(
+        x509.SubjectAlternativeName).value
+    assert hosts.get_values_for_type(x509.DNSName) == ["localhost"]
+    assert [str(ip) for ip in hosts.get_values_for_type(x509.IPAddress)] == ["127.0.0.1"]
+    server = serialization.load_pem_private_key((lab / "server.key").read_bytes(), None)
+    assert server.public_key().public_numbers() == \
+        certificate(lab / "server.pem").public_key().public_numbers()
+
+
+def test_lab_keeps_everything_from_others_under_umask_0(lab):
+    for folder, folders, files in os.walk(lab):
+        for name in folders:
+            assert stat.S_IMODE(os.stat(f"{folder}/{name}").st_mode) == 0o700, name
+        for name in files:
+            assert stat.S_IMODE(os.stat(f"{folder}/{name}").st_mode) == 0o600, name
+    assert stat.S_IMODE(os.stat(lab).st_mode) == 0o700
+
+
+def test_lab_key_is_inside_the_token_and_is_the_certificates(lab):
+    result = must(run("request", "--existing", folder=lab))
+    request = x509.load_pem_x509_csr(result.stdout)
+    assert request.is_signature_valid
+    assert request.public_key().public_numbers() == \
+        certificate(lab / "bgclient.crt").public_key().public_numbers()
+
+
+def test_lab_prints_what_the_service_needs(tmp_path):
+    result = must(run("lab", tmp_path / "lab", "--host", "a.example", "192.0.2.1",
+                      "--production-host", "a.example:1", "--days", "3"))
+    assert result.stdout.decode().splitlines() == [
+        f"export PLEVO_DEVICE_CONF={tmp_path}/lab/device.conf",
+        f"export SOFTHSM2_CONF={tmp_path}/lab/softhsm2.conf"]
+    assert settings(tmp_path / "lab")["production_host"] == "a.example:1"
+    made = certificate(tmp_path / "lab" / "server.pem")
+    assert (made.not_valid_after - made.not_valid_before).days == 4
+
+
+def test_lab_leaves_another_lab_alone_unless_forced(lab):
+    before = {path: path.read_bytes() for path in lab.rglob("*") if path.is_file()}
+    (lab / "notes").write_text("mine")
+    must(run("lab", lab), EXISTS)
+    assert all(path.read_bytes() == content for path, content in before.items())
+    must(run("lab", lab, "--force"))
+    assert (lab / "pin").read_bytes() != before[lab / "pin"]
+    assert (lab / "notes").read_text() == "mine"
+    must(run("request", "--existing", folder=lab))
+
+
+def test_no_secret_is_printed(lab):
+    result = must(run("lab", lab, "--force"))
+    printed = result.stdout + result.stderr
+    for name in ("pin", "so-pin"):
+        assert (lab / name).read_bytes().strip() not in printed
+
+
+def test_request_makes_a_key_and_install_takes_its_certificate(lab, tmp_path):
+    change_setting(lab, "key_id", "42")
+    must(run("request", "--out", tmp_path / "csr", "--name", "tv 42", folder=lab))
+    request = x509.load_pem_x509_csr((tmp_path / "csr").read_bytes())
+    assert request.is_signature_valid
+    assert request.subject.get_attributes_for_oid(NameOID.COMMON_NAME)[0].value == "tv 42"
+    (tmp_path / "crt").write_bytes(sign_request(lab, request))
+    must(run("install", tmp_path / "crt", "--to", tmp_path / "installed", folder=lab))
+    installed = certificate(tmp_path / "installed")
+    assert installed.public_key().public_numbers() == request.public_key().public_numbers()
+    assert stat.S_IMODE(os.stat(tmp_path / "installed").st_mode) == 0o644
+
+
+def test_request_never_replaces_a_key(lab):
+    before = must(run("request", "--existing", folder=lab)).stdout
+    for arguments in ([], ["--force"]):
+        result = must(run("request", *arguments, folder=lab), EXISTS)
+        assert b"--existing" in result.stderr
+        assert result.stdout == b""
+    after = must(run("request", "--existing", folder=lab)).stdout
+    keys = [x509.load_pem_x509_csr(pem).public_key().public_numbers() for pem in (before, after)]
+    assert keys[0] == keys[1]
+
+
+def test_request_checks_its_file_before_it_makes_a_key(lab, tmp_path):
+    change_setting(lab, "key_id", "43")
+    (tmp_path / "csr").write_text("mine")
+    must(run("request", "--out", tmp_path / "csr", folder=lab), EXISTS)
+    assert (tmp_path / "csr").read_text() == "mine"
+    result = must(run("request", "--existing", folder=lab), FAILED)
+    assert b"no private key with CKA_ID 0000002b" in result.stderr
+
+
+def test_install_refuses_a_certificate_of_another_key(lab, tmp_path):
+    must(run("install", lab / "server.pem", "--to", tmp_path / "installed", folder=lab), MISMATCH)
+    assert not (tmp_path / "installed").exists()
+
+
+def test_install_leaves_a_certificate_alone_unless_forced(lab, tmp_path):
+    (tmp_path / "installed").write_text("old")
+    arguments = ("install", lab / "bgclient.crt", "--to", tmp_path / "installed")
+    must(run(*arguments, folder=lab), EXISTS)
+    assert (tmp_path / "installed").read_text() == "old"
+    must(run(*arguments, "--force", folder=lab))
+    assert (tmp_path / "installed").read_bytes() == (lab / "bgclient.crt").read_bytes()
+
+
+def test_a_wrong_pin_is_named_by_its_file_and_not_shown(lab):
+    (lab / "pin").write_text("wrong-pin-1234\n")
+    result = must(run("request", "--existing", folder=lab), FAILED)
+    assert b"CKR_PIN_INCORRECT" in result.stderr
+    assert b"wrong-pin" not in result.stderr + result.stdout
+
+
+def test_a_pin_file_that_others_can_read_is_not_used(lab):
+    (lab / "pin").chmod(0o640)
+    result = must(run("request", "--existing", folder=lab), FAILED)
+    assert b"chmod 600" in result.stderr
+
+
+def test_seal_takes_the_key_from_standard_input_or_a_file(lab, key, tmp_path):
+    (tmp_path / "crt").write_bytes(self_signed(key))
+    arguments = ("seal", "--certificate", tmp_path / "crt", "--out", tmp_path / "material")
+    must(run(*arguments, folder=lab, stdin=pem_of(key)))
+    sealed = (tmp_path / "material").read_bytes()
+    assert len(sealed) == 616
+    assert stat.S_IMODE(os.stat(tmp_path / "material").st_mode) == 0o600
+    numbers = key.private_numbers()
+    for number in (numbers.d, numbers.p, numbers.q, numbers.public_numbers.n):
+        assert number.to_bytes(256, "big").lstrip(b"\0") not in sealed
+    (tmp_path / "key").write_bytes(pem_of(key))
+    must(run(*arguments, "--key", tmp_path / "key", folder=lab), EXISTS)
+    assert (tmp_path / "material").read_bytes() == sealed
+    must(run(*arguments, "--key", tmp_path / "key", "--force", folder=lab))
+    assert (tmp_path / "material").read_bytes() != sealed
+
+
+def test_seal_makes_the_devices_secret_once(lab, key, tmp_path):
+    (tmp_path / "crt").write_bytes(self_signed(key))
+    (lab / "seal.key").unlink()
+    for name in ("one", "two"):
+        must(run("seal", "--certificate", tmp_path / "crt", "--out", tmp_path / name, folder=lab,
+                 stdin=pem_of(key)))
+        secret = (lab / "seal.key").read_bytes()
+        assert len(secret) == 32
+        assert stat.S_IMODE(os.stat(lab / "seal.key").st_mode) == 0o600
+        if name == "one":
+            first = secret
+    assert secret == first
+
+
+def test_seal_refuses_keys_that_do_not_fit(lab, key, tmp_path):
+    (tmp_path / "crt").write_bytes(self_signed(key))
+    arguments = ("seal", "--certificate", tmp_path / "crt", "--out", tmp_path / "material")
+    other = rsa.generate_private_key(65537, 2048)
+    small = rsa.generate_private_key(65537, 1024)
+    encrypted = pem_of(key, serialization.BestAvailableEncryption(b"passphrase"))
+    must(run(*arguments, folder=lab, stdin=pem_of(other)), MISMATCH)
+    for stdin in (pem_of(small), encrypted, b"no key", b""):
+        must(run(*arguments, folder=lab, stdin=stdin), FAILED)
+    assert not (tmp_path / "material").exists()
+
+
+def test_wrong_usage_has_an_exit_code_of_its_own(tmp_path):
+    for arguments in ([], ["nonsense"], ["lab"], ["lab", tmp_path / "x", "--days", "0"], ["seal"],
+                      ["request", "--name", ""]):
+        must(run(*arguments), USAGE)
+    assert not (tmp_path / "x").exists()
+
+
+def test_help_tells_units_and_exit_codes():
+    text = must(run("--help")).stdout.decode()
+    for part in ("lab", "request", "install", "seal", "Exit codes", "days", "2048 bits"):
+        assert part in text
+    for command in ("lab", "request", "install", "seal"):
+        assert "--force" in must(run(command, "--help")).stdout.decode()
