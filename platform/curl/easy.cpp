@@ -7,8 +7,6 @@
 
 #include <new>
 
-#include <new>
-
 namespace MZCurl {
 namespace {
 

@@ -24,7 +24,7 @@ struct EngineProbe {
     static Ecore_Pipe* pipe(const CBillingEngine& oEngine) { return oEngine.m_pPipe; }
 };
 
-inline const LinesOf ENGINE{"BillingEngine.cpp"};
+inline const LinesOf ENGINE_LINES{"BillingEngine.cpp"};
 
 /// What a message of the pipe says.
 struct Result {

@@ -94,9 +94,9 @@ TEST_P(EveryRequest, IsHandedToTheProtocolLayerWithItsContextAndCallback)
     EXPECT_FALSE(call.tContext.bReserved);
     const std::string strOperation = GetParam().szName;
     EXPECT_THAT(LoggedLines(),
-                ElementsAre(ENGINE.debug(strOperation, "[START] "),
-                            ENGINE.info("m_CheckNetWorkStats", "Get Network status: 1"),
-                            ENGINE.debug(strOperation, "[END] ")));
+                ElementsAre(ENGINE_LINES.debug(strOperation, "[START] "),
+                            ENGINE_LINES.info("m_CheckNetWorkStats", "Get Network status: 1"),
+                            ENGINE_LINES.debug(strOperation, "[END] ")));
     EXPECT_THAT(m_results, IsEmpty());
 }
 
@@ -111,8 +111,8 @@ TEST_P(EveryRequest, IsAnsweredWithNetworkErrorWithoutAGateway)
                 ElementsAre(Result{GetParam().eType, 1160003, NO_NETWORK, caller()}));
     EXPECT_THAT(Protocol().calls, IsEmpty());
     EXPECT_THAT(LoggedLines(),
-                Contains(ENGINE.info("m_CheckNetWorkStats", "Get Network status: 0")));
-    EXPECT_THAT(LoggedLines(), Not(Contains(ENGINE.debug(GetParam().szName, "[END] "))));
+                Contains(ENGINE_LINES.info("m_CheckNetWorkStats", "Get Network status: 0")));
+    EXPECT_THAT(LoggedLines(), Not(Contains(ENGINE_LINES.debug(GetParam().szName, "[END] "))));
 }
 
 TEST_P(EveryRequest, IsAnsweredWithNetworkErrorWhenTheGatewayCannotBeAsked)
@@ -123,8 +123,8 @@ TEST_P(EveryRequest, IsAnsweredWithNetworkErrorWhenTheGatewayCannotBeAsked)
 
     EXPECT_THAT(resultsOnPipe(1),
                 ElementsAre(Result{GetParam().eType, 1160003, NO_NETWORK, caller()}));
-    EXPECT_THAT(LoggedLines(),
-                Contains(ENGINE.error("m_CheckNetWorkStats", "Get Network status failed: 5")));
+    EXPECT_THAT(LoggedLines(), Contains(ENGINE_LINES.error("m_CheckNetWorkStats",
+                                                           "Get Network status failed: 5")));
 }
 
 TEST_P(EveryRequest, IsAnsweredWithTryAgainLaterWhenTheProtocolLayerRefuses)
@@ -135,7 +135,7 @@ TEST_P(EveryRequest, IsAnsweredWithTryAgainLaterWhenTheProtocolLayerRefuses)
 
     EXPECT_THAT(resultsOnPipe(1),
                 ElementsAre(Result{GetParam().eType, 1160003, TRY_LATER, caller()}));
-    EXPECT_THAT(LoggedLines(), Contains(ENGINE.debug(GetParam().szName, "[END] ")));
+    EXPECT_THAT(LoggedLines(), Contains(ENGINE_LINES.debug(GetParam().szName, "[END] ")));
     for (const Line& line : LoggedLines()) {
         EXPECT_NE(line.ePriority, DLOG_ERROR) << line;
     }
@@ -149,8 +149,9 @@ TEST_P(EveryRequest, StaysUnansweredWithoutMemoryForItsContext)
 
     ecore_main_loop_iterate_may_block(EINA_FALSE);
     EXPECT_THAT(m_results, IsEmpty());
-    EXPECT_THAT(LoggedLines(), ElementsAre(ENGINE.debug(GetParam().szName, "[START] "),
-                                           ENGINE.refused(GetParam().szName, "NULL == ptReq")));
+    EXPECT_THAT(LoggedLines(),
+                ElementsAre(ENGINE_LINES.debug(GetParam().szName, "[START] "),
+                            ENGINE_LINES.refused(GetParam().szName, "NULL == ptReq")));
 }
 
 TEST_P(EveryRequest, EndsInTheServersBodyWhenTheTransferSucceeds)
@@ -196,8 +197,8 @@ TEST_P(EveryRequest, ItsCallbackRefusesAMissingContext)
     GetParam().pfnCallback(true, strBody, nullptr);
 
     EXPECT_THAT(LoggedLines(),
-                ElementsAre(ENGINE.debug(GetParam().szCallback, "[START] "),
-                            ENGINE.refused(GetParam().szCallback, "NULL == pUserData")));
+                ElementsAre(ENGINE_LINES.debug(GetParam().szCallback, "[START] "),
+                            ENGINE_LINES.refused(GetParam().szCallback, "NULL == pUserData")));
 }
 
 TEST_P(EveryRequest, ItsCallbackIsSilentAboutAMissingOwner)
@@ -208,7 +209,7 @@ TEST_P(EveryRequest, ItsCallbackIsSilentAboutAMissingOwner)
 
     ecore_main_loop_iterate_may_block(EINA_FALSE);
     EXPECT_THAT(m_results, IsEmpty());
-    EXPECT_THAT(LoggedLines(), ElementsAre(ENGINE.debug(GetParam().szCallback, "[START] ")));
+    EXPECT_THAT(LoggedLines(), ElementsAre(ENGINE_LINES.debug(GetParam().szCallback, "[START] ")));
 }
 
 TEST_F(AnEngine, PassesTheItemOnAsItCame)
@@ -260,7 +261,7 @@ TEST_F(AnEnginesLife, BeginsWithAnEmptyItemAndNoPipeAndEndsWithALine)
         const CBillingEngine oEngine;
         EXPECT_EQ(EngineProbe::pipe(oEngine), nullptr);
     }
-    EXPECT_THAT(LoggedLines(), ElementsAre(ENGINE.debug("~CBillingEngine", "[END] ")));
+    EXPECT_THAT(LoggedLines(), ElementsAre(ENGINE_LINES.debug("~CBillingEngine", "[END] ")));
 }
 
 TEST_F(AnEnginesLife, SaysThatThereIsNoPipe)
@@ -270,8 +271,8 @@ TEST_F(AnEnginesLife, SaysThatThereIsNoPipe)
 
     EXPECT_FALSE(oEngine.RegisterPipeCallback(AnEngine::Receive, nullptr));
 
-    EXPECT_THAT(LoggedLines(),
-                ElementsAre(ENGINE.error("RegisterPipeCallback", "ecore_pipe_add() return NULL!")));
+    EXPECT_THAT(LoggedLines(), ElementsAre(ENGINE_LINES.error("RegisterPipeCallback",
+                                                              "ecore_pipe_add() return NULL!")));
 }
 
 TEST_F(AnEnginesLife, CreateGivesTheConnectorsOwnResult)
@@ -291,7 +292,7 @@ TEST_F(AnEnginesLife, CreateRefusesWithoutMemoryForTheConnector)
 
     EXPECT_FALSE(oEngine.Create());
 
-    EXPECT_THAT(LoggedLines(), ElementsAre(ENGINE.refused("Create", "NULL == poConnector")));
+    EXPECT_THAT(LoggedLines(), ElementsAre(ENGINE_LINES.refused("Create", "NULL == poConnector")));
 }
 
 TEST_F(AnEnginesLife, DestroyWithoutCreateMakesAConnectorOnlyToDestroyIt)
@@ -303,7 +304,7 @@ TEST_F(AnEnginesLife, DestroyWithoutCreateMakesAConnectorOnlyToDestroyIt)
     EXPECT_THAT(Protocol().connector, ElementsAre("construct", "Destroy", "destruct"));
     EXPECT_EQ(CBillingSingleton<CHttpConnector>::m_pObj, nullptr);
     EXPECT_THAT(LoggedLines("BillingEngine.cpp"),
-                ElementsAre(ENGINE.info("Destroy", "Destroy HttpConnector successfully.")));
+                ElementsAre(ENGINE_LINES.info("Destroy", "Destroy HttpConnector successfully.")));
 }
 
 TEST_F(AnEnginesLife, DestroyIsSilentWithoutMemoryForTheConnector)

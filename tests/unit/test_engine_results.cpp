@@ -25,66 +25,69 @@ protected:
     }
     static Line written()
     {
-        return ENGINE.info("m_WriteRequestResultToPipe", "pReturnInfo->pUser (nil)");
+        return ENGINE_LINES.info("m_WriteRequestResultToPipe", "pReturnInfo->pUser (nil)");
     }
 };
 
 TEST_F(ResponseCallbacks, PurchaseHistoryLogsNeitherCodeNorBody)
 {
-    EXPECT_THAT(linesOf(CBillingEngine::m_PurchaseHistoryCB, false),
-                ElementsAre(ENGINE.debug("m_PurchaseHistoryCB", "[START] "),
-                            ENGINE.error("m_PurchaseHistoryCB", "m_PurchaseHistoryCB Http error! "),
-                            written(), ENGINE.debug("m_PurchaseHistoryCB", "[END] ")));
+    EXPECT_THAT(
+        linesOf(CBillingEngine::m_PurchaseHistoryCB, false),
+        ElementsAre(ENGINE_LINES.debug("m_PurchaseHistoryCB", "[START] "),
+                    ENGINE_LINES.error("m_PurchaseHistoryCB", "m_PurchaseHistoryCB Http error! "),
+                    written(), ENGINE_LINES.debug("m_PurchaseHistoryCB", "[END] ")));
 }
 
 TEST_F(ResponseCallbacks, GetProductsLogsCodeAndBody)
 {
     EXPECT_THAT(linesOf(CBillingEngine::m_GetProductsCB, true),
-                ElementsAre(ENGINE.debug("m_GetProductsCB", "[START] "),
-                            ENGINE.info("m_GetProductsCB", "bResponseCode :1"),
-                            ENGINE.info("m_GetProductsCB", "strRsp :body"), written(),
-                            ENGINE.debug("m_GetProductsCB", "[END] ")));
+                ElementsAre(ENGINE_LINES.debug("m_GetProductsCB", "[START] "),
+                            ENGINE_LINES.info("m_GetProductsCB", "bResponseCode :1"),
+                            ENGINE_LINES.info("m_GetProductsCB", "strRsp :body"), written(),
+                            ENGINE_LINES.debug("m_GetProductsCB", "[END] ")));
 }
 
 TEST_F(ResponseCallbacks, GetProductsLogsItsError)
 {
     EXPECT_THAT(linesOf(CBillingEngine::m_GetProductsCB, false),
-                ElementsAre(ENGINE.debug("m_GetProductsCB", "[START] "),
-                            ENGINE.error("m_GetProductsCB", "m_GetProductsCB Http error! "),
-                            ENGINE.info("m_GetProductsCB", "bResponseCode :0"),
-                            ENGINE.info("m_GetProductsCB", "strRsp :body"), written(),
-                            ENGINE.debug("m_GetProductsCB", "[END] ")));
+                ElementsAre(ENGINE_LINES.debug("m_GetProductsCB", "[START] "),
+                            ENGINE_LINES.error("m_GetProductsCB", "m_GetProductsCB Http error! "),
+                            ENGINE_LINES.info("m_GetProductsCB", "bResponseCode :0"),
+                            ENGINE_LINES.info("m_GetProductsCB", "strRsp :body"), written(),
+                            ENGINE_LINES.debug("m_GetProductsCB", "[END] ")));
 }
 
 TEST_F(ResponseCallbacks, GetAppliedTimeLogsErrorCodeAndBody)
 {
-    EXPECT_THAT(linesOf(CBillingEngine::m_GetAppliedTimeCB, false),
-                ElementsAre(ENGINE.debug("m_GetAppliedTimeCB", "[START] "),
-                            ENGINE.error("m_GetAppliedTimeCB", "m_GetAppliedTimeCB Http error! "),
-                            ENGINE.info("m_GetAppliedTimeCB", "bResponseCode :0"),
-                            ENGINE.info("m_GetAppliedTimeCB", "strRsp :body"), written(),
-                            ENGINE.debug("m_GetAppliedTimeCB", "[END] ")));
+    EXPECT_THAT(
+        linesOf(CBillingEngine::m_GetAppliedTimeCB, false),
+        ElementsAre(ENGINE_LINES.debug("m_GetAppliedTimeCB", "[START] "),
+                    ENGINE_LINES.error("m_GetAppliedTimeCB", "m_GetAppliedTimeCB Http error! "),
+                    ENGINE_LINES.info("m_GetAppliedTimeCB", "bResponseCode :0"),
+                    ENGINE_LINES.info("m_GetAppliedTimeCB", "strRsp :body"), written(),
+                    ENGINE_LINES.debug("m_GetAppliedTimeCB", "[END] ")));
 }
 
 TEST_F(ResponseCallbacks, ConfirmPurchaseLogsErrorCodeAndBody)
 {
-    EXPECT_THAT(linesOf(CBillingEngine::m_ConfirmPurchaseCB, false),
-                ElementsAre(ENGINE.debug("m_ConfirmPurchaseCB", "[START] "),
-                            ENGINE.error("m_ConfirmPurchaseCB", "m_ConfirmPurchaseCB Http error! "),
-                            ENGINE.info("m_ConfirmPurchaseCB", "bResponseCode :0"),
-                            ENGINE.info("m_ConfirmPurchaseCB", "strRsp :body"), written(),
-                            ENGINE.debug("m_ConfirmPurchaseCB", "[END] ")));
+    EXPECT_THAT(
+        linesOf(CBillingEngine::m_ConfirmPurchaseCB, false),
+        ElementsAre(ENGINE_LINES.debug("m_ConfirmPurchaseCB", "[START] "),
+                    ENGINE_LINES.error("m_ConfirmPurchaseCB", "m_ConfirmPurchaseCB Http error! "),
+                    ENGINE_LINES.info("m_ConfirmPurchaseCB", "bResponseCode :0"),
+                    ENGINE_LINES.info("m_ConfirmPurchaseCB", "strRsp :body"), written(),
+                    ENGINE_LINES.debug("m_ConfirmPurchaseCB", "[END] ")));
 }
 
 TEST_F(ResponseCallbacks, CheckServerAvailabilityLogsWithAnArrowAndNoTrailingBlank)
 {
     const std::string strName = "m_CheckServerAvailabilityCB";
     EXPECT_THAT(linesOf(CBillingEngine::m_CheckServerAvailabilityCB, false),
-                ElementsAre(ENGINE.debug(strName, "[START] "),
-                            ENGINE.error(strName, "m_CheckServerAvailabilityCB Http error!"),
-                            ENGINE.info(strName, "-------> bResponseCode :0"),
-                            ENGINE.info(strName, "-------> strRsp :body"), written(),
-                            ENGINE.debug(strName, "[END] ")));
+                ElementsAre(ENGINE_LINES.debug(strName, "[START] "),
+                            ENGINE_LINES.error(strName, "m_CheckServerAvailabilityCB Http error!"),
+                            ENGINE_LINES.info(strName, "-------> bResponseCode :0"),
+                            ENGINE_LINES.info(strName, "-------> strRsp :body"), written(),
+                            ENGINE_LINES.debug(strName, "[END] ")));
 }
 
 TEST_F(AnEngine, SendsACopyOfAllTwelveFieldsMarkedWithTheRequestsType)
@@ -126,8 +129,8 @@ TEST_F(AnEngine, DropsAResultWithoutMemoryForItsRecord)
 
     m_oEngine.m_WriteRequestResultToPipe(REQUEST_TYPE_GET_PRODUCTS, tInfo);
 
-    EXPECT_THAT(LoggedLines(),
-                ElementsAre(ENGINE.refused("m_WriteRequestResultToPipe", "NULL == pReturnInfo")));
+    EXPECT_THAT(LoggedLines(), ElementsAre(ENGINE_LINES.refused("m_WriteRequestResultToPipe",
+                                                                "NULL == pReturnInfo")));
 }
 
 TEST_F(AnEngine, DropsAResultThatComesAfterDestroy)
@@ -139,7 +142,7 @@ TEST_F(AnEngine, DropsAResultThatComesAfterDestroy)
     m_oEngine.m_WriteRequestResultToPipe(REQUEST_TYPE_GET_PRODUCTS, tInfo);
 
     EXPECT_THAT(LoggedLines(),
-                ElementsAre(ENGINE.refused("m_WriteRequestResultToPipe", "NULL == m_pPipe")));
+                ElementsAre(ENGINE_LINES.refused("m_WriteRequestResultToPipe", "NULL == m_pPipe")));
 }
 
 TEST_F(AnEngine, SaysThatAReplyIsLostWhenThePipeDoesNotTakeIt)
@@ -149,8 +152,9 @@ TEST_F(AnEngine, SaysThatAReplyIsLostWhenThePipeDoesNotTakeIt)
 
     m_oEngine.m_WriteRequestResultToPipe(REQUEST_TYPE_GET_PRODUCTS, tInfo);
 
-    EXPECT_THAT(LoggedLines(), Contains(ENGINE.error("m_WriteRequestResultToPipe",
-                                                     "the result pipe is full, a reply is lost")));
+    EXPECT_THAT(LoggedLines(),
+                Contains(ENGINE_LINES.error("m_WriteRequestResultToPipe",
+                                            "the result pipe is full, a reply is lost")));
 }
 
 TEST_F(AnEngine, AnswersTenThousandRefusalsThatWereQueuedBeforeTheLoopRan)
@@ -171,9 +175,10 @@ TEST_F(AnEngine, NeverBlocksOnAFullPipe)
         m_oEngine.m_WriteRequestResultToPipe(REQUEST_TYPE_GET_PRODUCTS, tInfo);
     }
     const auto lines = LoggedLines();
-    const auto lost = static_cast<std::size_t>(std::count(
-        lines.begin(), lines.end(),
-        ENGINE.error("m_WriteRequestResultToPipe", "the result pipe is full, a reply is lost")));
+    const auto lost = static_cast<std::size_t>(
+        std::count(lines.begin(), lines.end(),
+                   ENGINE_LINES.error("m_WriteRequestResultToPipe",
+                                      "the result pipe is full, a reply is lost")));
 
     EXPECT_GT(lost, 0u);
     EXPECT_LT(lost, MORE_THAN_THE_PIPE_HOLDS - 32768) << "one user's outstanding calls must fit";

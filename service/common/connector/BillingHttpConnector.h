@@ -2,6 +2,7 @@
 // worker thread and calls back once for each.
 #pragma once
 
+#include "BillingOpenSsl.h"
 #include "BillingTaskBase.h"
 #include "BillingTypes.h"
 
@@ -12,6 +13,7 @@
 
 #include <cstdint>
 #include <list>
+#include <memory>
 #include <string>
 
 /// Values of _BILLING_HTTP_REQ_INFO_T::eMethod; any other one is refused.
@@ -93,6 +95,14 @@ public:
                                               void* stream);
     static unsigned int ReadDataCBFunc(char* ptr, unsigned int size, unsigned int nmemb,
                                        void* stream);
+
+    /// Installs the device's certificate and key into a TLS context. What fails is logged, and
+    /// leaves the context as it is: a server that demands the certificate then refuses. @param
+    /// sslctx the SSL_CTX @param aux the connector. Thread: the one that performs the transfer
+    static void sslctxfun(void* sslctx, void* aux);
+    /// The two steps of it. @return false when the holder is empty or the context refused
+    static bool use_clientcert(SSL_CTX* ctx, std::shared_ptr<X509> cert);
+    static bool use_pkey(SSL_CTX* ctx, std::shared_ptr<RSA> key);
 
 private:
     friend struct ConnectorProbe;  // the tests' view of the steps below

@@ -1,0 +1,40 @@
+// BillingOpenSsl.h - OpenSSL as the service uses it: every source takes it from here, and what is
+// different between 1.1.1 and 3 stands here.
+#pragma once
+
+// The key store is reached through an RSA method. Version 3 still carries those calls out, but calls
+// them deprecated.
+#define OPENSSL_SUPPRESS_DEPRECATED
+
+#include <openssl/bio.h>
+#include <openssl/bn.h>
+#include <openssl/crypto.h>
+#include <openssl/err.h>
+#include <openssl/evp.h>
+#include <openssl/pem.h>
+#include <openssl/rsa.h>
+#include <openssl/ssl.h>
+#include <openssl/x509.h>
+
+#include <memory>
+
+struct BillingOpenSslFree {
+    void operator()(BIO* pBio) const { BIO_free(pBio); }
+    void operator()(EVP_PKEY* pKey) const { EVP_PKEY_free(pKey); }
+    void operator()(RSA* pRsa) const { RSA_free(pRsa); }
+    void operator()(X509* pCert) const { X509_free(pCert); }
+};
+
+/// Owns an OpenSSL object.
+template <typename T>
+using BillingOpenSslPtr = std::unique_ptr<T, BillingOpenSslFree>;
+
+/// What fails in its scope leaves nothing on the thread's error queue, where the next TLS call would
+/// take it for its own.
+class CBillingOpenSslErrors {
+public:
+    CBillingOpenSslErrors() { ERR_set_mark(); }
+    ~CBillingOpenSslErrors() { ERR_pop_to_mark(); }
+    CBillingOpenSslErrors(const CBillingOpenSslErrors&) = delete;
+    CBillingOpenSslErrors& operator=(const CBillingOpenSslErrors&) = delete;
+};

@@ -1,0 +1,138 @@
+// test_named_data.cpp - CBillingSecureStorageUtil: data that is read, written and deleted by name.
+#include "secure_storage_fixture.h"
+
+#include <string>
+
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+
+namespace {
+
+class NamedData : public SecureStorage {};
+
+TEST_F(NamedData, IsReadAtItsFullLengthWithTheZeroBytesInIt)
+{
+    const std::string strStored("a\0b", 3);
+    fake::platform().data("name", strStored);
+    std::string strData = "old";
+
+    EXPECT_TRUE(m_poUtil->SecureRead("name", strData));
+
+    EXPECT_EQ(strData, strStored);
+    EXPECT_THAT(LoggedLines(), ElementsAre(UTIL.info("SecureRead",
+                                                     "strData[a] strData size[3] "
+                                                     "uiDataSize[3]!")));
+}
+
+TEST_F(NamedData, ThatDoesNotExistIsNotReadAndTheErrorNumberIsLogged)
+{
+    std::string strData = "old";
+
+    EXPECT_FALSE(m_poUtil->SecureRead("name", strData));
+
+    EXPECT_EQ(strData, "old");
+    EXPECT_THAT(LoggedLines(), ElementsAre(UTIL.error("SecureRead",
+                                                      "ss_read error,data name[name] "
+                                                      "error num[2]!")));
+}
+
+TEST_F(NamedData, LeavesTheTextAloneWhenTheStoreHandsOutNoBuffer)
+{
+    fake::platform().readGivesNoBuffer(true);
+    std::string strData = "old";
+
+    EXPECT_TRUE(m_poUtil->SecureRead("name", strData));
+
+    EXPECT_EQ(strData, "old");
+    EXPECT_THAT(LoggedLines(), IsEmpty());
+}
+
+TEST_F(NamedData, OfNoBytesIsReadAsAnEmptyText)
+{
+    fake::platform().data("name", "");
+    std::string strData = "old";
+
+    EXPECT_TRUE(m_poUtil->SecureRead("name", strData));
+
+    EXPECT_EQ(strData, "");
+    EXPECT_EQ(LoggedLines().back(),
+              UTIL.info("SecureRead", "strData[] strData size[0] uiDataSize[0]!"));
+}
+
+TEST_F(NamedData, IsClearedBeforeItIsWritten)
+{
+    fake::platform().data("name", "old");
+
+    EXPECT_TRUE(m_poUtil->SecureWrite("name", std::string("a\0b", 3)));
+
+    EXPECT_THAT(fake::platform().calls(), ElementsAre("ss_delete name", "ss_write name"));
+    EXPECT_EQ(fake::platform().data("name"), std::string("a\0b", 3));
+    EXPECT_THAT(LoggedLines(), IsEmpty());
+}
+
+TEST_F(NamedData, IsWrittenAlsoWhereThereWasNone)
+{
+    EXPECT_TRUE(m_poUtil->SecureWrite("name", "new"));
+
+    EXPECT_EQ(fake::platform().data("name"), "new");
+    EXPECT_THAT(LoggedLines(), ElementsAre(UTIL.error("SecureClear",
+                                                      "ss_delete data name[name] "
+                                                      "error num[2]!")));
+}
+
+TEST_F(NamedData, MayBeWrittenEmptyAndReplacesWhatWasThere)
+{
+    fake::platform().data("name", "old");
+
+    EXPECT_TRUE(m_poUtil->SecureWrite("name", ""));
+
+    EXPECT_THAT(fake::platform().calls(), ElementsAre("ss_delete name", "ss_write name"));
+    EXPECT_EQ(fake::platform().data("name"), "");
+}
+
+TEST_F(NamedData, IsGoneWhenItCouldNotBeWritten)
+{
+    fake::platform().data("name", "old");
+    fake::platform().fails("ss_write", 4);
+
+    EXPECT_FALSE(m_poUtil->SecureWrite("name", "new"));
+
+    EXPECT_EQ(fake::platform().data("name"), std::nullopt);
+    EXPECT_THAT(LoggedLines(), ElementsAre(UTIL.error("SecureWrite",
+                                                      "ss_write data name[name] "
+                                                      "error num[4]!")));
+}
+
+TEST_F(NamedData, IsDeleted)
+{
+    fake::platform().data("name", "old");
+
+    EXPECT_TRUE(m_poUtil->SecureClear("name"));
+
+    EXPECT_EQ(fake::platform().data("name"), std::nullopt);
+    EXPECT_THAT(LoggedLines(), IsEmpty());
+    EXPECT_FALSE(m_poUtil->SecureClear("name"));
+    EXPECT_THAT(LoggedLines(), ElementsAre(UTIL.error("SecureClear",
+                                                      "ss_delete data name[name] "
+                                                      "error num[2]!")));
+}
+
+TEST_F(NamedData, IsAskedForWithTheServicesIdentityAndFlags33)
+{
+    std::string strData;
+    m_poUtil->SecureWrite("name", "new");
+    m_poUtil->SecureRead("name", strData);
+
+    const auto calls = fake::platform().secureCalls();
+    ASSERT_EQ(calls.size(), 3u);
+    for (const fake::SecureCall& call : calls) {
+        EXPECT_THAT(call.credential.words, ElementsAre(1, 2, 3, 4, 5)) << call.function;
+        EXPECT_EQ(call.credential.kind, 1u);
+        EXPECT_EQ(call.credential.reserved, 0u);
+        EXPECT_EQ(call.flags, 33) << call.function;
+        EXPECT_TRUE(call.restIsZero) << call.function;
+    }
+}
+
+}  // namespace
