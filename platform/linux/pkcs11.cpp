@@ -3,6 +3,7 @@
 
 #include <dlfcn.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 #include <map>
@@ -347,11 +348,12 @@ secret::Bytes Session::sign(CK_MECHANISM_TYPE mechanism, CK_OBJECT_HANDLE key,
     const CK_FUNCTION_LIST& calls = m_module.calls();
     CK_MECHANISM how{mechanism, nullptr, 0};
     check(calls.C_SignInit(m_handle, &how, key), "the start of a signature");
-    secret::Bytes input(bytes, bytes + size);  // the interface takes it as changeable
+    // The interface takes it as changeable, and some modules take null for a mistake.
+    secret::Bytes input(size + 1);
+    std::copy(bytes, bytes + size, input.begin());
     secret::Bytes result(kResultRoom);
     CK_ULONG length = result.size();
-    check(calls.C_Sign(m_handle, input.data(), input.size(), result.data(), &length),
-          "a signature");
+    check(calls.C_Sign(m_handle, input.data(), size, result.data(), &length), "a signature");
     result.resize(std::min<std::size_t>(result.size(), length));
     return result;
 }

@@ -250,8 +250,7 @@ void generate(const Session& session, std::int32_t id)
     Attributes privateKey = privateAttributes(id);
     session.generate(publicKey, privateKey);
     try {
-        const CK_OBJECT_HANDLE made = privateObject(session, id);
-        prove(session, made, publicKeyOf(session, made, id));
+        prove(session, id);
     } catch (const std::exception&) {
         discard(session, objects(session, CKO_PRIVATE_KEY, id));
         throw;
@@ -261,6 +260,12 @@ void generate(const Session& session, std::int32_t id)
 rawrsa::PublicKey publicKey(const Session& session, std::int32_t id)
 {
     return publicKeyOf(session, privateObject(session, id), id);
+}
+
+void prove(const Session& session, std::int32_t id)
+{
+    const CK_OBJECT_HANDLE key = privateObject(session, id);
+    prove(session, key, publicKeyOf(session, key, id));
 }
 
 bool remove(const Session& session, std::int32_t id)

@@ -35,6 +35,9 @@ void generate(const pkcs11::Session& session, std::int32_t id);
 /// @throw SS_ERROR_NOT_FOUND when the number has no private key
 rawrsa::PublicKey publicKey(const pkcs11::Session& session, std::int32_t id);
 
+/// Proves by a signature that a key works. @throw when it does not
+void prove(const pkcs11::Session& session, std::int32_t id);
+
 /// Removes the private and the public objects of a number. @return false when there was no private
 /// one
 bool remove(const pkcs11::Session& session, std::int32_t id);

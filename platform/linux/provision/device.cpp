@@ -115,13 +115,7 @@ void install(const InstallOptions& options)
     bool matches = false;
     keystore::instance().read(keystore::placeFromSettings(), [&](const pkcs11::Session& session) {
         matches = areSame(tokenkeys::publicKey(session, id), wanted);
-        // A key that does not sign is no match either: this throws.
-        unsigned char block[rawrsa::kBlockSize];
-        std::fill(std::begin(block), std::end(block), static_cast<unsigned char>(0xff));
-        block[0] = 0;
-        block[1] = 1;
-        block[rawrsa::kBlockSize - 1] = 0;
-        tokenkeys::privateOperation(session, id, block);
+        tokenkeys::prove(session, id);
     });
     if (!matches)
         throw Stop(EXIT_MISMATCH, options.certificate + " is not for the key with CKA_ID " +

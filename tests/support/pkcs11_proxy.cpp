@@ -1,0 +1,111 @@
+// pkcs11_proxy.cpp - a PKCS#11 module that stands before the software token's.
+#include "pkcs11_proxy.h"
+
+#include <dlfcn.h>
+#include <p11-kit/pkcs11.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <thread>
+
+using proxy::Fault;
+
+namespace {
+
+CK_FUNCTION_LIST* g_real = nullptr;
+CK_FUNCTION_LIST g_calls;
+proxy::Control g_control;
+
+CK_RV openSession(CK_SLOT_ID slot, CK_FLAGS flags, void* context, CK_NOTIFY notify,
+                  CK_SESSION_HANDLE* session)
+{
+    g_control.sessions++;
+    return g_real->C_OpenSession(slot, flags, context, notify, session);
+}
+
+CK_RV login(CK_SESSION_HANDLE session, CK_USER_TYPE user, unsigned char* pin, CK_ULONG size)
+{
+    g_control.logins++;
+    return g_real->C_Login(session, user, pin, size);
+}
+
+CK_RV getTokenInfo(CK_SLOT_ID slot, CK_TOKEN_INFO* token)
+{
+    const CK_RV answer = g_real->C_GetTokenInfo(slot, token);
+    if (answer == CKR_OK && g_control.fault == Fault::PinFinalTry)
+        token->flags |= CKF_USER_PIN_FINAL_TRY;
+    return answer;
+}
+
+CK_RV getMechanismInfo(CK_SLOT_ID slot, CK_MECHANISM_TYPE type, CK_MECHANISM_INFO* info)
+{
+    if (type == CKM_RSA_X_509 && g_control.fault == Fault::NoRawRsa)
+        return CKR_MECHANISM_INVALID;
+    return g_real->C_GetMechanismInfo(slot, type, info);
+}
+
+CK_RV signInit(CK_SESSION_HANDLE session, CK_MECHANISM* mechanism, CK_OBJECT_HANDLE key)
+{
+    const Fault fault = g_control.fault;
+    if (mechanism->mechanism == CKM_RSA_X_509 &&
+        (fault == Fault::NoRawRsa || fault == Fault::RawRsaListed))
+        return CKR_MECHANISM_INVALID;
+    return g_real->C_SignInit(session, mechanism, key);
+}
+
+CK_RV sign(CK_SESSION_HANDLE session, unsigned char* data, CK_ULONG size, unsigned char* signature,
+           CK_ULONG* length)
+{
+    g_control.signatures++;
+    const int inside = ++g_control.inside;
+    if (inside > g_control.mostInside)
+        g_control.mostInside = inside;
+    std::this_thread::sleep_for(std::chrono::milliseconds(g_control.delayMs));
+    CK_RV answer = g_real->C_Sign(session, data, size, signature, length);
+    const Fault fault = g_control.fault;
+    if (answer == CKR_OK && fault == Fault::ShortBlock)
+        (*length)--;
+    if (answer == CKR_OK && fault == Fault::WrongBlock)
+        signature[*length / 2] ^= 1;
+    if (fault == Fault::RemovedOnce || fault == Fault::Removed) {
+        g_real->C_CloseSession(session);
+        answer = CKR_DEVICE_REMOVED;
+    }
+    if (fault == Fault::RemovedOnce)
+        g_control.fault = Fault::None;
+    g_control.inside--;
+    return answer;
+}
+
+}  // namespace
+
+extern "C" {
+__attribute__((visibility("default"))) CK_RV C_GetFunctionList(CK_FUNCTION_LIST** list);
+__attribute__((visibility("default"))) proxy::Control* test_pkcs11_proxy_control();
+}
+
+CK_RV C_GetFunctionList(CK_FUNCTION_LIST** list)
+{
+    const char* const path = getenv(proxy::kRealVariable);
+    void* const library = path == nullptr ? nullptr : dlopen(path, RTLD_NOW | RTLD_LOCAL);
+    const auto entry =
+        library == nullptr
+            ? nullptr
+            : reinterpret_cast<CK_C_GetFunctionList>(dlsym(library, "C_GetFunctionList"));
+    if (entry == nullptr || entry(&g_real) != CKR_OK)
+        return CKR_GENERAL_ERROR;
+    g_calls = *g_real;
+    g_calls.C_OpenSession = openSession;
+    g_calls.C_Login = login;
+    g_calls.C_GetTokenInfo = getTokenInfo;
+    g_calls.C_GetMechanismInfo = getMechanismInfo;
+    g_calls.C_SignInit = signInit;
+    g_calls.C_Sign = sign;
+    *list = &g_calls;
+    return CKR_OK;
+}
+
+proxy::Control* test_pkcs11_proxy_control()
+{
+    return &g_control;
+}

@@ -1,0 +1,35 @@
+// pkcs11_proxy.h - a PKCS#11 module that stands before the software token's, counts what it is asked
+// and goes wrong on demand.
+#pragma once
+
+#include <atomic>
+
+namespace proxy {
+
+enum class Fault {
+    None,
+    ShortBlock,    ///< signatures miss their last byte
+    WrongBlock,    ///< signatures have one bit changed
+    NoRawRsa,      ///< CKM_RSA_X_509 is not offered
+    RawRsaListed,  ///< CKM_RSA_X_509 is offered and then refused
+    RemovedOnce,   ///< the next signature finds the device removed; the session is gone then
+    Removed,       ///< every signature finds the device removed
+    PinFinalTry,   ///< the token says that one more wrong PIN locks it
+};
+
+/// Filled by the module, set by the test. The module's own: found with its symbol kControlSymbol.
+struct Control {
+    std::atomic<Fault> fault{Fault::None};
+    std::atomic<int> delayMs{0};  ///< how long a signature takes at least
+    std::atomic<int> logins{0};
+    std::atomic<int> sessions{0};
+    std::atomic<int> signatures{0};
+    std::atomic<int> inside{0};      ///< threads in C_Sign
+    std::atomic<int> mostInside{0};  ///< most of them at once
+};
+
+constexpr const char* kControlSymbol = "test_pkcs11_proxy_control";
+/// Names the module behind it.
+constexpr const char* kRealVariable = "TEST_PKCS11_REAL";
+
+}  // namespace proxy

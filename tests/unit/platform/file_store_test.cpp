@@ -1,0 +1,240 @@
+// file_store_test.cpp - the sealed file store: power cuts, tampering, rights.
+#include "file_store.h"
+
+#include "device_conf.h"
+#include "secure_error.h"
+
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <filesystem>
+#include <fstream>
+#include <random>
+#include <thread>
+
+namespace {
+
+namespace fs = std::filesystem;
+
+class AFileStore : public testing::Test {
+protected:
+    void write(const std::string& name, const std::string& data) const
+    {
+        store.write(client, name, reinterpret_cast<const unsigned char*>(data.data()), data.size());
+    }
+    std::string read(const std::string& name) const
+    {
+        const secret::Bytes data = store.read(client, name);
+        return {data.begin(), data.end()};
+    }
+    ss_error_e errorOfRead(const std::string& name) const
+    {
+        try {
+            store.read(client, name);
+        } catch (const secure::Error& error) {
+            return error.code();
+        }
+        return SS_ERROR_NONE;
+    }
+    ss_error_e errorOfWrite(const std::string& name) const
+    {
+        try {
+            write(name, "x");
+        } catch (const secure::Error& error) {
+            return error.code();
+        }
+        return SS_ERROR_NONE;
+    }
+    std::vector<fs::path> dataFiles() const
+    {
+        std::vector<fs::path> found;
+        for (const auto& entry : fs::directory_iterator(path)) {
+            if (entry.path().extension() == ".data")
+                found.push_back(entry.path());
+        }
+        return found;
+    }
+    static std::string bytesOf(const fs::path& file)
+    {
+        std::ifstream in(file, std::ios::binary);
+        return {std::istreambuf_iterator<char>(in), {}};
+    }
+    static void overwrite(const fs::path& file, const std::string& bytes)
+    {
+        std::ofstream(file, std::ios::binary) << bytes;
+    }
+
+    device::Folder folder;
+    std::string path = folder.path() + "/store";
+    filestore::Store store{path};
+    ss_credential_s client{{1, 2, 3, 4, 5}, 1, 0};
+};
+
+TEST_F(AFileStore, HoldsTheOldOrTheNewDataAfterAKillAtAnyMoment)
+{
+    // Long enough for a kill to fall into the middle.
+    const std::string values[] = {std::string(300000, 'a'), std::string(200000, 'b')};
+    write("name", values[0]);
+    std::mt19937 random(20240229);
+    std::uniform_int_distribution<useconds_t> moment(0, 8000);
+    int seen[2] = {};
+    for (int round = 0; round < 200; round++) {
+        const pid_t writer = fork();
+        if (writer == 0) {
+            for (int i = 0;; i++)
+                write("name", values[(i + round) % 2]);
+        }
+        usleep(moment(random));
+        kill(writer, SIGKILL);
+        int status = 0;
+        ASSERT_EQ(waitpid(writer, &status, 0), writer);
+        ASSERT_TRUE(WIFSIGNALED(status));
+        const std::string found = read("name");
+        ASSERT_TRUE(found == values[0] || found == values[1]) << "torn in round " << round;
+        seen[found == values[1] ? 1 : 0]++;
+    }
+    printf("200 kills: %d times the one, %d times the other, none torn\n", seen[0], seen[1]);
+    EXPECT_GT(seen[0], 0);
+    EXPECT_GT(seen[1], 0);
+    write("name", "still writable");
+    EXPECT_EQ(read("name"), "still writable");
+    EXPECT_EQ(dataFiles().size(), 1U);
+}
+
+TEST_F(AFileStore, KeepsItsFilesFromOthersWhateverTheUmask)
+{
+    const mode_t before = umask(0);
+    write("name", "data");
+    umask(before);
+    struct stat status {};
+    ASSERT_EQ(stat(path.c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode & 07777, 0700U);
+    int files = 0;
+    for (const auto& entry : fs::directory_iterator(path)) {
+        ASSERT_EQ(stat(entry.path().c_str(), &status), 0);
+        EXPECT_EQ(status.st_mode & 07777, 0600U) << entry.path();
+        files++;
+    }
+    EXPECT_EQ(files, 3);
+}
+
+TEST_F(AFileStore, ShowsNeitherNamesNorData)
+{
+    write("the-secret-name", "the-secret-data");
+    for (const auto& entry : fs::directory_iterator(path)) {
+        EXPECT_THAT(entry.path().string(), testing::Not(testing::HasSubstr("secret")));
+        EXPECT_THAT(bytesOf(entry.path()), testing::Not(testing::HasSubstr("secret")));
+    }
+}
+
+TEST_F(AFileStore, ReadsNoFileThatWasChangedAnywhere)
+{
+    write("name", "data");
+    const fs::path file = dataFiles().at(0);
+    const std::string good = bytesOf(file);
+    for (std::size_t i = 0; i < good.size(); i++) {
+        std::string bad = good;
+        bad[i] = static_cast<char>(bad[i] ^ 1);
+        overwrite(file, bad);
+        EXPECT_EQ(errorOfRead("name"), SS_ERROR_BROKEN) << "byte " << i;
+    }
+    for (const std::size_t size : {std::size_t{0}, std::size_t{7}, good.size() - 1}) {
+        overwrite(file, good.substr(0, size));
+        EXPECT_EQ(errorOfRead("name"), SS_ERROR_BROKEN) << size;
+    }
+    overwrite(file, good);
+    EXPECT_EQ(read("name"), "data");
+}
+
+TEST_F(AFileStore, ReadsNoFileThatIsPassedOffAsAnother)
+{
+    write("one", "1");
+    const fs::path first = dataFiles().at(0);
+    write("two", "2");
+    for (const fs::path& file : dataFiles()) {
+        if (file != first)
+            fs::copy_file(first, file, fs::copy_options::overwrite_existing);
+    }
+    EXPECT_EQ(read("one"), "1");
+    EXPECT_EQ(errorOfRead("two"), SS_ERROR_BROKEN);
+}
+
+TEST_F(AFileStore, DoesNotBuryDataUnderANewKeyWhenItsKeyIsGone)
+{
+    write("name", "data");
+    fs::rename(path + "/store.key", folder.path() + "/kept");
+    EXPECT_EQ(errorOfRead("name"), SS_ERROR_ACCESS);
+    EXPECT_EQ(errorOfWrite("other"), SS_ERROR_ACCESS);
+    fs::rename(folder.path() + "/kept", path + "/store.key");
+    EXPECT_EQ(read("name"), "data");
+}
+
+TEST_F(AFileStore, DoesNotUseWhatIsOpenToOthers)
+{
+    write("name", "data");
+    chmod((path + "/store.key").c_str(), 0640);
+    EXPECT_EQ(errorOfRead("name"), SS_ERROR_ACCESS);
+    EXPECT_EQ(errorOfWrite("name"), SS_ERROR_ACCESS);
+    chmod((path + "/store.key").c_str(), 0600);
+    chmod(path.c_str(), 0750);
+    EXPECT_EQ(errorOfRead("name"), SS_ERROR_ACCESS);
+    EXPECT_EQ(errorOfWrite("name"), SS_ERROR_ACCESS);
+    chmod(path.c_str(), 0700);
+    EXPECT_EQ(read("name"), "data");
+}
+
+TEST_F(AFileStore, FollowsNoLinkThatSomebodyPutInTheWay)
+{
+    write("name", "data");
+    const fs::path file = dataFiles().at(0);
+    const fs::path target = folder.path() + "/target";
+    overwrite(target, "untouched");
+    fs::remove(file);
+    fs::create_symlink(target, file);
+    fs::create_symlink(target, path + "/new");
+    EXPECT_NE(errorOfRead("name"), SS_ERROR_NONE);
+    write("name", "data");
+    EXPECT_EQ(read("name"), "data");
+    EXPECT_EQ(bytesOf(target), "untouched");
+}
+
+TEST_F(AFileStore, SaysWhenItsFolderCannotBeMade)
+{
+    const filestore::Store nowhere(folder.path() + "/no/such/parent");
+    EXPECT_THROW(nowhere.write(client, "name", nullptr, 0), secure::Error);
+    try {
+        nowhere.read(client, "name");
+        FAIL();
+    } catch (const secure::Error& error) {
+        EXPECT_EQ(error.code(), SS_ERROR_NOT_FOUND);
+    }
+}
+
+TEST_F(AFileStore, GivesTwoWritersAndAReaderWholeData)
+{
+    const std::string values[] = {std::string(5000, 'a'), std::string(4000, 'b')};
+    write("name", values[0]);
+    std::atomic<bool> stop{false};
+    std::thread writers[2];
+    for (int w = 0; w < 2; w++) {
+        writers[w] = std::thread([&, w] {
+            while (!stop)
+                write("name", values[w]);
+        });
+    }
+    for (int i = 0; i < 300; i++) {
+        const std::string found = read("name");
+        EXPECT_TRUE(found == values[0] || found == values[1]);
+    }
+    stop = true;
+    writers[0].join();
+    writers[1].join();
+}
+
+}  // namespace

@@ -1,0 +1,301 @@
+// key_store_test.cpp - the key store over a token that goes wrong: through a module of the tests'
+// own, in front of the software token's.
+#include "pkcs11.h"
+#include "pkcs11_proxy.h"
+#include "rsa_key.h"
+#include "soft_token.h"
+#include "token_keys.h"
+
+#include <platform/secure_storage.h>
+
+#include <dlfcn.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cstdlib>
+#include <thread>
+
+using proxy::Fault;
+using test::Bytes;
+using test::paddedBlock;
+using test::RsaKey;
+using testing::Contains;
+using testing::Each;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::Not;
+
+namespace {
+
+/// One for the process, with one key.
+struct Token {
+    device::SoftToken soft;
+    RsaKey key = RsaKey::make();
+    proxy::Control* control = nullptr;
+
+    Token()
+    {
+        setenv(proxy::kRealVariable, device::softTokenModule().c_str(), 1);
+        void* const library = dlopen(PROXY_MODULE, RTLD_NOW | RTLD_LOCAL);
+        if (library == nullptr)
+            throw std::runtime_error(dlerror());
+        control = reinterpret_cast<proxy::Control* (*)()>(dlsym(library, proxy::kControlSymbol))();
+    }
+};
+
+Token& token()
+{
+    static auto* const instance = new Token;
+    return *instance;
+}
+
+class AKeyStore : public testing::Test {
+protected:
+    void SetUp() override
+    {
+        if (device::softTokenModule().empty())
+            GTEST_SKIP() << "softhsm2 is not installed (apt install softhsm2)";
+        control().fault = Fault::None;
+        control().delayMs = 0;
+        token().soft.writePin(token().soft.pin() + "\n");
+        token().soft.use(conf, PROXY_MODULE);
+        ss_init_credential(&client, 1, 2, 3, 4, 5, 1, 0);
+        ASSERT_EQ(store(token().key), 0);
+        ASSERT_EQ(sign(), 0);
+        log.clear();
+        control().logins = 0;
+        control().sessions = 0;
+        control().signatures = 0;
+        control().mostInside = 0;
+    }
+    void TearDown() override { EXPECT_THAT(log.text(), Not(HasSubstr(token().soft.pin()))); }
+
+    static proxy::Control& control() { return *token().control; }
+
+    int store(const RsaKey& key) const
+    {
+        const Bytes n = key.modulus();
+        const Bytes d = key.privateExponent();
+        std::int32_t id = 7;
+        return ss_store_rsa_key(&client, SS_KEY_RSA, SS_KEY_SIGN, n.data(), n.size(), d.data(),
+                                d.size(), 0, 0, &id, 0, 0);
+    }
+
+    /// Signs a padded block. @return the error; a result that is handed out is right, and none is
+    /// when it fails
+    int sign(Bytes block = paddedBlock()) const
+    {
+        unsigned char* at = block.data();
+        std::size_t size = block.size();
+        const int error = ss_encrypt_by_key(&client, 7, &at, &size, 0, 0);
+        if (error != 0) {
+            EXPECT_EQ(at, block.data());
+            return error;
+        }
+        const Bytes result(at, at + size);
+        ss_free_buffer(at);
+        EXPECT_EQ(token().key.publicOperation(result), block);
+        return 0;
+    }
+
+    std::vector<std::string> errors() const { return log.linesWith("E/BILLING_PLATFORM: "); }
+
+    device::Conf conf;
+    device::CapturedLog log;
+    ss_credential_s client{};
+};
+
+TEST_F(AKeyStore, KeepsOneSessionAndOneLoginForManySignatures)
+{
+    for (int i = 0; i < 20; i++)
+        EXPECT_EQ(sign(), 0);
+    EXPECT_EQ(control().signatures, 20);
+    EXPECT_EQ(control().logins, 0);
+    EXPECT_EQ(control().sessions, 0);
+}
+
+TEST_F(AKeyStore, HandsOutNoShortBlock)
+{
+    control().fault = Fault::ShortBlock;
+    EXPECT_EQ(sign(), SS_ERROR_BROKEN);
+    EXPECT_THAT(errors(), Contains(HasSubstr("short")));
+}
+
+TEST_F(AKeyStore, HandsOutNoWrongBlock)
+{
+    control().fault = Fault::WrongBlock;
+    EXPECT_EQ(sign(), SS_ERROR_BROKEN);
+    EXPECT_EQ(errors().size(), 1U);
+    control().fault = Fault::None;
+    EXPECT_EQ(sign(), 0);
+}
+
+TEST_F(AKeyStore, StripsThePaddingForATokenWithoutRawRsa)
+{
+    for (const Fault fault : {Fault::NoRawRsa, Fault::RawRsaListed}) {
+        control().fault = fault;
+        for (const std::size_t content : {std::size_t{0}, std::size_t{51}, std::size_t{245}})
+            EXPECT_EQ(sign(paddedBlock(content)), 0) << content;
+    }
+}
+
+TEST_F(AKeyStore, RefusesABlockWithoutPaddingForATokenWithoutRawRsa)
+{
+    control().fault = Fault::NoRawRsa;
+    Bytes type2 = paddedBlock();
+    type2[1] = 2;
+    Bytes unfilled(256, 0xff);
+    unfilled[0] = 0;
+    unfilled[1] = 1;
+    for (const Bytes& block : {type2, unfilled, paddedBlock(246)})
+        EXPECT_EQ(sign(block), SS_ERROR_REFUSED);
+    EXPECT_THAT(errors(), Each(HasSubstr("CKM_RSA_X_509")));
+}
+
+TEST_F(AKeyStore, OpensALostSessionOnceMore)
+{
+    control().fault = Fault::RemovedOnce;
+    EXPECT_EQ(sign(), 0);
+    EXPECT_EQ(control().logins, 1);
+    EXPECT_EQ(control().sessions, 1);
+    EXPECT_THAT(errors(), IsEmpty());
+}
+
+TEST_F(AKeyStore, GivesUpAfterTheSecondLossAndTriesAgainAtTheNextCall)
+{
+    control().fault = Fault::Removed;
+    EXPECT_EQ(sign(), SS_ERROR_UNAVAILABLE);
+    EXPECT_EQ(control().signatures, 2);
+    EXPECT_THAT(errors(), testing::ElementsAre(HasSubstr("CKR_DEVICE_REMOVED")));
+    EXPECT_THAT(errors(), Each(HasSubstr("billing-test")));
+    control().fault = Fault::None;
+    EXPECT_EQ(sign(), 0);
+}
+
+TEST_F(AKeyStore, WorksAgainAtTheNextCallWhenATokenWasPulledAndPutBack)
+{
+    token().soft.pull();
+    // Not "no such key": nobody may store or remove a key on the strength of it.
+    EXPECT_EQ(sign(), SS_ERROR_UNAVAILABLE);
+    EXPECT_EQ(sign(), SS_ERROR_UNAVAILABLE);
+    EXPECT_EQ(store(token().key), SS_ERROR_UNAVAILABLE);
+    EXPECT_EQ(ss_remove_key(&client, 7), SS_ERROR_UNAVAILABLE);
+    token().soft.putBack();
+    EXPECT_EQ(sign(), 0);
+}
+
+TEST_F(AKeyStore, TriesAWrongPinOnceAndNeverAgain)
+{
+    token().soft.writePin("wrong-pin-1\n");
+    control().fault = Fault::RemovedOnce;
+    EXPECT_EQ(sign(), SS_ERROR_ACCESS);
+    for (int i = 0; i < 5; i++)
+        EXPECT_EQ(sign(), SS_ERROR_ACCESS);
+    EXPECT_EQ(ss_remove_key(&client, 7), SS_ERROR_ACCESS);
+    EXPECT_EQ(control().logins, 1);
+    EXPECT_THAT(errors(), Contains(HasSubstr("CKR_PIN_INCORRECT")));
+    EXPECT_THAT(log.text(), Not(HasSubstr("wrong-pin")));
+
+    token().soft.writePin("wrong-pin-2\n");
+    EXPECT_EQ(sign(), SS_ERROR_ACCESS);
+    EXPECT_EQ(control().logins, 2);
+    token().soft.writePin("wrong-pin-1\n");
+    EXPECT_EQ(sign(), SS_ERROR_ACCESS);
+    EXPECT_EQ(control().logins, 2);
+
+    token().soft.writePin(token().soft.pin());
+    EXPECT_EQ(sign(), 0);
+    EXPECT_EQ(control().logins, 3);
+}
+
+TEST_F(AKeyStore, TriesNoPinThatCouldLockTheToken)
+{
+    conf.set("keystore", "token", "nothing");  // which ends the session
+    EXPECT_EQ(sign(), SS_ERROR_UNAVAILABLE);
+    conf.set("keystore", "token", token().soft.label());
+    control().fault = Fault::PinFinalTry;
+    EXPECT_EQ(sign(), SS_ERROR_ACCESS);
+    EXPECT_EQ(control().logins, 0);
+    control().fault = Fault::None;
+    EXPECT_EQ(sign(), 0);
+}
+
+TEST_F(AKeyStore, UsesNoPinFileThatOthersCanReadOrThatIsMissing)
+{
+    const std::string other = token().soft.folder() + "/no-such-pin";
+    conf.set("keystore", "pin_file", other);
+    EXPECT_EQ(sign(), SS_ERROR_ACCESS);
+    EXPECT_THAT(errors(), Contains(HasSubstr(other + " does not exist")));
+    for (const unsigned mode : {0640U, 0604U, 0620U}) {
+        token().soft.writePin(token().soft.pin(), mode);
+        conf.set("keystore", "pin_file", token().soft.pinFile());
+        EXPECT_EQ(sign(), SS_ERROR_ACCESS) << mode;
+        EXPECT_THAT(errors(), Contains(HasSubstr("chmod 600")));
+    }
+    EXPECT_EQ(control().logins, 0);
+}
+
+TEST_F(AKeyStore, SaysWhatIsWrongWithItsSettings)
+{
+    conf.set("keystore", "token", "another");
+    EXPECT_EQ(sign(), SS_ERROR_UNAVAILABLE);
+    EXPECT_THAT(errors(), Contains(HasSubstr("token \"another\"")));
+    conf.set("keystore", "module", "/no/such/module.so");
+    EXPECT_EQ(sign(), SS_ERROR_UNAVAILABLE);
+    EXPECT_THAT(errors(), Contains(HasSubstr("/no/such/module.so")));
+    conf.set("keystore", "module", NO_MODULE);
+    EXPECT_EQ(sign(), SS_ERROR_UNAVAILABLE);
+    EXPECT_THAT(errors(), Contains(HasSubstr("is no PKCS#11 module")));
+    conf.set("keystore", "module", std::nullopt);
+    EXPECT_EQ(sign(), SS_ERROR_UNAVAILABLE);
+    EXPECT_THAT(errors(), Contains(HasSubstr("[keystore] module is not set")));
+}
+
+TEST_F(AKeyStore, LetsOneCallerInAtATime)
+{
+    control().delayMs = 30;
+    std::atomic<int> done{0};
+    std::vector<std::thread> threads;
+    for (int i = 0; i < 4; i++)
+        threads.emplace_back([&] { done += sign() == 0 ? 1 : 0; });
+    for (std::thread& thread : threads)
+        thread.join();
+    EXPECT_EQ(done, 4);
+    EXPECT_EQ(control().mostInside, 1);
+}
+
+TEST_F(AKeyStore, KeepsTheOldKeyWhenTheNewOneDoesNotProveItself)
+{
+    control().fault = Fault::WrongBlock;
+    EXPECT_EQ(store(RsaKey::make()), SS_ERROR_BROKEN);
+    control().fault = Fault::None;
+    EXPECT_EQ(sign(), 0);
+}
+
+TEST_F(AKeyStore, ImportsKeysThatTheTokenDoesNotGiveAway)
+{
+    const pkcs11::Module& module = pkcs11::Module::at(PROXY_MODULE);
+    const pkcs11::Session session(module, module.slotOf(token().soft.label()).value(), false);
+    pkcs11::Attributes wanted;
+    wanted.number(CKA_CLASS, CKO_PRIVATE_KEY).text(CKA_ID, std::string("\0\0\0\7", 4));
+    const auto keys = session.find(wanted);
+    ASSERT_EQ(keys.size(), 1U);
+    EXPECT_EQ(session.value(keys[0], CKA_PRIVATE_EXPONENT), std::nullopt);
+    EXPECT_EQ(session.value(keys[0], CKA_SENSITIVE), secret::Bytes{CK_TRUE});
+    EXPECT_EQ(session.value(keys[0], CKA_EXTRACTABLE), secret::Bytes{CK_FALSE});
+}
+
+TEST_F(AKeyStore, RemovesThePublicObjectToo)
+{
+    EXPECT_EQ(ss_remove_key(&client, 7), 0);
+    const pkcs11::Module& module = pkcs11::Module::at(PROXY_MODULE);
+    const pkcs11::Session session(module, module.slotOf(token().soft.label()).value(), false);
+    pkcs11::Attributes any;
+    any.text(CKA_ID, std::string("\0\0\0\7", 4));
+    EXPECT_THAT(session.find(any), IsEmpty());
+    EXPECT_EQ(sign(), SS_ERROR_NOT_FOUND);
+    EXPECT_EQ(control().logins, 0);
+}
+
+}  // namespace
