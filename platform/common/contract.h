@@ -34,7 +34,8 @@ inline std::optional<int> wholeNumber(std::string_view text)
 }
 
 /// Reads so many numbers of 32 bits without a sign, decimal or hexadecimal behind "0x", with blanks
-/// or commas between them. @return false, with nothing set for sure, when the text is something else
+/// or commas between them.
+/// @return false when the text is something else; some of the numbers may be set then
 inline bool numbers32(std::string_view text, std::uint32_t* numbers, std::size_t count)
 {
     for (std::size_t i = 0; i < count; i++) {

@@ -1,5 +1,5 @@
-// crypto_container.cpp - the crypto container: OpenSSL for the public operation, the device's secret
-// for sealed key material.
+// crypto_container.cpp - the crypto container: OpenSSL for the public operation, the device's
+// secret for sealed key material.
 #include "common/raw_rsa.h"
 #include "key_material.h"
 #include "secure_seam.h"

@@ -1,5 +1,5 @@
-// lab.cpp - a whole device of its own in a folder: authority, certificates, software token, settings
-// file.
+// lab.cpp - a whole device of its own in a folder: authority, certificates, software token,
+// settings file.
 #include "certificates.h"
 #include "commands.h"
 #include "files.h"

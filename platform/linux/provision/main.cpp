@@ -1,4 +1,5 @@
-// main.cpp - billing-provision: gives a device its key, its certificate and its sealed key material.
+// main.cpp - billing-provision: gives a device its key, its certificate and its sealed key
+// material.
 #include "commands.h"
 #include "secure_error.h"
 #include "stop.h"
