@@ -1,6 +1,6 @@
 // key_material.h - sealed key material: a private key in a file, for devices whose token cannot
-// make the key itself. It opens only on the device whose secret sealed it, and only for the certificate
-// it was sealed for.
+// make the key itself. It opens only on the device whose secret sealed it, and only for the
+// certificate it was sealed for.
 //
 // The file, 616 bytes:
 //    0   8  "BILLKEYM"
