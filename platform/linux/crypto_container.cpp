@@ -11,7 +11,7 @@
 
 namespace {
 
-constexpr const char* kLine = "crypto container: %s";
+constexpr const char* kArea = "crypto container";
 
 struct Container : CryptoCoreContainer {
     std::optional<rawrsa::PublicKey> key;
@@ -32,7 +32,7 @@ Container& of(CryptoCoreContainer* self)
 int setPublicKey(CryptoCoreContainer* self, const unsigned char* modulus, std::size_t modulusSize,
                  const unsigned char* exponent, std::size_t exponentSize)
 {
-    return seam::answered(kLine, [&] {
+    return seam::answered(kArea, [&] {
         of(self).key = rawrsa::publicKey(modulus, modulusSize, exponent, exponentSize);
         require(of(self).key.has_value());
     });
@@ -41,7 +41,7 @@ int setPublicKey(CryptoCoreContainer* self, const unsigned char* modulus, std::s
 int aeDecrypt(CryptoCoreContainer* self, const unsigned char* in, std::size_t inSize,
               unsigned char* out, std::size_t* outSize)
 {
-    return seam::answered(kLine, [&] {
+    return seam::answered(kArea, [&] {
         require(of(self).key && in != nullptr && inSize == rawrsa::kBlockSize && out != nullptr &&
                 outSize != nullptr && *outSize >= rawrsa::kBlockSize &&
                 rawrsa::publicOperation(*of(self).key, in, out));
@@ -59,7 +59,7 @@ void give(const secret::Bytes& number, unsigned char* out)
 int openKeyMaterial(CryptoCoreContainer* self, const unsigned char* sealed, std::size_t sealedSize,
                     unsigned char* modulus, unsigned char* exponent)
 {
-    return seam::answered(kLine, [&] {
+    return seam::answered(kArea, [&] {
         require(of(self).key && sealed != nullptr && modulus != nullptr && exponent != nullptr);
         const auto path = settings::text("keystore", "seal_key");
         if (!path) {
@@ -77,7 +77,7 @@ int openKeyMaterial(CryptoCoreContainer* self, const unsigned char* sealed, std:
 
 int create_CryptoCoreContainer(int algorithm, CryptoCoreContainer** container)
 {
-    return seam::answered(kLine, [&] {
+    return seam::answered(kArea, [&] {
         require(algorithm == CC_RSA && container != nullptr);
         auto* const made = new Container;
         made->set_public_key = setPublicKey;

@@ -75,7 +75,7 @@ int deployment_get_key_id(int32_t* key_id)
 
 int deployment_get_key_material(unsigned char** sealed, size_t* size)
 {
-    return seam::answered("deployment: %s", [&] {
+    return seam::answered("deployment", [&] {
         const auto path = settings::text(kGroup, kKeyMaterial);
         if (!path)
             throw secure::Error(SS_ERROR_NOT_FOUND, "");

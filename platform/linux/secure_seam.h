@@ -11,16 +11,16 @@ namespace seam {
 
 /// Runs the body of a function that answers with an error number; what it throws becomes the number
 /// and a line of the log.
-/// @param format the line's, with one %s
+/// @param area what the line begins with
 template <typename Body>
-int answered(const char* format, Body body) noexcept
+int answered(const char* area, Body body) noexcept
 {
     try {
         body();
         return SS_ERROR_NONE;
     } catch (const secure::Error& error) {
         if (*error.what() != '\0')
-            __dlog_print(DLOG_ERROR, "BILLING_PLATFORM", format, error.what());
+            __dlog_print(DLOG_ERROR, "BILLING_PLATFORM", "%s: %s", area, error.what());
         return error.code();
     } catch (const std::exception&) {
         // Nothing but memory is left to fail.

@@ -16,8 +16,8 @@
 
 namespace {
 
-constexpr const char* kStorageLine = "secure storage: %s";
-constexpr const char* kKeyLine = "key store: %s";
+constexpr const char* kStorage = "secure storage";
+constexpr const char* kKeys = "key store";
 
 /// Stands before every buffer that is handed out, so that all of it can be wiped.
 struct alignas(std::max_align_t) Header {
@@ -68,7 +68,7 @@ int ss_init_credential(ss_credential_s* credential, uint32_t w0, uint32_t w1, ui
 int ss_read(unsigned char** buffer, size_t* size, int, int, const char* name,
             const ss_credential_s* credential, int flags)
 {
-    return seam::answered(kStorageLine, [&] {
+    return seam::answered(kStorage, [&] {
         require(buffer != nullptr && size != nullptr &&
                 securerules::areArguments(name, credential, flags));
         const secret::Bytes data = store().read(*credential, name);
@@ -80,7 +80,7 @@ int ss_read(unsigned char** buffer, size_t* size, int, int, const char* name,
 int ss_write(const unsigned char* data, size_t size, const void*, int, const char* name,
              const ss_credential_s* credential, int flags)
 {
-    return seam::answered(kStorageLine, [&] {
+    return seam::answered(kStorage, [&] {
         require((data != nullptr || size == 0) && size <= securerules::kDataLimit &&
                 securerules::areArguments(name, credential, flags));
         store().write(*credential, name, data, size);
@@ -89,7 +89,7 @@ int ss_write(const unsigned char* data, size_t size, const void*, int, const cha
 
 int ss_delete(int, const char* name, const ss_credential_s* credential, int flags)
 {
-    return seam::answered(kStorageLine, [&] {
+    return seam::answered(kStorage, [&] {
         require(securerules::areArguments(name, credential, flags));
         store().remove(*credential, name);
     });
@@ -109,7 +109,7 @@ int ss_store_rsa_key(const ss_credential_s* credential, int type, int use,
                      const unsigned char* exponent, size_t exponent_size, int, int, int32_t* key_id,
                      int, int)
 {
-    return seam::answered(kKeyLine, [&] {
+    return seam::answered(kKeys, [&] {
         require(securerules::isCredential(credential) && type == SS_KEY_RSA && use == SS_KEY_SIGN &&
                 key_id != nullptr);
         const auto key = rawrsa::recover(modulus, modulus_size, exponent, exponent_size);
@@ -127,7 +127,7 @@ int ss_store_rsa_key(const ss_credential_s* credential, int type, int use,
 int ss_encrypt_by_key(const ss_credential_s* credential, int32_t key_id, unsigned char** block,
                       size_t* size, int, int)
 {
-    return seam::answered(kKeyLine, [&] {
+    return seam::answered(kKeys, [&] {
         require(securerules::isCredential(credential) && block != nullptr && *block != nullptr &&
                 size != nullptr && *size == rawrsa::kBlockSize);
         secret::Bytes result;
@@ -142,7 +142,7 @@ int ss_encrypt_by_key(const ss_credential_s* credential, int32_t key_id, unsigne
 
 int ss_remove_key(const ss_credential_s* credential, int32_t key_id)
 {
-    return seam::answered(kKeyLine, [&] {
+    return seam::answered(kKeys, [&] {
         require(securerules::isCredential(credential));
         keystore::instance().change(
             keystore::placeFromSettings(), [&](const pkcs11::Session& session) {
