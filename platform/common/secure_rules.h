@@ -10,7 +10,7 @@
 namespace securerules {
 
 constexpr std::size_t kNameLimit = 255;
-constexpr std::size_t kDataLimit = 1024 * 1024;
+constexpr std::size_t kDataLimit = std::size_t{1024} * 1024;
 constexpr int kSealed = 33;
 constexpr uint32_t kKind = 1;
 constexpr std::size_t kBlockSize = 256;

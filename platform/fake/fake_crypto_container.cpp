@@ -149,7 +149,7 @@ int deployment_get_key_material(unsigned char** sealed, size_t* size)
     auto* const copy = set ? static_cast<unsigned char*>(malloc(set->size() + 1)) : nullptr;
     if (copy == nullptr)
         return kFailed;
-    memcpy(copy, set->data(), set->size());
+    std::copy(set->begin(), set->end(), copy);
     *sealed = copy;
     *size = set->size();
     return 0;

@@ -97,7 +97,7 @@ bool Store::exists() const
 
 std::optional<secret::Bytes> Store::key(const Descriptor& folder) const
 {
-    const auto found = privatefile::readIn(folder, kKeyFile, seal::kKeySize);
+    auto found = privatefile::readIn(folder, kKeyFile, seal::kKeySize);
     if (found && found->size() != seal::kKeySize)
         throw secure::Error(SS_ERROR_ACCESS, m_folder + "/" + kKeyFile +
                                                  " does not have 32 bytes; put the right one back");
@@ -114,7 +114,7 @@ secret::Bytes Store::keyOrNew(const Descriptor& folder) const
         throw secure::Error(SS_ERROR_ACCESS,
                             m_folder + "/" + kKeyFile +
                                 " is missing; put it back, or empty the folder to start anew");
-    const secret::Bytes made = seal::random(seal::kKeySize);
+    secret::Bytes made = seal::random(seal::kKeySize);
     privatefile::replaceIn(folder, kKeyFile, made.data(), made.size());
     return made;
 }

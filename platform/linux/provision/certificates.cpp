@@ -20,7 +20,7 @@ struct FreeBio {
 };
 using Bio = std::unique_ptr<BIO, FreeBio>;
 
-constexpr long kDay = 24 * 60 * 60;
+constexpr long kDay = 24L * 60 * 60;
 constexpr long kVersion3 = 2;
 constexpr int kSerialBits = 127;
 

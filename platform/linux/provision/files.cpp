@@ -16,7 +16,7 @@ namespace provision {
 
 namespace {
 
-constexpr std::size_t kReadLimit = 64 * 1024;
+constexpr std::size_t kReadLimit = std::size_t{64} * 1024;
 
 [[noreturn]] void fail(const std::string& path, const char* what)
 {
