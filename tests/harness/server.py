@@ -5,7 +5,6 @@ It reads HTTP/1.1 no further than it must: requests are compared as bytes.
 import contextlib
 import dataclasses
 import socket
-import ssl
 import struct
 import threading
 
