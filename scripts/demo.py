@@ -9,7 +9,7 @@ import textwrap
 
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / "tests"))
 
-from harness import bus, certificates, daemon, device, methods, server  # noqa: E402
+from harness import bus, certificates, credentials, daemon, device, methods, server  # noqa: E402
 
 HOST = "store.localhost"
 
@@ -42,9 +42,10 @@ def call_all(caller, store):
 
 def run(folder, keep):
     authority = certificates.Authority()
-    store = server.StoreServer(authority.server_context(HOST))
+    keys = credentials.Credentials.make(pathlib.Path(folder) / "lab")
+    store = server.StoreServer(authority.server_context(HOST, clients=keys.authority))
     store.answer = answer
-    tv = device.Device(folder, f"{HOST}:{store.port}")
+    tv = device.Device(folder, keys, f"{HOST}:{store.port}")
     tv.ca_file.write_bytes(authority.pem)
     private_bus = bus.Bus(folder)
     service = daemon.Daemon(folder, private_bus.address, tv, level="info")

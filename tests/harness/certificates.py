@@ -18,8 +18,12 @@ class Authority:
         """Key and certificates of a server in one file, for programs that read such files."""
         return self._ca.issue_cert(*names).private_key_and_cert_chain_pem.bytes()
 
-    def server_context(self, *names, not_after=None):
-        """A context for a server that answers to these names."""
+    def server_context(self, *names, clients, not_after=None):
+        """A context for a server that answers to these names and lets in whoever has a certificate
+        of the authority in the file `clients`; None lets in everybody and asks nobody."""
         context = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
         self._ca.issue_cert(*names, not_after=not_after).configure_cert(context)
+        if clients is not None:
+            context.verify_mode = ssl.CERT_REQUIRED
+            context.load_verify_locations(clients)
         return context

@@ -26,7 +26,7 @@ SANITIZERS = {
 }
 
 NO_NAMESPACES = (
-    "the daemon's view of /opt/down/cert needs bubblewrap and mount namespaces, which are not "
+    "the daemon's view of its two folders of certificates needs bubblewrap and mount namespaces, which are not "
     "allowed here. An ordinary user may have them with `sysctl kernel.unprivileged_userns_clone=1` "
     "and `sysctl user.max_user_namespaces=10000`; a container needs them from its host "
     "(for instance `--cap-add SYS_ADMIN --security-opt seccomp=unconfined`)")
@@ -42,10 +42,20 @@ def is_sanitized():
     return b"__sanitizer" in binary().read_bytes()
 
 
-def bubblewrap(certificates):
-    """A command line that gives what follows it a /opt of its own."""
-    return ["bwrap", "--die-with-parent", "--cap-drop", "ALL", "--dev-bind", "/", "/",
-            "--tmpfs", "/opt", "--ro-bind", str(certificates), "/opt/down/cert"]
+CERTIFICATES = "/usr/apps/org.plevo.billing-api/res/certificate"
+
+
+def bubblewrap(ca_folder, certificates):
+    """A command line that gives what follows it a /opt of its own, and a /usr that is the machine's
+    with the device's certificate in it."""
+    command = ["bwrap", "--die-with-parent", "--cap-drop", "ALL", "--dev-bind", "/", "/",
+               "--tmpfs", "/opt", "--ro-bind", str(ca_folder), "/opt/down/cert", "--tmpfs", "/usr"]
+    for entry in os.scandir("/usr"):
+        if entry.is_symlink():
+            command += ["--symlink", os.readlink(entry.path), entry.path]
+        else:
+            command += ["--ro-bind", entry.path, entry.path]
+    return [*command, "--ro-bind", str(certificates), CERTIFICATES]
 
 
 def why_no_view():
@@ -54,7 +64,7 @@ def why_no_view():
         return "bubblewrap is not installed"
     if not os.path.isdir("/opt"):
         return "there is no folder /opt to put the daemon's own one over"
-    tried = subprocess.run([*bubblewrap("/tmp"), "--unshare-net", "true"], capture_output=True,
+    tried = subprocess.run([*bubblewrap("/tmp", "/tmp"), "--unshare-net", "true"], capture_output=True,
                            text=True, check=False)
     return None if tried.returncode == 0 else f"{NO_NAMESPACES} ({tried.stderr.strip()})"
 
@@ -97,7 +107,7 @@ class Daemon:
             "PATH": "/usr/bin:/bin", "DBUS_SYSTEM_BUS_ADDRESS": bus_address,
             "PLEVO_DEVICE_CONF": str(device.file), "PLEVO_LOG_LEVEL": level,
             "XDG_RUNTIME_DIR": str(runtime), "G_DEBUG": "fatal-criticals",
-            **SANITIZERS, **(environment or {})}
+            **device.credentials.environment, **SANITIZERS, **(environment or {})}
         self.pid = 0
         with open(self.log_file, "wb") as log, term_blocked():
             self._start(device, view, namespace, log)
@@ -112,7 +122,7 @@ class Daemon:
             self.pid = self._process.pid
             return
         told, tell = os.pipe()
-        prefix = bubblewrap(device.certificates)
+        prefix = bubblewrap(device.certificates, device.credentials.certificates)
         if namespace is not None:
             prefix += ["--unshare-net", "--cap-add", "CAP_NET_ADMIN"]
         self._process = self._popen([*prefix, "--info-fd", str(tell), "--", *command], log,

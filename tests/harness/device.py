@@ -1,4 +1,4 @@
-"""What a device is to the daemon: its settings file and the folder of its CA bundle."""
+"""What a device is to the daemon: its settings file, its CA bundle, its certificate and its key store."""
 import copy
 import os
 import pathlib
@@ -13,11 +13,13 @@ SECRETS = (TOKEN, DUID, GUID, UID)
 
 
 class Device:
-    """A device in a folder of the caller's. `settings` takes effect with write()."""
+    """A device in a folder of the caller's, with the credentials that it is given. `settings` takes
+    effect with write()."""
 
-    def __init__(self, folder, host="localhost:1", sandbox=None):
+    def __init__(self, folder, credentials, host="localhost:1", sandbox=None):
         folder = pathlib.Path(folder)
         self.file = folder / "device.conf"
+        self.credentials = credentials
         self.certificates = folder / "cert"
         self.certificates.mkdir()
         self.settings = copy.deepcopy({
@@ -30,6 +32,8 @@ class Device:
             "network": {"default_gateway": "up"},
             "deployment": {"production_host": host, "sandbox_host": sandbox or host},
         })
+        for group, values in credentials.settings.items():
+            self.settings.setdefault(group, {}).update(values)
         self.write()
 
     def set(self, group, key, value):

@@ -8,7 +8,7 @@ import pytest
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1]))
 
 from harness import bus as message_bus  # noqa: E402
-from harness import certificates, daemon, device, server  # noqa: E402
+from harness import certificates, credentials, daemon, device, server  # noqa: E402
 
 # A shell ignores it in what it runs in the background, and a daemon would inherit that.
 signal.signal(signal.SIGINT, signal.default_int_handler)
@@ -23,8 +23,15 @@ def authority():
 
 
 @pytest.fixture(scope="session")
-def server_context(authority):
-    return authority.server_context(*HOSTS)
+def provisioned(tmp_path_factory):
+    """A device's credentials. Not to be changed: each test's device has a copy."""
+    return credentials.Credentials.make(tmp_path_factory.mktemp("device") / "lab")
+
+
+@pytest.fixture(scope="session")
+def server_context(authority, provisioned):
+    """It demands the device's certificate, as the store does."""
+    return authority.server_context(*HOSTS, clients=provisioned.authority)
 
 
 @pytest.fixture
@@ -69,9 +76,10 @@ def store(server_context):
 
 
 @pytest.fixture
-def a_device(tmp_path, store, authority):
-    """A device that knows the store server and trusts it."""
-    made = device.Device(tmp_path, f"production.localhost:{store.port}",
+def a_device(tmp_path, store, authority, provisioned):
+    """A device that knows the store server and trusts it, and that the store server knows."""
+    made = device.Device(tmp_path, provisioned.copy_to(tmp_path / "lab"),
+                         f"production.localhost:{store.port}",
                          f"sandbox.localhost:{store.port}")
     made.ca_file.write_bytes(authority.pem)
     return made

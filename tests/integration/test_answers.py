@@ -65,15 +65,16 @@ def other_store(request):
 
 
 def untrusted(_authority):
-    return certificates.Authority().server_context("localhost")
+    return certificates.Authority().server_context("localhost", clients=None)
 
 
 def for_another_host(authority):
-    return authority.server_context("elsewhere.example")
+    return authority.server_context("elsewhere.example", clients=None)
 
 
 def expired(authority):
-    return authority.server_context("localhost", not_after=datetime.datetime(2001, 1, 1))
+    return authority.server_context("localhost", clients=None,
+                                    not_after=datetime.datetime(2001, 1, 1))
 
 
 @pytest.mark.parametrize("wrong", [untrusted, for_another_host, expired])

@@ -130,12 +130,18 @@ def test_a_file_that_was_mended_is_used_without_a_restart(service, caller, store
     assert caller.call("check_server_availability") == (0, "{}")
 
 
-def test_a_daemon_that_starts_without_a_file_serves_when_it_is_there(needs_view, start_daemon,
-                                                                    caller, store, a_device):
+def test_a_daemon_that_starts_without_a_file_has_no_key_until_it_starts_again(
+        needs_view, start_daemon, caller, store, a_device):
     os.remove(a_device.file)
-    process = start_daemon()
-    process.wait_for_name(caller)
+    first = start_daemon()
+    first.wait_for_name(caller)
+    assert caller.call("check_server_availability") in (NO_NETWORK, TRY_LATER)
+
     a_device.write()
+    assert caller.call("check_server_availability") == (-1, ""), "the store demands a certificate"
+    first.stop()
+
+    start_daemon().wait_for_name(caller)
     assert caller.call("check_server_availability") == (0, "{}")
 
 

@@ -322,7 +322,7 @@ bool ComesToRest(CHttpConnector& oConnector)
 }
 
 /// @return whether the connector stops in time with requests that nobody will answer
-bool StopsWithHungRequests(std::unique_ptr<CHttpConnector> poConnector, const std::string& strUrl)
+bool StopsWithHungRequests(CHttpConnector& oConnector, const std::string& strUrl)
 {
     static int iUser = 0;
     for (int i = 0; i < 100; ++i) {
@@ -331,14 +331,14 @@ bool StopsWithHungRequests(std::unique_ptr<CHttpConnector> poConnector, const st
         tRequest.strUrl = strUrl + "/never";
         tRequest.pfnCallback = OnResponseAfterStop;
         tRequest.pUserData = &iUser;
-        if (!poConnector->Get(&tRequest, false)) {
+        if (!oConnector.Get(&tRequest, false)) {
             return false;
         }
     }
     std::this_thread::sleep_for(std::chrono::milliseconds(200));
     const auto start = Clock::now();
-    poConnector->Destroy();
-    poConnector.reset();
+    oConnector.Destroy();
+    BillingDeleteInstance<CHttpConnector>();
     const double seconds = SecondsSince(start);
     std::printf("stopped with 100 hung requests in %.1f ms, answered after that: %u\n",
                 1000 * seconds, g_uAnsweredAfterStop.load());
@@ -358,8 +358,9 @@ bool Run(std::size_t count, unsigned seed)
     options.identity = &identity;
     test::TestServer tls(Serve, options);
 
-    auto poConnector = std::make_unique<CHttpConnector>();
-    if (!poConnector->Create()) {
+    // The one of the process: each new connection's TLS context asks for it.
+    auto& oConnector = *BillingInstance<CHttpConnector>();
+    if (!oConnector.Create()) {
         return false;
     }
     Ledger ledger(count);
@@ -369,14 +370,14 @@ bool Run(std::size_t count, unsigned seed)
     {
         const Watchdog watchdog(ledger);
         const auto start = Clock::now();
-        Submit(*poConnector, ledger, mix, count);
+        Submit(oConnector, ledger, mix, count);
         seconds = SecondsSince(start);
     }
-    bool ok = ComesToRest(*poConnector);
+    bool ok = ComesToRest(oConnector);
     ok = ledger.report(seconds) && ok;
     std::printf("connections: %d plain, %d TLS (%d full handshakes)\n", plain.connections(),
                 tls.connections(), tls.fullHandshakes());
-    return StopsWithHungRequests(std::move(poConnector), plain.url()) && ok;
+    return StopsWithHungRequests(oConnector, plain.url()) && ok;
 }
 
 }  // namespace

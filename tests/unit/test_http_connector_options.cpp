@@ -21,11 +21,18 @@ TEST_F(AConnector, SetsTheOptionsOfATlsGetInOrder)
     EXPECT_THAT(optionsOf(tInfo),
                 ElementsAre("17 1", "50 'https://host/path'", "78 callback", "86 pointer", "30 90",
                             "33 90", "92 pointer", "3 1", "67 ''", "69 ''", "34 3", "1 1",
-                            "63 '/opt/down/cert/ca.pem'", "66 ''", "68 ''", "39 1", "38 2",
-                            "75 'A: 1''Expect:'"));
+                            "63 '/opt/down/cert/ca.pem'", "66 ''", "68 ''", "83 context callback",
+                            "90 pointer", "39 1", "38 2", "75 'A: 1''Expect:'"));
     EXPECT_EQ(Curl().pfnWrite, &CHttpConnector::WriteDataCBFunc);
+    EXPECT_EQ(Curl().pfnSslContext, &CHttpConnector::sslctxfun);
+    EXPECT_EQ(Curl().pSslContextData, m_connector.get());
     EXPECT_TRUE(tInfo.bOptionsSet);
+    char szAddresses[128];
+    std::snprintf(szAddresses, sizeof szAddresses, "Set MZCurl::SSL_CTX_FUNCTION %p for this %p",
+                  reinterpret_cast<const void*>(CHttpConnector::sslctxfun),
+                  static_cast<const void*>(m_connector.get()));
     EXPECT_THAT(LoggedLines(), ElementsAre(OPTIONS.error(SET_OPTIONS, "Setup SSL options"),
+                                           OPTIONS.info(SET_OPTIONS, szAddresses),
                                            OPTIONS.debug(SET_OPTIONS, "[END] ")));
 }
 
@@ -97,6 +104,8 @@ INSTANTIATE_TEST_SUITE_P(
                       Refusal{63, 1, true, "Set MZCurl::CAINFO error = [no]"},
                       Refusal{66, 1, true, "Set MZCurl::SSLCERT error = [no]"},
                       Refusal{68, 1, true, "Set MZCurl::SSLKEY error = [no]"},
+                      Refusal{83, 1, true, "Set MZCurl::SSL_CTX_FUNCTION error = [no]"},
+                      Refusal{90, 1, true, "Set MZCurl::SSL_CTX_DATA error = [no]"},
                       Refusal{39, 1, true, "Set MZCurl::SSL_VERIFYPEER error = [no]"},
                       Refusal{38, 1, true, "Set MZCurl::SSL_VERIFYHOST error = [no]"},
                       Refusal{75, 1, true, "Set MZCurl::HTTPHEADER error = [no]"}));

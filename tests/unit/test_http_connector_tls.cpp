@@ -191,4 +191,40 @@ TEST_F(ATlsContext, SaysThatItDoesNotAcceptAKey)
 
 // --- preparation ---
 
+class AConnectorWithCredentials : public ATlsContext {
+protected:
+    void TearDown() override
+    {
+        m_oConnector.Destroy();
+        ATlsContext::TearDown();
+    }
+
+    CHttpConnector& m_oConnector = *BillingInstance<CHttpConnector>();
+};
+
+TEST_F(AConnectorWithCredentials, HasTheKeyVerifiedWhenItIsCreated)
+{
+    EXPECT_TRUE(m_oConnector.Create());
+
+    EXPECT_NE(CBillingSingleton<CBillingSecureStorageUtil>::m_pObj, nullptr);
+    EXPECT_EQ(LoggedLines().back(), LinesOf{"BillingSecureStorageUtilKey.cpp"}.info(
+                                        "CBillingSecureStorageUtil", "Private key is valid"));
+}
+
+TEST_F(AConnectorWithCredentials, IsCreatedThoughTheKeyStoreCannotBeReached)
+{
+    fake::platform().fails("ss_encrypt_by_key", SS_ERROR_UNAVAILABLE);
+
+    EXPECT_TRUE(m_oConnector.Create()) << "a token that comes back works at once";
+}
+
+TEST_F(AConnectorWithCredentials, IsNotCreatedWithoutMemoryForThem)
+{
+    FailNothrowAllocation(1);
+
+    EXPECT_FALSE(m_oConnector.Create());
+
+    EXPECT_EQ(LoggedLines().back(), CONNECTOR.refused("Create", "NULL == poSS"));
+}
+
 }  // namespace

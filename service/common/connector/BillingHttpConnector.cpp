@@ -3,6 +3,7 @@
 #include "BillingHttpConnector.h"
 
 #include "BillingLog.h"
+#include "BillingSecureStorageUtil.h"
 
 #include <algorithm>
 #include <cstdio>
@@ -76,9 +77,19 @@ bool CHttpConnector::Create()
     BILLING_RETURN_IF(FlagCreate(), false);
     m_pContext = g_main_context_new();
     m_pLoop = g_main_loop_new(m_pContext, FALSE);
+    if (!m_StartWorker()) {
+        return false;
+    }
+    auto* poSS = BillingInstance<CBillingSecureStorageUtil>();
+    BILLING_RETURN_IF(NULL == poSS, false);
+    poSS->SecureStore_rsa_key();
+    return true;
+}
 
-    // A request, or a quit, that comes before the loop runs would be lost, or run on the wrong
-    // thread: so the worker's first turn is waited for.
+// A request, or a quit, that comes before the loop runs would be lost, or run on the wrong thread:
+// so the worker's first turn is waited for.
+bool CHttpConnector::m_StartWorker()
+{
     CBillingSync oStarted;
     oStarted.Create();
     WorkerStart tStart{m_oMulti, oStarted};

@@ -63,8 +63,9 @@ public:
     CHttpConnector(const CHttpConnector&) = delete;
     CHttpConnector& operator=(const CHttpConnector&) = delete;
 
-    /// Starts the worker and returns once it takes requests. @return false when the thread could
-    /// not be started
+    /// Starts the worker, returns once it takes requests, and has the device's credentials
+    /// prepared. @return false when the thread could not be started, or there is no memory for the
+    /// credentials; a key that cannot be used is logged and fails nothing here
     bool Create();
     /// Stops the worker. Requests in flight are neither completed nor freed; their callbacks never
     /// run.
@@ -108,6 +109,7 @@ private:
     friend struct ConnectorProbe;  // the tests' view of the steps below
     using RequestList = std::list<_BILLING_REQ_HANDLER_t*>;
 
+    bool m_StartWorker();
     bool m_HttpAsyncRequest(_BILLING_HTTP_REQ_INFO_T* ptReqInfo);
     bool m_HttpSyncRequest(_BILLING_HTTP_REQ_INFO_T* ptReqInfo);
     bool m_InitRequest(_BILLING_REQ_HANDLER_t* ptReqHandler);

@@ -52,7 +52,7 @@ bool SetMethod(MZCurlEasy& oEasy, const _BILLING_HTTP_REQ_INFO_T& tReqInfo)
     }
 }
 
-bool SetSsl(MZCurlEasy& oEasy, bool bSSL)
+bool SetSsl(MZCurlEasy& oEasy, bool bSSL, CHttpConnector* poConnector)
 {
     const std::string strNone;
     if (!bSSL) {
@@ -67,6 +67,13 @@ bool SetSsl(MZCurlEasy& oEasy, bool bSSL)
     SET_OR_RETURN(MZCURL_OPT_CAINFO, std::string(CA_BUNDLE), "Set MZCurl::CAINFO error = [%s]");
     SET_OR_RETURN(MZCURL_OPT_SSLCERT, strNone, "Set MZCurl::SSLCERT error = [%s]");
     SET_OR_RETURN(MZCURL_OPT_SSLKEY, strNone, "Set MZCurl::SSLKEY error = [%s]");
+    BILLING_INFO_AS(OPERATION, "Set MZCurl::SSL_CTX_FUNCTION %p for this %p",
+                    reinterpret_cast<const void*>(CHttpConnector::sslctxfun),
+                    static_cast<const void*>(poConnector));
+    SET_OR_RETURN(MZCURL_OPT_SSL_CTX_FUNCTION, CHttpConnector::sslctxfun,
+                  "Set MZCurl::SSL_CTX_FUNCTION error = [%s]");
+    SET_OR_RETURN(MZCURL_OPT_SSL_CTX_DATA, static_cast<void*>(poConnector),
+                  "Set MZCurl::SSL_CTX_DATA error = [%s]");
     SET_OR_RETURN(MZCURL_OPT_SSL_VERIFYPEER, 1, "Set MZCurl::SSL_VERIFYPEER error = [%s]");
     SET_OR_RETURN(MZCURL_OPT_SSL_VERIFYHOST, 2, "Set MZCurl::SSL_VERIFYHOST error = [%s]");
     return true;
@@ -111,7 +118,7 @@ bool CHttpConnector::m_SetEasyHandleOptions(_BILLING_REQ_HANDLER_t* ptHandler)
     oEasy.setOption(MZCurl::MZCURL_OPT_RESERVED_3, 1);
     SET_OR_RETURN(MZCURL_OPT_SSLCERTTYPE, strDefault, "Set MZCurl::SSLCERTTYPE error = [%s]");
     SET_OR_RETURN(MZCURL_OPT_SSLKEYTYPE, strDefault, "Set MZCurl::SSLKEYTYPE error = [%s]");
-    if (!SetSsl(oEasy, tReqInfo.bSSL)) {
+    if (!SetSsl(oEasy, tReqInfo.bSSL, this)) {
         return false;
     }
     SET_OR_RETURN(MZCURL_OPT_HTTPHEADER, HeaderList(tReqInfo.strHeader),

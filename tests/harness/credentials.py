@@ -1,0 +1,53 @@
+"""What a device proves itself with: a token with its key, and the certificate for that key."""
+import configparser
+import os
+import pathlib
+import shutil
+import subprocess
+
+from . import daemon
+
+
+def provision_tool():
+    """billing-provision of the same build as the daemon."""
+    return daemon.binary().parents[1] / "platform" / "linux" / "provision" / "billing-provision"
+
+
+class Credentials:
+    """A device made by billing-provision, in a folder of the caller's: its authority's root
+    certificate, its own certificate, and its token."""
+
+    def __init__(self, folder):
+        self.folder = pathlib.Path(folder)
+        self.authority = self.folder / "ca.pem"
+        self.token = self.folder / "tokens"
+        self.environment = {"SOFTHSM2_CONF": str(self.folder / "softhsm2.conf")}
+        self.certificates = self.folder / "certificate"
+        self.certificate = self.certificates / "bgclient.crt"
+
+    @classmethod
+    def make(cls, folder):
+        made = cls(folder)
+        subprocess.run([provision_tool(), "lab", folder], check=True, capture_output=True,
+                       env={**os.environ, **daemon.SANITIZERS})
+        # A folder of its own: the daemon sees nothing else of this one.
+        made.certificates.mkdir()
+        shutil.move(made.folder / "bgclient.crt", made.certificate)
+        return made
+
+    def copy_to(self, folder):
+        """The same device once more, with a token that may be broken or taken away."""
+        copied = type(self)(folder)
+        shutil.copytree(self.folder, copied.folder)
+        for name in ("device.conf", "softhsm2.conf"):
+            file = copied.folder / name
+            file.write_text(file.read_text().replace(str(self.folder), str(copied.folder)))
+        return copied
+
+    @property
+    def settings(self):
+        """The settings that name the key and its store, by group."""
+        read = configparser.ConfigParser(delimiters="=", interpolation=None)
+        read.read(self.folder / "device.conf")
+        return {"deployment": {key: read["deployment"][key] for key in ("credential", "key_id")},
+                "keystore": dict(read["keystore"])}
