@@ -1,0 +1,1 @@
+"""The store lab: a store of one's own, with a device in front of it."""

@@ -1,0 +1,207 @@
+"""The catalogue: what the store sells and where, who its users are, and what they have bought.
+
+One JSON file. Whatever is wrong with it is said at once, each with its line and its cure.
+"""
+import difflib
+import json
+import pathlib
+from collections.abc import Iterator
+
+import jsonschema
+
+from .faults import RESERVED
+from .json_lines import Path, lines_of
+
+_HERE = pathlib.Path(__file__).parent
+_SCHEMA = json.loads((_HERE / "catalogue.schema.json").read_text(encoding="utf-8"))
+DEFAULT_FILE = _HERE / "catalogue.json"
+LARGEST_FILE = 16 << 20
+
+
+class CatalogueError(Exception):
+    """One line for each thing that is wrong: file, line, cause and cure."""
+
+
+def load(file: pathlib.Path) -> dict:
+    """Reads a catalogue, with the bodies that it names in files."""
+    try:
+        if file.stat().st_size > LARGEST_FILE:
+            raise CatalogueError(f"{file}: larger than 16 MiB; leave out what no test needs")
+        text = file.read_text(encoding="utf-8")
+    except OSError as error:
+        raise CatalogueError(f"{file}: {error.strerror}; name a catalogue that can be read") from None
+    except UnicodeDecodeError as error:
+        raise CatalogueError(f"{file}: byte {error.start + 1} is not UTF-8; save it as UTF-8") from None
+    return parse(text, str(file), file.parent)
+
+
+def parse(text: str, name: str, folder: pathlib.Path) -> dict:
+    """@param name what errors call it. @param folder where the files of `answers` are looked for"""
+    try:
+        catalogue = json.loads(text, object_pairs_hook=_without_doubles)
+        lines = lines_of(text)
+    except json.JSONDecodeError as error:
+        raise CatalogueError(f"{name}:{error.lineno}: no valid JSON ({error.msg}); look at column "
+                             f"{error.colno} and just before it") from None
+    except _Double as error:
+        raise CatalogueError(f"{name}: the name {error} stands twice in one object; take one "
+                             "out") from None
+    except RecursionError:
+        raise CatalogueError(f"{name}: nested too deep for a catalogue; start from the sample, which "
+                             "`billing-lab seed --help` names") from None
+    problems = list(_against_schema(catalogue)) or list(_against_itself(catalogue, folder))
+    if problems:
+        numbered = sorted((lines.get(path, 1), problem) for path, problem in problems)
+        raise CatalogueError("\n".join(f"{name}:{line}: {problem}" for line, problem in numbered))
+    return _with_bodies(catalogue, folder)
+
+
+class _Double(Exception):
+    pass
+
+
+def _without_doubles(pairs: list) -> dict:
+    read = dict(pairs)
+    if len(read) < len(pairs):
+        names = [name for name, _ in pairs]
+        raise _Double(json.dumps(next(name for name in names if names.count(name) > 1)))
+    return read
+
+
+# The first form of it. Anything else is about paths that exist then.
+
+def _against_schema(catalogue: object) -> Iterator[tuple[Path, str]]:
+    validator = jsonschema.Draft202012Validator(_SCHEMA)
+    for error in validator.iter_errors(catalogue):
+        yield from _explain(error)
+
+
+def _explain(error: jsonschema.ValidationError) -> Iterator[tuple[Path, str]]:
+    path = tuple(error.absolute_path)
+    where = _name(path)
+    if error.validator == "required":
+        missing = [name for name in error.validator_value if name not in error.instance]
+        yield path, f"{where} lacks {_list(missing)}; add {'it' if len(missing) == 1 else 'them'}"
+    elif error.validator == "additionalProperties" and isinstance(error.validator_value, bool):
+        known = list(error.schema["properties"])
+        for name in error.instance:
+            if name not in known:
+                close = difflib.get_close_matches(name, known, 1)
+                cure = f"did you mean {json.dumps(close[0])}?" if close else f"known are {_list(known)}"
+                yield (*path, name), f"{where} has an unknown member {json.dumps(name)}; {cure}"
+    elif "propertyNames" in error.absolute_schema_path:
+        yield (*path, error.instance), f"{json.dumps(error.instance)} in {where}: {_cure(error)}"
+    else:
+        yield path, f"{where} is {_short(error.instance)}; {_cure(error)}"
+
+
+def _cure(error: jsonschema.ValidationError) -> str:
+    if error.validator == "enum":
+        return f"write one of {_list(error.validator_value)}"
+    if error.validator in ("minItems", "minProperties"):
+        return "put at least one in"
+    if "description" in error.schema:
+        return f"write {error.schema['description']}"
+    kind = {"object": "an object { }", "array": "a list [ ]", "string": "a text in quotes",
+            "boolean": "true or false"}.get(str(error.validator_value), str(error.validator_value))
+    return f"write {kind}"
+
+
+def _name(path: Path) -> str:
+    if not path:
+        return "the catalogue"
+    return "".join(f"[{part}]" if isinstance(part, int) else f".{part}" for part in path).lstrip(".")
+
+
+def _list(names: list) -> str:
+    return ", ".join(json.dumps(name) for name in names)
+
+
+def _short(value: object) -> str:
+    text = json.dumps(value, ensure_ascii=False)
+    return text if len(text) <= 60 else text[:57] + "..."
+
+
+# What one place says about another.
+
+def _against_itself(catalogue: dict, folder: pathlib.Path) -> Iterator[tuple[Path, str]]:
+    yield from _doubles(catalogue)
+    yield from _products(catalogue)
+    yield from _invoices(catalogue)
+    yield from _answers(catalogue, folder)
+
+
+def _doubles(catalogue: dict) -> Iterator[tuple[Path, str]]:
+    lists: list[tuple[Path, list, str]] = [
+        (("apps",), catalogue["apps"], "id"), (("users",), catalogue["users"], "uid"),
+        (("users",), catalogue["users"], "guid"),
+        (("invoices",), catalogue.get("invoices", []), "id")]
+    lists += [(("apps", i, "products"), app["products"], "id")
+              for i, app in enumerate(catalogue["apps"])]
+    for path, items, key in lists:
+        seen: set[str] = set()
+        for i, item in enumerate(items):
+            if item[key] in seen:
+                yield ((*path, i, key), f"{_name((*path, i, key))} {json.dumps(item[key])} is there "
+                       "already; give it another")
+            seen.add(item[key])
+
+
+def _products(catalogue: dict) -> Iterator[tuple[Path, str]]:
+    for i, app in enumerate(catalogue["apps"]):
+        for j, product in enumerate(app["products"]):
+            path = ("apps", i, "products", j)
+            if product["id"].startswith(RESERVED):
+                yield (*path, "id"), (f"ids that begin with {RESERVED} force outcomes and are never "
+                                      "listed; name it otherwise")
+            for country in product["prices"]:
+                if country not in catalogue["countries"]:
+                    yield ((*path, "prices", country), f"{json.dumps(country)} is none of the "
+                           "countries; add it there, or take this price out")
+
+
+def _invoices(catalogue: dict) -> Iterator[tuple[Path, str]]:
+    products = {app["id"]: {product["id"] for product in app["products"]}
+                for app in catalogue["apps"]}
+    users = {user["uid"] for user in catalogue["users"]}
+    for i, invoice in enumerate(catalogue.get("invoices", [])):
+        known = (("user", users, "users"), ("app", products, "apps"),
+                 ("product", products.get(invoice["app"], ()), "app's products"),
+                 ("country", catalogue["countries"], "countries"))
+        for key, names, what in known:
+            if invoice[key] not in names:
+                yield (("invoices", i, key), f"invoices[{i}].{key} {json.dumps(invoice[key])} is none "
+                       f"of the {what}; add it there, or name one of {_list(sorted(names))}")
+
+
+def _answers(catalogue: dict, folder: pathlib.Path) -> Iterator[tuple[Path, str]]:
+    for endpoint, answer in catalogue.get("answers", {}).items():
+        path = ("answers", endpoint)
+        if len({"text", "json", "file"} & set(answer)) != 1:
+            yield path, f"{_name(path)} needs exactly one of \"text\", \"json\" and \"file\""
+        elif "file" in answer and not (folder / answer["file"]).is_file():
+            yield ((*path, "file"), f"there is no file {folder / answer['file']}; its path begins at "
+                   "the catalogue's folder")
+
+
+def _with_bodies(catalogue: dict, folder: pathlib.Path) -> dict:
+    """Every answer with its body as bytes' text (latin-1), wherever it came from."""
+    for answer in catalogue.get("answers", {}).values():
+        if "file" in answer:
+            body = (folder / answer.pop("file")).read_bytes()
+        elif "json" in answer:
+            body = json.dumps(answer.pop("json"), ensure_ascii=False).encode()
+        else:
+            body = answer.pop("text").encode()
+        answer["body"] = body.decode("latin-1")
+    return catalogue
+
+
+def text_in(title: str | dict, language: str) -> str:
+    """A title in a language, else in its main language, else in English, else in any."""
+    if isinstance(title, str):
+        return title
+    for code in (language, language.split("-")[0], "en"):
+        if code in title:
+            return title[code]
+    return next(iter(title.values()))

@@ -1,0 +1,90 @@
+"""Is a request exactly what it should be? Line, headers and body are compared byte for byte; what the
+caller of a method chooses may be anything."""
+import re
+
+from .store import PATHS
+
+_ANY = r"(?:.*)"
+_TEXT = r'(?:[^"\\]|\\.)*'
+_BODY_KEYS = ("GUID", "UID", "appId", "countryCode", "customId", "invoiceId", "languageCode", "storeId",
+              "storeProdCode")
+
+
+def languages(locale: str) -> str:
+    """A pattern of the codes that may stand for a locale: a language of its own name, with a region or
+    not; "no" for Nynorsk; "ko" where the locale cannot be read, "en" where it is not known."""
+    language = re.escape(re.split("[_.-]", locale)[0])
+    own = f"{language}(?:-[A-Z]{{2}})?" if locale else "ko"
+    return f"(?:{own}|no|en)" if locale.startswith("nn") else f"(?:{own}|en)"
+
+
+def _query(endpoint: str, device: dict) -> str:
+    value = {name: re.escape(device[name]) for name in ("uid", "guid", "country")}
+    language = languages(device["locale"])
+    pieces = {
+        "country": ("storeid=1", "storeprodcode=1", f"guid={value['uid']}", f"uid={value['uid']}",
+                    f"lang={language}", f"countrycode={value['country']}"),
+        "products": (f"appid={_ANY}", f"guid={value['guid']}", f"uid={value['uid']}", "storeid=1",
+                     "storeprodcode=1", f"countrycode={value['country']}", f"languagecode={language}",
+                     f"checkvalue={_ANY}"),
+        "invoices": (f"customid={value['uid']}", f"countrycode={value['country']}",
+                     f"languagecode={language}", f"GUID={value['guid']}", f"UID={value['uid']}",
+                     "storeid=1", "storeprodcode=1", "pagesize=20", "startidx=1", "reqtype=2"),
+    }.get(endpoint)
+    return r"\?" + "&".join(pieces) if pieces else ""
+
+
+def _body(device: dict) -> str:
+    fixed = {"GUID": device["guid"], "UID": device["uid"], "countryCode": device["country"],
+             "storeId": "1", "storeProdCode": "1"}
+    values = {key: re.escape(value) for key, value in fixed.items()}
+    values["languageCode"] = languages(device["locale"])
+    members = ",\n".join(f'   "{key}" : "{values.get(key, _TEXT)}"' for key in _BODY_KEYS)
+    return "\\{\n" + members + "\n\\}\n"
+
+
+def _headers(endpoint: str, device: dict, size: int) -> list[str]:
+    lines = [f"Host: {device['host']}", "Content-Type: application/json; charset=utf-8",
+             "Accept: application/json"]
+    # A header without a value is not sent.
+    lines += [f"{name}: {value}" for name, value in
+              (("DUID", device["duid"]), ("Atoken", device["token"])) if value]
+    if endpoint == "invoices":
+        lines += ["TvYear: 15", "TvVersion: 1.2"]
+    if endpoint in ("apply", "confirm"):
+        lines.append(f"Content-Length: {size}")
+    return lines
+
+
+def differences(raw: bytes, endpoint: str | None, device: dict, certificate: dict | None) -> list[str]:
+    """What differs from the request that the service sends on this device; nothing when it is exact.
+
+    @param device its host, certificate (a SHA-256), token, duid, guid, uid, country and locale
+    """
+    if endpoint is None:
+        return ["the service asks for no such thing"]
+    head, _, body = (part.decode("utf-8", "backslashreplace") for part in raw.partition(b"\r\n\r\n"))
+    line, *headers = head.split("\r\n")
+    found = []
+    if (certificate or {}).get("sha256") != device["certificate"]:
+        found.append("the certificate is not the device's")
+    method, path = next(key for key, name in PATHS.items() if name == endpoint)
+    wanted = f"{method} {re.escape(path)}{_query(endpoint, device)} HTTP/1\\.1"
+    if not re.fullmatch(wanted, line, re.DOTALL):
+        found.append(f"the request line is {line!r}")
+    size = len(raw.partition(b"\r\n\r\n")[2])
+    found += _header_differences(headers, _headers(endpoint, device, size))
+    if endpoint in ("apply", "confirm"):
+        if not re.fullmatch(_body(device), body, re.DOTALL):
+            found.append("the body is not the nine members in their layout")
+    elif body:
+        found.append(f"it has a body of {size} bytes")
+    return found
+
+
+def _header_differences(sent: list[str], wanted: list[str]) -> list[str]:
+    if sent == wanted:
+        return []
+    found = [f"there is no header {line!r}" for line in wanted if line not in sent]
+    found += [f"there is a header {line!r}" for line in sent if line not in wanted]
+    return found or ["the headers stand in another order"]

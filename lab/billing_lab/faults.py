@@ -1,0 +1,172 @@
+"""Faults: what goes wrong with an answer, for whom, and for how long.
+
+A fault draws its own random numbers from its own seed, so that a run repeats.
+"""
+import dataclasses
+import random
+from collections.abc import Iterable
+
+# Product ids that force an outcome begin with this, so that nobody ships one.
+RESERVED = "NEVER-SHIP."
+
+ENDPOINTS = ("country", "products", "invoices", "apply", "confirm")
+
+
+@dataclasses.dataclass(frozen=True)
+class Option:
+    """A number that a kind of fault takes, in `unit`."""
+
+    default: int
+    least: int
+    most: int
+    unit: str
+
+
+@dataclasses.dataclass(frozen=True)
+class Kind:
+    """`done`: does the store do its work first, unless told otherwise?"""
+
+    what: str
+    options: dict[str, Option]
+    done: bool
+
+
+KINDS = {
+    "status": Kind("an HTTP status with an error body",
+                   {"code": Option(500, 200, 599, "HTTP status")}, False),
+    "malformed": Kind("the body is JSON that breaks off, in an answer that is whole", {}, True),
+    "invalid-utf8": Kind("the body holds bytes that are no UTF-8", {}, True),
+    "delay": Kind("the answer comes late", {"ms": Option(1000, 1, 600_000, "milliseconds")}, True),
+    "drip": Kind("the body comes byte by byte, with a pause after each",
+                 {"ms": Option(20, 1, 60_000, "milliseconds")}, True),
+    "truncate": Kind("the connection ends in the middle of the body", {}, True),
+    "reset": Kind("the connection is reset before an answer", {}, False),
+    "hang": Kind("no answer; the connection ends when the fault does", {}, False),
+    "huge": Kind("the body is this long and means nothing",
+                 {"mib": Option(40, 1, 4096, "MiB")}, True),
+}
+
+
+class FaultError(ValueError):
+    """What is wrong with a fault that was asked for, in one line."""
+
+
+@dataclasses.dataclass
+class Fault:
+    """One fault. What is None does not restrict it."""
+
+    kind: str
+    options: dict[str, int]
+    endpoint: str | None = None
+    app: str | None = None
+    user: str | None = None
+    left: int | None = None
+    until: float | None = None
+    chance: float = 1.0
+    seed: int = 1
+    done: bool = False
+    number: int = 0
+    draw: random.Random = dataclasses.field(default_factory=random.Random, repr=False)
+
+    def is_over(self, now: float) -> bool:
+        return self.left == 0 or (self.until is not None and now >= self.until)
+
+    def hits(self, endpoint: str, app: str, user: str) -> bool:
+        wanted = ((self.endpoint, endpoint), (self.app, app), (self.user, user))
+        return all(mine in (None, theirs) for mine, theirs in wanted)
+
+    def describe(self, now: float) -> dict:
+        """What people and programs are told about it."""
+        told = {"number": self.number, "kind": self.kind, **self.options,
+                "endpoint": self.endpoint, "app": self.app, "user": self.user, "left": self.left,
+                "seconds_left": None if self.until is None else round(max(0.0, self.until - now), 1),
+                "chance": self.chance, "seed": self.seed, "done": self.done}
+        return {key: value for key, value in told.items() if value is not None}
+
+
+def make(wanted: dict, number: int, now: float) -> Fault:
+    """A fault from its description: kind, its options, endpoint, app, user, count, seconds, chance,
+    seed, done."""
+    unknown = set(wanted) - {"kind", "endpoint", "app", "user", "count", "seconds", "chance", "seed",
+                             "done"}
+    kind = KINDS.get(wanted.get("kind", ""))
+    if kind is None:
+        raise FaultError(f"{wanted.get('kind')!r} is no fault; known are {', '.join(KINDS)}")
+    if unknown - set(kind.options):
+        raise FaultError(f"{wanted['kind']} takes no {sorted(unknown - set(kind.options))[0]!r}")
+    if wanted.get("endpoint") not in (None, *ENDPOINTS):
+        raise FaultError(f"{wanted['endpoint']!r} is no endpoint; known are {', '.join(ENDPOINTS)}")
+    options = {name: int(_number(wanted, name, option.least, option.most, option.default))
+               for name, option in kind.options.items()}
+    seconds = _number(wanted, "seconds", 0.001, 86_400, None)
+    count = _number(wanted, "count", 1, 1_000_000, None)
+    seed = int(_number(wanted, "seed", 0, 2**63 - 1, 1))
+    done = wanted.get("done")
+    return Fault(
+        kind=wanted["kind"], options=options, endpoint=wanted.get("endpoint"),
+        app=wanted.get("app"), user=wanted.get("user"), left=None if count is None else int(count),
+        until=None if seconds is None else now + seconds,
+        chance=_number(wanted, "chance", 0, 1, 1.0), seed=seed,
+        done=kind.done if done is None else bool(done), number=number,
+        draw=random.Random(f"{seed}:{wanted['kind']}"))
+
+
+def _number(wanted: dict, name: str, least: float, most: float, default: float | None):
+    value = wanted.get(name)
+    if value is None:
+        return default
+    if isinstance(value, bool) or not isinstance(value, (int, float)) or not least <= value <= most:
+        raise FaultError(f"{name} is {value!r}; it must be a number from {least} to {most}")
+    return value
+
+
+def pick(faults: Iterable[Fault], endpoint: str, app: str, user: str, now: float) -> Fault | None:
+    """The first fault that this request gets, counted as used."""
+    for fault in faults:
+        if fault.is_over(now) or not fault.hits(endpoint, app, user):
+            continue
+        if fault.chance < 1 and fault.draw.random() >= fault.chance:
+            continue
+        if fault.left is not None:
+            fault.left -= 1
+        return fault
+    return None
+
+
+def of_product(product: str, endpoint: str) -> Fault | None:
+    """What a reserved product id forces at this endpoint: NEVER-SHIP.confirm.status.503"""
+    if not product.startswith(RESERVED):
+        return None
+    where, _, forced = product.removeprefix(RESERVED).partition(".")
+    return _forced(forced) if where == endpoint else None
+
+
+def _forced(text: str) -> Fault:
+    name, _, value = text.partition(".")
+    wanted: dict = {"kind": name}
+    if value:
+        options = list(KINDS[name].options) if name in KINDS else []
+        if not options or not value.isdecimal():
+            raise FaultError(f"{name} takes no {value!r}")
+        wanted[options[0]] = int(value)
+    return make(wanted, 0, 0.0)
+
+
+def check_product(product: str) -> None:
+    """Refuses a reserved product id that forces nothing."""
+    where, _, forced = product.removeprefix(RESERVED).partition(".")
+    if (where, forced) == ("buy", "declined"):
+        return
+    if where not in ("apply", "confirm"):
+        raise FaultError(f"{product!r} forces nothing; write {RESERVED}buy.declined, or {RESERVED}apply. or "
+                         f"{RESERVED}confirm. and a fault, such as {RESERVED}confirm.status.503")
+    _forced(forced)
+
+
+def damage(fault: Fault, body: bytes) -> bytes:
+    """The body as a malformed or an invalid one. Where it breaks is drawn by the fault."""
+    place = fault.draw.randrange(1, len(body)) if len(body) > 1 else 0
+    if fault.kind == "malformed":
+        # Never in the middle of a character: that is the other fault.
+        return body[:place].decode("utf-8", "ignore").encode()
+    return body[:place] + b"\xff\xc3(\xed\xa0\x80" + body[place:]

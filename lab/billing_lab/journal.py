@@ -1,0 +1,61 @@
+"""The journal: every request and every failed handshake, as it was.
+
+The lab's tokens, ids and certificates are its own, so nothing in it is hidden.
+"""
+import base64
+import json
+import sqlite3
+
+KEPT_ENTRIES = 10_000
+KEPT_BYTES = 1 << 20
+
+
+def add(db: sqlite3.Connection, entry: dict) -> int:
+    """Files an entry. @return its number"""
+    cursor = db.execute("INSERT INTO journal (entry) VALUES (?)", (json.dumps(entry),))
+    seq = cursor.lastrowid or 0
+    db.execute("DELETE FROM journal WHERE seq <= ?", (seq - KEPT_ENTRIES,))
+    return seq
+
+
+def change(db: sqlite3.Connection, seq: int, entry: dict) -> None:
+    db.execute("UPDATE journal SET entry = ? WHERE seq = ?", (json.dumps(entry), seq))
+
+
+def entries(db: sqlite3.Connection, after: int = 0, last: int | None = None) -> list[dict]:
+    """Those behind a number, or the last ones of them, in their order."""
+    rows = db.execute("SELECT seq, entry FROM journal WHERE seq > ? ORDER BY seq DESC LIMIT ?",
+                      (after, -1 if last is None else last))
+    return [{"seq": row["seq"], **json.loads(row["entry"])} for row in rows][::-1]
+
+
+def clear(db: sqlite3.Connection) -> None:
+    """Empties it. Numbers go on, so that a reader that follows misses nothing."""
+    db.execute("DELETE FROM journal")
+
+
+def body_of(data: bytes) -> dict:
+    """A body as JSON can carry it, and at most a MiB of it."""
+    kept = data[:KEPT_BYTES]
+    told: dict = {"bytes": len(data)}
+    try:
+        told["text"] = kept.decode()
+    except UnicodeDecodeError:
+        told["base64"] = base64.b64encode(kept).decode()
+    return told
+
+
+def line_of(entry: dict) -> str:
+    """An entry as one line for people."""
+    start = f"{entry['seq']:>5}  {entry['time']}"
+    if entry["kind"] == "handshake":
+        return f"{start}  no connection: {entry['reason']}"
+    answer = entry["answer"]
+    parts = [start, f"{entry['method']:<4} {entry['endpoint'] or entry['url']}",
+             str(answer["status"] or "-"), f"{answer['bytes']} bytes", answer["end"],
+             f"connection {entry['connection']} ({entry['handshake']})"]
+    if entry["fault"]:
+        parts.append(f"fault {entry['fault']}")
+    if entry["differences"]:
+        parts.append("NOT EXACT: " + "; ".join(entry["differences"]))
+    return "  ".join(parts)

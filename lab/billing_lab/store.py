@@ -1,0 +1,183 @@
+"""What the store answers. The JSON is the lab's own: the daemon hands any body on as it is."""
+import dataclasses
+import datetime
+import json
+import sqlite3
+
+from . import catalogue as goods
+from . import state
+
+PATHS = {
+    ("GET", "/billing/service/v2/country"): "country",
+    ("GET", "/billing/product/v2/products"): "products",
+    ("GET", "/billing/service/v2/user/invoices"): "invoices",
+    ("POST", "/billing/payment/v2/apply"): "apply",
+    ("POST", "/billing/payment/v2/confirm"): "confirm",
+}
+EXPIRED_TOKEN = "expired-"
+LARGEST_PAGE = 1000
+
+
+@dataclasses.dataclass(frozen=True)
+class Ask:
+    """One request: the values of its query or of its JSON body, by name."""
+
+    endpoint: str
+    values: dict[str, str]
+    token: str
+
+    @property
+    def app(self) -> str:
+        return self.values.get("appid", self.values.get("appId", ""))
+
+    @property
+    def user(self) -> str:
+        return self.values.get("uid", self.values.get("UID", ""))
+
+
+@dataclasses.dataclass(frozen=True)
+class Reply:
+    status: int
+    body: bytes
+    type: str = "application/json"
+
+
+class Refusal(Exception):
+    """The store says no."""
+
+    def __init__(self, status: int, code: str, message: str):
+        super().__init__(message)
+        self.status, self.code = status, code
+
+
+def now() -> str:
+    return datetime.datetime.now(datetime.timezone.utc).strftime("%Y-%m-%dT%H:%M:%SZ")
+
+
+def failure(status: int, code: str, message: str) -> Reply:
+    return Reply(status, _json({"status": "error", "code": code, "message": message}))
+
+
+def answer(db: sqlite3.Connection, ask: Ask) -> Reply:
+    """Does what the request asks for, and says so. A team's own body stands for whatever came of it,
+    but for a token that is not good."""
+    try:
+        _check_token(db, ask)
+    except Refusal as refusal:
+        return _refused(refusal)
+    try:
+        done = _STEPS[ask.endpoint](db, state.fact(db, "catalogue"), ask)
+        reply = Reply(200, _json({"status": "ok", **done}))
+    except Refusal as refusal:
+        reply = _refused(refusal)
+    own = state.fact(db, "answers", {}).get(ask.endpoint)
+    if own is None:
+        return reply
+    return Reply(own.get("status", 200), own["body"].encode("latin-1"),
+                 own.get("type", "application/json"))
+
+
+def _refused(refusal: Refusal) -> Reply:
+    return failure(refusal.status, refusal.code, str(refusal))
+
+
+def _json(value: dict) -> bytes:
+    return json.dumps(value, ensure_ascii=False).encode()
+
+
+def _check_token(db: sqlite3.Connection, ask: Ask) -> None:
+    if ask.token.startswith(EXPIRED_TOKEN):
+        raise Refusal(401, "token_expired", "the device's token has expired")
+    if ask.token != state.fact(db, "token"):
+        raise Refusal(401, "unknown_token", "the device's token is none of this store's")
+
+
+def _check_user(catalogue: dict, ask: Ask) -> None:
+    guid = ask.values.get("GUID", "")
+    if not ask.user and not guid:
+        raise Refusal(401, "signed_out", "nobody is signed in on the device")
+    if not any((user["uid"], user["guid"]) == (ask.user, guid) for user in catalogue["users"]):
+        raise Refusal(403, "unknown_user", f"no user has the id {ask.user!r} and the account {guid!r}")
+
+
+def find_app(catalogue: dict, name: str) -> dict:
+    for app in catalogue["apps"]:
+        if app["id"] == name:
+            return app
+    raise Refusal(404, "unknown_app", f"no app has the id {name!r}")
+
+
+def _country(_db: sqlite3.Connection, catalogue: dict, ask: Ask) -> dict:
+    name = ask.values.get("countrycode", "")
+    country = catalogue["countries"].get(name)
+    if country is None:
+        return {"country": name, "available": False, "reason": "the store does not know this country"}
+    if not country.get("available", True):
+        return {"country": name, "available": False,
+                "reason": country.get("reason", "the store is closed there")}
+    return {"country": name, "available": True, "currency": country["currency"]}
+
+
+def check_country(catalogue: dict, name: str) -> dict:
+    """The country, where the store is there for it."""
+    country = catalogue["countries"].get(name)
+    if country is None or not country.get("available", True):
+        raise Refusal(403, "country_unavailable", f"the store is not there for the country {name!r}")
+    return country
+
+
+def _products(_db: sqlite3.Connection, catalogue: dict, ask: Ask) -> dict:
+    app = find_app(catalogue, ask.app)
+    if ask.values.get("checkvalue", "") != app.get("check_value", ask.values.get("checkvalue", "")):
+        raise Refusal(403, "wrong_check_value", "the check value is not the app's")
+    name = ask.values.get("countrycode", "")
+    country = check_country(catalogue, name)
+    language = ask.values.get("languagecode", "")
+    products = [{"id": product["id"], "title": goods.text_in(product["title"], language),
+                 "type": product["type"], "price": product["prices"][name],
+                 "currency": country["currency"]}
+                for product in app["products"] if name in product["prices"]]
+    return {"app": app["id"], "country": name, "products": products}
+
+
+def _invoices(db: sqlite3.Connection, catalogue: dict, ask: Ask) -> dict:
+    _check_user(catalogue, ask)
+    size = _number(ask, "pagesize", LARGEST_PAGE)
+    start = _number(ask, "startidx", 2**31)
+    return {"total": state.count_invoices(db, ask.user), "startidx": start, "pagesize": size,
+            "invoices": state.invoices(db, ask.user, start, size)}
+
+
+def _number(ask: Ask, name: str, most: int) -> int:
+    text = ask.values.get(name, "")
+    if not (text.isascii() and text.isdecimal() and 1 <= int(text[:12]) <= most):
+        raise Refusal(400, "bad_request", f"{name} is {text[:40]!r}, not a number from 1 to {most}")
+    return int(text)
+
+
+def _invoice_of(db: sqlite3.Connection, catalogue: dict, ask: Ask) -> dict:
+    _check_user(catalogue, ask)
+    name = ask.values.get("invoiceId", "")
+    found = state.invoice(db, name)
+    # Another user's invoice is nobody's business.
+    if found is None or (found["user"], found["app"]) != (ask.user, ask.app):
+        raise Refusal(404, "unknown_invoice", f"the user has no invoice {name!r} in this app")
+    if found.get("custom_id", ask.values.get("customId")) != ask.values.get("customId"):
+        raise Refusal(403, "wrong_custom_id", "the custom id is not that of the purchase")
+    if found["status"] in ("cancelled", "refunded"):
+        raise Refusal(409, found["status"], f"the invoice was {found['status']}")
+    return found
+
+
+def _apply(db: sqlite3.Connection, catalogue: dict, ask: Ask) -> dict:
+    found = state.mark(db, _invoice_of(db, catalogue, ask)["id"], "applied", now())
+    return {"invoice": found["id"], "applied": found["applied"]}
+
+
+def _confirm(db: sqlite3.Connection, catalogue: dict, ask: Ask) -> dict:
+    found = state.mark(db, _invoice_of(db, catalogue, ask)["id"], "confirmed", now())
+    return {"invoice": found["id"], "confirmed": found["confirmed"]}
+
+
+_STEPS = {"country": _country, "products": _products, "invoices": _invoices, "apply": _apply,
+          "confirm": _confirm}

@@ -1,0 +1,108 @@
+"""Faults: whom they hit, how often, and that a run repeats."""
+import pytest
+from billing_lab import faults
+
+
+def hits(fault, *, times=50, endpoint="apply", app="a", user="u", now=0.0):
+    return [faults.pick([fault], endpoint, app, user, now) is not None for _ in range(times)]
+
+
+def test_a_fault_without_limits_hits_everybody_for_ever():
+    assert all(hits(faults.make({"kind": "reset"}, 1, 0.0)))
+
+
+@pytest.mark.parametrize("limit", [{"endpoint": "confirm"}, {"app": "b"}, {"user": "v"}])
+def test_a_fault_hits_whom_it_is_for(limit):
+    fault = faults.make({"kind": "reset", **limit}, 1, 0.0)
+    assert not any(hits(fault))
+    assert all(hits(fault, **{"endpoint": "apply", "app": "a", "user": "u", **limit}))
+
+
+def test_a_count_is_used_up_by_hits_alone():
+    fault = faults.make({"kind": "reset", "count": 2, "user": "u"}, 1, 0.0)
+    assert not any(hits(fault, user="v"))
+    assert hits(fault, times=3) == [True, True, False]
+
+
+def test_a_duration_ends():
+    fault = faults.make({"kind": "reset", "seconds": 10}, 1, 100.0)
+    assert [any(hits(fault, now=now)) for now in (100.0, 109.9, 110.0)] == [True, True, False]
+
+
+def test_the_first_fault_that_hits_counts():
+    made = [faults.make({"kind": kind, "count": 1}, 1, 0.0) for kind in ("reset", "hang")]
+    assert [faults.pick(made, "apply", "", "", 0.0).kind for _ in "12"] == ["reset", "hang"]
+    assert faults.pick(made, "apply", "", "", 0.0) is None
+
+
+def test_a_chance_repeats_with_its_seed():
+    def run(seed):
+        return hits(faults.make({"kind": "reset", "chance": 0.5, "seed": seed}, 1, 0.0))
+    assert run(7) == run(7) != run(8)
+    assert 10 < sum(run(7)) < 40
+
+
+def test_damage_repeats_with_its_seed_and_is_damage():
+    body = '{"Grüße": "請求"}'.encode()
+    for kind in ("malformed", "invalid-utf8"):
+        first, second = (faults.damage(faults.make({"kind": kind}, 1, 0.0), body) for _ in "12")
+        assert first == second != body
+
+
+@pytest.mark.parametrize("seed", range(30))
+def test_a_malformed_body_is_text_and_an_invalid_one_is_none(seed):
+    body = '{"Grüße": "請求"}'.encode()
+    cut = faults.damage(faults.make({"kind": "malformed", "seed": seed}, 1, 0.0), body)
+    assert body.startswith(cut) and len(cut) < len(body)
+    cut.decode()
+    with pytest.raises(UnicodeDecodeError):
+        faults.damage(faults.make({"kind": "invalid-utf8", "seed": seed}, 1, 0.0), body).decode()
+
+
+def test_even_an_empty_body_becomes_invalid():
+    with pytest.raises(UnicodeDecodeError):
+        faults.damage(faults.make({"kind": "invalid-utf8"}, 1, 0.0), b"").decode()
+
+
+@pytest.mark.parametrize("wanted, said", [
+    ({}, "None is no fault; known are status, malformed"),
+    ({"kind": "fire"}, "'fire' is no fault"),
+    ({"kind": "status", "code": 99}, "code is 99; it must be a number from 200 to 599"),
+    ({"kind": "status", "code": "500"}, "code is '500'; it must be a number"),
+    ({"kind": "reset", "code": 500}, "reset takes no 'code'"),
+    ({"kind": "reset", "endpoint": "shop"}, "'shop' is no endpoint; known are country"),
+    ({"kind": "reset", "chance": 1.5}, "chance is 1.5; it must be a number from 0 to 1"),
+    ({"kind": "reset", "count": 0}, "count is 0"),
+    ({"kind": "reset", "seconds": True}, "seconds is True"),
+])
+def test_a_fault_that_cannot_be_is_refused_with_a_reason(wanted, said):
+    with pytest.raises(faults.FaultError) as caught:
+        faults.make(wanted, 1, 0.0)
+    assert said in str(caught.value)
+
+
+def test_a_reserved_product_forces_its_fault_at_its_endpoint_alone():
+    product = "NEVER-SHIP.confirm.status.503"
+    fault = faults.of_product(product, "confirm")
+    assert (fault.kind, fault.options) == ("status", {"code": 503})
+    assert faults.of_product(product, "apply") is None
+    assert faults.of_product("coins-100", "confirm") is None
+
+
+@pytest.mark.parametrize("product, said", [
+    ("NEVER-SHIP.", "forces nothing"), ("NEVER-SHIP.products.reset", "forces nothing"),
+    ("NEVER-SHIP.confirm.fire", "'fire' is no fault"),
+    ("NEVER-SHIP.confirm.reset.5", "reset takes no '5'"),
+    ("NEVER-SHIP.confirm.status.teapot", "status takes no 'teapot'"),
+    ("NEVER-SHIP.confirm.status.600", "code is 600"),
+])
+def test_a_reserved_product_that_forces_nothing_is_refused(product, said):
+    with pytest.raises(faults.FaultError) as caught:
+        faults.check_product(product)
+    assert said in str(caught.value)
+
+
+@pytest.mark.parametrize("product", ["NEVER-SHIP.buy.declined", "NEVER-SHIP.apply.hang",
+                                     "NEVER-SHIP.confirm.delay.250"])
+def test_reserved_products_that_force_something_are_let_through(product):
+    faults.check_product(product)
