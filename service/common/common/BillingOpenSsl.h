@@ -11,6 +11,7 @@
 #include <openssl/crypto.h>
 #include <openssl/err.h>
 #include <openssl/evp.h>
+#include <openssl/hmac.h>
 #include <openssl/pem.h>
 #include <openssl/rsa.h>
 #include <openssl/ssl.h>
@@ -20,6 +21,7 @@
 
 struct BillingOpenSslFree {
     void operator()(BIO* pBio) const { BIO_free(pBio); }
+    void operator()(HMAC_CTX* pContext) const { HMAC_CTX_free(pContext); }
     void operator()(EVP_PKEY* pKey) const { EVP_PKEY_free(pKey); }
     void operator()(RSA* pRsa) const { RSA_free(pRsa); }
     void operator()(X509* pCert) const { X509_free(pCert); }

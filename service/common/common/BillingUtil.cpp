@@ -1,17 +1,26 @@
-// BillingUtil.cpp - each getter asks the platform at the moment of the call.
+// BillingUtil.cpp - each getter asks the platform at the moment of the call; texts and encodings
+// follow.
 #include "BillingUtil.h"
 
 #include "BillingLog.h"
+#include "BillingOpenSsl.h"
+#include "BillingString.h"
+#include "BillingTime.h"
 
 #include <platform/account.h>
 #include <platform/config.h>
 #include <platform/runtime_info.h>
 #include <platform/system_info.h>
 
+#include <sys/time.h>
+
+#include <algorithm>
+#include <climits>
 #include <cstddef>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <stdexcept>
 
 namespace {
 
@@ -69,6 +78,26 @@ std::string Taken(char* szText)
 {
     const std::unique_ptr<char, decltype(&std::free)> pText(szText, &std::free);
     return pText ? std::string(pText.get()) : std::string();
+}
+
+// What the string library throws for a text made of a null pointer.
+[[noreturn]] void RejectNullText()
+{
+    throw std::logic_error("basic_string: construction from null is not valid");
+}
+
+bool WriteAll(BIO* pBio, const unsigned char* pBytes, unsigned int uiLength)
+{
+    while (uiLength > 0) {
+        const int iWritten =
+            BIO_write(pBio, pBytes, static_cast<int>(std::min<unsigned int>(uiLength, INT_MAX)));
+        if (iWritten <= 0) {
+            return false;
+        }
+        pBytes += iWritten;
+        uiLength -= static_cast<unsigned int>(iWritten);
+    }
+    return BIO_flush(pBio) == 1;
 }
 
 /// Reads a text whose reader fills a pointer; the pointer alone tells whether there is one.
@@ -164,4 +193,128 @@ std::string BillingUtil::StringTrim(std::string& s, const std::string& chars)
     std::string strTrimmed = s;
     strTrimmed.erase(0, strTrimmed.find_first_not_of(chars));
     return strTrimmed;
+}
+
+std::string BillingUtil::StringReplace0D0A(const std::string& s)
+{
+    if (s.empty()) {
+        BILLING_REFUSED("s.empty()");
+        RejectNullText();
+    }
+    std::string strReplaced;
+    strReplaced.reserve(2 * s.size() + 1);
+    for (std::size_t i = 0; i < s.size(); ++i) {
+        if (s[i] == '\r' && i + 1 < s.size() && s[i + 1] == '\n') {
+            strReplaced += "<br>";
+            ++i;
+        } else {
+            strReplaced += s[i];
+        }
+    }
+    return strReplaced;
+}
+
+std::string BillingUtil::StringReplaceAFlag(std::string& s, const std::string& value)
+{
+    static const std::string strMarker = "<<A>>";
+    for (std::size_t uAt = s.find(strMarker); uAt != std::string::npos;
+         uAt = s.find(strMarker, uAt + value.size())) {
+        s.replace(uAt, strMarker.size(), value);
+    }
+    return s;
+}
+
+void BillingUtil::CharToWchar(unsigned short* pwszOut, const char* pszIn)
+{
+    if (pwszOut == nullptr || pszIn == nullptr) {
+        return;
+    }
+    BILLING_INFO("charToWchar");
+    for (; *pszIn != '\0'; ++pszIn, ++pwszOut) {
+        *pwszOut = static_cast<unsigned char>(*pszIn);
+    }
+}
+
+bool BillingUtil::Base64Encode(unsigned char* ptIn, unsigned int uiInLength, unsigned char* ptOut,
+                               unsigned int* ptOutLength)
+{
+    if (ptIn == nullptr || ptOut == nullptr || ptOutLength == nullptr) {
+        BILLING_ERROR("ptIn/ptOut/ptOutLength is NULL");
+        return false;
+    }
+    const CBillingOpenSslErrors oErrors;
+    const BillingOpenSslPtr<BIO> b64(BIO_new(BIO_f_base64()));
+    if (b64 == nullptr) {
+        BILLING_ERROR("b64 is NULL");
+        return false;
+    }
+    BIO_set_flags(b64.get(), BIO_FLAGS_BASE64_NO_NL);
+    const BillingOpenSslPtr<BIO> bmem(BIO_new(BIO_s_mem()));
+    if (bmem == nullptr) {
+        BILLING_ERROR("bmem is NULL");
+        return false;
+    }
+    BIO_push(b64.get(), bmem.get());
+    BUF_MEM* pEncoded = nullptr;
+    if (!WriteAll(b64.get(), ptIn, uiInLength) || BIO_get_mem_ptr(bmem.get(), &pEncoded) != 1) {
+        BILLING_ERROR("no memory for the encoded text");
+        return false;
+    }
+    if (pEncoded->length > *ptOutLength) {
+        BILLING_ERROR("out length is too small");
+        return false;
+    }
+    std::copy_n(reinterpret_cast<const unsigned char*>(pEncoded->data), pEncoded->length, ptOut);
+    *ptOutLength = static_cast<unsigned int>(pEncoded->length);
+    return true;
+}
+
+std::string BillingUtil::getCheckValue(std::string key, std::string msg)
+{
+    BILLING_INFO("getCheckValue , key is %s ", key.c_str());
+    BILLING_INFO("getCheckValue , msg is %s ", msg.c_str());
+    const CBillingOpenSslErrors oErrors;
+    const BillingOpenSslPtr<HMAC_CTX> pContext(HMAC_CTX_new());
+    unsigned char aMac[EVP_MAX_MD_SIZE];
+    unsigned int uiMacLength = 0;
+    if (pContext == nullptr ||
+        HMAC_Init_ex(pContext.get(), key.data(), static_cast<int>(key.size()), EVP_sha256(),
+                     nullptr) != 1 ||
+        HMAC_Update(pContext.get(), reinterpret_cast<const unsigned char*>(msg.data()),
+                    msg.size()) != 1 ||
+        HMAC_Final(pContext.get(), aMac, &uiMacLength) != 1) {
+        BILLING_ERROR("no memory for the check value");
+        return "";
+    }
+    unsigned char aText[256] = {};
+    unsigned int uiTextLength = sizeof aText;
+    if (!Base64Encode(aMac, uiMacLength, aText, &uiTextLength)) {
+        return "";
+    }
+    std::string strCheckValue(reinterpret_cast<const char*>(aText), uiTextLength);
+    BILLING_INFO("getCheckValue , checkValue is %s ", strCheckValue.c_str());
+    return strCheckValue;
+}
+
+std::string BillingUtil::GetOrderTime()
+{
+    struct tm tTime {};
+    if (!CBillingTime().GetGMTtime(&tTime)) {
+        BILLING_ERROR("Get current time error!");
+        RejectNullText();
+    }
+    char szTime[32] = {};
+    BillingString::Snprintf(szTime, sizeof szTime, "%04d%02d%02d%02d%02d%02d", tTime.tm_year + 1900,
+                            tTime.tm_mon + 1, tTime.tm_mday, tTime.tm_hour, tTime.tm_min,
+                            tTime.tm_sec);
+    BILLING_INFO("Current Order time = [%s]", szTime);
+    return szTime;
+}
+
+int BillingUtil::GetTimestamp()
+{
+    timeval tNow{};
+    gettimeofday(&tNow, nullptr);
+    BILLING_INFO("Seconds since Jan. 1, 1970: %ld\n", static_cast<long>(tNow.tv_sec));
+    return static_cast<int>(tNow.tv_sec);
 }
