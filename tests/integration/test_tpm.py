@@ -1,0 +1,145 @@
+"""A device whose key is made inside a TPM, by a PKCS#11 module that is not the usual one."""
+import datetime
+import glob
+import os
+import shutil
+import subprocess
+import time
+
+import pytest
+from cryptography import x509
+from cryptography.hazmat.primitives import hashes, serialization
+from harness import credentials, daemon, device, server
+
+MODULES = glob.glob("/usr/lib/*/libtpm2_pkcs11.so.1")
+PROGRAMS = ("swtpm", "pkcs11-tool", "tpm2_flushcontext")
+LABEL, PIN = "billing-tpm", "user-pin-4711"
+
+pytestmark = pytest.mark.skipif(
+    not MODULES or any(shutil.which(program) is None for program in PROGRAMS),
+    reason="no software TPM (apt install swtpm tpm2-tools libtss2-tcti-swtpm0 libtpm2-pkcs11-1 opensc)")
+
+
+class Tpm:
+    """A software TPM, started for one test."""
+
+    def __init__(self, folder):
+        self.state = folder / "tpm"
+        self.state.mkdir()
+        # The module looks for the control socket under this name.
+        socket = folder / "tpm.sock"
+        self._process = subprocess.Popen(
+            ["setpriv", "--pdeathsig", "TERM", "swtpm", "socket", "--tpm2", "--tpmstate",
+             f"dir={self.state}", "--server", f"type=unixio,path={socket}", "--ctrl",
+             f"type=unixio,path={socket}.ctrl", "--flags", "startup-clear,not-need-init"], stderr=subprocess.DEVNULL)
+        self.environment = {"TPM2_PKCS11_TCTI": f"swtpm:path={socket}",
+                            "TPM2TOOLS_TCTI": f"swtpm:path={socket}",
+                            "TPM2_PKCS11_STORE": str(self.state), "TPM2_PKCS11_LOG_LEVEL": "0"}
+        end = time.monotonic() + 20
+        while not socket.exists():
+            assert time.monotonic() < end, "swtpm does not listen"
+            time.sleep(0.01)
+
+    def run(self, *command, environment=None):
+        """One command. What it leaves in the TPM is taken away, as a resource manager would."""
+        done = subprocess.run([str(part) for part in command], check=False, capture_output=True,
+                              text=True, env={**os.environ, **daemon.SANITIZERS, **self.environment,
+                                              **(environment or {})})
+        assert done.returncode == 0, done.stderr
+        for kind in ("--transient-object", "--loaded-session"):
+            subprocess.run(["tpm2_flushcontext", kind], check=True,
+                           env={**os.environ, **self.environment})
+
+    def stop(self):
+        self._process.terminate()
+        self._process.wait()
+
+
+class TpmCredentials(credentials.Credentials):
+    """The parts of a device that its TPM holds, or that are made for it."""
+
+    def __init__(self, folder, tpm, authority_folder):
+        super().__init__(folder)
+        self.folder.mkdir()
+        self.certificates.mkdir()
+        self.authority = authority_folder / "ca.pem"
+        self.environment = tpm.environment
+        pin = self.folder / "pin"
+        pin.touch(mode=0o600)
+        pin.write_text(PIN)
+        self._conf = self.folder / "device.conf"
+        self._conf.write_text("".join(
+            f"[{group}]\n" + "".join(f"{key}={value}\n" for key, value in values.items())
+            for group, values in self.settings.items()))
+        module = ("pkcs11-tool", "--module", MODULES[0])
+        tpm.run(*module, "--slot-index", "0", "--init-token", "--label", LABEL, "--so-pin", "so-pin")
+        tpm.run(*module, "--token-label", LABEL, "--init-pin", "--so-pin", "so-pin", "--pin", PIN)
+        self._provision(tpm, "request", "--out", self.folder / "device.csr")
+        (self.folder / "signed.crt").write_bytes(sign(self.folder / "device.csr", authority_folder))
+        self._provision(tpm, "install", self.folder / "signed.crt", "--to", self.certificate)
+
+    def _provision(self, tpm, *arguments):
+        tpm.run(credentials.provision_tool(), *arguments,
+                environment={"PLEVO_DEVICE_CONF": str(self._conf)})
+
+    @property
+    def settings(self):
+        return {"deployment": {"credential": "1 2 3 4 5", "key_id": "7"},
+                "keystore": {"module": MODULES[0], "token": LABEL,
+                             "pin_file": str(self.folder / "pin"),
+                             "store": str(self.folder / "store")}}
+
+
+def sign(request_file, authority_folder):
+    """What the authority of a device maker does with a certificate request."""
+    request = x509.load_pem_x509_csr(request_file.read_bytes())
+    assert request.is_signature_valid
+    issuer = x509.load_pem_x509_certificate((authority_folder / "ca.pem").read_bytes())
+    key = serialization.load_pem_private_key((authority_folder / "ca.key").read_bytes(), None)
+    now = datetime.datetime.now(datetime.timezone.utc)
+    signed = (x509.CertificateBuilder().subject_name(request.subject).issuer_name(issuer.subject)
+              .public_key(request.public_key()).serial_number(x509.random_serial_number())
+              .not_valid_before(now - datetime.timedelta(days=1))
+              .not_valid_after(now + datetime.timedelta(days=1)).sign(key, hashes.SHA256()))
+    return signed.public_bytes(serialization.Encoding.PEM)
+
+
+@pytest.fixture
+def tpm(tmp_path):
+    running = Tpm(tmp_path)
+    yield running
+    running.stop()
+
+
+@pytest.fixture
+def a_device(tmp_path, tpm, store, authority, provisioned):
+    made = device.Device(tmp_path, TpmCredentials(tmp_path / "tpm-device", tpm, provisioned.folder),
+                         f"production.localhost:{store.port}")
+    made.ca_file.write_bytes(authority.pem)
+    return made
+
+
+def test_a_key_made_inside_a_tpm_opens_the_store(service, caller, store):
+    began = time.monotonic()
+    assert caller.call("check_server_availability") == (0, "{}")
+    cold = time.monotonic() - began
+    store.answer = server.Reply(b"{}", keep=False)
+    began = time.monotonic()
+    assert caller.call("confirm_purchase", "a", "c", "i", "0") == (0, "{}")
+    warm = time.monotonic() - began
+
+    # Once to verify the key at the start, by another way; once for the first connection.
+    assert service.texts("I").count("Encrypt by KeyStore") == 1
+    assert service.texts("I").count("Private key is valid") == 1
+    print(f"first call {cold * 1000:.1f} ms, second {warm * 1000:.1f} ms")
+
+
+def test_a_tpm_that_is_gone_fails_the_call_and_says_so(service, caller, store, tpm):
+    tpm.stop()
+
+    assert caller.call("check_server_availability") == (-1, "")
+
+    (line,) = [record.text for record in service.log()
+               if record.tag == "BILLING_PLATFORM" and LABEL in record.text]
+    assert "put the token back" in line
+    assert store.requests == []
