@@ -1,16 +1,38 @@
 """What a device proves itself with: a token with its key, and the certificate for that key."""
 import configparser
+import datetime
 import os
 import pathlib
 import shutil
 import subprocess
 
+from cryptography import x509
+from cryptography.hazmat.primitives import hashes, serialization
+
 from . import daemon
+
+A_DAY = datetime.timedelta(days=1)
 
 
 def provision_tool():
     """billing-provision of the same build as the daemon."""
     return daemon.binary().parents[1] / "platform" / "linux" / "provision" / "billing-provision"
+
+
+def issue(public_key, subject, authority, begin=-A_DAY, end=A_DAY):
+    """A certificate as a device maker's authority signs it, as PEM.
+
+    @param authority  the folder with its ca.pem and ca.key
+    @param begin, end  of the validity, from now
+    """
+    issuer = x509.load_pem_x509_certificate((authority / "ca.pem").read_bytes())
+    key = serialization.load_pem_private_key((authority / "ca.key").read_bytes(), None)
+    now = datetime.datetime.now(datetime.timezone.utc)
+    signed = (x509.CertificateBuilder().subject_name(subject).issuer_name(issuer.subject)
+              .public_key(public_key).serial_number(x509.random_serial_number())
+              .not_valid_before(now + begin).not_valid_after(now + end)
+              .sign(key, hashes.SHA256()))
+    return signed.public_bytes(serialization.Encoding.PEM)
 
 
 class Credentials:
@@ -43,6 +65,12 @@ class Credentials:
             file = copied.folder / name
             file.write_text(file.read_text().replace(str(self.folder), str(copied.folder)))
         return copied
+
+    def reissue(self, begin, end):
+        """Another certificate for the same key, valid between these times from now."""
+        old = x509.load_pem_x509_certificate(self.certificate.read_bytes())
+        self.certificate.write_bytes(
+            issue(old.public_key(), old.subject, self.folder, begin, end))
 
     @property
     def settings(self):

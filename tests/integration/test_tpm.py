@@ -1,5 +1,4 @@
 """A device whose key is made inside a TPM, by a PKCS#11 module that is not the usual one."""
-import datetime
 import glob
 import os
 import shutil
@@ -8,7 +7,6 @@ import time
 
 import pytest
 from cryptography import x509
-from cryptography.hazmat.primitives import hashes, serialization
 from harness import credentials, daemon, device, server
 
 MODULES = glob.glob("/usr/lib/*/libtpm2_pkcs11.so.1")
@@ -94,14 +92,7 @@ def sign(request_file, authority_folder):
     """What the authority of a device maker does with a certificate request."""
     request = x509.load_pem_x509_csr(request_file.read_bytes())
     assert request.is_signature_valid
-    issuer = x509.load_pem_x509_certificate((authority_folder / "ca.pem").read_bytes())
-    key = serialization.load_pem_private_key((authority_folder / "ca.key").read_bytes(), None)
-    now = datetime.datetime.now(datetime.timezone.utc)
-    signed = (x509.CertificateBuilder().subject_name(request.subject).issuer_name(issuer.subject)
-              .public_key(request.public_key()).serial_number(x509.random_serial_number())
-              .not_valid_before(now - datetime.timedelta(days=1))
-              .not_valid_after(now + datetime.timedelta(days=1)).sign(key, hashes.SHA256()))
-    return signed.public_bytes(serialization.Encoding.PEM)
+    return credentials.issue(request.public_key(), request.subject, authority_folder)
 
 
 @pytest.fixture

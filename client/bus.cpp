@@ -1,0 +1,121 @@
+// bus.cpp - connecting, calling, and what to say when it does not work.
+#include "bus.h"
+
+#include <cmath>
+
+namespace client {
+
+namespace {
+
+constexpr int BUS_TIMEOUT_MS = 10000;
+
+constexpr const char* START_BUS =
+    "start the message bus, or name another one with --bus or DBUS_SYSTEM_BUS_ADDRESS";
+constexpr const char* START_SERVICE =
+    "start the service (systemctl start billing-service) and look at its log";
+
+/// The text of an error without the name that D-Bus puts before it.
+std::string textOf(GError* error)
+{
+    g_dbus_error_strip_remote_error(error);
+    return error->message;
+}
+
+Unreachable explained(GError* error, double timeout)
+{
+    const GPtr<GError> owner(error);
+    if (g_error_matches(error, G_DBUS_ERROR, G_DBUS_ERROR_SERVICE_UNKNOWN) ||
+        g_error_matches(error, G_DBUS_ERROR, G_DBUS_ERROR_NAME_HAS_NO_OWNER)) {
+        return {std::string("nobody owns the name ") + SERVICE + " on the bus", START_SERVICE};
+    }
+    if (g_error_matches(error, G_IO_ERROR, G_IO_ERROR_TIMED_OUT) ||
+        g_error_matches(error, G_DBUS_ERROR, G_DBUS_ERROR_NO_REPLY)) {
+        char text[80];
+        std::snprintf(text, sizeof text, "the service did not answer within %g s", timeout);
+        return {text, "a transfer may take 90 s: wait longer with --timeout, and look at its log"};
+    }
+    if (g_error_matches(error, G_DBUS_ERROR, G_DBUS_ERROR_ACCESS_DENIED)) {
+        return {"the bus does not let this user call the service: " + textOf(error),
+                "call as a user of the group that the bus policy names"};
+    }
+    if (g_error_matches(error, G_DBUS_ERROR, G_DBUS_ERROR_LIMITS_EXCEEDED)) {
+        return {"the bus refused the call: " + textOf(error),
+                "wait for answers that are outstanding"};
+    }
+    return {"the call failed: " + textOf(error), START_SERVICE};
+}
+
+}  // namespace
+
+Bus::Bus(const std::string& address)
+{
+    GError* error = nullptr;
+    const GPtr<gchar> own(address.empty()
+                              ? g_dbus_address_get_for_bus_sync(G_BUS_TYPE_SYSTEM, nullptr, &error)
+                              : g_strdup(address.c_str()));
+    if (own != nullptr) {
+        m_connection.reset(g_dbus_connection_new_for_address_sync(
+            own.get(),
+            static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
+                                              G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
+            nullptr, nullptr, &error));
+    }
+    if (m_connection == nullptr) {
+        const GPtr<GError> owner(error);
+        throw Unreachable("the system bus cannot be reached: " + textOf(error), START_BUS);
+    }
+}
+
+Answer Bus::call(const std::string& method, const std::vector<std::string>& arguments,
+                 double timeout) const
+{
+    GVariantBuilder builder;
+    g_variant_builder_init(&builder, G_VARIANT_TYPE_TUPLE);
+    for (const std::string& argument : arguments) {
+        g_variant_builder_add(&builder, "s", argument.c_str());
+    }
+    GError* error = nullptr;
+    const gint64 began = g_get_monotonic_time();
+    const GPtr<GVariant> reply(g_dbus_connection_call_sync(
+        m_connection.get(), SERVICE, OBJECT, SERVICE, method.c_str(),
+        g_variant_builder_end(&builder), G_VARIANT_TYPE("(is)"), G_DBUS_CALL_FLAGS_NONE,
+        static_cast<int>(std::lround(timeout * 1000)), nullptr, &error));
+    if (reply == nullptr) {
+        throw explained(error, timeout);
+    }
+    Answer answer;
+    const char* info = nullptr;
+    g_variant_get(reply.get(), "(i&s)", &answer.result, &info);
+    answer.info = info;
+    answer.milliseconds = static_cast<double>(g_get_monotonic_time() - began) / 1000;
+    return answer;
+}
+
+GPtr<GVariant> Bus::ask(const char* method, const std::string& argument) const
+{
+    return GPtr<GVariant>(g_dbus_connection_call_sync(
+        m_connection.get(), "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
+        method, g_variant_new("(s)", argument.c_str()), nullptr, G_DBUS_CALL_FLAGS_NONE,
+        BUS_TIMEOUT_MS, nullptr, nullptr));
+}
+
+std::optional<Owner> Bus::owner() const
+{
+    const GPtr<GVariant> name = ask("GetNameOwner", SERVICE);
+    if (name == nullptr) {
+        return std::nullopt;
+    }
+    Owner owner;
+    const char* unique = nullptr;
+    g_variant_get(name.get(), "(&s)", &unique);
+    owner.name = unique;
+    if (const GPtr<GVariant> pid = ask("GetConnectionUnixProcessID", owner.name)) {
+        g_variant_get(pid.get(), "(u)", &owner.pid);
+    }
+    if (const GPtr<GVariant> uid = ask("GetConnectionUnixUser", owner.name)) {
+        g_variant_get(uid.get(), "(u)", &owner.uid);
+    }
+    return owner;
+}
+
+}  // namespace client

@@ -1,0 +1,76 @@
+// bus.h - the client's side of the system bus.
+#pragma once
+
+#include <gio/gio.h>
+
+#include <memory>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+namespace client {
+
+inline constexpr const char* SERVICE = "org.plevo.billingservice";
+inline constexpr const char* OBJECT = "/org/plevo/billingservice";
+
+struct GFree {
+    void operator()(GError* error) const { g_error_free(error); }
+    void operator()(GVariant* variant) const { g_variant_unref(variant); }
+    void operator()(GDBusConnection* connection) const { g_object_unref(connection); }
+    void operator()(GMainLoop* loop) const { g_main_loop_unref(loop); }
+    void operator()(gchar* text) const { g_free(text); }
+};
+template <typename T>
+using GPtr = std::unique_ptr<T, GFree>;
+
+/// Why a call has no answer: the cause and the cure, one line each.
+class Unreachable : public std::runtime_error {
+public:
+    Unreachable(const std::string& cause, const std::string& cure)
+        : std::runtime_error(cause), m_cure(cure)
+    {
+    }
+    const std::string& cure() const { return m_cure; }
+
+private:
+    std::string m_cure;
+};
+
+/// What the service answers to each of its methods.
+struct Answer {
+    int result = 0;
+    std::string info;
+    double milliseconds = 0;
+};
+
+/// Who owns a name of the bus.
+struct Owner {
+    std::string name;  ///< the unique one
+    unsigned pid = 0;
+    unsigned uid = 0;
+};
+
+/// A connection to the system bus. Thread: one.
+class Bus {
+public:
+    /// @param address empty: $DBUS_SYSTEM_BUS_ADDRESS, else the system's own @throw Unreachable
+    explicit Bus(const std::string& address);
+
+    /// Calls a method of the service with texts for arguments. @param timeout seconds @throw
+    /// Unreachable
+    Answer call(const std::string& method, const std::vector<std::string>& arguments,
+                double timeout) const;
+    /// Asks the bus who owns the service's name. @return nullopt when nobody does @throw
+    /// Unreachable
+    std::optional<Owner> owner() const;
+    /// A method of the bus itself with one text for argument. @return null when it refused
+    GPtr<GVariant> ask(const char* method, const std::string& argument) const;
+
+    GDBusConnection* connection() const { return m_connection.get(); }
+
+private:
+    GPtr<GDBusConnection> m_connection;
+};
+
+}  // namespace client

@@ -1,0 +1,58 @@
+// calls.h - the service's five methods as commands.
+#pragma once
+
+#include "bus.h"
+
+#include <string>
+#include <vector>
+
+namespace client {
+
+/// The exit codes of billingctl.
+enum ExitCode {
+    EXIT_DONE = 0,         ///< resp_result 0; for doctor: nothing has failed
+    EXIT_FAILED = 1,       ///< something else: for doctor, a check has failed
+    EXIT_USAGE = 2,        ///< the arguments are wrong
+    EXIT_TRANSFER = 3,     ///< resp_result -1
+    EXIT_REFUSED = 4,      ///< resp_result 1160003
+    EXIT_UNREACHABLE = 5,  ///< the bus or the service cannot be reached, or does not answer
+};
+
+/// An argument of a method: its name on the bus and as an option.
+struct Argument {
+    const char* name;
+    const char* option;
+    const char* help;
+    bool required;
+};
+
+struct Method {
+    const char* name;     ///< on the bus
+    const char* command;  ///< here
+    const char* help;
+    std::vector<Argument> arguments;
+};
+
+/// The five methods, with their arguments in the order of the interface.
+const std::vector<Method>& methods();
+
+struct CallOptions {
+    std::string bus;       ///< address; empty: the system's
+    double timeout = 100;  ///< seconds; a transfer may take 90
+    bool json = false;
+    bool raw = false;
+};
+
+/// Calls a method and prints its answer: for people, as JSON, or (raw) the server's body alone.
+/// @return the exit code
+int call(const Method& method, const std::vector<std::string>& arguments,
+         const CallOptions& options);
+
+/// What a resp_result means, in a few words.
+const char* meaningOf(int result);
+ExitCode exitCodeOf(int result);
+
+/// A call without an answer: the cause and the cure, as JSON or as a line.
+void report(const std::string& what, const Unreachable& error, bool json);
+
+}  // namespace client
