@@ -121,6 +121,7 @@ TEST_F(Text, IsReadAsANumberUpToTheFirstOtherCharacter)
     EXPECT_EQ(BillingString::Integer("x"), 0);
     EXPECT_EQ(BillingString::Integer("99999999999999999999"), LONG_MAX);
     EXPECT_EQ(BillingString::UlInteger("4294967295"), 4294967295u);
+    EXPECT_EQ(BillingString::UlInteger("0x10"), 0u) << "decimal";
     EXPECT_EQ(BillingString::UlInteger("99999999999999999999"), ULONG_MAX);
 }
 

@@ -23,6 +23,8 @@ const LinesOf Source{"BillingUtil.cpp"};
 
 struct Doubles {
     int iBiosLeft = -1;  ///< so many are made, then none; -1: as many as are asked for
+    bool bNoWriting = false;
+    bool bNoHmac = false;
     bool bNoUtcTime = false;
     long lNow = 1706745599;  ///< 2024-01-31 23:59:59 UTC
 };
@@ -42,6 +44,18 @@ BIO* __wrap_BIO_new(const BIO_METHOD* method)
     return __real_BIO_new(method);
 }
 
+int __real_BIO_write(BIO* bio, const void* bytes, int length);
+int __wrap_BIO_write(BIO* bio, const void* bytes, int length)
+{
+    return g_tDoubles.bNoWriting ? -1 : __real_BIO_write(bio, bytes, length);
+}
+
+HMAC_CTX* __real_HMAC_CTX_new(void);
+HMAC_CTX* __wrap_HMAC_CTX_new(void)
+{
+    return g_tDoubles.bNoHmac ? nullptr : __real_HMAC_CTX_new();
+}
+
 time_t __wrap_time(time_t* out)
 {
     return out != nullptr ? *out = g_tDoubles.lNow : g_tDoubles.lNow;
@@ -49,7 +63,7 @@ time_t __wrap_time(time_t* out)
 
 int __wrap_gettimeofday(timeval* now, void*)
 {
-    *now = {g_tDoubles.lNow, 999999};
+    *now = {g_tDoubles.lNow + 1, 999999};  // not the same second: it shows which one was asked
     return 0;
 }
 
@@ -179,6 +193,19 @@ TEST_F(Text, IsNotEncodedWithoutMemory)
                                            Source.error("Base64Encode", "bmem is NULL")));
 }
 
+TEST_F(Text, IsNotEncodedInPart)
+{
+    unsigned char aIn[] = {'a', 'b', 'c'};
+    unsigned char aOut[5] = "####";
+    unsigned int uiLength = 4;
+    g_tDoubles.bNoWriting = true;
+    EXPECT_FALSE(BillingUtil::Base64Encode(aIn, 3, aOut, &uiLength));
+    EXPECT_STREQ(reinterpret_cast<char*>(aOut), "####");
+    EXPECT_EQ(uiLength, 4u);
+    EXPECT_THAT(LoggedLines(),
+                ElementsAre(Source.error("Base64Encode", "no memory for the encoded text")));
+}
+
 // --- check value ---
 
 std::string Base64OfHex(const std::string& strHex)
@@ -188,7 +215,7 @@ std::string Base64OfHex(const std::string& strHex)
         bytes.push_back(static_cast<guchar>(std::stoi(strHex.substr(i, 2), nullptr, 16)));
     }
     gchar* const szText = g_base64_encode(bytes.data(), bytes.size());
-    const std::string strText = szText;
+    std::string strText = szText;
     g_free(szText);
     return strText;
 }
@@ -246,6 +273,19 @@ TEST_F(Text, HasTheCheckValueOfBytesBehindANul)
 {
     EXPECT_NE(BillingUtil::getCheckValue("k", std::string("a\0b", 3)),
               BillingUtil::getCheckValue("k", "a"));
+    EXPECT_NE(BillingUtil::getCheckValue(std::string("k\0l", 3), "a"),
+              BillingUtil::getCheckValue("k", "a"));
+}
+
+TEST_F(Text, HasNoCheckValueWithoutMemory)
+{
+    g_tDoubles.bNoHmac = true;
+    EXPECT_EQ(BillingUtil::getCheckValue("key", "a"), "");
+    EXPECT_EQ(LoggedLines().back(), Source.error("getCheckValue", "no memory for the check value"));
+    g_tDoubles = Doubles();
+    g_tDoubles.iBiosLeft = 0;
+    EXPECT_EQ(BillingUtil::getCheckValue("key", "a"), "");
+    EXPECT_EQ(LoggedLines().back(), Source.error("Base64Encode", "b64 is NULL"));
 }
 
 // --- replacing ---
@@ -256,6 +296,7 @@ TEST_F(Text, HasBreaksForItsLineEnds)
     EXPECT_EQ(BillingUtil::StringReplace0D0A("\r\n"), "<br>");
     EXPECT_EQ(BillingUtil::StringReplace0D0A("\r\r\n\n"), "\r<br>\n");
     EXPECT_EQ(BillingUtil::StringReplace0D0A("a\r"), "a\r");
+    EXPECT_THAT(LoggedLines(), IsEmpty());
 }
 
 TEST_F(Text, HasRoomForAnyNumberOfBreaks)
@@ -368,10 +409,10 @@ TEST_F(Text, OfAnOrderRaisesWithoutATime)
 
 TEST_F(Text, OfATimestampIsInSeconds)
 {
-    EXPECT_EQ(BillingUtil::GetTimestamp(), 1706745599);
+    EXPECT_EQ(BillingUtil::GetTimestamp(), 1706745600);
     EXPECT_THAT(LoggedLines(), ElementsAre(Source.info("GetTimestamp",
                                                        "Seconds since Jan. 1, 1970: "
-                                                       "1706745599\n")));
+                                                       "1706745600\n")));
 }
 
 }  // namespace

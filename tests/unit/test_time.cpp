@@ -29,6 +29,8 @@ struct Clock {
     time_t tNow = END_OF_JANUARY;
     bool bUnreadable = false;
     bool bNoUtcTime = false;
+    const char* szKey = nullptr;  ///< the last one that was asked for
+    int iZoneResult = 0;          ///< what the zone service says beside its offsets
 };
 Clock g_tClock;
 
@@ -54,6 +56,20 @@ struct tm* __real_gmtime_r(const time_t* seconds, struct tm* out);
 struct tm* __wrap_gmtime_r(const time_t* seconds, struct tm* out)
 {
     return g_tClock.bNoUtcTime ? nullptr : __real_gmtime_r(seconds, out);
+}
+
+int __real_vconf_get_int(const char* key, int* out);
+int __wrap_vconf_get_int(const char* key, int* out)
+{
+    g_tClock.szKey = key;
+    return __real_vconf_get_int(key, out);
+}
+
+int __real_mz_gettimezone(int* utcoff, int* dstoff, void* reserved);
+int __wrap_mz_gettimezone(int* utcoff, int* dstoff, void* reserved)
+{
+    const int iResult = __real_mz_gettimezone(utcoff, dstoff, reserved);
+    return iResult == 0 ? g_tClock.iZoneResult : iResult;
 }
 
 }  // extern "C"
@@ -143,12 +159,11 @@ TEST_F(Time, DoesNotSayWhetherItWasSetWhenTheKeyIsMissing)
     int iValue = 7;
     EXPECT_EQ(m_oTime.GetTimeVconf(&iValue), -1);
     EXPECT_EQ(iValue, 7);
-    const auto lines = LoggedLines();
-    ASSERT_EQ(lines.size(), 1u);
-    EXPECT_EQ(lines[0].ePriority, DLOG_ERROR);
-    EXPECT_THAT(lines[0].strText,
-                ::testing::MatchesRegex(".*Failed to get vconf value key=\\(-?[0-9]+\\).*"))
-        << "a number, not the key";
+    // The key's address as a number, not its text.
+    const auto iKey = static_cast<int>(reinterpret_cast<std::intptr_t>(g_tClock.szKey));
+    EXPECT_THAT(LoggedLines(),
+                ElementsAre(Source.error("GetTimeVconf", "Failed to get vconf value key=(" +
+                                                             std::to_string(iKey) + ")")));
 }
 
 TEST_F(Time, DoesNotSayToANullPointerWhetherItWasSet)
@@ -240,6 +255,9 @@ TEST_F(Time, ChangesToDaylightSavingAndBackInTheSouth)
     const time_t tAutumn = 1712419200;  // 2024-04-06 16:00:00 UTC
     EXPECT_EQ(zoneAt(tAutumn - 1), "02:59 AEDT 39600");
     EXPECT_EQ(zoneAt(tAutumn), "02:00 AEST 36000");
+    const time_t tSpring = 1728144000;  // 2024-10-05 16:00:00 UTC
+    EXPECT_EQ(zoneAt(tSpring - 1), "01:59 AEST 36000");
+    EXPECT_EQ(zoneAt(tSpring), "03:00 AEDT 39600");
 }
 
 TEST_F(Time, OfAZoneIsRefusedToANullPointer)
@@ -273,6 +291,17 @@ TEST_F(Time, HasThePlatformsOffsets)
     EXPECT_EQ(iDst, 3600);
     EXPECT_THAT(LoggedLines(),
                 ElementsAre(Source.debug("GetMZTimeZone", "utcoff[-18000] dstoff[3600]")));
+}
+
+TEST_F(Time, HasThePlatformsOffsetsUnlessItSaysMinusOne)
+{
+    int iUtc = 7;
+    int iDst = 7;
+    fake::platform().timeZone({{-18000, 3600}});
+    g_tClock.iZoneResult = 1;
+    EXPECT_EQ(m_oTime.GetMZTimeZone(&iUtc, &iDst), 0);
+    EXPECT_EQ(iUtc, -18000);
+    EXPECT_EQ(iDst, 3600);
 }
 
 TEST_F(Time, HasNoOffsetsWhenThePlatformHasNone)
@@ -379,6 +408,7 @@ TEST_F(Time, IsWrittenForAnyNumberOfDays)
     if constexpr (BIG_TIME) {
         EXPECT_EQ(date(2, INT_MAX), "-5877587-07-23");
         EXPECT_EQ(date(2, INT_MIN), "5881634-08-11");
+        EXPECT_EQ(date(1, INT_MIN), "5881634-08-11 23:59:59") << "the longest";
     } else {
         EXPECT_EQ(date(2, INT_MAX), "1901-12-13");
         EXPECT_EQ(date(2, INT_MIN), "2038-01-19");
