@@ -4,6 +4,8 @@
 #include "settings_file.h"
 #include "settings_known.h"
 
+#include <glib.h>
+
 #include <algorithm>
 
 namespace {
@@ -14,6 +16,21 @@ bool isClean(const std::string& strText)
         const auto byte = static_cast<unsigned char>(c);
         return byte < ' ' || byte == 0x7f;
     });
+}
+
+// A secret that was spoilt on its way into the file, behind whatever stands there.
+void saysNoRefusedValue(settings::Contents contents)
+{
+    const std::string strSecret = "canary-7f3a";
+    if (contents.bytes.find(strSecret) != std::string::npos) {
+        return;  // as the name of a key it may be said
+    }
+    contents.bytes += "\n[config]\ndb/comss/atoken=" + strSecret + "\x01\n";
+    const settings::Values values = settings::parse("/device.conf", contents);
+    FUZZ_REQUIRE(!values.usable || values.refused.count({"config", "db/comss/atoken"}) == 1);
+    for (const std::string& strProblem : values.problems) {
+        FUZZ_REQUIRE(strProblem.find(strSecret) == std::string::npos);
+    }
 }
 
 }  // namespace
@@ -31,10 +48,14 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)
         const auto eKind = settings::kindOf(name.first, name.second).value_or(settings::Kind::Text);
         FUZZ_REQUIRE(settings::faultIn(eKind, strValue).empty());
         FUZZ_REQUIRE(isClean(strValue));
+        FUZZ_REQUIRE(
+            g_utf8_validate(strValue.data(), static_cast<gssize>(strValue.size()), nullptr));
         FUZZ_REQUIRE(values.refused.count(name) == 0);
+        FUZZ_REQUIRE(contents.bytes.find(strValue) != std::string::npos);
     }
     for (const std::string& strProblem : values.problems) {
-        FUZZ_REQUIRE(strProblem.find("/device.conf") != std::string::npos);
+        FUZZ_REQUIRE(strProblem.rfind("/device.conf: ", 0) == 0);
     }
+    saysNoRefusedValue(contents);
     return 0;
 }
