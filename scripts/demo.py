@@ -9,7 +9,9 @@ import textwrap
 
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / "tests"))
 
-from harness import bus, certificates, credentials, daemon, device, methods, server  # noqa: E402
+from harness import certificates, credentials, daemon, device, methods, server  # noqa: E402
+
+from billing_lab import bus, view  # noqa: E402
 
 HOST = "store.localhost"
 
@@ -81,7 +83,7 @@ def stay(private_bus, tv, store, service):
 def main():
     # Stopped in any way, it stops what it has started.
     signal.signal(signal.SIGTERM, signal.default_int_handler)
-    problem = daemon.why_no_view()
+    problem = view.why_no_view()
     if problem is not None:
         print(f"demo: {problem}", file=sys.stderr)
         return 1

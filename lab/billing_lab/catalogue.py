@@ -51,7 +51,8 @@ def parse(text: str, name: str, folder: pathlib.Path) -> dict:
                              "`billing-lab seed --help` names") from None
     problems = list(_against_schema(catalogue)) or list(_against_itself(catalogue, folder))
     if problems:
-        numbered = sorted((lines.get(path, 1), problem) for path, problem in problems)
+        # What lacks several members is reported once for each of them.
+        numbered = sorted({(lines.get(path, 1), problem) for path, problem in problems})
         raise CatalogueError("\n".join(f"{name}:{line}: {problem}" for line, problem in numbered))
     return _with_bodies(catalogue, folder)
 

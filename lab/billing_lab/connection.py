@@ -25,6 +25,7 @@ class Connection(web.RequestHandler):
         self.version = session.version()
         self.certificate = tls.presented(session)
         super().connection_made(transport)
+        self.server.opened(self)
 
     def data_received(self, data: bytes) -> None:
         self.received += data

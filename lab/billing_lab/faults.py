@@ -46,6 +46,15 @@ KINDS = {
                  {"mib": Option(40, 1, 4096, "MiB")}, True),
 }
 
+# Those of every connection of the lab.
+CONNECTION_FAULTS = {
+    "none": "connections work",
+    "refuse-tls": "every handshake is refused with an alert",
+    "expired": "the server's certificate has expired",
+    "wrong-host": "the server's certificate is for another host",
+    "untrusted": "the server's certificate is of an authority that the device does not know",
+}
+
 
 class FaultError(ValueError):
     """What is wrong with a fault that was asked for, in one line."""

@@ -91,10 +91,11 @@ class Simulator:
 
     def _new_connection(self) -> Connection:
         self._connection_number += 1
-        made = Connection(self, self._connection_number, self._manager, access_log=None,
+        return Connection(self, self._connection_number, self._manager, access_log=None,
                           max_line_size=LARGEST_REQUEST, max_field_size=LARGEST_REQUEST)
-        self._connections.add(made)
-        return made
+
+    def opened(self, connection: Connection) -> None:
+        self._connections.add(connection)
 
     def gone(self, connection: Connection) -> None:
         self._connections.discard(connection)
@@ -103,14 +104,21 @@ class Simulator:
         for task in list(self._opening):
             task.cancel()
         for connection in list(self._connections):
-            if connection.transport is not None:
-                connection.transport.abort()
+            connection.transport.abort()
+
+    async def dropped(self) -> None:
+        """Waits until the other sides can see that their connections were dropped."""
+        going = [connection for connection in self._connections
+                 if connection.transport.is_closing()]
+        for connection in going:
+            await connection.left_within(HANDSHAKE_SECONDS)
+        await asyncio.sleep(0)
 
     def switch_connection_fault(self, fault: str) -> None:
         """Drops what is connected. No TLS session of before is taken up again."""
-        if fault not in tls.CONNECTION_FAULTS:
+        if fault not in faults.CONNECTION_FAULTS:
             raise faults.FaultError(f"{fault!r} is no fault of the connection; known are "
-                                    f"{', '.join(tls.CONNECTION_FAULTS)}")
+                                    f"{', '.join(faults.CONNECTION_FAULTS)}")
         self._context = tls.server_context(fault, self._certificates)
         self.connection_fault = fault
         self.drop_connections()
@@ -130,6 +138,12 @@ class Simulator:
         self.faults = kept
         self._cleared += 1
         return ended
+
+    def reset(self) -> None:
+        """As it was at the start."""
+        self.clear_faults()
+        self._fault_number = 0
+        self.switch_connection_fault("none")
 
     def end_of(self, fault: faults.Fault) -> Callable[[], bool]:
         """A question: is it over? One that was forced by a product ends when any is cleared."""

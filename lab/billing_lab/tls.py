@@ -9,14 +9,6 @@ from cryptography.hazmat.primitives import hashes
 
 HOSTS = ("production.localhost", "sandbox.localhost")
 
-CONNECTION_FAULTS = {
-    "none": "connections work",
-    "refuse-tls": "every handshake is refused with an alert",
-    "expired": "the server's certificate has expired",
-    "wrong-host": "the server's certificate is for another host",
-    "untrusted": "the server's certificate is of an authority that the device does not know",
-}
-
 
 def server_context(fault: str, folder: pathlib.Path) -> ssl.SSLContext:
     """A context that demands a client certificate. A new one knows no session of those before it.

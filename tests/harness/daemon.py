@@ -1,16 +1,16 @@
 """Runs the daemon, with its own view of the paths that are fixed in it."""
 import contextlib
-import json
 import os
 import pathlib
 import re
 import select
-import shutil
 import signal
 import socket
 import subprocess
 import sys
 import time
+
+from billing_lab.view import bubblewrap, start
 
 TREE = pathlib.Path(__file__).resolve().parents[2]
 DEFAULT_BINARY = TREE / "build" / "service" / "billing-service"
@@ -25,12 +25,6 @@ SANITIZERS = {
                     ":report_signal_unsafe=0",
 }
 
-NO_NAMESPACES = (
-    "the daemon's view of its two folders of certificates needs bubblewrap and mount namespaces, which are not "
-    "allowed here. An ordinary user may have them with `sysctl kernel.unprivileged_userns_clone=1` "
-    "and `sysctl user.max_user_namespaces=10000`; a container needs them from its host "
-    "(for instance `--cap-add SYS_ADMIN --security-opt seccomp=unconfined`)")
-
 
 def binary():
     """The daemon to test: that of $BILLING_SERVICE, else the one of the build folder."""
@@ -40,33 +34,6 @@ def binary():
 def is_sanitized():
     """Built with a sanitizer? Then it is slower and larger."""
     return b"__sanitizer" in binary().read_bytes()
-
-
-CERTIFICATES = "/usr/apps/org.plevo.billing-api/res/certificate"
-
-
-def bubblewrap(ca_folder, certificates):
-    """A command line that gives what follows it a /opt of its own, and a /usr that is the machine's
-    with the device's certificate in it."""
-    command = ["bwrap", "--die-with-parent", "--cap-drop", "ALL", "--dev-bind", "/", "/",
-               "--tmpfs", "/opt", "--ro-bind", str(ca_folder), "/opt/down/cert", "--tmpfs", "/usr"]
-    for entry in os.scandir("/usr"):
-        if entry.is_symlink():
-            command += ["--symlink", os.readlink(entry.path), entry.path]
-        else:
-            command += ["--ro-bind", entry.path, entry.path]
-    return [*command, "--ro-bind", str(certificates), CERTIFICATES]
-
-
-def why_no_view():
-    """None where bubblewrap works, else what to do about it."""
-    if shutil.which("bwrap") is None:
-        return "bubblewrap is not installed"
-    if not os.path.isdir("/opt"):
-        return "there is no folder /opt to put the daemon's own one over"
-    tried = subprocess.run([*bubblewrap("/tmp", "/tmp"), "--unshare-net", "true"], capture_output=True,
-                           text=True, check=False)
-    return None if tried.returncode == 0 else f"{NO_NAMESPACES} ({tried.stderr.strip()})"
 
 
 @contextlib.contextmanager
@@ -118,23 +85,16 @@ class Daemon:
             command = [*namespace.command, *command]
             handed_on = (namespace.descriptor,)
         if not view:
-            self._process = self._popen(command, log, handed_on)
+            self._process = subprocess.Popen(command, env=self._environment, stdout=log, stderr=log,
+                                             stdin=subprocess.DEVNULL, pass_fds=handed_on,
+                                             start_new_session=True)
             self.pid = self._process.pid
             return
-        told, tell = os.pipe()
         prefix = bubblewrap(device.certificates, device.credentials.certificates)
         if namespace is not None:
             prefix += ["--unshare-net", "--cap-add", "CAP_NET_ADMIN"]
-        self._process = self._popen([*prefix, "--info-fd", str(tell), "--", *command], log,
-                                    (tell, *handed_on))
-        os.close(tell)
-        with open(told, encoding="utf-8") as info:
-            self.pid = json.loads(info.read() or "{}").get("child-pid", 0)
-
-    def _popen(self, command, log, handed_on):
-        return subprocess.Popen(command, env=self._environment, stdin=subprocess.DEVNULL,
-                                stdout=log, stderr=log, pass_fds=handed_on,
-                                start_new_session=True)
+        self._process, self.pid = start(prefix, command, handed_on=handed_on, env=self._environment,
+                                        stdin=subprocess.DEVNULL, stdout=log, stderr=log)
 
     def wait_for_name(self, caller, timeout=20):
         """Returns when the daemon owns its name."""

@@ -1,7 +1,8 @@
 """What a device is to the daemon: its settings file, its CA bundle, its certificate and its key store."""
 import copy
-import os
 import pathlib
+
+from billing_lab.folder import replace_file
 
 TOKEN = "token-8c41"
 DUID = "duid-5fb0"
@@ -53,9 +54,7 @@ class Device:
 
     def write_file(self, text):
         """Replaces the whole file, so that no reader sees half of it."""
-        fresh = self.file.with_suffix(".new")
-        fresh.write_bytes(text if isinstance(text, bytes) else text.encode())
-        os.replace(fresh, self.file)
+        replace_file(self.file, text if isinstance(text, bytes) else text.encode())
 
     @property
     def ca_file(self):

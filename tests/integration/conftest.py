@@ -7,14 +7,16 @@ import pytest
 
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1]))
 
-from harness import bus as message_bus  # noqa: E402
 from harness import certificates, credentials, daemon, device, server  # noqa: E402
+
+from billing_lab import bus as message_bus  # noqa: E402
+from billing_lab import view  # noqa: E402
 
 # A shell ignores it in what it runs in the background, and a daemon would inherit that.
 signal.signal(signal.SIGINT, signal.default_int_handler)
 
 HOSTS = ("localhost", "production.localhost", "sandbox.localhost")
-NO_VIEW = daemon.why_no_view()
+NO_VIEW = view.why_no_view()
 
 
 @pytest.fixture(scope="session")

@@ -1,21 +1,24 @@
-"""A store server in this process, and clients with and without a certificate."""
+"""A store server in this process with its clients, and whole labs."""
 import asyncio
 import contextlib
 import http.client
 import json
+import os
 import pathlib
 import shutil
 import socket
 import ssl
+import subprocess
 import sys
 import threading
 
 import pytest
 import trustme
 
-sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[2] / "lab"))
+LAB = pathlib.Path(__file__).resolve().parents[2] / "lab"
+sys.path.insert(0, str(LAB))
 
-from billing_lab import catalogue, simulator, state, tls  # noqa: E402
+from billing_lab import catalogue, simulator, state, tls, view  # noqa: E402
 
 HOST = "production.localhost"
 TOKEN, DUID, GUID, UID = "token-1", "duid-1", "lab-guid", "lab@example.org"
@@ -168,3 +171,38 @@ def clients(store, device_context):
 @pytest.fixture
 def client(clients):
     return clients()
+
+
+# Whole labs
+
+pytest_plugins = ["billing_lab.pytest_plugin"]
+NO_VIEW = view.why_no_view()
+
+
+@pytest.fixture(scope="session")
+def needs_view():
+    """The test's daemon must see a /opt of its own."""
+    if NO_VIEW is not None:
+        pytest.skip(NO_VIEW)
+
+
+@pytest.fixture
+def lab(needs_view, billing_lab):
+    return billing_lab
+
+
+@pytest.fixture
+def cli(tmp_path):
+    """A function that runs the command, with a folder of the test's for everything that it may write."""
+    home = tmp_path / "home"
+    home.mkdir()
+    environment = {"PATH": os.environ["PATH"], "HOME": str(home), "TMPDIR": str(home),
+                   **{name: os.environ[name] for name in ("BILLING_SERVICE", "PYTHONDONTWRITEBYTECODE")
+                      if name in os.environ}}
+
+    def run(*arguments, folder=tmp_path / "lab", **more):
+        return subprocess.run([LAB / "billing-lab", "--dir", folder, *map(str, arguments)],
+                              env={**environment, **more}, capture_output=True, text=True, timeout=120,
+                              check=False)
+    run.environment = environment
+    return run

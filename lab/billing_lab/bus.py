@@ -1,6 +1,7 @@
 """A private message bus of the system kind, and callers on it."""
 import contextlib
 import itertools
+import os
 import pathlib
 import subprocess
 
@@ -45,23 +46,25 @@ class Bus:
                         for name in names)
         configuration = folder / "bus.conf"
         configuration.write_text(CONFIGURATION.format(socket=self.socket, names=rules))
-        # It ends with us, however we end, and knows nothing of our terminal's Ctrl-C.
-        self._process = subprocess.Popen(
-            ["setpriv", "--pdeathsig", "TERM", "dbus-daemon", f"--config-file={configuration}",
-             "--nofork", "--nopidfile", "--print-address"],
+        # It ends with us, however we end and be it at this moment, and knows nothing of our terminal's
+        # Ctrl-C.
+        self.process = subprocess.Popen(
+            ["setpriv", "--pdeathsig", "TERM", "sh", "-c", '[ "$PPID" = "$0" ] && exec "$@"',
+             str(os.getpid()), "dbus-daemon", f"--config-file={configuration}", "--nofork",
+             "--nopidfile", "--print-address"],
             stdout=subprocess.PIPE, text=True, start_new_session=True)
-        if not self._process.stdout.readline():
+        if not self.process.stdout.readline():
             raise RuntimeError("dbus-daemon did not start")
 
     def kill(self):
         """Without any notice, as a crash would."""
-        self._process.kill()
-        self._process.wait()
+        self.process.kill()
+        self.process.wait()
 
     def stop(self):
-        self._process.terminate()
-        self._process.wait()
-        self._process.stdout.close()
+        self.process.terminate()
+        self.process.wait()
+        self.process.stdout.close()
 
 
 class Call:

@@ -1,0 +1,233 @@
+"""The command line: its words, and what is said about them."""
+import argparse
+import os
+import sys
+
+from . import commands, device
+from .catalogue import DEFAULT_FILE
+from .faults import CONNECTION_FAULTS, ENDPOINTS, KINDS, RESERVED
+from .folder import LabError, default_path
+from .methods import METHODS
+
+_DESCRIPTION = """\
+A store of your own with a device in front of it: a private bus, the billing service, a software token and a store
+that demands its certificate. It lives in one folder and touches nothing else."""
+
+_EPILOG = """\
+Five minutes:
+  billing-lab up                                    prints DBUS_SYSTEM_BUS_ADDRESS for your app
+  billing-lab call get_product_list appid=app-1
+  billing-lab buy coins-100                         prints the invoice
+  billing-lab call confirm_purchase invoiceid=INV-000003
+  billing-lab fault status --code 503 --endpoint confirm --count 1
+  billing-lab journal
+  billing-lab down
+
+Exit status: 0 done, 1 failed (the reason is on standard error), 2 wrong usage; others stand with their command."""
+
+_OUTCOMES = f"""\
+Products that are in no catalogue and force an outcome:
+  {RESERVED}buy.declined            the payment is declined
+  {RESERVED}confirm.FAULT           the invoice's confirmation gets this fault
+  {RESERVED}apply.FAULT             the question when it was applied gets this fault
+FAULT is a fault of `billing-lab fault`, with its number behind it where it takes one: status.503, delay.2000, hang."""
+
+
+def parser() -> argparse.ArgumentParser:
+    made = argparse.ArgumentParser(prog="billing-lab", description=_DESCRIPTION, epilog=_EPILOG,
+                                   formatter_class=argparse.RawDescriptionHelpFormatter)
+    made.add_argument("--dir", metavar="DIR", help="the lab's folder; several labs have several "
+                      f"(default: $BILLING_LAB_DIR, else {default_path()})")
+    words = made.add_subparsers(dest="command", metavar="COMMAND", required=True)
+    _life(words)
+    _store(words)
+    _device(words)
+    _faults(words)
+    _journal(words)
+    return made
+
+
+def _add(words, name: str, run, what: str, json: bool = True, **options) -> argparse.ArgumentParser:
+    made = words.add_parser(name, help=what, description=what[0].upper() + what[1:] + ".",
+                            formatter_class=argparse.RawDescriptionHelpFormatter, **options)
+    made.set_defaults(run=run)
+    if json:
+        made.add_argument("--json", action="store_true", help="print JSON")
+    return made
+
+
+def _life(words) -> None:
+    made = _add(words, "up", commands.up, "start the lab, or say how to reach it when it is up")
+    made.add_argument("--seed", metavar="FILE", help="read this catalogue, as `seed` does")
+    made.add_argument("--stay", action="store_true", help="stay, and end the lab at Ctrl-C")
+    made.add_argument("--log-level", choices=("debug", "info", "warning", "error"), default="info",
+                      help="what the daemon logs, this and worse (default: info)")
+    _add(words, "down", commands.down, "end the lab; purchases, journal and device stay in its folder",
+         json=False)
+    _add(words, "status", commands.status, "show what is up, and how the lab is set")
+    made = _add(words, "logs", commands.logs, "show a log; private values of the lab are not hidden",
+                json=False)
+    made.add_argument("part", nargs="?", choices=("daemon", "lab"), default="daemon",
+                      help="whose log (default: daemon)")
+    made.add_argument("--lines", type=_number(0), default=100, metavar="N",
+                      help="the last N lines, 0 or more (default: 100)")
+    made.add_argument("--follow", action="store_true", help="go on until Ctrl-C")
+    _add(words, "doctor", commands.doctor, "run `billingctl doctor` where the daemon runs, with the "
+         "daemon's view of files and its environment; it is told all further words", json=False)
+    made = _add(words, "call", commands.call, "call a method of the service, as an app does",
+                epilog="Exit status: 0 for resp_result 0, 3 for -1, 4 for 1160003, 5 without an answer.\n\n"
+                "Arguments, with their defaults:\n" + "\n".join(
+                    f"  {name}  " + " ".join(f"{key}={value}" for key, value in known.items())
+                    for name, known in METHODS.items()))
+    made.add_argument("method", choices=METHODS, metavar="METHOD", help=", ".join(METHODS))
+    made.add_argument("values", nargs="*", metavar="NAME=VALUE", help="arguments of the method")
+    made.add_argument("--timeout", type=_number(1), default=100, metavar="SECONDS",
+                      help="how long to wait for the answer, 1 or more (default: 100; the service "
+                      "itself gives up after 90)")
+
+
+def _store(words) -> None:
+    made = _add(words, "seed", commands.seed, "read a catalogue in place of all products, users and "
+                "invoices", json=False, epilog=f"A catalogue to begin with: {DEFAULT_FILE}\n"
+                "Its form: catalogue.schema.json beside it. What is wrong is said with line and cure.")
+    made.add_argument("file", metavar="FILE", help="the catalogue, a JSON file")
+    _add(words, "reset", commands.reset, "go back to the state after the last seed", json=False)
+    made = _add(words, "buy", commands.buy, "buy a product: makes an invoice", epilog=_OUTCOMES)
+    made.add_argument("product", metavar="PRODUCT", help="id of a product")
+    made.add_argument("--app", metavar="ID", help="the app (default: the first that sells it)")
+    made.add_argument("--user", metavar="UID", help="who buys (default: who is signed in)")
+    made.add_argument("--country", metavar="XX", help="where (default: the device's country)")
+    made.add_argument("--custom-id", metavar="ID", help="the only customId that may then apply and "
+                      "confirm it (default: any)")
+    for name, run, what in (
+            ("cancel", commands.cancel, "call off a purchase that was not confirmed yet"),
+            ("refund", commands.refund, "give the money for a purchase back")):
+        _add(words, name, run, what).add_argument("invoice", metavar="INVOICE", help="id of an invoice")
+    made = _add(words, "invoices", commands.invoices, "list the invoices, the newest first")
+    made.add_argument("--user", metavar="UID", help="those of this user (default: all)")
+    made = _add(words, "answer", commands.answer, "answer an endpoint with a body of your own; the store "
+                "still does its work", json=False)
+    made.add_argument("endpoint", choices=ENDPOINTS, metavar="ENDPOINT", help=", ".join(ENDPOINTS))
+    made.add_argument("file", nargs="?", metavar="FILE", help="the body, any bytes")
+    made.add_argument("--status", type=_number(200, 599), metavar="N",
+                      help="HTTP status, 200 to 599 (default: 200)")
+    made.add_argument("--type", metavar="TYPE", help="content type (default: application/json)")
+    made.add_argument("--built-in", action="store_true", help="answer as the lab does again")
+
+
+def _device(words) -> None:
+    made = _add(words, "device", commands.device, "show the device, or set one of its switches; it takes "
+                "effect at the next call", epilog="""\
+Switches:
+  signed-out               nobody is signed in
+  signed-in UID            a user of the catalogue is
+  country XX|none          two capitals
+  language LOCALE|none     de_DE.utf8, or de
+  server sandbox|production
+  gateway up|down|auto|error:N
+                           whether there is a way out; auto asks the kernel; error:N fails with N, 0 to 999999999
+  token valid|expired|none the device's access token""")
+    made.add_argument("switch", nargs="?", choices=device.SWITCHES, metavar="SWITCH",
+                      help=", ".join(device.SWITCHES))
+    made.add_argument("value", nargs="?", default="", metavar="VALUE", help="see below")
+
+
+def _faults(words) -> None:
+    made = _add(words, "fault", commands.fault, "make answers or connections go wrong", json=False,
+                epilog="The first fault that fits a request strikes. Each draws its random numbers from its "
+                "seed, so that a run repeats.")
+    kinds = made.add_subparsers(dest="kind", metavar="KIND", required=True)
+    for name, kind in KINDS.items():
+        each = kinds.add_parser(name, help=kind.what, description=kind.what[0].upper() + kind.what[1:] + ".")
+        for option, known in kind.options.items():
+            each.add_argument(f"--{option}", type=_number(known.least, known.most), metavar="N",
+                              help=f"{known.unit}, {known.least} to {known.most} "
+                              f"(default: {known.default})")
+        _fault_options(each, kind.done)
+    for name, what in CONNECTION_FAULTS.items():
+        kinds.add_parser(name, help=f"of the whole lab: {what}" if name != "none" else
+                         "ends a fault of the whole lab", description=(
+                             "Strikes every connection of the lab. What is connected is dropped, and no TLS "
+                             "session of before is taken up again."))
+    kinds.add_parser("list", help="show the faults").add_argument("--json", action="store_true",
+                                                                  help="print JSON")
+    each = kinds.add_parser("clear", help="end faults, and the hanging answers that they hold")
+    each.add_argument("number", nargs="?", type=_number(1), metavar="NUMBER",
+                      help="the one to end (default: all, those of the connection too)")
+
+
+def _fault_options(made: argparse.ArgumentParser, done: bool) -> None:
+    made.add_argument("--endpoint", choices=ENDPOINTS, help="only there (default: everywhere)")
+    made.add_argument("--app", metavar="ID", help="only for this app (default: every app)")
+    made.add_argument("--user", metavar="UID", help="only for this user (default: every user)")
+    made.add_argument("--count", type=_number(1, 1_000_000), metavar="N",
+                      help="how often, 1 to 1000000 (default: without end)")
+    made.add_argument("--seconds", type=_decimal(0.001, 86_400), metavar="S",
+                      help="how long from now, 0.001 to 86400 seconds (default: without end)")
+    made.add_argument("--chance", type=_decimal(0, 1), metavar="P",
+                      help="how likely for each request, 0 to 1 (default: 1)")
+    made.add_argument("--seed", type=_number(0, 2**63 - 1), metavar="N",
+                      help="of its random numbers, 0 or more (default: 1)")
+    work = made.add_mutually_exclusive_group()
+    now = ("default", "") if done else ("", "default")
+    work.add_argument("--after-work", dest="done", action="store_const", const=True,
+                      help=f"the store does its work, then the answer goes wrong {_default(now[0])}")
+    work.add_argument("--no-work", dest="done", action="store_const", const=False,
+                      help=f"the store does nothing {_default(now[1])}")
+
+
+def _default(text: str) -> str:
+    return f"({text})" if text else ""
+
+
+def _journal(words) -> None:
+    made = _add(words, "journal", commands.show_journal, "show every request: when, what, with which "
+                "certificate and handshake, and its answer. Nothing is hidden: the values are the lab's own",
+                epilog="With --json, each entry is one line and whole: headers, bodies and certificate too.")
+    made.add_argument("--follow", action="store_true", help="go on until Ctrl-C")
+    made.add_argument("--last", type=_number(0), metavar="N", help="the last N entries, 0 or more "
+                      "(default: all; the newest 10000 are kept)")
+    made = _add(words, "check", commands.check, "say whether requests are exactly what the service sends on "
+                "this device", json=False, epilog="Exit status 1 when one is not.")
+    made.add_argument("--last", type=_number(1), metavar="N",
+                      help="of the last N entries of the journal, 1 or more (default: all)")
+
+
+def _number(least: int, most: int | None = None):
+    return _ranged(int, least, most)
+
+
+def _decimal(least: float, most: float):
+    return _ranged(float, least, most)
+
+
+def _ranged(kind, least, most):
+    def read(text: str):
+        try:
+            value = kind(text)
+        except ValueError:
+            value = None
+        if value is None or not (least <= value and (most is None or value <= most)):
+            bounds = f"of {least} or more" if most is None else f"from {least} to {most}"
+            raise argparse.ArgumentTypeError(f"{text!r} is no number {bounds}")
+        return value
+    return read
+
+
+def main(arguments: list[str]) -> int:
+    words = parser()
+    options, options.further = words.parse_known_args(arguments)
+    if options.further and options.run is not commands.doctor:
+        words.error(f"unrecognized arguments: {' '.join(options.further)}")
+    try:
+        return options.run(options)
+    except LabError as error:
+        for line in str(error).split("\n"):
+            print(f"billing-lab: {line}", file=sys.stderr)
+        return 1
+    except KeyboardInterrupt:
+        return 130
+    except BrokenPipeError:
+        # Whoever read has enough. Nothing may be written at the exit either.
+        os.dup2(os.open(os.devnull, os.O_WRONLY), sys.stdout.fileno())
+        return 0

@@ -1,0 +1,223 @@
+"""Starts a lab, and asks things of one that is up. Nothing in here needs more than Python itself,
+but for calls, which need PyGObject."""
+import contextlib
+import http.client
+import json
+import os
+import pathlib
+import signal
+import subprocess
+import sys
+import time
+import urllib.parse
+from collections.abc import Iterator
+
+from . import view
+from .folder import Folder, LabError
+from .methods import arguments_of
+
+START_SECONDS = 90
+STOP_SECONDS = 30
+
+
+class Lab:
+    """A lab that is up, as test programs and the command line use it."""
+
+    def __init__(self, path: pathlib.Path | str | None = None):
+        self.folder = Folder.at(path)
+        self.info = self.folder.read_info()
+        self._address = urllib.parse.urlsplit(self.info["control"]["address"]).netloc
+        self._caller = None
+
+    @property
+    def bus(self) -> str:
+        """For DBUS_SYSTEM_BUS_ADDRESS."""
+        return self.info["bus"]
+
+    # Calls of the five methods, as an app makes them
+
+    def call(self, method: str, timeout: float = 100, **values: str) -> tuple[int, str]:
+        """@param values the method's arguments by name; what is not said is a default
+        @return (resp_result, resp_info)"""
+        return self.finish_call(self.start_call(method, timeout, **values))
+
+    def start_call(self, method: str, timeout: float = 100, **values: str):
+        """A call that is answered later. @return what finish_call() takes"""
+        arguments = arguments_of(method, values)
+        if self._caller is None:
+            from .bus import Caller
+            self._caller = Caller(self.bus)
+        return self._caller.start(method, *arguments, timeout=timeout)
+
+    def finish_call(self, call) -> tuple[int, str]:
+        self._caller.finish([call])
+        if call.error is not None:
+            raise call.error
+        return call.result
+
+    def close(self) -> None:
+        if self._caller is not None:
+            self._caller.close()
+            self._caller = None
+
+    # Control
+
+    def _connect(self, method: str, path: str, body: object, timeout: float | None):
+        connection = http.client.HTTPConnection(self._address, timeout=timeout)
+        try:
+            connection.request(method, path, None if body is None else json.dumps(body), {
+                "Authorization": f"Bearer {self.info['control']['token']}",
+                "Content-Type": "application/json"})
+            return connection, connection.getresponse()
+        except OSError as error:
+            connection.close()
+            raise LabError(f"the lab in {self.folder.path} does not answer ({error}); see "
+                           "`billing-lab status`") from None
+
+    def ask(self, method: str, path: str, body: object = None):
+        """One request to the control interface."""
+        connection, response = self._connect(method, path, body, 60)
+        with contextlib.closing(connection):
+            text = response.read().decode()
+        try:
+            answer = json.loads(text)
+        except ValueError:
+            raise LabError(f"the lab failed ({response.status}); see `billing-lab logs lab`") from None
+        if response.status != 200:
+            raise LabError(answer["error"])
+        return answer
+
+    def status(self) -> dict:
+        return self.ask("GET", "/api/status")
+
+    def seed(self, file: pathlib.Path | str) -> dict:
+        return self.ask("POST", "/api/seed", {"file": str(pathlib.Path(file).absolute())})
+
+    def reset(self) -> dict:
+        return self.ask("POST", "/api/reset", {})
+
+    def answer(self, endpoint: str, body: bytes | None, status: int | None = None,
+               type: str | None = None) -> None:
+        """A body of one's own for an endpoint; None for the built-in one again."""
+        text = None if body is None else body.decode("latin-1")
+        self.ask("POST", "/api/answers", {"endpoint": endpoint, "body": text, "status": status,
+                                          "type": type})
+
+    def buy(self, product: str, *, app: str | None = None, user: str | None = None,
+            country: str | None = None, custom_id: str | None = None) -> dict:
+        """@return the new invoice"""
+        return self.ask("POST", "/api/buy", {"product": product, "app": app, "user": user,
+                                             "country": country, "custom_id": custom_id})
+
+    def cancel(self, invoice: str) -> dict:
+        return self.ask("POST", "/api/cancel", {"invoice": invoice})
+
+    def refund(self, invoice: str) -> dict:
+        return self.ask("POST", "/api/refund", {"invoice": invoice})
+
+    def invoices(self, user: str | None = None) -> list[dict]:
+        return self.ask("GET", _with_query("/api/invoices", user=user))
+
+    def device(self, switch: str | None = None, value: str = "") -> dict:
+        """What the device is like, after a switch was set if one is named."""
+        if switch is None:
+            return self.ask("GET", "/api/device")
+        return self.ask("POST", "/api/device", {"switch": switch, "value": value})
+
+    def fault(self, kind: str, **options) -> dict:
+        """Adds a fault: its own options, endpoint, app, user, count, seconds, chance, seed, done."""
+        return self.ask("POST", "/api/faults", {"kind": kind, **options})
+
+    def faults(self) -> list[dict]:
+        return self.ask("GET", "/api/faults")
+
+    def clear_faults(self, number: int | None = None) -> int:
+        return self.ask("DELETE", _with_query("/api/faults", number=number))["ended"]
+
+    def connection(self, fault: str) -> None:
+        """A fault of every connection, or "none"."""
+        self.ask("POST", "/api/connection", {"fault": fault})
+
+    def journal(self, after: int = 0, last: int | None = None) -> list[dict]:
+        return self.ask("GET", _with_query("/api/journal", after=after, last=last))
+
+    def follow(self, after: int | None = None) -> Iterator[dict]:
+        """New entries of the journal, as they come, until the lab ends."""
+        connection, response = self._connect("GET", _with_query("/api/events", after=after), None, None)
+        with contextlib.closing(connection):
+            for line in response:
+                if line.startswith(b"data: "):
+                    yield json.loads(line.removeprefix(b"data: "))
+
+
+def _with_query(path: str, **values: object) -> str:
+    given = {name: value for name, value in values.items() if value is not None}
+    return f"{path}?{urllib.parse.urlencode(given)}" if given else path
+
+
+def start(folder: Folder, level: str = "info", lifeline: int | None = None) -> Lab:
+    """Starts a lab there. It ends when the other side of the pipe `lifeline` is closed."""
+    problem = view.why_no_view()
+    if problem is not None:
+        raise LabError(problem)
+    folder.make()
+    hear, tell = os.pipe()
+    handed_on = [tell] if lifeline is None else [tell, lifeline]
+    package = str(pathlib.Path(__file__).resolve().parents[1])
+    paths = os.pathsep.join(filter(None, [package, os.environ.get("PYTHONPATH")]))
+    with open(folder.logs / "lab.log", "ab") as log:
+        process = subprocess.Popen(
+            [sys.executable, "-m", "billing_lab.supervisor", str(folder.path), level,
+             *map(str, handed_on)], pass_fds=handed_on, stdin=subprocess.DEVNULL, stdout=log, stderr=log,
+            env={**os.environ, "PYTHONPATH": paths}, start_new_session=True)
+    os.close(tell)
+    try:
+        with os.fdopen(hear, encoding="utf-8") as report:
+            said = report.readline().strip()
+    except BaseException:
+        process.kill()
+        process.wait()
+        raise
+    if said != "up":
+        process.wait(STOP_SECONDS)
+        raise LabError(said or f"the lab did not start; see {folder.logs / 'lab.log'}")
+    # It is nobody's child that waits for it: that it has ended is seen by its lock.
+    return Lab(folder.path)
+
+
+def stop(folder: Folder) -> bool:
+    """Ends the lab there and waits for its end. @return whether there was one"""
+    if not folder.is_up():
+        return False
+    pid = folder.read_info()["pid"]
+    for number, seconds in ((signal.SIGTERM, STOP_SECONDS), (signal.SIGKILL, 5)):
+        with contextlib.suppress(ProcessLookupError):
+            os.kill(pid, number)
+        end = time.monotonic() + seconds
+        while time.monotonic() < end:
+            with contextlib.suppress(ChildProcessError):
+                os.waitpid(pid, os.WNOHANG)
+            if not folder.is_up():
+                return True
+            time.sleep(0.02)
+    raise LabError(f"the lab's process {pid} does not end; see {folder.logs / 'lab.log'}")
+
+
+@contextlib.contextmanager
+def running(path: pathlib.Path | str, level: str = "info") -> Iterator[Lab]:
+    """A lab for as long as the block, and no longer than this process."""
+    folder = Folder.at(path)
+    held, kept = os.pipe()
+    try:
+        lab = start(folder, level, held)
+        os.close(held)
+        held = -1
+        try:
+            yield lab
+        finally:
+            lab.close()
+            stop(folder)
+    finally:
+        os.close(kept)
+        if held >= 0:
+            os.close(held)

@@ -1,0 +1,209 @@
+"""The control interface: HTTP on 127.0.0.1 for the command line, test programs and browsers.
+
+Every request must carry the lab's token, as `Authorization: Bearer …` or as `?token=…`, and name this
+server in its Host line, so that no web page can use it behind its user's back.
+"""
+import asyncio
+import hmac
+import json
+import os
+import pathlib
+import socket
+from collections.abc import Awaitable, Callable
+
+from aiohttp import web
+
+from . import journal, purchases, state
+from .catalogue import CatalogueError
+from .core import Core
+from .device import DeviceError
+from .faults import FaultError
+from .store import Refusal
+
+Handler = Callable[[web.Request], Awaitable[web.StreamResponse]]
+
+_WRONG = (CatalogueError, DeviceError, FaultError, Refusal)
+HEARTBEAT_SECONDS = 15
+
+
+def application(core: Core, token: str) -> web.Application:
+    made = web.Application(middlewares=[_guard(token)], client_max_size=64 << 20)
+    made["core"] = core
+    made.add_routes([
+        web.get("/api/status", _status), web.post("/api/stop", _stop),
+        web.post("/api/seed", _seed), web.post("/api/reset", _reset),
+        web.get("/api/catalogue", _catalogue), web.post("/api/answers", _answers),
+        web.get("/api/invoices", _invoices), web.post("/api/buy", _buy),
+        web.post("/api/cancel", _undo(purchases.cancel)),
+        web.post("/api/refund", _undo(purchases.refund)),
+        web.get("/api/device", _device), web.post("/api/device", _switch),
+        web.get("/api/faults", _faults), web.post("/api/faults", _add_fault),
+        web.delete("/api/faults", _clear_faults), web.post("/api/connection", _connection),
+        web.get("/api/journal", _journal), web.get("/api/events", _events)])
+    return made
+
+
+def _guard(token: str):
+    @web.middleware
+    async def guard(request: web.Request, handler: Handler) -> web.StreamResponse:
+        given = request.headers.get("Authorization", "").removeprefix("Bearer ")
+        given = given or request.query.get("token", "")
+        host = request.headers.get("Host", "").rpartition(":")[0]
+        if not hmac.compare_digest(given.encode(), token.encode()) or host not in ("127.0.0.1",
+                                                                                   "localhost"):
+            return _problem(403, "the lab's token is missing or wrong")
+        try:
+            return await handler(request)
+        except _WRONG as wrong:
+            return _problem(422, str(wrong))
+        except (KeyError, TypeError, ValueError) as wrong:
+            return _problem(400, f"this cannot be asked so: {wrong!r}")
+    return guard
+
+
+def _problem(status: int, text: str) -> web.Response:
+    return web.json_response({"error": text}, status=status)
+
+
+def _core(request: web.Request) -> Core:
+    return request.app["core"]
+
+
+async def _status(request: web.Request) -> web.Response:
+    core = _core(request)
+    return web.json_response({**core.info, "device": core.device(), "catalogue": core.summary(),
+                              "faults": _told_faults(core),
+                              "connection": core.simulator.connection_fault})
+
+
+async def _stop(request: web.Request) -> web.Response:
+    _core(request).end()
+    return web.json_response({})
+
+
+async def _seed(request: web.Request) -> web.Response:
+    file = pathlib.Path((await request.json())["file"])
+    if not file.is_absolute():
+        raise ValueError("the file's path must be absolute")
+    return web.json_response(_core(request).seed(file))
+
+
+async def _reset(request: web.Request) -> web.Response:
+    _core(request).reset()
+    await _core(request).simulator.dropped()
+    return web.json_response(_core(request).summary())
+
+
+async def _catalogue(request: web.Request) -> web.Response:
+    return web.json_response(state.fact(_core(request).db, "catalogue"))
+
+
+async def _answers(request: web.Request) -> web.Response:
+    _core(request).set_answer(await request.json())
+    return web.json_response({})
+
+
+async def _invoices(request: web.Request) -> web.Response:
+    user = request.query.get("user")
+    return web.json_response(state.invoices(_core(request).db, user))
+
+
+async def _buy(request: web.Request) -> web.Response:
+    return web.json_response(_core(request).buy(await request.json()))
+
+
+def _undo(step: Callable[..., dict]) -> Handler:
+    async def undo(request: web.Request) -> web.Response:
+        return web.json_response(step(_core(request).db, (await request.json())["invoice"]))
+    return undo
+
+
+async def _device(request: web.Request) -> web.Response:
+    return web.json_response(_core(request).device())
+
+
+async def _switch(request: web.Request) -> web.Response:
+    wanted = await request.json()
+    return web.json_response(_core(request).switch(wanted["switch"], wanted.get("value", "")))
+
+
+def _told_faults(core: Core) -> list[dict]:
+    now = asyncio.get_running_loop().time()
+    return [{**fault.describe(now), "over": fault.is_over(now)} for fault in core.simulator.faults]
+
+
+async def _faults(request: web.Request) -> web.Response:
+    return web.json_response(_told_faults(_core(request)))
+
+
+async def _add_fault(request: web.Request) -> web.Response:
+    fault = _core(request).simulator.add_fault(await request.json())
+    return web.json_response(fault.describe(asyncio.get_running_loop().time()))
+
+
+async def _clear_faults(request: web.Request) -> web.Response:
+    number = request.query.get("number")
+    ended = _core(request).simulator.clear_faults(None if number is None else int(number))
+    if number is not None and not ended:
+        raise FaultError(f"there is no fault number {number}")
+    return web.json_response({"ended": ended})
+
+
+async def _connection(request: web.Request) -> web.Response:
+    simulator = _core(request).simulator
+    simulator.switch_connection_fault((await request.json())["fault"])
+    await simulator.dropped()
+    return web.json_response({})
+
+
+async def _journal(request: web.Request) -> web.Response:
+    last = request.query.get("last")
+    return web.json_response(journal.entries(_core(request).db, int(request.query.get("after", 0)),
+                                             None if last is None else int(last)))
+
+
+async def _events(request: web.Request) -> web.StreamResponse:
+    """Server-sent events: the entries behind `after` or Last-Event-ID, if one is given, and then each
+    new one."""
+    core = _core(request)
+    after = request.query.get("after") or request.headers.get("Last-Event-ID")
+    response = web.StreamResponse(headers={"Content-Type": "text/event-stream",
+                                           "Cache-Control": "no-store"})
+    queue = core.follow()
+    try:
+        told = journal.entries(core.db, int(after)) if after else []
+        seen = {entry["seq"] for entry in told}
+        await response.prepare(request)
+        for entry in told:
+            await response.write(_event(entry))
+        while not core.ending.is_set():
+            try:
+                entry = await asyncio.wait_for(queue.get(), HEARTBEAT_SECONDS)
+            except asyncio.TimeoutError:
+                await response.write(b":\n\n")
+                continue
+            if entry is None:
+                break
+            if entry["seq"] not in seen:
+                await response.write(_event(entry))
+    except ConnectionError:
+        pass
+    finally:
+        core.unfollow(queue)
+    return response
+
+
+def _event(entry: dict) -> bytes:
+    return f"id: {entry['seq']}\nevent: journal\ndata: {json.dumps(entry)}\n\n".encode()
+
+
+async def serve(core: Core, token: str, listener: socket.socket) -> web.AppRunner:
+    """Starts it on a listening socket."""
+    runner = web.AppRunner(application(core, token), access_log=None)
+    await runner.setup()
+    await web.SockSite(runner, listener, shutdown_timeout=1).start()
+    return runner
+
+
+def new_token() -> str:
+    return os.urandom(16).hex()

@@ -1,0 +1,137 @@
+"""A lab that is up, as its control interface sees it: the store, the device in front of it, and who
+follows the journal."""
+import asyncio
+import pathlib
+import shutil
+import socket
+
+from . import catalogue, device, faults, journal, purchases, state, tls
+from .folder import Folder
+from .simulator import Simulator
+
+WAITING_ENTRIES = 1000
+
+
+class Core:
+    """What can be asked of a lab, and done with it."""
+
+    def __init__(self, folder: Folder, listener: socket.socket, info: dict):
+        self.folder = folder
+        self.info = info
+        self.db = state.open_state(folder.state)
+        self.certificate = tls.fingerprint(folder.certificate_view / "bgclient.crt")
+        self.simulator = Simulator(self.db, listener, folder.device, self.device_facts, self._tell)
+        self.ending = asyncio.Event()
+        self._followers: set[asyncio.Queue] = set()
+        if state.fact(self.db, "catalogue") is None:
+            self.seed(catalogue.DEFAULT_FILE)
+
+    # The device
+
+    def device_facts(self) -> dict:
+        return device.facts(device.read(self.folder.settings), self.certificate)
+
+    def device(self) -> dict:
+        return device.describe(device.read(self.folder.settings), state.fact(self.db, "token"))
+
+    def switch(self, name: str, wanted: str) -> dict:
+        users = state.fact(self.db, "catalogue")["users"]
+        changes = device.switched(name, wanted, users, state.fact(self.db, "token"))
+        device.change(self.folder.settings, changes)
+        return self.device()
+
+    # The store
+
+    def seed(self, file: pathlib.Path) -> dict:
+        """A new catalogue. Somebody of it is signed in, unless nobody was."""
+        read = catalogue.load(file)
+        state.seed(self.db, read)
+        signed_in = self.device()["signed_in"]
+        if signed_in and signed_in not in [user["uid"] for user in read["users"]]:
+            self.switch("signed-in", read["users"][0]["uid"])
+        state.set_fact(self.db, "seed", str(file))
+        return self.summary()
+
+    def summary(self) -> dict:
+        read = state.fact(self.db, "catalogue")
+        return {"file": state.fact(self.db, "seed"),
+                "products": sum(len(app["products"]) for app in read["apps"]),
+                **{name: len(read[name]) for name in ("apps", "countries", "users")},
+                "invoices": len(state.invoices(self.db))}
+
+    def reset(self) -> None:
+        """As it was after the last seed: no purchase, fault or entry since, the device as it was made."""
+        self.simulator.reset()
+        state.seed(self.db, state.fact(self.db, "catalogue"))
+        journal.clear(self.db)
+        made = device.read(self.folder.settings.with_name("device.initial"))
+        made["deployment"] = device.read(self.folder.settings)["deployment"]
+        device.write(self.folder.settings, made)
+        users = state.fact(self.db, "catalogue")["users"]
+        if device.value(made, device.UID) not in [user["uid"] for user in users]:
+            self.switch("signed-in", users[0]["uid"])
+
+    def buy(self, wanted: dict) -> dict:
+        """What is not said is the device's, or the first of the catalogue."""
+        now, apps = self.device(), state.fact(self.db, "catalogue")["apps"]
+        product = wanted["product"]
+        sellers = [app["id"] for app in apps if product in [p["id"] for p in app["products"]]]
+        first = (sellers or [app["id"] for app in apps] or [""])[0]
+        return purchases.buy(
+            self.db, product=product, app=wanted.get("app") or first,
+            user=wanted.get("user") or now["signed_in"] or "",
+            country=wanted.get("country") or now["country"] or "", custom_id=wanted.get("custom_id"))
+
+    def set_answer(self, wanted: dict) -> None:
+        """A body of one's own for an endpoint; without a body the built-in one again."""
+        endpoint = wanted.get("endpoint")
+        if endpoint not in faults.ENDPOINTS:
+            raise faults.FaultError(f"{endpoint!r} is no endpoint; known are "
+                                    f"{', '.join(faults.ENDPOINTS)}")
+        answers = state.fact(self.db, "answers", {})
+        answers.pop(endpoint, None)
+        if wanted.get("body") is not None:
+            answers[endpoint] = {key: wanted[key] for key in ("body", "status", "type")
+                                 if wanted.get(key) is not None}
+        state.set_fact(self.db, "answers", answers)
+
+    # The journal
+
+    def follow(self) -> asyncio.Queue:
+        """Every entry from now on; None when the reader was too slow, and at the end."""
+        queue: asyncio.Queue = asyncio.Queue()
+        self._followers.add(queue)
+        return queue
+
+    def unfollow(self, queue: asyncio.Queue) -> None:
+        self._followers.discard(queue)
+
+    def _tell(self, entry: dict) -> None:
+        for queue in list(self._followers):
+            late = queue.qsize() >= WAITING_ENTRIES
+            queue.put_nowait(None if late else entry)
+            if late:
+                self.unfollow(queue)
+
+    def end(self) -> None:
+        self.ending.set()
+        for queue in self._followers:
+            queue.put_nowait(None)
+
+
+def prepare_device(folder: Folder, port: int) -> str:
+    """Points the device at the store. @return the token that the store takes from it"""
+    for source, shown in ((folder.device / "ca.pem", folder.ca_view),
+                          (folder.device / "bgclient.crt", folder.certificate_view)):
+        shutil.copy(source, shown)
+    initial = folder.settings.with_name("device.initial")
+    if not initial.exists():
+        made = device.read(folder.settings)
+        # The daemon's default is the sandbox; a shop is tried where it will stand.
+        made["system"][device.SERVER[1]] = device.SERVERS["production"]
+        device.write(initial, made)
+        device.write(folder.settings, made)
+    hosts = {("deployment", f"{name}_host"): f"{name}.localhost:{port}"
+             for name in ("production", "sandbox")}
+    device.change(folder.settings, hosts)
+    return device.value(device.read(initial), device.TOKEN)

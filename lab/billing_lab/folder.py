@@ -1,0 +1,131 @@
+"""A lab's folder: everything that a lab has, and nothing elsewhere."""
+import contextlib
+import dataclasses
+import fcntl
+import json
+import os
+import pathlib
+from collections.abc import Iterator
+
+
+class LabError(Exception):
+    """What went wrong and what to do about it, in one line."""
+
+
+def default_path() -> pathlib.Path:
+    state = os.environ.get("XDG_STATE_HOME", "")
+    home = pathlib.Path(state) if os.path.isabs(state) else pathlib.Path.home() / ".local" / "state"
+    return home / "billing-lab" / "default"
+
+
+@dataclasses.dataclass(frozen=True)
+class Folder:
+    """Where things are in it."""
+
+    path: pathlib.Path
+
+    @classmethod
+    def at(cls, path: pathlib.Path | str | None) -> "Folder":
+        """@param path None for $BILLING_LAB_DIR, and without that the default"""
+        chosen = path or os.environ.get("BILLING_LAB_DIR") or default_path()
+        return cls(pathlib.Path(chosen).absolute())
+
+    @property
+    def info(self) -> pathlib.Path:
+        return self.path / "lab.json"
+
+    @property
+    def state(self) -> pathlib.Path:
+        return self.path / "state.sqlite"
+
+    @property
+    def logs(self) -> pathlib.Path:
+        return self.path / "logs"
+
+    @property
+    def device(self) -> pathlib.Path:
+        """What billing-provision makes."""
+        return self.path / "device"
+
+    @property
+    def settings(self) -> pathlib.Path:
+        return self.device / "device.conf"
+
+    @property
+    def ca_view(self) -> pathlib.Path:
+        """What the daemon sees in place of its folder of trusted authorities."""
+        return self.path / "view" / "ca"
+
+    @property
+    def certificate_view(self) -> pathlib.Path:
+        return self.path / "view" / "certificate"
+
+    @property
+    def reason(self) -> pathlib.Path:
+        """Why the last lab here ended by itself."""
+        return self.path / "ended"
+
+    def make(self) -> None:
+        # A bus address may be 107 bytes long at most.
+        if len(os.fsencode(self.path / "bus")) > 100:
+            raise LabError(f"the path {self.path} is too long for a socket; choose a folder with a "
+                           "path of 90 bytes at most with --dir")
+        try:
+            self.path.mkdir(mode=0o700, parents=True, exist_ok=True)
+            for made in (self.logs, self.path / "run", self.ca_view, self.certificate_view):
+                made.mkdir(mode=0o700, parents=True, exist_ok=True)
+        except OSError as error:
+            raise LabError(f"{error.filename}: {error.strerror}; choose another folder with "
+                           "--dir") from None
+
+    def lock(self) -> int | None:
+        """Takes the folder for as long as this process lives. @return None when another has it"""
+        taken = os.open(self.path / "lock", os.O_RDWR | os.O_CREAT | os.O_CLOEXEC, 0o600)
+        try:
+            fcntl.flock(taken, fcntl.LOCK_EX | fcntl.LOCK_NB)
+        except BlockingIOError:
+            os.close(taken)
+            return None
+        return taken
+
+    def is_up(self) -> bool:
+        """Does a lab live here?"""
+        if not (self.path / "lock").exists():
+            return False
+        taken = self.lock()
+        if taken is None:
+            return True
+        os.close(taken)
+        return False
+
+    def read_info(self) -> dict:
+        """How to reach the lab that lives here."""
+        if self.is_up():
+            with contextlib.suppress(FileNotFoundError):
+                return json.loads(self.info.read_text(encoding="utf-8"))
+            raise LabError(f"the lab in {self.path} is just starting or ending; try again")
+        why = ""
+        with contextlib.suppress(FileNotFoundError):
+            why = f" ({self.reason.read_text(encoding='utf-8').strip()})"
+        raise LabError(f"no lab is up in {self.path}{why}; start it with `billing-lab up`")
+
+
+def replace_file(file: pathlib.Path, data: bytes) -> None:
+    """Replaces a whole file, so that no reader sees half of it. Only its owner may read it."""
+    fresh = file.with_name(file.name + ".new")
+    with open(fresh, "wb", opener=_private) as out:
+        out.write(data)
+    os.replace(fresh, file)
+
+
+def _private(path: str, flags: int) -> int:
+    return os.open(path, flags, 0o600)
+
+
+@contextlib.contextmanager
+def named_errors() -> Iterator[None]:
+    """Errors of the machine as errors of the lab."""
+    try:
+        yield
+    except OSError as error:
+        raise LabError(f"{error.filename or 'the lab'}: {error.strerror or error}") from None

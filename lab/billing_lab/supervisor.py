@@ -1,0 +1,171 @@
+"""The process that is a lab: it runs the store itself, and the bus and the daemon as its children.
+
+When a part ends, the rest is ended. The children ask the kernel to be ended with this process, so that
+nothing is left when it is killed.
+
+usage: python3 -m billing_lab.supervisor FOLDER LEVEL REPORT [LIFELINE]
+
+REPORT is a descriptor on which one line says "up", or why not. When the other side of the descriptor
+LIFELINE is closed, the lab ends.
+"""
+import asyncio
+import contextlib
+import json
+import os
+import pathlib
+import signal
+import socket
+import subprocess
+import sys
+import time
+
+from . import bus, control, core, simulator, state, tls, tools, view
+from .folder import Folder, LabError, named_errors, replace_file
+
+START_SECONDS = 30
+STOP_SECONDS = 10
+# As long as a lab may be kept.
+CERTIFICATE_DAYS = 3650
+
+
+def provision(folder: Folder) -> None:
+    """Makes the lab's device, once."""
+    if folder.settings.exists():
+        return
+    tool = tools.tool("billing-provision")
+    if tool is None:
+        raise LabError("billing-provision is not built; build it with `ninja -C build`")
+    done = subprocess.run([tool, "lab", folder.device, "--force", "--days", str(CERTIFICATE_DAYS),
+                           "--host", *tls.HOSTS], capture_output=True, text=True, check=False)
+    if done.returncode != 0:
+        raise LabError(f"no device could be made: {done.stderr.strip() or done.returncode}")
+
+
+class Daemon:
+    """The daemon's process, behind those of bubblewrap and its guard."""
+
+    def __init__(self, folder: Folder, bus_address: str, level: str):
+        with open(folder.logs / "daemon.log", "ab") as log:
+            self.process, self.pid = view.start(
+                [*view.GUARD, *view.bubblewrap(folder.ca_view, folder.certificate_view)],
+                [str(tools.service())], env=tools.environment(folder, bus_address, level),
+                stdin=subprocess.PIPE, stdout=log, stderr=log)
+
+    def wait_for_name(self, address: str) -> None:
+        caller = bus.Caller(address)
+        end = time.monotonic() + START_SECONDS
+        while caller.owner() is None:
+            if self.process.poll() is not None:
+                raise LabError(f"the daemon ended with status {self.process.returncode} while it "
+                               "started; see `billing-lab logs daemon`")
+            if time.monotonic() > end:
+                raise LabError("the daemon runs but does not take its name; see "
+                               "`billing-lab logs daemon`")
+            time.sleep(0.01)
+        caller.close()
+
+    def stop(self) -> None:
+        with contextlib.suppress(ProcessLookupError):
+            os.kill(self.pid or self.process.pid, signal.SIGTERM)
+        try:
+            self.process.wait(STOP_SECONDS)
+        except subprocess.TimeoutExpired:
+            self.process.kill()
+            self.process.wait()
+
+
+def run(folder: Folder, level: str, report, lifeline: int | None) -> str | None:
+    """A whole life of a lab. @return why it ended by itself, if it did"""
+    listener = simulator.listen()
+    provision(folder)
+    token = core.prepare_device(folder, listener.getsockname()[1])
+    with contextlib.ExitStack() as running:
+        started = bus.Bus(folder.path)
+        running.callback(started.stop)
+        daemon = Daemon(folder, started.address, level)
+        running.callback(daemon.stop)
+        daemon.wait_for_name(started.address)
+        children = {"the bus": started.process, "the daemon": daemon.process}
+        info = {"folder": str(folder.path), "pid": os.getpid(), "bus": started.address,
+                "daemon_pid": daemon.pid, "bus_pid": started.process.pid,
+                "store": {name.partition(".")[0]: f"https://{name}:{listener.getsockname()[1]}"
+                          for name in tls.HOSTS}}
+        return asyncio.run(_live(folder, listener, info, token, children, report, lifeline))
+
+
+async def _live(folder: Folder, listener: socket.socket, info: dict, token: str, children: dict,
+                report, lifeline: int | None) -> str | None:
+    secret, controls = control.new_token(), simulator.listen()
+    port = controls.getsockname()[1]
+    info["control"] = {"address": f"http://127.0.0.1:{port}", "token": secret}
+    with contextlib.closing(state.open_state(folder.state)) as db:
+        state.set_fact(db, "token", token)
+    lab = core.Core(folder, listener, info)
+    why: list[str] = []
+    _watch(lab, children, why, lifeline)
+    store = asyncio.create_task(lab.simulator.run())
+    store.add_done_callback(lambda _: lab.end())
+    runner = await control.serve(lab, secret, controls)
+    replace_file(folder.info, json.dumps(info, indent=2).encode())
+    report.write("up\n")
+    report.close()
+    await lab.ending.wait()
+    lab.simulator.clear_faults()
+    await runner.cleanup()
+    store.cancel()
+    await asyncio.wait([store])
+    lab.db.close()
+    if not store.cancelled():
+        why.append(f"the store failed: {store.exception()!r}")
+    return why[0] if why else None
+
+
+def _watch(lab: core.Core, children: dict, why: list[str], lifeline: int | None) -> None:
+    """Ends the lab on a signal, with the one who holds its lifeline, or with a part of it."""
+    loop = asyncio.get_running_loop()
+    for number in (signal.SIGTERM, signal.SIGINT):
+        loop.add_signal_handler(number, lab.end)
+    if lifeline is not None:
+        loop.add_reader(lifeline, lab.end)
+
+    def ended(name: str, process: subprocess.Popen, descriptor: int) -> None:
+        loop.remove_reader(descriptor)
+        why.append(f"{name} ended with status {process.wait()}")
+        lab.end()
+    for name, process in children.items():
+        descriptor = os.pidfd_open(process.pid)
+        loop.add_reader(descriptor, ended, name, process, descriptor)
+
+
+def main(arguments: list[str]) -> int:
+    os.umask(0o077)
+    os.chdir("/")
+    # A shell ignores it in what it runs in the background, and the daemon would inherit that.
+    signal.signal(signal.SIGINT, signal.SIG_DFL)
+    folder, level = Folder(pathlib.Path(arguments[0])), arguments[1]
+    report = os.fdopen(int(arguments[2]), "w", encoding="utf-8")
+    lifeline = int(arguments[3]) if len(arguments) > 3 else None
+    os.set_inheritable(report.fileno(), False)
+    if lifeline is not None:
+        os.set_inheritable(lifeline, False)
+    taken = folder.lock()
+    if taken is None:
+        print("another lab was started here at the same moment", file=report)
+        return 1
+    folder.reason.unlink(missing_ok=True)
+    try:
+        with named_errors():
+            why = run(folder, level, report, lifeline)
+    except (LabError, RuntimeError) as error:
+        print(str(error).replace("\n", " "), file=report)
+        return 1
+    finally:
+        folder.info.unlink(missing_ok=True)
+    if why is not None:
+        replace_file(folder.reason, f"it ended because {why}".encode())
+        return 1
+    return 0
+
+
+if __name__ == "__main__":
+    sys.exit(main(sys.argv[1:]))

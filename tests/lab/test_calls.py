@@ -1,0 +1,209 @@
+"""The five methods in front of the lab's store: the real daemon, bus and token."""
+import json
+import time
+
+import pytest
+from billing_lab.folder import LabError
+
+METHODS = {"check_server_availability": "country", "get_product_list": "products",
+           "get_purchase_history": "invoices", "get_applied_time": "apply",
+           "confirm_purchase": "confirm"}
+
+
+def called(lab, method, **values):
+    """The store's JSON, of a call that went well."""
+    result, text = lab.call(method, **values)
+    assert result == 0, text
+    return json.loads(text)
+
+
+def wait_for_ends(lab, count=1):
+    """The entries of the journal, when so many are finished."""
+    end = time.monotonic() + 20
+    while True:
+        entries = lab.journal()
+        if len(entries) >= count and all(e["answer"]["end"] != "under way" for e in entries):
+            return entries
+        assert time.monotonic() < end, entries
+        time.sleep(0.02)
+
+
+def test_a_purchase_goes_its_way_through_the_five_methods(lab):
+    assert called(lab, "check_server_availability")["available"] is True
+    products = called(lab, "get_product_list", appid="app-1")["products"]
+    assert "coins-100" in [product["id"] for product in products]
+    name = lab.buy("coins-100")["id"]
+    assert called(lab, "get_purchase_history")["invoices"][0]["id"] == name
+    applied = called(lab, "get_applied_time", invoiceid=name)
+    assert called(lab, "get_applied_time", invoiceid=name) == applied
+    confirmed = called(lab, "confirm_purchase", invoiceid=name)
+    assert called(lab, "confirm_purchase", invoiceid=name) == confirmed
+    newest = called(lab, "get_purchase_history")["invoices"][0]
+    assert (newest["applied"], newest["confirmed"]) == (applied["applied"], confirmed["confirmed"])
+    lab.refund(name)
+    assert called(lab, "confirm_purchase", invoiceid=name)["code"] == "refunded"
+
+
+def test_every_request_of_the_daemon_is_exact_and_presents_the_device(lab):
+    for method in METHODS:
+        lab.call(method)
+    entries = lab.journal()
+    assert [entry["endpoint"] for entry in entries] == list(METHODS.values())
+    assert [entry["differences"] for entry in entries] == [[]] * 5
+    assert {entry["certificate"]["subject"] for entry in entries} == {"CN=Billing lab device"}
+    assert {entry["handshake"] for entry in entries} == {"full"}
+
+
+# What the caller gets for each fault: the result, and what its text must be, of the store's own body.
+SEEN = {
+    "status": ({"code": 503}, 0, lambda text, body: json.loads(text)["code"] == "fault"),
+    "malformed": ({}, 0, lambda text, body: body.startswith(text) and text != body),
+    "invalid-utf8": ({}, 0, lambda text, body: "\ufffd" in text),
+    "delay": ({"ms": 400}, 0, lambda text, body: text == body),
+    "drip": ({"ms": 1}, 0, lambda text, body: text == body),
+    "truncate": ({}, -1, lambda text, body: body.startswith(text) and text != body),
+    "reset": ({}, -1, lambda text, body: text == ""),
+    "hang": ({"seconds": 0.5}, -1, lambda text, body: text == ""),
+    "huge": ({"mib": 40}, -1, lambda text, body: set(text) <= {"x"}),
+}
+
+
+@pytest.mark.parametrize("method", ["get_product_list", "confirm_purchase"])
+@pytest.mark.parametrize("kind", SEEN)
+def test_a_fault_is_seen_by_the_caller(lab, kind, method):
+    options, result, fits = SEEN[kind]
+    values = {"invoiceid": "INV-SEED-2"} if method == "confirm_purchase" else {}
+    body = lab.call(method, **values)[1]
+    lab.fault(kind, endpoint=METHODS[method], **options)
+    # A question whose kept connection ends without a byte is asked once more, on a new one.
+    lab.connection("none")
+    start = time.monotonic()
+
+    got, text = lab.call(method, **values)
+
+    assert (got, fits(text, body)) == (result, True), text[:200]
+    if kind == "delay":
+        assert time.monotonic() - start >= 0.4
+    entry = wait_for_ends(lab)[-1]
+    assert (entry["fault"], entry["endpoint"]) == (kind, METHODS[method])
+    lab.clear_faults()
+    assert lab.call(method, **values) == (0, body)
+
+
+def test_a_payment_whose_connection_is_reset_reaches_the_store_once(lab):
+    lab.call("check_server_availability")
+    lab.fault("reset", endpoint="confirm", done=True)
+    assert lab.call("confirm_purchase", invoiceid="INV-SEED-2") == (-1, "")
+    assert [entry["endpoint"] for entry in wait_for_ends(lab)] == ["country", "confirm"]
+    # The store did its work; only the answer was lost.
+    lab.clear_faults()
+    assert "confirmed" in called(lab, "get_purchase_history")["invoices"][0]
+
+
+def test_a_hanging_answer_ends_when_the_fault_is_cleared(lab):
+    lab.fault("hang", endpoint="country")
+    call = lab.start_call("check_server_availability")
+    assert called(lab, "get_product_list")["status"] == "ok"
+    assert not call.done
+    lab.clear_faults()
+    assert lab.finish_call(call) == (-1, "")
+
+
+@pytest.mark.parametrize("kind", ["refuse-tls", "expired", "wrong-host", "untrusted"])
+def test_a_fault_of_the_connection_fails_calls_until_it_ends(lab, kind):
+    assert lab.call("check_server_availability")[0] == 0
+    lab.connection(kind)
+    assert lab.call("check_server_availability") == (-1, "")
+    assert lab.call("confirm_purchase", invoiceid="INV-SEED-2") == (-1, "")
+    lab.connection("none")
+    assert lab.call("check_server_availability")[0] == 0
+    requests = [entry for entry in lab.journal() if entry["kind"] == "request"]
+    assert [(entry["endpoint"], entry["handshake"]) for entry in requests] == [("country", "full")] * 2
+
+
+def test_the_device_s_switches_take_effect_at_the_next_call(lab):
+    def said(switch, value, method, **values):
+        lab.device(switch, value)
+        result, text = lab.call(method, **values)
+        return result, json.loads(text) if result == 0 else text
+
+    assert said("gateway", "down", "check_server_availability") == (1160003,
+                                                                  "Network error, please check!")
+    assert said("gateway", "error:5", "check_server_availability")[0] == 1160003
+    assert said("gateway", "up", "check_server_availability")[1]["country"] == "US"
+    assert said("country", "AQ", "check_server_availability")[1]["available"] is False
+    assert said("country", "DE", "get_product_list")[1]["products"][0]["price"] == "1.09"
+    assert said("language", "de", "get_product_list")[1]["products"][0]["title"] == "100 Münzen"
+    assert said("token", "expired", "get_product_list")[1]["code"] == "token_expired"
+    assert said("token", "none", "get_product_list")[1]["code"] == "unknown_token"
+    assert said("token", "valid", "get_product_list")[1]["status"] == "ok"
+    assert said("signed-out", "", "get_purchase_history")[1]["code"] == "signed_out"
+    assert said("signed-in", "second@example.org", "get_purchase_history")[1]["total"] == 0
+    said("server", "sandbox", "check_server_availability")
+    assert lab.journal()[-1]["url"].startswith(lab.info["store"]["sandbox"])
+    # Each of them was exactly what the device had to send then.
+    assert [entry["differences"] for entry in lab.journal()] == [[]] * len(lab.journal())
+
+
+@pytest.mark.parametrize("switch, value, said", [
+    ("country", "Germany", "country 'Germany' is no code; write two capitals such as DE, or none"),
+    ("country", "D\nE", "country 'D\\nE' is no code"),
+    ("language", "german", "language 'german' is no locale"),
+    ("server", "mine", "server 'mine' is not known; write one of production, sandbox"),
+    ("gateway", "open", "gateway 'open' is not known; write up, down, auto or error:NUMBER"),
+    ("token", "old", "token 'old' is not known; write one of valid, expired, none"),
+    ("signed-in", "who", "the catalogue has no user 'who'; it has lab@example.org, second@example.org"),
+    ("colour", "red", "'colour' is no switch of the device; known are signed-out"),
+])
+def test_a_switch_that_cannot_be_set_so_is_refused(lab, switch, value, said):
+    before = lab.device()
+    with pytest.raises(LabError) as caught:
+        lab.device(switch, value)
+    assert said in str(caught.value)
+    assert lab.device() == before
+
+
+def test_a_reserved_product_forces_what_it_says(lab):
+    name = lab.buy("NEVER-SHIP.confirm.status.503")["id"]
+    assert called(lab, "get_applied_time", invoiceid=name)["status"] == "ok"
+    assert called(lab, "confirm_purchase", invoiceid=name)["code"] == "fault"
+    with pytest.raises(LabError, match="declined"):
+        lab.buy("NEVER-SHIP.buy.declined")
+
+
+def test_a_team_s_own_body_comes_through_unchanged(lab):
+    own = "<shop>Grüße\n</shop>"
+    lab.answer("products", own.encode(), status=418, type="text/xml")
+    assert lab.call("get_product_list") == (0, own)
+    lab.answer("products", None)
+    assert called(lab, "get_product_list")["status"] == "ok"
+
+
+def test_reset_undoes_what_was_done_since_the_seed(lab):
+    before = (lab.invoices(), lab.device())
+    lab.buy("coins-100")
+    lab.device("signed-in", "second@example.org")
+    lab.fault("status")
+    lab.connection("expired")
+    lab.answer("country", b"mine")
+    lab.reset()
+    assert (lab.invoices(), lab.device(), lab.faults(), lab.journal()) == (*before, [], [])
+    assert called(lab, "check_server_availability")["available"] is True
+
+
+def test_another_catalogue_signs_one_of_its_users_in(lab, tmp_path):
+    shop = tmp_path / "shop.json"
+    shop.write_text(json.dumps({
+        "lab": 1, "countries": {"US": {"currency": "USD"}}, "users": [{"uid": "u", "guid": "g"}],
+        "apps": [{"id": "a", "products": [
+            {"id": "p", "title": "P", "type": "durable", "prices": {"US": "1"}}]}]}))
+    assert lab.seed(shop)["products"] == 1
+    assert lab.buy("p")["user"] == "u"
+    assert called(lab, "get_purchase_history")["total"] == 1
+
+
+def test_a_method_or_an_argument_that_is_none_is_refused(lab):
+    with pytest.raises(LabError, match="'buy' is no method; known are check_server_availability"):
+        lab.call("buy")
+    with pytest.raises(LabError, match="get_product_list has no argument 'app'; it has appid"):
+        lab.call("get_product_list", app="a")

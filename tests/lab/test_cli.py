@@ -1,0 +1,292 @@
+"""The command: what it prints, how it ends, and what it says about wrong words."""
+import json
+import sqlite3
+import subprocess
+
+import pytest
+from billing_lab import cli as words
+from billing_lab.folder import Folder, default_path
+
+from conftest import LAB
+
+
+@pytest.fixture
+def run(lab, cli):
+    """A function that runs the command on the lab that is up."""
+    def command(*arguments, **more):
+        return cli(*arguments, folder=lab.folder.path, **more)
+    return command
+
+
+def printed(answer, code=0):
+    assert (answer.returncode, answer.stderr) == (code, "")
+    return answer.stdout
+
+
+def every_command():
+    """All commands, those below `fault` too."""
+    found = [()]
+    for name, parser in words.parser()._subparsers._group_actions[0].choices.items():
+        found.append((name,))
+        if parser._subparsers:
+            found += [(name, kind) for kind in parser._subparsers._group_actions[0].choices]
+    return found
+
+
+@pytest.mark.parametrize("command", every_command(), ids=" ".join)
+def test_every_command_has_help_with_ranges_and_defaults(cli, command):
+    text = printed(cli(*command, "--help"))
+    assert text.startswith("usage: billing-lab")
+    for option in ("--count N", "--seconds S", "--ms N", "--lines N"):
+        if option in text.split("options:")[-1]:
+            described = " ".join(text.split(option)[-1].split("  --")[0].split())
+            assert "(default: " in described and " to " in described or "or more" in described, described
+
+
+@pytest.mark.parametrize("arguments, said", [
+    ([], "required: COMMAND"), (["dance"], "invalid choice: 'dance'"),
+    (["fault", "status", "--code", "99"], "'99' is no number from 200 to 599"),
+    (["fault", "delay", "--seconds", "nan"], "'nan' is no number from 0.001 to 86400"),
+    (["fault", "reset", "--code", "500"], "unrecognized arguments: --code 500"),
+    (["fault", "reset", "--endpoint", "shop"], "invalid choice: 'shop'"),
+    (["call", "shop"], "invalid choice: 'shop'"), (["device", "colour"], "invalid choice: 'colour'"),
+    (["logs", "--lines", "-1"], "'-1' is no number of 0 or more"),
+    (["answer", "products", "f", "--status", "99"], "'99' is no number from 200 to 599"),
+])
+def test_wrong_words_are_a_usage_error(cli, arguments, said):
+    answer = cli(*arguments)
+    assert (answer.returncode, said in answer.stderr) == (2, True), answer.stderr
+
+
+@pytest.mark.parametrize("arguments", [["status"], ["call", "check_server_availability"], ["journal"],
+                                       ["buy", "p"], ["device"], ["fault", "list"], ["reset"],
+                                       ["check"], ["doctor"], ["seed", "f"]])
+def test_without_a_lab_each_command_says_how_to_start_one(cli, tmp_path, arguments):
+    answer = cli(*arguments)
+    assert (answer.returncode, answer.stdout, answer.stderr) == (
+        1, "", f"billing-lab: no lab is up in {tmp_path / 'lab'}; start it with `billing-lab up`\n")
+
+
+def test_down_without_a_lab_is_no_failure(cli, tmp_path):
+    assert printed(cli("down")) == f"The lab in {tmp_path / 'lab'} was not up.\n"
+
+
+def test_up_says_how_to_reach_the_lab_and_status_how_it_is(needs_view, cli, tmp_path):
+    folder = tmp_path / "lab"
+    try:
+        text = printed(cli("up"))
+        assert f"  export DBUS_SYSTEM_BUS_ADDRESS=unix:path={folder}/bus\n" in text
+        status = printed(cli("status"))
+        assert "\nconnection  none: connections work\nfaults      none\n" in status
+        assert ("\ndevice      lab@example.org (lab-guid), country US, language en_US.utf8, production "
+                "server, gateway up, token valid\n") in status
+        info = json.loads(printed(cli("status", "--json")))
+        assert info["catalogue"]["products"] == 4
+    finally:
+        assert printed(cli("down")) == f"The lab in {folder} was ended.\n"
+
+
+def test_up_reads_a_catalogue(needs_view, cli, tmp_path):
+    shop = tmp_path / "shop.json"
+    shop.write_text("{\n}")
+    try:
+        answer = cli("up", "--seed", shop)
+        assert answer.stderr == (f'billing-lab: {shop}:1: the catalogue lacks "lab", "countries", '
+                                 '"apps", "users"; add them\n')
+        assert answer.returncode == 1
+    finally:
+        cli("down")
+
+
+def test_a_lab_that_stays_ends_at_ctrl_c(needs_view, cli, tmp_path):
+    command = [LAB / "billing-lab", "--dir", tmp_path / "lab", "up", "--stay"]
+    with subprocess.Popen(command, env=cli.environment, stdout=subprocess.PIPE, text=True) as lab:
+        while lab.stdout.readline() != "It stays until Ctrl-C.\n":
+            assert lab.poll() is None
+        assert Folder(tmp_path / "lab").is_up()
+        lab.terminate()
+        assert lab.wait(30) == 0
+    assert not Folder(tmp_path / "lab").is_up()
+
+
+def test_a_lab_that_stays_says_so_when_it_is_ended(needs_view, cli, tmp_path):
+    command = [LAB / "billing-lab", "--dir", tmp_path / "lab", "up", "--stay", "--json"]
+    with subprocess.Popen(command, env=cli.environment, stdout=subprocess.PIPE, stderr=subprocess.PIPE,
+                          text=True) as lab:
+        while lab.stdout.readline() != "It stays until Ctrl-C.\n":
+            assert lab.poll() is None
+        cli("down")
+        assert lab.wait(30) == 1
+        assert lab.stderr.read().startswith("billing-lab: no lab is up in")
+
+
+def test_the_default_folder_is_in_the_state_of_the_user(monkeypatch, tmp_path):
+    monkeypatch.setenv("XDG_STATE_HOME", str(tmp_path))
+    assert default_path() == tmp_path / "billing-lab" / "default"
+    monkeypatch.setenv("XDG_STATE_HOME", "relative")
+    monkeypatch.setenv("HOME", "/home/me")
+    assert str(default_path()) == "/home/me/.local/state/billing-lab/default"
+    monkeypatch.setenv("BILLING_LAB_DIR", "/labs/one")
+    assert str(Folder.at(None).path) == "/labs/one"
+    assert str(Folder.at("/labs/two").path) == "/labs/two"
+
+
+def test_a_call_prints_its_answer_and_ends_as_it_was_answered(run, lab):
+    lab.answer("country", b"yes")
+    assert printed(run("call", "check_server_availability")) == "resp_result 0\nresp_info   yes\n"
+    assert json.loads(printed(run("call", "check_server_availability", "--json"))) == {
+        "resp_result": 0, "resp_info": "yes"}
+    lab.fault("reset")
+    assert printed(run("call", "check_server_availability"), 3) == "resp_result -1\nresp_info   \n"
+    lab.device("gateway", "down")
+    assert printed(run("call", "check_server_availability"), 4) == (
+        "resp_result 1160003\nresp_info   Network error, please check!\n")
+    lab.device("gateway", "up")
+    lab.clear_faults()
+    lab.fault("hang")
+    late = run("call", "check_server_availability", "--timeout", "1")
+    assert (late.returncode, "no answer: " in late.stderr) == (5, True)
+
+
+@pytest.mark.parametrize("values, said", [
+    (["appid"], "'appid' is no argument; write NAME=VALUE"),
+    (["app=1"], "get_product_list has no argument 'app'; it has appid, serverType, CheckValue")])
+def test_a_call_with_a_wrong_argument_says_which(run, values, said):
+    answer = run("call", "get_product_list", *values)
+    assert (answer.returncode, answer.stderr) == (1, f"billing-lab: {said}\n")
+
+
+def test_purchases_are_bought_listed_cancelled_and_refunded(run):
+    line = "{}  {}  coins-100 of app-1  lab@example.org  US\n"
+    assert printed(run("buy", "coins-100")) == line.format("INV-000003", "bought")
+    assert printed(run("cancel", "INV-000003")) == line.format("INV-000003", "cancelled")
+    assert json.loads(printed(run("buy", "coins-100", "--custom-id", "me", "--json")))["custom_id"] == "me"
+    assert printed(run("refund", "INV-000004")) == line.format("INV-000004", "refunded")
+    assert printed(run("invoices")).startswith(line.format("INV-000004", "refunded"))
+    assert printed(run("invoices", "--user", "second@example.org")) == "no invoices\n"
+    owned = run("buy", "what")
+    assert (owned.returncode, owned.stderr) == (
+        1, "billing-lab: app-1 does not sell 'what' in US; it sells coins-100, no-ads, season\n")
+
+
+def test_the_device_is_shown_and_switched(run):
+    assert printed(run("device", "country", "DE")) == (
+        "lab@example.org (lab-guid), country DE, language en_US.utf8, production server, gateway up, "
+        "token valid\n")
+    assert printed(run("device", "signed-out")).startswith("nobody is signed in, country DE")
+    assert json.loads(printed(run("device", "--json")))["signed_in"] is None
+
+
+def test_faults_are_added_listed_and_ended(run):
+    line = "1  status  code 503, endpoint confirm, left 2, seed 7, in place of the work\n"
+    assert printed(run("fault", "status", "--code", "503", "--endpoint", "confirm", "--count", "2",
+                       "--seed", "7")) == line
+    assert printed(run("fault", "truncate", "--app", "a", "--chance", "0.5", "--no-work")) == (
+        "2  truncate  app a, seed 1, chance 0.5, in place of the work\n")
+    assert printed(run("fault", "expired")) == "expired: the server's certificate has expired\n"
+    assert printed(run("fault", "list")).startswith(f"connection: expired\n{line}")
+    assert printed(run("fault", "clear", "1")) == "1 ended\n"
+    assert printed(run("fault", "clear")) == "1 ended; connections work\n"
+    assert json.loads(printed(run("fault", "list", "--json"))) == {"faults": [], "connection": "none"}
+    wrong = run("fault", "clear", "1")
+    assert (wrong.returncode, wrong.stderr) == (1, "billing-lab: there is no fault number 1\n")
+
+
+def test_the_journal_is_shown_as_lines_and_as_json(run, lab):
+    lab.call("check_server_availability")
+    lab.call("get_product_list")
+    assert [line.split()[3] for line in printed(run("journal")).splitlines()] == ["country", "products"]
+    (entry,) = map(json.loads, printed(run("journal", "--json", "--last", "1")).splitlines())
+    assert entry == lab.journal()[-1]
+
+
+def test_the_journal_is_followed(lab, cli):
+    lab.call("check_server_availability")
+    command = [LAB / "billing-lab", "--dir", lab.folder.path, "journal", "--follow", "--json"]
+    with subprocess.Popen(command, env=cli.environment, stdout=subprocess.PIPE, text=True) as reader:
+        assert json.loads(reader.stdout.readline())["endpoint"] == "country"
+        lab.call("get_product_list")
+        assert json.loads(reader.stdout.readline())["endpoint"] == "products"
+        reader.terminate()
+
+
+def test_check_says_which_request_is_not_exact(run, lab):
+    empty = run("check")
+    assert (empty.returncode, empty.stderr) == (
+        1, "billing-lab: the journal holds no request; call a method first\n")
+    lab.call("check_server_availability")
+    number = lab.journal()[0]["seq"]
+    assert printed(run("check")) == f"{number:>5}  country  exact\n1 exact, 0 not\n"
+    # As a request of another program would stand there.
+    with sqlite3.connect(lab.folder.state) as db:
+        db.execute("UPDATE journal SET entry = json_set(entry, '$.differences[0]', 'no header')")
+    assert printed(run("check"), 1) == (f"{number:>5}  country  NOT EXACT\n         no header\n"
+                                        "0 exact, 1 not\n")
+    lab.call("check_server_availability")
+    assert printed(run("check", "--last", "1")).endswith("1 exact, 0 not\n")
+
+
+def test_logs_are_shown_in_clear(run, lab):
+    lab.call("check_server_availability")
+    text = printed(run("logs", "daemon", "--lines", "1000"))
+    assert "CheckServerAvailability Url[https://production.localhost" in text
+    assert "<private:" not in text
+    assert len(printed(run("logs", "--lines", "2")).splitlines()) == 2
+
+
+def test_an_answer_of_one_s_own_is_set_and_taken_back(run, lab, tmp_path):
+    (tmp_path / "body").write_bytes(b"mine")
+    assert printed(run("answer", "country", tmp_path / "body")) == (
+        f"country: 4 bytes of {tmp_path / 'body'}\n")
+    assert lab.call("check_server_availability") == (0, "mine")
+    assert printed(run("answer", "country", "--built-in")) == "country: built-in\n"
+    assert "available" in lab.call("check_server_availability")[1]
+    assert run("answer", "country").stderr == ("billing-lab: name a file with the body, or "
+                                               "--built-in\n")
+    assert "No such file" in run("answer", "country", "/none").stderr
+
+
+def test_seed_and_reset_say_what_they_did(run, lab):
+    shop = LAB / "billing_lab" / "catalogue.json"
+    assert printed(run("seed", shop)) == "2 apps, 4 products, 4 countries, 2 users, 2 invoices\n"
+    lab.buy("coins-100")
+    assert printed(run("reset")).startswith("No purchase, fault or journal entry")
+    assert len(lab.invoices()) == 2
+
+
+def test_a_reader_that_has_enough_is_no_failure(lab, cli):
+    for _ in range(30):
+        lab.call("check_server_availability")
+    command = f"{LAB / 'billing-lab'} --dir {lab.folder.path} journal --json | head -n 1"
+    answer = subprocess.run(["bash", "-o", "pipefail", "-c", command], env=cli.environment,
+                            capture_output=True, text=True, check=False)
+    assert (answer.returncode, answer.stderr) == (0, "")
+
+
+@pytest.fixture
+def build(tmp_path):
+    """A build that has a billingctl which shows where it runs."""
+    made = tmp_path / "build"
+    for name, text in (("service/billing-service", "exit 0"),
+                       ("client/billingctl", 'echo "$@"; head -n 1 /opt/down/cert/ca.pem; '
+                        "ls /usr/apps/org.plevo.billing-api/res/certificate; "
+                        'echo "$DBUS_SYSTEM_BUS_ADDRESS $PLEVO_DEVICE_CONF"; exit 6')):
+        (made / name).parent.mkdir(parents=True)
+        (made / name).write_text(f"#!/bin/sh\n{text}\n")
+        (made / name).chmod(0o755)
+    return made
+
+
+def test_doctor_runs_where_the_daemon_runs(run, lab, build):
+    answer = run("doctor", "--json", BILLING_SERVICE=str(build / "service" / "billing-service"))
+    assert answer.stdout.splitlines() == [
+        "doctor --json", "-----BEGIN CERTIFICATE-----", "bgclient.crt",
+        f"{lab.bus} {lab.folder.settings}"]
+    assert answer.returncode == 6
+
+
+def test_doctor_says_when_billingctl_is_not_built(run, build):
+    (build / "client" / "billingctl").unlink()
+    answer = run("doctor", BILLING_SERVICE=str(build / "service" / "billing-service"), PATH="/usr/bin:/bin")
+    assert (answer.returncode, answer.stderr) == (
+        1, "billing-lab: billingctl is not built; build it with `ninja -C build client/billingctl`\n")

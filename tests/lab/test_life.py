@@ -1,0 +1,266 @@
+"""Labs start, live side by side, and leave nothing behind, whatever ends them."""
+import http.client
+import json
+import os
+import pathlib
+import signal
+import subprocess
+import sys
+import threading
+import time
+
+import pytest
+from billing_lab import client, tools
+from billing_lab.folder import Folder, LabError
+
+from conftest import LAB
+
+pytestmark = pytest.mark.usefixtures("needs_view")
+
+
+def processes_of(folder):
+    """The processes that live and name the folder in their command line or environment."""
+    found = set()
+    for process in pathlib.Path("/proc").glob("[0-9]*"):
+        try:
+            words = (process / "cmdline").read_bytes() + (process / "environ").read_bytes()
+            dead = (process / "stat").read_text().rpartition(") ")[2].startswith("Z")
+        except OSError:
+            continue
+        if f"{folder}/".encode() in words.replace(b"\0", b"/") and not dead:
+            found.add(int(process.name))
+    return found - {os.getpid()}
+
+
+def is_alive(pid):
+    try:
+        return "Z" not in pathlib.Path(f"/proc/{pid}/stat").read_text().rpartition(") ")[2][:1]
+    except OSError:
+        return False
+
+
+def wait_until(condition, what, seconds=20):
+    end = time.monotonic() + seconds
+    while not condition():
+        assert time.monotonic() < end, what
+        time.sleep(0.02)
+
+
+def assert_nothing_is_left(folder, info):
+    pids = [info["pid"], info["bus_pid"], info["daemon_pid"]]
+    # A process counts as dead when its first thread is; what it holds is free when all are.
+    wait_until(lambda: not any(map(is_alive, pids)) and not processes_of(folder)
+               and not Folder(folder).is_up(), f"{processes_of(folder)} of {pids} are left")
+
+
+@pytest.fixture
+def folder(tmp_path):
+    made = tmp_path / "lab"
+    yield made
+    client.stop(Folder(made))
+
+
+def test_a_lab_ends_with_its_block(folder):
+    with client.running(folder) as lab:
+        info = lab.info
+        assert len(processes_of(folder)) >= 3
+        assert lab.call("check_server_availability")[0] == 0
+    assert_nothing_is_left(folder, info)
+
+
+def test_purchases_and_journal_outlive_the_lab(folder):
+    with client.running(folder) as lab:
+        name = lab.buy("coins-100")["id"]
+        lab.call("check_server_availability")
+        lab.device("country", "DE")
+    with client.running(folder) as lab:
+        assert lab.invoices()[0]["id"] == name
+        assert len(lab.journal()) == 1
+        assert lab.device()["country"] == "DE"
+        assert lab.call("check_server_availability")[0] == 0
+
+
+def parent_of(pid):
+    return int(pathlib.Path(f"/proc/{pid}/stat").read_text().rpartition(") ")[2].split()[1])
+
+
+@pytest.mark.parametrize("part", ["pid", "bus_pid", "daemon_pid", "bubblewrap", "guard"])
+def test_nothing_is_left_when_a_part_is_killed(folder, part):
+    lab = client.start(Folder.at(folder))
+    info = lab.info
+    bubblewrap = parent_of(info["daemon_pid"])
+    info.update(bubblewrap=bubblewrap, guard=parent_of(bubblewrap))
+    os.kill(info[part], signal.SIGKILL)
+    assert_nothing_is_left(folder, info)
+    # And the next one starts as if nothing had been.
+    with client.running(folder) as lab:
+        assert lab.call("check_server_availability")[0] == 0
+
+
+@pytest.mark.parametrize("part, who", [("bus_pid", "the bus"), ("daemon_pid", "the daemon")])
+def test_it_is_said_which_part_ended(folder, part, who):
+    lab = client.start(Folder.at(folder))
+    os.kill(lab.info[part], signal.SIGKILL)
+    assert_nothing_is_left(folder, lab.info)
+    with pytest.raises(LabError, match=f"it ended because {who} ended with status"):
+        client.Lab(folder)
+
+
+def test_nothing_is_left_when_the_program_that_uses_it_is_killed(folder):
+    program = ("import sys, time; sys.path.insert(0, sys.argv[1])\n"
+               "from billing_lab import client\n"
+               "with client.running(sys.argv[2]): print('up', flush=True); time.sleep(600)\n")
+    with subprocess.Popen([sys.executable, "-c", program, LAB, folder],
+                          stdout=subprocess.PIPE, text=True) as user:
+        assert user.stdout.readline() == "up\n"
+        info = client.Lab(folder).info
+        user.kill()
+    assert_nothing_is_left(folder, info)
+
+
+@pytest.mark.parametrize("delay", [0.15, 0.2, 0.25, 0.3, 0.35, 0.4])
+def test_nothing_is_left_of_a_lab_that_is_killed_while_it_starts(folder, delay):
+    Folder(folder).make()
+    hear, tell = os.pipe()
+    with subprocess.Popen(
+            [sys.executable, "-m", "billing_lab.supervisor", folder, "info", str(tell)], pass_fds=[tell],
+            env={**os.environ, "PYTHONPATH": str(LAB)}, start_new_session=True) as starting:
+        os.close(tell)
+        time.sleep(delay)
+        starting.kill()
+    os.close(hear)
+    wait_until(lambda: not processes_of(folder), f"{processes_of(folder)} are left")
+
+
+def test_a_start_that_is_interrupted_leaves_nothing(folder, cli):
+    starting = subprocess.Popen([LAB / "billing-lab", "--dir", folder, "up"], env=cli.environment,
+                                stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+    wait_until(lambda: (folder / "bus").exists() or starting.poll() is not None, "no bus was started")
+    starting.send_signal(signal.SIGINT)
+    starting.wait(20)
+    if starting.returncode == 0:  # it was faster
+        client.stop(Folder(folder))
+    wait_until(lambda: not processes_of(folder), f"{processes_of(folder)} are left")
+
+
+def test_two_labs_know_nothing_of_each_other(tmp_path):
+    with client.running(tmp_path / "one") as one, client.running(tmp_path / "two") as two:
+        one.buy("coins-100")
+        one.device("country", "DE")
+        two.fault("status", code=500)
+        assert json.loads(one.call("get_purchase_history")[1])["total"] == 3
+        assert json.loads(two.call("get_purchase_history")[1])["code"] == "fault"
+        assert (len(two.invoices()), two.device()["country"], one.faults()) == (2, "US", [])
+        assert [len(lab.journal()) for lab in (one, two)] == [1, 1]
+        # A client of the one is nobody to the other: its certificate is of another authority.
+        assert one.journal()[0]["certificate"]["sha256"] != two.journal()[0]["certificate"]["sha256"]
+
+
+def test_a_second_lab_in_the_same_folder_is_the_first(folder, cli):
+    assert cli("up").returncode == 0
+    first = client.Lab(folder).info
+    again = cli("up", "--json")
+    assert json.loads(again.stdout) == first
+    assert cli("up", "--stay").stderr.startswith(f"billing-lab: a lab is up in {folder} already")
+
+
+def test_nothing_outside_its_folder_is_touched(folder, cli, tmp_path):
+    for arguments in (["up"], ["call", "check_server_availability"], ["buy", "coins-100"], ["down"]):
+        assert cli(*arguments).returncode == 0
+    assert list((tmp_path / "home").rglob("*")) == []
+
+
+def test_only_its_owner_may_read_a_lab(folder):
+    with client.running(folder):
+        assert folder.stat().st_mode & 0o077 == 0
+        for name in ("lab.json", "state.sqlite", "device/device.conf", "logs/daemon.log"):
+            assert (folder / name).stat().st_mode & 0o077 == 0, name
+
+
+def test_a_path_that_is_too_long_for_a_socket_is_refused(tmp_path, cli):
+    answer = cli("up", folder=tmp_path / ("x" * 90))
+    assert (answer.returncode, "is too long for a socket; choose a folder" in answer.stderr) == (1, True)
+
+
+def test_a_folder_that_cannot_be_made_is_said(cli):
+    answer = cli("up", folder="/proc/lab")
+    assert (answer.returncode, answer.stderr) == (
+        1, "billing-lab: /proc/lab: No such file or directory; choose another folder with --dir\n")
+
+
+def test_without_a_daemon_it_is_said_how_to_build_one(cli):
+    answer = cli("up", BILLING_SERVICE="/none")
+    assert (answer.returncode, answer.stderr) == (
+        1, "billing-lab: there is no daemon at /none; build it with `meson setup build && ninja -C build`, "
+        "or name one in $BILLING_SERVICE\n")
+
+
+def test_a_daemon_that_does_not_start_is_said(folder, cli, tmp_path):
+    # What is started in its place must be beside the rest of a build.
+    build = tools.service().parents[1]
+    fake = tmp_path / "build" / "service" / "billing-service"
+    fake.parent.mkdir(parents=True)
+    (tmp_path / "build" / "platform").symlink_to(build / "platform")
+    fake.write_text("#!/bin/sh\nexit 7\n")
+    fake.chmod(0o755)
+    answer = cli("up", BILLING_SERVICE=str(fake))
+    assert (answer.returncode, answer.stderr) == (
+        1, "billing-lab: the daemon ended with status 7 while it started; see `billing-lab logs daemon`\n")
+    assert processes_of(folder) == set()
+
+
+@pytest.mark.parametrize("headers, query, status", [
+    ({}, "", 403), ({"Authorization": "Bearer wrong"}, "", 403), ({}, "?token=wrong", 403),
+    ({"Authorization": "Bearer {token}"}, "", 200), ({}, "?token={token}", 200),
+    ({"Authorization": "Bearer {token}", "Host": "evil.example:80"}, "", 403),
+])
+def test_the_control_interface_wants_its_token_and_its_own_name(lab, headers, query, status):
+    token = lab.info["control"]["token"]
+    address = lab.info["control"]["address"].removeprefix("http://")
+    connection = http.client.HTTPConnection(address, timeout=20)
+    connection.request("GET", "/api/status" + query.format(token=token),
+                       headers={name: value.format(token=token) for name, value in headers.items()})
+    assert connection.getresponse().status == status
+    connection.close()
+
+
+@pytest.mark.parametrize("path, body, said", [
+    ("/api/buy", {}, "KeyError('product')"), ("/api/buy", [], "this cannot be asked so"),
+    ("/api/seed", {"file": "catalogue.json"}, "the file's path must be absolute"),
+    ("/api/faults", {"kind": "reset", "count": 0}, "count is 0"),
+    ("/api/connection", {"fault": "fire"}, "'fire' is no fault of the connection"),
+    ("/api/answers", {"endpoint": "shop"}, "'shop' is no endpoint"),
+])
+def test_what_cannot_be_asked_is_refused_with_a_reason(lab, path, body, said):
+    with pytest.raises(LabError) as caught:
+        lab.ask("POST", path, body)
+    assert said in str(caught.value)
+
+
+def test_whoever_follows_the_journal_sees_each_entry_once(lab):
+    lab.call("check_server_availability")
+    seen, enough = [], threading.Event()
+
+    def follow():
+        for entry in lab.follow(after=0):
+            seen.append(entry["seq"])
+            if len(seen) == 4:
+                enough.set()
+                return
+    reader = threading.Thread(target=follow)
+    reader.start()
+    wait_until(lambda: seen, "the entry from before is not told")
+    for _ in range(3):
+        lab.call("check_server_availability")
+    assert enough.wait(20)
+    reader.join()
+    assert seen == [entry["seq"] for entry in lab.journal()]
+
+
+def test_followers_do_not_hold_up_the_end(folder):
+    with client.running(folder) as lab:
+        reader = threading.Thread(target=lambda: list(lab.follow()))
+        reader.start()
+        time.sleep(0.2)
+    reader.join(20)
+    assert not reader.is_alive()
