@@ -285,6 +285,22 @@ def test_doctor_runs_where_the_daemon_runs(run, lab, build):
     assert answer.returncode == 6
 
 
+def test_the_doctor_finds_nothing_wrong_with_a_lab(run):
+    report = json.loads(printed(run("doctor", "--sign", "--json")))
+    assert report["failed"] == 0
+    assert {"token", "key", "TLS", "call"} <= {check["check"] for check in report["checks"]
+                                               if check["outcome"] == "ok"}
+
+
+def test_the_doctor_names_what_is_wrong_with_a_lab(run, lab):
+    lab.connection("expired")
+    answer = run("doctor", "--json")
+    failed = {check["check"]: check for check in json.loads(answer.stdout)["checks"]
+              if check["outcome"] == "failed"}
+    assert answer.returncode != 0
+    assert "expired" in failed["TLS"]["finding"]
+
+
 def test_doctor_says_when_billingctl_is_not_built(run, build):
     (build / "client" / "billingctl").unlink()
     answer = run("doctor", BILLING_SERVICE=str(build / "service" / "billing-service"), PATH="/usr/bin:/bin")
