@@ -1,0 +1,11 @@
+"""What an app's own tests need: the lab's fixtures, and the app's catalogue."""
+import pathlib
+
+import pytest
+
+pytest_plugins = ["billing_lab.pytest_plugin"]
+
+
+@pytest.fixture(scope="session")
+def billing_lab_catalogue():
+    return pathlib.Path(__file__).with_name("shop.json")

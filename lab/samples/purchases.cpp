@@ -1,0 +1,137 @@
+// purchases.cpp - a sample: an app that delivers what its user has bought. Prints a line for each
+// purchase.
+//
+// usage: purchases APP
+//
+// It asks the billing service for the user's purchases, applies each that was not confirmed yet, and
+// confirms it. The service is found on the system bus, or on that of DBUS_SYSTEM_BUS_ADDRESS.
+#include <gio/gio.h>
+#include <json/json.h>
+
+#include <iostream>
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+namespace {
+
+constexpr const char* SERVICE = "org.plevo.billingservice";
+constexpr const char* OBJECT = "/org/plevo/billingservice";
+constexpr const char* SANDBOX = "1";
+// The service itself gives a transfer up after 90 seconds.
+constexpr int TIMEOUT_MS = 100000;
+
+constexpr int SUCCESS = 0;
+constexpr int REFUSED = 1160003;
+
+struct Unref {
+    void operator()(GDBusConnection* bus) const { g_object_unref(bus); }
+    void operator()(GVariant* value) const { g_variant_unref(value); }
+    void operator()(GError* error) const { g_error_free(error); }
+};
+template <typename T>
+using Pointer = std::unique_ptr<T, Unref>;
+
+/// The store cannot be asked now. Nothing is lost: ask again later.
+struct StoreError : std::runtime_error {
+    using std::runtime_error::runtime_error;
+};
+
+/// The service is not there.
+struct BusError : std::runtime_error {
+    using std::runtime_error::runtime_error;
+};
+
+template <typename T>
+Pointer<T> checked(T* result, GError* error)
+{
+    const Pointer<GError> owner(error);
+    if (result == nullptr)
+        throw BusError(error->message);
+    return Pointer<T>(result);
+}
+
+/// Calls a method of the service and reads the store's answer.
+Json::Value ask(GDBusConnection* bus, const char* method, const std::vector<std::string>& arguments)
+{
+    GVariantBuilder builder;
+    g_variant_builder_init(&builder, G_VARIANT_TYPE_TUPLE);
+    for (const std::string& argument : arguments)
+        g_variant_builder_add(&builder, "s", argument.c_str());
+    GError* error = nullptr;
+    GVariant* const answered = g_dbus_connection_call_sync(
+        bus, SERVICE, OBJECT, SERVICE, method, g_variant_builder_end(&builder),
+        G_VARIANT_TYPE("(is)"), G_DBUS_CALL_FLAGS_NONE, TIMEOUT_MS, nullptr, &error);
+    const Pointer<GVariant> reply = checked(answered, error);
+    gint32 result = 0;
+    const char* text = nullptr;
+    g_variant_get(reply.get(), "(i&s)", &result, &text);
+    if (result == REFUSED)  // no network, or the service is stopping
+        throw StoreError(text);
+    if (result != SUCCESS)
+        throw StoreError("the connection to the store failed");
+    Json::Value answer;
+    std::string problems;
+    const std::string body = text;
+    const std::unique_ptr<Json::CharReader> reader(Json::CharReaderBuilder().newCharReader());
+    if (!reader->parse(body.data(), body.data() + body.size(), &answer, &problems) ||
+        !answer.isObject()) {
+        throw StoreError("the store's answer cannot be read");
+    }
+    // An HTTP error comes as a success of the transfer: the body alone says so.
+    if (answer["status"] != "ok")
+        throw StoreError(answer.get("message", "the store refused").asString());
+    return answer;
+}
+
+/// @return whether the purchase was delivered
+bool deliverOne(GDBusConnection* bus, const std::string& app, const Json::Value& invoice)
+{
+    const std::string id = invoice["id"].asString();
+    std::cout << id << " " << invoice["product"].asString();
+    try {
+        ask(bus, "get_applied_time", {app, "", id, SANDBOX});
+        // Here the app unlocks what was bought. Then, and not before, it confirms. A confirmation
+        // whose answer was lost is simply made again: the store keeps the first.
+        ask(bus, "confirm_purchase", {app, "", id, SANDBOX});
+        std::cout << " delivered\n";
+        return true;
+    } catch (const StoreError& error) {
+        std::cout << " later: " << error.what() << "\n";
+        return false;
+    }
+}
+
+bool deliver(GDBusConnection* bus, const std::string& app)
+{
+    bool all = true;
+    const Json::Value history = ask(bus, "get_purchase_history", {app, "", "", "1", "", SANDBOX});
+    for (const Json::Value& invoice : history["invoices"]) {
+        const std::string status = invoice["status"].asString();
+        if (invoice["app"] == app && (status == "bought" || status == "applied"))
+            all = deliverOne(bus, app, invoice) && all;
+    }
+    return all;
+}
+
+}  // namespace
+
+int main(int argc, char** argv)
+{
+    if (argc != 2) {
+        std::cerr << "usage: purchases APP\n";
+        return 2;
+    }
+    try {
+        GError* error = nullptr;
+        GDBusConnection* const found = g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, &error);
+        const Pointer<GDBusConnection> bus = checked(found, error);
+        return deliver(bus.get(), argv[1]) ? 0 : 1;
+    } catch (const StoreError& error) {
+        std::cout << "later: " << error.what() << "\n";
+    } catch (const BusError& error) {
+        std::cerr << "the billing service cannot be reached: " << error.what() << "\n";
+    }
+    return 1;
+}

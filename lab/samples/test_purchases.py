@@ -1,0 +1,24 @@
+"""Sample tests of an app. Run them with `PYTHONPATH=lab python3 -m pytest lab/samples`."""
+import pathlib
+import subprocess
+import sys
+
+APP = pathlib.Path(__file__).with_name("purchases.py")
+
+
+def deliver():
+    """The app, which finds the lab's bus in its environment."""
+    return subprocess.run([sys.executable, APP, "shop"], capture_output=True, text=True, check=False).stdout
+
+
+def test_a_lamp_is_delivered_once(billing_lab):
+    invoice = billing_lab.buy("lamp")["id"]
+    assert deliver() == f"{invoice} lamp delivered\n"
+    assert deliver() == ""
+
+
+def test_a_lamp_whose_confirmation_fails_is_delivered_later(billing_lab):
+    invoice = billing_lab.buy("lamp")["id"]
+    billing_lab.fault("status", code=503, endpoint="confirm", count=1)
+    assert deliver() == f"{invoice} lamp later: a fault of the lab\n"
+    assert deliver() == f"{invoice} lamp delivered\n"
