@@ -5,6 +5,9 @@
 
 #include <openssl/err.h>
 #include <openssl/ssl.h>
+#include <openssl/x509_vfy.h>
+
+#include <ctime>
 
 namespace MZCurl {
 namespace {
@@ -53,6 +56,26 @@ CURLcode onSslContext(CURL* curl, void* context, void* pointer)
         useOnce(curl, sslContext);
     }
     return CURLE_OK;
+}
+
+std::string tlsCause(CURL* curl, CURLcode code, const std::string& text)
+{
+    long verdict = X509_V_OK;
+    if (code != CURLE_PEER_FAILED_VERIFICATION ||
+        curl_easy_getinfo(curl, CURLINFO_SSL_VERIFYRESULT, &verdict) != CURLE_OK) {
+        return {};
+    }
+    if (verdict == X509_V_ERR_CERT_NOT_YET_VALID || verdict == X509_V_ERR_CERT_HAS_EXPIRED) {
+        const std::time_t now = std::time(nullptr);
+        std::tm parts{};
+        char said[32] = "";
+        std::strftime(said, sizeof said, "%Y-%m-%d %H:%M UTC", gmtime_r(&now, &parts));
+        return std::string(" (the clock of this device says ") + said + ")";
+    }
+    // Its words for this alert are those for a server that failed the verification.
+    return text == "SSL certificate verification failed"
+               ? " (the server says that the certificate of this device has expired)"
+               : "";
 }
 
 TlsErrorScope::TlsErrorScope()

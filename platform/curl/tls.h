@@ -4,11 +4,17 @@
 
 #include <curl/curl.h>
 
+#include <string>
+
 namespace MZCurl {
 
 /// Hands a new TLS context to the transfer's own callback and completes it. @param context SSL_CTX
 /// @param transfer the Transfer @return CURLE_OK: what is missing shows in the handshake
 CURLcode onSslContext(CURL* curl, void* context, void* transfer);
+
+/// What libcurl's text for the end of a transfer leaves out: that a clock may be wrong, or whose
+/// certificate was refused. @return empty when there is nothing to add
+std::string tlsCause(CURL* curl, CURLcode code, const std::string& text);
 
 /// What goes wrong in its scope leaves nothing on the thread's error queue of the TLS library.
 class TlsErrorScope {

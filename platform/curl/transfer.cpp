@@ -2,6 +2,7 @@
 #include "transfer.h"
 
 #include "callbacks.h"
+#include "tls.h"
 
 namespace MZCurl {
 
@@ -32,6 +33,8 @@ bool Transfer::applyRules()
     set(CURLOPT_PROXY, "");
     set(CURLOPT_NETRC, static_cast<long>(CURL_NETRC_IGNORED));
     set(CURLOPT_FOLLOWLOCATION, 0L);
+    // An older version would be taken from a server that has nothing newer: no token goes over it.
+    set(CURLOPT_SSLVERSION, static_cast<long>(CURL_SSLVERSION_TLSv1_2));
     // Trust is what CAINFO names and nothing else: the distribution's bundle and folder would be
     // trusted beside it. The file is read for each new connection, so that a new one counts.
     set(CURLOPT_CAINFO, static_cast<const char*>(nullptr));
@@ -90,7 +93,8 @@ std::string Transfer::resultText(CURLcode code) const
     if (refusal != nullptr) {
         return refusal;
     }
-    return errorBuffer[0] != '\0' ? errorBuffer.data() : curl_easy_strerror(code);
+    const std::string text = errorBuffer[0] != '\0' ? errorBuffer.data() : curl_easy_strerror(code);
+    return text + tlsCause(curl.get(), code, text);
 }
 
 bool Transfer::fail(const char* reason)

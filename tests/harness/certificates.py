@@ -1,7 +1,54 @@
 """A throw-away certificate authority and the TLS contexts of servers that it vouches for."""
+import datetime
 import ssl
+import tempfile
 
 import trustme
+from cryptography import x509
+from cryptography.hazmat.primitives import hashes, serialization
+
+A_DAY = datetime.timedelta(days=1)
+
+# When certificates begin and end, from now.
+VALID = (-A_DAY, 30 * A_DAY)
+EXPIRED = (-30 * A_DAY, -A_DAY)
+NOT_YET = (A_DAY, 30 * A_DAY)
+
+
+def certify(authority, authority_key, public_key, subject, validity, *extensions):
+    """A certificate, signed by the authority. All of them are PEM but the public key.
+
+    @param subject an x509.Name
+    """
+    issuer = x509.load_pem_x509_certificate(authority)
+    now = datetime.datetime.utcnow()
+    begins, ends = (now + time for time in validity)
+    builder = x509.CertificateBuilder(
+        issuer_name=issuer.subject, subject_name=subject, public_key=public_key,
+        serial_number=x509.random_serial_number(), not_valid_before=begins, not_valid_after=ends)
+    for extension in extensions:
+        builder = builder.add_extension(extension, critical=False)
+    key = serialization.load_pem_private_key(authority_key, None)
+    return builder.sign(key, hashes.SHA256()).public_bytes(serialization.Encoding.PEM)
+
+
+def pem_of(private_key):
+    return private_key.private_bytes(
+        serialization.Encoding.PEM, serialization.PrivateFormat.PKCS8,
+        serialization.NoEncryption())
+
+
+def context_of(pem, clients):
+    """The context of a server with this key and certificate. `clients` as in Authority."""
+    context = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
+    with tempfile.NamedTemporaryFile() as file:
+        file.write(pem)
+        file.flush()
+        context.load_cert_chain(file.name)
+    if clients is not None:
+        context.verify_mode = ssl.CERT_REQUIRED
+        context.load_verify_locations(clients)
+    return context
 
 
 class Authority:
@@ -14,6 +61,10 @@ class Authority:
     def pem(self):
         return self._ca.cert_pem.bytes()
 
+    @property
+    def key_pem(self):
+        return self._ca.private_key_pem.bytes()
+
     def server_pem(self, *names):
         """Key and certificates of a server in one file, for programs that read such files."""
         return self._ca.issue_cert(*names).private_key_and_cert_chain_pem.bytes()
@@ -21,9 +72,5 @@ class Authority:
     def server_context(self, *names, clients, not_after=None):
         """A context for a server that answers to these names and lets in whoever has a certificate
         of the authority in the file `clients`; None lets in everybody and asks nobody."""
-        context = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
-        self._ca.issue_cert(*names, not_after=not_after).configure_cert(context)
-        if clients is not None:
-            context.verify_mode = ssl.CERT_REQUIRED
-            context.load_verify_locations(clients)
-        return context
+        issued = self._ca.issue_cert(*names, not_after=not_after)
+        return context_of(issued.private_key_and_cert_chain_pem.bytes(), clients)

@@ -1,17 +1,14 @@
 """What a device proves itself with: a token with its key, and the certificate for that key."""
 import configparser
-import datetime
 import os
 import pathlib
 import shutil
 import subprocess
 
 from cryptography import x509
-from cryptography.hazmat.primitives import hashes, serialization
 
-from . import daemon
-
-A_DAY = datetime.timedelta(days=1)
+from . import certificates, daemon
+from .certificates import A_DAY
 
 
 def provision_tool():
@@ -25,14 +22,9 @@ def issue(public_key, subject, authority, begin=-A_DAY, end=A_DAY):
     @param authority  the folder with its ca.pem and ca.key
     @param begin, end  of the validity, from now
     """
-    issuer = x509.load_pem_x509_certificate((authority / "ca.pem").read_bytes())
-    key = serialization.load_pem_private_key((authority / "ca.key").read_bytes(), None)
-    now = datetime.datetime.now(datetime.timezone.utc)
-    signed = (x509.CertificateBuilder().subject_name(subject).issuer_name(issuer.subject)
-              .public_key(public_key).serial_number(x509.random_serial_number())
-              .not_valid_before(now + begin).not_valid_after(now + end)
-              .sign(key, hashes.SHA256()))
-    return signed.public_bytes(serialization.Encoding.PEM)
+    return certificates.certify((authority / "ca.pem").read_bytes(),
+                                (authority / "ca.key").read_bytes(), public_key, subject,
+                                (begin, end))
 
 
 class Credentials:
@@ -66,11 +58,29 @@ class Credentials:
             file.write_text(file.read_text().replace(str(self.folder), str(copied.folder)))
         return copied
 
+    def certify(self, public_key=None, validity=certificates.VALID):
+        """@return a certificate like the device's own, for another key or another time"""
+        own = x509.load_pem_x509_certificate(self.certificate.read_bytes())
+        return issue(public_key or own.public_key(), own.subject, self.folder, *validity)
+
     def reissue(self, begin, end):
         """Another certificate for the same key, valid between these times from now."""
-        old = x509.load_pem_x509_certificate(self.certificate.read_bytes())
-        self.certificate.write_bytes(
-            issue(old.public_key(), old.subject, self.folder, begin, end))
+        self.install(self.certify(validity=(begin, end)))
+
+    def install(self, pem):
+        """Puts another certificate in the place of the device's."""
+        fresh = self.certificates / "new"
+        fresh.write_bytes(pem)
+        os.replace(fresh, self.certificate)
+
+    def pull(self):
+        """Takes the token away, as somebody who unplugs it."""
+        self.token.rename(self.folder / "pulled")
+        self.token.mkdir()
+
+    def put_back(self):
+        shutil.rmtree(self.token)
+        (self.folder / "pulled").rename(self.token)
 
     @property
     def settings(self):

@@ -8,15 +8,20 @@ import socket
 import struct
 import threading
 
+from cryptography import x509
+
 CHUNK = 1 << 20
 
 
 @dataclasses.dataclass
 class Request:
-    """One request, taken apart. `raw` is all of it."""
+    """One request, taken apart. `raw` is all of it; `client` the subject of the client's
+    certificate, None without one; `resumed` says that no key signed for its connection."""
 
     raw: bytes
     connection: int
+    client: str = None
+    resumed: bool = False
 
     @property
     def head(self):
@@ -47,6 +52,7 @@ class Connection:
         self.number = number
         self.tls = tls
         self.log = log
+        self._client = client_of(tls)
         self._unread = b""
 
     def _receive(self):
@@ -66,7 +72,7 @@ class Connection:
             if not self._receive():
                 return None
         raw, self._unread = self._unread[:size], self._unread[size:]
-        return Request(raw, self.number)
+        return Request(raw, self.number, self._client, self.tls.session_reused)
 
     def send(self, data):
         self.tls.sendall(data)
@@ -76,6 +82,12 @@ class Connection:
         self.tls.settimeout(1)
         with contextlib.suppress(OSError):
             self.tls.unwrap()
+
+
+def client_of(tls):
+    """The subject of the certificate that the client has presented, or None."""
+    der = tls.getpeercert(binary_form=True)
+    return None if der is None else x509.load_der_x509_certificate(der).subject.rfc4514_string()
 
 
 def content_length(head):
@@ -273,6 +285,8 @@ class StoreServer:
             answer = self.answer(request) if callable(self.answer) else self.answer
             if not answer.perform(connection, self):
                 return
+        # Without a goodbye of its own OpenSSL forgets the session, with which other connections began.
+        connection.finish()
 
 
 def listen():

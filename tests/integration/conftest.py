@@ -78,6 +78,16 @@ def store(server_context):
 
 
 @pytest.fixture
+def other_store(request):
+    """A function that runs one more server, with another certificate or other wishes."""
+    def make(context):
+        running = server.StoreServer(context)
+        request.addfinalizer(running.stop)
+        return running
+    return make
+
+
+@pytest.fixture
 def a_device(tmp_path, store, authority, provisioned):
     """A device that knows the store server and trusts it, and that the store server knows."""
     made = device.Device(tmp_path, provisioned.copy_to(tmp_path / "lab"),

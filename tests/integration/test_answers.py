@@ -3,7 +3,7 @@ import datetime
 import socket
 
 import pytest
-from harness import certificates, server
+from harness import certificates
 from harness.methods import all_alike, answers
 from harness.server import Endless, Raw, Reply, Reset, Truncate
 
@@ -52,16 +52,6 @@ def test_nobody_listening_is_a_failure(service, caller, a_device):
 
     assert len(error_lines(service)) == 5
     assert sum("Http error!" in text for text in service.texts("E")) == 5
-
-
-@pytest.fixture
-def other_store(request):
-    """A function that runs one more server, with another certificate."""
-    def make(context):
-        running = server.StoreServer(context)
-        request.addfinalizer(running.stop)
-        return running
-    return make
 
 
 def untrusted(_authority):

@@ -1,0 +1,176 @@
+"""Servers with other wishes than the store's, and servers that are not the store."""
+import pathlib
+import re
+import ssl
+
+import pytest
+from cryptography.hazmat.primitives.asymmetric import rsa
+from cryptography.x509 import DNSName, Name, SubjectAlternativeName
+from harness import certificates, daemon, nginx
+from harness.methods import EVERY_CALL, all_alike, answers
+
+DEVICE = "CN=Billing lab device"
+FAILED = (-1, "")
+V11, V12, V13 = ssl.TLSVersion.TLSv1_1, ssl.TLSVersion.TLSv1_2, ssl.TLSVersion.TLSv1_3
+DEMANDS, ASKS, NOTHING = ssl.CERT_REQUIRED, ssl.CERT_OPTIONAL, ssl.CERT_NONE
+
+
+def reports(process):
+    """What the daemon says about transfers that failed."""
+    return [text for text in process.texts("E") if text.startswith("MZCurl multiResult")]
+
+
+def signatures(process):
+    return process.texts().count("Encrypt by KeyStore")
+
+
+@pytest.fixture
+def store_with(authority, provisioned, other_store, a_device):
+    """A function that runs a store of some versions, and has the device use it."""
+    def make(lowest, highest, wish):
+        context = authority.server_context("localhost", clients=provisioned.authority)
+        # Below 1.2 only a server with old rules talks at all.
+        context.set_ciphers("DEFAULT@SECLEVEL=0")
+        context.minimum_version, context.maximum_version = lowest, highest
+        context.verify_mode = wish
+        running = other_store(context)
+        a_device.set("deployment", "production_host", f"localhost:{running.port}")
+        return running
+    return make
+
+
+@pytest.mark.parametrize("wish, client", [(DEMANDS, DEVICE), (ASKS, DEVICE), (NOTHING, None)])
+@pytest.mark.parametrize("newest", [V12, V13])
+def test_a_store_of_tls_12_or_newer_is_reached(service, caller, store_with, newest, wish, client):
+    store = store_with(V12, newest, wish)
+
+    assert answers(caller) == all_alike((0, "{}"))
+
+    assert [request.client for request in store.requests] == [client] * len(EVERY_CALL)
+    assert signatures(service) == (client is not None)
+
+
+@pytest.mark.parametrize("wish", [DEMANDS, ASKS, NOTHING])
+@pytest.mark.parametrize("only", [V11, V13])
+@pytest.mark.filterwarnings("ignore:ssl.TLSVersion.TLSv1_1")
+def test_a_store_of_another_tls_only_is_a_failure_that_says_so(service, caller, store_with, only,
+                                                               wish):
+    store = store_with(only, only, wish)
+
+    assert answers(caller) == all_alike(FAILED)
+
+    assert store.requests == []
+    assert signatures(service) == 0
+    said = reports(service)
+    assert len(said) == len(EVERY_CALL)
+    assert all("ErrorCode = 35" in text and " protocol" in text for text in said), said
+
+
+@pytest.fixture
+def start_nginx(tmp_path, authority, provisioned, a_device, request):
+    """A function that runs an nginx and has the device use it."""
+    if nginx.PROGRAM is None:
+        pytest.skip("nginx is not installed (apt install nginx-light)")
+
+    def make(**options):
+        running = nginx.Nginx(tmp_path / "nginx", authority.server_pem("localhost"),
+                              provisioned.authority, **options)
+        request.addfinalizer(running.stop)
+        a_device.set("deployment", "production_host", f"localhost:{running.port}")
+        return running
+    return make
+
+
+def test_http_2_carries_the_certificate_too(service, caller, start_nginx):
+    running = start_nginx(listen="http2")
+
+    calls = [caller.start("get_product_list", f"app-{i}", "0", "check") for i in range(20)]
+    caller.finish(calls)
+
+    assert {call.result for call in calls} == {(0, "nginx")}
+    asked = running.stop()
+    assert [(entry[0], entry[1], entry[3]) for entry in asked] == (
+        [("HTTP/2.0", DEVICE, asked[0][3])] * len(calls)), "one connection for all"
+    assert signatures(service) == 1
+
+
+def test_a_store_that_takes_pss_signatures_only_sees_no_certificate(service, caller, start_nginx):
+    running = start_nginx(extra="ssl_protocols TLSv1.2; ssl_conf_command ClientSignatureAlgorithms "
+                                "rsa_pss_rsae_sha256:rsa_pss_rsae_sha384;")
+
+    for result, body in answers(caller).values():
+        assert result == 0 and "No required SSL certificate was sent" in body
+
+    assert {entry[1] for entry in running.stop()} == {"-"}
+    assert signatures(service) == 0
+
+
+def a_server_context(issuer, clients, validity=certificates.VALID, name="localhost"):
+    """A server of an authority, that demands a certificate of a device."""
+    key = rsa.generate_private_key(65537, 2048)
+    pem = certificates.certify(issuer.pem, issuer.key_pem, key.public_key(), Name([]), validity,
+                               SubjectAlternativeName([DNSName(name)]))
+    return certificates.context_of(pem + certificates.pem_of(key), clients)
+
+
+# Servers that are not the store, and what the log says of each.
+STRANGERS = {
+    "of another authority": (dict(issuer=certificates.Authority()), "unable to get local issuer"),
+    "for another host": (dict(name="elsewhere.example"), "matches target host name"),
+    "expired": (dict(validity=certificates.EXPIRED), "has expired (the clock of this device says 2"),
+    "not yet valid": (dict(validity=certificates.NOT_YET),
+                      "is not yet valid (the clock of this device says 2"),
+}
+
+
+@pytest.mark.parametrize("demands", [True, False])
+@pytest.mark.parametrize("stranger", STRANGERS)
+def test_a_server_that_is_not_the_store_gets_no_byte(
+        service, caller, authority, provisioned, other_store, a_device, stranger, demands):
+    changes, reason = STRANGERS[stranger]
+    context = a_server_context(**{"issuer": authority, **changes},
+                               clients=provisioned.authority if demands else None)
+    store = other_store(context)
+    a_device.set("deployment", "production_host", f"localhost:{store.port}")
+
+    assert answers(caller) == all_alike(FAILED)
+
+    assert len(store.connections) >= len(EVERY_CALL)
+    assert b"".join(store.connections) == b""
+    # The name is compared when the handshake is done: whoever the authority vouches for may learn
+    # which device it is.
+    assert (signatures(service) > 0) == (stranger == "for another host" and demands)
+    said = reports(service)
+    assert len(said) == len(EVERY_CALL)
+    assert all("ErrorCode = 60" in text and reason in text for text in said), said
+
+
+def test_the_same_server_with_a_right_certificate_is_the_store(
+        service, caller, authority, provisioned, other_store, a_device):
+    # What makes the test above worth something.
+    store = other_store(a_server_context(authority, provisioned.authority))
+    a_device.set("deployment", "production_host", f"localhost:{store.port}")
+
+    assert answers(caller) == all_alike((0, "{}"))
+
+    assert {request.client for request in store.requests} == {DEVICE}
+
+
+def test_a_clock_of_1970_is_an_ordinary_failure_whose_line_names_the_clock(
+        needs_view, start_daemon, caller, store):
+    clock = daemon.binary().parents[1] / "tests" / "support" / "clock-1970.so"
+    assert pathlib.Path(clock).exists()
+    process = start_daemon(environment={
+        "LD_PRELOAD": str(clock),
+        "ASAN_OPTIONS": daemon.SANITIZERS["ASAN_OPTIONS"] + ":verify_asan_link_order=0"})
+    process.wait_for_name(caller)
+
+    assert answers(caller) == all_alike(FAILED)
+
+    assert b"".join(store.connections) == b""
+    assert signatures(process) == 0
+    said = reports(process)
+    assert len(said) == len(EVERY_CALL)
+    assert all(re.search(r"ErrorCode = 60; .*certificate is not yet valid "
+                         r"\(the clock of this device says 1970-01-01 00:01 UTC\)!", text)
+               for text in said), said
