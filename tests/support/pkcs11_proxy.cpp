@@ -6,6 +6,9 @@
 
 #include <chrono>
 #include <cstdlib>
+#include <fstream>
+#include <map>
+#include <string>
 #include <thread>
 
 using proxy::Fault;
@@ -16,6 +19,29 @@ CK_FUNCTION_LIST* g_real = nullptr;
 CK_FUNCTION_LIST g_calls;
 proxy::Control g_control;
 
+const std::map<std::string, Fault> kNames = {{"None", Fault::None},
+                                             {"ShortBlock", Fault::ShortBlock},
+                                             {"WrongBlock", Fault::WrongBlock},
+                                             {"NoRawRsa", Fault::NoRawRsa},
+                                             {"Removed", Fault::Removed},
+                                             {"PinFinalTry", Fault::PinFinalTry}};
+
+/// Writes a call down, and does from now on what the test's process says.
+void enter(const char* call)
+{
+    const char* const folder = getenv(proxy::kFolderVariable);
+    if (folder == nullptr)
+        return;
+    const std::string path = folder;
+    std::ofstream(path + "/calls", std::ios::app) << call << '\n';
+    std::ifstream file(path + "/fault");
+    std::string name;
+    int delayMs = 0;
+    const bool told = static_cast<bool>(file >> name >> delayMs);
+    g_control.fault = told ? kNames.at(name) : Fault::None;
+    g_control.delayMs = delayMs;
+}
+
 CK_RV openSession(CK_SLOT_ID slot, CK_FLAGS flags, void* context, CK_NOTIFY notify,
                   CK_SESSION_HANDLE* session)
 {
@@ -25,12 +51,14 @@ CK_RV openSession(CK_SLOT_ID slot, CK_FLAGS flags, void* context, CK_NOTIFY noti
 
 CK_RV login(CK_SESSION_HANDLE session, CK_USER_TYPE user, unsigned char* pin, CK_ULONG size)
 {
+    enter("login");
     g_control.logins++;
     return g_real->C_Login(session, user, pin, size);
 }
 
 CK_RV getTokenInfo(CK_SLOT_ID slot, CK_TOKEN_INFO* token)
 {
+    enter("look");
     const CK_RV answer = g_real->C_GetTokenInfo(slot, token);
     if (answer == CKR_OK && g_control.fault == Fault::PinFinalTry)
         token->flags |= CKF_USER_PIN_FINAL_TRY;
@@ -46,6 +74,7 @@ CK_RV getMechanismInfo(CK_SLOT_ID slot, CK_MECHANISM_TYPE type, CK_MECHANISM_INF
 
 CK_RV signInit(CK_SESSION_HANDLE session, CK_MECHANISM* mechanism, CK_OBJECT_HANDLE key)
 {
+    enter("init");
     const Fault fault = g_control.fault;
     if (mechanism->mechanism == CKM_RSA_X_509 &&
         (fault == Fault::NoRawRsa || fault == Fault::RawRsaListed))
@@ -56,6 +85,7 @@ CK_RV signInit(CK_SESSION_HANDLE session, CK_MECHANISM* mechanism, CK_OBJECT_HAN
 CK_RV sign(CK_SESSION_HANDLE session, unsigned char* data, CK_ULONG size, unsigned char* signature,
            CK_ULONG* length)
 {
+    enter("sign");
     g_control.signatures++;
     const int inside = ++g_control.inside;
     if (inside > g_control.mostInside)

@@ -29,7 +29,10 @@ struct Control {
 };
 
 constexpr const char* kControlSymbol = "test_pkcs11_proxy_control";
-/// Names the module behind it.
-constexpr const char* kRealVariable = "TEST_PKCS11_REAL";
+/// Names the module behind it. These variables are among those that the daemon keeps.
+constexpr const char* kRealVariable = "PKCS11_PROXY_REAL";
+/// Names a folder, for a test that is another process: a file "fault" there, when there is one, holds
+/// a fault's name and a delay in milliseconds, and each call appends its line to "calls".
+constexpr const char* kFolderVariable = "PKCS11_PROXY_FOLDER";
 
 }  // namespace proxy
