@@ -1,24 +1,31 @@
-"""The demonstration behind scripts/demo: one of everything, and all five methods called."""
+"""The demonstration behind scripts/demo: a lab, and all five methods called in it by billingctl."""
 import contextlib
 import json
 import pathlib
+import shlex
 import signal
+import subprocess
 import sys
 import tempfile
 import textwrap
 
-sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / "tests"))
+TREE = pathlib.Path(__file__).resolve().parents[1]
+sys.path.insert(0, str(TREE / "lab"))
 
-from harness import certificates, credentials, daemon, device, methods, server  # noqa: E402
+from billing_lab import client, tools  # noqa: E402
+from billing_lab.folder import LabError  # noqa: E402
 
-from billing_lab import bus, view  # noqa: E402
-
-HOST = "store.localhost"
+APP = "app-1"
 
 
-def answer(request):
-    """A body that says what was asked, so that it can be told apart from the others."""
-    return server.Reply(json.dumps({"store": "demo", "asked": request.path}).encode())
+def calls(invoice):
+    """The five methods, with the words of billingctl for them."""
+    payment = ("--appid", APP, "--custom-id", "custom-1", "--invoiceid", invoice)
+    return {"check-server-availability": (),
+            "get-product-list": ("--appid", APP, "--check-value", "check-1"),
+            "get-purchase-history": ("--appid", APP),
+            "get-applied-time": payment,
+            "confirm-purchase": payment}
 
 
 def show(title, text):
@@ -26,56 +33,54 @@ def show(title, text):
     print(textwrap.indent(text.strip(), "    "))
 
 
-def call_all(caller, store):
-    """@return how many of the five methods came back with the server's body"""
+def question(entry):
+    """A request as the journal has it."""
+    headers = "".join(f"\n{name}: {value}" for name, value in entry["headers"])
+    return f"{entry['method']} {entry['url']}{headers}\n\n{entry['body']['text']}"
+
+
+def call_all(lab, program):
+    """@return how many methods came back with the store's body, and how many there are"""
     good = 0
-    for method, arguments in methods.EVERY_CALL.items():
-        store.take_requests()
-        result, text = caller.call(method, *arguments)
-        asked = store.take_requests()
-        print(f"\n{method}{arguments}")
-        for request in asked:
-            show("the server was asked", request.raw.decode().replace("\r\n", "\n"))
-        show("the caller got", f"({result}, {text!r})")
-        expected = [(0, answer(request).body.decode()) for request in asked]
-        good += expected == [(result, text)]
-    return good
+    invoice = lab.buy("coins-100")["id"]
+    for method, words in calls(invoice).items():
+        before = lab.journal(last=1)
+        command = [str(program), "--bus", lab.bus, "--json", method, *words]
+        done = subprocess.run(command, capture_output=True, text=True, check=False)
+        print(f"\nbillingctl {shlex.join([method, *words])}")
+        entries = lab.journal(after=before[0]["seq"] if before else 0)
+        for entry in entries:
+            show("the store was asked", question(entry))
+        got = json.loads(done.stdout)
+        answer = (got.get("resp_result"), got.get("resp_info"))
+        show("the caller got", str(answer if "resp_result" in got else got))
+        good += [answer] == [(0, entry["answer"]["text"]) for entry in entries]
+    return good, len(calls(invoice))
 
 
 def run(folder, keep):
-    authority = certificates.Authority()
-    keys = credentials.Credentials.make(pathlib.Path(folder) / "lab")
-    store = server.StoreServer(authority.server_context(HOST, clients=keys.authority))
-    store.answer = answer
-    tv = device.Device(folder, keys, f"{HOST}:{store.port}")
-    tv.ca_file.write_bytes(authority.pem)
-    private_bus = bus.Bus(folder)
-    service = daemon.Daemon(folder, private_bus.address, tv, level="info")
-    try:
-        caller = bus.Caller(private_bus.address)
-        service.wait_for_name(caller)
-        good = call_all(caller, store)
-        print(f"\n{good} of {len(methods.EVERY_CALL)} methods came back with the server's body")
+    program = tools.tool("billingctl")
+    if program is None:
+        raise LabError("billingctl is not built")
+    with client.running(folder) as lab:
+        good, count = call_all(lab, program)
+        print(f"\n{good} of {count} methods came back with the store's body")
         if keep:
-            stay(private_bus, tv, store, service)
-        caller.close()
-        print(f"SIGTERM: the daemon ended with status {service.stop()}")
-        return 0 if good == len(methods.EVERY_CALL) else 1
-    finally:
-        service.kill()
-        private_bus.stop()
-        store.stop()
+            stay(lab, program)
+    print("The lab has ended.")
+    return 0 if good == count else 1
 
 
-def stay(private_bus, tv, store, service):
+def stay(lab, program):
+    command = f"{TREE / 'lab' / 'billing-lab'} --dir {lab.folder.path}"
     print(textwrap.dedent(f"""
         It stays until Ctrl-C. In another terminal:
-          export DBUS_SYSTEM_BUS_ADDRESS={private_bus.address}
-          gdbus call --system -d {bus.SERVICE} -o {bus.OBJECT} \\
-              -m {bus.SERVICE}.get_product_list app-1 1 check-1
-        settings, read again when they change:  {tv.file}
-        server:                                 https://{HOST}:{store.port}
-        log of the daemon:                      {service.log_file}"""), flush=True)
+          export DBUS_SYSTEM_BUS_ADDRESS={lab.bus}
+          {program} get-product-list --appid {APP}
+          {command} --help
+        settings, read again when they change:  {lab.folder.settings}
+        store:                                  {lab.info['store']['production']}
+        log of the daemon:                      {lab.folder.logs / 'daemon.log'}"""), flush=True)
     with contextlib.suppress(KeyboardInterrupt):
         signal.pause()
 
@@ -83,13 +88,12 @@ def stay(private_bus, tv, store, service):
 def main():
     # Stopped in any way, it stops what it has started.
     signal.signal(signal.SIGTERM, signal.default_int_handler)
-    problem = view.why_no_view()
-    if problem is not None:
-        print(f"demo: {problem}", file=sys.stderr)
-        return 1
     with tempfile.TemporaryDirectory(prefix="billing-demo-") as folder:
         try:
-            return run(pathlib.Path(folder), "--keep" in sys.argv)
+            return run(pathlib.Path(folder) / "lab", "--keep" in sys.argv)
+        except LabError as error:
+            print(f"demo: {error}", file=sys.stderr)
+            return 1
         except KeyboardInterrupt:
             print("demo: stopped")
             return 1
