@@ -165,7 +165,7 @@ def start(folder: Folder, level: str = "info", lifeline: int | None = None) -> L
     handed_on = [tell] if lifeline is None else [tell, lifeline]
     package = str(pathlib.Path(__file__).resolve().parents[1])
     paths = os.pathsep.join(filter(None, [package, os.environ.get("PYTHONPATH")]))
-    with open(folder.logs / "lab.log", "ab") as log:
+    with open(folder.logs / "lab.log", "wb") as log:
         process = subprocess.Popen(
             [sys.executable, "-m", "billing_lab.supervisor", str(folder.path), level,
              *map(str, handed_on)], pass_fds=handed_on, stdin=subprocess.DEVNULL, stdout=log, stderr=log,

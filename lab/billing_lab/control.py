@@ -169,7 +169,7 @@ async def _events(request: web.Request) -> web.StreamResponse:
     after = request.query.get("after") or request.headers.get("Last-Event-ID")
     response = web.StreamResponse(headers={"Content-Type": "text/event-stream",
                                            "Cache-Control": "no-store"})
-    queue = core.follow()
+    queue = core.followers.add()
     try:
         told = journal.entries(core.db, int(after)) if after else []
         seen = {entry["seq"] for entry in told}
@@ -189,7 +189,7 @@ async def _events(request: web.Request) -> web.StreamResponse:
     except ConnectionError:
         pass
     finally:
-        core.unfollow(queue)
+        core.followers.remove(queue)
     return response
 
 

@@ -9,8 +9,6 @@ from . import catalogue, device, faults, journal, purchases, state, tls
 from .folder import Folder
 from .simulator import Simulator
 
-WAITING_ENTRIES = 1000
-
 
 class Core:
     """What can be asked of a lab, and done with it."""
@@ -20,9 +18,10 @@ class Core:
         self.info = info
         self.db = state.open_state(folder.state)
         self.certificate = tls.fingerprint(folder.certificate_view / "bgclient.crt")
-        self.simulator = Simulator(self.db, listener, folder.device, self.device_facts, self._tell)
+        self.followers = journal.Followers()
+        self.simulator = Simulator(self.db, listener, folder.device, self.device_facts,
+                                   self.followers.tell)
         self.ending = asyncio.Event()
-        self._followers: set[asyncio.Queue] = set()
         if state.fact(self.db, "catalogue") is None:
             self.seed(catalogue.DEFAULT_FILE)
 
@@ -65,7 +64,8 @@ class Core:
         state.seed(self.db, state.fact(self.db, "catalogue"))
         journal.clear(self.db)
         made = device.read(self.folder.settings.with_name("device.initial"))
-        made["deployment"] = device.read(self.folder.settings)["deployment"]
+        for name, address in self.info["store"].items():
+            made["deployment"][f"{name}_host"] = address.removeprefix("https://")
         device.write(self.folder.settings, made)
         users = state.fact(self.db, "catalogue")["users"]
         if device.value(made, device.UID) not in [user["uid"] for user in users]:
@@ -95,28 +95,9 @@ class Core:
                                  if wanted.get(key) is not None}
         state.set_fact(self.db, "answers", answers)
 
-    # The journal
-
-    def follow(self) -> asyncio.Queue:
-        """Every entry from now on; None when the reader was too slow, and at the end."""
-        queue: asyncio.Queue = asyncio.Queue()
-        self._followers.add(queue)
-        return queue
-
-    def unfollow(self, queue: asyncio.Queue) -> None:
-        self._followers.discard(queue)
-
-    def _tell(self, entry: dict) -> None:
-        for queue in list(self._followers):
-            late = queue.qsize() >= WAITING_ENTRIES
-            queue.put_nowait(None if late else entry)
-            if late:
-                self.unfollow(queue)
-
     def end(self) -> None:
         self.ending.set()
-        for queue in self._followers:
-            queue.put_nowait(None)
+        self.followers.end()
 
 
 def prepare_device(folder: Folder, port: int) -> str:

@@ -35,7 +35,11 @@ def read(file: pathlib.Path) -> Settings:
     parser = configparser.ConfigParser(delimiters="=", interpolation=None, strict=False,
                                        comment_prefixes="#")
     parser.optionxform = str
-    parser.read(file, encoding="utf-8")
+    try:
+        parser.read(file, encoding="utf-8")
+    except (configparser.Error, UnicodeDecodeError) as error:
+        reason = str(error).replace("\n", " ")
+        raise DeviceError(f"{file} cannot be read ({reason}); mend it, or `billing-lab reset`") from None
     return {group: dict(parser[group]) for group in parser.sections()}
 
 

@@ -2,11 +2,13 @@
 
 The lab's tokens, ids and certificates are its own, so nothing in it is hidden.
 """
+import asyncio
 import base64
 import json
 import sqlite3
 
 KEPT_ENTRIES = 10_000
+WAITING_ENTRIES = 1000
 KEPT_BYTES = 1 << 20
 
 
@@ -59,3 +61,31 @@ def line_of(entry: dict) -> str:
     if entry["differences"]:
         parts.append("NOT EXACT: " + "; ".join(entry["differences"]))
     return "  ".join(parts)
+
+
+class Followers:
+    """Who is told every new entry as it comes."""
+
+    def __init__(self) -> None:
+        self._queues: set[asyncio.Queue] = set()
+
+    def add(self) -> asyncio.Queue:
+        """A queue of the entries from now on; None in it is the end, also of one that reads too slowly."""
+        queue: asyncio.Queue = asyncio.Queue()
+        self._queues.add(queue)
+        return queue
+
+    def remove(self, queue: asyncio.Queue) -> None:
+        self._queues.discard(queue)
+
+    def tell(self, entry: dict) -> None:
+        for queue in list(self._queues):
+            if queue.qsize() < WAITING_ENTRIES:
+                queue.put_nowait(entry)
+            else:
+                queue.put_nowait(None)
+                self.remove(queue)
+
+    def end(self) -> None:
+        for queue in self._queues:
+            queue.put_nowait(None)

@@ -16,6 +16,7 @@ from aiohttp import web
 
 from . import answers, check, faults, journal, state, store, tls
 from .connection import Connection
+from .device import DeviceError
 
 LARGEST_REQUEST = 64 << 20
 HANDSHAKE_SECONDS = 30
@@ -205,7 +206,13 @@ class Simulator:
             "body": journal.body_of(body), "connection": connection.number,
             "handshake": connection.handshake, "tls": connection.version,
             "certificate": connection.certificate,
-            "differences": check.differences(raw, endpoint, self._device(), connection.certificate)}
+            "differences": self._differences(raw, endpoint, connection.certificate)}
+
+    def _differences(self, raw: bytes, endpoint: str | None, certificate: dict | None) -> list[str]:
+        try:
+            return check.differences(raw, endpoint, self._device(), certificate)
+        except DeviceError as error:
+            return [str(error)]
 
     def refused(self, connection: Connection, error: BaseException | None) -> None:
         """What came is no request, or none that can be answered."""

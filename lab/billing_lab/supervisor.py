@@ -45,7 +45,7 @@ class Daemon:
     """The daemon's process, behind those of bubblewrap and its guard."""
 
     def __init__(self, folder: Folder, bus_address: str, level: str):
-        with open(folder.logs / "daemon.log", "ab") as log:
+        with open(folder.logs / "daemon.log", "wb") as log:
             self.process, self.pid = view.start(
                 [*view.GUARD, *view.bubblewrap(folder.ca_view, folder.certificate_view)],
                 [str(tools.service())], env=tools.environment(folder, bus_address, level),

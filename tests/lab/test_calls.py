@@ -191,6 +191,18 @@ def test_reset_undoes_what_was_done_since_the_seed(lab):
     assert called(lab, "check_server_availability")["available"] is True
 
 
+def test_settings_that_were_broken_by_hand_are_said_and_mended_by_reset(lab):
+    before = lab.device()
+    lab.folder.settings.write_text("country=DE\n")
+    with pytest.raises(LabError, match="cannot be read .*; mend it, or `billing-lab reset`"):
+        lab.device()
+    # The service knows no host now, and says so without the store.
+    assert lab.call("check_server_availability")[0] != 0
+    lab.reset()
+    assert lab.device() == before
+    assert called(lab, "check_server_availability")["available"] is True
+
+
 def test_another_catalogue_signs_one_of_its_users_in(lab, tmp_path):
     shop = tmp_path / "shop.json"
     shop.write_text(json.dumps({

@@ -27,6 +27,8 @@ def everything(client):
     try:
         while data := client.tls.recv(65536):
             received += data
+    except TimeoutError:
+        raise AssertionError("the server keeps the connection") from None
     except OSError as error:
         return received, error
     return received, None

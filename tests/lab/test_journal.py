@@ -149,6 +149,18 @@ def test_the_journal_keeps_the_newest(store, monkeypatch, client):
     assert [entry["seq"] for entry in entries(store)] == [3, 4, 5]
 
 
+def test_a_follower_that_does_not_read_is_let_go(monkeypatch):
+    monkeypatch.setattr(journal, "WAITING_ENTRIES", 2)
+    followers = journal.Followers()
+    slow, quick = followers.add(), followers.add()
+    for number in range(4):
+        followers.tell({"seq": number})
+        assert quick.get_nowait() == {"seq": number}
+    followers.end()
+    assert [slow.get_nowait() for _ in range(slow.qsize())] == [{"seq": 0}, {"seq": 1}, None]
+    assert quick.get_nowait() is None
+
+
 def test_bytes_that_are_no_text_are_kept(store):
     assert journal.body_of(b"\xff") == {"bytes": 1, "base64": "/w=="}
 

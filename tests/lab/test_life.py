@@ -164,6 +164,18 @@ def test_a_second_lab_in_the_same_folder_is_the_first(folder, cli):
     assert cli("up", "--stay").stderr.startswith(f"billing-lab: a lab is up in {folder} already")
 
 
+def test_of_two_that_start_at_once_one_lab_comes(folder, cli):
+    both = [subprocess.Popen([LAB / "billing-lab", "--dir", folder, "up"], env=cli.environment,
+                             stdout=subprocess.DEVNULL, stderr=subprocess.PIPE, text=True) for _ in "12"]
+    said = [(process.wait(60), process.stderr.read()) for process in both]
+    for process in both:
+        process.stderr.close()
+    assert (0, "") in said
+    assert client.Lab(folder).call("check_server_availability")[0] == 0
+    for status, reason in said:
+        assert status == 0 or "at the same moment" in reason or "just starting" in reason
+
+
 def test_nothing_outside_its_folder_is_touched(folder, cli, tmp_path):
     for arguments in (["up"], ["call", "check_server_availability"], ["buy", "coins-100"], ["down"]):
         assert cli(*arguments).returncode == 0
@@ -255,6 +267,20 @@ def test_whoever_follows_the_journal_sees_each_entry_once(lab):
     assert enough.wait(20)
     reader.join()
     assert seen == [entry["seq"] for entry in lab.journal()]
+
+
+def test_a_browser_goes_on_where_it_was(lab):
+    for _ in range(2):
+        lab.call("check_server_availability")
+    first, second = (entry["seq"] for entry in lab.journal())
+    address = lab.info["control"]["address"].removeprefix("http://")
+    connection = http.client.HTTPConnection(address, timeout=20)
+    connection.request("GET", f"/api/events?token={lab.info['control']['token']}",
+                       headers={"Last-Event-ID": str(first)})
+    response = connection.getresponse()
+    assert response.getheader("Content-Type") == "text/event-stream"
+    assert [response.readline() for _ in "12"] == [f"id: {second}\n".encode(), b"event: journal\n"]
+    connection.close()
 
 
 def test_followers_do_not_hold_up_the_end(folder):
