@@ -64,7 +64,7 @@ void KeyStore::change(const Place& place, const Body& body)
 {
     // The login of the open session holds for this one too.
     run(place, [&](const pkcs11::Session& open) {
-        const pkcs11::Session writable(open.module(), open.slot(), true);
+        const pkcs11::Session writable(open, true);
         body(writable);
     });
 }
@@ -116,7 +116,10 @@ void KeyStore::connect(const pkcs11::Module& module, const Place& place)
         throw secure::Error(SS_ERROR_UNAVAILABLE,
                             "no such token; plug it in, or set [keystore] token to its label");
     auto session = std::make_unique<pkcs11::Session>(module, *slot, false);
-    login(*session, place);
+    login(*session, place, CKU_USER);
+    session->setGivePin([this, place](const pkcs11::Session& asking) {
+        login(asking, place, CKU_CONTEXT_SPECIFIC);
+    });
     m_session = std::move(session);
 }
 
@@ -131,7 +134,7 @@ std::string KeyStore::attemptOf(const Place& place, const secret::Bytes& pin)
                         seal::digest(salted.data(), salted.size()));
 }
 
-void KeyStore::login(const pkcs11::Session& session, const Place& place)
+void KeyStore::login(const pkcs11::Session& session, const Place& place, CK_USER_TYPE user)
 {
     const secret::Bytes pin = readPin(place.pinFile);
     const std::string attempt = attemptOf(place, pin);
@@ -144,9 +147,9 @@ void KeyStore::login(const pkcs11::Session& session, const Place& place)
                             "one more wrong PIN would lock it, so none is tried; log in once with "
                             "the token's own tool");
     try {
-        session.login(pin);
-    } catch (const secure::Error& error) {
-        if (error.code() == SS_ERROR_ACCESS)
+        session.login(pin, user);
+    } catch (const pkcs11::Failure& failure) {
+        if (failure.isWrongPin())
             m_refused.insert(attempt);
         throw;
     }

@@ -45,7 +45,7 @@ private:
     void open(const Place& place);
     void connect(const pkcs11::Module& module, const Place& place);
     std::string attemptOf(const Place& place, const secret::Bytes& pin);
-    void login(const pkcs11::Session& session, const Place& place);
+    void login(const pkcs11::Session& session, const Place& place, CK_USER_TYPE user);
 
     std::mutex m_lock;
     Place m_place;

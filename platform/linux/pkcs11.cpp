@@ -17,9 +17,14 @@ namespace {
 constexpr std::size_t kResultRoom = 1024;
 
 constexpr const char* kBack = "put the token back; it is looked for again at the next call";
+constexpr const char* kAnew = "a new session is opened at the next call";
+constexpr const char* kWhy =
+    "see whether the token is there and what its module has logged; it is tried again at the next "
+    "call";
 constexpr const char* kPin = "put the right PIN into the PIN file; this one is not tried again";
 constexpr const char* kInside = "make the key inside the token (billing-provision request)";
 constexpr const char* kSee = "see the documentation of the token";
+constexpr const char* kWritable = "make the token writable for this";
 
 struct Answer {
     CK_RV value;
@@ -28,69 +33,46 @@ struct Answer {
     const char* cure;
 };
 
-#define ANSWER(name, code, cure) {name, #name, code, cure},
-constexpr Answer kAnswers[] =
-    {ANSWER(CKR_HOST_MEMORY, SS_ERROR_NO_MEMORY, "make memory free") ANSWER(
-        CKR_DEVICE_MEMORY, SS_ERROR_NO_MEMORY, "remove keys that are not used from the token")
-         ANSWER(CKR_GENERAL_ERROR, SS_ERROR_UNAVAILABLE, kBack) ANSWER(
-             CKR_FUNCTION_FAILED, SS_ERROR_UNAVAILABLE,
-             kBack) ANSWER(CKR_DEVICE_ERROR, SS_ERROR_UNAVAILABLE,
-                           kBack) ANSWER(CKR_DEVICE_REMOVED, SS_ERROR_UNAVAILABLE, kBack)
-             ANSWER(CKR_TOKEN_NOT_PRESENT, SS_ERROR_UNAVAILABLE, kBack) ANSWER(
-                 CKR_TOKEN_NOT_RECOGNIZED, SS_ERROR_UNAVAILABLE,
-                 kBack) ANSWER(CKR_SLOT_ID_INVALID, SS_ERROR_UNAVAILABLE,
-                               kBack) ANSWER(CKR_SESSION_CLOSED, SS_ERROR_UNAVAILABLE, kBack)
-                 ANSWER(CKR_SESSION_HANDLE_INVALID, SS_ERROR_UNAVAILABLE, kBack) ANSWER(
-                     CKR_USER_NOT_LOGGED_IN, SS_ERROR_UNAVAILABLE,
-                     kBack) ANSWER(CKR_OBJECT_HANDLE_INVALID, SS_ERROR_UNAVAILABLE, kBack)
-                     ANSWER(CKR_KEY_HANDLE_INVALID, SS_ERROR_UNAVAILABLE, kBack) ANSWER(
-                         CKR_CRYPTOKI_NOT_INITIALIZED,
-                         SS_ERROR_UNAVAILABLE,
-                         kBack) ANSWER(CKR_PIN_INCORRECT, SS_ERROR_ACCESS, kPin)
-                         ANSWER(CKR_PIN_INVALID, SS_ERROR_ACCESS, kPin) ANSWER(
-                             CKR_PIN_LEN_RANGE,
-                             SS_ERROR_ACCESS,
-                             kPin) ANSWER(CKR_PIN_EXPIRED, SS_ERROR_ACCESS,
-                                          "set a new PIN with the token's own tool")
-                             ANSWER(
-                                 CKR_PIN_LOCKED, SS_ERROR_ACCESS,
-                                 "unlock it with the token's own tool")
-                                 ANSWER(
-                                     CKR_USER_PIN_NOT_INITIALIZED, SS_ERROR_ACCESS,
-                                     "set a PIN with the token's own tool")
-                                     ANSWER(CKR_DATA_INVALID, SS_ERROR_PARAMETER, kSee) ANSWER(
-                                         CKR_DATA_LEN_RANGE,
-                                         SS_ERROR_PARAMETER,
-                                         kSee) ANSWER(CKR_MECHANISM_INVALID, SS_ERROR_REFUSED, kSee)
-                                         ANSWER(
-                                             CKR_FUNCTION_NOT_SUPPORTED,
-                                             SS_ERROR_REFUSED,
-                                             kInside) ANSWER(CKR_ATTRIBUTE_TYPE_INVALID,
-                                                             SS_ERROR_REFUSED, kInside)
-                                             ANSWER(
-                                                 CKR_ATTRIBUTE_VALUE_INVALID, SS_ERROR_REFUSED,
-                                                 kInside) ANSWER(CKR_TEMPLATE_INCOMPLETE,
-                                                                 SS_ERROR_REFUSED, kInside)
-                                                 ANSWER(
-                                                     CKR_TEMPLATE_INCONSISTENT, SS_ERROR_REFUSED,
-                                                     kInside) ANSWER(CKR_ACTION_PROHIBITED,
-                                                                     SS_ERROR_REFUSED, kInside)
-                                                     ANSWER(
-                                                         CKR_KEY_SIZE_RANGE, SS_ERROR_REFUSED,
-                                                         "it must do RSA with 2048 bits")
-                                                         ANSWER(
-                                                             CKR_KEY_FUNCTION_NOT_PERMITTED,
-                                                             SS_ERROR_REFUSED,
-                                                             "the key must be one for signing")
-                                                             ANSWER(
-                                                                 CKR_TOKEN_WRITE_PROTECTED,
-                                                                 SS_ERROR_REFUSED,
-                                                                 "make the token writable for this")
-                                                                 ANSWER(CKR_SESSION_READ_ONLY,
-                                                                        SS_ERROR_REFUSED,
-                                                                        "make the token writable "
-                                                                        "for this")};
-#undef ANSWER
+#define NAMED(answer) answer, #answer
+
+constexpr Answer kAnswers[] = {
+    {NAMED(CKR_HOST_MEMORY), SS_ERROR_NO_MEMORY, "make memory free"},
+    {NAMED(CKR_DEVICE_MEMORY), SS_ERROR_NO_MEMORY, "remove keys that are not used from the token"},
+    {NAMED(CKR_GENERAL_ERROR), SS_ERROR_UNAVAILABLE, kWhy},
+    {NAMED(CKR_FUNCTION_FAILED), SS_ERROR_UNAVAILABLE, kWhy},
+    {NAMED(CKR_DEVICE_ERROR), SS_ERROR_UNAVAILABLE, kWhy},
+    {NAMED(CKR_DEVICE_REMOVED), SS_ERROR_UNAVAILABLE, kBack},
+    {NAMED(CKR_TOKEN_NOT_PRESENT), SS_ERROR_UNAVAILABLE, kBack},
+    {NAMED(CKR_TOKEN_NOT_RECOGNIZED), SS_ERROR_UNAVAILABLE, kBack},
+    {NAMED(CKR_SLOT_ID_INVALID), SS_ERROR_UNAVAILABLE, kBack},
+    {NAMED(CKR_SESSION_CLOSED), SS_ERROR_UNAVAILABLE, kAnew},
+    {NAMED(CKR_SESSION_HANDLE_INVALID), SS_ERROR_UNAVAILABLE, kAnew},
+    {NAMED(CKR_USER_NOT_LOGGED_IN), SS_ERROR_UNAVAILABLE, kAnew},
+    {NAMED(CKR_OBJECT_HANDLE_INVALID), SS_ERROR_UNAVAILABLE, kAnew},
+    {NAMED(CKR_KEY_HANDLE_INVALID), SS_ERROR_UNAVAILABLE, kAnew},
+    {NAMED(CKR_OPERATION_ACTIVE), SS_ERROR_UNAVAILABLE, kAnew},
+    {NAMED(CKR_CRYPTOKI_NOT_INITIALIZED), SS_ERROR_UNAVAILABLE, kAnew},
+    {NAMED(CKR_PIN_INCORRECT), SS_ERROR_ACCESS, kPin},
+    {NAMED(CKR_PIN_INVALID), SS_ERROR_ACCESS, kPin},
+    {NAMED(CKR_PIN_LEN_RANGE), SS_ERROR_ACCESS, kPin},
+    {NAMED(CKR_PIN_EXPIRED), SS_ERROR_ACCESS, "set a new PIN with the token's own tool"},
+    {NAMED(CKR_PIN_LOCKED), SS_ERROR_ACCESS, "unlock it with the token's own tool"},
+    {NAMED(CKR_USER_PIN_NOT_INITIALIZED), SS_ERROR_ACCESS, "set a PIN with the token's own tool"},
+    {NAMED(CKR_DATA_INVALID), SS_ERROR_PARAMETER, kSee},
+    {NAMED(CKR_DATA_LEN_RANGE), SS_ERROR_PARAMETER, kSee},
+    {NAMED(CKR_MECHANISM_INVALID), SS_ERROR_REFUSED, kSee},
+    {NAMED(CKR_FUNCTION_NOT_SUPPORTED), SS_ERROR_REFUSED, kInside},
+    {NAMED(CKR_ATTRIBUTE_TYPE_INVALID), SS_ERROR_REFUSED, kInside},
+    {NAMED(CKR_ATTRIBUTE_VALUE_INVALID), SS_ERROR_REFUSED, kInside},
+    {NAMED(CKR_TEMPLATE_INCOMPLETE), SS_ERROR_REFUSED, kInside},
+    {NAMED(CKR_TEMPLATE_INCONSISTENT), SS_ERROR_REFUSED, kInside},
+    {NAMED(CKR_ACTION_PROHIBITED), SS_ERROR_REFUSED, kInside},
+    {NAMED(CKR_KEY_SIZE_RANGE), SS_ERROR_REFUSED, "it must do RSA with 2048 bits"},
+    {NAMED(CKR_KEY_FUNCTION_NOT_PERMITTED), SS_ERROR_REFUSED, "the key must be one for signing"},
+    {NAMED(CKR_TOKEN_WRITE_PROTECTED), SS_ERROR_REFUSED, kWritable},
+    {NAMED(CKR_SESSION_READ_ONLY), SS_ERROR_REFUSED, kWritable},
+};
+#undef NAMED
 
 const Answer* known(CK_RV value)
 {
@@ -146,6 +128,12 @@ Failure::Failure(CK_RV answer, const std::string& doing)
 {
 }
 
+bool Failure::isWrongPin() const
+{
+    return m_answer == CKR_PIN_INCORRECT || m_answer == CKR_PIN_INVALID ||
+           m_answer == CKR_PIN_LEN_RANGE;
+}
+
 void check(CK_RV answer, const char* doing)
 {
     if (answer != CKR_OK)
@@ -188,6 +176,8 @@ std::vector<CK_SLOT_ID> Module::slots() const
     for (int tries = 0; answer == CKR_BUFFER_TOO_SMALL && tries < 5; tries++) {
         CK_ULONG count = 0;
         check(m_calls->C_GetSlotList(CK_TRUE, nullptr, &count), "the search for tokens");
+        if (count == 0)
+            return {};
         found.resize(count);
         answer = m_calls->C_GetSlotList(CK_TRUE, found.data(), &count);
         if (answer == CKR_OK)
@@ -262,16 +252,22 @@ Session::Session(const Module& module, CK_SLOT_ID slot, bool writable)
           "opening a session");
 }
 
+Session::Session(const Session& other, bool writable)
+    : Session(other.m_module, other.m_slot, writable)
+{
+    m_givePin = other.m_givePin;
+}
+
 Session::~Session()
 {
     m_module.calls().C_CloseSession(m_handle);
 }
 
-void Session::login(const secret::Bytes& pin) const
+void Session::login(const secret::Bytes& pin, CK_USER_TYPE user) const
 {
     secret::Bytes copy = pin;  // the interface takes it as changeable
-    const CK_RV answer = m_module.calls().C_Login(m_handle, CKU_USER, copy.data(), copy.size());
-    if (answer != CKR_USER_ALREADY_LOGGED_IN)
+    const CK_RV answer = m_module.calls().C_Login(m_handle, user, copy.data(), copy.size());
+    if (user != CKU_USER || answer != CKR_USER_ALREADY_LOGGED_IN)
         check(answer, "the login");
 }
 
@@ -305,7 +301,7 @@ std::vector<CK_OBJECT_HANDLE> Session::find(Attributes& attributes) const
         answer = calls.C_FindObjects(m_handle, room, std::size(room), &count);
         if (answer == CKR_OK)
             found.insert(found.end(), room, room + count);
-    } while (answer == CKR_OK && count == std::size(room));
+    } while (answer == CKR_OK && count != 0);
     calls.C_FindObjectsFinal(m_handle);
     check(answer, "the search for a key");
     return found;
@@ -342,31 +338,58 @@ void Session::destroy(CK_OBJECT_HANDLE object) const
     check(m_module.calls().C_DestroyObject(m_handle, object), "the removal of a key");
 }
 
+/// A module that does not know the attribute knows no such key.
+bool Session::asksEachTime(CK_OBJECT_HANDLE key) const
+{
+    CK_BBOOL asks = CK_FALSE;
+    CK_ATTRIBUTE attribute{CKA_ALWAYS_AUTHENTICATE, &asks, sizeof asks};
+    return m_module.calls().C_GetAttributeValue(m_handle, key, &attribute, 1) == CKR_OK &&
+           asks == CK_TRUE;
+}
+
 secret::Bytes Session::sign(CK_MECHANISM_TYPE mechanism, CK_OBJECT_HANDLE key,
                             const unsigned char* bytes, std::size_t size) const
 {
-    const CK_FUNCTION_LIST& calls = m_module.calls();
+    if (!asksEachTime(key)) {
+        startSigning(mechanism, key);
+        return finishSigning(bytes, size);
+    }
+    // Its end takes away what was begun, should the PIN be refused.
+    const Session own(*this, false);
+    own.startSigning(mechanism, key);
+    if (own.m_givePin)
+        own.m_givePin(own);
+    return own.finishSigning(bytes, size);
+}
+
+void Session::startSigning(CK_MECHANISM_TYPE mechanism, CK_OBJECT_HANDLE key) const
+{
     CK_MECHANISM how{mechanism, nullptr, 0};
-    check(calls.C_SignInit(m_handle, &how, key), "the start of a signature");
+    check(m_module.calls().C_SignInit(m_handle, &how, key), "the start of a signature");
+}
+
+secret::Bytes Session::finishSigning(const unsigned char* bytes, std::size_t size) const
+{
     // The interface takes it as changeable, and some modules take null for a mistake.
     secret::Bytes input(size + 1);
     std::copy(bytes, bytes + size, input.begin());
     secret::Bytes result(kResultRoom);
     CK_ULONG length = result.size();
-    check(calls.C_Sign(m_handle, input.data(), size, result.data(), &length), "a signature");
+    check(m_module.calls().C_Sign(m_handle, input.data(), size, result.data(), &length),
+          "a signature");
     result.resize(std::min<std::size_t>(result.size(), length));
     return result;
 }
 
-void Session::generate(Attributes& publicKey, Attributes& privateKey) const
+std::vector<CK_OBJECT_HANDLE> Session::generate(Attributes& publicKey, Attributes& privateKey) const
 {
     CK_MECHANISM how{CKM_RSA_PKCS_KEY_PAIR_GEN, nullptr, 0};
-    CK_OBJECT_HANDLE publicObject = 0;
-    CK_OBJECT_HANDLE privateObject = 0;
+    std::vector<CK_OBJECT_HANDLE> made(2);
     check(m_module.calls().C_GenerateKeyPair(m_handle, &how, publicKey.data(), publicKey.size(),
-                                             privateKey.data(), privateKey.size(), &publicObject,
-                                             &privateObject),
+                                             privateKey.data(), privateKey.size(), &made[0],
+                                             &made[1]),
           "making a key");
+    return made;
 }
 
 }  // namespace pkcs11

@@ -8,6 +8,7 @@
 #include <p11-kit/pkcs11.h>
 
 #include <deque>
+#include <functional>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -21,6 +22,8 @@ public:
     /// @param doing what was tried, to be read before "failed with CKR_..."
     Failure(CK_RV answer, const std::string& doing);
     CK_RV answer() const { return m_answer; }
+    /// The token has looked at a PIN and refused it, which counts towards locking it.
+    bool isWrongPin() const;
 
 private:
     CK_RV m_answer;
@@ -77,12 +80,20 @@ private:
 /// every session of the process.
 class Session {
 public:
+    /// Gives the token its PIN on this session, by login().
+    using GivePin = std::function<void(const Session& session)>;
+
     Session(const Module& module, CK_SLOT_ID slot, bool writable);
+    /// Another one on the same token.
+    Session(const Session& other, bool writable);
     ~Session();
     Session(const Session&) = delete;
     Session& operator=(const Session&) = delete;
 
-    void login(const secret::Bytes& pin) const;
+    /// @param user CKU_USER, or CKU_CONTEXT_SPECIFIC for the signature that was begun
+    void login(const secret::Bytes& pin, CK_USER_TYPE user) const;
+    /// For keys that want the PIN before each signature.
+    void setGivePin(GivePin givePin) { m_givePin = std::move(givePin); }
     /// Is the session still there, logged in, and the token the one of this label?
     bool isAlive(const std::string& label) const;
     bool offers(CK_MECHANISM_TYPE mechanism) const;
@@ -94,15 +105,20 @@ public:
     void destroy(CK_OBJECT_HANDLE object) const;
     secret::Bytes sign(CK_MECHANISM_TYPE mechanism, CK_OBJECT_HANDLE key,
                        const unsigned char* bytes, std::size_t size) const;
-    /// Makes a pair of RSA keys with 2048 bits. May take a minute on a slow token.
-    void generate(Attributes& publicKey, Attributes& privateKey) const;
+    /// Makes a pair of RSA keys with 2048 bits. May take a minute on a slow token. @return both
+    std::vector<CK_OBJECT_HANDLE> generate(Attributes& publicKey, Attributes& privateKey) const;
 
     const Module& module() const { return m_module; }
     CK_SLOT_ID slot() const { return m_slot; }
 
 private:
+    bool asksEachTime(CK_OBJECT_HANDLE key) const;
+    void startSigning(CK_MECHANISM_TYPE mechanism, CK_OBJECT_HANDLE key) const;
+    secret::Bytes finishSigning(const unsigned char* bytes, std::size_t size) const;
+
     const Module& m_module;
     CK_SLOT_ID m_slot;
+    GivePin m_givePin;
     CK_SESSION_HANDLE m_handle = 0;
 };
 

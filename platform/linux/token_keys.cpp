@@ -248,11 +248,11 @@ void generate(const Session& session, std::int32_t id)
     publicKey.number(CKA_MODULUS_BITS, kModulusBits)
         .bytes(CKA_PUBLIC_EXPONENT, kPublicExponent, sizeof kPublicExponent);
     Attributes privateKey = privateAttributes(id);
-    session.generate(publicKey, privateKey);
+    const Objects made = session.generate(publicKey, privateKey);
     try {
         prove(session, id);
     } catch (const std::exception&) {
-        discard(session, objects(session, CKO_PRIVATE_KEY, id));
+        discard(session, made);
         throw;
     }
 }

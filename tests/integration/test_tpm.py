@@ -132,5 +132,5 @@ def test_a_tpm_that_is_gone_fails_the_call_and_says_so(service, caller, store, t
 
     (line,) = [record.text for record in service.log()
                if record.tag == "BILLING_PLATFORM" and LABEL in record.text]
-    assert "put the token back" in line
+    assert "see whether the token is there" in line
     assert store.requests == []

@@ -53,6 +53,8 @@ CK_RV login(CK_SESSION_HANDLE session, CK_USER_TYPE user, unsigned char* pin, CK
 {
     enter("login");
     g_control.logins++;
+    if (g_control.fault == Fault::PinLocked)
+        return CKR_PIN_LOCKED;
     return g_real->C_Login(session, user, pin, size);
 }
 
@@ -70,6 +72,13 @@ CK_RV getMechanismInfo(CK_SLOT_ID slot, CK_MECHANISM_TYPE type, CK_MECHANISM_INF
     if (type == CKM_RSA_X_509 && g_control.fault == Fault::NoRawRsa)
         return CKR_MECHANISM_INVALID;
     return g_real->C_GetMechanismInfo(slot, type, info);
+}
+
+CK_RV findObjects(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE* objects, CK_ULONG room,
+                  CK_ULONG* count)
+{
+    return g_real->C_FindObjects(session, objects, g_control.fault == Fault::OneAtATime ? 1 : room,
+                                 count);
 }
 
 CK_RV signInit(CK_SESSION_HANDLE session, CK_MECHANISM* mechanism, CK_OBJECT_HANDLE key)
@@ -97,6 +106,8 @@ CK_RV sign(CK_SESSION_HANDLE session, unsigned char* data, CK_ULONG size, unsign
         (*length)--;
     if (answer == CKR_OK && fault == Fault::WrongBlock)
         signature[*length / 2] ^= 1;
+    if (fault == Fault::FunctionFailed)
+        answer = CKR_FUNCTION_FAILED;
     if (fault == Fault::RemovedOnce || fault == Fault::Removed) {
         g_real->C_CloseSession(session);
         answer = CKR_DEVICE_REMOVED;
@@ -129,6 +140,7 @@ CK_RV C_GetFunctionList(CK_FUNCTION_LIST** list)
     g_calls.C_Login = login;
     g_calls.C_GetTokenInfo = getTokenInfo;
     g_calls.C_GetMechanismInfo = getMechanismInfo;
+    g_calls.C_FindObjects = findObjects;
     g_calls.C_SignInit = signInit;
     g_calls.C_Sign = sign;
     *list = &g_calls;

@@ -8,13 +8,16 @@ namespace proxy {
 
 enum class Fault {
     None,
-    ShortBlock,    ///< signatures miss their last byte
-    WrongBlock,    ///< signatures have one bit changed
-    NoRawRsa,      ///< CKM_RSA_X_509 is not offered
-    RawRsaListed,  ///< CKM_RSA_X_509 is offered and then refused
-    RemovedOnce,   ///< the next signature finds the device removed; the session is gone then
-    Removed,       ///< every signature finds the device removed
-    PinFinalTry,   ///< the token says that one more wrong PIN locks it
+    ShortBlock,      ///< signatures miss their last byte
+    WrongBlock,      ///< signatures have one bit changed
+    NoRawRsa,        ///< CKM_RSA_X_509 is not offered
+    RawRsaListed,    ///< CKM_RSA_X_509 is offered and then refused
+    RemovedOnce,     ///< the next signature finds the device removed; the session is gone then
+    Removed,         ///< every signature finds the device removed
+    FunctionFailed,  ///< every signature fails without a reason
+    OneAtATime,      ///< a search gives one object at a time
+    PinLocked,       ///< a login finds the PIN locked
+    PinFinalTry,     ///< the token says that one more wrong PIN locks it
 };
 
 /// Filled by the module, set by the test. The module's own: found with its symbol kControlSymbol.

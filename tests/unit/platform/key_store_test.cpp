@@ -73,6 +73,14 @@ protected:
 
     static proxy::Control& control() { return *token().control; }
 
+    /// What the next call must open anew, with a login.
+    void endSession()
+    {
+        conf.set("keystore", "token", "nothing");
+        EXPECT_EQ(sign(), SS_ERROR_UNAVAILABLE);
+        conf.set("keystore", "token", token().soft.label());
+    }
+
     int store(const RsaKey& key) const
     {
         const Bytes n = key.modulus();
@@ -84,11 +92,11 @@ protected:
 
     /// Signs a padded block. @return the error; a result that is handed out is right, and none is
     /// when it fails
-    int sign(Bytes block = paddedBlock()) const
+    int sign(Bytes block = paddedBlock(), std::int32_t id = 7) const
     {
         unsigned char* at = block.data();
         std::size_t size = block.size();
-        const int error = ss_encrypt_by_key(&client, 7, &at, &size, 0, 0);
+        const int error = ss_encrypt_by_key(&client, id, &at, &size, 0, 0);
         if (error != 0) {
             EXPECT_EQ(at, block.data());
             return error;
@@ -211,9 +219,7 @@ TEST_F(AKeyStore, TriesAWrongPinOnceAndNeverAgain)
 
 TEST_F(AKeyStore, TriesNoPinThatCouldLockTheToken)
 {
-    conf.set("keystore", "token", "nothing");  // which ends the session
-    EXPECT_EQ(sign(), SS_ERROR_UNAVAILABLE);
-    conf.set("keystore", "token", token().soft.label());
+    endSession();
     control().fault = Fault::PinFinalTry;
     EXPECT_EQ(sign(), SS_ERROR_ACCESS);
     EXPECT_EQ(control().logins, 0);
@@ -296,6 +302,117 @@ TEST_F(AKeyStore, RemovesThePublicObjectToo)
     EXPECT_THAT(session.find(any), IsEmpty());
     EXPECT_EQ(sign(), SS_ERROR_NOT_FOUND);
     EXPECT_EQ(control().logins, 0);
+}
+
+TEST_F(AKeyStore, SeesEveryObjectOfATokenThatNamesThemOneByOne)
+{
+    const pkcs11::Module& module = pkcs11::Module::at(PROXY_MODULE);
+    const pkcs11::Session session(module, module.slotOf(token().soft.label()).value(), false);
+    pkcs11::Attributes any;
+    any.text(CKA_ID, std::string("\0\0\0\7", 4));
+    control().fault = Fault::OneAtATime;
+    EXPECT_EQ(session.find(any).size(), 2U) << "the private object and the public one";
+}
+
+TEST_F(AKeyStore, LeavesNothingOfAKeyThatWasMadeAndDoesNotWork)
+{
+    const pkcs11::Module& module = pkcs11::Module::at(PROXY_MODULE);
+    const pkcs11::Session session(module, module.slotOf(token().soft.label()).value(), true);
+    control().fault = Fault::WrongBlock;
+    EXPECT_THROW(tokenkeys::generate(session, 8), secure::Error);
+    pkcs11::Attributes any;
+    any.text(CKA_ID, std::string("\0\0\0\10", 4));
+    EXPECT_THAT(session.find(any), IsEmpty());
+}
+
+TEST_F(AKeyStore, TriesThePinAgainOnceALockedTokenIsUnlocked)
+{
+    endSession();
+    control().fault = Fault::PinLocked;
+    EXPECT_EQ(sign(), SS_ERROR_ACCESS);
+    EXPECT_THAT(errors(), Contains(HasSubstr("CKR_PIN_LOCKED; unlock it")));
+    control().fault = Fault::None;
+    EXPECT_EQ(sign(), 0);
+}
+
+TEST_F(AKeyStore, DoesNotTakeAFailureWithoutAReasonForAMissingToken)
+{
+    control().fault = Fault::FunctionFailed;
+    EXPECT_EQ(sign(), SS_ERROR_UNAVAILABLE);
+    EXPECT_THAT(errors(), testing::ElementsAre(HasSubstr("CKR_FUNCTION_FAILED; ")));
+    EXPECT_THAT(errors(), Each(Not(HasSubstr("put the token back"))));
+}
+
+/// A key that wants the PIN before each signature, beside the one that does not.
+class AKeyThatAsksEachTime : public AKeyStore {
+protected:
+    static constexpr std::int32_t kId = 9;
+
+    void SetUp() override
+    {
+        AKeyStore::SetUp();
+        if (IsSkipped())
+            return;
+        const Bytes n = token().key.modulus();
+        const Bytes d = token().key.privateExponent();
+        const auto key = rawrsa::recover(n.data(), n.size(), d.data(), d.size()).value();
+        const pkcs11::Module& module = pkcs11::Module::at(PROXY_MODULE);
+        m_session = std::make_unique<pkcs11::Session>(
+            module, module.slotOf(token().soft.label()).value(), true);
+        pkcs11::Attributes attributes;
+        attributes.number(CKA_CLASS, CKO_PRIVATE_KEY)
+            .number(CKA_KEY_TYPE, CKK_RSA)
+            .text(CKA_ID, std::string("\0\0\0\11", 4))
+            .flag(CKA_TOKEN, true)
+            .flag(CKA_PRIVATE, true)
+            .flag(CKA_SIGN, true)
+            .flag(CKA_ALWAYS_AUTHENTICATE, true)
+            .bytes(CKA_MODULUS, key.modulus)
+            .bytes(CKA_PUBLIC_EXPONENT, key.publicExponent)
+            .bytes(CKA_PRIVATE_EXPONENT, key.privateExponent)
+            .bytes(CKA_PRIME_1, key.prime1)
+            .bytes(CKA_PRIME_2, key.prime2)
+            .bytes(CKA_EXPONENT_1, key.exponent1)
+            .bytes(CKA_EXPONENT_2, key.exponent2)
+            .bytes(CKA_COEFFICIENT, key.coefficient);
+        m_object = m_session->create(attributes);
+    }
+    void TearDown() override
+    {
+        if (m_session != nullptr)
+            m_session->destroy(m_object);
+        AKeyStore::TearDown();
+    }
+
+    int signWithIt() const { return sign(paddedBlock(), kId); }
+
+private:
+    std::unique_ptr<pkcs11::Session> m_session;
+    CK_OBJECT_HANDLE m_object = 0;
+};
+
+TEST_F(AKeyThatAsksEachTime, IsGivenThePinEachTime)
+{
+    for (int i = 1; i <= 3; i++) {
+        EXPECT_EQ(signWithIt(), 0);
+        EXPECT_EQ(control().logins, i);
+    }
+    EXPECT_EQ(sign(), 0);
+    EXPECT_EQ(control().logins, 3) << "the other key does not ask";
+    EXPECT_THAT(errors(), IsEmpty());
+}
+
+TEST_F(AKeyThatAsksEachTime, IsGivenAWrongPinOnce)
+{
+    token().soft.writePin("wrong-pin-3\n");
+    for (int i = 0; i < 3; i++)
+        EXPECT_EQ(signWithIt(), SS_ERROR_ACCESS);
+    EXPECT_EQ(control().logins, 1);
+    EXPECT_EQ(sign(), 0) << "the session is logged in";
+
+    token().soft.writePin(token().soft.pin());
+    EXPECT_EQ(signWithIt(), 0);
+    EXPECT_EQ(control().logins, 2);
 }
 
 }  // namespace
