@@ -2,7 +2,9 @@
 
 import datetime
 import os
+import resource
 import shutil
+import signal
 import stat
 import subprocess
 
@@ -20,14 +22,20 @@ pytestmark = pytest.mark.skipif(
 )
 
 
-def run(*arguments, folder=None, stdin=b"", umask=0):
+def run(*arguments, folder=None, stdin=b"", umask=0, stdout=subprocess.PIPE, file_size=None):
+    def limits():
+        os.umask(umask)
+        if file_size is not None:
+            signal.signal(signal.SIGXFSZ, signal.SIG_IGN)
+            resource.setrlimit(resource.RLIMIT_FSIZE, (file_size, file_size))
+
     environment = {key: value for key, value in os.environ.items()
                    if key not in ("PLEVO_DEVICE_CONF", "SOFTHSM2_CONF")}
     if folder is not None:
         environment["PLEVO_DEVICE_CONF"] = f"{folder}/device.conf"
         environment["SOFTHSM2_CONF"] = f"{folder}/softhsm2.conf"
     return subprocess.run([TOOL, *map(str, arguments)], input=stdin, env=environment, timeout=60,
-                          capture_output=True, preexec_fn=lambda: os.umask(umask), check=False)
+                          stdout=stdout, stderr=subprocess.PIPE, preexec_fn=limits, check=False)
 
 
 def must(result, code=DONE):
@@ -139,6 +147,34 @@ def test_lab_prints_what_the_service_needs(tmp_path):
     assert (made.not_valid_after - made.not_valid_before).days == 4
 
 
+@pytest.mark.parametrize("option, value", [
+    ("--host", "a.example,DNS:evil.example"), ("--host", "a.example\nbasicConstraints=CA:TRUE"),
+    ("--host", ""), ("--host", "a b"), ("--host", "https://a.example"), ("--host", "a.example:1"),
+    ("--host", "*.example"), ("--production-host", "a.example\n[keystore]"),
+    ("--production-host", "https://a.example/"), ("--production-host", "a.example:0"),
+    ("--sandbox-host", "user@a.example"), ("--sandbox-host", "a.example:65536"),
+    ("--module", "/lib/x.so\ntoken=y"), ("--module", "libsofthsm2.so"), ("--days", "0")])
+def test_lab_takes_no_value_that_would_be_more_than_itself(tmp_path, option, value):
+    result = must(run("lab", tmp_path / "lab", option, value), USAGE)
+    assert option.encode() in result.stderr
+    assert not (tmp_path / "lab").exists()
+
+
+def test_lab_takes_no_folder_whose_name_would_break_its_files(tmp_path):
+    must(run("lab", f"{tmp_path}/la\nb"), USAGE)
+    assert list(tmp_path.iterdir()) == []
+
+
+def test_lab_takes_every_form_of_an_address_and_a_long_name(tmp_path):
+    name = ".".join(["a" * 60, "b" * 60, "example"])
+    must(run("lab", tmp_path / "lab", "--host", name, "192.0.2.1", "2001:db8::1"))
+    hosts = certificate(tmp_path / "lab" / "server.pem").extensions.get_extension_for_class(
+        x509.SubjectAlternativeName).value
+    assert hosts.get_values_for_type(x509.DNSName) == [name]
+    assert [str(ip) for ip in hosts.get_values_for_type(x509.IPAddress)] == ["192.0.2.1",
+                                                                             "2001:db8::1"]
+
+
 def test_lab_leaves_another_lab_alone_unless_forced(lab):
     before = {path: path.read_bytes() for path in lab.rglob("*") if path.is_file()}
     (lab / "notes").write_text("mine")
@@ -188,6 +224,29 @@ def test_request_checks_its_file_before_it_makes_a_key(lab, tmp_path):
     assert (tmp_path / "csr").read_text() == "mine"
     result = must(run("request", "--existing", folder=lab), FAILED)
     assert b"no private key with CKA_ID 0000002b" in result.stderr
+
+
+def test_a_request_that_cannot_be_printed_is_a_failure(lab):
+    with open("/dev/full", "wb") as full:
+        result = run("request", "--existing", folder=lab, stdout=full)
+    must(result, FAILED)
+    assert b"standard output cannot be written" in result.stderr
+
+
+def test_a_file_beside_the_one_that_is_written_is_left_alone(lab, tmp_path):
+    (tmp_path / "csr.new").write_text("mine")
+    must(run("request", "--existing", "--out", tmp_path / "csr", folder=lab))
+    assert (tmp_path / "csr.new").read_text() == "mine"
+    assert sorted(path.name for path in tmp_path.iterdir()) == ["csr", "csr.new", "lab"]
+
+
+def test_nothing_is_left_of_a_file_that_does_not_fit(lab, tmp_path):
+    (tmp_path / "csr").write_text("mine")
+    result = must(run("request", "--existing", "--out", tmp_path / "csr", "--force", folder=lab,
+                      file_size=100), FAILED)
+    assert b"csr cannot be written: File too large" in result.stderr
+    assert (tmp_path / "csr").read_text() == "mine"
+    assert sorted(path.name for path in tmp_path.iterdir()) == ["csr", "lab"]
 
 
 def test_install_refuses_a_certificate_of_another_key(lab, tmp_path):

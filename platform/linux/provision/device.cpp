@@ -102,7 +102,7 @@ void request(const RequestOptions& options)
     if (toFile)
         writeFile(options.out, pem, kPublicMode, options.force);
     else
-        fputs(pem.c_str(), stdout);
+        print(pem);
     tell("The request is for the key with CKA_ID " + tokenkeys::shownId(id) +
          ". Have it signed, then: billing-provision install CERTIFICATE");
 }

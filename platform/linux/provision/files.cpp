@@ -11,6 +11,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <filesystem>
 
 namespace provision {
 
@@ -36,6 +37,22 @@ void writeAll(const Descriptor& file, const std::string& path, std::string_view 
         fail(path, "written");
 }
 
+/// A file beside the one that is to be written, of a name that nobody has. Gone at the end.
+struct Temporary {
+    explicit Temporary(const std::string& beside) : path(beside + "." + randomHex(8)) {}
+    ~Temporary() { unlink(path.c_str()); }
+    Temporary(const Temporary&) = delete;
+    Temporary& operator=(const Temporary&) = delete;
+
+    const std::string path;
+};
+
+std::string folderOf(const std::string& path)
+{
+    const std::string folder = std::filesystem::path(path).parent_path().string();
+    return folder.empty() ? "." : folder;
+}
+
 }  // namespace
 
 bool exists(const std::string& path)
@@ -49,26 +66,30 @@ void writeFile(const std::string& path, std::string_view bytes, mode_t mode, boo
     const Stop there(EXIT_EXISTS, path + " exists and was left alone; --force replaces it");
     if (!replace && exists(path))
         throw there;
-    const std::string temporary = path + ".new";
-    unlink(temporary.c_str());
+    const Temporary temporary(path);
     {
-        const Descriptor file(
-            open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, mode));
+        const Descriptor file(open(temporary.path.c_str(),
+                                   O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, mode));
         if (file.fd < 0 || fchmod(file.fd, mode) != 0)
             fail(path, "made");
         writeAll(file, path, bytes);
     }
     // A link, unlike a rename, does not replace what somebody has put there meanwhile.
-    const int result =
-        replace ? rename(temporary.c_str(), path.c_str()) : link(temporary.c_str(), path.c_str());
-    const int error = errno;
-    if (!replace || result != 0)
-        unlink(temporary.c_str());
-    errno = error;
-    if (result != 0 && error == EEXIST)
+    const int result = replace ? rename(temporary.path.c_str(), path.c_str())
+                               : link(temporary.path.c_str(), path.c_str());
+    if (result != 0 && errno == EEXIST)
         throw there;
     if (result != 0)
         fail(path, "made");
+    const Descriptor folder(open(folderOf(path).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (folder.fd >= 0)
+        fsync(folder.fd);
+}
+
+void print(const std::string& text)
+{
+    if (fputs(text.c_str(), stdout) < 0 || fflush(stdout) != 0)
+        fail("standard output", "written");
 }
 
 secret::Bytes readFile(const std::string& path)

@@ -20,6 +20,9 @@ constexpr mode_t kPublicMode = 0644;
 /// is one of that name
 void writeFile(const std::string& path, std::string_view bytes, mode_t mode, bool replace);
 
+/// Writes to standard output, and makes sure that it has arrived.
+void print(const std::string& text);
+
 /// Reads a file, or standard input for "-". At most 64 KiB.
 secret::Bytes readFile(const std::string& path);
 

@@ -20,6 +20,8 @@ constexpr const char* kLabel = "billing-lab";
 constexpr std::int32_t kKeyId = 7;
 constexpr int kAuthorityDays = 3650;
 constexpr std::size_t kPinBytes = 8;
+/// Of a common name. Clients look at the alternative names alone.
+constexpr std::size_t kNameLimit = 64;
 
 /// All that a lab has in its folder.
 constexpr const char* kNames[] = {"ca.pem",       "ca.key", "server.pem", "server.key",
@@ -152,8 +154,8 @@ private:
         const Authority authority = makeAuthority("Billing lab authority", kAuthorityDays);
         const Key server = makeKey();
         const Certificate serverCertificate =
-            issue(authority, server.get(), m_options.hosts.front(), Use::Server, m_options.hosts,
-                  m_options.days);
+            issue(authority, server.get(), m_options.hosts.front().substr(0, kNameLimit),
+                  Use::Server, m_options.hosts, m_options.days);
         rawrsa::PublicKey deviceKey;
         keystore::instance().read(m_place, [&](const pkcs11::Session& session) {
             deviceKey = tokenkeys::publicKey(session, kKeyId);
@@ -211,8 +213,8 @@ void lab(const LabOptions& options)
     Lab made(options);
     made.make();
     tell("A lab device is in " + options.folder + ". The service and its token need:");
-    printf("export PLEVO_DEVICE_CONF=%s\nexport SOFTHSM2_CONF=%s\n",
-           made.path("device.conf").c_str(), made.path("softhsm2.conf").c_str());
+    print("export PLEVO_DEVICE_CONF=" + made.path("device.conf") +
+          "\nexport SOFTHSM2_CONF=" + made.path("softhsm2.conf") + "\n");
 }
 
 }  // namespace provision

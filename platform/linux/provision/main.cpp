@@ -1,10 +1,12 @@
 // main.cpp - billing-provision: gives a device its key, its certificate and its sealed key
 // material.
 #include "commands.h"
+#include "common/contract.h"
 #include "secure_error.h"
 #include "stop.h"
 
 #include <CLI/CLI.hpp>
+#include <arpa/inet.h>
 #include <sys/prctl.h>
 #include <sys/stat.h>
 
@@ -28,24 +30,62 @@ struct Options {
     provision::SealOptions seal;
 };
 
+/// What the value must be, as CLI11 wants it.
+CLI::Validator must(const char* be, bool (*holds)(const std::string& value))
+{
+    return {[be, holds](std::string& value) {
+                return holds(value) ? std::string() : std::string("must be ") + be;
+            },
+            ""};
+}
+
+bool isServerName(const std::string& value)
+{
+    in6_addr address{};
+    return inet_pton(AF_INET, value.c_str(), &address) == 1 ||
+           inet_pton(AF_INET6, value.c_str(), &address) == 1 ||
+           (contract::isBareHost(value) && value.find(':') == std::string::npos);
+}
+
+bool isSettingsHost(const std::string& value)
+{
+    return contract::isBareHost(value);
+}
+
+bool isOneLine(const std::string& value)
+{
+    return !value.empty() && !contract::holdsControl(value);
+}
+
+bool isModule(const std::string& value)
+{
+    return isOneLine(value) && value.front() == '/';
+}
+
 void describeLab(CLI::App& app, provision::LabOptions& options)
 {
     CLI::App* const lab = app.add_subcommand(
         "lab",
         "Make a whole lab device in DIR: authority, server and device certificates, a "
         "software token with a key made inside it, and a settings file");
+    const auto host = must("a host name, with :port or without", isSettingsHost);
     lab->add_option("DIR", options.folder, "Folder of the lab, made when it is missing")
-        ->required();
+        ->required()
+        ->check(must("one line of text", isOneLine));
     lab->add_option("--host", options.hosts, "Names and addresses of the server certificate")
-        ->capture_default_str();
+        ->capture_default_str()
+        ->check(must("a host name or an address", isServerName));
     lab->add_option("--production-host", options.productionHost, "[deployment] production_host")
-        ->capture_default_str();
+        ->capture_default_str()
+        ->check(host);
     lab->add_option("--sandbox-host", options.sandboxHost, "[deployment] sandbox_host")
-        ->capture_default_str();
+        ->capture_default_str()
+        ->check(host);
     lab->add_option("--days", options.days, "Days that the certificates are valid")
         ->capture_default_str()
         ->check(CLI::Range(1, 36500));
-    lab->add_option("--module", options.module, "PKCS#11 module of the software token");
+    lab->add_option("--module", options.module, "PKCS#11 module of the software token")
+        ->check(must("an absolute path", isModule));
     lab->add_flag("--force", options.force, kForce);
     lab->callback([&options] { provision::lab(options); });
 }
