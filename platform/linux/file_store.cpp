@@ -72,8 +72,14 @@ bool holdsData(const Descriptor& folder)
     struct Close {
         void operator()(DIR* list) const { closedir(list); }
     };
-    const std::unique_ptr<DIR, Close> list(fdopendir(openat(folder.fd, ".", O_RDONLY | O_CLOEXEC)));
-    while (const dirent* const entry = list == nullptr ? nullptr : readdir(list.get())) {
+    Descriptor again(openat(folder.fd, ".", O_RDONLY | O_CLOEXEC));
+    const std::unique_ptr<DIR, Close> list(again.fd < 0 ? nullptr : fdopendir(again.fd));
+    if (list == nullptr)
+        throw secure::Error(SS_ERROR_UNAVAILABLE,
+                            "the store cannot be looked through; its folder must be readable for "
+                            "the service's user");
+    again.fd = -1;  // the list closes it
+    while (const dirent* const entry = readdir(list.get())) {
         const std::string name = entry->d_name;
         if (name.size() > kSuffix.size() &&
             name.compare(name.size() - kSuffix.size(), kSuffix.size(), kSuffix) == 0)

@@ -72,6 +72,20 @@ void makeLasting(const Descriptor& file)
         fail("the store cannot be written out", errno, "check the device's storage");
 }
 
+/// What is being written, under a name of its own. Gone at the end, unless it got another name.
+struct Temporary {
+    explicit Temporary(const Descriptor& in) : folder(in)
+    {
+        remove();
+    }  // what a killed writer left
+    ~Temporary() { remove(); }
+    Temporary(const Temporary&) = delete;
+    Temporary& operator=(const Temporary&) = delete;
+    void remove() const { unlinkat(folder.fd, kTemporary, 0); }
+
+    const Descriptor& folder;
+};
+
 }  // namespace
 
 secret::Bytes readSecret(const std::string& path, std::size_t limit)
@@ -131,8 +145,7 @@ std::optional<secret::Bytes> readIn(const Descriptor& folder, const std::string&
 void replaceIn(const Descriptor& folder, const std::string& name, const void* bytes,
                std::size_t size)
 {
-    // What a killed writer left is no more than a file of this name.
-    unlinkat(folder.fd, kTemporary, 0);
+    const Temporary temporary(folder);
     const Descriptor file(openat(folder.fd, kTemporary,
                                  O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW,
                                  S_IRUSR | S_IWUSR));

@@ -73,7 +73,8 @@ int ss_delete(int reserved, const char* name, const ss_credential_s* credential,
 void ss_free_buffer(unsigned char* buffer);
 
 /// Stores an RSA key, in place of one that has its id. The store proves by a signature that the key
-/// works before it answers 0; when it fails, the old key stays.
+/// works before it takes the old one away; when it fails, the old key stays. A power cut between the
+/// two leaves both, and then the id answers SS_ERROR_BROKEN until all but one of them are removed.
 /// @param type SS_KEY_RSA @param use SS_KEY_SIGN
 /// @param modulus, exponent big-endian, a leading zero byte allowed; sizes in bytes, 257 at most.
 ///   Not kept.

@@ -8,6 +8,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -214,6 +215,31 @@ TEST_F(AFileStore, SaysWhenItsFolderCannotBeMade)
     } catch (const secure::Error& error) {
         EXPECT_EQ(error.code(), SS_ERROR_NOT_FOUND);
     }
+}
+
+TEST_F(AFileStore, KeepsTheOldDataAndNoRemainsWhenThereIsNoRoomForTheNew)
+{
+    write("name", "old");
+    const auto before = dataFiles();
+    rlimit unlimited{};
+    ASSERT_EQ(getrlimit(RLIMIT_FSIZE, &unlimited), 0);
+    signal(SIGXFSZ, SIG_IGN);
+    const rlimit small{1000, unlimited.rlim_max};
+    ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &small), 0);
+    ss_error_e error = SS_ERROR_NONE;
+    try {
+        write("name", std::string(5000, 'n'));
+    } catch (const secure::Error& thrown) {
+        error = thrown.code();
+        EXPECT_THAT(thrown.what(), testing::HasSubstr("File too large; make room for it"));
+    }
+    setrlimit(RLIMIT_FSIZE, &unlimited);
+    signal(SIGXFSZ, SIG_DFL);
+
+    EXPECT_EQ(error, SS_ERROR_UNAVAILABLE);
+    EXPECT_EQ(read("name"), "old");
+    EXPECT_EQ(dataFiles(), before);
+    EXPECT_FALSE(fs::exists(path + "/new"));
 }
 
 TEST_F(AFileStore, GivesTwoWritersAndAReaderWholeData)
