@@ -71,7 +71,8 @@ def _show_addresses(lab: client.Lab) -> None:
           f"  store     {lab.info['store']['production']}, {lab.info['store']['sandbox']}\n"
           f"  device    {lab.folder.settings}\n"
           f"  logs      {lab.folder.logs}\n"
-          f"  control   {lab.info['control']['address']}", flush=True)
+          f"  control   {lab.info['control']['address']}\n"
+          f"  dashboard {lab.info['control']['dashboard']}", flush=True)
 
 
 def down(options: argparse.Namespace) -> int:
@@ -89,6 +90,7 @@ def status(options: argparse.Namespace) -> int:
     print(f"up          {told['folder']} (processes: lab {told['pid']}, bus {told['bus_pid']}, daemon "
           f"{told['daemon_pid']})\n"
           f"bus         {told['bus']}\n"
+          f"dashboard   {told['control']['dashboard']}\n"
           f"store       {told['store']['production']}, {told['store']['sandbox']}\n"
           f"catalogue   {goods['file']}: {goods['apps']} apps, {goods['products']} products, "
           f"{goods['users']} users; {goods['invoices']} invoices now\n"

@@ -13,16 +13,17 @@ from collections.abc import Awaitable, Callable
 
 from aiohttp import web
 
-from . import journal, purchases, state
+from . import dashboard, journal, purchases, state
 from .catalogue import CatalogueError
 from .core import Core
 from .device import DeviceError
 from .faults import FaultError
+from .folder import LabError
 from .store import Refusal
 
 Handler = Callable[[web.Request], Awaitable[web.StreamResponse]]
 
-_WRONG = (CatalogueError, DeviceError, FaultError, Refusal)
+_WRONG = (CatalogueError, DeviceError, FaultError, LabError, Refusal)
 HEARTBEAT_SECONDS = 15
 
 
@@ -39,7 +40,7 @@ def application(core: Core, token: str) -> web.Application:
         web.get("/api/device", _device), web.post("/api/device", _switch),
         web.get("/api/faults", _faults), web.post("/api/faults", _add_fault),
         web.delete("/api/faults", _clear_faults), web.post("/api/connection", _connection),
-        web.get("/api/journal", _journal), web.get("/api/events", _events)])
+        web.get("/api/journal", _journal), web.get("/api/events", _events), *dashboard.routes()])
     return made
 
 
@@ -49,8 +50,10 @@ def _guard(token: str):
         given = request.headers.get("Authorization", "").removeprefix("Bearer ")
         given = given or request.query.get("token", "")
         host = request.headers.get("Host", "").rpartition(":")[0]
-        if not hmac.compare_digest(given.encode(), token.encode()) or host not in ("127.0.0.1",
-                                                                                   "localhost"):
+        if host not in ("127.0.0.1", "localhost") or dashboard.is_foreign(request):
+            return _problem(403, "another site may not use the lab")
+        if not dashboard.is_public(request) and not hmac.compare_digest(given.encode(),
+                                                                        token.encode()):
             return _problem(403, "the lab's token is missing or wrong")
         try:
             return await handler(request)

@@ -189,10 +189,10 @@ class Simulator:
 
     async def _answer(self, request, reply, fault, entry) -> web.StreamResponse:
         seq = journal.add(self.db, entry)
+        began = time.monotonic()
         response, end = await answers.send(request, request.protocol, reply, fault)
-        if entry["answer"]["end"] != end:
-            entry["answer"]["end"] = end
-            journal.change(self.db, seq, entry)
+        entry["answer"].update(end=end, milliseconds=round((time.monotonic() - began) * 1000, 3))
+        journal.change(self.db, seq, entry)
         self._tell({"seq": seq, **entry})
         return response
 

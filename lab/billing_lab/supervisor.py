@@ -97,7 +97,9 @@ async def _live(folder: Folder, listener: socket.socket, info: dict, token: str,
                 report, lifeline: int | None) -> str | None:
     secret, controls = control.new_token(), simulator.listen()
     port = controls.getsockname()[1]
-    info["control"] = {"address": f"http://127.0.0.1:{port}", "token": secret}
+    address = f"http://127.0.0.1:{port}"
+    # Behind "#": a browser sends that part to nobody.
+    info["control"] = {"address": address, "token": secret, "dashboard": f"{address}/#token={secret}"}
     with contextlib.closing(state.open_state(folder.state)) as db:
         state.set_fact(db, "token", token)
     lab = core.Core(folder, listener, info)

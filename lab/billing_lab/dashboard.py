@@ -1,0 +1,112 @@
+"""The lab's page, and what only the page asks for.
+
+The page itself holds no secret, so its files need no token; everything that they show is asked for with
+the one that stands in the page's address.
+"""
+import asyncio
+import json
+import pathlib
+
+from aiohttp import web
+
+from . import catalogue, device, faults, tools
+from .core import Core
+from .folder import replace_file
+from .methods import METHODS, arguments_of
+
+PAGE = pathlib.Path(__file__).with_name("page")
+CALL_SECONDS = 100
+# Nothing comes from elsewhere, and nobody frames the page.
+HEADERS = {
+    "Content-Security-Policy": "default-src 'none'; script-src 'self'; style-src 'self' 'unsafe-inline'; "
+                               "connect-src 'self'; img-src data:; base-uri 'none'; form-action 'none'; "
+                               "frame-ancestors 'none'",
+    "X-Content-Type-Options": "nosniff", "Referrer-Policy": "no-referrer", "Cache-Control": "no-cache",
+    "Cross-Origin-Resource-Policy": "same-origin"}
+TYPES = {".html": "text/html", ".js": "text/javascript", ".css": "text/css"}
+
+
+def routes() -> list[web.RouteDef]:
+    return [web.get("/", _index), web.get("/page/{name:[A-Za-z.-]+}", _file),
+            web.get("/page/vendor/{vendor:[A-Za-z.-]+}", _file), web.get("/api/meta", _meta),
+            web.post("/api/call", _call), web.post("/api/catalogue", _seed)]
+
+
+def is_public(request: web.Request) -> bool:
+    """The page's own files."""
+    return request.method == "GET" and (request.path == "/" or request.path.startswith("/page/"))
+
+
+def is_foreign(request: web.Request) -> bool:
+    """Does another site ask, in its user's browser?"""
+    origin = request.headers.get("Origin")
+    site = request.headers.get("Sec-Fetch-Site", "none")
+    return site not in ("none", "same-origin") or (
+        origin is not None and origin != f"http://{request.headers.get('Host', '')}")
+
+
+async def _index(_request: web.Request) -> web.StreamResponse:
+    return _sent(PAGE / "index.html")
+
+
+async def _file(request: web.Request) -> web.StreamResponse:
+    vendor = request.match_info.get("vendor")
+    return _sent(PAGE / "vendor" / vendor if vendor else PAGE / request.match_info["name"])
+
+
+def _sent(file: pathlib.Path) -> web.StreamResponse:
+    if not file.is_file() or file.suffix not in TYPES:
+        raise web.HTTPNotFound
+    return web.Response(body=file.read_bytes(), content_type=TYPES[file.suffix], charset="utf-8",
+                        headers=HEADERS)
+
+
+async def _meta(_request: web.Request) -> web.Response:
+    kinds = {name: {"what": kind.what, "options": {option: vars(bounds) for option, bounds in kind.options.items()}}
+             for name, kind in faults.KINDS.items()}
+    return web.json_response({
+        "methods": {name: list(arguments) for name, arguments in METHODS.items()}, "endpoints": faults.ENDPOINTS,
+        "faults": kinds, "connection_faults": faults.CONNECTION_FAULTS, "servers": list(device.SERVERS)})
+
+
+async def _seed(request: web.Request) -> web.Response:
+    """A catalogue as text. It is kept in the lab's folder."""
+    core: Core = request.app["core"]
+    file = core.folder.path / "catalogue.json"
+    text = (await request.json())["text"].encode()
+    checked = file.with_name("catalogue.new.json")
+    replace_file(checked, text)
+    try:
+        catalogue.load(checked)
+    except catalogue.CatalogueError as wrong:
+        raise catalogue.CatalogueError(str(wrong).replace(str(checked), "the catalogue")) from None
+    finally:
+        checked.unlink(missing_ok=True)
+    replace_file(file, text)
+    return web.json_response(core.seed(file))
+
+
+async def _call(request: web.Request) -> web.Response:
+    """A call of the service, by billingctl: the answer, or why there is none."""
+    wanted = await request.json()
+    method, values = wanted["method"], wanted.get("arguments", {})
+    texts = arguments_of(method, values)
+    program = tools.tool("billingctl")
+    if program is None:
+        return web.json_response({"error": "billingctl is not built; build it with `ninja -C build`"}, status=501)
+    core: Core = request.app["core"]
+    options = [f"{_option(name)}={text}" for name, text in zip(METHODS[method], texts)]
+    process = await asyncio.create_subprocess_exec(
+        str(program), "--bus", core.info["bus"], "--json", "--timeout", str(CALL_SECONDS),
+        method, *options, stdin=asyncio.subprocess.DEVNULL, stdout=asyncio.subprocess.PIPE,
+        stderr=asyncio.subprocess.PIPE)
+    told, said = await process.communicate()
+    if not told:
+        raise ValueError(said.decode(errors="replace").strip())
+    return web.json_response(json.loads(told))
+
+
+def _option(argument: str) -> str:
+    """The name of a method's argument as an option of billingctl: ItemType is --item-type."""
+    return "--" + "".join(f"-{letter.lower()}" if letter.isupper() and at else letter.lower()
+                          for at, letter in enumerate(argument))

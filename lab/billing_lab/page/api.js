@@ -1,0 +1,46 @@
+// api.js - the lab's control interface. The token stands in the page's address, behind "#", where no server
+// and no other page sees it.
+import { memory } from "./dom.js";
+
+const given = new URLSearchParams(location.hash.slice(1)).get("token");
+if (given) {
+  memory.set("token", given);
+  history.replaceState(null, "", location.pathname);
+}
+const token = memory.get("token", "");
+
+addEventListener("pageshow", (event) => { if (event.persisted) location.reload(); });
+
+export class Problem extends Error {}
+
+export async function ask(path, { method = "GET", body } = {}) {
+  let response;
+  try {
+    response = await fetch(`/api/${path}`, {
+      method, headers: { Authorization: `Bearer ${token}`, ...(body ? { "Content-Type": "application/json" } : {}) },
+      body: body ? JSON.stringify(body) : undefined,
+    });
+  } catch {
+    throw new Problem("The lab does not answer. Start it again with: billing-lab up");
+  }
+  const told = await response.json().catch(() => ({}));
+  if (!response.ok) {
+    throw new Problem(response.status === 403
+      ? "The lab does not take this page's token. Open the address that billing-lab status prints."
+      : told.error || `The lab answered with status ${response.status}.`);
+  }
+  return told;
+}
+
+export const send = (path, body, method = "POST") => ask(path, { method, body });
+
+/** Follows the journal. @param on {entry(entry), up(), down()} */
+export function follow(after, on) {
+  const source = new EventSource(`/api/events?token=${encodeURIComponent(token)}&after=${after}`);
+  source.addEventListener("journal", (event) => on.entry(JSON.parse(event.data)));
+  source.addEventListener("open", on.up);
+  source.addEventListener("error", () => on.down(source.readyState === EventSource.CLOSED));
+  // A browser keeps six connections to a server, also those of pages that it has put aside.
+  addEventListener("pagehide", () => source.close(), { once: true });
+  return source;
+}

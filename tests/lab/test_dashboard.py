@@ -1,0 +1,393 @@
+"""The lab's page, in a real browser: what a developer sees and does. Pictures of it go to
+$DASHBOARD_PICTURES, or to the test's folder."""
+import http.client
+import json
+import os
+import pathlib
+import shutil
+import time
+import urllib.parse
+
+import pytest
+from billing_lab import faults, methods
+
+CHROMIUM, DRIVER = shutil.which("chromium"), shutil.which("chromedriver")
+try:
+    from selenium import webdriver
+    from selenium.webdriver.chrome.service import Service
+    from selenium.webdriver.common.by import By
+    from selenium.webdriver.common.keys import Keys
+    from selenium.webdriver.support.ui import Select
+except ImportError:
+    webdriver = None
+
+in_a_browser = pytest.mark.skipif(
+    not (CHROMIUM and DRIVER and webdriver),
+    reason="no browser (apt install chromium chromium-driver python3-selenium)")
+WIDE, NARROW = (1280, 1500), (390, 1500)
+HOSTILE = b'<img src=x onerror="document.title=1"><script>document.title=2</script>'
+
+
+@pytest.fixture(scope="session")
+def browser_of_the_run(tmp_path_factory):
+    """One browser for all tests."""
+    options = webdriver.ChromeOptions()
+    options.binary_location = CHROMIUM
+    home = tmp_path_factory.mktemp("browser")
+    for argument in ("headless=new", "no-sandbox", "disable-gpu", "disable-dev-shm-usage",
+                     "force-device-scale-factor=1", f"user-data-dir={home}"):
+        options.add_argument(f"--{argument}")
+    options.set_capability("goog:loggingPrefs", {"browser": "ALL"})
+    driver = webdriver.Chrome(service=Service(DRIVER), options=options)
+    yield driver
+    driver.quit()
+
+
+class Page:
+    """The page in the browser."""
+
+    def __init__(self, driver, lab, pictures):
+        self.driver, self.lab, self._pictures = driver, lab, pictures
+
+    def open(self, size=WIDE):
+        self.driver.set_window_size(*size)
+        # Another address of the same page would not load it again.
+        self.driver.get("about:blank")
+        self.driver.get(self.lab.info["control"]["dashboard"])
+        self.wait(lambda: self.text("#link") == "live")
+        return self
+
+    def wait(self, condition, seconds=20):
+        end = time.monotonic() + seconds
+        while not condition():
+            assert time.monotonic() < end, [said.text for said in self.all(".said, .problem, .link")]
+            time.sleep(0.05)
+
+    def all(self, selector):
+        return self.driver.find_elements(By.CSS_SELECTOR, selector)
+
+    def one(self, selector):
+        return self.driver.find_element(By.CSS_SELECTOR, selector)
+
+    def text(self, selector):
+        return self.driver.execute_script(
+            "return document.querySelector(arguments[0])?.textContent ?? null", selector)
+
+    def field(self, section, label):
+        name = next(item for item in self.all(f"#{section} label") if item.text == label)
+        return self.one(f"#{name.get_attribute('for')}")
+
+    def click(self, section, text):
+        button = next(item for item in self.all(f"#{section} button") if item.text == text)
+        self.driver.execute_script("arguments[0].scrollIntoView({block: 'center'})", button)
+        button.click()
+
+    def call(self, method):
+        Select(self.field("call", "Method")).select_by_value(method)
+        self.click("call", "Call")
+        self.wait(lambda: self.all("#call .answer h3"))
+        return self.text("#call .answer p"), self.text("#call .daemon")
+
+    def rows(self):
+        """What stands in the rows that can be seen."""
+        return self.driver.execute_script(
+            "return [...document.querySelectorAll('.row')].map(row => row.textContent)")
+
+    def selected(self):
+        """The places of the chosen rows among those that can be seen."""
+        return self.driver.execute_script(
+            "return [...document.querySelectorAll('.row')].flatMap("
+            "(row, at) => row.getAttribute('aria-selected') === 'true' ? [at] : [])")
+
+    def picture(self, name):
+        self.driver.save_screenshot(str(self._pictures / f"{name}.png"))
+
+    def complaints(self):
+        return [line["message"] for line in self.driver.get_log("browser")]
+
+
+@pytest.fixture
+def page(request, lab, tmp_path):
+    driver = request.getfixturevalue("browser_of_the_run")
+    pictures = pathlib.Path(os.environ.get("DASHBOARD_PICTURES", tmp_path))
+    pictures.mkdir(parents=True, exist_ok=True)
+    opened = Page(driver, lab, pictures)
+    yield opened
+    assert opened.complaints() == []
+    # A page of the next test remembers nothing of this one.
+    if driver.current_url.startswith("http"):
+        driver.execute_script("sessionStorage.clear()")
+    driver.execute_cdp_cmd("Emulation.setEmulatedMedia", {"features": []})
+
+
+@in_a_browser
+def test_an_empty_lab_says_what_to_do(page, lab):
+    page.open()
+    assert f"DBUS_SYSTEM_BUS_ADDRESS={lab.bus}" in page.text("#journal-list .empty")
+    assert "not a real store" in page.text(".unreal")
+    assert page.text("#faults li").startswith("No fault is on")
+    page.picture("empty")
+
+
+@in_a_browser
+def test_a_call_is_seen_when_it_arrives_and_can_be_looked_into(page, lab):
+    page.open()
+    before = page.one("#journal-list").location
+    lab.call("get_product_list")
+    page.wait(lambda: len(page.rows()) == 1)
+    assert "GET products200" in page.rows()[0]
+    assert page.one("#journal-list").location == before, "nothing jumps"
+    page.one(".row").click()
+    page.wait(lambda: "exactly what this device must send" in page.text("#detail"))
+    assert "coins-100" in page.text("#detail")
+    page.picture("a-call")
+
+
+@in_a_browser
+def test_a_call_from_the_page_shows_both_sides(page):
+    page.open()
+    result, answer = page.call("get_product_list")
+    assert result.startswith("resp_result 0 after ")
+    assert json.loads(answer)["status"] == "ok"
+    sides = [side.text for side in page.all("#call .pair pre")]
+    assert sides[0] == sides[1]
+
+
+@in_a_browser
+def test_a_fault_changes_the_answer_and_its_end_mends_it(page):
+    page.open()
+    Select(page.field("faults", "Answers")).select_by_value("reset")
+    page.click("faults", "Switch this fault on")
+    page.wait(lambda: "reset at every endpoint" in page.text("#faults ul"))
+    assert page.call("check_server_availability")[0].startswith("resp_result -1")
+    page.wait(lambda: any("fault reset" in row for row in page.rows()))
+    page.picture("a-fault")
+    page.click("faults", "End all")
+    page.wait(lambda: "No fault is on" in page.text("#faults ul"))
+    assert page.call("check_server_availability")[0].startswith("resp_result 0")
+
+
+@in_a_browser
+def test_a_fault_of_the_connection_is_a_failed_handshake(page, lab):
+    page.open()
+    Select(page.field("faults", "Connections")).select_by_value("refuse-tls")
+    page.wait(lambda: lab.status()["connection"] == "refuse-tls")
+    assert page.call("check_server_availability")[0].startswith("resp_result -1")
+    page.wait(lambda: any("no connection" in row for row in page.rows()))
+
+
+@in_a_browser
+def test_the_device_is_switched_at_once(page, lab):
+    page.open()
+    Select(page.field("device", "Network")).select_by_value("down")
+    page.wait(lambda: lab.status()["device"]["gateway"] == "down")
+    result, answer = page.call("check_server_availability")
+    assert result.startswith("resp_result 1160003")
+    assert answer == "Network error, please check!"
+    assert page.rows() == []
+
+
+@in_a_browser
+def test_what_is_bought_is_an_invoice_that_can_be_given_back(page, lab):
+    page.open()
+    page.click("invoices", "Buy")
+    page.wait(lambda: "is bought" in page.text("#invoices .said"))
+    first = page.one("#invoices li")
+    assert "coins-100 of app-1" in first.text
+    bought = first.find_element(By.TAG_NAME, "strong").text
+    assert bought in lab.call("get_purchase_history")[1]
+    page.click("invoices", "Refund")
+    page.wait(lambda: f"{bought} is refunded." == page.text("#invoices .said"))
+
+
+@in_a_browser
+def test_a_catalogue_is_changed_and_a_wrong_one_refused(page, lab):
+    page.open()
+    page.one("#catalogue summary").click()
+    text = page.one("#catalogue textarea")
+    catalogue = json.loads(text.get_property("value"))
+    write = "arguments[0].value = arguments[1]"
+    page.driver.execute_script(write, text, '{"lab": 1,\n "apps": 5}')
+    page.click("catalogue", "Seed the lab with this")
+    page.wait(lambda: page.text("#catalogue .said") != "")
+    assert page.text("#catalogue .said").startswith("the catalogue:1: the catalogue lacks")
+    page.complaints()  # the browser's own line about the refusal
+    catalogue["apps"] = catalogue["apps"][:1]
+    catalogue["invoices"] = []
+    page.driver.execute_script(write, text, json.dumps(catalogue))
+    page.click("catalogue", "Seed the lab with this")
+    page.wait(lambda: "Seeded" in page.text("#catalogue .said"))
+    assert lab.status()["catalogue"]["apps"] == 1
+    assert "Nobody has bought anything yet." in page.text("#invoices ul")
+
+
+@in_a_browser
+def test_the_journal_is_filtered_and_the_filter_outlives_a_reload(page, lab):
+    lab.call("get_product_list")
+    lab.call("check_server_availability")
+    lab.call("get_product_list", appid="nobody")
+    page.open()
+    page.wait(lambda: len(page.rows()) == 3)
+    Select(page.one("#filter-endpoint")).select_by_value("products")
+    page.wait(lambda: len(page.rows()) == 2)
+    page.one("#filter-text").send_keys("NOBODY")
+    page.wait(lambda: len(page.rows()) == 1)
+    assert page.text("#journal-count") == "1 of 3"
+    page.one(".row").click()
+    page.driver.refresh()
+    page.wait(lambda: page.text("#link") == "live" and len(page.rows()) == 1)
+    assert page.one("#filter-text").get_property("value") == "NOBODY"
+    assert page.selected() == [0]
+    assert "appid=nobody" in page.text("#detail")
+    page.one("#filter-text").send_keys(" and nothing")
+    page.wait(lambda: "Nothing of the journal fits" in page.text("#journal-list"))
+
+
+@in_a_browser
+def test_a_hostile_body_is_shown_as_text(page, lab):
+    lab.answer("products", HOSTILE)
+    page.open()
+    title = page.driver.title
+    _, answer = page.call("get_product_list")
+    assert answer == HOSTILE.decode()
+    page.one(".row").click()
+    page.wait(lambda: HOSTILE.decode() in page.text("#detail"))
+    assert (page.driver.title, page.all("#detail img, #call img")) == (title, [])
+
+
+@in_a_browser
+def test_everything_can_be_reached_with_the_keyboard(page, lab):
+    for _ in range(3):
+        lab.call("check_server_availability")
+    page.open()
+    page.wait(lambda: len(page.rows()) == 3)
+    reached = set()
+    for _ in range(80):
+        page.driver.switch_to.active_element.send_keys(Keys.TAB)
+        reached.add(page.driver.execute_script(
+            "const e = document.activeElement; return e.closest('section')?.id + ' ' + "
+            "(e.id || e.textContent).slice(0, 30)"))
+    assert {"call Call", "faults Switch this fault on", "invoices Buy", "undefined journal-list"} <= {
+        item if "journal" not in item else "undefined journal-list" for item in reached}
+    page.one("#journal-list").send_keys(Keys.HOME, Keys.ARROW_DOWN)
+    page.wait(lambda: page.selected() == [1])
+
+
+@in_a_browser
+@pytest.mark.parametrize("scheme", ["light", "dark"])
+def test_a_narrow_window_and_both_schemes_are_readable(page, lab, scheme):
+    page.driver.execute_cdp_cmd("Emulation.setEmulatedMedia", {
+        "features": [{"name": "prefers-color-scheme", "value": scheme}]})
+    lab.call("get_product_list")
+    for name, size in (("wide", WIDE), ("narrow", NARROW)):
+        page.open(size)
+        page.wait(lambda: len(page.rows()) == 1)
+        page.picture(f"{name}-{scheme}")
+        width = page.driver.execute_script("return [document.documentElement.scrollWidth, innerWidth]")
+        assert width[0] <= width[1], "nothing is wider than the window"
+        paper, ink = page.driver.execute_script(
+            "const s = getComputedStyle(document.body); return [s.backgroundColor, s.color]")
+        assert contrast(paper, ink) > 7
+
+
+def contrast(*colours):
+    """Of two colours, as the accessibility guidelines compute it."""
+    def light(colour):
+        parts = [int(part) / 255 for part in colour.removeprefix("rgb(").rstrip(")").split(",")]
+        linear = [p / 12.92 if p <= 0.03928 else ((p + 0.055) / 1.055) ** 2.4 for p in parts]
+        return 0.2126 * linear[0] + 0.7152 * linear[1] + 0.0722 * linear[2]
+    least, most = sorted(map(light, colours))
+    return (most + 0.05) / (least + 0.05)
+
+
+@in_a_browser
+def test_ten_thousand_entries_are_as_quick_as_ten(page):
+    page.open()
+    took = page.driver.execute_async_script("""
+        const done = arguments[0];
+        import("/page/journal.js").then(async (journal) => {
+          const began = performance.now();
+          for (let seq = 1; seq <= 10000; seq += 1) {
+            journal.add({seq: 1e6 + seq, time: "2026-01-31T20:15:00.000Z", kind: "request", endpoint: "products",
+              method: "GET", url: "https://a/b", headers: [], body: {bytes: 0, text: ""}, connection: 1,
+              handshake: "resumed", tls: "TLSv1.2", certificate: null, fault: null, differences: [],
+              answer: {status: 200, end: "whole", bytes: 2, text: "{}", milliseconds: 1}});
+          }
+          const list = document.getElementById("journal-list");
+          let slowest = 0;
+          for (let step = 0; step < 30; step += 1) {
+            const from = performance.now();
+            list.scrollTop = step * 9000;
+            await new Promise((next) => requestAnimationFrame(() => setTimeout(next)));
+            slowest = Math.max(slowest, performance.now() - from);
+          }
+          done([performance.now() - began, slowest, document.querySelectorAll(".row").length]);
+        });""")
+    print(f"10,000 entries and 30 steps {took[0]:.0f} ms, the slowest step {took[1]:.0f} ms")
+    assert took[2] < 60, "only what can be seen exists"
+    assert took[1] < 1000
+
+
+@in_a_browser
+def test_a_lab_that_is_gone_is_named(page, cli):
+    made = cli("up", "--json")
+    assert made.returncode == 0, made.stderr
+    info = json.loads(made.stdout)
+    page.driver.get(info["control"]["dashboard"])
+    page.wait(lambda: page.text("#link") == "live")
+    assert cli("down").returncode == 0
+    page.wait(lambda: "billing-lab up" in page.text("#problem"))
+    assert page.text("#link") in ("reconnecting ...", "not connected")
+    page.picture("gone")
+    page.driver.get("about:blank")
+    page.complaints()  # the browser's own lines about the lost connection
+
+
+@in_a_browser
+def test_a_wrong_token_is_named(page, lab):
+    page.driver.get("about:blank")
+    page.driver.get(f"{lab.info['control']['address']}/#token=wrong")
+    page.wait(lambda: "Open the address that billing-lab status prints." in page.text("#problem"))
+    assert page.complaints()
+
+
+# Without a browser
+
+@pytest.fixture
+def ask(lab):
+    """A function that asks the control interface as a browser would."""
+    def run(method, path, token=True, **headers):
+        host = urllib.parse.urlsplit(lab.info["control"]["address"]).netloc
+        connection = http.client.HTTPConnection(host, timeout=20)
+        given = {"Authorization": f"Bearer {lab.info['control']['token']}"} if token else {}
+        connection.request(method, path, body="{}" if method == "POST" else None,
+                           headers={**given, **headers})
+        response = connection.getresponse()
+        return response.status, dict(response.getheaders()), response.read()
+    return run
+
+
+def test_the_page_needs_no_token_and_its_data_do(ask):
+    status, headers, body = ask("GET", "/", token=False)
+    assert status == 200 and b"not a real store" in body
+    assert "default-src 'none'" in headers["Content-Security-Policy"]
+    assert ask("GET", "/page/main.js", token=False)[1]["Content-Type"].startswith("text/javascript")
+    assert ask("GET", "/page/vendor/uPlot.esm.js", token=False)[0] == 200
+    assert ask("GET", "/api/journal", token=False)[0] == 403
+    assert ask("GET", "/page/..%2fcore.py", token=False)[0] == 404
+    assert ask("GET", "/page/vendor/uPlot-LICENSE", token=False)[0] == 404
+
+
+@pytest.mark.parametrize("headers", [
+    {"Origin": "http://evil.example"}, {"Sec-Fetch-Site": "cross-site"}, {"Host": "evil.example:80"},
+    {"Origin": "null"}])
+def test_another_site_may_not_use_the_lab(ask, headers):
+    assert ask("POST", "/api/reset", **headers)[0] == 403
+    assert ask("GET", "/", token=False, **headers)[0] == 403
+
+
+def test_the_page_is_told_what_there_is(ask):
+    told = json.loads(ask("GET", "/api/meta")[2])
+    assert set(told["methods"]) == set(methods.METHODS)
+    assert set(told["faults"]) == set(faults.KINDS)
+    assert told["faults"]["delay"]["options"]["ms"]["unit"] == "milliseconds"
