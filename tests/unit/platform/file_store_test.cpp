@@ -108,6 +108,41 @@ TEST_F(AFileStore, HoldsTheOldOrTheNewDataAfterAKillAtAnyMoment)
     EXPECT_EQ(dataFiles().size(), 1U);
 }
 
+// As the service writes: it deletes the name first.
+TEST_F(AFileStore, HoldsTheOldTheNewOrNoDataWhenTheyAreDeletedFirst)
+{
+    const std::string values[] = {std::string(300000, 'a'), std::string(200000, 'b')};
+    std::mt19937 random(20240301);
+    std::uniform_int_distribution<useconds_t> moment(0, 8000);
+    int seen[3] = {};
+    for (int round = 0; round < 200; round++) {
+        write("name", values[round % 2]);
+        const pid_t writer = fork();
+        if (writer == 0) {
+            for (int i = 1;; i++) {
+                store.remove(client, "name");
+                write("name", values[(i + round) % 2]);
+            }
+        }
+        usleep(moment(random));
+        kill(writer, SIGKILL);
+        int status = 0;
+        ASSERT_EQ(waitpid(writer, &status, 0), writer);
+        ASSERT_TRUE(WIFSIGNALED(status));
+        if (errorOfRead("name") == SS_ERROR_NOT_FOUND) {
+            seen[2]++;
+            continue;
+        }
+        const std::string found = read("name");
+        ASSERT_TRUE(found == values[0] || found == values[1]) << "torn in round " << round;
+        seen[found == values[1] ? 1 : 0]++;
+    }
+    printf("200 kills: %d times the one, %d times the other, %d times none, none torn\n", seen[0],
+           seen[1], seen[2]);
+    EXPECT_GT(seen[0] + seen[1], 0);
+    EXPECT_GT(seen[2], 0);
+}
+
 TEST_F(AFileStore, KeepsItsFilesFromOthersWhateverTheUmask)
 {
     const mode_t before = umask(0);
