@@ -1,7 +1,11 @@
 // bus.cpp - connecting, calling, and what to say when it does not work.
 #include "bus.h"
 
+#include <chrono>
 #include <cmath>
+#include <condition_variable>
+#include <mutex>
+#include <thread>
 
 namespace client {
 
@@ -13,6 +17,52 @@ constexpr const char* START_BUS =
     "start the message bus, or name another one with --bus or DBUS_SYSTEM_BUS_ADDRESS";
 constexpr const char* START_SERVICE =
     "start the service (systemctl start billing-service) and look at its log";
+
+/// Cancels what waits, once the time is over. GDBus has no time-out for becoming connected: what
+/// listens there may take the connection and say nothing.
+class Deadline {
+public:
+    explicit Deadline(double seconds)
+        : m_cancellable(g_cancellable_new()), m_thread([this, seconds] { wait(seconds); })
+    {
+    }
+    Deadline(const Deadline&) = delete;
+    Deadline& operator=(const Deadline&) = delete;
+    ~Deadline()
+    {
+        {
+            const std::lock_guard<std::mutex> hold(m_lock);
+            m_done = true;
+        }
+        m_changed.notify_one();
+        m_thread.join();
+    }
+
+    GCancellable* cancellable() const { return m_cancellable.get(); }
+
+private:
+    void wait(double seconds)
+    {
+        std::unique_lock<std::mutex> hold(m_lock);
+        if (!m_changed.wait_for(hold, std::chrono::duration<double>(seconds),
+                                [this] { return m_done; })) {
+            g_cancellable_cancel(m_cancellable.get());
+        }
+    }
+
+    std::mutex m_lock;
+    std::condition_variable m_changed;
+    bool m_done = false;
+    const GPtr<GCancellable> m_cancellable;
+    std::thread m_thread;
+};
+
+std::string inTime(double seconds)
+{
+    char text[32];
+    std::snprintf(text, sizeof text, "within %g s", seconds);
+    return text;
+}
 
 /// The text of an error without the name that D-Bus puts before it.
 std::string textOf(GError* error)
@@ -28,11 +78,13 @@ Unreachable explained(GError* error, double timeout)
         g_error_matches(error, G_DBUS_ERROR, G_DBUS_ERROR_NAME_HAS_NO_OWNER)) {
         return {std::string("nobody owns the name ") + SERVICE + " on the bus", START_SERVICE};
     }
-    if (g_error_matches(error, G_IO_ERROR, G_IO_ERROR_TIMED_OUT) ||
-        g_error_matches(error, G_DBUS_ERROR, G_DBUS_ERROR_NO_REPLY)) {
-        char text[80];
-        std::snprintf(text, sizeof text, "the service did not answer within %g s", timeout);
-        return {text, "a transfer may take 90 s: wait longer with --timeout, and look at its log"};
+    if (g_error_matches(error, G_DBUS_ERROR, G_DBUS_ERROR_NO_REPLY)) {
+        return {"the service left the bus before it answered",
+                "look at its log; whether the store got the request is not known"};
+    }
+    if (g_error_matches(error, G_IO_ERROR, G_IO_ERROR_TIMED_OUT)) {
+        return {"the service did not answer " + inTime(timeout),
+                "a transfer may take 90 s: wait longer with --timeout, and look at its log"};
     }
     if (g_error_matches(error, G_DBUS_ERROR, G_DBUS_ERROR_ACCESS_DENIED)) {
         return {"the bus does not let this user call the service: " + textOf(error),
@@ -47,8 +99,9 @@ Unreachable explained(GError* error, double timeout)
 
 }  // namespace
 
-Bus::Bus(const std::string& address)
+Bus::Bus(const std::string& address, double timeout)
 {
+    const Deadline deadline(timeout);
     GError* error = nullptr;
     const GPtr<gchar> own(address.empty()
                               ? g_dbus_address_get_for_bus_sync(G_BUS_TYPE_SYSTEM, nullptr, &error)
@@ -58,10 +111,15 @@ Bus::Bus(const std::string& address)
             own.get(),
             static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
                                               G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
-            nullptr, nullptr, &error));
+            nullptr, deadline.cancellable(), &error));
     }
     if (m_connection == nullptr) {
         const GPtr<GError> owner(error);
+        if (g_error_matches(error, G_IO_ERROR, G_IO_ERROR_CANCELLED)) {
+            throw Unreachable(
+                "what listens at the address of the bus said nothing " + inTime(timeout),
+                START_BUS);
+        }
         throw Unreachable("the system bus cannot be reached: " + textOf(error), START_BUS);
     }
 }

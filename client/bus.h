@@ -19,6 +19,7 @@ struct GFree {
     void operator()(GVariant* variant) const { g_variant_unref(variant); }
     void operator()(GDBusConnection* connection) const { g_object_unref(connection); }
     void operator()(GMainLoop* loop) const { g_main_loop_unref(loop); }
+    void operator()(GCancellable* cancellable) const { g_object_unref(cancellable); }
     void operator()(gchar* text) const { g_free(text); }
 };
 template <typename T>
@@ -54,8 +55,9 @@ struct Owner {
 /// A connection to the system bus. Thread: one.
 class Bus {
 public:
-    /// @param address empty: $DBUS_SYSTEM_BUS_ADDRESS, else the system's own @throw Unreachable
-    explicit Bus(const std::string& address);
+    /// @param address empty: $DBUS_SYSTEM_BUS_ADDRESS, else the system's own @param timeout seconds
+    /// @throw Unreachable
+    Bus(const std::string& address, double timeout);
 
     /// Calls a method of the service with texts for arguments. @param timeout seconds @throw
     /// Unreachable

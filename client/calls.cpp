@@ -6,6 +6,7 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 
 namespace client {
@@ -27,11 +28,6 @@ constexpr Argument ITEM_TYPE{"ItemType", "--item-type", "Carried along, read by 
 constexpr Argument PAGE_NUMBER{"PageNumber", "--page-number",
                                "Carried along: the first page of 20 is always asked for", false};
 constexpr Argument INVOICE_ID{"invoiceid", "--invoiceid", "Invoice of the purchase", true};
-
-void print(const Json::Value& value)
-{
-    std::fputs((lineOf(value) + "\n").c_str(), stdout);
-}
 
 void printForPeople(const Method& method, const Answer& answer)
 {
@@ -106,19 +102,21 @@ ExitCode exitCodeOf(int result)
     }
 }
 
-void report(const std::string& what, const Unreachable& error, bool json)
+void report(const std::string& what, const std::string& cause, const std::string& cure, bool json)
 {
     if (json) {
         Json::Value value;
-        value["method"] = what;
-        value["error"]["cause"] = error.what();
-        value["error"]["cure"] = error.cure();
-        print(value);
+        if (!what.empty()) {
+            value["method"] = what;
+        }
+        value["error"]["cause"] = cause;
+        value["error"]["cure"] = cure;
+        printLine(value);
         return;
     }
     const Style style = Style::of(STDERR_FILENO);
-    std::fprintf(stderr, "%s: %s: %s; %s\n", what.c_str(), style.bad("no answer").c_str(),
-                 shown(error.what(), false).c_str(), error.cure().c_str());
+    std::fprintf(stderr, "%s: %s; %s\n", style.bad(what.empty() ? "billingctl" : what).c_str(),
+                 shown(cause, false).c_str(), shown(cure, false).c_str());
 }
 
 int call(const Method& method, const std::vector<std::string>& arguments,
@@ -126,9 +124,10 @@ int call(const Method& method, const std::vector<std::string>& arguments,
 {
     Answer answer;
     try {
-        answer = Bus(options.bus).call(method.name, arguments, options.timeout);
+        answer = Bus(options.bus, std::min(options.timeout, BUS_TIMEOUT))
+                     .call(method.name, arguments, options.timeout);
     } catch (const Unreachable& error) {
-        report(method.name, error, options.json);
+        report(method.name, error.what(), error.cure(), options.json);
         return EXIT_UNREACHABLE;
     }
     if (options.json) {
@@ -137,13 +136,13 @@ int call(const Method& method, const std::vector<std::string>& arguments,
         value["resp_result"] = answer.result;
         value["resp_info"] = answer.info;
         value["milliseconds"] = answer.milliseconds;
-        print(value);
+        printLine(value);
     } else if (options.raw) {
         std::fwrite(answer.info.data(), 1, answer.info.size(), stdout);
     } else {
         printForPeople(method, answer);
     }
-    return std::fflush(stdout) == 0 ? exitCodeOf(answer.result) : EXIT_FAILED;
+    return exitCodeOf(answer.result);
 }
 
 }  // namespace client

@@ -43,6 +43,9 @@ struct CallOptions {
     bool raw = false;
 };
 
+/// How long to wait for the bus itself.
+inline constexpr double BUS_TIMEOUT = 10;
+
 /// Calls a method and prints its answer: for people, as JSON, or (raw) the server's body alone.
 /// @return the exit code
 int call(const Method& method, const std::vector<std::string>& arguments,
@@ -52,7 +55,8 @@ int call(const Method& method, const std::vector<std::string>& arguments,
 const char* meaningOf(int result);
 ExitCode exitCodeOf(int result);
 
-/// A call without an answer: the cause and the cure, as JSON or as a line.
-void report(const std::string& what, const Unreachable& error, bool json);
+/// A command without a result: the cause and the cure, as JSON on standard output or as a line on
+/// standard error. @param what method or command, empty when there is none
+void report(const std::string& what, const std::string& cause, const std::string& cure, bool json);
 
 }  // namespace client

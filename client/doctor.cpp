@@ -77,7 +77,7 @@ int doctor(const DoctorOptions& options)
     }
     if (options.json) {
         report["failed"] = failed;
-        std::printf("%s\n", lineOf(report).c_str());
+        printLine(report);
     } else if (failed > 0) {
         std::printf("%d of %zu checks failed\n", failed, findings.size());
     }

@@ -52,7 +52,7 @@ Finding calls(const Bus& bus, double timeout)
 void checkService(Findings& findings, const DoctorOptions& options)
 {
     try {
-        const Bus bus(options.bus);
+        const Bus bus(options.bus, options.timeout);
         findings.push_back({"bus", Outcome::Ok, "the system bus is reachable", ""});
         const auto owner = bus.owner();
         if (owner) {

@@ -7,14 +7,10 @@
 
 namespace client {
 
-/// The value in one line of UTF-8, its members sorted by name.
-inline std::string lineOf(const Json::Value& value)
-{
-    Json::StreamWriterBuilder builder;
-    builder["indentation"] = "";
-    builder["emitUTF8"] = true;
-    builder["precision"] = 6;
-    return Json::writeString(builder, value);
-}
+/// The value in one line, its members sorted by name. @param ascii every other character escaped
+std::string lineOf(const Json::Value& value, bool ascii);
+
+/// Prints it on standard output. On a terminal nothing in it can steer the terminal.
+void printLine(const Json::Value& value);
 
 }  // namespace client

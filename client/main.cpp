@@ -8,6 +8,9 @@
 #include <json/version.h>
 #include <openssl/crypto.h>
 
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
 #include <deque>
 
 namespace {
@@ -37,6 +40,22 @@ std::string isUtf8(std::string& text)
                : "is not UTF-8, which the bus asks for";
 }
 
+/// CLI::Range would let "nan" pass, which is neither below nor above.
+std::string isSeconds(std::string& text)
+{
+    double seconds = 0;
+    return CLI::detail::lexical_cast(text, seconds) && seconds >= 0.1 && seconds <= 86400
+               ? ""
+               : "\"" + text + "\" is no number of seconds from 0.1 to 86400";
+}
+
+/// As an option of this program and as the interface spells it.
+std::string optionOf(const Argument& argument)
+{
+    const std::string own = std::string("--") + argument.name;
+    return own == argument.option ? own : argument.option + ("," + own);
+}
+
 void describeCall(CLI::App& app, const Method& method, std::vector<std::string>& values,
                   Options& options)
 {
@@ -45,7 +64,7 @@ void describeCall(CLI::App& app, const Method& method, std::vector<std::string>&
     values.resize(method.arguments.size());
     for (std::size_t i = 0; i < method.arguments.size(); ++i) {
         const Argument& argument = method.arguments[i];
-        command->add_option(argument.option, values[i], argument.help)
+        command->add_option(optionOf(argument), values[i], argument.help)
             ->required(argument.required)
             ->type_name("TEXT")
             ->check(CLI::Validator(isUtf8, ""));
@@ -97,6 +116,57 @@ std::string version()
            "\njsoncpp " + JSONCPP_VERSION_STRING;
 }
 
+/// What is wrong with the arguments. CLI11 asks first whether there is a command, and does not say
+/// that it knows none of that name.
+std::string causeOf(const CLI::App& app, const CLI::ParseError& error)
+{
+    const auto words = app.remaining();
+    return app.get_subcommands().empty() && !words.empty()
+               ? "there is no command \"" + words[0] + "\""
+               : error.what();
+}
+
+int wrongUsage(const CLI::App& app, const CLI::ParseError& error, bool json)
+{
+    const auto commands = app.get_subcommands();
+    const std::string command = commands.empty() ? "" : commands[0]->get_name() + " ";
+    report("", causeOf(app, error), "see billingctl " + command + "--help", json);
+    return EXIT_USAGE;
+}
+
+/// An answer that nobody could read is no success.
+int finished(int exitCode)
+{
+    if (std::fflush(stdout) == 0 && std::ferror(stdout) == 0) {
+        return exitCode;
+    }
+    std::fprintf(stderr,
+                 "billingctl: the output cannot be written: %s; make room, or send it elsewhere\n",
+                 std::strerror(errno));
+    return EXIT_FAILED;
+}
+
+void describe(CLI::App& app, std::deque<std::vector<std::string>>& values, Options& options)
+{
+    app.require_subcommand(1);
+    app.fallthrough();
+    app.footer(FOOTER);
+    app.set_version_flag("--version", version);
+    app.add_option("--bus,--address", options.bus,
+                   "Address of the bus; else $DBUS_SYSTEM_BUS_ADDRESS, else the system bus")
+        ->type_name("ADDRESS");
+    app.add_flag("--json", options.json, "Print JSON, errors included");
+    app.add_option("--timeout", options.timeout,
+                   "Seconds to wait for an answer (100; for each check of doctor 10)")
+        ->type_name("SECONDS")
+        ->check(CLI::Validator(isSeconds, ""));
+    for (const Method& method : methods()) {
+        describeCall(app, method, values.emplace_back(), options);
+    }
+    describeDoctor(app, options);
+    describeMonitor(app, options);
+}
+
 }  // namespace
 
 int main(int argc, char** argv)
@@ -104,30 +174,19 @@ int main(int argc, char** argv)
     Options options;
     std::deque<std::vector<std::string>> values;
     CLI::App app("Calls the billing service and finds out why it does not work.", "billingctl");
-    app.require_subcommand(1);
-    app.fallthrough();
-    app.footer(FOOTER);
-    app.set_version_flag("--version", version);
-    app.add_option("--bus", options.bus,
-                   "Address of the bus; else $DBUS_SYSTEM_BUS_ADDRESS, else the system bus")
-        ->type_name("ADDRESS");
-    app.add_flag("--json", options.json, "Print JSON, errors included");
-    app.add_option("--timeout", options.timeout,
-                   "Seconds to wait for an answer (100; for each check of doctor 10)")
-        ->type_name("SECONDS")
-        ->check(CLI::Range(0.1, 86400.0));
-    for (const Method& method : methods()) {
-        describeCall(app, method, values.emplace_back(), options);
-    }
-    describeDoctor(app, options);
-    describeMonitor(app, options);
+    describe(app, values, options);
     try {
         app.parse(argc, argv);
+    } catch (const CLI::Success& help) {
+        return finished(app.exit(help));
     } catch (const CLI::ParseError& error) {
-        return app.exit(error) == 0 ? EXIT_DONE : EXIT_USAGE;
+        // Not from the options: what is wrong may stand before it.
+        const bool json = std::any_of(
+            argv, argv + argc, [](const char* word) { return word == std::string("--json"); });
+        return finished(wrongUsage(app, error, json));
     } catch (const std::exception& error) {
         std::fprintf(stderr, "billingctl: %s\n", error.what());
         return EXIT_FAILED;
     }
-    return options.exitCode;
+    return finished(options.exitCode);
 }

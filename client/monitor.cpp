@@ -69,7 +69,7 @@ private:
             if (m_options.showPrivate) {
                 value["arguments"] = shownArguments;
             }
-            print(lineOf(value));
+            print(lineOf(value, false));
         } else {
             print(prefix(caller, serial) + "-> " + shown(method + shownArguments, false));
         }
@@ -110,7 +110,7 @@ private:
         }
         char time[32];
         std::snprintf(time, sizeof time, " (%.1f ms)", milliseconds);
-        print(m_options.json ? lineOf(value)
+        print(m_options.json ? lineOf(value, false)
                              : prefix(caller, serial) + "<- " + call.method + " " + text +
                                    m_style.faint(time));
     }
@@ -199,7 +199,7 @@ void becomeMonitor(GDBusConnection* connection)
 int monitor(const MonitorOptions& options)
 {
     try {
-        const Bus bus(options.bus);
+        const Bus bus(options.bus, BUS_TIMEOUT);
         const GPtr<GMainLoop> loop(g_main_loop_new(nullptr, FALSE));
         becomeMonitor(bus.connection());
         Watcher watcher(options);
@@ -213,7 +213,7 @@ int monitor(const MonitorOptions& options)
         g_dbus_connection_remove_filter(bus.connection(), filter);
         throw Unreachable("the bus has closed the connection", "start it again");
     } catch (const Unreachable& error) {
-        report("monitor", error, options.json);
+        report("monitor", error.what(), error.cure(), options.json);
         return EXIT_UNREACHABLE;
     }
 }

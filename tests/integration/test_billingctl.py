@@ -1,14 +1,18 @@
-"""billingctl on the real daemon: answers, exit codes, the doctor's findings, and what is watched."""
+"""billingctl on the real daemon: answers, exit codes, what is said when there is no answer."""
+import functools
 import json
-import os
-import pty
+import re
+import socket
 import subprocess
 
 import pytest
-from harness import certificates, credentials, daemon, server
+from gi.repository import Gio
+from harness import billingctl, daemon, server
+from harness.billingctl import DONE, FAILED, REFUSED, TRANSFER, UNREACHABLE, USAGE
 from harness.methods import EVERY_CALL
 
-DONE, FAILED, USAGE, TRANSFER, REFUSED, UNREACHABLE = range(6)
+from billing_lab import bus as message_bus
+
 ARGUMENTS = {"--appid": "app-1", "--invoiceid": "invoice-1", "--custom-id": "custom-1",
              "--check-value": "check-1", "--server-type": "1", "--item-type": "2",
              "--page-number": "5"}
@@ -22,21 +26,10 @@ OPTIONS = {
 }
 
 
-def program():
-    return daemon.binary().parents[1] / "client" / "billingctl"
-
-
-def environment(bus):
-    return {"PATH": "/usr/bin:/bin", "DBUS_SYSTEM_BUS_ADDRESS": bus.address, **daemon.SANITIZERS}
-
-
 @pytest.fixture
 def ctl(bus):
     """A function that runs billingctl."""
-    def run(*arguments, **variables):
-        return subprocess.run([program(), *arguments], capture_output=True, text=True, check=False,
-                              timeout=120, env={**environment(bus), **variables})
-    return run
+    return functools.partial(billingctl.run, bus)
 
 
 def options_of(method):
@@ -60,6 +53,19 @@ def test_each_method_is_called_with_its_arguments_in_their_places(service, ctl, 
     assert first.raw == second.raw
 
 
+def test_arguments_may_be_spelled_as_the_interface_has_them(service, ctl, caller, store):
+    method = "get_purchase_history"
+    names = ("appid", "customId", "ItemType", "PageNumber", "CheckValue", "serverType")
+    values = [f"value-{name}" for name in names]
+    caller.call(method, *values)
+
+    done = ctl(method, *(f"--{name}={value}" for name, value in zip(names, values)))
+
+    assert done.returncode == DONE
+    first, second = store.requests
+    assert first.raw == second.raw
+
+
 def test_people_get_the_body_indented_and_unaltered(service, ctl, store):
     store.answer.body = b'{"price":1.10,"big":12345678901234567890,"none":[],"text":"a\\u0041,:{"}'
 
@@ -77,34 +83,26 @@ def test_raw_is_the_body_and_nothing_else(service, ctl, store):
     assert (done.returncode, done.stdout) == (DONE, "no JSON \x1b[31m")
 
 
-def on_a_terminal(command, variables):
-    """What a terminal would be sent."""
-    ours, theirs = pty.openpty()
-    process = subprocess.Popen(command, stdout=theirs, stderr=theirs, env=variables)
-    os.close(theirs)
-    text = b""
-    try:
-        while part := os.read(ours, 4096):
-            text += part
-    except OSError:
-        pass  # that is how the end looks
-    process.wait()
-    os.close(ours)
-    return text.decode().replace("\r\n", "\n")
-
-
 def test_a_hostile_body_cannot_steer_the_terminal(service, bus, store):
     store.answer.body = "\x1b]0;title\x07 \u202e evil \u0085 Grüße\n".encode()
-    text = on_a_terminal([program(), "check-server-availability"],
-                         {**environment(bus), "NO_COLOR": "1"})
+    text = billingctl.on_a_terminal(bus, "check-server-availability", NO_COLOR="1")
     assert "\\x1b]0;title\\x07 \\u{202e} evil \\u{85} Grüße" in text
     assert "\x1b" not in text
 
 
+@pytest.mark.parametrize("body", ["\x1b[31m\u009b2J\u202e", "Grüße"])
+def test_json_on_a_terminal_is_the_same_and_cannot_steer_it(service, bus, store, body):
+    store.answer.body = body.encode()
+    text = billingctl.on_a_terminal(bus, "check-server-availability", "--json")
+    assert json.loads(text)["resp_info"] == body
+    assert not {"\x1b", "\u009b", "\u202e"} & set(text)
+    assert ("Grüße" in text) == (body == "Grüße")
+
+
 def test_colours_are_for_terminals_that_want_them(service, bus, ctl, store):
-    command = [program(), "check-server-availability"]
-    assert "\x1b[32m" in on_a_terminal(command, environment(bus))
-    assert "\x1b" not in on_a_terminal(command, {**environment(bus), "NO_COLOR": "1"})
+    command = (bus, "check-server-availability")
+    assert "\x1b[32m" in billingctl.on_a_terminal(*command)
+    assert "\x1b" not in billingctl.on_a_terminal(*command, NO_COLOR="1")
     assert "\x1b" not in ctl("check-server-availability").stderr
 
 
@@ -132,30 +130,101 @@ def test_an_answer_is_waited_for_no_longer_than_asked(service, ctl, store):
                           "log"}}
 
 
-def test_a_bus_or_a_service_that_is_not_there_is_named(ctl):
+def test_a_service_that_dies_with_the_call_is_no_time_out(service, bus, store):
+    store.answer = server.Hang()
+    with subprocess.Popen([billingctl.program(), "check-server-availability"], text=True,
+                          stderr=subprocess.PIPE, env=billingctl.environment(bus)) as calling:
+        store.wait_for_requests(1)
+        service.kill()
+        _, said = calling.communicate(timeout=60)
+    assert calling.returncode == UNREACHABLE
+    assert said == ("check_server_availability: the service left the bus before it answered; look at "
+                    "its log; whether the store got the request is not known\n")
+
+
+START_BUS = "start the message bus, or name another one with --bus or DBUS_SYSTEM_BUS_ADDRESS"
+
+
+def test_a_service_that_is_not_there_is_named(ctl):
     done = ctl("check-server-availability")
     assert done.returncode == UNREACHABLE
     assert done.stderr == (
-        "check_server_availability: no answer: nobody owns the name org.plevo.billingservice on "
-        "the bus; start the service (systemctl start billing-service) and look at its log\n")
-    done = ctl("--bus", "unix:path=/nowhere", "check-server-availability")
+        "check_server_availability: nobody owns the name org.plevo.billingservice on the bus; start "
+        "the service (systemctl start billing-service) and look at its log\n")
+
+
+@pytest.mark.parametrize("option", ["--bus", "--address"])
+def test_a_bus_that_is_not_there_is_named(ctl, option):
+    done = ctl(option, "unix:path=/nowhere", "check-server-availability")
     assert done.returncode == UNREACHABLE
-    assert "the system bus cannot be reached: " in done.stderr
-    assert "start the message bus, or name another one" in done.stderr
+    assert done.stderr == ("check_server_availability: the system bus cannot be reached: Could not "
+                           f"connect: No such file or directory; {START_BUS}\n")
+
+
+@pytest.mark.parametrize("command", ["check-server-availability", "doctor"])
+def test_a_bus_that_says_nothing_is_not_waited_for(ctl, tmp_path, command):
+    with socket.socket(socket.AF_UNIX) as silent:
+        silent.bind(str(tmp_path / "silent"))
+        silent.listen()
+        done = ctl("--timeout", "0.3", "--bus", f"unix:path={tmp_path / 'silent'}", command)
+    assert done.returncode == (FAILED if command == "doctor" else UNREACHABLE)
+    said = "what listens at the address of the bus said nothing within 0.3 s"
+    assert said in done.stdout + done.stderr
+    assert START_BUS in done.stdout + done.stderr
+
+
+def test_a_bus_that_refuses_the_call_is_named(service, ctl, caller, tmp_path):
+    rules = tmp_path / "bus.conf"
+    rules.write_text(rules.read_text().replace(
+        f'<allow send_destination="{message_bus.SERVICE}"/>', ""))
+    caller.connection.call_sync("org.freedesktop.DBus", "/", "org.freedesktop.DBus", "ReloadConfig",
+                                None, None, Gio.DBusCallFlags.NONE, 10000, None)
+
+    done = ctl("check-server-availability")
+
+    assert done.returncode == UNREACHABLE
+    assert done.stderr.startswith("check_server_availability: the bus does not let this user call the "
+                                  "service: ")
+    assert done.stderr.endswith("; call as a user of the group that the bus policy names\n")
 
 
 @pytest.mark.parametrize("arguments, said", [
-    ((), "A subcommand is required"),
-    (("buy",), "A subcommand is required"),
-    (("get-product-list",), "--appid is required"),
-    (("check-server-availability", "--timeout", "0"), "not in range"),
-    (("get-product-list", "--appid", b"\xff"), "is not UTF-8"),
+    ((), "A subcommand is required; see billingctl --help"),
+    (("buy",), 'there is no command "buy"; see billingctl --help'),
+    (("get-product-list",), "--appid is required; see billingctl get-product-list --help"),
+    (("confirm-purchase", "--appid", "a"),
+     "--invoiceid is required; see billingctl confirm-purchase --help"),
+    *((("--timeout", time, "doctor"),
+       f'--timeout: "{time}" is no number of seconds from 0.1 to 86400; see billingctl doctor --help')
+      for time in ("0", "-1", "nan", "86401", "soon")),
 ])
-def test_wrong_arguments_are_named(ctl, arguments, said):
+def test_wrong_arguments_are_named_in_one_line(ctl, arguments, said):
     done = ctl(*arguments)
-    assert done.returncode == USAGE
-    assert said in done.stderr
-    assert done.stdout == ""
+    assert (done.returncode, done.stdout) == (USAGE, "")
+    assert done.stderr == f"billingctl: {said}\n"
+    cause, cure = said.split("; ")
+
+    done = ctl("--json", *arguments)
+    assert (done.returncode, done.stderr) == (USAGE, "")
+    assert json.loads(done.stdout) == {"error": {"cause": cause, "cure": cure}}
+
+
+def test_an_argument_that_the_bus_cannot_carry_is_named(ctl):
+    done = ctl("get-product-list", "--appid", b"\xff")
+    assert (done.returncode, done.stdout) == (USAGE, "")
+    assert done.stderr == ("billingctl: --appid: is not UTF-8, which the bus asks for; see billingctl "
+                           "get-product-list --help\n")
+
+
+@pytest.mark.parametrize("arguments", [("--version",), ("--help",), ("doctor",), ("--json", "buy"),
+                                       ("--json", "check-server-availability")])
+def test_output_that_is_lost_is_a_failure(bus, arguments):
+    with open("/dev/full", "w", encoding="utf-8") as full:
+        done = subprocess.run([billingctl.program(), *arguments], stdout=full, check=False, text=True,
+                              stderr=subprocess.PIPE, env=billingctl.environment(bus), timeout=60)
+    assert done.returncode == FAILED
+    assert done.stderr == ("billingctl: the output cannot be written: No space left on device; make "
+                           "room, or send it elsewhere\n")
 
 
 def test_the_version_names_the_libraries(ctl):
@@ -165,221 +234,44 @@ def test_the_version_names_the_libraries(ctl):
         "billingctl", "GLib", "libcurl", "OpenSSL", "jsoncpp"]
 
 
-# --- doctor ---
-
-CHECKS = ["settings", "certificate", "CA bundle", "clock", "token", "key", "route", "name lookup",
-          "TCP", "TLS", "HTTP", "bus", "name", "call"]
-
-
-@pytest.fixture
-def doctor(needs_view, bus, a_device):
-    """A function that runs the doctor where the daemon is, and gives its findings by check."""
-    def run(*arguments, address=None):
-        view = daemon.bubblewrap(a_device.certificates, a_device.credentials.certificates)
-        done = subprocess.run(
-            [*view, program(), "doctor", "--json", "--timeout", "5", *arguments],
-            capture_output=True, text=True, check=False, timeout=120,
-            env={**environment(bus), "PLEVO_DEVICE_CONF": str(a_device.file),
-                 **a_device.credentials.environment,
-                 **({"DBUS_SYSTEM_BUS_ADDRESS": address} if address else {})})
-        report = json.loads(done.stdout)
-        found = {check["check"]: check for check in report["checks"]}
-        failed = [check for check in found if found[check]["outcome"] == "failed"]
-        assert done.returncode == (FAILED if failed else DONE)
-        assert report["failed"] == len(failed)
-        assert all(found[check]["finding"] and found[check]["cure"] for check in failed)
-        return found, failed
-    return run
-
-
-def test_nothing_fails_on_a_device_that_works(service, doctor):
-    found, failed = doctor("--sign")
-    assert list(found) == CHECKS
-    assert failed == []
-    assert {check for check in found if found[check]["outcome"] == "not checked"} == {"HTTP"}
-    assert "demands the device's certificate" in found["HTTP"]["finding"]
-    assert found["key"]["finding"] == "one signature, and the certificate confirms it"
-    # Which program that is only root may see, and there is no root in this view.
-    assert f"(process {service.pid}, user " in found["name"]["finding"]
-
-
-def test_the_key_is_used_only_when_asked_for(service, doctor):
-    found, failed = doctor()
-    assert failed == []
-    assert found["key"]["outcome"] == "not checked"
-
-
-def no_settings(device, _authority):
-    device.write_file("[network\n")
-
-
-def no_certificate(device, _authority):
-    device.credentials.certificate.unlink()
-
-
-def no_certificate_in_the_file(device, _authority):
-    device.credentials.certificate.write_text("nothing\n")
-
-
-def no_bundle(device, _authority):
-    device.ca_file.unlink()
-
-
-def empty_bundle(device, _authority):
-    device.ca_file.write_text("")
-
-
-def other_bundle(device, _authority):
-    device.ca_file.write_bytes(certificates.Authority().pem)
-
-
-def another_token(device, _authority):
-    device.set("keystore", "token", "other")
-
-
-def another_pin(device, _authority):
-    (device.credentials.folder / "pin").write_text("wrong")
-
-
-def no_route(device, _authority):
-    device.set("network", "default_gateway", "down")
-
-
-def no_host(device, _authority):
-    device.set("deployment", "production_host", None)
-
-
-def unknown_host(device, _authority):
-    device.set("deployment", "production_host", "store.invalid")
-
-
-def no_server(device, _authority):
-    device.set("deployment", "production_host", "localhost:1")
-
-
-@pytest.mark.parametrize("break_it, check, cause", [
-    (no_settings, "settings", "line 1"),
-    (no_certificate, "certificate", "bgclient.crt: No such file or directory"),
-    (no_certificate_in_the_file, "certificate", "holds no PEM certificate"),
-    (no_bundle, "CA bundle", "ca.pem: No such file or directory"),
-    (empty_bundle, "CA bundle", "holds no PEM certificate"),
-    (other_bundle, "TLS", "certificate"),
-    (another_token, "token", 'there is no token "other"'),
-    (another_pin, "key", "CKR_PIN_INCORRECT"),
-    (no_route, "route", "there is no default route"),
-    (no_host, "name lookup", "[deployment] production_host is not set"),
-    (unknown_host, "name lookup", "store.invalid"),
-    (no_server, "TCP", "localhost port 1"),
-])
-def test_what_is_wrong_is_the_first_check_that_fails(service, doctor, a_device, authority, break_it,
-                                                     check, cause):
-    break_it(a_device, authority)
-    found, failed = doctor("--sign")
-    assert failed[0] == check
-    assert cause in found[check]["finding"]
-
-
-def test_a_clock_before_the_certificate_is_named(service, doctor, a_device):
-    a_device.credentials.reissue(credentials.A_DAY, 2 * credentials.A_DAY)
-    found, failed = doctor()
-    assert failed[0] == "clock"
-    assert "before the device's certificate is valid" in found["clock"]["finding"]
-
-
-def test_an_expired_certificate_is_named(service, doctor, a_device):
-    a_device.credentials.reissue(-2 * credentials.A_DAY, -credentials.A_DAY)
-    found, failed = doctor()
-    assert failed[0] == "certificate"
-    assert "has expired: valid from" in found["certificate"]["finding"]
-
-
-def test_a_key_of_another_certificate_is_found_out(service, doctor, a_device, tmp_path):
-    key = tmp_path / "other.key"
-    subprocess.run(["openssl", "req", "-x509", "-newkey", "rsa:2048", "-nodes", "-subj", "/CN=other",
-                    "-keyout", key, "-out", a_device.credentials.certificate], check=True,
-                   capture_output=True)
-    found, failed = doctor("--sign")
-    assert failed[0] == "key"
-    assert found["key"]["finding"] == "the token's key is not the certificate's"
-
-
-def test_a_service_that_does_not_run_is_found_out(doctor):
-    found, failed = doctor()
-    assert failed == ["name", "call"]
-    assert found["name"]["finding"] == "nobody owns the name org.plevo.billingservice"
-
-
-def test_a_bus_that_is_not_there_is_found_out(doctor):
-    found, failed = doctor(address="unix:path=/nowhere")
-    assert failed == ["bus"]
-    assert [found[check]["outcome"] for check in ("name", "call")] == ["not checked"] * 2
-
-
-def test_the_doctor_speaks_to_people_too(ctl, tmp_path):
-    done = ctl("doctor", PLEVO_DEVICE_CONF=str(tmp_path / "none"))
-    assert done.returncode == FAILED
-    lines = done.stdout.splitlines()
-    assert lines[0].startswith("failed       settings     ")
-    assert lines[1].strip().startswith("cure: mend the file")
-    assert lines[-1].endswith(" checks failed")
-
-
-# --- monitor ---
-
-@pytest.fixture
-def watch(bus, request):
-    """A function that starts a monitor, which then watches."""
-    def start(*arguments):
-        process = subprocess.Popen([program(), "monitor", *arguments], stdout=subprocess.PIPE,
-                                   stderr=subprocess.PIPE, text=True, env=environment(bus))
-        request.addfinalizer(process.communicate)
-        request.addfinalizer(process.kill)
-        assert process.stderr.readline().startswith("Watching ")
-        return process
-    return start
-
-
-def test_calls_are_watched_without_their_private_values(service, caller, store, watch):
-    watching = watch()
-    store.answer.body = b'{"secret": 1}'
-    caller.call("get_product_list", "app-1", "0", "check-1")
-    asked, answered = (watching.stdout.readline().rstrip("\n") for _ in range(2))
-    assert asked.endswith("-> get_product_list(...)")
-    assert "<- get_product_list resp_result 0, 13 bytes (" in answered
-
-
-def test_calls_are_watched_whole_when_asked_for(service, caller, store, watch):
-    watching = watch("--json", "--show-private")
-    store.answer.body = b'{"secret": 1}'
-    caller.call("get_product_list", "app-1", "0", "check-1")
-    asked, answered = (json.loads(watching.stdout.readline()) for _ in range(2))
-    assert asked["arguments"] == "('app-1', '0', 'check-1')"
-    assert answered["resp_info"] == '{"secret": 1}'
-    assert asked["serial"] == answered["serial"]
-    assert answered["milliseconds"] > 0
-
-
-def test_the_end_of_the_bus_ends_the_watching(bus, watch):
-    watching = watch()
-    bus.kill()
-    assert watching.wait(20) == UNREACHABLE
-    assert "the bus has closed the connection; start it again" in watching.stderr.read()
-
-
 # --- completion and manual ---
 
-def words_of_help(ctl, *arguments):
-    return {word.split("[")[0].rstrip(",") for word in ctl(*arguments, "--help").stdout.split()}
+def spellings_in_help(ctl, *arguments):
+    """The options that a help text describes, each with all its spellings."""
+    return [word.split(",") for word in ctl(*arguments, "--help").stdout.split()
+            if word.startswith("--")]
 
 
-def test_completion_and_manual_name_every_command_and_option(ctl):
-    completion = (daemon.TREE / "data" / "completions" / "billingctl").read_text()
+COMMANDS = [*(method.replace("_", "-") for method in EVERY_CALL), "doctor", "monitor"]
+
+
+def test_the_manual_names_every_command_and_every_spelling_of_its_options(ctl):
     manual = (daemon.TREE / "data" / "man" / "billingctl.1").read_text().replace("\\-", "-")
-    commands = [method.replace("_", "-") for method in EVERY_CALL] + ["doctor", "monitor"]
-    wanted = set(commands)
-    for command in commands:
-        wanted |= {word for word in words_of_help(ctl, command) if word.startswith("--")}
-    wanted |= {word for word in words_of_help(ctl) if word.startswith("--")}
-    wanted = {word.split(",")[-1] for word in wanted}
-    assert {word for word in wanted if word not in completion} == set()
-    assert {word for word in wanted if word not in manual} == set()
+    wanted = {*COMMANDS, *(option for command in ((), *((name,) for name in COMMANDS))
+                           for spellings in spellings_in_help(ctl, *command)
+                           for option in spellings)}
+    assert {"--appid", "--serverType", "--timeout", "--sign"} < wanted
+    assert {word for word in wanted if not re.search(rf"{word}\b", manual)} == set()
+
+
+def completions(*words):
+    """What bash offers for the last of these words."""
+    script = (f'. {daemon.TREE / "data" / "completions" / "billingctl"}; COMP_WORDS=("$@"); '
+              'COMP_CWORD=$(($# - 1)); _billingctl; printf "%s\\n" "${COMPREPLY[@]}"')
+    done = subprocess.run(["bash", "-c", script, "bash", "billingctl", *words], capture_output=True,
+                          text=True, check=True)
+    return done.stdout.split()
+
+
+@pytest.mark.parametrize("command", COMMANDS)
+def test_completion_offers_every_option_of_a_command(ctl, command):
+    own = {spellings[0] for spellings in spellings_in_help(ctl, command)}
+    general = {spellings[0] for spellings in spellings_in_help(ctl)} - {"--version"}
+    assert set(completions(command, "--")) == own | general | {"--help"}
+
+
+def test_completion_offers_the_commands_and_no_values():
+    assert {word for word in completions("") if not word.startswith("--")} == set(COMMANDS)
+    assert completions("--json", "get-p") == ["get-product-list", "get-purchase-history"]
+    assert completions("doctor", "--s") == ["--sign"]
+    assert completions("get-product-list", "--appid", "") == []

@@ -1,5 +1,6 @@
 // test_client_text.cpp - how billingctl shows texts of others.
 #include "calls.h"
+#include "json.h"
 #include "text.h"
 
 #include <gtest/gtest.h>
@@ -51,6 +52,15 @@ TEST(Json, IsIndentedAndNoValueRewritten)
               "{\n  \"a\": [\n    1.10,\n    {},\n    []\n  ],\n  \"b\": \"\\\"{,:\"\n}");
     EXPECT_EQ(indented(" [ ] "), "[]");
     EXPECT_EQ(indented("\"a b\""), "\"a b\"");
+}
+
+TEST(Json, InOneLineIsTheSameValueInEitherWriting)
+{
+    Json::Value value;
+    value["text"] = "Gr\u00fc\u00dfe \u009b\n";
+    value["number"] = 1.5;
+    EXPECT_EQ(lineOf(value, false), "{\"number\":1.5,\"text\":\"Gr\u00fc\u00dfe \u009b\\n\"}");
+    EXPECT_EQ(lineOf(value, true), "{\"number\":1.5,\"text\":\"Gr\\u00fc\\u00dfe \\u009b\\n\"}");
 }
 
 TEST(Colours, AreOnlyThereWhenTheyAreWanted)

@@ -1,0 +1,39 @@
+"""Runs billingctl, the one of the same build as the daemon."""
+import os
+import pty
+import subprocess
+
+from . import daemon
+
+DONE, FAILED, USAGE, TRANSFER, REFUSED, UNREACHABLE = range(6)
+
+
+def program():
+    return daemon.binary().parents[1] / "client" / "billingctl"
+
+
+def environment(bus):
+    return {"PATH": "/usr/bin:/bin", "DBUS_SYSTEM_BUS_ADDRESS": bus.address, **daemon.SANITIZERS}
+
+
+def run(bus, *arguments, **variables):
+    """@return what came of it, with its output as text"""
+    return subprocess.run([program(), *arguments], capture_output=True, text=True, check=False,
+                          timeout=120, env={**environment(bus), **variables})
+
+
+def on_a_terminal(bus, *arguments, **variables):
+    """What a terminal would be sent."""
+    ours, theirs = pty.openpty()
+    process = subprocess.Popen([program(), *arguments], stdout=theirs, stderr=theirs,
+                               env={**environment(bus), **variables})
+    os.close(theirs)
+    text = b""
+    try:
+        while part := os.read(ours, 4096):
+            text += part
+    except OSError:
+        pass  # that is how the end looks
+    process.wait()
+    os.close(ours)
+    return text.decode().replace("\r\n", "\n")
