@@ -10,8 +10,8 @@ from gi.repository import Gio, GLib
 SERVICE = "org.plevo.billingservice"
 OBJECT = "/org/plevo/billingservice"
 
-# The rules of the system bus: nothing may be owned or called but what is named here. No limit is
-# set, so the built-in ones hold, which are those of the system bus.
+# The rules of the system bus: nothing may be owned or called but what is named here. Where no limit
+# is set the built-in ones hold, which are those of the system bus.
 CONFIGURATION = """<!DOCTYPE busconfig PUBLIC "-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN"
  "http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd">
 <busconfig>
@@ -31,21 +31,27 @@ CONFIGURATION = """<!DOCTYPE busconfig PUBLIC "-//freedesktop//DTD D-Bus Bus Con
     <allow receive_type="signal"/>
     <allow send_destination="org.freedesktop.DBus"/>
 {names}  </policy>
-</busconfig>
+{limits}</busconfig>
 """
 
 
 class Bus:
-    """The bus, with its socket and its configuration in a folder of the caller's."""
+    """The bus, with its socket and its configuration in a folder of the caller's.
 
-    def __init__(self, folder, names=(SERVICE,)):
+    @param limits by their names in the bus's configuration, for tests beyond those of the system bus
+    """
+
+    def __init__(self, folder, names=(SERVICE,), limits=None):
         folder = pathlib.Path(folder)
         self.socket = folder / "bus"
         self.address = f"unix:path={self.socket}"
         rules = "".join(f'    <allow own="{name}"/>\n    <allow send_destination="{name}"/>\n'
                         for name in names)
         configuration = folder / "bus.conf"
-        configuration.write_text(CONFIGURATION.format(socket=self.socket, names=rules))
+        configuration.write_text(CONFIGURATION.format(
+            socket=self.socket, names=rules, limits="".join(
+                f'  <limit name="{name}">{value}</limit>\n'
+                for name, value in (limits or {}).items())))
         # It ends with us, however we end and be it at this moment, and knows nothing of our terminal's
         # Ctrl-C.
         self.process = subprocess.Popen(

@@ -3,10 +3,12 @@
 
 #include "easy.h"
 #include "global.h"
+#include "heap.h"
 #include "tls.h"
 
 #include <openssl/crypto.h>
 
+#include <algorithm>
 #include <new>
 #include <thread>
 
@@ -18,6 +20,13 @@ constexpr int kLongestPollMs = 2000;
 
 // A finished transfer that its reader is not ready for yet will be wanted in a moment.
 constexpr int kUnclaimedPollMs = 1;
+
+// Connections that are kept for the next transfers. Left alone, libcurl keeps four for each transfer
+// of the largest burst there was, for as long as the server does.
+constexpr long kMostKeptConnections = 64;
+
+// After that many at once the memory that they took is given back when the last one has gone.
+constexpr std::size_t kBurst = 256;
 
 // A wait that fails does not wait: without a pause the caller's loop would spin.
 constexpr std::chrono::milliseconds kPauseAfterFailure{10};
@@ -42,6 +51,9 @@ bool MZCurlMulti::Impl::initialize()
     }
     if (initializeLibraries()) {
         m_multi.reset(curl_multi_init());
+    }
+    if (m_multi != nullptr) {
+        curl_multi_setopt(m_multi.get(), CURLMOPT_MAXCONNECTS, kMostKeptConnections);
     }
     return m_multi != nullptr;
 }
@@ -98,6 +110,7 @@ bool MZCurlMulti::Impl::add(MZCurlEasy& easy, Transfer& transfer)
     const bool wake = m_pending.empty();
     m_pending.splice(m_pending.end(), entry);
     ++m_added;
+    m_most = std::max(m_most, m_added);
     if (wake) {
         curl_multi_wakeup(m_multi.get());
     }
@@ -197,11 +210,24 @@ int MZCurlMulti::Impl::waitLimit() const
                            : kUnclaimedPollMs;
 }
 
+void MZCurlMulti::Impl::endBurst()
+{
+    {
+        const std::lock_guard<std::mutex> guard(m_lock);
+        if (m_most < kBurst || m_added > 0) {
+            return;
+        }
+        m_most = 0;
+    }
+    giveBackMemory();
+}
+
 bool MZCurlMulti::Impl::select()
 {
     offerAgain();
     adopt();
     if (running() == 0) {
+        endBurst();
         return true;
     }
     const TlsErrorScope errors;

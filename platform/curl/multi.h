@@ -55,14 +55,16 @@ private:
     void finish(Transfer& transfer, CURLcode result);
     void collect();
     void takeOut(Transfer& transfer);
+    void endBurst();
 
     SessionShare m_share;
     std::unique_ptr<CURLM, Cleanup> m_multi;
 
-    std::mutex m_lock;  // guards the following four
+    std::mutex m_lock;  // guards the following five
     bool m_started = false;
     bool m_stopped = false;
     std::size_t m_added = 0;
+    std::size_t m_most = 0;  // of m_added, since memory was given back
     TransferList m_pending;
 
     Gate m_gate;
