@@ -149,31 +149,51 @@ Answer Bus::call(const std::string& method, const std::vector<std::string>& argu
     return answer;
 }
 
-GPtr<GVariant> Bus::ask(const char* method, const std::string& argument) const
+GPtr<GVariant> Bus::ask(const char* method, GVariant* arguments) const
 {
     return GPtr<GVariant>(g_dbus_connection_call_sync(
         m_connection.get(), "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
-        method, g_variant_new("(s)", argument.c_str()), nullptr, G_DBUS_CALL_FLAGS_NONE,
-        BUS_TIMEOUT_MS, nullptr, nullptr));
+        method, arguments, nullptr, G_DBUS_CALL_FLAGS_NONE, BUS_TIMEOUT_MS, nullptr, nullptr));
+}
+
+std::optional<unsigned> Bus::numberOf(const char* method, const char* name) const
+{
+    const GPtr<GVariant> reply = ask(method, g_variant_new("(s)", name));
+    if (reply == nullptr || g_variant_is_of_type(reply.get(), G_VARIANT_TYPE("(u)")) == FALSE) {
+        return std::nullopt;
+    }
+    guint32 number = 0;
+    g_variant_get(reply.get(), "(u)", &number);
+    return number;
 }
 
 std::optional<Owner> Bus::owner() const
 {
-    const GPtr<GVariant> name = ask("GetNameOwner", SERVICE);
-    if (name == nullptr) {
+    const GPtr<GVariant> reply = ask("GetNameOwner", g_variant_new("(s)", SERVICE));
+    if (reply == nullptr) {
         return std::nullopt;
     }
-    Owner owner;
-    const char* unique = nullptr;
-    g_variant_get(name.get(), "(&s)", &unique);
-    owner.name = unique;
-    if (const GPtr<GVariant> pid = ask("GetConnectionUnixProcessID", owner.name)) {
-        g_variant_get(pid.get(), "(u)", &owner.pid);
+    const char* name = nullptr;
+    g_variant_get(reply.get(), "(&s)", &name);
+    return Owner{numberOf("GetConnectionUnixProcessID", name),
+                 numberOf("GetConnectionUnixUser", name)};
+}
+
+bool Bus::startsService() const
+{
+    const GPtr<GVariant> reply = ask("ListActivatableNames", nullptr);
+    if (reply == nullptr) {
+        return false;
     }
-    if (const GPtr<GVariant> uid = ask("GetConnectionUnixUser", owner.name)) {
-        g_variant_get(uid.get(), "(u)", &owner.uid);
+    const char* name = nullptr;
+    GVariantIter* names = nullptr;
+    g_variant_get(reply.get(), "(as)", &names);
+    bool found = false;
+    while (g_variant_iter_next(names, "&s", &name) != FALSE) {
+        found = found || std::string(name) == SERVICE;
     }
-    return owner;
+    g_variant_iter_free(names);
+    return found;
 }
 
 }  // namespace client

@@ -47,9 +47,8 @@ struct Answer {
 
 /// Who owns a name of the bus.
 struct Owner {
-    std::string name;  ///< the unique one
-    unsigned pid = 0;
-    unsigned uid = 0;
+    std::optional<unsigned> pid;  ///< where the bus tells
+    std::optional<unsigned> uid;
 };
 
 /// A connection to the system bus. Thread: one.
@@ -66,12 +65,16 @@ public:
     /// Asks the bus who owns the service's name. @return nullopt when nobody does @throw
     /// Unreachable
     std::optional<Owner> owner() const;
-    /// A method of the bus itself with one text for argument. @return null when it refused
-    GPtr<GVariant> ask(const char* method, const std::string& argument) const;
+    /// Does the bus start the service when somebody calls it?
+    bool startsService() const;
 
     GDBusConnection* connection() const { return m_connection.get(); }
 
 private:
+    /// A method of the bus itself. @param arguments may be floating @return null when it refused
+    GPtr<GVariant> ask(const char* method, GVariant* arguments) const;
+    std::optional<unsigned> numberOf(const char* method, const char* name) const;
+
     GPtr<GDBusConnection> m_connection;
 };
 

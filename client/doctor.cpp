@@ -5,6 +5,8 @@
 #include "json.h"
 #include "text.h"
 
+#include <sys/prctl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -58,6 +60,12 @@ Json::Value valueOf(const Finding& finding)
 
 int doctor(const DoctorOptions& options)
 {
+    if (options.sign) {
+        // The PIN passes through the memory: no core file, no debugger of the same user. The mode is
+        // for the files that the token's module writes when it logs in.
+        prctl(PR_SET_DUMPABLE, 0);
+        umask(S_IRWXG | S_IRWXO);
+    }
     Findings findings;
     std::size_t printed = 0;
     int failed = 0;

@@ -6,6 +6,9 @@
 
 namespace client {
 
+/// What vouches for the store. The service has the same.
+inline constexpr const char* CA_BUNDLE = "/opt/down/cert/ca.pem";
+
 enum class Outcome { Ok, Failed, NotChecked };
 
 /// One check and what came of it.
@@ -23,6 +26,9 @@ struct DoctorOptions {
     bool json = false;
     bool sign = false;  ///< sign once with the device's key
 };
+
+/// Why a setting has no value: it is not there, or it was refused.
+std::string whyMissing(const char* group, const char* key);
 
 /// Bus, owner of the name, one call.
 void checkService(Findings& findings, const DoctorOptions& options);

@@ -1,4 +1,5 @@
 // doctor_device.cpp - what the device proves itself with, and what it trusts.
+#include "certificate.h"
 #include "common/raw_rsa.h"
 #include "doctor.h"
 #include "key_store.h"
@@ -7,10 +8,6 @@
 
 #include <platform/deployment.h>
 #include <platform/secure_storage.h>
-
-#include <openssl/err.h>
-#include <openssl/pem.h>
-#include <openssl/x509.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -23,42 +20,13 @@ namespace client {
 namespace {
 
 constexpr const char* CERTIFICATE = "/usr/apps/org.plevo.billing-api/res/certificate/bgclient.crt";
-constexpr const char* CA_BUNDLE = "/opt/down/cert/ca.pem";
 // 2024-01-01: no clock of a device that was built is before it.
 constexpr time_t EARLIEST = 1704067200;
 
-struct FileClose {
-    void operator()(FILE* file) const { std::fclose(file); }
-};
-using File = std::unique_ptr<FILE, FileClose>;
-struct CertificateFree {
-    void operator()(X509* certificate) const { X509_free(certificate); }
-};
-using Certificate = std::unique_ptr<X509, CertificateFree>;
-
-Certificate next(FILE* file)
+Finding unreadable(const char* check, const std::string& path, int error, const char* cure)
 {
-    Certificate certificate(PEM_read_X509(file, nullptr, nullptr, nullptr));
-    ERR_clear_error();
-    return certificate;
-}
-
-std::string date(const ASN1_TIME* time)
-{
-    struct tm parts {};
-    char text[32] = "?";
-    if (ASN1_TIME_to_tm(time, &parts) == 1) {
-        std::strftime(text, sizeof text, "%Y-%m-%d", &parts);
-    }
-    return text;
-}
-
-std::string nameOf(X509* certificate)
-{
-    char name[256] = "";
-    X509_NAME_get_text_by_NID(X509_get_subject_name(certificate), NID_commonName, name,
-                              sizeof name);
-    return name;
+    return {check, Outcome::Failed, path + ": " + std::strerror(error),
+            error == EACCES ? "let the service's user read it, and run this as that user" : cure};
 }
 
 Finding checkSettings()
@@ -78,83 +46,78 @@ Finding checkCertificate(Certificate& certificate)
 {
     const char* const cure = "put it there with billing-provision install CERTIFICATE";
     const std::string path = CERTIFICATE;
-    const File file(std::fopen(CERTIFICATE, "re"));
-    if (file == nullptr) {
-        return {"certificate", Outcome::Failed, path + ": " + std::strerror(errno), cure};
+    PemFile file = readPem(CERTIFICATE);
+    if (file.error != 0) {
+        return unreadable("certificate", path, file.error, cure);
     }
-    certificate = next(file.get());
-    if (certificate == nullptr) {
+    if (file.certificates.empty()) {
         return {"certificate", Outcome::Failed, path + " holds no PEM certificate", cure};
     }
+    certificate = std::move(file.certificates.front());
     if (!rawrsa::publicNumbersOf(X509_get0_pubkey(certificate.get()))) {
         return {"certificate", Outcome::Failed, path + " is not for an RSA key with 2048 bits",
                 "have one made for the device's key (billing-provision request)"};
     }
-    const std::string valid = "valid from " + date(X509_get0_notBefore(certificate.get())) +
-                              " to " + date(X509_get0_notAfter(certificate.get()));
-    if (X509_cmp_current_time(X509_get0_notAfter(certificate.get())) < 0) {
-        return {"certificate", Outcome::Failed, path + " has expired: " + valid,
+    const std::string validity = validityOf(certificate.get());
+    if (isOver(certificate.get())) {
+        return {"certificate", Outcome::Failed, path + " has expired: " + validity,
                 "have a new one made (billing-provision request --existing); if the clock is "
                 "wrong, set it"};
     }
     return {"certificate", Outcome::Ok,
-            "\"" + nameOf(certificate.get()) + "\", RSA with 2048 bits, " + valid, ""};
+            "\"" + nameOf(certificate.get()) + "\", RSA with 2048 bits, " + validity, ""};
 }
 
 Finding checkBundle()
 {
+    const char* const cure =
+        "put the certificates of the authorities that vouch for the store there, as PEM";
     const std::string path = CA_BUNDLE;
-    const File file(std::fopen(CA_BUNDLE, "re"));
-    if (file == nullptr) {
-        return {"CA bundle", Outcome::Failed, path + ": " + std::strerror(errno),
-                "put the certificates of the authorities that vouch for the store there, as PEM"};
+    const PemFile file = readPem(CA_BUNDLE);
+    if (file.error != 0) {
+        return unreadable("CA bundle", path, file.error, cure);
     }
-    int count = 0;
-    int expired = 0;
-    while (const Certificate certificate = next(file.get())) {
-        ++count;
-        expired += X509_cmp_current_time(X509_get0_notAfter(certificate.get())) < 0 ? 1 : 0;
+    const auto count = static_cast<std::ptrdiff_t>(file.certificates.size());
+    if (file.broken) {
+        return {"CA bundle", Outcome::Failed,
+                "certificate " + std::to_string(count + 1) + " of " + path + " is broken",
+                "put a whole bundle there: with a broken one nothing is trusted"};
     }
     if (count == 0) {
-        return {"CA bundle", Outcome::Failed, path + " holds no PEM certificate",
-                "put the certificates of the authorities that vouch for the store there"};
+        return {"CA bundle", Outcome::Failed, path + " holds no PEM certificate", cure};
     }
+    const auto expired = std::count_if(file.certificates.begin(), file.certificates.end(),
+                                       [](const Certificate& one) { return isOver(one.get()); });
     if (expired == count) {
         return {"CA bundle", Outcome::Failed, "every certificate of " + path + " has expired",
                 "put a newer bundle there; if the clock is wrong, set it"};
     }
     const std::string past = expired > 0 ? ", " + std::to_string(expired) + " expired" : "";
-    return {"CA bundle", Outcome::Ok, std::to_string(count) + " certificates" + past, ""};
+    return {"CA bundle", Outcome::Ok,
+            std::to_string(count) + (count == 1 ? " certificate" : " certificates") + past, ""};
 }
 
-Finding checkClock(X509* certificate)
+Finding checkClock(const X509* certificate)
 {
-    const time_t now = std::time(nullptr);
-    struct tm parts {};
-    char text[32] = "?";
-    if (gmtime_r(&now, &parts) != nullptr) {
-        std::strftime(text, sizeof text, "%Y-%m-%d %H:%M UTC", &parts);
-    }
-    const bool early =
-        certificate != nullptr && X509_cmp_current_time(X509_get0_notBefore(certificate)) > 0;
-    if (now < EARLIEST || early) {
+    const bool early = certificate != nullptr && isBeforeItsTime(certificate);
+    if (std::time(nullptr) < EARLIEST || early) {
         return {"clock", Outcome::Failed,
-                std::string("the clock says ") + text +
+                "the clock says " + clockText() +
                     (early ? ", before the device's certificate is valid" : ""),
                 "set the clock: certificates are not valid yet for it"};
     }
-    return {"clock", Outcome::Ok, text, ""};
+    return {"clock", Outcome::Ok, clockText(), ""};
 }
 
-/// What is wrong, in the words of who noticed it first; a file that is refused as a whole has been
-/// complained of before.
+/// What is wrong, in the words of who noticed it first.
 std::string causeOf(const secure::Error& error)
 {
-    const std::string complaint = takeComplaint();
-    if (*error.what() != '\0') {
-        return error.what();
+    for (const char* const key : {"module", "token", "pin_file"}) {
+        if (!settings::text("keystore", key)) {
+            return whyMissing("keystore", key);
+        }
     }
-    return complaint.empty() ? "[keystore] module, token and pin_file are not all set" : complaint;
+    return error.what();
 }
 
 Finding checkToken()
@@ -169,11 +132,26 @@ Finding checkToken()
         return {"token", Outcome::Failed,
                 "there is no token \"" + place.token + "\" in " + place.module, cure};
     } catch (const secure::Error& error) {
+        takeComplaint();
         return {"token", Outcome::Failed, causeOf(error), cure};
     }
 }
 
-Finding checkKey(X509* certificate)
+std::string cureOf(int error)
+{
+    switch (error) {
+        case SS_ERROR_NOT_FOUND:
+            return "set [deployment] key_id to the id of the device's key, or make one with "
+                   "billing-provision request";
+        case SS_ERROR_ACCESS:
+            return "see [keystore] pin_file in " + settings::filePath() +
+                   ", and run this as the service's user";
+        default:
+            return "look at the token with its own tools; see billing-provision(8)";
+    }
+}
+
+Finding checkKey(const X509* certificate)
 {
     const auto key = certificate != nullptr ? rawrsa::publicNumbersOf(X509_get0_pubkey(certificate))
                                             : std::nullopt;
@@ -183,11 +161,13 @@ Finding checkKey(X509* certificate)
     ss_credential_s credential{};
     std::uint32_t words[5] = {};
     std::int32_t id = 0;
-    if (deployment_get_credential(words) != 0 || deployment_get_key_id(&id) != 0) {
-        const std::string complaint = takeComplaint();
-        return {"key", Outcome::Failed,
-                complaint.empty() ? "[deployment] credential or key_id is not set" : complaint,
-                "set both in " + settings::filePath()};
+    const char* const missing = deployment_get_credential(words) != 0 ? "credential"
+                                : deployment_get_key_id(&id) != 0     ? "key_id"
+                                                                      : nullptr;
+    takeComplaint();
+    if (missing != nullptr) {
+        return {"key", Outcome::Failed, whyMissing("deployment", missing),
+                "set it in " + settings::filePath()};
     }
     ss_init_credential(&credential, words[0], words[1], words[2], words[3], words[4], 1, 0);
     unsigned char block[rawrsa::kBlockSize];
@@ -197,9 +177,13 @@ Finding checkKey(X509* certificate)
     block[sizeof block - 1] = 0;  // type 1 padding around nothing
     unsigned char* result = block;
     std::size_t size = sizeof block;
-    if (ss_encrypt_by_key(&credential, id, &result, &size, 0, 0) != 0) {
-        return {"key", Outcome::Failed, takeComplaint(),
-                "run this as the service's user; see billing-provision(8)"};
+    const int error = ss_encrypt_by_key(&credential, id, &result, &size, 0, 0);
+    if (error != 0) {
+        const std::string complaint = takeComplaint();
+        return {"key", Outcome::Failed,
+                complaint.empty() ? "the key store answers with error " + std::to_string(error)
+                                  : complaint,
+                cureOf(error)};
     }
     const std::unique_ptr<unsigned char, decltype(&ss_free_buffer)> owner(result, ss_free_buffer);
     unsigned char back[rawrsa::kBlockSize];
@@ -213,6 +197,13 @@ Finding checkKey(X509* certificate)
 
 }  // namespace
 
+std::string whyMissing(const char* group, const char* key)
+{
+    const std::string name = std::string("[") + group + "] " + key;
+    return settings::isRefused(group, key) ? name + " holds what it may not, see settings above"
+                                           : name + " is not set";
+}
+
 void checkDevice(Findings& findings, const DoctorOptions& options)
 {
     Certificate certificate;
@@ -221,13 +212,15 @@ void checkDevice(Findings& findings, const DoctorOptions& options)
     findings.push_back(checkBundle());
     findings.push_back(checkClock(certificate.get()));
     findings.push_back(checkToken());
-    if (options.sign) {
-        findings.push_back(checkKey(certificate.get()));
-    } else {
+    if (!options.sign) {
         findings.push_back({"key", Outcome::NotChecked,
                             "--sign signs once with it, as the service's user; a wrong PIN counts "
                             "as a try",
                             ""});
+    } else if (findings.back().outcome == Outcome::Failed) {
+        findings.push_back({"key", Outcome::NotChecked, "there is no token to sign with", ""});
+    } else {
+        findings.push_back(checkKey(certificate.get()));
     }
 }
 

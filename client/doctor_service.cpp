@@ -27,20 +27,42 @@ std::string userOf(unsigned uid)
     return user != nullptr ? user->pw_name : std::to_string(uid);
 }
 
-Finding calls(const Bus& bus, double timeout)
+std::string describe(const Owner& owner)
 {
-    const char* const method = "check_server_availability";
+    return (owner.pid ? programOf(*owner.pid) + " (process " + std::to_string(*owner.pid)
+                      : "a program (process not known") +
+           ", user " + (owner.uid ? userOf(*owner.uid) : "not known") + ")";
+}
+
+Finding checkName(const Bus& bus)
+{
+    const std::string name = SERVICE;
+    if (const auto owner = bus.owner()) {
+        return {"name", Outcome::Ok, name + " is owned by " + describe(*owner), ""};
+    }
+    if (bus.startsService()) {
+        return {"name", Outcome::Ok, "nobody owns " + name + " now; the bus starts it for a call",
+                ""};
+    }
+    return {"name", Outcome::Failed, "nobody owns the name " + name,
+            "start the service (systemctl start billing-service) and look at its log"};
+}
+
+Finding checkCall(const Bus& bus, double timeout)
+{
+    const std::string method = "check_server_availability";
     try {
         const Answer answer = bus.call(method, {}, timeout);
         char time[32];
         std::snprintf(time, sizeof time, " in %.1f ms", answer.milliseconds);
-        const std::string text = std::string(method) + " came back with resp_result " +
-                                 std::to_string(answer.result) + time;
+        const std::string text =
+            method + " came back with resp_result " + std::to_string(answer.result) + time;
         if (answer.result == 0) {
             return {"call", Outcome::Ok, text, ""};
         }
-        const std::string info = answer.info.empty() ? "" : ": " + answer.info.substr(0, 200);
-        return {"call", Outcome::Failed, text + info,
+        // A refusal is in the service's own words; anything else would be the server's.
+        const bool refused = exitCodeOf(answer.result) == EXIT_REFUSED;
+        return {"call", Outcome::Failed, text + (refused ? ": " + answer.info : ""),
                 "mend what failed above; if nothing did, the service's log says more"};
     } catch (const Unreachable& error) {
         return {"call", Outcome::Failed, error.what(), error.cure()};
@@ -54,20 +76,11 @@ void checkService(Findings& findings, const DoctorOptions& options)
     try {
         const Bus bus(options.bus, options.timeout);
         findings.push_back({"bus", Outcome::Ok, "the system bus is reachable", ""});
-        const auto owner = bus.owner();
-        if (owner) {
-            findings.push_back({"name", Outcome::Ok,
-                                std::string(SERVICE) + " is owned by " + programOf(owner->pid) +
-                                    " (process " + std::to_string(owner->pid) + ", user " +
-                                    userOf(owner->uid) + ")",
-                                ""});
-        } else {
-            findings.push_back({"name", Outcome::Failed,
-                                std::string("nobody owns the name ") + SERVICE,
-                                "start the service (systemctl start billing-service) and look at "
-                                "its log"});
-        }
-        findings.push_back(calls(bus, options.timeout));
+        findings.push_back(checkName(bus));
+        findings.push_back(
+            findings.back().outcome == Outcome::Ok
+                ? checkCall(bus, options.timeout)
+                : Finding{"call", Outcome::NotChecked, "there is nobody to answer it", ""});
     } catch (const Unreachable& error) {
         findings.push_back({"bus", Outcome::Failed, error.what(), error.cure()});
         findings.push_back({"name", Outcome::NotChecked, "there is no bus to ask", ""});

@@ -1,4 +1,5 @@
 """The parts of a running system, one set for each test."""
+import functools
 import pathlib
 import signal
 import sys
@@ -8,6 +9,7 @@ import pytest
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1]))
 
 from harness import certificates, credentials, daemon, device, server  # noqa: E402
+from harness.doctor import examine  # noqa: E402
 
 from billing_lab import bus as message_bus  # noqa: E402
 from billing_lab import view  # noqa: E402
@@ -128,6 +130,12 @@ def service(needs_view, start_daemon, caller):
     process = start_daemon()
     process.wait_for_name(caller)
     return process
+
+
+@pytest.fixture
+def doctor(needs_view, bus, a_device):
+    """A function that runs the doctor where the daemon is."""
+    return functools.partial(examine, bus, a_device)
 
 
 @pytest.hookimpl(hookwrapper=True)

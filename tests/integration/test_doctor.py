@@ -1,163 +1,418 @@
-"""billingctl doctor where the real daemon runs: each check, failing and passing."""
+"""billingctl doctor where the real daemon runs: each check failing, with its cause and its cure, and
+passing."""
+import datetime
 import json
+import os
+import re
 import subprocess
 
 import pytest
+from gi.repository import Gio
 from harness import billingctl, certificates, credentials, daemon
-from harness.billingctl import DONE, FAILED
+from harness.billingctl import FAILED
+from harness.doctor import outcomes
 
-CHECKS = ["settings", "certificate", "CA bundle", "clock", "token", "key", "route", "name lookup",
-          "TCP", "TLS", "HTTP", "bus", "name", "call"]
+CERTIFICATE = "/usr/apps/org.plevo.billing-api/res/certificate/bgclient.crt"
+BUNDLE = "/opt/down/cert/ca.pem"
+PUT_CERTIFICATE = "put it there with billing-provision install CERTIFICATE"
+PUT_BUNDLE = "put the certificates of the authorities that vouch for the store there, as PEM"
+AS_USER = "let the service's user read it, and run this as that user"
+MEND = ("mend the file, or name another one with PLEVO_DEVICE_CONF; it is read again at the next "
+        "call")
+REFUSED = "until then every call is answered with 1160003"
+NOT_REACHED = "the request did not come that far"
 
 
-@pytest.fixture
-def doctor(needs_view, bus, a_device):
-    """A function that runs the doctor where the daemon is, and gives its findings by check."""
-    def run(*arguments, address=None):
-        view = daemon.bubblewrap(a_device.certificates, a_device.credentials.certificates)
-        done = subprocess.run(
-            [*view, billingctl.program(), "doctor", "--json", "--timeout", "5", *arguments],
-            capture_output=True, text=True, check=False, timeout=120,
-            env={**billingctl.environment(bus), "PLEVO_DEVICE_CONF": str(a_device.file),
-                 **a_device.credentials.environment,
-                 **({"DBUS_SYSTEM_BUS_ADDRESS": address} if address else {})})
-        report = json.loads(done.stdout)
-        found = {check["check"]: check for check in report["checks"]}
-        failed = [check for check in found if found[check]["outcome"] == "failed"]
-        assert done.returncode == (FAILED if failed else DONE)
-        assert report["failed"] == len(failed)
-        assert all(found[check]["finding"] and found[check]["cure"] for check in failed)
-        return found, failed
-    return run
+def of_device(text, device):
+    """A text with the places of the test's device in it."""
+    return text.format(conf=device.file, lab=device.credentials.folder,
+                       port=device.settings["deployment"].get("production_host", ":").split(":")[-1],
+                       module=device.settings["keystore"].get("module"))
 
+
+# --- a device that works ---
 
 def test_nothing_fails_on_a_device_that_works(service, doctor):
     found, failed = doctor("--sign")
-    assert list(found) == CHECKS
     assert failed == []
-    assert {check for check in found if found[check]["outcome"] == "not checked"} == {"HTTP"}
-    assert "demands the device's certificate" in found["HTTP"]["finding"]
-    assert found["key"]["finding"] == "one signature, and the certificate confirms it"
-    # Which program that is only root may see, and there is no root in this view.
-    assert f"(process {service.pid}, user " in found["name"]["finding"]
+    assert outcomes(found, "not checked") == {"HTTP"}
+    today = datetime.datetime.now(datetime.timezone.utc).strftime("%Y-%m-%d")
+    for check, finding in {
+            "settings": r"/.*/device\.conf is well-formed",
+            "certificate": r'"Billing lab device", RSA with 2048 bits, valid from [-0-9]{10} to '
+                           r"[-0-9]{10}",
+            "CA bundle": "1 certificate",
+            "clock": rf"{today[:7]}-\d\d \d\d:\d\d UTC",
+            "token": '"billing-lab" is there',
+            "key": "one signature, and the certificate confirms it",
+            "route": r"\[network\] default_gateway says up; nobody asks the kernel",
+            "name lookup": r"production\.localhost is known",
+            "TCP": r"connected to 127\.0\.0\.1",
+            "TLS": r"the CA bundle vouches for production\.localhost",
+            "HTTP": "the store demands the device's certificate, which only the service presents: "
+                    "see the call below",
+            "bus": "the system bus is reachable",
+            # Which program that is only root may see, and there is no root in this view.
+            "name": r"org\.plevo\.billingservice is owned by a program that only root may look at "
+                    rf"\(process {service.pid}, user \S+\)",
+            "call": r"check_server_availability came back with resp_result 0 in \d+\.\d ms",
+    }.items():
+        assert re.fullmatch(finding, found[check]["finding"]), check
 
 
 def test_the_key_is_used_only_when_asked_for(service, doctor):
     found, failed = doctor()
     assert failed == []
-    assert found["key"]["outcome"] == "not checked"
+    assert found["key"] == {"check": "key", "outcome": "not checked",
+                            "finding": "--sign signs once with it, as the service's user; a wrong PIN "
+                                       "counts as a try"}
 
 
-def no_settings(device, _authority):
+def test_the_kernel_is_asked_for_the_route(service, doctor, a_device):
+    a_device.set("network", "default_gateway", None)
+    there = subprocess.run("ip route show default; ip -6 route show default", shell=True, check=True,
+                           capture_output=True).stdout != b""
+    found, failed = doctor()
+    assert ("route" in failed) == (not there)
+    assert found["route"]["finding"] == ("there is a default route" if there
+                                         else "there is no default route")
+
+
+def test_the_owner_is_named_with_its_program_where_it_can_be_seen(service, bus):
+    done = billingctl.run(bus, "doctor", "--json")
+    found = {check["check"]: check for check in json.loads(done.stdout)["checks"]}
+    try:
+        program = os.readlink(f"/proc/{service.pid}/exe")
+    except PermissionError:
+        program = "a program that only root may look at"
+    assert f" is owned by {program} (process {service.pid}, user " in found["name"]["finding"]
+
+
+# --- what is broken on the device ---
+
+def no_settings(device):
     device.write_file("[network\n")
 
 
-def no_certificate(device, _authority):
+def lost_settings(device):
+    device.file.unlink()
+
+
+def no_certificate(device):
     device.credentials.certificate.unlink()
 
 
-def no_certificate_in_the_file(device, _authority):
+def certificate_of_garbage(device):
     device.credentials.certificate.write_text("nothing\n")
 
 
-def no_bundle(device, _authority):
+def broken_certificate(device):
+    text = device.credentials.certificate.read_text()
+    device.credentials.certificate.write_text(text.replace("MII", "MIJ", 1))
+
+
+def certificate_for_root(device):
+    device.credentials.certificate.chmod(0)
+
+
+def certificate_of_a_short_key(device):
+    own_certificate(device, "rsa:1024")
+
+
+def own_certificate(device, kind="rsa:2048"):
+    subprocess.run(["openssl", "req", "-x509", "-newkey", kind, "-nodes", "-subj", "/CN=other",
+                    "-keyout", device.credentials.folder / "other.key",
+                    "-out", device.credentials.certificate], check=True, capture_output=True)
+
+
+def no_bundle(device):
     device.ca_file.unlink()
 
 
-def empty_bundle(device, _authority):
+def bundle_for_root(device):
+    device.ca_file.chmod(0)
+
+
+def empty_bundle(device):
     device.ca_file.write_text("")
 
 
-def other_bundle(device, _authority):
-    device.ca_file.write_bytes(certificates.Authority().pem)
+def broken_bundle(device):
+    text = device.ca_file.read_text()
+    device.ca_file.write_text(text + text.replace("MII", "MIJ", 1))
 
 
-def another_token(device, _authority):
+def another_token(device):
     device.set("keystore", "token", "other")
 
 
-def another_pin(device, _authority):
+def no_module(device):
+    device.set("keystore", "module", "/nowhere.so")
+
+
+def module_not_set(device):
+    device.set("keystore", "module", None)
+
+
+def another_pin(device):
     (device.credentials.folder / "pin").write_text("wrong")
 
 
-def no_route(device, _authority):
+def open_pin(device):
+    (device.credentials.folder / "pin").chmod(0o644)
+
+
+def another_key(device):
+    device.set("deployment", "key_id", "77")
+
+
+def no_key(device):
+    device.set("deployment", "key_id", None)
+
+
+def refused_key(device):
+    device.set("deployment", "key_id", "first")
+
+
+def no_route(device):
     device.set("network", "default_gateway", "down")
 
 
-def no_host(device, _authority):
+def broken_route(device):
+    device.set("network", "default_gateway", "error:5")
+
+
+def refused_route(device):
+    device.set("network", "default_gateway", "perhaps")
+
+
+def no_host(device):
     device.set("deployment", "production_host", None)
 
 
-def unknown_host(device, _authority):
+def refused_host(device):
+    device.set("deployment", "production_host", "https://store.example/")
+
+
+def unknown_host(device):
     device.set("deployment", "production_host", "store.invalid")
 
 
-def no_server(device, _authority):
+def no_server(device):
     device.set("deployment", "production_host", "localhost:1")
 
 
-@pytest.mark.parametrize("break_it, check, cause", [
-    (no_settings, "settings", "line 1"),
-    (no_certificate, "certificate", "bgclient.crt: No such file or directory"),
-    (no_certificate_in_the_file, "certificate", "holds no PEM certificate"),
-    (no_bundle, "CA bundle", "ca.pem: No such file or directory"),
-    (empty_bundle, "CA bundle", "holds no PEM certificate"),
-    (other_bundle, "TLS", "certificate"),
-    (another_token, "token", 'there is no token "other"'),
-    (another_pin, "key", "CKR_PIN_INCORRECT"),
-    (no_route, "route", "there is no default route"),
-    (no_host, "name lookup", "[deployment] production_host is not set"),
-    (unknown_host, "name lookup", "store.invalid"),
-    (no_server, "TCP", "localhost port 1"),
+BY_KEY_STORE = 'key store: token "billing-lab" of {module}: '
+
+
+@pytest.mark.parametrize("break_it, check, cause, cure", [
+    (no_settings, "settings",
+     "settings: {conf}: line 1 is not a [group], a key=value or a # comment in its place; every "
+     "setting counts as not set until it is mended", MEND),
+    (lost_settings, "settings",
+     "settings: {conf}: cannot be read: No such file or directory; every setting counts as not set "
+     "until the file is there and readable (PLEVO_DEVICE_CONF names another)", MEND),
+    (no_certificate, "certificate", CERTIFICATE + ": No such file or directory", PUT_CERTIFICATE),
+    (certificate_of_garbage, "certificate", CERTIFICATE + " holds no PEM certificate",
+     PUT_CERTIFICATE),
+    (broken_certificate, "certificate", CERTIFICATE + " holds no PEM certificate", PUT_CERTIFICATE),
+    (certificate_for_root, "certificate", CERTIFICATE + ": Permission denied", AS_USER),
+    (certificate_of_a_short_key, "certificate", CERTIFICATE + " is not for an RSA key with 2048 bits",
+     "have one made for the device's key (billing-provision request)"),
+    (no_bundle, "CA bundle", BUNDLE + ": No such file or directory", PUT_BUNDLE),
+    (bundle_for_root, "CA bundle", BUNDLE + ": Permission denied", AS_USER),
+    (empty_bundle, "CA bundle", BUNDLE + " holds no PEM certificate", PUT_BUNDLE),
+    (broken_bundle, "CA bundle", f"certificate 2 of {BUNDLE} is broken",
+     "put a whole bundle there: with a broken one nothing is trusted"),
+    (another_token, "token", 'there is no token "other" in {module}',
+     "see [keystore] in {conf}, and billing-provision(8)"),
+    (no_module, "token",
+     "/nowhere.so: cannot open shared object file: No such file or directory; [keystore] module must "
+     "be the absolute path of a PKCS#11 module",
+     "see [keystore] in {conf}, and billing-provision(8)"),
+    (module_not_set, "token", "[keystore] module is not set",
+     "see [keystore] in {conf}, and billing-provision(8)"),
+    (open_pin, "key",
+     BY_KEY_STORE + "{lab}/pin is open to others; it is used after chmod 600 {lab}/pin",
+     "see [keystore] pin_file in {conf}, and run this as the service's user"),
+    (no_key, "key", "[deployment] key_id is not set", "set it in {conf}"),
+    (own_certificate, "key", "the token's key is not the certificate's",
+     "install the certificate that was made for it, or set [deployment] key_id"),
+    (no_route, "route", "[network] default_gateway says down", "set it to auto; " + REFUSED),
+    (broken_route, "route", "[network] default_gateway says error:5", "set it to auto; " + REFUSED),
+    (no_host, "name lookup", "[deployment] production_host is not set",
+     "set it to the store's host in {conf}"),
+    (unknown_host, "name lookup", "Could not resolve host: store.invalid",
+     "look at the device's name servers, and at [deployment] production_host"),
 ])
-def test_what_is_wrong_is_the_first_check_that_fails(service, doctor, a_device, authority, break_it,
-                                                     check, cause):
-    break_it(a_device, authority)
+def test_what_is_broken_is_the_first_check_that_fails(service, doctor, a_device, break_it, check,
+                                                      cause, cure):
+    break_it(a_device)
+    found, failed = doctor("--sign")
+    assert failed[0] == check
+    assert found[check]["finding"] == of_device(cause, a_device)
+    assert found[check]["cure"] == of_device(cure, a_device)
+
+
+@pytest.mark.parametrize("break_it, check, cause", [
+    (another_pin, "key", "CKR_PIN_INCORRECT"),
+    (another_key, "key", "there is no private key with "),
+    (no_server, "TCP", "Failed to connect to localhost port 1 "),
+])
+def test_what_is_broken_is_said_in_the_words_of_who_noticed(service, doctor, a_device, break_it, check,
+                                                            cause):
+    break_it(a_device)
     found, failed = doctor("--sign")
     assert failed[0] == check
     assert cause in found[check]["finding"]
+    assert found[check]["cure"] == of_device({
+        another_pin: "see [keystore] pin_file in {conf}, and run this as the service's user",
+        another_key: "set [deployment] key_id to the id of the device's key, or make one with "
+                     "billing-provision request",
+        no_server: "is the store up, does a firewall stand between, is the port in [deployment] "
+                   "production_host right"}[break_it], a_device)
 
+
+@pytest.mark.parametrize("break_it, check, key", [
+    (refused_key, "key", "[deployment] key_id"),
+    (refused_route, "route", "[network] default_gateway"),
+    (refused_host, "name lookup", "[deployment] production_host"),
+])
+def test_a_setting_that_is_refused_is_not_called_missing(service, doctor, a_device, break_it, check,
+                                                         key):
+    break_it(a_device)
+    found, failed = doctor("--sign")
+    assert failed[:2] == ["settings", check]
+    assert f": {key} is no" in found["settings"]["finding"]
+    assert found[check]["finding"] == f"{key} holds what it may not, see settings above"
+
+
+def test_what_was_not_reached_was_not_checked(service, doctor, a_device):
+    unknown_host(a_device)
+    another_token(a_device)
+    found, _ = doctor("--sign")
+    assert {check: found[check]["finding"] for check in outcomes(found, "not checked")} == {
+        "key": "there is no token to sign with", "TCP": NOT_REACHED, "TLS": NOT_REACHED,
+        "HTTP": NOT_REACHED}
+
+
+def test_no_secret_is_shown(service, doctor, a_device):
+    secrets = [value for group in ("config", "account") for value in a_device.settings[group].values()
+               if len(value) > 3]
+    pin = (a_device.credentials.folder / "pin").read_text().strip()
+    another_pin(a_device)
+    a_device.set("account", "guid", "guid\x01")
+    text = str(doctor("--sign"))
+    assert len(secrets) > 3
+    assert [secret for secret in [*secrets, pin, "wrong"] if secret in text] == []
+
+
+# --- time ---
 
 def test_a_clock_before_the_certificate_is_named(service, doctor, a_device):
     a_device.credentials.reissue(credentials.A_DAY, 2 * credentials.A_DAY)
     found, failed = doctor()
     assert failed[0] == "clock"
-    assert "before the device's certificate is valid" in found["clock"]["finding"]
+    assert re.fullmatch(r"the clock says [-0-9]{10} \d\d:\d\d UTC, before the device's certificate is "
+                        "valid", found["clock"]["finding"])
+
+
+def test_a_clock_of_1970_is_the_cause(service, doctor):
+    clock = daemon.binary().parents[1] / "tests" / "support" / "clock-1970.so"
+    found, failed = doctor(LD_PRELOAD=str(clock))
+    assert failed == ["clock", "TLS"]
+    assert found["clock"]["finding"] == ("the clock says 1970-01-01 00:01 UTC, before the device's "
+                                         "certificate is valid")
+    assert found["clock"]["cure"] == "set the clock: certificates are not valid yet for it"
+    assert re.fullmatch(r'the certificate ".+" is not valid yet: valid from [-0-9]{10} to [-0-9]{10}, '
+                        "and the clock says 1970-01-01 00:01 UTC", found["TLS"]["finding"])
+    assert found["TLS"]["cure"] == ("set the clock; if it is right, the store uses its certificate too "
+                                    "early")
 
 
 def test_an_expired_certificate_is_named(service, doctor, a_device):
     a_device.credentials.reissue(-2 * credentials.A_DAY, -credentials.A_DAY)
     found, failed = doctor()
     assert failed[0] == "certificate"
-    assert "has expired: valid from" in found["certificate"]["finding"]
+    assert re.fullmatch(CERTIFICATE + " has expired: valid from [-0-9]{10} to [-0-9]{10}",
+                        found["certificate"]["finding"])
+    assert found["certificate"]["cure"] == ("have a new one made (billing-provision request "
+                                            "--existing); if the clock is wrong, set it")
 
 
-def test_a_key_of_another_certificate_is_found_out(service, doctor, a_device, tmp_path):
-    key = tmp_path / "other.key"
-    subprocess.run(["openssl", "req", "-x509", "-newkey", "rsa:2048", "-nodes", "-subj", "/CN=other",
-                    "-keyout", key, "-out", a_device.credentials.certificate], check=True,
-                   capture_output=True)
-    found, failed = doctor("--sign")
-    assert failed[0] == "key"
-    assert found["key"]["finding"] == "the token's key is not the certificate's"
+@pytest.fixture
+def old_certificate(a_device):
+    return a_device.credentials.certify(validity=certificates.EXPIRED)
 
+
+def test_expired_authorities_are_named(service, doctor, a_device, old_certificate):
+    good = a_device.ca_file.read_bytes()
+    a_device.ca_file.write_bytes(good + old_certificate)
+    found, failed = doctor()
+    assert failed == []
+    assert found["CA bundle"]["finding"] == "2 certificates, 1 expired"
+
+    a_device.ca_file.write_bytes(old_certificate)
+    found, failed = doctor()
+    assert failed[0] == "CA bundle"
+    assert found["CA bundle"]["finding"] == f"every certificate of {BUNDLE} has expired"
+    assert found["CA bundle"]["cure"] == "put a newer bundle there; if the clock is wrong, set it"
+
+
+# --- the bus ---
 
 def test_a_service_that_does_not_run_is_found_out(doctor):
     found, failed = doctor()
-    assert failed == ["name", "call"]
+    assert failed == ["name"]
     assert found["name"]["finding"] == "nobody owns the name org.plevo.billingservice"
+    assert found["name"]["cure"] == ("start the service (systemctl start billing-service) and look at "
+                                     "its log")
+    assert found["call"]["finding"] == "there is nobody to answer it"
+
+
+def test_a_service_that_the_bus_cannot_start_is_found_out(doctor, caller, tmp_path):
+    rules = tmp_path / "bus.conf"
+    rules.write_text(rules.read_text().replace(
+        "<auth>", f"<servicedir>{tmp_path}</servicedir><auth>", 1))
+    (tmp_path / "org.plevo.billingservice.service").write_text(
+        "[D-BUS Service]\nName=org.plevo.billingservice\nExec=/bin/false\nUser=root\n")
+    caller.connection.call_sync("org.freedesktop.DBus", "/", "org.freedesktop.DBus", "ReloadConfig",
+                                None, None, Gio.DBusCallFlags.NONE, 10000, None)
+    found, failed = doctor()
+    assert failed == ["call"]
+    assert found["name"]["finding"] == ("nobody owns org.plevo.billingservice now; the bus starts it "
+                                        "for a call")
+    assert "exited with status 1" in found["call"]["finding"]
 
 
 def test_a_bus_that_is_not_there_is_found_out(doctor):
-    found, failed = doctor(address="unix:path=/nowhere")
+    found, failed = doctor(DBUS_SYSTEM_BUS_ADDRESS="unix:path=/nowhere")
     assert failed == ["bus"]
+    assert found["bus"]["finding"] == ("the system bus cannot be reached: Could not connect: No such "
+                                       "file or directory")
+    assert found["bus"]["cure"] == ("start the message bus, or name another one with --bus or "
+                                    "DBUS_SYSTEM_BUS_ADDRESS")
     assert [found[check]["outcome"] for check in ("name", "call")] == ["not checked"] * 2
 
+
+def test_a_refused_call_is_said_in_the_service_s_words(service, doctor, a_device):
+    no_route(a_device)
+    found, failed = doctor()
+    assert failed == ["route", "call"]
+    assert re.fullmatch(r"check_server_availability came back with resp_result 1160003 in \d+\.\d ms: "
+                        r"Network error, please check!", found["call"]["finding"])
+    assert found["call"]["cure"] == ("mend what failed above; if nothing did, the service's log says "
+                                     "more")
+
+
+# --- for people ---
 
 def test_the_doctor_speaks_to_people_too(bus, tmp_path):
     done = billingctl.run(bus, "doctor", PLEVO_DEVICE_CONF=str(tmp_path / "none"))
     assert done.returncode == FAILED
     lines = done.stdout.splitlines()
-    assert lines[0].startswith("failed       settings     ")
-    assert lines[1].strip().startswith("cure: mend the file")
-    assert lines[-1].endswith(" checks failed")
+    assert lines[0].startswith("failed       settings     settings: ")
+    assert lines[1] == f"{'':26}cure: {MEND}"
+    assert f"not checked  HTTP         {NOT_REACHED}" in lines
+    assert "ok           bus          the system bus is reachable" in lines
+    assert lines[-1].endswith(" of 14 checks failed")

@@ -1,0 +1,39 @@
+// certificate.h - certificates as the doctor reads and describes them.
+#pragma once
+
+#include <openssl/x509.h>
+
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace client {
+
+struct CertificateFree {
+    void operator()(X509* certificate) const { X509_free(certificate); }
+};
+using Certificate = std::unique_ptr<X509, CertificateFree>;
+
+/// What a PEM file holds.
+struct PemFile {
+    std::vector<Certificate> certificates;
+    int error = 0;        ///< of opening it, an errno value
+    bool broken = false;  ///< something follows that looks like a certificate and is none
+};
+
+PemFile readPem(const char* path);
+
+/// "valid from 2026-01-31 to 2027-01-31"
+std::string validityOf(const X509* certificate);
+/// The common name, or where there is none what hostsOf() says.
+std::string nameOf(const X509* certificate);
+/// The host names and addresses that a server's certificate is for, with commas between them.
+std::string hostsOf(const X509* certificate);
+
+bool isOver(const X509* certificate);
+bool isBeforeItsTime(const X509* certificate);
+
+/// What the clock of this machine says.
+std::string clockText();
+
+}  // namespace client

@@ -1,0 +1,37 @@
+"""Runs billingctl's doctor where the daemon is."""
+import json
+import re
+import subprocess
+
+from . import billingctl, daemon
+from .billingctl import DONE, FAILED
+
+CHECKS = ["settings", "certificate", "CA bundle", "clock", "token", "key", "route", "name lookup",
+          "TCP", "TLS", "HTTP", "bus", "name", "call"]
+
+
+def outcomes(found, outcome):
+    """The checks that came out like this."""
+    return {check for check in found if found[check]["outcome"] == outcome}
+
+
+def examine(bus, device, *arguments, seconds="5", **variables):
+    """@return its findings by check, and the names of the checks that failed"""
+    view = daemon.bubblewrap(device.certificates, device.credentials.certificates)
+    done = subprocess.run(
+        [*view, billingctl.program(), "doctor", "--json", "--timeout", seconds, *arguments],
+        capture_output=True, text=True, check=False, timeout=120,
+        env={**billingctl.environment(bus), "PLEVO_DEVICE_CONF": str(device.file),
+             **device.credentials.environment, **variables})
+    report = json.loads(done.stdout)
+    assert list(report) == ["checks", "failed"]
+    found = {check["check"]: check for check in report["checks"]}
+    assert list(found) == CHECKS
+    failed = [check for check in found if found[check]["outcome"] == "failed"]
+    assert done.returncode == (FAILED if failed else DONE)
+    assert report["failed"] == len(failed)
+    for check in found.values():
+        assert check["finding"]
+        assert ("cure" in check) == (check["outcome"] == "failed")
+        assert not re.search(r"[\r\n]", check["finding"] + check.get("cure", ""))
+    return found, failed
