@@ -89,7 +89,8 @@ def test_every_call_to_a_bad_server_is_answered(service, callers, store, size, f
            f"{took:.0f} s; resident grew by {grown} KiB after the first tenth; descriptors {before} "
            f"before, {left} after")
     if not daemon.is_sanitized():
-        assert grown < 1024
+        # A short run is still on its way to its level.
+        assert grown < size(8192, 1024)
     # Connections that are kept for the next calls are 64 at most.
     assert before is None or left - before <= 64
 
