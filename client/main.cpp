@@ -137,12 +137,14 @@ int wrongUsage(const CLI::App& app, const CLI::ParseError& error, bool json)
 /// An answer that nobody could read is no success.
 int finished(int exitCode)
 {
-    if (std::fflush(stdout) == 0 && std::ferror(stdout) == 0) {
+    const bool flushed = std::fflush(stdout) == 0;
+    const int error = errno;
+    if (flushed && std::ferror(stdout) == 0) {
         return exitCode;
     }
     std::fprintf(stderr,
                  "billingctl: the output cannot be written: %s; make room, or send it elsewhere\n",
-                 std::strerror(errno));
+                 flushed ? "a part of it is lost" : std::strerror(error));
     return EXIT_FAILED;
 }
 

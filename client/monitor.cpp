@@ -15,16 +15,68 @@ namespace client {
 
 namespace {
 
+constexpr const char* BUS = "org.freedesktop.DBus";
+
 /// A call that has no answer yet.
 struct Pending {
     std::string method;
     gint64 began;
+
+    double milliseconds() const
+    {
+        return static_cast<double>(g_get_monotonic_time() - began) / 1000;
+    }
 };
+
+/// Caller and serial.
+using Key = std::pair<std::string, guint32>;
+
+std::string textOf(const char* text)
+{
+    return text != nullptr ? text : "";
+}
+
+std::string nowAs(const char* format)
+{
+    GDateTime* const now = g_date_time_new_now_local();
+    const GPtr<gchar> text(g_date_time_format(now, format));
+    g_date_time_unref(now);
+    return textOf(text.get());
+}
+
+/// What is shown of an event: the line, and for programs the value.
+struct Event {
+    Event(const char* kind, const Key& key, const std::string& method)
+    {
+        value["event"] = kind;
+        value["time"] = nowAs("%Y-%m-%dT%H:%M:%S.%f%:z");
+        value["caller"] = key.first;
+        value["serial"] = key.second;
+        value["method"] = method;
+    }
+
+    Json::Value value;
+    std::string line;
+};
+
+/// The arguments of a call, each as it would be typed where it is no text.
+Json::Value argumentsOf(GVariant* body)
+{
+    Json::Value arguments(Json::arrayValue);
+    for (gsize i = 0; body != nullptr && i < g_variant_n_children(body); ++i) {
+        const GPtr<GVariant> child(g_variant_get_child_value(body, i));
+        const bool text = g_variant_is_of_type(child.get(), G_VARIANT_TYPE_STRING) != FALSE;
+        const GPtr<gchar> printed(text ? g_variant_dup_string(child.get(), nullptr)
+                                       : g_variant_print(child.get(), TRUE));
+        arguments.append(printed.get());
+    }
+    return arguments;
+}
 
 class Watcher {
 public:
-    explicit Watcher(const MonitorOptions& options)
-        : m_options(options), m_style(Style::of(STDOUT_FILENO))
+    Watcher(const MonitorOptions& options, GMainLoop* loop)
+        : m_options(options), m_style(Style::of(STDOUT_FILENO)), m_loop(loop)
     {
     }
 
@@ -39,127 +91,138 @@ public:
                 seeAnswer(message);
                 break;
             case G_DBUS_MESSAGE_TYPE_SIGNAL:
+                seeSignal(message);
+                break;
             case G_DBUS_MESSAGE_TYPE_INVALID:
                 break;
         }
     }
 
 private:
-    using Key = std::pair<std::string, guint32>;  // caller and serial
-
-    static std::string textOf(const char* text) { return text != nullptr ? text : ""; }
-
     void seeCall(GDBusMessage* message)
     {
-        if (textOf(g_dbus_message_get_interface(message)) != SERVICE) {
-            return;
-        }
-        const std::string caller = textOf(g_dbus_message_get_sender(message));
-        const guint32 serial = g_dbus_message_get_serial(message);
+        const Key key(textOf(g_dbus_message_get_sender(message)),
+                      g_dbus_message_get_serial(message));
         const std::string method = textOf(g_dbus_message_get_member(message));
-        m_pending[{caller, serial}] = {method, g_get_monotonic_time()};
-
-        GVariant* const body = g_dbus_message_get_body(message);
-        const GPtr<gchar> printed(
-            g_strdup(body == nullptr || !m_options.showPrivate ? "(...)" : nullptr));
-        const GPtr<gchar> arguments(printed == nullptr ? g_variant_print(body, FALSE) : nullptr);
-        const char* const shownArguments = printed != nullptr ? printed.get() : arguments.get();
-        if (m_options.json) {
-            Json::Value value = entry("call", caller, serial, method);
-            if (m_options.showPrivate) {
-                value["arguments"] = shownArguments;
-            }
-            print(lineOf(value, false));
-        } else {
-            print(prefix(caller, serial) + "-> " + shown(method + shownArguments, false));
+        if ((g_dbus_message_get_flags(message) & G_DBUS_MESSAGE_FLAGS_NO_REPLY_EXPECTED) == 0) {
+            m_pending[key] = {method, g_get_monotonic_time()};
         }
+        Event event("call", key, method);
+        std::string arguments = "(...)";
+        if (m_options.showPrivate) {
+            GVariant* const body = g_dbus_message_get_body(message);
+            event.value["arguments"] = argumentsOf(body);
+            const GPtr<gchar> printed(body != nullptr ? g_variant_print(body, FALSE)
+                                                      : g_strdup("()"));
+            arguments = printed.get();
+        }
+        event.line = "-> " + shown(method + arguments, false);
+        print(key, event);
     }
 
     void seeAnswer(GDBusMessage* message)
     {
-        const std::string caller = textOf(g_dbus_message_get_destination(message));
-        const guint32 serial = g_dbus_message_get_reply_serial(message);
-        const auto found = m_pending.find({caller, serial});
+        const Key key(textOf(g_dbus_message_get_destination(message)),
+                      g_dbus_message_get_reply_serial(message));
+        const auto found = m_pending.find(key);
         if (found == m_pending.end()) {
             return;
         }
         const Pending call = found->second;
         m_pending.erase(found);
-        const double milliseconds = static_cast<double>(g_get_monotonic_time() - call.began) / 1000;
-        Json::Value value = entry("answer", caller, serial, call.method);
-        value["milliseconds"] = milliseconds;
-        std::string text;
+        Event event("answer", key, call.method);
+        event.line = "<- " + shown(call.method, false) + " ";
         GVariant* const body = g_dbus_message_get_body(message);
-        if (body != nullptr && g_variant_is_of_type(body, G_VARIANT_TYPE("(is)"))) {
-            int result = 0;
-            const char* info = nullptr;
-            g_variant_get(body, "(i&s)", &result, &info);
-            const std::string size = std::to_string(std::string(info).size()) + " bytes";
-            value["resp_result"] = result;
-            value["bytes"] = static_cast<Json::UInt64>(std::string(info).size());
-            if (m_options.showPrivate) {
-                value["resp_info"] = info;
-            }
-            const std::string code = "resp_result " + std::to_string(result);
-            text = (result == 0 ? m_style.good(code) : m_style.bad(code)) + ", " +
-                   (m_options.showPrivate ? shown(info, false) : size);
+        if (body != nullptr && g_variant_is_of_type(body, G_VARIANT_TYPE("(is)")) != FALSE) {
+            describe(event, body);
         } else {
             const std::string error = textOf(g_dbus_message_get_error_name(message));
-            value["error"] = error;
-            text = m_style.bad("error ") + shown(error, false);
+            event.value["error"] = error;
+            event.line += m_style.bad("error ") + shown(error, false);
         }
+        finish(key, event, call);
+    }
+
+    void describe(Event& event, GVariant* answer)
+    {
+        int result = 0;
+        const char* text = nullptr;
+        g_variant_get(answer, "(i&s)", &result, &text);
+        const std::string info = text;
+        event.value["resp_result"] = result;
+        event.value["bytes"] = static_cast<Json::UInt64>(info.size());
+        if (m_options.showPrivate) {
+            event.value["resp_info"] = info;
+        }
+        const std::string code = "resp_result " + std::to_string(result);
+        event.line +=
+            (result == 0 ? m_style.good(code) : m_style.bad(code)) + ", " +
+            (m_options.showPrivate ? shown(info, false) : std::to_string(info.size()) + " bytes");
+    }
+
+    /// Whoever leaves the bus gets no answer any more.
+    void seeSignal(GDBusMessage* message)
+    {
+        GVariant* const body = g_dbus_message_get_body(message);
+        if (textOf(g_dbus_message_get_sender(message)) != BUS ||
+            textOf(g_dbus_message_get_member(message)) != "NameOwnerChanged" || body == nullptr ||
+            g_variant_is_of_type(body, G_VARIANT_TYPE("(sss)")) == FALSE) {
+            return;
+        }
+        const char* name = nullptr;
+        const char* owner = nullptr;
+        g_variant_get(body, "(&s&s&s)", &name, nullptr, &owner);
+        if (*owner != '\0') {
+            return;
+        }
+        for (auto at = m_pending.lower_bound({name, 0});
+             at != m_pending.end() && at->first.first == name; at = m_pending.erase(at)) {
+            Event event("left", at->first, at->second.method);
+            event.line = "-- " + shown(at->second.method, false) + ": the caller left";
+            finish(at->first, event, at->second);
+        }
+    }
+
+    void finish(const Key& key, Event& event, const Pending& call)
+    {
+        const double milliseconds = call.milliseconds();
         char time[32];
         std::snprintf(time, sizeof time, " (%.1f ms)", milliseconds);
-        print(m_options.json ? lineOf(value, false)
-                             : prefix(caller, serial) + "<- " + call.method + " " + text +
-                                   m_style.faint(time));
+        event.value["milliseconds"] = milliseconds;
+        event.line += m_style.faint(time);
+        print(key, event);
     }
 
-    static Json::Value entry(const char* kind, const std::string& caller, guint32 serial,
-                             const std::string& method)
+    void print(const Key& key, const Event& event)
     {
-        Json::Value value;
-        value["event"] = kind;
-        value["caller"] = caller;
-        value["serial"] = serial;
-        value["method"] = method;
-        return value;
-    }
-
-    std::string prefix(const std::string& caller, guint32 serial) const
-    {
-        const GPtr<gchar> now(nowText());
-        return m_style.faint(now.get()) + " " + caller + " #" + std::to_string(serial) + " ";
-    }
-
-    static gchar* nowText()
-    {
-        GDateTime* const now = g_date_time_new_now_local();
-        gchar* const text = g_date_time_format(now, "%H:%M:%S.%f");
-        g_date_time_unref(now);
-        return text;
-    }
-
-    static void print(const std::string& line)
-    {
-        std::printf("%s\n", line.c_str());
-        std::fflush(stdout);
+        if (m_options.json) {
+            printLine(event.value);
+        } else {
+            std::printf("%s %s #%u %s\n", m_style.faint(nowAs("%H:%M:%S.%f")).c_str(),
+                        key.first.c_str(), key.second, event.line.c_str());
+        }
+        if (std::fflush(stdout) != 0) {
+            g_main_loop_quit(m_loop);
+        }
     }
 
     const MonitorOptions m_options;
     const Style m_style;
+    GMainLoop* const m_loop;  // the caller's
     std::map<Key, Pending> m_pending;
 };
 
-// Nothing but watching: no message goes on to GDBus, which would answer it.
+// A call that is watched does not go on to GDBus, which would answer it.
 GDBusMessage* onMessage(GDBusConnection*, GDBusMessage* message, gboolean incoming,
                         gpointer watcher)
 {
-    if (incoming == FALSE ||
-        g_dbus_message_get_message_type(message) == G_DBUS_MESSAGE_TYPE_INVALID) {
+    if (incoming == FALSE) {
         return message;
     }
     static_cast<Watcher*>(watcher)->see(message);
+    if (g_dbus_message_get_message_type(message) != G_DBUS_MESSAGE_TYPE_METHOD_CALL) {
+        return message;
+    }
     g_object_unref(message);
     return nullptr;
 }
@@ -175,6 +238,9 @@ void becomeMonitor(GDBusConnection* connection)
         std::string("type='method_call',interface='") + SERVICE + "'",
         std::string("type='method_return',sender='") + SERVICE + "'",
         std::string("type='error',sender='") + SERVICE + "'",
+        // Where nobody takes the call, or nobody is left to answer it.
+        std::string("type='error',sender='") + BUS + "'",
+        std::string("type='signal',sender='") + BUS + "',member='NameOwnerChanged'",
     };
     GVariantBuilder builder;
     g_variant_builder_init(&builder, G_VARIANT_TYPE("as"));
@@ -201,16 +267,19 @@ int monitor(const MonitorOptions& options)
     try {
         const Bus bus(options.bus, BUS_TIMEOUT);
         const GPtr<GMainLoop> loop(g_main_loop_new(nullptr, FALSE));
-        becomeMonitor(bus.connection());
-        Watcher watcher(options);
+        Watcher watcher(options, loop.get());
         const guint filter =
             g_dbus_connection_add_filter(bus.connection(), onMessage, &watcher, nullptr);
+        becomeMonitor(bus.connection());
         g_signal_connect(bus.connection(), "closed", G_CALLBACK(onClosed), loop.get());
         std::fprintf(stderr, "Watching %s; Ctrl-C ends it.\n", SERVICE);
         if (g_dbus_connection_is_closed(bus.connection()) == FALSE) {
             g_main_loop_run(loop.get());
         }
         g_dbus_connection_remove_filter(bus.connection(), filter);
+        if (std::ferror(stdout) != 0) {
+            return EXIT_FAILED;
+        }
         throw Unreachable("the bus has closed the connection", "start it again");
     } catch (const Unreachable& error) {
         report("monitor", error.what(), error.cure(), options.json);
