@@ -15,6 +15,15 @@ def outcomes(found, outcome):
     return {check for check in found if found[check]["outcome"] == outcome}
 
 
+def preloaded(name):
+    """The variables that put a module of tests/support before the doctor."""
+    module = daemon.binary().parents[1] / "tests" / "support" / f"{name}.so"
+    assert module.exists(), module
+    # A sanitizer's runtime would insist on being the first.
+    return {"LD_PRELOAD": str(module),
+            "ASAN_OPTIONS": daemon.SANITIZERS["ASAN_OPTIONS"] + ":verify_asan_link_order=0"}
+
+
 def examine(bus, device, *arguments, seconds="5", **variables):
     """@return its findings by check, and the names of the checks that failed"""
     view = daemon.bubblewrap(device.certificates, device.credentials.certificates)

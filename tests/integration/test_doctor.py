@@ -8,9 +8,9 @@ import subprocess
 
 import pytest
 from gi.repository import Gio
-from harness import billingctl, certificates, credentials, daemon
+from harness import billingctl, certificates, credentials
 from harness.billingctl import FAILED
-from harness.doctor import outcomes
+from harness.doctor import outcomes, preloaded
 
 CERTIFICATE = "/usr/apps/org.plevo.billing-api/res/certificate/bgclient.crt"
 BUNDLE = "/opt/down/cert/ca.pem"
@@ -318,8 +318,7 @@ def test_a_clock_before_the_certificate_is_named(service, doctor, a_device):
 
 
 def test_a_clock_of_1970_is_the_cause(service, doctor):
-    clock = daemon.binary().parents[1] / "tests" / "support" / "clock-1970.so"
-    found, failed = doctor(LD_PRELOAD=str(clock))
+    found, failed = doctor(**preloaded("clock-1970"))
     assert failed == ["clock", "TLS"]
     assert found["clock"]["finding"] == ("the clock says 1970-01-01 00:01 UTC, before the device's "
                                          "certificate is valid")

@@ -6,7 +6,8 @@ import ssl
 import time
 
 import pytest
-from harness import certificates, daemon, nginx, server
+from harness import certificates, nginx, server
+from harness.doctor import preloaded
 
 BUNDLE = "/opt/down/cert/ca.pem"
 NOT_REACHED = "the request did not come that far"
@@ -125,10 +126,9 @@ def test_a_store_that_demands_the_certificate_in_its_answer_is_no_failure(
 
 
 def test_names_that_nobody_resolves_are_not_waited_for(service, doctor, a_device):
-    slow = daemon.binary().parents[1] / "tests" / "support" / "slow-names.so"
     a_device.set("deployment", "production_host", "store.invalid")
     began = time.monotonic()
-    found, failed = doctor(seconds="1", LD_PRELOAD=str(slow))
+    found, failed = doctor(seconds="1", **preloaded("slow-names"))
     assert time.monotonic() - began < 20  # a look-up takes 60
     assert failed == ["name lookup", "call"]
     assert "timed out" in found["name lookup"]["finding"]
