@@ -27,6 +27,13 @@ void signWithPkcs1(SSL_CTX* context)
     SSL_CTX_set1_client_sigalgs_list(context, "RSA+SHA256:RSA+SHA384:RSA+SHA512");
 }
 
+/// libcurl asks servers for no tickets, whatever the reason was once. Where the sessions are kept by
+/// nobody else, as in a store of many servers, every connection would cost a signature.
+void takeTickets(SSL_CTX* context)
+{
+    SSL_CTX_clear_options(context, SSL_OP_NO_TICKET);
+}
+
 /// A server that only asks for a certificate lets this transfer in. Nothing of it may serve another:
 /// no session, no connection that is kept, and no HTTP/2, whose connections are shared while in use.
 void useOnce(CURL* curl, SSL_CTX* context)
@@ -52,6 +59,7 @@ CURLcode onSslContext(CURL* curl, void* context, void* pointer)
     auto* const sslContext = static_cast<SSL_CTX*>(context);
     if (hasCredentials(sslContext)) {
         signWithPkcs1(sslContext);
+        takeTickets(sslContext);
     } else {
         useOnce(curl, sslContext);
     }

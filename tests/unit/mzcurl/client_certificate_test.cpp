@@ -107,6 +107,7 @@ struct Wish {
     int lowest = TLS1_2_VERSION;
     int highest = TLS1_2_VERSION;
     const char* algorithms = nullptr;  ///< signatures that it takes from a client
+    bool keepsSessions = true;  ///< false: all that it knows of them is in the tickets it gave
 };
 
 constexpr Wish kTls12{"Tls12"};
@@ -175,6 +176,9 @@ protected:
                     context,
                     SSL_VERIFY_PEER | (asks == Asks::Always ? SSL_VERIFY_FAIL_IF_NO_PEER_CERT : 0),
                     nullptr);
+            }
+            if (!wish.keepsSessions) {
+                SSL_CTX_set_session_cache_mode(context, SSL_SESS_CACHE_OFF);
             }
             if (wish.algorithms != nullptr) {
                 SSL_CTX_set1_client_sigalgs_list(context, wish.algorithms);
@@ -328,6 +332,20 @@ TEST_F(AClient, SignsOnceForAHundredColdCallsAndNotAtAllForTenWarmOnes)
         EXPECT_EQ(Device::signatures() - before, signatures) << "a warm call signed";
     }
     EXPECT_EQ(signatures, 1);
+}
+
+TEST_F(AClient, TakesASessionUpAgainThatTheServerDoesNotKeep)
+{
+    Wish wish = kTls12;
+    wish.keepsSessions = false;
+    const auto running = server(wish, Asks::Always, answerOnce);
+    Worker worker;
+
+    EXPECT_EQ(call(worker, *running), "Device");
+    EXPECT_EQ(call(worker, *running), "Device");
+
+    EXPECT_EQ(running->resumedHandshakes(), 1);
+    EXPECT_EQ(Device::signatures(), 1);
 }
 
 TEST_F(AClient, SendsNothingWhenTheTokenIsGoneAndWorksWhenItIsBack)
