@@ -66,7 +66,8 @@ class Daemon:
     """One process. Its log goes to a file."""
 
     def __init__(self, folder, bus_address, device, *, view=True, namespace=None, level="debug",
-                 environment=None):
+                 environment=None, tool=()):
+        """@param tool  a command that runs the daemon, such as valgrind"""
         self.log_file = pathlib.Path(folder) / f"daemon-{time.monotonic_ns()}.log"
         runtime = pathlib.Path(folder) / "run"
         runtime.mkdir(exist_ok=True)
@@ -77,10 +78,10 @@ class Daemon:
             **device.credentials.environment, **SANITIZERS, **(environment or {})}
         self.pid = 0
         with open(self.log_file, "wb") as log, term_blocked():
-            self._start(device, view, namespace, log)
+            self._start([*tool, str(binary())], device, view, namespace, log)
 
-    def _start(self, device, view, namespace, log):
-        command, handed_on = [str(binary())], ()
+    def _start(self, command, device, view, namespace, log):
+        handed_on = ()
         if namespace is not None:
             command = [*namespace.command, *command]
             handed_on = (namespace.descriptor,)

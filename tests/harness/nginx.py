@@ -1,4 +1,5 @@
 """An nginx that demands the device's certificate, for what the server of our own does not do."""
+import os
 import pathlib
 import shutil
 import subprocess
@@ -12,7 +13,7 @@ daemon off;
 worker_processes 1;
 {user}
 pid {folder}/nginx.pid;
-events {{ worker_connections 64; }}
+events {{ worker_connections {connections}; }}
 http {{
     log_format short '$server_protocol|$ssl_client_s_dn|$ssl_session_reused|$connection|$request_uri';
     access_log {folder}/access.log short;
@@ -29,7 +30,7 @@ http {{
         ssl_verify_client on;
         ssl_protocols TLSv1.2 TLSv1.3;
         {extra}
-        location / {{ return 200 "nginx"; }}
+        location / {{ {answer} }}
     }}
 }}
 """
@@ -39,7 +40,8 @@ class Nginx:
     """It takes over a socket that listens already, so it needs no port of its own and is ready from
     the start."""
 
-    def __init__(self, folder, server_pem, clients, *, listen="", extra=""):
+    def __init__(self, folder, server_pem, clients, *, listen="", extra="",
+                 answer='return 200 "nginx";', connections=64):
         self._folder = pathlib.Path(folder)
         self._folder.mkdir()
         (self._folder / "server.pem").write_bytes(server_pem)
@@ -48,13 +50,17 @@ class Nginx:
         user = "user root;" if pathlib.Path("/proc/self").stat().st_uid == 0 else ""
         (self._folder / "nginx.conf").write_text(CONFIGURATION.format(
             folder=self._folder, port=self.port, clients=clients, listen=listen, extra=extra,
-            user=user))
+            answer=answer, connections=connections, user=user))
         self._process = subprocess.Popen(
             ["setpriv", "--pdeathsig", "TERM", PROGRAM, "-p", self._folder, "-c",
              self._folder / "nginx.conf", "-e", self._folder / "error.log"],
             env={"NGINX": f"{listener.fileno()};"}, pass_fds=(listener.fileno(),),
             start_new_session=True)
         listener.close()
+
+    def send(self, number):
+        """A signal to its worker too: SIGSTOP makes it a server that hangs."""
+        os.killpg(self._process.pid, number)
 
     def stop(self):
         """Ends it. @return what it was asked: for each request protocol, client, "r" or "." for a

@@ -1,0 +1,70 @@
+"""Instructions and allocations of one call, counted by valgrind: the same in every run, on a busy machine too.
+
+A program is run with few calls and with many; the difference is the calls'. One run of each therefore has
+the same start, the same end and the same filling of caches in it.
+"""
+import pathlib
+import re
+
+from billing_lab import bus
+
+from . import stage
+
+FEW, MANY = 50, 350
+ALLOCATORS = ("malloc", "calloc", "realloc", "memalign", "posix_memalign", "aligned_alloc")
+
+
+class Callgrind:
+    """One run under callgrind, and what it counted."""
+
+    def __init__(self, folder, name):
+        self._file = pathlib.Path(folder) / f"callgrind.{name}"
+        self._file.unlink(missing_ok=True)
+
+    @property
+    def tool(self):
+        return ("valgrind", "--quiet", "--tool=callgrind", "--compress-strings=no",
+                f"--callgrind-out-file={self._file}")
+
+    def counted(self):
+        """@return (instructions, allocations)"""
+        text = self._file.read_text()
+        total = re.search(r"^(?:totals|summary): (\d+)", text, re.MULTILINE)
+        allocations = 0
+        for function, calls in re.findall(r"^cfn=(\S+)\ncalls=(\d+)", text, re.MULTILINE):
+            if function in ALLOCATORS:
+                allocations += int(calls)
+        return int(total[1]), allocations
+
+
+def _of_daemon(on, calls, in_flight, size):
+    callgrind = Callgrind(on.folder, f"daemon.{calls}")
+    on.start_daemon(tool=callgrind.tool)
+    on.call(bus.SERVICE, calls, in_flight, size)
+    on.stop_daemon()
+    return callgrind.counted()
+
+
+def _of_bus_floor(on, calls, in_flight, size):
+    callgrind = Callgrind(on.folder, f"bus.{calls}")
+    process = on.start_bus_floor(size, callgrind.tool)
+    on.call(stage.floor_name(size), calls, in_flight, size)
+    process.terminate()
+    process.wait()
+    return callgrind.counted()
+
+
+def _of_https_floor(on, calls, in_flight, size):
+    callgrind = Callgrind(on.folder, f"https.{calls}")
+    on.fetch(calls, in_flight, size, callgrind.tool)
+    return callgrind.counted()
+
+
+COUNTERS = {"bus floor": _of_bus_floor, "HTTPS floor": _of_https_floor, "daemon": _of_daemon}
+
+
+def of(on, who, in_flight, size):
+    """@return what one call costs: {"instructions": ..., "allocations": ...}"""
+    few, many = (COUNTERS[who](on, calls + in_flight, in_flight, size) for calls in (FEW, MANY))
+    instructions, allocations = ((m - f) / (MANY - FEW) for f, m in zip(few, many))
+    return {"instructions": round(instructions), "allocations": round(allocations, 1)}

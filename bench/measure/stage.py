@@ -1,0 +1,175 @@
+"""Everything that runs while something is measured: bus, servers, daemon and floors."""
+import contextlib
+import json
+import pathlib
+import resource
+import signal
+import subprocess
+import time
+
+from cryptography import x509
+from cryptography.hazmat.primitives.asymmetric import rsa
+from harness import certificates, credentials, daemon, device, nginx, token_proxy
+
+from billing_lab import bus
+
+HOST = "localhost"
+SIZES = (512, 32 * 1024, 1024 * 1024)
+SMALL = SIZES[0]
+METHOD = "get_product_list"
+PROTOCOLS = {"http1": "", "http2": "http2"}
+
+# More than the system bus has: what it would refuse cannot be measured.
+LIMITS = {"max_replies_per_connection": 50_000, "max_connections_per_user": 1_000,
+          "max_completed_connections": 2_000, "max_incomplete_connections": 500,
+          "max_incoming_bytes": 1_000_000_000, "max_outgoing_bytes": 1_000_000_000}
+
+SERVER = """keepalive_requests 100000000; keepalive_timeout 600; open_file_cache max=16;
+ {log} root {folder};"""
+
+
+def floor_name(size):
+    """The bus service that answers with so many letters."""
+    return f"org.plevo.billingfloor.b{size}"
+
+
+def programs():
+    """Where the programs of the measurement are."""
+    return daemon.binary().parents[1] / "bench"
+
+
+def build():
+    """Builds what is measured and what measures."""
+    subprocess.run(["ninja", "-C", str(daemon.binary().parents[1]), "--quiet", "bench/caller",
+                    "bench/bus_floor", "bench/https_floor", "service/billing-service",
+                    "platform/linux/provision/billing-provision",
+                    "tests/unit/platform/test-pkcs11-proxy.so"], check=True)
+
+
+def raise_descriptors():
+    """What is started from now on may have as many as we may."""
+    _, most = resource.getrlimit(resource.RLIMIT_NOFILE)
+    resource.setrlimit(resource.RLIMIT_NOFILE, (most, most))
+
+
+class Stage:
+    """One set of all of it, in a folder of the caller's. A context manager."""
+
+    def __init__(self, folder, *, log_handshakes=False):
+        raise_descriptors()
+        self.folder = pathlib.Path(folder)
+        self.processes, self.servers, self.daemon, self.caller, self.bus = [], {}, None, None, None
+        with contextlib.ExitStack() as undo:
+            undo.callback(self.stop)
+            self._prepare(log_handshakes)
+            undo.pop_all()
+
+    def _prepare(self, log_handshakes):
+        authority = certificates.Authority()
+        keys = credentials.Credentials.make(self.folder / "lab")
+        for size in SIZES:
+            (self.folder / f"body-{size}").write_bytes(b"x" * size)
+        extra = SERVER.format(folder=self.folder, log="" if log_handshakes else "access_log off;")
+        for protocol, listen in PROTOCOLS.items():
+            self.servers[protocol] = nginx.Nginx(
+                self.folder / protocol, authority.server_pem(HOST), keys.authority, listen=listen,
+                extra=extra, answer="try_files /body-$arg_appid =404;", connections=12_000)
+        self.device = device.Device(self.folder, keys)
+        self.device.ca_file.write_bytes(authority.pem)
+        self.proxy = token_proxy.TokenProxy(self.folder, self.device)
+        self._make_client_certificate(keys)
+        self.bus = bus.Bus(self.folder, limits=LIMITS,
+                           names=(bus.SERVICE, *(floor_name(size) for size in SIZES)))
+        self.environment = {"PATH": "/usr/bin:/bin", "DBUS_SYSTEM_BUS_ADDRESS": self.bus.address}
+        self.caller = bus.Caller(self.bus.address)
+        self.use("http1")
+
+    def _make_client_certificate(self, keys):
+        """For the HTTPS floor: like the device's own, with a key that needs no token."""
+        key = rsa.generate_private_key(65537, 2048)
+        subject = x509.load_pem_x509_certificate(keys.certificate.read_bytes()).subject
+        self.client_pem = self.folder / "client.pem"
+        self.client_pem.write_bytes(credentials.issue(key.public_key(), subject, keys.folder)
+                                    + certificates.pem_of(key))
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *_):
+        self.stop()
+
+    def stop(self):
+        """Leaves nothing behind."""
+        if self.daemon is not None:
+            self.daemon.kill()
+        for process in self.processes:
+            process.kill()
+            process.wait()
+        if self.caller is not None:
+            self.caller.close()
+        if self.bus is not None:
+            self.bus.stop()
+        for server in self.servers.values():
+            server.send(signal.SIGCONT)
+            server.stop()
+
+    def use(self, protocol):
+        """From now on requests go to the server that speaks HTTP/1.1, or HTTP/2."""
+        self.server = self.servers[protocol]
+        self.host = f"{HOST}:{self.server.port}"
+        for kind in ("production_host", "sandbox_host"):
+            self.device.set("deployment", kind, self.host)
+
+    def start_daemon(self, *, view=True, tool=(), level="error"):
+        """@return the seconds from exec to the name"""
+        began = time.monotonic()
+        self.daemon = daemon.Daemon(
+            self.folder, self.bus.address, self.device, view=view, level=level, tool=tool,
+            environment=self.proxy.environment)
+        self.daemon.wait_for_name(self.caller, timeout=60)
+        return time.monotonic() - began
+
+    def stop_daemon(self):
+        """@return the seconds from SIGTERM to the end"""
+        began = time.monotonic()
+        status = self.daemon.stop(timeout=300)
+        took = time.monotonic() - began
+        self.daemon = None
+        if status != 0:
+            raise RuntimeError(f"the daemon ended with {status}")
+        return took
+
+    def start_bus_floor(self, size, tool=()):
+        name = floor_name(size)
+        process = subprocess.Popen([*tool, programs() / "bus_floor", name, str(size)],
+                                   env=self.environment, stderr=subprocess.DEVNULL if tool else None)
+        self.processes.append(process)
+        while self.caller.owner(name) is None:
+            if process.poll() is not None:
+                raise RuntimeError("the bus floor ended")
+            time.sleep(0.005)
+        return process
+
+    def call(self, name, count, in_flight, size=SMALL, wait=True):
+        """Calls a service. @return {"seconds": of all, "us": of each}; without `wait` the process"""
+        command = [programs() / "caller", name, str(count), str(in_flight), METHOD, str(size), "", ""]
+        return self._measured(command, wait)
+
+    def fetch(self, count, in_flight, size=SMALL, tool=()):
+        """The same with libcurl alone."""
+        url = (f"https://{self.host}/billing/product/v2/products?appid={size}&guid={device.GUID}"
+               f"&uid={device.UID}&storeid=1&storeprodcode=1&countrycode=DE&languagecode=de"
+               "&checkvalue=")
+        headers = ["Content-Type: application/json; charset=utf-8", "Accept: application/json",
+                   f"DUID: {device.DUID}", f"Atoken: {device.TOKEN}", "Expect:"]
+        return self._measured([*tool, programs() / "https_floor", url, self.device.ca_file,
+                               self.client_pem, str(count), str(in_flight), *headers], True)
+
+    def _measured(self, command, wait):
+        process = subprocess.Popen(command, env=self.environment, stdout=subprocess.PIPE, text=True)
+        if not wait:
+            return process
+        output, _ = process.communicate()
+        if process.returncode != 0:
+            raise RuntimeError(f"{command[0]} failed")
+        return json.loads(output)
