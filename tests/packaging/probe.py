@@ -1,0 +1,121 @@
+"""Tries what a sandbox is to forbid, and prints how each ended, as JSON.
+
+usage: probe.py OTHER OUTSIDE STATE FOLDER
+OTHER is the process of another user, OUTSIDE a file in /tmp, STATE a folder of the service's own, FOLDER the one around it.
+"""
+import ctypes
+import json
+import mmap
+import os
+import pathlib
+import resource
+import socket
+import sys
+
+libc = ctypes.CDLL(None, use_errno=True)
+libc.mmap.restype = ctypes.c_void_p
+libc.mmap.argtypes = [ctypes.c_void_p, ctypes.c_size_t, *[ctypes.c_int] * 3, ctypes.c_long]
+
+
+def did(result):
+    """Of a C function: 0 or more is good."""
+    if result < 0:
+        raise OSError(ctypes.get_errno(), os.strerror(ctypes.get_errno()))
+
+
+def has(condition):
+    if not condition:
+        raise OSError(0, "not there")
+
+
+def child(action):
+    """In a process of its own: what it changes is gone with it."""
+    pid = os.fork()
+    if pid == 0:
+        try:
+            action()
+            os._exit(0)
+        except OSError as error:
+            os._exit(error.errno or 1)
+    status = os.waitstatus_to_exitcode(os.waitpid(pid, 0)[1])
+    if status != 0:
+        raise OSError(status, os.strerror(abs(status)))
+
+
+def writable_code(_=None):
+    address = libc.mmap(None, 4096, mmap.PROT_WRITE | mmap.PROT_EXEC, mmap.MAP_PRIVATE | mmap.MAP_ANONYMOUS, -1, 0)
+    has(address not in (None, ctypes.c_void_p(-1).value))
+
+
+def write(path):
+    file = pathlib.Path(path) / "billing-probe"
+    file.write_text("x", encoding="ascii")
+    file.unlink()
+
+
+def special(folder):
+    file = pathlib.Path(folder) / "special"
+    file.touch()
+    try:
+        os.chmod(file, 0o4755)
+    finally:
+        file.unlink()
+
+
+def probes(other, outside, state, folder):
+    clock = ctypes.create_string_buffer(208)
+    return {
+        "ProtectSystem: writes /var": lambda: write("/var/lib"),
+        "ProtectSystem: writes the settings' folder": lambda: write(folder),
+        "ProtectHome: sees /root": lambda: has(os.listdir("/root")),
+        "PrivateTmp: sees files of others in /tmp": lambda: has(os.path.exists(outside)),
+        "PrivateDevices: has the kernel's log": lambda: has(os.path.exists("/dev/kmsg")),
+        "PrivateUsers: knows of root": lambda: has(" 0 " in pathlib.Path("/proc/self/uid_map").read_text()),
+        "ProtectProc: sees processes of others": lambda: has(os.path.exists(f"/proc/{other}")),
+        "ProcSubset: sees the kernel's settings": lambda: has(os.path.exists("/proc/sys")),
+        "ProtectKernelTunables: writes /sys": lambda: has(os.access("/sys/kernel", os.W_OK)),
+        "ProtectControlGroups: writes control groups": lambda: has(os.access("/sys/fs/cgroup", os.W_OK)),
+        "ProtectHostname: names the machine": lambda: child(
+            lambda: (did(libc.unshare(0x04000000)), did(libc.sethostname(b"x", 1)))),
+        "ProtectClock: asks to set the clock": lambda: did(libc.adjtimex(clock)),
+        "ProtectKernelLogs: reads the kernel's log": lambda: did(libc.klogctl(10, None, 0)),
+        "LimitCORE: may leave a core": lambda: has(resource.getrlimit(resource.RLIMIT_CORE)[1] != 0),
+        "UMask: makes files for others": lambda: child(lambda: has(os.umask(0) != 0o77)),
+        "CapabilityBoundingSet: has rights to gain": lambda: has(bounding() != 0),
+        "NoNewPrivileges: may gain rights": lambda: has(libc.prctl(39, 0, 0, 0, 0) == 0),
+        "RestrictSUIDSGID: makes a program run as its owner": lambda: special(state),
+        "RestrictRealtime: takes the processor": lambda: child(
+            lambda: os.sched_setscheduler(0, os.SCHED_RR, os.sched_param(1))),
+        "RestrictNamespaces: makes a namespace": lambda: child(lambda: did(libc.unshare(0x10000000))),
+        "LockPersonality: changes its personality": lambda: child(lambda: did(libc.personality(0x0040000))),
+        "MemoryDenyWriteExecute: writes code": writable_code,
+        "RestrictAddressFamilies: sees packets": lambda: socket.socket(socket.AF_PACKET, socket.SOCK_RAW).close(),
+        "SystemCallFilter: mounts": lambda: child(
+            lambda: (did(libc.unshare(0x00020000)), did(libc.mount(b"none", b"/mnt", b"tmpfs", 0, None)))),
+        "SystemCallFilter: takes a priority": lambda: os.setpriority(os.PRIO_PROCESS, 0, os.getpriority(
+            os.PRIO_PROCESS, 0)),
+    }
+
+
+def bounding():
+    text = pathlib.Path("/proc/self/status").read_text(encoding="ascii")
+    return int(text.split("CapBnd:")[1].split()[0], 16)
+
+
+def outcome(action):
+    try:
+        action()
+    except OSError as error:
+        return str(error)
+    return "done"
+
+
+def main(other, outside, state, folder):
+    told = {name: outcome(action) for name, action in probes(other, outside, state, folder).items()}
+    told["writes its own state"] = outcome(lambda: write(state))
+    told["is"] = [os.getuid(), os.getgid()]
+    print(json.dumps(told))
+
+
+if __name__ == "__main__":
+    main(*sys.argv[1:])

@@ -1,0 +1,144 @@
+"""Manuals, completions, unit and profile, as the programs that read them see them."""
+import os
+import pathlib
+import re
+import shutil
+import subprocess
+
+import pytest
+
+from conftest import TREE
+
+MANUALS = ["billing-service.8", "billing-provision.8", "billingctl.1", "billing-lab.1", "device.conf.5",
+           "org.plevo.billingservice.5"]
+
+
+def run(*command, **options):
+    return subprocess.run(command, capture_output=True, text=True, check=False, **options)
+
+
+def needs(program):
+    if shutil.which(program) is None:
+        pytest.skip(f"{program} is not installed")
+
+
+@pytest.mark.parametrize("name", MANUALS)
+def test_a_manual_renders_without_a_warning(name, installed):
+    manual = installed.one(name)
+    needs("man")
+    done = run("man", "--warnings", "-E", "UTF-8", "-l", manual,
+               env={**os.environ, "LC_ALL": "C.UTF-8", "MANWIDTH": "80"})
+    assert (done.returncode, done.stderr) == (0, "")
+    assert "NAME" in done.stdout
+    needs("mandoc")
+    # Without a date, so that a build can be repeated.
+    complaints = [line for line in run("mandoc", "-T", "lint", "-W", "warning", manual).stdout.splitlines()
+                  if "missing date" not in line]
+    assert complaints == []
+
+
+def test_every_manual_is_tried(installed):
+    assert sorted(path.name for path in installed.root.rglob("man?/*")) == sorted(MANUALS)
+
+
+def test_the_manual_of_the_settings_knows_every_setting(installed):
+    manual = re.sub(r"\\(.)", r"\1", installed.one("device.conf.5").read_text(encoding="utf-8"))
+    known = re.findall(r'\{"([^"]+)", "([^"]+)", Kind',
+                       (TREE / "platform/linux/settings_known.cpp").read_text(encoding="utf-8"))
+    assert len(known) > 15
+    assert [(group, key) for group, key in known if f"[{group}]" not in manual or key not in manual] == []
+
+
+def test_the_manual_of_the_interface_names_every_argument(installed):
+    manual = installed.one("org.plevo.billingservice.5").read_text(encoding="utf-8")
+    xml = installed.one("interfaces/org.plevo.billingservice.xml").read_text(encoding="utf-8")
+    assert [name for name in re.findall(r'<(?:method|arg)[^>]* name="(\w+)"', xml) if name not in manual] == []
+
+
+def test_an_interface_without_its_texts_makes_no_manual(installed, folder):
+    xml = installed.one("interfaces/org.plevo.billingservice.xml").read_text(encoding="utf-8")
+    short = folder / "short.xml"
+    short.write_text(re.sub(r'<annotation name="[^"]*" value="Confirms[^>]*>', "", xml), encoding="utf-8")
+    done = run("python3", TREE / "data/man/interface-manual", short)
+    assert done.returncode == 1
+    assert "confirm_purchase has no annotation" in done.stderr
+
+
+@pytest.mark.parametrize("shell, end", [("bash", "completions/billingctl"), ("zsh", "_billingctl")])
+def test_a_completion_parses(shell, end, installed):
+    needs(shell)
+    done = run(shell, "-n", installed.one(end))
+    assert (done.returncode, done.stderr) == (0, "")
+
+
+def test_the_completion_of_zsh_knows_what_that_of_bash_knows(installed):
+    known = [set(re.findall(r"--[a-z][a-z-]+|(?:get|confirm|check)-[a-z-]+", installed.one(end).read_text()))
+             for end in ("completions/billingctl", "_billingctl")]
+    assert known[0] - known[1] == set()
+    assert known[1] - known[0] == {"--address"}
+
+
+def test_the_profile_parses(installed):
+    needs("apparmor_parser")
+    done = run("apparmor_parser", "--skip-kernel-load", "--skip-cache", installed.one("examples/apparmor"))
+    assert done.returncode == 0, done.stderr
+
+
+def test_the_profile_is_for_the_installed_daemon(installed):
+    assert f"profile billing-service {installed.place(installed.service)} " in \
+        installed.one("examples/apparmor").read_text()
+
+
+def test_the_unit_is_exposed_little(installed):
+    unit = installed.one("billing-service.service")
+    done = run("systemd-analyze", "security", "--offline=true", "--threshold=15", "--no-pager", unit)
+    assert done.returncode == 0, done.stdout
+    loose = re.search(r"exposure level for .*: ([0-9.]+)", done.stdout)
+    assert float(loose[1]) <= 1.3
+
+
+def test_the_unit_is_one_that_systemd_understands(installed, folder):
+    """In a root of its own, where what the unit names is there."""
+    unit = installed.one("billing-service.service")
+    root = folder / "root"
+    there = root / "etc/systemd/system/billing-service.service"
+    program = root / installed.place(installed.service).relative_to("/")
+    for file, source in ((there, unit), (program, pathlib.Path("/bin/true"))):
+        file.parent.mkdir(parents=True)
+        shutil.copy(source, file)
+    for target in ("sysinit", "basic", "shutdown", "multi-user"):
+        (there.parent / f"{target}.target").write_text("[Unit]\nDescription=stand-in\n")
+    for name in ("dbus.socket", "system.slice", "tmp.mount", "-.mount"):
+        source = pathlib.Path("/lib/systemd/system") / name
+        if source.exists():
+            shutil.copy(source, there.parent)
+    done = run("systemd-analyze", "verify", f"--root={root}", "--man=no", "billing-service.service")
+    about = [line for line in done.stderr.splitlines() if "billing-service" in line]
+    assert about == [], done.stderr
+
+
+def test_a_unit_that_systemd_does_not_understand_is_found(installed, folder):
+    broken = folder / "billing-service.service"
+    broken.write_text(installed.one("billing-service.service").read_text().replace("ProtectSystem=", "ProtectSytem="))
+    assert "ProtectSytem" in run("systemd-analyze", "verify", "--man=no", broken).stderr
+
+
+def test_the_drop_in_for_a_tpm_is_understood(installed, folder):
+    unit = folder / "billing-service.service"
+    text = installed.one("billing-service.service").read_text().replace(
+        f"ExecStart={installed.place(installed.service)}", "ExecStart=/bin/true")
+    unit.write_text(text + installed.one("examples/billing-service-tpm.conf").read_text())
+    assert "billing-service" not in run("systemd-analyze", "verify", "--man=no", unit).stderr
+
+
+def test_the_settings_folder_is_made_for_the_service_alone(installed, folder, accounts):
+    rules = installed.one("tmpfiles.d/billing-service.conf").read_text()
+    path = rules.splitlines()[-1].split()[1]
+    root = folder / "root"
+    (root / "etc").mkdir(parents=True)
+    for file in (accounts.passwd, accounts.group):
+        shutil.copy(file, root / "etc")
+    done = run("systemd-tmpfiles", "--create", f"--root={root}", installed.one("tmpfiles.d/billing-service.conf"))
+    assert done.returncode == 0, done.stderr
+    made = (root / path.lstrip("/")).stat()
+    assert (made.st_uid, made.st_gid, made.st_mode & 0o777) == (0, accounts.service_group, 0o750)

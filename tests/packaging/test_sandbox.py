@@ -1,0 +1,131 @@
+"""The unit's sandbox, as far as it can be had without a service manager, around the real daemon with its token."""
+import json
+import os
+import pathlib
+import re
+import shutil
+import signal
+import subprocess
+import sys
+
+import pytest
+
+from billing_lab import bus as message_bus
+from billing_lab import view
+from confine import CONFINED, read
+from conftest import TREE
+from harness import server
+from harness.device import Device
+
+HERE = pathlib.Path(__file__).parent
+
+# What bubblewrap and the test's own set-up do of the unit.
+SURROUNDED = {"ProtectSystem", "ProtectHome", "PrivateTmp", "PrivateIPC", "PrivateDevices", "ProtectKernelTunables",
+              "ProtectControlGroups", "Environment", "RuntimeDirectory", "RuntimeDirectoryMode", "StateDirectory",
+              "StateDirectoryMode", "SystemCallFilter", "Type", "BusName", "ExecStart"}
+# What only a service manager, or the kernel on its word, does. The documentation lists them.
+UNTRIED = {"DevicePolicy", "RemoveIPC", "Restart", "RestartSec", "TimeoutStartSec", "TimeoutStopSec"}
+
+
+@pytest.fixture
+def device(folder, store, authority, provisioned, accounts):
+    """A device whose token and settings the service may only read, and whose PIN is its own."""
+    made = Device(folder, provisioned.copy_to(folder / "lab"), f"production.localhost:{store.port}")
+    made.ca_file.write_bytes(authority.pem)
+    for path in [made.file, *folder.rglob("*")]:
+        os.chmod(path, 0o755 if path.is_dir() else 0o644)
+    for name in ("pin", "seal.key"):
+        os.chown(folder / "lab" / name, accounts.service, accounts.service_group)
+        os.chmod(folder / "lab" / name, 0o600)
+    for name in ("state", "run"):
+        (folder / name).mkdir(mode=0o700)
+        os.chown(folder / name, accounts.service, accounts.service_group)
+    made.set("keystore", "store", str(folder / "state" / "store"))
+    os.chmod(made.file, 0o644)
+    return made
+
+
+def readable(path):
+    """Folders that bubblewrap would make for their owner alone, of a path and those above it."""
+    folders = [path, *pathlib.Path(path).parents][-3::-1]
+    return [word for folder in folders for word in ("--perms", "0755", "--dir", str(folder))]
+
+
+@pytest.fixture
+def sandbox(folder, installed, accounts, device):
+    """The command that runs what follows it as the unit says."""
+    unit = installed.one("billing-service.service")
+    for name in ("confine.py", "probe.py"):
+        shutil.copy(HERE / name, folder)
+    command = view.bubblewrap(device.certificates, device.credentials.certificates)
+    # The whole system can only be read, and of devices, homes and temporary files nothing is there.
+    command[command.index("--dev-bind"):command.index("--tmpfs")] = ["--ro-bind", "/", "/", "--dev", "/dev", "--proc", "/proc"]
+    at = command.index("--ro-bind", command.index("--tmpfs"))
+    command[at:at] = readable("/opt/down")
+    at = len(command) - 3
+    command[at:at] = readable("/usr/apps/org.plevo.billing-api/res")
+    command[command.index("--cap-drop"):command.index("--cap-drop") + 2] = ["--cap-add", "ALL"]
+    for hidden in ("/home", "/root", "/run/user", "/tmp", "/var/tmp"):
+        if os.path.isdir(hidden):
+            command += ["--tmpfs", hidden]
+    return [*command, "--unshare-ipc", "--unshare-uts", "--chmod", "1777", "/tmp",
+            *readable(folder.parent),
+            "--ro-bind", installed.root, installed.root, "--ro-bind", folder, folder,
+            "--bind", folder / "state", folder / "state", "--bind", folder / "run", folder / "run",
+            sys.executable, folder / "confine.py", unit, str(accounts.service), str(accounts.service_group)]
+
+
+def test_every_directive_of_the_unit_is_tried_or_said_to_be_untried(installed):
+    directives = set(read(installed.one("billing-service.service")))
+    assert directives == SURROUNDED | set(CONFINED) | UNTRIED
+    documented = (TREE / "docs/INTEGRATION.md").read_text(encoding="utf-8")
+    rows = dict(re.findall(r"^\| `(\w+)=[^|]*\| (tried|not tried)", documented, re.MULTILINE))
+    assert {name for name, how in rows.items() if how == "not tried"} == UNTRIED
+    assert {name for name, how in rows.items() if how == "tried"} == directives - UNTRIED
+
+
+def test_the_daemon_works_in_its_sandbox(sandbox, folder, run_service, policy_bus, accounts, device, store):
+    process = run_service(policy_bus.address, prefix=sandbox, PLEVO_DEVICE_CONF=str(device.file),
+                          XDG_RUNTIME_DIR=str(folder / "run"), G_DEBUG="fatal-criticals",
+                          **device.credentials.environment)
+    with accounts.acting_as_member():
+        caller = message_bus.Caller(policy_bus.address)
+    store.answer = server.Reply(b'{"in": "a sandbox"}')
+    assert caller.call("get_product_list", "app", "", "") == (0, '{"in": "a sandbox"}')
+    assert store.requests[-1].client is not None
+    # From now on the kernel's routing table is asked.
+    device.set("network", "default_gateway", "auto")
+    os.chmod(device.file, 0o644)
+    assert caller.call("check_server_availability")[0] in (0, 1160003)
+    daemon = caller.ask_bus("GetConnectionUnixProcessID", message_bus.SERVICE)
+    caller.close()
+    os.kill(daemon, signal.SIGTERM)
+    assert process.wait(5) == 0
+    log = next(folder.glob("daemon-*.log")).read_text(encoding="utf-8")
+    assert "--billing service quit!--" in log
+    assert len(re.findall(r"> Get Network status: [01]$", log, re.MULTILINE)) == 2
+    assert "settings:" not in log
+
+
+@pytest.fixture
+def probed(sandbox, folder):
+    """What a program in the sandbox could do. The probe's parts are asked all at once."""
+    outside = folder.parent / "outside"
+    outside.write_text("x", encoding="ascii")
+    os.chmod(outside, 0o644)
+    done = subprocess.run([*sandbox, sys.executable, folder / "probe.py", str(os.getpid()), outside,
+                           folder / "state", folder],
+                          capture_output=True, text=True, timeout=60, check=False)
+    assert done.returncode == 0, done.stderr
+    return json.loads(done.stdout)
+
+
+def test_the_sandbox_forbids_what_its_directives_say(probed, accounts, folder):
+    free = subprocess.run([sys.executable, HERE / "probe.py", str(os.getpid()), folder.parent / "outside",
+                           folder / "state", folder], capture_output=True, text=True, timeout=60, check=True)
+    allowed = json.loads(free.stdout)
+    assert probed.pop("writes its own state") == "done"
+    assert probed.pop("is") == [accounts.service, accounts.service_group]
+    assert {what for what, outcome in probed.items() if outcome == "done"} == set()
+    # Without the sandbox each of these works, so it is the sandbox that refuses them.
+    assert {what for what in probed if allowed[what] != "done"} == set()
