@@ -267,7 +267,8 @@ void CDBusManager::m_HandleMethodCall(GDBusConnection*, const char*, const char*
         CBillingEngine* poBLEngine = BillingInstance<CBillingEngine>();
         BILLING_RETURN_IF(NULL == poBLEngine);
         ptMethod->pfnCall(*poBLEngine, oItem, invocation);
-    } catch (const std::bad_alloc&) {
+    } catch (const std::exception&) {
+        // Not bad_alloc alone: the JSON library has an exception of its own for it.
         BILLING_ERROR("no memory for the call's arguments, it is answered with an error");
         g_dbus_method_invocation_return_dbus_error(
             invocation, "org.freedesktop.DBus.Error.NoMemory", "no memory for the arguments");

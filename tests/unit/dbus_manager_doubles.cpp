@@ -24,6 +24,9 @@ bool Asked(const char* szOperation, const CBillingItem& oItem, void* pUser)
     Engine().strOperation = szOperation;
     Engine().oItem = oItem;
     Engine().pUser = pUser;
+    if (Engine().fails) {
+        Engine().fails();
+    }
     return Engine().bResult;
 }
 
@@ -123,6 +126,12 @@ void __wrap_g_dbus_method_invocation_return_value(GDBusMethodInvocation* invocat
     Bus().replies.emplace_back(iResult, szInfo);
     Bus().answered.push_back(invocation);
     g_variant_unref(g_variant_ref_sink(value));
+}
+void __wrap_g_dbus_method_invocation_return_dbus_error(GDBusMethodInvocation* invocation,
+                                                       const gchar* name, const gchar* text)
+{
+    Bus().errors.push_back(std::string(name) + ": " + text);
+    Bus().answered.push_back(invocation);
 }
 }
 

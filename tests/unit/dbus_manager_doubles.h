@@ -7,6 +7,7 @@
 
 #include <gtest/gtest.h>
 
+#include <functional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -36,6 +37,7 @@ struct BusDouble {
     gpointer pRegisterData = nullptr;
     std::string strSender = ":1.5";
     std::vector<std::pair<int, std::string>> replies;
+    std::vector<std::string> errors;
     std::vector<void*> answered;
 };
 BusDouble& Bus();
@@ -43,6 +45,7 @@ BusDouble& Bus();
 /// What the engine was asked for, and what it answers.
 struct EngineDouble {
     bool bResult = true;
+    std::function<void()> fails;
     std::string strOperation;
     CBillingItem oItem;
     std::string strText;

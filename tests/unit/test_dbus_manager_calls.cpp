@@ -5,6 +5,9 @@
 
 #include <gmock/gmock.h>
 
+#include <new>
+#include <stdexcept>
+
 using ::testing::Contains;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
@@ -148,6 +151,29 @@ TEST_F(ADBusManager, CountsFrom65279BackToOne)
 
     call("check_server_availability", "()");
     EXPECT_EQ(CDBusManager::GetDbusProcessListNum(), 1u);
+}
+
+// Libraries have exceptions of their own for a lack of memory: the JSON library's is no bad_alloc.
+TEST_F(ADBusManager, AnswersACallWithAnErrorWhenMakingItsRequestThrows)
+{
+    const std::function<void()> failures[] = {[] { throw std::bad_alloc(); },
+                                              [] { throw std::runtime_error("no memory"); }};
+    for (const auto& fails : failures) {
+        Bus() = BusDouble();
+        Engine().fails = fails;
+        g_iPendingCallCount = 5;
+
+        call("confirm_purchase", "('app', 'custom', 'invoice', 'type')");
+
+        EXPECT_THAT(Bus().errors,
+                    ElementsAre("org.freedesktop.DBus.Error.NoMemory: no memory for the arguments"));
+        EXPECT_THAT(Bus().answered, ElementsAre(invocation()));
+        EXPECT_EQ(g_iPendingCallCount, 5);
+        EXPECT_THAT(LoggedLines(),
+                    Contains(MANAGER.error("m_HandleMethodCall",
+                                           "no memory for the call's arguments, it is answered "
+                                           "with an error")));
+    }
 }
 
 // --- replies ---

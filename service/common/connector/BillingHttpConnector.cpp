@@ -187,6 +187,9 @@ bool CHttpConnector::m_HttpAsyncRequest(_BILLING_HTTP_REQ_INFO_T* ptReqInfo)
         BILLING_ERROR("Fail to init request.");
         return false;
     }
+    // What will stand at the ends of the lists: once the transfer is handed over nothing may fail.
+    RequestList tEntry{ptReqHandler.get()};
+    RequestList tEntryBak{ptReqHandler.get()};
     if (!m_AddEasyHandle(pEasyHandle.get())) {
         pEasyHandle->reset();
         return false;
@@ -195,7 +198,8 @@ bool CHttpConnector::m_HttpAsyncRequest(_BILLING_HTTP_REQ_INFO_T* ptReqInfo)
     // multi handle then offers the transfer again until it is found on the lists.
     static_cast<void>(pEasyHandle.release());
     static_cast<void>(ptRequest.release());
-    m_PushRequest(ptReqHandler.release());
+    static_cast<void>(ptReqHandler.release());
+    m_PushRequest(tEntry, tEntryBak);
     BILLING_DEBUG("Start an async request.");
     return true;
 }
@@ -281,13 +285,13 @@ bool CHttpConnector::m_RemoveEasyHandle(MZCurlEasy* pEasyHandle)
     return true;
 }
 
-void CHttpConnector::m_PushRequest(_BILLING_REQ_HANDLER_t* ptReqHandler)
+void CHttpConnector::m_PushRequest(RequestList& tEntry, RequestList& tEntryBak)
 {
     BILLING_DEBUG("[START] ");
     {
         CBillingAutoLock oLock(&m_ReqInfoLock);
-        m_ReqInfoList.push_back(ptReqHandler);
-        m_ReqInfoListBak.push_back(ptReqHandler);
+        m_ReqInfoList.splice(m_ReqInfoList.end(), tEntry);
+        m_ReqInfoListBak.splice(m_ReqInfoListBak.end(), tEntryBak);
         if (m_bIdle) {
             BILLING_DEBUG("New Request come!");
             g_main_context_invoke(m_pContext, HandleRequest, this);

@@ -116,7 +116,8 @@ private:
     bool m_SetEasyHandleOptions(_BILLING_REQ_HANDLER_t* ptHandler);
     bool m_AddEasyHandle(MZCurl::MZCurlEasy* pEasyHandle);
     bool m_RemoveEasyHandle(MZCurl::MZCurlEasy* pEasyHandle);
-    void m_PushRequest(_BILLING_REQ_HANDLER_t* ptReqHandler);
+    /// Both hold one handler. Cannot fail: its transfer is with the worker already.
+    void m_PushRequest(RequestList& tEntry, RequestList& tEntryBak);
     bool m_RemoveRequest(_BILLING_REQ_HANDLER_t* ptReqHandler);
     void m_DoMultiPerform(int& iRunningHandles);
     bool m_CurlMultiSelect(int& iRunningHandles);
