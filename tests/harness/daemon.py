@@ -4,6 +4,7 @@ import os
 import pathlib
 import re
 import select
+import shlex
 import signal
 import socket
 import subprocess
@@ -31,9 +32,13 @@ def binary():
     return pathlib.Path(os.environ.get("BILLING_SERVICE", DEFAULT_BINARY)).resolve()
 
 
+# A command line that runs it, for instance valgrind's.
+UNDER = shlex.split(os.environ.get("BILLING_UNDER", ""))
+
+
 def is_sanitized():
-    """Built with a sanitizer? Then it is slower and larger."""
-    return b"__sanitizer" in binary().read_bytes()
+    """Built with a sanitizer, or run under something like one? Then it is slower and larger."""
+    return bool(UNDER) or b"__sanitizer" in binary().read_bytes()
 
 
 @contextlib.contextmanager
@@ -63,11 +68,11 @@ class Record:
 
 
 class Daemon:
-    """One process. Its log goes to a file."""
+    """One process. Its log goes to a file. `files` it sees in place of the machine's."""
 
     def __init__(self, folder, bus_address, device, *, view=True, namespace=None, level="debug",
-                 environment=None, tool=()):
-        """@param tool  a command that runs the daemon, such as valgrind"""
+                 environment=None, files=None, tool=None):
+        """@param tool  a command that runs the daemon, instead of $BILLING_UNDER"""
         self.log_file = pathlib.Path(folder) / f"daemon-{time.monotonic_ns()}.log"
         runtime = pathlib.Path(folder) / "run"
         runtime.mkdir(exist_ok=True)
@@ -78,9 +83,10 @@ class Daemon:
             **device.credentials.environment, **SANITIZERS, **(environment or {})}
         self.pid = 0
         with open(self.log_file, "wb") as log, term_blocked():
-            self._start([*tool, str(binary())], device, view, namespace, log)
+            self._start([*(UNDER if tool is None else tool), str(binary())], device, view,
+                        namespace, log, files or {})
 
-    def _start(self, command, device, view, namespace, log):
+    def _start(self, command, device, view, namespace, log, files):
         handed_on = ()
         if namespace is not None:
             command = [*namespace.command, *command]
@@ -92,6 +98,8 @@ class Daemon:
             self.pid = self._process.pid
             return
         prefix = bubblewrap(device.certificates, device.credentials.certificates)
+        for path, instead in files.items():
+            prefix += ["--ro-bind", str(instead), os.path.realpath(path)]
         if namespace is not None:
             prefix += ["--unshare-net", "--cap-add", "CAP_NET_ADMIN"]
         self._process, self.pid = start(prefix, command, handed_on=handed_on, env=self._environment,
@@ -180,7 +188,7 @@ class Daemon:
 
 
 class Namespace:
-    """A network of the daemon's own, with a server's socket in it and an agent that sets routes.
+    """A network of the daemon's own, with two servers' sockets in it and an agent that changes it.
 
     Nothing but the loopback interface is there, and no route.
     """
@@ -192,17 +200,17 @@ class Namespace:
         self.command = [sys.executable, str(pathlib.Path(__file__).with_name("inside.py")),
                         str(self.descriptor)]
 
-    def listener(self, timeout=20):
-        """The listening socket in there. Call it once, when the daemon was started."""
+    def listeners(self, timeout=20):
+        """The two listening sockets in there. Call it once, when the daemon was started."""
         self._theirs.close()
         if not select.select([self._ours], [], [], timeout)[0]:
-            raise AssertionError("the namespace gave no socket")
-        _, descriptors, _, _ = socket.recv_fds(self._ours, 16, 1)
-        return socket.socket(fileno=descriptors[0])
+            raise AssertionError("the namespace gave no sockets")
+        _, descriptors, _, _ = socket.recv_fds(self._ours, 16, 2)
+        return [socket.socket(fileno=descriptor) for descriptor in descriptors]
 
-    def ip(self, *arguments):
-        """Runs ip(8) in there. @return its exit status"""
-        self._ours.sendall(" ".join(arguments).encode())
+    def run(self, command):
+        """Runs a command line in there, split at its blanks. @return its exit status"""
+        self._ours.sendall(command.encode())
         return int(self._ours.recv(16))
 
     def close(self):

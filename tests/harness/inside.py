@@ -3,35 +3,42 @@
 
 usage: inside.py DESCRIPTOR COMMAND...
 
-Opens a listening socket there and hands it out on DESCRIPTOR, leaves an agent behind that runs
-ip(8) as it is told on the same descriptor, and becomes COMMAND.
+Opens two listening sockets there and hands them out on DESCRIPTOR, leaves an agent behind that runs
+what it is told to on the same descriptor, and becomes COMMAND.
 """
 import os
+import shutil
 import socket
 import subprocess
 import sys
+
+# As a shell says it.
+MISSING = 127
 
 
 def serve(channel):
     """The agent: one line, one run, one status, until the other side goes."""
     while command := channel.recv(4096):
-        done = subprocess.run(["ip", *command.decode().split()], check=False)
-        channel.sendall(str(done.returncode).encode())
+        program, *arguments = command.decode().split()
+        found = shutil.which(program, path="/usr/sbin:/sbin:/usr/bin:/bin")
+        status = MISSING if found is None else subprocess.run([found, *arguments], check=False).returncode
+        channel.sendall(str(status).encode())
 
 
 def main():
     channel = socket.socket(fileno=int(sys.argv[1]))
     channel.set_inheritable(False)
-    listener = socket.create_server(("127.0.0.1", 0), backlog=512)
-    socket.send_fds(channel, [b"socket"], [listener.fileno()])
+    listeners = [socket.create_server(("127.0.0.1", 0), backlog=512) for _ in range(2)]
+    socket.send_fds(channel, [b"sockets"], [listener.fileno() for listener in listeners])
     # Twice, so that the command has no child that it knows nothing of.
     if os.fork() == 0:
         if os.fork() == 0:
-            listener.close()
+            for listener in listeners:
+                listener.close()
             serve(channel)
         os._exit(0)
     os.wait()
-    os.execv(sys.argv[2], sys.argv[2:])
+    os.execvp(sys.argv[2], sys.argv[2:])
 
 
 if __name__ == "__main__":

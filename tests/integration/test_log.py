@@ -72,6 +72,8 @@ def test_without_a_level_it_is_info(needs_view, start_daemon, caller, store):
 
 
 def test_one_call_says_what_it_did_in_this_order(service, caller, store):
+    # The bus knows of the name a moment before the daemon does.
+    service.wait_for_log("was acquired")
     before = len(service.log())
     caller.call("get_product_list", "a", "0", "c")
     service.wait_until(

@@ -23,7 +23,7 @@ def isolated(needs_view, start_daemon, caller, server_context, a_device):
     """The daemon in a network of its own without any route, and a store server in there."""
     namespace = daemon.Namespace()
     process = start_daemon(namespace=namespace)
-    running = server.StoreServer(server_context, namespace.listener())
+    running = server.StoreServer(server_context, namespace.listeners()[0])
     a_device.set("deployment", "production_host", f"production.localhost:{running.port}")
     a_device.set("network", "default_gateway", "auto")
     process.wait_for_name(caller)
@@ -54,11 +54,11 @@ def test_without_a_default_route_the_server_would_have_been_reached(isolated, ca
 def cable(isolated):
     """A pair of devices, as a way out that leads nowhere."""
     namespace, _ = isolated
-    for command in ("link add cable type veth peer name wall", "link set wall up",
-                    "link set cable up"):
-        status = namespace.ip(*command.split())
+    for command in ("ip link add cable type veth peer name wall", "ip link set wall up",
+                    "ip link set cable up"):
+        status = namespace.run(command)
         if status != 0:
-            pytest.skip(f"`ip {command}` ends with {status} here: no cable to pull")
+            pytest.skip(f"`{command}` ends with {status} here: no cable to pull")
     return namespace
 
 
@@ -67,9 +67,9 @@ def test_a_cable_that_comes_and_goes_is_seen_by_the_next_call(cable, isolated, c
     _, store = isolated
     assert caller.call("check_server_availability") == NO_NETWORK
 
-    assert cable.ip(family, "route", "add", "default", "dev", "cable") == 0
+    assert cable.run(f"ip {family} route add default dev cable") == 0
     assert caller.call("check_server_availability") == (0, "{}")
 
-    assert cable.ip(family, "route", "del", "default", "dev", "cable") == 0
+    assert cable.run(f"ip {family} route del default dev cable") == 0
     assert caller.call("check_server_availability") == NO_NETWORK
     assert len(store.requests) == 1

@@ -2,6 +2,7 @@
 import os
 import random
 import signal
+import socket
 import subprocess
 import threading
 import time
@@ -53,6 +54,15 @@ class Scene:
         self.process.send(signal.SIGTERM)
         return 1
 
+    def handshaking(self):
+        # A connection for each call, and a signature of the key store for the first of them.
+        self.store.answer = Reply(b"{}", keep=False)
+        self.process.wait_for_name(self.caller)
+        self.call(50)
+        pause(0.02)
+        self.process.send(signal.SIGTERM)
+        return 1
+
     def answering(self):
         self.store.answer = lambda request: Reply(b"x" * random.randrange(20000))
         self.process.wait_for_name(self.caller)
@@ -86,8 +96,8 @@ class Scene:
         return shutdown.fault(self.process, signals)
 
 
-@pytest.mark.parametrize("kind, share", [("starting", 0.4), ("idle", 0.1), ("hanging", 0.15),
-                                         ("answering", 0.25), ("twice", 0.1)])
+@pytest.mark.parametrize("kind, share", [("starting", 0.3), ("idle", 0.1), ("hanging", 0.15),
+                                         ("handshaking", 0.15), ("answering", 0.2), ("twice", 0.1)])
 def test_sigterm_stops_it_cleanly(needs_view, start_daemon, caller, store, kind, share, request):
     seed = random.randrange(1 << 30)
     random.seed(seed)
@@ -100,6 +110,24 @@ def test_sigterm_stops_it_cleanly(needs_view, start_daemon, caller, store, kind,
             request.node.daemons = [scene.process]
         assert fault is None, f"round {number} of {rounds}, seed {seed}: {fault}"
     print(f"{rounds} clean ends of {rounds}")
+
+
+def test_sigterm_while_the_server_says_nothing_in_the_handshake(service, caller, a_device):
+    with socket.create_server(("127.0.0.1", 0)) as mute:
+        a_device.set("deployment", "production_host", f"localhost:{mute.getsockname()[1]}")
+        calls = [caller.start("check_server_availability") for _ in range(10)]
+        connection, _ = mute.accept()
+        # The client's first words are there, and it waits for ours.
+        assert connection.recv(1) == b"\x16"
+
+        began = time.monotonic()
+        service.send(signal.SIGTERM)
+
+        assert service.wait(30) == 0
+        assert time.monotonic() - began < LIMIT
+        assert shutdown.fault(service, 1) is None
+        connection.close()
+    caller.finish(calls)
 
 
 def test_callers_of_a_daemon_that_stops_are_told_so_by_the_bus(service, caller, store):
