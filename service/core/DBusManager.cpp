@@ -6,8 +6,9 @@
 #include "ReplyText.h"
 
 #include <array>
+#include <csignal>
+#include <exception>
 #include <memory>
-#include <new>
 #include <string>
 
 guint32 g_iPendingCallCount = 0;
@@ -280,6 +281,12 @@ void CDBusManager::m_HandleMethodCall(GDBusConnection*, const char*, const char*
 void CDBusManager::m_PipeCallback(void* data, void* buffer, unsigned int)
 {
     BILLING_INFO_PLAIN("START");
+    if (buffer == nullptr) {
+        // Ecore had no memory for the message and closes the pipe: no call could be answered again.
+        BILLING_ERROR("the result pipe has failed for want of memory, the service ends");
+        raise(SIGTERM);
+        return;
+    }
     const std::unique_ptr<BILLING_RETURN_INFO_T> ptInfo(
         data != nullptr ? *static_cast<BILLING_RETURN_INFO_T**>(buffer) : nullptr);
     if (ptInfo == nullptr) {

@@ -1,9 +1,11 @@
 """What the caller gets for each thing that a server can do."""
+import dataclasses
 import datetime
 import socket
 
 import pytest
 from harness import certificates
+from harness.daemon import is_sanitized
 from harness.methods import all_alike, answers
 from harness.server import Endless, Raw, Reply, Reset, Truncate
 
@@ -180,6 +182,53 @@ def test_a_body_that_is_too_long_once_it_is_valid_is_a_failure_without_text(serv
     assert caller.call("check_server_availability") == FAILED
 
     assert still_served(caller, store, owner)
+
+
+@dataclasses.dataclass
+class Stream:
+    """A beginning, and then the same bytes again and again until the client has enough."""
+
+    beginning: bytes
+    again: bytes
+
+    def perform(self, connection, running):
+        connection.send(self.beginning)
+        while not running.stopping.is_set():
+            connection.send(self.again)
+        return False
+
+
+OK = b"HTTP/1.1 200 OK\r\n"
+MEGABYTE = b"100000\r\n" + b"x" * (1 << 20) + b"\r\n"
+STREAMS = {
+    "headers": Stream(OK, b"X-More: " + b"x" * 1000 + b"\r\n"),
+    "a header without an end": Stream(OK + b"X-Long: ", b"x" * 1000),
+    "trailers": Stream(OK + b"Transfer-Encoding: chunked\r\n\r\n2\r\n{}\r\n0\r\n",
+                       b"X-More: " + b"x" * 1000 + b"\r\n"),
+    "interim answers": Stream(b"", b"HTTP/1.1 100 Continue\r\nX-More: " + b"x" * 1000 + b"\r\n\r\n"),
+    "a GiB that is announced": Stream(OK + b"Content-Length: 1073741824\r\n\r\n", b"x" * (1 << 20)),
+    "a GiB in one chunk": Stream(OK + b"Transfer-Encoding: chunked\r\n\r\n40000000\r\n", b"x" * (1 << 20)),
+    "a GiB in chunks": Stream(OK + b"Transfer-Encoding: chunked\r\n\r\n", MEGABYTE)}
+
+
+@pytest.mark.parametrize("stream", STREAMS)
+def test_an_answer_that_grows_and_grows_is_a_failure_and_takes_no_more_memory_than_the_largest(
+        service, caller, store, stream):
+    owner = caller.owner()
+    store.answer = STREAMS[stream]
+
+    result, _ = caller.call("confirm_purchase", "a", "c", "i", "0")
+
+    assert result == -1
+    # Four times the longest text, and what the daemon takes anyway.
+    assert service.status_field("VmHWM") < 4 * LIMIT // 1024 + (400_000 if is_sanitized() else 30_000)
+    assert still_served(caller, store, owner)
+
+
+@pytest.mark.parametrize("size", [1, 4096, 16_384, 65_536, 1 << 20, (1 << 20) + 1])
+def test_a_body_of_any_size_arrives_whole(service, caller, store, size):
+    store.answer = Reply(long_text(size))
+    assert caller.call("check_server_availability") == (0, store.answer.body.decode())
 
 
 def test_a_body_without_an_end_is_a_failure(service, caller, store):

@@ -52,6 +52,20 @@ def test_a_sealed_key_is_stored_at_the_first_start_and_found_at_the_next(
     assert {request.client for request in store.requests} == {DEVICE}
 
 
+def test_what_a_first_start_writes_is_for_nobody_else(needs_view, start_daemon, caller, sealed):
+    # The daemon's own mask is 0, and the token writes its files in the daemon's process.
+    folder = sealed.credentials.folder
+    before = {file: file.stat().st_mtime_ns for file in folder.rglob("*") if file.is_file()}
+    process = start_daemon()
+    process.wait_for_name(caller)
+    assert process.stop() == 0
+
+    written = [file for file in folder.rglob("*")
+               if file.is_file() and before.get(file) != file.stat().st_mtime_ns]
+    assert written
+    assert {oct(file.stat().st_mode & 0o077) for file in written} == {"0o0"}
+
+
 def test_sealed_key_material_of_another_certificate_is_left_alone(needs_view, start_daemon, caller,
                                                                   store, sealed):
     other = rsa.generate_private_key(65537, 2048).public_key()

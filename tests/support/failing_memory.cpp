@@ -50,7 +50,8 @@ void WriteDown(Page& shared, const void* caller)
 {
     Dl_info info{};
     if (dladdr(caller, &info) != 0 && info.dli_fname != nullptr) {
-        shared.place = reinterpret_cast<std::uintptr_t>(caller) - reinterpret_cast<std::uintptr_t>(info.dli_fbase);
+        shared.place = reinterpret_cast<std::uintptr_t>(caller) -
+                       reinterpret_cast<std::uintptr_t>(info.dli_fbase);
         std::strncpy(shared.library, info.dli_fname, sizeof(shared.library) - 1);
     }
 }
@@ -96,7 +97,8 @@ EXPORTED void* aligned_alloc(size_t alignment, size_t size)
 
 EXPORTED int posix_memalign(void** result, size_t alignment, size_t size)
 {
-    void* memory = IsRefused(__builtin_return_address(0)) ? nullptr : __libc_memalign(alignment, size);
+    void* memory =
+        IsRefused(__builtin_return_address(0)) ? nullptr : __libc_memalign(alignment, size);
     if (memory == nullptr) {
         return ENOMEM;
     }

@@ -5,6 +5,7 @@
 
 #include <gmock/gmock.h>
 
+#include <csignal>
 #include <new>
 #include <stdexcept>
 
@@ -165,8 +166,9 @@ TEST_F(ADBusManager, AnswersACallWithAnErrorWhenMakingItsRequestThrows)
 
         call("confirm_purchase", "('app', 'custom', 'invoice', 'type')");
 
-        EXPECT_THAT(Bus().errors,
-                    ElementsAre("org.freedesktop.DBus.Error.NoMemory: no memory for the arguments"));
+        EXPECT_THAT(
+            Bus().errors,
+            ElementsAre("org.freedesktop.DBus.Error.NoMemory: no memory for the arguments"));
         EXPECT_THAT(Bus().answered, ElementsAre(invocation()));
         EXPECT_EQ(g_iPendingCallCount, 5);
         EXPECT_THAT(LoggedLines(),
@@ -195,6 +197,24 @@ TEST_F(ADBusManager, AnswersACallWithWhatThePipeBrings)
             MANAGER.info(strName, "m_PipeCallback >>> iRespResult:[0],strRespInfo[{\"a\":1}]=="),
             MANAGER.plainInfo(strName, "g_dbus_method_invocation_return_value"),
             MANAGER.plainInfo(strName, "g_dbus_method_invocation_return_value")));
+}
+
+// Ecore calls its reader so when it has no memory for a message; the pipe is closed then.
+TEST_F(ADBusManager, EndsTheServiceWhenThePipeHasFailed)
+{
+    static volatile std::sig_atomic_t g_iTerminated;
+    g_iTerminated = 0;
+    const auto pfnBefore = std::signal(SIGTERM, [](int) { ++g_iTerminated; });
+
+    CDBusManager::m_PipeCallback(&m_oManager, nullptr, 0);
+
+    std::signal(SIGTERM, pfnBefore);
+    EXPECT_EQ(g_iTerminated, 1);
+    EXPECT_THAT(Bus().replies, IsEmpty());
+    EXPECT_THAT(LoggedLines(), ElementsAre(MANAGER.plainInfo("m_PipeCallback", "START"),
+                                           MANAGER.error("m_PipeCallback",
+                                                         "the result pipe has failed for want of "
+                                                         "memory, the service ends")));
 }
 
 TEST_F(ADBusManager, AnswersNobodyWithoutAnInvocation)

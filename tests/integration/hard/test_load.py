@@ -1,5 +1,6 @@
 """Many calls at once, and for long."""
 import random
+import signal
 import statistics
 import subprocess
 import threading
@@ -155,8 +156,13 @@ def test_a_burst_of_refusals_is_answered_whole(service, callers, a_device, size,
     a_device.set("network", "default_gateway", "down")
     count = size(2_000, 10_000)
     connections = [callers() for _ in range(count // 125 + 1)]
-    began = time.monotonic()
+    # All of them are there before it looks at the first one.
+    service.send(signal.SIGSTOP)
     calls = [connections[i // 125].start("check_server_availability") for i in range(count)]
+    for connection in connections:
+        connection.connection.flush_sync(None)
+    began = time.monotonic()
+    service.send(signal.SIGCONT)
     connections[0].finish(calls)
     assert all(call.error is None and call.result == NO_NETWORK for call in calls)
     figure(f"{count} refusals answered in {time.monotonic() - began:.1f} s")

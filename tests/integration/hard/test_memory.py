@@ -3,7 +3,7 @@
 Allowed are an answer that is described, the end of the process by a library that ends it for want of memory
 (GLib, and SoftHSM as a token), and a call without an answer where the service gives none by design. A TLS library
 without a buffer may leave its transfer waiting; that is answered when the transfer's time is over. The next calls
-are as good as ever.
+are as good as ever, but for one case: what libcrypto could not set up for the first call it does not try again.
 """
 import collections
 import mmap
@@ -112,12 +112,17 @@ class Torture:
         if call.result is not None:
             if call.result not in ANSWERS:
                 return None
-            return "answered" if self.is_good_again() else self.allowed_ending()
+            return "answered" if self.is_good_again() else self.allowed_ending() or self.lasting()
         if NO_MEMORY in call.error.message:
             return "NoMemory" if self.is_good_again() else None
         if "NoReply" in call.error.message and self.ending() is not None:
             return self.allowed_ending()
         return None
+
+    def lasting(self):
+        """libcrypto remembers for the life of the process that it has no such algorithm."""
+        at_fault = self._fresh and "libcrypto" in self._refusals.culprit and self._service.is_running()
+        return "answered, and libcrypto stays without an algorithm" if at_fault else None
 
     def allowed_ending(self):
         ending = self.ending()
