@@ -4,6 +4,8 @@
 #include <algorithm>
 #include <memory>
 #include <new>
+#include <string_view>
+#include <utility>
 
 namespace MZCurl {
 namespace {
@@ -17,14 +19,15 @@ struct CurlFree {
     void operator()(char* text) const { curl_free(text); }
 };
 
-bool mayGo(const Host& host, Gate::Clock::time_point now)
+/// What a URL has before its path, its query or its fragment: all that its host key depends on.
+std::string_view startOf(const std::string& url)
 {
-    return host.open || now >= host.deadline;
+    const std::size_t scheme = url.find("://");
+    const std::size_t host = scheme == std::string::npos ? 0 : scheme + 3;
+    return std::string_view(url).substr(0, url.find_first_of("/?#\\", host));
 }
 
-}  // namespace
-
-std::string Gate::keyOf(const std::string& url)
+std::string keyOf(const std::string& url)
 {
     const std::unique_ptr<CURLU, UrlCleanup> parsed(curl_url());
     if (parsed == nullptr ||
@@ -41,6 +44,31 @@ std::string Gate::keyOf(const std::string& url)
         key.append(text).append(1, ' ');
     }
     return key;
+}
+
+/// A URL with another byte in it is none.
+bool isPlain(const std::string& url)
+{
+    return std::all_of(url.begin(), url.end(),
+                       [](unsigned char c) { return c > ' ' && c != 0x7f; });
+}
+
+bool mayGo(const Host& host, Gate::Clock::time_point now)
+{
+    return host.open || now >= host.deadline;
+}
+
+}  // namespace
+
+const std::string& HostKey::of(const std::string& url)
+{
+    const std::string_view start = startOf(url);
+    if (m_key.empty() || start != m_start || !isPlain(url)) {
+        std::string key = keyOf(url);
+        m_start = start;
+        m_key = std::move(key);
+    }
+    return m_key;
 }
 
 bool Gate::enter(Transfer& transfer, Clock::time_point now)

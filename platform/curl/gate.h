@@ -20,13 +20,21 @@ struct Host {
     TransferList waiting;
 };
 
+/// Scheme, host and port of a URL; empty when it is none. Remembers the last one: as a rule all go
+/// to the same host. Thread: one at a time.
+class HostKey {
+public:
+    const std::string& of(const std::string& url);
+
+private:
+    std::string m_start;  // of the last URL, up to its path
+    std::string m_key;
+};
+
 /// Thread: the worker.
 class Gate {
 public:
     using Clock = std::chrono::steady_clock;
-
-    /// Scheme, host and port of a URL; empty when it is none. Thread: any.
-    static std::string keyOf(const std::string& url);
 
     /// A transfer arrives. @return true when it may go; false when it was put among those that wait
     bool enter(Transfer& transfer, Clock::time_point now);

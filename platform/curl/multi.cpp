@@ -21,12 +21,15 @@ constexpr int kLongestPollMs = 2000;
 // A finished transfer that its reader is not ready for yet will be wanted in a moment.
 constexpr int kUnclaimedPollMs = 1;
 
-// Connections that are kept for the next transfers. Left alone, libcurl keeps four for each transfer
-// of the largest burst there was, for as long as the server does.
-constexpr long kMostKeptConnections = 64;
+// Connections that are kept for the next transfers while there are any. Fewer than are under way
+// would make a handshake of every further call.
+constexpr long kMostKeptConnections = 1024;
 
-// After that many at once the memory that they took is given back when the last one has gone.
-constexpr std::size_t kBurst = 256;
+// After more than that many at once their connections are closed, and the memory that they took is
+// given back, when the last one has gone and no other came for a while: between the calls of a busy
+// burst there are moments without any.
+constexpr std::size_t kBurst = 64;
+constexpr int kAfterBurstMs = 500;
 
 // A wait that fails does not wait: without a pause the caller's loop would spin.
 constexpr std::chrono::milliseconds kPauseAfterFailure{10};
@@ -50,12 +53,18 @@ bool MZCurlMulti::Impl::initialize()
         return true;
     }
     if (initializeLibraries()) {
-        m_multi.reset(curl_multi_init());
-    }
-    if (m_multi != nullptr) {
-        curl_multi_setopt(m_multi.get(), CURLMOPT_MAXCONNECTS, kMostKeptConnections);
+        m_multi = newMulti();
     }
     return m_multi != nullptr;
+}
+
+MZCurlMulti::Impl::Multi MZCurlMulti::Impl::newMulti()
+{
+    Multi multi(curl_multi_init());
+    if (multi != nullptr) {
+        curl_multi_setopt(multi.get(), CURLMOPT_MAXCONNECTS, kMostKeptConnections);
+    }
+    return multi;
 }
 
 bool MZCurlMulti::Impl::isInitialized()
@@ -96,8 +105,8 @@ int MZCurlMulti::Impl::running()
 bool MZCurlMulti::Impl::add(MZCurlEasy& easy, Transfer& transfer)
 {
     TransferList entry{&transfer};
-    std::string key = Gate::keyOf(transfer.url);
     const std::lock_guard<std::mutex> guard(m_lock);
+    std::string key = m_lastKey.of(transfer.url);
     const void* nobody = nullptr;
     if (m_multi == nullptr || !m_started || !transfer.owner.compare_exchange_strong(nobody, this)) {
         return false;
@@ -106,8 +115,8 @@ bool MZCurlMulti::Impl::add(MZCurlEasy& easy, Transfer& transfer)
     transfer.hostKey = std::move(key);
     transfer.node = entry.begin();
     transfer.home = &m_pending;
-    // The worker takes all of them at once: only the first has to wake it.
-    const bool wake = m_pending.empty();
+    // The worker takes all of them at once: only the first has to wake it, and only from its wait.
+    const bool wake = m_waits && m_pending.empty();
     m_pending.splice(m_pending.end(), entry);
     ++m_added;
     m_most = std::max(m_most, m_added);
@@ -173,6 +182,7 @@ void MZCurlMulti::Impl::attach(Transfer& transfer)
         return;
     }
     transfer.attached = true;
+    m_begun = true;
     moveTo(transfer, m_active);
 }
 
@@ -210,16 +220,46 @@ int MZCurlMulti::Impl::waitLimit() const
                            : kUnclaimedPollMs;
 }
 
-void MZCurlMulti::Impl::endBurst()
+bool MZCurlMulti::Impl::endBurst()
 {
     {
         const std::lock_guard<std::mutex> guard(m_lock);
-        if (m_most < kBurst || m_added > 0) {
-            return;
+        if (m_most <= kBurst) {
+            return true;
+        }
+    }
+    const bool ok = wait(kAfterBurstMs);
+    Multi old;
+    {
+        const std::lock_guard<std::mutex> guard(m_lock);
+        if (m_added > 0 || m_stopped) {
+            return ok;
         }
         m_most = 0;
+        // libcurl closes kept connections one by one, as others are used; a new handle has none.
+        if (Multi fresh = newMulti(); fresh != nullptr) {
+            m_multi.swap(fresh);
+            old = std::move(fresh);
+        }
     }
+    old.reset();
     giveBackMemory();
+    return ok;
+}
+
+bool MZCurlMulti::Impl::wait(int limit)
+{
+    {
+        const std::lock_guard<std::mutex> guard(m_lock);
+        if (m_stopped || !m_pending.empty()) {
+            return true;
+        }
+        m_waits = true;
+    }
+    const CURLMcode code = curl_multi_poll(m_multi.get(), nullptr, 0, limit, nullptr);
+    const std::lock_guard<std::mutex> guard(m_lock);
+    m_waits = false;
+    return code == CURLM_OK;
 }
 
 bool MZCurlMulti::Impl::select()
@@ -227,11 +267,11 @@ bool MZCurlMulti::Impl::select()
     offerAgain();
     adopt();
     if (running() == 0) {
-        endBurst();
-        return true;
+        return endBurst();
     }
     const TlsErrorScope errors;
-    bool ok = curl_multi_poll(m_multi.get(), nullptr, 0, waitLimit(), nullptr) == CURLM_OK;
+    // A transfer that has begun has something to do already.
+    bool ok = m_begun || wait(waitLimit());
     if (stopped()) {
         return ok;
     }
@@ -240,6 +280,7 @@ bool MZCurlMulti::Impl::select()
     }
     adopt();
     m_http2Moved = false;
+    m_begun = false;
     int unfinished = 0;
     ok = curl_multi_perform(m_multi.get(), &unfinished) == CURLM_OK && ok;
     collect();

@@ -47,7 +47,12 @@ private:
         void operator()(CURLM* multi) const { curl_multi_cleanup(multi); }
     };
 
+    using Multi = std::unique_ptr<CURLM, Cleanup>;
+
+    static Multi newMulti();
     bool stopped();
+    /// Waits for something to do, so many milliseconds at most. @return false when libcurl refused
+    bool wait(int limit);
     void offerAgain();
     int waitLimit() const;
     void letThrough();
@@ -55,23 +60,26 @@ private:
     void finish(Transfer& transfer, CURLcode result);
     void collect();
     void takeOut(Transfer& transfer);
-    void endBurst();
+    bool endBurst();
 
     SessionShare m_share;
-    std::unique_ptr<CURLM, Cleanup> m_multi;
+    Multi m_multi;  // replaced by the worker under the lock, when no transfer is attached
 
-    std::mutex m_lock;  // guards the following five
+    std::mutex m_lock;  // guards the following seven
     bool m_started = false;
     bool m_stopped = false;
     std::size_t m_added = 0;
     std::size_t m_most = 0;  // of m_added, since memory was given back
     TransferList m_pending;
+    bool m_waits = false;  // the worker does: an addition has to wake it
+    HostKey m_lastKey;
 
     Gate m_gate;
     TransferList m_going;  // to be attached next
     TransferList m_active;
     TransferList m_ready;
     TransferList m_given;
+    bool m_begun = false;  // a transfer was attached that libcurl has not looked at yet
     bool m_http2Moved = false;
 };
 

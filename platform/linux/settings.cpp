@@ -37,18 +37,24 @@ void report(const std::string& problem)
     __dlog_print(DLOG_ERROR, "BILLING_PLATFORM", "settings: %s", problem.c_str());
 }
 
-bool isCurrent(const Cache& cache, const std::string& path)
+const char* configuredPath()
+{
+    const char* const path = getenv("PLEVO_DEVICE_CONF");
+    return path != nullptr && *path != '\0' ? path : "/etc/plevo/device.conf";
+}
+
+bool isCurrent(const Cache& cache, const char* path)
 {
     struct stat status {};
     return cache.values != nullptr && cache.contents.settled && cache.path == path &&
-           stat(path.c_str(), &status) == 0 && Stamp::of(status) == cache.contents.stamp;
+           stat(path, &status) == 0 && Stamp::of(status) == cache.contents.stamp;
 }
 
 /// The values of the file as it is now. What is wrong in a new version is logged without the lock:
 /// the log may have to wait for its reader.
 Snapshot current()
 {
-    const std::string path = filePath();
+    const char* const path = configuredPath();
     Cache& c = cache();
     Snapshot values;
     {
@@ -75,14 +81,13 @@ Snapshot current()
 
 std::string filePath()
 {
-    const char* const path = getenv("PLEVO_DEVICE_CONF");
-    return path != nullptr && *path != '\0' ? path : "/etc/plevo/device.conf";
+    return configuredPath();
 }
 
 std::optional<std::string> text(const char* group, const char* key)
 {
     const Snapshot values = current();
-    const auto found = values->texts.find({group, key});
+    const auto found = values->texts.find(ByName::View{group, key});
     if (found == values->texts.end() || found->second.empty())
         return std::nullopt;
     return found->second;
@@ -96,13 +101,13 @@ std::optional<int> number(const char* group, const char* key)
 
 bool isRefused(const char* group, const char* key)
 {
-    return current()->refused.count({group, key}) != 0;
+    return current()->refused.count(ByName::View{group, key}) != 0;
 }
 
 void reportMissing(const char* group, const char* key, const char* consequence)
 {
     const Snapshot values = current();
-    if (!values->usable || values->refused.count({group, key}) != 0)
+    if (!values->usable || values->refused.count(ByName::View{group, key}) != 0)
         return;
     Cache& c = cache();
     std::string path;

@@ -7,6 +7,7 @@
 #include <optional>
 #include <set>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -14,6 +15,13 @@ namespace settings {
 
 /// Group and key.
 using Name = std::pair<std::string, std::string>;
+
+/// Finds a name by texts that nobody has made strings of.
+struct ByName {
+    using is_transparent = void;
+    using View = std::pair<std::string_view, std::string_view>;
+    bool operator()(const View& a, const View& b) const { return a < b; }
+};
 
 /// What tells one version of a file from the next without reading it.
 struct Stamp {
@@ -43,8 +51,8 @@ Contents readFile(const std::string& path);
 /// What a file says.
 struct Values {
     bool usable = false;  ///< the file could be read and parsed
-    std::map<Name, std::string> texts;
-    std::set<Name> refused;
+    std::map<Name, std::string, ByName> texts;
+    std::set<Name, ByName> refused;
     std::vector<std::string> problems;  ///< one line each; they name keys, never values
 };
 

@@ -3,8 +3,8 @@
 #include "BillingLog.h"
 #include "BillingUtil.h"
 
+#include <algorithm>
 #include <list>
-#include <sstream>
 #include <string>
 
 using MZCurl::MZCurlEasy;
@@ -82,11 +82,14 @@ bool SetSsl(MZCurlEasy& oEasy, bool bSSL, CHttpConnector* poConnector)
 std::list<std::string> HeaderList(const std::string& strHeader)
 {
     std::list<std::string> lstHeader;
-    std::istringstream lines(strHeader);
-    for (std::string strLine; std::getline(lines, strLine);) {
+    const std::string strBlanks = "\r\n\t\v";
+    for (std::size_t uBegin = 0; uBegin < strHeader.size();) {
+        const std::size_t uEnd = std::min(strHeader.find('\n', uBegin), strHeader.size());
+        std::string strLine = strHeader.substr(uBegin, uEnd - uBegin);
         if (strLine.find(':') != std::string::npos) {
-            lstHeader.push_back(BillingUtil::StringTrim(strLine, "\r\n\t\v"));
+            lstHeader.push_back(BillingUtil::StringTrim(strLine, strBlanks));
         }
+        uBegin = uEnd + 1;
     }
     // Sent without a value: no server is asked for leave before it gets the body.
     lstHeader.emplace_back("Expect:");

@@ -1,4 +1,6 @@
 // gate_test.cpp - one transfer goes ahead to a cold host, and nobody waits for it too long.
+#include "gate.h"
+
 #include "test_server.h"
 #include "transfers.h"
 
@@ -8,6 +10,7 @@
 
 #include <functional>
 #include <memory>
+#include <set>
 #include <string>
 #include <thread>
 #include <vector>
@@ -121,6 +124,40 @@ protected:
     const test::CertificateAuthority authority;
     const test::Identity identity = authority.issue();
 };
+
+TEST(TheKeyOfAHost, IsTheSameForWhateverIsAskedOfIt)
+{
+    HostKey key;
+    const std::string first = key.of("https://store.test/a?b=c");
+    EXPECT_EQ(key.of("https://store.test/b"), first);
+    EXPECT_EQ(key.of("https://store.test"), first);
+    EXPECT_EQ(key.of("https://store.test?q=https://other.test/"), first);
+    EXPECT_EQ(key.of("https://store.test:443/a"), first);
+}
+
+TEST(TheKeyOfAHost, TellsHostsPortsAndSchemesApart)
+{
+    HostKey key;
+    std::set<std::string> keys;
+    const std::vector<std::string> urls{"https://store.test/",      "https://store.tes/t",
+                                        "https://store.test:8443/", "http://store.test/",
+                                        "https://store.test.more/", "https://store.test@other/"};
+    for (const std::string& url : urls) {
+        keys.insert(key.of(url));
+    }
+    EXPECT_EQ(keys.size(), urls.size());
+}
+
+TEST(TheKeyOfAHost, IsEmptyForWhatIsNoUrlWhateverCameBefore)
+{
+    HostKey key;
+    const std::string good = key.of("https://store.test/a");
+    EXPECT_NE(good, "");
+    EXPECT_EQ(key.of("https://store.test/a b"), "");
+    EXPECT_EQ(key.of("https://store.test/a\x7f"), "");
+    EXPECT_EQ(key.of("https://store.test/a"), good);
+    EXPECT_EQ(key.of(""), "");
+}
 
 TEST_F(ABurst, OfAHundredToAColdHostCostsOneFullHandshake)
 {

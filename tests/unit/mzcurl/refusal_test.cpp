@@ -104,9 +104,10 @@ TEST(ARefusal, ToWaitIsReportedAndDoesNotStopTheWork)
     Transfer transfer(server.url());
     Worker worker;
     ASSERT_TRUE(worker.multi.addHandle(&transfer.easy));
+    int running = 0;
+    EXPECT_TRUE(worker.multi.fdSelect(running)) << "it has something to do and does not wait";
     libcurl().failPoll = 20;
     const auto start = Clock::now();
-    int running = 0;
     for (int i = 0; i < 20; ++i) {
         EXPECT_FALSE(worker.multi.fdSelect(running));
         EXPECT_EQ(running, 1);
