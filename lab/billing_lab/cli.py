@@ -1,9 +1,13 @@
 """The command line: its words, and what is said about them."""
 import argparse
+import importlib.metadata
 import os
+import platform
+import sqlite3
+import ssl
 import sys
 
-from . import commands, device
+from . import __version__, commands, device
 from .catalogue import DEFAULT_FILE
 from .faults import CONNECTION_FAULTS, ENDPOINTS, KINDS, RESERVED
 from .folder import LabError, default_path
@@ -38,6 +42,8 @@ def parser() -> argparse.ArgumentParser:
                                    formatter_class=argparse.RawDescriptionHelpFormatter)
     made.add_argument("--dir", metavar="DIR", help="the lab's folder; several labs have several "
                       f"(default: $BILLING_LAB_DIR, else {default_path()})")
+    made.add_argument("--version", action="version", version=_version(),
+                      help="print the version, and those of what the lab is built on")
     words = made.add_subparsers(dest="command", metavar="COMMAND", required=True)
     _life(words)
     _store(words)
@@ -45,6 +51,13 @@ def parser() -> argparse.ArgumentParser:
     _faults(words)
     _journal(words)
     return made
+
+
+def _version() -> str:
+    libraries = [f"{name} {importlib.metadata.version(name)}"
+                 for name in ("aiohttp", "cryptography", "PyGObject", "trustme")]
+    return "\n".join([f"billing-lab {__version__}", f"Python {platform.python_version()}",
+                      ssl.OPENSSL_VERSION, f"SQLite {sqlite3.sqlite_version}", *libraries])
 
 
 def _add(words, name: str, run, what: str, json: bool = True, **options) -> argparse.ArgumentParser:

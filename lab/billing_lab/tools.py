@@ -6,7 +6,8 @@ import shutil
 from .folder import Folder, LabError
 
 TREE = pathlib.Path(__file__).resolve().parents[2]
-INSTALLED_SERVICE = pathlib.Path("/usr/libexec/billing-service")
+# An installed lab lies in PREFIX/share/billing-lab.
+INSTALLED_SERVICE = TREE.parent / "libexec" / "billing-service"
 _IN_BUILD = {"billing-provision": "platform/linux/provision/billing-provision",
              "billingctl": "client/billingctl"}
 
@@ -23,10 +24,11 @@ def service() -> pathlib.Path:
 
 
 def tool(name: str) -> pathlib.Path | None:
-    """Another program, of the same build as the daemon; None when it was not built."""
-    built = service().parents[1] / _IN_BUILD[name]
-    if os.access(built, os.X_OK):
-        return built
+    """Another program, of the same build or prefix as the daemon; None when it is not there."""
+    home = service().parents[1]
+    for candidate in (home / _IN_BUILD[name], home / "bin" / name, home / "sbin" / name):
+        if os.access(candidate, os.X_OK):
+            return candidate
     found = shutil.which(name)
     return pathlib.Path(found) if found else None
 

@@ -7,7 +7,7 @@ import subprocess
 
 import pytest
 
-from conftest import TREE
+from installation import TREE
 
 MANUALS = ["billing-service.8", "billing-provision.8", "billingctl.1", "billing-lab.1", "device.conf.5",
            "org.plevo.billingservice.5"]

@@ -10,7 +10,7 @@ import pytest
 from gi.repository import Gio, GLib
 
 from billing_lab import bus as message_bus
-from conftest import PolicyBus
+from installation import PolicyBus
 
 ANSWERED, DENIED = "answered", "org.freedesktop.DBus.Error.AccessDenied"
 METHODS = ["get_product_list", "get_purchase_history", "get_applied_time", "confirm_purchase",

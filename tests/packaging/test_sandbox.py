@@ -13,7 +13,7 @@ import pytest
 from billing_lab import bus as message_bus
 from billing_lab import view
 from confine import CONFINED, read
-from conftest import TREE
+from installation import TREE
 from harness import server
 from harness.device import Device
 

@@ -7,6 +7,8 @@
 
 #include <CLI/CLI.hpp>
 #include <arpa/inet.h>
+#include <glib.h>
+#include <openssl/crypto.h>
 #include <sys/prctl.h>
 #include <sys/stat.h>
 
@@ -136,6 +138,13 @@ int report(int code, const char* text)
     return code;
 }
 
+std::string version()
+{
+    return std::string("billing-provision ") + BILLING_VERSION + "\nGLib " +
+           std::to_string(glib_major_version) + "." + std::to_string(glib_minor_version) + "." +
+           std::to_string(glib_micro_version) + "\n" + OpenSSL_version(OPENSSL_VERSION);
+}
+
 }  // namespace
 
 int main(int argc, char** argv)
@@ -150,6 +159,7 @@ int main(int argc, char** argv)
     app.require_subcommand(1);
     app.fallthrough();
     app.footer(kFooter);
+    app.set_version_flag("--version", version);
     app.add_option_function<std::string>(
            "--conf", [](const std::string& path) { setenv("PLEVO_DEVICE_CONF", path.c_str(), 1); },
            "The device's settings file; else $PLEVO_DEVICE_CONF, else /etc/plevo/device.conf")

@@ -1,0 +1,56 @@
+"""The Debian packages, and a bare Debian to install them in. Needs root and a Debian mirror; the bare root is kept in
+build/cache for the next run."""
+import os
+import pathlib
+import tempfile
+
+import pytest
+
+from machine import TREE, Machine, run
+
+SUITE = "bookworm"
+
+
+@pytest.fixture(scope="session")
+def packages():
+    """The folder with the packages: that of $BILLING_PACKAGES, else just built."""
+    if "BILLING_PACKAGES" in os.environ:
+        return pathlib.Path(os.environ["BILLING_PACKAGES"])
+    folder = TREE / "build" / "packages"
+    run(TREE / "scripts" / "package", folder, timeout=1800)
+    return folder
+
+
+@pytest.fixture(scope="session")
+def bare_root():
+    """An archive of a Debian that has what every Debian has, and nothing more."""
+    if os.geteuid() != 0:
+        pytest.skip("a root of its own needs root")
+    archive = TREE / "build" / "cache" / f"{SUITE}.tar"
+    if not archive.exists():
+        archive.parent.mkdir(parents=True, exist_ok=True)
+        with tempfile.TemporaryDirectory(prefix="billing-") as folder:
+            run("debootstrap", "--variant=minbase", SUITE, folder, timeout=1200)
+            made = archive.with_suffix(".new")
+            run("tar", "--create", "--file", made, "--directory", folder, "--one-file-system", ".")
+            made.rename(archive)
+    return archive
+
+
+@pytest.fixture(scope="session")
+def machine(bare_root, packages):
+    """A bare Debian with the packages at hand and what they depend on installed."""
+    with tempfile.TemporaryDirectory(prefix="billing-") as folder:
+        made = Machine(pathlib.Path(folder))
+        run("tar", "--extract", "--file", bare_root, "--directory", folder)
+        os.chmod(folder, 0o755)
+        (made.root / "packages").mkdir()
+        for package in sorted(packages.glob("*.deb")):
+            if "-dbgsym_" not in package.name:
+                run("cp", package, made.root / "packages")
+        for name in ("resolv.conf", "hosts"):
+            run("cp", f"/etc/{name}", made.root / "etc")
+        made.do("groupadd --gid 12346 app && useradd --uid 12346 --gid 12346 app")
+        made.do("apt-get -qq update && apt-get -qq -y install --no-install-recommends /packages/*.deb && "
+                "apt-get -qq -y purge billing-service billingctl billing-lab billing-service-dev", timeout=1200)
+        yield made

@@ -1,0 +1,103 @@
+"""The Debian packages on a machine that never saw this tree."""
+import json
+import subprocess
+
+import pytest
+
+from machine import run
+
+OURS = "billing-service billingctl billing-lab billing-service-dev"
+# An ordinary user, with a home and nothing else.
+A_USER = "mkdir -p /tmp/home && chown 12346 /tmp/home && cd /tmp/home && " \
+    "setpriv --reuid=12346 --regid=12346 --clear-groups env HOME=/tmp/home PATH=/usr/bin:/bin sh -ec"
+
+
+@pytest.fixture
+def installed(machine):
+    """The machine with the packages installed; afterwards nothing is left of them."""
+    before, users = machine.files(), machine.users()
+    machine.do("dpkg --install /packages/*.deb")
+    yield machine
+    machine.do(f"rm -rf /tmp/home && dpkg --purge {OURS}")
+    after = machine.files()
+    assert (sorted(after - before), sorted(before - after)) == ([], [])
+    assert machine.users() == users
+
+
+def test_nothing_is_wrong_with_the_packages(packages):
+    changes = next(packages.glob("*.changes"))
+    done = subprocess.run(["lintian", "--allow-root", "--display-info", "--pedantic", "--tag-display-limit=0",
+                           "--fail-on=error,warning,info,pedantic", changes],
+                          capture_output=True, text=True, check=False)
+    assert (done.returncode, done.stdout) == (0, "")
+
+
+def test_a_user_s_lab_runs_on_what_is_installed(installed):
+    said = installed.do(A_USER + """ '
+        lab="billing-lab --dir /tmp/home/lab"
+        $lab up --json >up.json
+        trap "$lab down" EXIT
+        $lab call get_product_list appid=app-1 --json
+        invoice=$($lab buy coins-100 --json | sed -n "s/.*\\"id\\": \\"\\([^\\"]*\\)\\".*/\\1/p")
+        $lab call confirm_purchase invoiceid=$invoice --json
+        $lab check
+        $lab doctor
+        cat /proc/[0-9]*/cmdline | tr "\\0" "\\n" | grep "libexec"
+        bus=$(sed -n "s/.*\\"bus\\": \\"\\([^\\"]*\\)\\".*/\\1/p" up.json)
+        billingctl --bus "$bus" check-server-availability
+    '""")
+    assert '"resp_result": 0' in said and "coins-100" in said
+    assert "\n/usr/libexec/billing-service\n" in said
+    assert '"available": true' in said
+
+
+def test_the_bus_starts_the_service_for_who_may_call_it(installed):
+    """The machine's own system bus, with the rules and the activation that were installed."""
+    said = installed.do("""
+        mkdir -p /run/dbus && dbus-daemon --system --nopidfile
+        ask="billingctl --json check-server-availability"
+        setpriv --reuid=12346 --regid=12346 --clear-groups $ask || echo "status $?"
+        setpriv --reuid=12346 --regid=12346 --groups=$(getent group billing | cut -d: -f3) $ask || echo "status $?"
+        # Who has the daemon's process.
+        for process in /proc/[0-9]*; do
+            [ "$(readlink $process/exe)" = /usr/libexec/billing-service ] && stat -c 'runs as %U' $process
+        done
+        for process in $(dbus-send --system --print-reply=literal --dest=org.freedesktop.DBus /org/freedesktop/DBus \
+            org.freedesktop.DBus.GetConnectionUnixUser string:org.plevo.billingservice); do echo "owner $process"; done
+    """)
+    denied, status, refused, refused_status = said.splitlines()[:4]
+    assert "error" in json.loads(denied) and status == "status 5"
+    # It has no settings yet, so it says that nothing can be asked.
+    assert json.loads(refused)["resp_result"] == 1160003 and refused_status == "status 4"
+    user = installed.do("id -u billing-service").strip()
+    assert f"owner {user}" in said
+
+
+def test_systemd_understands_the_installed_unit(installed):
+    assert installed.do("systemd-analyze verify --man=no billing-service.service 2>&1") == ""
+
+
+def test_the_settings_folder_is_the_service_s_alone(installed):
+    assert installed.do("stat -c '%U:%G %a' /etc/plevo") == "root:billing-service 750\n"
+
+
+@pytest.mark.parametrize("tool", ["billingctl", "billing-provision", "billing-lab"])
+def test_a_tool_tells_its_version_and_those_of_its_libraries(tool, installed):
+    said = installed.do(f"{tool} --version").splitlines()
+    assert said[0] == f"{tool} " + installed.do("dpkg-query -W -f'${Version}' " + (
+        "billing-service" if tool == "billing-provision" else tool))
+    assert len(said) > 2 and any("OpenSSL 3" in line for line in said)
+
+
+def test_every_header_can_be_used_alone(packages, tmp_path):
+    run("dpkg", "--extract", next(packages.glob("billing-service-dev_*.deb")), tmp_path)
+    (description,) = tmp_path.rglob("billing-platform.pc")
+    flags = run("pkg-config", f"--define-variable=prefix={tmp_path}/usr", "--cflags", description).split()
+    headers = sorted((tmp_path / "usr/include/billing-service/platform").glob("*.h"))
+    assert len(headers) > 10
+    for header in headers:
+        # The curl wrapper is C++; all others are C.
+        languages = ["c++"] if header.name == "MZCurl.h" else ["c", "c++"]
+        for language in languages:
+            run("g++" if language == "c++" else "gcc", "-x", language, "-fsyntax-only", "-Wall", "-Werror",
+                *flags, "-include", f"platform/{header.name}", "/dev/null")
