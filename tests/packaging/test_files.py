@@ -1,8 +1,11 @@
 """Manuals, completions, unit and profile, as the programs that read them see them."""
 import os
 import pathlib
+import pty
 import re
+import select
 import shutil
+import signal
 import subprocess
 
 import pytest
@@ -69,6 +72,59 @@ def test_a_completion_parses(shell, end, installed):
     needs(shell)
     done = run(shell, "-n", installed.one(end))
     assert (done.returncode, done.stderr) == (0, "")
+
+
+class Zsh:
+    """A shell at a terminal, with the installed completion."""
+
+    def __init__(self, completions, home):
+        self._pid, self._terminal = pty.fork()
+        if self._pid == 0:
+            os.execve(shutil.which("zsh"), ["zsh", "-f", "-i"],
+                      {"TERM": "dumb", "HOME": str(home), "PATH": os.environ["PATH"], "LC_ALL": "C.UTF-8"})
+        self._send(f"PS1=; fpath=({completions} $fpath); autoload -U compinit; compinit -u -D; "
+                   "show() {print -r -- \"<$BUFFER>\"}; zle -N show; bindkey '^X' show; echo rea''dy\n")
+        self._read_until("ready")
+
+    def completed(self, line):
+        """What is shown when Tab is pressed behind a line; at the end the line that it became, in angles."""
+        self._send(f"{line}\t\x18")
+        return self._read_until(">")
+
+    def end(self):
+        os.kill(self._pid, signal.SIGKILL)
+        os.waitpid(self._pid, 0)
+        os.close(self._terminal)
+
+    def _send(self, text):
+        os.write(self._terminal, text.encode())
+
+    def _read_until(self, end):
+        shown = ""
+        while end not in shown:
+            assert select.select([self._terminal], [], [], 20)[0], shown
+            shown += os.read(self._terminal, 65536).decode(errors="replace")
+        return shown
+
+
+@pytest.fixture
+def zsh(installed, folder):
+    needs("zsh")
+    running = Zsh(installed.one("_billingctl").parent, folder)
+    yield running
+    running.end()
+
+
+@pytest.mark.parametrize("line, becomes", [
+    ("conf", "confirm-purchase"), ("confirm-purchase --inv", "confirm-purchase --invoiceid="),
+    ("get_applied_time --ap", "get_applied_time --appid="), ("doctor --si", "doctor --sign"),
+    ("--bus x get-product-list --ser", "--bus x get-product-list --server-type="),
+    ("monitor --show", "monitor --show-private"), ("--ver", "--version"),
+    ("check-server-availability --ra", "check-server-availability --raw")])
+def test_zsh_completes(line, becomes, zsh):
+    shown = zsh.completed(f"billingctl {line}")
+    assert re.search(r"<billingctl (.*?) ?>", shown)[1] == becomes, shown
+    assert "not found" not in shown
 
 
 def test_the_completion_of_zsh_knows_what_that_of_bash_knows(installed):
