@@ -170,7 +170,8 @@ TEST_F(AnEngine, AnswersTenThousandRefusalsThatWereQueuedBeforeTheLoopRan)
 TEST_F(AnEngine, NeverBlocksOnAFullPipe)
 {
     BILLING_RETURN_INFO_T tInfo;
-    constexpr std::size_t MORE_THAN_THE_PIPE_HOLDS = 100000;
+    // Messages are half as large where pointers have 32 bits.
+    constexpr std::size_t MORE_THAN_THE_PIPE_HOLDS = 200000;
     for (std::size_t i = 0; i < MORE_THAN_THE_PIPE_HOLDS; ++i) {
         m_oEngine.m_WriteRequestResultToPipe(REQUEST_TYPE_GET_PRODUCTS, tInfo);
     }
