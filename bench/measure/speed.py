@@ -30,6 +30,7 @@ def measure(on, figures, rounds, loads=LOADS):
     """Adds to the figures the times of each load on each protocol."""
     for protocol in stage.PROTOCOLS:
         on.use(protocol)
+        on.settle()
         for size, in_flight, count in loads:
             for _ in range(rounds):
                 _note(figures, f"{protocol}, {size} bytes, {in_flight} in flight", in_flight,

@@ -28,6 +28,10 @@ SERVER = """keepalive_requests 100000000; keepalive_timeout 600; open_file_cache
  {log} root {folder};"""
 
 
+# Seconds. The daemon's own bound is three.
+SETTLED = 4
+
+
 def floor_name(size):
     """The bus service that answers with so many letters."""
     return f"org.plevo.billingfloor.b{size}"
@@ -116,9 +120,18 @@ class Stage:
     def use(self, protocol):
         """From now on requests go to the server that speaks HTTP/1.1, or HTTP/2."""
         self.server = self.servers[protocol]
-        self.host = f"{HOST}:{self.server.port}"
+        self.reach(self.server.port)
+
+    def reach(self, port):
+        """From now on requests go to this port."""
+        self.host = f"{HOST}:{port}"
         for kind in ("production_host", "sandbox_host"):
             self.device.set("deployment", kind, self.host)
+        self._changed = time.monotonic()
+
+    def settle(self):
+        """Waits until the daemon trusts the time stamps of its settings, and stops reading them anew for each value."""
+        time.sleep(max(self._changed + SETTLED - time.monotonic(), 0))
 
     def start_daemon(self, *, view=True, tool=(), level="error"):
         """@return the seconds from exec to the name"""

@@ -58,9 +58,14 @@ class Nginx:
             start_new_session=True)
         listener.close()
 
+    @property
+    def group(self):
+        """The process group of it and its worker."""
+        return self._process.pid
+
     def send(self, number):
         """A signal to its worker too: SIGSTOP makes it a server that hangs."""
-        os.killpg(self._process.pid, number)
+        os.killpg(self.group, number)
 
     def stop(self):
         """Ends it. @return what it was asked: for each request protocol, client, "r" or "." for a
