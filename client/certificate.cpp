@@ -5,6 +5,7 @@
 #include <openssl/err.h>
 #include <openssl/pem.h>
 #include <openssl/x509v3.h>
+#include <sys/stat.h>
 
 #include <cerrno>
 #include <cstdio>
@@ -51,12 +52,19 @@ std::string textOf(const GENERAL_NAME* name)
 
 }  // namespace
 
+bool hasAnEnd(const char* path)
+{
+    struct stat status {};
+    return stat(path, &status) != 0 || S_ISREG(status.st_mode) || S_ISDIR(status.st_mode);
+}
+
 PemFile readPem(const char* path)
 {
     PemFile result;
-    const std::unique_ptr<FILE, FileClose> file(std::fopen(path, "re"));
+    const bool ends = hasAnEnd(path);
+    const std::unique_ptr<FILE, FileClose> file(ends ? std::fopen(path, "re") : nullptr);
     if (file == nullptr) {
-        result.error = errno;
+        result.error = ends ? errno : NO_FILE;
         return result;
     }
     ERR_clear_error();

@@ -25,7 +25,9 @@ constexpr time_t EARLIEST = 1704067200;
 
 Finding unreadable(const char* check, const std::string& path, int error, const char* cure)
 {
-    return {check, Outcome::Failed, path + ": " + std::strerror(error),
+    const std::string reason =
+        error == NO_FILE ? "a pipe, a socket or a device, and no file" : std::strerror(error);
+    return {check, Outcome::Failed, path + ": " + reason,
             error == EACCES ? "let the service's user read it, and run this as that user" : cure};
 }
 

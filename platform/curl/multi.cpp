@@ -173,7 +173,10 @@ void MZCurlMulti::Impl::attach(Transfer& transfer)
 {
     transfer.begin();
     transfer.http2Moved = &m_http2Moved;
-    m_share.attach(transfer);
+    if (!m_share.attach(transfer)) {
+        finish(transfer, CURLE_SSL_CACERT_BADFILE);
+        return;
+    }
     const CURLMcode code = curl_multi_add_handle(m_multi.get(), transfer.curl.get());
     if (code != CURLM_OK) {
         SessionShare::detach(transfer);

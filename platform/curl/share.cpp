@@ -2,6 +2,7 @@
 // verified with.
 #include "share.h"
 
+#include <cstdio>
 #include <new>
 #include <tuple>
 
@@ -26,14 +27,21 @@ void SessionShare::renew()
     }
 }
 
-void SessionShare::attach(Transfer& transfer)
+bool SessionShare::attach(Transfer& transfer)
 {
     if (transfer.caFile.empty()) {
-        return;
+        return true;
     }
     struct stat file {};
     if (stat(transfer.caFile.c_str(), &file) != 0) {
         file = {};
+    } else if (!S_ISREG(file.st_mode) && !S_ISDIR(file.st_mode)) {
+        // libcurl opens it and reads to its end, on the thread of all transfers.
+        std::snprintf(
+            transfer.errorBuffer.data(), transfer.errorBuffer.size(),
+            "the CA file %s is a pipe, a socket or a device; put a file of certificates there",
+            transfer.caFile.c_str());
+        return false;
     }
     try {
         if (transfer.caFile != m_trust.path || identity(file) != identity(m_trust.file)) {
@@ -47,6 +55,7 @@ void SessionShare::attach(Transfer& transfer)
     }
     transfer.share = m_share;
     curl_easy_setopt(transfer.curl.get(), CURLOPT_SHARE, m_share.get());
+    return true;
 }
 
 void SessionShare::detach(Transfer& transfer)

@@ -17,8 +17,9 @@ class SessionShare {
 public:
     /// Gives a transfer that names a CA file the sessions. When the file is not the one that they
     /// were verified with, it and those after it start with none: a session that is taken up again
-    /// is not verified again.
-    void attach(Transfer& transfer);
+    /// is not verified again. @return false, with the reason in the transfer's error text, for a CA
+    /// file whose reader might wait for ever
+    bool attach(Transfer& transfer);
     static void detach(Transfer& transfer);
 
 private:

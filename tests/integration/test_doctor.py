@@ -133,6 +133,11 @@ def bundle_for_root(device):
     device.ca_file.chmod(0)
 
 
+def bundle_without_an_end(device):
+    device.ca_file.unlink()
+    os.mkfifo(device.ca_file)
+
+
 def empty_bundle(device):
     device.ca_file.write_text("")
 
@@ -221,6 +226,8 @@ BY_KEY_STORE = 'key store: token "billing-lab" of {module}: '
      "have one made for the device's key (billing-provision request)"),
     (no_bundle, "CA bundle", BUNDLE + ": No such file or directory", PUT_BUNDLE),
     (bundle_for_root, "CA bundle", BUNDLE + ": Permission denied", AS_USER),
+    (bundle_without_an_end, "CA bundle", BUNDLE + ": a pipe, a socket or a device, and no file",
+     PUT_BUNDLE),
     (empty_bundle, "CA bundle", BUNDLE + " holds no PEM certificate", PUT_BUNDLE),
     (broken_bundle, "CA bundle", f"certificate 2 of {BUNDLE} is broken",
      "put a whole bundle there: with a broken one nothing is trusted"),

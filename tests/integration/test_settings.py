@@ -151,6 +151,7 @@ BROKEN_CA = {
     "no certificate": lambda path: path.write_bytes(b"no certificate in here\n"),
     "unreadable": lambda path: path.chmod(0),
     "a folder": lambda path: (path.unlink(), path.mkdir()),
+    "a pipe": lambda path: (path.unlink(), os.mkfifo(path)),
 }
 
 
