@@ -62,7 +62,17 @@ def _of_https_floor(on, calls, in_flight, size):
     return callgrind.counted()
 
 
-COUNTERS = {"bus floor": _of_bus_floor, "HTTPS floor": _of_https_floor, "daemon": _of_daemon}
+def _of_both_floor(on, calls, in_flight, size):
+    callgrind = Callgrind(on.folder, f"both.{calls}")
+    process = on.start_both_floor(callgrind.tool)
+    on.call(stage.BOTH, calls, in_flight, size)
+    process.terminate()
+    process.wait()
+    return callgrind.counted()
+
+
+COUNTERS = {"bus floor": _of_bus_floor, "HTTPS floor": _of_https_floor,
+            "both floors in one": _of_both_floor, "daemon": _of_daemon}
 
 
 def of(on, who, in_flight, size):

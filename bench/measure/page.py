@@ -4,7 +4,7 @@ import html
 from . import results
 
 WIDTH, LABEL, BAR, GAP = 900, 250, 18, 6
-COLOURS = {"bus floor": "#7f9fb8", "HTTPS floor": "#9fb87f", "daemon": "#c8643c"}
+COLOURS = {"bus floor": "#7f9fb8", "HTTPS floor": "#9fb87f", "both floors in one": "#b0a060", "daemon": "#c8643c"}
 OTHER = "#a0a0a0"
 
 HEAD = """<!DOCTYPE html>

@@ -21,20 +21,26 @@ def percentile(values, share):
 def turn(on, size, in_flight, count):
     """@return for the floors and the daemon what was measured"""
     count += WARM_UP
-    return {"bus floor": on.call(stage.floor_name(size), count, in_flight, size),
-            "HTTPS floor": on.fetch(count, in_flight, size),
-            "daemon": on.call(bus.SERVICE, count, in_flight, size)}
+    measured = {"bus floor": on.call(stage.floor_name(size), count, in_flight, size),
+                "HTTPS floor": on.fetch(count, in_flight, size),
+                "daemon": on.call(bus.SERVICE, count, in_flight, size)}
+    if (size, in_flight) == (stage.SMALL, 1):
+        measured["both floors in one"] = on.call(stage.BOTH, count, in_flight)
+    return measured
 
 
 def measure(on, figures, rounds, loads=LOADS):
     """Adds to the figures the times of each load on each protocol."""
     for protocol in stage.PROTOCOLS:
         on.use(protocol)
+        both = on.start_both_floor()
         on.settle()
         for size, in_flight, count in loads:
             for _ in range(rounds):
                 _note(figures, f"{protocol}, {size} bytes, {in_flight} in flight", in_flight,
                       turn(on, size, in_flight, count))
+        both.terminate()
+        both.wait()
 
 
 def _note(figures, load, in_flight, measured):
@@ -49,3 +55,5 @@ def _note(figures, load, in_flight, measured):
     if in_flight == 1:
         figures.add(f"latency, {load}: daemon / (bus + HTTPS)", "",
                     medians["daemon"] / (medians["bus floor"] + medians["HTTPS floor"]))
+    if "both floors in one" in medians:
+        figures.add(f"latency, {load}: daemon / both in one", "", medians["daemon"] / medians["both floors in one"])

@@ -37,6 +37,9 @@ def floor_name(size):
     return f"org.plevo.billingfloor.b{size}"
 
 
+BOTH = "org.plevo.billingfloor.both"
+
+
 def programs():
     """Where the programs of the measurement are."""
     return daemon.binary().parents[1] / "bench"
@@ -45,7 +48,7 @@ def programs():
 def build():
     """Builds what is measured and what measures."""
     subprocess.run(["ninja", "-C", str(daemon.binary().parents[1]), "--quiet", "bench/caller",
-                    "bench/bus_floor", "bench/https_floor", "service/billing-service",
+                    "bench/bus_floor", "bench/https_floor", "bench/both_floor", "service/billing-service",
                     "platform/linux/provision/billing-provision",
                     "tests/unit/platform/test-pkcs11-proxy.so"], check=True)
 
@@ -83,7 +86,7 @@ class Stage:
         self.proxy = token_proxy.TokenProxy(self.folder, self.device)
         self._make_client_certificate(keys)
         self.bus = bus.Bus(self.folder, limits=LIMITS,
-                           names=(bus.SERVICE, *(floor_name(size) for size in SIZES)))
+                           names=(bus.SERVICE, BOTH, *(floor_name(size) for size in SIZES)))
         self.environment = {"PATH": "/usr/bin:/bin", "DBUS_SYSTEM_BUS_ADDRESS": self.bus.address}
         self.caller = bus.Caller(self.bus.address)
         self.use("http1")
@@ -153,9 +156,14 @@ class Stage:
         return took
 
     def start_bus_floor(self, size, tool=()):
-        name = floor_name(size)
-        process = subprocess.Popen([*tool, programs() / "bus_floor", name, str(size)],
-                                   env=self.environment, stderr=subprocess.DEVNULL if tool else None)
+        return self._serve(floor_name(size), [*tool, programs() / "bus_floor", floor_name(size), str(size)], tool)
+
+    def start_both_floor(self, tool=()):
+        """For small bodies, from the server in use."""
+        return self._serve(BOTH, [*tool, programs() / "both_floor", BOTH, *self._request(SMALL)], tool)
+
+    def _serve(self, name, command, tool):
+        process = subprocess.Popen(command, env=self.environment, stderr=subprocess.DEVNULL if tool else None)
         self.processes.append(process)
         while self.caller.owner(name) is None:
             if process.poll() is not None:
@@ -170,13 +178,16 @@ class Stage:
 
     def fetch(self, count, in_flight, size=SMALL, tool=()):
         """The same with libcurl alone."""
+        return self._measured([*tool, programs() / "https_floor", str(count), str(in_flight), *self._request(size)], True)
+
+    def _request(self, size):
+        """@return URL, files and headers of the daemon's request"""
         url = (f"https://{self.host}/billing/product/v2/products?appid={size}&guid={device.GUID}"
                f"&uid={device.UID}&storeid=1&storeprodcode=1&countrycode=DE&languagecode=de"
                "&checkvalue=")
         headers = ["Content-Type: application/json; charset=utf-8", "Accept: application/json",
                    f"DUID: {device.DUID}", f"Atoken: {device.TOKEN}", "Expect:"]
-        return self._measured([*tool, programs() / "https_floor", url, self.device.ca_file,
-                               self.client_pem, str(count), str(in_flight), *headers], True)
+        return [url, self.device.ca_file, self.client_pem, *headers]
 
     def _measured(self, command, wait):
         process = subprocess.Popen(command, env=self.environment, stdout=subprocess.PIPE, text=True)
