@@ -254,6 +254,12 @@ def test_install_refuses_a_certificate_of_another_key(lab, tmp_path):
     assert not (tmp_path / "installed").exists()
 
 
+def test_install_says_that_the_folder_is_missing_and_what_to_do(lab, tmp_path):
+    result = must(run("install", lab / "bgclient.crt", "--to", tmp_path / "none" / "crt", folder=lab), FAILED)
+    assert result.stderr.decode().endswith(
+        f"{tmp_path}/none/crt cannot be made: No such file or directory; make its folder first\n")
+
+
 def test_install_leaves_a_certificate_alone_unless_forced(lab, tmp_path):
     (tmp_path / "installed").write_text("old")
     arguments = ("install", lab / "bgclient.crt", "--to", tmp_path / "installed")

@@ -18,10 +18,13 @@ namespace provision {
 namespace {
 
 constexpr std::size_t kReadLimit = std::size_t{64} * 1024;
+constexpr const char* kMade = "made";
 
 [[noreturn]] void fail(const std::string& path, const char* what)
 {
-    throw Stop(EXIT_FAILED, path + " cannot be " + what + ": " + strerror(errno));
+    const bool noFolder = errno == ENOENT && strcmp(what, kMade) == 0;
+    throw Stop(EXIT_FAILED, path + " cannot be " + what + ": " + strerror(errno) +
+                                (noFolder ? "; make its folder first" : ""));
 }
 
 void writeAll(const Descriptor& file, const std::string& path, std::string_view bytes)
@@ -71,7 +74,7 @@ void writeFile(const std::string& path, std::string_view bytes, mode_t mode, boo
         const Descriptor file(open(temporary.path.c_str(),
                                    O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, mode));
         if (file.fd < 0 || fchmod(file.fd, mode) != 0)
-            fail(path, "made");
+            fail(path, kMade);
         writeAll(file, path, bytes);
     }
     // A link, unlike a rename, does not replace what somebody has put there meanwhile.
@@ -80,7 +83,7 @@ void writeFile(const std::string& path, std::string_view bytes, mode_t mode, boo
     if (result != 0 && errno == EEXIST)
         throw there;
     if (result != 0)
-        fail(path, "made");
+        fail(path, kMade);
     const Descriptor folder(open(folderOf(path).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (folder.fd >= 0)
         fsync(folder.fd);
@@ -119,7 +122,7 @@ secret::Bytes readFile(const std::string& path)
 void makeFolder(const std::string& path)
 {
     if (mkdir(path.c_str(), 0700) != 0 && errno != EEXIST)
-        fail(path, "made");
+        fail(path, kMade);
 }
 
 std::string randomHex(std::size_t bytes)
