@@ -1,6 +1,6 @@
 """The tree as it is installed, and a bus with the policy and the accounts that come with it.
 
-Several users take part, so these tests run as root; elsewhere they are skipped.
+Tests in which several users take part run as root; elsewhere they are skipped.
 """
 import contextlib
 import os
@@ -18,7 +18,7 @@ from harness import certificates, credentials, server  # noqa: E402
 from installation import Accounts, Installed, PolicyBus, wait_for_name  # noqa: E402
 
 
-@pytest.fixture(scope="session", autouse=True)
+@pytest.fixture(scope="session")
 def needs_root():
     if os.geteuid() != 0:
         pytest.skip("several users take part, so this needs root")
@@ -46,7 +46,7 @@ def installed(session_folder):
 
 
 @pytest.fixture(scope="session")
-def accounts(session_folder, installed):
+def accounts(needs_root, session_folder, installed):
     return Accounts(session_folder / "accounts", installed.one("sysusers.d/billing-service.conf"))
 
 
@@ -58,14 +58,16 @@ def policy_bus(folder, installed, accounts):
 
 
 @pytest.fixture
-def run_service(folder, installed, accounts):
-    """A function that runs the installed daemon as its user. @return the process"""
+def run_service(folder, installed, request):
+    """A function that runs the installed daemon, as its user or behind a prefix. @return the process"""
     started = []
 
     def run(address, prefix=None, **environment):
+        if prefix is None:
+            prefix = request.getfixturevalue("accounts").run_as("service")
         log = open(folder / f"daemon-{len(started)}.log", "wb")
         started.append(subprocess.Popen(
-            [*(accounts.run_as("service") if prefix is None else prefix), installed.service],
+            [*prefix, installed.service],
             env={"PATH": "/usr/bin:/bin", "DBUS_SYSTEM_BUS_ADDRESS": address, **environment,
                  "LD_LIBRARY_PATH": str(installed.libraries)},
             stdin=subprocess.DEVNULL, stdout=log, stderr=log))

@@ -9,6 +9,7 @@ import pytest
 from machine import TREE, Machine, run
 
 SUITE = "bookworm"
+OURS = "billing-service billingctl billing-lab billing-service-dev"
 
 
 @pytest.fixture(scope="session")
@@ -52,5 +53,17 @@ def machine(bare_root, packages):
             run("cp", f"/etc/{name}", made.root / "etc")
         made.do("groupadd --gid 12346 app && useradd --uid 12346 --gid 12346 app")
         made.do("apt-get -qq update && apt-get -qq -y install --no-install-recommends /packages/*.deb && "
-                "apt-get -qq -y purge billing-service billingctl billing-lab billing-service-dev", timeout=1200)
+                f"apt-get -qq -y purge {OURS}", timeout=1200)
         yield made
+
+
+@pytest.fixture
+def installed(machine):
+    """The machine with the packages installed; afterwards nothing is left of them."""
+    before, users = machine.files(), machine.users()
+    machine.do("dpkg --install /packages/*.deb")
+    yield machine
+    machine.do(f"rm -rf /tmp/home && dpkg --purge {OURS}")
+    after = machine.files()
+    assert (sorted(after - before), sorted(before - after)) == ([], [])
+    assert machine.users() == users

@@ -6,22 +6,9 @@ import pytest
 
 from machine import run
 
-OURS = "billing-service billingctl billing-lab billing-service-dev"
 # An ordinary user, with a home and nothing else.
 A_USER = "mkdir -p /tmp/home && chown 12346 /tmp/home && cd /tmp/home && " \
     "setpriv --reuid=12346 --regid=12346 --clear-groups env HOME=/tmp/home PATH=/usr/bin:/bin sh -ec"
-
-
-@pytest.fixture
-def installed(machine):
-    """The machine with the packages installed; afterwards nothing is left of them."""
-    before, users = machine.files(), machine.users()
-    machine.do("dpkg --install /packages/*.deb")
-    yield machine
-    machine.do(f"rm -rf /tmp/home && dpkg --purge {OURS}")
-    after = machine.files()
-    assert (sorted(after - before), sorted(before - after)) == ([], [])
-    assert machine.users() == users
 
 
 def test_nothing_is_wrong_with_the_packages(packages):
