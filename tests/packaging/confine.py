@@ -9,6 +9,7 @@ the unit is only done when it stands there; CONFINED says which ones are known h
 import ctypes
 import os
 import resource
+import signal
 import subprocess
 import sys
 
@@ -19,7 +20,7 @@ EPERM, EAFNOSUPPORT, ENOSYS = 1, 97, 38
 PROT_WRITE_EXEC, PROT_EXEC, SHM_EXEC = 6, 4, 0o100000
 NAMESPACES = 0x7E020080
 SPECIAL_MODES = (0o4000, 0o2000)
-PR_SET_DUMPABLE, PR_CAPBSET_DROP, PR_SET_NO_NEW_PRIVS = 4, 24, 38
+PR_SET_PDEATHSIG, PR_SET_DUMPABLE, PR_CAPBSET_DROP, PR_SET_NO_NEW_PRIVS = 1, 4, 24, 38
 FAMILIES = {"AF_UNIX": 1, "AF_INET": 2, "AF_INET6": 10, "AF_NETLINK": 16}
 MODES = {"chmod": 1, "fchmod": 1, "fchmodat": 2, "mkdir": 1, "mkdirat": 2, "mknod": 1, "mknodat": 2}
 
@@ -154,6 +155,8 @@ def main(unit, uid, gid, *program):
             os.setgroups([])
             os.setresgid(gid, gid, gid)
             os.setresuid(uid, uid, uid)
+            # The change has taken it away: this process ends with bubblewrap, also when a test fails.
+            check(libc.prctl(PR_SET_PDEATHSIG, signal.SIGKILL, 0, 0, 0))
         elif name == "PrivateUsers" and name in directives:
             own_users(uid, gid)
         elif confine is not None and name in directives:
