@@ -1,0 +1,82 @@
+"""The Yocto recipe beside the tree: nothing here parses it as bitbake does, but it says what the tree does."""
+import fnmatch
+import hashlib
+import json
+import re
+import subprocess
+
+import pytest
+
+from installation import CALLERS, SERVICE_USER, TREE
+
+RECIPES = TREE / "packaging/yocto/recipes-billing/billing-service"
+# Of bitbake's own, as they are on a system whose prefix is /usr.
+KNOWN = {"PN": "billing-service", "D": "", "prefix": "/usr", "bindir": "/usr/bin", "sbindir": "/usr/sbin",
+         "libexecdir": "/usr/libexec", "libdir": "/usr/lib", "nonarch_libdir": "/usr/lib", "includedir": "/usr/include",
+         "datadir": "/usr/share", "docdir": "/usr/share/doc", "mandir": "/usr/share/man",
+         "systemd_system_unitdir": "/usr/lib/systemd/system", "BILLING_PLATFORM": "linux"}
+
+
+def expand(text):
+    return re.sub(r"\$\{(\w+)\}", lambda match: KNOWN[match[1]], text)
+
+
+@pytest.fixture(scope="module")
+def recipe():
+    """The variables that are set, with what is added to them."""
+    text = next(RECIPES.glob("*.bb")).read_text(encoding="utf-8").replace("\\\n", " ")
+    found = {}
+    for name, value in re.findall(r'^(\S+) (?:\?=|\+=|=\+|=) "([^"]*)"$', text, re.MULTILINE):
+        found[expand(name)] = expand(f"{found.get(expand(name), '')} {value}").strip()
+    found["removed"] = expand(re.search(r"^\s*rm -rf (.*)$", text, re.MULTILINE)[1]).split()
+    return found
+
+
+@pytest.fixture(scope="module")
+def files(tmp_path_factory, recipe):
+    """What is installed where the recipe's options hold, but for what it takes away."""
+    folder = tmp_path_factory.mktemp("yocto")
+    subprocess.run(["meson", "setup", folder / "build", TREE, "--prefix=/usr", "--libdir=lib",
+                    *recipe["EXTRA_OEMESON"].split()], check=True, capture_output=True)
+    told = subprocess.run(["meson", "introspect", "--installed", folder / "build"], check=True,
+                          capture_output=True, text=True).stdout
+    return [path for path in json.loads(told).values()
+            if not any(path == gone or path.startswith(gone + "/") for gone in recipe["removed"])]
+
+
+def matches(path, patterns):
+    return any(fnmatch.fnmatch(path, pattern) or path.startswith(pattern + "/") for pattern in patterns.split())
+
+
+def test_its_version_is_the_projects():
+    version = re.search(r"version: '([\d.]+)'", (TREE / "meson.build").read_text(encoding="utf-8"))[1]
+    assert [path.name for path in RECIPES.glob("*.bb")] == [f"billing-service_{version}.bb"]
+
+
+def test_its_licence_is_the_one_in_the_tree(recipe):
+    assert recipe["LICENSE"] == "Apache-2.0"
+    digest = hashlib.md5((TREE / "LICENSE").read_bytes()).hexdigest()
+    assert recipe["LIC_FILES_CHKSUM"] == f"file://LICENSE;md5={digest}"
+
+
+def test_every_installed_file_belongs_to_exactly_one_package(recipe, files):
+    packages = {name: value for name, value in recipe.items() if name.startswith("FILES:")}
+    assert set(packages) == {"FILES:billing-service", "FILES:billing-service-dev", "FILES:billing-service-doc",
+                             "FILES:billingctl"}
+    owners = {path: [name for name, value in packages.items() if matches(path, value)] for path in files}
+    assert {path: of for path, of in owners.items() if len(of) != 1} == {}
+    assert set(packages) == {name for names in owners.values() for name in names}
+
+
+def test_every_pattern_stands_for_a_file(recipe, files):
+    patterns = [pattern for name, value in recipe.items() if name.startswith("FILES:") for pattern in value.split()]
+    assert [pattern for pattern in patterns if not any(matches(path, pattern) for path in files)] == []
+    assert recipe["SYSTEMD_SERVICE:billing-service"] in [path.rsplit("/", 1)[1] for path in files]
+
+
+def test_users_are_those_of_the_unit_and_of_the_bus_policy(recipe):
+    assert recipe["USERADD_PARAM:billing-service"].split()[-1] == SERVICE_USER
+    assert recipe["GROUPADD_PARAM:billing-service"].split()[-1] == CALLERS
+    assert re.search(rf'^u @user@ - "Billing service" {re.escape("/var/lib/billing-service")}$',
+                     (TREE / "data/systemd/sysusers.conf.in").read_text(encoding="utf-8"), re.MULTILINE)
+    assert "--home-dir /var/lib/billing-service " in recipe["USERADD_PARAM:billing-service"]
