@@ -17,6 +17,7 @@
 
 #include <cerrno>
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
@@ -324,6 +325,15 @@ TEST_F(SettingsFile, MayHave64KiBAndNotMore)
         m_conf.write(start + fits + std::string(size, 'x'));
         EXPECT_EQ(token(), std::nullopt);
     }
+    EXPECT_THAT(errors(), ElementsAre(HasSubstr("is larger than 64 KiB")));
+}
+
+TEST_F(SettingsFile, OfOver4GiBIsTooLargeAlsoWhereALongHas32Bits)
+{
+    m_conf.write("[config]\ndb/comss/atoken=a\n");
+    ASSERT_EQ(truncate(m_conf.path().c_str(), (off_t{1} << 32) + 64), 0) << strerror(errno);
+    EXPECT_EQ(token(), std::nullopt);
+    // Not that it cannot be opened, and not the first 64 bytes of it.
     EXPECT_THAT(errors(), ElementsAre(HasSubstr("is larger than 64 KiB")));
 }
 
