@@ -4,6 +4,7 @@
 #include "easy.h"
 #include "global.h"
 #include "heap.h"
+#include "report.h"
 #include "tls.h"
 
 #include <openssl/crypto.h>
@@ -172,6 +173,7 @@ void MZCurlMulti::Impl::adopt()
 void MZCurlMulti::Impl::attach(Transfer& transfer)
 {
     transfer.begin();
+    transfer.number = ++m_transfers;
     transfer.http2Moved = &m_http2Moved;
     if (!m_share.attach(transfer)) {
         finish(transfer, CURLE_SSL_CACERT_BADFILE);
@@ -192,6 +194,7 @@ void MZCurlMulti::Impl::attach(Transfer& transfer)
 void MZCurlMulti::Impl::finish(Transfer& transfer, CURLcode result)
 {
     transfer.result = result;
+    report(transfer);
     moveTo(transfer, m_ready);
     Gate::finished(transfer);
 }

@@ -74,6 +74,7 @@ private:
     bool m_waits = false;  // the worker does: an addition has to wake it
     HostKey m_lastKey;
 
+    unsigned int m_transfers = 0;  // begun so far
     Gate m_gate;
     TransferList m_going;  // to be attached next
     TransferList m_active;

@@ -84,6 +84,7 @@ struct Transfer {
     std::shared_ptr<CURLSH> share;  // while it is attached
     bool* http2Moved = nullptr;     // to be set when a piece of an HTTP/2 response comes
     bool attached = false;
+    unsigned int number = 0;  // of those that the multi handle has begun
     CURLcode result = CURLE_OK;
     const char* startFailure = nullptr;  // why it could not be attached; a literal
 

@@ -51,6 +51,7 @@ Settings fromEnvironment()
         settings.threshold = levelOf(level);
     const char* const privacy = variable("PLEVO_LOG_PRIVATE");
     settings.options.showPrivate = privacy != nullptr && strcmp(privacy, "show") == 0;
+    settings.options.fields = settings.sink == logging::Sink::Journal;
     settings.options.colours = settings.sink == logging::Sink::Stderr && isatty(STDERR_FILENO) != 0;
     return settings;
 }
@@ -87,11 +88,11 @@ int __dlog_print(log_priority prio, const char* tag, const char* format, ...)
     logging::beginRecord(g_settings.sink, record, prio, tag);
     va_list arguments;
     va_start(arguments, format);
-    const logging::Origin origin =
+    const logging::Parts parts =
         logging::writeMessage(record, g_settings.options, format, arguments);
     va_end(arguments);
     record.finish();
-    const int written = logging::writeRecord(g_settings.sink, record, prio, tag, origin);
+    const int written = logging::writeRecord(g_settings.sink, record, prio, tag, parts);
     errno = error;
     return written;
 }

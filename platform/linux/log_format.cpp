@@ -206,12 +206,13 @@ public:
         : m_record(record),
           m_options(options),
           m_classes(format),
+          m_names(options.fields ? format : ""),
           m_originLeft(
               std::string_view(format).substr(0, kOriginFormat.size()) == kOriginFormat ? 3 : 0)
     {
     }
 
-    Origin write(const char* at, Arguments& arguments)
+    Parts write(const char* at, Arguments& arguments)
     {
         while (*at != '\0') {
             if (*at != '%') {
@@ -227,10 +228,12 @@ public:
                     m_record.escaped(start);
                     break;
                 }
+                const std::size_t begin = m_record.line().size();
                 write(conversion, arguments);
+                noteField(begin);
             }
         }
-        return m_origin;
+        return m_parts;
     }
 
 private:
@@ -282,15 +285,22 @@ private:
         }
     }
 
+    void noteField(std::size_t begin)
+    {
+        const std::string_view name = m_names.next();
+        if (!name.empty() && m_parts.fieldCount < kMostFields)
+            m_parts.fields[m_parts.fieldCount++] = {name, begin, m_record.line().size()};
+    }
+
     /// The first three conversions of a message of the service say where it comes from.
     void noteOrigin(const char* text, int line)
     {
         if (m_originLeft == 3)
-            m_origin.file = text;
+            m_parts.origin.file = text;
         else if (m_originLeft == 2)
-            m_origin.function = text;
+            m_parts.origin.function = text;
         else if (m_originLeft == 1)
-            m_origin.line = line;
+            m_parts.origin.line = line;
         if (m_originLeft > 0)
             m_originLeft--;
     }
@@ -298,20 +308,21 @@ private:
     Record& m_record;
     const FormatOptions& m_options;
     Classification m_classes;
-    Origin m_origin;
+    FieldNames m_names;
+    Parts m_parts;
     int m_originLeft;
 };
 
 }  // namespace
 
-Origin writeMessage(Record& record, const FormatOptions& options, const char* format,
-                    va_list arguments)
+Parts writeMessage(Record& record, const FormatOptions& options, const char* format,
+                   va_list arguments)
 {
     Arguments own;
     va_copy(own.list, arguments);
-    const Origin origin = Writer(record, options, format).write(format, own);
+    const Parts parts = Writer(record, options, format).write(format, own);
     va_end(own.list);
-    return origin;
+    return parts;
 }
 
 }  // namespace logging

@@ -2,8 +2,10 @@
 // format is the program's own and trusted, what comes in through an argument is not.
 #pragma once
 
+#include "log_fields.h"
 #include "log_record.h"
 
+#include <array>
 #include <cstdarg>
 #include <string_view>
 
@@ -17,6 +19,7 @@ constexpr std::string_view kColourEnd = "\033[0;m";
 struct FormatOptions {
     bool colours = false;      ///< keep the colour codes of the format
     bool showPrivate = false;  ///< do not hide private values
+    bool fields = false;       ///< note which values have a field of their own
 };
 
 /// Where a message comes from, when it begins with the file, function and line of its writer. The
@@ -27,9 +30,16 @@ struct Origin {
     int line = 0;
 };
 
+/// What of a message has a field beside its text.
+struct Parts {
+    Origin origin;
+    std::array<Field, kMostFields> fields{};
+    std::size_t fieldCount = 0;
+};
+
 /// Writes the message; the record is not finished. A conversion that is not known here (%n, wide
 /// texts, numbered arguments) is written as it stands, and so is all that follows it.
-Origin writeMessage(Record& record, const FormatOptions& options, const char* format,
-                    va_list arguments);
+Parts writeMessage(Record& record, const FormatOptions& options, const char* format,
+                   va_list arguments);
 
 }  // namespace logging

@@ -32,9 +32,11 @@ void dropSuffix(std::string_view& text, std::string_view suffix)
         text.remove_suffix(suffix.size());
 }
 
-/// The message as the table has it: without colours and closing line break.
+}  // namespace
+
 std::string_view bareMessage(std::string_view text)
 {
+    dropPrefix(text, kOriginFormat);
     if (!dropPrefix(text, kColourInfo))
         dropPrefix(text, kColourError);
     dropSuffix(text, "\n");
@@ -43,12 +45,10 @@ std::string_view bareMessage(std::string_view text)
     return text;
 }
 
-}  // namespace
-
 Classification::Classification(std::string_view format)
 {
     // The three conversions of the origin come first.
-    if (dropPrefix(format, kOriginFormat))
+    if (format.substr(0, kOriginFormat.size()) == kOriginFormat)
         m_origin = 3;
     const std::string_view bare = bareMessage(format);
     for (const Entry& entry : kMessages) {

@@ -14,6 +14,9 @@ enum class Privacy {
     Url,     ///< hidden behind the first question mark
 };
 
+/// A message's format as the tables have it: without origin, colours and closing line break.
+std::string_view bareMessage(std::string_view format);
+
 /// One message's classification: asked for each conversion of its format in turn.
 class Classification {
 public:

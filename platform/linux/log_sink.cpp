@@ -69,6 +69,17 @@ public:
         m_parts[m_count++] = {const_cast<char*>(message.data()), message.size()};
     }
 
+    void add(const Field& field, std::string_view record)
+    {
+        const std::string_view value = record.substr(field.begin, field.end - field.begin);
+        char* const text = m_texts[m_count];
+        const int size = snprintf(text, sizeof m_texts[m_count], "%.*s=%.*s",
+                                  static_cast<int>(field.name.size()), field.name.data(),
+                                  static_cast<int>(value.size()), value.data());
+        if (size > 0)
+            m_parts[m_count++] = {text, strlen(text)};
+    }
+
     template <typename Value>
     void add(const char* format, Value value)
     {
@@ -82,15 +93,16 @@ public:
     int send() const { return sd_journal_sendv(m_parts, static_cast<int>(m_count)); }
 
 private:
-    static constexpr std::size_t kMost = 6;
+    static constexpr std::size_t kMost = 6 + kMostFields;
     char m_texts[kMost][128];
     iovec m_parts[kMost];
     std::size_t m_count = 0;
 };
 
 int writeJournal(std::string_view message, log_priority priority, const char* tag,
-                 const Origin& origin)
+                 const Parts& parts)
 {
+    const Origin& origin = parts.origin;
     Fields fields(message);
     fields.add("PRIORITY=%d", syslogNumberOf(priority));
     fields.add("SYSLOG_IDENTIFIER=%s", tag);
@@ -99,6 +111,8 @@ int writeJournal(std::string_view message, log_priority priority, const char* ta
         fields.add("CODE_FUNC=%s", origin.function);
         fields.add("CODE_LINE=%d", origin.line);
     }
+    for (std::size_t i = 0; i < parts.fieldCount; i++)
+        fields.add(parts.fields[i], message);
     return fields.send() < 0 ? -1 : static_cast<int>(message.size() - kMessageField.size());
 }
 
@@ -131,9 +145,9 @@ void beginRecord(Sink sink, Record& record, log_priority priority, const char* t
 }
 
 int writeRecord(Sink sink, const Record& record, log_priority priority, const char* tag,
-                const Origin& origin)
+                const Parts& parts)
 {
-    return sink == Sink::Journal ? writeJournal(record.text(), priority, tag, origin)
+    return sink == Sink::Journal ? writeJournal(record.text(), priority, tag, parts)
                                  : writeStderr(record.line());
 }
 

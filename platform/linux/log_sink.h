@@ -21,6 +21,6 @@ void beginRecord(Sink sink, Record& record, log_priority priority, const char* t
 /// lost for good.
 /// @return the bytes written, or -1
 int writeRecord(Sink sink, const Record& record, log_priority priority, const char* tag,
-                const Origin& origin);
+                const Parts& parts);
 
 }  // namespace logging

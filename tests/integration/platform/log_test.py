@@ -151,6 +151,17 @@ def test_the_journal_gets_fields():
     assert "CANARY" not in json.dumps(entries)
 
 
+def test_the_journal_gets_the_values_to_search_for_as_fields():
+    method, transfer = journal_entries("fields")
+    assert method["BILLING_METHOD"] == "get_product_list"
+    assert {name: value for name, value in transfer.items() if name.startswith("BILLING_")} == {
+        "BILLING_REQUEST": "7", "BILLING_URL": "https://store/products?<private:11 bytes>",
+        "BILLING_CURL_CODE": "0", "BILLING_HTTP_STATUS": "503", "BILLING_NEW_CONNECTIONS": "1",
+        "BILLING_NAME_US": "1", "BILLING_CONNECT_US": "2", "BILLING_TLS_US": "3",
+        "BILLING_FIRST_BYTE_US": "4", "BILLING_WHOLE_US": "5", "BILLING_BYTES": "6"}
+    assert "CANARY" not in json.dumps([method, transfer])
+
+
 def test_the_journal_gets_neither_colours_nor_line_breaks_nor_endless_records():
     entries = journal_entries("twice", "a\n" * 9000)
     assert len(entries) == 2

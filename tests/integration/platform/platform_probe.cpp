@@ -2,6 +2,7 @@
 // the process from outside.
 //
 // usage: platform_probe levels      logs a public and a private text at each level
+//        platform_probe fields     logs a method's name and a transfer's end
 //        platform_probe twice TEXT  logs a public text on a coloured line, twice
 //        platform_probe gateway     prints "<return> <exists>" of the default gateway
 //        platform_probe starved     the same without a free descriptor
@@ -63,6 +64,18 @@ int askStarved()
     return askGateway();
 }
 
+int logFields()
+{
+    __dlog_print(DLOG_INFO, "BILLING_SERVICE", "%s: %s(%d) > method name = %s\n", "Probe.cpp",
+                 "logFields", 42, "get_product_list");
+    __dlog_print(
+        DLOG_INFO, "BILLING_PLATFORM",
+        "transfer %u: %s, curl %d, HTTP %ld, new connections %ld, name %ld us, connect %ld us, "
+        "TLS %ld us, first byte %ld us, whole %ld us, %ld bytes",
+        7U, "https://store/products?guid=CANARY", 0, 503L, 1L, 1L, 2L, 3L, 4L, 5L, 6L);
+    return 0;
+}
+
 int showProcess()
 {
     // The loop's functions are not called, but they are part of what is linked.
@@ -93,6 +106,8 @@ int main(int argc, char** argv)
         return 2;
     if (strcmp(argv[1], "levels") == 0)
         return logLevels();
+    if (strcmp(argv[1], "fields") == 0)
+        return logFields();
     if (strcmp(argv[1], "gateway") == 0)
         return askGateway();
     if (strcmp(argv[1], "starved") == 0)

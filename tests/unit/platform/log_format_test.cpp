@@ -31,7 +31,7 @@ std::string renderWith(const FormatOptions& options, const char* format, ...)
     Record record;
     va_list arguments;
     va_start(arguments, format);
-    g_origin = logging::writeMessage(record, options, format, arguments);
+    g_origin = logging::writeMessage(record, options, format, arguments).origin;
     va_end(arguments);
     record.finish();
     EXPECT_EQ(record.line(), std::string(record.text()) + "\n");
@@ -250,6 +250,8 @@ std::string renderMessage(const FormatOptions& options, const Message& message)
         return renderWith(options, format, AT, canary, nullptr, nullptr);
     if (rules == "x..")
         return renderWith(options, format, AT, canary, 5, 5);
+    if (rules == ".u.........")
+        return renderWith(options, format, AT, 1U, canary, 2, 3L, 4L, 5L, 6L, 7L, 8L, 9L, 10L);
     ADD_FAILURE() << "no call for " << rules;
     return {};
 }

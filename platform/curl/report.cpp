@@ -1,0 +1,45 @@
+// report.cpp - what the log says of a transfer when it has ended.
+#include "report.h"
+
+#include <platform/log.h>
+
+namespace MZCurl {
+namespace {
+
+constexpr const char* kTag = "BILLING_PLATFORM";
+constexpr long kFirstRefusal = 400;  // HTTP
+
+long number(const Transfer& transfer, CURLINFO info)
+{
+    long value = 0;
+    curl_easy_getinfo(transfer.curl.get(), info, &value);
+    return value;
+}
+
+/// Since the beginning of the transfer, in microseconds; 0 for what did not happen.
+long microseconds(const Transfer& transfer, CURLINFO info)
+{
+    curl_off_t value = 0;
+    curl_easy_getinfo(transfer.curl.get(), info, &value);
+    return static_cast<long>(value);
+}
+
+}  // namespace
+
+void report(const Transfer& transfer)
+{
+    const long status = number(transfer, CURLINFO_RESPONSE_CODE);
+    const bool good = transfer.result == CURLE_OK && status < kFirstRefusal;
+    __dlog_print(
+        good ? DLOG_DEBUG : DLOG_INFO, kTag,
+        "transfer %u: %s, curl %d, HTTP %ld, new connections %ld, name %ld us, connect %ld us, "
+        "TLS %ld us, first byte %ld us, whole %ld us, %ld bytes",
+        transfer.number, transfer.url.c_str(), static_cast<int>(transfer.result), status,
+        number(transfer, CURLINFO_NUM_CONNECTS), microseconds(transfer, CURLINFO_NAMELOOKUP_TIME_T),
+        microseconds(transfer, CURLINFO_CONNECT_TIME_T),
+        microseconds(transfer, CURLINFO_APPCONNECT_TIME_T),
+        microseconds(transfer, CURLINFO_STARTTRANSFER_TIME_T),
+        microseconds(transfer, CURLINFO_TOTAL_TIME_T), static_cast<long>(transfer.bodyBytes));
+}
+
+}  // namespace MZCurl
