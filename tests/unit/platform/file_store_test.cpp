@@ -13,7 +13,9 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <filesystem>
 #include <fstream>
 #include <random>
@@ -52,6 +54,18 @@ protected:
         }
         return SS_ERROR_NONE;
     }
+    /// Up to which moment a writer is let live, in microseconds: some writes fit, however slow they
+    /// are here.
+    useconds_t someWrites() const
+    {
+        const auto start = std::chrono::steady_clock::now();
+        for (int i = 0; i < 4; i++)
+            write("name", std::string(300000, 'w'));
+        const std::chrono::microseconds spent =
+            std::chrono::duration_cast<std::chrono::microseconds>(std::chrono::steady_clock::now() -
+                                                                  start);
+        return std::max<useconds_t>(8000, static_cast<useconds_t>(spent.count()));
+    }
     std::vector<fs::path> dataFiles() const
     {
         std::vector<fs::path> found;
@@ -81,9 +95,9 @@ TEST_F(AFileStore, HoldsTheOldOrTheNewDataAfterAKillAtAnyMoment)
 {
     // Long enough for a kill to fall into the middle.
     const std::string values[] = {std::string(300000, 'a'), std::string(200000, 'b')};
-    write("name", values[0]);
     std::mt19937 random(20240229);
-    std::uniform_int_distribution<useconds_t> moment(0, 8000);
+    std::uniform_int_distribution<useconds_t> moment(0, someWrites());
+    write("name", values[0]);
     int seen[2] = {};
     for (int round = 0; round < 200; round++) {
         const pid_t writer = fork();
