@@ -1,5 +1,4 @@
 // multi_test.cpp - the multi handle: who is accepted, what counts as running, what is handed out.
-#include "log_double.h"
 #include "test_server.h"
 #include "transfers.h"
 
@@ -42,8 +41,10 @@ using namespace MZCurl;
 using test::Clock;
 using test::Connection;
 using test::Outcome;
+using test::readOne;
 using test::Request;
 using test::secondsSince;
+using test::several;
 using test::TestServer;
 using test::Transfer;
 using test::Worker;
@@ -58,53 +59,6 @@ void hang(Connection& connection)
     Request request;
     while (connection.read(request)) {
     }
-}
-
-std::vector<std::unique_ptr<Transfer>> several(int count, const std::string& url)
-{
-    std::vector<std::unique_ptr<Transfer>> made;
-    for (int i = 0; i < count; ++i) {
-        made.push_back(std::make_unique<Transfer>(url));
-    }
-    return made;
-}
-
-/// The first message of this round; without a handle when there is none.
-Message readOne(MZCurlMulti& multi)
-{
-    Message message;
-    EXPECT_TRUE(multi.InfoRead(message));
-    return message;
-}
-
-TEST(AMultiHandle, ReportsEachTransferAtItsEnd)
-{
-    TestServer server([](Connection& connection) {
-        Request request;
-        while (connection.read(request)) {
-            connection.write(!request.has("missing")
-                                 ? "HTTP/1.1 200 OK\r\nContent-Length: 4\r\n\r\nbody"
-                                 : "HTTP/1.1 404 Not Found\r\nContent-Length: 0\r\n\r\n");
-        }
-    });
-    Worker worker;
-    takeLog();
-    for (const char* const path : {"/there", "/missing"}) {
-        Transfer transfer(server.url() + path);
-        worker.run(transfer);
-    }
-    const std::vector<std::string> lines = takeLog();
-    ASSERT_EQ(lines.size(), 2U);
-    const std::string times =
-        ", name [0-9]+ us, connect [0-9]+ us, TLS 0 us, first byte [0-9]+ us, whole [0-9]+ us, ";
-    EXPECT_THAT(lines[0],
-                testing::MatchesRegex(
-                    "D transfer 1: http://[^,]*/there, curl 0, HTTP 200, new connections 1" +
-                    times + "4 bytes"));
-    EXPECT_THAT(lines[1],
-                testing::MatchesRegex(
-                    "I transfer 2: http://[^,]*/missing, curl 0, HTTP 404, new connections 0" +
-                    times + "0 bytes"));
 }
 
 TEST(AMultiHandle, RefusesEverythingBeforeItIsInitialised)
@@ -415,87 +369,6 @@ TEST(AMultiHandle, WakesForAHandleThatIsAddedDuringTheWait)
         ASSERT_TRUE(worker.multi.removeHandle(&late.easy));
     }
     EXPECT_LT(fastest, 1.0) << "a wait that nobody ends lasts two seconds";
-}
-
-constexpr int kBurst = 100;
-
-/// Runs so many transfers at once, beside those that run already.
-void runMany(Worker& worker, const std::string& url, int count)
-{
-    const auto transfers = several(count, url);
-    for (const auto& transfer : transfers) {
-        ASSERT_TRUE(worker.multi.addHandle(&transfer->easy));
-    }
-    int running = 0;
-    for (int ended = 0; ended < count;) {
-        ASSERT_TRUE(worker.multi.fdSelect(running));
-        for (Message m = readOne(worker.multi); m.pEasyHandle != nullptr;
-             m = readOne(worker.multi)) {
-            ASSERT_TRUE(m.bSuccess);
-            ASSERT_TRUE(worker.multi.removeHandle(m.pEasyHandle));
-            ++ended;
-        }
-    }
-}
-
-TEST(AMultiHandle, KeepsEveryConnectionOfABurstWhileItLasts)
-{
-    TestServer server([](Connection& connection) {
-        Request request;
-        while (connection.read(request)) {
-            if (!request.has("GET /hang")) {
-                // Late enough for every transfer to need a connection of its own.
-                std::this_thread::sleep_for(std::chrono::milliseconds(100));
-                connection.answer("ok");
-            }
-        }
-    });
-    Transfer hanging(server.url() + "/hang");
-    Worker worker;
-    ASSERT_TRUE(worker.multi.addHandle(&hanging.easy));
-    runMany(worker, server.url(), kBurst);
-    const int first = server.connections();
-
-    runMany(worker, server.url(), kBurst);
-
-    EXPECT_LT(server.connections() - first, 10) << "of " << first;
-    ASSERT_TRUE(worker.multi.removeHandle(&hanging.easy));
-}
-
-TEST(AMultiHandle, KeepsTheConnectionsOfABurstOverAMomentWithoutTransfers)
-{
-    TestServer server(test::always("ok"));
-    Worker worker;
-    runMany(worker, server.url(), kBurst);
-    const int before = server.connections();
-    Transfer next(server.url());
-    std::thread adder([&] {
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
-        EXPECT_TRUE(worker.multi.addHandle(&next.easy));
-    });
-    int running = 0;
-    while (readOne(worker.multi).pEasyHandle == nullptr) {
-        ASSERT_TRUE(worker.multi.fdSelect(running));
-    }
-    adder.join();
-    EXPECT_EQ(server.connections(), before);
-    EXPECT_TRUE(worker.multi.removeHandle(&next.easy));
-}
-
-TEST(AMultiHandle, ClosesTheConnectionsOfABurstWhenItHasEnded)
-{
-    TestServer server(test::always("ok"));
-    Worker worker;
-    int running = 0;
-    for (const auto& [count, closes] : {std::pair(3, false), std::pair(kBurst, true)}) {
-        runMany(worker, server.url(), count);
-        ASSERT_TRUE(worker.multi.fdSelect(running));
-        const int before = server.connections();
-
-        runMany(worker, server.url(), 1);
-
-        EXPECT_EQ(server.connections() - before, closes ? 1 : 0) << "after " << count;
-    }
 }
 
 TEST(AStoppedMultiHandle, LeavesItsWaitAtOnceAndHandsNothingOut)

@@ -73,4 +73,20 @@ Outcome Worker::run(Transfer& transfer)
     return outcome(transfer);
 }
 
+std::vector<std::unique_ptr<Transfer>> several(int count, const std::string& url)
+{
+    std::vector<std::unique_ptr<Transfer>> made;
+    for (int i = 0; i < count; ++i) {
+        made.push_back(std::make_unique<Transfer>(url));
+    }
+    return made;
+}
+
+MZCurl::MZCurlMulti::MultiMsg readOne(MZCurl::MZCurlMulti& multi)
+{
+    MZCurl::MZCurlMulti::MultiMsg message;
+    EXPECT_TRUE(multi.InfoRead(message));
+    return message;
+}
+
 }  // namespace test

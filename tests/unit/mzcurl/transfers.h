@@ -53,6 +53,12 @@ private:
     std::map<const MZCurl::MZCurlEasy*, Outcome> m_outcomes;
 };
 
+/// So many of them to one address.
+std::vector<std::unique_ptr<Transfer>> several(int count, const std::string& url);
+
+/// The first message of this round; without a handle when there is none.
+MZCurl::MZCurlMulti::MultiMsg readOne(MZCurl::MZCurlMulti& multi);
+
 using Clock = std::chrono::steady_clock;
 
 /// Seconds since a moment.

@@ -1,0 +1,104 @@
+// burst_test.cpp - the connections of many transfers at once.
+#include "test_server.h"
+#include "transfers.h"
+
+#include <platform/MZCurl.h>
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <string>
+#include <thread>
+#include <utility>
+
+namespace {
+
+using test::Connection;
+using test::readOne;
+using test::Request;
+using test::several;
+using test::TestServer;
+using test::Transfer;
+using test::Worker;
+
+constexpr int kBurst = 100;
+
+/// Runs so many transfers at once, beside those that run already.
+void runMany(Worker& worker, const std::string& url, int count)
+{
+    const auto transfers = several(count, url);
+    for (const auto& transfer : transfers) {
+        ASSERT_TRUE(worker.multi.addHandle(&transfer->easy));
+    }
+    int running = 0;
+    for (int ended = 0; ended < count;) {
+        ASSERT_TRUE(worker.multi.fdSelect(running));
+        for (auto m = readOne(worker.multi); m.pEasyHandle != nullptr; m = readOne(worker.multi)) {
+            ASSERT_TRUE(m.bSuccess);
+            ASSERT_TRUE(worker.multi.removeHandle(m.pEasyHandle));
+            ++ended;
+        }
+    }
+}
+
+TEST(AMultiHandle, KeepsEveryConnectionOfABurstWhileItLasts)
+{
+    TestServer server([](Connection& connection) {
+        Request request;
+        while (connection.read(request)) {
+            if (!request.has("GET /hang")) {
+                // Late enough for every transfer to need a connection of its own.
+                std::this_thread::sleep_for(std::chrono::milliseconds(100));
+                connection.answer("ok");
+            }
+        }
+    });
+    Transfer hanging(server.url() + "/hang");
+    Worker worker;
+    ASSERT_TRUE(worker.multi.addHandle(&hanging.easy));
+    runMany(worker, server.url(), kBurst);
+    const int first = server.connections();
+
+    runMany(worker, server.url(), kBurst);
+
+    EXPECT_LT(server.connections() - first, 10) << "of " << first;
+    ASSERT_TRUE(worker.multi.removeHandle(&hanging.easy));
+}
+
+TEST(AMultiHandle, KeepsTheConnectionsOfABurstOverAMomentWithoutTransfers)
+{
+    TestServer server(test::always("ok"));
+    Worker worker;
+    runMany(worker, server.url(), kBurst);
+    const int before = server.connections();
+    Transfer next(server.url());
+    std::thread adder([&] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        EXPECT_TRUE(worker.multi.addHandle(&next.easy));
+    });
+    int running = 0;
+    while (readOne(worker.multi).pEasyHandle == nullptr) {
+        ASSERT_TRUE(worker.multi.fdSelect(running));
+    }
+    adder.join();
+    EXPECT_EQ(server.connections(), before);
+    EXPECT_TRUE(worker.multi.removeHandle(&next.easy));
+}
+
+TEST(AMultiHandle, ClosesTheConnectionsOfABurstWhenItHasEnded)
+{
+    TestServer server(test::always("ok"));
+    Worker worker;
+    int running = 0;
+    for (const auto& [count, closes] : {std::pair(3, false), std::pair(kBurst, true)}) {
+        runMany(worker, server.url(), count);
+        ASSERT_TRUE(worker.multi.fdSelect(running));
+        const int before = server.connections();
+
+        runMany(worker, server.url(), 1);
+
+        EXPECT_EQ(server.connections() - before, closes ? 1 : 0) << "after " << count;
+    }
+}
+
+}  // namespace
