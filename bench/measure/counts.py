@@ -11,6 +11,7 @@ from billing_lab import bus
 from . import stage
 
 FEW, MANY = 200, 1200
+WARM_UP = 20
 ALLOCATORS = ("malloc", "calloc", "realloc", "memalign", "posix_memalign", "aligned_alloc")
 
 
@@ -42,6 +43,8 @@ def _of_daemon(on, calls, in_flight, size):
     on.start_daemon(tool=callgrind.tool)
     # A handshake is slow under valgrind: calls at once would not wait for the first one's session.
     on.call(bus.SERVICE, 1, 1, size)
+    # How many connections a load opens differs from run to run, and each costs as much as several calls.
+    on.call(bus.SERVICE, WARM_UP * in_flight, in_flight, size)
     on.call(bus.SERVICE, calls, in_flight, size)
     on.stop_daemon()
     return callgrind.counted()
