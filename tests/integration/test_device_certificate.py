@@ -1,4 +1,5 @@
 """The device's certificate, as the server sees it and when there is none that is of use."""
+import os
 import ssl
 
 import pytest
@@ -38,6 +39,7 @@ def rsa_key(bits):
 # What is in the certificate's place, and what is said about it at the transfer.
 UNUSABLE = {
     "nothing": (None, ["!bioClient", "use_clientcert  Error!"]),
+    "a pipe that nobody writes to": (os.mkfifo, ["!bioClient", "use_clientcert  Error!"]),
     "an empty file": (lambda _: b"", ["PEM_read_bio_X509 failed...", "use_clientcert  Error!"]),
     "garbage": (lambda _: bytes(range(256)) * 4,
                 ["PEM_read_bio_X509 failed...", "use_clientcert  Error!"]),
@@ -54,9 +56,11 @@ def test_a_certificate_of_no_use_fails_the_call_and_its_successor_needs_no_resta
         needs_view, start_daemon, caller, store, a_device, instead):
     make, said = UNUSABLE[instead]
     good = a_device.credentials.certificate.read_bytes()
-    if make is None:
+    if make in (None, os.mkfifo):
         a_device.credentials.certificate.unlink()
-    else:
+    if make is os.mkfifo:
+        os.mkfifo(a_device.credentials.certificate)
+    elif make is not None:
         a_device.credentials.install(make(a_device.credentials))
     process = start_daemon()
     process.wait_for_name(caller)

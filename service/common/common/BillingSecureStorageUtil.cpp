@@ -5,6 +5,8 @@
 #include "BillingLog.h"
 #include "BillingTaskBase.h"
 
+#include <sys/stat.h>
+
 #include <algorithm>
 #include <array>
 
@@ -25,6 +27,14 @@ RSA_METHOD* MethodRecord(const RSA* pRsa)
 }
 
 }  // namespace
+
+BillingOpenSslPtr<BIO> OpenDeviceCertificate()
+{
+    struct stat tStatus {};
+    const bool bEnds = stat(BILLING_DEVICE_CERTIFICATE, &tStatus) != 0 ||
+                       S_ISREG(tStatus.st_mode) || S_ISDIR(tStatus.st_mode);
+    return BillingOpenSslPtr<BIO>(bEnds ? BIO_new_file(BILLING_DEVICE_CERTIFICATE, "rt") : nullptr);
+}
 
 bool CBillingSecureStorageUtil::SecureRead(const std::string& strName, std::string& strData)
 {
@@ -91,7 +101,7 @@ void CBillingSecureStorageUtil::m_getDevCertAndPKey(std::shared_ptr<X509>& cert,
     const CBillingOpenSslErrors oErrors;
     BILLING_DEBUG("[START] ");
     BILLING_DEBUG("CBillingSecureStorageUtil::getDeviceCertificate()");
-    BillingOpenSslPtr<BIO> bioClient(BIO_new_file(BILLING_DEVICE_CERTIFICATE, "rt"));
+    BillingOpenSslPtr<BIO> bioClient = OpenDeviceCertificate();
     if (!bioClient) {
         BILLING_ERROR("!bioClient");
     } else {

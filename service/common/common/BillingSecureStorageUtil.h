@@ -63,6 +63,9 @@ private:
 /// The device's certificate file.
 inline constexpr char BILLING_DEVICE_CERTIFICATE[] =
     "/usr/apps/org.plevo.billing-api/res/certificate/bgclient.crt";
+/// Opens it. @return null when it cannot be opened, or might have no end, as a pipe: the thread of all
+/// transfers would wait for that
+BillingOpenSslPtr<BIO> OpenDeviceCertificate();
 /// Bytes of the device's key, and of a block that it works on.
 inline constexpr int BILLING_KEY_BYTES = 256;
 

@@ -59,7 +59,7 @@ struct PublicKey {
 
 bool ReadPublicKey(PublicKey& tKey)
 {
-    const BillingOpenSslPtr<BIO> pFile(BIO_new_file(BILLING_DEVICE_CERTIFICATE, "rt"));
+    const BillingOpenSslPtr<BIO> pFile = OpenDeviceCertificate();
     const BillingOpenSslPtr<X509> pCert(
         pFile != nullptr ? PEM_read_bio_X509(pFile.get(), nullptr, nullptr, nullptr) : nullptr);
     const BillingOpenSslPtr<EVP_PKEY> pKey(X509_get_pubkey(pCert.get()));
