@@ -5,6 +5,7 @@ the same start, the same end and the same filling of caches in it.
 """
 import pathlib
 import re
+import time
 
 from billing_lab import bus
 
@@ -12,6 +13,7 @@ from . import stage
 
 FEW, MANY = 200, 1200
 WARM_UP = 20
+CONNECTED_SECONDS = 4  # for all that are in flight, under valgrind, and the second that they wait for one another
 ALLOCATORS = ("malloc", "calloc", "realloc", "memalign", "posix_memalign", "aligned_alloc")
 
 
@@ -44,6 +46,11 @@ def _of_daemon(on, calls, in_flight, size):
     # A handshake is slow under valgrind: calls at once would not wait for the first one's session.
     on.call(bus.SERVICE, 1, 1, size)
     # How many connections a load opens differs from run to run, and each costs as much as several calls.
+    # While the server hangs, each call opens its own.
+    with stage.Hanging(on):
+        callers = on.call(bus.SERVICE, in_flight, in_flight, size, wait=False)
+        time.sleep(CONNECTED_SECONDS)
+    callers.communicate()
     on.call(bus.SERVICE, WARM_UP * in_flight, in_flight, size)
     on.call(bus.SERVICE, calls, in_flight, size)
     on.stop_daemon()

@@ -2,7 +2,6 @@
 import json
 import pathlib
 import re
-import signal
 import time
 
 from billing_lab import bus
@@ -10,6 +9,7 @@ from billing_lab import bus
 from . import stage
 
 BURST = 100
+AUTHORITIES = 140
 HUNG = 100
 HELD = 1_000
 MANY = 10_000
@@ -55,17 +55,17 @@ def bursts(on, figures, count):
             on.stop_daemon()
 
 
-class Hanging:
-    """Meanwhile the server takes connections and answers nothing."""
-
-    def __init__(self, on):
-        self._server = on.server
-
-    def __enter__(self):
-        self._server.send(signal.SIGSTOP)
-
-    def __exit__(self, *_):
-        self._server.send(signal.SIGCONT)
+def bundles(on, figures, count):
+    """The same over HTTP/1.1, where each call takes a connection, with a bundle as long as a distribution's."""
+    on.use("http1")
+    on.trust(AUTHORITIES)
+    for _ in range(count):
+        on.start_daemon()
+        burst = on.call(bus.SERVICE, BURST, BURST)
+        figures.add(f"cold burst of {BURST}, http1, bundle of {AUTHORITIES}: all answered", "ms",
+                    burst["seconds"] * 1000)
+        on.stop_daemon()
+    on.trust()
 
 
 def stops(on, figures, count):
@@ -74,7 +74,7 @@ def stops(on, figures, count):
     for _ in range(count):
         on.start_daemon()
         on.call(bus.SERVICE, 1, 1)
-        with Hanging(on):
+        with stage.Hanging(on):
             callers = on.call(bus.SERVICE, HUNG, HUNG, wait=False)
             time.sleep(1.5)
             figures.add(f"SIGTERM to the end, {HUNG} transfers hang", "ms", on.stop_daemon() * 1000)
@@ -105,7 +105,7 @@ def _note_memory(figures, when, resident, unique):
 
 def _held(on, figures):
     before = memory(on)
-    with Hanging(on):
+    with stage.Hanging(on):
         callers = on.call(bus.SERVICE, HELD, HELD, wait=False)
         time.sleep(3)
         after = memory(on)
@@ -122,7 +122,7 @@ def outstanding(on, figures):
         on.call(bus.SERVICE, 1_000, 64)
         time.sleep(1)
         before = memory(on)
-        with Hanging(on):
+        with stage.Hanging(on):
             callers = on.call(bus.SERVICE, MANY, MANY, wait=False)
             time.sleep(5)
             most = memory(on)

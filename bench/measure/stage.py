@@ -82,7 +82,8 @@ class Stage:
                 self.folder / protocol, authority.server_pem(HOST), keys.authority, listen=listen,
                 extra=extra, answer="try_files /body-$arg_appid =404;", connections=12_000)
         self.device = device.Device(self.folder, keys)
-        self.device.ca_file.write_bytes(authority.pem)
+        self._authority, self._keys = authority.pem, keys
+        self.trust()
         self.proxy = token_proxy.TokenProxy(self.folder, self.device)
         self._make_client_certificate(keys)
         self.bus = bus.Bus(self.folder, limits=LIMITS,
@@ -98,6 +99,14 @@ class Stage:
         self.client_pem = self.folder / "client.pem"
         self.client_pem.write_bytes(credentials.issue(key.public_key(), subject, keys.folder)
                                     + certificates.pem_of(key))
+
+    def trust(self, others=0):
+        """Writes the bundle of authorities: the server's, and so many that vouch for nobody here."""
+        public = rsa.generate_private_key(65537, 2048).public_key()
+        self.device.ca_file.write_bytes(self._authority + b"".join(
+            credentials.issue(public, x509.Name([x509.NameAttribute(x509.NameOID.COMMON_NAME, f"Authority {number}")]),
+                              self._keys.folder)
+            for number in range(others)))
 
     def __enter__(self):
         return self
@@ -197,3 +206,16 @@ class Stage:
         if process.returncode != 0:
             raise RuntimeError(f"{command[0]} failed")
         return json.loads(output)
+
+
+class Hanging:
+    """Meanwhile the server takes connections and answers nothing."""
+
+    def __init__(self, on):
+        self._server = on.server
+
+    def __enter__(self):
+        self._server.send(signal.SIGSTOP)
+
+    def __exit__(self, *_):
+        self._server.send(signal.SIGCONT)

@@ -1,5 +1,5 @@
 // share.cpp - sessions outlive the easy handle that made them, but not the CA file that they were
-// verified with.
+// verified with; and that file is read once while it stays the same.
 #include "share.h"
 
 #include <cstdio>
@@ -9,10 +9,28 @@
 namespace MZCurl {
 namespace {
 
+// What libcurl has read from a CA file holds until it hears another name.
+constexpr long kForever = -1;
+
 auto identity(const struct stat& file)
 {
     return std::make_tuple(file.st_dev, file.st_ino, file.st_size, file.st_mtim.tv_sec,
                            file.st_mtim.tv_nsec, file.st_ctim.tv_sec, file.st_ctim.tv_nsec);
+}
+
+/// Another name of the same file, another one for each number. libcurl keeps what it has read from a
+/// CA file by the file's name, and finds connections by it: under another name it reads the file again.
+std::string otherName(const std::string& path, unsigned int number)
+{
+    if (number == 0) {
+        return path;
+    }
+    const bool absolute = path.front() == '/';
+    std::string name = absolute ? "" : ".";
+    for (; number > 0; number /= 2) {
+        name += number % 2 == 1 ? "/." : "/";
+    }
+    return name + (absolute ? "" : "/") + path;
 }
 
 }  // namespace
@@ -46,7 +64,11 @@ bool SessionShare::attach(Transfer& transfer)
     try {
         if (transfer.caFile != m_trust.path || identity(file) != identity(m_trust.file)) {
             m_trust = {transfer.caFile, file};
+            m_caFile = otherName(transfer.caFile, m_changes++);
             renew();
+        }
+        if (curl_easy_setopt(transfer.curl.get(), CURLOPT_CAINFO, m_caFile.c_str()) == CURLE_OK) {
+            curl_easy_setopt(transfer.curl.get(), CURLOPT_CA_CACHE_TIMEOUT, kForever);
         }
     } catch (const std::bad_alloc&) {
         // Without a share there are handshakes more, and nothing else.
@@ -60,6 +82,7 @@ bool SessionShare::attach(Transfer& transfer)
 
 void SessionShare::detach(Transfer& transfer)
 {
+    curl_easy_setopt(transfer.curl.get(), CURLOPT_CA_CACHE_TIMEOUT, 0L);
     curl_easy_setopt(transfer.curl.get(), CURLOPT_SHARE, static_cast<CURLSH*>(nullptr));
     transfer.share.reset();
 }

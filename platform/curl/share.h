@@ -1,5 +1,5 @@
-// share.h - the TLS sessions that the transfers of one multi handle have in common. Without it each
-// session would die with the easy handle that made it.
+// share.h - what the transfers of one multi handle have in common about trust: the TLS sessions, which
+// would otherwise die with the easy handle that made them, and what was read from the CA file.
 #pragma once
 
 #include "transfer.h"
@@ -16,9 +16,10 @@ namespace MZCurl {
 class SessionShare {
 public:
     /// Gives a transfer that names a CA file the sessions. When the file is not the one that they
-    /// were verified with, it and those after it start with none: a session that is taken up again
-    /// is not verified again. @return false, with the reason in the transfer's error text, for a CA
-    /// file whose reader might wait for ever
+    /// were verified with, it and those after it start with none, over new connections that read it:
+    /// a session that is taken up again is not verified again, nor is a connection that is kept.
+    /// @return false, with the reason in the transfer's error text, for a CA file whose reader might
+    /// wait for ever
     bool attach(Transfer& transfer);
     static void detach(Transfer& transfer);
 
@@ -32,6 +33,8 @@ private:
 
     std::shared_ptr<CURLSH> m_share;
     Trust m_trust{};
+    std::string m_caFile;        // what libcurl calls that file
+    unsigned int m_changes = 0;  // of it
 };
 
 }  // namespace MZCurl

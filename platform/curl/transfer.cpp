@@ -36,7 +36,8 @@ bool Transfer::applyRules()
     // An older version would be taken from a server that has nothing newer: no token goes over it.
     set(CURLOPT_SSLVERSION, static_cast<long>(CURL_SSLVERSION_TLSv1_2));
     // Trust is what CAINFO names and nothing else: the distribution's bundle and folder would be
-    // trusted beside it. The file is read for each new connection, so that a new one counts.
+    // trusted beside it. The file is read for each new connection, so that a new one counts, unless
+    // somebody watches it.
     set(CURLOPT_CAINFO, static_cast<const char*>(nullptr));
     set(CURLOPT_CAPATH, static_cast<const char*>(nullptr));
     set(CURLOPT_CA_CACHE_TIMEOUT, 0L);

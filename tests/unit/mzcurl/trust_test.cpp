@@ -179,6 +179,46 @@ TEST_F(ATrustingTransfer, UsesAReplacedCaFileForItsNextConnection)
     EXPECT_TRUE(worker.run(fourth).success);
 }
 
+TEST_F(ATrustingTransfer, ReadsTheCaFileOnceForManyConnections)
+{
+    TestServer server(
+        [](Connection& connection) {
+            Request request;
+            connection.read(request);
+            connection.write("HTTP/1.1 204 Nothing\r\nConnection: close\r\n\r\n");
+        },
+        {&identity});
+    g_files.clear();
+    for (int i = 0; i < 5; ++i) {
+        Transfer transfer(server.url(), caFile);
+        EXPECT_TRUE(worker.run(transfer).success);
+    }
+    EXPECT_EQ(server.connections(), 5);
+    EXPECT_THAT(g_files, ElementsAre(caFile));
+}
+
+TEST_F(ATrustingTransfer, KeepsNoConnectionOverAChangeOfTheCaFile)
+{
+    // Absolute or not, the file has a name of its own after each change.
+    const auto back = std::filesystem::current_path();
+    std::filesystem::current_path(folder.path(""));
+    TestServer server(test::always("ok"), {&identity});
+    for (const std::string& name : {caFile, std::string("ca.pem")}) {
+        for (int change = 0; change < 9; ++change) {
+            authority.writeTo(caFile);
+            for (int i = 0; i < 2; ++i) {
+                Transfer trusting(server.url(), name);
+                EXPECT_TRUE(worker.run(trusting).success) << name << " " << change;
+            }
+            CertificateAuthority().writeTo(caFile);
+            Transfer doubting(server.url(), name);
+            EXPECT_EQ(worker.run(doubting).code, kPeerFailedVerification) << name << " " << change;
+        }
+    }
+    EXPECT_EQ(server.connections(), 2 * 9 * 2) << "one of two transfers, and one in vain";
+    std::filesystem::current_path(back);
+}
+
 TEST_F(ATrustingTransfer, UsesTlsOnlyUnlessVerificationIsSwitchedOff)
 {
     TestServer server(test::always("ok"));
