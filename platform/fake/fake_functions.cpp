@@ -65,6 +65,8 @@ std::optional<std::string> configured(const fake::Answers& answers, const std::s
     return found == answers.config.end() ? std::nullopt : std::optional(found->second);
 }
 
+thread_local std::string t_caller;
+
 }  // namespace
 
 int __dlog_print(log_priority prio, const char* tag, const char* format, ...)
@@ -76,8 +78,9 @@ int __dlog_print(log_priority prio, const char* tag, const char* format, ...)
     va_end(arguments);
     if (length < 0)
         return -1;
-    const fake::LogRecord record =
+    fake::LogRecord record =
         fake::parseRecord(prio, tag, std::string(text, static_cast<std::size_t>(length)));
+    record.strCaller = t_caller;
     free(text);
 
     fake::State& s = fake::state();
@@ -91,6 +94,11 @@ int __dlog_print(log_priority prio, const char* tag, const char* format, ...)
     if (observer)
         observer(record);
     return length;
+}
+
+void log_set_caller(const char* name)
+{
+    t_caller = name != nullptr ? name : "";
 }
 
 char* vconf_get_str(const char* key)

@@ -27,6 +27,7 @@ struct LogRecord {
     std::string strFunction;
     int iLine = 0;
     std::string strText;
+    std::string strCaller;  ///< on whose behalf; no part of the text
 };
 std::ostream& operator<<(std::ostream& out, const LogRecord& record);
 

@@ -1,5 +1,6 @@
 // log.cpp - the platform log. Safe from every thread and from a signal handler that runs while its
-// thread waits: nothing is allocated, locked or kept between two records.
+// thread waits: nothing is allocated or locked, and nothing but the caller's name is kept between
+// two records.
 #include "log_format.h"
 #include "log_sink.h"
 
@@ -8,6 +9,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
@@ -58,6 +60,8 @@ Settings fromEnvironment()
 
 const Settings g_settings = fromEnvironment();
 
+thread_local logging::CallerName t_caller;
+
 /// Reports what fromEnvironment() could not use.
 bool reportEnvironment()
 {
@@ -88,11 +92,16 @@ int __dlog_print(log_priority prio, const char* tag, const char* format, ...)
     logging::beginRecord(g_settings.sink, record, prio, tag);
     va_list arguments;
     va_start(arguments, format);
-    const logging::Parts parts =
-        logging::writeMessage(record, g_settings.options, format, arguments);
+    logging::Parts parts = logging::writeMessage(record, g_settings.options, format, arguments);
     va_end(arguments);
+    parts.caller = t_caller.data();
     record.finish();
     const int written = logging::writeRecord(g_settings.sink, record, prio, tag, parts);
     errno = error;
     return written;
+}
+
+void log_set_caller(const char* name)
+{
+    snprintf(t_caller.data(), t_caller.size(), "%s", name != nullptr ? name : "");
 }

@@ -30,8 +30,12 @@ struct Origin {
     int line = 0;
 };
 
-/// What of a message has a field beside its text.
+/// The name of a bus client, which has at most 255 bytes.
+using CallerName = std::array<char, 256>;
+
+/// What of a record has a field beside its text.
 struct Parts {
+    const char* caller = "";  ///< on whose behalf; a text that outlives the record
     Origin origin;
     std::array<Field, kMostFields> fields{};
     std::size_t fieldCount = 0;

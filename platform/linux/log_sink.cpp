@@ -93,7 +93,7 @@ public:
     int send() const { return sd_journal_sendv(m_parts, static_cast<int>(m_count)); }
 
 private:
-    static constexpr std::size_t kMost = 6 + kMostFields;
+    static constexpr std::size_t kMost = 7 + kMostFields;
     char m_texts[kMost][128];
     iovec m_parts[kMost];
     std::size_t m_count = 0;
@@ -111,6 +111,8 @@ int writeJournal(std::string_view message, log_priority priority, const char* ta
         fields.add("CODE_FUNC=%s", origin.function);
         fields.add("CODE_LINE=%d", origin.line);
     }
+    if (*parts.caller != '\0')
+        fields.add("BILLING_SENDER=%s", parts.caller);
     for (std::size_t i = 0; i < parts.fieldCount; i++)
         fields.add(parts.fields[i], message);
     return fields.send() < 0 ? -1 : static_cast<int>(message.size() - kMessageField.size());

@@ -5,6 +5,8 @@
 #include "BillingTaskBase.h"
 #include "ReplyText.h"
 
+#include <platform/log.h>
+
 #include <array>
 #include <csignal>
 #include <exception>
@@ -17,6 +19,15 @@ namespace {
 
 constexpr const char* SERVICE_NAME = "org.plevo.billingservice";
 constexpr const char* OBJECT_PATH = "/org/plevo/billingservice";
+
+// While it lives, the log of this thread is on a bus client's behalf.
+class CLogCaller {
+public:
+    explicit CLogCaller(const char* szSender) { log_set_caller(szSender); }
+    ~CLogCaller() { log_set_caller(nullptr); }
+    CLogCaller(const CLogCaller&) = delete;
+    CLogCaller& operator=(const CLogCaller&) = delete;
+};
 
 constexpr const char* INTERFACE_XML = R"(<node>
   <interface name="org.plevo.billingservice">
@@ -245,10 +256,11 @@ void CDBusManager::m_NameLost(GDBusConnection*, const char* name, void*)
     }
 }
 
-void CDBusManager::m_HandleMethodCall(GDBusConnection*, const char*, const char*, const char*,
-                                      const char* method_name, GVariant* parameters,
+void CDBusManager::m_HandleMethodCall(GDBusConnection*, const char* sender, const char*,
+                                      const char*, const char* method_name, GVariant* parameters,
                                       GDBusMethodInvocation* invocation, void* user_data)
 {
+    const CLogCaller oCaller(sender);
     BILLING_INFO_PLAIN("method name = %s\n", method_name);
     {
         const GCharPtr szParameters(g_variant_print(parameters, TRUE), g_free);
@@ -292,11 +304,13 @@ void CDBusManager::m_PipeCallback(void* data, void* buffer, unsigned int)
     if (ptInfo == nullptr) {
         return;
     }
+    auto* pInvocation = static_cast<GDBusMethodInvocation*>(ptInfo->pUser);
+    const CLogCaller oCaller(
+        pInvocation != nullptr ? g_dbus_method_invocation_get_sender(pInvocation) : nullptr);
     BILLING_INFO("m_PipeCallback >>> iRespResult:[%d],strRespInfo[%s]==", ptInfo->iRespResult,
                  ptInfo->strRespInfo.c_str());
     int iRespResult = ptInfo->iRespResult;
     std::string strRespInfo = std::move(ptInfo->strRespInfo);
-    auto* pInvocation = static_cast<GDBusMethodInvocation*>(ptInfo->pUser);
     if (pInvocation == nullptr) {
         BILLING_ERROR_PLAIN("GDBusMethodInvocation invocation is NULL");
         return;

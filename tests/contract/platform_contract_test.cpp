@@ -325,6 +325,17 @@ TEST_F(APlatform, LogsARecordAndCountsItsBytes)
     EXPECT_THAT(arrange::texts(), Contains(HasSubstr(" 7")));
 }
 
+TEST_F(APlatform, LogsOnBehalfOfACallerOrOfNobody)
+{
+    const std::string longest(255, 'x');
+    for (const char* const caller :
+         {":1.42", longest.c_str(), "", static_cast<const char*>(nullptr)}) {
+        log_set_caller(caller);
+        EXPECT_GT(__dlog_print(DLOG_ERROR, "TAG", "for a caller"), 0);
+    }
+    EXPECT_THAT(arrange::texts(), Contains(HasSubstr("for a caller")).Times(4));
+}
+
 TEST_F(APlatform, LogsANullTextAsNull)
 {
     const char* volatile text = nullptr;

@@ -1,4 +1,10 @@
 """The log: nothing private, levels, one line for each record, and what is written when."""
+import json
+import os
+import pathlib
+import subprocess
+import sys
+
 import pytest
 from harness.device import SECRETS
 from harness.methods import answers
@@ -94,3 +100,25 @@ def test_one_call_says_what_it_did_in_this_order(service, caller, store):
          "m_PipeCallback >>> iRespResult:[0],strRespInfo[<private:2 bytes>]==",
          "g_dbus_method_invocation_return_value", "g_dbus_method_invocation_return_value"])
     assert said[-1] == "g_dbus_method_invocation_return_value"
+
+
+def test_the_journal_says_who_called_what_and_what_came_of_it(start_daemon, callers):
+    receiver = pathlib.Path(__file__).with_name("platform") / "journal_receiver.py"
+    namespace = ["unshare", "--mount"] + ([] if os.geteuid() == 0 else ["--map-root-user"])
+    if subprocess.run([*namespace, "true"], capture_output=True, check=False).returncode != 0:
+        pytest.skip("no mount namespace can be had here (needs root or user namespaces)")
+    process = start_daemon(view=False, level="info",
+                           tool=[*namespace, sys.executable, str(receiver)])
+    first, second = callers(), callers()
+    process.wait_for_name(first)
+    for caller, method in ((first, "get_product_list"), (second, "get_applied_time")):
+        caller.call(method, *ARGUMENTS[method])
+    assert process.stop() == 0
+
+    entries = json.loads(process.log_text())
+    for caller, method in ((first, "get_product_list"), (second, "get_applied_time")):
+        name = caller.connection.get_unique_name()
+        said = [entry for entry in entries if entry.get("BILLING_SENDER") == name]
+        assert said[0]["BILLING_METHOD"] == method
+        assert [entry["BILLING_RESULT"] for entry in said if "BILLING_RESULT" in entry] == ["-1"]
+    assert any("BILLING_SENDER" not in entry for entry in entries)

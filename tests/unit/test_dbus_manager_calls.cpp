@@ -1,5 +1,6 @@
 // test_dbus_manager_calls.cpp - CDBusManager's method calls on their way to the engine, and the
 // replies on their way back.
+#include "BillingLog.h"
 #include "allocation_switch.h"
 #include "dbus_manager_doubles.h"
 
@@ -197,6 +198,22 @@ TEST_F(ADBusManager, AnswersACallWithWhatThePipeBrings)
             MANAGER.info(strName, "m_PipeCallback >>> iRespResult:[0],strRespInfo[{\"a\":1}]=="),
             MANAGER.plainInfo(strName, "g_dbus_method_invocation_return_value"),
             MANAGER.plainInfo(strName, "g_dbus_method_invocation_return_value")));
+}
+
+TEST_F(ADBusManager, LogsOnBehalfOfTheCallerWhileItsCallComesInAndIsAnswered)
+{
+    call("get_product_list", "('app', 'type', 'check')");
+    BILLING_INFO("between");
+    Bus().strSender = ":1.6";
+    deliver(&m_oManager, 0, "{}", invocation());
+    deliver(&m_oManager, 0, "{}", nullptr);
+
+    std::vector<std::string> callers;
+    for (const fake::LogRecord& record : fake::platform().log()) {
+        callers.push_back(record.strCaller);
+    }
+    EXPECT_THAT(callers, ElementsAre(":1.5", ":1.5", ":1.5", ":1.5", "", "", ":1.6", ":1.6", ":1.6",
+                                     "", "", ""));
 }
 
 // Ecore calls its reader so when it has no memory for a message; the pipe is closed then.

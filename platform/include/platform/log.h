@@ -27,6 +27,13 @@ typedef enum {
 int __dlog_print(log_priority prio, const char* tag, const char* format, ...)
     __attribute__((format(printf, 3, 4)));
 
+/// Says on whose behalf the calling thread logs from now on, for a log whose records have fields
+/// beside their text. Where there is none, nothing need be done.
+/// @param name the unique name of a bus client, at most 255 bytes as the bus has it; copied. Null
+///   or empty: nobody's
+/// Thread: any; counts for the calling thread alone.
+void log_set_caller(const char* name);
+
 #ifdef __cplusplus
 }
 #endif

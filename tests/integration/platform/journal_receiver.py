@@ -1,10 +1,11 @@
 """Plays the journal for one program: run it in a mount namespace of its own.
 
 usage: journal_receiver.py PROGRAM [ARGUMENT ...]
-Prints the entries that the program sent, as a list of objects.
+Prints the entries that the program sent, as a list of objects. SIGTERM is handed on to it.
 """
 import json
 import os
+import signal
 import socket
 import subprocess
 import sys
@@ -21,6 +22,8 @@ def main():
         sys.argv[1:], stderr=theirs.fileno(), stdout=subprocess.DEVNULL,
         env={**os.environ, "JOURNAL_STREAM": f"{stream.st_dev}:{stream.st_ino}"})
     theirs.close()
+    signal.signal(signal.SIGTERM, lambda *_: program.terminate())
+    signal.pthread_sigmask(signal.SIG_UNBLOCK, {signal.SIGTERM})
     entries = []
     journal.settimeout(0.2)
     while True:

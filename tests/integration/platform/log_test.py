@@ -154,6 +154,7 @@ def test_the_journal_gets_fields():
 def test_the_journal_gets_the_values_to_search_for_as_fields():
     method, transfer = journal_entries("fields")
     assert method["BILLING_METHOD"] == "get_product_list"
+    assert method["BILLING_SENDER"] == ":1.42"
     assert {name: value for name, value in transfer.items() if name.startswith("BILLING_")} == {
         "BILLING_REQUEST": "7", "BILLING_URL": "https://store/products?<private:11 bytes>",
         "BILLING_CURL_CODE": "0", "BILLING_HTTP_STATUS": "503", "BILLING_NEW_CONNECTIONS": "1",

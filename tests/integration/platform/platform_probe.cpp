@@ -66,8 +66,10 @@ int askStarved()
 
 int logFields()
 {
+    log_set_caller(":1.42");
     __dlog_print(DLOG_INFO, "BILLING_SERVICE", "%s: %s(%d) > method name = %s\n", "Probe.cpp",
                  "logFields", 42, "get_product_list");
+    log_set_caller(nullptr);
     __dlog_print(
         DLOG_INFO, "BILLING_PLATFORM",
         "transfer %u: %s, curl %d, HTTP %ld, new connections %ld, name %ld us, connect %ld us, "
