@@ -4,6 +4,7 @@ import itertools
 import os
 import pathlib
 import subprocess
+from urllib.parse import quote
 
 from gi.repository import Gio, GLib
 
@@ -17,7 +18,7 @@ CONFIGURATION = """<!DOCTYPE busconfig PUBLIC "-//freedesktop//DTD D-Bus Bus Con
 <busconfig>
   <type>system</type>
   <auth>EXTERNAL</auth>
-  <listen>unix:path={socket}</listen>
+  <listen>{address}</listen>
   <policy context="default">
     <allow user="*"/>
     <deny own="*"/>
@@ -44,12 +45,13 @@ class Bus:
     def __init__(self, folder, names=(SERVICE,), limits=None):
         folder = pathlib.Path(folder)
         self.socket = folder / "bus"
-        self.address = f"unix:path={self.socket}"
+        # What may stand in an address as it is.
+        self.address = "unix:path=" + quote(str(self.socket), safe="/-_.").replace("~", "%7E")
         rules = "".join(f'    <allow own="{name}"/>\n    <allow send_destination="{name}"/>\n'
                         for name in names)
         configuration = folder / "bus.conf"
         configuration.write_text(CONFIGURATION.format(
-            socket=self.socket, names=rules, limits="".join(
+            address=self.address, names=rules, limits="".join(
                 f'  <limit name="{name}">{value}</limit>\n'
                 for name, value in (limits or {}).items())))
         # It ends with us, however we end and be it at this moment, and knows nothing of our terminal's

@@ -93,7 +93,7 @@ def _life(words) -> None:
                     f"  {name}  " + " ".join(f"{key}={value}" for key, value in known.items())
                     for name, known in METHODS.items()))
     made.add_argument("method", choices=METHODS, metavar="METHOD", help=", ".join(METHODS))
-    made.add_argument("values", nargs="*", metavar="NAME=VALUE", help="arguments of the method")
+    made.add_argument("values", nargs="*", default=[], metavar="NAME=VALUE", help="arguments of the method")
     made.add_argument("--timeout", type=_number(1), default=100, metavar="SECONDS",
                       help="how long to wait for the answer, 1 or more (default: 100; the service "
                       "itself gives up after 90)")

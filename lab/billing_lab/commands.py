@@ -35,11 +35,15 @@ def up(options: argparse.Namespace) -> int:
     if options.stay:
         return _stay(folder, options)
     if folder.is_up():
-        lab = client.Lab(folder.path)
-    else:
-        with named_errors():
-            lab = client.start(folder, options.log_level)
-    _begin(lab, options)
+        _begin(client.Lab(folder.path), options)
+        return 0
+    with named_errors():
+        lab = client.start(folder, options.log_level)
+    try:
+        _begin(lab, options)
+    except LabError:
+        client.stop(folder)
+        raise
     return 0
 
 
@@ -103,7 +107,10 @@ def status(options: argparse.Namespace) -> int:
 
 
 def logs(options: argparse.Namespace) -> int:
-    file = Folder.at(options.dir).logs / f"{options.part}.log"
+    folder = Folder.at(options.dir)
+    file = folder.logs / f"{options.part}.log"
+    if not file.exists():
+        raise LabError(f"no lab has been up in {folder.path}; start one with `billing-lab up`")
     with named_errors(), open(file, encoding="utf-8", errors="backslashreplace") as log:
         for line in collections.deque(log, options.lines):
             print(line, end="")
@@ -210,6 +217,8 @@ def call(options: argparse.Namespace) -> int:
         _json({"resp_result": result, "resp_info": text})
     else:
         print(f"resp_result {result}\nresp_info   {text}")
+        if result != 0:
+            print("billing-lab: why: `billing-lab doctor`, `billing-lab logs --lines 20`", file=sys.stderr)
     return EXIT_BY_RESULT.get(result, 1)
 
 

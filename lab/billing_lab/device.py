@@ -114,7 +114,9 @@ def _signed_in(uid: str, users: list[dict]) -> dict:
     return {UID: uid, GUID: guids[uid], ACCOUNT_TOKEN: f"lab-{uid}"}
 
 
-def _signed_out(_wanted: str) -> dict:
+def _signed_out(wanted: str) -> dict:
+    if wanted:
+        raise DeviceError(f"signed-out takes no value such as {wanted!r}; `signed-in USER` undoes it")
     return {UID: None, GUID: None, ACCOUNT_TOKEN: None}
 
 

@@ -8,6 +8,10 @@ import pathlib
 from collections.abc import Iterator
 
 
+# What stands in a folder before a lab has lived there.
+_MADE = {"logs", "run", "view"}
+
+
 class LabError(Exception):
     """What went wrong and what to do about it, in one line."""
 
@@ -70,8 +74,14 @@ class Folder:
         if len(os.fsencode(self.path / "bus")) > 100:
             raise LabError(f"the path {self.path} is too long for a socket; choose a folder with a "
                            "path of 90 bytes at most with --dir")
+        if "=" in str(self.path):
+            raise LabError(f"the path {self.path} has a \"=\", which the token's settings cannot hold; "
+                           "choose another folder with --dir")
         try:
             self.path.mkdir(mode=0o700, parents=True, exist_ok=True)
+            if not (self.path / "lock").exists() and {file.name for file in self.path.iterdir()} - _MADE:
+                raise LabError(f"{self.path} has other things in it; name an empty folder, or a new "
+                               "one, with --dir")
             for made in (self.logs, self.path / "run", self.ca_view, self.certificate_view):
                 made.mkdir(mode=0o700, parents=True, exist_ok=True)
         except OSError as error:
@@ -90,9 +100,13 @@ class Folder:
 
     def is_up(self) -> bool:
         """Does a lab live here?"""
-        if not (self.path / "lock").exists():
-            return False
-        taken = self.lock()
+        try:
+            if not (self.path / "lock").exists():
+                return False
+            taken = self.lock()
+        except PermissionError:
+            raise LabError(f"the lab in {self.path} is somebody else's; name a folder of your own "
+                           "with --dir") from None
         if taken is None:
             return True
         os.close(taken)

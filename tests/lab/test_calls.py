@@ -153,6 +153,7 @@ def test_the_device_s_switches_take_effect_at_the_next_call(lab):
     ("gateway", "open", "gateway 'open' is not known; write up, down, auto or error:NUMBER"),
     ("token", "old", "token 'old' is not known; write one of valid, expired, none"),
     ("signed-in", "who", "the catalogue has no user 'who'; it has lab@example.org, second@example.org"),
+    ("signed-out", "no", "signed-out takes no value such as 'no'; `signed-in USER` undoes it"),
     ("colour", "red", "'colour' is no switch of the device; known are signed-out"),
 ])
 def test_a_switch_that_cannot_be_set_so_is_refused(lab, switch, value, said):

@@ -137,10 +137,13 @@ def test_a_call_prints_its_answer_and_ends_as_it_was_answered(run, lab):
     assert json.loads(printed(run("call", "check_server_availability", "--json"))) == {
         "resp_result": 0, "resp_info": "yes"}
     lab.fault("reset")
-    assert printed(run("call", "check_server_availability"), 3) == "resp_result -1\nresp_info   \n"
+    failed = run("call", "check_server_availability")
+    assert (failed.returncode, failed.stdout) == (3, "resp_result -1\nresp_info   \n")
+    assert failed.stderr == "billing-lab: why: `billing-lab doctor`, `billing-lab logs --lines 20`\n"
     lab.device("gateway", "down")
-    assert printed(run("call", "check_server_availability"), 4) == (
-        "resp_result 1160003\nresp_info   Network error, please check!\n")
+    refused = run("call", "check_server_availability")
+    assert (refused.returncode, refused.stdout) == (
+        4, "resp_result 1160003\nresp_info   Network error, please check!\n")
     lab.device("gateway", "up")
     lab.clear_faults()
     lab.fault("hang")

@@ -194,6 +194,54 @@ def test_a_path_that_is_too_long_for_a_socket_is_refused(tmp_path, cli):
     assert (answer.returncode, "is too long for a socket; choose a folder" in answer.stderr) == (1, True)
 
 
+def test_a_path_may_have_what_addresses_and_xml_may_not(tmp_path):
+    with client.running(tmp_path / "a lab, ~ & <co>%41;é") as lab:
+        assert lab.call("check_server_availability")[0] == 0
+
+
+def test_a_folder_with_other_things_in_it_is_left_alone(tmp_path, cli):
+    (tmp_path / "notes").touch()
+    answer = cli("up", folder=tmp_path)
+    assert (answer.returncode, answer.stderr) == (
+        1, f"billing-lab: {tmp_path} has other things in it; name an empty folder, or a new one, with --dir\n")
+    assert {file.name for file in tmp_path.iterdir()} == {"notes", "home"}
+
+
+@pytest.mark.skipif(os.geteuid() != 0, reason="takes another user's part")
+def test_the_lab_of_somebody_else_is_said_to_be_so(cli):
+    for command in ("up", "status"):
+        answer = subprocess.run(["setpriv", "--reuid=65534", "--clear-groups", "env", f"PYTHONPATH={LAB}",
+                                 sys.executable, "-c", "import sys; from billing_lab import cli; "
+                                 "sys.exit(cli.main(sys.argv[1:]))", "--dir", "/proc/1/root", command],
+                                env=cli.environment, capture_output=True, text=True, check=False)
+        assert (answer.returncode, answer.stderr) == (
+            1, "billing-lab: the lab in /proc/1/root is somebody else's; name a folder of your own with "
+            "--dir\n")
+
+
+@pytest.mark.parametrize("text", [None, "{"])
+def test_a_lab_that_its_catalogue_ends_is_not_up(folder, cli, tmp_path, text):
+    if text is not None:
+        (tmp_path / "seed.json").write_text(text)
+    answer = cli("up", "--seed", tmp_path / "seed.json")
+    assert answer.returncode == 1 and "seed.json" in answer.stderr
+    assert not Folder(folder).is_up()
+
+
+def test_without_a_lab_there_are_no_logs(folder, cli):
+    answer = cli("logs")
+    assert (answer.returncode, answer.stderr) == (
+        1, f"billing-lab: no lab has been up in {folder}; start one with `billing-lab up`\n")
+
+
+def test_a_path_that_the_token_cannot_have_is_refused(tmp_path, cli):
+    answer = cli("up", folder=tmp_path / "a=b")
+    assert (answer.returncode, answer.stderr) == (
+        1, f"billing-lab: the path {tmp_path}/a=b has a \"=\", which the token's settings cannot hold; choose "
+        "another folder with --dir\n")
+    assert not (tmp_path / "a=b").exists()
+
+
 def test_a_folder_that_cannot_be_made_is_said(cli):
     answer = cli("up", folder="/proc/lab")
     assert (answer.returncode, answer.stderr) == (

@@ -8,10 +8,33 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <set>
 #include <sstream>
 #include <stdexcept>
 
 namespace device {
+
+namespace {
+
+/// The folders there are. What is left of them goes at the end of the process, but not of a child.
+std::set<std::string>& folders()
+{
+    static const pid_t s_process = getpid();
+    static std::set<std::string>* const s_folders = [] {
+        std::atexit([] {
+            std::error_code ignored;
+            for (const std::string& path : folders()) {
+                if (s_process == getpid())
+                    std::filesystem::remove_all(path, ignored);
+            }
+        });
+        // Never destroyed: static objects tell of their folders after that.
+        return new std::set<std::string>;
+    }();
+    return *s_folders;
+}
+
+}  // namespace
 
 Folder::Folder()
 {
@@ -19,12 +42,14 @@ Folder::Folder()
     if (mkdtemp(name.data()) == nullptr)
         throw std::runtime_error("no temporary folder");
     m_path = name;
+    folders().insert(m_path);
 }
 
 Folder::~Folder()
 {
     std::error_code ignored;
     std::filesystem::remove_all(m_path, ignored);
+    folders().erase(m_path);
 }
 
 Conf::Conf()

@@ -16,8 +16,6 @@ vantor_server_type=0
 default_gateway=up
 [deployment]
 production_host=localhost:PORT
-credential=1 2 3 4 5
-key_id=7
 """
 
 # Whoever runs the store: its server demands a certificate of its authority, which signs requests.
@@ -62,7 +60,7 @@ def documented():
     page = (TREE / "docs/INTEGRATION.md").read_text(encoding="utf-8")
     section = page.split("## From nothing to a first answer")[1].split("\n## ")[0]
     blocks = re.findall(r"```sh\n(.*?)```", section, re.DOTALL)
-    keystore = re.search(r"```\n(\[keystore\].*?)```", section, re.DOTALL)[1]
+    keystore = re.search(r"```\n(\[deployment\].*?)```", section, re.DOTALL)[1]
     doctor = re.search(r"```\n(runuser .*?)\n```", section, re.DOTALL)[1]
     assert len(blocks) == 4
     return blocks, keystore, doctor
