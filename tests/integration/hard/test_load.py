@@ -50,10 +50,15 @@ def unanswered(service):
     return as_root(lambda: service.count("g_iPendingCallCount"))
 
 
-def settled_memory(service):
-    """KiB, when the last burst has been cleared away."""
-    time.sleep(1)
-    return service.status_field("VmRSS")
+def settled_memory(service, caller):
+    """KiB: the least of three looks, each after a burst that has been cleared away. What another thread holds
+    in that moment, on a machine that does other things too, keeps its pages until the next."""
+    seen = []
+    for _ in range(3):
+        caller.finish([caller.start("check_server_availability") for _ in range(100)])
+        time.sleep(1)
+        seen.append(service.status_field("VmRSS"))
+    return min(seen)
 
 
 def bad_server(request):
@@ -86,9 +91,9 @@ def test_every_call_to_a_bad_server_is_answered(service, callers, store, size, f
             results[call.result[0]] += 1
         store.take_requests()
         if resident is None and done + wave >= total / 10:
-            resident = settled_memory(service)
+            resident = settled_memory(service, connections[0])
     took = time.monotonic() - began
-    grown = settled_memory(service) - resident
+    grown = settled_memory(service, connections[0]) - resident
     assert sum(results.values()) == total
     assert results[0] > total * 0.7
     left = as_root(service.descriptors)
@@ -131,7 +136,8 @@ def test_thousands_of_calls_to_a_stalled_server_are_all_answered(service, caller
 
     took = time.monotonic() - began
     assert {call.error and call.error.message for call in calls} == {None}
-    after = settled_memory(service)
+    store.answer = Reply(b"{}")
+    after = settled_memory(service, caller)
     # Without a free descriptor the settings cannot be read, and a call is refused.
     refused = sum(call.result[0] == 1160003 for call in calls)
     assert refused + sum(call.result[0] == -1 for call in calls) == count
