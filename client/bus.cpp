@@ -15,6 +15,9 @@ constexpr int BUS_TIMEOUT_MS = 10000;
 
 constexpr const char* START_BUS =
     "start the message bus, or name another one with --bus or DBUS_SYSTEM_BUS_ADDRESS";
+constexpr const char* OPEN_BUS =
+    "call as a user who may open the bus's socket, or name another one with --bus or "
+    "DBUS_SYSTEM_BUS_ADDRESS";
 constexpr const char* START_SERVICE =
     "start the service (systemctl start billing-service) and look at its log";
 
@@ -120,7 +123,9 @@ Bus::Bus(const std::string& address, double timeout)
                 "what listens at the address of the bus said nothing " + inTime(timeout),
                 START_BUS);
         }
-        throw Unreachable("the system bus cannot be reached: " + textOf(error), START_BUS);
+        const bool denied = g_error_matches(error, G_IO_ERROR, G_IO_ERROR_PERMISSION_DENIED);
+        throw Unreachable("the system bus cannot be reached: " + textOf(error),
+                          denied ? OPEN_BUS : START_BUS);
     }
 }
 

@@ -1,9 +1,12 @@
 """billingctl on the real daemon: answers, exit codes, what is said when there is no answer."""
 import functools
 import json
+import os
 import re
 import socket
 import subprocess
+import sys
+import tempfile
 
 import pytest
 from gi.repository import Gio
@@ -159,6 +162,27 @@ def test_a_bus_that_is_not_there_is_named(ctl, option):
     assert done.returncode == UNREACHABLE
     assert done.stderr == ("check_server_availability: the system bus cannot be reached: Could not "
                            f"connect: No such file or directory; {START_BUS}\n")
+
+
+@pytest.mark.skipif(os.geteuid() != 0, reason="takes another user's part")
+def test_a_bus_that_may_not_be_opened_is_named(tmp_path):
+    # Of a path that all may look into.
+    with tempfile.TemporaryDirectory(dir="/tmp") as folder, socket.socket(socket.AF_UNIX) as closed:
+        os.chmod(folder, 0o755)
+        closed.bind(f"{folder}/bus")
+        os.chmod(f"{folder}/bus", 0o600)
+        closed.listen()
+        # Opened as root: the tree may be anywhere.
+        done = subprocess.run(
+            [sys.executable, "-c", "import os, sys; program = os.open(sys.argv[1], os.O_PATH); os.setgroups([]); "
+             "os.setuid(65534); os.execve(program, sys.argv[1:], {})", billingctl.program(), "--bus",
+             f"unix:path={folder}/bus", "check-server-availability"],
+            capture_output=True, text=True, check=False)
+    assert done.returncode == UNREACHABLE
+    assert done.stderr == (
+        "check_server_availability: the system bus cannot be reached: Could not connect: Permission denied; "
+        "call as a user who may open the bus's socket, or name another one with --bus or "
+        "DBUS_SYSTEM_BUS_ADDRESS\n")
 
 
 @pytest.mark.parametrize("command", ["check-server-availability", "doctor"])
