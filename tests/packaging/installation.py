@@ -98,7 +98,7 @@ class PolicyBus:
         services = installed.one("system-services/org.plevo.billingservice.service").parent
         configuration = folder / "bus.conf"
         configuration.write_text(message_bus.CONFIGURATION.format(
-            socket=f"{folder}/bus", names="".join(f'    <allow own="{name}"/>\n' for name in names),
+            address=self.address, names="".join(f'    <allow own="{name}"/>\n' for name in names),
             limits=f"  <servicedir>{services}</servicedir>\n  <include>{policy}</include>\n"))
         self.process = subprocess.Popen(
             ["bwrap", "--die-with-parent", "--dev-bind", "/", "/",
