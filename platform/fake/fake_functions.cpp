@@ -14,6 +14,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <utility>
 
 namespace {
 
@@ -174,6 +175,13 @@ int connection_profile_check_default_gateway(bool* exists)
         return answers.gatewayError;
     *exists = answers.gatewayExists;
     return 0;
+}
+
+bool connection_profile_has_changed(void)
+{
+    fake::State& s = fake::state();
+    const std::lock_guard<std::mutex> hold(s.lock);
+    return std::exchange(s.answers.networkHasChanged, false);
 }
 
 char* deployment_get_host(deployment_host_e which)

@@ -111,6 +111,11 @@ void Platform::gatewayFails(int code)
     change([&](State& s) { s.answers.gatewayError = code; });
 }
 
+void Platform::networkChanges()
+{
+    change([](State& s) { s.answers.networkHasChanged = true; });
+}
+
 void Platform::host(deployment_host_e which, std::optional<std::string> value)
 {
     change([&](State& s) { s.answers.hosts[which] = std::move(value); });

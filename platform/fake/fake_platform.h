@@ -71,6 +71,8 @@ public:
     void timeZone(std::optional<std::pair<int, int>> utcoffAndDstoff);
     void gateway(bool exists);
     void gatewayFails(int code);
+    /// The network changes, once: the next question hears of it.
+    void networkChanges();
     void host(deployment_host_e which, std::optional<std::string> value);
 
     void credential(std::optional<std::array<std::uint32_t, 5>> words);

@@ -22,6 +22,7 @@ struct Answers {
     std::optional<std::pair<int, int>> timeZone;
     int gatewayError = 0;
     bool gatewayExists = false;
+    bool networkHasChanged = false;
     std::optional<std::string> hosts[2];
 };
 

@@ -253,6 +253,12 @@ TEST_F(APlatform, SaysWhyTheGatewayCannotBeAskedFor)
     }
 }
 
+TEST_F(APlatform, ReportsNoChangeOfANetworkThatStaysAsItIs)
+{
+    EXPECT_FALSE(connection_profile_has_changed());
+    EXPECT_FALSE(connection_profile_has_changed());
+}
+
 class ADeployment : public APlatform {
 protected:
     static std::optional<std::string> host(deployment_host_e which)

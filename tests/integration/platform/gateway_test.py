@@ -1,4 +1,4 @@
-"""The default gateway as the kernel's routing tables have it, in network namespaces of our own."""
+"""The default gateway as the kernel's routing tables have it, and its changes, in network namespaces of our own."""
 import os
 import subprocess
 
@@ -15,6 +15,10 @@ ip link set v1 up
 ip addr add 10.9.0.2/24 dev v0
 ip -6 addr add fd09::2/64 dev v0 nodad
 """
+
+# Without addresses that the kernel makes by itself, some seconds later.
+QUIET_CABLE = "".join(f"ip link set {line.split()[3]} addrgenmode none\n{line}" if line.endswith(" up\n") else line
+                      for line in CABLE.splitlines(keepends=True))
 
 
 def settings(tmp_path, rule):
@@ -99,3 +103,34 @@ def test_many_routes_take_several_messages(tmp_path):
     commands = CABLE + f"{many} | ip -batch -\n"
     assert gateway(tmp_path, commands) == (0, 0)
     assert gateway(tmp_path, commands + "ip route add default via 10.9.0.1") == (0, 1)
+
+
+def changes(tmp_path, before, commands):
+    """For each command, run in a namespace of its own, whether the network has changed with it."""
+    if subprocess.run(NAMESPACE + ["true"], capture_output=True, check=False).returncode != 0:
+        pytest.skip("no network namespace can be had here (needs root or user namespaces)")
+    script = (f'{before}\ncoproc PROBE {{ "$0" changes; }}\nread -u "${{PROBE[0]}}" line\n'
+              + "".join(f'{command}\nsleep 0.3\nprintf x >&"${{PROBE[1]}}"\nread -u "${{PROBE[0]}}" line\necho $line\n'
+                        for command in commands))
+    done = subprocess.run(NAMESPACE + ["bash", "-e", "-c", script, PROBE], env=settings(tmp_path, ""),
+                          stdout=subprocess.PIPE, timeout=60, check=True)
+    return [answer == b"1" for answer in done.stdout.split()]
+
+
+def test_a_change_of_address_default_route_or_link_is_reported_once(tmp_path):
+    told = changes(tmp_path, QUIET_CABLE, [
+        "true",
+        "ip route add default via 10.9.0.1", "true",
+        "ip route del default",
+        "ip -6 route add default via fd09::1", "true",
+        "ip addr add 10.9.0.7/24 dev v0", "ip addr del 10.9.0.7/24 dev v0", "true",
+        "ip link set v0 down", "true"])
+    assert told == [False, True, False, True, True, False, True, True, False, True, False]
+
+
+def test_what_leaves_the_way_out_as_it_is_is_no_change(tmp_path):
+    told = changes(tmp_path, QUIET_CABLE + "ip -6 addr add fd08::2/64 dev v0 valid_lft 900 preferred_lft 800 nodad\n"
+                   "ip link set v0 alias first\n", [
+                       "ip route add 10.77.0.0/16 via 10.9.0.1",
+                       "ip -6 addr change fd08::2/64 dev v0 valid_lft 1000 preferred_lft 900", "ip neigh flush all"])
+    assert told == [False, False, False]

@@ -6,6 +6,7 @@
 //        platform_probe twice TEXT  logs a public text on a coloured line, twice
 //        platform_probe gateway     prints "<return> <exists>" of the default gateway
 //        platform_probe starved     the same without a free descriptor
+//        platform_probe changes     prints for each line of its input whether the network has changed since the last
 //        platform_probe process     starts the process, then prints what has become of it
 #include <platform/log.h>
 #include <platform/network.h>
@@ -54,6 +55,18 @@ int askGateway()
     bool exists = false;
     const int result = connection_profile_check_default_gateway(&exists);
     printf("%d %d\n", result, exists ? 1 : 0);
+    return 0;
+}
+
+int askForChanges()
+{
+    connection_profile_has_changed();
+    puts("ready");
+    fflush(stdout);
+    for (int c = getchar(); c != EOF; c = getchar()) {
+        printf("%d\n", connection_profile_has_changed() ? 1 : 0);
+        fflush(stdout);
+    }
     return 0;
 }
 
@@ -114,6 +127,8 @@ int main(int argc, char** argv)
         return askGateway();
     if (strcmp(argv[1], "starved") == 0)
         return askStarved();
+    if (strcmp(argv[1], "changes") == 0)
+        return askForChanges();
     if (strcmp(argv[1], "process") == 0)
         return showProcess();
     return 2;

@@ -1,0 +1,111 @@
+// network_changes.cpp - whether a default route or an address has come or gone, from what the kernel reports of it.
+#include "descriptor.h"
+#include "seam.h"
+
+#include <platform/network.h>
+
+#include <linux/netlink.h>
+#include <linux/rtnetlink.h>
+#include <net/if.h>
+#include <sys/socket.h>
+
+#include <cerrno>
+#include <cstring>
+#include <map>
+#include <utility>
+
+namespace {
+
+/// A socket that gets the kernel's reports. Never closed.
+int watch()
+{
+    const int made = socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC | SOCK_NONBLOCK, NETLINK_ROUTE);
+    sockaddr_nl address{};
+    address.nl_family = AF_NETLINK;
+    address.nl_groups = RTMGRP_LINK | RTMGRP_IPV4_IFADDR | RTMGRP_IPV6_IFADDR | RTMGRP_IPV4_ROUTE |
+                        RTMGRP_IPV6_ROUTE;
+    Descriptor holder(made);
+    if (made < 0 || bind(made, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) {
+        return -1;
+    }
+    return std::exchange(holder.fd, -1);
+}
+
+/// A router renews the life of an IPv6 address every few minutes; the kernel reports that like a new address.
+bool isRenewal(const nlmsghdr* message)
+{
+    auto left = static_cast<unsigned>(IFA_PAYLOAD(message));
+    for (auto* a = IFA_RTA(static_cast<ifaddrmsg*>(NLMSG_DATA(message))); RTA_OK(a, left);
+         a = RTA_NEXT(a, left)) {
+        if (a->rta_type == IFA_CACHEINFO && RTA_PAYLOAD(a) >= sizeof(ifa_cacheinfo)) {
+            ifa_cacheinfo times{};
+            std::memcpy(&times, RTA_DATA(a), sizeof times);
+            return times.cstamp != times.tstamp;
+        }
+    }
+    return false;
+}
+
+/// The kernel reports a link for many reasons, and the routes that a link takes away are not reported.
+bool hasGoneOrCome(const ifinfomsg& link)
+{
+    static std::map<int, unsigned> known;
+    const unsigned state = link.ifi_flags & (IFF_UP | IFF_RUNNING);
+    const auto [entry, isNew] = known.try_emplace(link.ifi_index, state);
+    return isNew || std::exchange(entry->second, state) != state;
+}
+
+bool isChange(nlmsghdr* message)
+{
+    switch (message->nlmsg_type) {
+        case RTM_NEWLINK:
+            return hasGoneOrCome(*static_cast<const ifinfomsg*>(NLMSG_DATA(message)));
+        case RTM_NEWADDR:
+            return !isRenewal(message);
+        case RTM_DELLINK:
+        case RTM_DELADDR:
+            return true;
+        case RTM_NEWROUTE:
+        case RTM_DELROUTE:
+            return static_cast<const rtmsg*>(NLMSG_DATA(message))->rtm_dst_len == 0;
+        default:
+            return false;
+    }
+}
+
+/// Reads one report. @return whether it tells of a change
+bool tellsOfChange(char* data, std::size_t size)
+{
+    bool change = false;
+    auto left = static_cast<unsigned>(size);
+    for (auto* message = reinterpret_cast<nlmsghdr*>(data); NLMSG_OK(message, left);
+         message = NLMSG_NEXT(message, left)) {
+        change = isChange(message) || change;
+    }
+    return change;
+}
+
+/// @return whether one of the reports that have come tells of a change
+bool readReports(int descriptor)
+{
+    bool change = false;
+    alignas(nlmsghdr) char report[8192];
+    while (true) {
+        const ssize_t size = recv(descriptor, report, sizeof report, 0);
+        if (size > 0) {
+            change = tellsOfChange(report, static_cast<std::size_t>(size)) || change;
+        } else if (size < 0 && errno == ENOBUFS) {
+            change = true;  // Reports were lost.
+        } else if (size == 0 || errno != EINTR) {
+            return change;
+        }
+    }
+}
+
+}  // namespace
+
+bool connection_profile_has_changed(void)
+{
+    static const int descriptor = watch();
+    return descriptor >= 0 && seam::guarded(true, [] { return readReports(descriptor); });
+}
