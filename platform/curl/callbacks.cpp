@@ -1,10 +1,10 @@
 // callbacks.cpp - the limits on what a server may send, and the guard against a request sent twice.
 #include "callbacks.h"
 
+#include "connections.h"
 #include "gate.h"
+#include "repeat.h"
 #include "transfer.h"
-
-#include <string_view>
 
 namespace MZCurl {
 namespace {
@@ -17,7 +17,8 @@ std::size_t refuse(Transfer& transfer, const char* reason)
 
 void noteMove(const Transfer& transfer)
 {
-    if (transfer.http2 && transfer.http2Moved != nullptr) {
+    if (transfer.connection != nullptr && transfer.connection->shared &&
+        transfer.http2Moved != nullptr) {
         *transfer.http2Moved = true;
     }
 }
@@ -49,13 +50,10 @@ std::size_t onBody(char* data, std::size_t size, std::size_t count, void* pointe
     }
 }
 
-std::size_t onHeader(char* data, std::size_t size, std::size_t count, void* pointer)
+std::size_t onHeader(char* /*data*/, std::size_t size, std::size_t count, void* pointer)
 {
     Transfer& transfer = *static_cast<Transfer*>(pointer);
     const std::size_t length = size * count;
-    constexpr std::string_view kHttp2 = "HTTP/2";
-    transfer.http2 =
-        transfer.http2 || std::string_view(data, length).substr(0, kHttp2.size()) == kHttp2;
     noteMove(transfer);
     transfer.headerBytes += length;
     return transfer.headerBytes <= kMaxHeaderBytes
@@ -63,13 +61,14 @@ std::size_t onHeader(char* data, std::size_t size, std::size_t count, void* poin
                : refuse(transfer, "The response has more than 300 KiB of headers");
 }
 
-int onRequest(void* pointer, char* /*remoteAddress*/, char* /*localAddress*/, int /*remotePort*/,
-              int /*localPort*/)
+int onRequest(void* pointer, char* /*remoteAddress*/, char* localAddress, int remotePort,
+              int localPort)
 {
     Transfer& transfer = *static_cast<Transfer*>(pointer);
-    ++transfer.attempts;
-    const bool repeatable = !transfer.sendsBody && !transfer.namesMethod;
-    if (transfer.attempts > 1 && !repeatable) {
+    if (transfer.connections != nullptr) {
+        transfer.connections->begin(transfer, localAddress, localPort, remotePort);
+    }
+    if (++transfer.sendings > 1 && !mayBeSentOnceMore(transfer)) {
         transfer.refusal = "The connection was lost, and the request is not sent a second time";
         return CURL_PREREQFUNC_ABORT;
     }

@@ -104,7 +104,8 @@ bool MZCurlEasy::send()
         return m_pImpl->fail("The handle is not initialised, or a multi handle has it");
     }
     const TlsErrorScope errors;
-    m_pImpl->begin();
+    m_pImpl->start();
+    m_pImpl->begin(false);
     const CURLcode code = curl_easy_perform(m_pImpl->curl.get());
     m_pImpl->lastError = m_pImpl->resultText(code);
     return code == CURLE_OK;

@@ -131,11 +131,15 @@ int Gate::waitBound(Clock::time_point now, int most) const
         if (host.waiting.empty()) {
             continue;
         }
-        // Rounded up: a wait that ends a moment too early would be followed by many short ones.
-        const auto left = std::chrono::ceil<std::chrono::milliseconds>(host.deadline - now).count();
-        bound = mayGo(host, now) ? 0 : std::min(bound, static_cast<int>(left));
+        bound = mayGo(host, now) ? 0 : std::min(bound, millisecondsUntil(host.deadline, now));
     }
     return bound;
+}
+
+int millisecondsUntil(Gate::Clock::time_point then, Gate::Clock::time_point now)
+{
+    const auto left = std::chrono::ceil<std::chrono::milliseconds>(then - now).count();
+    return left > 0 ? static_cast<int>(left) : 0;
 }
 
 }  // namespace MZCurl

@@ -57,4 +57,8 @@ private:
     std::map<std::string, Host> m_hosts;
 };
 
+/// @return milliseconds until then, rounded up: a wait that ends a moment too early would be followed by many short
+///   ones; 0 when it has passed
+int millisecondsUntil(Gate::Clock::time_point then, Gate::Clock::time_point now);
+
 }  // namespace MZCurl

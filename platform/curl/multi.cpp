@@ -40,7 +40,8 @@ constexpr std::chrono::milliseconds kPauseAfterFailure{10};
 MZCurlMulti::Impl::~Impl()
 {
     m_gate.release(m_going, Gate::Clock::time_point::max());
-    for (TransferList* const list : {&m_pending, &m_going, &m_active, &m_ready, &m_given}) {
+    for (TransferList* const list :
+         {&m_pending, &m_later, &m_going, &m_active, &m_ready, &m_given}) {
         while (!list->empty()) {
             takeOut(*list->front());
         }
@@ -112,6 +113,7 @@ bool MZCurlMulti::Impl::add(MZCurlEasy& easy, Transfer& transfer)
     if (m_multi == nullptr || !m_started || !transfer.owner.compare_exchange_strong(nobody, this)) {
         return false;
     }
+    transfer.start();
     transfer.easy = &easy;
     transfer.hostKey = std::move(key);
     transfer.node = entry.begin();
@@ -136,14 +138,21 @@ bool MZCurlMulti::Impl::remove(Transfer& transfer)
     return true;
 }
 
-void MZCurlMulti::Impl::takeOut(Transfer& transfer)
+void MZCurlMulti::Impl::detach(Transfer& transfer)
 {
     if (transfer.attached) {
         const TlsErrorScope errors;
+        m_connections.end(transfer);
         curl_multi_remove_handle(m_multi.get(), transfer.curl.get());
         SessionShare::detach(transfer);
+        Connections::unfollow(transfer);
         transfer.attached = false;
     }
+}
+
+void MZCurlMulti::Impl::takeOut(Transfer& transfer)
+{
+    detach(transfer);
     const std::lock_guard<std::mutex> guard(m_lock);
     transfer.home->erase(transfer.node);
     m_gate.leave(transfer);
@@ -162,6 +171,15 @@ void MZCurlMulti::Impl::adopt()
         }
     }
     const auto now = Gate::Clock::now();
+    for (auto it = m_later.begin(); it != m_later.end();) {
+        Transfer& transfer = **it++;
+        if (transfer.due <= now) {
+            moveTo(transfer, m_going);
+        }
+    }
+    if (!m_going.empty()) {
+        m_connections.retireIdle();
+    }
     for (auto it = m_going.begin(); it != m_going.end();) {
         Transfer& transfer = **it++;
         if (m_gate.enter(transfer, now)) {
@@ -172,7 +190,8 @@ void MZCurlMulti::Impl::adopt()
 
 void MZCurlMulti::Impl::attach(Transfer& transfer)
 {
-    transfer.begin();
+    m_connections.follow(transfer);
+    transfer.begin(m_connections.isInDoubt(transfer.hostKey));
     transfer.number = ++m_transfers;
     transfer.http2Moved = &m_http2Moved;
     if (!m_share.attach(transfer)) {
@@ -195,8 +214,28 @@ void MZCurlMulti::Impl::finish(Transfer& transfer, CURLcode result)
 {
     transfer.result = result;
     report(transfer);
+    const Again reason = whyAgain(transfer);
+    m_connections.end(transfer);
+    if (reason != Again::No) {
+        beginAgain(transfer, reason);
+        return;
+    }
     moveTo(transfer, m_ready);
     Gate::finished(transfer);
+}
+
+void MZCurlMulti::Impl::beginAgain(Transfer& transfer, Again reason)
+{
+    detach(transfer);
+    const std::chrono::milliseconds pause = countRepeat(transfer, reason);
+    if (pause.count() > 0) {
+        // The host may need a leader again by then.
+        m_gate.leave(transfer);
+        transfer.due = Gate::Clock::now() + pause;
+        moveTo(transfer, m_later);
+        return;
+    }
+    attach(transfer);
 }
 
 void MZCurlMulti::Impl::letThrough()
@@ -222,8 +261,15 @@ int MZCurlMulti::Impl::waitLimit() const
     if (m_http2Moved) {
         return 0;
     }
-    return m_ready.empty() ? m_gate.waitBound(Gate::Clock::now(), kLongestPollMs)
-                           : kUnclaimedPollMs;
+    if (!m_ready.empty()) {
+        return kUnclaimedPollMs;
+    }
+    const auto now = Gate::Clock::now();
+    int bound = m_gate.waitBound(now, kLongestPollMs);
+    for (const Transfer* const transfer : m_later) {
+        bound = std::min(bound, millisecondsUntil(transfer->due, now));
+    }
+    return bound;
 }
 
 bool MZCurlMulti::Impl::endBurst()
@@ -284,6 +330,7 @@ bool MZCurlMulti::Impl::select()
     if (!ok) {
         std::this_thread::sleep_for(kPauseAfterFailure);
     }
+    m_connections.retireSilent();
     adopt();
     m_http2Moved = false;
     m_begun = false;

@@ -1,13 +1,16 @@
 // multi.h - the multi handle's inside: where each transfer stands, and who moves it on.
 //
 //   add --> pending --> (waiting at the gate) --> active --> ready <--> given --> removed
+//               later <------- begun again <------'
 //
 // Only `pending` is touched by other threads; the rest belongs to the worker. A finished transfer
 // is ready to be handed out; once handed out it is given, and ready again in the next round: a
 // reader that could not take it yet finds it then.
 #pragma once
 
+#include "connections.h"
 #include "gate.h"
+#include "repeat.h"
 #include "share.h"
 #include "transfer.h"
 
@@ -57,12 +60,15 @@ private:
     int waitLimit() const;
     void letThrough();
     void attach(Transfer& transfer);
+    void detach(Transfer& transfer);
     void finish(Transfer& transfer, CURLcode result);
+    void beginAgain(Transfer& transfer, Again reason);
     void collect();
     void takeOut(Transfer& transfer);
     bool endBurst();
 
     SessionShare m_share;
+    Connections m_connections;
     Multi m_multi;  // replaced by the worker under the lock, when no transfer is attached
 
     std::mutex m_lock;  // guards the following seven
@@ -76,6 +82,7 @@ private:
 
     unsigned int m_transfers = 0;  // begun so far
     Gate m_gate;
+    TransferList m_later;  // to be begun again when they are due
     TransferList m_going;  // to be attached next
     TransferList m_active;
     TransferList m_ready;

@@ -1,8 +1,6 @@
 // options.cpp - the table of options and what is refused before libcurl sees it.
 #include "options.h"
 
-#include "tls.h"
-
 #include <algorithm>
 #include <iterator>
 
@@ -53,7 +51,7 @@ constexpr Option kOptions[] = {
     {MZCURL_OPT_SSLKEYTYPE, Kind::TextOrNone, CURLOPT_SSLKEYTYPE},
     {MZCURL_OPT_HTTPHEADER, Kind::List, CURLOPT_HTTPHEADER},
     {MZCURL_OPT_WRITEFUNCTION, Kind::Writer, kKept},
-    {MZCURL_OPT_SSL_CTX_FUNCTION, Kind::SslContext, CURLOPT_SSL_CTX_FUNCTION},
+    {MZCURL_OPT_SSL_CTX_FUNCTION, Kind::SslContext, kKept},
     {MZCURL_OPT_WRITEDATA, Kind::Pointer, kKept},
     {MZCURL_OPT_SSL_CTX_DATA, Kind::Pointer, kKept},
     {MZCURL_OPT_PRIVATE, Kind::Pointer, kKept},
@@ -83,12 +81,15 @@ bool apply(Transfer& transfer, CURLoption option, Value value)
 }
 
 /// What a number means beside its own option.
-bool follow(Transfer& transfer, MZCURL_OPTION_TYPE id, bool on)
+bool follow(Transfer& transfer, MZCURL_OPTION_TYPE id, long value)
 {
+    const bool on = value != 0;
     if (id == MZCURL_OPT_POST) {
         transfer.sendsBody = on;
     } else if (id == MZCURL_OPT_HTTPGET && on) {
         transfer.sendsBody = false;
+    } else if (id == MZCURL_OPT_TIMEOUT) {
+        transfer.timeout = std::chrono::seconds(value);
     } else if (id == MZCURL_OPT_SSL_VERIFYPEER) {
         return apply(transfer, CURLOPT_PROTOCOLS_STR, on ? "https" : "http,https");
     }
@@ -130,7 +131,7 @@ bool setNumber(Transfer& transfer, MZCURL_OPTION_TYPE id, long long value)
     if (number != value) {
         return transfer.fail("The number is out of range");
     }
-    return apply(transfer, option->curl, number) && follow(transfer, id, number != 0);
+    return apply(transfer, option->curl, number) && follow(transfer, id, number);
 }
 
 bool setText(Transfer& transfer, MZCURL_OPTION_TYPE id, const std::string& value)
@@ -201,13 +202,11 @@ bool setWriter(Transfer& transfer, MZCURL_OPTION_TYPE id, WriteCallback value)
 
 bool setSslContext(Transfer& transfer, MZCURL_OPTION_TYPE id, SslContextCallback value)
 {
-    const Option* const option = find(transfer, id, {Kind::SslContext});
-    if (option == nullptr) {
+    if (find(transfer, id, {Kind::SslContext}) == nullptr) {
         return false;
     }
     transfer.sslContext = value;
-    // Its data is the transfer itself, among the rules.
-    return apply(transfer, option->curl, value != nullptr ? onSslContext : nullptr);
+    return true;
 }
 
 bool setPointer(Transfer& transfer, MZCURL_OPTION_TYPE id, void* value)

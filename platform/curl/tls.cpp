@@ -8,6 +8,7 @@
 #include <openssl/x509_vfy.h>
 
 #include <ctime>
+#include <string_view>
 
 namespace MZCurl {
 namespace {
@@ -34,36 +35,84 @@ void takeTickets(SSL_CTX* context)
     SSL_CTX_clear_options(context, SSL_OP_NO_TICKET);
 }
 
-/// A server that only asks for a certificate lets this transfer in. Nothing of it may serve another:
-/// no session, no connection that is kept, and no HTTP/2, whose connections are shared while in use.
-void useOnce(CURL* curl, SSL_CTX* context)
+int transferIndex()
+{
+    static const int index =
+        CRYPTO_get_ex_new_index(CRYPTO_EX_INDEX_SSL_CTX, 0, nullptr, nullptr, nullptr, nullptr);
+    return index;
+}
+
+/// Runs when the handshake begins: notes whether it does so with a session, and offers what the transfer may speak. It is
+/// the last moment for that: libcurl 8 makes its own offer after it has handed out the context. The transfer may be gone
+/// when the connection begins another handshake, so this runs once.
+void onHandshake(const SSL* ssl, int where, int /*value*/)
 {
     constexpr unsigned char kOnlyHttp11[] = "\x08http/1.1";
+    if ((where & SSL_CB_HANDSHAKE_START) == 0) {
+        return;
+    }
+    SSL_CTX* const context = SSL_get_SSL_CTX(ssl);
+    SSL_CTX_set_info_callback(context, nullptr);
+    Transfer& transfer = *static_cast<Transfer*>(SSL_CTX_get_ex_data(context, transferIndex()));
+    transfer.offeredSession = SSL_get_session(ssl) != nullptr;
+    if (transfer.onlyHttp11) {
+        SSL_set_alpn_protos(const_cast<SSL*>(ssl), kOnlyHttp11, sizeof kOnlyHttp11 - 1);
+    }
+}
+
+void watchHandshake(SSL_CTX* context, Transfer& transfer)
+{
+    if (SSL_CTX_set_ex_data(context, transferIndex(), &transfer) == 1) {
+        SSL_CTX_set_info_callback(context, onHandshake);
+    }
+}
+
+/// A server that only asks for a certificate lets this transfer in. Nothing of it may serve another:
+/// no session, no connection that is kept, and no HTTP/2, whose connections are shared while in use.
+void useOnce(Transfer& transfer, SSL_CTX* context)
+{
     SSL_CTX_set_session_cache_mode(context, SSL_SESS_CACHE_OFF);
     SSL_CTX_set_options(context, SSL_OP_NO_TICKET);
-    SSL_CTX_set_alpn_protos(context, kOnlyHttp11, sizeof kOnlyHttp11 - 1);
-    curl_easy_setopt(curl, CURLOPT_FORBID_REUSE, 1L);
+    transfer.onlyHttp11 = true;
+    curl_easy_setopt(transfer.curl.get(), CURLOPT_FORBID_REUSE, 1L);
 }
 
 }  // namespace
 
-CURLcode onSslContext(CURL* curl, void* context, void* pointer)
+CURLcode onSslContext(CURL* /*curl*/, void* context, void* pointer)
 {
     const TlsErrorScope errors;
-    const Transfer& transfer = *static_cast<Transfer*>(pointer);
+    Transfer& transfer = *static_cast<Transfer*>(pointer);
+    auto* const sslContext = static_cast<SSL_CTX*>(context);
+    watchHandshake(sslContext, transfer);
+    if (transfer.sslContext == nullptr) {
+        return CURLE_OK;
+    }
     try {
         transfer.sslContext(context, transfer.sslContextData);
     } catch (...) {
         // The context is completed for what was installed before.
     }
-    auto* const sslContext = static_cast<SSL_CTX*>(context);
     if (hasCredentials(sslContext)) {
         signWithPkcs1(sslContext);
         takeTickets(sslContext);
     } else {
-        useOnce(curl, sslContext);
+        useOnce(transfer, sslContext);
     }
     return CURLE_OK;
+}
+
+bool speaksHttp2(CURL* curl)
+{
+    const curl_tlssessioninfo* session = nullptr;
+    if (curl_easy_getinfo(curl, CURLINFO_TLS_SSL_PTR, &session) != CURLE_OK || session == nullptr ||
+        session->backend != CURLSSLBACKEND_OPENSSL || session->internals == nullptr) {
+        return false;
+    }
+    const unsigned char* name = nullptr;
+    unsigned int length = 0;
+    SSL_get0_alpn_selected(static_cast<const SSL*>(session->internals), &name, &length);
+    return std::string_view(reinterpret_cast<const char*>(name), length) == "h2";
 }
 
 std::string tlsCause(CURL* curl, CURLcode code, const std::string& text)

@@ -8,9 +8,12 @@
 
 namespace MZCurl {
 
-/// Hands a new TLS context to the transfer's own callback and completes it. @param context SSL_CTX
+/// Hands a new TLS context to the transfer's own callback, where it has one, and completes it. @param context SSL_CTX
 /// @param transfer the Transfer @return CURLE_OK: what is missing shows in the handshake
 CURLcode onSslContext(CURL* curl, void* context, void* transfer);
+
+/// @return whether the connection of the transfer under way speaks HTTP/2
+bool speaksHttp2(CURL* curl);
 
 /// What libcurl's text for the end of a transfer leaves out: that a clock may be wrong, or whose
 /// certificate was refused. @return empty when there is nothing to add

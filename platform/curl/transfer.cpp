@@ -2,6 +2,7 @@
 #include "transfer.h"
 
 #include "callbacks.h"
+#include "repeat.h"
 #include "tls.h"
 
 namespace MZCurl {
@@ -45,6 +46,7 @@ bool Transfer::applyRules()
     set(CURLOPT_WRITEDATA, this);
     set(CURLOPT_HEADERFUNCTION, onHeader);
     set(CURLOPT_HEADERDATA, this);
+    set(CURLOPT_SSL_CTX_FUNCTION, onSslContext);
     set(CURLOPT_SSL_CTX_DATA, this);
     set(CURLOPT_PREREQFUNCTION, onRequest);
     set(CURLOPT_PREREQDATA, this);
@@ -63,24 +65,49 @@ void Transfer::reset()
     sslContext = nullptr;
     sslContextData = nullptr;
     userPointer = nullptr;
+    timeout = {};
     sendsBody = false;
     namesMethod = false;
-    begin();
+    start();
     if (!applyRules()) {
         curl.reset();
     }
 }
 
-void Transfer::begin()
+void Transfer::start()
 {
-    curl_easy_setopt(curl.get(), CURLOPT_FORBID_REUSE, 0L);
+    started = std::chrono::steady_clock::now();
+    repeats = {};
     bodyBytes = 0;
     headerBytes = 0;
-    attempts = 0;
-    http2 = false;
     refusal = nullptr;
     startFailure = nullptr;
     result = CURLE_OK;
+}
+
+void Transfer::begin(bool fresh)
+{
+    bodyBytes = 0;
+    headerBytes = 0;
+    sendings = 0;
+    refusal = nullptr;
+    offeredSession = false;
+    keptConnection = false;
+    const bool single = !mayBeSentAgain();
+    onlyHttp11 = single || repeats.lost > 0;
+    const auto set = [this](CURLoption option, long value) {
+        curl_easy_setopt(curl.get(), option, value);
+    };
+    // A request that must not be sent twice has a connection of its own: over a kept one it could be lost without a way
+    // to tell whether the server has processed it.
+    set(CURLOPT_FRESH_CONNECT, fresh || onlyHttp11 ? 1L : 0L);
+    set(CURLOPT_FORBID_REUSE, single ? 1L : 0L);
+    set(CURLOPT_HTTP_VERSION, onlyHttp11 ? CURL_HTTP_VERSION_1_1 : CURL_HTTP_VERSION_NONE);
+    // The wrapper offers "http/1.1" itself then: libcurl 7.88 would take the choice for the host's, and open a connection
+    // for each of its HTTP/2 requests.
+    set(CURLOPT_SSL_ENABLE_ALPN, onlyHttp11 ? 0L : 1L);
+    set(CURLOPT_SSL_SESSIONID_CACHE, repeats.session == 0 ? 1L : 0L);
+    set(CURLOPT_TIMEOUT_MS, static_cast<long>(timeLeft(*this).count()));
 }
 
 std::string Transfer::resultText(CURLcode code) const

@@ -8,6 +8,7 @@
 
 #include <array>
 #include <atomic>
+#include <chrono>
 #include <cstddef>
 #include <list>
 #include <memory>
@@ -15,6 +16,8 @@
 
 namespace MZCurl {
 
+class Connections;
+struct Connection;
 struct Host;
 struct Transfer;
 
@@ -27,6 +30,13 @@ struct EasyCleanup {
 };
 struct HeadersCleanup {
     void operator()(curl_slist* list) const { curl_slist_free_all(list); }
+};
+
+/// How often a transfer was begun again, by reason (repeat.h).
+struct Repeats {
+    unsigned int lost = 0;
+    unsigned int session = 0;
+    unsigned int refused = 0;
 };
 
 /// Thread: one at a time, as for MZCurlEasy.
@@ -42,8 +52,15 @@ struct Transfer {
     /// Forgets the options and keeps the rules. A handle that could not keep them is gone.
     void reset();
 
-    /// Forgets what the transfer before left behind: to be called at the start of each one.
-    void begin();
+    /// Forgets what the transfer before left behind: to be called once, when the transfer is handed over.
+    void start();
+
+    /// Prepares one attempt: to be called at the beginning of each. @param fresh it goes over a new connection, whatever
+    /// the connections that are kept
+    void begin(bool fresh);
+
+    /// @return whether the request asks for something and changes nothing: a GET
+    bool mayBeSentAgain() const { return !sendsBody && !namesMethod; }
 
     /// Text for the way a transfer ended; empty for success.
     std::string resultText(CURLcode code) const;
@@ -64,15 +81,25 @@ struct Transfer {
     SslContextCallback sslContext = nullptr;
     void* sslContextData = nullptr;
     void* userPointer = nullptr;
+    std::chrono::milliseconds timeout{0};  // for all attempts together; 0: none
     bool sendsBody = false;
     bool namesMethod = false;
 
     // of the transfer under way
+    std::chrono::steady_clock::time_point started;
+    Repeats repeats;
+
+    // of the attempt under way
     std::size_t bodyBytes = 0;
     std::size_t headerBytes = 0;
-    unsigned int attempts = 0;
-    bool http2 = false;
-    const char* refusal = nullptr;  // why one of our callbacks ended it; a literal
+    unsigned int sendings = 0;  // of the request, libcurl's own repetitions included
+    bool onlyHttp11 = false;
+    bool offeredSession = false;  // the handshake began with a TLS session of an earlier one
+    bool keptConnection = false;  // another request went over the connection before
+    Connections* connections =
+        nullptr;  // where its connection is looked up; null without a multi handle
+    std::shared_ptr<Connection> connection;  // while its request is under way
+    const char* refusal = nullptr;           // why one of our callbacks ended it; a literal
 
     // kept by the multi handle that has it
     std::atomic<const void*> owner{nullptr};
@@ -84,7 +111,8 @@ struct Transfer {
     std::shared_ptr<CURLSH> share;  // while it is attached
     bool* http2Moved = nullptr;     // to be set when a piece of an HTTP/2 response comes
     bool attached = false;
-    unsigned int number = 0;  // of those that the multi handle has begun
+    std::chrono::steady_clock::time_point due;  // when it is begun again
+    unsigned int number = 0;                    // of those that the multi handle has begun
     CURLcode result = CURLE_OK;
     const char* startFailure = nullptr;  // why it could not be attached; a literal
 

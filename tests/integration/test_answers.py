@@ -108,8 +108,8 @@ def test_an_answer_that_is_cut_off_is_a_failure_with_what_came(service, caller, 
 
 @pytest.mark.parametrize("method, arguments", [("confirm_purchase", ("a", "c", "i", "0")),
                                                ("get_applied_time", ("a", "c", "i", "0"))])
-def test_a_payment_is_not_sent_again_when_a_kept_connection_dies(service, caller, store, method,
-                                                                 arguments):
+def test_a_payment_goes_over_a_connection_of_its_own_and_is_not_sent_again(service, caller, store, method,
+                                                                           arguments):
     assert caller.call("check_server_availability") == (0, "{}")
     store.take_requests()
     store.answer = Reset()
@@ -117,7 +117,7 @@ def test_a_payment_is_not_sent_again_when_a_kept_connection_dies(service, caller
     assert caller.call(method, *arguments) == FAILED
 
     (request,) = store.take_requests()
-    assert request.connection == 0
+    assert request.connection == 1
 
     store.answer = Reply(b"next")
     assert caller.call(method, *arguments) == (0, "next")

@@ -3,8 +3,9 @@
 //
 // One implementation serves every backend (platform/curl, on libcurl). It carries what makes the
 // transfers safe: trust comes from the named CA file alone, nothing in the environment steers a
-// transfer, a POST or DELETE is never sent twice, no server can fill the memory, a header can not
-// smuggle in another one, and handles may be added from any thread.
+// transfer, a POST or DELETE has a connection of its own and is never sent twice, a GET that is lost
+// with its connection is sent once more, no server can fill the memory, a header can not smuggle in
+// another one, and handles may be added from any thread.
 #pragma once
 
 #include <list>

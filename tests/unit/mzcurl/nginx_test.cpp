@@ -213,7 +213,7 @@ protected:
     Worker worker;
 };
 
-TEST_F(AnNginx, IsSpokenToInHttp2WhenItOffersThat)
+TEST_F(AnNginx, IsAskedInHttp2WhenItOffersThatAndToldInHttp11)
 {
     test::TestServer upstream(test::always("upstream"));
     Nginx server(authority, "http2", upstream.url());
@@ -236,11 +236,13 @@ TEST_F(AnNginx, IsSpokenToInHttp2WhenItOffersThat)
     const auto passedOn = upstream.requests();
     ASSERT_THAT(passedOn, SizeIs(2));
     EXPECT_TRUE(passedOn[0].has("POST /upstream "));
-    EXPECT_TRUE(passedOn[0].has("some-name: value\r\n")) << "HTTP/2 has small letters only";
+    EXPECT_TRUE(passedOn[0].has("Some-Name: value\r\n"));
     EXPECT_EQ(passedOn[0].body, post.outgoing);
     EXPECT_TRUE(passedOn[1].has("DELETE /upstream "));
     EXPECT_EQ(passedOn[1].body, "text");
-    EXPECT_THAT(server.stop(), Each(HasSubstr("HTTP/2.0 . ")));
+    EXPECT_THAT(server.stop(), ElementsAre(HasSubstr("HTTP/2.0 . "), HasSubstr("HTTP/1.1 r "),
+                                           HasSubstr("HTTP/1.1 r ")))
+        << "a POST has a new connection, which takes the session up again";
 }
 
 TEST_F(AnNginx, GetsABurstInHttp2OverOneConnection)

@@ -1,5 +1,5 @@
 // report_test.cpp - what the log says of a transfer.
-#include "log_double.h"
+#include "platform_double.h"
 #include "test_server.h"
 #include "transfers.h"
 

@@ -1,4 +1,6 @@
-// resend_test.cpp - a kept connection that dies: what is asked again, and what is not.
+// resend_test.cpp - a kept connection that dies: what is asked again, and what never goes over one.
+#include "platform_double.h"
+#include "test_certificates.h"
 #include "test_server.h"
 #include "transfers.h"
 
@@ -7,114 +9,339 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
+#include <chrono>
+#include <functional>
 #include <string>
+#include <thread>
 
 namespace {
 
 using namespace MZCurl;
 using test::Connection;
-using test::Outcome;
 using test::Request;
+using test::secondsSince;
 using test::TestServer;
 using test::Transfer;
 using test::Worker;
+using testing::Contains;
 using testing::HasSubstr;
 
-/// Keeps its first connection for one answer, reads one request more and hangs up without a word.
-/// Later connections answer everything.
-class AServerThatHangsUp : public testing::Test {
+/// An HTTPS server, as its close alert is what hides a closed connection. It answers one request on its first connection,
+/// and then does what the test says. Later connections answer everything.
+class AServer : public testing::Test {
 protected:
-    std::size_t seen(const std::string& method)
+    AServer() { authority.writeTo(caFile); }
+
+    test::ServerOptions options(std::function<void(SSL_CTX*)> adjust = {}) const
+    {
+        test::ServerOptions made;
+        made.identity = &identity;
+        made.adjust = std::move(adjust);
+        return made;
+    }
+
+    std::size_t seen(const std::string& start)
     {
         std::size_t count = 0;
         for (const Request& request : server.requests()) {
-            count += request.has(method + " /second ") ? 1U : 0U;
+            count += request.has(start + " ") ? 1U : 0U;
         }
         return count;
+    }
+
+    void open()
+    {
+        Transfer opening(first(), caFile);
+        EXPECT_TRUE(worker.run(opening).success);
     }
 
     std::string first() { return server.url() + "/first"; }
     std::string second() { return server.url() + "/second"; }
 
+    test::TemporaryFolder folder;
+    const std::string caFile = folder.path("ca.pem");
+    const test::CertificateAuthority authority;
+    const test::Identity identity = authority.issue();
     std::atomic<int> number{0};
-    TestServer server{[this](Connection& connection) {
+    std::function<void(Connection&)> afterwards = [](Connection& connection) {
         Request request;
-        if (number++ == 0) {
-            connection.read(request);
-            connection.answer("first");
-            connection.read(request);
-            return;
-        }
-        while (connection.read(request) && connection.answer("later")) {
-        }
-    }};
+        connection.read(request);
+    };
+    TestServer server{[this](Connection& connection) {
+                          Request request;
+                          if (number++ == 0) {
+                              connection.read(request);
+                              connection.answer("first");
+                              afterwards(connection);
+                              return;
+                          }
+                          while (connection.read(request) && connection.answer("later")) {
+                          }
+                      },
+                      options()};
     Worker worker;
 };
 
-TEST_F(AServerThatHangsUp, IsAskedAgainWithAGet)
+/// It reads one request more and hangs up without a word.
+using AServerThatHangsUp = AServer;
+
+TEST_F(AServerThatHangsUp, IsAskedOnceMoreWithAGet)
 {
-    Transfer opening(first());
-    EXPECT_TRUE(worker.run(opening).success);
-    Transfer get(second());
+    open();
+    takeLog();
+    Transfer get(second(), caFile);
     EXPECT_TRUE(worker.run(get).success);
     EXPECT_EQ(get.body, "later");
-    EXPECT_EQ(seen("GET"), 2U) << "the test is about a connection that was kept";
+    EXPECT_EQ(seen("GET /second"), 2U) << "the test is about a connection that was kept";
+    EXPECT_EQ(server.connections(), 2);
+    EXPECT_THAT(takeLog(), Contains(HasSubstr("begins again in 0 ms: its connection was lost")));
 }
 
-TEST_F(AServerThatHangsUp, IsNotSentAPostTwice)
+TEST_F(AServerThatHangsUp, GetsAPostOverAConnectionOfItsOwn)
 {
-    Transfer opening(first());
-    EXPECT_TRUE(worker.run(opening).success);
-    Transfer post(second());
+    open();
+    Transfer post(second(), caFile);
     post.sending("once");
-    const Outcome outcome = worker.run(post);
-    EXPECT_FALSE(outcome.success);
-    EXPECT_THAT(outcome.error, HasSubstr("not sent a second time"));
-    EXPECT_EQ(seen("POST"), 1U);
+    EXPECT_TRUE(worker.run(post).success);
+    EXPECT_EQ(post.body, "later");
+    EXPECT_EQ(seen("POST /second"), 1U);
+    EXPECT_EQ(server.connections(), 2);
+    Transfer another(second(), caFile);
+    another.sending("twice");
+    EXPECT_TRUE(worker.run(another).success);
+    EXPECT_EQ(server.connections(), 3) << "its connection is not kept";
 }
 
-TEST_F(AServerThatHangsUp, IsNotSentADeleteTwice)
+TEST_F(AServerThatHangsUp, GetsADeleteOverAConnectionOfItsOwn)
 {
-    Transfer opening(first());
-    EXPECT_TRUE(worker.run(opening).success);
-    Transfer removal(second());
+    open();
+    Transfer removal(second(), caFile);
     removal.sending("once", "DELETE");
-    EXPECT_FALSE(worker.run(removal).success);
-    EXPECT_EQ(seen("DELETE"), 1U);
+    EXPECT_TRUE(worker.run(removal).success);
+    EXPECT_EQ(seen("DELETE /second"), 1U);
 }
 
-TEST_F(AServerThatHangsUp, IsNotSentAMethodTwiceThatHasNoBody)
+TEST_F(AServerThatHangsUp, GetsAMethodWithoutABodyOverAConnectionOfItsOwn)
 {
-    Transfer opening(first());
-    EXPECT_TRUE(worker.run(opening).success);
-    Transfer removal(second());
+    open();
+    Transfer removal(second(), caFile);
     ASSERT_TRUE(removal.easy.setOption(MZCURL_OPT_CUSTOMREQUEST, std::string("DELETE")));
-    EXPECT_FALSE(worker.run(removal).success);
-    EXPECT_EQ(seen("DELETE"), 1U);
+    EXPECT_TRUE(worker.run(removal).success);
+    EXPECT_EQ(seen("DELETE /second"), 1U);
 }
 
-TEST_F(AServerThatHangsUp, IsNotSentAPostTwiceByAHandleOnItsOwn)
+TEST_F(AServerThatHangsUp, GetsAPostOverAConnectionOfItsOwnFromAHandleByItself)
 {
-    Transfer transfer(first());
+    Transfer transfer(first(), caFile);
     EXPECT_TRUE(transfer.easy.send());
     transfer.sending("once");
     ASSERT_TRUE(transfer.easy.setOption(MZCURL_OPT_URL, second()));
-    EXPECT_FALSE(transfer.easy.send());
-    EXPECT_EQ(seen("POST"), 1U);
-    EXPECT_TRUE(transfer.easy.send()) << "a new transfer may send it again";
-    EXPECT_EQ(seen("POST"), 2U);
+    EXPECT_TRUE(transfer.easy.send());
+    EXPECT_EQ(seen("POST /second"), 1U);
 }
 
-TEST_F(AServerThatHangsUp, IsAskedAgainByAHandleThatWentBackToGet)
+TEST_F(AServerThatHangsUp, IsAskedOnceMoreByAHandleThatWentBackToGet)
 {
-    Transfer opening(first());
-    EXPECT_TRUE(worker.run(opening).success);
-    Transfer transfer(second());
+    open();
+    Transfer transfer(second(), caFile);
     transfer.sending("text");
     ASSERT_TRUE(transfer.easy.setOption(MZCURL_OPT_HTTPGET, 1));
     EXPECT_TRUE(worker.run(transfer).success);
-    EXPECT_EQ(seen("GET"), 2U);
+    EXPECT_EQ(seen("GET /second"), 2U);
+}
+
+TEST_F(AServer, ThatHasClosedAnIdleConnectionSeesTheNextRequestOnce)
+{
+    afterwards = [](Connection& connection) { connection.end(); };
+    open();
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    Transfer get(second(), caFile);
+    EXPECT_TRUE(worker.run(get).success);
+    EXPECT_EQ(seen("GET /second"), 1U);
+    EXPECT_EQ(server.connections(), 2);
+}
+
+TEST_F(AServer, ThatHasClosedABurstOfIdleConnectionsSeesTheNextRequestsOnce)
+{
+    TestServer burst(
+        [](Connection& connection) {
+            Request request;
+            connection.read(request);
+            // Every connection is under way before the first is answered.
+            std::this_thread::sleep_for(std::chrono::milliseconds(300));
+            connection.answer("text");
+            connection.end();
+        },
+        options());
+    const auto transfers = test::several(40, burst.url() + "/burst", caFile);
+    std::vector<Transfer*> all;
+    for (const auto& transfer : transfers) {
+        all.push_back(transfer.get());
+    }
+    worker.run(all);
+    EXPECT_EQ(burst.connections(), 40);
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    for (int i = 0; i < 12; ++i) {
+        Transfer get(burst.url() + "/later", caFile);
+        EXPECT_TRUE(worker.run(get).success) << i;
+    }
+    EXPECT_EQ(burst.requests().size(), 52U);
+}
+
+TEST_F(AServer, IsAskedOverANewConnectionAfterAChangeOfTheNetwork)
+{
+    afterwards = [](Connection& connection) {
+        Request request;
+        while (connection.read(request) && connection.answer("old")) {
+        }
+    };
+    open();
+    Transfer before(second(), caFile);
+    EXPECT_TRUE(worker.run(before).success);
+    EXPECT_EQ(before.body, "old");
+    changeNetwork();
+    Transfer after(second(), caFile);
+    EXPECT_TRUE(worker.run(after).success);
+    EXPECT_EQ(after.body, "later");
+    EXPECT_EQ(server.connections(), 2);
+}
+
+TEST_F(AServer, ThatGoesSilentAfterAChangeOfTheNetworkIsAskedOnceMore)
+{
+    afterwards = [](Connection& connection) {
+        Request request;
+        connection.read(request);
+        changeNetwork();
+        connection.read(request);  // The next one never comes.
+    };
+    open();
+    const auto start = test::Clock::now();
+    Transfer get(second(), caFile);
+    EXPECT_TRUE(worker.run(get).success);
+    EXPECT_EQ(get.body, "later");
+    EXPECT_GE(secondsSince(start), 5);
+    EXPECT_EQ(seen("GET /second"), 2U);
+}
+
+TEST_F(AServer, ThatGoesSilentOnAKeptConnectionIsAskedOnceMore)
+{
+    afterwards = [](Connection& connection) {
+        Request request;
+        connection.read(request);
+        connection.read(request);
+    };
+    open();
+    const auto start = test::Clock::now();
+    Transfer get(second(), caFile);
+    EXPECT_TRUE(worker.run(get).success);
+    EXPECT_EQ(get.body, "later");
+    EXPECT_GE(secondsSince(start), 15);
+    EXPECT_EQ(seen("GET /second"), 2U);
+}
+
+TEST_F(AServer, ThatTakesLongOverAPostOrOnANewConnectionIsWaitedFor)
+{
+    TestServer slow(
+        [](Connection& connection) {
+            Request request;
+            connection.read(request);
+            changeNetwork();
+            std::this_thread::sleep_for(std::chrono::seconds(7));
+            connection.answer("late");
+        },
+        options());
+    Transfer post(slow.url() + "/post", caFile);
+    post.sending("once");
+    EXPECT_TRUE(worker.run(post).success);
+    EXPECT_EQ(post.body, "late");
+    EXPECT_EQ(slow.requests().size(), 1U);
+}
+
+TEST_F(AServer, ThatEndsTheFirstRequestOfAConnectionMeansIt)
+{
+    TestServer rude(
+        [](Connection& connection) {
+            Request request;
+            connection.read(request);
+        },
+        options());
+    Transfer get(rude.url() + "/", caFile);
+    EXPECT_FALSE(worker.run(get).success);
+    EXPECT_EQ(rude.requests().size(), 1U);
+}
+
+TEST_F(AServer, ThatRefusesASessionIsAskedWithoutIt)
+{
+    // It asks for a certificate and names no session id context: OpenSSL ends each handshake that takes up a session.
+    TestServer strict(
+        [](Connection& connection) {
+            Request request;
+            connection.read(request);
+            connection.answer("text");
+            connection.end();  // Without it OpenSSL forgets the session.
+        },
+        options([](SSL_CTX* context) { SSL_CTX_set_verify(context, SSL_VERIFY_PEER, nullptr); }));
+    takeLog();
+    for (int i = 0; i < 6; ++i) {
+        Transfer transfer(strict.url() + "/", caFile);
+        if (i % 2 == 1) {
+            transfer.sending("once");
+        }
+        const test::Outcome outcome = worker.run(transfer);
+        EXPECT_TRUE(outcome.success) << i << ": " << outcome.error;
+    }
+    EXPECT_EQ(strict.requests().size(), 6U);
+    EXPECT_EQ(strict.resumedHandshakes(), 0) << "the test is about sessions that are refused";
+    EXPECT_THAT(takeLog(), Contains(HasSubstr("the server refused the TLS session")));
+}
+
+TEST_F(AServer, ThatRefusesConnectionsIsAskedThreeTimesMore)
+{
+    for (const bool post : {false, true}) {
+        takeLog();
+        const auto start = test::Clock::now();
+        Transfer transfer("https://127.0.0.1:1/", caFile);
+        if (post) {
+            transfer.sending("never");
+        }
+        EXPECT_FALSE(worker.run(transfer).success);
+        EXPECT_GE(secondsSince(start), 1.75);
+        const auto lines = takeLog();
+        EXPECT_EQ(std::count_if(lines.begin(), lines.end(),
+                                [](const std::string& line) {
+                                    return line.find("refused the connection") != std::string::npos;
+                                }),
+                  3);
+    }
+}
+
+TEST_F(AServer, ThatHasSentAPieceOfTheBodyIsNotAskedAgain)
+{
+    afterwards = [](Connection& connection) {
+        Request request;
+        connection.read(request);
+        connection.write("HTTP/1.1 200 OK\r\nContent-Length: 10\r\n\r\nhalf");
+    };
+    open();
+    Transfer get(second(), caFile);
+    EXPECT_FALSE(worker.run(get).success);
+    EXPECT_EQ(get.body, "half");
+    EXPECT_EQ(seen("GET /second"), 1U);
+}
+
+TEST_F(AServer, ThatEndsBetweenHeaderAndBodyIsAskedOnceMore)
+{
+    afterwards = [](Connection& connection) {
+        Request request;
+        connection.read(request);
+        connection.write("HTTP/1.1 200 OK\r\nContent-Length: 10\r\n\r\n");
+    };
+    open();
+    Transfer get(second(), caFile);
+    EXPECT_TRUE(worker.run(get).success);
+    EXPECT_EQ(get.body, "later");
 }
 
 }  // namespace

@@ -73,11 +73,12 @@ Outcome Worker::run(Transfer& transfer)
     return outcome(transfer);
 }
 
-std::vector<std::unique_ptr<Transfer>> several(int count, const std::string& url)
+std::vector<std::unique_ptr<Transfer>> several(int count, const std::string& url,
+                                               const std::string& caFile)
 {
     std::vector<std::unique_ptr<Transfer>> made;
     for (int i = 0; i < count; ++i) {
-        made.push_back(std::make_unique<Transfer>(url));
+        made.push_back(std::make_unique<Transfer>(url, caFile));
     }
     return made;
 }

@@ -54,7 +54,8 @@ private:
 };
 
 /// So many of them to one address.
-std::vector<std::unique_ptr<Transfer>> several(int count, const std::string& url);
+std::vector<std::unique_ptr<Transfer>> several(int count, const std::string& url,
+                                               const std::string& caFile = {});
 
 /// The first message of this round; without a handle when there is none.
 MZCurl::MZCurlMulti::MultiMsg readOne(MZCurl::MZCurlMulti& multi);

@@ -1,9 +1,11 @@
-// log_double.cpp - the platform's log in the wrapper's tests: keeps what it is given.
-#include "log_double.h"
+// platform_double.cpp - the platform in the wrapper's tests: a log that keeps what it is given, and a network that changes.
+#include "platform_double.h"
 
 #include <platform/log.h>
+#include <platform/network.h>
 
 #include <array>
+#include <atomic>
 #include <cstdarg>
 #include <cstdio>
 #include <mutex>
@@ -13,8 +15,19 @@ namespace {
 
 std::mutex g_lock;
 std::vector<std::string> g_lines;
+std::atomic<bool> g_networkHasChanged{false};
 
 }  // namespace
+
+void changeNetwork()
+{
+    g_networkHasChanged = true;
+}
+
+bool connection_profile_has_changed(void)
+{
+    return g_networkHasChanged.exchange(false);
+}
 
 std::vector<std::string> takeLog()
 {

@@ -1,0 +1,292 @@
+// connections.cpp - what becomes of a connection between and during its requests.
+#include "connections.h"
+
+#include "tls.h"
+
+#include <platform/network.h>
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <ctime>
+#include <new>
+
+namespace MZCurl {
+namespace {
+
+using std::chrono::milliseconds;
+using std::chrono::seconds;
+
+// A connection that was idle for longer is not used: a middlebox may have forgotten it. Common servers close theirs after
+// 5 to 75 s; a new connection takes up the TLS session and costs no signature.
+constexpr BootTime kLongestIdle = seconds(10);
+
+// A connection that was used a moment ago is not asked whether it lives: in a burst that would cost a system call a request.
+constexpr BootTime kJustUsed = milliseconds(50);
+
+// A new request does not join a shared connection that owes an answer and has been silent for so long.
+constexpr BootTime kDoubtAfter = seconds(5);
+
+// A kept connection that owes an answer and has been silent for so long is given up. With the longest idle time this
+// bounds the time after a silent loss in which requests still meet the lost connection: 25 s.
+constexpr BootTime kLostAfter = seconds(15);
+
+// The same for a connection from before a change of the network.
+constexpr BootTime kDoubtfulLostAfter = seconds(5);
+
+// Silent connections are looked for so often.
+constexpr BootTime kLookEvery = seconds(1);
+
+// A standby counts from this length on. The two clocks are not read at the same moment.
+constexpr BootTime kStandby = seconds(2);
+
+BootTime read(clockid_t clock)
+{
+    timespec now{};
+    clock_gettime(clock, &now);
+    return std::chrono::duration_cast<BootTime>(seconds(now.tv_sec) +
+                                                std::chrono::nanoseconds(now.tv_nsec));
+}
+
+BootTime bootTime()
+{
+    return read(CLOCK_BOOTTIME);
+}
+
+BootTime standbyTime()
+{
+    return read(CLOCK_BOOTTIME) - read(CLOCK_MONOTONIC);
+}
+
+/// Port of a socket address, and its text where the caller wants it; 0 for other than Internet addresses.
+int portOf(const sockaddr_storage& address, std::string* text)
+{
+    char buffer[INET6_ADDRSTRLEN] = "";
+    int port = 0;
+    if (address.ss_family == AF_INET) {
+        const auto& v4 = reinterpret_cast<const sockaddr_in&>(address);
+        inet_ntop(AF_INET, &v4.sin_addr, buffer, sizeof buffer);
+        port = ntohs(v4.sin_port);
+    } else if (address.ss_family == AF_INET6) {
+        const auto& v6 = reinterpret_cast<const sockaddr_in6&>(address);
+        inet_ntop(AF_INET6, &v6.sin6_addr, buffer, sizeof buffer);
+        port = ntohs(v6.sin6_port);
+    }
+    if (text != nullptr) {
+        *text = buffer;
+    }
+    return port;
+}
+
+/// Fills in both ends of a connection once the socket has them.
+void askEnds(Connection& connection)
+{
+    sockaddr_storage local{};
+    sockaddr_storage remote{};
+    socklen_t localSize = sizeof local;
+    socklen_t remoteSize = sizeof remote;
+    if (getsockname(connection.descriptor, reinterpret_cast<sockaddr*>(&local), &localSize) == 0 &&
+        getpeername(connection.descriptor, reinterpret_cast<sockaddr*>(&remote), &remoteSize) ==
+            0) {
+        connection.localPort = portOf(local, &connection.localAddress);
+        connection.remotePort = portOf(remote, nullptr);
+    }
+}
+
+/// How long the connection has owed an answer without a byte from the other side.
+BootTime silenceOf(const Connection& connection, BootTime now)
+{
+    tcp_info info{};
+    socklen_t size = sizeof info;
+    if (getsockopt(connection.descriptor, IPPROTO_TCP, TCP_INFO, &info, &size) != 0) {
+        return BootTime(0);
+    }
+    return std::min(now - connection.since, BootTime(info.tcpi_last_data_recv));
+}
+
+/// Ends a connection at its socket. What is left to read is taken away: libcurl takes a closed connection with unread
+/// bytes for one that lives.
+void giveUp(Connection& connection)
+{
+    constexpr int kMostReads = 64;
+    char rest[4096];
+    shutdown(connection.descriptor, SHUT_RDWR);
+    for (int i = 0; i < kMostReads; ++i) {
+        if (recv(connection.descriptor, rest, sizeof rest, MSG_DONTWAIT) <= 0) {
+            break;
+        }
+    }
+    connection.given = true;
+}
+
+}  // namespace
+
+Connections::Connections() : m_standby(standbyTime()) {}
+
+int Connections::opened(void* pointer, curl_socket_t descriptor, curlsocktype /*purpose*/)
+{
+    Connections& self = *static_cast<Transfer*>(pointer)->connections;
+    try {
+        auto made = std::make_shared<Connection>();
+        made->descriptor = descriptor;
+        self.m_open.push_back(std::move(made));
+        // Retiring connections needs no memory then.
+        self.m_polled.reserve(self.m_open.size());
+        self.m_idle.reserve(self.m_open.size());
+    } catch (const std::bad_alloc&) {
+        return CURL_SOCKOPT_ERROR;
+    }
+    return CURL_SOCKOPT_OK;
+}
+
+int Connections::closed(void* pointer, curl_socket_t descriptor)
+{
+    Connections& self = *static_cast<Connections*>(pointer);
+    self.m_open.remove_if([descriptor](const auto& c) { return c->descriptor == descriptor; });
+    if (self.m_open.empty()) {
+        self.m_blind = false;
+    }
+    return ::close(descriptor);
+}
+
+void Connections::follow(Transfer& transfer)
+{
+    CURL* const curl = transfer.curl.get();
+    transfer.connections = this;
+    curl_easy_setopt(curl, CURLOPT_SOCKOPTFUNCTION, &Connections::opened);
+    curl_easy_setopt(curl, CURLOPT_SOCKOPTDATA, &transfer);
+    curl_easy_setopt(curl, CURLOPT_CLOSESOCKETFUNCTION, &Connections::closed);
+    curl_easy_setopt(curl, CURLOPT_CLOSESOCKETDATA, this);
+}
+
+void Connections::unfollow(Transfer& transfer)
+{
+    CURL* const curl = transfer.curl.get();
+    transfer.connections = nullptr;
+    curl_easy_setopt(curl, CURLOPT_SOCKOPTFUNCTION, static_cast<curl_sockopt_callback>(nullptr));
+    curl_easy_setopt(curl, CURLOPT_CLOSESOCKETFUNCTION,
+                     static_cast<curl_closesocket_callback>(nullptr));
+}
+
+std::shared_ptr<Connection> Connections::find(const char* localAddress, int localPort,
+                                              int remotePort)
+{
+    for (const auto& connection : m_open) {
+        if (connection->localPort == 0) {
+            askEnds(*connection);
+        }
+        if (connection->localPort == localPort && connection->remotePort == remotePort &&
+            connection->localAddress == localAddress) {
+            return connection;
+        }
+    }
+    return nullptr;
+}
+
+void Connections::begin(Transfer& transfer, const char* localAddress, int localPort, int remotePort)
+{
+    end(transfer);
+    std::shared_ptr<Connection> connection =
+        localAddress != nullptr ? find(localAddress, localPort, remotePort) : nullptr;
+    if (connection == nullptr) {
+        m_blind = true;
+        return;
+    }
+    if (connection->requests == 0) {
+        connection->host = transfer.hostKey;
+        connection->shared = speaksHttp2(transfer.curl.get());
+    }
+    if (connection->users++ == 0) {
+        connection->since = bootTime();
+    }
+    ++connection->requests;
+    connection->single = connection->single || !transfer.mayBeSentAgain();
+    transfer.keptConnection = connection->requests > 1;
+    transfer.connection = std::move(connection);
+}
+
+void Connections::end(Transfer& transfer)
+{
+    if (transfer.connection == nullptr) {
+        return;
+    }
+    if (--transfer.connection->users == 0) {
+        transfer.connection->since = bootTime();
+    }
+    transfer.connection.reset();
+}
+
+void Connections::lookAround()
+{
+    const BootTime standby = standbyTime();
+    const bool slept = standby - m_standby >= kStandby;
+    if (connection_profile_has_changed() || slept) {
+        m_standby = standby;
+        for (const auto& connection : m_open) {
+            connection->doubtful = true;
+        }
+    }
+}
+
+void Connections::retireIdle()
+{
+    lookAround();
+    if (m_blind || m_open.empty()) {
+        return;
+    }
+    const BootTime now = bootTime();
+    m_polled.clear();
+    m_idle.clear();
+    for (const auto& connection : m_open) {
+        const bool idle = connection->users == 0 && connection->requests > 0 && !connection->given;
+        const BootTime age = now - connection->since;
+        if (idle && (connection->doubtful || age > kLongestIdle)) {
+            giveUp(*connection);
+        } else if (idle && age > kJustUsed) {
+            m_polled.push_back({connection->descriptor, POLLIN | POLLRDHUP, 0});
+            m_idle.push_back(connection.get());
+        }
+    }
+    if (m_polled.empty() || poll(m_polled.data(), m_polled.size(), 0) <= 0) {
+        return;
+    }
+    for (std::size_t i = 0; i < m_polled.size(); ++i) {
+        if (m_polled[i].revents != 0) {
+            giveUp(*m_idle[i]);
+        }
+    }
+}
+
+void Connections::retireSilent()
+{
+    const BootTime now = bootTime();
+    if (m_blind || now < m_nextLook) {
+        return;
+    }
+    m_nextLook = now + kLookEvery;
+    lookAround();
+    for (const auto& connection : m_open) {
+        const bool candidate = connection->users > 0 && !connection->single && !connection->given &&
+                               (connection->requests > 1 || connection->doubtful);
+        if (candidate && silenceOf(*connection, now) >=
+                             (connection->doubtful ? kDoubtfulLostAfter : kLostAfter)) {
+            giveUp(*connection);
+        }
+    }
+}
+
+bool Connections::isInDoubt(const std::string& host) const
+{
+    const BootTime now = bootTime();
+    return std::any_of(m_open.begin(), m_open.end(), [&](const auto& connection) {
+        return connection->shared && connection->users > 0 && connection->host == host &&
+               (connection->doubtful || connection->given ||
+                silenceOf(*connection, now) > kDoubtAfter);
+    });
+}
+
+}  // namespace MZCurl

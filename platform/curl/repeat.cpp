@@ -1,0 +1,124 @@
+// repeat.cpp - what is sent again, how often and why.
+#include "repeat.h"
+
+#include "connections.h"
+
+#include <platform/log.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+
+namespace MZCurl {
+namespace {
+
+using std::chrono::milliseconds;
+
+// A server that is restarted refuses connections for some hundred milliseconds.
+constexpr std::array kRefusedPauses{milliseconds(250), milliseconds(500), milliseconds(1000)};
+
+// With less time left an attempt is not worth its handshake.
+constexpr milliseconds kLeastTime{1000};
+
+bool hasTime(const Transfer& transfer)
+{
+    return transfer.timeout.count() == 0 || timeLeft(transfer) >= kLeastTime;
+}
+
+/// The server has sent nothing of an answer, and will not: the connection, or the stream of an HTTP/2 one, has ended.
+bool endedWithoutAnswer(const Transfer& transfer)
+{
+    if (transfer.bodyBytes > 0 || transfer.sendings == 0) {
+        return false;
+    }
+    switch (transfer.result) {
+        case CURLE_SEND_ERROR:
+        case CURLE_RECV_ERROR:
+        case CURLE_GOT_NOTHING:
+        case CURLE_PARTIAL_FILE:
+        case CURLE_HTTP2:
+        case CURLE_HTTP2_STREAM:
+            return true;
+        case CURLE_ABORTED_BY_CALLBACK:  // libcurl's own repetition was stopped
+            return transfer.sendings > 1;
+        default:
+            return false;
+    }
+}
+
+/// The end may be the connection's and not the answer's: a server that ends the first request of a connection means it.
+bool connectionIsSuspect(const Transfer& transfer)
+{
+    return transfer.keptConnection || transfer.sendings > 1 ||
+           (transfer.connection != nullptr &&
+            (transfer.connection->shared || transfer.connection->given));
+}
+
+bool wasRefused(const Transfer& transfer)
+{
+    long error = 0;
+    curl_easy_getinfo(transfer.curl.get(), CURLINFO_OS_ERRNO, &error);
+    return transfer.result == CURLE_COULDNT_CONNECT && error == ECONNREFUSED;
+}
+
+}  // namespace
+
+Again whyAgain(const Transfer& transfer)
+{
+    const Repeats& repeats = transfer.repeats;
+    if (transfer.result == CURLE_OK || !transfer.attached || !hasTime(transfer)) {
+        return Again::No;
+    }
+    if (repeats.lost == 0 && transfer.mayBeSentAgain() && endedWithoutAnswer(transfer) &&
+        connectionIsSuspect(transfer)) {
+        return Again::Lost;
+    }
+    if (repeats.session == 0 && transfer.result == CURLE_SSL_CONNECT_ERROR &&
+        transfer.sendings == 0 && transfer.offeredSession) {
+        return Again::Session;
+    }
+    return repeats.refused < kRefusedPauses.size() && wasRefused(transfer) ? Again::Refused
+                                                                           : Again::No;
+}
+
+milliseconds countRepeat(Transfer& transfer, Again reason)
+{
+    const char* text = "its connection was lost";
+    milliseconds pause{0};
+    if (reason == Again::Lost) {
+        ++transfer.repeats.lost;
+    } else if (reason == Again::Session) {
+        ++transfer.repeats.session;
+        text = "the server refused the TLS session of an earlier connection";
+    } else {
+        pause = kRefusedPauses[transfer.repeats.refused++];
+        text = "the server refused the connection";
+    }
+    __dlog_print(DLOG_INFO, "BILLING_PLATFORM", "transfer %u begins again in %ld ms: %s",
+                 transfer.number, static_cast<long>(pause.count()), text);
+    return pause;
+}
+
+bool mayBeSentOnceMore(Transfer& transfer)
+{
+    const bool newHttp11 = transfer.connections == nullptr ||
+                           (!transfer.keptConnection && transfer.connection != nullptr &&
+                            !transfer.connection->shared);
+    if (!transfer.mayBeSentAgain() || transfer.repeats.lost > 0 || !newHttp11) {
+        return false;
+    }
+    countRepeat(transfer, Again::Lost);
+    return true;
+}
+
+milliseconds timeLeft(const Transfer& transfer)
+{
+    if (transfer.timeout.count() == 0) {
+        return milliseconds(0);
+    }
+    const auto spent = std::chrono::duration_cast<milliseconds>(std::chrono::steady_clock::now() -
+                                                                transfer.started);
+    return std::max(transfer.timeout - spent, milliseconds(1));
+}
+
+}  // namespace MZCurl

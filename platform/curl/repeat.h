@@ -1,0 +1,35 @@
+// repeat.h - what is sent again, how often and why: every repetition of a transfer is decided here.
+//
+// | reason  | what has happened                                             | which requests | how often, and how           |
+// |---------|---------------------------------------------------------------|----------------|------------------------------|
+// | Lost    | a kept connection or an HTTP/2 stream ended before any byte    | GET            | once, over a new connection, |
+// |         | of the body                                                    |                | HTTP/1.1                     |
+// | Session | the handshake failed after a TLS session was offered; no byte  | all            | once, over a new connection, |
+// |         | of a request was sent                                          |                | without a session            |
+// | Refused | the server's port refused the connection: the server restarts  | all            | after 250, 500 and 1,000 ms  |
+//
+// A POST or DELETE is sent at most once: it is repeated only where no byte of it was sent.
+#pragma once
+
+#include "transfer.h"
+
+#include <chrono>
+
+namespace MZCurl {
+
+enum class Again { No, Lost, Session, Refused };
+
+/// @return why the transfer, whose attempt has ended with its `result`, is to be begun again; No when it has ended
+Again whyAgain(const Transfer& transfer);
+
+/// Counts one more repetition for this reason, and logs it. @return the pause before it
+std::chrono::milliseconds countRepeat(Transfer& transfer, Again reason);
+
+/// libcurl is about to send the request of an attempt once more on its own, over another connection. Counted as a
+/// repetition when it may. @return whether it may
+bool mayBeSentOnceMore(Transfer& transfer);
+
+/// @return what is left of the time for all attempts, at least 1 ms; 0 without a limit
+std::chrono::milliseconds timeLeft(const Transfer& transfer);
+
+}  // namespace MZCurl
