@@ -192,7 +192,9 @@ void MZCurlMulti::Impl::attach(Transfer& transfer)
 {
     m_connections.follow(transfer);
     transfer.begin(m_connections.isInDoubt(transfer.hostKey));
-    transfer.number = ++m_transfers;
+    if (transfer.number == 0) {
+        transfer.number = ++m_transfers;
+    }
     transfer.http2Moved = &m_http2Moved;
     if (!m_share.attach(transfer)) {
         finish(transfer, CURLE_SSL_CACERT_BADFILE);

@@ -78,6 +78,7 @@ void Transfer::start()
 {
     started = std::chrono::steady_clock::now();
     repeats = {};
+    number = 0;
     bodyBytes = 0;
     headerBytes = 0;
     refusal = nullptr;

@@ -112,7 +112,7 @@ struct Transfer {
     bool* http2Moved = nullptr;     // to be set when a piece of an HTTP/2 response comes
     bool attached = false;
     std::chrono::steady_clock::time_point due;  // when it is begun again
-    unsigned int number = 0;                    // of those that the multi handle has begun
+    unsigned int number = 0;  // among those that the multi handle has begun; 0 before
     CURLcode result = CURLE_OK;
     const char* startFailure = nullptr;  // why it could not be attached; a literal
 
