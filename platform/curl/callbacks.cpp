@@ -1,6 +1,7 @@
 // callbacks.cpp - the limits on what a server may send, and the guard against a request sent twice.
 #include "callbacks.h"
 
+#include "admission.h"
 #include "connections.h"
 #include "gate.h"
 #include "repeat.h"
@@ -66,7 +67,11 @@ int onRequest(void* pointer, char* /*remoteAddress*/, char* localAddress, int re
 {
     Transfer& transfer = *static_cast<Transfer*>(pointer);
     if (transfer.connections != nullptr) {
-        transfer.connections->begin(transfer, localAddress, localPort, remotePort);
+        transfer.admission->resolved(transfer);
+        if (!transfer.connections->begin(transfer, localAddress, localPort, remotePort)) {
+            transfer.refusal = "Another request is under way on the connection";
+            return CURL_PREREQFUNC_ABORT;
+        }
     }
     if (++transfer.sendings > 1 && !mayBeSentOnceMore(transfer)) {
         transfer.refusal = "The connection was lost, and the request is not sent a second time";

@@ -1,6 +1,7 @@
 // connections.cpp - what becomes of a connection between and during its requests.
 #include "connections.h"
 
+#include "admission.h"
 #include "tls.h"
 
 #include <platform/network.h>
@@ -129,7 +130,9 @@ Connections::Connections() : m_standby(standbyTime()) {}
 
 int Connections::opened(void* pointer, curl_socket_t descriptor, curlsocktype /*purpose*/)
 {
-    Connections& self = *static_cast<Transfer*>(pointer)->connections;
+    Transfer& transfer = *static_cast<Transfer*>(pointer);
+    Connections& self = *transfer.connections;
+    transfer.admission->resolved(transfer);
     try {
         auto made = std::make_shared<Connection>();
         made->descriptor = descriptor;
@@ -187,18 +190,22 @@ std::shared_ptr<Connection> Connections::find(const char* localAddress, int loca
     return nullptr;
 }
 
-void Connections::begin(Transfer& transfer, const char* localAddress, int localPort, int remotePort)
+bool Connections::begin(Transfer& transfer, const char* localAddress, int localPort, int remotePort)
 {
     end(transfer);
     std::shared_ptr<Connection> connection =
         localAddress != nullptr ? find(localAddress, localPort, remotePort) : nullptr;
     if (connection == nullptr) {
         m_blind = true;
-        return;
+        return true;
     }
     if (connection->requests == 0) {
         connection->host = transfer.hostKey;
         connection->shared = speaksHttp2(transfer.curl.get());
+    }
+    if (connection->users > 0 && !connection->shared) {
+        transfer.crowded = true;
+        return false;
     }
     if (connection->users++ == 0) {
         connection->since = bootTime();
@@ -207,6 +214,7 @@ void Connections::begin(Transfer& transfer, const char* localAddress, int localP
     connection->single = connection->single || !transfer.mayBeSentAgain();
     transfer.keptConnection = connection->requests > 1;
     transfer.connection = std::move(connection);
+    return true;
 }
 
 void Connections::end(Transfer& transfer)

@@ -53,8 +53,9 @@ public:
     /// Undoes that, once the transfer is not on the multi handle any more.
     static void unfollow(Transfer& transfer);
 
-    /// A request is about to be sent over the connection with these ends.
-    void begin(Transfer& transfer, const char* localAddress, int localPort, int remotePort);
+    /// A request is about to be sent over the connection with these ends. @return false when it must not be: another
+    /// request is under way there, and HTTP/1.1 has no way to tell their answers apart
+    bool begin(Transfer& transfer, const char* localAddress, int localPort, int remotePort);
 
     /// The request of a transfer has ended, in whatever way.
     void end(Transfer& transfer);

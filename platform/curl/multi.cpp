@@ -4,6 +4,7 @@
 #include "easy.h"
 #include "global.h"
 #include "heap.h"
+#include "quotas.h"
 #include "report.h"
 #include "tls.h"
 
@@ -24,7 +25,7 @@ constexpr int kUnclaimedPollMs = 1;
 
 // Connections that are kept for the next transfers while there are any. Fewer than are under way
 // would make a handshake of every further call.
-constexpr long kMostKeptConnections = 1024;
+constexpr long kMostKeptConnections = static_cast<long>(kMostSlots);
 
 // After more than that many at once their connections are closed, and the memory that they took is
 // given back, when the last one has gone and no other came for a while: between the calls of a busy
@@ -35,11 +36,15 @@ constexpr int kAfterBurstMs = 500;
 // A wait that fails does not wait: without a pause the caller's loop would spin.
 constexpr std::chrono::milliseconds kPauseAfterFailure{10};
 
+/// On whose behalf this thread adds handles.
+thread_local std::string t_sender;
+
 }  // namespace
 
 MZCurlMulti::Impl::~Impl()
 {
     m_gate.release(m_going, Gate::Clock::time_point::max());
+    m_admission.drain(m_going);
     for (TransferList* const list :
          {&m_pending, &m_later, &m_going, &m_active, &m_ready, &m_given}) {
         while (!list->empty()) {
@@ -113,6 +118,15 @@ bool MZCurlMulti::Impl::add(MZCurlEasy& easy, Transfer& transfer)
     if (m_multi == nullptr || !m_started || !transfer.owner.compare_exchange_strong(nobody, this)) {
         return false;
     }
+    try {
+        if (!m_admission.join(transfer, t_sender)) {
+            transfer.owner = nullptr;
+            return false;
+        }
+    } catch (...) {
+        transfer.owner = nullptr;
+        throw;
+    }
     transfer.start();
     transfer.easy = &easy;
     transfer.hostKey = std::move(key);
@@ -146,6 +160,7 @@ void MZCurlMulti::Impl::detach(Transfer& transfer)
         curl_multi_remove_handle(m_multi.get(), transfer.curl.get());
         SessionShare::detach(transfer);
         Connections::unfollow(transfer);
+        transfer.admission = nullptr;
         transfer.attached = false;
     }
 }
@@ -156,6 +171,7 @@ void MZCurlMulti::Impl::takeOut(Transfer& transfer)
     const std::lock_guard<std::mutex> guard(m_lock);
     transfer.home->erase(transfer.node);
     m_gate.leave(transfer);
+    m_admission.leave(transfer);
     transfer.home = nullptr;
     transfer.http2Moved = nullptr;
     --m_added;
@@ -177,19 +193,34 @@ void MZCurlMulti::Impl::adopt()
             moveTo(transfer, m_going);
         }
     }
-    if (!m_going.empty()) {
-        m_connections.retireIdle();
-    }
     for (auto it = m_going.begin(); it != m_going.end();) {
         Transfer& transfer = **it++;
         if (m_gate.enter(transfer, now)) {
-            attach(transfer);
+            m_admission.enqueue(transfer, now);
         }
+    }
+    giveSlots();
+}
+
+void MZCurlMulti::Impl::giveSlots()
+{
+    if (!m_admission.isWaiting()) {
+        return;
+    }
+    m_connections.retireIdle();
+    const auto now = Gate::Clock::now();
+    while (Transfer* const transfer = m_admission.overdue(now, m_active)) {
+        transfer->startFailure = "The call waited 20 s for its turn: too many calls are under way";
+        finish(*transfer, CURLE_OPERATION_TIMEDOUT);
+    }
+    while (Transfer* const transfer = m_admission.next(m_active)) {
+        attach(*transfer);
     }
 }
 
 void MZCurlMulti::Impl::attach(Transfer& transfer)
 {
+    transfer.admission = &m_admission;
     m_connections.follow(transfer);
     transfer.begin(m_connections.isInDoubt(transfer.hostKey));
     if (transfer.number == 0) {
@@ -222,6 +253,7 @@ void MZCurlMulti::Impl::finish(Transfer& transfer, CURLcode result)
         beginAgain(transfer, reason);
         return;
     }
+    m_admission.release(transfer);
     moveTo(transfer, m_ready);
     Gate::finished(transfer);
 }
@@ -233,6 +265,7 @@ void MZCurlMulti::Impl::beginAgain(Transfer& transfer, Again reason)
     if (pause.count() > 0) {
         // The host may need a leader again by then.
         m_gate.leave(transfer);
+        m_admission.release(transfer);
         transfer.due = Gate::Clock::now() + pause;
         moveTo(transfer, m_later);
         return;
@@ -242,10 +275,12 @@ void MZCurlMulti::Impl::beginAgain(Transfer& transfer, Again reason)
 
 void MZCurlMulti::Impl::letThrough()
 {
-    m_gate.release(m_going, Gate::Clock::now());
+    const auto now = Gate::Clock::now();
+    m_gate.release(m_going, now);
     while (!m_going.empty()) {
-        attach(*m_going.front());
+        m_admission.enqueue(*m_going.front(), now);
     }
+    giveSlots();
 }
 
 void MZCurlMulti::Impl::offerAgain()
@@ -448,6 +483,15 @@ bool MZCurlMulti::InfoRead(MultiMsg& tMsg)
         }
     }
     return true;
+}
+
+void MZCurlMulti::SetSender(const char* pszSender)
+{
+    try {
+        t_sender = pszSender != nullptr ? pszSender : "";
+    } catch (const std::bad_alloc&) {
+        t_sender.clear();
+    }
 }
 
 void MZCurlMulti::ThreadEnd()

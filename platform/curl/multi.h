@@ -1,13 +1,14 @@
 // multi.h - the multi handle's inside: where each transfer stands, and who moves it on.
 //
-//   add --> pending --> (waiting at the gate) --> active --> ready <--> given --> removed
-//               later <------- begun again <------'
+//   add --> pending --> (waiting at the gate) --> (in a lane) --> active --> ready <--> given --> removed
+//               later <-------------- begun again <-------------------'
 //
 // Only `pending` is touched by other threads; the rest belongs to the worker. A finished transfer
 // is ready to be handed out; once handed out it is given, and ready again in the next round: a
 // reader that could not take it yet finds it then.
 #pragma once
 
+#include "admission.h"
 #include "connections.h"
 #include "gate.h"
 #include "repeat.h"
@@ -59,6 +60,7 @@ private:
     void offerAgain();
     int waitLimit() const;
     void letThrough();
+    void giveSlots();
     void attach(Transfer& transfer);
     void detach(Transfer& transfer);
     void finish(Transfer& transfer, CURLcode result);
@@ -71,7 +73,8 @@ private:
     Connections m_connections;
     Multi m_multi;  // replaced by the worker under the lock, when no transfer is attached
 
-    std::mutex m_lock;  // guards the following seven
+    Admission m_admission;  // in part guarded by the lock
+    std::mutex m_lock;      // guards the following seven
     bool m_started = false;
     bool m_stopped = false;
     std::size_t m_added = 0;
@@ -83,7 +86,7 @@ private:
     unsigned int m_transfers = 0;  // begun so far
     Gate m_gate;
     TransferList m_later;  // to be begun again when they are due
-    TransferList m_going;  // to be attached next
+    TransferList m_going;  // to be queued next
     TransferList m_active;
     TransferList m_ready;
     TransferList m_given;

@@ -14,6 +14,8 @@ namespace {
 
 using std::chrono::milliseconds;
 
+constexpr const char* kTag = "BILLING_PLATFORM";
+
 // A server that is restarted refuses connections for some hundred milliseconds.
 constexpr std::array kRefusedPauses{milliseconds(250), milliseconds(500), milliseconds(1000)};
 
@@ -69,8 +71,9 @@ Again whyAgain(const Transfer& transfer)
     if (transfer.result == CURLE_OK || !transfer.attached || !hasTime(transfer)) {
         return Again::No;
     }
-    if (repeats.lost == 0 && transfer.mayBeSentAgain() && endedWithoutAnswer(transfer) &&
-        connectionIsSuspect(transfer)) {
+    const bool lost =
+        transfer.mayBeSentAgain() && endedWithoutAnswer(transfer) && connectionIsSuspect(transfer);
+    if (repeats.lost == 0 && (transfer.crowded || lost)) {
         return Again::Lost;
     }
     if (repeats.session == 0 && transfer.result == CURLE_SSL_CONNECT_ERROR &&
@@ -83,20 +86,23 @@ Again whyAgain(const Transfer& transfer)
 
 milliseconds countRepeat(Transfer& transfer, Again reason)
 {
-    const char* text = "its connection was lost";
-    milliseconds pause{0};
     if (reason == Again::Lost) {
         ++transfer.repeats.lost;
+        __dlog_print(DLOG_INFO, kTag, "transfer %u begins again: its connection was lost",
+                     transfer.number);
     } else if (reason == Again::Session) {
         ++transfer.repeats.session;
-        text = "the server refused the TLS session of an earlier connection";
+        __dlog_print(DLOG_INFO, kTag,
+                     "transfer %u begins again: the server refused its TLS session",
+                     transfer.number);
     } else {
-        pause = kRefusedPauses[transfer.repeats.refused++];
-        text = "the server refused the connection";
+        const milliseconds pause = kRefusedPauses[transfer.repeats.refused++];
+        __dlog_print(DLOG_INFO, kTag,
+                     "transfer %u begins again in %ld ms: the server refused the connection",
+                     transfer.number, static_cast<long>(pause.count()));
+        return pause;
     }
-    __dlog_print(DLOG_INFO, "BILLING_PLATFORM", "transfer %u begins again in %ld ms: %s",
-                 transfer.number, static_cast<long>(pause.count()), text);
-    return pause;
+    return milliseconds(0);
 }
 
 bool mayBeSentOnceMore(Transfer& transfer)

@@ -3,7 +3,7 @@
 // | reason  | what has happened                                             | which requests | how often, and how           |
 // |---------|---------------------------------------------------------------|----------------|------------------------------|
 // | Lost    | a kept connection or an HTTP/2 stream ended before any byte    | GET            | once, over a new connection, |
-// |         | of the body                                                    |                | HTTP/1.1                     |
+// |         | of the body; or libcurl chose an HTTP/1.1 connection in use    |                | HTTP/1.1                     |
 // | Session | the handshake failed after a TLS session was offered; no byte  | all            | once, over a new connection, |
 // |         | of a request was sent                                          |                | without a session            |
 // | Refused | the server's port refused the connection: the server restarts  | all            | after 250, 500 and 1,000 ms  |

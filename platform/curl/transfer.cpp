@@ -6,6 +6,14 @@
 #include "tls.h"
 
 namespace MZCurl {
+namespace {
+
+// libcurl 7.88 keeps the connections of a host in one bundle. Once one of them speaks HTTP/2 it puts requests onto any of
+// them that are in use, those of HTTP/1.1 as well: the answers would be swapped. The scope is part of the bundle's name, and
+// the kernel looks at it only for link-local addresses.
+constexpr long kApart = 1;
+
+}  // namespace
 
 bool Transfer::initialize()
 {
@@ -94,6 +102,7 @@ void Transfer::begin(bool fresh)
     refusal = nullptr;
     offeredSession = false;
     keptConnection = false;
+    crowded = false;
     const bool single = !mayBeSentAgain();
     onlyHttp11 = single || repeats.lost > 0;
     const auto set = [this](CURLoption option, long value) {
@@ -102,11 +111,9 @@ void Transfer::begin(bool fresh)
     // A request that must not be sent twice has a connection of its own: over a kept one it could be lost without a way
     // to tell whether the server has processed it.
     set(CURLOPT_FRESH_CONNECT, fresh || onlyHttp11 ? 1L : 0L);
-    set(CURLOPT_FORBID_REUSE, single ? 1L : 0L);
+    set(CURLOPT_FORBID_REUSE, onlyHttp11 ? 1L : 0L);
     set(CURLOPT_HTTP_VERSION, onlyHttp11 ? CURL_HTTP_VERSION_1_1 : CURL_HTTP_VERSION_NONE);
-    // The wrapper offers "http/1.1" itself then: libcurl 7.88 would take the choice for the host's, and open a connection
-    // for each of its HTTP/2 requests.
-    set(CURLOPT_SSL_ENABLE_ALPN, onlyHttp11 ? 0L : 1L);
+    set(CURLOPT_ADDRESS_SCOPE, onlyHttp11 ? kApart : 0L);
     set(CURLOPT_SSL_SESSIONID_CACHE, repeats.session == 0 ? 1L : 0L);
     set(CURLOPT_TIMEOUT_MS, static_cast<long>(timeLeft(*this).count()));
 }

@@ -16,9 +16,11 @@
 
 namespace MZCurl {
 
+class Admission;
 class Connections;
 struct Connection;
 struct Host;
+struct Lane;
 struct Transfer;
 
 /// Transfers in one state. A transfer's node moves from list to list without being allocated again,
@@ -96,8 +98,8 @@ struct Transfer {
     bool onlyHttp11 = false;
     bool offeredSession = false;  // the handshake began with a TLS session of an earlier one
     bool keptConnection = false;  // another request went over the connection before
-    Connections* connections =
-        nullptr;  // where its connection is looked up; null without a multi handle
+    bool crowded = false;         // libcurl chose an HTTP/1.1 connection with a request under way
+    Connections* connections = nullptr;      // has its connection; null without a multi handle
     std::shared_ptr<Connection> connection;  // while its request is under way
     const char* refusal = nullptr;           // why one of our callbacks ended it; a literal
 
@@ -108,8 +110,13 @@ struct Transfer {
     TransferList::iterator node;
     std::string hostKey;
     Host* host = nullptr;
-    std::shared_ptr<CURLSH> share;  // while it is attached
-    bool* http2Moved = nullptr;     // to be set when a piece of an HTTP/2 response comes
+    Lane* lane = nullptr;
+    std::chrono::steady_clock::time_point queued;  // in its lane
+    bool hasSlot = false;
+    bool resolving = false;          // the name of its server, as far as is known
+    Admission* admission = nullptr;  // while it is attached
+    std::shared_ptr<CURLSH> share;   // while it is attached
+    bool* http2Moved = nullptr;      // to be set when a piece of an HTTP/2 response comes
     bool attached = false;
     std::chrono::steady_clock::time_point due;  // when it is begun again
     unsigned int number = 0;  // among those that the multi handle has begun; 0 before

@@ -5,6 +5,7 @@
 #include "BillingTaskBase.h"
 #include "ReplyText.h"
 
+#include <platform/MZCurl.h>
 #include <platform/log.h>
 
 #include <array>
@@ -20,13 +21,20 @@ namespace {
 constexpr const char* SERVICE_NAME = "org.plevo.billingservice";
 constexpr const char* OBJECT_PATH = "/org/plevo/billingservice";
 
-// While it lives, the log of this thread is on a bus client's behalf.
-class CLogCaller {
+// While it lives, the log and the requests of this thread are on a bus client's behalf.
+class COnBehalf {
 public:
-    explicit CLogCaller(const char* szSender) { log_set_caller(szSender); }
-    ~CLogCaller() { log_set_caller(nullptr); }
-    CLogCaller(const CLogCaller&) = delete;
-    CLogCaller& operator=(const CLogCaller&) = delete;
+    explicit COnBehalf(const char* szSender) { set(szSender); }
+    ~COnBehalf() { set(nullptr); }
+    COnBehalf(const COnBehalf&) = delete;
+    COnBehalf& operator=(const COnBehalf&) = delete;
+
+private:
+    static void set(const char* szSender)
+    {
+        log_set_caller(szSender);
+        MZCurl::MZCurlMulti::SetSender(szSender);
+    }
 };
 
 constexpr const char* INTERFACE_XML = R"(<node>
@@ -260,7 +268,7 @@ void CDBusManager::m_HandleMethodCall(GDBusConnection*, const char* sender, cons
                                       const char*, const char* method_name, GVariant* parameters,
                                       GDBusMethodInvocation* invocation, void* user_data)
 {
-    const CLogCaller oCaller(sender);
+    const COnBehalf oOnBehalf(sender);
     BILLING_INFO_PLAIN("method name = %s\n", method_name);
     {
         const GCharPtr szParameters(g_variant_print(parameters, TRUE), g_free);
@@ -305,7 +313,7 @@ void CDBusManager::m_PipeCallback(void* data, void* buffer, unsigned int)
         return;
     }
     auto* pInvocation = static_cast<GDBusMethodInvocation*>(ptInfo->pUser);
-    const CLogCaller oCaller(
+    const COnBehalf oOnBehalf(
         pInvocation != nullptr ? g_dbus_method_invocation_get_sender(pInvocation) : nullptr);
     BILLING_INFO("m_PipeCallback >>> iRespResult:[%d],strRespInfo[%s]==", ptInfo->iRespResult,
                  ptInfo->strRespInfo.c_str());

@@ -144,8 +144,13 @@ public:
     /// Hands a transfer over. It starts when the worker gets to it; a failure to start is a failed
     /// completion.
     /// @return false when not started, stopped, the handle is null, not initialised or has been
-    ///   added before
+    ///   added before, or when there are too many transfers of its sender or to its path (16,384 of all, 10,922 and 13,107)
     bool addHandle(MZCurlEasy* pEasy);
+
+    /// Names the sender on whose behalf the calling thread adds handles from now on; null: nobody's. No sender, and no path
+    /// of a server, takes all of the slots from the others: what is over its share waits for its turn, for 20 s at most,
+    /// and ends then as a failure with nothing sent. Thread: any.
+    static void SetSender(const char* pszSender);
 
     /// Takes a handle out, in whatever state it is. @return false when it is null or was not added
     bool removeHandle(MZCurlEasy* pEasy);

@@ -1,0 +1,192 @@
+// admission.cpp - who gets a slot, and who waits too long for one.
+#include "admission.h"
+
+#include "quotas.h"
+
+#include <sys/resource.h>
+
+#include <algorithm>
+#include <string_view>
+
+namespace MZCurl {
+namespace {
+
+/// Slots for which this process has the descriptors.
+std::size_t affordableSlots()
+{
+    rlimit limit{};
+    if (getrlimit(RLIMIT_NOFILE, &limit) != 0 || limit.rlim_cur >= kMostSlots + kOtherDescriptors) {
+        return kMostSlots;
+    }
+    const auto most = static_cast<std::size_t>(limit.rlim_cur);
+    return std::max(kFewestSlots, most > kOtherDescriptors ? most - kOtherDescriptors : 0);
+}
+
+/// A URL without its query: the path at a host.
+std::string_view pathOf(const std::string& url)
+{
+    return std::string_view(url).substr(0, url.find_first_of("?#"));
+}
+
+/// The share of this name, made when there is none.
+template <class Shares>
+Share& shareOf(Shares& shares, std::string_view name)
+{
+    const auto found = shares.find(name);
+    return found != shares.end() ? found->second : shares[std::string(name)];
+}
+
+template <class Map>
+void eraseUnused(Map& map)
+{
+    for (auto it = map.begin(); it != map.end();) {
+        it = it->second.members == 0 ? map.erase(it) : std::next(it);
+    }
+}
+
+bool isWithin(std::size_t had, std::size_t share, std::size_t free)
+{
+    return free > 0 && (had == 0 || had < share * free);
+}
+
+}  // namespace
+
+Admission::Admission() : m_slots(affordableSlots()) {}
+
+bool Admission::join(Transfer& transfer, const std::string& sender)
+{
+    forgetUnused();
+    Share& ofSender = shareOf(m_senders, sender);
+    Share& ofPath = shareOf(m_paths, pathOf(transfer.url));
+    const std::size_t free = kMostAccepted - m_members;
+    if (!isWithin(ofSender.members, kSenderShare, free) ||
+        !isWithin(ofPath.members, kPathShare, free)) {
+        return false;
+    }
+    Lane& lane = m_lanes[{&ofSender, &ofPath}];
+    if (lane.sender == nullptr) {
+        lane.turn.push_back(&lane);
+        lane.sender = &ofSender;
+        lane.path = &ofPath;
+    }
+    ++lane.members;
+    ++ofSender.members;
+    ++ofPath.members;
+    ++m_members;
+    transfer.lane = &lane;
+    return true;
+}
+
+void Admission::forgetUnused()
+{
+    if (std::max({m_lanes.size(), m_senders.size(), m_paths.size()}) > kRemembered + m_members) {
+        eraseUnused(m_lanes);
+        eraseUnused(m_senders);
+        eraseUnused(m_paths);
+    }
+}
+
+void Admission::leave(Transfer& transfer)
+{
+    release(transfer);
+    Lane& lane = *transfer.lane;
+    unlistIfEmpty(lane);
+    --lane.members;
+    --lane.sender->members;
+    --lane.path->members;
+    --m_members;
+    transfer.lane = nullptr;
+}
+
+void Admission::enqueue(Transfer& transfer, Clock::time_point now)
+{
+    Lane& lane = *transfer.lane;
+    transfer.queued = now;
+    moveTo(transfer, lane.waiting);
+    if (!lane.turn.empty()) {
+        m_turns.splice(m_turns.end(), lane.turn);
+    }
+}
+
+void Admission::unlistIfEmpty(Lane& lane)
+{
+    if (lane.waiting.empty() && lane.turn.empty()) {
+        lane.turn.splice(lane.turn.end(), m_turns,
+                         std::find(m_turns.begin(), m_turns.end(), &lane));
+    }
+}
+
+bool Admission::mayTake(const Lane& lane) const
+{
+    return isWithin(lane.sender->slots, kSenderShare, freeSlots()) &&
+           isWithin(lane.path->slots, kPathShare, freeSlots());
+}
+
+Transfer* Admission::next(TransferList& to)
+{
+    if (m_taken == m_slots || m_resolving == kMostResolving) {
+        return nullptr;
+    }
+    const auto turn = std::find_if(m_turns.begin(), m_turns.end(),
+                                   [this](const Lane* lane) { return mayTake(*lane); });
+    if (turn == m_turns.end()) {
+        return nullptr;
+    }
+    // Those before it may not take one now, and keep their places.
+    Lane& lane = **turn;
+    m_turns.splice(m_turns.end(), m_turns, turn);
+    Transfer& transfer = *lane.waiting.front();
+    moveTo(transfer, to);
+    unlistIfEmpty(lane);
+    transfer.hasSlot = true;
+    transfer.resolving = true;
+    ++m_taken;
+    ++m_resolving;
+    ++lane.sender->slots;
+    ++lane.path->slots;
+    return &transfer;
+}
+
+Transfer* Admission::overdue(Clock::time_point now, TransferList& to)
+{
+    for (Lane* const lane : m_turns) {
+        if (Transfer& first = *lane->waiting.front(); now - first.queued >= kLongestTurn) {
+            moveTo(first, to);
+            unlistIfEmpty(*lane);
+            return &first;
+        }
+    }
+    return nullptr;
+}
+
+void Admission::resolved(Transfer& transfer)
+{
+    if (transfer.resolving) {
+        transfer.resolving = false;
+        --m_resolving;
+    }
+}
+
+void Admission::release(Transfer& transfer)
+{
+    resolved(transfer);
+    if (transfer.hasSlot) {
+        transfer.hasSlot = false;
+        --m_taken;
+        --transfer.lane->sender->slots;
+        --transfer.lane->path->slots;
+    }
+}
+
+void Admission::drain(TransferList& to)
+{
+    while (!m_turns.empty()) {
+        Lane& lane = *m_turns.front();
+        while (!lane.waiting.empty()) {
+            moveTo(*lane.waiting.front(), to);
+        }
+        unlistIfEmpty(lane);
+    }
+}
+
+}  // namespace MZCurl

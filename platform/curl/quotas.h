@@ -1,0 +1,37 @@
+// quotas.h - how much of what transfers may take, with the reason for each number.
+#pragma once
+
+#include <chrono>
+#include <cstddef>
+
+namespace MZCurl {
+
+/// Transfers in a slot at most: each has a descriptor, and 50 KiB of TLS and HTTP state. More made no load faster (512 in
+/// flight). A device lowers it with the build option `transfers`.
+constexpr std::size_t kMostSlots = BILLING_TRANSFERS;
+
+/// Descriptors that are not for transfers: 96 for the bus, the log, the token and files, 64 for kept connections and names.
+constexpr std::size_t kOtherDescriptors = 160;
+
+/// A process that may open almost nothing still makes progress.
+constexpr std::size_t kFewestSlots = 8;
+
+/// A sender takes another slot while it has less than this many times the free ones: two thirds at most.
+constexpr std::size_t kSenderShare = 2;
+
+/// The same for a path, which many senders ask: four fifths at most.
+constexpr std::size_t kPathShare = 4;
+
+/// Transfers that look up a name at the same time, each in a thread of the resolver.
+constexpr std::size_t kMostResolving = 16;
+
+/// Transfers that are accepted at most, with the same shares. One that waits takes 10 KiB.
+constexpr std::size_t kMostAccepted = 16384;
+
+/// A transfer that waited longer for its slot ends with nothing sent: D-Bus libraries give up after 25 s.
+constexpr std::chrono::seconds kLongestTurn{20};
+
+/// Senders, paths and lanes without a transfer that are remembered, so that an ordinary call allocates nothing for them.
+constexpr std::size_t kRemembered = 64;
+
+}  // namespace MZCurl
