@@ -1,0 +1,150 @@
+"""A web server of another maker: its process, its port, and what its access log says."""
+import contextlib
+import os
+import pathlib
+import random
+import shutil
+import signal
+import socket
+import subprocess
+import time
+import typing
+
+# How long a start or a graceful end may take, in seconds.
+PATIENCE = 20
+PORTS_BELOW = 12_000
+METHODS = ("GET", "POST")
+
+
+def program(name):
+    """Where a server's program is, or None."""
+    return shutil.which(name, path="/usr/sbin:/usr/bin:/sbin:/bin")
+
+
+def is_root():
+    return os.geteuid() == 0
+
+
+def free_port():
+    """A port of 127.0.0.1 that is free, and stays so while its server is away: the kernel gives ports
+    of this range to nobody who connects."""
+    lowest = int(pathlib.Path("/proc/sys/net/ipv4/ip_local_port_range").read_text().split()[0])
+    chooser = random.SystemRandom()
+    while True:
+        port = chooser.randrange(max(1024, lowest - PORTS_BELOW), lowest)
+        with contextlib.suppress(OSError), socket.create_server(("127.0.0.1", port)):
+            return port
+
+
+class Entry(typing.NamedTuple):
+    """One line of an access log. `client` is the subject of the client's certificate, `resumed` and
+    `connection` are the server's own words for them, "-" where it has none."""
+
+    protocol: str
+    client: str
+    resumed: str
+    connection: str
+    target: str
+    method: str
+
+
+class WebServer:
+    """The process. A subclass names its PROGRAM, its signals, its command line and its configuration,
+    and has it write `access.log` with the fields of an Entry and "|" between them."""
+
+    PROGRAM: str = None
+    RELOAD: signal.Signals = None
+    LEAVE: signal.Signals = None
+
+    def __init__(self, folder, server_pem):
+        self.folder = pathlib.Path(folder)
+        self.folder.mkdir()
+        self.port = free_port()
+        self.certify(server_pem)
+        self.configuration = self.folder / "server.conf"
+        self.configuration.write_text(self._configuration())
+        self.start()
+        self.wait_until_it_answers()
+
+    def _configuration(self):
+        raise NotImplementedError
+
+    def _command(self):
+        raise NotImplementedError
+
+    @property
+    def _access_log(self):
+        return self.folder / "access.log"
+
+    def certify(self, server_pem):
+        """Puts another key and certificate in the place of its own. reload() makes it look."""
+        fresh = self.folder / "server.pem.new"
+        fresh.write_bytes(server_pem)
+        os.replace(fresh, self.folder / "server.pem")
+
+    def start(self):
+        """Starts the process; returns before it answers. What it prints goes to its logs."""
+        self.leaving = False
+        with open(self._access_log, "ab") as access, open(self.folder / "error.log", "ab") as errors:
+            self._process = subprocess.Popen(
+                ["setpriv", "--pdeathsig", "TERM", *map(str, self._command())], cwd=self.folder,
+                stdin=subprocess.DEVNULL, stdout=access, stderr=errors, start_new_session=True)
+
+    def wait_until_it_answers(self):
+        end = time.monotonic() + PATIENCE
+        while time.monotonic() < end and not self.has_left():
+            with contextlib.suppress(OSError), socket.create_connection(("127.0.0.1", self.port), 1):
+                return
+            time.sleep(0.01)
+        raise AssertionError(f"{self.PROGRAM} does not answer: {self.errors()}")
+
+    def errors(self):
+        return (self.folder / "error.log").read_text(errors="replace")
+
+    def reload(self):
+        """Has it read its configuration again, without losing a request. Returns at once."""
+        self._process.send_signal(self.RELOAD)
+
+    def leave(self):
+        """Has it finish what it does and end. Returns at once."""
+        self.leaving = True
+        self._process.send_signal(self.LEAVE)
+
+    def has_left(self):
+        return self._process.poll() is not None
+
+    def restart(self):
+        """A graceful end and a start on the same port, each waited for."""
+        self.leave()
+        self._process.wait(PATIENCE)
+        self.start()
+        self.wait_until_it_answers()
+
+    @property
+    def group(self):
+        """The process group of it and its workers."""
+        return self._process.pid
+
+    def send(self, number):
+        """A signal to its workers too: SIGSTOP makes it a server that hangs."""
+        os.killpg(self.group, number)
+
+    def stop(self):
+        """Ends it at once. @return each request that it was asked, as an Entry"""
+        if not self.has_left():
+            self._process.terminate()
+        try:
+            self._process.wait(PATIENCE)
+        except subprocess.TimeoutExpired:
+            with contextlib.suppress(ProcessLookupError):
+                self.send(signal.SIGKILL)
+            self._process.wait()
+        return self.asked()
+
+    def asked(self):
+        """What stands in the access log so far. A server may write it late."""
+        if not self._access_log.exists():
+            return []
+        lines = [line.split("|") for line in self._access_log.read_text().splitlines()]
+        return [Entry(*line) for line in lines
+                if len(line) == len(Entry._fields) and line[-1] in METHODS]
