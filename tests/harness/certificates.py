@@ -65,12 +65,12 @@ class Authority:
     def key_pem(self):
         return self._ca.private_key_pem.bytes()
 
-    def server_pem(self, *names):
+    def server_pem(self, *names, not_after=None):
         """Key and certificates of a server in one file, for programs that read such files."""
-        return self._ca.issue_cert(*names).private_key_and_cert_chain_pem.bytes()
+        issued = self._ca.issue_cert(*names, not_after=not_after)
+        return issued.private_key_and_cert_chain_pem.bytes()
 
     def server_context(self, *names, clients, not_after=None):
         """A context for a server that answers to these names and lets in whoever has a certificate
         of the authority in the file `clients`; None lets in everybody and asks nobody."""
-        issued = self._ca.issue_cert(*names, not_after=not_after)
-        return context_of(issued.private_key_and_cert_chain_pem.bytes(), clients)
+        return context_of(self.server_pem(*names, not_after=not_after), clients)

@@ -161,6 +161,10 @@ class Daemon:
     def texts(self, priority=None):
         return [record.text for record in self.log() if priority in (None, record.priority)]
 
+    def failures(self):
+        """What it says about transfers that failed."""
+        return [text for text in self.texts("E") if text.startswith("MZCurl multiResult")]
+
     def status_field(self, name):
         """A number of /proc/<pid>/status, in the unit that stands there."""
         return int(re.search(rf"^{name}:\s*(\w+)", self._proc("status"), re.MULTILINE)[1])

@@ -8,7 +8,7 @@ import pytest
 
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1]))
 
-from harness import certificates, credentials, daemon, device, server  # noqa: E402
+from harness import backend, certificates, credentials, daemon, device, nginx, ordinary, server  # noqa: E402
 from harness.doctor import examine  # noqa: E402
 
 from billing_lab import bus as message_bus  # noqa: E402
@@ -85,6 +85,46 @@ def other_store(request):
     def make(context):
         running = server.StoreServer(context)
         request.addfinalizer(running.stop)
+        return running
+    return make
+
+
+@pytest.fixture
+def start_nginx(tmp_path, authority, provisioned, a_device, request):
+    """A function that runs an nginx and has the device use it."""
+    if nginx.PROGRAM is None:
+        pytest.skip("nginx is not installed (apt install nginx-light)")
+
+    def make(pem=None, **options):
+        running = nginx.Nginx(tmp_path / "nginx", pem or authority.server_pem("localhost"),
+                              provisioned.authority, **options)
+        request.addfinalizer(running.stop)
+        a_device.set("deployment", "production_host", f"localhost:{running.port}")
+        return running
+    return make
+
+
+@pytest.fixture
+def shop(request):
+    """What is sold behind the servers of start_server."""
+    running = backend.Backend()
+    request.addfinalizer(running.stop)
+    return running
+
+
+@pytest.fixture
+def start_server(tmp_path, authority, provisioned, a_device, shop, request):
+    """A function that runs a web server of some kind in front of the shop and has the device use it."""
+    def make(kind, **options):
+        made = ordinary.SERVERS[kind]
+        if made.PROGRAM is None:
+            pytest.skip(f"{kind} is not installed (scripts/setup)")
+        # lighttpd looks for the certificate's issuer, and serves nobody without it.
+        chain = authority.server_pem("localhost") + authority.pem
+        folder = tmp_path / f"{kind}-{len(list(tmp_path.glob(f'{kind}-*')))}"
+        running = made(folder, chain, provisioned.authority, shop.port, **options)
+        request.addfinalizer(running.stop)
+        a_device.set("deployment", "production_host", f"localhost:{running.port}")
         return running
     return make
 

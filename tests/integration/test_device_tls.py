@@ -6,18 +6,13 @@ import ssl
 import pytest
 from cryptography.hazmat.primitives.asymmetric import rsa
 from cryptography.x509 import DNSName, Name, SubjectAlternativeName
-from harness import certificates, daemon, nginx
+from harness import certificates, daemon
 from harness.methods import EVERY_CALL, all_alike, answers
 
 DEVICE = "CN=Billing lab device"
 FAILED = (-1, "")
 V11, V12, V13 = ssl.TLSVersion.TLSv1_1, ssl.TLSVersion.TLSv1_2, ssl.TLSVersion.TLSv1_3
 DEMANDS, ASKS, NOTHING = ssl.CERT_REQUIRED, ssl.CERT_OPTIONAL, ssl.CERT_NONE
-
-
-def reports(process):
-    """What the daemon says about transfers that failed."""
-    return [text for text in process.texts("E") if text.startswith("MZCurl multiResult")]
 
 
 def signatures(process):
@@ -61,24 +56,9 @@ def test_a_store_of_another_tls_only_is_a_failure_that_says_so(service, caller, 
 
     assert store.requests == []
     assert signatures(service) == 0
-    said = reports(service)
+    said = service.failures()
     assert len(said) == len(EVERY_CALL)
     assert all("ErrorCode = 35" in text and " protocol" in text for text in said), said
-
-
-@pytest.fixture
-def start_nginx(tmp_path, authority, provisioned, a_device, request):
-    """A function that runs an nginx and has the device use it."""
-    if nginx.PROGRAM is None:
-        pytest.skip("nginx is not installed (apt install nginx-light)")
-
-    def make(**options):
-        running = nginx.Nginx(tmp_path / "nginx", authority.server_pem("localhost"),
-                              provisioned.authority, **options)
-        request.addfinalizer(running.stop)
-        a_device.set("deployment", "production_host", f"localhost:{running.port}")
-        return running
-    return make
 
 
 def test_http_2_carries_the_certificate_too(service, caller, start_nginx):
@@ -140,7 +120,7 @@ def test_a_server_that_is_not_the_store_gets_no_byte(
     # The name is compared when the handshake is done: whoever the authority vouches for may learn
     # which device it is.
     assert (signatures(service) > 0) == (stranger == "for another host" and demands)
-    said = reports(service)
+    said = service.failures()
     assert len(said) == len(EVERY_CALL)
     assert all("ErrorCode = 60" in text and reason in text for text in said), said
 
@@ -169,7 +149,7 @@ def test_a_clock_of_1970_is_an_ordinary_failure_whose_line_names_the_clock(
 
     assert b"".join(store.connections) == b""
     assert signatures(process) == 0
-    said = reports(process)
+    said = process.failures()
     assert len(said) == len(EVERY_CALL)
     assert all(re.search(r"ErrorCode = 60; .*certificate is not yet valid "
                          r"\(the clock of this device says 1970-01-01 00:01 UTC\)!", text)

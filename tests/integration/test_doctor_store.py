@@ -6,7 +6,7 @@ import ssl
 import time
 
 import pytest
-from harness import certificates, nginx, server
+from harness import certificates, server
 from harness.doctor import preloaded
 
 BUNDLE = "/opt/down/cert/ca.pem"
@@ -114,12 +114,8 @@ def test_a_store_that_is_broken_is_named(service, doctor, a_store):
 
 
 def test_a_store_that_demands_the_certificate_in_its_answer_is_no_failure(
-        service, doctor, a_device, authority, provisioned, tmp_path, request):
-    if nginx.PROGRAM is None:
-        pytest.skip("nginx is not installed (apt install nginx-light)")
-    running = nginx.Nginx(tmp_path / "nginx", authority.server_pem("localhost"), provisioned.authority)
-    request.addfinalizer(running.stop)
-    a_device.set("deployment", "production_host", f"localhost:{running.port}")
+        service, doctor, start_nginx):
+    start_nginx()
     found, failed = doctor()
     assert failed == []
     assert (found["HTTP"]["outcome"], found["HTTP"]["finding"]) == ("not checked", DEMANDED)

@@ -1,10 +1,9 @@
 """Servers as their packages configure them, in front of a shop that counts what it has sold: what time,
 limits, reloads and restarts do to kept connections, and that no purchase is lost or made twice."""
-import collections
 import time
 
 import pytest
-from harness import backend, load, ordinary
+from harness import books, load, ordinary
 from harness.load import first, for_seconds, mixed, product_list, purchase
 
 # Idle limit of these tests in seconds.
@@ -12,47 +11,6 @@ IDLE = 1
 KINDS = [pytest.param(kind, http2, id=f"{kind}-{protocol}")
          for kind in ordinary.SERVERS for http2, protocol in ordinary.PROTOCOLS.items()]
 LIMITING = [case for case in KINDS if ordinary.SERVERS[case.values[0]].LIMITS_REQUESTS]
-
-
-@pytest.fixture
-def shop(request):
-    running = backend.Backend()
-    request.addfinalizer(running.stop)
-    return running
-
-
-@pytest.fixture
-def start_server(tmp_path, authority, provisioned, a_device, shop, request):
-    """A function that runs a web server in front of the shop and has the device use it."""
-    def make(kind, **options):
-        made = ordinary.SERVERS[kind]
-        if made.PROGRAM is None:
-            pytest.skip(f"{kind} is not installed (scripts/setup)")
-        # lighttpd looks for the certificate's issuer, and serves nobody without it.
-        chain = authority.server_pem("localhost") + authority.pem
-        running = made(tmp_path / kind, chain, provisioned.authority, shop.port, **options)
-        request.addfinalizer(running.stop)
-        a_device.set("deployment", "production_host", f"localhost:{running.port}")
-        return running
-    return make
-
-
-def check_books(server, shop, outcome):
-    """Every call was answered with its own answer, and server and shop saw each purchase once."""
-    failed = collections.Counter(method for method, _, _ in outcome.failed)
-    assert not failed, f"of {outcome.count} calls: {outcome.failed[:5]}"
-    assert shop.purchases == dict.fromkeys(outcome.invoices, 1)
-    check_log(server, outcome)
-
-
-def check_log(server, outcome):
-    """It saw each purchase once, each list at least once, and the device's certificate with all."""
-    asked = server.stop()
-    methods = collections.Counter(entry.method for entry in asked)
-    assert methods["POST"] == len(outcome.invoices)
-    assert methods["GET"] >= outcome.count - len(outcome.invoices)
-    assert all("Billing lab device" in entry.client for entry in asked)
-    assert server.protocol in {entry.protocol for entry in asked if entry.method == "GET"}
 
 
 def with_pauses(pauses):
@@ -70,7 +28,7 @@ def test_a_pause_around_the_idle_limit_fails_no_call(service, caller, start_serv
 
     outcome = load.run(caller, with_pauses([0.9 * IDLE, IDLE, 1.1 * IDLE]))
 
-    check_books(server, shop, outcome)
+    books.check(outcome, shop, server)
 
 
 @pytest.mark.parametrize("kind, http2", KINDS)
@@ -84,7 +42,7 @@ def test_after_a_burst_and_an_idle_close_no_call_fails(service, caller, start_se
 
     later = load.run(caller, [*map(product_list, "abcdefghijkl"), *map(purchase, "abcdefghijkl")])
 
-    check_books(server, shop, burst + later)
+    books.check(burst + later, shop, server)
 
 
 @pytest.mark.parametrize("flight", [1, 8, 64])
@@ -95,7 +53,7 @@ def test_a_limit_of_20_requests_a_connection_fails_no_call(service, caller, star
 
     outcome = load.run(caller, first(300, mixed("limit")), flight)
 
-    check_books(server, shop, outcome)
+    books.check(outcome, shop, server)
 
 
 @pytest.mark.parametrize("flight", [1, 8, 64])
@@ -104,7 +62,7 @@ def test_the_default_limit_of_nginx_fails_no_call(service, caller, start_server,
 
     outcome = load.run(caller, first(2300, mixed("limit")), flight)
 
-    check_books(server, shop, outcome)
+    books.check(outcome, shop, server)
 
 
 @pytest.mark.parametrize("http2", [False, True], ids=ordinary.PROTOCOLS.values())
@@ -114,8 +72,8 @@ def test_an_answer_that_comes_before_the_body_was_read_counts(service, caller, s
 
     outcome = load.run(caller, work, 8)
 
-    assert outcome.failed == []
-    check_log(server, outcome)
+    books.check_answers(outcome)
+    books.check_log(outcome, server)
 
 
 class Renewal:
@@ -166,7 +124,7 @@ def test_a_server_that_is_renewed_under_load_loses_no_purchase(service, caller, 
     outcome = load.run(caller, for_seconds(2, mixed("load")), 8, renew)
 
     assert renew.count >= 1
-    check_books(server, shop, outcome)
+    books.check(outcome, shop, server)
 
 
 def test_a_server_that_is_away_for_a_second_is_waited_for(service, caller, start_server, shop):
@@ -182,5 +140,5 @@ def test_a_server_that_is_away_for_a_second_is_waited_for(service, caller, start
             server.start()
     meanwhile = load.run(caller, [purchase("meanwhile"), product_list("meanwhile")], 2, come_back)
 
-    check_books(server, shop, before + meanwhile)
+    books.check(before + meanwhile, shop, server)
     assert time.monotonic() >= comes_back

@@ -1,0 +1,29 @@
+"""What must be true after calls at servers in front of a shop: nothing failed, nothing was sold twice."""
+import collections
+
+
+def check(outcome, shop, *servers):
+    """Each call was answered with its own answer, and servers and shop saw each purchase once. Ends the
+    servers."""
+    check_answers(outcome)
+    sold = shop.purchases
+    assert sold == dict.fromkeys(outcome.invoices, 1), {
+        name: count for name, count in sold.items() if count != 1}
+    check_log(outcome, *servers)
+
+
+def check_answers(outcome):
+    failed = collections.Counter(method for method, _, _ in outcome.failed)
+    assert not failed, f"of {outcome.count} calls {dict(failed)}: {outcome.failed[:10]}"
+
+
+def check_log(outcome, *servers):
+    """They saw each purchase once, the device's certificate with every request, and lists over the
+    protocol that they offer. Ends them."""
+    purchases = 0
+    for server in servers:
+        asked = server.stop()
+        purchases += sum(entry.method == "POST" for entry in asked)
+        assert all("Billing lab device" in entry.client for entry in asked)
+        assert server.protocol in {entry.protocol for entry in asked if entry.method == "GET"}
+    assert purchases == len(outcome.invoices), f"{purchases}, not {len(outcome.invoices)}"

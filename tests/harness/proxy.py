@@ -1,0 +1,101 @@
+"""A TCP relay between the daemon and a server that loses connections as lines and middleboxes do."""
+import contextlib
+import enum
+import socket
+import struct
+import threading
+
+from . import server
+
+
+class State(enum.Enum):
+    """What becomes of the bytes of a connection."""
+
+    FORWARDED = enum.auto()
+    SILENT = enum.auto()
+    FORGOTTEN = enum.auto()
+
+
+class _Link:
+    """One connection of the daemon's, and the one to the server that belongs to it."""
+
+    def __init__(self, client, target):
+        self.client = client
+        self.server = socket.create_connection(("127.0.0.1", target))
+        self.state = State.FORWARDED
+        for source, other in ((client, self.server), (self.server, client)):
+            threading.Thread(target=self._pump, args=(source, other), daemon=True).start()
+
+    def _pump(self, source, other):
+        with contextlib.suppress(OSError):
+            while data := source.recv(65536):
+                if self.state is State.FORGOTTEN and source is self.client:
+                    self._reset()
+                    return
+                if self.state is State.FORWARDED:
+                    other.sendall(data)
+            if self.state is State.FORWARDED:
+                other.shutdown(socket.SHUT_WR)
+
+    def _reset(self):
+        self.client.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
+        self.client.close()
+        self.server.shutdown(socket.SHUT_RDWR)
+
+    def close(self):
+        for end in (self.client, self.server):
+            with contextlib.suppress(OSError):
+                end.shutdown(socket.SHUT_RDWR)
+            end.close()
+
+
+class Proxy:
+    """Forwards to a port of 127.0.0.1. silence() and forget() concern the connections that exist then."""
+
+    def __init__(self, target, listener=None):
+        self._target = target
+        self._listener = listener or server.listen()
+        self._lock = threading.Lock()
+        self._links = []
+        self.port = self._listener.getsockname()[1]
+        threading.Thread(target=self._accept, daemon=True).start()
+
+    def _accept(self):
+        with contextlib.suppress(OSError):
+            while True:
+                client, _ = self._listener.accept()
+                link = _Link(client, self._target)
+                with self._lock:
+                    self._links.append(link)
+
+    @property
+    def connections(self):
+        """How many there were so far."""
+        with self._lock:
+            return len(self._links)
+
+    def ports(self):
+        """The daemon's ports of all connections so far that it has not reset."""
+        with self._lock:
+            return [link.client.getpeername()[1] for link in self._links]
+
+    def silence(self):
+        """Nothing comes through any more, not even an end."""
+        self._all_become(State.SILENT)
+
+    def forget(self):
+        """What the daemon sends next is answered with a reset; nothing comes through."""
+        self._all_become(State.FORGOTTEN)
+
+    def _all_become(self, state):
+        with self._lock:
+            for link in self._links:
+                link.state = state
+
+    def stop(self):
+        with contextlib.suppress(OSError):
+            self._listener.shutdown(socket.SHUT_RDWR)
+        self._listener.close()
+        with self._lock:
+            for link in self._links:
+                link.close()

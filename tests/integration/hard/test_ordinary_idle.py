@@ -1,0 +1,41 @@
+"""Servers with the idle limits of their packages: the pauses last as long as those."""
+import heapq
+import time
+
+from harness import books, load, ordinary
+from harness.load import product_list, purchase
+
+# Around a limit, in seconds.
+PAUSES = (-0.5, 0, 0.5)
+# What the short form waits for.
+A_SHORT_LIMIT = 5
+
+
+def until(due):
+    time.sleep(max(0, due - time.monotonic()))
+
+
+def test_pauses_around_the_default_idle_limits_fail_no_call(service, caller, a_device, shop, start_server,
+                                                           size, figure):
+    servers = [start_server(kind, http2=http2) for kind, made in ordinary.SERVERS.items()
+               for http2 in ordinary.PROTOCOLS if made.IDLE <= size(A_SHORT_LIMIT, made.IDLE)]
+    pauses = size(PAUSES[-1:], PAUSES)
+
+    def talk_to(number, name):
+        a_device.set("deployment", "production_host", f"localhost:{servers[number].port}")
+        each = f"{name}-{number}"
+        return load.run(caller, [purchase(each), product_list(each)])
+
+    outcome = load.Outcome([], [], 0)
+    # Pauses under way, of all servers at the same time: the end, the server, how many it has had.
+    waiting = [(0, number, 0) for number in range(len(servers))]
+    while waiting:
+        due, number, pause = heapq.heappop(waiting)
+        until(due)
+        outcome += talk_to(number, f"after-{pause}")
+        if pause < len(pauses):
+            due = time.monotonic() + servers[number].IDLE + pauses[pause]
+            heapq.heappush(waiting, (due, number, pause + 1))
+
+    books.check(outcome, shop, *servers)
+    figure(f"{outcome.count} calls at {len(servers)} servers with pauses around their own limits: none failed")

@@ -1,0 +1,97 @@
+"""What time does to a daemon that runs: a standby between two calls, and a server's certificate that
+expires."""
+import datetime
+import time
+
+import pytest
+from billing_lab.folder import replace_file
+from harness import certificates, contextless, daemon
+
+LIST = ("get_product_list", "app", "0", "check")
+PURCHASE = ("confirm_purchase", "app", "custom", "invoice", "0")
+GOOD = (0, "nginx")
+AN_HOUR = 3600
+A_SECOND = datetime.timedelta(seconds=1)
+
+
+@pytest.fixture
+def standby(tmp_path):
+    """A function that has the device sleep for some seconds, as far as a daemon with its library sees."""
+    file = tmp_path / "standby"
+
+    def sleep(seconds):
+        replace_file(file, f"{seconds}\n".encode())
+    sleep(0)
+    library = daemon.binary().parents[1] / "tests" / "support" / "standby.so"
+    assert library.exists()
+    sleep.environment = {
+        "LD_PRELOAD": str(library), "STANDBY_FILE": str(file),
+        "ASAN_OPTIONS": daemon.SANITIZERS["ASAN_OPTIONS"] + ":verify_asan_link_order=0"}
+    return sleep
+
+
+@pytest.mark.parametrize("first, second", [(LIST, PURCHASE), (PURCHASE, LIST)])
+def test_after_a_standby_calls_go_over_new_connections(needs_view, start_daemon, caller, store, standby,
+                                                       first, second):
+    process = start_daemon(environment=standby.environment)
+    process.wait_for_name(caller)
+    assert [caller.call(*LIST) for _ in range(2)] == [(0, "{}")] * 2
+    kept, again = store.take_requests()
+    assert kept.connection == again.connection
+
+    standby(AN_HOUR)
+
+    assert [caller.call(*first), caller.call(*second)] == [(0, "{}")] * 2
+    requests = store.take_requests()
+    assert len(requests) == 2
+    assert kept.connection not in {request.connection for request in requests}
+
+
+def wait_until(moment):
+    while datetime.datetime.utcnow() <= moment:
+        time.sleep(0.05)
+
+
+@pytest.fixture
+def soon():
+    """The whole second in which a certificate ends."""
+    return datetime.datetime.utcnow().replace(microsecond=0) + datetime.timedelta(seconds=4)
+
+
+def test_a_servers_certificate_that_expires_is_a_failure_until_it_is_renewed(service, caller, authority,
+                                                                          start_nginx, soon):
+    # No session is taken up again there: each connection shows the certificate.
+    server = start_nginx(authority.server_pem("localhost", not_after=soon),
+                         extra="ssl_session_tickets off;")
+    assert [caller.call(*LIST), caller.call(*PURCHASE)] == [GOOD, GOOD]
+    wait_until(soon + A_SECOND)
+
+    assert caller.call(*PURCHASE) == (-1, "")
+
+    (said,) = service.failures()
+    assert "ErrorCode = 60" in said
+    assert "certificate has expired (the clock of this device says 2" in said
+    server.certify(authority.server_pem("localhost"))
+    server.restart()
+    assert [caller.call(*PURCHASE), caller.call(*LIST)] == [GOOD, GOOD]
+    assert [entry.method for entry in server.stop()].count("POST") == 2
+
+
+def test_a_devices_certificate_that_expires_is_a_failure_that_says_so(
+        needs_view, start_daemon, caller, authority, a_device, other_store, tmp_path, soon):
+    a_device.credentials.reissue(-certificates.A_DAY, soon - datetime.datetime.utcnow())
+    pem = tmp_path / "server.pem"
+    pem.write_bytes(authority.server_pem("localhost"))
+    # It looks at the device's certificate with each connection, since it takes no session up again.
+    store = other_store(contextless.Context(pem, a_device.credentials.authority))
+    a_device.set("deployment", "production_host", f"localhost:{store.port}")
+    process = start_daemon()
+    process.wait_for_name(caller)
+    assert caller.call(*PURCHASE) == (0, "{}")
+    wait_until(soon + A_SECOND)
+
+    assert caller.call(*PURCHASE) == (-1, "")
+
+    (said,) = process.failures()
+    assert "(the server says that the certificate of this device has expired)" in said
+    assert len(store.requests) == 1
