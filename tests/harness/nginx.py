@@ -12,7 +12,8 @@ worker_processes 1;
 pid {folder}/nginx.pid;
 events {{ worker_connections {connections}; }}
 http {{
-    log_format short '$server_protocol|$ssl_client_s_dn|$ssl_session_reused|$connection|$request_uri|$request_method';
+    log_format short '$server_protocol|$ssl_client_s_dn|$ssl_session_reused|$connection|'
+                     '$request_uri|$request_method';
     access_log {folder}/access.log short;
     client_body_temp_path {folder}/body;
     proxy_temp_path {folder}/proxy;

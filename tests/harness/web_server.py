@@ -113,10 +113,13 @@ class WebServer:
     def has_left(self):
         return self._process.poll() is not None
 
+    def wait_until_it_has_left(self):
+        self._process.wait(PATIENCE)
+
     def restart(self):
         """A graceful end and a start on the same port, each waited for."""
         self.leave()
-        self._process.wait(PATIENCE)
+        self.wait_until_it_has_left()
         self.start()
         self.wait_until_it_answers()
 

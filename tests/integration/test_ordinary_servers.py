@@ -51,16 +51,17 @@ def test_a_limit_of_20_requests_a_connection_fails_no_call(service, caller, star
                                                           http2, flight):
     server = start_server(kind, http2=http2, requests=20)
 
-    outcome = load.run(caller, first(300, mixed("limit")), flight)
+    outcome = load.run(caller, first(200, mixed("limit")), flight)
 
     books.check(outcome, shop, server)
 
 
-@pytest.mark.parametrize("flight", [1, 8, 64])
-def test_the_default_limit_of_nginx_fails_no_call(service, caller, start_server, shop, flight):
-    server = start_server("nginx", http2=True)
+@pytest.mark.parametrize("http2, flight", [(False, 1), (True, 1), (True, 8), (True, 64)])
+def test_the_default_limit_of_nginx_fails_no_call(service, caller, start_server, shop, http2, flight):
+    server = start_server("nginx", http2=http2)
 
-    outcome = load.run(caller, first(2300, mixed("limit")), flight)
+    # More than 1,000 lists.
+    outcome = load.run(caller, first(2100, mixed("limit")), flight)
 
     books.check(outcome, shop, server)
 
@@ -77,13 +78,14 @@ def test_an_answer_that_comes_before_the_body_was_read_counts(service, caller, s
 
 
 class Renewal:
-    """Renews a server again and again beside the calls: each time a moment after the last."""
+    """Renews a server again and again beside the calls, with a pause after each time."""
 
-    PAUSE = 0.4
+    FIRST = 0.3
+    PAUSE = 0.5
 
     def __init__(self, server):
         self._server = server
-        self._next = time.monotonic() + self.PAUSE
+        self._next = time.monotonic() + self.FIRST
         self.count = 0
 
     def __call__(self):
@@ -104,6 +106,9 @@ class Reload(Renewal):
 class Restart(Renewal):
     """Has it finish and leave, and starts it as soon as it is gone."""
 
+    # A device that waits for the server must find it there for a while.
+    PAUSE = 1.5
+
     def is_done(self):
         if not self._server.leaving:
             self._server.leave()
@@ -121,19 +126,21 @@ def test_a_server_that_is_renewed_under_load_loses_no_purchase(service, caller, 
     shop.delay = 0.01
     renew = renewal(server)
 
-    outcome = load.run(caller, for_seconds(2, mixed("load")), 8, renew)
+    outcome = load.run(caller, for_seconds(1.5, mixed("load")), 8, renew)
 
     assert renew.count >= 1
-    books.check(outcome, shop, server)
+    books.check_answers(outcome)
+    books.check_shop(outcome, shop)
+    # A worker that ends may take the last lines of its log along.
+    assert sum(entry.method == "POST" for entry in server.stop()) <= len(outcome.invoices)
 
 
 def test_a_server_that_is_away_for_a_second_is_waited_for(service, caller, start_server, shop):
     server = start_server("nginx")
     before = load.run(caller, [product_list("before")])
     server.leave()
+    server.wait_until_it_has_left()
     comes_back = time.monotonic() + 1
-    while not server.has_left():
-        time.sleep(0.01)
 
     def come_back():
         if server.has_left() and time.monotonic() >= comes_back:
