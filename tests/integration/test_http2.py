@@ -67,7 +67,7 @@ def test_an_answer_counts_though_the_stream_or_the_connection_ends_with_it(calle
 def test_a_purchase_goes_through_whatever_the_store_does_to_streams(caller, store, connected, behaviour):
     store.always = behaviour
 
-    assert [caller.call(*PURCHASE) for _ in range(3)] == [GOOD] * 3
+    assert [caller.call(*PURCHASE, timeout=10) for _ in range(3)] == [GOOD] * 3
 
     assert requests_of(store.take_seen(), PURCHASE) == {"HTTP/1.1": 3}
 
