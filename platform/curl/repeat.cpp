@@ -16,8 +16,9 @@ using std::chrono::milliseconds;
 
 constexpr const char* kTag = "BILLING_PLATFORM";
 
-// A server that is restarted refuses connections for some hundred milliseconds.
-constexpr std::array kRefusedPauses{milliseconds(250), milliseconds(500), milliseconds(1000)};
+// A server that is restarted refuses connections for some milliseconds (nginx) to a second (Apache), longer when it is busy.
+constexpr std::array kRefusedPauses{milliseconds(250), milliseconds(500), milliseconds(1000),
+                                    milliseconds(2000)};
 
 // With less time left an attempt is not worth its handshake.
 constexpr milliseconds kLeastTime{1000};

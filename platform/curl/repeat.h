@@ -6,7 +6,7 @@
 // |         | of the body; or libcurl chose an HTTP/1.1 connection in use    |                | HTTP/1.1                     |
 // | Session | the handshake failed after a TLS session was offered; no byte  | all            | once, over a new connection, |
 // |         | of a request was sent                                          |                | without a session            |
-// | Refused | the server's port refused the connection: the server restarts  | all            | after 250, 500 and 1,000 ms  |
+// | Refused | the server's port refused the connection: the server restarts  | all            | after ¼, ½, 1 and 2 s        |
 //
 // A POST or DELETE is sent at most once: it is repeated only where no byte of it was sent.
 #pragma once

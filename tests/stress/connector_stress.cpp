@@ -269,7 +269,7 @@ private:
             case 1:
                 return "ftp://127.0.0.1/";
             case 2:
-                // Few: the wrapper tries such a connection for 1.75 s.
+                // Few: the wrapper tries such a connection for 3.75 s.
                 return upTo(20) == 1 ? "http://127.0.0.1:1/" : "http://127.0.0.1:99999/";
             case 3:
                 return strServer + "/hangup";

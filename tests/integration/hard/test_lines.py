@@ -15,7 +15,7 @@ SOON = 1
 # Until a call that nobody answers is given up, in seconds.
 GIVEN_UP = 90
 # Pauses before a connection that was refused is given up, in seconds.
-REFUSED = 1.75
+REFUSED = 3.75
 RESOLVER = "/etc/resolv.conf"
 
 
@@ -163,7 +163,7 @@ def test_a_line_that_cuts_connections_off_fails_their_calls_soon(service, line, 
     assert caller.call("check_server_availability") == (-1, "")
     assert caller.call("confirm_purchase", "a", "c", "i", "0") == (-1, "")
 
-    # Each is tried three times more, as a store that restarts refuses connections, too.
+    # Each is tried four times more, as a store that restarts refuses connections, too.
     assert time.monotonic() - began < 2 * REFUSED + SOON
     assert bystander() < SOON
     line.is_whole_again()
