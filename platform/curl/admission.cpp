@@ -44,6 +44,12 @@ void eraseUnused(Map& map)
     }
 }
 
+/// The name needs no thread of the resolver: libcurl remembers it.
+bool isNamed(const Share& host, Admission::Clock::time_point now)
+{
+    return host.named != Admission::Clock::time_point{} && now - host.named < kNameLife;
+}
+
 bool isWithin(std::size_t had, std::size_t share, std::size_t free)
 {
     return free > 0 && (had == 0 || had < share * free);
@@ -58,6 +64,7 @@ bool Admission::join(Transfer& transfer, const std::string& sender)
     forgetUnused();
     Share& ofSender = shareOf(m_senders, sender);
     Share& ofPath = shareOf(m_paths, pathOf(transfer.url));
+    Share& ofHost = shareOf(m_hosts, transfer.hostKey);
     const std::size_t free = kMostAccepted - m_members;
     if (!isWithin(ofSender.members, kSenderShare, free) ||
         !isWithin(ofPath.members, kPathShare, free)) {
@@ -68,10 +75,12 @@ bool Admission::join(Transfer& transfer, const std::string& sender)
         lane.turn.push_back(&lane);
         lane.sender = &ofSender;
         lane.path = &ofPath;
+        lane.host = &ofHost;
     }
     ++lane.members;
     ++ofSender.members;
     ++ofPath.members;
+    ++ofHost.members;
     ++m_members;
     transfer.lane = &lane;
     return true;
@@ -79,10 +88,12 @@ bool Admission::join(Transfer& transfer, const std::string& sender)
 
 void Admission::forgetUnused()
 {
-    if (std::max({m_lanes.size(), m_senders.size(), m_paths.size()}) > kRemembered + m_members) {
+    if (std::max({m_lanes.size(), m_senders.size(), m_paths.size(), m_hosts.size()}) >
+        kRemembered + m_members) {
         eraseUnused(m_lanes);
         eraseUnused(m_senders);
         eraseUnused(m_paths);
+        eraseUnused(m_hosts);
     }
 }
 
@@ -94,6 +105,7 @@ void Admission::leave(Transfer& transfer)
     --lane.members;
     --lane.sender->members;
     --lane.path->members;
+    --lane.host->members;
     --m_members;
     transfer.lane = nullptr;
 }
@@ -116,19 +128,20 @@ void Admission::unlistIfEmpty(Lane& lane)
     }
 }
 
-bool Admission::mayTake(const Lane& lane) const
+bool Admission::mayTake(const Lane& lane, Clock::time_point now) const
 {
-    return isWithin(lane.sender->slots, kSenderShare, freeSlots()) &&
+    return (m_resolving < kMostResolving || isNamed(*lane.host, now)) &&
+           isWithin(lane.sender->slots, kSenderShare, freeSlots()) &&
            isWithin(lane.path->slots, kPathShare, freeSlots());
 }
 
-Transfer* Admission::next(TransferList& to)
+Transfer* Admission::next(Clock::time_point now, TransferList& to)
 {
-    if (m_taken == m_slots || m_resolving == kMostResolving) {
+    if (m_taken == m_slots) {
         return nullptr;
     }
     const auto turn = std::find_if(m_turns.begin(), m_turns.end(),
-                                   [this](const Lane* lane) { return mayTake(*lane); });
+                                   [this, now](const Lane* lane) { return mayTake(*lane, now); });
     if (turn == m_turns.end()) {
         return nullptr;
     }
@@ -139,9 +152,9 @@ Transfer* Admission::next(TransferList& to)
     moveTo(transfer, to);
     unlistIfEmpty(lane);
     transfer.hasSlot = true;
-    transfer.resolving = true;
+    transfer.resolving = !isNamed(*lane.host, now);
+    m_resolving += transfer.resolving ? 1U : 0U;
     ++m_taken;
-    ++m_resolving;
     ++lane.sender->slots;
     ++lane.path->slots;
     return &transfer;
@@ -161,6 +174,12 @@ Transfer* Admission::overdue(Clock::time_point now, TransferList& to)
 
 void Admission::resolved(Transfer& transfer)
 {
+    stopResolving(transfer);
+    transfer.lane->host->named = Clock::now();
+}
+
+void Admission::stopResolving(Transfer& transfer)
+{
     if (transfer.resolving) {
         transfer.resolving = false;
         --m_resolving;
@@ -169,7 +188,7 @@ void Admission::resolved(Transfer& transfer)
 
 void Admission::release(Transfer& transfer)
 {
-    resolved(transfer);
+    stopResolving(transfer);
     if (transfer.hasSlot) {
         transfer.hasSlot = false;
         --m_taken;

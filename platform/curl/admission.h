@@ -15,16 +15,18 @@
 
 namespace MZCurl {
 
-/// What one sender, or one path, has.
+/// What one sender, one path or one host has.
 struct Share {
     std::size_t members = 0;  // transfers that were accepted and not yet taken out
-    std::size_t slots = 0;    // those in a slot
+    std::size_t slots = 0;    // those in a slot; not counted for a host
+    std::chrono::steady_clock::time_point named{};  // when the name of a host was known last
 };
 
 /// The transfers of one sender to one path.
 struct Lane {
     Share* sender = nullptr;
     Share* path = nullptr;
+    Share* host = nullptr;
     std::size_t members = 0;
     TransferList waiting;
     std::list<Lane*> turn;  // its place among the lanes, while nobody waits in it
@@ -50,12 +52,12 @@ public:
     void enqueue(Transfer& transfer, Clock::time_point now);
 
     /// Gives a slot to the transfer whose turn it is, and moves it to a list. @return null when none may have one now
-    Transfer* next(TransferList& to);
+    Transfer* next(Clock::time_point now, TransferList& to);
 
     /// Moves a transfer that has waited for too long to a list. @return null when there is none
     Transfer* overdue(Clock::time_point now, TransferList& to);
 
-    /// The name of the transfer's server is known, or not needed any more.
+    /// The transfer gets on: the name of its server is known.
     void resolved(Transfer& transfer);
 
     /// The transfer needs its slot no more.
@@ -70,14 +72,17 @@ private:
     using Shares = std::map<std::string, Share, std::less<>>;
 
     std::size_t freeSlots() const { return m_slots - m_taken; }
-    bool mayTake(const Lane& lane) const;
+    bool mayTake(const Lane& lane, Clock::time_point now) const;
     void unlistIfEmpty(Lane& lane);
+    void stopResolving(Transfer& transfer);
     void forgetUnused();
 
     const std::size_t m_slots;
-    std::size_t m_members = 0;                          // any thread
-    Shares m_senders;                                   // any thread, but for `slots`
-    Shares m_paths;                                     // any thread, but for `slots`
+    std::size_t m_members = 0;  // any thread
+    Shares m_senders;           // any thread, but for `slots`
+    Shares m_paths;
+    Shares m_hosts;
+    // any thread, but for `slots`
     std::map<std::pair<Share*, Share*>, Lane> m_lanes;  // any thread, but for what waits in them
     std::list<Lane*> m_turns;  // lanes in which somebody waits; the front one is next
     std::size_t m_taken = 0;

@@ -213,7 +213,7 @@ void MZCurlMulti::Impl::giveSlots()
         transfer->startFailure = "The call waited 20 s for its turn: too many calls are under way";
         finish(*transfer, CURLE_OPERATION_TIMEDOUT);
     }
-    while (Transfer* const transfer = m_admission.next(m_active)) {
+    while (Transfer* const transfer = m_admission.next(now, m_active)) {
         attach(*transfer);
     }
 }

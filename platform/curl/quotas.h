@@ -25,6 +25,9 @@ constexpr std::size_t kPathShare = 4;
 /// Transfers that look up a name at the same time, each in a thread of the resolver.
 constexpr std::size_t kMostResolving = 16;
 
+/// A host whose name was known so long ago needs a thread again: libcurl remembers names for 60 s.
+constexpr std::chrono::seconds kNameLife{60};
+
 /// Transfers that are accepted at most, with the same shares. One that waits takes 10 KiB.
 constexpr std::size_t kMostAccepted = 16384;
 
