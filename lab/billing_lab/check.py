@@ -1,5 +1,6 @@
 """Is a request exactly what it should be? Line, headers and body are compared byte for byte; what the
 caller of a method chooses may be anything."""
+import dataclasses
 import re
 
 from .store import PATHS
@@ -8,6 +9,36 @@ _ANY = r"(?:.*)"
 _TEXT = r'(?:[^"\\]|\\.)*'
 _BODY_KEYS = ("GUID", "UID", "appId", "countryCode", "customId", "invoiceId", "languageCode", "storeId",
               "storeProdCode")
+
+
+@dataclasses.dataclass
+class Sent:
+    """A request as it came, its texts in lines. HTTP/2 has no request line; method and path make one here."""
+
+    line: str
+    headers: list[str]
+    body: bytes
+    protocol: str
+
+    @classmethod
+    def of_http1(cls, raw: bytes) -> "Sent":
+        head, _, body = raw.partition(b"\r\n\r\n")
+        line, *headers = _text(head).split("\r\n")
+        return cls(line, headers, body, "HTTP/1.1")
+
+    @classmethod
+    def of_http2(cls, headers: list[tuple[bytes, bytes]], body: bytes = b"") -> "Sent":
+        """The order of the pseudo headers is the library's own choice, so here they stand in one of ours."""
+        named = [(_text(name), _text(value)) for name, value in headers]
+        pseudo = dict(pair for pair in named if pair[0].startswith(":"))
+        line = f"{pseudo.pop(':method', '')} {pseudo.pop(':path', '')} HTTP/2"
+        others = [pair for pair in named if not pair[0].startswith(":")]
+        return cls(line, [f"{name}: {value}" for name, value in [*sorted(pseudo.items()), *others]], body,
+                   "HTTP/2")
+
+
+def _text(data: bytes) -> str:
+    return data.decode("utf-8", "backslashreplace")
 
 
 def languages(locale: str) -> str:
@@ -43,42 +74,48 @@ def _body(device: dict) -> str:
     return "\\{\n" + members + "\n\\}\n"
 
 
-def _headers(endpoint: str, device: dict, size: int) -> list[str]:
-    lines = [f"Host: {device['host']}", "Content-Type: application/json; charset=utf-8",
-             "Accept: application/json"]
-    # A header without a value is not sent.
-    lines += [f"{name}: {value}" for name, value in
-              (("DUID", device["duid"]), ("Atoken", device["token"])) if value]
+def _headers(endpoint: str, device: dict, size: int) -> list[tuple[str, str]]:
+    """Names and values; the host is where the protocol wants it."""
+    pairs = [("Content-Type", "application/json; charset=utf-8"), ("Accept", "application/json"),
+             ("DUID", device["duid"]), ("Atoken", device["token"])]
     if endpoint == "invoices":
-        lines += ["TvYear: 15", "TvVersion: 1.2"]
+        pairs += [("TvYear", "15"), ("TvVersion", "1.2")]
     if endpoint in ("apply", "confirm"):
-        lines.append(f"Content-Length: {size}")
-    return lines
+        pairs.append(("Content-Length", str(size)))
+    # A header without a value is not sent.
+    return [(name, value) for name, value in pairs if value]
 
 
-def differences(raw: bytes, endpoint: str | None, device: dict, certificate: dict | None) -> list[str]:
+def _header_lines(sent: Sent, endpoint: str, device: dict) -> list[str]:
+    pairs = _headers(endpoint, device, len(sent.body))
+    if sent.protocol == "HTTP/2":
+        pairs = [(":authority", device["host"]), (":scheme", "https"),
+                 *((name.lower(), value) for name, value in pairs)]
+    else:
+        pairs = [("Host", device["host"]), *pairs]
+    return [f"{name}: {value}" for name, value in pairs]
+
+
+def differences(sent: Sent, endpoint: str | None, device: dict, certificate: dict | None) -> list[str]:
     """What differs from the request that the service sends on this device; nothing when it is exact.
 
     @param device its host, certificate (a SHA-256), token, duid, guid, uid, country and locale
     """
     if endpoint is None:
         return ["the service asks for no such thing"]
-    head, _, body = (part.decode("utf-8", "backslashreplace") for part in raw.partition(b"\r\n\r\n"))
-    line, *headers = head.split("\r\n")
     found = []
     if (certificate or {}).get("sha256") != device["certificate"]:
         found.append("the certificate is not the device's")
     method, path = next(key for key, name in PATHS.items() if name == endpoint)
-    wanted = f"{method} {re.escape(path)}{_query(endpoint, device)} HTTP/1\\.1"
-    if not re.fullmatch(wanted, line, re.DOTALL):
-        found.append(f"the request line is {line!r}")
-    size = len(raw.partition(b"\r\n\r\n")[2])
-    found += _header_differences(headers, _headers(endpoint, device, size))
+    wanted = f"{method} {re.escape(path)}{_query(endpoint, device)} {re.escape(sent.protocol)}"
+    if not re.fullmatch(wanted, sent.line, re.DOTALL):
+        found.append(f"the request line is {sent.line!r}")
+    found += _header_differences(sent.headers, _header_lines(sent, endpoint, device))
     if endpoint in ("apply", "confirm"):
-        if not re.fullmatch(_body(device), body, re.DOTALL):
+        if not re.fullmatch(_body(device), _text(sent.body), re.DOTALL):
             found.append("the body is not the nine members in their layout")
-    elif body:
-        found.append(f"it has a body of {size} bytes")
+    elif sent.body:
+        found.append(f"it has a body of {len(sent.body)} bytes")
     return found
 
 

@@ -9,7 +9,7 @@ import sys
 
 from . import __version__, commands, device
 from .catalogue import DEFAULT_FILE
-from .faults import CONNECTION_FAULTS, ENDPOINTS, KINDS, RESERVED
+from .faults import CONNECTION_FAULTS, ENDPOINTS, KINDS, RESERVED, ConnectionKind, Kind
 from .folder import LabError, default_path
 from .methods import METHODS
 
@@ -55,7 +55,7 @@ def parser() -> argparse.ArgumentParser:
 
 def _version() -> str:
     libraries = [f"{name} {importlib.metadata.version(name)}"
-                 for name in ("aiohttp", "cryptography", "PyGObject", "trustme")]
+                 for name in ("aiohttp", "cryptography", "h2", "PyGObject", "trustme")]
     return "\n".join([f"billing-lab {__version__}", f"Python {platform.python_version()}",
                       ssl.OPENSSL_VERSION, f"SQLite {sqlite3.sqlite_version}", *libraries])
 
@@ -152,16 +152,12 @@ def _faults(words) -> None:
     kinds = made.add_subparsers(dest="kind", metavar="KIND", required=True)
     for name, kind in KINDS.items():
         each = kinds.add_parser(name, help=kind.what, description=kind.what[0].upper() + kind.what[1:] + ".")
-        for option, known in kind.options.items():
-            each.add_argument(f"--{option}", type=_number(known.least, known.most), metavar="N",
-                              help=f"{known.unit}, {known.least} to {known.most} "
-                              f"(default: {known.default})")
-        _fault_options(each, kind.done)
-    for name, what in CONNECTION_FAULTS.items():
-        kinds.add_parser(name, help=f"of the whole lab: {what}" if name != "none" else
-                         "ends a fault of the whole lab", description=(
-                             "Strikes every connection of the lab. What is connected is dropped, and no TLS "
-                             "session of before is taken up again."))
+        _options_of(each, kind)
+        _fault_options(each, kind)
+    for name, kind in CONNECTION_FAULTS.items():
+        each = kinds.add_parser(name, help=f"of the whole lab: {kind.what}" if name != "none" else
+                                "ends a fault of the whole lab", description=_of_all(name, kind))
+        _options_of(each, kind)
     kinds.add_parser("list", help="show the faults").add_argument("--json", action="store_true",
                                                                   help="print JSON")
     each = kinds.add_parser("clear", help="end faults, and the hanging answers that they hold")
@@ -169,7 +165,22 @@ def _faults(words) -> None:
                       help="the one to end (default: all, those of the connection too)")
 
 
-def _fault_options(made: argparse.ArgumentParser, done: bool) -> None:
+def _of_all(name: str, kind: ConnectionKind) -> str:
+    if name == "silent":
+        return ("Strikes every connection of the lab that is open at this moment: nothing that is sent on it "
+                "arrives or is acknowledged, and it does not end before `fault none` or five minutes. New "
+                "connections work.")
+    return (f"Strikes every connection of the lab: {kind.what}. What is connected is dropped, and no TLS "
+            "session of before is taken up again.")
+
+
+def _options_of(made: argparse.ArgumentParser, kind: Kind | ConnectionKind) -> None:
+    for option, known in kind.options.items():
+        made.add_argument(f"--{option}", type=_number(known.least, known.most), metavar="N",
+                          help=f"{known.unit}, {known.least} to {known.most} (default: {known.default})")
+
+
+def _fault_options(made: argparse.ArgumentParser, kind: Kind) -> None:
     made.add_argument("--endpoint", choices=ENDPOINTS, help="only there (default: everywhere)")
     made.add_argument("--app", metavar="ID", help="only for this app (default: every app)")
     made.add_argument("--user", metavar="UID", help="only for this user (default: every user)")
@@ -181,8 +192,10 @@ def _fault_options(made: argparse.ArgumentParser, done: bool) -> None:
                       help="how likely for each request, 0 to 1 (default: 1)")
     made.add_argument("--seed", type=_number(0, 2**63 - 1), metavar="N",
                       help="of its random numbers, 0 or more (default: 1)")
+    if kind.says_undone:
+        return
     work = made.add_mutually_exclusive_group()
-    now = ("default", "") if done else ("", "default")
+    now = ("default", "") if kind.done else ("", "default")
     work.add_argument("--after-work", dest="done", action="store_const", const=True,
                       help=f"the store does its work, then the answer goes wrong {_default(now[0])}")
     work.add_argument("--no-work", dest="done", action="store_const", const=False,

@@ -134,9 +134,9 @@ class Lab:
     def clear_faults(self, number: int | None = None) -> int:
         return self.ask("DELETE", _with_query("/api/faults", number=number))["ended"]
 
-    def connection(self, fault: str) -> None:
-        """A fault of every connection, or "none"."""
-        self.ask("POST", "/api/connection", {"fault": fault})
+    def connection(self, fault: str, **options: int) -> None:
+        """A fault of every connection with its options, or "none"."""
+        self.ask("POST", "/api/connection", {"fault": fault, **options})
 
     def journal(self, after: int = 0, last: int | None = None) -> list[dict]:
         return self.ask("GET", _with_query("/api/journal", after=after, last=last))

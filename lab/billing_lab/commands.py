@@ -99,7 +99,7 @@ def status(options: argparse.Namespace) -> int:
           f"catalogue   {goods['file']}: {goods['apps']} apps, {goods['products']} products, "
           f"{goods['users']} users; {goods['invoices']} invoices now\n"
           f"device      {_device_line(device)}\n"
-          f"connection  {told['connection']}: {CONNECTION_FAULTS[told['connection']]}\n"
+          f"connection  {_connection_line(told, ': ' + CONNECTION_FAULTS[told['connection']].what)}\n"
           f"faults      {len([f for f in told['faults'] if not f['over']]) or 'none'}")
     for fault in told["faults"]:
         print(f"            {_fault_line(fault)}")
@@ -251,22 +251,35 @@ def fault(options: argparse.Namespace) -> int:
             lab.connection("none")
         print(f"{ended} ended" + ("" if options.number else "; connections work"))
     elif options.kind in CONNECTION_FAULTS:
-        lab.connection(options.kind)
-        print(f"{options.kind}: {CONNECTION_FAULTS[options.kind]}")
+        lab.connection(options.kind, **_given(options, "ms"))
+        print(f"{options.kind}: {CONNECTION_FAULTS[options.kind].what}")
     else:
-        wanted = {name: getattr(options, name) for name in (
-            "code", "ms", "mib", "endpoint", "app", "user", "count", "seconds", "chance", "seed", "done")
-            if getattr(options, name, None) is not None}
-        print(_fault_line(lab.fault(options.kind, **wanted)))
+        print(_fault_line(lab.fault(options.kind, **_given(
+            options, "code", "ms", "mib", "endpoint", "app", "user", "count", "seconds", "chance", "seed",
+            "done"))))
     return 0
+
+
+def _given(options: argparse.Namespace, *names: str) -> dict:
+    return {name: getattr(options, name) for name in names if getattr(options, name, None) is not None}
+
+
+def _connection_line(told: dict, what: str = "") -> str:
+    """The fault of all connections, and what else is not as usual with them."""
+    parts = [told["connection"] + what, *(f"{name} {value}" for name, value in told["connection_options"].items())]
+    if told["connections"]["silent"]:
+        parts.append(f"{told['connections']['silent']} silent")
+    if not told["connections"]["listening"]:
+        parts.append("the store is down until its restart ends")
+    return ", ".join(parts)
 
 
 def _list_faults(lab: client.Lab, options: argparse.Namespace) -> int:
     told = lab.status()
     if options.json:
-        _json({"faults": told["faults"], "connection": told["connection"]})
+        _json({name: told[name] for name in ("faults", "connection", "connection_options", "connections")})
         return 0
-    print(f"connection: {told['connection']}")
+    print(f"connection: {_connection_line(told)}")
     for each in told["faults"]:
         print(_fault_line(each))
     return 0

@@ -75,8 +75,7 @@ def _core(request: web.Request) -> Core:
 async def _status(request: web.Request) -> web.Response:
     core = _core(request)
     return web.json_response({**core.info, "device": core.device(), "catalogue": core.summary(),
-                              "faults": _told_faults(core),
-                              "connection": core.simulator.connection_fault})
+                              "faults": _told_faults(core), **core.simulator.connections.describe()})
 
 
 async def _stop(request: web.Request) -> web.Response:
@@ -93,7 +92,7 @@ async def _seed(request: web.Request) -> web.Response:
 
 async def _reset(request: web.Request) -> web.Response:
     _core(request).reset()
-    await _core(request).simulator.dropped()
+    await _core(request).simulator.connections.dropped()
     return web.json_response(_core(request).summary())
 
 
@@ -153,9 +152,9 @@ async def _clear_faults(request: web.Request) -> web.Response:
 
 
 async def _connection(request: web.Request) -> web.Response:
-    simulator = _core(request).simulator
-    simulator.switch_connection_fault((await request.json())["fault"])
-    await simulator.dropped()
+    connections = _core(request).simulator.connections
+    connections.switch(**(await request.json()))
+    await connections.dropped()
     return web.json_response({})
 
 

@@ -62,11 +62,13 @@ def _sent(file: pathlib.Path) -> web.StreamResponse:
 
 
 async def _meta(_request: web.Request) -> web.Response:
-    kinds = {name: {"what": kind.what, "options": {option: vars(bounds) for option, bounds in kind.options.items()}}
-             for name, kind in faults.KINDS.items()}
+    answers, connections = ({name: {"what": kind.what, "options": {option: vars(bounds)
+                                                                   for option, bounds in kind.options.items()}}
+                             for name, kind in kinds.items()}
+                            for kinds in (faults.KINDS, faults.CONNECTION_FAULTS))
     return web.json_response({
         "methods": {name: list(arguments) for name, arguments in METHODS.items()}, "endpoints": faults.ENDPOINTS,
-        "faults": kinds, "connection_faults": faults.CONNECTION_FAULTS, "servers": list(device.SERVERS)})
+        "faults": answers, "connection_faults": connections, "servers": list(device.SERVERS)})
 
 
 async def _seed(request: web.Request) -> web.Response:

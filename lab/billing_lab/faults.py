@@ -9,7 +9,8 @@ from collections.abc import Iterable
 # Product ids that force an outcome begin with this, so that nobody ships one.
 RESERVED = "NEVER-SHIP."
 
-ENDPOINTS = ("country", "products", "invoices", "apply", "confirm")
+PAYMENTS = ("apply", "confirm")
+ENDPOINTS = ("country", "products", "invoices", *PAYMENTS)
 
 
 @dataclasses.dataclass(frozen=True)
@@ -24,11 +25,14 @@ class Option:
 
 @dataclasses.dataclass(frozen=True)
 class Kind:
-    """`done`: does the store do its work first, unless told otherwise?"""
+    """What goes wrong with an answer. `done`: does the store do its work first, unless told otherwise?
+    `says_undone`: does it tell the client that nothing was done, so that nothing may be?"""
 
     what: str
     options: dict[str, Option]
     done: bool
+    says_undone: bool = False
+    protocol: str | None = None
 
 
 KINDS = {
@@ -42,17 +46,38 @@ KINDS = {
     "truncate": Kind("the connection ends in the middle of the body", {}, True),
     "reset": Kind("the connection is reset before an answer", {}, False),
     "hang": Kind("no answer; the connection ends when the fault does", {}, False),
+    "lost": Kind("no answer; the connection goes silent and does not end", {}, False),
+    "goaway": Kind("the server ends the connection without taking the request up: HTTP/2 says so by "
+                   "GOAWAY, HTTP/1.1 just closes", {}, False, says_undone=True),
+    "refuse-stream": Kind("HTTP/2 refuses the stream, untouched; requests over HTTP/1.1 pass it by", {},
+                          False, says_undone=True, protocol="HTTP/2"),
     "huge": Kind("the body is this long and means nothing",
                  {"mib": Option(40, 1, 4096, "MiB")}, True),
 }
 
-# Those of every connection of the lab.
+
+@dataclasses.dataclass(frozen=True)
+class ConnectionKind:
+    """What goes wrong with every connection of the lab. `once`: it happens at that moment, and what
+    was set before stays set."""
+
+    what: str
+    options: dict[str, Option] = dataclasses.field(default_factory=dict)
+    once: bool = False
+
+
 CONNECTION_FAULTS = {
-    "none": "connections work",
-    "refuse-tls": "every handshake is refused with an alert",
-    "expired": "the server's certificate has expired",
-    "wrong-host": "the server's certificate is for another host",
-    "untrusted": "the server's certificate is of an authority that the device does not know",
+    "none": ConnectionKind("connections work"),
+    "refuse-tls": ConnectionKind("every handshake is refused with an alert"),
+    "expired": ConnectionKind("the server's certificate has expired"),
+    "wrong-host": ConnectionKind("the server's certificate is for another host"),
+    "untrusted": ConnectionKind("the server's certificate is of an authority that the device does not know"),
+    "idle-close": ConnectionKind("a connection is closed after this time without a request, not after five seconds",
+                                 {"ms": Option(1000, 0, 3_600_000, "milliseconds")}),
+    "silent": ConnectionKind("the connections of this moment go silent and do not end; new ones work",
+                             once=True),
+    "restart": ConnectionKind("the store ends with all its connections, and comes back on its port",
+                              {"ms": Option(500, 0, 60_000, "milliseconds")}, once=True),
 }
 
 
@@ -80,8 +105,9 @@ class Fault:
     def is_over(self, now: float) -> bool:
         return self.left == 0 or (self.until is not None and now >= self.until)
 
-    def hits(self, endpoint: str, app: str, user: str) -> bool:
-        wanted = ((self.endpoint, endpoint), (self.app, app), (self.user, user))
+    def hits(self, endpoint: str, app: str, user: str, protocol: str) -> bool:
+        wanted = ((self.endpoint, endpoint), (self.app, app), (self.user, user),
+                  (KINDS[self.kind].protocol, protocol))
         return all(mine in (None, theirs) for mine, theirs in wanted)
 
     def describe(self, now: float) -> dict:
@@ -103,10 +129,8 @@ def make(wanted: dict, number: int, now: float) -> Fault:
         raise FaultError(f"{wanted.get('kind')!r} is no fault; known are {', '.join(KINDS)}")
     if unknown - set(kind.options):
         raise FaultError(f"{wanted['kind']} takes no {sorted(unknown - set(kind.options))[0]!r}")
-    if wanted.get("endpoint") not in (None, *ENDPOINTS):
-        raise FaultError(f"{wanted['endpoint']!r} is no endpoint; known are {', '.join(ENDPOINTS)}")
-    options = {name: int(_number(wanted, name, option.least, option.most, option.default))
-               for name, option in kind.options.items()}
+    _check_target(wanted, kind)
+    options = _read_options(wanted, kind.options)
     seconds = _number(wanted, "seconds", 0.001, 86_400, None)
     count = _number(wanted, "count", 1, 1_000_000, None)
     seed = int(_number(wanted, "seed", 0, 2**63 - 1, 1))
@@ -120,6 +144,38 @@ def make(wanted: dict, number: int, now: float) -> Fault:
         draw=random.Random(f"{seed}:{wanted['kind']}"))
 
 
+def _check_target(wanted: dict, kind: Kind) -> None:
+    """Refuses a fault that could not strike, or would lie."""
+    if wanted.get("endpoint") not in (None, *ENDPOINTS):
+        raise FaultError(f"{wanted['endpoint']!r} is no endpoint; known are {', '.join(ENDPOINTS)}")
+    if kind.protocol == "HTTP/2" and wanted.get("endpoint") in PAYMENTS:
+        raise FaultError(f"{wanted['kind']} cannot strike at {wanted['endpoint']}: the service sends payments "
+                         "over HTTP/1.1 alone")
+    if kind.says_undone and wanted.get("done"):
+        raise FaultError(f"{wanted['kind']} tells the client that nothing was done; it cannot strike after "
+                         "the work")
+
+
+def read_connection(wanted: dict) -> tuple[str, dict[str, int]]:
+    """A fault of every connection, from its description: fault, and its options.
+
+    @return its name and its options
+    """
+    name = wanted.get("fault", "")
+    kind = CONNECTION_FAULTS.get(name)
+    if kind is None:
+        raise FaultError(f"{name!r} is no fault of the connection; known are {', '.join(CONNECTION_FAULTS)}")
+    unknown = sorted(set(wanted) - {"fault", *kind.options})
+    if unknown:
+        raise FaultError(f"{name} takes no {unknown[0]!r}")
+    return name, _read_options(wanted, kind.options)
+
+
+def _read_options(wanted: dict, options: dict[str, Option]) -> dict[str, int]:
+    return {name: int(_number(wanted, name, option.least, option.most, option.default))
+            for name, option in options.items()}
+
+
 def _number(wanted: dict, name: str, least: float, most: float, default: float | None):
     value = wanted.get(name)
     if value is None:
@@ -129,10 +185,11 @@ def _number(wanted: dict, name: str, least: float, most: float, default: float |
     return value
 
 
-def pick(faults: Iterable[Fault], endpoint: str, app: str, user: str, now: float) -> Fault | None:
+def pick(faults: Iterable[Fault], endpoint: str, app: str, user: str, now: float,
+         protocol: str = "HTTP/1.1") -> Fault | None:
     """The first fault that this request gets, counted as used."""
     for fault in faults:
-        if fault.is_over(now) or not fault.hits(endpoint, app, user):
+        if fault.is_over(now) or not fault.hits(endpoint, app, user, protocol):
             continue
         if fault.chance < 1 and fault.draw.random() >= fault.chance:
             continue
@@ -147,12 +204,12 @@ def of_product(product: str, endpoint: str) -> Fault | None:
     if not product.startswith(RESERVED):
         return None
     where, _, forced = product.removeprefix(RESERVED).partition(".")
-    return _forced(forced) if where == endpoint else None
+    return _forced(where, forced) if where == endpoint else None
 
 
-def _forced(text: str) -> Fault:
+def _forced(endpoint: str, text: str) -> Fault:
     name, _, value = text.partition(".")
-    wanted: dict = {"kind": name}
+    wanted: dict = {"kind": name, "endpoint": endpoint}
     if value:
         options = list(KINDS[name].options) if name in KINDS else []
         if not options or not value.isdecimal():
@@ -166,10 +223,10 @@ def check_product(product: str) -> None:
     where, _, forced = product.removeprefix(RESERVED).partition(".")
     if (where, forced) == ("buy", "declined"):
         return
-    if where not in ("apply", "confirm"):
+    if where not in PAYMENTS:
         raise FaultError(f"{product!r} forces nothing; write {RESERVED}buy.declined, or {RESERVED}apply. or "
                          f"{RESERVED}confirm. and a fault, such as {RESERVED}confirm.status.503")
-    _forced(forced)
+    _forced(where, forced)
 
 
 def damage(fault: Fault, body: bytes) -> bytes:

@@ -55,7 +55,8 @@ def line_of(entry: dict) -> str:
     answer = entry["answer"]
     parts = [start, f"{entry['method']:<4} {entry['endpoint'] or entry['url']}",
              str(answer["status"] or "-"), f"{answer['bytes']} bytes", answer["end"],
-             f"connection {entry['connection']} ({entry['handshake']})"]
+             # Entries of an older lab name no protocol.
+             entry.get("protocol", "HTTP/1.1"), f"connection {entry['connection']} ({entry['handshake']})"]
     if entry["fault"]:
         parts.append(f"fault {entry['fault']}")
     if entry["differences"]:

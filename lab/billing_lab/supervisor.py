@@ -19,7 +19,7 @@ import subprocess
 import sys
 import time
 
-from . import bus, control, core, simulator, state, tls, tools, view
+from . import bus, connections, control, core, state, tls, tools, view
 from .folder import Folder, LabError, named_errors, replace_file
 
 START_SECONDS = 30
@@ -76,7 +76,7 @@ class Daemon:
 
 def run(folder: Folder, level: str, report, lifeline: int | None) -> str | None:
     """A whole life of a lab. @return why it ended by itself, if it did"""
-    listener = simulator.listen()
+    listener = connections.listen()
     provision(folder)
     token = core.prepare_device(folder, listener.getsockname()[1])
     with contextlib.ExitStack() as running:
@@ -95,7 +95,7 @@ def run(folder: Folder, level: str, report, lifeline: int | None) -> str | None:
 
 async def _live(folder: Folder, listener: socket.socket, info: dict, token: str, children: dict,
                 report, lifeline: int | None) -> str | None:
-    secret, controls = control.new_token(), simulator.listen()
+    secret, controls = control.new_token(), connections.listen()
     port = controls.getsockname()[1]
     address = f"http://127.0.0.1:{port}"
     # Behind "#": a browser sends that part to nobody.
@@ -105,7 +105,7 @@ async def _live(folder: Folder, listener: socket.socket, info: dict, token: str,
     lab = core.Core(folder, listener, info)
     why: list[str] = []
     _watch(lab, children, why, lifeline)
-    store = asyncio.create_task(lab.simulator.run())
+    store = asyncio.create_task(lab.simulator.connections.run())
     store.add_done_callback(lambda _: lab.end())
     runner = await control.serve(lab, secret, controls)
     replace_file(folder.info, json.dumps(info, indent=2).encode())

@@ -23,7 +23,7 @@ def server_context(fault: str, folder: pathlib.Path) -> ssl.SSLContext:
         context.load_cert_chain(folder / "server.pem", folder / "server.key")
     context.verify_mode = ssl.CERT_REQUIRED
     context.load_verify_locations(folder / "ca.pem")
-    context.set_alpn_protocols(["http/1.1"])
+    context.set_alpn_protocols(["h2", "http/1.1"])
     return context
 
 

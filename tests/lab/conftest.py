@@ -18,7 +18,7 @@ import trustme
 LAB = pathlib.Path(__file__).resolve().parents[2] / "lab"
 sys.path.insert(0, str(LAB))
 
-from billing_lab import catalogue, simulator, state, tls, view  # noqa: E402
+from billing_lab import catalogue, connections, simulator, state, tls, view  # noqa: E402
 
 HOST = "production.localhost"
 TOKEN, DUID, GUID, UID = "token-1", "duid-1", "lab-guid", "lab@example.org"
@@ -30,7 +30,7 @@ class RunningStore:
     def __init__(self, folder, certificates):
         self.folder = folder
         shutil.copytree(certificates, folder, dirs_exist_ok=True)
-        listener = simulator.listen()
+        listener = connections.listen()
         self.port = listener.getsockname()[1]
         self.device = {"host": f"{HOST}:{self.port}", "token": TOKEN, "duid": DUID, "guid": GUID,
                        "uid": UID, "country": "US", "locale": "en_US.utf8",
@@ -48,7 +48,7 @@ class RunningStore:
         state.set_fact(self.db, "token", TOKEN)
         self.simulator = simulator.Simulator(self.db, listener, self.folder, lambda: self.device,
                                              self.told.append)
-        self._task = self._loop.create_task(self.simulator.run())
+        self._task = self._loop.create_task(self.simulator.connections.run())
         ready.set()
         with contextlib.suppress(asyncio.CancelledError):
             await self._task

@@ -45,13 +45,16 @@ def test_a_purchase_goes_its_way_through_the_five_methods(lab):
 
 
 def test_every_request_of_the_daemon_is_exact_and_presents_the_device(lab):
+    # What `reset` ended is found out and replaced.
+    lab.call("check_server_availability")
+    first = len(lab.journal())
     for method in METHODS:
         lab.call(method)
-    entries = lab.journal()
+    entries = lab.journal()[first:]
     assert [entry["endpoint"] for entry in entries] == list(METHODS.values())
     assert [entry["differences"] for entry in entries] == [[]] * 5
     assert {entry["certificate"]["subject"] for entry in entries} == {"CN=Billing lab device"}
-    assert {entry["handshake"] for entry in entries} == {"full"}
+    assert [entry["protocol"] for entry in entries] == ["HTTP/2"] * 3 + ["HTTP/1.1"] * 2
 
 
 # What the caller gets for each fault: the result, and what its text must be, of the store's own body.
@@ -65,18 +68,20 @@ SEEN = {
     "reset": ({}, -1, lambda text, body: text == ""),
     "hang": ({"seconds": 0.5}, -1, lambda text, body: text == ""),
     "huge": ({"mib": 40}, -1, lambda text, body: set(text) <= {"x"}),
+    "goaway": ({}, -1, lambda text, body: text == ""),
 }
+# A question whose connection ends with its fault is asked once more, and is answered then.
+ASKED_AGAIN = [("hang", "get_product_list")]
 
 
-@pytest.mark.parametrize("method", ["get_product_list", "confirm_purchase"])
-@pytest.mark.parametrize("kind", SEEN)
+@pytest.mark.parametrize("kind, method", [(kind, method) for kind in SEEN
+                                          for method in ("get_product_list", "confirm_purchase")
+                                          if (kind, method) not in ASKED_AGAIN])
 def test_a_fault_is_seen_by_the_caller(lab, kind, method):
     options, result, fits = SEEN[kind]
     values = {"invoiceid": "INV-SEED-2"} if method == "confirm_purchase" else {}
     body = lab.call(method, **values)[1]
     lab.fault(kind, endpoint=METHODS[method], **options)
-    # A question whose kept connection ends without a byte is asked once more, on a new one.
-    lab.connection("none")
     start = time.monotonic()
 
     got, text = lab.call(method, **values)
@@ -84,7 +89,7 @@ def test_a_fault_is_seen_by_the_caller(lab, kind, method):
     assert (got, fits(text, body)) == (result, True), text[:200]
     if kind == "delay":
         assert time.monotonic() - start >= 0.4
-    entry = wait_for_ends(lab)[-1]
+    entry = lab.journal()[-1]
     assert (entry["fault"], entry["endpoint"]) == (kind, METHODS[method])
     lab.clear_faults()
     assert lab.call(method, **values) == (0, body)
@@ -101,12 +106,63 @@ def test_a_payment_whose_connection_is_reset_reaches_the_store_once(lab):
 
 
 def test_a_hanging_answer_ends_when_the_fault_is_cleared(lab):
-    lab.fault("hang", endpoint="country")
-    call = lab.start_call("check_server_availability")
+    lab.fault("hang", endpoint="confirm")
+    call = lab.start_call("confirm_purchase", invoiceid="INV-SEED-2")
     assert called(lab, "get_product_list")["status"] == "ok"
     assert not call.done
     lab.clear_faults()
     assert lab.finish_call(call) == (-1, "")
+
+
+def keep_a_connection(lab):
+    """The daemon has a connection for questions that was used a moment ago."""
+    lab.call("check_server_availability")
+    lab.call("check_server_availability")
+
+
+@pytest.mark.parametrize("kind, options", [("hang", {"seconds": 0.5}), ("reset", {"count": 1}),
+                                           ("goaway", {"count": 1}), ("refuse-stream", {})])
+def test_a_question_is_asked_once_more_over_http_1_1(lab, kind, options):
+    keep_a_connection(lab)
+    before = len(lab.journal())
+    lab.fault(kind, **options)
+    assert called(lab, "check_server_availability")["available"] is True
+    assert [(entry["protocol"], entry["fault"]) for entry in wait_for_ends(lab)[before:]] == [
+        ("HTTP/2", kind), ("HTTP/1.1", None)]
+
+
+def test_a_payment_is_never_refused_by_a_stream(lab):
+    lab.fault("refuse-stream")
+    assert called(lab, "confirm_purchase", invoiceid="INV-SEED-2")["status"] == "ok"
+
+
+@pytest.mark.parametrize("method, values", [("check_server_availability", {}),
+                                            ("confirm_purchase", {"invoiceid": "INV-SEED-2"})])
+def test_what_is_begun_while_the_store_restarts_is_answered(lab, method, values):
+    keep_a_connection(lab)
+    lab.connection("restart", ms=700)
+    start = time.monotonic()
+    assert called(lab, method, **values)["status"] == "ok"
+    assert 0.5 < time.monotonic() - start < 5
+
+
+def test_a_payment_goes_through_at_once_after_all_connections_went_silent(lab):
+    keep_a_connection(lab)
+    lab.connection("silent")
+    start = time.monotonic()
+    assert called(lab, "confirm_purchase", invoiceid="INV-SEED-2")["status"] == "ok"
+    assert time.monotonic() - start < 5
+    lab.connection("none")
+    assert lab.status()["connections"]["silent"] == 0
+
+
+def test_an_idle_close_is_not_seen_by_the_caller(lab):
+    lab.connection("idle-close", ms=300)
+    keep_a_connection(lab)
+    for method, values in (("confirm_purchase", {"invoiceid": "INV-SEED-2"}), ("get_product_list", {})):
+        time.sleep(0.5)
+        assert called(lab, method, **values)["status"] == "ok"
+    assert [entry["endpoint"] for entry in lab.journal()][2:] == ["confirm", "products"]
 
 
 @pytest.mark.parametrize("kind", ["refuse-tls", "expired", "wrong-host", "untrusted"])
@@ -118,7 +174,7 @@ def test_a_fault_of_the_connection_fails_calls_until_it_ends(lab, kind):
     lab.connection("none")
     assert lab.call("check_server_availability")[0] == 0
     requests = [entry for entry in lab.journal() if entry["kind"] == "request"]
-    assert [(entry["endpoint"], entry["handshake"]) for entry in requests] == [("country", "full")] * 2
+    assert [entry["endpoint"] for entry in requests] == ["country"] * 2
 
 
 def test_the_device_s_switches_take_effect_at_the_next_call(lab):

@@ -49,6 +49,8 @@ def test_every_command_has_help_with_ranges_and_defaults(cli, command):
     (["fault", "delay", "--seconds", "nan"], "'nan' is no number from 0.001 to 86400"),
     (["fault", "reset", "--code", "500"], "unrecognized arguments: --code 500"),
     (["fault", "reset", "--endpoint", "shop"], "invalid choice: 'shop'"),
+    (["fault", "goaway", "--after-work"], "unrecognized arguments: --after-work"),
+    (["fault", "restart", "--ms", "60001"], "'60001' is no number from 0 to 60000"),
     (["call", "shop"], "invalid choice: 'shop'"), (["device", "colour"], "invalid choice: 'colour'"),
     (["logs", "--lines", "-1"], "'-1' is no number of 0 or more"),
     (["answer", "products", "f", "--status", "99"], "'99' is no number from 200 to 599"),
@@ -190,9 +192,30 @@ def test_faults_are_added_listed_and_ended(run):
     assert printed(run("fault", "list")).startswith(f"connection: expired\n{line}")
     assert printed(run("fault", "clear", "1")) == "1 ended\n"
     assert printed(run("fault", "clear")) == "1 ended; connections work\n"
-    assert json.loads(printed(run("fault", "list", "--json"))) == {"faults": [], "connection": "none"}
+    told = json.loads(printed(run("fault", "list", "--json")))
+    assert (told["faults"], told["connection"], told["connection_options"]) == ([], "none", {})
     wrong = run("fault", "clear", "1")
     assert (wrong.returncode, wrong.stderr) == (1, "billing-lab: there is no fault number 1\n")
+
+
+def test_faults_of_the_connection_are_set_with_their_numbers_and_shown(run, lab):
+    assert printed(run("fault", "idle-close", "--ms", "60000")) == (
+        "idle-close: a connection is closed after this time without a request, not after five seconds\n")
+    lab.call("check_server_availability")
+    assert printed(run("fault", "silent")).startswith("silent: the connections of this moment go silent")
+    silent = lab.status()["connections"]["silent"]
+    assert silent > 0
+    assert printed(run("fault", "list")) == f"connection: idle-close, ms 60000, {silent} silent\n"
+    assert printed(run("fault", "restart", "--ms", "30000")).startswith("restart: the store ends")
+    assert "ms 60000, the store is down until its restart ends\n" in printed(run("status"))
+    assert printed(run("fault", "none")) == "none: connections work\n"
+    assert printed(run("fault", "list")) == "connection: none\n"
+
+
+def test_a_fault_that_cannot_strike_is_refused(run):
+    wrong = run("fault", "refuse-stream", "--endpoint", "confirm")
+    assert (wrong.returncode, wrong.stderr) == (
+        1, "billing-lab: refuse-stream cannot strike at confirm: the service sends payments over HTTP/1.1 alone\n")
 
 
 def test_the_journal_is_shown_as_lines_and_as_json(run, lab):

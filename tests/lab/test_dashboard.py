@@ -171,9 +171,48 @@ def test_a_fault_changes_the_answer_and_its_end_mends_it(page):
 def test_a_fault_of_the_connection_is_a_failed_handshake(page, lab):
     page.open()
     Select(page.field("faults", "Connections")).select_by_value("refuse-tls")
+    page.click("faults", "Do this to all connections")
     page.wait(lambda: lab.status()["connection"] == "refuse-tls")
     assert page.call("check_server_availability")[0].startswith("resp_result -1")
     page.wait(lambda: any("no connection" in row for row in page.rows()))
+    page.click("faults", "End all")
+    page.wait(lambda: lab.status()["connection"] == "none")
+
+
+@in_a_browser
+def test_connections_are_closed_silenced_and_ended_from_the_page(page, lab):
+    page.open()
+    choice = Select(page.field("faults", "Connections"))
+    choice.select_by_value("idle-close")
+    number = page.field("faults", "milliseconds")
+    assert number.get_property("value") == "1000"
+    page.driver.execute_script("arguments[0].value = 60000", number)
+    page.click("faults", "Do this to all connections")
+    page.wait(lambda: "without a request, not after five seconds, ms 60000" in page.text("#faults ul"))
+    lab.call("check_server_availability")
+    choice.select_by_value("silent")
+    page.click("faults", "Do this to all connections")
+    page.wait(lambda: "1 silent connection" in page.text("#faults ul"))
+    page.picture("connections")
+    choice.select_by_value("restart")
+    page.click("faults", "Do this to all connections")
+    page.wait(lambda: "the store is down until its restart ends" in page.text("#faults ul"))
+    page.wait(lambda: "is down" not in page.text("#faults ul") and "ms 60000" in page.text("#faults ul"))
+    page.click("faults", "End")
+    page.wait(lambda: "No fault is on" in page.text("#faults ul"))
+    assert lab.status()["connection"] == "none"
+
+
+@in_a_browser
+def test_the_protocol_of_a_request_is_shown(page, lab):
+    lab.call("check_server_availability")
+    lab.call("check_server_availability")
+    page.open()
+    page.wait(lambda: len(page.rows()) == 2)
+    assert [row.endswith("HTTP/2, full") for row in page.rows()][1]
+    page.all(".row")[1].click()
+    page.wait(lambda: ", HTTP/2, full handshake, TLSv1." in page.text("#detail"))
+    assert ":authority: production.localhost" in page.text("#detail")
 
 
 @in_a_browser

@@ -193,11 +193,11 @@ def test_a_reserved_product_forces_its_outcome(store, clients):
     ("untrusted", ssl.SSLCertVerificationError, "unable to get local issuer certificate"),
 ])
 def test_a_fault_of_the_connection_is_met_by_all(store, device_context, kind, error, said):
-    store.do(store.simulator.switch_connection_fault, kind)
+    store.do(store.simulator.connections.switch, kind)
     with pytest.raises(error) as caught:
         Client(store, device_context)
     assert said in str(caught.value).lower().replace("_", " ")
-    store.do(store.simulator.switch_connection_fault, "none")
+    store.do(store.simulator.connections.switch, "none")
     Client(store, device_context).close()
 
 
@@ -205,9 +205,9 @@ def test_a_fault_of_the_connection_is_met_by_all(store, device_context, kind, er
 def test_switching_drops_what_is_connected_and_its_sessions(store, client, clients, kind):
     ask(store, client)
     session = client.tls.session
-    store.do(store.simulator.switch_connection_fault, kind)
+    store.do(store.simulator.connections.switch, kind)
     assert everything(client)[0] == b""
-    store.do(store.simulator.switch_connection_fault, "none")
+    store.do(store.simulator.connections.switch, "none")
     again = clients(session)
     assert not again.tls.session_reused
     assert ask(store, again)[0] == 200
@@ -215,4 +215,4 @@ def test_switching_drops_what_is_connected_and_its_sessions(store, client, clien
 
 def test_a_fault_of_the_connection_that_is_none_is_refused(store):
     with pytest.raises(FaultError, match="'fire' is no fault of the connection; known are none"):
-        store.do(store.simulator.switch_connection_fault, "fire")
+        store.do(store.simulator.connections.switch, "fire")

@@ -95,6 +95,7 @@ def test_a_reserved_product_forces_its_fault_at_its_endpoint_alone():
     ("NEVER-SHIP.confirm.reset.5", "reset takes no '5'"),
     ("NEVER-SHIP.confirm.status.teapot", "status takes no 'teapot'"),
     ("NEVER-SHIP.confirm.status.600", "code is 600"),
+    ("NEVER-SHIP.apply.refuse-stream", "refuse-stream cannot strike at apply"),
 ])
 def test_a_reserved_product_that_forces_nothing_is_refused(product, said):
     with pytest.raises(faults.FaultError) as caught:

@@ -289,6 +289,7 @@ def test_the_control_interface_wants_its_token_and_its_own_name(lab, headers, qu
     ("/api/seed", {"file": "catalogue.json"}, "the file's path must be absolute"),
     ("/api/faults", {"kind": "reset", "count": 0}, "count is 0"),
     ("/api/connection", {"fault": "fire"}, "'fire' is no fault of the connection"),
+    ("/api/connection", {"fault": "restart", "ms": -1}, "ms is -1; it must be a number from 0 to 60000"),
     ("/api/answers", {"endpoint": "shop"}, "'shop' is no endpoint"),
 ])
 def test_what_cannot_be_asked_is_refused_with_a_reason(lab, path, body, said):

@@ -2,6 +2,9 @@
 import { ask, send } from "./api.js";
 import { byId, field, make, options } from "./dom.js";
 
+// How often a store that is down is looked after.
+const DOWN_MS = 500;
+
 /** A line under a form that says what went wrong, or nothing. */
 export function voice() {
   const line = make("p", { class: "said", role: "status" });
@@ -54,59 +57,96 @@ export function startDevice(meta, users, device) {
   return showIt;
 }
 
-export function startFaults(meta) {
-  const said = voice();
-  const connection = make("select");
-  options(connection, Object.entries(meta.connection_faults));
-  connection.addEventListener("change", () => said.hear(() => send("connection", { fault: connection.value })));
+/** A list of faults, and the number that the chosen one takes, if it takes one. */
+function faultChoice(kinds) {
   const kind = make("select");
-  options(kind, Object.entries(meta.faults).map(([name, fault]) => [name, `${name}: ${fault.what}`]));
-  const endpoint = make("select");
-  options(endpoint, [["", "every endpoint"], ...meta.endpoints.map((name) => [name, name])]);
+  options(kind, Object.entries(kinds).map(([name, fault]) => [name, `${name}: ${fault.what}`]));
   const number = make("input", { type: "number" });
-  const count = make("input", { type: "number", min: 1, placeholder: "until it is ended" });
-  const [numberLabel] = field("", number);
-  const list = make("ul", { class: "plain" });
-  const form = make("form", { class: "grid", onsubmit: (event) => { event.preventDefault(); said.hear(add); } },
-    ...field("Connections", connection), ...field("Answers", kind), ...field("Where", endpoint), numberLabel, number,
-    ...field("How often", count), make("div", { class: "wide actions" }, make("button", { class: "main", type: "submit" }, "Switch this fault on"),
-      make("button", { type: "button", onclick: () => said.hear(async () => { await ask("faults", { method: "DELETE" }); await refresh(); }) }, "End all")));
-  byId("faults").append(form, said.line, list);
-
-  function showNumber() {
-    const [name, option] = Object.entries(meta.faults[kind.value].options)[0] ?? [];
-    for (const element of [numberLabel, number]) element.hidden = !name;
-    if (!name) return;
-    numberLabel.textContent = option.unit;
-    Object.assign(number, { name, min: option.least, max: option.most, value: option.default });
-  }
+  const [label] = field("", number);
   kind.addEventListener("change", showNumber);
   showNumber();
 
+  function showNumber() {
+    const [name, option] = Object.entries(kinds[kind.value].options)[0] ?? [];
+    for (const element of [label, number]) element.hidden = !name;
+    if (!name) return;
+    label.textContent = option.unit;
+    Object.assign(number, { name, min: option.least, max: option.most, value: option.default });
+  }
+  return { kind, label, number, chosen: () => number.hidden ? {} : { [number.name]: number.valueAsNumber } };
+}
+
+export function startFaults(meta) {
+  const said = voice();
+  const connection = faultChoice(meta.connection_faults);
+  const answer = faultChoice(meta.faults);
+  const endpoint = make("select");
+  options(endpoint, [["", "every endpoint"], ...meta.endpoints.map((name) => [name, name])]);
+  const count = make("input", { type: "number", min: 1, placeholder: "until it is ended" });
+  const list = make("ul", { class: "plain" });
+  const form = make("form", { class: "grid", onsubmit: (event) => { event.preventDefault(); said.hear(add); } },
+    ...field("Answers", answer.kind), ...field("Where", endpoint), answer.label, answer.number, ...field("How often", count),
+    make("div", { class: "wide actions" }, make("button", { class: "main", type: "submit" }, "Switch this fault on"),
+      make("button", { type: "button", onclick: () => said.hear(endAll) }, "End all")));
+  const connections = make("form", { class: "grid", onsubmit: (event) => { event.preventDefault(); said.hear(turn); } },
+    ...field("Connections", connection.kind), connection.label, connection.number,
+    make("div", { class: "wide actions" }, make("button", { type: "submit" }, "Do this to all connections")));
+  byId("faults").append(form, connections, said.line, list);
+
   async function add() {
-    const wanted = { kind: kind.value };
-    if (!number.hidden) wanted[number.name] = number.valueAsNumber;
+    const wanted = { kind: answer.kind.value, ...answer.chosen() };
     if (endpoint.value) wanted.endpoint = endpoint.value;
     if (count.value) wanted.count = count.valueAsNumber;
     await send("faults", wanted);
     await refresh();
   }
 
-  async function refresh() {
-    show(await ask("faults"));
+  async function turn() {
+    await send("connection", { fault: connection.kind.value, ...connection.chosen() });
+    await refresh();
   }
 
-  function show(faults) {
-    list.replaceChildren(...faults.filter((fault) => !fault.over).map((fault) => make("li", {},
-      make("span", { class: "grow" }, textOf(fault)),
-      make("button", { type: "button", onclick: () => said.hear(async () => { await ask(`faults?number=${fault.number}`, { method: "DELETE" }); await refresh(); }) }, "End"))));
+  async function endAll() {
+    await ask("faults", { method: "DELETE" });
+    await send("connection", { fault: "none" });
+    await refresh();
+  }
+
+  async function refresh() {
+    const status = await ask("status");
+    show(status);
+    if (!status.connections.listening) setTimeout(() => refresh().catch(() => {}), DOWN_MS);
+  }
+
+  function item(text, end) {
+    return make("li", {}, make("span", { class: "grow" }, text),
+      make("button", { type: "button", onclick: () => said.hear(async () => { await end(); await refresh(); }) }, "End"));
+  }
+
+  function show(status) {
+    const all = ofConnections(status);
+    list.replaceChildren(
+      ...(all ? [item(all, () => send("connection", { fault: "none" }))] : []),
+      ...status.faults.filter((fault) => !fault.over).map((fault) => item(textOf(fault), () => ask(`faults?number=${fault.number}`, { method: "DELETE" }))));
     if (!list.children.length) list.replaceChildren(make("li", { class: "faint" }, "No fault is on: every answer is as it should be."));
+  }
+
+  /** What is not as usual with all connections, or nothing. */
+  function ofConnections({ connection: fault, connection_options: set, connections: now }) {
+    const parts = fault === "none" ? [] : [`${fault}: ${meta.connection_faults[fault].what}`, ...pairs(set)];
+    if (now.silent) parts.push(`${now.silent} silent ${now.silent === 1 ? "connection" : "connections"}`);
+    if (!now.listening) parts.push("the store is down until its restart ends");
+    return parts.join(", ");
   }
 
   function textOf(fault) {
     const { number: _, kind: name, endpoint: where, count_left: left, ...rest } = fault;
-    const more = Object.entries(rest).filter(([key]) => !["over", "chance", "seed", "done"].includes(key)).map(([key, value]) => `${key} ${typeof value === "object" ? JSON.stringify(value) : value}`);
+    const more = pairs(Object.fromEntries(Object.entries(rest).filter(([key]) => !["over", "chance", "seed", "done"].includes(key))));
     return [`${name} at ${where ?? "every endpoint"}`, ...more, ...(left === undefined ? [] : [`${left} left`])].join(", ");
   }
-  return { refresh, show, showConnection: (fault) => { connection.value = fault; } };
+  return { refresh, show };
+}
+
+function pairs(values) {
+  return Object.entries(values).map(([key, value]) => `${key} ${typeof value === "object" ? JSON.stringify(value) : value}`);
 }

@@ -28,7 +28,7 @@ function partsOf(entry) {
   const certificate = entry.certificate ? Object.entries(entry.certificate).map(([name, value]) => `${name} ${typeof value === "object" ? JSON.stringify(value) : value}`).join(", ") : "none";
   return [
     make("h3", {}, `Entry ${entry.seq}: ${entry.method} ${entry.url}`),
-    facts([["at", entry.time], ["request is", exact], ["connection", `${entry.connection}, ${entry.handshake} handshake, ${entry.tls}`],
+    facts([["at", entry.time], ["request is", exact], ["connection", `${entry.connection}, ${entry.protocol ?? "HTTP/1.1"}, ${entry.handshake} handshake, ${entry.tls}`],
       ["certificate", certificate], ["fault", entry.fault], ["answered with", `${entry.answer.status ?? "nothing"}, ${entry.answer.end}`],
       ["store took", entry.answer.milliseconds !== undefined ? `${entry.answer.milliseconds.toFixed(1)} ms` : null]]),
     make("div", { class: "pair" },

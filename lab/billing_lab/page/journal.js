@@ -30,7 +30,7 @@ function wanted(entry) {
   if (filter.endpoint.value && entry.endpoint !== filter.endpoint.value) return false;
   const text = filter.text.value.trim().toLowerCase();
   if (!text) return true;
-  entry.searched ??= JSON.stringify([entry.url, entry.reason, entry.headers, entry.body, entry.answer, entry.fault]).toLowerCase();
+  entry.searched ??= JSON.stringify([entry.url, entry.reason, entry.headers, entry.body, entry.answer, entry.fault, entry.protocol]).toLowerCase();
   return entry.searched.includes(text);
 }
 
@@ -126,7 +126,7 @@ function rowOf(entry, index) {
 }
 
 function endOf(entry) {
-  const parts = [entry.answer.end === "whole" ? entry.handshake : entry.answer.end];
+  const parts = [entry.protocol ?? "HTTP/1.1", entry.answer.end === "whole" ? entry.handshake : entry.answer.end];
   if (entry.fault) parts.push(`fault ${entry.fault}`);
   if (entry.differences.length) parts.push("not exact");
   return make("span", { class: entry.differences.length ? "odd" : entry.fault ? "bad" : "faint" }, parts.join(", "));

@@ -28,8 +28,7 @@ async function begin() {
   call.start(meta.methods);
   const showDevice = startDevice(meta, catalogue.users, status.device);
   const faults = startFaults(meta);
-  faults.show(status.faults);
-  faults.showConnection(status.connection);
+  faults.show(status);
   const invoices = startInvoices();
   invoices.showCatalogue(catalogue);
 
@@ -38,8 +37,7 @@ async function begin() {
     showCatalogue(fresh);
     invoices.showCatalogue(fresh);
     showDevice(now.device, fresh.users);
-    faults.show(now.faults);
-    faults.showConnection(now.connection);
+    faults.show(now);
     if ((await ask("journal")).length === 0) {
       journal.clear();
       plot.clear();

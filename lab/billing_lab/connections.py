@@ -1,0 +1,164 @@
+"""The store's listening side: who is connected, and the faults of every connection."""
+import asyncio
+import contextlib
+import errno
+import pathlib
+import socket
+import ssl
+from collections.abc import Callable
+
+from . import faults, tls
+from .connection import IDLE_SECONDS, Link
+
+HANDSHAKE_SECONDS = 30
+_BACKLOG = 512
+# handshake_failure, as a record of its own.
+_ALERT = b"\x15\x03\x03\x00\x02\x02\x28"
+
+
+def listen() -> socket.socket:
+    """A listening socket on a free port."""
+    with socket.socket() as probe:
+        probe.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
+        probe.bind(("127.0.0.1", 0))
+        # A port that was asked for by its number stays taken while its socket does not listen.
+        return socket.create_server(probe.getsockname(), backlog=_BACKLOG)
+
+
+class Connections:
+    """All of it runs in one event loop.
+
+    @param certificates the folder that tls.server_context wants
+    @param speak makes what speaks the protocol of a new connection
+    @param failed told why a handshake failed
+    """
+
+    def __init__(self, listener: socket.socket, certificates: pathlib.Path,
+                 speak: Callable[[Link], asyncio.Protocol], failed: Callable[[str], None]):
+        self.fault = "none"
+        self.options: dict[str, int] = {}
+        self._listener = listener
+        self._certificates = certificates
+        self._speak = speak
+        self._failed = failed
+        self._context = tls.server_context("none", certificates)
+        self._number = 0
+        self._links: set[Link] = set()
+        self._opening: set[asyncio.Task] = set()
+        self._listening = asyncio.Event()
+        self._listening.set()
+        self._return: asyncio.TimerHandle | None = None
+
+    async def run(self) -> None:
+        """Serves until it is cancelled."""
+        self._listener.setblocking(False)
+        loop = asyncio.get_running_loop()
+        try:
+            while True:
+                await self._listening.wait()
+                try:
+                    accepted, _ = await loop.sock_accept(self._listener)
+                except OSError as error:
+                    # The store was told to restart.
+                    if error.errno != errno.EINVAL:
+                        raise
+                    continue
+                task = loop.create_task(self._open(accepted))
+                self._opening.add(task)
+                task.add_done_callback(self._opening.discard)
+        finally:
+            self._listener.close()
+            self._drop()
+            await self.dropped()
+
+    async def _open(self, accepted: socket.socket) -> None:
+        if self.fault == "refuse-tls":
+            with contextlib.closing(accepted):
+                await self._refuse(accepted)
+            return
+        try:
+            await asyncio.get_running_loop().connect_accepted_socket(
+                lambda: _Opening(self), accepted, ssl=self._context,
+                ssl_handshake_timeout=HANDSHAKE_SECONDS)
+        except (OSError, asyncio.TimeoutError) as error:
+            self._failed(_reason(error))
+
+    async def _refuse(self, accepted: socket.socket) -> None:
+        loop = asyncio.get_running_loop()
+        with contextlib.suppress(OSError, asyncio.TimeoutError):
+            await asyncio.wait_for(loop.sock_recv(accepted, 65536), HANDSHAKE_SECONDS)
+            await loop.sock_sendall(accepted, _ALERT)
+        self._failed("refused, as the fault refuse-tls wants it")
+
+    def opened(self, transport: asyncio.Transport) -> asyncio.Protocol:
+        """A handshake is done. @return what speaks the protocol that it chose"""
+        self._number += 1
+        idle = self.options["ms"] / 1000 if self.fault == "idle-close" else IDLE_SECONDS
+        link = Link(self._number, transport, idle, self._links.discard)
+        self._links.add(link)
+        return self._speak(link)
+
+    def describe(self) -> dict:
+        return {"connection": self.fault, "connection_options": self.options,
+                "connections": {"open": len(self._links), "silent": sum(link.silent for link in self._links),
+                                "listening": self._listening.is_set()}}
+
+    def _drop(self) -> None:
+        for task in list(self._opening):
+            task.cancel()
+        for link in list(self._links):
+            link.drop()
+
+    async def dropped(self) -> None:
+        """Waits until what was dropped has ended, and the journal knows how."""
+        for link in [link for link in self._links if link.transport.is_closing()]:
+            with contextlib.suppress(asyncio.TimeoutError):
+                await asyncio.wait_for(link.done.wait(), HANDSHAKE_SECONDS)
+        await asyncio.sleep(0)
+
+    def switch(self, fault: str, **options: int) -> None:
+        """All but "silent" drop what is connected, and no TLS session of before is taken up again."""
+        name, read = faults.read_connection({"fault": fault, **options})
+        if name == "silent":
+            for link in list(self._links):
+                link.silence()
+            return
+        self._come_back()
+        if not faults.CONNECTION_FAULTS[name].once:
+            self.fault, self.options = name, read
+        self._context = tls.server_context(self.fault, self._certificates)
+        self._drop()
+        if name == "restart":
+            self._stop_listening(read["ms"] / 1000)
+
+    def _stop_listening(self, seconds: float) -> None:
+        self._listening.clear()
+        # The socket keeps the port meanwhile, and the kernel refuses who connects to it.
+        self._listener.shutdown(socket.SHUT_RD)
+        self._return = asyncio.get_running_loop().call_later(seconds, self._come_back)
+
+    def _come_back(self) -> None:
+        if self._return is None:
+            return
+        self._return.cancel()
+        self._return = None
+        self._listener.listen(_BACKLOG)
+        self._listening.set()
+
+
+class _Opening(asyncio.Protocol):
+    """Stands for the protocol until the handshake has chosen it."""
+
+    def __init__(self, connections: Connections):
+        self._connections = connections
+
+    def connection_made(self, transport: asyncio.BaseTransport) -> None:
+        chosen = self._connections.opened(transport)
+        transport.set_protocol(chosen)
+        chosen.connection_made(transport)
+
+
+def _reason(error: BaseException) -> str:
+    if isinstance(error, ssl.SSLError):
+        return (error.reason or str(error)).lower().replace("_", " ")
+    return str(error) or "the client did not finish the handshake"
