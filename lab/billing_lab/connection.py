@@ -103,8 +103,10 @@ class Link:
             self.transport.abort()
 
     def reset(self) -> None:
-        if self.silent:
-            return
+        if not self.silent:
+            self._reset()
+
+    def _reset(self) -> None:
         # Closing then drops what is unsent and sends a reset.
         raw = self.transport.get_extra_info("socket")
         raw.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
@@ -125,8 +127,11 @@ class Link:
                            struct.pack("HL", 1, ctypes.addressof(_DROP_ALL)))
 
     def drop(self) -> None:
-        """Ends it, a silent one too."""
-        self.transport.abort()
+        """Ends it, a silent one too: that one by a reset, since a FIN would wait for acknowledgements."""
+        if self.silent:
+            self._reset()
+        else:
+            self.transport.abort()
 
 
 class Exchange(abc.ABC):

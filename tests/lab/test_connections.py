@@ -150,10 +150,13 @@ def test_silence_takes_what_is_under_way(store, connect, switch):
     stays(client, 0.5)
 
 
-def test_a_silent_connection_outlives_the_idle_limit_and_ends_with_none(store, connect, switch):
+@pytest.mark.parametrize("answered", [True, False])
+def test_a_silent_connection_outlives_the_idle_limit_and_ends_with_none(store, connect, switch, answered):
     switch("idle-close", ms=200)
     client = connect()
-    client.ask("country")
+    client.start("country")
+    if answered:
+        client.tls.recv(65536)
     switch("silent")
     stays(client, 0.6)
     switch("none")
