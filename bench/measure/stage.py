@@ -24,7 +24,7 @@ LIMITS = {"max_replies_per_connection": 50_000, "max_connections_per_user": 1_00
           "max_completed_connections": 2_000, "max_incomplete_connections": 500,
           "max_incoming_bytes": 1_000_000_000, "max_outgoing_bytes": 1_000_000_000}
 
-SERVER = """keepalive_requests 100000000; keepalive_timeout 600; open_file_cache max=16;
+SERVER = """keepalive_requests 100000000; keepalive_timeout 75; open_file_cache max=16;
  {log} root {folder};"""
 
 
