@@ -40,10 +40,11 @@ class Http2Client:
     @param window of each stream and the connection, in bytes; what comes is acknowledged by `allow`
     """
 
-    def __init__(self, store, context, window=None):
+    def __init__(self, store, context, window=None, session=None):
         context.set_alpn_protocols(["h2", "http/1.1"])
         raw = socket.create_connection(("127.0.0.1", store.port), timeout=20)
-        self.tls = context.wrap_socket(raw, server_hostname=HOST, suppress_ragged_eofs=False)
+        self.tls = context.wrap_socket(raw, server_hostname=HOST, session=session,
+                                       suppress_ragged_eofs=False)
         assert self.tls.selected_alpn_protocol() == "h2"
         self._store = store
         self._manual = window is not None
