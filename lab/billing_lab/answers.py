@@ -42,8 +42,7 @@ def spoilt(reply: Reply, fault: Fault | None) -> Reply:
 async def _whole(exchange, reply, _fault):
     body = b"" if reply.status in _BODILESS else reply.body
     await exchange.head(reply.status, reply.type, len(body))
-    await exchange.write(body)
-    await exchange.end()
+    await exchange.end(body)
     return "whole"
 
 

@@ -175,8 +175,8 @@ class Exchange(abc.ABC):
         """A part of the body. It returns when there is room for more."""
 
     @abc.abstractmethod
-    async def end(self) -> None:
-        """The body is whole."""
+    async def end(self, data: bytes = b"") -> None:
+        """The last part of the body."""
 
     @abc.abstractmethod
     async def left_within(self, seconds: float) -> bool:

@@ -63,6 +63,8 @@ class Connections:
                     if error.errno != errno.EINVAL:
                         raise
                     continue
+                # asyncio does this only for sockets of its own making.
+                accepted.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
                 task = loop.create_task(self._open(accepted))
                 self._opening.add(task)
                 task.add_done_callback(self._opening.discard)

@@ -70,9 +70,9 @@ class _Exchange(Exchange):
         self.check_way()
         await self.response.write(data)
 
-    async def end(self) -> None:
+    async def end(self, data: bytes = b"") -> None:
         self.check_way()
-        await self.response.write_eof()
+        await self.response.write_eof(data)
 
     async def left_within(self, seconds: float) -> bool:
         return await is_set_within(self.link.left, seconds)

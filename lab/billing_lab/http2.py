@@ -43,6 +43,18 @@ class Stream(Exchange):
             (":status", str(status)), ("content-type", type), ("content-length", str(length))])
 
     async def write(self, data: bytes) -> None:
+        await self._send(data, end=False)
+
+    async def end(self, data: bytes = b"") -> None:
+        # The end stands in the last frame of the body, as ordinary servers have it: a client that counts
+        # the bytes does not wait for another frame.
+        if data:
+            await self._send(data, end=True)
+        else:
+            self.check_way()
+            self._connection.send_data(self.number, b"", end=True)
+
+    async def _send(self, data: bytes, end: bool) -> None:
         view = memoryview(data)
         while view:
             self.check_way()
@@ -50,12 +62,8 @@ class Stream(Exchange):
             if room <= 0:
                 await self._connection.more_room()
                 continue
-            self._connection.send_data(self.number, view[:room].tobytes())
+            self._connection.send_data(self.number, view[:room].tobytes(), end and room >= len(view))
             view = view[room:]
-
-    async def end(self) -> None:
-        self.check_way()
-        self._connection.send_data(self.number, b"", end=True)
 
     def check_way(self) -> None:
         super().check_way()

@@ -31,6 +31,8 @@ class Answer:
     headers: dict = dataclasses.field(default_factory=dict)
     body: bytes = b""
     whole: bool = False
+    # Did the end stand in the last frame of the body?
+    end_in_body: bool = False
     reset: int | None = None
 
 
@@ -120,6 +122,7 @@ class Http2Client:
                 answer.status = int(answer.headers[":status"])
             case h2.events.DataReceived():
                 answer.body += event.data
+                answer.end_in_body = bool(event.data) and event.stream_ended is not None
                 if not self._manual:
                     self.h2.acknowledge_received_data(event.flow_controlled_length, event.stream_id)
             case h2.events.StreamEnded():

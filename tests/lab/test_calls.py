@@ -49,12 +49,16 @@ def test_every_request_of_the_daemon_is_exact_and_presents_the_device(lab):
     lab.call("check_server_availability")
     first = len(lab.journal())
     for method in METHODS:
+        time.sleep(0.1)
         lab.call(method)
     entries = lab.journal()[first:]
     assert [entry["endpoint"] for entry in entries] == list(METHODS.values())
     assert [entry["differences"] for entry in entries] == [[]] * 5
     assert {entry["certificate"]["subject"] for entry in entries} == {"CN=Billing lab device"}
     assert [entry["protocol"] for entry in entries] == ["HTTP/2"] * 3 + ["HTTP/1.1"] * 2
+    # Questions share a connection; each payment has its own.
+    connections = [entry["connection"] for entry in entries]
+    assert len(set(connections)) == 3 and len(set(connections[:3])) == 1
 
 
 # What the caller gets for each fault: the result, and what its text must be, of the store's own body.
