@@ -39,7 +39,7 @@ constexpr BootTime kLostAfter = seconds(15);
 // The same for a connection from before a change of the network.
 constexpr BootTime kDoubtfulLostAfter = seconds(5);
 
-// Silent connections are looked for so often.
+// Connections are looked at so often while requests wait.
 constexpr BootTime kLookEvery = seconds(1);
 
 // A standby counts from this length on. The two clocks are not read at the same moment.
@@ -115,6 +115,7 @@ void giveUp(Connection& connection)
 {
     constexpr int kMostReads = 64;
     char rest[4096];
+    endInOrder(connection.tls);
     shutdown(connection.descriptor, SHUT_RDWR);
     for (int i = 0; i < kMostReads; ++i) {
         if (recv(connection.descriptor, rest, sizeof rest, MSG_DONTWAIT) <= 0) {
@@ -201,7 +202,8 @@ bool Connections::begin(Transfer& transfer, const char* localAddress, int localP
     }
     if (connection->requests == 0) {
         connection->host = transfer.hostKey;
-        connection->shared = speaksHttp2(transfer.curl.get());
+        connection->tls = tlsOf(transfer.curl.get());
+        connection->shared = speaksHttp2(connection->tls);
     }
     if (connection->users > 0 && !connection->shared) {
         transfer.crowded = true;
@@ -269,14 +271,14 @@ void Connections::retireIdle()
     }
 }
 
-void Connections::retireSilent()
+void Connections::retireWaiting()
 {
     const BootTime now = bootTime();
     if (m_blind || now < m_nextLook) {
         return;
     }
     m_nextLook = now + kLookEvery;
-    lookAround();
+    retireIdle();
     for (const auto& connection : m_open) {
         const bool candidate = connection->users > 0 && !connection->single && !connection->given &&
                                (connection->requests > 1 || connection->doubtful);

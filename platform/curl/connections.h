@@ -29,6 +29,7 @@ struct Connection {
     std::string localAddress;  // as libcurl tells it; empty until the socket has one
     int localPort = 0;
     int remotePort = 0;
+    void* tls = nullptr;       // OpenSSL's SSL, owned by libcurl; known from the first request on
     std::string host;          // host key of its requests
     std::size_t requests = 0;  // sent over it so far
     std::size_t users = 0;     // requests that have not ended
@@ -64,9 +65,10 @@ public:
     /// something to read, or are from before a change of the network or a standby.
     void retireIdle();
 
-    /// While requests wait: closes the connections on which nothing has come for too long. Only those whose requests
-    /// may be sent again.
-    void retireSilent();
+    /// While requests wait, to be called once a second or more often: the same, since a server that ends may take no new
+    /// connection until the old ones are closed; and closes the connections on which nothing has come for too long, of
+    /// those whose requests may be sent again.
+    void retireWaiting();
 
     /// @return whether a shared connection to this host is in use that a new request may not join
     bool isInDoubt(const std::string& host) const;

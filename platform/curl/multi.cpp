@@ -17,8 +17,9 @@
 namespace MZCurl {
 namespace {
 
-// libcurl knows its own deadlines, and additions and stops end a wait. This is for what it forgets.
-constexpr int kLongestPollMs = 2000;
+// libcurl knows its own deadlines, and additions and stops end a wait. This is for what it forgets, and for the connections
+// that it does not look at.
+constexpr int kLongestPollMs = 1000;
 
 // A finished transfer that its reader is not ready for yet will be wanted in a moment.
 constexpr int kUnclaimedPollMs = 1;
@@ -367,7 +368,7 @@ bool MZCurlMulti::Impl::select()
     if (!ok) {
         std::this_thread::sleep_for(kPauseAfterFailure);
     }
-    m_connections.retireSilent();
+    m_connections.retireWaiting();
     adopt();
     m_http2Moved = false;
     m_begun = false;

@@ -102,17 +102,29 @@ CURLcode onSslContext(CURL* /*curl*/, void* context, void* pointer)
     return CURLE_OK;
 }
 
-bool speaksHttp2(CURL* curl)
+void* tlsOf(CURL* curl)
 {
     const curl_tlssessioninfo* session = nullptr;
-    if (curl_easy_getinfo(curl, CURLINFO_TLS_SSL_PTR, &session) != CURLE_OK || session == nullptr ||
-        session->backend != CURLSSLBACKEND_OPENSSL || session->internals == nullptr) {
-        return false;
-    }
+    const bool known =
+        curl_easy_getinfo(curl, CURLINFO_TLS_SSL_PTR, &session) == CURLE_OK && session != nullptr;
+    return known && session->backend == CURLSSLBACKEND_OPENSSL ? session->internals : nullptr;
+}
+
+bool speaksHttp2(const void* ssl)
+{
     const unsigned char* name = nullptr;
     unsigned int length = 0;
-    SSL_get0_alpn_selected(static_cast<const SSL*>(session->internals), &name, &length);
+    if (ssl != nullptr) {
+        SSL_get0_alpn_selected(static_cast<const SSL*>(ssl), &name, &length);
+    }
     return std::string_view(reinterpret_cast<const char*>(name), length) == "h2";
+}
+
+void endInOrder(void* ssl)
+{
+    if (ssl != nullptr) {
+        SSL_set_shutdown(static_cast<SSL*>(ssl), SSL_SENT_SHUTDOWN | SSL_RECEIVED_SHUTDOWN);
+    }
 }
 
 std::string tlsCause(CURL* curl, CURLcode code, const std::string& text)

@@ -12,8 +12,15 @@ namespace MZCurl {
 /// @param transfer the Transfer @return CURLE_OK: what is missing shows in the handshake
 CURLcode onSslContext(CURL* curl, void* context, void* transfer);
 
-/// @return whether the connection of the transfer under way speaks HTTP/2
-bool speaksHttp2(CURL* curl);
+/// @return OpenSSL's SSL of the connection that the transfer is on, owned by libcurl; null without TLS
+void* tlsOf(CURL* curl);
+
+/// @return whether a connection speaks HTTP/2. @param ssl its SSL; may be null
+bool speaksHttp2(const void* ssl);
+
+/// Makes a connection one that both sides have ended, without a byte sent: its session can be taken up again then, which
+/// OpenSSL refuses after an end without good-bye. @param ssl its SSL; may be null
+void endInOrder(void* ssl);
 
 /// What libcurl's text for the end of a transfer leaves out: that a clock may be wrong, or whose
 /// certificate was refused. @return empty when there is nothing to add

@@ -129,3 +129,16 @@ def test_a_server_that_refuses_every_session_is_reached(service, caller, other_s
     assert {request.client for request in store.requests} == {"CN=Billing lab device"}
     # What makes the test worth something: sessions were offered.
     assert any("session id context" in text for text in store.handshake_failures)
+
+
+@pytest.mark.parametrize("listen", ["", "http2"])
+def test_a_connection_that_the_store_closed_leaves_its_session(service, caller, start_nginx, listen):
+    running = start_nginx(listen=listen, extra="keepalive_timeout 1;")
+    for method, arguments in (("get_product_list", ("app", "0", "check")),
+                              ("confirm_purchase", ("app", "custom", "invoice", "0")),
+                              ("get_product_list", ("app", "0", "check"))):
+        assert caller.call(method, *arguments) == (0, "nginx")
+        time.sleep(1.5)
+
+    # Only the first handshake was signed.
+    assert [entry.resumed for entry in running.stop()] == [".", "r", "r"]
