@@ -123,6 +123,12 @@ int __dlog_print(log_priority prio, const char* tag, const char* format, ...)
     return written;
 }
 
+// An error is printed as it is.
+int log_shows_private(log_priority prio)
+{
+    return prio >= DLOG_ERROR ? 1 : 0;
+}
+
 // Its records have no fields.
 void log_set_caller(const char*) {}
 

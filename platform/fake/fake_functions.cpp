@@ -97,6 +97,13 @@ int __dlog_print(log_priority prio, const char* tag, const char* format, ...)
     return length;
 }
 
+int log_shows_private(log_priority)
+{
+    fake::State& s = fake::state();
+    const std::lock_guard<std::mutex> hold(s.lock);
+    return s.showsPrivate ? 1 : 0;
+}
+
 void log_set_caller(const char* name)
 {
     t_caller = name != nullptr ? name : "";

@@ -52,6 +52,7 @@ void Platform::reset()
     change([](State& s) {
         s.answers = workingDevice();
         s.log.clear();
+        s.showsPrivate = true;
         s.calls.clear();
         s.observer = nullptr;
         s.secure.reset();
@@ -104,6 +105,11 @@ void Platform::gateway(bool exists)
         s.answers.gatewayError = 0;
         s.answers.gatewayExists = exists;
     });
+}
+
+void Platform::logShowsPrivate(bool on)
+{
+    change([&](State& s) { s.showsPrivate = on; });
 }
 
 void Platform::gatewayFails(int code)

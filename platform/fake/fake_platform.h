@@ -55,7 +55,7 @@ public:
     /// memory/menu/network/set_time "1", language "en_US.utf8", server type 1, guid "guid-1",
     /// authToken "auth-token-1", loginId "uid-1", time zone (3600, 0). The key store holds the
     /// device key as number 7 and works; credential {1, 2, 3, 4, 5}, key id 7, key material
-    /// "key-material-1", no named data. Log and calls empty, no observer.
+    /// "key-material-1", no named data. Log and calls empty, no observer, private values shown.
     void reset();
 
     // What the platform answers from now on; nullopt makes the read fail. The promises of the
@@ -73,6 +73,8 @@ public:
     void gatewayFails(int code);
     /// The network changes, once: the next question hears of it.
     void networkChanges();
+    /// What log_shows_private answers; the records are kept as they come all the same.
+    void logShowsPrivate(bool on);
     void host(deployment_host_e which, std::optional<std::string> value);
 
     void credential(std::optional<std::array<std::uint32_t, 5>> words);

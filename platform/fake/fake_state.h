@@ -31,6 +31,7 @@ struct State {
     std::mutex lock;
     Answers answers;
     std::vector<LogRecord> log;
+    bool showsPrivate = true;
     std::vector<std::string> calls;
     std::function<void(const LogRecord&)> observer;
     Secure secure;

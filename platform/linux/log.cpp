@@ -101,6 +101,11 @@ int __dlog_print(log_priority prio, const char* tag, const char* format, ...)
     return written;
 }
 
+int log_shows_private(log_priority prio)
+{
+    return prio >= g_settings.threshold && g_settings.options.showPrivate ? 1 : 0;
+}
+
 void log_set_caller(const char* name)
 {
     snprintf(t_caller.data(), t_caller.size(), "%s", name != nullptr ? name : "");

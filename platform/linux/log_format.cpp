@@ -3,6 +3,7 @@
 
 #include "log_private.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <charconv>
 #include <cstddef>
@@ -188,8 +189,10 @@ void writeValue(Record& record, std::string_view text, Privacy privacy)
 void writeText(Record& record, const Conversion& c, const char* value, Privacy privacy)
 {
     const char* const shown = value != nullptr ? value : "(null)";
-    const std::size_t size =
-        c.precision >= 0 ? strnlen(shown, static_cast<std::size_t>(c.precision)) : strlen(shown);
+    std::size_t most = privacy == Privacy::Hidden ? kMeasured + 1 : SIZE_MAX;
+    if (c.precision >= 0)
+        most = std::min(most, static_cast<std::size_t>(c.precision));
+    const std::size_t size = strnlen(shown, most);
     const auto width = static_cast<std::size_t>(c.width);
     const std::size_t padding = width > size ? width - size : 0;
     const bool left = strchr(c.flags, '-') != nullptr;

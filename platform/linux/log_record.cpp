@@ -116,8 +116,9 @@ void Record::blanks(std::size_t count)
 void Record::hidden(std::size_t size)
 {
     char digits[24];
-    const char* const end = std::to_chars(digits, digits + sizeof digits, size).ptr;
-    run("<private:");
+    const char* const end =
+        std::to_chars(digits, digits + sizeof digits, std::min(size, kMeasured)).ptr;
+    run(size > kMeasured ? "<private:over " : "<private:");
     run({digits, static_cast<std::size_t>(end - digits)});
     run(" bytes>");
 }

@@ -8,6 +8,9 @@
 
 namespace logging {
 
+/// How far a hidden text is read to tell its size: what is not shown costs nothing in proportion.
+constexpr std::size_t kMeasured = std::size_t{64} * 1024;
+
 /// A whole record, its line break included. As a line it fits into PIPE_BUF: a pipe takes it in one
 /// piece, or not at all.
 constexpr std::size_t kRecordLimit = 4096;
@@ -21,7 +24,7 @@ public:
     /// Adds a colour code, which has room even when the text was cut.
     void colour(std::string_view code);
     void blanks(std::size_t count);
-    /// Adds what stands for a value that is hidden.
+    /// Adds what stands for a value that is hidden. @param size more than kMeasured is told as that
     void hidden(std::size_t size);
 
     /// Notes what was cut off, if anything was, and ends the line. Once.

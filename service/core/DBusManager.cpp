@@ -3,6 +3,8 @@
 
 #include "BillingLog.h"
 #include "BillingTaskBase.h"
+#include "BusFilter.h"
+#include "ParametersText.h"
 #include "ReplyText.h"
 
 #include <platform/MZCurl.h>
@@ -82,8 +84,6 @@ constexpr const char* INTERFACE_XML = R"(<node>
 
 // After this many unanswered calls the count starts again at 1.
 constexpr guint32 PENDING_CALLS_END = 65279;
-
-using GCharPtr = std::unique_ptr<gchar, decltype(&g_free)>;
 
 using ItemMember = std::string CBillingItem::*;
 constexpr std::size_t MAX_ARGUMENTS = 6;
@@ -243,6 +243,7 @@ void CDBusManager::m_BusAcquired(GDBusConnection* connection, const char*, void*
 {
     auto* poManager = static_cast<CDBusManager*>(user_data);
     BILLING_INFO("Bus acquired, creating manager...");
+    CBusFilter::Install(connection);
     poManager->m_pBSBusRegisterID = g_dbus_connection_register_object(
         connection, OBJECT_PATH, poManager->m_pBSBusNode->interfaces[0],
         &poManager->m_tInterfaceVTable, poManager, nullptr, nullptr);
@@ -270,10 +271,7 @@ void CDBusManager::m_HandleMethodCall(GDBusConnection*, const char* sender, cons
 {
     const COnBehalf oOnBehalf(sender);
     BILLING_INFO_PLAIN("method name = %s\n", method_name);
-    {
-        const GCharPtr szParameters(g_variant_print(parameters, TRUE), g_free);
-        BILLING_INFO_PLAIN("parameters = %s\n", szParameters.get());
-    }
+    BILLING_INFO_PLAIN("parameters = %s\n", CParametersText(parameters).Get());
     if (user_data == nullptr) {
         BILLING_ERROR_PLAIN("DBusManager instance is NULL");
         return;

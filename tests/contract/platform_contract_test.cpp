@@ -342,6 +342,15 @@ TEST_F(APlatform, LogsOnBehalfOfACallerOrOfNobody)
     EXPECT_THAT(arrange::texts(), Contains(HasSubstr("for a caller")).Times(4));
 }
 
+TEST_F(APlatform, SaysWhetherItShowsPrivateValues)
+{
+    for (const log_priority priority : {DLOG_DEBUG, DLOG_INFO, DLOG_WARN, DLOG_ERROR}) {
+        const int shows = log_shows_private(priority);
+        EXPECT_TRUE(shows == 0 || shows == 1) << priority;
+        EXPECT_LE(shows, log_shows_private(DLOG_ERROR)) << "what is graver is not hidden alone";
+    }
+}
+
 TEST_F(APlatform, LogsANullTextAsNull)
 {
     const char* volatile text = nullptr;

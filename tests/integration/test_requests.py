@@ -1,9 +1,12 @@
 """Each method's request, byte for byte as the server gets it, and the answer that comes back."""
 import json
+import os
 
 import pytest
+from billing_lab.bus import OBJECT, SERVICE
+from gi.repository import Gio, GLib
 from harness.device import DUID, GUID, TOKEN, UID
-from harness.methods import EVERY_CALL
+from harness.methods import ARGUMENT_BYTES, EVERY_CALL, LIMITS_EXCEEDED, argument_bytes, filled
 
 COMMON = ["Content-Type: application/json; charset=utf-8", "Accept: application/json",
           f"DUID: {DUID}", f"Atoken: {TOKEN}"]
@@ -90,15 +93,50 @@ def test_quotes_backslashes_and_other_alphabets_reach_the_server_as_the_json_wri
     assert b'"appId" : "a\\"b\\\\c/d"' in request.body
 
 
-def test_a_text_of_a_megabyte_reaches_the_server_whole(service, caller, store):
-    invoice = "0123456789abcdef" * 65536
+def test_the_longest_text_reaches_the_server_whole(service, caller, store):
+    arguments = filled(("a", "c", "", "0"), 2)
+    assert argument_bytes(arguments) == ARGUMENT_BYTES
 
-    assert caller.call("get_applied_time", "a", "c", invoice, "0") == (0, "{}")
+    assert caller.call("get_applied_time", *arguments) == (0, "{}")
 
     (request,) = store.requests
-    assert json.loads(request.body)["invoiceId"] == invoice
+    assert json.loads(request.body)["invoiceId"] == arguments[2]
     # Nobody asks the server for leave to send.
     assert not any(line.startswith("Expect") for line in request.headers)
+
+
+@pytest.mark.parametrize("method, place", [("get_applied_time", 2), ("get_product_list", 0),
+                                           ("get_purchase_history", 3)])
+def test_one_byte_more_is_refused_by_name_and_nothing_is_sent(service, caller, store, method, place):
+    arguments = filled(EVERY_CALL[method], place, most=ARGUMENT_BYTES + 1)
+
+    with pytest.raises(GLib.Error) as refused:
+        caller.call(method, *arguments)
+
+    assert Gio.DBusError.get_remote_error(refused.value) == LIMITS_EXCEEDED
+    assert refused.value.message.endswith(
+        f": the arguments of this call have {ARGUMENT_BYTES + 1} bytes, at most {ARGUMENT_BYTES} are taken: "
+        "shorten them")
+    assert caller.call("check_server_availability") == (0, "{}")
+    assert len(store.requests) == 1
+    refusals = [text for text in service.texts("W") if "is refused: a call has" in text]
+    assert refusals == [f"caller {caller.connection.get_unique_name()} (user {os.getuid()}) is refused: a call has "
+                        f"{ARGUMENT_BYTES + 1} bytes of arguments, {ARGUMENT_BYTES} are taken"]
+    assert not any(text.startswith("method name = " + method) for text in service.texts())
+
+
+def test_a_long_call_that_wants_no_answer_gets_none(service, caller, store):
+    message = Gio.DBusMessage.new_method_call(SERVICE, OBJECT, SERVICE, "confirm_purchase")
+    message.set_body(GLib.Variant("(ssss)", ("a", "c", "x" * (1 << 20), "0")))
+    message.set_flags(Gio.DBusMessageFlags.NO_REPLY_EXPECTED)
+    seen = []
+    caller.connection.add_filter(lambda _, m, incoming: (seen.append(m.get_message_type()), m)[1] if incoming else m)
+    caller.connection.send_message(message, Gio.DBusSendMessageFlags.NONE)
+
+    assert caller.call("check_server_availability") == (0, "{}")
+
+    assert len(store.requests) == 1
+    assert seen == [Gio.DBusMessageType.METHOD_RETURN]
 
 
 def test_empty_texts_are_sent_as_empty_texts(service, caller, store):

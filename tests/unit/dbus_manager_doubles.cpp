@@ -4,6 +4,7 @@
 
 #include "BillingEngine.h"
 #include "BillingTaskBase.h"
+#include "BusFilter.h"
 
 BusDouble& Bus()
 {
@@ -72,6 +73,12 @@ bool CBillingEngine::CheckServerAvailability(std::string& strText, void* pUser)
 {
     Engine().strText = "[" + strText + "]";
     return Asked("CheckServerAvailability", {}, pUser);
+}
+
+void CBusFilter::Install(GDBusConnection* pConnection)
+{
+    Bus().calls.emplace_back("filter");
+    Bus().pFiltered = pConnection;
 }
 
 extern "C" {

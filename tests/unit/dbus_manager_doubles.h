@@ -32,6 +32,7 @@ struct BusDouble {
     std::vector<std::string> calls;
     GBusNameOwnerFlags eFlags = G_BUS_NAME_OWNER_FLAGS_REPLACE;
     gpointer pOwnData = nullptr;
+    GDBusConnection* pFiltered = nullptr;
     std::string strInterface;
     const GDBusInterfaceVTable* ptVTable = nullptr;
     gpointer pRegisterData = nullptr;

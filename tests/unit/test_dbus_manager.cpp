@@ -10,6 +10,7 @@
 using ::testing::Contains;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
+using ::testing::StartsWith;
 
 namespace {
 
@@ -88,7 +89,10 @@ TEST_F(ADBusManager, PublishesItsObjectWhenTheBusIsThere)
 
     CDBusManager::m_BusAcquired(pConnection, "name", &m_oManager);
 
-    EXPECT_THAT(Bus().calls, Contains("register /org/plevo/billingservice"));
+    EXPECT_THAT(Bus().calls,
+                ElementsAre(StartsWith("own "), "filter", "register /org/plevo/billingservice"))
+        << "what guards the connection is there before a call can come";
+    EXPECT_EQ(Bus().pFiltered, pConnection);
     EXPECT_EQ(Bus().strInterface, "org.plevo.billingservice");
     EXPECT_EQ(Bus().ptVTable, &DBusManagerProbe::vtable(m_oManager));
     EXPECT_EQ(Bus().pRegisterData, &m_oManager);

@@ -110,6 +110,25 @@ TEST_F(ADBusManager, PrintsParametersWithTypeAnnotations)
                 Contains(MANAGER.plainInfo("m_HandleMethodCall", "parameters = (uint32 5,)\n")));
 }
 
+TEST_F(ADBusManager, PrintsNoParametersForALogThatHidesThem)
+{
+    fake::platform().logShowsPrivate(false);
+
+    call("get_product_list", "('app', 'type', 'check')");
+    call("get_everything", "('app',)");
+    call("check_server_availability", "()");
+
+    std::vector<std::string> shown;
+    for (const Line& line : LoggedLines()) {
+        if (line.strText.rfind("parameters = ", 0) == 0) {
+            shown.push_back(line.strText.substr(13));
+        }
+    }
+    EXPECT_THAT(shown, ElementsAre(std::string(24, ' ') + "\n", std::string(8, ' ') + "\n",
+                                   std::string(2, ' ') + "\n"))
+        << "blanks in their size";
+}
+
 TEST_F(ADBusManager, IgnoresAnUnknownMethod)
 {
     call("get_everything", "('app',)");

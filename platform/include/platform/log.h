@@ -27,6 +27,12 @@ typedef enum {
 int __dlog_print(log_priority prio, const char* tag, const char* format, ...)
     __attribute__((format(printf, 3, 4)));
 
+/// Says whether a record of that priority would show its private values: where it would not, no text
+/// need be made for them.
+/// @return 1, or 0 when the record would be dropped or its private values hidden
+/// Thread: any
+int log_shows_private(log_priority prio);
+
 /// Says on whose behalf the calling thread logs from now on, for a log whose records have fields
 /// beside their text. Where there is none, nothing need be done.
 /// @param name the unique name of a bus client, at most 255 bytes as the bus has it; copied. Null

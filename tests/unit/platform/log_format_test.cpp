@@ -98,6 +98,14 @@ TEST(LogFormat, StopsReadingATextAtItsPrecision)
     EXPECT_EQ(render("%.3s", raw), "<private:3 bytes>");
 }
 
+TEST(LogFormat, ReadsAHiddenTextOnlySoFarAsItTellsItsSize)
+{
+    std::string text(std::size_t{64} * 1024, 'x');
+    EXPECT_EQ(render("%s", text.c_str()), "<private:65536 bytes>");
+    text += "x";
+    EXPECT_EQ(render("%s", text.c_str()), "<private:over 65536 bytes>");
+}
+
 TEST(LogFormat, WritesANullTextAsNull)
 {
     const char* const nothing = nullptr;

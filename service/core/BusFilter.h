@@ -1,0 +1,45 @@
+// BusFilter.h - puts the flow control between the bus library and the service's bus connection.
+#pragma once
+
+#include "BusFlow.h"
+
+#include <gio/gio.h>
+
+#include <mutex>
+#include <random>
+
+/// Sees each message of a connection as it comes in and goes out, also those that the bus library
+/// makes by itself. Messages pass on the bus library's thread, the timer runs on the main loop.
+class CBusFilter : private CBusPort {
+public:
+    /// Installs one, for the life of the connection. Call it before the first method call can come.
+    static void Install(GDBusConnection* pConnection);
+
+private:
+    explicit CBusFilter(GDBusConnection* pConnection);
+    ~CBusFilter() override;
+
+    static GDBusMessage* OnMessage(GDBusConnection* pConnection, GDBusMessage* pMessage,
+                                   gboolean bIncoming, gpointer pFilter) noexcept;
+    static gboolean OnTimer(gpointer pFilter) noexcept;
+    static void OnEnd(gpointer pFilter);
+
+    void Incoming(BusMessagePtr& pMessage);
+    void Outgoing(BusMessagePtr& pMessage);
+    void Refuse(GDBusMessage* pCall, std::size_t uBytes);
+
+    gint64 Now() const override;
+    guint32 Random() override;
+    bool Ask(BusQuestion eKind, const std::string& strName, guint32 uSerial) override;
+    void Release(GDBusMessage* pMessage) override;
+    void WakeAt(gint64 iTime) override;
+    void EndService() override;
+    void StopTimer();
+
+    GDBusConnection* m_pConnection;  // it owns this
+    std::mutex m_oLock;              // around the flow and the timer
+    CBusFlow m_oFlow;
+    GSource* m_pTimer = nullptr;
+    gint64 m_iTimerAt = 0;
+    std::random_device m_oRandom;
+};

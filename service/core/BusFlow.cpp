@@ -1,0 +1,241 @@
+// BusFlow.cpp - the flow control: calls and replies as they pass.
+#include "BusFlow.h"
+
+#include "BusLimits.h"
+
+#include <algorithm>
+
+using namespace BusLimits;
+
+namespace {
+
+// The caller learns what has become of its request: it must not take this for "not done".
+constexpr const char* ANSWER_DROPPED =
+    "the request was made, but its answer is dropped: earlier answers to this caller are not read; "
+    "read them before asking more";
+
+}  // namespace
+
+CBusFlow::CBusFlow(CBusPort& oPort) : m_oPort(oPort), m_questions(oPort) {}
+
+void CBusFlow::Start(const std::string& strOwnName)
+{
+    m_questions.Ask({BusQuestion::UNREAD, strOwnName, 0, m_oPort.Now()});
+}
+
+void CBusFlow::RefusedCall(const std::string& strSender, std::size_t uArgumentBytes)
+{
+    const gint64 iNow = m_oPort.Now();
+    if (m_report.RefusedCall(strSender, uArgumentBytes, iNow)) {
+        AskWhose(strSender, iNow);
+        m_oPort.WakeAt(iNow + REFUSALS_OVER_MS);
+    }
+}
+
+void CBusFlow::Reply(BusMessagePtr& pReply)
+{
+    const gint64 iNow = m_oPort.Now();
+    const std::size_t uBytes = HEADER_BYTES + BodyBytes(pReply.get());
+    if (m_eMeans == Means::NONE) {
+        SentUnknown(uBytes, iNow);
+        return;
+    }
+    const std::size_t uKnown = m_ledger.Callers().size();
+    BusCaller& tCaller = m_ledger.Of(g_dbus_message_get_destination(pReply.get()), iNow);
+    if (!tCaller.held.empty() || !m_ledger.HasRoom(tCaller, uBytes)) {
+        Hold(tCaller, std::move(pReply), uBytes, iNow);
+        return;
+    }
+    m_ledger.Sent(tCaller, uBytes, iNow);
+    if (!tCaller.bAsked && (tCaller.uUnread > ASK_BYTES || m_bPingUntried)) {
+        AskAbout(tCaller, iNow);
+    }
+    if (m_ledger.Callers().size() > uKnown) {
+        BusCaller* ptOldest = m_ledger.Superfluous();
+        if (ptOldest != nullptr) {
+            AskWhetherThere(*ptOldest, iNow);
+        }
+    }
+}
+
+void CBusFlow::Hold(BusCaller& tCaller, BusMessagePtr pReply, std::size_t uBytes, gint64 iNow)
+{
+    const bool bWindow = m_ledger.FitsWindow(tCaller, uBytes);
+    m_ledger.Hold(tCaller, std::move(pReply), uBytes, iNow);
+    ++tCaller.uHeldReplies;
+    m_oPort.WakeAt(iNow + FIRST_PAUSE_MS);
+    RefuseExcess(tCaller, iNow);
+    if (!tCaller.bAsked && tCaller.iAskAt == 0) {
+        if (tCaller.uUnread > 0) {
+            AskAbout(tCaller, iNow);
+        } else {
+            tCaller.iAskAt = iNow + LONGEST_PAUSE_MS;
+        }
+    }
+    if (bWindow) {
+        // It waits for what others have not read.
+        AskAboutOthers(iNow);
+    }
+}
+
+void CBusFlow::RefuseExcess(BusCaller& tCaller, gint64 iNow)
+{
+    while (m_ledger.HoldsTooMuch()) {
+        BusHeldReply* ptHeld = m_ledger.ToBeRefused(iNow);
+        if (ptHeld == nullptr) {
+            // Nothing but errors and the like wait, thousands of them.
+            m_ledger.DropLast(tCaller);
+            return;
+        }
+        ++ptHeld->ptCaller->uRefusedReplies;
+        BusMessagePtr pRefusal = MakeRefusal(ptHeld->pMessage.get(), ANSWER_DROPPED);
+        const std::size_t uBytes = HEADER_BYTES + BodyBytes(pRefusal.get());
+        m_ledger.Replace(*ptHeld, std::move(pRefusal), uBytes);
+    }
+}
+
+void CBusFlow::Known(BusCaller& tCaller, std::size_t uUnread, gint64 iNow)
+{
+    const bool bProgress = uUnread < tCaller.uUnread;
+    m_ledger.SetUnread(tCaller, uUnread, iNow);
+    tCaller.iLastSeen = iNow;
+    tCaller.iPause = bProgress ? FIRST_PAUSE_MS
+                               : std::clamp(tCaller.iPause * 2, FIRST_PAUSE_MS, LONGEST_PAUSE_MS);
+    ReleaseAll(iNow);
+    if (tCaller.held.empty()) {
+        m_ledger.ForgetIfSettled(tCaller);
+    } else if (m_eMeans == Means::PING && bProgress && tCaller.uUnread > 0) {
+        // Its next answer comes when it reads on.
+        AskAbout(tCaller, iNow);
+    } else {
+        tCaller.iAskAt = iNow + tCaller.iPause;
+        m_oPort.WakeAt(tCaller.iAskAt);
+    }
+}
+
+void CBusFlow::ReleaseAll(gint64 iNow)
+{
+    for (auto& [strName, tCaller] : m_ledger.Callers()) {
+        if (tCaller.held.empty()) {
+            continue;
+        }
+        while (const BusMessagePtr pNext = m_ledger.TakeNext(tCaller, iNow)) {
+            m_oPort.Release(pNext.get());
+        }
+        if (tCaller.held.empty()) {
+            IsOver(tCaller);
+        }
+    }
+}
+
+void CBusFlow::IsOver(BusCaller& tCaller)
+{
+    if (tCaller.eStory == BusStory::TOLD) {
+        m_report.GoesOn(tCaller);
+    }
+    if (tCaller.eStory != BusStory::ASKING) {
+        tCaller.eStory = BusStory::NONE;
+    }
+    tCaller.uHeldReplies = 0;
+    tCaller.uRefusedReplies = 0;
+    tCaller.iAskAt = 0;
+}
+
+void CBusFlow::Gone(const std::string& strName, gint64 iNow)
+{
+    const BusCaller* ptCaller = m_ledger.Find(strName);
+    if (ptCaller == nullptr) {
+        return;
+    }
+    if (ptCaller->eStory == BusStory::TOLD) {
+        m_report.HasLeft(*ptCaller);
+    }
+    m_ledger.Forget(strName);
+    ReleaseAll(iNow);
+}
+
+void CBusFlow::SentUnknown(std::size_t uBytes, gint64 iNow)
+{
+    m_uUnknown += std::min(uBytes, UNKNOWN_BYTES + 1);
+    if (m_uUnknown <= UNKNOWN_BYTES) {
+        return;
+    }
+    m_uUnknown = UNKNOWN_BYTES + 1;
+    m_bUnproven = true;
+    if (!m_bProofAsked && m_iProofAt == 0) {
+        m_iProofAt = m_iLastProof + PROOF_MS;
+        m_oPort.WakeAt(std::max(m_iProofAt, iNow));
+    }
+}
+
+void CBusFlow::Timer()
+{
+    if (m_bEnded) {
+        return;
+    }
+    const gint64 iNow = m_oPort.Now();
+    const gint64 iOldest = m_questions.OldestToBus();
+    if (iOldest != 0 && iNow - iOldest >= BUS_SILENT_MS) {
+        m_bEnded = true;
+        m_report.BusIsSilent();
+        m_oPort.EndService();
+        return;
+    }
+    if (m_iProofAt != 0 && m_iProofAt <= iNow) {
+        AskForProof(iNow);
+    }
+    if (m_iPingReportAt != 0 && m_iPingReportAt <= iNow) {
+        m_iPingReportAt = 0;
+        m_report.AsksCallers(m_strBusError.c_str());
+    }
+    bool bShort = false;
+    for (auto& [strName, tCaller] : m_ledger.Callers()) {
+        bShort = TendCaller(tCaller, iNow) || bShort;
+    }
+    if (bShort) {
+        AskAboutOthers(iNow);
+        m_oPort.WakeAt(iNow + LONGEST_PAUSE_MS);
+    }
+    WakeAt(m_report.TellOver(iNow));
+    WakeAt(m_iProofAt);
+    WakeAt(m_iPingReportAt);
+    const gint64 iStill = m_questions.OldestToBus();
+    WakeAt(iStill != 0 ? iStill + BUS_SILENT_MS : 0);
+}
+
+// Returns true when it waits for what others have not read.
+bool CBusFlow::TendCaller(BusCaller& tCaller, gint64 iNow)
+{
+    if (tCaller.held.empty()) {
+        return false;
+    }
+    if (!tCaller.bAsked && tCaller.iAskAt <= iNow) {
+        AskAbout(tCaller, iNow);
+    }
+    if (tCaller.eStory == BusStory::NONE) {
+        if (iNow - tCaller.iHeldSince >= REPORT_MS) {
+            BeginStory(tCaller, iNow);
+        } else {
+            WakeAt(tCaller.iHeldSince + REPORT_MS);
+        }
+    }
+    WakeAt(tCaller.bAsked ? 0 : tCaller.iAskAt);
+    return m_ledger.FitsWindow(tCaller, tCaller.held.front().uBytes);
+}
+
+void CBusFlow::BeginStory(BusCaller& tCaller, gint64 iNow)
+{
+    if (!m_report.MayBegin(iNow)) {
+        tCaller.eStory = BusStory::MUTED;
+        return;
+    }
+    tCaller.eStory = BusStory::ASKING;
+    AskWhose(tCaller.strName, iNow);
+}
+
+void CBusFlow::WakeAt(gint64 iTime)
+{
+    if (iTime != 0) {
+        m_oPort.WakeAt(iTime);
+    }
+}

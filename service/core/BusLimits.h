@@ -1,0 +1,108 @@
+// BusLimits.h - the limits of the service's bus connection. Each names its unit, its reason and the
+// figure behind it. Measured with dbus-daemon 1.14 and GLib 2.74 on two cores.
+#pragma once
+
+#include <glib.h>
+
+#include <cstddef>
+
+namespace BusLimits {
+
+constexpr std::size_t KIB = 1024;
+constexpr std::size_t MIB = 1024 * KIB;
+
+// --- arguments ---
+
+/// Bytes of all arguments of one call, as GVariant counts them. Real arguments are under 1 KiB. The
+/// main thread serves calls in the order of their arrival: 1,000 calls of this size, all control
+/// characters, are to cost another caller less than a second.
+constexpr std::size_t ARGUMENT_BYTES = 8 * KIB;
+
+// --- one caller ---
+
+/// Bytes of answers that one caller may leave unread before the next one waits in the service. The
+/// bus charges them to the service: with 127 MiB it stops reading from it, for everybody.
+constexpr std::size_t WINDOW_BYTES = 1 * MIB;
+
+/// Beyond so many bytes the bus is asked what the caller has not read. A question costs 0.22 ms;
+/// below, an ordinary call costs nothing more.
+constexpr std::size_t ASK_BYTES = WINDOW_BYTES / 2;
+
+/// Bytes of a reply beside its body: header fields and their padding.
+constexpr std::size_t HEADER_BYTES = 256;
+
+// --- all callers ---
+
+/// Bytes. A reply above it is large. Prices, invoices and confirmations are below it.
+constexpr std::size_t LARGE_BYTES = 64 * KIB;
+
+/// Bytes unread by all callers, up to which large replies are sent.
+constexpr std::size_t UNREAD_BYTES = 64 * MIB;
+
+/// Bytes more, for replies that are not large: who leaves large ones unread delays no small one.
+/// Both together stay under the 127 MiB at which the bus stops reading.
+constexpr std::size_t UNREAD_SMALL_BYTES = 32 * MIB;
+
+/// Bytes that wait in the service. Beyond, the largest become errors. Without it the unread answers
+/// would only move from the bus into the service: 2.1 GiB of 240 answers of 4 MiB and more.
+constexpr std::size_t HELD_BYTES = 32 * MIB;
+
+/// Bytes that a waiting reply takes beside its text: the message object and its header fields.
+constexpr std::size_t HELD_EXTRA_BYTES = 2 * KIB;
+
+/// Bytes. A waiting reply below it is not made an error: that would free next to nothing.
+constexpr std::size_t REFUSABLE_BYTES = 4 * KIB;
+
+/// Milliseconds without any progress, after which a caller's waiting replies are the first to become
+/// errors.
+constexpr gint64 STUCK_MS = 2000;
+
+/// Callers that are remembered before the bus is asked whether the one that was answered longest ago
+/// is still there. 64 cost some 20 KiB.
+constexpr std::size_t KEPT_CALLERS = 64;
+
+// --- questions ---
+
+/// Milliseconds from an answer to the next question about a caller that is held back: at first and
+/// at most. It doubles in between while nothing is read.
+constexpr gint64 FIRST_PAUSE_MS = 20;
+constexpr gint64 LONGEST_PAUSE_MS = 1000;
+
+/// Questions under way at a time. The bus lets a connection wait for 128 replies.
+constexpr std::size_t QUESTIONS = 96;
+
+/// Serials of questions begin here, at random: a caller that reads nothing could guess the next one
+/// of a sequence and answer unasked. The bus library counts the others from 1.
+constexpr guint32 FIRST_SERIAL = 0x80000000U;
+
+/// Bytes sent while nobody tells what is read, after which the bus has to show that it still reads.
+/// It stops at 127 MiB.
+constexpr std::size_t UNKNOWN_BYTES = 96 * MIB;
+
+/// Milliseconds between two of those proofs.
+constexpr gint64 PROOF_MS = 1000;
+
+/// Milliseconds in which the bus answers a question, or the service ends: it answers nobody then, and
+/// its manager starts it again. A bus under load answers in under 0.1 s.
+constexpr gint64 BUS_SILENT_MS = 10000;
+
+// --- the log ---
+
+/// Milliseconds that a caller is held back before a line says so: a caller that reads is held back
+/// for some milliseconds by a burst of its own.
+constexpr gint64 REPORT_MS = 1000;
+
+/// Milliseconds without a refused call of a caller, after which a line says that it is over.
+constexpr gint64 REFUSALS_OVER_MS = 10000;
+
+/// Callers whose refused calls are counted at a time.
+constexpr std::size_t REFUSED_CALLERS = 64;
+
+/// Beginnings of such stories that are told within REPORT_PERIOD_MS. Each takes two lines.
+constexpr unsigned REPORTS = 20;
+constexpr gint64 REPORT_PERIOD_MS = 60000;
+
+/// Milliseconds in which a caller answers a ping, or the report does not wait for it.
+constexpr gint64 PING_REPORT_MS = 1000;
+
+}  // namespace BusLimits

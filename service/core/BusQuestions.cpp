@@ -1,0 +1,63 @@
+// BusQuestions.cpp - the service's own questions that have no answer yet.
+#include "BusQuestions.h"
+
+#include "BusLimits.h"
+
+using namespace BusLimits;
+
+namespace {
+
+constexpr const char* BUS_NAME = "org.freedesktop.DBus";
+
+}  // namespace
+
+CBusQuestions::CBusQuestions(CBusPort& oPort) : m_oPort(oPort) {}
+
+bool CBusQuestions::Ask(const BusOpenQuestion& tQuestion)
+{
+    if (IsFull()) {
+        return false;
+    }
+    guint32 uSerial = 0;
+    do {
+        uSerial = m_oPort.Random() | FIRST_SERIAL;
+    } while (m_open.count(uSerial) != 0);
+    if (!m_oPort.Ask(tQuestion.eKind, tQuestion.strName, uSerial)) {
+        return false;
+    }
+    m_open.emplace(uSerial, tQuestion);
+    return true;
+}
+
+std::optional<BusOpenQuestion> CBusQuestions::Take(guint32 uSerial, const std::string& strSender)
+{
+    const auto it = m_open.find(uSerial);
+    if (it == m_open.end()) {
+        return std::nullopt;
+    }
+    // The bus answers for a caller that is gone or may not be asked.
+    const bool bCaller = it->second.eKind == BusQuestion::PING && strSender == it->second.strName;
+    if (!bCaller && strSender != BUS_NAME) {
+        return std::nullopt;
+    }
+    BusOpenQuestion tQuestion = std::move(it->second);
+    m_open.erase(it);
+    return tQuestion;
+}
+
+gint64 CBusQuestions::OldestToBus() const
+{
+    gint64 iOldest = 0;
+    for (const auto& [uSerial, tQuestion] : m_open) {
+        const bool bToBus = tQuestion.eKind != BusQuestion::PING;
+        if (bToBus && (iOldest == 0 || tQuestion.iSince < iOldest)) {
+            iOldest = tQuestion.iSince;
+        }
+    }
+    return iOldest;
+}
+
+bool CBusQuestions::IsFull() const
+{
+    return m_open.size() >= QUESTIONS;
+}
