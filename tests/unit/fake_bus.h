@@ -1,0 +1,87 @@
+// fake_bus.h - a bus, a clock and a process in the hand of a test.
+#pragma once
+
+#include "BusFlow.h"
+#include "BusLimits.h"
+#include "log_matchers.h"
+
+#include <gtest/gtest.h>
+
+#include <map>
+#include <optional>
+#include <string>
+#include <vector>
+
+constexpr const char* BUS = "org.freedesktop.DBus";
+
+/// What the flow control has asked for, and what it sees.
+class FakeBus : public CBusPort {
+public:
+    struct Question {
+        BusQuestion eKind;
+        std::string strName;
+    };
+
+    gint64 Now() const override { return iNow; }
+    guint32 Random() override { return uRandom++; }
+    bool Ask(BusQuestion eKind, const std::string& strName, guint32 uSerial) override
+    {
+        if (!bConnected) {
+            return false;
+        }
+        EXPECT_TRUE(asked.emplace(uSerial, Question{eKind, strName}).second);
+        return true;
+    }
+    void Release(GDBusMessage* pMessage) override
+    {
+        released.emplace_back(g_dbus_message_get_destination(pMessage),
+                              g_dbus_message_get_serial(pMessage));
+        const gchar* szError = g_dbus_message_get_error_name(pMessage);
+        errors.emplace_back(szError != nullptr ? szError : "");
+    }
+    void WakeAt(gint64 iTime) override
+    {
+        if (!iWakeAt || iTime < *iWakeAt) {
+            iWakeAt = iTime;
+        }
+    }
+    void EndService() override { ++uEnds; }
+
+    gint64 iNow = 1'000'000;
+    guint32 uRandom = 7;
+    bool bConnected = true;
+    unsigned uEnds = 0;
+    std::optional<gint64> iWakeAt;
+    std::map<guint32, Question> asked;  ///< and not answered
+    std::vector<std::pair<std::string, guint32>> released;
+    std::vector<std::string> errors;  ///< of what was released
+};
+
+/// The flow control on such a bus.
+class ABusFlow : public ::testing::Test {
+protected:
+    ABusFlow() { fake::platform().reset(); }
+
+    /// A reply of that many bytes on the bus goes out. @return true when it does so now
+    bool reply(const std::string& strTo, std::size_t uBytes);
+    /// How many questions of that kind are open.
+    std::size_t open(BusQuestion eKind) const;
+    /// Answers the open question of that kind about that caller. @return whether it was taken
+    bool answer(BusQuestion eKind, const std::string& strName, BusMessagePtr pAnswer,
+                const char* szFrom = BUS);
+    /// The bus says how much the caller has not read.
+    bool unread(const std::string& strName, guint32 uBytes);
+    bool user(const std::string& strName, guint32 uUser);
+    bool owner(const std::string& strName);
+    bool fails(BusQuestion eKind, const std::string& strName, const char* szError,
+               const char* szFrom = BUS);
+    bool pong(const std::string& strName);
+    /// Time passes, and the timer runs whenever it was asked for.
+    void pass(gint64 iMilliseconds);
+    /// The texts of the log so far.
+    std::vector<std::string> texts() const;
+
+    FakeBus m_oBus;
+    CBusFlow m_oFlow{m_oBus};
+    guint32 m_uSerial = 0;
+};

@@ -1,0 +1,473 @@
+// test_bus_flow.cpp - which reply goes out, which waits, which becomes an error.
+#include "fake_bus.h"
+
+#include <gmock/gmock.h>
+
+using namespace BusLimits;
+using ::testing::Contains;
+using ::testing::Each;
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+using ::testing::Not;
+using ::testing::Pair;
+using ::testing::SizeIs;
+
+namespace {
+
+constexpr const char* LIMITS = "org.freedesktop.DBus.Error.LimitsExceeded";
+constexpr const char* NO_OWNER = "org.freedesktop.DBus.Error.NameHasNoOwner";
+constexpr std::size_t ORDINARY = 400;
+
+TEST_F(ABusFlow, AsksNobodyAboutACallerThatIsOwedLittle)
+{
+    for (std::size_t uSent = 0; uSent + ORDINARY <= ASK_BYTES; uSent += ORDINARY) {
+        ASSERT_TRUE(reply(":1.1", ORDINARY));
+    }
+    EXPECT_THAT(m_oBus.asked, IsEmpty());
+    EXPECT_FALSE(m_oBus.iWakeAt) << "nor does it wake up";
+}
+
+TEST_F(ABusFlow, AsksTheBusOnceBeyondHalfAWindow)
+{
+    EXPECT_TRUE(reply(":1.1", ASK_BYTES));
+    EXPECT_TRUE(reply(":1.1", ORDINARY));
+    EXPECT_TRUE(reply(":1.1", ORDINARY));
+    EXPECT_EQ(open(BusQuestion::UNREAD), 1u);
+    EXPECT_TRUE(unread(":1.1", 0));
+    // What came after the question may be unread.
+    EXPECT_TRUE(reply(":1.1", ASK_BYTES - ORDINARY));
+    EXPECT_EQ(open(BusQuestion::UNREAD), 0u);
+    EXPECT_TRUE(reply(":1.1", ORDINARY));
+    EXPECT_EQ(open(BusQuestion::UNREAD), 1u);
+}
+
+TEST_F(ABusFlow, HoldsWhatIsBeyondTheWindowAndReleasesItInOrder)
+{
+    EXPECT_TRUE(reply(":1.1", WINDOW_BYTES));
+    EXPECT_FALSE(reply(":1.1", 3 * MIB));
+    EXPECT_FALSE(reply(":1.1", ORDINARY)) << "it must not overtake";
+    EXPECT_TRUE(reply(":1.2", ORDINARY)) << "the others' go out";
+
+    EXPECT_TRUE(unread(":1.1", WINDOW_BYTES));
+    EXPECT_THAT(m_oBus.released, IsEmpty());
+    pass(FIRST_PAUSE_MS);
+    EXPECT_TRUE(unread(":1.1", 0));
+    EXPECT_THAT(m_oBus.released, ElementsAre(Pair(":1.1", 2u)))
+        << "one larger than the window goes alone";
+    pass(FIRST_PAUSE_MS);
+    EXPECT_TRUE(unread(":1.1", 0));
+    EXPECT_THAT(m_oBus.released, ElementsAre(Pair(":1.1", 2u), Pair(":1.1", 3u)));
+    EXPECT_THAT(m_oBus.errors, Each(""));
+}
+
+TEST_F(ABusFlow, AsksLessAndLessOftenAboutACallerThatReadsNothing)
+{
+    reply(":1.1", WINDOW_BYTES);
+    reply(":1.1", ORDINARY);
+    unsigned uAsked = 0;
+    for (int i = 0; i < 1000; i++) {
+        if (open(BusQuestion::UNREAD) > 0) {
+            ++uAsked;
+            unread(":1.1", WINDOW_BYTES);
+        }
+        pass(10);
+    }
+    // 20, 40, ... 640 ms and then one a second.
+    EXPECT_GE(uAsked, 14u);
+    EXPECT_LE(uAsked, 17u);
+}
+
+TEST_F(ABusFlow, HoldsAnswersForACallerThatWasStoppedAsLongAsItTakes)
+{
+    reply(":1.1", WINDOW_BYTES);
+    EXPECT_FALSE(reply(":1.1", ORDINARY));
+    for (int i = 0; i < 3600; i++) {
+        if (open(BusQuestion::UNREAD) > 0) {
+            unread(":1.1", WINDOW_BYTES);
+        }
+        if (open(BusQuestion::USER) > 0) {
+            user(":1.1", 1000);
+        }
+        pass(500);
+    }
+    pass(LONGEST_PAUSE_MS);
+    unread(":1.1", 0);
+    EXPECT_THAT(m_oBus.released, SizeIs(1));
+    EXPECT_THAT(m_oBus.errors, ElementsAre(""));
+}
+
+TEST_F(ABusFlow, DropsWhatWaitsForACallerThatIsGone)
+{
+    reply(":1.1", WINDOW_BYTES);
+    reply(":1.1", ORDINARY);
+    EXPECT_TRUE(fails(BusQuestion::UNREAD, ":1.1", NO_OWNER));
+    pass(60000);
+    EXPECT_THAT(m_oBus.released, IsEmpty());
+    EXPECT_THAT(m_oBus.asked, IsEmpty()) << "it is forgotten";
+}
+
+TEST_F(ABusFlow, LetsAllCallersTogetherLeaveNoMoreUnreadThanTheBusTakes)
+{
+    std::size_t uSent = 0;
+    for (int i = 0; i < 1000; i++) {
+        uSent += reply(":1." + std::to_string(i), WINDOW_BYTES) ? WINDOW_BYTES : 0;
+    }
+    EXPECT_EQ(uSent, UNREAD_BYTES);
+    for (int i = 2000; i < 12000; i++) {
+        uSent += reply(":1." + std::to_string(i), LARGE_BYTES) ? LARGE_BYTES : 0;
+    }
+    EXPECT_EQ(uSent, UNREAD_BYTES + UNREAD_SMALL_BYTES);
+    EXPECT_LT(uSent, 127 * MIB);
+}
+
+TEST_F(ABusFlow, LetsSmallRepliesPassThoseThatReadNoLargeOnes)
+{
+    for (int i = 0; i < 16; i++) {
+        EXPECT_TRUE(reply(":1." + std::to_string(i), 4 * MIB));
+    }
+    EXPECT_FALSE(reply(":1.99", LARGE_BYTES + 1));
+    EXPECT_TRUE(reply(":1.98", LARGE_BYTES));
+    // One of the deaf has read: there is room again.
+    unread(":1.3", 0);
+    EXPECT_THAT(m_oBus.released, ElementsAre(Pair(":1.99", 17u)));
+}
+
+TEST_F(ABusFlow, AsksAboutEverybodyWhenTheRoomForAllIsUsedUp)
+{
+    // Owed too little each to be asked about, but for whether they are still there.
+    for (int i = 0; i < 128; i++) {
+        EXPECT_TRUE(reply(":1." + std::to_string(i), ASK_BYTES));
+        while (!m_oBus.asked.empty()) {
+            unread(m_oBus.asked.begin()->second.strName, ASK_BYTES);
+        }
+    }
+    pass(LONGEST_PAUSE_MS);
+    EXPECT_FALSE(reply(":1.999", LARGE_BYTES + 1));
+    EXPECT_EQ(open(BusQuestion::UNREAD), QUESTIONS);
+}
+
+TEST_F(ABusFlow, MakesTheLargestWaitingRepliesErrorsInTheirPlaces)
+{
+    EXPECT_TRUE(reply(":1.1", WINDOW_BYTES));
+    EXPECT_FALSE(reply(":1.1", ORDINARY));
+    EXPECT_FALSE(reply(":1.1", 20 * MIB));
+    EXPECT_FALSE(reply(":1.1", 10 * MIB));
+    EXPECT_FALSE(reply(":1.1", 11 * MIB)) << "32 MiB may wait: the 20 make room";
+    std::vector<std::string> expected{"", LIMITS, "", ""};
+    while (m_oBus.errors.size() < expected.size()) {
+        if (open(BusQuestion::UNREAD) > 0) {
+            unread(":1.1", 0);
+        }
+        pass(FIRST_PAUSE_MS);
+    }
+    EXPECT_EQ(m_oBus.errors, expected);
+    EXPECT_THAT(m_oBus.released,
+                ElementsAre(Pair(":1.1", 2u), Pair(":1.1", 3u), Pair(":1.1", 4u), Pair(":1.1", 5u)))
+        << "serials and order stay";
+}
+
+TEST_F(ABusFlow, TakesTheAnswersOfWhoMakesNoProgressFirst)
+{
+    reply(":1.1", WINDOW_BYTES);
+    reply(":1.1", 8 * MIB);
+    reply(":1.2", WINDOW_BYTES);
+    reply(":1.2", 20 * MIB);
+    pass(STUCK_MS);
+    // The second one reads, slowly.
+    unread(":1.2", WINDOW_BYTES / 2);
+    unread(":1.1", WINDOW_BYTES);
+    reply(":1.3", WINDOW_BYTES);
+    reply(":1.3", 5 * MIB);
+    for (int i = 0; i < 20; i++) {
+        pass(1000);
+        for (const char* szName : {":1.1", ":1.2", ":1.3"}) {
+            for (const auto& [uSerial, tQuestion] : m_oBus.asked) {
+                if (tQuestion.eKind == BusQuestion::UNREAD && tQuestion.strName == szName) {
+                    unread(szName, 0);
+                    break;
+                }
+            }
+        }
+    }
+    EXPECT_THAT(m_oBus.released, ElementsAre(Pair(":1.1", 2u), Pair(":1.2", 4u), Pair(":1.3", 6u)));
+    EXPECT_EQ(m_oBus.errors[0], LIMITS);
+    EXPECT_EQ(m_oBus.errors[1], "");
+    EXPECT_EQ(m_oBus.errors[2], "");
+}
+
+TEST_F(ABusFlow, DropsRepliesWhenEvenErrorsWouldBeTooMany)
+{
+    reply(":1.1", WINDOW_BYTES);
+    const std::size_t uMost = HELD_BYTES / (ORDINARY + HELD_EXTRA_BYTES);
+    for (std::size_t i = 0; i < uMost + 100; i++) {
+        EXPECT_FALSE(reply(":1.1", ORDINARY));
+    }
+    while (open(BusQuestion::UNREAD) > 0) {
+        unread(":1.1", 0);
+        pass(FIRST_PAUSE_MS);
+    }
+    EXPECT_EQ(m_oBus.released.size(), uMost);
+    EXPECT_EQ(m_oBus.released.back().second, uMost + 1) << "the oldest are kept";
+}
+
+TEST_F(ABusFlow, RemembersNoCallersThatAreGone)
+{
+    for (int i = 0; i < 1000; i++) {
+        pass(1);
+        reply(":1." + std::to_string(i), ORDINARY);
+        while (!m_oBus.asked.empty()) {
+            const std::string strName = m_oBus.asked.begin()->second.strName;
+            EXPECT_NE(strName, ":1." + std::to_string(i)) << "the newest stays";
+            fails(BusQuestion::UNREAD, strName, NO_OWNER);
+        }
+    }
+    // 64 that are still remembered are not in the way of anything.
+    EXPECT_TRUE(reply(":1.5000", UNREAD_BYTES - KEPT_CALLERS * ORDINARY));
+}
+
+// --- where the bus does not tell ---
+
+class ABusThatDoesNotTell : public ABusFlow {
+protected:
+    ABusThatDoesNotTell()
+    {
+        m_oFlow.Start(":1.0");
+        fails(BusQuestion::UNREAD, ":1.0", "org.freedesktop.DBus.Error.AccessDenied");
+    }
+    /// The first caller shows that callers may be asked.
+    void pingIsAllowed()
+    {
+        reply(":1.7", ORDINARY);
+        EXPECT_TRUE(pong(":1.7"));
+        pass(PING_REPORT_MS);
+    }
+};
+
+TEST_F(ABusThatDoesNotTell, AsksTheCallerAndSaysSoOnce)
+{
+    EXPECT_THAT(texts(), IsEmpty()) << "what callers may be asked is not known yet";
+    pingIsAllowed();
+    EXPECT_THAT(texts(), ElementsAre(HasSubstr("AccessDenied), the callers are asked")));
+    EXPECT_TRUE(reply(":1.1", WINDOW_BYTES));
+    EXPECT_FALSE(reply(":1.1", ORDINARY));
+    EXPECT_EQ(open(BusQuestion::UNREAD), 0u);
+    EXPECT_TRUE(pong(":1.1"));
+    EXPECT_THAT(m_oBus.released, SizeIs(1));
+    pass(60000);
+    EXPECT_THAT(texts(), SizeIs(1));
+}
+
+TEST_F(ABusThatDoesNotTell, TakesAnErrorOfTheCallerForAnAnswer)
+{
+    pingIsAllowed();
+    reply(":1.1", WINDOW_BYTES);
+    reply(":1.1", ORDINARY);
+    EXPECT_TRUE(fails(BusQuestion::PING, ":1.1", "org.freedesktop.DBus.Error.AccessDenied", ":1.1"))
+        << "it can only speak for itself";
+    EXPECT_THAT(m_oBus.released, SizeIs(1));
+    reply(":1.2", WINDOW_BYTES);
+    EXPECT_FALSE(reply(":1.2", ORDINARY));
+}
+
+TEST_F(ABusThatDoesNotTell, BelievesNoAnswerOfAnybodyElse)
+{
+    pingIsAllowed();
+    reply(":1.1", WINDOW_BYTES);
+    reply(":1.1", ORDINARY);
+    const auto asked = m_oBus.asked;
+    EXPECT_GE(asked.begin()->first, FIRST_SERIAL);
+    EXPECT_FALSE(answer(BusQuestion::PING, ":1.1", BusMessagePtr(g_dbus_message_new()), ":1.2"));
+    m_oBus.asked = asked;
+    EXPECT_THAT(m_oBus.released, IsEmpty());
+    EXPECT_TRUE(pong(":1.1"));
+    EXPECT_THAT(m_oBus.released, SizeIs(1));
+}
+
+TEST_F(ABusThatDoesNotTell, FindsOutWhetherACallerThatNeverAnsweredIsStillThere)
+{
+    pingIsAllowed();
+    reply(":1.1", WINDOW_BYTES);
+    reply(":1.1", ORDINARY);
+    fails(BusQuestion::PING, ":1.1", "org.freedesktop.DBus.Error.NoReply");
+    EXPECT_TRUE(owner(":1.1"));
+    EXPECT_THAT(m_oBus.released, IsEmpty()) << "the bus has only given the question up";
+    pass(LONGEST_PAUSE_MS);
+    user(":1.1", 1000);
+    fails(BusQuestion::PING, ":1.1", "org.freedesktop.DBus.Error.NoReply");
+    fails(BusQuestion::OWNER, ":1.1", NO_OWNER);
+    pass(60000);
+    EXPECT_THAT(m_oBus.asked, IsEmpty());
+}
+
+TEST_F(ABusThatDoesNotTell, HasNoMoreQuestionsOpenThanTheBusAllows)
+{
+    pingIsAllowed();
+    for (int i = 0; i < 200; i++) {
+        reply(":1." + std::to_string(i + 100), ASK_BYTES + HEADER_BYTES);
+    }
+    EXPECT_LE(m_oBus.asked.size(), QUESTIONS);
+    EXPECT_LT(QUESTIONS, 128u);
+}
+
+TEST_F(ABusThatDoesNotTell, SendsEverythingWhereCallersMayNotBeAskedEither)
+{
+    reply(":1.7", ORDINARY);
+    reply(":1.1", WINDOW_BYTES);
+    EXPECT_FALSE(reply(":1.1", ORDINARY));
+    fails(BusQuestion::PING, ":1.7", "org.freedesktop.DBus.Error.AccessDenied");
+    EXPECT_THAT(m_oBus.released, SizeIs(1));
+    EXPECT_TRUE(reply(":1.1", 30 * MIB));
+    pass(60000);
+    EXPECT_THAT(texts(), ElementsAre(HasSubstr("neither the bus nor its clients tell")));
+}
+
+class ABusWhereNobodyTells : public ABusThatDoesNotTell {
+protected:
+    ABusWhereNobodyTells()
+    {
+        reply(":1.7", ORDINARY);
+        fails(BusQuestion::PING, ":1.7", "org.freedesktop.DBus.Error.AccessDenied");
+    }
+};
+
+TEST_F(ABusWhereNobodyTells, HasToProveThatItStillReadsBeyondWhatItTakes)
+{
+    for (std::size_t i = 0; i < UNKNOWN_BYTES / MIB - 1; i++) {
+        EXPECT_TRUE(reply(":1.1", MIB));
+    }
+    pass(10000);
+    EXPECT_EQ(open(BusQuestion::PROOF), 0u);
+    reply(":1.1", MIB);
+    reply(":1.1", MIB);
+    pass(PROOF_MS);
+    EXPECT_EQ(open(BusQuestion::PROOF), 1u);
+    EXPECT_TRUE(answer(BusQuestion::PROOF, "", BusMessagePtr(g_dbus_message_new())));
+    pass(60000);
+    EXPECT_EQ(open(BusQuestion::PROOF), 0u) << "nothing was sent since";
+    EXPECT_EQ(m_oBus.uEnds, 0u);
+    reply(":1.1", ORDINARY);
+    pass(PROOF_MS);
+    EXPECT_EQ(open(BusQuestion::PROOF), 1u);
+    reply(":1.1", ORDINARY);
+    answer(BusQuestion::PROOF, "", BusMessagePtr(g_dbus_message_new()));
+    pass(PROOF_MS);
+    EXPECT_EQ(open(BusQuestion::PROOF), 1u) << "of what was sent behind the question, too";
+}
+
+TEST_F(ABusWhereNobodyTells, EndsTheServiceWhenTheBusIsSilent)
+{
+    for (std::size_t i = 0; i < UNKNOWN_BYTES / MIB + 1; i++) {
+        reply(":1.1", MIB);
+    }
+    pass(BUS_SILENT_MS - 1);
+    EXPECT_EQ(m_oBus.uEnds, 0u);
+    pass(2 * PROOF_MS);
+    EXPECT_EQ(m_oBus.uEnds, 1u);
+    EXPECT_THAT(texts(),
+                Contains(HasSubstr("the bus has not answered for 10000 ms, the service ends")));
+    pass(60000);
+    EXPECT_EQ(m_oBus.uEnds, 1u) << "once";
+}
+
+TEST_F(ABusFlow, EndsTheServiceWhenTheBusDoesNotAnswerAboutACallerEither)
+{
+    reply(":1.1", WINDOW_BYTES);
+    pass(BUS_SILENT_MS);
+    EXPECT_EQ(m_oBus.uEnds, 1u);
+}
+
+TEST_F(ABusFlow, TriesAQuestionThatCouldNotBeSentAgain)
+{
+    m_oBus.bConnected = false;
+    reply(":1.1", WINDOW_BYTES);
+    EXPECT_FALSE(reply(":1.1", ORDINARY));
+    m_oBus.bConnected = true;
+    pass(LONGEST_PAUSE_MS);
+    EXPECT_TRUE(unread(":1.1", 0));
+    EXPECT_THAT(m_oBus.released, SizeIs(1));
+}
+
+TEST_F(ABusFlow, LearnsNothingFromAnErrorThatPasses)
+{
+    reply(":1.1", WINDOW_BYTES);
+    reply(":1.1", ORDINARY);
+    fails(BusQuestion::UNREAD, ":1.1", "org.freedesktop.DBus.Error.NoMemory");
+    pass(FIRST_PAUSE_MS);
+    EXPECT_EQ(open(BusQuestion::UNREAD), 1u) << "the bus is asked again";
+    EXPECT_THAT(m_oBus.released, IsEmpty());
+}
+
+// --- the log ---
+
+TEST_F(ABusFlow, SaysNothingOfACallerThatIsHeldBackForAMoment)
+{
+    reply(":1.1", WINDOW_BYTES);
+    reply(":1.1", ORDINARY);
+    pass(REPORT_MS / 2);
+    unread(":1.1", 0);
+    pass(60000);
+    EXPECT_THAT(texts(), IsEmpty());
+}
+
+TEST_F(ABusFlow, TellsWhoIsHeldBackAndThatItIsOver)
+{
+    reply(":1.1", WINDOW_BYTES);
+    reply(":1.1", ORDINARY);
+    pass(REPORT_MS);
+    user(":1.1", 1000);
+    EXPECT_THAT(texts(), ElementsAre("caller :1.1 (user 1000) is held back: it has not read "
+                                     "1048576 bytes, 1 answers wait for it"));
+    reply(":1.1", ORDINARY);
+    unread(":1.1", 0);
+    EXPECT_THAT(texts(), SizeIs(2));
+    EXPECT_EQ(texts().back(),
+              "caller :1.1 (user 1000) goes on: 2 answers had to wait, 0 of them were refused");
+}
+
+TEST_F(ABusFlow, TellsThatACallerHasLeft)
+{
+    reply(":1.1", WINDOW_BYTES);
+    reply(":1.1", ORDINARY);
+    pass(REPORT_MS);
+    fails(BusQuestion::USER, ":1.1", NO_OWNER);
+    fails(BusQuestion::UNREAD, ":1.1", NO_OWNER);
+    EXPECT_THAT(texts(), SizeIs(2));
+    EXPECT_EQ(texts().back(),
+              "caller :1.1 (user unknown) has left: 1 answers that waited for it are dropped");
+}
+
+TEST_F(ABusFlow, TellsOfRefusedCallsOnceAndThatTheyAreOver)
+{
+    m_oFlow.RefusedCall(":1.1", 70000);
+    user(":1.1", 1000);
+    for (int i = 0; i < 500; i++) {
+        m_oFlow.RefusedCall(":1.1", 80000);
+        pass(10);
+    }
+    EXPECT_THAT(texts(), ElementsAre("caller :1.1 (user 1000) is refused: a call has 70000 bytes "
+                                     "of arguments, 8192 are taken"));
+    pass(REFUSALS_OVER_MS);
+    EXPECT_THAT(texts(), SizeIs(2));
+    EXPECT_EQ(texts().back(), "caller :1.1 (user 1000) is no longer refused: 501 calls were");
+    EXPECT_FALSE(m_oBus.iWakeAt) << "nothing is left to do";
+}
+
+TEST_F(ABusFlow, WritesNoMoreThanSoManyLinesAMinute)
+{
+    for (int i = 0; i < 300; i++) {
+        const std::string strName = ":1." + std::to_string(i);
+        m_oFlow.RefusedCall(strName, 70000);
+        if (open(BusQuestion::USER) > 0) {
+            user(strName, 1000);
+        }
+    }
+    EXPECT_THAT(texts(), SizeIs(REPORTS));
+    pass(REPORT_PERIOD_MS);
+    EXPECT_THAT(texts(), SizeIs(2 * REPORTS));
+    m_oFlow.RefusedCall(":1.999", 70000);
+    EXPECT_THAT(texts(), Contains("280 more callers were held back or refused"));
+    EXPECT_THAT(texts(), Not(Contains(HasSubstr(":1.299"))));
+}
+
+}  // namespace
