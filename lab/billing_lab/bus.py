@@ -31,7 +31,7 @@ CONFIGURATION = """<!DOCTYPE busconfig PUBLIC "-//freedesktop//DTD D-Bus Bus Con
     <allow receive_type="error"/>
     <allow receive_type="signal"/>
     <allow send_destination="org.freedesktop.DBus"/>
-{names}  </policy>
+{names}{rules}  </policy>
 {limits}</busconfig>
 """
 
@@ -40,9 +40,10 @@ class Bus:
     """The bus, with its socket and its configuration in a folder of the caller's.
 
     @param limits by their names in the bus's configuration, for tests beyond those of the system bus
+    @param policy  further rules, which count more than those before them
     """
 
-    def __init__(self, folder, names=(SERVICE,), limits=None):
+    def __init__(self, folder, names=(SERVICE,), limits=None, policy=()):
         folder = pathlib.Path(folder)
         self.socket = folder / "bus"
         # What may stand in an address as it is.
@@ -51,7 +52,7 @@ class Bus:
                         for name in names)
         configuration = folder / "bus.conf"
         configuration.write_text(CONFIGURATION.format(
-            address=self.address, names=rules, limits="".join(
+            address=self.address, names=rules, rules="".join(f"    {rule}\n" for rule in policy), limits="".join(
                 f'  <limit name="{name}">{value}</limit>\n'
                 for name, value in (limits or {}).items())))
         # It ends with us, however we end and be it at this moment, and knows nothing of our terminal's

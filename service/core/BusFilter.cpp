@@ -4,6 +4,8 @@
 #include "BillingLog.h"
 #include "BusLimits.h"
 
+#include <malloc.h>
+
 #include <algorithm>
 #include <csignal>
 #include <exception>
@@ -14,8 +16,35 @@ constexpr const char* BUS_NAME = "org.freedesktop.DBus";
 constexpr const char* BUS_PATH = "/org/freedesktop/DBus";
 constexpr const char* LIMITS_EXCEEDED = "org.freedesktop.DBus.Error.LimitsExceeded";
 
+constexpr const char* OWNERS_CHANGE =
+    "type='signal',sender='org.freedesktop.DBus',member='NameOwnerChanged'";
+
 // Marks a message that has waited: it goes out as it is.
 constexpr const char* RELEASED = "billing-released";
+
+// What a question to the bus calls.
+struct BusMethod {
+    const char* szInterface;
+    const char* szName;
+};
+
+BusMethod MethodOf(BusQuestion eKind)
+{
+    switch (eKind) {
+        case BusQuestion::UNREAD:
+            return {"org.freedesktop.DBus.Debug.Stats", "GetConnectionStats"};
+        case BusQuestion::OWNER:
+            return {BUS_NAME, "GetNameOwner"};
+        case BusQuestion::USER:
+            return {BUS_NAME, "GetConnectionUnixUser"};
+        case BusQuestion::WATCH:
+            return {BUS_NAME, "AddMatch"};
+        case BusQuestion::PING:
+        case BusQuestion::PROOF:
+            break;
+    }
+    return {BUS_NAME, "GetId"};
+}
 
 BusMessagePtr MakeQuestion(BusQuestion eKind, const std::string& strName)
 {
@@ -23,16 +52,12 @@ BusMessagePtr MakeQuestion(BusQuestion eKind, const std::string& strName)
         return BusMessagePtr(g_dbus_message_new_method_call(strName.c_str(), "/",
                                                             "org.freedesktop.DBus.Peer", "Ping"));
     }
-    const bool bUnread = eKind == BusQuestion::UNREAD;
-    const char* szInterface = bUnread ? "org.freedesktop.DBus.Debug.Stats" : BUS_NAME;
-    const char* szMember = eKind == BusQuestion::OWNER  ? "GetNameOwner"
-                           : eKind == BusQuestion::USER ? "GetConnectionUnixUser"
-                           : bUnread                    ? "GetConnectionStats"
-                                                        : "GetId";
+    const BusMethod tMethod = MethodOf(eKind);
     BusMessagePtr pMessage(
-        g_dbus_message_new_method_call(BUS_NAME, BUS_PATH, szInterface, szMember));
+        g_dbus_message_new_method_call(BUS_NAME, BUS_PATH, tMethod.szInterface, tMethod.szName));
+    const char* szArgument = eKind == BusQuestion::WATCH ? OWNERS_CHANGE : strName.c_str();
     if (eKind != BusQuestion::PROOF) {
-        g_dbus_message_set_body(pMessage.get(), g_variant_new("(s)", strName.c_str()));
+        g_dbus_message_set_body(pMessage.get(), g_variant_new("(s)", szArgument));
     }
     return pMessage;
 }
@@ -197,6 +222,13 @@ gboolean CBusFilter::OnTimer(gpointer pFilter) noexcept
         BILLING_ERROR("no memory for the flow control's timer");
     }
     return G_SOURCE_REMOVE;
+}
+
+void CBusFilter::GiveBack()
+{
+#ifdef __GLIBC__
+    malloc_trim(0);
+#endif
 }
 
 void CBusFilter::EndService()

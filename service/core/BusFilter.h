@@ -33,6 +33,7 @@ private:
     bool Ask(BusQuestion eKind, const std::string& strName, guint32 uSerial) override;
     void Release(GDBusMessage* pMessage) override;
     void WakeAt(gint64 iTime) override;
+    void GiveBack() override;
     void EndService() override;
     void StopTimer();
 

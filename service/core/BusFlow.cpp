@@ -62,6 +62,7 @@ void CBusFlow::Hold(BusCaller& tCaller, BusMessagePtr pReply, std::size_t uBytes
 {
     const bool bWindow = m_ledger.FitsWindow(tCaller, uBytes);
     m_ledger.Hold(tCaller, std::move(pReply), uBytes, iNow);
+    m_bGiveBack = m_bGiveBack || m_ledger.HeldBytes() > GIVE_BACK_BYTES;
     ++tCaller.uHeldReplies;
     m_oPort.WakeAt(iNow + FIRST_PAUSE_MS);
     RefuseExcess(tCaller, iNow);
@@ -196,6 +197,11 @@ void CBusFlow::Timer()
         AskAboutOthers(iNow);
         m_oPort.WakeAt(iNow + LONGEST_PAUSE_MS);
     }
+    if (m_bGiveBack && m_ledger.HeldBytes() == 0) {
+        m_bGiveBack = false;
+        m_oPort.GiveBack();
+    }
+    WakeAt(m_bGiveBack ? iNow + LONGEST_PAUSE_MS : 0);
     WakeAt(m_report.TellOver(iNow));
     WakeAt(m_iProofAt);
     WakeAt(m_iPingReportAt);

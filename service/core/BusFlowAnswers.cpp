@@ -86,6 +86,9 @@ void CBusFlow::AskWhose(const std::string& strName, gint64 iNow)
 
 void CBusFlow::AskForProof(gint64 iNow)
 {
+    // A bus that has stopped reading does not see its client end either, and the next service would
+    // not get the name. It sees it when it has something to tell it: that the next one has come.
+    m_bWatching = m_bWatching || m_questions.Ask({BusQuestion::WATCH, "", 0, iNow});
     m_iProofAt = iNow + PROOF_MS;
     if (m_questions.Ask({BusQuestion::PROOF, "", 0, iNow})) {
         m_bProofAsked = true;
@@ -121,6 +124,8 @@ bool CBusFlow::Answer(GDBusMessage* pMessage)
             break;
         case BusQuestion::PROOF:
             OnProof(iNow);
+            break;
+        case BusQuestion::WATCH:
             break;
     }
     return true;

@@ -53,6 +53,10 @@ constexpr std::size_t HELD_EXTRA_BYTES = 2 * KIB;
 /// Bytes. A waiting reply below it is not made an error: that would free next to nothing.
 constexpr std::size_t REFUSABLE_BYTES = 4 * KIB;
 
+/// Bytes. Once more than that has waited, free memory is given back to the system when nothing does
+/// any more: 50 MiB stayed with the process after 32 MiB had waited.
+constexpr std::size_t GIVE_BACK_BYTES = 4 * MIB;
+
 /// Milliseconds without any progress, after which a caller's waiting replies are the first to become
 /// errors.
 constexpr gint64 STUCK_MS = 2000;

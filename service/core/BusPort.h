@@ -14,6 +14,7 @@ enum class BusQuestion {
     OWNER,   ///< to the bus: is this caller still there?
     USER,    ///< to the bus: whose is it?
     PROOF,   ///< to the bus: does it still read?
+    WATCH,   ///< to the bus: tell of clients that come and go
 };
 
 class CBusPort {
@@ -34,6 +35,8 @@ public:
     virtual void Release(GDBusMessage* pMessage) = 0;
     /// Has CBusFlow::Timer called then, or earlier.
     virtual void WakeAt(gint64 iTime) = 0;
+    /// Gives free memory back to the system.
+    virtual void GiveBack() = 0;
     /// Ends the service as SIGTERM does.
     virtual void EndService() = 0;
 };

@@ -1,4 +1,5 @@
 """Callers on the bus that do not read what they are sent, over a socket of their own."""
+import contextlib
 import os
 import socket
 
@@ -44,6 +45,23 @@ class DeafCaller:
 
     def introspect(self):
         return self._send(*SERVICE, "org.freedesktop.DBus.Introspectable", "Introspect")
+
+    def pretend_to_answer(self, name, serial):
+        """Sends a reply that nobody has asked for."""
+        message = Gio.DBusMessage()
+        message.set_message_type(Gio.DBusMessageType.METHOD_RETURN)
+        message.set_flags(Gio.DBusMessageFlags.NO_REPLY_EXPECTED)
+        message.set_destination(name)
+        message.set_reply_serial(serial)
+        self.put(message)
+
+    def messages_until_silent(self, silence=1):
+        """What comes in until nothing did for so many seconds."""
+        found = []
+        with contextlib.suppress(TimeoutError):
+            for message in self.messages(silence):
+                found.append(message)
+        return found
 
     def messages(self, timeout=60):
         """What comes in, as long as it is asked for and nothing is missing for so many seconds."""

@@ -99,7 +99,7 @@ class PolicyBus:
         configuration = folder / "bus.conf"
         configuration.write_text(message_bus.CONFIGURATION.format(
             address=self.address, names="".join(f'    <allow own="{name}"/>\n' for name in names),
-            limits=f"  <servicedir>{services}</servicedir>\n  <include>{policy}</include>\n"))
+            rules="", limits=f"  <servicedir>{services}</servicedir>\n  <include>{policy}</include>\n"))
         self.process = subprocess.Popen(
             ["bwrap", "--die-with-parent", "--dev-bind", "/", "/",
              "--ro-bind", accounts.passwd, "/etc/passwd", "--ro-bind", accounts.group, "/etc/group",

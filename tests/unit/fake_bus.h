@@ -45,12 +45,14 @@ public:
             iWakeAt = iTime;
         }
     }
+    void GiveBack() override { ++uGivenBack; }
     void EndService() override { ++uEnds; }
 
     gint64 iNow = 1'000'000;
     guint32 uRandom = 7;
     bool bConnected = true;
     unsigned uEnds = 0;
+    unsigned uGivenBack = 0;
     std::optional<gint64> iWakeAt;
     std::map<guint32, Question> asked;  ///< and not answered
     std::vector<std::pair<std::string, guint32>> released;
