@@ -5,7 +5,9 @@
 #include <platform/process.h>
 
 #include <fcntl.h>
+#include <pthread.h>
 #include <sys/prctl.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -50,12 +52,39 @@ void hideMemory()
         prctl(PR_SET_DUMPABLE, 0, 0, 0, 0);
 }
 
+/// Transfers and the bus need descriptors, and a soft limit of 1,024 is what old programs with
+/// select() want. Ecore, which has it, opens its own at the start.
+void raiseDescriptorLimit()
+{
+    rlimit limit{};
+    if (getrlimit(RLIMIT_NOFILE, &limit) == 0) {
+        limit.rlim_cur = limit.rlim_max;
+        setrlimit(RLIMIT_NOFILE, &limit);
+    }
+}
+
+/// Bytes of stack for a thread whose maker asks for none: the bus library's, and one for each name
+/// that libcurl looks up. They use under 30 KiB; each would take 8 MiB of addresses. Threads of the
+/// service name their own size.
+constexpr std::size_t kOthersStack = std::size_t{256} * 1024;
+
+void smallStacks()
+{
+    pthread_attr_t attributes;
+    pthread_attr_init(&attributes);
+    pthread_attr_setstacksize(&attributes, kOthersStack);
+    pthread_setattr_default_np(&attributes);
+    pthread_attr_destroy(&attributes);
+}
+
 }  // namespace
 
 void platform_process_start(void)
 {
     process::holdSignals();
     fillStandardDescriptors();
+    raiseDescriptorLimit();
+    smallStacks();
     process::cleanEnvironment();
     process::ownDefaultContext();
     hideMemory();

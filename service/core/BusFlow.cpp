@@ -185,9 +185,9 @@ void CBusFlow::Timer()
     if (m_iProofAt != 0 && m_iProofAt <= iNow) {
         AskForProof(iNow);
     }
-    if (m_iPingReportAt != 0 && m_iPingReportAt <= iNow) {
-        m_iPingReportAt = 0;
-        m_report.AsksCallers(m_strBusError.c_str());
+    if (m_iPingReportAt <= iNow) {
+        // A refusal would have come by now.
+        ReportPing();
     }
     bool bShort = false;
     for (auto& [strName, tCaller] : m_ledger.Callers()) {

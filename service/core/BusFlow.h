@@ -52,6 +52,7 @@ private:
     void OnProof(gint64 iNow);
     void BusIsNoMeans(const std::string& strError);
     void PingIsNoMeans(const std::string& strError);
+    void ReportPing();
 
     void Hold(BusCaller& tCaller, BusMessagePtr pReply, std::size_t uBytes, gint64 iNow);
     void RefuseExcess(BusCaller& tCaller, gint64 iNow);

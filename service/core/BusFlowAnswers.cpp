@@ -163,6 +163,9 @@ void CBusFlow::OnPing(const BusOpenQuestion& tQuestion, const BusAnswer& tAnswer
         ptCaller->bAsked = false;
     }
     const bool bCaller = tAnswer.strSender == tQuestion.strName;
+    if (bCaller) {
+        ReportPing();
+    }
     if (!bCaller && IsGone(tAnswer.strError)) {
         Gone(tQuestion.strName, iNow);
     } else if (!bCaller && IsNoReply(tAnswer.strError)) {
@@ -207,6 +210,15 @@ void CBusFlow::OnUser(const BusOpenQuestion& tQuestion, const BusAnswer& tAnswer
     ptCaller->eStory = ptCaller->held.empty() ? BusStory::NONE : BusStory::TOLD;
     if (ptCaller->eStory == BusStory::TOLD) {
         m_report.HeldBack(*ptCaller);
+    }
+}
+
+// Callers may be asked.
+void CBusFlow::ReportPing()
+{
+    if (m_iPingReportAt != 0) {
+        m_iPingReportAt = 0;
+        m_report.AsksCallers(m_strBusError.c_str());
     }
 }
 

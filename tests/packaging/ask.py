@@ -16,7 +16,7 @@ def texts(count):
     return GLib.Variant("(" + "s" * count + ")", ["x"] * count)
 
 
-def calls(owner):
+def calls(owner, client):
     """Name, destination, path, interface, method, arguments."""
     for method, count in (("get_product_list", 3), ("get_purchase_history", 6), ("get_applied_time", 4),
                           ("confirm_purchase", 4), ("check_server_availability", 0)):
@@ -31,6 +31,11 @@ def calls(owner):
     yield "Ping", SERVICE, OBJECT, BUS + ".Peer", "Ping", None
     yield "Properties", SERVICE, OBJECT, BUS + ".Properties", "GetAll", texts(1)
     yield "another interface", SERVICE, OBJECT, "org.example.Other", "get", None
+    yield "Ping of a client", client, "/", BUS + ".Peer", "Ping", None
+    yield "introspection of a client", client, "/", BUS + ".Introspectable", "Introspect", None
+    for method in ("GetConnectionStats", "GetAllMatchRules"):
+        yield method, BUS, "/org/freedesktop/DBus", BUS + ".Debug.Stats", method, (
+            GLib.Variant("(s)", (client,)) if method == "GetConnectionStats" else None)
     yield "own its name", BUS, "/org/freedesktop/DBus", BUS, "RequestName", GLib.Variant("(su)", (SERVICE, 4))
     yield "own a name below it", BUS, "/org/freedesktop/DBus", BUS, "RequestName", GLib.Variant(
         "(su)", (SERVICE + ".more", 4))
@@ -44,11 +49,15 @@ def outcome(bus, destination, path, interface, method, arguments):
     return reply.get_error_name() or "answered"
 
 
-def main(address, owner):
-    bus = Gio.DBusConnection.new_for_address_sync(
+def connect(address):
+    return Gio.DBusConnection.new_for_address_sync(
         address, Gio.DBusConnectionFlags.AUTHENTICATION_CLIENT
         | Gio.DBusConnectionFlags.MESSAGE_BUS_CONNECTION, None, None)
-    print(json.dumps({name: outcome(bus, *call) for name, *call in calls(owner)}))
+
+
+def main(address, owner):
+    bus, client = connect(address), connect(address)
+    print(json.dumps({name: outcome(bus, *call) for name, *call in calls(owner, client.get_unique_name())}))
 
 
 if __name__ == "__main__":

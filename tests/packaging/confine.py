@@ -101,6 +101,7 @@ def drop_rights(_):
 # In this order; the first ones need rights that the later ones take.
 CONFINED = {
     "LimitCORE": lambda value: resource.setrlimit(resource.RLIMIT_CORE, (int(value), int(value))),
+    "LimitNOFILE": lambda value: resource.setrlimit(resource.RLIMIT_NOFILE, (int(value), int(value))),
     "UMask": lambda value: os.umask(int(value, 8)),
     "KeyringMode": lambda _: libc.syscall(250, 1, None),  # a session keyring of its own
     "ProcSubset": lambda _: check(libc.mount(b"proc", b"/proc", b"proc", 0xE, b"hidepid=invisible,subset=pid")),

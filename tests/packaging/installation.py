@@ -15,6 +15,10 @@ SERVICE_USER, CALLERS = "billing-service", "billing"
 MEMBER, MAIN_MEMBER, STRANGER = 61001, 61002, 61003
 
 
+# As the system bus has it.
+NO_STATISTICS = '    <deny send_destination="org.freedesktop.DBus" send_interface="org.freedesktop.DBus.Debug.Stats"/>\n'
+
+
 class Installed:
     """What `meson install` puts into a folder."""
 
@@ -99,7 +103,7 @@ class PolicyBus:
         configuration = folder / "bus.conf"
         configuration.write_text(message_bus.CONFIGURATION.format(
             address=self.address, names="".join(f'    <allow own="{name}"/>\n' for name in names),
-            rules="", limits=f"  <servicedir>{services}</servicedir>\n  <include>{policy}</include>\n"))
+            rules=NO_STATISTICS, limits=f"  <servicedir>{services}</servicedir>\n  <include>{policy}</include>\n"))
         self.process = subprocess.Popen(
             ["bwrap", "--die-with-parent", "--dev-bind", "/", "/",
              "--ro-bind", accounts.passwd, "/etc/passwd", "--ro-bind", accounts.group, "/etc/group",

@@ -80,6 +80,7 @@ def probes(other, outside, state, folder):
         "ProtectClock: asks to set the clock": lambda: did(libc.adjtimex(clock)),
         "ProtectKernelLogs: reads the kernel's log": lambda: did(libc.klogctl(10, None, 0)),
         "LimitCORE: may leave a core": lambda: has(resource.getrlimit(resource.RLIMIT_CORE)[1] != 0),
+        "LimitNOFILE: opens thousands of files": lambda: has(resource.getrlimit(resource.RLIMIT_NOFILE)[1] > 1024),
         "UMask: makes files for others": lambda: child(lambda: has(os.umask(0) != 0o77)),
         "CapabilityBoundingSet: has rights to gain": lambda: has(bounding() != 0),
         "NoNewPrivileges: may gain rights": lambda: has(libc.prctl(39, 0, 0, 0, 0) == 0),

@@ -19,11 +19,14 @@ ALLOWED = {**dict.fromkeys([*METHODS, "by its unique name", "Introspect", "Intro
                            ANSWERED),
            "a method that is none": "org.freedesktop.DBus.Error.UnknownMethod"}
 REFUSED = ["at another path", "without an interface", "Properties", "another interface", "own its name",
-           "own a name below it"]
+           "own a name below it", "Ping of a client", "introspection of a client", "GetConnectionStats",
+           "GetAllMatchRules"]
 TO_A_MEMBER = {**ALLOWED, **dict.fromkeys(REFUSED, DENIED)}
 TO_OTHERS = dict.fromkeys(TO_A_MEMBER, DENIED)
 # RequestName answers that somebody else owns it.
-TO_THE_SERVICE = {**TO_OTHERS, "own its name": ANSWERED}
+# What a caller has not read it may ask.
+TO_THE_SERVICE = {**TO_OTHERS, "own its name": ANSWERED, "Ping of a client": ANSWERED,
+                  "GetConnectionStats": ANSWERED}
 
 
 @pytest.fixture

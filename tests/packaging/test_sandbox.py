@@ -24,7 +24,8 @@ SURROUNDED = {"ProtectSystem", "ProtectHome", "PrivateTmp", "PrivateIPC", "Priva
               "ProtectControlGroups", "Environment", "RuntimeDirectory", "RuntimeDirectoryMode", "StateDirectory",
               "StateDirectoryMode", "SystemCallFilter", "Type", "BusName", "ExecStart"}
 # What only a service manager, or the kernel on its word, does. The documentation lists them.
-UNTRIED = {"DevicePolicy", "RemoveIPC", "Restart", "RestartSec", "TimeoutStartSec", "TimeoutStopSec"}
+UNTRIED = {"DevicePolicy", "MemoryHigh", "MemoryMax", "RemoveIPC", "Restart", "RestartSec", "TimeoutStartSec", "TasksMax",
+           "TimeoutStopSec"}
 
 
 @pytest.fixture

@@ -254,7 +254,6 @@ protected:
     {
         reply(":1.7", ORDINARY);
         EXPECT_TRUE(pong(":1.7"));
-        pass(PING_REPORT_MS);
     }
 };
 
@@ -270,6 +269,15 @@ TEST_F(ABusThatDoesNotTell, AsksTheCallerAndSaysSoOnce)
     EXPECT_THAT(m_oBus.released, SizeIs(1));
     pass(60000);
     EXPECT_THAT(texts(), SizeIs(1));
+}
+
+TEST_F(ABusThatDoesNotTell, TakesNoRefusalForLeaveToAsk)
+{
+    reply(":1.7", ORDINARY);
+    pass(PING_REPORT_MS - 1);
+    EXPECT_THAT(texts(), IsEmpty());
+    pass(1);
+    EXPECT_THAT(texts(), ElementsAre(HasSubstr("the callers are asked")));
 }
 
 TEST_F(ABusThatDoesNotTell, TakesAnErrorOfTheCallerForAnAnswer)

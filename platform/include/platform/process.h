@@ -18,6 +18,8 @@ extern "C" {
 /// - SIGPIPE is ignored from ecore_init() on; every other signal keeps its disposition.
 /// - after ecore_main_loop_quit() nothing more is dispatched, by Ecore or by GLib.
 /// - GLib's default main context is run by ecore_main_loop_begin() and by nobody else.
+/// - as many descriptors may be open as the system lets the process have
+/// - a thread that is made without a stack size gets a small one
 /// - environment variables that steer libraries (proxies, key logs, trust, engine configuration)
 ///   are gone.
 /// Thread: main.

@@ -12,6 +12,7 @@
 #include <platform/network.h>
 #include <platform/process.h>
 
+#include <pthread.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
@@ -101,6 +102,15 @@ int showProcess()
     sigprocmask(SIG_BLOCK, nullptr, &mask);
     printf("=term blocked %d\n=int blocked %d\n=dumpable %d\n", sigismember(&mask, SIGTERM),
            sigismember(&mask, SIGINT), prctl(PR_GET_DUMPABLE, 0, 0, 0, 0));
+    rlimit limit{};
+    getrlimit(RLIMIT_NOFILE, &limit);
+    pthread_attr_t attributes;
+    std::size_t stack = 0;
+    pthread_getattr_default_np(&attributes);
+    pthread_attr_getstacksize(&attributes, &stack);
+    pthread_attr_destroy(&attributes);
+    printf("=descriptor limit %llu\n=stack %zu\n", static_cast<unsigned long long>(limit.rlim_cur),
+           stack);
     struct stat null {};
     stat("/dev/null", &null);
     for (int fd = 0; fd <= 2; fd++) {

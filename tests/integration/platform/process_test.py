@@ -50,6 +50,16 @@ def test_only_sigterm_is_held_and_no_core_is_written():
     assert "dumpable 0" in facts
 
 
+def test_the_soft_limit_of_descriptors_is_raised_to_the_hard_one():
+    _, facts = started(["sh", "-c", 'ulimit -S -n 64; ulimit -H -n 512; "$0" process', PROBE])
+    assert "descriptor limit 512" in facts
+
+
+def test_threads_without_a_stack_size_get_a_small_one():
+    _, facts = started()
+    assert f"stack {256 << 10}" in facts
+
+
 def test_a_traced_program_stays_open_to_its_tracer(tmp_path):
     if shutil.which("strace") is None:
         pytest.skip("needs strace")
