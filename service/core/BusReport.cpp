@@ -4,6 +4,7 @@
 #include "BillingLog.h"
 #include "BusLedger.h"
 #include "BusLimits.h"
+#include "OnBehalf.h"
 
 using namespace BusLimits;
 
@@ -36,6 +37,7 @@ bool CBusReport::MayBegin(gint64 iNow)
 
 void CBusReport::HeldBack(const BusCaller& tCaller) const
 {
+    const COnBehalf oOnBehalf(tCaller.strName.c_str());
     BILLING_WARN("caller %s is held back: it has not read %zu bytes, %zu answers wait for it",
                  Who(tCaller.strName, tCaller.strUser).c_str(), tCaller.uUnread,
                  tCaller.held.size());
@@ -43,6 +45,7 @@ void CBusReport::HeldBack(const BusCaller& tCaller) const
 
 void CBusReport::GoesOn(const BusCaller& tCaller) const
 {
+    const COnBehalf oOnBehalf(tCaller.strName.c_str());
     BILLING_WARN("caller %s goes on: %u answers had to wait, %u of them were refused",
                  Who(tCaller.strName, tCaller.strUser).c_str(), tCaller.uHeldReplies,
                  tCaller.uRefusedReplies);
@@ -50,6 +53,7 @@ void CBusReport::GoesOn(const BusCaller& tCaller) const
 
 void CBusReport::HasLeft(const BusCaller& tCaller) const
 {
+    const COnBehalf oOnBehalf(tCaller.strName.c_str());
     BILLING_WARN("caller %s has left: %zu answers that waited for it are dropped",
                  Who(tCaller.strName, tCaller.strUser).c_str(), tCaller.held.size());
 }
@@ -99,6 +103,7 @@ void CBusReport::IsOf(const std::string& strName, const std::string& strUser)
     }
     it->second.strUser = strUser;
     it->second.bTold = true;
+    const COnBehalf oOnBehalf(strName.c_str());
     BILLING_WARN("caller %s is refused: a call has %zu bytes of arguments, %zu are taken",
                  Who(strName, strUser).c_str(), it->second.uBytes, ARGUMENT_BYTES);
 }
@@ -114,6 +119,7 @@ gint64 CBusReport::TellOver(gint64 iNow)
             continue;
         }
         if (it->second.bTold) {
+            const COnBehalf oOnBehalf(it->first.c_str());
             BILLING_WARN("caller %s is no longer refused: %u calls were",
                          Who(it->first, it->second.strUser).c_str(), it->second.uCalls);
         }

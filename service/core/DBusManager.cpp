@@ -4,11 +4,9 @@
 #include "BillingLog.h"
 #include "BillingTaskBase.h"
 #include "BusFilter.h"
+#include "OnBehalf.h"
 #include "ParametersText.h"
 #include "ReplyText.h"
-
-#include <platform/MZCurl.h>
-#include <platform/log.h>
 
 #include <array>
 #include <csignal>
@@ -22,22 +20,6 @@ namespace {
 
 constexpr const char* SERVICE_NAME = "org.plevo.billingservice";
 constexpr const char* OBJECT_PATH = "/org/plevo/billingservice";
-
-// While it lives, the log and the requests of this thread are on a bus client's behalf.
-class COnBehalf {
-public:
-    explicit COnBehalf(const char* szSender) { set(szSender); }
-    ~COnBehalf() { set(nullptr); }
-    COnBehalf(const COnBehalf&) = delete;
-    COnBehalf& operator=(const COnBehalf&) = delete;
-
-private:
-    static void set(const char* szSender)
-    {
-        log_set_caller(szSender);
-        MZCurl::MZCurlMulti::SetSender(szSender);
-    }
-};
 
 constexpr const char* INTERFACE_XML = R"(<node>
   <interface name="org.plevo.billingservice">
