@@ -85,6 +85,7 @@ void CBusFlow::RefuseExcess(BusCaller& tCaller, gint64 iNow)
         BusHeldReply* ptHeld = m_ledger.ToBeRefused(iNow);
         if (ptHeld == nullptr) {
             // Nothing but errors and the like wait, thousands of them.
+            ++tCaller.uRefusedReplies;
             m_ledger.DropLast(tCaller);
             return;
         }

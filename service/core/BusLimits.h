@@ -72,8 +72,12 @@ constexpr std::size_t KEPT_CALLERS = 64;
 constexpr gint64 FIRST_PAUSE_MS = 20;
 constexpr gint64 LONGEST_PAUSE_MS = 1000;
 
-/// Questions under way at a time. The bus lets a connection wait for 128 replies.
+/// Questions of what is unread that are under way at a time. The bus lets a connection wait for 128
+/// replies, and a ping may stay unanswered for good.
 constexpr std::size_t QUESTIONS = 96;
+
+/// Questions besides, which only the bus answers: whose a caller is, whether it is there, the proofs.
+constexpr std::size_t QUESTIONS_KEPT = 24;
 
 /// Serials of questions begin here, at random: a caller that reads nothing could guess the next one
 /// of a sequence and answer unasked. The bus library counts the others from 1.

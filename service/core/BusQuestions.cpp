@@ -15,7 +15,7 @@ CBusQuestions::CBusQuestions(CBusPort& oPort) : m_oPort(oPort) {}
 
 bool CBusQuestions::Ask(const BusOpenQuestion& tQuestion)
 {
-    if (IsFull()) {
+    if (IsFull(tQuestion.eKind)) {
         return false;
     }
     guint32 uSerial = 0;
@@ -57,7 +57,8 @@ gint64 CBusQuestions::OldestToBus() const
     return iOldest;
 }
 
-bool CBusQuestions::IsFull() const
+bool CBusQuestions::IsFull(BusQuestion eKind) const
 {
-    return m_open.size() >= QUESTIONS;
+    const bool bMany = eKind == BusQuestion::UNREAD || eKind == BusQuestion::PING;
+    return m_open.size() >= (bMany ? QUESTIONS : QUESTIONS + QUESTIONS_KEPT);
 }

@@ -27,7 +27,7 @@ public:
     std::optional<BusOpenQuestion> Take(guint32 uSerial, const std::string& strSender);
     /// When the oldest question to the bus was asked; 0 when none is under way.
     gint64 OldestToBus() const;
-    bool IsFull() const;
+    bool IsFull(BusQuestion eKind) const;
 
 private:
     CBusPort& m_oPort;
