@@ -252,11 +252,10 @@ def test_an_answer_that_is_made_up_opens_no_window(service, bystander, deaf, sto
 
 
 @with_policy(NO_STATS)
-def test_a_bus_that_does_not_read_any_more_ends_the_service(service, bystander, deaf, start_daemon, callers, store,
-                                                            figure):
+def test_a_bus_that_does_not_read_any_more_ends_the_service(service, bystander, deaf, start_daemon, store, figure):
     product_lists_of(store, MIB)
-    attackers = deaf(3)
-    for caller in attackers:
+    before = bystander.owner()
+    for caller in deaf(3):
         for _ in range(60):
             caller.call("get_product_list", "a", "", "")
     began = time.monotonic()
@@ -264,12 +263,13 @@ def test_a_bus_that_does_not_read_any_more_ends_the_service(service, bystander, 
     took = time.monotonic() - began
     assert len(lines_with(service, "does not tell")) + len(lines_with(service, NOBODY_ASKED)) == 1
     assert len(lines_with(service, "the bus has not answered for 10000 ms, the service ends")) == 1
-    # What its manager does.
+    # What its manager does. The bus lets go of the name once the next one has come.
     again = start_daemon()
-    again.wait_for_name(callers())
+    again.wait_until(lambda: bystander.owner() not in (None, before), "it owns its name")
     bystander.confirms(3)
     figure(f"the service ended {took:.1f} s after the last call of those that read nothing")
-    assert took < 15 + 10
+    # And what the machine needs to send all that.
+    assert took < 20 * SLOWER
 
 
 def test_arguments_as_long_as_the_bus_carries(service, bystander, callers, figure):
