@@ -81,7 +81,6 @@ private:
     bool m_bProofAsked = false;
     gint64 m_iProofAt = 0;
     gint64 m_iLastProof = 0;
-    bool m_bWatching = false;
     bool m_bGiveBack = false;  // much has waited
     bool m_bEnded = false;
 };

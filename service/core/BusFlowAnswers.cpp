@@ -86,9 +86,6 @@ void CBusFlow::AskWhose(const std::string& strName, gint64 iNow)
 
 void CBusFlow::AskForProof(gint64 iNow)
 {
-    // A bus that has stopped reading does not see its client end either, and the next service would
-    // not get the name. It sees it when it has something to tell it: that the next one has come.
-    m_bWatching = m_bWatching || m_questions.Ask({BusQuestion::WATCH, "", 0, iNow});
     m_iProofAt = iNow + PROOF_MS;
     if (m_questions.Ask({BusQuestion::PROOF, "", 0, iNow})) {
         m_bProofAsked = true;
@@ -249,8 +246,12 @@ void CBusFlow::PingIsNoMeans(const std::string& strError)
     m_eMeans = Means::NONE;
     m_iPingReportAt = 0;
     m_report.AsksNobody(strError.c_str());
-    // As before there was any flow control: the bus takes what it takes.
     const gint64 iNow = m_oPort.Now();
+    // A bus that has stopped reading does not see its client end either, and the next service would
+    // not get the name. It sees it when it has something to tell it: that the next one has come.
+    // Later, behind all the replies, the question might not be read.
+    m_questions.Ask({BusQuestion::WATCH, "", 0, iNow});
+    // As before there was any flow control: the bus takes what it takes.
     for (auto& [strName, tCaller] : m_ledger.Callers()) {
         for (const BusHeldReply& tHeld : tCaller.held) {
             SentUnknown(tHeld.uBytes, iNow);

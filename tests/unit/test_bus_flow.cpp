@@ -341,6 +341,7 @@ TEST_F(ABusThatDoesNotTell, SendsEverythingWhereCallersMayNotBeAskedEither)
     fails(BusQuestion::PING, ":1.7", "org.freedesktop.DBus.Error.AccessDenied");
     EXPECT_THAT(m_oBus.released, SizeIs(1));
     EXPECT_TRUE(reply(":1.1", 30 * MIB));
+    EXPECT_TRUE(answer(BusQuestion::WATCH, "", BusMessagePtr(g_dbus_message_new())));
     pass(60000);
     EXPECT_THAT(texts(), ElementsAre(HasSubstr("neither the bus nor its clients tell")));
 }
@@ -351,6 +352,8 @@ protected:
     {
         reply(":1.7", ORDINARY);
         fails(BusQuestion::PING, ":1.7", "org.freedesktop.DBus.Error.AccessDenied");
+        EXPECT_TRUE(answer(BusQuestion::WATCH, "", BusMessagePtr(g_dbus_message_new())))
+            << "so that it sees the service end";
     }
 };
 
@@ -365,8 +368,6 @@ TEST_F(ABusWhereNobodyTells, HasToProveThatItStillReadsBeyondWhatItTakes)
     reply(":1.1", MIB);
     pass(PROOF_MS);
     EXPECT_EQ(open(BusQuestion::PROOF), 1u);
-    EXPECT_TRUE(answer(BusQuestion::WATCH, "", BusMessagePtr(g_dbus_message_new())))
-        << "so that it sees the service end";
     EXPECT_TRUE(answer(BusQuestion::PROOF, "", BusMessagePtr(g_dbus_message_new())));
     pass(60000);
     EXPECT_EQ(open(BusQuestion::PROOF), 0u) << "nothing was sent since";
@@ -374,7 +375,6 @@ TEST_F(ABusWhereNobodyTells, HasToProveThatItStillReadsBeyondWhatItTakes)
     reply(":1.1", ORDINARY);
     pass(PROOF_MS);
     EXPECT_EQ(open(BusQuestion::PROOF), 1u);
-    EXPECT_EQ(open(BusQuestion::WATCH), 0u) << "once";
     reply(":1.1", ORDINARY);
     answer(BusQuestion::PROOF, "", BusMessagePtr(g_dbus_message_new()));
     pass(PROOF_MS);
