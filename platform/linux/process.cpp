@@ -5,6 +5,7 @@
 #include <platform/process.h>
 
 #include <fcntl.h>
+#include <link.h>
 #include <pthread.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
@@ -64,15 +65,28 @@ void raiseDescriptorLimit()
 }
 
 /// Bytes of stack for a thread whose maker asks for none: the bus library's, and one for each name
-/// that libcurl looks up. They use under 30 KiB; each would take 8 MiB of addresses. Threads of the
+/// that libcurl looks up. They use under 30 KiB; else each would take 8 MiB of addresses. Threads of the
 /// service name their own size.
 constexpr std::size_t kOthersStack = std::size_t{256} * 1024;
 
+/// Adds what a library keeps for each thread, which lies on the thread's stack.
+int addThreadStorage(dl_phdr_info* library, std::size_t, void* sum)
+{
+    for (int i = 0; i < library->dlpi_phnum; i++) {
+        if (library->dlpi_phdr[i].p_type == PT_TLS)
+            *static_cast<std::size_t*>(sum) += library->dlpi_phdr[i].p_memsz;
+    }
+    return 0;
+}
+
 void smallStacks()
 {
+    std::size_t stack = kOthersStack;
+    // A sanitizer's runtime has more of it than that.
+    dl_iterate_phdr(addThreadStorage, &stack);
     pthread_attr_t attributes;
     pthread_attr_init(&attributes);
-    pthread_attr_setstacksize(&attributes, kOthersStack);
+    pthread_attr_setstacksize(&attributes, stack);
     pthread_setattr_default_np(&attributes);
     pthread_attr_destroy(&attributes);
 }

@@ -57,7 +57,9 @@ def test_the_soft_limit_of_descriptors_is_raised_to_the_hard_one():
 
 def test_threads_without_a_stack_size_get_a_small_one():
     _, facts = started()
-    assert f"stack {256 << 10}" in facts
+    (stack,) = (int(fact.split()[1]) for fact in facts if fact.startswith("stack "))
+    # And what libraries keep for each thread, of which a sanitizer's runtime has more.
+    assert 256 << 10 <= stack < 4 << 20
 
 
 def test_a_traced_program_stays_open_to_its_tracer(tmp_path):
