@@ -15,7 +15,7 @@ constexpr std::size_t MIB = 1024 * KIB;
 
 /// Bytes of all arguments of one call, as GVariant counts them. Real arguments are under 1 KiB. The
 /// main thread serves calls in the order of their arrival: 1,000 calls of this size, all control
-/// characters, are to cost another caller less than a second.
+/// characters, cost another caller 0.2 to 1.1 s on a busy machine; 1,000 empty ones cost it 0.5.
 constexpr std::size_t ARGUMENT_BYTES = 8 * KIB;
 
 // --- one caller ---
