@@ -1,4 +1,4 @@
-// OnBehalf.h - on whose behalf a thread logs.
+// OnBehalf.h - on whose behalf a thread logs and adds transfers.
 #pragma once
 
 #include <platform/MZCurl.h>
