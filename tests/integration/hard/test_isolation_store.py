@@ -1,0 +1,81 @@
+"""One app, one endpoint or one store that takes what it can get, beside another app that buys something."""
+import statistics
+import time
+
+from billing_lab import bus as message_bus
+from gi.repository import Gio, GLib
+from harness.server import Hang, Reply
+
+# A purchase beside all of it, in seconds, on a machine that does other things too.
+SOON = 1
+# What the bus lets one connection have outstanding, nearly.
+OF_ONE = 125
+# Until a call that waits for its turn is given up, and the look at it, in seconds.
+TURN = 20 + 3
+PURCHASES = 20
+
+
+def hanging(part):
+    """A store that never answers what has this in its path."""
+    return lambda request: Hang() if part in request.path else Reply(b"ok")
+
+
+def purchases(service, caller):
+    """Another app's. @return the seconds that each took"""
+    took = []
+    for number in range(PURCHASES):
+        began = time.monotonic()
+        assert caller.call("confirm_purchase", "bystander", "c", str(number), "0") == (0, "ok")
+        took.append(time.monotonic() - began)
+    assert service.is_running()
+    return took
+
+
+def shown(took):
+    return f"{statistics.median(took) * 1000:.0f} ms, {max(took) * 1000:.0f} at most"
+
+
+def test_an_endpoint_that_hangs_costs_the_others_nothing(service, store, callers, caller, size, figure):
+    store.answer = hanging("products")
+    calls = [one.start("get_product_list", "app", "0", "check", timeout=200)
+             for one in (callers() for _ in range(9)) for _ in range(OF_ONE)]
+    store.wait_for_requests(150)
+    began = time.monotonic()
+
+    took = purchases(service, caller)
+
+    assert max(took) < SOON
+    bought = [request for request in store.requests if "confirm" in request.path]
+    assert len(bought) == PURCHASES
+    memory = service.status_field("VmRSS") // 1024
+    assert memory < 128
+    figure(f"{len(calls)} calls that hang: a purchase took {shown(took)}; {memory} MiB")
+    if size(False, True):
+        while time.monotonic() - began < TURN:
+            GLib.MainContext.default().iteration(False)
+            time.sleep(0.01)
+        asked = sum("products" in request.path for request in store.requests)
+        # Those at the store go on; the others have ended and were never there.
+        ended = [call for call in calls if call.done]
+        assert {call.result for call in ended} == {(-1, "")}
+        assert len(ended) == len(calls) - asked
+        figure(f"{asked} of them were at the store, {len(ended)} ended after {TURN - 3} s")
+
+
+def test_an_app_that_wants_no_answers_costs_the_others_nothing(service, store, callers, caller, size, figure):
+    store.answer = hanging("products")
+    greedy, count = callers(), size(1000, 5000)
+    for number in range(count):
+        message = Gio.DBusMessage.new_method_call(message_bus.SERVICE, message_bus.OBJECT, message_bus.SERVICE,
+                                                  "get_product_list")
+        message.set_flags(Gio.DBusMessageFlags.NO_REPLY_EXPECTED)
+        message.set_body(GLib.Variant("(sss)", ("app", "0", str(number))))
+        greedy.connection.send_message(message, Gio.DBusSendMessageFlags.NONE)
+    greedy.connection.flush_sync(None)
+    store.wait_for_requests(150)
+
+    took = purchases(service, caller)
+
+    assert max(took) < SOON
+    figure(f"{count} calls without answers from one app: a purchase took {shown(took)}; "
+           f"{service.status_field('VmRSS') // 1024} MiB")

@@ -1,0 +1,205 @@
+// admission_test.cpp - whose turn it is, without any transfer under way.
+#include "admission.h"
+
+#include "quotas.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace {
+
+using namespace MZCurl;
+using std::chrono::seconds;
+
+constexpr int kSlots = static_cast<int>(kMostSlots);
+constexpr int kResolvers = static_cast<int>(kMostResolving);
+
+/// Transfers that stand in the lists of a multi handle, as far as the admission is concerned.
+class AnAdmission : public testing::Test {
+protected:
+    ~AnAdmission() override
+    {
+        admission.drain(active);
+        for (const auto& transfer : made) {
+            leave(*transfer);
+        }
+    }
+
+    /// @return null when it was not accepted
+    Transfer* add(const std::string& sender, const std::string& url, const std::string& host = "h")
+    {
+        made.push_back(std::make_unique<Transfer>());
+        Transfer& transfer = *made.back();
+        transfer.url = url;
+        transfer.hostKey = host;
+        if (!admission.join(transfer, sender)) {
+            made.pop_back();
+            return nullptr;
+        }
+        active.push_back(&transfer);
+        transfer.node = std::prev(active.end());
+        transfer.home = &active;
+        admission.enqueue(transfer, now);
+        return &transfer;
+    }
+
+    void add(int count, const std::string& sender, const std::string& url,
+             const std::string& host = "h")
+    {
+        for (int i = 0; i < count; ++i) {
+            EXPECT_NE(add(sender, url, host), nullptr);
+        }
+    }
+
+    /// The host's name is known from now on.
+    void name(const std::string& host)
+    {
+        Transfer* const transfer = add("opener", host + "/open", host);
+        ASSERT_EQ(admission.next(now, active), transfer);
+        admission.resolved(*transfer);
+        admission.release(*transfer);
+    }
+
+    /// Gives slots until nobody may have one. @return how many
+    int fill()
+    {
+        int count = 0;
+        while (Transfer* const transfer = admission.next(now, active)) {
+            given.push_back(transfer);
+            ++count;
+        }
+        return count;
+    }
+
+    void leave(Transfer& transfer)
+    {
+        if (transfer.lane != nullptr) {
+            transfer.home->erase(transfer.node);
+            admission.leave(transfer);
+        }
+    }
+
+    Admission::Clock::time_point now = Admission::Clock::now();
+    Admission admission;
+    TransferList active;
+    std::vector<std::unique_ptr<Transfer>> made;
+    std::vector<Transfer*> given;
+};
+
+TEST_F(AnAdmission, ServesTheLanesInTurn)
+{
+    name("h");
+    add(3, "a", "h/list");
+    add(2, "b", "h/list");
+    add(1, "a", "h/confirm?x=1");
+    EXPECT_EQ(fill(), 6);
+    std::vector<std::string> order;
+    for (const Transfer* const transfer : given) {
+        order.push_back(transfer->url + (transfer->lane == given[1]->lane ? " b" : " a"));
+    }
+    EXPECT_THAT(order, testing::ElementsAre("h/list a", "h/list b", "h/confirm?x=1 a", "h/list a",
+                                            "h/list b", "h/list a"));
+}
+
+TEST_F(AnAdmission, GivesOneSenderTwoThirdsAtMost)
+{
+    name("h");
+    for (int i = 0; i < 10; ++i) {
+        add(kSlots, "greedy", "h/" + std::to_string(i));
+    }
+    const int taken = fill();
+    EXPECT_GE(taken, kSlots * 2 / 3 - 1);
+    EXPECT_LE(taken, kSlots * 2 / 3 + 1);
+    add(1, "modest", "h/0");
+    EXPECT_EQ(fill(), 1) << "another sender goes at once";
+}
+
+TEST_F(AnAdmission, GivesOnePathFourFifthsAtMost)
+{
+    name("h");
+    for (int i = 0; i < 20; ++i) {
+        add(kSlots / 4, std::to_string(i), "h/hanging?query=" + std::to_string(i));
+    }
+    const int taken = fill();
+    EXPECT_GE(taken, kSlots * 4 / 5 - 1);
+    EXPECT_LE(taken, kSlots * 4 / 5 + 1);
+    add(1, "another", "h/other");
+    EXPECT_EQ(fill(), 1) << "another path goes at once";
+}
+
+TEST_F(AnAdmission, GivesAReleasedSlotToTheNext)
+{
+    name("h");
+    add(kSlots, "a", "h/a");
+    const int taken = fill();
+    ASSERT_LT(taken, kSlots);
+    admission.release(*given.front());
+    EXPECT_EQ(fill(), 1);
+    EXPECT_EQ(fill(), 0);
+    leave(*given.back());
+    EXPECT_EQ(fill(), 1) << "one that is taken out gives its slot back, too";
+}
+
+TEST_F(AnAdmission, LetsFewLookUpANameAtATime)
+{
+    add(100, "a", "mute/a", "mute");
+    EXPECT_EQ(fill(), kResolvers);
+    admission.release(*given.front());
+    EXPECT_EQ(fill(), 1) << "a look-up that has failed makes room";
+    admission.resolved(*given.back());
+    EXPECT_GT(fill(), kResolvers) << "the name is known";
+}
+
+TEST_F(AnAdmission, LetsAKnownHostPassAMuteNameServer)
+{
+    name("known");
+    add(100, "a", "mute/a", "mute");
+    EXPECT_EQ(fill(), kResolvers);
+    add(1, "b", "known/b", "known");
+    EXPECT_EQ(fill(), 1);
+    now += kNameLife + seconds(1);
+    add(1, "b", "known/b", "known");
+    EXPECT_EQ(fill(), 0) << "libcurl has forgotten the name";
+}
+
+TEST_F(AnAdmission, EndsTheTurnOfOneThatWaitedTooLong)
+{
+    add(kResolvers + 2, "a", "mute/a", "mute");
+    EXPECT_EQ(fill(), kResolvers);
+    now += kLongestTurn - seconds(1);
+    EXPECT_EQ(admission.overdue(now, active), nullptr);
+    now += seconds(1);
+    EXPECT_NE(admission.overdue(now, active), nullptr);
+    EXPECT_NE(admission.overdue(now, active), nullptr);
+    EXPECT_EQ(admission.overdue(now, active), nullptr);
+    EXPECT_FALSE(admission.isWaiting());
+}
+
+TEST_F(AnAdmission, AcceptsSoManyOfASenderAndAPath)
+{
+    std::size_t accepted = 0;
+    while (add("greedy", "h/" + std::to_string(accepted % 7)) != nullptr) {
+        ++accepted;
+    }
+    EXPECT_NEAR(static_cast<double>(accepted), kMostAccepted * 2.0 / 3, 2);
+    EXPECT_NE(add("modest", "h/0"), nullptr);
+}
+
+TEST_F(AnAdmission, ForgetsSendersThatHaveGone)
+{
+    // Would grow without a bound otherwise; what shows is that it goes on as before.
+    for (int i = 0; i < 10000; ++i) {
+        Transfer* const transfer = add(std::to_string(i), "h/" + std::to_string(i));
+        ASSERT_EQ(admission.next(now, active), transfer);
+        leave(*transfer);
+        made.clear();
+    }
+    add(2, "a", "h/a");
+    EXPECT_EQ(fill(), 2);
+}
+
+}  // namespace
