@@ -22,18 +22,6 @@ std::string needed(const char* key)
     return *value;
 }
 
-secret::Bytes readPin(const std::string& path)
-{
-    secret::Bytes pin = privatefile::readSecret(path, kPinLimit);
-    if (!pin.empty() && pin.back() == '\n')
-        pin.pop_back();
-    if (!pin.empty() && pin.back() == '\r')
-        pin.pop_back();
-    if (pin.empty())
-        throw secure::Error(SS_ERROR_ACCESS, path + " is empty; put the PIN there");
-    return pin;
-}
-
 /// May a new session find what this one did not?
 bool mayBeLost(const secure::Error& error, const pkcs11::Session& session, const Place& place)
 {
@@ -42,6 +30,22 @@ bool mayBeLost(const secure::Error& error, const pkcs11::Session& session, const
 }
 
 }  // namespace
+
+secret::Bytes pinIn(secret::Bytes bytes, const std::string& from)
+{
+    if (!bytes.empty() && bytes.back() == '\n')
+        bytes.pop_back();
+    if (!bytes.empty() && bytes.back() == '\r')
+        bytes.pop_back();
+    if (bytes.empty())
+        throw secure::Error(SS_ERROR_ACCESS, from + " is empty; put the PIN there");
+    return bytes;
+}
+
+secret::Bytes readPin(const std::string& path)
+{
+    return pinIn(privatefile::readSecret(path, kPinLimit), path);
+}
 
 Place placeFromSettings()
 {

@@ -27,6 +27,12 @@ struct Place {
 /// From [keystore]. @throw secure::Error when a setting is missing, which has been logged
 Place placeFromSettings();
 
+/// A PIN without the one line break behind it. @param from what an error text calls the source
+/// @throw secure::Error when nothing is left
+secret::Bytes pinIn(secret::Bytes bytes, const std::string& from);
+/// The PIN in a file that nobody else may read. @throw secure::Error
+secret::Bytes readPin(const std::string& path);
+
 /// Thread: any; callers wait for each other, as long as the token takes.
 class KeyStore {
 public:

@@ -1,6 +1,8 @@
 """A device whose key is made inside a TPM, by a PKCS#11 module that is not the usual one."""
 import glob
 import os
+import pathlib
+import re
 import shutil
 import subprocess
 import time
@@ -16,6 +18,19 @@ LABEL, PIN = "billing-tpm", "user-pin-4711"
 pytestmark = pytest.mark.skipif(
     not MODULES or any(shutil.which(program) is None for program in PROGRAMS),
     reason="no software TPM (apt install swtpm tpm2-tools libtss2-tcti-swtpm0 libtpm2-pkcs11-1 opensc)")
+
+
+# There is one user here, the test's.
+IN_PLACE_OF_RUNUSER = 'runuser() { while [ "$1" != -- ]; do shift; done; shift; "$@"; }'
+
+
+def documented():
+    """The page's commands for a device with a TPM; the folder of the module's database is the test's own."""
+    page = (pathlib.Path(__file__).parents[2] / "docs/INTEGRATION.md").read_text(encoding="utf-8")
+    commands = re.search(r"```sh tpm\n(.*?)```", page, re.DOTALL)[1].splitlines()
+    folder = [at for at, line in enumerate(commands) if "$TPM2_PKCS11_STORE" in line or line.startswith("export")]
+    assert folder == [0, 1] and len(commands) == 4
+    return commands[2:]
 
 
 class Tpm:
@@ -65,14 +80,15 @@ class TpmCredentials(credentials.Credentials):
         pin = self.folder / "pin"
         pin.touch(mode=0o600)
         pin.write_text(PIN)
+        (self.folder / "so-pin").write_text("so-pin")
         self._conf = self.folder / "device.conf"
         self._conf.write_text("".join(
             f"[{group}]\n" + "".join(f"{key}={value}\n" for key, value in values.items())
             for group, values in self.settings.items()))
-        module = ("pkcs11-tool", "--module", MODULES[0])
-        tpm.run(*module, "--slot-index", "0", "--init-token", "--label", LABEL, "--so-pin", "so-pin")
-        tpm.run(*module, "--token-label", LABEL, "--init-pin", "--so-pin", "so-pin", "--pin", PIN)
-        self._provision(tpm, "request", "--out", self.folder / "device.csr")
+        for command in documented():
+            tpm.run("sh", "-ec", f"{IN_PLACE_OF_RUNUSER}\ncd {self.folder}\n{command}", environment={
+                "PATH": f"{os.path.dirname(credentials.provision_tool())}:{os.environ['PATH']}",
+                "PLEVO_DEVICE_CONF": str(self._conf), "TPM2_PKCS11_STORE": str(tpm.state)})
         (self.folder / "signed.crt").write_bytes(sign(self.folder / "device.csr", authority_folder))
         self._provision(tpm, "install", self.folder / "signed.crt", "--to", self.certificate)
 

@@ -193,6 +193,44 @@ def test_no_secret_is_printed(lab):
         assert (lab / name).read_bytes().strip() not in printed
 
 
+def secret(path, text, mode=0o600):
+    path.touch(mode=mode)
+    path.chmod(mode)
+    path.write_text(text)
+    return path
+
+
+def test_token_takes_its_pins_from_files_or_standard_input(lab, tmp_path):
+    so_pin = secret(tmp_path / "so-pin", "officer-4711\n")
+    for label, arguments, stdin in (("first", so_pin, b""), ("second", "-", b"officer-4711")):
+        change_setting(lab, "token", label)
+        result = must(run("token", "--so-pin", arguments, folder=lab, stdin=stdin))
+        assert b"officer" not in result.stdout + result.stderr
+        must(run("request", folder=lab))
+        # The officer's PIN is the one that was given: no other one sets the user's PIN anew.
+        for pin, works in (("officer-4712", False), ("officer-4711", True)):
+            done = subprocess.run(
+                ["pkcs11-tool", "--module", settings(lab)["module"], "--token-label", label, "--init-pin",
+                 "--so-pin", pin, "--pin", "123456"], capture_output=True, check=False,
+                env={**os.environ, "SOFTHSM2_CONF": f"{lab}/softhsm2.conf"})
+            assert (done.returncode == 0) is works, done.stderr
+
+
+def test_token_leaves_a_token_of_this_label_alone(lab, tmp_path):
+    result = must(run("token", "--so-pin", secret(tmp_path / "so-pin", "officer-4711"), folder=lab), EXISTS)
+    assert b"left alone" in result.stderr
+    must(run("request", "--existing", folder=lab))
+
+
+@pytest.mark.parametrize("text, mode, complaint", [
+    ("officer-4711", 0o644, b"chmod 600"), ("\n", 0o600, b"is empty"), ("x" * 300, 0o600, b"larger than")])
+def test_token_uses_no_pin_file_that_is_of_no_use(lab, tmp_path, text, mode, complaint):
+    change_setting(lab, "token", "another")
+    result = must(run("token", "--so-pin", secret(tmp_path / "so-pin", text, mode), folder=lab), FAILED)
+    assert complaint in result.stderr
+    must(run("request", folder=lab), FAILED)
+
+
 def test_request_makes_a_key_and_install_takes_its_certificate(lab, tmp_path):
     change_setting(lab, "key_id", "42")
     must(run("request", "--out", tmp_path / "csr", "--name", "tv 42", folder=lab))

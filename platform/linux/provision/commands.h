@@ -16,6 +16,10 @@ struct LabOptions {
     bool force = false;
 };
 
+struct TokenOptions {
+    std::string soPin;  ///< file with the security officer's PIN, "-" for standard input
+};
+
 struct RequestOptions {
     std::string out = "-";
     std::string name = "billing device";
@@ -36,11 +40,13 @@ struct SealOptions {
     bool force = false;
 };
 
-// Each throws Stop or secure::Error. The last three act on the device whose settings file
+// Each throws Stop or secure::Error. All but the first act on the device whose settings file
 // PLEVO_DEVICE_CONF names.
 
 /// Makes a whole device of its own in a folder, for laboratories and demonstrations.
 void lab(const LabOptions& options);
+/// Makes the device's token: label, security officer's PIN, user's PIN.
+void token(const TokenOptions& options);
 /// Makes the device's key inside its token, and a certificate request for it.
 void request(const RequestOptions& options);
 /// Puts the device's certificate in its place, after a check that it is for the key.

@@ -6,6 +6,7 @@
 #include "key_store.h"
 #include "seal.h"
 #include "stop.h"
+#include "token.h"
 
 #include <cstdio>
 #include <cstdlib>
@@ -103,48 +104,10 @@ private:
                                    "\nobjectstore.backend = file\nlog.level = ERROR\n");
     }
 
-    secret::Bytes pinIn(const char* name) const
-    {
-        secret::Bytes pin = readFile(path(name));
-        pin.pop_back();
-        return pin;
-    }
-
-    /// Gives the token its label and its PINs.
-    void initialise(const pkcs11::Module& module) const
-    {
-        secret::Bytes soPin = pinIn("so-pin");
-        secret::Bytes pin = pinIn("pin");
-        CK_UTF8CHAR label[32];
-        std::fill(std::begin(label), std::end(label), static_cast<CK_UTF8CHAR>(' '));
-        std::copy(m_place.token.begin(), m_place.token.end(), std::begin(label));
-        CK_FUNCTION_LIST& calls = module.calls();
-        for (const CK_SLOT_ID slot : module.slots()) {
-            if ((module.tokenIn(slot).flags & CKF_TOKEN_INITIALIZED) != 0)
-                continue;
-            pkcs11::check(calls.C_InitToken(slot, soPin.data(), soPin.size(), label),
-                          "giving a token its label");
-            break;
-        }
-        // The token has another slot now, which the module knows after a new start.
-        module.restart();
-        const auto slot = module.slotOf(m_place.token);
-        if (!slot)
-            throw Stop(EXIT_FAILED, m_place.module + " made no token");
-        CK_SESSION_HANDLE session = 0;
-        pkcs11::check(calls.C_OpenSession(*slot, CKF_SERIAL_SESSION | CKF_RW_SESSION, nullptr,
-                                          nullptr, &session),
-                      "opening a session");
-        pkcs11::check(calls.C_Login(session, CKU_SO, soPin.data(), soPin.size()), "the login");
-        pkcs11::check(calls.C_InitPIN(session, pin.data(), pin.size()), "setting the PIN");
-        pkcs11::check(calls.C_Logout(session), "the logout");
-        pkcs11::check(calls.C_CloseSession(session), "closing a session");
-    }
-
     void makeToken() const
     {
         setenv("SOFTHSM2_CONF", path("softhsm2.conf").c_str(), 1);
-        initialise(pkcs11::Module::at(m_place.module));
+        initialiseToken(m_place, keystore::readPin(path("so-pin")), keystore::readPin(path("pin")));
         keystore::instance().change(
             m_place, [](const pkcs11::Session& session) { tokenkeys::generate(session, kKeyId); });
     }

@@ -27,6 +27,7 @@ constexpr const char* kForce = "Replace what is there";
 struct Options {
     std::string conf;
     provision::LabOptions lab;
+    provision::TokenOptions token;
     provision::RequestOptions request;
     provision::InstallOptions install;
     provision::SealOptions seal;
@@ -90,6 +91,17 @@ void describeLab(CLI::App& app, provision::LabOptions& options)
         ->check(must("an absolute path", isModule));
     lab->add_flag("--force", options.force, kForce);
     lab->callback([&options] { provision::lab(options); });
+}
+
+void describeToken(CLI::App& app, provision::TokenOptions& options)
+{
+    CLI::App* const token = app.add_subcommand(
+        "token", "Make the token that the settings name; its PIN is that of [keystore] pin_file");
+    token
+        ->add_option("--so-pin", options.soPin,
+                     "File with the security officer's PIN, mode 0600, - for standard input")
+        ->required();
+    token->callback([&options] { provision::token(options); });
 }
 
 void describeDevice(CLI::App& app, Options& options)
@@ -165,6 +177,7 @@ int main(int argc, char** argv)
            "The device's settings file; else $PLEVO_DEVICE_CONF, else /etc/plevo/device.conf")
         ->trigger_on_parse();
     describeLab(app, options.lab);
+    describeToken(app, options.token);
     describeDevice(app, options);
     try {
         app.parse(argc, argv);
