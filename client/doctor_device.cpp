@@ -9,6 +9,8 @@
 #include <platform/deployment.h>
 #include <platform/secure_storage.h>
 
+#include <unistd.h>
+
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
@@ -139,6 +141,20 @@ Finding checkToken()
     }
 }
 
+/// Sealed key material gives the private key, once its secret is read as well.
+void checkKeyMaterial(Findings& findings)
+{
+    const auto path = settings::text("deployment", "key_material");
+    if (!path)
+        return;
+    if (access(path->c_str(), F_OK) != 0 && errno == ENOENT)
+        return;
+    findings.push_back({"key material", Outcome::Failed,
+                        *path + " is still there: with [keystore] seal_key it gives the key",
+                        "billing-provision import CERTIFICATE puts the key into the token and "
+                        "removes both files"});
+}
+
 std::string cureOf(int error)
 {
     switch (error) {
@@ -213,6 +229,7 @@ void checkDevice(Findings& findings, const DoctorOptions& options)
     findings.push_back(checkCertificate(certificate));
     findings.push_back(checkBundle());
     findings.push_back(checkClock(certificate.get()));
+    checkKeyMaterial(findings);
     findings.push_back(checkToken());
     if (!options.sign) {
         findings.push_back({"key", Outcome::NotChecked,

@@ -147,6 +147,12 @@ def broken_bundle(device):
     device.ca_file.write_text(text + text.replace("MII", "MIJ", 1))
 
 
+def sealed_key_left(device):
+    material = device.credentials.folder / "material"
+    material.touch()
+    device.set("deployment", "key_material", str(material))
+
+
 def another_token(device):
     device.set("keystore", "token", "other")
 
@@ -231,6 +237,9 @@ BY_KEY_STORE = 'key store: token "billing-lab" of {module}: '
     (empty_bundle, "CA bundle", BUNDLE + " holds no PEM certificate", PUT_BUNDLE),
     (broken_bundle, "CA bundle", f"certificate 2 of {BUNDLE} is broken",
      "put a whole bundle there: with a broken one nothing is trusted"),
+    (sealed_key_left, "key material",
+     "{lab}/material is still there: with [keystore] seal_key it gives the key",
+     "billing-provision import CERTIFICATE puts the key into the token and removes both files"),
     (another_token, "token", 'there is no token "other" in {module}',
      "see [keystore] in {conf}, and billing-provision(8)"),
     (no_module, "token",

@@ -363,6 +363,44 @@ def test_seal_refuses_keys_that_do_not_fit(lab, key, tmp_path):
     assert not (tmp_path / "material").exists()
 
 
+@pytest.fixture(name="sealed")
+def make_sealed(lab, key, tmp_path):
+    """A lab whose token has no key of the number, and sealed key material for one."""
+    (tmp_path / "crt").write_bytes(self_signed(key))
+    change_setting(lab, "key_id", f"9\nkey_material={tmp_path}/material")
+    must(run("seal", "--certificate", tmp_path / "crt", "--out", tmp_path / "material", folder=lab,
+             stdin=pem_of(key)))
+    return lab
+
+
+def test_import_puts_the_sealed_key_into_the_token_and_removes_what_gives_it(sealed, key, tmp_path):
+    must(run("import", tmp_path / "crt", folder=sealed))
+    assert not (tmp_path / "material").exists() and not (sealed / "seal.key").exists()
+    request = x509.load_pem_x509_csr(must(run("request", "--existing", folder=sealed)).stdout)
+    assert request.public_key().public_numbers() == key.public_key().public_numbers()
+
+
+def test_import_that_was_cut_off_before_the_removal_is_done_again(sealed, tmp_path):
+    kept = {path: path.read_bytes() for path in (tmp_path / "material", sealed / "seal.key")}
+    must(run("import", tmp_path / "crt", folder=sealed))
+    for path, content in kept.items():
+        path.touch(mode=0o600)
+        path.write_bytes(content)
+    assert b"in the token already" in must(run("import", tmp_path / "crt", folder=sealed)).stderr
+    assert not any(path.exists() for path in kept)
+
+
+def test_import_removes_nothing_when_the_key_is_not_in_the_token(sealed, tmp_path):
+    (tmp_path / "other").write_bytes(self_signed(rsa.generate_private_key(65537, 2048)))
+    must(run("import", tmp_path / "other", folder=sealed), FAILED)
+    change_setting(sealed, "key_id", "7")
+    assert b"another key" in must(run("import", tmp_path / "crt", folder=sealed), EXISTS).stderr
+    change_setting(sealed, "key_id", "9")
+    (sealed / "pin").write_text("wrong-pin-1234\n")
+    must(run("import", tmp_path / "crt", folder=sealed), FAILED)
+    assert (tmp_path / "material").exists() and (sealed / "seal.key").exists()
+
+
 def test_wrong_usage_has_an_exit_code_of_its_own(tmp_path):
     for arguments in ([], ["nonsense"], ["lab"], ["lab", tmp_path / "x", "--days", "0"], ["seal"],
                       ["request", "--name", ""]):

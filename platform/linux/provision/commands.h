@@ -40,6 +40,10 @@ struct SealOptions {
     bool force = false;
 };
 
+struct ImportOptions {
+    std::string certificate;
+};
+
 // Each throws Stop or secure::Error. All but the first act on the device whose settings file
 // PLEVO_DEVICE_CONF names.
 
@@ -53,6 +57,9 @@ void request(const RequestOptions& options);
 void install(const InstallOptions& options);
 /// Seals a private key for the device, for a token that cannot make one.
 void seal(const SealOptions& options);
+
+/// Puts the sealed private key into the token, and removes the two files that give it.
+void import(const ImportOptions& options);
 
 /// A line for the person who waits, on standard error.
 void tell(const std::string& line);

@@ -4,6 +4,7 @@
 #include "files.h"
 #include "key_material.h"
 #include "key_store.h"
+#include "private_file.h"
 #include "seal.h"
 #include "settings.h"
 #include "stop.h"
@@ -11,6 +12,7 @@
 #include <platform/deployment.h>
 
 #include <openssl/x509.h>
+#include <unistd.h>
 
 #include <cstdio>
 
@@ -61,19 +63,47 @@ void makeKeyInside(const keystore::Place& place, std::int32_t id)
     });
 }
 
+std::string neededPath(const char* group, const char* key)
+{
+    const auto path = settings::text(group, key);
+    if (!path)
+        throw Stop(EXIT_FAILED, std::string("[") + group + "] " + key +
+                                    " must be set first, to the path of a file");
+    return *path;
+}
+
 /// The secret that seals, made when the device has none.
 secret::Bytes sealKey()
 {
-    const auto path = settings::text("keystore", "seal_key");
-    if (!path)
-        throw Stop(EXIT_FAILED, "[keystore] seal_key must be set first, to the path of a file");
-    if (!exists(*path)) {
+    const std::string path = neededPath("keystore", "seal_key");
+    if (!exists(path)) {
         const secret::Bytes made = ::seal::random(keymaterial::kSecretLeast);
-        writeFile(*path, {reinterpret_cast<const char*>(made.data()), made.size()}, kSecretMode,
+        writeFile(path, {reinterpret_cast<const char*>(made.data()), made.size()}, kSecretMode,
                   false);
-        tell("Made the device's secret " + *path + "; without it the sealed key is lost.");
+        tell("Made the device's secret " + path + "; without it the sealed key is lost.");
     }
-    return keymaterial::readSealKey(*path);
+    return keymaterial::readSealKey(path);
+}
+
+/// @return false when the token has this key already
+bool putIntoToken(const keystore::Place& place, std::int32_t id, const rawrsa::PrivateKey& key)
+{
+    bool put = false;
+    keystore::instance().change(place, [&](const pkcs11::Session& session) {
+        if (tokenkeys::exists(session, id)) {
+            if (!areSame(tokenkeys::publicKey(session, id), key.publicKey()))
+                throw Stop(EXIT_EXISTS, "the token has another key with CKA_ID " +
+                                            tokenkeys::shownId(id) + ", which was left alone");
+            return;
+        }
+        tokenkeys::import(session, id, key);
+        put = true;
+    });
+    // A software token has written its files by now, but it need not have waited for the disk.
+    sync();
+    keystore::instance().read(
+        place, [&](const pkcs11::Session& session) { tokenkeys::prove(session, id); });
+    return put;
 }
 
 }  // namespace
@@ -140,6 +170,28 @@ void seal(const SealOptions& options)
     writeFile(options.out, keymaterial::close(sealKey(), *numbers), kSecretMode, options.force);
     tell("Sealed. Set [deployment] key_material=" + options.out +
          ", and destroy every other copy of the key.");
+}
+
+void import(const ImportOptions& options)
+{
+    const Certificate certificate = readCertificate(options.certificate);
+    const std::int32_t id = keyId();
+    const std::string material = neededPath("deployment", "key_material");
+    const std::string secret = neededPath("keystore", "seal_key");
+    const secret::Bytes sealed = privatefile::readSecret(material, keymaterial::kSize);
+    const rawrsa::PublicKey wanted = publicKeyOf(certificate.get(), options.certificate);
+    const keymaterial::Parts parts =
+        keymaterial::open(keymaterial::readSealKey(secret), wanted, sealed.data(), sealed.size());
+    const auto key = rawrsa::recover(parts.modulus.data(), parts.modulus.size(),
+                                     parts.exponent.data(), parts.exponent.size());
+    if (!key || !areSame(key->publicKey(), wanted))
+        throw Stop(EXIT_MISMATCH, options.certificate + " is not for the key in " + material);
+    const bool put = putIntoToken(keystore::placeFromSettings(), id, *key);
+    removeFile(material);
+    removeFile(secret);
+    tell((put ? "Put the key into the token" : "The key was in the token already") +
+         std::string("; removed ") + material + " and " + secret +
+         ". Take [deployment] key_material and [keystore] seal_key out of the settings.");
 }
 
 }  // namespace provision

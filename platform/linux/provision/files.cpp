@@ -56,6 +56,13 @@ std::string folderOf(const std::string& path)
     return folder.empty() ? "." : folder;
 }
 
+void makeFolderLasting(const std::string& path)
+{
+    const Descriptor folder(open(folderOf(path).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (folder.fd >= 0)
+        fsync(folder.fd);
+}
+
 }  // namespace
 
 bool exists(const std::string& path)
@@ -84,9 +91,14 @@ void writeFile(const std::string& path, std::string_view bytes, mode_t mode, boo
         throw there;
     if (result != 0)
         fail(path, kMade);
-    const Descriptor folder(open(folderOf(path).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    if (folder.fd >= 0)
-        fsync(folder.fd);
+    makeFolderLasting(path);
+}
+
+void removeFile(const std::string& path)
+{
+    if (unlink(path.c_str()) != 0)
+        fail(path, "removed");
+    makeFolderLasting(path);
 }
 
 void print(const std::string& text)

@@ -29,6 +29,9 @@ secret::Bytes readFile(const std::string& path);
 /// Makes a folder with mode 0700. One that is there is taken.
 void makeFolder(const std::string& path);
 
+/// Lasting when it returns.
+void removeFile(const std::string& path);
+
 bool exists(const std::string& path);
 
 /// So many random bytes, as hexadecimal digits.

@@ -31,6 +31,7 @@ struct Options {
     provision::RequestOptions request;
     provision::InstallOptions install;
     provision::SealOptions seal;
+    provision::ImportOptions import;
 };
 
 /// What the value must be, as CLI11 wants it.
@@ -143,6 +144,16 @@ void describeDevice(CLI::App& app, Options& options)
     seal->callback([&options] { provision::seal(options.seal); });
 }
 
+void describeImport(CLI::App& app, provision::ImportOptions& options)
+{
+    CLI::App* const import = app.add_subcommand(
+        "import", "Put the sealed private key into the token, and remove the two files it was in");
+    import->add_option("CERTIFICATE", options.certificate, "The key's certificate, PEM")
+        ->required();
+    import->callback([&options] { provision::import(options);
+});
+}  // namespace
+
 int report(int code, const char* text)
 {
     if (*text != '\0')
@@ -179,6 +190,7 @@ int main(int argc, char** argv)
     describeLab(app, options.lab);
     describeToken(app, options.token);
     describeDevice(app, options);
+    describeImport(app, options.import);
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {
