@@ -142,17 +142,16 @@ Finding checkToken()
 }
 
 /// Sealed key material gives the private key, once its secret is read as well.
-void checkKeyMaterial(Findings& findings)
+Finding checkKeyMaterial()
 {
     const auto path = settings::text("deployment", "key_material");
-    if (!path)
-        return;
-    if (access(path->c_str(), F_OK) != 0 && errno == ENOENT)
-        return;
-    findings.push_back({"key material", Outcome::Failed,
-                        *path + " is still there: with [keystore] seal_key it gives the key",
-                        "billing-provision import CERTIFICATE puts the key into the token and "
-                        "removes both files"});
+    if (!path || (access(path->c_str(), F_OK) != 0 && errno == ENOENT)) {
+        return {"key material", Outcome::Ok, "no sealed key is left on the device", ""};
+    }
+    return {"key material", Outcome::Failed,
+            *path + " is still there: with [keystore] seal_key it gives the key",
+            "billing-provision import CERTIFICATE puts the key into the token and removes both "
+            "files"};
 }
 
 std::string cureOf(int error)
@@ -229,7 +228,7 @@ void checkDevice(Findings& findings, const DoctorOptions& options)
     findings.push_back(checkCertificate(certificate));
     findings.push_back(checkBundle());
     findings.push_back(checkClock(certificate.get()));
-    checkKeyMaterial(findings);
+    findings.push_back(checkKeyMaterial());
     findings.push_back(checkToken());
     if (!options.sign) {
         findings.push_back({"key", Outcome::NotChecked,

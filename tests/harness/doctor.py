@@ -6,7 +6,7 @@ import subprocess
 from . import billingctl, daemon
 from .billingctl import DONE, FAILED
 
-CHECKS = ["settings", "certificate", "CA bundle", "clock", "token", "key", "route", "name lookup",
+CHECKS = ["settings", "certificate", "CA bundle", "clock", "key material", "token", "key", "route", "name lookup",
           "TCP", "TLS", "HTTP", "bus", "name", "call"]
 
 

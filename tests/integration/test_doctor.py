@@ -43,6 +43,7 @@ def test_nothing_fails_on_a_device_that_works(service, doctor):
                            r"[-0-9]{10}",
             "CA bundle": "1 certificate",
             "clock": rf"{today[:7]}-\d\d \d\d:\d\d UTC",
+            "key material": "no sealed key is left on the device",
             "token": '"billing-lab" is there',
             "key": "one signature, and the certificate confirms it",
             "route": r"\[network\] default_gateway says up; nobody asks the kernel",
@@ -430,4 +431,4 @@ def test_the_doctor_speaks_to_people_too(bus, tmp_path):
     assert lines[1] == f"{'':26}cure: {MEND}"
     assert f"not checked  HTTP         {NOT_REACHED}" in lines
     assert "ok           bus          the system bus is reachable" in lines
-    assert lines[-1].endswith(" of 14 checks failed")
+    assert lines[-1].endswith(" of 15 checks failed")

@@ -1,0 +1,118 @@
+"""A machine of its own under a real systemd: the files of this one, with a layer over them that is thrown away.
+
+Processes, mounts, network, control group and names are the machine's own. Needs root and a control group of the second
+version in which a folder may be made.
+"""
+import os
+import pathlib
+import signal
+import subprocess
+import time
+
+MACHINE = """
+mount --make-rprivate /
+mount -t tmpfs tmpfs "$1"
+mkdir "$1/upper" "$1/work" "$1/root"
+mount -t overlay overlay -o "lowerdir=/,upperdir=$1/upper,workdir=$1/work" "$1/root"
+cd "$1/root"
+mount -t proc proc proc
+mount -t sysfs -o ro sysfs sys
+mount -t cgroup2 cgroup2 sys/fs/cgroup
+mount -t tmpfs tmpfs dev
+for name in null zero full random urandom tty; do touch "dev/$name"; mount --bind "/dev/$name" "dev/$name"; done
+ln -s /proc/self/fd dev/fd
+mkdir dev/shm
+mount -t tmpfs tmpfs run
+mount -t tmpfs tmpfs tmp
+mkdir tmp/installed
+mount --bind "$2" tmp/installed
+pivot_root . mnt
+cd /
+umount --lazy mnt
+ip link set lo up
+exec env -i container=billing PATH=/usr/sbin:/usr/bin:/sbin:/bin \
+    /lib/systemd/systemd --system --unit=multi-user.target --log-target=null
+"""
+# Units of the machine below that this one does not need.
+MASKED = ("getty.target", "systemd-udevd.service", "systemd-udev-trigger.service", "systemd-timesyncd.service",
+          "systemd-logind.service", "apt-daily.timer", "apt-daily-upgrade.timer", "nginx.service", "ssh.service")
+
+
+def cgroup_root():
+    """Where control groups of the second version are. @return None when they are not mounted"""
+    for line in pathlib.Path("/proc/self/mounts").read_text(encoding="utf-8").splitlines():
+        _, place, kind, options = line.split()[:4]
+        if kind == "cgroup2" and "rw" in options.split(","):
+            return pathlib.Path(place)
+    return None
+
+
+class Machine:
+    """A booted systemd."""
+
+    def __init__(self, folder, installed):
+        self._group = cgroup_root() / f"billing-test-{os.getpid()}-{time.monotonic_ns()}"
+        self._group.mkdir()
+        folder.mkdir()
+        self._process = None
+        try:
+            self._process = subprocess.Popen(
+                ["sh", "-ec", 'echo $$ >"$3/cgroup.procs"; exec unshare --mount --pid --ipc --uts --net --cgroup --fork '
+                 '--kill-child sh -ec "$0" machine "$1" "$2"', MACHINE, folder, installed, self._group],
+                stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, stderr=subprocess.PIPE, text=True)
+            self._wait_for_systemd()
+        except BaseException:
+            self.stop()
+            raise
+
+    def _wait_for_systemd(self):
+        end = time.monotonic() + 60
+        state = ""
+        while state not in ("running", "degraded"):
+            if self._process.poll() is not None:
+                raise OSError(f"systemd did not start: {self._process.stderr.read().strip()}")
+            if time.monotonic() > end:
+                raise OSError(f"systemd is not up after 60 s: {state}")
+            time.sleep(0.1)
+            state = self.run("systemctl", "is-system-running").stdout.strip()
+
+    def _init(self):
+        children = pathlib.Path(f"/proc/{self._process.pid}/task/{self._process.pid}/children")
+        return children.read_text(encoding="ascii").split()[0]
+
+    def run(self, *command, timeout=60, check=False):
+        """One command in the machine, as root."""
+        try:
+            init = self._init()
+        except (OSError, IndexError):
+            return subprocess.CompletedProcess(command, 1, "", "no process 1 yet")
+        return subprocess.run(
+            ["nsenter", "--target", init, "--mount", "--pid", "--ipc", "--uts", "--net", "--cgroup", "env", "-i",
+             "PATH=/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin", "LC_ALL=C.UTF-8", "HOME=/root",
+             *map(str, command)], capture_output=True, text=True, timeout=timeout, check=check)
+
+    def do(self, script, timeout=120):
+        """A shell script in the machine. @return what it printed"""
+        done = self.run("sh", "-ec", script, timeout=timeout)
+        assert done.returncode == 0, f"{script}\n{done.stdout[-4000:]}\n{done.stderr[-4000:]}"
+        return done.stdout
+
+    def stop(self):
+        if self._process is not None:
+            if self._process.poll() is None:
+                try:
+                    os.kill(int(self._init()), signal.SIGKILL)
+                except (OSError, IndexError):
+                    self._process.kill()
+            self._process.wait()
+            self._process.stderr.close()
+        for folder, _, _ in os.walk(self._group, topdown=False):
+            end = time.monotonic() + 10
+            while True:
+                try:
+                    os.rmdir(folder)
+                    break
+                except OSError:
+                    if time.monotonic() > end:
+                        raise
+                    time.sleep(0.05)
