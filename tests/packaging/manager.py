@@ -21,7 +21,9 @@ mount -t cgroup2 cgroup2 sys/fs/cgroup
 mount -t tmpfs tmpfs dev
 for name in null zero full random urandom tty; do touch "dev/$name"; mount --bind "/dev/$name" "dev/$name"; done
 ln -s /proc/self/fd dev/fd
-mkdir dev/shm
+ln -s pts/ptmx dev/ptmx
+mkdir dev/shm dev/pts
+mount -t devpts -o newinstance,ptmxmode=0666,mode=620 devpts dev/pts
 mount -t tmpfs tmpfs run
 mount -t tmpfs tmpfs tmp
 mkdir tmp/installed
@@ -31,12 +33,8 @@ cd /
 umount --lazy mnt
 ip link set lo up
 exec env -i container=billing PATH=/usr/sbin:/usr/bin:/sbin:/bin \
-    /lib/systemd/systemd --system --unit=multi-user.target --log-target=null
+    /lib/systemd/systemd --system --unit=basic.target --log-target=journal
 """
-# Units of the machine below that this one does not need.
-MASKED = ("getty.target", "systemd-udevd.service", "systemd-udev-trigger.service", "systemd-timesyncd.service",
-          "systemd-logind.service", "apt-daily.timer", "apt-daily-upgrade.timer", "nginx.service", "ssh.service")
-
 
 def cgroup_root():
     """Where control groups of the second version are. @return None when they are not mounted"""
@@ -96,6 +94,11 @@ class Machine:
         done = self.run("sh", "-ec", script, timeout=timeout)
         assert done.returncode == 0, f"{script}\n{done.stdout[-4000:]}\n{done.stderr[-4000:]}"
         return done.stdout
+
+    def write(self, path, text):
+        """A file in the machine, with the folders above it."""
+        self.do(f"mkdir -p {pathlib.Path(path).parent} && cat >{path} <<'END-OF-FILE'\n{text}\nEND-OF-FILE\n"
+                f"truncate -s -1 {path}")
 
     def stop(self):
         if self._process is not None:

@@ -53,6 +53,32 @@ def write(path):
     file.unlink()
 
 
+def code_of(file):
+    """Maps machine code of a file. Nothing calls it."""
+    os.write(file, b"\xc3" * 4096)
+    address = libc.mmap(None, 4096, mmap.PROT_READ | mmap.PROT_EXEC, mmap.MAP_PRIVATE, file, 0)
+    os.close(file)
+    has(address not in (None, ctypes.c_void_p(-1).value))
+
+
+def code_in(folder):
+    path = pathlib.Path(folder) / "billing-probe-code"
+    try:
+        code_of(os.open(path, os.O_RDWR | os.O_CREAT, 0o700))
+    finally:
+        path.unlink()
+
+
+def program_in(folder):
+    path = pathlib.Path(folder) / "billing-probe-program"
+    path.write_text("#!/bin/true\n", encoding="ascii")
+    os.chmod(path, 0o700)
+    try:
+        child(lambda: os.execv(path, [str(path)]))
+    finally:
+        path.unlink()
+
+
 def special(folder):
     file = pathlib.Path(folder) / "special"
     file.touch()
@@ -67,10 +93,12 @@ def probes(other, outside, state, folder):
     return {
         "ProtectSystem: writes /var": lambda: write("/var/lib"),
         "ProtectSystem: writes the settings' folder": lambda: write(folder),
+        "ReadOnlyPaths: writes locks of others": lambda: write("/run/lock"),
         "ProtectHome: sees /root": lambda: has(os.listdir("/root")),
         "PrivateTmp: sees files of others in /tmp": lambda: has(os.path.exists(outside)),
         "PrivateDevices: has the kernel's log": lambda: has(os.path.exists("/dev/kmsg")),
-        "PrivateUsers: knows of root": lambda: has(" 0 " in pathlib.Path("/proc/self/uid_map").read_text()),
+        "PrivateUsers: knows of other users": lambda: has(any(
+            int(line.split()[2]) > 1 for line in pathlib.Path("/proc/self/uid_map").read_text().splitlines())),
         "ProtectProc: sees processes of others": lambda: has(os.path.exists(f"/proc/{other}")),
         "ProcSubset: sees the kernel's settings": lambda: has(os.path.exists("/proc/sys")),
         "ProtectKernelTunables: writes /sys": lambda: has(os.access("/sys/kernel", os.W_OK)),
@@ -90,6 +118,12 @@ def probes(other, outside, state, folder):
         "RestrictNamespaces: makes a namespace": lambda: child(lambda: did(libc.unshare(0x10000000))),
         "LockPersonality: changes its personality": lambda: child(lambda: did(libc.personality(0x0040000))),
         "MemoryDenyWriteExecute: writes code": writable_code,
+        "NoExecPaths: runs code of a file of its own": lambda: code_in(state),
+        "NoExecPaths: runs code of a file in /tmp": lambda: code_in("/tmp"),
+        "NoExecPaths: runs code of a file in /dev/shm": lambda: code_in("/dev/shm"),
+        "NoExecPaths: runs a program of its own": lambda: program_in(state),
+        "NoExecPaths: runs a shell": lambda: child(lambda: os.execv("/bin/sh", ["sh", "-c", "exit 0"])),
+        "memfd_create: runs code of no file": lambda: code_of(os.memfd_create("x")),
         "RestrictAddressFamilies: sees packets": lambda: socket.socket(socket.AF_PACKET, socket.SOCK_RAW).close(),
         "SystemCallFilter: mounts": lambda: child(
             lambda: (did(libc.unshare(0x00020000)), did(libc.mount(b"none", b"/mnt", b"tmpfs", 0, None)))),
