@@ -2,8 +2,9 @@
 #include "key_store.h"
 
 #include "private_file.h"
-#include "seal.h"
 #include "settings.h"
+
+#include <iterator>
 
 namespace keystore {
 
@@ -49,7 +50,8 @@ secret::Bytes readPin(const std::string& path)
 
 Place placeFromSettings()
 {
-    return {needed("module"), needed("token"), needed("pin_file")};
+    return {needed("module"), needed("token"), needed("pin_file"),
+            settings::text(kGroup, "store").value_or("")};
 }
 
 KeyStore& instance()
@@ -127,26 +129,19 @@ void KeyStore::connect(const pkcs11::Module& module, const Place& place)
     m_session = std::move(session);
 }
 
-/// What is remembered of a refused PIN: nothing that it could be found from.
-std::string KeyStore::attemptOf(const Place& place, const secret::Bytes& pin)
-{
-    if (m_salt.empty())
-        m_salt = seal::random(seal::kDigestSize);
-    secret::Bytes salted = m_salt;
-    salted.insert(salted.end(), pin.begin(), pin.end());
-    return seal::digest(place.module + '\0' + place.token + '\0' +
-                        seal::digest(salted.data(), salted.size()));
-}
-
 void KeyStore::login(const pkcs11::Session& session, const Place& place, CK_USER_TYPE user)
 {
     const secret::Bytes pin = readPin(place.pinFile);
-    const std::string attempt = attemptOf(place, pin);
-    if (m_refused.count(attempt) != 0)
+    const CK_TOKEN_INFO info = session.module().tokenIn(session.slot());
+    // A token that was made anew has another serial number, and the tries of a new one.
+    const std::string token =
+        place.module + '\0' + place.token + '\0' +
+        std::string(std::begin(info.serialNumber), std::end(info.serialNumber));
+    if (m_refused.contains(place.store, token, pin))
         throw secure::Error(SS_ERROR_ACCESS, "the PIN in " + place.pinFile +
                                                  " was refused before and is not tried again; put "
                                                  "the right one there");
-    if ((session.module().tokenIn(session.slot()).flags & CKF_USER_PIN_FINAL_TRY) != 0)
+    if ((info.flags & CKF_USER_PIN_FINAL_TRY) != 0)
         throw secure::Error(SS_ERROR_ACCESS,
                             "one more wrong PIN would lock it, so none is tried; log in once with "
                             "the token's own tool");
@@ -154,7 +149,7 @@ void KeyStore::login(const pkcs11::Session& session, const Place& place, CK_USER
         session.login(pin, user);
     } catch (const pkcs11::Failure& failure) {
         if (failure.isWrongPin())
-            m_refused.insert(attempt);
+            m_refused.add(place.store, token, pin);
         throw;
     }
 }

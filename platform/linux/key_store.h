@@ -2,25 +2,27 @@
 // at a time.
 #pragma once
 
+#include "refused_pins.h"
 #include "token_keys.h"
 
 #include <functional>
 #include <memory>
 #include <mutex>
-#include <set>
 #include <string>
 
 namespace keystore {
 
 /// Where the keys are.
 struct Place {
-    std::string module;   ///< path of a PKCS#11 module
-    std::string token;    ///< the token's label
-    std::string pinFile;  ///< mode 0600; one line break at its end does not count
+    std::string module;      ///< path of a PKCS#11 module
+    std::string token;       ///< the token's label
+    std::string pinFile;     ///< mode 0600; one line break at its end does not count
+    std::string store = {};  ///< folder where refused PINs are remembered; may be empty
 
     bool operator==(const Place& other) const
     {
-        return module == other.module && token == other.token && pinFile == other.pinFile;
+        return module == other.module && token == other.token && pinFile == other.pinFile &&
+               store == other.store;
     }
 };
 
@@ -40,7 +42,7 @@ public:
 
     /// Runs the body on the open session, logged in. A session that is lost is opened once more,
     /// and the body run once more. A PIN that the token refused is not tried again: not until the
-    /// PIN, the token or the module is another.
+    /// PIN, the token or the module is another, in this process or a later one.
     /// @throw secure::Error
     void read(const Place& place, const Body& body);
     /// The same on a session that may change the token.
@@ -50,14 +52,12 @@ private:
     void run(const Place& place, const Body& body);
     void open(const Place& place);
     void connect(const pkcs11::Module& module, const Place& place);
-    std::string attemptOf(const Place& place, const secret::Bytes& pin);
     void login(const pkcs11::Session& session, const Place& place, CK_USER_TYPE user);
 
     std::mutex m_lock;
     Place m_place;
     std::unique_ptr<pkcs11::Session> m_session;
-    std::set<std::string> m_refused;  ///< digests of what the token refused
-    secret::Bytes m_salt;             ///< in them
+    RefusedPins m_refused;
 };
 
 /// The one of the process.

@@ -146,6 +146,31 @@ def test_a_wrong_pin_is_tried_once_and_the_right_one_is_used_without_a_restart(
     assert not any(pin in process.log_text() for pin in ("0000-wrong", "1111-wrong", right.strip()))
 
 
+def test_a_wrong_pin_is_not_tried_again_by_the_next_start(needs_view, start_daemon, caller, a_device, proxy):
+    pin_file = a_device.credentials.folder / "pin"
+    right = pin_file.read_text()
+    pin_file.write_text("0000-wrong\n")
+    for _ in range(4):
+        process = start_daemon(environment=proxy.environment)
+        process.wait_for_name(caller)
+        assert caller.call("check_server_availability") == FAILED
+        assert proxy.count("login") == 1
+        assert complaints(process)
+        assert process.stop() == 0
+        end = time.monotonic() + 10
+        while caller.owner() is not None:
+            assert time.monotonic() < end
+            time.sleep(0.01)
+    # Nothing that the PIN could be read from stays behind.
+    left = [file.read_bytes() for file in (a_device.credentials.folder / "store").iterdir()]
+    assert len(left) == 1 and b"wrong" not in left[0]
+
+    pin_file.write_text(right)
+    start_daemon(environment=proxy.environment).wait_for_name(caller)
+    assert answers(caller) == all_alike(WORKS)
+    assert proxy.count("login") == 2
+
+
 PIN_FILES = {
     "missing": (lambda file: file.unlink(), "does not exist; it must be there and readable"),
     "empty": (lambda file: file.write_text("\n"), "is empty; put the PIN there"),

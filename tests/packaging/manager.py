@@ -55,8 +55,9 @@ class Machine:
         self._process = None
         try:
             self._process = subprocess.Popen(
-                ["sh", "-ec", 'echo $$ >"$3/cgroup.procs"; exec unshare --mount --pid --ipc --uts --net --cgroup --fork '
-                 '--kill-child sh -ec "$0" machine "$1" "$2"', MACHINE, folder, installed, self._group],
+                ["sh", "-ec", 'echo $$ >"$3/cgroup.procs"; exec setpriv --pdeathsig KILL '
+                 'unshare --mount --pid --ipc --uts --net --cgroup --fork --kill-child sh -ec "$0" machine "$1" "$2"',
+                 MACHINE, folder, installed, self._group],
                 stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, stderr=subprocess.PIPE, text=True)
             self._wait_for_systemd()
         except BaseException:
