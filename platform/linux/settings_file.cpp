@@ -108,9 +108,42 @@ std::string trimmed(std::string value)
     return value;
 }
 
+std::string_view withoutBlanks(std::string_view text)
+{
+    const std::size_t first = text.find_first_not_of(" \t\r");
+    if (first == std::string_view::npos)
+        return {};
+    return text.substr(first, text.find_last_not_of(" \t\r") - first + 1);
+}
+
+/// Number of the last line with this group, or with this key in it. @param key empty: the group's
+std::size_t lineOf(std::string_view bytes, std::string_view group, std::string_view key)
+{
+    bool inside = false;
+    std::size_t number = 0;
+    std::size_t found = 0;
+    for (std::size_t at = 0; at < bytes.size(); number++) {
+        const std::size_t end = std::min(bytes.find('\n', at), bytes.size());
+        const std::string_view line = withoutBlanks(bytes.substr(at, end - at));
+        const bool heads = !line.empty() && line.front() == '[';
+        if (heads)
+            inside = line.substr(1, line.rfind(']') - 1) == group;
+        const bool isKey =
+            !heads && !key.empty() &&
+            withoutBlanks(line.substr(0, std::min(line.find('='), line.size()))) == key;
+        if (inside && (isKey || (heads && key.empty())))
+            found = number + 1;
+        at = end + 1;
+    }
+    return found;
+}
+
 class Parser {
 public:
-    Parser(const std::string& path, Values& values) : m_path(path), m_values(values) {}
+    Parser(const std::string& path, const std::string& bytes, Values& values)
+        : m_path(path), m_bytes(bytes), m_values(values)
+    {
+    }
 
     void problem(const std::string& text)
     {
@@ -122,7 +155,7 @@ public:
     void group(GKeyFile* file, const char* group)
     {
         if (!isKnownGroup(group)) {
-            problem("[" + std::string(group) + "] is not a known group and is ignored");
+            unknown(lineOf(m_bytes, group, ""), "group");
             return;
         }
         const Names keys(g_key_file_get_keys(file, group, nullptr, nullptr));
@@ -141,12 +174,18 @@ public:
     }
 
 private:
+    /// The line itself may be a part of a token that somebody has wrapped, so it is not shown.
+    void unknown(std::size_t line, const std::string& what)
+    {
+        problem("line " + std::to_string(line) + " is not a known " + what + " and is ignored");
+    }
+
     void setting(const Name& name, const std::string& value)
     {
         const std::string shown = "[" + name.first + "] " + name.second + " ";
         const auto kind = kindOf(name.first, name.second);
         if (!kind)
-            problem(shown + "is not a known setting and is ignored");
+            unknown(lineOf(m_bytes, name.first, name.second), "setting");
         const std::string_view fault = faultIn(kind.value_or(Kind::Text), value);
         if (fault.empty()) {
             m_values.texts[name] = value;
@@ -158,6 +197,7 @@ private:
     }
 
     const std::string& m_path;
+    const std::string& m_bytes;
     Values& m_values;
     std::size_t m_count = 0;
 };
@@ -206,14 +246,14 @@ Contents readFile(const std::string& path)
 Values parse(const std::string& path, const Contents& contents)
 {
     Values values;
-    Parser parser(path, values);
+    // A NUL would end the value silently; as another control byte it is refused by its key.
+    std::string bytes = contents.bytes;
+    std::replace(bytes.begin(), bytes.end(), '\0', '\1');
+    Parser parser(path, bytes, values);
     if (!contents.problem.empty()) {
         parser.problem(contents.problem);
         return values;
     }
-    // A NUL would end the value silently; as another control byte it is refused by its key.
-    std::string bytes = contents.bytes;
-    std::replace(bytes.begin(), bytes.end(), '\0', '\1');
 
     const KeyFile file = load(bytes, bytes.size());
     if (file == nullptr) {

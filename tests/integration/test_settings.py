@@ -79,9 +79,9 @@ FAULTS = {
     "binary data": (bytes(range(256)), ["line 1"]),
     "a megabyte": ("[config]\ndb/comss/atoken=" + "x" * (1 << 20), ["larger than 64 KiB"]),
     "an unknown key": ("[network]\ndefault_gatewai=up\ndefault_gateway=down\n",
-                       ["[network] default_gatewai", "not a known setting"]),
+                       ["line 2", "not a known setting"]),
     "an unknown group": ("[netwrok]\n[network]\ndefault_gateway=down\n",
-                         ["[netwrok]", "not a known group"]),
+                         ["line 1", "not a known group"]),
     "an unknown gateway rule": ("[network]\ndefault_gateway=sideways\n",
                                 ["[network] default_gateway", "none of auto, up, down"]),
     "a type that is no number": (
@@ -93,6 +93,26 @@ FAULTS = {
         ["[deployment] production_host", "not a bare host name"]),
     "no host": ("[network]\ndefault_gateway=up\n", ["[deployment] sandbox_host", "is not set"]),
 }
+
+
+# What an editor makes of a long value: a second line, which may look like anything.
+WRAPPED = ["{}", "{}==", "{}=", "{}=x", "[{}", "[{}]", "{}[de]=x", "#{}", "{}: x", " {}"]
+# Texts that name a person or a device, or open something. Country, language and places are logged as they are.
+PRIVATE = [("config", "db/comss/atoken"), ("config", "db/comss/hwduid"), ("config", "db/comss/modelid"),
+           ("account", "guid"), ("account", "auth_token"), ("account", "login_id")]
+
+
+@pytest.mark.parametrize("group, key", PRIVATE)
+def test_no_part_of_a_private_value_is_logged_however_it_is_wrapped(service, caller, a_device, group, key):
+    canaries = []
+    for at, form in enumerate(["", *WRAPPED]):
+        first, second = f"CANARY-{at}-HEAD", f"CANARY-{at}-TAIL" if form else ""
+        canaries += [first, second] if form else [first]
+        a_device.set(group, key, first + ("\n" + form.format(second) if form else ""))
+        answers(caller)
+    assert complaints(service)
+    log = service.log_text()
+    assert [canary for canary in canaries if canary in log] == []
 
 
 @pytest.mark.parametrize("fault", FAULTS)
