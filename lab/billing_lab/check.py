@@ -5,7 +5,8 @@ import re
 
 from .store import PATHS
 
-_ANY = r"(?:.*)"
+# What a caller chooses. A "&" or "#" of its own would add, replace or cut off other parts of the query.
+_ANY = r"[^&#]*"
 _TEXT = r'(?:[^"\\]|\\.)*'
 _BODY_KEYS = ("GUID", "UID", "appId", "countryCode", "customId", "invoiceId", "languageCode", "storeId",
               "storeProdCode")

@@ -99,6 +99,17 @@ def test_a_fault_is_seen_by_the_caller(lab, kind, method):
     assert lab.call(method, **values) == (0, body)
 
 
+@pytest.mark.parametrize("appid", [
+    "app-1&guid=victim&uid=victim", "app-1#", "app-1&checkvalue=v#",
+    "app-1&guid=victim&uid=victim&storeid=1&storeprodcode=1&countrycode=US&languagecode=en&checkvalue=v#"])
+def test_an_argument_that_is_more_than_its_part_of_the_query_is_flagged(lab, appid):
+    lab.call("get_product_list", appid="app-1%26guid=mine")
+    lab.call("get_product_list", appid=appid)
+    encoded, entry = lab.journal()[-2:]
+    assert encoded["differences"] == []
+    assert entry["differences"][0].startswith("the request line is ")
+
+
 def test_a_payment_whose_connection_is_reset_reaches_the_store_once(lab):
     lab.call("check_server_availability")
     lab.fault("reset", endpoint="confirm", done=True)
