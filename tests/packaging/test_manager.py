@@ -7,7 +7,7 @@ import time
 import pytest
 
 import manager
-from first_answer import PIN, SETTINGS, SIGN, SO_PIN, STORE, documented
+from first_answer import PIN, SETTINGS, SIGN, SO_PIN, STORE, TREE, documented
 
 HERE = pathlib.Path(__file__).parent
 ASK = "billingctl check-server-availability --raw"
@@ -32,6 +32,8 @@ def prepare(machine):
         cp -a /tmp/installed/. /
         # The bus of the machine looks below /usr alone; the prefix of the build is another one.
         for kind in system.d system-services; do cp /usr/local/share/dbus-1/$kind/org.plevo.* /usr/share/dbus-1/$kind/; done
+        # An image for containers may forbid packages to start and stop anything.
+        rm -f /usr/sbin/policy-rc.d
         useradd -m app && useradd -m stranger
         systemctl daemon-reload
         mkdir /tmp/home && cd /tmp/home
@@ -183,3 +185,37 @@ def test_anybody_may_have_the_service_started_and_nobody_else_is_answered(device
     device.do(f"runuser -u stranger -g stranger -- {start}")
     wait_until(device, "running")
     assert DENIED in device.run("sh", "-c", AS_STRANGER).stderr
+
+
+def maintain(machine, script, argument, prefix=""):
+    """Runs a script of the package, for the place where the daemon is here."""
+    text = (TREE / f"debian/billing-service.{script}").read_text(encoding="utf-8")
+    assert "#DEBHELPER#" in text
+    machine.write("/run/maintain", text.replace("/usr/libexec/", "/usr/local/libexec/"))
+    machine.do(f"{prefix} sh /run/maintain {argument}")
+
+
+def daemons(machine):
+    return machine.do("for p in /proc/[0-9]*; do [ \"$(readlink $p/exe)\" != /usr/local/libexec/billing-service ] || "
+                      "echo $p; done").split()
+
+
+def test_a_purge_beside_a_running_daemon_leaves_no_file_to_a_number_without_a_name(device):
+    device.do(AS_APP)
+    assert len(daemons(device)) == 1
+    maintain(device, "prerm", "remove")
+    assert daemons(device) == []
+    device.do("rm /usr/local/lib/systemd/system/billing-service.service")
+    maintain(device, "postrm", "purge")
+    assert device.do("ls -d /var/lib/billing-service || true") == ""
+    assert device.do("stat -c '%U %a' /etc/plevo/pin") == "billing-service 600\n"
+    device.do("useradd --system next")
+    assert device.do("find /etc /opt /srv /usr/apps /var -xdev \\( -nouser -o -nogroup -o -user next \\)") == ""
+
+
+@pytest.mark.parametrize("argument", ["remove", "upgrade 2"])
+def test_no_old_daemon_goes_on_where_there_is_no_systemd(device, argument):
+    device.do("systemd-run --quiet --uid=billing-service --unit=by-hand /usr/local/libexec/billing-service; sleep 0.5")
+    assert len(daemons(device)) == 1
+    maintain(device, "prerm", argument, "unshare --mount sh -c 'mount -t tmpfs tmpfs /run/systemd; exec \"$@\"' x")
+    assert daemons(device) == []
