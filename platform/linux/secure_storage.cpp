@@ -13,6 +13,8 @@
 
 #include <cstdlib>
 #include <cstring>
+#include <mutex>
+#include <optional>
 
 namespace {
 
@@ -43,6 +45,29 @@ void require(bool holds)
         throw secure::Error(SS_ERROR_PARAMETER, "");
 }
 
+/// Where the keys are: what the settings said when it was first asked since a credential was made,
+/// which the service does at its start.
+struct KeptPlace {
+    std::mutex lock;
+    std::optional<keystore::Place> place;
+};
+
+/// Never destroyed: threads may still sign while the process ends.
+KeptPlace& keptPlace()
+{
+    static auto* const kept = new KeptPlace;
+    return *kept;
+}
+
+keystore::Place placeOfKeys()
+{
+    KeptPlace& kept = keptPlace();
+    const std::lock_guard<std::mutex> hold(kept.lock);
+    if (!kept.place)
+        kept.place = keystore::placeFromSettings();
+    return *kept.place;
+}
+
 filestore::Store store()
 {
     const auto folder = settings::text("keystore", "store");
@@ -62,6 +87,9 @@ int ss_init_credential(ss_credential_s* credential, uint32_t w0, uint32_t w1, ui
     if (credential == nullptr || !securerules::isCredential(&filled))
         return SS_ERROR_PARAMETER;
     *credential = filled;
+    KeptPlace& kept = keptPlace();
+    const std::lock_guard<std::mutex> hold(kept.lock);
+    kept.place.reset();
     return SS_ERROR_NONE;
 }
 
@@ -115,11 +143,10 @@ int ss_store_rsa_key(const ss_credential_s* credential, int type, int use,
         const auto key = rawrsa::recover(modulus, modulus_size, exponent, exponent_size);
         require(key.has_value());
         int32_t id = *key_id;
-        keystore::instance().change(keystore::placeFromSettings(),
-                                    [&](const pkcs11::Session& session) {
-                                        id = *key_id != 0 ? *key_id : tokenkeys::freeId(session);
-                                        tokenkeys::import(session, id, *key);
-                                    });
+        keystore::instance().change(placeOfKeys(), [&](const pkcs11::Session& session) {
+            id = *key_id != 0 ? *key_id : tokenkeys::freeId(session);
+            tokenkeys::import(session, id, *key);
+        });
         *key_id = id;
     });
 }
@@ -131,10 +158,9 @@ int ss_encrypt_by_key(const ss_credential_s* credential, int32_t key_id, unsigne
         require(securerules::isCredential(credential) && block != nullptr && *block != nullptr &&
                 size != nullptr && *size == rawrsa::kBlockSize);
         secret::Bytes result;
-        keystore::instance().read(keystore::placeFromSettings(),
-                                  [&](const pkcs11::Session& session) {
-                                      result = tokenkeys::privateOperation(session, key_id, *block);
-                                  });
+        keystore::instance().read(placeOfKeys(), [&](const pkcs11::Session& session) {
+            result = tokenkeys::privateOperation(session, key_id, *block);
+        });
         *block = handOut(result);
         *size = result.size();
     });
@@ -144,11 +170,10 @@ int ss_remove_key(const ss_credential_s* credential, int32_t key_id)
 {
     return seam::answered(kKeys, [&] {
         require(securerules::isCredential(credential));
-        keystore::instance().change(
-            keystore::placeFromSettings(), [&](const pkcs11::Session& session) {
-                if (!tokenkeys::remove(session, key_id))
-                    throw secure::Error(SS_ERROR_NOT_FOUND, "there is no private key with CKA_ID " +
-                                                                tokenkeys::shownId(key_id));
-            });
+        keystore::instance().change(placeOfKeys(), [&](const pkcs11::Session& session) {
+            if (!tokenkeys::remove(session, key_id))
+                throw secure::Error(SS_ERROR_NOT_FOUND, "there is no private key with CKA_ID " +
+                                                            tokenkeys::shownId(key_id));
+        });
     });
 }

@@ -217,7 +217,7 @@ bool Stamp::operator==(const Stamp& other) const
 
 bool Contents::sameAs(const Contents& other) const
 {
-    return bytes == other.bytes && problem == other.problem;
+    return bytes == other.bytes && problem == other.problem && mode == other.mode;
 }
 
 Contents readFile(const std::string& path)
@@ -231,6 +231,7 @@ Contents readFile(const std::string& path)
         return contents;
     }
     contents.stamp = Stamp::of(status);
+    contents.mode = status.st_mode;
     contents.settled = isSettled(contents.stamp);
     if (!S_ISREG(status.st_mode))
         contents.problem = "is not a regular file; every setting counts as not set";
@@ -263,6 +264,9 @@ Values parse(const std::string& path, const Contents& contents)
         return values;
     }
     values.usable = true;
+    if ((contents.mode & S_IRWXO) != 0)
+        parser.problem(
+            "is open to others, who may read its tokens or name another store; chmod o= it");
     const Names groups(g_key_file_get_groups(file.get(), nullptr));
     for (gchar** group = groups.get(); *group != nullptr; group++)
         parser.group(file.get(), *group);

@@ -40,6 +40,7 @@ struct Contents {
     std::string bytes;
     std::string problem;  ///< why there are no bytes; empty when there are
     Stamp stamp;
+    mode_t mode = 0;
     bool settled = false;  ///< the next change is certain to change the stamp
 
     bool sameAs(const Contents& other) const;

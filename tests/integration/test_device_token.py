@@ -1,6 +1,7 @@
 """The token with the device's key: taken away, refusing, wrong, slow; and how often it signs."""
 import os
 import random
+import subprocess
 import time
 
 import pytest
@@ -169,6 +170,20 @@ def test_a_wrong_pin_is_not_tried_again_by_the_next_start(needs_view, start_daem
     start_daemon(environment=proxy.environment).wait_for_name(caller)
     assert answers(caller) == all_alike(WORKS)
     assert proxy.count("login") == 2
+
+
+@pytest.mark.parametrize("key", ["module", "token", "pin_file"])
+def test_a_key_store_that_the_settings_name_later_is_not_used_before_the_next_start(
+        service, caller, a_device, cold_store, tmp_path, key):
+    marker = tmp_path / "loaded"
+    (tmp_path / "other.c").write_text(
+        '#include <fcntl.h>\n__attribute__((constructor)) static void loaded(void)'
+        f'{{ creat("{marker}", 0600); }}\n')
+    subprocess.run(["cc", "-shared", "-fPIC", "-o", tmp_path / "other.so", tmp_path / "other.c"], check=True)
+    a_device.set("keystore", key, str(tmp_path / "other.so"))
+    cold_store()
+    assert caller.call("check_server_availability") == WORKS
+    assert complaints(service) == [] and not marker.exists()
 
 
 PIN_FILES = {

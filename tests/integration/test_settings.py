@@ -95,6 +95,17 @@ FAULTS = {
 }
 
 
+@pytest.mark.parametrize("mode", [0o604, 0o602, 0o666])
+def test_settings_that_others_can_read_or_write_are_complained_of(service, caller, a_device, mode):
+    caller.call("check_server_availability")
+    assert complaints(service) == []
+    a_device.file.chmod(mode)
+    for _ in range(2):
+        caller.call("check_server_availability")
+    (line,) = complaints(service)
+    assert f"{a_device.file}: is open to others" in line.text and line.text.endswith("; chmod o= it")
+
+
 # What an editor makes of a long value: a second line, which may look like anything.
 WRAPPED = ["{}", "{}==", "{}=", "{}=x", "[{}", "[{}]", "{}[de]=x", "#{}", "{}: x", " {}"]
 # Texts that name a person or a device, or open something. Country, language and places are logged as they are.

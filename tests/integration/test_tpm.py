@@ -82,6 +82,7 @@ class TpmCredentials(credentials.Credentials):
         pin.write_text(PIN)
         (self.folder / "so-pin").write_text("so-pin")
         self._conf = self.folder / "device.conf"
+        self._conf.touch(mode=0o600)
         self._conf.write_text("".join(
             f"[{group}]\n" + "".join(f"{key}={value}\n" for key, value in values.items())
             for group, values in self.settings.items()))

@@ -29,6 +29,12 @@ MANAGED = {"Restart", "RestartSec"}
 UNTRIED = {"DevicePolicy", "MemoryHigh", "MemoryMax", "RemoveIPC", "TasksMax", "TimeoutStartSec", "TimeoutStopSec"}
 
 
+def let_service_read(device, accounts):
+    """As the documentation has it: root's, and readable for the service alone."""
+    os.chown(device.file, 0, accounts.service_group)
+    os.chmod(device.file, 0o640)
+
+
 @pytest.fixture
 def device(folder, store, authority, provisioned, accounts):
     """A device whose token and settings the service may only read, and whose PIN is its own."""
@@ -43,7 +49,7 @@ def device(folder, store, authority, provisioned, accounts):
         (folder / name).mkdir(mode=0o700)
         os.chown(folder / name, accounts.service, accounts.service_group)
     made.set("keystore", "store", str(folder / "state" / "store"))
-    os.chmod(made.file, 0o644)
+    let_service_read(made, accounts)
     return made
 
 
@@ -100,7 +106,7 @@ def test_the_daemon_works_in_its_sandbox(sandbox, folder, run_service, policy_bu
     assert store.requests[-1].client is not None
     # From now on the kernel's routing table is asked.
     device.set("network", "default_gateway", "auto")
-    os.chmod(device.file, 0o644)
+    let_service_read(device, accounts)
     assert caller.call("check_server_availability")[0] in (0, 1160003)
     daemon = caller.ask_bus("GetConnectionUnixProcessID", message_bus.SERVICE)
     caller.close()

@@ -2,6 +2,7 @@
 #include "device_conf.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -72,8 +73,23 @@ void Conf::set(const std::string& group, const std::string& key, std::optional<s
     write(bytes);
 }
 
+namespace {
+
+/// Files that are made meanwhile are for nobody else, as those of a device are.
+struct Private {
+    Private() : before(umask(S_IRWXG | S_IRWXO)) {}
+    ~Private() { umask(before); }
+    Private(const Private&) = delete;
+    Private& operator=(const Private&) = delete;
+
+    const mode_t before;
+};
+
+}  // namespace
+
 void Conf::write(const std::string& bytes) const
 {
+    const Private mask;
     std::ofstream file(path(), std::ios::binary | std::ios::trunc);
     file << bytes;
     if (!file.flush())
@@ -83,6 +99,7 @@ void Conf::write(const std::string& bytes) const
 void Conf::replace(const std::string& bytes) const
 {
     const std::string next = path() + ".new";
+    const Private mask;
     std::ofstream(next, std::ios::binary) << bytes;
     std::filesystem::rename(next, path());
 }

@@ -38,7 +38,8 @@ enum {
 };
 
 /// Fills a credential. @param[out] credential not null @param w0 to w4 the client's identity @param
-/// kind 1 @param reserved 0 @return 0 or an error. Does not touch the store. Thread: any.
+/// kind 1 @param reserved 0 @return 0 or an error. Does not touch the store. Settings that name
+/// the key store are read once after it. Thread: any.
 int ss_init_credential(ss_credential_s* credential, uint32_t w0, uint32_t w1, uint32_t w2,
                        uint32_t w3, uint32_t w4, uint32_t kind, uint32_t reserved);
 

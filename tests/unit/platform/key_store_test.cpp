@@ -60,7 +60,7 @@ protected:
         control().delayMs = 0;
         token().soft.writePin(token().soft.pin() + "\n");
         token().soft.use(conf, PROXY_MODULE);
-        ss_init_credential(&client, 1, 2, 3, 4, 5, 1, 0);
+        start();
         ASSERT_EQ(store(token().key), 0);
         ASSERT_EQ(sign(), 0);
         log.clear();
@@ -73,12 +73,17 @@ protected:
 
     static proxy::Control& control() { return *token().control; }
 
+    /// The settings that name the key store count from here on.
+    void start() { ss_init_credential(&client, 1, 2, 3, 4, 5, 1, 0); }
+
     /// What the next call must open anew, with a login.
     void endSession()
     {
         conf.set("keystore", "token", "nothing");
+        start();
         EXPECT_EQ(sign(), SS_ERROR_UNAVAILABLE);
         conf.set("keystore", "token", token().soft.label());
+        start();
     }
 
     int store(const RsaKey& key) const
@@ -231,11 +236,13 @@ TEST_F(AKeyStore, UsesNoPinFileThatOthersCanReadOrThatIsMissing)
 {
     const std::string other = token().soft.folder() + "/no-such-pin";
     conf.set("keystore", "pin_file", other);
+    start();
     EXPECT_EQ(sign(), SS_ERROR_ACCESS);
     EXPECT_THAT(errors(), Contains(HasSubstr(other + " does not exist")));
     for (const unsigned mode : {0640U, 0604U, 0620U}) {
         token().soft.writePin(token().soft.pin(), mode);
         conf.set("keystore", "pin_file", token().soft.pinFile());
+        start();
         EXPECT_EQ(sign(), SS_ERROR_ACCESS) << mode;
         EXPECT_THAT(errors(), Contains(HasSubstr("chmod 600")));
     }
@@ -245,15 +252,19 @@ TEST_F(AKeyStore, UsesNoPinFileThatOthersCanReadOrThatIsMissing)
 TEST_F(AKeyStore, SaysWhatIsWrongWithItsSettings)
 {
     conf.set("keystore", "token", "another");
+    start();
     EXPECT_EQ(sign(), SS_ERROR_UNAVAILABLE);
     EXPECT_THAT(errors(), Contains(HasSubstr("token \"another\"")));
     conf.set("keystore", "module", "/no/such/module.so");
+    start();
     EXPECT_EQ(sign(), SS_ERROR_UNAVAILABLE);
     EXPECT_THAT(errors(), Contains(HasSubstr("/no/such/module.so")));
     conf.set("keystore", "module", NO_MODULE);
+    start();
     EXPECT_EQ(sign(), SS_ERROR_UNAVAILABLE);
     EXPECT_THAT(errors(), Contains(HasSubstr("is no PKCS#11 module")));
     conf.set("keystore", "module", std::nullopt);
+    start();
     EXPECT_EQ(sign(), SS_ERROR_UNAVAILABLE);
     EXPECT_THAT(errors(), Contains(HasSubstr("[keystore] module is not set")));
 }
