@@ -64,6 +64,7 @@ class Bus:
             stdout=subprocess.PIPE, text=True, start_new_session=True)
         if not self.process.stdout.readline():
             raise RuntimeError("dbus-daemon did not start")
+        self.socket.chmod(0o600)
 
     def kill(self):
         """Without any notice, as a crash would."""

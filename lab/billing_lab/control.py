@@ -52,9 +52,9 @@ def _guard(token: str):
         host = request.headers.get("Host", "").rpartition(":")[0]
         if host not in ("127.0.0.1", "localhost") or dashboard.is_foreign(request):
             return _problem(403, "another site may not use the lab")
-        if not dashboard.is_public(request) and not hmac.compare_digest(given.encode(),
-                                                                        token.encode()):
-            return _problem(403, "the lab's token is missing or wrong")
+        if not dashboard.is_public(request) and not hmac.compare_digest(
+                given.encode(errors="surrogateescape"), token.encode()):
+            return _problem(401, "the lab's token is missing or wrong")
         try:
             return await handler(request)
         except _WRONG as wrong:

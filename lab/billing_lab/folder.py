@@ -5,6 +5,7 @@ import fcntl
 import json
 import os
 import pathlib
+import stat
 from collections.abc import Iterator
 
 
@@ -69,6 +70,15 @@ class Folder:
         """Why the last lab here ended by itself."""
         return self.path / "ended"
 
+    def check_owner(self) -> None:
+        """A folder of somebody else's could name a daemon and a module that would run as this user."""
+        status = os.stat(self.path)
+        if status.st_uid != os.geteuid():
+            raise LabError(f"{self.path} is another user's; name a folder of your own with --dir")
+        if stat.S_IMODE(status.st_mode) & 0o077:
+            raise LabError(f"{self.path} is open to others; `chmod 700 {self.path}` if you trust what is in it, or "
+                           "name another folder with --dir")
+
     def make(self) -> None:
         # A bus address may be 107 bytes long at most.
         if len(os.fsencode(self.path / "bus")) > 100:
@@ -79,6 +89,7 @@ class Folder:
                            "choose another folder with --dir")
         try:
             self.path.mkdir(mode=0o700, parents=True, exist_ok=True)
+            self.check_owner()
             if not (self.path / "lock").exists() and {file.name for file in self.path.iterdir()} - _MADE:
                 raise LabError(f"{self.path} has other things in it; name an empty folder, or a new "
                                "one, with --dir")
@@ -103,6 +114,7 @@ class Folder:
         try:
             if not (self.path / "lock").exists():
                 return False
+            self.check_owner()
             taken = self.lock()
         except PermissionError:
             raise LabError(f"the lab in {self.path} is somebody else's; name a folder of your own "

@@ -412,7 +412,7 @@ def test_the_page_needs_no_token_and_its_data_do(ask):
     assert "default-src 'none'" in headers["Content-Security-Policy"]
     assert ask("GET", "/page/main.js", token=False)[1]["Content-Type"].startswith("text/javascript")
     assert ask("GET", "/page/vendor/uPlot.esm.js", token=False)[0] == 200
-    assert ask("GET", "/api/journal", token=False)[0] == 403
+    assert ask("GET", "/api/journal", token=False)[0] == 401
     assert ask("GET", "/page/..%2fcore.py", token=False)[0] == 404
     assert ask("GET", "/page/vendor/uPlot-LICENSE", token=False)[0] == 404
 

@@ -4,6 +4,7 @@ import json
 import os
 import pathlib
 import signal
+import stat
 import subprocess
 import sys
 import threading
@@ -269,8 +270,37 @@ def test_a_daemon_that_does_not_start_is_said(folder, cli, tmp_path):
     assert processes_of(folder) == set()
 
 
+def test_a_folder_that_others_can_write_is_not_taken(tmp_path, cli):
+    planted = tmp_path / "planted"
+    planted.mkdir()
+    (planted / "lock").touch()
+    for mode in (0o755, 0o770, 0o701):
+        planted.chmod(mode)
+        for command in ("up", "status", "call"):
+            words = (command, "check_server_availability") if command == "call" else (command,)
+            answer = cli(*words, folder=planted)
+            assert (answer.returncode, "is open to others" in answer.stderr) == (1, True), answer
+    assert [file.name for file in planted.iterdir()] == ["lock"]
+
+
+@pytest.mark.skipif(os.geteuid() != 0, reason="to give a folder away needs root")
+def test_a_folder_of_another_user_is_not_taken(tmp_path, cli):
+    planted = tmp_path / "planted"
+    planted.mkdir(mode=0o700)
+    (planted / "lock").touch()
+    os.chown(planted, 61001, 61001)
+    for command in ("up", "status"):
+        answer = cli(command, folder=planted)
+        assert (answer.returncode, "is another user's" in answer.stderr) == (1, True), answer
+
+
+def test_the_bus_is_for_its_owner_alone(lab):
+    assert stat.S_IMODE(os.stat(lab.folder.path / "bus").st_mode) == 0o600
+
+
 @pytest.mark.parametrize("headers, query, status", [
-    ({}, "", 403), ({"Authorization": "Bearer wrong"}, "", 403), ({}, "?token=wrong", 403),
+    ({}, "", 401), ({"Authorization": "Bearer wrong"}, "", 401), ({}, "?token=wrong", 401),
+    ({"Authorization": "Bearer \xe9\xff"}, "", 401), ({}, "?token=%C3%A9", 401), ({}, "?token=%ff", 401),
     ({"Authorization": "Bearer {token}"}, "", 200), ({}, "?token={token}", 200),
     ({"Authorization": "Bearer {token}", "Host": "evil.example:80"}, "", 403),
 ])

@@ -25,7 +25,7 @@ export async function ask(path, { method = "GET", body } = {}) {
   }
   const told = await response.json().catch(() => ({}));
   if (!response.ok) {
-    throw new Problem(response.status === 403
+    throw new Problem(response.status === 401 || response.status === 403
       ? "The lab does not take this page's token. Open the address that billing-lab status prints."
       : told.error || `The lab answered with status ${response.status}.`);
   }
