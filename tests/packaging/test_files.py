@@ -145,6 +145,44 @@ def test_the_profile_is_for_the_installed_daemon(installed):
         installed.one("examples/apparmor").read_text()
 
 
+def rights(profile, path, is_own):
+    """What the file rules of a profile let the daemon do with a file."""
+    found = set()
+    for owner, pattern, letters in re.findall(r"^ +(owner )?(/\S+) ([a-z]+),$", profile, re.MULTILINE):
+        pattern = re.escape(pattern).replace(r"\*\*", ".+").replace(r"\*", "[^/]+")
+        if re.fullmatch(pattern, path) and (is_own or not owner):
+            found |= set(letters)
+    return found
+
+
+@pytest.mark.parametrize("path, is_own, needed", [
+    ("/etc/plevo/device.conf", False, "r"), ("/etc/plevo/pin", True, "r"), ("/etc/plevo/softhsm2.conf", False, "r"),
+    ("/etc/plevo/tokens/1-2-3/token.object", False, "rk"), ("/etc/plevo/tokens/1-2-3/token.lock", False, "rk"),
+    ("/opt/down/cert/ca.pem", False, "r"),
+    ("/usr/apps/org.plevo.billing-api/res/certificate/bgclient.crt", False, "r"),
+    ("/var/lib/billing-service/store/refused-pins", True, "rw"),
+    ("/var/lib/billing-service/tpm/tpm2_pkcs11.sqlite3", True, "rwk"), ("/dev/tpmrm0", False, "rw"),
+    ("/usr/lib/softhsm/libsofthsm2.so", False, "mr")])
+def test_the_profile_allows_the_files_of_the_documentation(path, is_own, needed, installed):
+    assert set(needed) <= rights(installed.one("examples/apparmor").read_text(), path, is_own)
+
+
+@pytest.mark.parametrize("path, is_own, refused", [
+    ("/etc/plevo/pin", True, "w"), ("/etc/plevo/tokens/1-2-3/token.object", False, "w"),
+    ("/var/lib/billing-service/store/x", False, "r"), ("/var/lib/billing-service/x", True, "mx"),
+    ("/etc/shadow", False, "r"), ("/bin/sh", False, "rx")])
+def test_the_profile_allows_no_more(path, is_own, refused, installed):
+    assert not set(refused) & rights(installed.one("examples/apparmor").read_text(), path, is_own)
+
+
+def test_the_profile_lets_the_daemon_own_its_name(installed):
+    # For the bus that is a call and a binding.
+    profile = " ".join(installed.one("examples/apparmor").read_text().split())
+    assert "dbus bind bus=system name=org.plevo.billingservice," in profile
+    (calls,) = re.findall(r"dbus send bus=system path=/org/freedesktop/DBus [^,]*?member=\{([^}]*)\}", profile)
+    assert "RequestName" in calls.split(",")
+
+
 def test_the_unit_is_exposed_little(installed):
     unit = installed.one("billing-service.service")
     done = run("systemd-analyze", "security", "--offline=true", "--threshold=15", "--no-pager", unit)
