@@ -151,7 +151,8 @@ void discard(const Session& session, const Objects& objects)
     }
 }
 
-Attributes privateAttributes(std::int32_t id)
+/// @param signOnly says that the key may do nothing else, which not every token takes
+Attributes privateAttributes(std::int32_t id, bool signOnly)
 {
     Attributes attributes = keyAttributes(CKO_PRIVATE_KEY, id);
     attributes.text(CKA_LABEL, "billing")
@@ -160,6 +161,8 @@ Attributes privateAttributes(std::int32_t id)
         .flag(CKA_SENSITIVE, true)
         .flag(CKA_EXTRACTABLE, false)
         .flag(CKA_SIGN, true);
+    if (signOnly)
+        attributes.flag(CKA_DECRYPT, false).flag(CKA_UNWRAP, false);
     return attributes;
 }
 
@@ -173,7 +176,7 @@ Attributes publicAttributes(std::int32_t id)
 CK_OBJECT_HANDLE createPrivate(const Session& session, std::int32_t id,
                                const rawrsa::PrivateKey& key)
 {
-    Attributes attributes = privateAttributes(id);
+    Attributes attributes = privateAttributes(id, true);
     attributes.bytes(CKA_MODULUS, key.modulus)
         .bytes(CKA_PUBLIC_EXPONENT, key.publicExponent)
         .bytes(CKA_PRIVATE_EXPONENT, key.privateExponent)
@@ -240,14 +243,14 @@ bool exists(const Session& session, std::int32_t id)
     return !objects(session, CKO_PRIVATE_KEY, id).empty();
 }
 
-void generate(const Session& session, std::int32_t id)
+void generate(const Session& session, std::int32_t id, bool signOnly)
 {
     if (exists(session, id))
         throw secure::Error(SS_ERROR_REFUSED, "CKA_ID " + shownId(id) + " has a private key");
     Attributes publicKey = publicAttributes(id);
     publicKey.number(CKA_MODULUS_BITS, kModulusBits)
         .bytes(CKA_PUBLIC_EXPONENT, kPublicExponent, sizeof kPublicExponent);
-    Attributes privateKey = privateAttributes(id);
+    Attributes privateKey = privateAttributes(id, signOnly);
     const Objects made = session.generate(publicKey, privateKey);
     try {
         prove(session, id);
@@ -260,6 +263,31 @@ void generate(const Session& session, std::int32_t id)
 rawrsa::PublicKey publicKey(const Session& session, std::int32_t id)
 {
     return publicKeyOf(session, privateObject(session, id), id);
+}
+
+std::string faultIn(const Session& session, std::int32_t id)
+{
+    struct Rule {
+        CK_ATTRIBUTE_TYPE attribute;
+        bool value;
+        const char* fault;
+    };
+    constexpr Rule kRules[] = {
+        {CKA_SIGN, true, "does not sign"},
+        {CKA_EXTRACTABLE, false, "can be taken out of the token (CKA_EXTRACTABLE)"},
+        {CKA_SENSITIVE, true, "is shown by the token (CKA_SENSITIVE)"},
+        {CKA_DECRYPT, false, "may decrypt as well (CKA_DECRYPT)"},
+        {CKA_UNWRAP, false, "may unwrap other keys as well (CKA_UNWRAP)"},
+    };
+    const CK_OBJECT_HANDLE key = privateObject(session, id);
+    std::string faults;
+    for (const Rule& rule : kRules) {
+        const auto value = session.value(key, rule.attribute);
+        // Some tokens do not know every attribute.
+        if (value && value->size() == 1 && (value->front() != CK_FALSE) != rule.value)
+            faults += (faults.empty() ? "" : ", ") + std::string(rule.fault);
+    }
+    return faults;
 }
 
 void prove(const Session& session, std::int32_t id)

@@ -30,10 +30,14 @@ std::int32_t freeId(const pkcs11::Session& session);
 bool exists(const pkcs11::Session& session, std::int32_t id);
 
 /// Makes a key inside the token, and proves it by a signature. @throw when the number has a key
-void generate(const pkcs11::Session& session, std::int32_t id);
+/// @param signOnly the key may do nothing else; a TPM signs a raw block by decrypting it
+void generate(const pkcs11::Session& session, std::int32_t id, bool signOnly = true);
 
 /// @throw SS_ERROR_NOT_FOUND when the number has no private key
 rawrsa::PublicKey publicKey(const pkcs11::Session& session, std::int32_t id);
+
+/// What the key may do, or what may be done with it, beyond signing. @return empty when nothing
+std::string faultIn(const pkcs11::Session& session, std::int32_t id);
 
 /// Proves by a signature that a key works. @throw when it does not
 void prove(const pkcs11::Session& session, std::int32_t id);

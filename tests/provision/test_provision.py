@@ -2,6 +2,7 @@
 
 import datetime
 import os
+import re
 import resource
 import shutil
 import signal
@@ -242,6 +243,33 @@ def test_request_makes_a_key_and_install_takes_its_certificate(lab, tmp_path):
     installed = certificate(tmp_path / "installed")
     assert installed.public_key().public_numbers() == request.public_key().public_numbers()
     assert stat.S_IMODE(os.stat(tmp_path / "installed").st_mode) == 0o644
+
+
+def pkcs11_tool(lab, *arguments):
+    return subprocess.run(
+        ["pkcs11-tool", "--module", settings(lab)["module"], "--token-label", "billing-lab", "--login", "--pin",
+         (lab / "pin").read_text().strip(), *arguments], capture_output=True, text=True, check=True,
+        env={**os.environ, "SOFTHSM2_CONF": f"{lab}/softhsm2.conf"}).stdout
+
+
+def test_the_key_may_sign_and_nothing_else(lab):
+    shown = pkcs11_tool(lab, "--list-objects", "--type", "privkey")
+    usage, access = re.search(r"Usage: +(.*)\n", shown)[1], re.search(r"Access: +(.*)\n", shown)[1]
+    assert usage.split(", ") == ["sign"] and "never extractable" in access and "sensitive" in access
+
+
+def test_an_existing_key_that_may_do_more_is_refused(lab, tmp_path):
+    pkcs11_tool(lab, "--keypairgen", "--key-type", "rsa:2048", "--id", "0000002c", "--usage-sign", "--usage-decrypt")
+    change_setting(lab, "key_id", "44")
+    result = must(run("request", "--existing", "--out", tmp_path / "csr", folder=lab), FAILED)
+    assert b"may decrypt as well" in result.stderr and not (tmp_path / "csr").exists()
+    must(run("request", "--existing", "--may-decrypt", "--out", tmp_path / "csr", folder=lab))
+
+
+def test_a_century_of_days_is_one(tmp_path):
+    must(run("lab", tmp_path / "lab", "--days", "36500"))
+    made = certificate(tmp_path / "lab" / "server.pem")
+    assert (made.not_valid_after - made.not_valid_before).days == 36501
 
 
 def test_request_never_replaces_a_key(lab):

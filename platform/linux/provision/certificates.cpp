@@ -20,7 +20,6 @@ struct FreeBio {
 };
 using Bio = std::unique_ptr<BIO, FreeBio>;
 
-constexpr long kDay = 24L * 60 * 60;
 constexpr long kVersion3 = 2;
 constexpr int kSerialBits = 127;
 
@@ -93,8 +92,8 @@ Certificate blank(EVP_PKEY* key, const std::string& name, int days)
     BN_free(serial);
     // From yesterday on: the clock of a device may be behind.
     check(numbered && X509_set_version(made.get(), kVersion3) == 1 &&
-              X509_gmtime_adj(X509_getm_notBefore(made.get()), -kDay) != nullptr &&
-              X509_gmtime_adj(X509_getm_notAfter(made.get()), days * kDay) != nullptr &&
+              X509_time_adj_ex(X509_getm_notBefore(made.get()), -1, 0, nullptr) != nullptr &&
+              X509_time_adj_ex(X509_getm_notAfter(made.get()), days, 0, nullptr) != nullptr &&
               X509_set_pubkey(made.get(), key) == 1,
           "making a certificate");
     setName(X509_get_subject_name(made.get()), name);

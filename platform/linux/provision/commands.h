@@ -23,7 +23,8 @@ struct TokenOptions {
 struct RequestOptions {
     std::string out = "-";
     std::string name = "billing device";
-    bool existing = false;  ///< for the key that is there; no key is made
+    bool existing = false;    ///< for the key that is there; no key is made
+    bool mayDecrypt = false;  ///< the key need not be for signing alone
     bool force = false;
 };
 

@@ -50,7 +50,7 @@ void warnOfDates(X509* certificate)
         tell("Warning: the certificate has expired, by the clock of this machine.");
 }
 
-void makeKeyInside(const keystore::Place& place, std::int32_t id)
+void makeKeyInside(const keystore::Place& place, std::int32_t id, bool mayDecrypt)
 {
     keystore::instance().change(place, [&](const pkcs11::Session& session) {
         if (tokenkeys::exists(session, id))
@@ -59,7 +59,13 @@ void makeKeyInside(const keystore::Place& place, std::int32_t id)
                            ", which was left alone; --existing makes a request for it");
         tell("Making a key inside the token \"" + place.token +
              "\". A slow token takes a minute or more.");
-        tokenkeys::generate(session, id);
+        try {
+            tokenkeys::generate(session, id, !mayDecrypt);
+        } catch (const pkcs11::Failure&) {
+            if (!mayDecrypt)
+                tell("A token that signs by decrypting, as TPMs do, needs --may-decrypt.");
+            throw;
+        }
     });
 }
 
@@ -121,9 +127,14 @@ void request(const RequestOptions& options)
     const std::int32_t id = keyId();
     const keystore::Place place = keystore::placeFromSettings();
     if (!options.existing)
-        makeKeyInside(place, id);
+        makeKeyInside(place, id, options.mayDecrypt);
     std::string pem;
     keystore::instance().read(place, [&](const pkcs11::Session& session) {
+        const std::string fault = tokenkeys::faultIn(session, id);
+        if (!fault.empty() && options.existing && !options.mayDecrypt)
+            throw Stop(EXIT_FAILED, "the key with CKA_ID " + tokenkeys::shownId(id) + " " + fault +
+                                        "; make another one (another [deployment] key_id), or take "
+                                        "it as it is with --may-decrypt");
         pem = makeRequest(tokenkeys::publicKey(session, id), options.name,
                           [&](const unsigned char* block) {
                               return tokenkeys::privateOperation(session, id, block);

@@ -120,6 +120,8 @@ void describeDevice(CLI::App& app, Options& options)
             "1 to 64 bytes"));
     request->add_flag("--existing", options.request.existing,
                       "For the key that the token has; make none");
+    request->add_flag("--may-decrypt", options.request.mayDecrypt,
+                      "The key may do more than sign; a TPM signs by decrypting");
     request->add_flag("--force", options.request.force, "Replace the file, never the key");
     request->callback([&options] { provision::request(options.request); });
 
