@@ -191,10 +191,9 @@ TEST_F(SettingsFile, HasUnknownKeysAndGroupsReportedOncePerVersion)
     m_conf.write(bytes);
     for (int i = 0; i < 3; i++)
         EXPECT_EQ(guid(), "g");
-    EXPECT_THAT(errors(),
-                ElementsAre(file + ": line 3 is not a known setting and is ignored",
-                            file + ": line 4 is not a known setting and is ignored",
-                            file + ": line 5 is not a known group and is ignored"));
+    EXPECT_THAT(errors(), ElementsAre(file + ": line 3 is not a known setting and is ignored",
+                                      file + ": line 4 is not a known setting and is ignored",
+                                      file + ": line 5 is not a known group and is ignored"));
     m_conf.write(bytes + "\n");
     EXPECT_EQ(guid(), "g");
     EXPECT_THAT(errors(), SizeIs(6));
