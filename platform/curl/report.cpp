@@ -24,14 +24,21 @@ long microseconds(const Transfer& transfer, CURLINFO info)
     return static_cast<long>(value);
 }
 
+/// A refusal of the server's is a success for libcurl, and no other line names it.
+log_priority priorityOf(CURLcode result, long status)
+{
+    if (status >= kFirstRefusal)
+        return DLOG_WARN;
+    return result == CURLE_OK ? DLOG_DEBUG : DLOG_INFO;
+}
+
 }  // namespace
 
 void report(const Transfer& transfer)
 {
     const long status = number(transfer, CURLINFO_RESPONSE_CODE);
-    const bool good = transfer.result == CURLE_OK && status < kFirstRefusal;
     __dlog_print(
-        good ? DLOG_DEBUG : DLOG_INFO, kTag,
+        priorityOf(transfer.result, status), kTag,
         "transfer %u: %s, curl %d, HTTP %ld, new connections %ld, name %ld us, connect %ld us, "
         "TLS %ld us, first byte %ld us, whole %ld us, %ld bytes",
         transfer.number, transfer.url.c_str(), static_cast<int>(transfer.result), status,

@@ -6,7 +6,8 @@
 namespace MZCurl {
 
 /// Logs one line: which transfer it was, libcurl's code, the HTTP status, the connection, and how long each part took.
-/// At debug level when libcurl and the server both call it a success, at info level otherwise.
+/// At warning level when the HTTP status is 400 or more, at info level when the transfer failed otherwise, at debug
+/// level when it is a success.
 void report(const Transfer& transfer);
 
 }  // namespace MZCurl

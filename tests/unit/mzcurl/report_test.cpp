@@ -43,7 +43,7 @@ TEST(AMultiHandle, ReportsEachTransferAtItsEnd)
                     times + "4 bytes"));
     EXPECT_THAT(lines[1],
                 testing::MatchesRegex(
-                    "I transfer 2: http://[^,]*/missing, curl 0, HTTP 404, new connections 0" +
+                    "W transfer 2: http://[^,]*/missing, curl 0, HTTP 404, new connections 0" +
                     times + "0 bytes"));
 }
 
