@@ -154,6 +154,29 @@ Answer Bus::call(const std::string& method, const std::vector<std::string>& argu
     return answer;
 }
 
+Ping Bus::ping(double timeout) const
+{
+    GError* error = nullptr;
+    const gint64 began = g_get_monotonic_time();
+    const GPtr<GVariant> reply(g_dbus_connection_call_sync(
+        m_connection.get(), SERVICE, OBJECT, "org.freedesktop.DBus.Peer", "Ping", nullptr, nullptr,
+        G_DBUS_CALL_FLAGS_NONE, static_cast<int>(std::lround(timeout * 1000)), nullptr, &error));
+    Ping ping;
+    ping.milliseconds = static_cast<double>(g_get_monotonic_time() - began) / 1000;
+    if (reply != nullptr) {
+        ping.outcome = Ping::Answered;
+        return ping;
+    }
+    const GPtr<GError> owner(error);
+    if (g_error_matches(error, G_IO_ERROR, G_IO_ERROR_TIMED_OUT) && this->owner()) {
+        ping.outcome = Ping::Silent;
+    } else if (g_error_matches(error, G_DBUS_ERROR, G_DBUS_ERROR_ACCESS_DENIED)) {
+        ping.outcome = Ping::Denied;
+    }
+    ping.error = textOf(error);
+    return ping;
+}
+
 GPtr<GVariant> Bus::ask(const char* method, GVariant* arguments) const
 {
     return GPtr<GVariant>(g_dbus_connection_call_sync(

@@ -51,6 +51,18 @@ struct Owner {
     std::optional<unsigned> uid;
 };
 
+/// What came of a ping.
+struct Ping {
+    enum Outcome {
+        Answered,
+        Denied,  ///< by the bus's policy
+        Silent,  ///< no answer in time
+        Gone,    ///< the service left, or could not be started
+    } outcome = Gone;
+    std::string error;
+    double milliseconds = 0;
+};
+
 /// A connection to the system bus. Thread: one.
 class Bus {
 public:
@@ -62,6 +74,9 @@ public:
     /// Unreachable
     Answer call(const std::string& method, const std::vector<std::string>& arguments,
                 double timeout) const;
+    /// Asks the service for a sign of life, which nothing else is needed for; the bus starts it.
+    /// @param timeout seconds
+    Ping ping(double timeout) const;
     /// Asks the bus who owns the service's name. @return nullopt when nobody does @throw
     /// Unreachable
     std::optional<Owner> owner() const;

@@ -16,6 +16,7 @@ enum ExitCode {
     EXIT_TRANSFER = 3,     ///< resp_result -1
     EXIT_REFUSED = 4,      ///< resp_result 1160003
     EXIT_UNREACHABLE = 5,  ///< the bus or the service cannot be reached, or does not answer
+    EXIT_WARNING = 6,      ///< for doctor: it works, but somebody has to look at it
 };
 
 /// An argument of a method: its name on the bus and as an option.

@@ -3,6 +3,7 @@
 
 #include <arpa/inet.h>
 #include <openssl/err.h>
+#include <openssl/evp.h>
 #include <openssl/pem.h>
 #include <openssl/x509v3.h>
 #include <sys/stat.h>
@@ -50,6 +51,13 @@ std::string textOf(const GENERAL_NAME* name)
     return whole ? inet_ntop(family, bytes, address, sizeof address) : "";
 }
 
+std::string textOf(const X509_NAME* name, int part)
+{
+    char text[256] = "";
+    X509_NAME_get_text_by_NID(name, part, text, sizeof text);
+    return text;
+}
+
 }  // namespace
 
 bool hasAnEnd(const char* path)
@@ -84,10 +92,20 @@ std::string validityOf(const X509* certificate)
 
 std::string nameOf(const X509* certificate)
 {
-    char name[256] = "";
-    X509_NAME_get_text_by_NID(X509_get_subject_name(certificate), NID_commonName, name,
-                              sizeof name);
-    return *name != '\0' ? name : hostsOf(certificate);
+    const std::string name = textOf(X509_get_subject_name(certificate), NID_commonName);
+    return !name.empty() ? name : hostsOf(certificate);
+}
+
+std::string issuerOf(const X509* certificate)
+{
+    const X509_NAME* const issuer = X509_get_issuer_name(certificate);
+    for (const int part : {NID_commonName, NID_organizationalUnitName, NID_organizationName}) {
+        const std::string name = textOf(issuer, part);
+        if (!name.empty()) {
+            return name;
+        }
+    }
+    return "somebody without a name";
 }
 
 std::string hostsOf(const X509* certificate)
@@ -100,6 +118,31 @@ std::string hostsOf(const X509* certificate)
         result += (result.empty() || text.empty() ? "" : ", ") + text;
     }
     return result.empty() ? "nobody" : result;
+}
+
+std::string kindOf(const EVP_PKEY* key)
+{
+    const char* const name = key == nullptr ? nullptr : EVP_PKEY_get0_type_name(key);
+    if (name == nullptr) {
+        return "a key that OpenSSL does not know";
+    }
+    const bool vowel = *name == 'E' || *name == 'R';
+    return std::string(vowel ? "an " : "a ") + name + " key with " +
+           std::to_string(EVP_PKEY_get_bits(key)) + " bits";
+}
+
+int daysLeft(const X509* certificate)
+{
+    int days = 0;
+    int seconds = 0;
+    // From now on.
+    ASN1_TIME_diff(&days, &seconds, nullptr, X509_get0_notAfter(certificate));
+    return seconds < 0 ? days - 1 : days;
+}
+
+std::string daysText(int days)
+{
+    return std::to_string(days) + (days == 1 ? " day left" : " days left");
 }
 
 bool isOver(const X509* certificate)

@@ -32,8 +32,18 @@ PemFile readPem(const char* path);
 std::string validityOf(const X509* certificate);
 /// The common name, or where there is none what hostsOf() says.
 std::string nameOf(const X509* certificate);
+/// The common name of who signed it, or another part of the name.
+std::string issuerOf(const X509* certificate);
 /// The host names and addresses that a server's certificate is for, with commas between them.
 std::string hostsOf(const X509* certificate);
+
+/// "an EC key with 256 bits"
+std::string kindOf(const EVP_PKEY* key);
+
+/// Whole days until it ends, by the clock of this machine; less than 0 when it has ended.
+int daysLeft(const X509* certificate);
+/// "12 days left"
+std::string daysText(int days);
 
 bool isOver(const X509* certificate);
 bool isBeforeItsTime(const X509* certificate);

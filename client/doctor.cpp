@@ -2,94 +2,203 @@
 #include "doctor.h"
 
 #include "calls.h"
+#include "certificate.h"
 #include "json.h"
+#include "process.h"
+#include "settings.h"
 #include "text.h"
 
 #include <sys/prctl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <cerrno>
+#include <climits>
 #include <cstdio>
+#include <cstdlib>
+#include <cstring>
 
 namespace client {
 
 namespace {
 
-const char* nameOf(Outcome outcome)
+constexpr std::size_t kIndent = 26;
+
+std::string painted(Outcome outcome)
 {
+    const Style style = Style::of(STDOUT_FILENO);
+    char text[16];
+    std::snprintf(text, sizeof text, "%-11s", nameOf(outcome));
     switch (outcome) {
         case Outcome::Ok:
-            return "ok";
+            return style.good(text);
+        case Outcome::Warning:
+            return style.odd(text);
         case Outcome::Failed:
-            return "failed";
+            return style.bad(text);
         case Outcome::NotChecked:
-            return "not checked";
+            return style.faint(text);
     }
-    return "";
+    return text;
 }
 
 void print(const Finding& finding)
 {
-    const Style style = Style::of(STDOUT_FILENO);
-    char outcome[16];
-    std::snprintf(outcome, sizeof outcome, "%-11s", nameOf(finding.outcome));
-    const std::string painted = finding.outcome == Outcome::Ok       ? style.good(outcome)
-                                : finding.outcome == Outcome::Failed ? style.bad(outcome)
-                                                                     : style.faint(outcome);
-    std::printf("%s  %-11s  %s\n", painted.c_str(), finding.check,
+    std::printf("%s  %-11s  %s\n", painted(finding.outcome).c_str(), finding.check.c_str(),
                 shown(finding.text, false).c_str());
     if (!finding.cure.empty()) {
-        std::printf("%26scure: %s\n", "", shown(finding.cure, false).c_str());
+        std::printf("%*scure: %s\n", static_cast<int>(kIndent), "",
+                    shown(finding.cure, false).c_str());
     }
     std::fflush(stdout);
 }
 
-Json::Value valueOf(const Finding& finding)
+/// One line, and only for what is not well.
+void printTersely(const Finding& finding)
 {
-    Json::Value value;
-    value["check"] = finding.check;
-    value["outcome"] = nameOf(finding.outcome);
-    value["finding"] = finding.text;
     if (!finding.cure.empty()) {
-        value["cure"] = finding.cure;
+        std::printf("%s: %s; cure: %s\n", idOf(finding).c_str(), shown(finding.text, false).c_str(),
+                    shown(finding.cure, false).c_str());
     }
-    return value;
 }
 
-}  // namespace
-
-int doctor(const DoctorOptions& options)
+int count(const Findings& findings, Outcome outcome)
 {
-    if (options.sign) {
+    return static_cast<int>(
+        std::count_if(findings.begin(), findings.end(),
+                      [outcome](const Finding& finding) { return finding.outcome == outcome; }));
+}
+
+/// Where this machine names a proxy, which the service does not use.
+std::string proxyNamedIn()
+{
+    for (const char* const name :
+         {"https_proxy", "HTTPS_PROXY", "all_proxy", "ALL_PROXY", "http_proxy"}) {
+        const char* const value = std::getenv(name);
+        if (value != nullptr && *value != '\0') {
+            return std::string("the environment (") + name + ")";
+        }
+    }
+    const std::string machine = contentOf("/etc/environment");
+    return machine.find("_proxy=") != std::string::npos ||
+                   machine.find("_PROXY=") != std::string::npos
+               ? "/etc/environment"
+               : "";
+}
+
+std::string hostName()
+{
+    char name[HOST_NAME_MAX + 1] = "";
+    gethostname(name, sizeof name - 1);
+    return name;
+}
+
+void printReport(const Findings& findings)
+{
+    Json::Value report;
+    report["version"] = BILLING_VERSION;
+    report["host"] = hostName();
+    report["checks"] = Json::Value(Json::arrayValue);
+    for (const Finding& finding : findings) {
+        report["checks"].append(valueOf(finding));
+    }
+    report["failed"] = count(findings, Outcome::Failed);
+    report["warnings"] = count(findings, Outcome::Warning);
+    printLine(report);
+}
+
+void printSummary(const Findings& findings)
+{
+    const int ill = count(findings, Outcome::Failed);
+    const int odd = count(findings, Outcome::Warning);
+    if (ill > 0) {
+        std::printf("%d of %zu checks failed\n", ill, findings.size());
+    }
+    if (odd > 0) {
+        std::printf("%d of %zu checks %s to be looked at\n", odd, findings.size(),
+                    odd == 1 ? "has" : "have");
+    }
+}
+
+/// As whom the checks look.
+Finding takeIdentity(Patient& patient)
+{
+    const bool root = geteuid() == 0;
+    if (root) {
+        const Finding finding = become(patient.identity);
+        patient.asService = isService(patient.identity);
+        return finding;
+    }
+    patient.asService = isService(patient.identity);
+    const std::string user = userName(geteuid());
+    return patient.asService
+               ? good("identity", "looked as " + user + ", the user of the service")
+               : notChecked("identity", "looked as " + user +
+                                            ", who is not the service: what this user may not "
+                                            "read is not checked; run it as root");
+}
+
+void identify(Findings& findings, Patient& patient)
+{
+    patient.facts = patient.eyes.facts(patient.options.bus, patient.options.timeout);
+    patient.identity = identityOf(patient.facts);
+    findings.push_back(takeIdentity(patient));
+    if (patient.options.sign) {
         // The PIN passes through the memory: no core file, no debugger of the same user. The mode is
         // for the files that the token's module writes when it logs in.
         prctl(PR_SET_DUMPABLE, 0);
         umask(S_IRWXG | S_IRWXO);
     }
+}
+
+}  // namespace
+
+Finding settingsClosed(const char* check)
+{
+    return notChecked(check, "this user may not read the settings; run it as root");
+}
+
+Finding unreadable(const Patient& patient, const char* check, const std::string& path, int error,
+                   const char* cure)
+{
+    if (error == EACCES && !patient.asService) {
+        return notChecked(check, "this user may not read " + path + "; run it as root");
+    }
+    const std::string cause =
+        path + ": " +
+        (error == NO_FILE ? "a pipe, a socket or a device, and no file" : std::strerror(error));
+    if (error == EACCES) {
+        return failed(
+            check, "closed", cause,
+            "let the service read it: chmod a+r " + path + ", and chmod a+x on the folders above");
+    }
+    return failed(check, "missing", cause, cure);
+}
+
+int doctor(const DoctorOptions& options)
+{
+    const Eyes eyes(geteuid() == 0);
+    Patient patient(options, eyes);
+    patient.proxy = proxyNamedIn();
     Findings findings;
     std::size_t printed = 0;
-    int failed = 0;
-    Json::Value report;
-    report["checks"] = Json::Value(Json::arrayValue);
-    for (const auto check : {checkDevice, checkStore, checkService}) {
-        check(findings, options);
-        for (; printed < findings.size(); ++printed) {
-            const Finding& finding = findings[printed];
-            failed += finding.outcome == Outcome::Failed ? 1 : 0;
-            if (options.json) {
-                report["checks"].append(valueOf(finding));
-            } else {
-                print(finding);
-            }
+    for (const auto check : {identify, checkSettings, checkDevice, checkKeyStore, checkStore,
+                             checkService, checkRequest}) {
+        check(findings, patient);
+        for (; printed < findings.size() && !options.json; ++printed) {
+            options.terse ? printTersely(findings[printed]) : print(findings[printed]);
         }
     }
     if (options.json) {
-        report["failed"] = failed;
-        printLine(report);
-    } else if (failed > 0) {
-        std::printf("%d of %zu checks failed\n", failed, findings.size());
+        printReport(findings);
+    } else if (!options.terse) {
+        printSummary(findings);
     }
-    return failed == 0 ? EXIT_DONE : EXIT_FAILED;
+    if (count(findings, Outcome::Failed) > 0) {
+        return EXIT_FAILED;
+    }
+    return count(findings, Outcome::Warning) > 0 ? EXIT_WARNING : EXIT_DONE;
 }
 
 }  // namespace client

@@ -1,41 +1,76 @@
 // doctor.h - looks for what keeps the service from working, from the bus to the store.
 #pragma once
 
+#include "eyes.h"
+#include "finding.h"
+#include "identity.h"
+
 #include <string>
-#include <vector>
 
 namespace client {
 
 /// What vouches for the store. The service has the same.
 inline constexpr const char* CA_BUNDLE = "/opt/down/cert/ca.pem";
-
-enum class Outcome { Ok, Failed, NotChecked };
-
-/// One check and what came of it.
-struct Finding {
-    const char* check;
-    Outcome outcome;
-    std::string text;  ///< what was found, the cause of a failure, or why it was not checked
-    std::string cure;  ///< for a failure: what to do
-};
-using Findings = std::vector<Finding>;
+inline constexpr const char* kCertificate =
+    "/usr/apps/org.plevo.billing-api/res/certificate/bgclient.crt";
+/// A certificate that is valid for fewer days has to be looked at.
+inline constexpr int kFewDays = 30;
 
 struct DoctorOptions {
     std::string bus;      ///< address; empty: the system's
     double timeout = 10;  ///< seconds, for each check that waits for somebody
     bool json = false;
-    bool sign = false;  ///< sign once with the device's key
+    bool terse = false;  ///< only what is not well
+    bool sign = false;   ///< sign with the device's key, and ask the store with it
+};
+
+/// What the checks know of each other.
+struct Patient {
+    Patient(const DoctorOptions& wanted, const Eyes& rootsEyes) : options(wanted), eyes(rootsEyes)
+    {
+    }
+
+    DoctorOptions options;
+    const Eyes& eyes;
+    Facts facts;
+    Identity identity;
+    bool asService = false;       ///< looked at as the service's user
+    bool settingsClosed = false;  ///< this user may not read the settings
+    bool keyWorks = false;        ///< it has signed, and the certificate confirms it
+    bool tokenThere = false;
+    bool storeReached = false;  ///< the TLS stage is well
+    bool callIll = false;       ///< the service's own request failed, or its answer is odd
+    std::string proxy;  ///< where a proxy is named that the service does not use; empty: nowhere
 };
 
 /// Why a setting has no value: it is not there, or it was refused.
 std::string whyMissing(const char* group, const char* key);
+/// "since this user may not read the settings; run it as root": for checks that depend on them
+Finding settingsClosed(const char* check);
+/// A file that cannot be opened. @param error errno value, or NO_FILE @param cure when it is missing
+Finding unreadable(const Patient& patient, const char* check, const std::string& path, int error,
+                   const char* cure);
 
-/// Bus, owner of the name, one call.
-void checkService(Findings& findings, const DoctorOptions& options);
-/// Settings, certificate, CA bundle, clock, token, and with `sign` the key.
-void checkDevice(Findings& findings, const DoctorOptions& options);
-/// Default route, and the store's host: name, TCP, TLS, HTTP.
-void checkStore(Findings& findings, const DoctorOptions& options);
+void checkSettings(Findings& findings, Patient& patient);
+/// Certificate, CA bundle, clock.
+void checkDevice(Findings& findings, Patient& patient);
+/// Token, and with `sign` the key.
+void checkKeyStore(Findings& findings, Patient& patient);
+/// One signature, held against the certificate.
+Finding checkKey(Patient& patient);
+/// Default route, and the store's host: name, TCP, TLS, HTTP, time.
+void checkStore(Findings& findings, Patient& patient);
+/// Bus, unit, owner of the name, ping, one call, and whether the service has to start anew.
+void checkService(Findings& findings, Patient& patient);
+/// The service's own request, with the device's key: with `sign`, or when the call was ill.
+void checkRequest(Findings& findings, Patient& patient);
+/// "HTML or XML", "no JSON", "nothing", or empty for an answer that apps can read.
+std::string oddityOf(const std::string& body);
+/// An answer that oddityOf() has something to say of: a page has failed. @param text before its
+/// first bytes
+Finding oddAnswer(const char* check, const std::string& text, const std::string& body);
+/// The first bytes of an answer, in one line.
+std::string beginningOf(const std::string& body);
 
 /// Runs all of them and prints what they found. @return the exit code
 int doctor(const DoctorOptions& options);

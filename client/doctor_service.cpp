@@ -1,90 +1,312 @@
-// doctor_service.cpp - the service as a caller meets it.
+// doctor_service.cpp - the service as its manager and its callers meet it.
+#include "bus.h"
 #include "calls.h"
+#include "certificate.h"
 #include "doctor.h"
+#include "process.h"
+#include "settings.h"
 
-#include <pwd.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
-#include <climits>
+#include <algorithm>
 #include <cstdio>
+#include <sstream>
 
 namespace client {
 
 namespace {
 
-std::string programOf(unsigned pid)
+/// What a bus and a service manager need to give up a start.
+constexpr double kStartSeconds = 35;
+/// An answer that takes longer is one to look at.
+constexpr double kSlowMilliseconds = 5000;
+constexpr int kJournalLines = 3;
+constexpr const char* kLook = "journalctl -u billing-service -n 50";
+
+std::string describe(const Owner& owner, const Facts& facts)
 {
-    char path[PATH_MAX];
-    const std::string link = "/proc/" + std::to_string(pid) + "/exe";
-    const ssize_t length = readlink(link.c_str(), path, sizeof path);
-    return length > 0 ? std::string(path, static_cast<std::size_t>(length))
-                      : "a program that only root may look at";
+    const bool seen = facts.process && !facts.process->program.empty();
+    return (seen ? facts.process->program : "a program that only root may look at") +
+           (owner.pid ? " (process " + std::to_string(*owner.pid) : " (process not known") +
+           ", user " + (owner.uid ? userName(*owner.uid) : "not known") + ")";
 }
 
-std::string userOf(unsigned uid)
+/// What the journal says last, behind a text.
+std::string withJournal(const Patient& patient, const std::string& text)
 {
-    const passwd* const user = getpwuid(uid);
-    return user != nullptr ? user->pw_name : std::to_string(uid);
+    std::string result = text;
+    for (const std::string& line : patient.eyes.journalTail(kJournalLines)) {
+        result += "; the journal: " + line;
+    }
+    return result;
 }
 
-std::string describe(const Owner& owner)
+/// The library that the program of the service lacks, empty when it lacks none or none can be told.
+std::string missingLibrary(const Facts& facts)
 {
-    return (owner.pid ? programOf(*owner.pid) + " (process " + std::to_string(*owner.pid)
-                      : "a program (process not known") +
-           ", user " + (owner.uid ? userOf(*owner.uid) : "not known") + ")";
+    const std::string program = facts.unit && !facts.unit->program.empty()
+                                    ? facts.unit->program
+                                    : std::string(BILLING_DAEMON);
+    // The loader alone: no line of the program runs.
+    std::istringstream lines(outputOf({program}, {"LD_TRACE_LOADED_OBJECTS=1"}));
+    for (std::string line; std::getline(lines, line);) {
+        const std::size_t arrow = line.find(" => not found");
+        const std::size_t begin = line.find_first_not_of(" \t");
+        if (arrow != std::string::npos && begin < arrow) {
+            return line.substr(begin, arrow - begin);
+        }
+    }
+    return "";
 }
 
-Finding checkName(const Bus& bus)
+std::string endOf(const Unit& unit)
 {
+    if (unit.code == CLD_EXITED) {
+        return "exit status " + std::to_string(unit.status);
+    }
+    return unit.code == CLD_KILLED || unit.code == CLD_DUMPED
+               ? "signal " + std::to_string(unit.status)
+               : unit.result;
+}
+
+Finding checkUnit(const Patient& patient)
+{
+    const char* const check = "unit";
+    if (!patient.facts.unit) {
+        return notChecked(check, "there is no systemd on this bus");
+    }
+    const Unit& unit = *patient.facts.unit;
+    const std::string text = "billing-service.service is " + unit.active + " (" + unit.sub + ")";
+    if (unit.load == "masked") {
+        return failed(check, "masked", "billing-service.service is masked: nobody may start it",
+                      "systemctl unmask billing-service");
+    }
+    if (unit.load != "loaded") {
+        return failed(check, "not-installed", "billing-service.service is " + unit.load,
+                      "install it, then: systemctl daemon-reload");
+    }
+    const bool restarting = unit.sub == "auto-restart" || unit.restarts > 5;
+    if (unit.active == "failed" || restarting) {
+        const std::string library = missingLibrary(patient.facts);
+        const std::string cause =
+            text + ", its last process ended with " + endOf(unit) +
+            (unit.restarts > 0 ? ", " + std::to_string(unit.restarts) + " restarts" : "");
+        if (!library.empty()) {
+            return failed(check, "library", cause + ": the library " + library + " is missing",
+                          "install the package that has " + library + ", or run ldconfig");
+        }
+        return failed(check, unit.active == "failed" ? "failed" : "restarting",
+                      withJournal(patient, cause),
+                      std::string("mend what the journal names (") + kLook +
+                          "), then: systemctl reset-failed billing-service && systemctl start "
+                          "billing-service");
+    }
+    return good(check, text);
+}
+
+/// Is the installation's policy of the bus there?
+bool hasPolicy()
+{
+    return access(BILLING_POLICY, F_OK) == 0 ||
+           access("/etc/dbus-1/system.d/org.plevo.billingservice.conf", F_OK) == 0;
+}
+
+/// Why the bus lets nobody through.
+Finding denied(const char* check, const std::string& cause)
+{
+    const std::string user = userName(geteuid());
+    const std::string who = user + " (groups " + ownGroups() + ")";
+    const std::string callers = " " + std::string(BILLING_CALLERS) + " ";
+    if (!hasPolicy()) {
+        return failed(
+            check, "no-policy",
+            std::string("the bus has no policy for the service: ") + BILLING_POLICY + " is missing",
+            "install it, then: busctl call org.freedesktop.DBus /org/freedesktop/DBus "
+            "org.freedesktop.DBus ReloadConfig");
+    }
+    if ((" " + ownGroups() + " ").find(callers) == std::string::npos) {
+        return failed(
+            check, "denied",
+            "the bus lets only members of the group" + callers + "call, and " + who + " is none",
+            "usermod -aG" + callers + user + ", then sign in anew; or run this as root");
+    }
+    return failed(check, "denied", cause + ", though " + who + " is in the group" + callers,
+                  "reload the policy: busctl call org.freedesktop.DBus /org/freedesktop/DBus "
+                  "org.freedesktop.DBus ReloadConfig");
+}
+
+Finding checkName(const Patient& patient, const Bus& bus)
+{
+    const char* const check = "name";
     const std::string name = SERVICE;
     if (const auto owner = bus.owner()) {
-        return {"name", Outcome::Ok, name + " is owned by " + describe(*owner), ""};
+        return good(check, name + " is owned by " + describe(*owner, patient.facts));
     }
     if (bus.startsService()) {
-        return {"name", Outcome::Ok, "nobody owns " + name + " now; the bus starts it for a call",
-                ""};
+        return good(check, "nobody owns " + name + " now; the bus starts it for a call");
     }
-    return {"name", Outcome::Failed, "nobody owns the name " + name,
-            "start the service (systemctl start billing-service) and look at its log"};
+    if (patient.facts.unit && patient.facts.unit->active == "active" && !hasPolicy()) {
+        return denied(check, "");
+    }
+    return failed(check, "not-owned", "nobody owns the name " + name,
+                  "start the service (systemctl start billing-service) and look at its log");
 }
 
-Finding checkCall(const Bus& bus, double timeout)
+Finding notStarted(const Patient& patient, const std::string& cause)
 {
-    const std::string method = "check_server_availability";
-    try {
-        const Answer answer = bus.call(method, {}, timeout);
-        char time[32];
-        std::snprintf(time, sizeof time, " in %.1f ms", answer.milliseconds);
-        const std::string text =
-            method + " came back with resp_result " + std::to_string(answer.result) + time;
-        if (answer.result == 0) {
-            return {"call", Outcome::Ok, text, ""};
-        }
-        // A refusal is in the service's own words; anything else would be the server's.
-        const bool refused = exitCodeOf(answer.result) == EXIT_REFUSED;
-        return {"call", Outcome::Failed, text + (refused ? ": " + answer.info : ""),
-                "mend what failed above; if nothing did, the service's log says more"};
-    } catch (const Unreachable& error) {
-        return {"call", Outcome::Failed, error.what(), error.cure()};
+    const std::string library = missingLibrary(patient.facts);
+    if (!library.empty()) {
+        return failed(
+            "ping", "library",
+            "the service does not start: the library " + library + " is missing (" + cause + ")",
+            "install the package that has " + library + ", or run ldconfig");
     }
+    return failed("ping", "not-started",
+                  withJournal(patient, "the service does not start: " + cause),
+                  std::string("mend what its log names: ") + kLook);
+}
+
+/// The first sign of life. A service that is not there yet is started by it.
+Finding checkPing(const Patient& patient, const Bus& bus)
+{
+    const char* const check = "ping";
+    const bool there = bus.owner().has_value();
+    const double timeout =
+        there ? patient.options.timeout : std::max(patient.options.timeout, kStartSeconds);
+    const Ping ping = bus.ping(timeout);
+    switch (ping.outcome) {
+        case Ping::Answered: {
+            char time[64];
+            std::snprintf(time, sizeof time, "the service lives: it answered in %.1f ms",
+                          ping.milliseconds);
+            return good(check, time);
+        }
+        case Ping::Denied:
+            return denied(check, ping.error);
+        case Ping::Silent:
+            if (patient.facts.process && patient.facts.process->stopped) {
+                return failed(check, "stopped",
+                              "the process of the service is stopped by a signal or a debugger",
+                              "kill -CONT " + std::to_string(patient.facts.process->pid));
+            }
+            return failed(
+                check, "hung", "the service has its name and did not answer a ping: it hangs",
+                "systemctl restart billing-service; before that, gdb -p shows where it hangs");
+        case Ping::Gone:
+            break;
+    }
+    return there ? failed(check, "gone",
+                          withJournal(patient, "the service left the bus: " + ping.error), kLook)
+                 : notStarted(patient, ping.error);
+}
+
+Finding judgedCall(Patient& patient, const Answer& answer)
+{
+    const char* const check = "call";
+    char time[32];
+    std::snprintf(time, sizeof time, " in %.1f ms", answer.milliseconds);
+    const std::string text = "check_server_availability came back with resp_result " +
+                             std::to_string(answer.result) + time;
+    if (answer.result == 0) {
+        const std::string odd = oddityOf(answer.info);
+        if (!odd.empty()) {
+            patient.callIll = true;
+            return oddAnswer(check, text + ", and the store's answer is " + odd, answer.info);
+        }
+        return answer.milliseconds > kSlowMilliseconds
+                   ? warning(check, "slow", text + ", which is slow",
+                             "look at the network and the store")
+                   : good(check, text);
+    }
+    // A refusal is in the service's own words; anything else would be the server's.
+    const bool refused = exitCodeOf(answer.result) == EXIT_REFUSED;
+    patient.callIll = !refused;
+    return failed(check, refused ? "refused" : "transfer",
+                  refused ? text + ": " + answer.info : withJournal(patient, text),
+                  "mend what failed above or below; if nothing did, the service's log says more");
+}
+
+Finding checkCall(Patient& patient, const Bus& bus)
+{
+    const char* const check = "call";
+    try {
+        return judgedCall(patient,
+                          bus.call("check_server_availability", {}, patient.options.timeout));
+    } catch (const Unreachable& error) {
+        patient.callIll = true;
+        return failed(check, "no-answer", error.what(), error.cure());
+    }
+}
+
+/// When a file got what it holds: written in place, or put there under its name.
+double changeOf(const std::string& path)
+{
+    struct statx status {};
+    if (statx(AT_FDCWD, path.c_str(), 0, STATX_MTIME | STATX_BTIME, &status) != 0) {
+        return 0;
+    }
+    const auto seconds = [](const statx_timestamp& time) {
+        return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_nsec) / 1e9;
+    };
+    const double made = (status.stx_mask & STATX_BTIME) != 0 ? seconds(status.stx_btime) : 0;
+    return std::max(seconds(status.stx_mtime), made);
+}
+
+Finding checkRestart(const Patient& patient)
+{
+    const char* const check = "restart";
+    const char* const cure = "systemctl restart billing-service";
+    const double started = patient.facts.process ? patient.facts.process->started : 0;
+    if (started <= 0) {
+        return notChecked(check, "the service does not run, or its start is not known");
+    }
+    if (changeOf(kCertificate) > started) {
+        return warning(
+            check, "certificate",
+            "the device's certificate is newer than the service's start, and is read once: the "
+            "service still has the one before",
+            cure);
+    }
+    if (patient.callIll && changeOf(settings::filePath()) > started) {
+        return warning(
+            check, "settings",
+            "the settings are newer than the service's start, and [deployment] credential, "
+            "key_id and key_material are read once",
+            cure);
+    }
+    return good(check, "the service has started after its certificate was put there");
 }
 
 }  // namespace
 
-void checkService(Findings& findings, const DoctorOptions& options)
+void checkService(Findings& findings, Patient& patient)
 {
     try {
-        const Bus bus(options.bus, options.timeout);
-        findings.push_back({"bus", Outcome::Ok, "the system bus is reachable", ""});
-        findings.push_back(checkName(bus));
-        findings.push_back(
-            findings.back().outcome == Outcome::Ok
-                ? checkCall(bus, options.timeout)
-                : Finding{"call", Outcome::NotChecked, "there is nobody to answer it", ""});
+        const Bus bus(patient.options.bus, patient.options.timeout);
+        findings.push_back(good("bus", "the system bus is reachable"));
+        findings.push_back(checkUnit(patient));
+        findings.push_back(checkName(patient, bus));
+        if (findings.back().outcome == Outcome::Failed) {
+            findings.push_back(notChecked("ping", "there is nobody to answer it"));
+            findings.push_back(notChecked("call", "there is nobody to answer it"));
+        } else {
+            findings.push_back(checkPing(patient, bus));
+            findings.push_back(findings.back().outcome == Outcome::Ok
+                                   ? checkCall(patient, bus)
+                                   : notChecked("call", "the ping comes first, see above"));
+        }
+        if (!patient.facts.process) {
+            patient.facts = patient.eyes.facts(patient.options.bus, patient.options.timeout);
+        }
+        findings.push_back(checkRestart(patient));
     } catch (const Unreachable& error) {
-        findings.push_back({"bus", Outcome::Failed, error.what(), error.cure()});
-        findings.push_back({"name", Outcome::NotChecked, "there is no bus to ask", ""});
-        findings.push_back({"call", Outcome::NotChecked, "there is no bus to call over", ""});
+        findings.push_back(failed("bus", "unreachable", error.what(), error.cure()));
+        for (const char* const check : {"unit", "name", "ping", "call", "restart"}) {
+            findings.push_back(notChecked(check, "there is no bus to ask"));
+        }
     }
 }
 

@@ -2,6 +2,7 @@
 #include "calls.h"
 #include "doctor.h"
 #include "monitor.h"
+#include "settings_check.h"
 
 #include <CLI/CLI.hpp>
 #include <curl/curl.h>
@@ -18,9 +19,9 @@ namespace {
 using namespace client;
 
 constexpr const char* FOOTER =
-    "Exit codes: 0 the server answered (resp_result 0; doctor: nothing failed), 1 something else\n"
+    "Exit codes: 0 the server answered (resp_result 0; doctor: all is well), 1 something else\n"
     "failed (doctor: a check), 2 usage, 3 the transfer failed (-1), 4 nothing was sent (1160003),\n"
-    "5 the bus or the service cannot be reached or does not answer.\n"
+    "5 the bus or the service cannot be reached or does not answer, 6 doctor: it works, but look.\n"
     "Answers go to standard output, what was done to standard error.";
 
 struct Options {
@@ -29,6 +30,8 @@ struct Options {
     std::optional<double> timeout;  // seconds
     bool raw = false;
     bool sign = false;
+    bool terse = false;
+    std::string settingsFile;
     bool showPrivate = false;
     int exitCode = EXIT_DONE;
 };
@@ -75,7 +78,7 @@ void describeCall(CLI::App& app, const Method& method, std::vector<std::string>&
         call.bus = options.bus;
         call.timeout = options.timeout.value_or(call.timeout);
         call.json = options.json;
-        call.raw = options.raw;
+        call.raw = options.raw || options.terse;
         options.exitCode = client::call(method, values, call);
     });
 }
@@ -85,14 +88,27 @@ void describeDoctor(CLI::App& app, Options& options)
     CLI::App* const command =
         app.add_subcommand("doctor", "Look for what keeps the service from working");
     command->add_flag("--sign", options.sign,
-                      "Sign once with the device's key, as the service's user");
+                      "Sign with the device's key, and ask the store with it as the service does");
     command->callback([&options] {
         DoctorOptions doctor;
         doctor.bus = options.bus;
         doctor.timeout = options.timeout.value_or(doctor.timeout);
         doctor.json = options.json;
         doctor.sign = options.sign;
+        doctor.terse = options.terse;
         options.exitCode = client::doctor(doctor);
+    });
+}
+
+void describeSettings(CLI::App& app, Options& options)
+{
+    CLI::App* const command = app.add_subcommand("settings", "Look at settings files");
+    command->require_subcommand(1);
+    CLI::App* const check = command->add_subcommand(
+        "check", "Print all mistakes in a settings file, with their lines, before it is deployed");
+    check->add_option("FILE", options.settingsFile, "The file")->required();
+    check->callback([&options] {
+        options.exitCode = client::checkSettingsFile(options.settingsFile, options.json);
     });
 }
 
@@ -158,6 +174,17 @@ void describe(CLI::App& app, std::deque<std::vector<std::string>>& values, Optio
                    "Address of the bus; else $DBUS_SYSTEM_BUS_ADDRESS, else the system bus")
         ->type_name("ADDRESS");
     app.add_flag("--json", options.json, "Print JSON, errors included");
+    app.add_option_function<std::string>(
+           "-o,--output",
+           [&options](const std::string& form) {
+               options.json = options.json || form == "json";
+               options.terse = form == "terse";
+           },
+           "Form of the output: people, terse (the body alone; for doctor what is not well, one "
+           "line each) or json")
+        ->type_name("FORM")
+        ->check(CLI::IsMember({"people", "terse", "json"}))
+        ->trigger_on_parse();
     app.add_option("--timeout", options.timeout,
                    "Seconds to wait for an answer (100; for each check of doctor 10)")
         ->type_name("SECONDS")
@@ -166,6 +193,7 @@ void describe(CLI::App& app, std::deque<std::vector<std::string>>& values, Optio
         describeCall(app, method, values.emplace_back(), options);
     }
     describeDoctor(app, options);
+    describeSettings(app, options);
     describeMonitor(app, options);
 }
 

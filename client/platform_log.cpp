@@ -6,37 +6,69 @@
 
 #include <cstdarg>
 #include <cstdio>
+#include <mutex>
 #include <utility>
 
 namespace {
 
-std::string& complaint()
+struct Log {
+    std::mutex lock;
+    std::string complaint;
+    bool keeps = false;
+    std::vector<std::string> records;
+};
+
+/// Never destroyed: the service's worker may still log at the end.
+Log& log()
 {
-    static std::string text;
-    return text;
+    static Log* const instance = new Log;
+    return *instance;
 }
 
 }  // namespace
 
 int __dlog_print(log_priority prio, const char* /*tag*/, const char* format, ...)
 {
-    if (prio != DLOG_ERROR || !complaint().empty()) {
+    Log& kept = log();
+    const std::lock_guard<std::mutex> hold(kept.lock);
+    const bool complains = prio == DLOG_ERROR && kept.complaint.empty();
+    if (!complains && !kept.keeps) {
         return 0;
     }
-    char text[1024];
+    char text[4096];
     va_list arguments;
     va_start(arguments, format);
     std::vsnprintf(text, sizeof text, format, arguments);
     va_end(arguments);
-    complaint() = text;
+    if (complains) {
+        kept.complaint = text;
+    }
+    if (kept.keeps) {
+        kept.records.emplace_back(text);
+    }
     return 0;
 }
+
+void log_set_caller(const char* /*name*/) {}
 
 namespace client {
 
 std::string takeComplaint()
 {
-    return std::exchange(complaint(), {});
+    const std::lock_guard<std::mutex> hold(log().lock);
+    return std::exchange(log().complaint, {});
+}
+
+void keepRecords()
+{
+    const std::lock_guard<std::mutex> hold(log().lock);
+    log().keeps = true;
+}
+
+std::vector<std::string> records()
+{
+    const std::lock_guard<std::mutex> hold(log().lock);
+    return log().records;
 }
 
 }  // namespace client

@@ -7,6 +7,7 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <memory>
 
 namespace client {
@@ -141,7 +142,9 @@ std::string indented(const std::string& json)
 Style Style::of(int descriptor)
 {
     const char* const refused = std::getenv("NO_COLOR");
-    return Style(isatty(descriptor) != 0 && (refused == nullptr || *refused == '\0'));
+    const char* const terminal = std::getenv("TERM");
+    return Style(isatty(descriptor) != 0 && (refused == nullptr || *refused == '\0') &&
+                 terminal != nullptr && *terminal != '\0' && std::strcmp(terminal, "dumb") != 0);
 }
 
 std::string Style::paint(const char* code, const std::string& text) const

@@ -17,7 +17,8 @@ bool isJson(const std::string& text);
 /// stand. @param json isJson()
 std::string indented(const std::string& json);
 
-/// Colours, where they are wanted: on a terminal, and not with NO_COLOR in the environment.
+/// Colours, where they are wanted: on a terminal that has them (TERM is neither empty nor dumb), and
+/// not with NO_COLOR in the environment.
 class Style {
 public:
     explicit Style(bool colours) : m_colours(colours) {}
@@ -26,6 +27,7 @@ public:
 
     std::string good(const std::string& text) const { return paint("32", text); }
     std::string bad(const std::string& text) const { return paint("31", text); }
+    std::string odd(const std::string& text) const { return paint("33", text); }
     std::string faint(const std::string& text) const { return paint("2", text); }
 
 private:

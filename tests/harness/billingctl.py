@@ -5,7 +5,7 @@ import subprocess
 
 from . import daemon
 
-DONE, FAILED, USAGE, TRANSFER, REFUSED, UNREACHABLE = range(6)
+DONE, FAILED, USAGE, TRANSFER, REFUSED, UNREACHABLE, WARNING = range(7)
 
 
 def program():
@@ -26,7 +26,7 @@ def on_a_terminal(bus, *arguments, **variables):
     """What a terminal would be sent."""
     ours, theirs = pty.openpty()
     process = subprocess.Popen([program(), *arguments], stdout=theirs, stderr=theirs,
-                               env={**environment(bus), **variables})
+                               env={**environment(bus), "TERM": "xterm", **variables})
     os.close(theirs)
     text = b""
     try:

@@ -1,13 +1,21 @@
 """Runs billingctl's doctor where the daemon is."""
 import json
 import re
+import socket
 import subprocess
 
 from . import billingctl, daemon
-from .billingctl import DONE, FAILED
+from .billingctl import DONE, FAILED, WARNING
 
-CHECKS = ["settings", "certificate", "CA bundle", "clock", "key material", "token", "key", "route", "name lookup",
-          "TCP", "TLS", "HTTP", "bus", "name", "call"]
+CHECKS = ["identity", "settings", "certificate", "CA bundle", "clock", "token", "key", "route",
+          "name lookup", "TCP", "TLS", "HTTP", "time", "bus", "unit", "name", "ping", "call", "restart",
+          "request"]
+VERSION = re.search(r"version: .(\S+).,", (daemon.TREE / "meson.build").read_text())[1]
+# The ids that the manual lists.
+KNOWN = set(re.findall(r"[a-z-]+\.[a-z0-9.-]+", re.search(
+    r"\n\.SH IDS\n(.*?)\n\.SH ", (daemon.TREE / "data/man/billingctl.1").read_text(), re.DOTALL)[1].replace(
+        "\\", "").replace("fB", "").replace("fR", "")))
+ILL = ("warning", "failed")
 
 
 def outcomes(found, outcome):
@@ -32,15 +40,26 @@ def examine(bus, device, *arguments, seconds="5", **variables):
         capture_output=True, text=True, check=False, timeout=120,
         env={**billingctl.environment(bus), "PLEVO_DEVICE_CONF": str(device.file),
              **device.credentials.environment, **variables})
+    return read(done)
+
+
+def read(done):
+    """What a finished doctor with --json has found, after a look at its form.
+
+    @return as examine()"""
     report = json.loads(done.stdout)
-    assert list(report) == ["checks", "failed"]
+    assert list(report) == ["checks", "failed", "host", "version", "warnings"]
+    assert (report["host"], report["version"]) == (socket.gethostname(), VERSION)
     found = {check["check"]: check for check in report["checks"]}
     assert list(found) == CHECKS
-    failed = [check for check in found if found[check]["outcome"] == "failed"]
-    assert done.returncode == (FAILED if failed else DONE)
-    assert report["failed"] == len(failed)
-    for check in found.values():
+    failed, warned = ([check for check in found if found[check]["outcome"] == outcome]
+                      for outcome in ("failed", "warning"))
+    assert done.returncode == (FAILED if failed else WARNING if warned else DONE)
+    assert (report["failed"], report["warnings"]) == (len(failed), len(warned))
+    for name, check in found.items():
         assert check["finding"]
-        assert ("cure" in check) == (check["outcome"] == "failed")
+        assert check["id"].startswith(name.lower().replace(" ", "-") + ".")
+        assert check["id"] in KNOWN or check["outcome"] in ("ok", "not checked"), check["id"]
+        assert ("cure" in check) == (check["outcome"] in ILL)
         assert not re.search(r"[\r\n]", check["finding"] + check.get("cure", ""))
     return found, failed

@@ -86,6 +86,11 @@ def test_raw_is_the_body_and_nothing_else(service, ctl, store):
     assert (done.returncode, done.stdout) == (DONE, "no JSON \x1b[31m")
 
 
+def test_the_terse_form_is_the_body_alone(service, ctl):
+    done = ctl("-o", "terse", "check-server-availability")
+    assert (done.returncode, done.stdout, done.stderr) == (DONE, "{}", "")
+
+
 def test_a_hostile_body_cannot_steer_the_terminal(service, bus, store):
     store.answer.body = "\x1b]0;title\x07 \u202e evil \u0085 Grüße\n".encode()
     text = billingctl.on_a_terminal(bus, "check-server-availability", NO_COLOR="1")
@@ -105,7 +110,8 @@ def test_json_on_a_terminal_is_the_same_and_cannot_steer_it(service, bus, store,
 def test_colours_are_for_terminals_that_want_them(service, bus, ctl, store):
     command = (bus, "check-server-availability")
     assert "\x1b[32m" in billingctl.on_a_terminal(*command)
-    assert "\x1b" not in billingctl.on_a_terminal(*command, NO_COLOR="1")
+    for variables in ({"NO_COLOR": "1"}, {"TERM": "dumb"}, {"TERM": ""}):
+        assert "\x1b" not in billingctl.on_a_terminal(*command, **variables)
     assert "\x1b" not in ctl("check-server-availability").stderr
 
 
@@ -263,11 +269,11 @@ def test_the_version_names_the_libraries(ctl):
 
 def spellings_in_help(ctl, *arguments):
     """The options that a help text describes, each with all its spellings."""
-    return [word.split(",") for word in ctl(*arguments, "--help").stdout.split()
-            if word.startswith("--")]
+    return [[spelling for spelling in word.split(",") if spelling.startswith("--")]
+            for word in ctl(*arguments, "--help").stdout.split() if re.match("(-o,)?--", word)]
 
 
-COMMANDS = [*(method.replace("_", "-") for method in EVERY_CALL), "doctor", "monitor"]
+COMMANDS = [*(method.replace("_", "-") for method in EVERY_CALL), "doctor", "settings", "monitor"]
 
 
 def test_the_manual_names_every_command_and_every_spelling_of_its_options(ctl):

@@ -16,11 +16,18 @@ CERTIFICATE = "/usr/apps/org.plevo.billing-api/res/certificate/bgclient.crt"
 BUNDLE = "/opt/down/cert/ca.pem"
 PUT_CERTIFICATE = "put it there with billing-provision install CERTIFICATE"
 PUT_BUNDLE = "put the certificates of the authorities that vouch for the store there, as PEM"
-AS_USER = "let the service's user read it, and run this as that user"
-MEND = ("mend the file, or name another one with PLEVO_DEVICE_CONF; it is read again at the next "
-        "call")
+OPEN = "let the service read it: chmod a+r {}, and chmod a+x on the folders above"
+MEND = ("mend the file; it is read again at the next call (billingctl settings check FILE tries one "
+        "beforehand)")
+PUT_SETTINGS = ("put the device's settings there (device.conf(5)), or name another file with "
+                "PLEVO_DEVICE_CONF in the unit's drop-in")
+PIN_FILE = ("see [keystore] pin_file in {conf}: the PIN alone on one line, chmod 600, owned by the "
+            "service's user")
+THEN_RESTART = "set [deployment] {} in {{conf}}, then restart the service (systemctl restart billing-service)"
 REFUSED = "until then every call is answered with 1160003"
 NOT_REACHED = "the request did not come that far"
+# Of a bus without a service manager.
+NO_MANAGER = {"unit": "there is no systemd on this bus"}
 
 
 def of_device(text, device):
@@ -35,7 +42,8 @@ def of_device(text, device):
 def test_nothing_fails_on_a_device_that_works(service, doctor):
     found, failed = doctor("--sign")
     assert failed == []
-    assert outcomes(found, "not checked") == {"HTTP"}
+    assert outcomes(found, "not checked") == {*NO_MANAGER, "HTTP", "time"}
+    assert outcomes(found, "warning") == set()
     today = datetime.datetime.now(datetime.timezone.utc).strftime("%Y-%m-%d")
     for check, finding in {
             "settings": r"/.*/device\.conf is well-formed",
@@ -52,6 +60,9 @@ def test_nothing_fails_on_a_device_that_works(service, doctor):
             "TLS": r"the CA bundle vouches for production\.localhost",
             "HTTP": "the store demands the device's certificate, which only the service presents: "
                     "see the call below",
+            "request": r'the store answered the device with HTTP status 200: "\{\}"',
+            "ping": r"the service lives: it answered in \d+\.\d ms",
+            "restart": "the service has started after its certificate was put there",
             "bus": "the system bus is reachable",
             # Which program that is only root may see, and there is no root in this view.
             "name": r"org\.plevo\.billingservice is owned by a program that only root may look at "
@@ -64,9 +75,9 @@ def test_nothing_fails_on_a_device_that_works(service, doctor):
 def test_the_key_is_used_only_when_asked_for(service, doctor):
     found, failed = doctor()
     assert failed == []
-    assert found["key"] == {"check": "key", "outcome": "not checked",
-                            "finding": "--sign signs once with it, as the service's user; a wrong PIN "
-                                       "counts as a try"}
+    assert found["key"] == {"check": "key", "id": "key.not-checked", "outcome": "not checked",
+                            "finding": "--sign signs once with it; a wrong PIN counts as a try"}
+    assert found["request"]["outcome"] == "not checked"
 
 
 def test_the_kernel_is_asked_for_the_route(service, doctor, a_device):
@@ -182,6 +193,10 @@ def no_key(device):
     device.set("deployment", "key_id", None)
 
 
+def no_credential(device):
+    device.set("deployment", "credential", None)
+
+
 def refused_key(device):
     device.set("deployment", "key_id", "first")
 
@@ -219,30 +234,26 @@ BY_KEY_STORE = 'key store: token "billing-lab" of {module}: '
 
 @pytest.mark.parametrize("break_it, check, cause, cure", [
     (no_settings, "settings",
-     "settings: {conf}: line 1 is not a [group], a key=value or a # comment in its place; every "
-     "setting counts as not set until it is mended", MEND),
-    (lost_settings, "settings",
-     "settings: {conf}: cannot be read: No such file or directory; every setting counts as not set "
-     "until the file is there and readable (PLEVO_DEVICE_CONF names another)", MEND),
+     "{conf}: line 1 is not a [group], a key=value or a # comment; no setting is read until it is "
+     "mended", MEND),
+    (lost_settings, "settings", "{conf}: No such file or directory", PUT_SETTINGS),
     (no_certificate, "certificate", CERTIFICATE + ": No such file or directory", PUT_CERTIFICATE),
     (certificate_of_garbage, "certificate", CERTIFICATE + " holds no PEM certificate",
      PUT_CERTIFICATE),
     (broken_certificate, "certificate", CERTIFICATE + " holds no PEM certificate", PUT_CERTIFICATE),
-    (certificate_for_root, "certificate", CERTIFICATE + ": Permission denied", AS_USER),
-    (certificate_of_a_short_key, "certificate", CERTIFICATE + " is not for an RSA key with 2048 bits",
+    (certificate_for_root, "certificate", CERTIFICATE + ": Permission denied",
+     OPEN.format(CERTIFICATE)),
+    (certificate_of_a_short_key, "certificate", CERTIFICATE + " is for an RSA key with 1024 bits and not for an RSA key with 2048 bits",
      "have one made for the device's key (billing-provision request)"),
     (no_bundle, "CA bundle", BUNDLE + ": No such file or directory", PUT_BUNDLE),
-    (bundle_for_root, "CA bundle", BUNDLE + ": Permission denied", AS_USER),
+    (bundle_for_root, "CA bundle", BUNDLE + ": Permission denied", OPEN.format(BUNDLE)),
     (bundle_without_an_end, "CA bundle", BUNDLE + ": a pipe, a socket or a device, and no file",
      PUT_BUNDLE),
     (empty_bundle, "CA bundle", BUNDLE + " holds no PEM certificate", PUT_BUNDLE),
     (broken_bundle, "CA bundle", f"certificate 2 of {BUNDLE} is broken",
      "put a whole bundle there: with a broken one nothing is trusted"),
-    (sealed_key_left, "key material",
-     "{lab}/material is still there: with [keystore] seal_key it gives the key",
-     "billing-provision import CERTIFICATE puts the key into the token and removes both files"),
-    (another_token, "token", 'there is no token "other" in {module}',
-     "see [keystore] in {conf}, and billing-provision(8)"),
+    (another_token, "token", 'there is no token "other" in {module}, which has "billing-lab"',
+     "set [keystore] token in {conf} to its label"),
     (no_module, "token",
      "/nowhere.so: cannot open shared object file: No such file or directory; [keystore] module must "
      "be the absolute path of a PKCS#11 module",
@@ -251,8 +262,9 @@ BY_KEY_STORE = 'key store: token "billing-lab" of {module}: '
      "see [keystore] in {conf}, and billing-provision(8)"),
     (open_pin, "key",
      BY_KEY_STORE + "{lab}/pin is open to others; it is used after chmod 600 {lab}/pin",
-     "see [keystore] pin_file in {conf}, and run this as the service's user"),
-    (no_key, "key", "[deployment] key_id is not set", "set it in {conf}"),
+     PIN_FILE),
+    (no_key, "key", "[deployment] key_id is not set", THEN_RESTART.format("key_id")),
+    (no_credential, "key", "[deployment] credential is not set", THEN_RESTART.format("credential")),
     (own_certificate, "key", "the token's key is not the certificate's",
      "install the certificate that was made for it, or set [deployment] key_id"),
     (no_route, "route", "[network] default_gateway says down", "set it to auto; " + REFUSED),
@@ -283,7 +295,7 @@ def test_what_is_broken_is_said_in_the_words_of_who_noticed(service, doctor, a_d
     assert failed[0] == check
     assert cause in found[check]["finding"]
     assert found[check]["cure"] == of_device({
-        another_pin: "see [keystore] pin_file in {conf}, and run this as the service's user",
+        another_pin: PIN_FILE,
         another_key: "set [deployment] key_id to the id of the device's key, or make one with "
                      "billing-provision request",
         no_server: "is the store up, does a firewall stand between, is the port in [deployment] "
@@ -309,8 +321,8 @@ def test_what_was_not_reached_was_not_checked(service, doctor, a_device):
     another_token(a_device)
     found, _ = doctor("--sign")
     assert {check: found[check]["finding"] for check in outcomes(found, "not checked")} == {
-        "key": "there is no token to sign with", "TCP": NOT_REACHED, "TLS": NOT_REACHED,
-        "HTTP": NOT_REACHED}
+        **NO_MANAGER, "key": "there is no token to sign with", "TCP": NOT_REACHED, "TLS": NOT_REACHED,
+        "HTTP": NOT_REACHED, "time": NOT_REACHED, "request": "what failed above comes first"}
 
 
 def test_no_secret_is_shown(service, doctor, a_device):
@@ -395,10 +407,11 @@ def test_a_service_that_the_bus_cannot_start_is_found_out(doctor, caller, tmp_pa
     caller.connection.call_sync("org.freedesktop.DBus", "/", "org.freedesktop.DBus", "ReloadConfig",
                                 None, None, Gio.DBusCallFlags.NONE, 10000, None)
     found, failed = doctor()
-    assert failed == ["call"]
+    assert failed == ["ping"]
     assert found["name"]["finding"] == ("nobody owns org.plevo.billingservice now; the bus starts it "
                                         "for a call")
-    assert "exited with status 1" in found["call"]["finding"]
+    assert found["ping"]["id"] == "ping.not-started"
+    assert "exited with status 1" in found["ping"]["finding"]
 
 
 def test_a_bus_that_is_not_there_is_found_out(doctor):
@@ -417,8 +430,8 @@ def test_a_refused_call_is_said_in_the_service_s_words(service, doctor, a_device
     assert failed == ["route", "call"]
     assert re.fullmatch(r"check_server_availability came back with resp_result 1160003 in \d+\.\d ms: "
                         r"Network error, please check!", found["call"]["finding"])
-    assert found["call"]["cure"] == ("mend what failed above; if nothing did, the service's log says "
-                                     "more")
+    assert found["call"]["cure"] == ("mend what failed above or below; if nothing did, the service's log "
+                                     "says more")
 
 
 # --- for people ---
@@ -427,8 +440,9 @@ def test_the_doctor_speaks_to_people_too(bus, tmp_path):
     done = billingctl.run(bus, "doctor", PLEVO_DEVICE_CONF=str(tmp_path / "none"))
     assert done.returncode == FAILED
     lines = done.stdout.splitlines()
-    assert lines[0].startswith("failed       settings     settings: ")
-    assert lines[1] == f"{'':26}cure: {MEND}"
+    assert lines[0].startswith("not checked  identity     ")
+    assert lines[1].startswith(f"failed       settings     {tmp_path}/none: ")
+    assert lines[2] == f"{'':26}cure: {PUT_SETTINGS}"
     assert f"not checked  HTTP         {NOT_REACHED}" in lines
     assert "ok           bus          the system bus is reachable" in lines
-    assert lines[-1].endswith(" of 15 checks failed")
+    assert lines[-1].endswith(" of 20 checks failed")

@@ -63,9 +63,12 @@ def test_an_authority_that_is_not_known_is_named(service, doctor, a_device):
     a_device.ca_file.write_bytes(certificates.Authority().pem)
     found, failed = doctor()
     assert failed == ["TLS", "call"]
-    assert found["TLS"]["finding"] == ("SSL certificate problem: unable to get local issuer certificate")
+    assert re.fullmatch(r"SSL certificate problem: unable to get local issuer certificate \(\"localhost, "
+                        r"production\.localhost, sandbox\.localhost\" is signed by \".+\"\)",
+                        found["TLS"]["finding"])
     assert found["TLS"]["cure"] == (f"put the authority that vouches for the store into {BUNDLE}; if it "
-                                    "is there, this is not the store")
+                                    "is there, this is not the store, or it does not send its whole "
+                                    "chain")
 
 
 def test_a_store_whose_certificate_is_over_is_named(service, doctor, a_store):
@@ -100,22 +103,57 @@ def test_a_port_that_takes_connections_and_says_nothing_is_named(service, doctor
 def test_a_store_that_takes_the_request_and_says_nothing_is_named(service, doctor, a_store):
     a_store(None).answer = server.Hang()
     found, failed = doctor(seconds="1")
-    assert failed == ["HTTP", "call"]
+    assert failed == ["HTTP", "call", "request"]
+    assert found["request"]["id"] == "request.slow"
     assert "timed out" in found["HTTP"]["finding"]
     assert found["HTTP"]["cure"] == "look at the store: it took the request and did not answer"
 
 
 def test_a_store_that_is_broken_is_named(service, doctor, a_store):
-    a_store(None).answer = server.Reply(status="503 Service Unavailable")
+    a_store(None).answer = server.Reply(b"<html>\n<p>Back soon", status="503 Service Unavailable")
     found, failed = doctor()
-    assert failed == ["HTTP"]
-    assert found["HTTP"]["finding"] == "the store answered with status 503"
+    assert failed == ["HTTP", "call", "request"]
+    assert found["HTTP"]["finding"] == 'the store answered with status 503: "<html> <p>Back soon"'
     assert found["HTTP"]["cure"] == "look at the store's log: the device has done its part"
 
 
+@pytest.mark.parametrize("answer, outcome, name, finding", [
+    (server.Reply(b"<html>Back soon", status="503 Service Unavailable"), "failed", "request.outage",
+     'the store answered the device with HTTP status 503: "<html>Back soon"'),
+    (server.Reply(b"<html>Back soon"), "failed", "request.page",
+     'the store answered the device with HTTP status 200 and HTML or XML: "<html>Back soon"'),
+    (server.Reply(b"soon"), "warning", "request.no-json",
+     'the store answered the device with HTTP status 200 and no JSON: "soon"'),
+    (server.Reply(b'{"error": "who?"}', status="401 Unauthorized"), "failed", "request.refused",
+     'the store answered the device with HTTP status 401: "{"error": "who?"}"'),
+    (server.Reply(b"{}", status="302 Found", headers=("Location: https://portal/",)), "failed",
+     "request.redirect", 'the store answered the device with HTTP status 302: "{}"'),
+])
+def test_what_a_store_says_to_the_device_is_shown(service, doctor, store, answer, outcome, name, finding):
+    store.answer = answer
+    found, _ = doctor("--sign")
+    assert found["request"] | {"cure": None} == {"check": "request", "id": name, "outcome": outcome,
+                                                 "finding": finding, "cure": None}
+    warned = [record.text for record in service.log() if record.priority == "W"]
+    assert any("HTTP 503" in text for text in warned) == ("503" in answer.status)
+
+
+def test_the_request_is_the_service_s_own(service, doctor, caller, store):
+    caller.call("check_server_availability")
+    doctor("--sign")
+    first, *_, last = store.requests
+    assert (first.raw, first.client) == (last.raw, last.client)
+    assert first.client is not None
+
+
 def test_a_store_that_demands_the_certificate_in_its_answer_is_no_failure(
-        service, doctor, start_nginx):
-    start_nginx()
+        service, doctor, a_device, authority, provisioned, tmp_path, request):
+    if nginx.PROGRAM is None:
+        pytest.skip("nginx is not installed (apt install nginx-light)")
+    running = nginx.Nginx(tmp_path / "nginx", authority.server_pem("localhost"), provisioned.authority,
+                          answer='return 200 "{}";')
+    request.addfinalizer(running.stop)
+    a_device.set("deployment", "production_host", f"localhost:{running.port}")
     found, failed = doctor()
     assert failed == []
     assert (found["HTTP"]["outcome"], found["HTTP"]["finding"]) == ("not checked", DEMANDED)

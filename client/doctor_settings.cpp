@@ -1,0 +1,116 @@
+// doctor_settings.cpp - the settings file.
+#include "certificate.h"
+#include "doctor.h"
+#include "platform_log.h"
+#include "settings.h"
+#include "settings_check.h"
+#include "settings_file.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+
+namespace client {
+
+namespace {
+
+constexpr const char* kCheck = "settings";
+
+/// Why the file cannot be opened: 0 when it can.
+int errorOf(const std::string& path)
+{
+    const int file = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY);
+    if (file < 0) {
+        return errno;
+    }
+    close(file);
+    return 0;
+}
+
+/// "mode 644, of root:root"
+std::string rightsOf(const struct stat& status)
+{
+    char mode[16];
+    std::snprintf(mode, sizeof mode, "mode %03o", status.st_mode & 07777U);
+    return std::string(mode) + ", of " + userName(status.st_uid) + ":" + groupName(status.st_gid);
+}
+
+Finding closed(const Patient& patient, const std::string& path)
+{
+    const std::string group = groupName(patient.identity.gid);
+    struct stat status {};
+    if (stat(path.c_str(), &status) != 0) {
+        const std::string folder = path.substr(0, path.rfind('/'));
+        return failed(kCheck, "closed", "the service may not look into the folder of " + path,
+                      "chgrp " + group + " " + folder + " && chmod 750 " + folder);
+    }
+    return failed(kCheck, "closed",
+                  "the service may not read " + path + " (" + rightsOf(status) + ")",
+                  "chgrp " + group + " " + path + " && chmod 640 " + path);
+}
+
+Finding mended(const std::string& path, const std::vector<Mistake>& mistakes)
+{
+    std::string text = path;
+    for (const Mistake& mistake : mistakes) {
+        text += (&mistake == &mistakes.front() ? ": " : "; ") + mistake.shown();
+    }
+    const auto bad = std::find_if(mistakes.begin(), mistakes.end(),
+                                  [](const Mistake& one) { return !one.harmless; });
+    if (bad == mistakes.end()) {
+        return warning(kCheck, mistakes.front().reason, text, "take out the one that is not meant");
+    }
+    return failed(kCheck, bad->reason, text,
+                  "mend the file; it is read again at the next call (billingctl settings check "
+                  "FILE tries one beforehand)");
+}
+
+Finding judged(const std::string& path, const settings::Contents& contents)
+{
+    if (!contents.problem.empty()) {
+        return failed(kCheck, "unreadable", path + " " + contents.problem,
+                      "put a file there that is a copy of device.conf.example, filled in");
+    }
+    const std::vector<Mistake> mistakes = mistakesIn(contents.bytes);
+    if (!mistakes.empty()) {
+        return mended(path, mistakes);
+    }
+    struct stat status {};
+    if (stat(path.c_str(), &status) == 0 && (status.st_mode & (S_IROTH | S_IWOTH | S_IWGRP)) != 0) {
+        return warning(kCheck, "open",
+                       path + " (" + rightsOf(status) + ") is open to others, and it holds tokens",
+                       "chmod 640 " + path);
+    }
+    return good(kCheck, path + " is well-formed");
+}
+
+}  // namespace
+
+void checkSettings(Findings& findings, Patient& patient)
+{
+    const std::string path = settings::filePath();
+    const int error = errorOf(path);
+    if (error == EACCES && patient.asService) {
+        findings.push_back(closed(patient, path));
+    } else if (error == EACCES) {
+        patient.settingsClosed = true;
+        findings.push_back(settingsClosed(kCheck));
+    } else if (error == ENOENT) {
+        findings.push_back(
+            failed(kCheck, "missing", path + ": " + std::strerror(error),
+                   "put the device's settings there (device.conf(5)), or name another "
+                   "file with PLEVO_DEVICE_CONF in the unit's drop-in"));
+    } else {
+        findings.push_back(judged(path, settings::readFile(path)));
+    }
+    // What the platform says of the same is said.
+    settings::text("deployment", "production_host");
+    takeComplaint();
+}
+
+}  // namespace client

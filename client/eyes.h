@@ -1,0 +1,32 @@
+// eyes.h - root's eyes: a process that stays root when the doctor becomes the service.
+#pragma once
+
+#include "facts.h"
+
+#include <sys/types.h>
+
+#include <string>
+#include <vector>
+
+namespace client {
+
+/// Answers questions about the system. As root it does so from a process of its own, started by the
+/// constructor: before this process has a second thread. Thread: one.
+class Eyes {
+public:
+    explicit Eyes(bool ownProcess);
+    ~Eyes();
+    Eyes(const Eyes&) = delete;
+    Eyes& operator=(const Eyes&) = delete;
+
+    Facts facts(const std::string& bus, double timeout) const;
+    std::vector<std::string> journalTail(int lines) const;
+
+private:
+    Json::Value ask(const Json::Value& question) const;
+
+    pid_t m_child = 0;
+    int m_channel = -1;
+};
+
+}  // namespace client

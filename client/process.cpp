@@ -1,0 +1,133 @@
+// process.cpp - a process as /proc shows it, and programs that are asked.
+#include "process.h"
+
+#include "bus.h"
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <climits>
+#include <cstdio>
+#include <fstream>
+#include <sstream>
+
+namespace client {
+
+namespace {
+
+constexpr std::size_t kOutputLimit = std::size_t{64} * 1024;
+
+std::string programOf(const std::string& folder)
+{
+    char path[PATH_MAX];
+    const ssize_t length = readlink((folder + "/exe").c_str(), path, sizeof path);
+    return length > 0 ? std::string(path, static_cast<std::size_t>(length)) : "";
+}
+
+/// When a process began, by the clock as it is now. Its record counts from the boot.
+double startOf(const std::string& record)
+{
+    // The name may hold anything; what follows its bracket are numbers.
+    std::istringstream fields(record.substr(record.rfind(')') + 1));
+    std::string field;
+    for (int i = 3; i <= 22 && fields >> field; ++i) {
+    }
+    timespec now{};
+    timespec sinceBoot{};
+    if (!fields || clock_gettime(CLOCK_REALTIME, &now) != 0 ||
+        clock_gettime(CLOCK_BOOTTIME, &sinceBoot) != 0) {
+        return 0;
+    }
+    const double age =
+        static_cast<double>(sinceBoot.tv_sec) + static_cast<double>(sinceBoot.tv_nsec) / 1e9 -
+        std::strtod(field.c_str(), nullptr) / static_cast<double>(sysconf(_SC_CLK_TCK));
+    return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) / 1e9 - age;
+}
+
+/// Users, groups and state, from /proc/PID/status.
+void readStatus(const std::string& folder, Process& process)
+{
+    std::istringstream lines(contentOf(folder + "/status"));
+    for (std::string line; std::getline(lines, line);) {
+        std::istringstream words(line);
+        std::string name;
+        words >> name;
+        unsigned number = 0;
+        if (name == "State:") {
+            std::string state;
+            words >> state;
+            process.stopped = state == "T" || state == "t";
+        } else if (name == "Uid:" && words >> number >> number) {  // real, effective
+            process.uid = number;
+        } else if (name == "Gid:" && words >> number >> number) {
+            process.gid = number;
+        } else if (name == "Groups:") {
+            while (words >> number) {
+                process.groups.push_back(number);
+            }
+        }
+    }
+}
+
+std::vector<const char*> pointersTo(const std::vector<std::string>& texts)
+{
+    std::vector<const char*> pointers;
+    for (const std::string& text : texts) {
+        pointers.push_back(text.c_str());
+    }
+    pointers.push_back(nullptr);
+    return pointers;
+}
+
+}  // namespace
+
+std::string contentOf(const std::string& path)
+{
+    std::ifstream file(path, std::ios::binary);
+    std::ostringstream content;
+    content << file.rdbuf();
+    return file ? content.str() : "";
+}
+
+Process processOf(unsigned pid)
+{
+    const std::string folder = "/proc/" + std::to_string(pid);
+    Process process;
+    process.pid = pid;
+    readStatus(folder, process);
+    process.program = programOf(folder);
+    process.started = startOf(contentOf(folder + "/stat"));
+    std::istringstream variables(contentOf(folder + "/environ"));
+    for (std::string variable; std::getline(variables, variable, '\0');) {
+        process.environment.push_back(variable);
+    }
+    process.environmentKnown = !process.environment.empty();
+    return process;
+}
+
+std::string outputOf(const std::vector<std::string>& arguments,
+                     const std::vector<std::string>& environment)
+{
+    const auto argv = pointersTo(arguments);
+    const auto envp = pointersTo(environment);
+    gint output = -1;
+    GPid child = 0;
+    const auto flags = static_cast<GSpawnFlags>(G_SPAWN_SEARCH_PATH | G_SPAWN_STDERR_TO_DEV_NULL |
+                                                G_SPAWN_DO_NOT_REAP_CHILD);
+    if (g_spawn_async_with_pipes(nullptr, const_cast<gchar**>(argv.data()),
+                                 const_cast<gchar**>(envp.data()), flags, nullptr, nullptr, &child,
+                                 nullptr, &output, nullptr, nullptr) == FALSE) {
+        return "";
+    }
+    std::string text;
+    char part[4096];
+    ssize_t count = 0;
+    while (text.size() < kOutputLimit && (count = read(output, part, sizeof part)) > 0) {
+        text.append(part, static_cast<std::size_t>(count));
+    }
+    close(output);
+    g_spawn_close_pid(child);
+    return text;
+}
+
+}  // namespace client
