@@ -13,6 +13,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 
 namespace client {
@@ -33,16 +34,27 @@ int errorOf(const std::string& path)
 }
 
 /// "mode 644, of root:root"
-std::string rightsOf(const struct stat& status)
+std::string rightsOf(const Patient& patient, const struct stat& status)
 {
+    // The machine's names may be out of sight by now.
+    const Identity& service = patient.identity;
+    const std::string group =
+        status.st_gid == service.gid ? service.group : groupName(status.st_gid);
     char mode[16];
     std::snprintf(mode, sizeof mode, "mode %03o", status.st_mode & 07777U);
-    return std::string(mode) + ", of " + userName(status.st_uid) + ":" + groupName(status.st_gid);
+    return std::string(mode) + ", of " + userName(status.st_uid) + ":" + group;
+}
+
+/// False when the service may have its settings in a place that this user does not know.
+bool mayBeNamed(const Patient& patient)
+{
+    return patient.asService || patient.identity.environmentKnown ||
+           std::getenv("PLEVO_DEVICE_CONF") != nullptr || !patient.facts.process;
 }
 
 Finding closed(const Patient& patient, const std::string& path)
 {
-    const std::string group = groupName(patient.identity.gid);
+    const std::string& group = patient.identity.group;
     struct stat status {};
     if (stat(path.c_str(), &status) != 0) {
         const std::string folder = path.substr(0, path.rfind('/'));
@@ -50,7 +62,7 @@ Finding closed(const Patient& patient, const std::string& path)
                       "chgrp " + group + " " + folder + " && chmod 750 " + folder);
     }
     return failed(kCheck, "closed",
-                  "the service may not read " + path + " (" + rightsOf(status) + ")",
+                  "the service may not read " + path + " (" + rightsOf(patient, status) + ")",
                   "chgrp " + group + " " + path + " && chmod 640 " + path);
 }
 
@@ -70,7 +82,7 @@ Finding mended(const std::string& path, const std::vector<Mistake>& mistakes)
                   "FILE tries one beforehand)");
 }
 
-Finding judged(const std::string& path, const settings::Contents& contents)
+Finding judged(const Patient& patient, const std::string& path, const settings::Contents& contents)
 {
     if (!contents.problem.empty()) {
         return failed(kCheck, "unreadable", path + " " + contents.problem,
@@ -82,9 +94,10 @@ Finding judged(const std::string& path, const settings::Contents& contents)
     }
     struct stat status {};
     if (stat(path.c_str(), &status) == 0 && (status.st_mode & (S_IROTH | S_IWOTH | S_IWGRP)) != 0) {
-        return warning(kCheck, "open",
-                       path + " (" + rightsOf(status) + ") is open to others, and it holds tokens",
-                       "chmod 640 " + path);
+        return warning(
+            kCheck, "open",
+            path + " (" + rightsOf(patient, status) + ") is open to others, and it holds tokens",
+            "chmod 640 " + path);
     }
     return good(kCheck, path + " is well-formed");
 }
@@ -97,7 +110,7 @@ void checkSettings(Findings& findings, Patient& patient)
     const int error = errorOf(path);
     if (error == EACCES && patient.asService) {
         findings.push_back(closed(patient, path));
-    } else if (error == EACCES) {
+    } else if (error == EACCES || (error == ENOENT && !mayBeNamed(patient))) {
         patient.settingsClosed = true;
         findings.push_back(settingsClosed(kCheck));
     } else if (error == ENOENT) {
@@ -106,7 +119,7 @@ void checkSettings(Findings& findings, Patient& patient)
                    "put the device's settings there (device.conf(5)), or name another "
                    "file with PLEVO_DEVICE_CONF in the unit's drop-in"));
     } else {
-        findings.push_back(judged(path, settings::readFile(path)));
+        findings.push_back(judged(patient, path, settings::readFile(path)));
     }
     // What the platform says of the same is said.
     settings::text("deployment", "production_host");

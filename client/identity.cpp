@@ -170,6 +170,8 @@ Identity identityOf(const Facts& facts)
     if (const auto callers = groupOf(BILLING_CALLERS)) {
         add(identity, *callers);
     }
+    identity.user = userName(identity.uid);
+    identity.group = groupName(identity.gid);
     return identity;
 }
 
@@ -187,7 +189,6 @@ Finding become(const Identity& identity)
                             "make it with systemd-sysusers, or take User= out of the drop-in")
                    : notChecked(kCheck, root);
     }
-    const std::string name = userName(identity.uid);
     if (identity.pid != 0) {
         join(identity.pid, "net", CLONE_NEWNET);
         join(identity.pid, "mnt", CLONE_NEWNS);
@@ -197,10 +198,10 @@ Finding become(const Identity& identity)
     }
     if (!takeUser(identity)) {
         return warning(kCheck, "kept",
-                       "this process may not become " + name + ": " + std::strerror(errno),
+                       "this process may not become " + identity.user + ": " + std::strerror(errno),
                        "start it as root with all of root's rights");
     }
-    return good(kCheck, "looked as " + name + ", with user, groups" +
+    return good(kCheck, "looked as " + identity.user + ", with user, groups" +
                             (identity.environmentKnown ? " and environment of " : " of ") +
                             identity.source);
 }

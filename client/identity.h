@@ -18,6 +18,8 @@ struct Identity {
     std::string cause;   ///< why it is not known
     uid_t uid = 0;
     gid_t gid = 0;
+    std::string user;   ///< its name, as this machine has it
+    std::string group;  ///< likewise
     std::vector<gid_t> groups;
     std::vector<std::string> environment;  ///< "NAME=value"
     bool environmentKnown = false;

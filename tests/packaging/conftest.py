@@ -14,6 +14,7 @@ import pytest
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1]))
 
 from harness import certificates, credentials, server  # noqa: E402
+from harness.device import Device  # noqa: E402
 
 from installation import Accounts, Installed, PolicyBus, wait_for_name  # noqa: E402
 
@@ -99,3 +100,21 @@ def store(authority, provisioned):
     yield running
     with contextlib.suppress(OSError):
         running.stop()
+
+
+@pytest.fixture
+def device(folder, store, authority, provisioned, accounts):
+    """A device whose token and settings the service may only read, and whose PIN is its own."""
+    made = Device(folder, provisioned.copy_to(folder / "lab"), f"production.localhost:{store.port}")
+    made.ca_file.write_bytes(authority.pem)
+    for path in [made.file, *folder.rglob("*")]:
+        os.chmod(path, 0o755 if path.is_dir() else 0o644)
+    for name in ("pin", "seal.key"):
+        os.chown(folder / "lab" / name, accounts.service, accounts.service_group)
+        os.chmod(folder / "lab" / name, 0o600)
+    for name in ("state", "run"):
+        (folder / name).mkdir(mode=0o700)
+        os.chown(folder / name, accounts.service, accounts.service_group)
+    made.set("keystore", "store", str(folder / "state" / "store"))
+    os.chmod(made.file, 0o644)
+    return made

@@ -15,7 +15,6 @@ from billing_lab import view
 from confine import CONFINED, read
 from installation import TREE
 from harness import server
-from harness.device import Device
 
 HERE = pathlib.Path(__file__).parent
 
@@ -33,24 +32,6 @@ def let_service_read(device, accounts):
     """As the documentation has it: root's, and readable for the service alone."""
     os.chown(device.file, 0, accounts.service_group)
     os.chmod(device.file, 0o640)
-
-
-@pytest.fixture
-def device(folder, store, authority, provisioned, accounts):
-    """A device whose token and settings the service may only read, and whose PIN is its own."""
-    made = Device(folder, provisioned.copy_to(folder / "lab"), f"production.localhost:{store.port}")
-    made.ca_file.write_bytes(authority.pem)
-    for path in [made.file, *folder.rglob("*")]:
-        os.chmod(path, 0o755 if path.is_dir() else 0o644)
-    for name in ("pin", "seal.key"):
-        os.chown(folder / "lab" / name, accounts.service, accounts.service_group)
-        os.chmod(folder / "lab" / name, 0o600)
-    for name in ("state", "run"):
-        (folder / name).mkdir(mode=0o700)
-        os.chown(folder / name, accounts.service, accounts.service_group)
-    made.set("keystore", "store", str(folder / "state" / "store"))
-    let_service_read(made, accounts)
-    return made
 
 
 def readable(path):
