@@ -1,6 +1,7 @@
 // doctor.h - looks for what keeps the service from working, from the bus to the store.
 #pragma once
 
+#include "common/places.h"
 #include "eyes.h"
 #include "finding.h"
 #include "identity.h"
@@ -11,10 +12,7 @@ namespace client {
 
 /// What vouches for the store. The service has the same.
 inline constexpr const char* CA_BUNDLE = "/opt/down/cert/ca.pem";
-inline constexpr const char* kCertificate =
-    "/usr/apps/org.plevo.billing-api/res/certificate/bgclient.crt";
-/// A certificate that is valid for fewer days has to be looked at.
-inline constexpr int kFewDays = 30;
+using places::kFewDays;
 
 struct DoctorOptions {
     std::string bus;      ///< address; empty: the system's

@@ -19,8 +19,8 @@ Finding checkCertificate(const Patient& patient, Certificate& certificate)
 {
     const char* const check = "certificate";
     const char* const cure = "put it there with billing-provision install CERTIFICATE";
-    const std::string path = kCertificate;
-    PemFile file = readPem(kCertificate);
+    const std::string path = places::kDeviceCertificate;
+    PemFile file = readPem(places::kDeviceCertificate);
     if (file.error != 0) {
         return unreadable(patient, check, path, file.error, cure);
     }

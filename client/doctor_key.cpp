@@ -191,7 +191,7 @@ Finding sign(const rawrsa::PublicKey& key, ss_credential_s& credential, std::int
 
 Finding checkSignature()
 {
-    const PemFile file = readPem(kCertificate);
+    const PemFile file = readPem(places::kDeviceCertificate);
     const auto key = file.certificates.empty()
                          ? std::nullopt
                          : rawrsa::publicNumbersOf(X509_get0_pubkey(file.certificates[0].get()));

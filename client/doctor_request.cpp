@@ -120,7 +120,7 @@ Finding notAnswered(const Verdict& verdict)
     }
     if (holds(error, "unknown ca") || holds(error, "bad certificate") ||
         holds(error, "certificate unknown")) {
-        const PemFile file = readPem(kCertificate);
+        const PemFile file = readPem(places::kDeviceCertificate);
         const std::string issuer =
             file.certificates.empty() ? "?" : issuerOf(file.certificates.front().get());
         return failed(

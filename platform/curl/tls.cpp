@@ -129,6 +129,13 @@ void endInOrder(void* ssl)
 
 std::string tlsCause(CURL* curl, CURLcode code, const std::string& text)
 {
+    // The device's key is the only one that is asked for a signature, and OpenSSL has no word for one
+    // that gives none: it shows whatever stood last in its queue.
+    if (code == CURLE_SSL_CONNECT_ERROR &&
+        (text.find("EVP lib") != std::string::npos ||
+         text.find("DSO support routines") != std::string::npos)) {
+        return " (the device's key did not sign: a line of the key store before this one says why)";
+    }
     long verdict = X509_V_OK;
     if (code != CURLE_PEER_FAILED_VERIFICATION ||
         curl_easy_getinfo(curl, CURLINFO_SSL_VERIFYRESULT, &verdict) != CURLE_OK) {

@@ -1,5 +1,6 @@
 // process.cpp - makes the process fit to run. Linked into the executable itself.
 #include "environment.h"
+#include "expiry.h"
 #include "main_loop.h"
 
 #include <platform/process.h>
@@ -102,4 +103,5 @@ void platform_process_start(void)
     process::cleanEnvironment();
     process::ownDefaultContext();
     hideMemory();
+    process::warnOfExpiry();
 }

@@ -16,6 +16,8 @@ from harness.manager import NAME, Manager
 from billing_lab import bus as message_bus
 
 RESTART = "systemctl restart billing-service"
+# What is written so soon after the start may have been read by it.
+A_MOMENT = 0.7
 
 
 # --- who does not answer ---
@@ -176,6 +178,7 @@ def test_the_last_lines_of_the_journal_are_shown(doctor, manager, tmp_path):
 def test_a_certificate_that_is_newer_than_the_service_asks_for_a_restart(service, doctor, a_device):
     found, failed = doctor()
     assert (failed, outcomes(found, "warning")) == ([], set())
+    time.sleep(A_MOMENT)
     shutil.copy2(a_device.credentials.certificate, a_device.credentials.certificates / "old")
     os.replace(a_device.credentials.certificates / "old", a_device.credentials.certificate)
     found, failed = doctor()
@@ -194,8 +197,21 @@ def test_settings_that_came_too_late_ask_for_a_restart(start_daemon, needs_view,
     key = a_device.settings["deployment"]["key_id"]
     a_device.set("deployment", "key_id", None)
     start_daemon().wait_for_name(caller)
+    time.sleep(A_MOMENT)
     a_device.set("deployment", "key_id", key)
     found, failed = doctor()
     assert "call" in failed
     assert (found["restart"]["id"], found["restart"]["cure"]) == ("restart.settings", RESTART)
     assert found["request"]["outcome"] == "ok"
+
+
+
+def test_a_wrong_pin_is_the_cause_of_a_call_that_failed(start_daemon, needs_view, caller, doctor, a_device):
+    (a_device.credentials.folder / "pin").write_text("wrong")
+    process = start_daemon()
+    process.wait_for_name(caller)
+    found, failed = doctor()
+    assert failed == ["call", "request"]
+    assert found["request"]["id"] == "request.key.pin"
+    assert "CKR_PIN_INCORRECT" in found["request"]["finding"]
+    assert any("ErrorCode = 35" in text and "the device's key did not sign" in text for text in process.texts("E"))

@@ -315,6 +315,21 @@ def test_nothing_is_left_of_a_file_that_does_not_fit(lab, tmp_path):
     assert sorted(path.name for path in tmp_path.iterdir()) == ["csr", "lab"]
 
 
+def test_install_ends_with_the_restart_that_is_needed(lab, tmp_path):
+    result = must(run("install", lab / "bgclient.crt", "--to", tmp_path / "put", folder=lab))
+    assert result.stderr.decode().splitlines() == [
+        f"Installed {tmp_path / 'put'}.",
+        "Restart needed: a service that runs has read the one before (systemctl restart billing-service)."]
+
+
+def test_install_warns_of_a_certificate_that_ends_soon(tmp_path):
+    folder = tmp_path / "soon"
+    must(run("lab", folder, "--days", "20"))
+    result = must(run("install", folder / "bgclient.crt", "--to", tmp_path / "put", folder=folder))
+    assert re.search(rb"^Warning: the certificate ends in (19|20) days, by the clock of this machine.$",
+                     result.stderr, re.MULTILINE)
+
+
 def test_install_refuses_a_certificate_of_another_key(lab, tmp_path):
     must(run("install", lab / "server.pem", "--to", tmp_path / "installed", folder=lab), MISMATCH)
     assert not (tmp_path / "installed").exists()

@@ -1,6 +1,8 @@
 // commands.h - what the tool does, command by command.
 #pragma once
 
+#include "common/places.h"
+
 #include <string>
 #include <vector>
 
@@ -30,7 +32,7 @@ struct RequestOptions {
 
 struct InstallOptions {
     std::string certificate;
-    std::string to = "/usr/apps/org.plevo.billing-api/res/certificate/bgclient.crt";
+    std::string to = places::kDeviceCertificate;
     bool force = false;
 };
 

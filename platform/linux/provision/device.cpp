@@ -1,6 +1,7 @@
 // device.cpp - provisioning of a device that has its settings file and its token.
 #include "certificates.h"
 #include "commands.h"
+#include "common/places.h"
 #include "files.h"
 #include "key_material.h"
 #include "key_store.h"
@@ -48,6 +49,12 @@ void warnOfDates(X509* certificate)
         tell("Warning: the certificate is not valid yet, by the clock of this machine.");
     if (X509_cmp_current_time(X509_get0_notAfter(certificate)) < 0)
         tell("Warning: the certificate has expired, by the clock of this machine.");
+    int days = 0;
+    int seconds = 0;
+    ASN1_TIME_diff(&days, &seconds, nullptr, X509_get0_notAfter(certificate));
+    if (days >= 0 && seconds >= 0 && days < places::kFewDays)
+        tell("Warning: the certificate ends in " + std::to_string(days) +
+             " days, by the clock of this machine.");
 }
 
 void makeKeyInside(const keystore::Place& place, std::int32_t id, bool mayDecrypt)
@@ -163,7 +170,9 @@ void install(const InstallOptions& options)
                                       tokenkeys::shownId(id) + " of the token");
     warnOfDates(certificate.get());
     writeFile(options.to, pemOf(certificate.get()), kPublicMode, options.force);
-    tell("Installed " + options.to + ".");
+    tell("Installed " + options.to +
+         ".\nRestart needed: a service that runs has read the one before "
+         "(systemctl restart billing-service).");
 }
 
 void seal(const SealOptions& options)

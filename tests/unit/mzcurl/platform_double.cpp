@@ -43,6 +43,6 @@ int __dlog_print(log_priority prio, const char*, const char* format, ...)
     const int size = vsnprintf(text.data(), text.size(), format, arguments);
     va_end(arguments);
     const std::lock_guard<std::mutex> guard(g_lock);
-    g_lines.push_back((prio == DLOG_DEBUG ? "D " : "I ") + std::string(text.data()));
+    g_lines.push_back(std::string(1, "DIWE"[prio - DLOG_DEBUG]) + ' ' + text.data());
     return size;
 }

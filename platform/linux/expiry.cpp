@@ -1,0 +1,77 @@
+// expiry.cpp - a word in time that the device's certificate ends.
+#include "expiry.h"
+
+#include "../common/places.h"
+#include "descriptor.h"
+
+#include <platform/log.h>
+
+#include <fcntl.h>
+#include <openssl/crypto.h>
+#include <openssl/err.h>
+#include <openssl/pem.h>
+#include <openssl/x509.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <memory>
+
+namespace process {
+
+namespace {
+
+constexpr std::size_t kSizeLimit = std::size_t{64} * 1024;
+
+struct Free {
+    void operator()(BIO* bio) const { BIO_free_all(bio); }
+    void operator()(X509* certificate) const { X509_free(certificate); }
+};
+
+/// @return null when there is none that can be read
+std::unique_ptr<X509, Free> readCertificate()
+{
+    const Descriptor file(
+        open(places::kDeviceCertificate, O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
+    struct stat status {};
+    char bytes[kSizeLimit];
+    if (file.fd < 0 || fstat(file.fd, &status) != 0 || !S_ISREG(status.st_mode))
+        return nullptr;
+    const ssize_t size = read(file.fd, bytes, sizeof bytes);
+    const std::unique_ptr<BIO, Free> text(size > 0 ? BIO_new_mem_buf(bytes, static_cast<int>(size))
+                                                   : nullptr);
+    return std::unique_ptr<X509, Free>(
+        text == nullptr ? nullptr : PEM_read_bio_X509(text.get(), nullptr, nullptr, nullptr));
+}
+
+}  // namespace
+
+void warnOfExpiry()
+{
+    // This is the process's first use of the library, whose exit handler would free what a thread
+    // that is still alive uses.
+    OPENSSL_init_crypto(OPENSSL_INIT_NO_ATEXIT, nullptr);
+    const auto certificate = readCertificate();
+    ERR_clear_error();
+    if (certificate == nullptr)
+        return;
+    int days = 0;
+    int seconds = 0;
+    if (ASN1_TIME_diff(&days, &seconds, nullptr, X509_get0_notAfter(certificate.get())) != 1)
+        return;
+    const bool over = days < 0 || seconds < 0;
+    if (X509_cmp_current_time(X509_get0_notBefore(certificate.get())) > 0)
+        __dlog_print(DLOG_WARN, "BILLING_PLATFORM",
+                     "the device's certificate is not valid yet by this clock; set the clock");
+    else if (over)
+        __dlog_print(DLOG_WARN, "BILLING_PLATFORM",
+                     "the device's certificate has ended %d days ago; put a new one there with "
+                     "billing-provision",
+                     -days);
+    else if (days < places::kFewDays)
+        __dlog_print(DLOG_WARN, "BILLING_PLATFORM",
+                     "the device's certificate ends in %d days; put a new one there with "
+                     "billing-provision",
+                     days);
+}
+
+}  // namespace process
