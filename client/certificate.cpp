@@ -92,7 +92,7 @@ std::string validityOf(const X509* certificate)
 
 std::string nameOf(const X509* certificate)
 {
-    const std::string name = textOf(X509_get_subject_name(certificate), NID_commonName);
+    std::string name = textOf(X509_get_subject_name(certificate), NID_commonName);
     return !name.empty() ? name : hostsOf(certificate);
 }
 
@@ -100,7 +100,7 @@ std::string issuerOf(const X509* certificate)
 {
     const X509_NAME* const issuer = X509_get_issuer_name(certificate);
     for (const int part : {NID_commonName, NID_organizationalUnitName, NID_organizationName}) {
-        const std::string name = textOf(issuer, part);
+        std::string name = textOf(issuer, part);
         if (!name.empty()) {
             return name;
         }

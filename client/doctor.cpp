@@ -126,7 +126,7 @@ Finding takeIdentity(Patient& patient)
 {
     const bool root = geteuid() == 0;
     if (root) {
-        const Finding finding = become(patient.identity);
+        Finding finding = become(patient.identity);
         patient.asService = isService(patient.identity);
         return finding;
     }

@@ -215,7 +215,7 @@ std::string whyMissing(const char* group, const char* key)
 
 Finding checkKey(Patient& patient)
 {
-    const Finding finding = checkSignature();
+    Finding finding = checkSignature();
     patient.keyWorks = finding.outcome == Outcome::Ok;
     return finding;
 }

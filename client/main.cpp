@@ -13,6 +13,7 @@
 #include <cerrno>
 #include <cstring>
 #include <deque>
+#include <numeric>
 
 namespace {
 
@@ -112,6 +113,26 @@ void describeSettings(CLI::App& app, Options& options)
     });
 }
 
+/// "help COMMAND", as many programs have it: wordsOf() makes "COMMAND --help" of it.
+void describeHelp(CLI::App& app)
+{
+    CLI::App* const command = app.add_subcommand("help", "Print the options of a command");
+    command->add_option("COMMAND", "The command; without it all of them");
+    command->callback([] { throw CLI::ValidationError("help stands before everything else"); });
+}
+
+/// The arguments, in the order in which the parser takes them: the last one first.
+std::vector<std::string> wordsOf(int argc, char** argv)
+{
+    std::vector<std::string> words(argv + 1, argv + argc);
+    if (!words.empty() && words[0] == "help") {
+        words.erase(words.begin());
+        words.emplace_back("--help");
+    }
+    std::reverse(words.begin(), words.end());
+    return words;
+}
+
 void describeMonitor(CLI::App& app, Options& options)
 {
     CLI::App* const command =
@@ -132,14 +153,53 @@ std::string version()
            "\njsoncpp " + JSONCPP_VERSION_STRING;
 }
 
+/// How many letters have to be changed, put in or taken out to make one word of the other.
+std::size_t distance(const std::string& a, const std::string& b)
+{
+    std::vector<std::size_t> row(b.size() + 1);
+    std::iota(row.begin(), row.end(), 0);
+    for (std::size_t i = 1; i <= a.size(); ++i) {
+        std::size_t corner = row[0];
+        row[0] = i;
+        for (std::size_t j = 1; j <= b.size(); ++j) {
+            const std::size_t changed = corner + (a[i - 1] == b[j - 1] ? 0 : 1);
+            corner = row[j];
+            row[j] = std::min({row[j] + 1, row[j - 1] + 1, changed});
+        }
+    }
+    return row[b.size()];
+}
+
+/// The command that was probably meant, empty when none is near. @param word as it was typed
+std::string nearest(const CLI::App& app, std::string word)
+{
+    std::replace(word.begin(), word.end(), '_', '-');
+    std::string best;
+    std::size_t least = 1 + word.size() / 3;
+    for (const CLI::App* const command :
+         app.get_subcommands([](const CLI::App*) { return true; })) {
+        const std::string& name = command->get_name();
+        const bool begins = word.size() > 2 && name.rfind(word, 0) == 0;
+        const std::size_t far = begins ? 0 : distance(word, name);
+        if (far <= least) {
+            least = far;
+            best = name;
+        }
+    }
+    return best;
+}
+
 /// What is wrong with the arguments. CLI11 asks first whether there is a command, and does not say
 /// that it knows none of that name.
 std::string causeOf(const CLI::App& app, const CLI::ParseError& error)
 {
     const auto words = app.remaining();
-    return app.get_subcommands().empty() && !words.empty()
-               ? "there is no command \"" + words[0] + "\""
-               : error.what();
+    if (!app.get_subcommands().empty() || words.empty()) {
+        return error.what();
+    }
+    const std::string meant = nearest(app, words[0]);
+    return "there is no command \"" + words[0] + "\"" +
+           (meant.empty() ? "" : ", did you mean \"" + meant + "\"");
 }
 
 int wrongUsage(const CLI::App& app, const CLI::ParseError& error, bool json)
@@ -195,6 +255,7 @@ void describe(CLI::App& app, std::deque<std::vector<std::string>>& values, Optio
     describeDoctor(app, options);
     describeSettings(app, options);
     describeMonitor(app, options);
+    describeHelp(app);
 }
 
 }  // namespace
@@ -206,7 +267,7 @@ int main(int argc, char** argv)
     CLI::App app("Calls the billing service and finds out why it does not work.", "billingctl");
     describe(app, values, options);
     try {
-        app.parse(argc, argv);
+        app.parse(wordsOf(argc, argv));
     } catch (const CLI::Success& help) {
         return finished(app.exit(help));
     } catch (const CLI::ParseError& error) {

@@ -72,6 +72,7 @@ void readStatus(const std::string& folder, Process& process)
 std::vector<const char*> pointersTo(const std::vector<std::string>& texts)
 {
     std::vector<const char*> pointers;
+    pointers.reserve(texts.size() + 1);
     for (const std::string& text : texts) {
         pointers.push_back(text.c_str());
     }

@@ -221,6 +221,9 @@ def test_a_bus_that_refuses_the_call_is_named(service, ctl, caller, tmp_path):
 @pytest.mark.parametrize("arguments, said", [
     ((), "A subcommand is required; see billingctl --help"),
     (("buy",), 'there is no command "buy"; see billingctl --help'),
+    *(((typed,), f'there is no command "{typed}", did you mean "{meant}"; see billingctl --help')
+      for typed, meant in (("docter", "doctor"), ("monitr", "monitor"), ("get_product", "get-product-list"),
+                           ("confirm-purchas", "confirm-purchase"))),
     (("get-product-list",), "--appid is required; see billingctl get-product-list --help"),
     (("confirm-purchase", "--appid", "a"),
      "--invoiceid is required; see billingctl confirm-purchase --help"),
@@ -258,6 +261,14 @@ def test_output_that_is_lost_is_a_failure(bus, arguments):
         for why in ("No space left on device", "a part of it is lost")]
 
 
+@pytest.mark.parametrize("command", ["", "doctor", "get-product-list"])
+def test_help_is_a_command_too(ctl, command):
+    words = [command] if command else []
+    asked, option = ctl("help", *words), ctl(*words, "--help")
+    assert (asked.returncode, asked.stderr) == (DONE, "")
+    assert asked.stdout == option.stdout
+
+
 def test_the_version_names_the_libraries(ctl):
     done = ctl("--version")
     assert done.returncode == DONE
@@ -273,7 +284,7 @@ def spellings_in_help(ctl, *arguments):
             for word in ctl(*arguments, "--help").stdout.split() if re.match("(-o,)?--", word)]
 
 
-COMMANDS = [*(method.replace("_", "-") for method in EVERY_CALL), "doctor", "settings", "monitor"]
+COMMANDS = [*(method.replace("_", "-") for method in EVERY_CALL), "doctor", "settings", "monitor", "help"]
 
 
 def test_the_manual_names_every_command_and_every_spelling_of_its_options(ctl):
@@ -294,7 +305,7 @@ def completions(*words):
     return done.stdout.split()
 
 
-@pytest.mark.parametrize("command", COMMANDS)
+@pytest.mark.parametrize("command", [command for command in COMMANDS if command != "help"])
 def test_completion_offers_every_option_of_a_command(ctl, command):
     own = {spellings[0] for spellings in spellings_in_help(ctl, command)}
     general = {spellings[0] for spellings in spellings_in_help(ctl)} - {"--version"}
@@ -305,4 +316,6 @@ def test_completion_offers_the_commands_and_no_values():
     assert {word for word in completions("") if not word.startswith("--")} == set(COMMANDS)
     assert completions("--json", "get-p") == ["get-product-list", "get-purchase-history"]
     assert completions("doctor", "--s") == ["--sign"]
+    assert completions("help", "mo") == ["monitor"]
+    assert completions("doctor", "--output", "") == ["people", "terse", "json"]
     assert completions("get-product-list", "--appid", "") == []

@@ -5,9 +5,9 @@ import time
 
 import pytest
 from cryptography import x509
-from harness import certificates, credentials, server
+from harness import certificates, server
 from harness.credentials import A_DAY
-from harness.doctor import outcomes, preloaded
+from harness.doctor import outcomes
 
 CERTIFICATE = "/usr/apps/org.plevo.billing-api/res/certificate/bgclient.crt"
 

@@ -1,5 +1,69 @@
 """A device is made on a bare Debian with the commands of docs/INTEGRATION.md, taken from there."""
-from first_answer import PIN, SETTINGS, SIGN, SO_PIN, STORE, documented
+import re
+
+from machine import TREE
+
+SETTINGS = """\
+[config]
+db/comss/atoken=token
+db/comss/hwduid=duid
+db/comss/countrycode=DE
+[runtime]
+language=de_DE.utf8
+[system]
+vantor_server_type=0
+[network]
+default_gateway=up
+[deployment]
+production_host=localhost:PORT
+"""
+
+# Whoever runs the store: its server demands a certificate of its authority, which signs requests.
+STORE = """\
+import http.server, pathlib, ssl, sys
+class Answer(http.server.BaseHTTPRequestHandler):
+    def do_GET(self):
+        body = b'{"asked by": "%s"}' % dict(self.connection.getpeercert()["subject"][0])["commonName"].encode()
+        self.send_response(200)
+        self.send_header("Content-Length", str(len(body)))
+        self.end_headers()
+        self.wfile.write(body)
+    do_HEAD = do_GET
+context = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
+context.load_cert_chain("server.pem", "server.key")
+context.load_verify_locations("ca.pem")
+context.verify_mode = ssl.CERT_REQUIRED
+server = http.server.ThreadingHTTPServer(("127.0.0.1", 0), Answer)
+server.socket = context.wrap_socket(server.socket, server_side=True)
+pathlib.Path("port.new").write_text(str(server.server_port))
+pathlib.Path("port.new").rename("port")
+server.serve_forever()
+"""
+
+SIGN = """\
+import datetime, pathlib
+from cryptography import x509
+from cryptography.hazmat.primitives import hashes, serialization
+read = lambda name: pathlib.Path(name).read_bytes()
+request, ca = x509.load_pem_x509_csr(read("device.csr")), x509.load_pem_x509_certificate(read("ca.pem"))
+assert request.is_signature_valid
+now = datetime.datetime.utcnow()
+certificate = x509.CertificateBuilder(ca.subject, request.subject, request.public_key(), x509.random_serial_number(),
+    now - datetime.timedelta(1), now + datetime.timedelta(400)).sign(
+    serialization.load_pem_private_key(read("ca.key"), None), hashes.SHA256())
+pathlib.Path("device.crt").write_bytes(certificate.public_bytes(serialization.Encoding.PEM))
+"""
+
+
+def documented():
+    """The commands of the page, block by block, and the settings that it names."""
+    page = (TREE / "docs/INTEGRATION.md").read_text(encoding="utf-8")
+    section = page.split("## From nothing to a first answer")[1].split("\n## ")[0]
+    blocks = re.findall(r"```sh\n(.*?)```", section, re.DOTALL)
+    keystore = re.search(r"```\n(\[deployment\].*?)```", section, re.DOTALL)[1]
+    doctor = re.search(r"```\n(billingctl doctor.*?)\n```", section, re.DOTALL)[1]
+    assert len(blocks) == 4
+    return blocks, keystore, doctor
 
 
 def test_a_device_is_made_as_the_page_says_and_the_doctor_finds_nothing(installed):
