@@ -13,6 +13,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <cstdlib>
 #include <sstream>
 
 namespace client {
@@ -205,6 +206,21 @@ Finding checkPing(const Patient& patient, const Bus& bus)
                  : notStarted(patient, ping.error);
 }
 
+/// The HTTP status of 400 or more that the journal has of a transfer since then, 0 where it has none.
+/// @param before the journal's end before the call
+long refusalSince(const Patient& patient, const std::vector<std::string>& before)
+{
+    const std::string mark = ", HTTP ";
+    for (const std::string& line : patient.eyes.journalTail(kJournalLines)) {
+        const std::size_t at = line.find(mark);
+        const bool isNew = std::find(before.begin(), before.end(), line) == before.end();
+        if (isNew && line.rfind("transfer ", 0) == 0 && at != std::string::npos) {
+            return std::strtol(line.c_str() + at + mark.size(), nullptr, 10);
+        }
+    }
+    return 0;
+}
+
 Finding judgedCall(Patient& patient, const Answer& answer)
 {
     const char* const check = "call";
@@ -235,8 +251,19 @@ Finding checkCall(Patient& patient, const Bus& bus)
 {
     const char* const check = "call";
     try {
-        return judgedCall(patient,
-                          bus.call("check_server_availability", {}, patient.options.timeout));
+        const std::vector<std::string> before = patient.eyes.journalTail(kJournalLines);
+        const Answer answer = bus.call("check_server_availability", {}, patient.options.timeout);
+        Finding finding = judgedCall(patient, answer);
+        const long status = answer.result == 0 ? refusalSince(patient, before) : 0;
+        if (status == 0) {
+            return finding;
+        }
+        patient.callIll = true;
+        return failed(check, status >= 500 ? "outage" : "status",
+                      "the store answered the service with HTTP status " + std::to_string(status) +
+                          ": " + beginningOf(answer.info),
+                      status >= 500 ? "look at the store, or wait: the device has done its part"
+                                    : "look at [config] and [account], and at the store's log");
     } catch (const Unreachable& error) {
         patient.callIll = true;
         return failed(check, "no-answer", error.what(), error.cure());

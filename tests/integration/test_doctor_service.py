@@ -173,6 +173,21 @@ def test_the_last_lines_of_the_journal_are_shown(doctor, manager, tmp_path):
     assert found["unit"]["finding"].endswith("; the journal: first line; the journal: last line")
 
 
+def test_an_outage_that_only_the_journal_tells_is_named(service, doctor, store, tmp_path):
+    program = tmp_path / "bin" / "journalctl"
+    program.parent.mkdir()
+    program.write_text(f"#!/bin/sh\nsed -n 's,^[WE]/[A-Z_]*: ,,p' {service.log_file}\n")
+    program.chmod(0o755)
+    store.answer = server.Reply(b'{"error": "later"}', status="503 Service Unavailable")
+    found, failed = doctor(PATH=f"{program.parent}:/usr/bin:/bin")
+    assert failed == ["call", "request"]
+    assert (found["call"]["id"], found["call"]["finding"]) == (
+        "call.outage", 'the store answered the service with HTTP status 503: "{"error": "later"}"')
+    assert found["request"]["id"] == "request.outage"
+    store.answer = server.Reply(b"{}")
+    assert doctor(PATH=f"{program.parent}:/usr/bin:/bin")[1] == []
+
+
 # --- what a restart is needed for ---
 
 def test_a_certificate_that_is_newer_than_the_service_asks_for_a_restart(service, doctor, a_device):
