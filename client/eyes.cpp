@@ -25,6 +25,9 @@ Json::Value answerTo(const Json::Value& question)
         }
         return lines;
     }
+    if (question.isMember("pid")) {
+        return packed(recordOf(question["pid"].asUInt()));
+    }
     return packed(factsOf(question["bus"].asString(), question["timeout"].asDouble()));
 }
 
@@ -126,6 +129,13 @@ Facts Eyes::facts(const std::string& bus, double timeout) const
     question["bus"] = bus;
     question["timeout"] = timeout;
     return unpacked(ask(question));
+}
+
+Record Eyes::record(unsigned pid) const
+{
+    Json::Value question;
+    question["pid"] = pid;
+    return recordFrom(ask(question));
 }
 
 std::vector<std::string> Eyes::journalTail(int lines) const

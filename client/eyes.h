@@ -21,6 +21,7 @@ public:
 
     Facts facts(const std::string& bus, double timeout) const;
     std::vector<std::string> journalTail(int lines) const;
+    Record record(unsigned pid) const;
 
 private:
     Json::Value ask(const Json::Value& question) const;

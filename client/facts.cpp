@@ -140,6 +140,17 @@ std::optional<Unit> unitOf(GDBusConnection* connection, int timeout)
     return unit;
 }
 
+void readJournal(std::vector<std::string> arguments,
+                 const std::function<void(const std::string&)>& take)
+{
+    const char* const path = g_getenv("PATH");
+    arguments.insert(arguments.begin(), {"journalctl", "--quiet", "--no-pager"});
+    forEachLine(arguments,
+                {std::string("PATH=") + (path != nullptr ? path : "/usr/bin:/bin"),
+                 "SYSTEMD_COLORS=0", "LC_ALL=C.UTF-8"},
+                take);
+}
+
 template <typename Values>
 Json::Value list(const Values& values)
 {
@@ -248,20 +259,67 @@ Facts factsOf(const std::string& bus, double timeout)
 std::vector<std::string> journalTail(int lines)
 {
     std::vector<std::string> tail;
-    std::istringstream output(outputOf(
-        {"journalctl", "--quiet", "--no-pager", "--output=cat", "--priority=warning", "--boot",
-         "--lines=" + std::to_string(2 * lines), std::string("_SYSTEMD_UNIT=") + kUnit, "+",
-         std::string("UNIT=") + kUnit},
-        {"PATH=" + std::string(g_getenv("PATH") != nullptr ? g_getenv("PATH") : "/usr/bin:/bin"),
-         "SYSTEMD_COLORS=0", "LC_ALL=C.UTF-8"}));
-    for (std::string line; std::getline(output, line);) {
-        if (line.find(kNoComplaint) == std::string::npos) {
-            tail.push_back(line);
-        }
-    }
+    readJournal(
+        {"--output=cat", "--priority=warning", "--boot", "--lines=" + std::to_string(2 * lines),
+         std::string("_SYSTEMD_UNIT=") + kUnit, "+", std::string("UNIT=") + kUnit},
+        [&tail](const std::string& line) {
+            if (line.find(kNoComplaint) == std::string::npos) {
+                tail.push_back(line);
+            }
+        });
     const auto surplus = static_cast<std::ptrdiff_t>(tail.size()) - lines;
     tail.erase(tail.begin(), tail.begin() + std::max<std::ptrdiff_t>(surplus, 0));
     return tail;
+}
+
+Record recordOf(unsigned pid)
+{
+    Record record;
+    record.connections = connectionsOf(pid);
+    const std::string process = "_PID=" + std::to_string(pid);
+    readJournal({"--output=cat", "--lines=1", process},
+                [&record](const std::string&) { record.journalKnown = true; });
+    for (const auto& [result, count] :
+         {std::pair{"0", &record.answered}, std::pair{"-1", &record.lost},
+          std::pair{"1160003", &record.refused}}) {
+        readJournal({"--output=cat", process, std::string("BILLING_RESULT=") + result},
+                    [number = count](const std::string&) { ++*number; });
+    }
+    readJournal({"--output=short-iso", "--priority=warning", process},
+                [&record](const std::string& line) {
+                    const bool failed = line.find("ErrorCode = ") != std::string::npos ||
+                                        line.find(", HTTP ") != std::string::npos;
+                    record.failure = failed ? line : record.failure;
+                });
+    return record;
+}
+
+Json::Value packed(const Record& record)
+{
+    Json::Value value;
+    if (record.connections) {
+        value["connections"] = *record.connections;
+    }
+    value["journalKnown"] = record.journalKnown;
+    value["answered"] = record.answered;
+    value["lost"] = record.lost;
+    value["refused"] = record.refused;
+    value["failure"] = record.failure;
+    return value;
+}
+
+Record recordFrom(const Json::Value& value)
+{
+    Record record;
+    if (value.isMember("connections")) {
+        record.connections = value["connections"].asInt();
+    }
+    record.journalKnown = value["journalKnown"].asBool();
+    record.answered = value["answered"].asUInt();
+    record.lost = value["lost"].asUInt();
+    record.refused = value["refused"].asUInt();
+    record.failure = value["failure"].asString();
+    return record;
 }
 
 Json::Value packed(const Facts& facts)

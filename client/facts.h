@@ -51,7 +51,20 @@ Facts factsOf(const std::string& bus, double timeout);
 /// most so many. Empty where there is no journal or this user may not read it.
 std::vector<std::string> journalTail(int lines);
 
+/// What the service has done since its start.
+struct Record {
+    std::optional<int> connections;  ///< that it keeps
+    bool journalKnown = false;
+    unsigned answered = 0;  ///< resp_result 0
+    unsigned lost = 0;      ///< resp_result -1
+    unsigned refused = 0;   ///< resp_result 1160003
+    std::string failure;    ///< the last one, with its time; empty: none
+};
+Record recordOf(unsigned pid);
+
 /// For another process.
+Json::Value packed(const Record& record);
+Record recordFrom(const Json::Value& value);
 Json::Value packed(const Facts& facts);
 Facts unpacked(const Json::Value& value);
 

@@ -2,7 +2,9 @@
 #include "calls.h"
 #include "doctor.h"
 #include "monitor.h"
+#include "report.h"
 #include "settings_check.h"
+#include "status.h"
 
 #include <CLI/CLI.hpp>
 #include <curl/curl.h>
@@ -33,6 +35,8 @@ struct Options {
     bool sign = false;
     bool terse = false;
     std::string settingsFile;
+    std::string reportFile;
+    bool yes = false;
     bool showPrivate = false;
     int exitCode = EXIT_DONE;
 };
@@ -98,6 +102,28 @@ void describeDoctor(CLI::App& app, Options& options)
         doctor.sign = options.sign;
         doctor.terse = options.terse;
         options.exitCode = client::doctor(doctor);
+    });
+}
+
+void describeStatus(CLI::App& app, Options& options)
+{
+    CLI::App* const command = app.add_subcommand(
+        "status", "Show how the service is: since when, its calls, its last failure");
+    command->callback([&options] {
+        options.exitCode = client::status(
+            {options.bus, options.timeout.value_or(StatusOptions().timeout), options.json});
+    });
+}
+
+void describeReport(CLI::App& app, Options& options)
+{
+    CLI::App* const command = app.add_subcommand(
+        "report", "Show, and write to a file, what support needs; secrets are hidden");
+    command->add_option("FILE", options.reportFile,
+                        "Written after a question; without it only shown");
+    command->add_flag("--yes", options.yes, "Write it without a question");
+    command->callback([&options] {
+        options.exitCode = client::report({options.bus, options.reportFile, options.yes});
     });
 }
 
@@ -253,6 +279,8 @@ void describe(CLI::App& app, std::deque<std::vector<std::string>>& values, Optio
         describeCall(app, method, values.emplace_back(), options);
     }
     describeDoctor(app, options);
+    describeStatus(app, options);
+    describeReport(app, options);
     describeSettings(app, options);
     describeMonitor(app, options);
     describeHelp(app);

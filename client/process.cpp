@@ -8,14 +8,15 @@
 
 #include <climits>
 #include <cstdio>
+#include <filesystem>
 #include <fstream>
+#include <iterator>
+#include <set>
 #include <sstream>
 
 namespace client {
 
 namespace {
-
-constexpr std::size_t kOutputLimit = std::size_t{64} * 1024;
 
 std::string programOf(const std::string& folder)
 {
@@ -106,8 +107,37 @@ Process processOf(unsigned pid)
     return process;
 }
 
-std::string outputOf(const std::vector<std::string>& arguments,
-                     const std::vector<std::string>& environment)
+std::optional<int> connectionsOf(unsigned pid)
+{
+    const std::string folder = "/proc/" + std::to_string(pid);
+    std::error_code error;
+    std::set<std::string> sockets;
+    for (const auto& entry : std::filesystem::directory_iterator(folder + "/fd", error)) {
+        std::error_code unused;
+        const std::string target = std::filesystem::read_symlink(entry.path(), unused).string();
+        if (target.rfind("socket:[", 0) == 0) {
+            sockets.insert(target.substr(8, target.size() - 9));
+        }
+    }
+    if (error) {
+        return std::nullopt;
+    }
+    int count = 0;
+    for (const char* const table : {"/net/tcp", "/net/tcp6"}) {
+        std::istringstream lines(contentOf(folder + table));
+        for (std::string line; std::getline(lines, line);) {
+            std::istringstream words(line);
+            std::vector<std::string> fields(std::istream_iterator<std::string>(words), {});
+            const bool established = fields.size() > 9 && fields[3] == "01";
+            count += established && sockets.count(fields[9]) != 0 ? 1 : 0;
+        }
+    }
+    return count;
+}
+
+void forEachLine(const std::vector<std::string>& arguments,
+                 const std::vector<std::string>& environment,
+                 const std::function<void(const std::string&)>& take)
 {
     const auto argv = pointersTo(arguments);
     const auto envp = pointersTo(environment);
@@ -118,16 +148,29 @@ std::string outputOf(const std::vector<std::string>& arguments,
     if (g_spawn_async_with_pipes(nullptr, const_cast<gchar**>(argv.data()),
                                  const_cast<gchar**>(envp.data()), flags, nullptr, nullptr, &child,
                                  nullptr, &output, nullptr, nullptr) == FALSE) {
-        return "";
+        return;
     }
     std::string text;
     char part[4096];
     ssize_t count = 0;
-    while (text.size() < kOutputLimit && (count = read(output, part, sizeof part)) > 0) {
+    while ((count = read(output, part, sizeof part)) > 0) {
         text.append(part, static_cast<std::size_t>(count));
+        std::size_t begin = 0;
+        for (std::size_t end = 0; (end = text.find('\n', begin)) != std::string::npos;
+             begin = end + 1) {
+            take(text.substr(begin, end - begin));
+        }
+        text.erase(0, begin);
     }
     close(output);
     g_spawn_close_pid(child);
+}
+
+std::string outputOf(const std::vector<std::string>& arguments,
+                     const std::vector<std::string>& environment)
+{
+    std::string text;
+    forEachLine(arguments, environment, [&text](const std::string& line) { text += line + "\n"; });
     return text;
 }
 

@@ -284,7 +284,7 @@ def spellings_in_help(ctl, *arguments):
             for word in ctl(*arguments, "--help").stdout.split() if re.match("(-o,)?--", word)]
 
 
-COMMANDS = [*(method.replace("_", "-") for method in EVERY_CALL), "doctor", "settings", "monitor", "help"]
+COMMANDS = [*(method.replace("_", "-") for method in EVERY_CALL), "doctor", "status", "report", "settings", "monitor", "help"]
 
 
 def test_the_manual_names_every_command_and_every_spelling_of_its_options(ctl):

@@ -1,0 +1,143 @@
+// status.cpp - how the service is, in a few lines.
+#include "status.h"
+
+#include "calls.h"
+#include "certificate.h"
+#include "common/places.h"
+#include "eyes.h"
+#include "identity.h"
+#include "json.h"
+#include "platform_log.h"
+#include "settings.h"
+#include "text.h"
+
+#include <unistd.h>
+
+#include <cmath>
+#include <cstdio>
+#include <ctime>
+#include <utility>
+#include <vector>
+
+namespace client {
+
+namespace {
+
+constexpr const char* kNotKnown = "not known";
+
+/// The lines, by their names.
+using Lines = std::vector<std::pair<std::string, std::string>>;
+
+std::string whenOf(double seconds)
+{
+    const auto time = static_cast<time_t>(seconds);
+    struct tm parts {};
+    char text[32] = "";
+    if (gmtime_r(&time, &parts) != nullptr) {
+        std::strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S UTC", &parts);
+    }
+    const long age = std::lround(std::difftime(std::time(nullptr), time));
+    char since[64];
+    std::snprintf(since, sizeof since, " (%ld h %ld min)", age / 3600, age / 60 % 60);
+    return std::string(text) + since;
+}
+
+/// Which of the two servers is chosen, and its host.
+std::string serverText()
+{
+    const int type = settings::number("system", "vantor_server_type").value_or(1);
+    const bool sandbox = type == 1 || type == 2;
+    const auto host = settings::text("deployment", sandbox ? "sandbox_host" : "production_host");
+    return std::string(sandbox ? "sandbox, " : "production, ") + host.value_or("no host is set");
+}
+
+std::string certificateText()
+{
+    const PemFile file = readPem(places::kDeviceCertificate);
+    if (file.certificates.empty()) {
+        return "none that can be read";
+    }
+    const X509* const certificate = file.certificates.front().get();
+    return "\"" + nameOf(certificate) + "\", " + daysText(daysLeft(certificate));
+}
+
+void addSettings(Lines& lines)
+{
+    lines.emplace_back("settings", settings::filePath());
+    if (access(settings::filePath().c_str(), R_OK) != 0) {
+        lines.emplace_back("server",
+                           std::string(kNotKnown) + ": this user may not read the settings");
+        lines.emplace_back("account", kNotKnown);
+    } else {
+        lines.emplace_back("server", serverText());
+        lines.emplace_back("account",
+                           settings::text("account", "guid") ? "signed in" : "nobody is signed in");
+    }
+    takeComplaint();
+    lines.emplace_back("certificate", certificateText());
+}
+
+void addRecord(Lines& lines, const Record& record)
+{
+    lines.emplace_back("connections",
+                       record.connections ? std::to_string(*record.connections) : kNotKnown);
+    if (!record.journalKnown) {
+        lines.emplace_back("calls", std::string(kNotKnown) +
+                                        ": there is no journal of it that this user may read");
+        lines.emplace_back("last failure", kNotKnown);
+        return;
+    }
+    lines.emplace_back("calls", std::to_string(record.answered) + " answered (0), " +
+                                    std::to_string(record.lost) + " failed (-1), " +
+                                    std::to_string(record.refused) + " refused (1160003)");
+    lines.emplace_back("last failure", record.failure.empty() ? "none" : record.failure);
+}
+
+void print(const Lines& lines, bool json)
+{
+    Json::Value value;
+    for (const auto& [name, text] : lines) {
+        if (json) {
+            value[name] = text;
+        } else {
+            std::printf("%-12s  %s\n", name.c_str(), shown(text, false).c_str());
+        }
+    }
+    if (json) {
+        printLine(value);
+    }
+}
+
+}  // namespace
+
+int status(const StatusOptions& options)
+{
+    const Eyes eyes(geteuid() == 0);
+    const Facts facts = eyes.facts(options.bus, options.timeout);
+    const Record record = facts.process ? eyes.record(facts.process->pid) : Record{};
+    const Identity identity = identityOf(facts);
+    if (geteuid() == 0) {
+        become(identity);
+    }
+    Lines lines{{"billingctl", BILLING_VERSION}};
+    if (facts.process) {
+        const Process& process = *facts.process;
+        lines.emplace_back("service", "runs as " + identity.user + ", process " +
+                                          std::to_string(process.pid) +
+                                          (process.program.empty() ? "" : ", " + process.program));
+        lines.emplace_back("since", process.started > 0 ? whenOf(process.started) : kNotKnown);
+    } else {
+        lines.emplace_back("service", "does not run");
+    }
+    if (facts.unit) {
+        lines.emplace_back("unit", facts.unit->active + " (" + facts.unit->sub + ")");
+    }
+    addSettings(lines);
+    if (facts.process) {
+        addRecord(lines, record);
+    }
+    print(lines, options.json);
+    return facts.process ? EXIT_DONE : EXIT_UNREACHABLE;
+}
+
+}  // namespace client
