@@ -67,7 +67,8 @@ def test_an_interface_without_its_texts_makes_no_manual(installed, folder):
     assert "confirm_purchase has no annotation" in done.stderr
 
 
-@pytest.mark.parametrize("shell, end", [("bash", "completions/billingctl"), ("zsh", "_billingctl")])
+@pytest.mark.parametrize("shell, end", [("bash", "completions/billingctl"), ("bash", "completions/billing-provision"),
+                                        ("zsh", "_billingctl")])
 def test_a_completion_parses(shell, end, installed):
     needs(shell)
     done = run(shell, "-n", installed.one(end))

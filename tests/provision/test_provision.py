@@ -2,6 +2,7 @@
 
 import datetime
 import os
+import pathlib
 import re
 import resource
 import shutil
@@ -457,3 +458,25 @@ def test_help_tells_units_and_exit_codes():
         assert part in text
     for command in ("lab", "request", "install", "seal"):
         assert "--force" in must(run(command, "--help")).stdout.decode()
+
+
+def completions(*words):
+    """What bash offers for the last of these words."""
+    file = pathlib.Path(__file__).resolve().parents[2] / "data/completions/billing-provision"
+    script = (f'. {file}; COMP_WORDS=("$@"); COMP_CWORD=$(($# - 1)); _billing_provision; '
+              'printf "%s\\n" "${COMPREPLY[@]}"')
+    done = subprocess.run(["bash", "-c", script, "bash", "billing-provision", *words], capture_output=True, text=True,
+                          check=True)
+    return set(done.stdout.split())
+
+
+@pytest.mark.parametrize("command", ["lab", "request", "install", "seal"])
+def test_completion_offers_every_option_of_a_command(command):
+    help_text = must(run(command, "--help")).stdout.decode()
+    own = {word for word in re.findall(r"^  (?:-h,)?(--[a-z-]+)", help_text, re.MULTILINE)}
+    assert completions(command, "--") == own | {"--conf"}
+
+
+def test_completion_offers_the_commands():
+    assert completions("s") == {"seal"}
+    assert {"lab", "request", "install", "seal", "--version"} < completions("")

@@ -40,6 +40,7 @@ PACKAGES =+ "billingctl"
 FILES:billingctl = "${bindir}/billingctl ${datadir}/bash-completion/completions/billingctl \
     ${datadir}/zsh/site-functions/_billingctl"
 FILES:${PN} += "${libexecdir}/billing-service ${sbindir}/billing-provision \
+    ${datadir}/bash-completion/completions/billing-provision \
     ${libdir}/billing-service/libbilling-platform.so.* \
     ${systemd_system_unitdir}/billing-service.service \
     ${nonarch_libdir}/sysusers.d/billing-service.conf ${nonarch_libdir}/tmpfiles.d/billing-service.conf \
