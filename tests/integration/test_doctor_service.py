@@ -230,3 +230,20 @@ def test_a_wrong_pin_is_the_cause_of_a_call_that_failed(start_daemon, needs_view
     assert found["request"]["id"] == "request.key.pin"
     assert "CKR_PIN_INCORRECT" in found["request"]["finding"]
     assert any("ErrorCode = 35" in text and "the device's key did not sign" in text for text in process.texts("E"))
+
+
+# --- whose eyes it has ---
+
+def test_the_environment_of_the_unit_is_taken_when_no_process_runs(doctor, manager, a_device):
+    manager(ActiveState="inactive", SubState="dead", Environment=[f"PLEVO_DEVICE_CONF={a_device.file}"])
+    found, failed = doctor(PLEVO_DEVICE_CONF="/nowhere")
+    assert found["identity"]["finding"].endswith("with user, groups and environment of the unit")
+    assert found["settings"]["finding"] == f"{a_device.file} is well-formed"
+    assert failed == ["token", "name"]  # SOFTHSM2_CONF is not in the unit
+
+
+def test_a_unit_whose_user_is_missing_is_named(doctor, manager):
+    manager(ActiveState="failed", SubState="failed", ExecMainCode=1, ExecMainStatus=217, User="nobody-there")
+    found, _ = doctor()
+    assert found["identity"]["id"] == "identity.no-user"
+    assert found["identity"]["finding"] == "there is no user nobody-there, which the unit names"
