@@ -1,5 +1,6 @@
 // main.cpp - billingctl: the commands and their options.
 #include "calls.h"
+#include "common/nearest.h"
 #include "doctor.h"
 #include "monitor.h"
 #include "report.h"
@@ -15,7 +16,6 @@
 #include <cerrno>
 #include <cstring>
 #include <deque>
-#include <numeric>
 
 namespace {
 
@@ -179,40 +179,16 @@ std::string version()
            "\njsoncpp " + JSONCPP_VERSION_STRING;
 }
 
-/// How many letters have to be changed, put in or taken out to make one word of the other.
-std::size_t distance(const std::string& a, const std::string& b)
-{
-    std::vector<std::size_t> row(b.size() + 1);
-    std::iota(row.begin(), row.end(), 0);
-    for (std::size_t i = 1; i <= a.size(); ++i) {
-        std::size_t corner = row[0];
-        row[0] = i;
-        for (std::size_t j = 1; j <= b.size(); ++j) {
-            const std::size_t changed = corner + (a[i - 1] == b[j - 1] ? 0 : 1);
-            corner = row[j];
-            row[j] = std::min({row[j] + 1, row[j - 1] + 1, changed});
-        }
-    }
-    return row[b.size()];
-}
-
 /// The command that was probably meant, empty when none is near. @param word as it was typed
-std::string nearest(const CLI::App& app, std::string word)
+std::string nearestCommand(const CLI::App& app, std::string word)
 {
     std::replace(word.begin(), word.end(), '_', '-');
-    std::string best;
-    std::size_t least = 1 + word.size() / 3;
+    std::vector<std::string> names;
     for (const CLI::App* const command :
          app.get_subcommands([](const CLI::App*) { return true; })) {
-        const std::string& name = command->get_name();
-        const bool begins = word.size() > 2 && name.rfind(word, 0) == 0;
-        const std::size_t far = begins ? 0 : distance(word, name);
-        if (far <= least) {
-            least = far;
-            best = name;
-        }
+        names.push_back(command->get_name());
     }
-    return best;
+    return nearest::to(word, names);
 }
 
 /// What is wrong with the arguments. CLI11 asks first whether there is a command, and does not say
@@ -223,7 +199,7 @@ std::string causeOf(const CLI::App& app, const CLI::ParseError& error)
     if (!app.get_subcommands().empty() || words.empty()) {
         return error.what();
     }
-    const std::string meant = nearest(app, words[0]);
+    const std::string meant = nearestCommand(app, words[0]);
     return "there is no command \"" + words[0] + "\"" +
            (meant.empty() ? "" : ", did you mean \"" + meant + "\"");
 }

@@ -480,3 +480,10 @@ def test_completion_offers_every_option_of_a_command(command):
 def test_completion_offers_the_commands():
     assert completions("s") == {"seal"}
     assert {"lab", "request", "install", "seal", "--version"} < completions("")
+
+
+@pytest.mark.parametrize("typed, said", [("instal", ', did you mean "install"'), ("buy", "")])
+def test_a_command_that_there_is_none_of_is_named(typed, said):
+    result = must(run(typed), USAGE)
+    assert result.stderr.decode() == (f'billing-provision: there is no command "{typed}"{said}; see '
+                                      "billing-provision --help\n")

@@ -2,6 +2,7 @@
 // material.
 #include "commands.h"
 #include "common/contract.h"
+#include "common/nearest.h"
 #include "secure_error.h"
 #include "stop.h"
 
@@ -163,6 +164,18 @@ int report(int code, const char* text)
     return code;
 }
 
+/// What is wrong with a command that there is none of, empty for another mistake.
+std::string unknownCommand(const CLI::App& app)
+{
+    const auto words = app.remaining();
+    if (!app.get_subcommands().empty() || words.empty() || words[0][0] == '-')
+        return "";
+    const std::string meant = nearest::to(words[0], {"lab", "request", "install", "seal"});
+    return "there is no command \"" + words[0] + "\"" +
+           (meant.empty() ? "" : ", did you mean \"" + meant + "\"") +
+           "; see billing-provision --help";
+}
+
 std::string version()
 {
     return std::string("billing-provision ") + BILLING_VERSION + "\nGLib " +
@@ -196,6 +209,8 @@ int main(int argc, char** argv)
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {
+        if (const std::string unknown = unknownCommand(app); !unknown.empty())
+            return report(provision::EXIT_USAGE, unknown.c_str());
         return app.exit(error) == 0 ? provision::EXIT_DONE : provision::EXIT_USAGE;
     } catch (const provision::Stop& stop) {
         return report(stop.code(), stop.what());
