@@ -12,6 +12,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstring>
 #include <memory>
 
@@ -204,6 +205,19 @@ Finding checkSignature()
                : notChecked("key", "there is no certificate to hold it against");
 }
 
+/// Sealed key material gives the private key, once its secret is read as well.
+Finding checkKeyMaterial()
+{
+    const auto path = settings::text("deployment", "key_material");
+    if (!path || (access(path->c_str(), F_OK) != 0 && errno == ENOENT)) {
+        return good("key material", "no sealed key is left on the device");
+    }
+    return failed(
+        "key material", "left",
+        *path + " is still there: with [keystore] seal_key it gives the key",
+        "billing-provision import CERTIFICATE puts the key into the token and removes both files");
+}
+
 }  // namespace
 
 std::string whyMissing(const char* group, const char* key)
@@ -223,10 +237,12 @@ Finding checkKey(Patient& patient)
 void checkKeyStore(Findings& findings, Patient& patient)
 {
     if (patient.settingsClosed) {
+        findings.push_back(settingsClosed("key material"));
         findings.push_back(settingsClosed("token"));
         findings.push_back(settingsClosed("key"));
         return;
     }
+    findings.push_back(checkKeyMaterial());
     findings.push_back(checkToken());
     patient.tokenThere = findings.back().outcome == Outcome::Ok;
     if (!patient.tokenThere) {

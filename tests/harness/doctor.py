@@ -7,7 +7,7 @@ import subprocess
 from . import billingctl, daemon
 from .billingctl import DONE, FAILED, WARNING
 
-CHECKS = ["identity", "settings", "certificate", "CA bundle", "clock", "token", "key", "route",
+CHECKS = ["identity", "settings", "certificate", "CA bundle", "clock", "key material", "token", "key", "route",
           "name lookup", "TCP", "TLS", "HTTP", "time", "bus", "unit", "name", "ping", "call", "restart",
           "request"]
 VERSION = re.search(r"version: .(\S+).,", (daemon.TREE / "meson.build").read_text())[1]

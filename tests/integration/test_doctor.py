@@ -253,6 +253,9 @@ BY_KEY_STORE = 'key store: token "billing-lab" of {module}: '
     (empty_bundle, "CA bundle", BUNDLE + " holds no PEM certificate", PUT_BUNDLE),
     (broken_bundle, "CA bundle", f"certificate 2 of {BUNDLE} is broken",
      "put a whole bundle there: with a broken one nothing is trusted"),
+    (sealed_key_left, "key material",
+     "{lab}/material is still there: with [keystore] seal_key it gives the key",
+     "billing-provision import CERTIFICATE puts the key into the token and removes both files"),
     (another_token, "token", 'there is no token "other" in {module}, which has "billing-lab"',
      "set [keystore] token in {conf} to its label"),
     (no_module, "token",
@@ -446,4 +449,4 @@ def test_the_doctor_speaks_to_people_too(bus, tmp_path):
     assert lines[2] == f"{'':26}cure: {PUT_SETTINGS}"
     assert f"not checked  HTTP         {NOT_REACHED}" in lines
     assert "ok           bus          the system bus is reachable" in lines
-    assert lines[-1].endswith(" of 20 checks failed")
+    assert lines[-1].endswith(" of 21 checks failed")

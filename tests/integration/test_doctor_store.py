@@ -147,13 +147,8 @@ def test_the_request_is_the_service_s_own(service, doctor, caller, store):
 
 
 def test_a_store_that_demands_the_certificate_in_its_answer_is_no_failure(
-        service, doctor, a_device, authority, provisioned, tmp_path, request):
-    if nginx.PROGRAM is None:
-        pytest.skip("nginx is not installed (apt install nginx-light)")
-    running = nginx.Nginx(tmp_path / "nginx", authority.server_pem("localhost"), provisioned.authority,
-                          answer='return 200 "{}";')
-    request.addfinalizer(running.stop)
-    a_device.set("deployment", "production_host", f"localhost:{running.port}")
+        service, doctor, start_nginx):
+    start_nginx(answer='return 200 "{}";')
     found, failed = doctor()
     assert failed == []
     assert (found["HTTP"]["outcome"], found["HTTP"]["finding"]) == ("not checked", DEMANDED)

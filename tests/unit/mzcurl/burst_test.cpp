@@ -48,7 +48,7 @@ TEST(AMultiHandle, KeepsEveryConnectionOfABurstWhileItLasts)
         while (connection.read(request)) {
             if (!request.has("GET /hang")) {
                 // Late enough for every transfer to need a connection of its own.
-                std::this_thread::sleep_for(std::chrono::milliseconds(100));
+                std::this_thread::sleep_for(std::chrono::milliseconds(400));
                 connection.answer("ok");
             }
         }
