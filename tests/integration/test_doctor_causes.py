@@ -108,7 +108,7 @@ def test_sealed_material_that_waits_for_the_start_is_no_missing_key(service, doc
     a_device.set("deployment", "key_material", str(sealed))
     a_device.set("deployment", "key_id", "77")
     found, failed = doctor("--sign")
-    assert failed[0] == "key"
+    assert failed[:2] == ["key material", "key"]
     assert found["key"]["id"] == "key.sealed"
     assert found["key"]["cure"].startswith("systemctl restart billing-service")
     assert "billing-provision request" not in found["key"]["cure"]

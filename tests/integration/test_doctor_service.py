@@ -228,7 +228,8 @@ def test_a_wrong_pin_is_the_cause_of_a_call_that_failed(start_daemon, needs_view
     found, failed = doctor()
     assert failed == ["call", "request"]
     assert found["request"]["id"] == "request.key.pin"
-    assert "CKR_PIN_INCORRECT" in found["request"]["finding"]
+    # The daemon's start has tried it: nobody tries it again.
+    assert "was refused before and is not tried again" in found["request"]["finding"]
     assert any("ErrorCode = 35" in text and "the device's key did not sign" in text for text in process.texts("E"))
 
 

@@ -470,7 +470,7 @@ def completions(*words):
     return set(done.stdout.split())
 
 
-@pytest.mark.parametrize("command", ["lab", "request", "install", "seal"])
+@pytest.mark.parametrize("command", ["lab", "token", "request", "install", "seal", "import"])
 def test_completion_offers_every_option_of_a_command(command):
     help_text = must(run(command, "--help")).stdout.decode()
     own = {word for word in re.findall(r"^  (?:-h,)?(--[a-z-]+)", help_text, re.MULTILINE)}
@@ -479,7 +479,7 @@ def test_completion_offers_every_option_of_a_command(command):
 
 def test_completion_offers_the_commands():
     assert completions("s") == {"seal"}
-    assert {"lab", "request", "install", "seal", "--version"} < completions("")
+    assert {"lab", "token", "request", "install", "seal", "import", "--version"} < completions("")
 
 
 @pytest.mark.parametrize("typed, said", [("instal", ', did you mean "install"'), ("buy", "")])
