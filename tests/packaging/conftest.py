@@ -116,5 +116,6 @@ def device(folder, store, authority, provisioned, accounts):
         (folder / name).mkdir(mode=0o700)
         os.chown(folder / name, accounts.service, accounts.service_group)
     made.set("keystore", "store", str(folder / "state" / "store"))
-    os.chmod(made.file, 0o644)
+    os.chown(made.file, 0, accounts.service_group)
+    os.chmod(made.file, 0o640)
     return made

@@ -53,7 +53,7 @@ request, ca = x509.load_pem_x509_csr(read("device.csr")), x509.load_pem_x509_cer
 assert request.is_signature_valid
 now = datetime.datetime.utcnow()
 certificate = x509.CertificateBuilder(ca.subject, request.subject, request.public_key(), x509.random_serial_number(),
-    now - datetime.timedelta(1), now + datetime.timedelta(1)).sign(
+    now - datetime.timedelta(1), now + datetime.timedelta(400)).sign(
     serialization.load_pem_private_key(read("ca.key"), None), hashes.SHA256())
 pathlib.Path("device.crt").write_bytes(certificate.public_bytes(serialization.Encoding.PEM))
 """
@@ -76,7 +76,7 @@ def documented():
     section = page.split("## From nothing to a first answer")[1].split("\n## ")[0]
     blocks = re.findall(r"```sh\n(.*?)```", section, re.DOTALL)
     keystore = re.search(r"```\n(\[deployment\].*?)```", section, re.DOTALL)[1]
-    doctor = re.search(r"```\n(runuser .*?)\n```", section, re.DOTALL)[1]
+    doctor = re.search(r"```\n(billingctl doctor.*?)\n```", section, re.DOTALL)[1]
     (sealed,) = re.findall(r"```sh sealed\n(.*?)```", section, re.DOTALL)
     assert len(blocks) == 4
     return Documented(*blocks, sealed, keystore, doctor)

@@ -24,8 +24,8 @@ REFUSED = ["at another path", "without an interface", "Properties", "another int
 TO_A_MEMBER = {**ALLOWED, **dict.fromkeys(REFUSED, DENIED)}
 TO_OTHERS = dict.fromkeys(TO_A_MEMBER, DENIED)
 # RequestName answers that somebody else owns it.
-# What a caller has not read it may ask.
-TO_THE_SERVICE = {**TO_OTHERS, "own its name": ANSWERED, "Ping of a client": ANSWERED,
+# What a caller has not read it may ask. A refusal of its own name would also meet the doctor, which looks as this user.
+TO_THE_SERVICE = {**TO_OTHERS, "own its name": ANSWERED, "Ping": ANSWERED, "Ping of a client": ANSWERED,
                   "GetConnectionStats": ANSWERED}
 
 
