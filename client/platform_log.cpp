@@ -32,7 +32,7 @@ int __dlog_print(log_priority prio, const char* /*tag*/, const char* format, ...
     Log& kept = log();
     const std::lock_guard<std::mutex> hold(kept.lock);
     const bool complains = prio == DLOG_ERROR && kept.complaint.empty();
-    if (!complains && !kept.keeps) {
+    if (format == nullptr || (!complains && !kept.keeps)) {
         return 0;
     }
     char text[4096];

@@ -1,14 +1,11 @@
-// multi.cpp - MZCurlMulti: many transfers on one worker, added from any thread.
+// multi.cpp - the multi handle's inside: many transfers on one worker, added from any thread.
 #include "multi.h"
 
-#include "easy.h"
 #include "global.h"
 #include "heap.h"
 #include "quotas.h"
 #include "report.h"
 #include "tls.h"
-
-#include <openssl/crypto.h>
 
 #include <algorithm>
 #include <new>
@@ -36,9 +33,6 @@ constexpr int kAfterBurstMs = 500;
 
 // A wait that fails does not wait: without a pause the caller's loop would spin.
 constexpr std::chrono::milliseconds kPauseAfterFailure{10};
-
-/// On whose behalf this thread adds handles.
-thread_local std::string t_sender;
 
 }  // namespace
 
@@ -110,7 +104,7 @@ int MZCurlMulti::Impl::running()
     return m_stopped ? 0 : static_cast<int>(m_added);
 }
 
-bool MZCurlMulti::Impl::add(MZCurlEasy& easy, Transfer& transfer)
+bool MZCurlMulti::Impl::add(MZCurlEasy& easy, Transfer& transfer, const std::string& sender)
 {
     TransferList entry{&transfer};
     const std::lock_guard<std::mutex> guard(m_lock);
@@ -120,7 +114,7 @@ bool MZCurlMulti::Impl::add(MZCurlEasy& easy, Transfer& transfer)
         return false;
     }
     try {
-        if (!m_admission.join(transfer, t_sender)) {
+        if (!m_admission.join(transfer, sender)) {
             transfer.owner = nullptr;
             return false;
         }
@@ -397,107 +391,6 @@ Transfer* MZCurlMulti::Impl::next()
     Transfer* const transfer = m_ready.front();
     moveTo(*transfer, m_given);
     return transfer;
-}
-
-MZCurlMulti::MZCurlMulti() : m_pImpl(new (std::nothrow) Impl) {}
-
-MZCurlMulti::~MZCurlMulti() = default;
-
-bool MZCurlMulti::Initialize()
-{
-    if (m_pImpl == nullptr) {
-        m_pImpl.reset(new (std::nothrow) Impl);
-    }
-    return m_pImpl != nullptr && m_pImpl->initialize();
-}
-
-void MZCurlMulti::Start()
-{
-    if (m_pImpl != nullptr) {
-        m_pImpl->start();
-    }
-}
-
-void MZCurlMulti::Stop()
-{
-    if (m_pImpl != nullptr) {
-        m_pImpl->stop();
-    }
-}
-
-bool MZCurlMulti::addHandle(MZCurlEasy* pEasy)
-{
-    if (m_pImpl == nullptr || pEasy == nullptr || pEasy->m_pImpl == nullptr ||
-        pEasy->m_pImpl->curl == nullptr) {
-        return false;
-    }
-    try {
-        return m_pImpl->add(*pEasy, *pEasy->m_pImpl);
-    } catch (const std::bad_alloc&) {
-        return false;
-    }
-}
-
-bool MZCurlMulti::removeHandle(MZCurlEasy* pEasy)
-{
-    return m_pImpl != nullptr && pEasy != nullptr && pEasy->m_pImpl != nullptr &&
-           m_pImpl->remove(*pEasy->m_pImpl);
-}
-
-bool MZCurlMulti::Perform(int& iRunning)
-{
-    iRunning = 0;
-    if (m_pImpl == nullptr || !m_pImpl->isInitialized()) {
-        return false;
-    }
-    m_pImpl->adopt();
-    iRunning = m_pImpl->running();
-    return true;
-}
-
-bool MZCurlMulti::fdSelect(int& iRunning)
-{
-    iRunning = 0;
-    if (m_pImpl == nullptr || !m_pImpl->isInitialized()) {
-        return false;
-    }
-    const bool ok = m_pImpl->select();
-    iRunning = m_pImpl->running();
-    return ok;
-}
-
-bool MZCurlMulti::InfoRead(MultiMsg& tMsg)
-{
-    tMsg = MultiMsg();
-    if (m_pImpl == nullptr || !m_pImpl->isInitialized()) {
-        return false;
-    }
-    const Transfer* const transfer = m_pImpl->next();
-    if (transfer != nullptr) {
-        tMsg.pEasyHandle = transfer->easy;
-        tMsg.bSuccess = transfer->result == CURLE_OK;
-        tMsg.iResult = transfer->result;
-        try {
-            tMsg.strError = transfer->resultText(transfer->result);
-        } catch (const std::bad_alloc&) {
-            // The result counts without its text.
-        }
-    }
-    return true;
-}
-
-void MZCurlMulti::SetSender(const char* pszSender)
-{
-    try {
-        t_sender = pszSender != nullptr ? pszSender : "";
-    } catch (const std::bad_alloc&) {
-        t_sender.clear();
-    }
-}
-
-void MZCurlMulti::ThreadEnd()
-{
-    OPENSSL_thread_stop();
 }
 
 }  // namespace MZCurl

@@ -21,6 +21,7 @@
 #include <cstddef>
 #include <memory>
 #include <mutex>
+#include <string>
 
 namespace MZCurl {
 
@@ -34,7 +35,7 @@ struct MZCurlMulti::Impl {
     bool isInitialized();
     void start();
     void stop();
-    bool add(MZCurlEasy& easy, Transfer& transfer);
+    bool add(MZCurlEasy& easy, Transfer& transfer, const std::string& sender);
     bool remove(Transfer& transfer);
 
     /// Takes over what other threads have added.
