@@ -101,7 +101,8 @@ int madeAfter(int count)
 TEST(AMultiHandle, ClosesTheConnectionsOfABurstWhenItHasEnded)
 {
     EXPECT_EQ(madeAfter(kBurst), 1);
-    // On a machine that is busy with other things a connection may be opened ahead of its request: one of three tells.
+    // On a busy machine a new connection was made although one was kept, twice so far; the cause is not known. One look of
+    // three has to find the kept one.
     EXPECT_TRUE(madeAfter(3) == 0 || madeAfter(3) == 0 || madeAfter(3) == 0);
 }
 
