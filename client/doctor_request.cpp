@@ -23,7 +23,7 @@ namespace {
 constexpr const char* kCheck = "request";
 constexpr std::size_t kShown = 100;
 
-/// What came of the request. It outlives its waiting: the worker may answer later.
+/// What came of the request. Until the connector is destroyed, its worker may write here.
 struct Exchange {
     std::mutex lock;
     std::condition_variable changed;
@@ -85,22 +85,22 @@ Verdict ask(double seconds)
         verdict.error = "the service's worker could not be started";
         return verdict;
     }
-    auto* const exchange = new Exchange;  // never freed: see there
+    Exchange exchange;
     CBillingHttpRequest request;
     std::string unused;
-    if (!request.RequestCheckServerAvailability(unused, onResponse, exchange)) {
-        readRecords(verdict);
-        verdict.error = verdict.error.empty() ? "the request was refused" : verdict.error;
-        return verdict;
+    const bool taken = request.RequestCheckServerAvailability(unused, onResponse, &exchange);
+    if (taken) {
+        std::unique_lock<std::mutex> hold(exchange.lock);
+        verdict.inTime = exchange.changed.wait_for(hold, std::chrono::duration<double>(seconds),
+                                                   [&exchange] { return exchange.over; });
+        verdict.answered = exchange.whole;
+        verdict.body = exchange.body;
     }
-    std::unique_lock<std::mutex> hold(exchange->lock);
-    verdict.inTime = exchange->changed.wait_for(hold, std::chrono::duration<double>(seconds),
-                                                [exchange] { return exchange->over; });
-    verdict.answered = exchange->whole;
-    verdict.body = exchange->body;
-    hold.unlock();
     connector->Destroy();
     readRecords(verdict);
+    if (!taken && verdict.error.empty()) {
+        verdict.error = "the request was refused";
+    }
     return verdict;
 }
 
