@@ -69,7 +69,6 @@ int onRequest(void* pointer, char* /*remoteAddress*/, char* localAddress, int re
     if (transfer.connections != nullptr) {
         transfer.admission->resolved(transfer);
         if (!transfer.connections->begin(transfer, localAddress, localPort, remotePort)) {
-            transfer.refusal = "Another request is under way on the connection";
             return CURL_PREREQFUNC_ABORT;
         }
     }

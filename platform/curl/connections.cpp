@@ -191,6 +191,21 @@ std::shared_ptr<Connection> Connections::find(const char* localAddress, int loca
     return nullptr;
 }
 
+bool Connections::learn(Connection& connection, const Transfer& transfer)
+{
+    connection.tls = tlsOf(transfer.curl.get());
+    connection.shared = speaksHttp2(connection.tls);
+    try {
+        connection.host = transfer.hostKey;
+        if (connection.shared) {
+            m_sharingHosts.insert(connection.host);
+        }
+    } catch (const std::bad_alloc&) {
+        return false;
+    }
+    return true;
+}
+
 bool Connections::begin(Transfer& transfer, const char* localAddress, int localPort, int remotePort)
 {
     end(transfer);
@@ -200,13 +215,16 @@ bool Connections::begin(Transfer& transfer, const char* localAddress, int localP
         m_blind = true;
         return true;
     }
-    if (connection->requests == 0) {
-        connection->host = transfer.hostKey;
-        connection->tls = tlsOf(transfer.curl.get());
-        connection->shared = speaksHttp2(connection->tls);
+    if (connection->requests == 0 && !learn(*connection, transfer)) {
+        transfer.refusal = "There is no memory for a connection";
+        return false;
     }
-    if (connection->users > 0 && !connection->shared) {
+    // libcurl's own mistake needs a host that has spoken HTTP/2. Elsewhere the other request has its answer already, in the
+    // same look at the sockets, and has not been read out yet.
+    if (connection->users > 0 && !connection->shared &&
+        m_sharingHosts.count(connection->host) != 0) {
         transfer.crowded = true;
+        transfer.refusal = "Another request is under way on the connection";
         return false;
     }
     if (connection->users++ == 0) {

@@ -15,6 +15,7 @@
 #include <cstddef>
 #include <list>
 #include <memory>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -55,7 +56,8 @@ public:
     static void unfollow(Transfer& transfer);
 
     /// A request is about to be sent over the connection with these ends. @return false when it must not be: another
-    /// request is under way there, and HTTP/1.1 has no way to tell their answers apart
+    /// request may be under way there, and HTTP/1.1 has no way to tell their answers apart. The refusal of the transfer says
+    /// why
     bool begin(Transfer& transfer, const char* localAddress, int localPort, int remotePort);
 
     /// The request of a transfer has ended, in whatever way.
@@ -77,11 +79,13 @@ private:
     static int opened(void* transfer, curl_socket_t descriptor, curlsocktype purpose);
     static int closed(void* connections, curl_socket_t descriptor);
     std::shared_ptr<Connection> find(const char* localAddress, int localPort, int remotePort);
+    bool learn(Connection& connection, const Transfer& transfer);
     void lookAround();
 
     std::list<std::shared_ptr<Connection>> m_open;
     std::vector<pollfd> m_polled;  // kept for its memory
     std::vector<Connection*> m_idle;
+    std::set<std::string> m_sharingHosts;  // host keys that HTTP/2 was spoken with
     bool m_blind =
         false;  // a connection could not be found: none counts as idle until all are closed
     BootTime m_standby;  // spent in it since the start of the device
