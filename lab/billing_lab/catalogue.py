@@ -2,6 +2,8 @@
 
 One JSON file. Whatever is wrong with it is said at once, each with its line and its cure.
 """
+import base64
+import datetime
 import difflib
 import json
 import pathlib
@@ -13,9 +15,27 @@ from .faults import RESERVED
 from .json_lines import Path, lines_of
 
 _HERE = pathlib.Path(__file__).parent
-_SCHEMA = json.loads((_HERE / "catalogue.schema.json").read_text(encoding="utf-8"))
 DEFAULT_FILE = _HERE / "catalogue.json"
 LARGEST_FILE = 16 << 20
+
+
+def _with_definitions(schema: object, definitions: dict) -> object:
+    """The schema with every "$ref" replaced by what it names: the validator would look it up for each value."""
+    if isinstance(schema, list):
+        return [_with_definitions(part, definitions) for part in schema]
+    if not isinstance(schema, dict):
+        return schema
+    named = definitions.get(schema.get("$ref", "").removeprefix("#/$defs/"), {})
+    merged = {**{key: part for key, part in schema.items() if key != "$ref"}, **named}
+    return {key: _with_definitions(part, definitions) for key, part in merged.items()}
+
+
+def _read_schema() -> object:
+    read = json.loads((_HERE / "catalogue.schema.json").read_text(encoding="utf-8"))
+    return _with_definitions(read, read.pop("$defs"))
+
+
+_SCHEMA = _read_schema()
 
 
 class CatalogueError(Exception):
@@ -38,27 +58,41 @@ def load(file: pathlib.Path) -> dict:
 def parse(text: str, name: str, folder: pathlib.Path) -> dict:
     """@param name what errors call it. @param folder where the files of `answers` are looked for"""
     try:
-        catalogue = json.loads(text, object_pairs_hook=_without_doubles)
-        lines = lines_of(text)
+        catalogue = json.loads(text, object_pairs_hook=_without_doubles, parse_constant=_no_constant)
+        _refuse_problems(catalogue, text, name, folder)
     except json.JSONDecodeError as error:
         raise CatalogueError(f"{name}:{error.lineno}: no valid JSON ({error.msg}); look at column "
                              f"{error.colno} and just before it") from None
     except _Double as error:
         raise CatalogueError(f"{name}: the name {error} stands twice in one object; take one "
                              "out") from None
+    except _NoJson as error:
+        raise CatalogueError(f"{name}: {error} is no JSON; write a number or null") from None
     except RecursionError:
         raise CatalogueError(f"{name}: nested too deep for a catalogue; start from the sample, which "
                              "`billing-lab seed --help` names") from None
+    return _with_bodies(catalogue, folder)
+
+
+def _refuse_problems(catalogue: object, text: str, name: str, folder: pathlib.Path) -> None:
     problems = list(_against_schema(catalogue)) or list(_against_itself(catalogue, folder))
     if problems:
+        lines = lines_of(text)
         # What lacks several members is reported once for each of them.
         numbered = sorted({(lines.get(path, 1), problem) for path, problem in problems})
         raise CatalogueError("\n".join(f"{name}:{line}: {problem}" for line, problem in numbered))
-    return _with_bodies(catalogue, folder)
 
 
 class _Double(Exception):
     pass
+
+
+class _NoJson(Exception):
+    pass
+
+
+def _no_constant(name: str) -> None:
+    raise _NoJson(name)
 
 
 def _without_doubles(pairs: list) -> dict:
@@ -69,10 +103,21 @@ def _without_doubles(pairs: list) -> dict:
     return read
 
 
+_FORMATS = jsonschema.FormatChecker(formats=())
+
+
+@_FORMATS.checks("utc-time", raises=ValueError)
+def _is_time(text: object) -> bool:
+    """The pattern of the schema knows digits alone, not how many months there are."""
+    if isinstance(text, str) and text.endswith("Z"):
+        datetime.datetime.strptime(text, "%Y-%m-%dT%H:%M:%SZ")
+    return True
+
+
 # The first form of it. Anything else is about paths that exist then.
 
 def _against_schema(catalogue: object) -> Iterator[tuple[Path, str]]:
-    validator = jsonschema.Draft202012Validator(_SCHEMA)
+    validator = jsonschema.Draft202012Validator(_SCHEMA, format_checker=_FORMATS)
     for error in validator.iter_errors(catalogue):
         yield from _explain(error)
 
@@ -178,11 +223,13 @@ def _invoices(catalogue: dict) -> Iterator[tuple[Path, str]]:
 def _answers(catalogue: dict, folder: pathlib.Path) -> Iterator[tuple[Path, str]]:
     for endpoint, answer in catalogue.get("answers", {}).items():
         path = ("answers", endpoint)
-        if len({"text", "json", "file"} & set(answer)) != 1:
-            yield path, f"{_name(path)} needs exactly one of \"text\", \"json\" and \"file\""
+        if len({"text", "json", "base64", "file"} & set(answer)) != 1:
+            yield path, f"{_name(path)} needs exactly one of \"text\", \"json\", \"base64\" and \"file\""
         elif "file" in answer and not (folder / answer["file"]).is_file():
             yield ((*path, "file"), f"there is no file {folder / answer['file']}; its path begins at "
                    "the catalogue's folder")
+        elif len(answer.get("base64", "")) % 4:
+            yield (*path, "base64"), f"{_name(path)}.base64 is no Base64; its length must be a multiple of four"
 
 
 def _with_bodies(catalogue: dict, folder: pathlib.Path) -> dict:
@@ -192,17 +239,35 @@ def _with_bodies(catalogue: dict, folder: pathlib.Path) -> dict:
             body = (folder / answer.pop("file")).read_bytes()
         elif "json" in answer:
             body = json.dumps(answer.pop("json"), ensure_ascii=False).encode()
+        elif "base64" in answer:
+            body = base64.b64decode(answer.pop("base64"))
         else:
             body = answer.pop("text").encode()
         answer["body"] = body.decode("latin-1")
     return catalogue
 
 
+def as_file(catalogue: dict) -> dict:
+    """What load() made, in the form of the file again."""
+    answers = {}
+    for endpoint, answer in catalogue.get("answers", {}).items():
+        body = answer["body"].encode("latin-1")
+        try:
+            told = {"text": body.decode()}
+        except UnicodeDecodeError:
+            told = {"base64": base64.b64encode(body).decode()}
+        answers[endpoint] = {**{key: part for key, part in answer.items() if key != "body"}, **told}
+    return {**catalogue, "answers": answers} if answers else catalogue
+
+
 def text_in(title: str | dict, language: str) -> str:
-    """A title in a language, else in its main language, else in English, else in any."""
+    """A title in a language, else in its main language, else in that of another region, else in English, else
+    in any."""
     if isinstance(title, str):
         return title
-    for code in (language, language.split("-")[0], "en"):
+    main = language.split("-")[0]
+    regions = [code for code in title if code.split("-")[0] == main]
+    for code in (language, main, *regions, "en"):
         if code in title:
             return title[code]
     return next(iter(title.values()))

@@ -103,6 +103,8 @@ def status(options: argparse.Namespace) -> int:
           f"faults      {len([f for f in told['faults'] if not f['over']]) or 'none'}")
     for fault in told["faults"]:
         print(f"            {_fault_line(fault)}")
+    for endpoint, own in told["answers"].items():
+        print(f"own answer  {endpoint}: {own['status']}, {own['type']}, {own['bytes']} bytes")
     return 0
 
 

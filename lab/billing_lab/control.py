@@ -13,7 +13,7 @@ from collections.abc import Awaitable, Callable
 
 from aiohttp import web
 
-from . import dashboard, journal, purchases, state
+from . import catalogue, dashboard, journal, purchases, state
 from .catalogue import CatalogueError
 from .core import Core
 from .device import DeviceError
@@ -75,7 +75,7 @@ def _core(request: web.Request) -> Core:
 async def _status(request: web.Request) -> web.Response:
     core = _core(request)
     return web.json_response({**core.info, "device": core.device(), "catalogue": core.summary(),
-                              "faults": _told_faults(core), **core.simulator.connections.describe()})
+                              "faults": _told_faults(core), "answers": core.answers(), **core.simulator.connections.describe()})
 
 
 async def _stop(request: web.Request) -> web.Response:
@@ -87,7 +87,7 @@ async def _seed(request: web.Request) -> web.Response:
     file = pathlib.Path((await request.json())["file"])
     if not file.is_absolute():
         raise ValueError("the file's path must be absolute")
-    return web.json_response(_core(request).seed(file))
+    return web.json_response(await _core(request).seed(file))
 
 
 async def _reset(request: web.Request) -> web.Response:
@@ -97,7 +97,7 @@ async def _reset(request: web.Request) -> web.Response:
 
 
 async def _catalogue(request: web.Request) -> web.Response:
-    return web.json_response(state.fact(_core(request).db, "catalogue"))
+    return web.json_response(catalogue.as_file(state.fact(_core(request).db, "catalogue")))
 
 
 async def _answers(request: web.Request) -> web.Response:

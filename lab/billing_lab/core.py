@@ -23,7 +23,7 @@ class Core:
                                    self.followers.tell)
         self.ending = asyncio.Event()
         if state.fact(self.db, "catalogue") is None:
-            self.seed(catalogue.DEFAULT_FILE)
+            self.take(catalogue.load(catalogue.DEFAULT_FILE), catalogue.DEFAULT_FILE)
 
     # The device
 
@@ -41,15 +41,23 @@ class Core:
 
     # The store
 
-    def seed(self, file: pathlib.Path) -> dict:
-        """A new catalogue. Somebody of it is signed in, unless nobody was."""
-        read = catalogue.load(file)
+    async def seed(self, file: pathlib.Path) -> dict:
+        """A new catalogue. It is read in a thread: a large one takes seconds, in which the store answers."""
+        return self.take(await asyncio.to_thread(catalogue.load, file), file)
+
+    def take(self, read: dict, file: pathlib.Path) -> dict:
+        """A catalogue that was read. Somebody of it is signed in, unless nobody was."""
         state.seed(self.db, read)
         signed_in = self.device()["signed_in"]
         if signed_in and signed_in not in [user["uid"] for user in read["users"]]:
             self.switch("signed-in", read["users"][0]["uid"])
+        self._set_device(read)
         state.set_fact(self.db, "seed", str(file))
         return self.summary()
+
+    def _set_device(self, read: dict) -> None:
+        for name, wanted in read.get("device", {}).items():
+            self.switch(name, wanted)
 
     def summary(self) -> dict:
         read = state.fact(self.db, "catalogue")
@@ -70,6 +78,7 @@ class Core:
         users = state.fact(self.db, "catalogue")["users"]
         if device.value(made, device.UID) not in [user["uid"] for user in users]:
             self.switch("signed-in", users[0]["uid"])
+        self._set_device(state.fact(self.db, "catalogue"))
 
     def buy(self, wanted: dict) -> dict:
         """What is not said is the device's, or the first of the catalogue."""
@@ -88,12 +97,18 @@ class Core:
         if endpoint not in faults.ENDPOINTS:
             raise faults.FaultError(f"{endpoint!r} is no endpoint; known are "
                                     f"{', '.join(faults.ENDPOINTS)}")
-        answers = state.fact(self.db, "answers", {})
+        answers = dict(state.fact(self.db, "answers", {}))
         answers.pop(endpoint, None)
         if wanted.get("body") is not None:
             answers[endpoint] = {key: wanted[key] for key in ("body", "status", "type")
                                  if wanted.get(key) is not None}
         state.set_fact(self.db, "answers", answers)
+
+    def answers(self) -> dict:
+        """The bodies of one's own that are set, without the bodies."""
+        return {endpoint: {"status": own.get("status", 200), "type": own.get("type", "application/json"),
+                           "bytes": len(own["body"])}
+                for endpoint, own in state.fact(self.db, "answers", {}).items()}
 
     def end(self) -> None:
         self.ending.set()

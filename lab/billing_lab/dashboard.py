@@ -79,13 +79,13 @@ async def _seed(request: web.Request) -> web.Response:
     checked = file.with_name("catalogue.new.json")
     replace_file(checked, text)
     try:
-        catalogue.load(checked)
+        read = await asyncio.to_thread(catalogue.load, checked)
     except catalogue.CatalogueError as wrong:
         raise catalogue.CatalogueError(str(wrong).replace(str(checked), "the catalogue")) from None
     finally:
         checked.unlink(missing_ok=True)
     replace_file(file, text)
-    return web.json_response(core.seed(file))
+    return web.json_response(core.take(read, file))
 
 
 async def _call(request: web.Request) -> web.Response:

@@ -16,21 +16,36 @@ CREATE TABLE IF NOT EXISTS journal (seq INTEGER PRIMARY KEY AUTOINCREMENT, entry
 """
 
 
+class _Connection(sqlite3.Connection):
+    """With the facts that were read: parsing a large catalogue for every request would be slow."""
+
+    def __init__(self, *arguments, **options):
+        super().__init__(*arguments, **options)
+        self.facts: dict[str, object] = {}
+
+
 def open_state(file: pathlib.Path | str) -> sqlite3.Connection:
     """Opens or makes it. A crash of the lab loses nothing that was written; one of the machine may."""
-    db = sqlite3.connect(file, isolation_level=None)
+    db = sqlite3.connect(file, isolation_level=None, factory=_Connection)
     db.row_factory = sqlite3.Row
     db.executescript("PRAGMA journal_mode=WAL; PRAGMA synchronous=OFF;" + _TABLES)
     return db
 
 
 def fact(db: sqlite3.Connection, name: str, default: object = None):
-    row = db.execute("SELECT value FROM facts WHERE name = ?", (name,)).fetchone()
-    return default if row is None else json.loads(row["value"])
+    """What it returns belongs to the memory: change a copy, and set that."""
+    if name not in db.facts:
+        row = db.execute("SELECT value FROM facts WHERE name = ?", (name,)).fetchone()
+        if row is None:
+            return default
+        db.facts[name] = json.loads(row["value"])
+    return db.facts[name]
 
 
 def set_fact(db: sqlite3.Connection, name: str, value: object) -> None:
-    db.execute("INSERT OR REPLACE INTO facts VALUES (?, ?)", (name, json.dumps(value)))
+    text = json.dumps(value)
+    db.execute("INSERT OR REPLACE INTO facts VALUES (?, ?)", (name, text))
+    db.facts[name] = json.loads(text)
 
 
 def seed(db: sqlite3.Connection, catalogue: dict) -> None:

@@ -3,6 +3,7 @@ import json
 import time
 
 import pytest
+from billing_lab import catalogue
 from billing_lab.folder import LabError
 
 METHODS = {"check_server_availability": "country", "get_product_list": "products",
@@ -284,6 +285,28 @@ def test_another_catalogue_signs_one_of_its_users_in(lab, tmp_path):
     assert lab.seed(shop)["products"] == 1
     assert lab.buy("p")["user"] == "u"
     assert called(lab, "get_purchase_history")["total"] == 1
+
+
+def test_a_catalogue_sets_the_device_and_a_reset_does_it_again(lab, tmp_path):
+    made = json.loads(catalogue.DEFAULT_FILE.read_text())
+    made["device"] = {"country": "DE", "language": "de", "server": "sandbox"}
+    shop = tmp_path / "shop.json"
+    shop.write_text(json.dumps(made))
+    lab.seed(shop)
+    now = lab.device()
+    assert (now["country"], now["language"], now["server"]) == ("DE", "de", "sandbox")
+    assert called(lab, "get_product_list")["products"][0]["title"] == "100 M\u00fcnzen"
+    lab.device("country", "US")
+    lab.reset()
+    assert lab.device() == now
+
+
+def test_a_body_of_ones_own_is_told_and_the_catalogue_can_be_given_back(lab):
+    lab.answer("country", b"\xff", status=404)
+    assert lab.status()["answers"] == {"country": {"status": 404, "type": "application/json", "bytes": 1}}
+    shown = lab.ask("GET", "/api/catalogue")
+    assert lab.ask("POST", "/api/catalogue", {"text": json.dumps(shown)})["apps"] == 2
+    assert lab.status()["answers"] == {}
 
 
 def test_a_method_or_an_argument_that_is_none_is_refused(lab):

@@ -1,5 +1,7 @@
 """The catalogue file: what is read, and what is said about one that is wrong."""
 import json
+import pathlib
+import time
 
 import pytest
 from billing_lab import catalogue
@@ -95,8 +97,9 @@ def test_an_id_that_stands_twice_is_said(problems):
 
 
 @pytest.mark.parametrize("answer, said", [
-    ({}, 'answers.products needs exactly one of "text", "json" and "file"'),
-    ({"text": "a", "json": 1}, 'answers.products needs exactly one of "text", "json" and "file"'),
+    ({}, 'answers.products needs exactly one of "text", "json", "base64" and "file"'),
+    ({"text": "a", "json": 1}, 'answers.products needs exactly one of "text", "json", "base64" and "file"'),
+    ({"base64": "abc"}, "answers.products.base64 is no Base64; its length must be a multiple of four"),
     ({"text": "a", "status": 99},
      "answers.products.status is 99; write an HTTP status, 200 to 599; 200 without it"),
 ])
@@ -138,6 +141,43 @@ def test_lines_are_those_of_names_and_of_elements():
 def test_a_title_is_told_in_the_nearest_language():
     title = {"de": "Münzen", "en": "Coins", "fr-US": "Pièces"}
     told = {code: catalogue.text_in(title, code) for code in ("de", "de-AT", "fr-US", "fr", "ko")}
-    assert told == {"de": "Münzen", "de-AT": "Münzen", "fr-US": "Pièces", "fr": "Coins", "ko": "Coins"}
+    assert told == {"de": "Münzen", "de-AT": "Münzen", "fr-US": "Pièces", "fr": "Pièces", "ko": "Coins"}
     assert catalogue.text_in({"ko": "동전"}, "de") == "동전"
     assert catalogue.text_in("P", "de") == "P"
+
+
+def test_a_catalogue_of_20000_products_is_read_in_the_time_of_20000():
+    """Ten times the products take ten times the time, not a hundred times."""
+    def seconds(count):
+        products = [{"id": f"p-{i}", "title": {"en": "P"}, "type": "consumable", "prices": {"DE": "1.00"}}
+                    for i in range(count)]
+        made = json.loads(GOOD)
+        made["apps"][0]["products"] = [*made["apps"][0]["products"], *products]
+        text = json.dumps(made, indent=2)
+        began = time.process_time()
+        assert len(catalogue.parse(text, "shop.json", pathlib.Path("/"))["apps"][0]["products"]) == count + 1
+        lines_of(text)
+        return time.process_time() - began
+    assert seconds(20_000) < 30 * seconds(2000)
+
+
+@pytest.mark.parametrize("old, new, said", [
+    ("2026-01-31T20", "2026-13-31T20", "shop.json:13: invoices[0].bought is \"2026-13-31T20:15:00Z\"; write a time in"),
+    ("2026-01-31T20", "2026-02-30T20", "shop.json:13: invoices[0].bought is \"2026-02-30T20:15:00Z\"; write a time in"),
+    ('"lab": 1', '"lab": NaN', "shop.json: NaN is no JSON; write a number or null"),
+    ('"lab": 1', '"lab": 1, "device": {"server": "none"}', 'shop.json:2: device.server is "none"; write one of'),
+])
+def test_what_no_calendar_and_no_json_has_is_refused(problems, old, new, said):
+    (line,) = problems(GOOD.replace(old, new))
+    assert line.startswith(said)
+
+
+def test_what_was_read_can_be_written_and_read_again(tmp_path):
+    (tmp_path / "body").write_bytes(b"\xff\x00")
+    made = {**json.loads(GOOD), "answers": {"country": {"file": "body", "status": 404},
+                                            "products": {"json": {"a": "\u00fc"}}, "invoices": {"base64": "/w=="}}}
+    read = catalogue.parse(json.dumps(made), "shop.json", tmp_path)
+    written = catalogue.as_file(read)
+    assert written["answers"] == {"country": {"base64": "/wA=", "status": 404}, "products": {"text": '{"a": "\u00fc"}'},
+                                  "invoices": {"base64": "/w=="}}
+    assert catalogue.parse(json.dumps(written), "shop.json", tmp_path / "none") == read
