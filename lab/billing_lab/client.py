@@ -2,6 +2,7 @@
 but for calls, which need PyGObject."""
 import contextlib
 import http.client
+import importlib.util
 import json
 import os
 import pathlib
@@ -13,11 +14,14 @@ import urllib.parse
 from collections.abc import Iterator
 
 from . import view
-from .folder import Folder, LabError
+from .folder import Folder, LabError, last_line
 from .methods import arguments_of
 
 START_SECONDS = 90
 STOP_SECONDS = 30
+# What the lab's own process imports, and a virtual environment of an app does not have.
+_NEEDED = ("aiohttp", "cryptography", "gi", "h2", "jsonschema", "trustme")
+_SYSTEM_PYTHON = "/usr/bin/python3"
 
 
 class Lab:
@@ -39,7 +43,17 @@ class Lab:
     def call(self, method: str, timeout: float = 100, **values: str) -> tuple[int, str]:
         """@param values the method's arguments by name; what is not said is a default
         @return (resp_result, resp_info)"""
+        if importlib.util.find_spec("gi") is None:
+            return self._call_by_lab(method, timeout, values)
         return self.finish_call(self.start_call(method, timeout, **values))
+
+    def _call_by_lab(self, method: str, timeout: float, values: dict[str, str]) -> tuple[int, str]:
+        """Where PyGObject is missing, as in a virtual environment, the lab's process calls."""
+        told = self.ask("POST", "/api/call", {"method": method, "arguments": values, "seconds": timeout},
+                        timeout + 10)
+        if "error" in told:
+            raise LabError(f"no answer: {told['error']['cause']}")
+        return told["resp_result"], told["resp_info"]
 
     def start_call(self, method: str, timeout: float = 100, **values: str):
         """A call that is answered later. @return what finish_call() takes"""
@@ -74,9 +88,9 @@ class Lab:
             raise LabError(f"the lab in {self.folder.path} does not answer ({error}); see "
                            "`billing-lab status`") from None
 
-    def ask(self, method: str, path: str, body: object = None):
+    def ask(self, method: str, path: str, body: object = None, timeout: float = 60):
         """One request to the control interface."""
-        connection, response = self._connect(method, path, body, 60)
+        connection, response = self._connect(method, path, body, timeout)
         with contextlib.closing(connection):
             text = response.read().decode()
         try:
@@ -155,6 +169,12 @@ def _with_query(path: str, **values: object) -> str:
     return f"{path}?{urllib.parse.urlencode(given)}" if given else path
 
 
+def _interpreter() -> str:
+    """The Python of the lab's process: this one, unless it is a virtual environment without what the lab needs."""
+    missing = [name for name in _NEEDED if importlib.util.find_spec(name) is None]
+    return _SYSTEM_PYTHON if missing and os.access(_SYSTEM_PYTHON, os.X_OK) else sys.executable
+
+
 def start(folder: Folder, level: str = "info", lifeline: int | None = None) -> Lab:
     """Starts a lab there. It ends when the other side of the pipe `lifeline` is closed."""
     problem = view.why_no_view()
@@ -167,7 +187,7 @@ def start(folder: Folder, level: str = "info", lifeline: int | None = None) -> L
     paths = os.pathsep.join(filter(None, [package, os.environ.get("PYTHONPATH")]))
     with open(folder.logs / "lab.log", "wb") as log:
         process = subprocess.Popen(
-            [sys.executable, "-m", "billing_lab.supervisor", str(folder.path), level,
+            [_interpreter(), "-m", "billing_lab.supervisor", str(folder.path), level,
              *map(str, handed_on)], pass_fds=handed_on, stdin=subprocess.DEVNULL, stdout=log, stderr=log,
             env={**os.environ, "PYTHONPATH": paths}, start_new_session=True)
     os.close(tell)
@@ -180,7 +200,7 @@ def start(folder: Folder, level: str = "info", lifeline: int | None = None) -> L
         raise
     if said != "up":
         process.wait(STOP_SECONDS)
-        raise LabError(said or f"the lab did not start; see {folder.logs / 'lab.log'}")
+        raise LabError(said or f"the lab did not start: {last_line(folder.logs / 'lab.log')}")
     # It is nobody's child that waits for it: that it has ended is seen by its lock.
     return Lab(folder.path)
 

@@ -16,11 +16,15 @@ _BACKLOG = 512
 _ALERT = b"\x15\x03\x03\x00\x02\x02\x28"
 
 
-def listen() -> socket.socket:
-    """A listening socket on a free port."""
+def listen(port: int = 0) -> socket.socket:
+    """A listening socket on this port, or on a free one where it is 0 or taken."""
     with socket.socket() as probe:
         probe.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
-        probe.bind(("127.0.0.1", 0))
+        with contextlib.suppress(OSError, OverflowError):
+            # A port that somebody listens on is refused here.
+            probe.bind(("127.0.0.1", port))
+        if probe.getsockname()[1] == 0:
+            probe.bind(("127.0.0.1", 0))
         # A port that was asked for by its number stays taken while its socket does not listen.
         return socket.create_server(probe.getsockname(), backlog=_BACKLOG)
 

@@ -6,6 +6,7 @@ server in its Host line, so that no web page can use it behind its user's back.
 import asyncio
 import hmac
 import json
+import logging
 import os
 import pathlib
 import socket
@@ -61,6 +62,11 @@ def _guard(token: str):
             return _problem(422, str(wrong))
         except (KeyError, TypeError, ValueError) as wrong:
             return _problem(400, f"this cannot be asked so: {wrong!r}")
+        except web.HTTPException:
+            raise
+        except Exception as wrong:
+            logging.exception("%s %s failed", request.method, request.path)
+            return _problem(500, f"the lab failed at {request.path}: {wrong!r}; more in `billing-lab logs lab`")
     return guard
 
 

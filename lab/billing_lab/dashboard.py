@@ -99,7 +99,7 @@ async def _call(request: web.Request) -> web.Response:
     core: Core = request.app["core"]
     options = [f"{_option(name)}={text}" for name, text in zip(METHODS[method], texts)]
     process = await asyncio.create_subprocess_exec(
-        str(program), "--bus", core.info["bus"], "--json", "--timeout", str(CALL_SECONDS),
+        str(program), "--bus", core.info["bus"], "--json", "--timeout", str(max(1, round(wanted.get("seconds", CALL_SECONDS)))),
         method, *options, stdin=asyncio.subprocess.DEVNULL, stdout=asyncio.subprocess.PIPE,
         stderr=asyncio.subprocess.PIPE)
     told, said = await process.communicate()

@@ -66,6 +66,11 @@ class Folder:
         return self.path / "view" / "certificate"
 
     @property
+    def addresses(self) -> pathlib.Path:
+        """Ports and token of the last lab here, so that the next one has them again."""
+        return self.path / "addresses.json"
+
+    @property
     def reason(self) -> pathlib.Path:
         """Why the last lab here ended by itself."""
         return self.path / "ended"
@@ -134,6 +139,12 @@ class Folder:
         with contextlib.suppress(FileNotFoundError):
             why = f" ({self.reason.read_text(encoding='utf-8').strip()})"
         raise LabError(f"no lab is up in {self.path}{why}; start it with `billing-lab up`")
+
+
+def last_line(log: pathlib.Path) -> str:
+    """What a log ends with: the cause, of a program that ended by an error."""
+    lines = log.read_text(encoding="utf-8", errors="backslashreplace").split("\n")
+    return next((line.strip() for line in reversed(lines) if line.strip()), f"nothing stands in {log}")
 
 
 def replace_file(file: pathlib.Path, data: bytes) -> None:

@@ -20,7 +20,7 @@ import sys
 import time
 
 from . import bus, connections, control, core, state, tls, tools, view
-from .folder import Folder, LabError, named_errors, replace_file
+from .folder import Folder, LabError, last_line, named_errors, replace_file
 
 START_SECONDS = 30
 STOP_SECONDS = 10
@@ -45,7 +45,8 @@ class Daemon:
     """The daemon's process, behind those of bubblewrap and its guard."""
 
     def __init__(self, folder: Folder, bus_address: str, level: str):
-        with open(folder.logs / "daemon.log", "wb") as log:
+        self._log = folder.logs / "daemon.log"
+        with open(self._log, "wb") as log:
             self.process, self.pid = view.start(
                 [*view.GUARD, *view.bubblewrap(folder.ca_view, folder.certificate_view)],
                 [str(tools.service())], env=tools.environment(folder, bus_address, level),
@@ -57,10 +58,10 @@ class Daemon:
         while caller.owner() is None:
             if self.process.poll() is not None:
                 raise LabError(f"the daemon ended with status {self.process.returncode} while it "
-                               "started; see `billing-lab logs daemon`")
+                               f"started: {last_line(self._log)}; more in `billing-lab logs daemon`")
             if time.monotonic() > end:
-                raise LabError("the daemon runs but does not take its name; see "
-                               "`billing-lab logs daemon`")
+                raise LabError("the daemon runs but does not take its name; it says: "
+                               f"{last_line(self._log)}; more in `billing-lab logs daemon`")
             time.sleep(0.01)
         caller.close()
 
@@ -76,7 +77,8 @@ class Daemon:
 
 def run(folder: Folder, level: str, report, lifeline: int | None) -> str | None:
     """A whole life of a lab. @return why it ended by itself, if it did"""
-    listener = connections.listen()
+    kept = read_addresses(folder)
+    listener, controls = connections.listen(kept.get("store", 0)), connections.listen(kept.get("control", 0))
     provision(folder)
     token = core.prepare_device(folder, listener.getsockname()[1])
     with contextlib.ExitStack() as running:
@@ -90,24 +92,35 @@ def run(folder: Folder, level: str, report, lifeline: int | None) -> str | None:
                 "daemon_pid": daemon.pid, "bus_pid": started.process.pid,
                 "store": {name.partition(".")[0]: f"https://{name}:{listener.getsockname()[1]}"
                           for name in tls.HOSTS}}
-        return asyncio.run(_live(folder, listener, info, token, children, report, lifeline))
+        secret = kept.get("token") or control.new_token()
+        address = f"http://127.0.0.1:{controls.getsockname()[1]}"
+        # Behind "#": a browser sends that part to nobody.
+        info["control"] = {"address": address, "token": secret, "dashboard": f"{address}/#token={secret}"}
+        replace_file(folder.addresses, json.dumps({
+            "store": listener.getsockname()[1], "control": controls.getsockname()[1], "token": secret}).encode())
+        return asyncio.run(_live(folder, (listener, controls), info, token, children, report, lifeline))
 
 
-async def _live(folder: Folder, listener: socket.socket, info: dict, token: str, children: dict,
-                report, lifeline: int | None) -> str | None:
-    secret, controls = control.new_token(), connections.listen()
-    port = controls.getsockname()[1]
-    address = f"http://127.0.0.1:{port}"
-    # Behind "#": a browser sends that part to nobody.
-    info["control"] = {"address": address, "token": secret, "dashboard": f"{address}/#token={secret}"}
+def read_addresses(folder: Folder) -> dict:
+    """The last lab's ports and token; nothing where there was none, or where the file was broken."""
+    with contextlib.suppress(OSError, ValueError):
+        kept = json.loads(folder.addresses.read_text(encoding="utf-8"))
+        if isinstance(kept, dict) and all(isinstance(kept.get(name), int) for name in ("store", "control")):
+            return kept
+    return {}
+
+
+async def _live(folder: Folder, listeners: tuple[socket.socket, socket.socket], info: dict, token: str,
+                children: dict, report, lifeline: int | None) -> str | None:
+    """@param listeners the store's and the control interface's"""
     with contextlib.closing(state.open_state(folder.state)) as db:
         state.set_fact(db, "token", token)
-    lab = core.Core(folder, listener, info)
+    lab = core.Core(folder, listeners[0], info)
     why: list[str] = []
     _watch(lab, children, why, lifeline)
     store = asyncio.create_task(lab.simulator.connections.run())
     store.add_done_callback(lambda _: lab.end())
-    runner = await control.serve(lab, secret, controls)
+    runner = await control.serve(lab, info["control"]["token"], listeners[1])
     replace_file(folder.info, json.dumps(info, indent=2).encode())
     report.write("up\n")
     report.close()

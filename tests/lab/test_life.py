@@ -4,6 +4,7 @@ import json
 import os
 import pathlib
 import signal
+import socket
 import stat
 import subprocess
 import sys
@@ -262,12 +263,43 @@ def test_a_daemon_that_does_not_start_is_said(folder, cli, tmp_path):
     fake = tmp_path / "build" / "service" / "billing-service"
     fake.parent.mkdir(parents=True)
     (tmp_path / "build" / "platform").symlink_to(build / "platform")
-    fake.write_text("#!/bin/sh\nexit 7\n")
+    fake.write_text("#!/bin/sh\necho no settings here >&2\nexit 7\n")
     fake.chmod(0o755)
     answer = cli("up", BILLING_SERVICE=str(fake))
     assert (answer.returncode, answer.stderr) == (
-        1, "billing-lab: the daemon ended with status 7 while it started; see `billing-lab logs daemon`\n")
+        1, "billing-lab: the daemon ended with status 7 while it started: no settings here; more in "
+        "`billing-lab logs daemon`\n")
     assert processes_of(folder) == set()
+
+
+def test_a_program_in_a_virtual_environment_starts_the_lab_and_calls(folder, tmp_path):
+    """Such a Python has none of what the lab's own process imports."""
+    subprocess.run(["/usr/bin/python3", "-m", "venv", "--without-pip", tmp_path / "venv"], check=True, timeout=60)
+    program = ("import sys; from billing_lab import client\n"
+               "with client.running(sys.argv[1]) as lab:\n"
+               "    print(lab.call('check_server_availability', timeout=50)[0])")
+    done = subprocess.run([tmp_path / "venv" / "bin" / "python", "-c", program, folder], capture_output=True,
+                          env={**os.environ, "PYTHONPATH": str(LAB)}, text=True, timeout=60, check=False)
+    assert (done.returncode, done.stdout, done.stderr) == (0, "0\n", "")
+
+
+def test_a_lab_that_cannot_start_says_why(folder, monkeypatch, tmp_path):
+    (tmp_path / "aiohttp.py").write_text("raise ImportError('this aiohttp is broken')")
+    monkeypatch.setenv("PYTHONPATH", str(tmp_path))
+    with pytest.raises(LabError, match="the lab did not start: ImportError: this aiohttp is broken"):
+        client.start(Folder(folder))
+
+
+def test_ports_and_token_outlive_a_restart_but_not_a_rival(folder):
+    with client.running(folder) as lab:
+        before = lab.info
+    with client.running(folder) as lab:
+        assert {key: lab.info[key] for key in ("control", "store")} == {key: before[key] for key in ("control", "store")}
+        assert lab.call("check_server_availability")[0] == 0
+    port = int(before["store"]["production"].rpartition(":")[2])
+    with socket.create_server(("127.0.0.1", port)), client.running(folder) as lab:
+        assert lab.info["store"] != before["store"]
+        assert lab.call("check_server_availability")[0] == 0
 
 
 def test_a_folder_that_others_can_write_is_not_taken(tmp_path, cli):
