@@ -47,7 +47,8 @@ async def _whole(exchange, reply, _fault):
 
 
 async def _delay(exchange, reply, fault):
-    if await exchange.left_within(fault.options["ms"] / 1000):
+    drawn = fault.draw.uniform(0, fault.options["spread"])
+    if await exchange.left_within((fault.options["ms"] + drawn) / 1000):
         return "the client left"
     return await _whole(exchange, reply, fault)
 

@@ -147,7 +147,8 @@ Switches:
 
 def _faults(words) -> None:
     made = _add(words, "fault", commands.fault, "make answers or connections go wrong", json=False,
-                epilog="The first fault that fits a request strikes. Each draws its random numbers from its "
+                epilog="The first fault that fits a request strikes; those behind it are as if it had not come. So faults "
+                "with --count 1 are a sequence, and `pass` in it lets an answer through. Each draws its random numbers from its "
                 "seed, so that a run repeats.")
     kinds = made.add_subparsers(dest="kind", metavar="KIND", required=True)
     for name, kind in KINDS.items():
@@ -181,9 +182,9 @@ def _options_of(made: argparse.ArgumentParser, kind: Kind | ConnectionKind) -> N
 
 
 def _fault_options(made: argparse.ArgumentParser, kind: Kind) -> None:
-    made.add_argument("--endpoint", choices=ENDPOINTS, help="only there (default: everywhere)")
-    made.add_argument("--app", metavar="ID", help="only for this app (default: every app)")
-    made.add_argument("--user", metavar="UID", help="only for this user (default: every user)")
+    _match_options(made)
+    made.add_argument("--skip", type=_number(0, 1_000_000), metavar="N",
+                      help="how many requests that fit pass first, 0 to 1000000 (default: 0)")
     made.add_argument("--count", type=_number(1, 1_000_000), metavar="N",
                       help="how often, 1 to 1000000 (default: without end)")
     made.add_argument("--seconds", type=_decimal(0.001, 86_400), metavar="S",
@@ -200,6 +201,19 @@ def _fault_options(made: argparse.ArgumentParser, kind: Kind) -> None:
                       help=f"the store does its work, then the answer goes wrong {_default(now[0])}")
     work.add_argument("--no-work", dest="done", action="store_const", const=False,
                       help=f"the store does nothing {_default(now[1])}")
+
+
+def _match_options(made: argparse.ArgumentParser, endpoint: bool = True) -> None:
+    """Which requests are meant: the words of matching.py."""
+    if endpoint:
+        made.add_argument("--endpoint", choices=(*ENDPOINTS, *METHODS), metavar="ENDPOINT",
+                          help=f"only there: {', '.join(ENDPOINTS)}, or the method's name (default: everywhere)")
+    made.add_argument("--app", metavar="ID", help="only of this app (default: every app)")
+    made.add_argument("--user", metavar="UID", help="only of this user (default: every user)")
+    made.add_argument("--invoice", metavar="ID", help="only for this invoice (default: every one)")
+    made.add_argument("--product", metavar="ID", help="only for invoices of this product (default: every one)")
+    made.add_argument("--custom-id", metavar="ID", help="only with this customId (default: every one)")
+    made.add_argument("--header", metavar="NAME[: VALUE]", help="only with this header (default: any headers)")
 
 
 def _default(text: str) -> str:

@@ -139,7 +139,8 @@ class Lab:
         return self.ask("POST", "/api/device", {"switch": switch, "value": value})
 
     def fault(self, kind: str, **options) -> dict:
-        """Adds a fault: its own options, endpoint, app, user, count, seconds, chance, seed, done."""
+        """Adds a fault: its own options; whom it strikes (endpoint or method, app, user, invoice, product,
+        custom_id, header); skip, count, seconds, chance, seed, done."""
         return self.ask("POST", "/api/faults", {"kind": kind, **options})
 
     def faults(self) -> list[dict]:
@@ -159,8 +160,11 @@ class Lab:
         """New entries of the journal, as they come, until the lab ends."""
         connection, response = self._connect("GET", _with_query("/api/events", after=after), None, None)
         with contextlib.closing(connection):
+            event = b""
             for line in response:
-                if line.startswith(b"data: "):
+                if line.startswith(b"event: "):
+                    event = line.removeprefix(b"event: ").strip()
+                if line.startswith(b"data: ") and event == b"journal":
                     yield json.loads(line.removeprefix(b"data: "))
 
 

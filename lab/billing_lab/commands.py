@@ -14,6 +14,7 @@ from collections.abc import Iterator
 from . import client, journal, tools, view
 from .faults import CONNECTION_FAULTS
 from .folder import Folder, LabError, named_errors
+from .matching import WORDS
 
 # As `billingctl` has them.
 EXIT_BY_RESULT = {0: 0, -1: 3, 1160003: 4}
@@ -257,7 +258,7 @@ def fault(options: argparse.Namespace) -> int:
         print(f"{options.kind}: {CONNECTION_FAULTS[options.kind].what}")
     else:
         print(_fault_line(lab.fault(options.kind, **_given(
-            options, "code", "ms", "mib", "endpoint", "app", "user", "count", "seconds", "chance", "seed",
+            options, "code", "ms", "spread", "mib", *WORDS, "skip", "count", "seconds", "chance", "seed",
             "done"))))
     return 0
 
@@ -289,10 +290,12 @@ def _list_faults(lab: client.Lab, options: argparse.Namespace) -> int:
 
 def _fault_line(told: dict) -> str:
     shown = [f"{name} {told[name]}" for name in (
-        "code", "ms", "mib", "endpoint", "app", "user", "left", "seconds_left", "seed") if name in told]
+        "code", "ms", "spread", "mib", *WORDS, "skip", "left", "seconds_left", "seed") if told.get(name, 0) != 0]
     if told["chance"] < 1:
         shown.append(f"chance {told['chance']}")
     shown.append("after the work" if told["done"] else "in place of the work")
+    if told["hits"]:
+        shown.append(f"struck {told['hits']}: journal {', '.join(map(str, told['struck']))}")
     if told.get("over"):
         shown.append("over")
     return f"{told['number']}  {told['kind']}  {', '.join(shown)}"

@@ -153,6 +153,8 @@ class Exchange(abc.ABC):
         self.authority = authority
         self.target = target
         self.headers = headers
+        # How much of the answer's body was sent.
+        self.sent_bytes = 0
 
     @property
     def path(self) -> str:

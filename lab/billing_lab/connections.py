@@ -41,6 +41,8 @@ class Connections:
                  speak: Callable[[Link], asyncio.Protocol], failed: Callable[[str], None]):
         self.fault = "none"
         self.options: dict[str, int] = {}
+        # Called when the store is back by itself.
+        self.changed: Callable[[], None] = lambda: None
         self._listener = listener
         self._certificates = certificates
         self._speak = speak
@@ -150,6 +152,7 @@ class Connections:
         self._return = None
         self._listener.listen(_BACKLOG)
         self._listening.set()
+        self.changed()
 
 
 class _Opening(asyncio.Protocol):

@@ -57,7 +57,10 @@ def _guard(token: str):
                 given.encode(errors="surrogateescape"), token.encode()):
             return _problem(401, "the lab's token is missing or wrong")
         try:
-            return await handler(request)
+            answer = await handler(request)
+            if request.method != "GET":
+                request.app["core"].changed()
+            return answer
         except _WRONG as wrong:
             return _problem(422, str(wrong))
         except (KeyError, TypeError, ValueError) as wrong:
@@ -79,9 +82,7 @@ def _core(request: web.Request) -> Core:
 
 
 async def _status(request: web.Request) -> web.Response:
-    core = _core(request)
-    return web.json_response({**core.info, "device": core.device(), "catalogue": core.summary(),
-                              "faults": _told_faults(core), "answers": core.answers(), **core.simulator.connections.describe()})
+    return web.json_response(_core(request).status())
 
 
 async def _stop(request: web.Request) -> web.Response:
@@ -135,13 +136,8 @@ async def _switch(request: web.Request) -> web.Response:
     return web.json_response(_core(request).switch(wanted["switch"], wanted.get("value", "")))
 
 
-def _told_faults(core: Core) -> list[dict]:
-    now = asyncio.get_running_loop().time()
-    return [{**fault.describe(now), "over": fault.is_over(now)} for fault in core.simulator.faults]
-
-
 async def _faults(request: web.Request) -> web.Response:
-    return web.json_response(_told_faults(_core(request)))
+    return web.json_response(_core(request).status()["faults"])
 
 
 async def _add_fault(request: web.Request) -> web.Response:
@@ -171,8 +167,8 @@ async def _journal(request: web.Request) -> web.Response:
 
 
 async def _events(request: web.Request) -> web.StreamResponse:
-    """Server-sent events: the entries behind `after` or Last-Event-ID, if one is given, and then each
-    new one."""
+    """Server-sent events: as "journal" the entries behind `after` or Last-Event-ID, if one is given, and then
+    each new one; as "begun" one whose answer a fault spoils; as "state" what GET /api/status answers."""
     core = _core(request)
     after = request.query.get("after") or request.headers.get("Last-Event-ID")
     response = web.StreamResponse(headers={"Content-Type": "text/event-stream",
@@ -183,17 +179,18 @@ async def _events(request: web.Request) -> web.StreamResponse:
         seen = {entry["seq"] for entry in told}
         await response.prepare(request)
         for entry in told:
-            await response.write(_event(entry))
+            await response.write(_event("journal", entry))
         while not core.ending.is_set():
             try:
-                entry = await asyncio.wait_for(queue.get(), HEARTBEAT_SECONDS)
+                told_now = await asyncio.wait_for(queue.get(), HEARTBEAT_SECONDS)
             except asyncio.TimeoutError:
                 await response.write(b":\n\n")
                 continue
-            if entry is None:
+            if told_now is None:
                 break
-            if entry["seq"] not in seen:
-                await response.write(_event(entry))
+            event, about = told_now
+            if about.get("seq") not in seen:
+                await response.write(_event(event, about))
     except ConnectionError:
         pass
     finally:
@@ -201,8 +198,10 @@ async def _events(request: web.Request) -> web.StreamResponse:
     return response
 
 
-def _event(entry: dict) -> bytes:
-    return f"id: {entry['seq']}\nevent: journal\ndata: {json.dumps(entry)}\n\n".encode()
+def _event(event: str, about: dict) -> bytes:
+    # A browser that comes back asks for what is behind the last number.
+    number = f"id: {about['seq']}\n" if event == "journal" else ""
+    return f"{number}event: {event}\ndata: {json.dumps(about)}\n\n".encode()
 
 
 async def serve(core: Core, token: str, listener: socket.socket) -> web.AppRunner:

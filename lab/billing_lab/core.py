@@ -7,7 +7,11 @@ import socket
 
 from . import catalogue, device, faults, journal, purchases, state, tls
 from .folder import Folder
+from .matching import PAYMENTS
 from .simulator import Simulator
+
+# Changes that come closer together are told as one.
+BURST_SECONDS = 0.1
 
 
 class Core:
@@ -19,11 +23,35 @@ class Core:
         self.db = state.open_state(folder.state)
         self.certificate = tls.fingerprint(folder.certificate_view / "bgclient.crt")
         self.followers = journal.Followers()
-        self.simulator = Simulator(self.db, listener, folder.device, self.device_facts,
-                                   self.followers.tell)
+        self.simulator = Simulator(self.db, listener, folder.device, self.device_facts, self._told)
+        self.simulator.connections.changed = self.changed
+        self._change: asyncio.TimerHandle | None = None
+        self._seeds = 0
         self.ending = asyncio.Event()
         if state.fact(self.db, "catalogue") is None:
             self.take(catalogue.load(catalogue.DEFAULT_FILE), catalogue.DEFAULT_FILE)
+
+    # Who follows
+
+    def _told(self, event: str, entry: dict) -> None:
+        self.followers.tell(event, entry)
+        if entry.get("fault") or entry.get("endpoint") in PAYMENTS:
+            self.changed()
+
+    def changed(self) -> None:
+        """Something other than the journal is new. Those who follow are told once for a burst of changes."""
+        if self._change is None:
+            self._change = asyncio.get_running_loop().call_later(BURST_SECONDS, self._tell_change)
+
+    def _tell_change(self) -> None:
+        self._change = None
+        self.followers.tell("state", self.status())
+
+    def status(self) -> dict:
+        now = asyncio.get_running_loop().time()
+        told = [{**fault.describe(now), "over": fault.is_over(now)} for fault in self.simulator.faults]
+        return {**self.info, "device": self.device(), "catalogue": self.summary(), "faults": told,
+                "answers": self.answers(), "journal": journal.span(self.db), **self.simulator.connections.describe()}
 
     # The device
 
@@ -53,6 +81,7 @@ class Core:
             self.switch("signed-in", read["users"][0]["uid"])
         self._set_device(read)
         state.set_fact(self.db, "seed", str(file))
+        self._seeds += 1
         return self.summary()
 
     def _set_device(self, read: dict) -> None:
@@ -61,10 +90,10 @@ class Core:
 
     def summary(self) -> dict:
         read = state.fact(self.db, "catalogue")
-        return {"file": state.fact(self.db, "seed"),
+        return {"file": state.fact(self.db, "seed"), "number": self._seeds,
                 "products": sum(len(app["products"]) for app in read["apps"]),
                 **{name: len(read[name]) for name in ("apps", "countries", "users")},
-                "invoices": len(state.invoices(self.db))}
+                "invoices": state.count_invoices(self.db)}
 
     def reset(self) -> None:
         """As it was after the last seed: no purchase, fault or entry since, the device as it was made."""

@@ -6,11 +6,12 @@ import dataclasses
 import random
 from collections.abc import Iterable
 
+from .matching import ENDPOINTS, PAYMENTS, WORDS, Asked, Match, MatchError, read_match
+
 # Product ids that force an outcome begin with this, so that nobody ships one.
 RESERVED = "NEVER-SHIP."
-
-PAYMENTS = ("apply", "confirm")
-ENDPOINTS = ("country", "products", "invoices", *PAYMENTS)
+# How many of the requests that a fault struck are told.
+TOLD_STRUCK = 100
 
 
 @dataclasses.dataclass(frozen=True)
@@ -40,7 +41,8 @@ KINDS = {
                    {"code": Option(500, 200, 599, "HTTP status")}, False),
     "malformed": Kind("the body is JSON that breaks off, in an answer that is whole", {}, True),
     "invalid-utf8": Kind("the body holds bytes that are no UTF-8", {}, True),
-    "delay": Kind("the answer comes late", {"ms": Option(1000, 1, 600_000, "milliseconds")}, True),
+    "delay": Kind("the answer comes late", {"ms": Option(1000, 1, 600_000, "milliseconds"), "spread": Option(
+        0, 0, 600_000, "milliseconds at most that are drawn and added")}, True),
     "drip": Kind("the body comes byte by byte, with a pause after each",
                  {"ms": Option(20, 1, 60_000, "milliseconds")}, True),
     "truncate": Kind("the connection ends in the middle of the body", {}, True),
@@ -53,6 +55,7 @@ KINDS = {
                           False, says_undone=True, protocol="HTTP/2"),
     "huge": Kind("the body is this long and means nothing",
                  {"mib": Option(40, 1, 4096, "MiB")}, True),
+    "pass": Kind("nothing: the answer is as it should be, and no later fault strikes it", {}, True),
 }
 
 
@@ -91,9 +94,8 @@ class Fault:
 
     kind: str
     options: dict[str, int]
-    endpoint: str | None = None
-    app: str | None = None
-    user: str | None = None
+    match: Match = Match()
+    skip: int = 0
     left: int | None = None
     until: float | None = None
     chance: float = 1.0
@@ -101,56 +103,76 @@ class Fault:
     done: bool = False
     number: int = 0
     draw: random.Random = dataclasses.field(default_factory=random.Random, repr=False)
+    hits: int = 0
+    struck: list[int] = dataclasses.field(default_factory=list)
 
     def is_over(self, now: float) -> bool:
         return self.left == 0 or (self.until is not None and now >= self.until)
 
-    def hits(self, endpoint: str, app: str, user: str, protocol: str) -> bool:
-        wanted = ((self.endpoint, endpoint), (self.app, app), (self.user, user),
-                  (KINDS[self.kind].protocol, protocol))
-        return all(mine in (None, theirs) for mine, theirs in wanted)
+    def strikes(self, asked: Asked, protocol: str) -> bool:
+        """Does it strike this request? Counted as used if so."""
+        if KINDS[self.kind].protocol not in (None, protocol) or self.match.misses(asked):
+            return False
+        if self.skip > 0:
+            self.skip -= 1
+            return False
+        if self.chance < 1 and self.draw.random() >= self.chance:
+            return False
+        if self.left is not None:
+            self.left -= 1
+        self.hits += 1
+        return True
+
+    def struck_entry(self, seq: int) -> None:
+        """The number in the journal of a request that it struck."""
+        self.struck = [*self.struck, seq][-TOLD_STRUCK:]
 
     def describe(self, now: float) -> dict:
         """What people and programs are told about it."""
-        told = {"number": self.number, "kind": self.kind, **self.options,
-                "endpoint": self.endpoint, "app": self.app, "user": self.user, "left": self.left,
+        told = {"number": self.number, "kind": self.kind, **self.options, **self.match.describe(),
+                "skip": self.skip or None, "left": self.left,
                 "seconds_left": None if self.until is None else round(max(0.0, self.until - now), 1),
-                "chance": self.chance, "seed": self.seed, "done": self.done}
+                "chance": self.chance, "seed": self.seed, "done": self.done, "hits": self.hits,
+                "struck": self.struck}
         return {key: value for key, value in told.items() if value is not None}
 
 
 def make(wanted: dict, number: int, now: float) -> Fault:
-    """A fault from its description: kind, its options, endpoint, app, user, count, seconds, chance,
-    seed, done."""
-    unknown = set(wanted) - {"kind", "endpoint", "app", "user", "count", "seconds", "chance", "seed",
-                             "done"}
+    """A fault from its description: kind, its options, the words of matching.WORDS, skip, count, seconds,
+    chance, seed, done."""
+    unknown = set(wanted) - {"kind", *WORDS, "skip", "count", "seconds", "chance", "seed", "done"}
     kind = KINDS.get(wanted.get("kind", ""))
     if kind is None:
         raise FaultError(f"{wanted.get('kind')!r} is no fault; known are {', '.join(KINDS)}")
     if unknown - set(kind.options):
         raise FaultError(f"{wanted['kind']} takes no {sorted(unknown - set(kind.options))[0]!r}")
-    _check_target(wanted, kind)
+    try:
+        match = read_match(wanted)
+    except MatchError as error:
+        raise FaultError(str(error)) from None
+    _check_target(wanted, kind, match)
     options = _read_options(wanted, kind.options)
     seconds = _number(wanted, "seconds", 0.001, 86_400, None)
     count = _number(wanted, "count", 1, 1_000_000, None)
     seed = int(_number(wanted, "seed", 0, 2**63 - 1, 1))
     done = wanted.get("done")
     return Fault(
-        kind=wanted["kind"], options=options, endpoint=wanted.get("endpoint"),
-        app=wanted.get("app"), user=wanted.get("user"), left=None if count is None else int(count),
+        kind=wanted["kind"], options=options, match=match,
+        skip=int(_number(wanted, "skip", 0, 1_000_000, 0)), left=None if count is None else int(count),
         until=None if seconds is None else now + seconds,
         chance=_number(wanted, "chance", 0, 1, 1.0), seed=seed,
         done=kind.done if done is None else bool(done), number=number,
         draw=random.Random(f"{seed}:{wanted['kind']}"))
 
 
-def _check_target(wanted: dict, kind: Kind) -> None:
+def _check_target(wanted: dict, kind: Kind, match: Match) -> None:
     """Refuses a fault that could not strike, or would lie."""
-    if wanted.get("endpoint") not in (None, *ENDPOINTS):
-        raise FaultError(f"{wanted['endpoint']!r} is no endpoint; known are {', '.join(ENDPOINTS)}")
-    if kind.protocol == "HTTP/2" and wanted.get("endpoint") in PAYMENTS:
-        raise FaultError(f"{wanted['kind']} cannot strike at {wanted['endpoint']}: the service sends payments "
-                         "over HTTP/1.1 alone")
+    payments = match.endpoint in PAYMENTS or match.invoice or match.product or match.custom_id
+    if kind.protocol == "HTTP/2" and payments:
+        raise FaultError(f"{wanted['kind']} cannot strike at {match.endpoint or 'payments'}: the service sends "
+                         "payments over HTTP/1.1 alone")
+    if wanted.get("chance") == 0:
+        raise FaultError("chance is 0; such a fault would never strike")
     if kind.says_undone and wanted.get("done"):
         raise FaultError(f"{wanted['kind']} tells the client that nothing was done; it cannot strike after "
                          "the work")
@@ -185,18 +207,9 @@ def _number(wanted: dict, name: str, least: float, most: float, default: float |
     return value
 
 
-def pick(faults: Iterable[Fault], endpoint: str, app: str, user: str, now: float,
-         protocol: str = "HTTP/1.1") -> Fault | None:
-    """The first fault that this request gets, counted as used."""
-    for fault in faults:
-        if fault.is_over(now) or not fault.hits(endpoint, app, user, protocol):
-            continue
-        if fault.chance < 1 and fault.draw.random() >= fault.chance:
-            continue
-        if fault.left is not None:
-            fault.left -= 1
-        return fault
-    return None
+def pick(faults: Iterable[Fault], asked: Asked, now: float, protocol: str = "HTTP/1.1") -> Fault | None:
+    """The first fault that this request gets, counted as used. Those behind it are as if it had not come."""
+    return next((fault for fault in faults if not fault.is_over(now) and fault.strikes(asked, protocol)), None)
 
 
 def of_product(product: str, endpoint: str) -> Fault | None:

@@ -69,10 +69,12 @@ class _Exchange(Exchange):
     async def write(self, data: bytes) -> None:
         self.check_way()
         await self.response.write(data)
+        self.sent_bytes += len(data)
 
     async def end(self, data: bytes = b"") -> None:
         self.check_way()
         await self.response.write_eof(data)
+        self.sent_bytes += len(data)
 
     async def left_within(self, seconds: float) -> bool:
         return await is_set_within(self.link.left, seconds)

@@ -62,7 +62,9 @@ class Stream(Exchange):
             if room <= 0:
                 await self._connection.more_room()
                 continue
-            self._connection.send_data(self.number, view[:room].tobytes(), end and room >= len(view))
+            part = view[:room].tobytes()
+            self._connection.send_data(self.number, part, end and room >= len(view))
+            self.sent_bytes += len(part)
             view = view[room:]
 
     def check_way(self) -> None:

@@ -8,20 +8,39 @@ import json
 import sqlite3
 
 KEPT_ENTRIES = 10_000
+# Of all entries together, as they are stored.
+KEPT_TOTAL_BYTES = 256 << 20
 WAITING_ENTRIES = 1000
 KEPT_BYTES = 1 << 20
 
 
 def add(db: sqlite3.Connection, entry: dict) -> int:
     """Files an entry. @return its number"""
-    cursor = db.execute("INSERT INTO journal (entry) VALUES (?)", (json.dumps(entry),))
+    text = json.dumps(entry)
+    cursor = db.execute("INSERT INTO journal (entry) VALUES (?)", (text,))
+    db.journal_bytes += len(text)
     seq = cursor.lastrowid or 0
-    db.execute("DELETE FROM journal WHERE seq <= ?", (seq - KEPT_ENTRIES,))
+    _bound(db, seq)
     return seq
 
 
+def _bound(db: sqlite3.Connection, newest: int) -> None:
+    """Lets the oldest go while there are too many, or all together are too long. The newest stays."""
+    while True:
+        oldest = db.execute("SELECT seq, LENGTH(entry) AS size FROM journal ORDER BY seq LIMIT 1").fetchone()
+        if oldest["seq"] == newest or (db.journal_bytes <= KEPT_TOTAL_BYTES and oldest["seq"] > newest - KEPT_ENTRIES):
+            return
+        db.execute("DELETE FROM journal WHERE seq = ?", (oldest["seq"],))
+        db.journal_bytes -= oldest["size"]
+
+
 def change(db: sqlite3.Connection, seq: int, entry: dict) -> None:
-    db.execute("UPDATE journal SET entry = ? WHERE seq = ?", (json.dumps(entry), seq))
+    """Replaces an entry, if it is still kept."""
+    known = db.execute("SELECT LENGTH(entry) AS size FROM journal WHERE seq = ?", (seq,)).fetchone()
+    if known is not None:
+        text = json.dumps(entry)
+        db.execute("UPDATE journal SET entry = ? WHERE seq = ?", (text, seq))
+        db.journal_bytes += len(text) - known["size"]
 
 
 def entries(db: sqlite3.Connection, after: int = 0, last: int | None = None) -> list[dict]:
@@ -31,9 +50,16 @@ def entries(db: sqlite3.Connection, after: int = 0, last: int | None = None) -> 
     return [{"seq": row["seq"], **json.loads(row["entry"])} for row in rows][::-1]
 
 
+def span(db: sqlite3.Connection) -> dict:
+    """How many entries are kept, and the numbers of the first and the last; 0 where there is none."""
+    row = db.execute("SELECT COUNT(*), COALESCE(MIN(seq), 0), COALESCE(MAX(seq), 0) FROM journal").fetchone()
+    return dict(zip(("entries", "first", "last"), row))
+
+
 def clear(db: sqlite3.Connection) -> None:
     """Empties it. Numbers go on, so that a reader that follows misses nothing."""
     db.execute("DELETE FROM journal")
+    db.journal_bytes = 0
 
 
 def body_of(data: bytes) -> dict:
@@ -65,13 +91,13 @@ def line_of(entry: dict) -> str:
 
 
 class Followers:
-    """Who is told every new entry as it comes."""
+    """Who is told of every event as it comes: its name, and what it is about."""
 
     def __init__(self) -> None:
         self._queues: set[asyncio.Queue] = set()
 
     def add(self) -> asyncio.Queue:
-        """A queue of the entries from now on; None in it is the end, also of one that reads too slowly."""
+        """A queue of the events from now on; None in it is the end, also of one that reads too slowly."""
         queue: asyncio.Queue = asyncio.Queue()
         self._queues.add(queue)
         return queue
@@ -79,10 +105,10 @@ class Followers:
     def remove(self, queue: asyncio.Queue) -> None:
         self._queues.discard(queue)
 
-    def tell(self, entry: dict) -> None:
+    def tell(self, event: str, about: dict) -> None:
         for queue in list(self._queues):
             if queue.qsize() < WAITING_ENTRIES:
-                queue.put_nowait(entry)
+                queue.put_nowait((event, about))
             else:
                 queue.put_nowait(None)
                 self.remove(queue)

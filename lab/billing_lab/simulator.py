@@ -10,7 +10,7 @@ import time
 import urllib.parse
 from collections.abc import Callable
 
-from . import answers, check, faults, http1, http2, journal, state, store
+from . import answers, check, faults, http1, http2, journal, matching, state, store
 from .connection import Exchange, Link
 from .connections import Connections
 from .device import DeviceError
@@ -21,11 +21,12 @@ class Simulator:
 
     @param certificates the folder that tls.server_context wants
     @param device what the device is like at this moment, as check.differences wants it
-    @param tell called with every new or changed entry of the journal
+    @param tell called with "begun" and an entry of the journal whose answer a fault spoils, and with "journal"
+    and every entry that is whole
     """
 
     def __init__(self, db: sqlite3.Connection, listener: socket.socket, certificates: pathlib.Path,
-                 device: Callable[[], dict], tell: Callable[[dict], None]):
+                 device: Callable[[], dict], tell: Callable[[str, dict], None]):
         self.db = db
         self.faults: list[faults.Fault] = []
         self.connections = Connections(listener, certificates, self._speak, self._handshake_failed)
@@ -71,13 +72,16 @@ class Simulator:
             return late or (fault not in self.faults and self._cleared != cleared)
         return is_over
 
-    def _fault_for(self, ask: store.Ask, protocol: str) -> faults.Fault | None:
-        if ask.endpoint in faults.PAYMENTS:
-            invoice = state.invoice(self.db, ask.values.get("invoiceId", ""))
-            forced = invoice and faults.of_product(invoice["product"], ask.endpoint)
-            if forced:
-                return forced
-        return faults.pick(self.faults, ask.endpoint, ask.app, ask.user, time.monotonic(), protocol)
+    def _asked(self, ask: store.Ask, exchange: Exchange) -> matching.Asked:
+        invoice = ask.values.get("invoiceId", "")
+        known = state.invoice(self.db, invoice) if invoice else None
+        return matching.Asked(
+            ask.endpoint, ask.app, ask.user, invoice, known["product"] if known else "",
+            ask.values.get("customId", ""), tuple((name, value) for name, value in exchange.headers))
+
+    def _fault_for(self, asked: matching.Asked, protocol: str) -> faults.Fault | None:
+        forced = faults.of_product(asked.product, asked.endpoint)
+        return forced or faults.pick(self.faults, asked, time.monotonic(), protocol)
 
     # Requests
 
@@ -86,7 +90,9 @@ class Simulator:
         ask = _ask_of(exchange, entry["endpoint"])
         fault = None
         if isinstance(ask, store.Ask):
-            fault = self._fault_for(ask, exchange.link.protocol)
+            asked = self._asked(ask, exchange)
+            entry["asked"] = asked.describe()
+            fault = self._fault_for(asked, exchange.link.protocol)
             done = fault is None or fault.done
             reply = store.answer(self.db, ask) if done else store.Reply(200, b"{}")
         else:
@@ -97,6 +103,7 @@ class Simulator:
         end = "under way" if fault else "whole"
         entry["answer"] = {"status": reply.status, "end": end, **journal.body_of(reply.body)}
         if fault:
+            entry["fault_number"] = fault.number
             exchange.is_over = self.end_of(fault)
             if fault.kind in answers.WITHOUT_ANSWER:
                 entry["answer"].update(status=None, **journal.body_of(b""))
@@ -105,11 +112,17 @@ class Simulator:
     async def _answer(self, exchange: Exchange, reply: store.Reply, fault: faults.Fault | None,
                       entry: dict) -> None:
         seq = journal.add(self.db, entry)
+        if fault:
+            fault.struck_entry(seq)
+            # One that hangs is seen while it hangs.
+            self._tell("begun", {"seq": seq, **entry})
         began = time.monotonic()
         end = await answers.send(exchange, reply, fault)
+        if exchange.sent_bytes != len(reply.body):
+            entry["answer"].update(journal.body_of(reply.body[:exchange.sent_bytes]), bytes=exchange.sent_bytes)
         entry["answer"].update(end=end, milliseconds=round((time.monotonic() - began) * 1000, 3))
         journal.change(self.db, seq, entry)
-        self._tell({"seq": seq, **entry})
+        self._tell("journal", {"seq": seq, **entry})
 
     def _entry_of(self, exchange: Exchange) -> dict:
         endpoint = store.PATHS.get((exchange.method, exchange.path))
@@ -138,7 +151,7 @@ class Simulator:
         self._file({"time": _now(), "kind": "handshake", "reason": reason})
 
     def _file(self, entry: dict) -> None:
-        self._tell({"seq": journal.add(self.db, entry), **entry})
+        self._tell("journal", {"seq": journal.add(self.db, entry), **entry})
 
 
 def _told(link: Link) -> dict:

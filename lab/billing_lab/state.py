@@ -17,11 +17,13 @@ CREATE TABLE IF NOT EXISTS journal (seq INTEGER PRIMARY KEY AUTOINCREMENT, entry
 
 
 class _Connection(sqlite3.Connection):
-    """With the facts that were read: parsing a large catalogue for every request would be slow."""
+    """With the facts that were read, since parsing a large catalogue for every request would be slow, and with
+    the length of all entries of the journal."""
 
     def __init__(self, *arguments, **options):
         super().__init__(*arguments, **options)
         self.facts: dict[str, object] = {}
+        self.journal_bytes = 0
 
 
 def open_state(file: pathlib.Path | str) -> sqlite3.Connection:
@@ -29,6 +31,7 @@ def open_state(file: pathlib.Path | str) -> sqlite3.Connection:
     db = sqlite3.connect(file, isolation_level=None, factory=_Connection)
     db.row_factory = sqlite3.Row
     db.executescript("PRAGMA journal_mode=WAL; PRAGMA synchronous=OFF;" + _TABLES)
+    db.journal_bytes = db.execute("SELECT COALESCE(SUM(LENGTH(entry)), 0) FROM journal").fetchone()[0]
     return db
 
 
@@ -88,8 +91,9 @@ def invoices(db: sqlite3.Connection, user: str | None = None, start: int = 1,
     return [_told(row) for row in rows]
 
 
-def count_invoices(db: sqlite3.Connection, user: str) -> int:
-    return db.execute("SELECT COUNT(*) FROM invoices WHERE user = ?", (user,)).fetchone()[0]
+def count_invoices(db: sqlite3.Connection, user: str | None = None) -> int:
+    """Those of a user or of all."""
+    return db.execute("SELECT COUNT(*) FROM invoices WHERE ?1 IS NULL OR user = ?1", (user,)).fetchone()[0]
 
 
 def mark(db: sqlite3.Connection, name: str, step: str, now: str) -> dict:

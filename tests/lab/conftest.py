@@ -35,7 +35,7 @@ class RunningStore:
         self.device = {"host": f"{HOST}:{self.port}", "token": TOKEN, "duid": DUID, "guid": GUID,
                        "uid": UID, "country": "US", "locale": "en_US.utf8",
                        "certificate": tls.fingerprint(folder / "client.pem")}
-        self.told = []
+        self.told, self.events = [], []
         ready = threading.Event()
         self._thread = threading.Thread(target=lambda: asyncio.run(self._run(listener, ready)))
         self._thread.start()
@@ -47,12 +47,17 @@ class RunningStore:
         state.seed(self.db, catalogue.load(catalogue.DEFAULT_FILE))
         state.set_fact(self.db, "token", TOKEN)
         self.simulator = simulator.Simulator(self.db, listener, self.folder, lambda: self.device,
-                                             self.told.append)
+                                             self._told)
         self._task = self._loop.create_task(self.simulator.connections.run())
         ready.set()
         with contextlib.suppress(asyncio.CancelledError):
             await self._task
         self.db.close()
+
+    def _told(self, event, entry):
+        self.events.append((event, entry["seq"]))
+        if event == "journal":
+            self.told.append(entry)
 
     def do(self, function, *arguments, **options):
         """Calls a function in the store's thread."""

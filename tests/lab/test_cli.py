@@ -212,7 +212,22 @@ def test_faults_of_the_connection_are_set_with_their_numbers_and_shown(run, lab)
     assert printed(run("fault", "list")) == "connection: none\n"
 
 
+def test_a_fault_says_what_it_struck(run, lab):
+    assert printed(run("fault", "status", "--endpoint", "confirm_purchase", "--invoice", "INV-SEED-2", "--skip", "1",
+                       "--count", "1")) == ("1  status  code 500, endpoint confirm, invoice INV-SEED-2, skip 1, left 1, "
+                                            "seed 1, in place of the work\n")
+    for _ in range(3):
+        lab.call("confirm_purchase", invoiceid="INV-SEED-2")
+    second = lab.journal()[1]["seq"]
+    assert f"struck 1: journal {second}, over\n" in printed(run("fault", "list"))
+    assert lab.faults()[0]["struck"] == [second]
+    assert lab.journal()[1]["asked"] == {"app": "app-1", "user": "lab@example.org", "invoice": "INV-SEED-2",
+                                         "product": "season"}
+
+
 def test_a_fault_that_cannot_strike_is_refused(run):
+    wrong = run("fault", "reset", "--endpoint", "invoices", "--app", "app-1")
+    assert (wrong.returncode, "a request for invoices names no app" in wrong.stderr) == (1, True)
     wrong = run("fault", "refuse-stream", "--endpoint", "confirm")
     assert (wrong.returncode, wrong.stderr) == (
         1, "billing-lab: refuse-stream cannot strike at confirm: the service sends payments over HTTP/1.1 alone\n")

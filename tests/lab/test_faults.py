@@ -1,21 +1,26 @@
 """Faults: whom they hit, how often, and that a run repeats."""
 import pytest
 from billing_lab import faults
+from billing_lab.matching import Asked
+
+ASKED = {"endpoint": "apply", "app": "a", "user": "u", "invoice": "i", "product": "p", "custom_id": "c",
+         "headers": (("TvYear", "15"),)}
 
 
-def hits(fault, *, times=50, endpoint="apply", app="a", user="u", now=0.0):
-    return [faults.pick([fault], endpoint, app, user, now) is not None for _ in range(times)]
+def hits(fault, *, times=50, now=0.0, **said):
+    return [faults.pick([fault], Asked(**{**ASKED, **said}), now) is not None for _ in range(times)]
 
 
 def test_a_fault_without_limits_hits_everybody_for_ever():
     assert all(hits(faults.make({"kind": "reset"}, 1, 0.0)))
 
 
-@pytest.mark.parametrize("limit", [{"endpoint": "confirm"}, {"app": "b"}, {"user": "v"}])
+@pytest.mark.parametrize("limit", [{"endpoint": "confirm"}, {"app": "b"}, {"user": "v"}, {"invoice": "j"},
+                                   {"product": "q"}, {"custom_id": "d"}])
 def test_a_fault_hits_whom_it_is_for(limit):
     fault = faults.make({"kind": "reset", **limit}, 1, 0.0)
     assert not any(hits(fault))
-    assert all(hits(fault, **{"endpoint": "apply", "app": "a", "user": "u", **limit}))
+    assert all(hits(fault, **limit))
 
 
 def test_a_count_is_used_up_by_hits_alone():
@@ -31,8 +36,30 @@ def test_a_duration_ends():
 
 def test_the_first_fault_that_hits_counts():
     made = [faults.make({"kind": kind, "count": 1}, 1, 0.0) for kind in ("reset", "hang")]
-    assert [faults.pick(made, "apply", "", "", 0.0).kind for _ in "12"] == ["reset", "hang"]
-    assert faults.pick(made, "apply", "", "", 0.0) is None
+    assert [faults.pick(made, Asked("apply"), 0.0).kind for _ in "12"] == ["reset", "hang"]
+    assert faults.pick(made, Asked("apply"), 0.0) is None
+
+
+@pytest.mark.parametrize("header, strikes", [("TvYear", True), ("tvyear: 15", True), ("TvYear: 16", False),
+                                             ("TvVersion", False)])
+def test_a_header_is_matched_by_its_name_or_with_its_value(header, strikes):
+    assert hits(faults.make({"kind": "reset", "header": header}, 1, 0.0), times=1) == [strikes]
+
+
+def test_a_method_stands_for_its_endpoint():
+    assert all(hits(faults.make({"kind": "reset", "endpoint": "get_applied_time"}, 1, 0.0)))
+
+
+def test_the_first_requests_that_fit_are_skipped():
+    fault = faults.make({"kind": "reset", "skip": 2, "count": 1, "app": "a"}, 1, 0.0)
+    assert hits(fault, times=2, app="b") == [False, False]
+    assert hits(fault, times=4) == [False, False, True, False]
+    assert fault.describe(0.0)["hits"] == 1
+
+
+def test_faults_of_one_stand_behind_each_other_as_a_sequence():
+    made = [faults.make({"kind": kind, "count": 1}, 1, 0.0) for kind in ("status", "pass", "reset")]
+    assert [faults.pick(made, Asked("apply"), 0.0).kind for _ in "123"] == ["status", "pass", "reset"]
 
 
 def test_a_chance_repeats_with_its_seed():
@@ -73,6 +100,11 @@ def test_even_an_empty_body_becomes_invalid():
     ({"kind": "reset", "endpoint": "shop"}, "'shop' is no endpoint; known are country"),
     ({"kind": "reset", "chance": 1.5}, "chance is 1.5; it must be a number from 0 to 1"),
     ({"kind": "reset", "count": 0}, "count is 0"),
+    ({"kind": "reset", "chance": 0}, "chance is 0; such a fault would never strike"),
+    ({"kind": "reset", "endpoint": "invoices", "app": "a"}, "a request for invoices names no app"),
+    ({"kind": "reset", "endpoint": "products", "custom_id": "a"}, "a request for products names no custom id"),
+    ({"kind": "refuse-stream", "invoice": "i"}, "refuse-stream cannot strike at payments"),
+    ({"kind": "reset", "user": 5}, "user is 5; it must be a text"),
     ({"kind": "reset", "seconds": True}, "seconds is True"),
 ])
 def test_a_fault_that_cannot_be_is_refused_with_a_reason(wanted, said):

@@ -153,15 +153,71 @@ def test_the_journal_keeps_the_newest(store, monkeypatch, client):
     assert [entry["seq"] for entry in entries(store)] == [3, 4, 5]
 
 
+def test_the_journal_is_bounded_by_bytes_too(store, monkeypatch, client):
+    client.request("country")
+    client.request("country")
+    size = store.db.journal_bytes // 2
+    monkeypatch.setattr(journal, "KEPT_TOTAL_BYTES", size * 3 + size // 2)
+    for _ in range(5):
+        client.request("country")
+    kept = entries(store)
+    assert [entry["seq"] for entry in kept] == [5, 6, 7]
+    assert store.do(lambda: journal.span(store.db)) == {"entries": 3, "first": 5, "last": 7}
+    # One that is longer than all may be stays alone.
+    monkeypatch.setattr(journal, "KEPT_TOTAL_BYTES", 1)
+    client.request("country")
+    assert [entry["seq"] for entry in entries(store)] == [8]
+
+
+@pytest.mark.parametrize("kind, options, size", [("huge", {"mib": 2}, 2 << 20), ("drip", {"ms": 1}, None)])
+def test_the_size_of_an_answer_is_what_was_sent(store, client, kind, options, size):
+    store.do(store.simulator.add_fault, {"kind": kind, **options})
+    body = client.send(request("country", store.device))[1]
+    end = time.monotonic() + 20
+    while not store.told:
+        assert time.monotonic() < end
+        time.sleep(0.01)
+    assert store.told[0]["answer"]["bytes"] == len(body)
+    assert size in (None, len(body))
+
+
+def test_a_cut_answer_is_kept_as_far_as_it_was_sent(store, client):
+    store.do(store.simulator.add_fault, {"kind": "truncate"})
+    with pytest.raises(OSError):
+        client.tls.sendall(request("country", store.device))
+        while client.tls.recv(65536):
+            pass
+    end = time.monotonic() + 20
+    while not store.told:
+        assert time.monotonic() < end
+        time.sleep(0.01)
+    answer = store.told[0]["answer"]
+    assert answer["end"] == f"cut after {answer['bytes']} bytes"
+    assert len(answer["text"]) == answer["bytes"]
+
+
+def test_a_request_that_hangs_is_told_while_it_hangs(store, client):
+    store.do(store.simulator.add_fault, {"kind": "hang"})
+    client.tls.sendall(request("country", store.device))
+    end = time.monotonic() + 20
+    while not store.events:
+        assert time.monotonic() < end
+        time.sleep(0.01)
+    assert (store.events, store.told) == ([("begun", 1)], [])
+    assert entries(store)[0]["answer"]["end"] == "under way"
+    store.do(store.simulator.clear_faults)
+
+
 def test_a_follower_that_does_not_read_is_let_go(monkeypatch):
     monkeypatch.setattr(journal, "WAITING_ENTRIES", 2)
     followers = journal.Followers()
     slow, quick = followers.add(), followers.add()
     for number in range(4):
-        followers.tell({"seq": number})
-        assert quick.get_nowait() == {"seq": number}
+        followers.tell("journal", {"seq": number})
+        assert quick.get_nowait() == ("journal", {"seq": number})
     followers.end()
-    assert [slow.get_nowait() for _ in range(slow.qsize())] == [{"seq": 0}, {"seq": 1}, None]
+    assert [slow.get_nowait() for _ in range(slow.qsize())] == [
+        ("journal", {"seq": 0}), ("journal", {"seq": 1}), None]
     assert quick.get_nowait() is None
 
 
