@@ -9,9 +9,11 @@ import sys
 
 from . import __version__, commands, device
 from .catalogue import DEFAULT_FILE
+from .checks import words as checks
 from .faults import CONNECTION_FAULTS, ENDPOINTS, KINDS, RESERVED, ConnectionKind, Kind
 from .folder import LabError, default_path
 from .methods import METHODS
+from .words import add, decimal, match_options, number
 
 _DESCRIPTION = """\
 A store of your own with a device in front of it: a private bus, the billing service, a software token and a store
@@ -25,7 +27,10 @@ Five minutes:
   billing-lab call confirm_purchase invoiceid=INV-000003
   billing-lab fault status --code 503 --endpoint confirm --count 1
   billing-lab journal
+  billing-lab verify                                did the app do what no app may do?
   billing-lab down
+
+In any CI: billing-lab run -- COMMAND
 
 Exit status: 0 done, 1 failed (the reason is on standard error), 2 wrong usage; others stand with their command."""
 
@@ -50,6 +55,7 @@ def parser() -> argparse.ArgumentParser:
     _device(words)
     _faults(words)
     _journal(words)
+    checks.add_all(words)
     return made
 
 
@@ -60,52 +66,43 @@ def _version() -> str:
                       ssl.OPENSSL_VERSION, f"SQLite {sqlite3.sqlite_version}", *libraries])
 
 
-def _add(words, name: str, run, what: str, json: bool = True, **options) -> argparse.ArgumentParser:
-    made = words.add_parser(name, help=what, description=what[0].upper() + what[1:] + ".",
-                            formatter_class=argparse.RawDescriptionHelpFormatter, **options)
-    made.set_defaults(run=run)
-    if json:
-        made.add_argument("--json", action="store_true", help="print JSON")
-    return made
-
-
 def _life(words) -> None:
-    made = _add(words, "up", commands.up, "start the lab, or say how to reach it when it is up")
+    made = add(words, "up", commands.up, "start the lab, or say how to reach it when it is up")
     made.add_argument("--seed", metavar="FILE", help="read this catalogue, as `seed` does")
     made.add_argument("--stay", action="store_true", help="stay, and end the lab at Ctrl-C")
     made.add_argument("--log-level", choices=("debug", "info", "warning", "error"), default="info",
                       help="what the daemon logs, this and worse (default: info)")
-    _add(words, "down", commands.down, "end the lab; purchases, journal and device stay in its folder",
+    add(words, "down", commands.down, "end the lab; purchases, journal and device stay in its folder",
          json=False)
-    _add(words, "status", commands.status, "show what is up, and how the lab is set")
-    made = _add(words, "logs", commands.logs, "show a log; private values of the lab are not hidden",
+    add(words, "status", commands.status, "show what is up, and how the lab is set")
+    made = add(words, "logs", commands.logs, "show a log; private values of the lab are not hidden",
                 json=False)
     made.add_argument("part", nargs="?", choices=("daemon", "lab"), default="daemon",
                       help="whose log (default: daemon)")
-    made.add_argument("--lines", type=_number(0), default=100, metavar="N",
+    made.add_argument("--lines", type=number(0), default=100, metavar="N",
                       help="the last N lines, 0 or more (default: 100)")
     made.add_argument("--follow", action="store_true", help="go on until Ctrl-C")
-    _add(words, "doctor", commands.doctor, "run `billingctl doctor` where the daemon runs, with the "
+    add(words, "doctor", commands.doctor, "run `billingctl doctor` where the daemon runs, with the "
          "daemon's view of files and its environment; it is told all further words", json=False)
-    made = _add(words, "call", commands.call, "call a method of the service, as an app does",
+    made = add(words, "call", commands.call, "call a method of the service, as an app does",
                 epilog="Exit status: 0 for resp_result 0, 3 for -1, 4 for 1160003, 5 without an answer.\n\n"
                 "Arguments, with their defaults:\n" + "\n".join(
                     f"  {name}  " + " ".join(f"{key}={value}" for key, value in known.items())
                     for name, known in METHODS.items()))
     made.add_argument("method", choices=METHODS, metavar="METHOD", help=", ".join(METHODS))
     made.add_argument("values", nargs="*", default=[], metavar="NAME=VALUE", help="arguments of the method")
-    made.add_argument("--timeout", type=_number(1), default=100, metavar="SECONDS",
+    made.add_argument("--timeout", type=number(1), default=100, metavar="SECONDS",
                       help="how long to wait for the answer, 1 or more (default: 100; the service "
                       "itself gives up after 90)")
 
 
 def _store(words) -> None:
-    made = _add(words, "seed", commands.seed, "read a catalogue in place of all products, users and "
+    made = add(words, "seed", commands.seed, "read a catalogue in place of all products, users and "
                 "invoices", json=False, epilog=f"A catalogue to begin with: {DEFAULT_FILE}\n"
                 "Its form: catalogue.schema.json beside it. What is wrong is said with line and cure.")
     made.add_argument("file", metavar="FILE", help="the catalogue, a JSON file")
-    _add(words, "reset", commands.reset, "go back to the state after the last seed", json=False)
-    made = _add(words, "buy", commands.buy, "buy a product: makes an invoice", epilog=_OUTCOMES)
+    add(words, "reset", commands.reset, "go back to the state after the last seed", json=False)
+    made = add(words, "buy", commands.buy, "buy a product: makes an invoice", epilog=_OUTCOMES)
     made.add_argument("product", metavar="PRODUCT", help="id of a product")
     made.add_argument("--app", metavar="ID", help="the app (default: the first that sells it)")
     made.add_argument("--user", metavar="UID", help="who buys (default: who is signed in)")
@@ -115,21 +112,21 @@ def _store(words) -> None:
     for name, run, what in (
             ("cancel", commands.cancel, "call off a purchase that was not confirmed yet"),
             ("refund", commands.refund, "give the money for a purchase back")):
-        _add(words, name, run, what).add_argument("invoice", metavar="INVOICE", help="id of an invoice")
-    made = _add(words, "invoices", commands.invoices, "list the invoices, the newest first")
+        add(words, name, run, what).add_argument("invoice", metavar="INVOICE", help="id of an invoice")
+    made = add(words, "invoices", commands.invoices, "list the invoices, the newest first")
     made.add_argument("--user", metavar="UID", help="those of this user (default: all)")
-    made = _add(words, "answer", commands.answer, "answer an endpoint with a body of your own; the store "
+    made = add(words, "answer", commands.answer, "answer an endpoint with a body of your own; the store "
                 "still does its work", json=False)
     made.add_argument("endpoint", choices=ENDPOINTS, metavar="ENDPOINT", help=", ".join(ENDPOINTS))
     made.add_argument("file", nargs="?", metavar="FILE", help="the body, any bytes")
-    made.add_argument("--status", type=_number(200, 599), metavar="N",
+    made.add_argument("--status", type=number(200, 599), metavar="N",
                       help="HTTP status, 200 to 599 (default: 200)")
     made.add_argument("--type", metavar="TYPE", help="content type (default: application/json)")
     made.add_argument("--built-in", action="store_true", help="answer as the lab does again")
 
 
 def _device(words) -> None:
-    made = _add(words, "device", commands.device, "show the device, or set one of its switches; it takes "
+    made = add(words, "device", commands.device, "show the device, or set one of its switches; it takes "
                 "effect at the next call", epilog="""\
 Switches:
   signed-out               nobody is signed in
@@ -146,7 +143,7 @@ Switches:
 
 
 def _faults(words) -> None:
-    made = _add(words, "fault", commands.fault, "make answers or connections go wrong", json=False,
+    made = add(words, "fault", commands.fault, "make answers or connections go wrong", json=False,
                 epilog="The first fault that fits a request strikes; those behind it are as if it had not come. So faults "
                 "with --count 1 are a sequence, and `pass` in it lets an answer through. Each draws its random numbers from its "
                 "seed, so that a run repeats.")
@@ -162,7 +159,7 @@ def _faults(words) -> None:
     kinds.add_parser("list", help="show the faults").add_argument("--json", action="store_true",
                                                                   help="print JSON")
     each = kinds.add_parser("clear", help="end faults, and the hanging answers that they hold")
-    each.add_argument("number", nargs="?", type=_number(1), metavar="NUMBER",
+    each.add_argument("number", nargs="?", type=number(1), metavar="NUMBER",
                       help="the one to end (default: all, those of the connection too)")
 
 
@@ -177,21 +174,21 @@ def _of_all(name: str, kind: ConnectionKind) -> str:
 
 def _options_of(made: argparse.ArgumentParser, kind: Kind | ConnectionKind) -> None:
     for option, known in kind.options.items():
-        made.add_argument(f"--{option}", type=_number(known.least, known.most), metavar="N",
+        made.add_argument(f"--{option}", type=number(known.least, known.most), metavar="N",
                           help=f"{known.unit}, {known.least} to {known.most} (default: {known.default})")
 
 
 def _fault_options(made: argparse.ArgumentParser, kind: Kind) -> None:
-    _match_options(made)
-    made.add_argument("--skip", type=_number(0, 1_000_000), metavar="N",
+    match_options(made)
+    made.add_argument("--skip", type=number(0, 1_000_000), metavar="N",
                       help="how many requests that fit pass first, 0 to 1000000 (default: 0)")
-    made.add_argument("--count", type=_number(1, 1_000_000), metavar="N",
+    made.add_argument("--count", type=number(1, 1_000_000), metavar="N",
                       help="how often, 1 to 1000000 (default: without end)")
-    made.add_argument("--seconds", type=_decimal(0.001, 86_400), metavar="S",
+    made.add_argument("--seconds", type=decimal(0.001, 86_400), metavar="S",
                       help="how long from now, 0.001 to 86400 seconds (default: without end)")
-    made.add_argument("--chance", type=_decimal(0, 1), metavar="P",
+    made.add_argument("--chance", type=decimal(0, 1), metavar="P",
                       help="how likely for each request, 0 to 1 (default: 1)")
-    made.add_argument("--seed", type=_number(0, 2**63 - 1), metavar="N",
+    made.add_argument("--seed", type=number(0, 2**63 - 1), metavar="N",
                       help="of its random numbers, 0 or more (default: 1)")
     if kind.says_undone:
         return
@@ -203,55 +200,21 @@ def _fault_options(made: argparse.ArgumentParser, kind: Kind) -> None:
                       help=f"the store does nothing {_default(now[1])}")
 
 
-def _match_options(made: argparse.ArgumentParser, endpoint: bool = True) -> None:
-    """Which requests are meant: the words of matching.py."""
-    if endpoint:
-        made.add_argument("--endpoint", choices=(*ENDPOINTS, *METHODS), metavar="ENDPOINT",
-                          help=f"only there: {', '.join(ENDPOINTS)}, or the method's name (default: everywhere)")
-    made.add_argument("--app", metavar="ID", help="only of this app (default: every app)")
-    made.add_argument("--user", metavar="UID", help="only of this user (default: every user)")
-    made.add_argument("--invoice", metavar="ID", help="only for this invoice (default: every one)")
-    made.add_argument("--product", metavar="ID", help="only for invoices of this product (default: every one)")
-    made.add_argument("--custom-id", metavar="ID", help="only with this customId (default: every one)")
-    made.add_argument("--header", metavar="NAME[: VALUE]", help="only with this header (default: any headers)")
-
-
 def _default(text: str) -> str:
     return f"({text})" if text else ""
 
 
 def _journal(words) -> None:
-    made = _add(words, "journal", commands.show_journal, "show every request: when, what, with which "
+    made = add(words, "journal", commands.show_journal, "show every request: when, what, with which "
                 "certificate and handshake, and its answer. Nothing is hidden: the values are the lab's own",
                 epilog="With --json, each entry is one line and whole: headers, bodies and certificate too.")
     made.add_argument("--follow", action="store_true", help="go on until Ctrl-C")
-    made.add_argument("--last", type=_number(0), metavar="N", help="the last N entries, 0 or more "
+    made.add_argument("--last", type=number(0), metavar="N", help="the last N entries, 0 or more "
                       "(default: all; the newest 10000 are kept)")
-    made = _add(words, "check", commands.check, "say whether requests are exactly what the service sends on "
+    made = add(words, "check", commands.check, "say whether requests are exactly what the service sends on "
                 "this device", json=False, epilog="Exit status 1 when one is not.")
-    made.add_argument("--last", type=_number(1), metavar="N",
+    made.add_argument("--last", type=number(1), metavar="N",
                       help="of the last N entries of the journal, 1 or more (default: all)")
-
-
-def _number(least: int, most: int | None = None):
-    return _ranged(int, least, most)
-
-
-def _decimal(least: float, most: float):
-    return _ranged(float, least, most)
-
-
-def _ranged(kind, least, most):
-    def read(text: str):
-        try:
-            value = kind(text)
-        except ValueError:
-            value = None
-        if value is None or not (least <= value and (most is None or value <= most)):
-            bounds = f"of {least} or more" if most is None else f"from {least} to {most}"
-            raise argparse.ArgumentTypeError(f"{text!r} is no number {bounds}")
-        return value
-    return read
 
 
 def main(arguments: list[str]) -> int:

@@ -90,16 +90,18 @@ class Lab:
 
     def ask(self, method: str, path: str, body: object = None, timeout: float = 60):
         """One request to the control interface."""
+        return json.loads(self.ask_text(method, path, body, timeout))
+
+    def ask_text(self, method: str, path: str, body: object = None, timeout: float = 60) -> str:
         connection, response = self._connect(method, path, body, timeout)
         with contextlib.closing(connection):
             text = response.read().decode()
+        if response.status == 200:
+            return text
         try:
-            answer = json.loads(text)
+            raise LabError(json.loads(text)["error"])
         except ValueError:
-            raise LabError(f"the lab failed ({response.status}); see `billing-lab logs lab`") from None
-        if response.status != 200:
-            raise LabError(answer["error"])
-        return answer
+            raise LabError(f"the lab failed ({response.status}): {text}") from None
 
     def status(self) -> dict:
         return self.ask("GET", "/api/status")
@@ -152,6 +154,41 @@ class Lab:
     def connection(self, fault: str, **options: int) -> None:
         """A fault of every connection with its options, or "none"."""
         self.ask("POST", "/api/connection", {"fault": fault, **options})
+
+    # Checks of an app
+
+    def asked(self, endpoint: str | None = None, **wanted) -> dict:
+        """How often something was asked. @param endpoint an endpoint's or a method's name
+        @param wanted app, user, invoice, product, custom_id, header; times, or at_least and at_most; after
+        @return ok, found (numbers of the journal), near, message"""
+        return self.ask("POST", "/api/asked", {"endpoint": endpoint, **wanted})
+
+    def assert_asked(self, endpoint: str | None = None, **wanted) -> list[int]:
+        """Fails unless asked() is ok. @return the numbers of the entries found"""
+        told = self.asked(endpoint, **wanted)
+        if not told["ok"]:
+            raise AssertionError(told["message"])
+        return told["found"]
+
+    def expect(self, endpoint: str | None = None, **wanted) -> dict:
+        """What asked() is told, judged by verify()."""
+        return self.ask("POST", "/api/expectations", {"endpoint": endpoint, **wanted})
+
+    def verify(self, **wanted) -> dict:
+        """@param wanted rules, more (names of rules), polls. @return ok, requests and checks, as checks/report.py
+        makes them"""
+        return self.ask("POST", "/api/verify", wanted)
+
+    def assert_verified(self, **wanted) -> None:
+        """Fails where verify() finds something bad."""
+        told = self.verify(**wanted)
+        if not told["ok"]:
+            raise AssertionError("\n".join(f"{check['name']}: {check['message']}"
+                                           for check in told["checks"] if not check["ok"]))
+
+    def report(self, form: str, **wanted) -> str:
+        """The same as a text: "junit" or "page"."""
+        return self.ask_text("POST", f"/api/verify?form={form}", wanted)
 
     def journal(self, after: int = 0, last: int | None = None) -> list[dict]:
         return self.ask("GET", _with_query("/api/journal", after=after, last=last))

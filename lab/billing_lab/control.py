@@ -16,15 +16,17 @@ from aiohttp import web
 
 from . import catalogue, dashboard, journal, purchases, state
 from .catalogue import CatalogueError
+from .checks import asked, report
 from .core import Core
 from .device import DeviceError
 from .faults import FaultError
 from .folder import LabError
+from .matching import MatchError
 from .store import Refusal
 
 Handler = Callable[[web.Request], Awaitable[web.StreamResponse]]
 
-_WRONG = (CatalogueError, DeviceError, FaultError, LabError, Refusal)
+_WRONG = (CatalogueError, DeviceError, FaultError, LabError, MatchError, Refusal)
 HEARTBEAT_SECONDS = 15
 
 
@@ -41,6 +43,9 @@ def application(core: Core, token: str) -> web.Application:
         web.get("/api/device", _device), web.post("/api/device", _switch),
         web.get("/api/faults", _faults), web.post("/api/faults", _add_fault),
         web.delete("/api/faults", _clear_faults), web.post("/api/connection", _connection),
+        web.post("/api/asked", _asked), web.get("/api/expectations", _expectations),
+        web.post("/api/expectations", _expect), web.delete("/api/expectations", _forget),
+        web.post("/api/verify", _verify),
         web.get("/api/journal", _journal), web.get("/api/events", _events), *dashboard.routes()])
     return made
 
@@ -158,6 +163,37 @@ async def _connection(request: web.Request) -> web.Response:
     connections.switch(**(await request.json()))
     await connections.dropped()
     return web.json_response({})
+
+
+async def _asked(request: web.Request) -> web.Response:
+    wanted = asked.read_expectation(await request.json())
+    return web.json_response(asked.judge(journal.entries(_core(request).db, wanted.after), wanted))
+
+
+async def _expectations(request: web.Request) -> web.Response:
+    return web.json_response([each.describe() for each in _core(request).expectations])
+
+
+async def _expect(request: web.Request) -> web.Response:
+    wanted = asked.read_expectation(await request.json())
+    _core(request).expectations.append(wanted)
+    return web.json_response(wanted.describe())
+
+
+async def _forget(request: web.Request) -> web.Response:
+    core = _core(request)
+    forgotten, core.expectations = len(core.expectations), []
+    return web.json_response({"forgotten": forgotten})
+
+
+async def _verify(request: web.Request) -> web.Response:
+    made, entries = _core(request).report(await request.json())
+    form = request.query.get("form", "json")
+    if form == "junit":
+        return web.Response(text=report.junit(made), content_type="application/xml")
+    if form == "page":
+        return web.Response(text=report.page(made, entries), content_type="text/html")
+    return web.json_response(made)
 
 
 async def _journal(request: web.Request) -> web.Response:

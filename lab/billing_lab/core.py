@@ -6,6 +6,7 @@ import shutil
 import socket
 
 from . import catalogue, device, faults, journal, purchases, state, tls
+from .checks import asked, report
 from .folder import Folder
 from .matching import PAYMENTS
 from .simulator import Simulator
@@ -27,6 +28,7 @@ class Core:
         self.simulator.connections.changed = self.changed
         self._change: asyncio.TimerHandle | None = None
         self._seeds = 0
+        self.expectations: list[asked.Expectation] = []
         self.ending = asyncio.Event()
         if state.fact(self.db, "catalogue") is None:
             self.take(catalogue.load(catalogue.DEFAULT_FILE), catalogue.DEFAULT_FILE)
@@ -98,6 +100,7 @@ class Core:
     def reset(self) -> None:
         """As it was after the last seed: no purchase, fault or entry since, the device as it was made."""
         self.simulator.reset()
+        self.expectations = []
         state.seed(self.db, state.fact(self.db, "catalogue"))
         journal.clear(self.db)
         made = device.read(self.folder.settings.with_name("device.initial"))
@@ -138,6 +141,13 @@ class Core:
         return {endpoint: {"status": own.get("status", 200), "type": own.get("type", "application/json"),
                            "bytes": len(own["body"])}
                 for endpoint, own in state.fact(self.db, "answers", {}).items()}
+
+    # Checks of the app
+
+    def report(self, wanted: dict) -> tuple[dict, list[dict]]:
+        """@return what report.make() says of the run since the last reset, and the journal"""
+        entries = journal.entries(self.db)
+        return report.make(entries, state.invoices(self.db), self.expectations, wanted), entries
 
     def end(self) -> None:
         self.ending.set()

@@ -37,3 +37,10 @@ def billing_lab(billing_lab_running, billing_lab_catalogue, monkeypatch) -> clie
     billing_lab_running.reset()
     monkeypatch.setitem(os.environ, "DBUS_SYSTEM_BUS_ADDRESS", billing_lab_running.bus)
     return billing_lab_running
+
+
+@pytest.fixture
+def billing_lab_verified(billing_lab) -> Iterator[client.Lab]:
+    """The same lab; at its end the test fails where the app broke one of the usual rules, or an expectation."""
+    yield billing_lab
+    billing_lab.assert_verified()

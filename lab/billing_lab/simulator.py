@@ -94,7 +94,8 @@ class Simulator:
             entry["asked"] = asked.describe()
             fault = self._fault_for(asked, exchange.link.protocol)
             done = fault is None or fault.done
-            reply = store.answer(self.db, ask) if done else store.Reply(200, b"{}")
+            reply = store.answer(self.db, ask) if done else store.Reply(200, b"{}", done=False)
+            entry["work"] = reply.done
         else:
             reply = ask
         reply = answers.spoilt(reply, fault)

@@ -40,6 +40,8 @@ class Reply:
     status: int
     body: bytes
     type: str = "application/json"
+    # Did the store do what it was asked for?
+    done: bool = True
 
 
 class Refusal(Exception):
@@ -55,7 +57,7 @@ def now() -> str:
 
 
 def failure(status: int, code: str, message: str) -> Reply:
-    return Reply(status, _json({"status": "error", "code": code, "message": message}))
+    return Reply(status, _json({"status": "error", "code": code, "message": message}), done=False)
 
 
 def answer(db: sqlite3.Connection, ask: Ask) -> Reply:
@@ -74,7 +76,7 @@ def answer(db: sqlite3.Connection, ask: Ask) -> Reply:
     if own is None:
         return reply
     return Reply(own.get("status", 200), own["body"].encode("latin-1"),
-                 own.get("type", "application/json"))
+                 own.get("type", "application/json"), reply.done)
 
 
 def _refused(refusal: Refusal) -> Reply:

@@ -1,0 +1,1 @@
+"""Checks of an app: what it asked, judged by the journal."""

@@ -1,0 +1,74 @@
+"""A command in front of a lab of its own: starts both, ends both, and judges."""
+import contextlib
+import os
+import pathlib
+import signal
+import subprocess
+import sys
+import tempfile
+from collections.abc import Callable, Iterator
+
+from ..client import Lab, running
+from ..folder import LabError, named_errors
+from . import report
+
+TOO_LONG = 124
+_END_SECONDS = 5
+
+
+def run(command: list[str], folder: str | None, seed: str | None, seconds: int | None,
+        judge: Callable[[Lab], dict]) -> int:
+    """@param folder where the lab lives; None for one that goes with it
+    @param judge makes the report when the command has ended
+    @return the exit status that `billing-lab run` describes
+    """
+    words = command[1:] if command[:1] == ["--"] else command
+    if not words:
+        raise LabError("name the command to run: billing-lab run -- COMMAND")
+    for number in (signal.SIGTERM, signal.SIGHUP):
+        signal.signal(number, signal.default_int_handler)
+    with _place(folder) as place, named_errors(), running(place) as lab:
+        if seed is not None:
+            lab.seed(seed)
+        lab.reset()
+        status = _status(words, lab, seconds)
+        told = judge(lab)
+        print(report.text(told), file=sys.stderr)
+    if status != 0:
+        print(f"billing-lab: {words[0]} ended with status {status}", file=sys.stderr)
+        return status
+    return 0 if told["ok"] else 1
+
+
+@contextlib.contextmanager
+def _place(folder: str | None) -> Iterator[pathlib.Path]:
+    if folder is not None:
+        yield pathlib.Path(folder)
+        return
+    with tempfile.TemporaryDirectory(prefix="billing-lab-") as made:
+        yield pathlib.Path(made) / "lab"
+
+
+def _status(words: list[str], lab: Lab, seconds: int | None) -> int:
+    """Runs the command to its end, and ends what it has left of its process group."""
+    environment = {**os.environ, "DBUS_SYSTEM_BUS_ADDRESS": lab.bus, "BILLING_LAB_DIR": str(lab.folder.path)}
+    try:
+        process = subprocess.Popen(words, env=environment, process_group=0)
+    except OSError as error:
+        raise LabError(f"{words[0]}: {error.strerror}; name a command that can be run") from None
+    try:
+        status = process.wait(seconds)
+    except subprocess.TimeoutExpired:
+        print(f"billing-lab: {words[0]} took longer than {seconds} seconds", file=sys.stderr)
+        status = TOO_LONG
+    finally:
+        _end(process)
+    return 128 - status if status < 0 else status
+
+
+def _end(process: subprocess.Popen) -> None:
+    for number in (signal.SIGTERM, signal.SIGKILL):
+        with contextlib.suppress(ProcessLookupError):
+            os.killpg(process.pid, number)
+        with contextlib.suppress(subprocess.TimeoutExpired):
+            process.wait(_END_SECONDS)

@@ -1,0 +1,47 @@
+"""What the parts of the command line have in common."""
+import argparse
+
+from .matching import ENDPOINT_OF, ENDPOINTS
+
+
+def add(words, name: str, run, what: str, json: bool = True, **options) -> argparse.ArgumentParser:
+    made = words.add_parser(name, help=what, description=what[0].upper() + what[1:] + ".",
+                            formatter_class=argparse.RawDescriptionHelpFormatter, **options)
+    made.set_defaults(run=run)
+    if json:
+        made.add_argument("--json", action="store_true", help="print JSON")
+    return made
+
+
+def match_options(made: argparse.ArgumentParser, endpoint: bool = True) -> None:
+    """Which requests are meant: the words of matching.py."""
+    if endpoint:
+        made.add_argument("--endpoint", choices=(*ENDPOINTS, *ENDPOINT_OF), metavar="ENDPOINT",
+                          help=f"only there: {', '.join(ENDPOINTS)}, or the method's name (default: everywhere)")
+    made.add_argument("--app", metavar="ID", help="only of this app (default: every app)")
+    made.add_argument("--user", metavar="UID", help="only of this user (default: every user)")
+    made.add_argument("--invoice", metavar="ID", help="only for this invoice (default: every one)")
+    made.add_argument("--product", metavar="ID", help="only for invoices of this product (default: every one)")
+    made.add_argument("--custom-id", metavar="ID", help="only with this customId (default: every one)")
+    made.add_argument("--header", metavar="NAME[: VALUE]", help="only with this header (default: any headers)")
+
+
+def number(least: int, most: int | None = None):
+    return _ranged(int, least, most)
+
+
+def decimal(least: float, most: float):
+    return _ranged(float, least, most)
+
+
+def _ranged(kind, least, most):
+    def read(text: str):
+        try:
+            value = kind(text)
+        except ValueError:
+            value = None
+        if value is None or not (least <= value and (most is None or value <= most)):
+            bounds = f"of {least} or more" if most is None else f"from {least} to {most}"
+            raise argparse.ArgumentTypeError(f"{text!r} is no number {bounds}")
+        return value
+    return read
