@@ -102,6 +102,8 @@ def _store(words) -> None:
                 "Its form: catalogue.schema.json beside it. What is wrong is said with line and cure.")
     made.add_argument("file", metavar="FILE", help="the catalogue, a JSON file")
     add(words, "reset", commands.reset, "go back to the state after the last seed", json=False)
+    add(words, "usual", commands.usual, "end all that is not as usual: faults, own answers, switches of the device; "
+        "purchases and journal stay", json=False)
     made = add(words, "buy", commands.buy, "buy a product: makes an invoice", epilog=_OUTCOMES)
     made.add_argument("product", metavar="PRODUCT", help="id of a product")
     made.add_argument("--app", metavar="ID", help="the app (default: the first that sells it)")

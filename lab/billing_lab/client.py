@@ -112,6 +112,10 @@ class Lab:
     def reset(self) -> dict:
         return self.ask("POST", "/api/reset", {})
 
+    def usual(self) -> None:
+        """Ends all that is not as usual: faults, own answers, switches of the device. Purchases and journal stay."""
+        self.ask("POST", "/api/usual", {})
+
     def answer(self, endpoint: str, body: bytes | None, status: int | None = None,
                type: str | None = None) -> None:
         """A body of one's own for an endpoint; None for the built-in one again."""

@@ -152,6 +152,14 @@ def reset(options: argparse.Namespace) -> int:
     return 0
 
 
+def usual(options: argparse.Namespace) -> int:
+    lab = _lab(options)
+    ended = lab.status()["unusual"]
+    lab.usual()
+    print("\n".join(f"ended: {text}" for text in ended) or "Everything was as usual.")
+    return 0
+
+
 def buy(options: argparse.Namespace) -> int:
     made = _lab(options).buy(options.product, app=options.app, user=options.user,
                              country=options.country, custom_id=options.custom_id)

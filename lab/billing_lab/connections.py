@@ -111,6 +111,14 @@ class Connections:
                 "connections": {"open": len(self._links), "silent": sum(link.silent for link in self._links),
                                 "listening": self._listening.is_set()}}
 
+    def unusual(self) -> list[str]:
+        """What is not as usual with all connections, each in a few words."""
+        told = [] if self.fault == "none" else [f"connections: {faults.CONNECTION_FAULTS[self.fault].what}"]
+        silent = sum(link.silent for link in self._links)
+        if silent:
+            told.append(f"connections: {silent} silent")
+        return told if self._listening.is_set() else [*told, "connections: the store is down until its restart ends"]
+
     def _drop(self) -> None:
         for task in list(self._opening):
             task.cancel()

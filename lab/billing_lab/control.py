@@ -36,6 +36,7 @@ def application(core: Core, token: str) -> web.Application:
     made.add_routes([
         web.get("/api/status", _status), web.post("/api/stop", _stop),
         web.post("/api/seed", _seed), web.post("/api/reset", _reset),
+        web.post("/api/usual", _usual),
         web.get("/api/catalogue", _catalogue), web.post("/api/answers", _answers),
         web.get("/api/invoices", _invoices), web.post("/api/buy", _buy),
         web.post("/api/cancel", _undo(purchases.cancel)),
@@ -106,6 +107,11 @@ async def _reset(request: web.Request) -> web.Response:
     _core(request).reset()
     await _core(request).simulator.connections.dropped()
     return web.json_response(_core(request).summary())
+
+
+async def _usual(request: web.Request) -> web.Response:
+    await _core(request).usual()
+    return web.json_response({})
 
 
 async def _catalogue(request: web.Request) -> web.Response:

@@ -7,6 +7,7 @@ import socket
 
 from . import catalogue, device, faults, journal, purchases, state, tls
 from .checks import asked, report
+from .device import Settings
 from .folder import Folder
 from .matching import PAYMENTS
 from .simulator import Simulator
@@ -53,7 +54,7 @@ class Core:
         now = asyncio.get_running_loop().time()
         told = [{**fault.describe(now), "over": fault.is_over(now)} for fault in self.simulator.faults]
         return {**self.info, "device": self.device(), "catalogue": self.summary(), "faults": told,
-                "answers": self.answers(), "journal": journal.span(self.db), **self.simulator.connections.describe()}
+                "answers": self.answers(), "unusual": self.unusual(), "journal": journal.span(self.db), **self.simulator.connections.describe()}
 
     # The device
 
@@ -81,14 +82,47 @@ class Core:
         signed_in = self.device()["signed_in"]
         if signed_in and signed_in not in [user["uid"] for user in read["users"]]:
             self.switch("signed-in", read["users"][0]["uid"])
-        self._set_device(read)
+        for name, wanted in read.get("device", {}).items():
+            self.switch(name, wanted)
         state.set_fact(self.db, "seed", str(file))
         self._seeds += 1
         return self.summary()
 
-    def _set_device(self, read: dict) -> None:
-        for name, wanted in read.get("device", {}).items():
-            self.switch(name, wanted)
+    def _usual_settings(self) -> Settings:
+        """The device as it was made, with what the catalogue sets."""
+        made = device.read(self.folder.settings.with_name("device.initial"))
+        for name, address in self.info["store"].items():
+            made["deployment"][f"{name}_host"] = address.removeprefix("https://")
+        read, token = state.fact(self.db, "catalogue"), state.fact(self.db, "token")
+        switches = dict(read.get("device", {}))
+        if device.value(made, device.UID) not in [user["uid"] for user in read["users"]]:
+            switches.setdefault("signed-in", read["users"][0]["uid"])
+        for name, wanted in switches.items():
+            device.apply(made, device.switched(name, wanted, read["users"], token))
+        return made
+
+    def unusual(self) -> list[str]:
+        """All that is not as the catalogue and a new device have it, each in a few words."""
+        usual = device.describe(self._usual_settings(), state.fact(self.db, "token"))
+        now = asyncio.get_running_loop().time()
+        told = [f"device: {name.replace('_', ' ')} {value or 'none'}, usually {usual[name] or 'none'}"
+                for name, value in self.device().items() if value != usual[name] and name != "guid"]
+        own = state.fact(self.db, "catalogue").get("answers", {})
+        told += [f"own answer at {endpoint}" for endpoint, answer in state.fact(self.db, "answers", {}).items()
+                 if own.get(endpoint) != answer]
+        told += [f"answer built in at {endpoint}, not the catalogue's" for endpoint in own
+                 if endpoint not in state.fact(self.db, "answers", {})]
+        told += [f"fault {fault.kind} at {fault.match.endpoint or 'every endpoint'}"
+                 for fault in self.simulator.faults if not fault.is_over(now)]
+        return told + self.simulator.connections.unusual()
+
+    async def usual(self) -> None:
+        """Ends all of that. Purchases and journal stay."""
+        self.simulator.clear_faults()
+        self.simulator.connections.switch("none")
+        state.set_fact(self.db, "answers", state.fact(self.db, "catalogue").get("answers", {}))
+        device.write(self.folder.settings, self._usual_settings())
+        await self.simulator.connections.dropped()
 
     def summary(self) -> dict:
         read = state.fact(self.db, "catalogue")
@@ -103,14 +137,7 @@ class Core:
         self.expectations = []
         state.seed(self.db, state.fact(self.db, "catalogue"))
         journal.clear(self.db)
-        made = device.read(self.folder.settings.with_name("device.initial"))
-        for name, address in self.info["store"].items():
-            made["deployment"][f"{name}_host"] = address.removeprefix("https://")
-        device.write(self.folder.settings, made)
-        users = state.fact(self.db, "catalogue")["users"]
-        if device.value(made, device.UID) not in [user["uid"] for user in users]:
-            self.switch("signed-in", users[0]["uid"])
-        self._set_device(state.fact(self.db, "catalogue"))
+        device.write(self.folder.settings, self._usual_settings())
 
     def buy(self, wanted: dict) -> dict:
         """What is not said is the device's, or the first of the catalogue."""

@@ -57,12 +57,16 @@ def value(settings: Settings, key: tuple[str, str]) -> str:
 def change(file: pathlib.Path, changes: dict[tuple[str, str], str | None]) -> None:
     """Sets values; None takes one out."""
     settings = read(file)
+    apply(settings, changes)
+    write(file, settings)
+
+
+def apply(settings: Settings, changes: dict[tuple[str, str], str | None]) -> None:
     for (group, key), new in changes.items():
         if new is None:
             settings.get(group, {}).pop(key, None)
         else:
             settings.setdefault(group, {})[key] = new
-    write(file, settings)
 
 
 def facts(settings: Settings, certificate: str) -> dict:

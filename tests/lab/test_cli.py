@@ -212,6 +212,19 @@ def test_faults_of_the_connection_are_set_with_their_numbers_and_shown(run, lab)
     assert printed(run("fault", "list")) == "connection: none\n"
 
 
+def test_what_is_not_as_usual_is_ended(run, lab, tmp_path):
+    body = tmp_path / "body"
+    body.write_bytes(b"{}")
+    name = lab.buy("coins-100")["id"]
+    for words in (("fault", "reset"), ("device", "signed-out"), ("answer", "apply", body), ("fault", "expired")):
+        printed(run(*words))
+    assert printed(run("usual")) == (
+        "ended: device: signed in none, usually lab@example.org\nended: own answer at apply\n"
+        "ended: fault reset at every endpoint\nended: connections: the server's certificate has expired\n")
+    assert printed(run("usual")) == "Everything was as usual.\n"
+    assert lab.invoices()[0]["id"] == name and lab.call("check_server_availability")[0] == 0
+
+
 def test_a_fault_says_what_it_struck(run, lab):
     assert printed(run("fault", "status", "--endpoint", "confirm_purchase", "--invoice", "INV-SEED-2", "--skip", "1",
                        "--count", "1")) == ("1  status  code 500, endpoint confirm, invoice INV-SEED-2, skip 1, left 1, "

@@ -5,6 +5,7 @@ import json
 import os
 import pathlib
 import shutil
+import threading
 import time
 import urllib.parse
 
@@ -162,7 +163,7 @@ def test_a_fault_changes_the_answer_and_its_end_mends_it(page):
     assert page.call("check_server_availability")[0].startswith("resp_result -1")
     page.wait(lambda: any("fault reset" in row for row in page.rows()))
     page.picture("a-fault")
-    page.click("faults", "End all")
+    page.click("faults", "End all faults")
     page.wait(lambda: "No fault is on" in page.text("#faults ul"))
     assert page.call("check_server_availability")[0].startswith("resp_result 0")
 
@@ -175,7 +176,7 @@ def test_a_fault_of_the_connection_is_a_failed_handshake(page, lab):
     page.wait(lambda: lab.status()["connection"] == "refuse-tls")
     assert page.call("check_server_availability")[0].startswith("resp_result -1")
     page.wait(lambda: any("no connection" in row for row in page.rows()))
-    page.click("faults", "End all")
+    page.click("faults", "End all faults")
     page.wait(lambda: lab.status()["connection"] == "none")
 
 
@@ -378,8 +379,133 @@ def test_a_lab_that_is_gone_is_named(page, cli):
     page.wait(lambda: "billing-lab up" in page.text("#problem"))
     assert page.text("#link") in ("reconnecting ...", "not connected")
     page.picture("gone")
+    # It has its address and its token again, so the page goes on by itself.
+    assert cli("up").returncode == 0
+    page.wait(lambda: page.text("#link") == "live" and page.one("#problem").text == "")
+    assert cli("buy", "coins-100").returncode == 0
+    page.wait(lambda: "coins-100 of app-1" in page.text("#invoices ul"))
     page.driver.get("about:blank")
     page.complaints()  # the browser's own lines about the lost connection
+
+
+@in_a_browser
+def test_what_others_change_is_shown_and_ended_with_one_button(page, lab):
+    page.open()
+    assert not page.one("#banner").is_displayed()
+    lab.fault("hang", endpoint="confirm")
+    lab.device("country", "DE")
+    lab.answer("country", b"{}")
+    lab.connection("idle-close", ms=60000)
+    name = lab.buy("coins-100")["id"]
+    page.wait(lambda: len(page.all("#unusual li")) == 4)
+    assert [item.text for item in page.all("#unusual li")] == [
+        "device: country DE, usually US", "own answer at country", "fault hang at confirm",
+        "connections: a connection is closed after this time without a request, not after five seconds"]
+    assert "hang at confirm" in page.text("#faults ul") and name in page.text("#invoices ul")
+    assert page.field("device", "Country").get_property("value") == "DE"
+    page.picture("unusual")
+    page.click("banner", "End all of it")
+    page.wait(lambda: not page.one("#banner").is_displayed())
+    assert (lab.faults(), lab.status()["unusual"]) == ([], [])
+    assert page.field("device", "Country").get_property("value") == "US"
+    lab.reset()
+    page.wait(lambda: name not in page.text("#invoices ul"))
+
+
+@in_a_browser
+def test_a_request_that_hangs_is_shown_while_it_hangs(page, lab):
+    lab.fault("hang", endpoint="country")
+    page.open()
+    call = lab.start_call("check_server_availability")
+    page.wait(lambda: any("under way" in row for row in page.rows()))
+    lab.clear_faults()
+    assert lab.finish_call(call)[0] in (0, -1)
+    page.wait(lambda: any("ended without an answer" in row for row in page.rows()))
+
+
+@in_a_browser
+def test_the_answer_beside_a_call_is_its_own_or_none(page, lab):
+    """Other apps ask at the same time."""
+    lab.fault("delay", ms=400, endpoint="products", app="app-1")
+    page.open()
+    others, stop = [], threading.Event()
+
+    def ask():
+        while not stop.is_set():
+            others.append(lab.call("get_product_list", appid="app-2", CheckValue="check-2"))
+    thread = threading.Thread(target=ask)
+    thread.start()
+    try:
+        for _ in range(3):
+            _, answer = page.call("get_product_list")
+            sides = [side.text for side in page.all("#call .pair pre")]
+            assert sides[0] == sides[1] == answer
+            page.driver.execute_script("document.querySelector('#call .answer').replaceChildren()")
+    finally:
+        stop.set()
+        thread.join(60)
+    assert others
+
+
+@in_a_browser
+def test_a_choice_counts_when_it_is_made_not_while_one_goes_through_the_list(page, lab):
+    page.open()
+    server = page.field("device", "Server")
+    lab.device("server", "production")
+    page.wait(lambda: server.get_property("value") == "production")
+    server.send_keys(Keys.ARROW_DOWN)
+    page.wait(lambda: server.get_property("value") == "sandbox")
+    time.sleep(0.5)
+    assert lab.status()["device"]["server"] == "production"
+    server.send_keys(Keys.ENTER)
+    page.wait(lambda: lab.status()["device"]["server"] == "sandbox")
+
+
+@in_a_browser
+def test_the_focus_stays_in_a_list_that_changes(page, lab):
+    first, second = lab.buy("coins-100")["id"], lab.buy("coins-100")["id"]
+    page.open()
+    page.wait(lambda: second in page.text("#invoices ul"))
+    page.driver.execute_script("document.querySelector(`[aria-label='Refund ${arguments[0]}']`).focus()", first)
+    lab.buy("no-ads")
+    page.wait(lambda: "no-ads" in page.text("#invoices ul"))
+    focused = "return document.activeElement.getAttribute('aria-label')"
+    assert page.driver.execute_script(focused) == f"Refund {first}"
+    page.driver.switch_to.active_element.send_keys(Keys.ENTER)
+    page.wait(lambda: lab.invoices()[2]["status"] == "refunded")
+    page.wait(lambda: f"Refund {first}" not in page.one("#invoices ul").get_attribute("innerHTML"))
+    assert page.driver.execute_script("return document.querySelector('#invoices').contains(document.activeElement)")
+
+
+@in_a_browser
+@pytest.mark.parametrize("scheme", ["light", "dark"])
+def test_the_borders_of_controls_stand_out(page, scheme):
+    page.driver.execute_cdp_cmd("Emulation.setEmulatedMedia",
+                                {"features": [{"name": "prefers-color-scheme", "value": scheme}]})
+    page.open()
+    border, inside, around = page.driver.execute_script("""
+        const input = document.querySelector("#device input");
+        return [getComputedStyle(input).borderTopColor, getComputedStyle(input).backgroundColor,
+                getComputedStyle(input.closest("section")).backgroundColor];""")
+
+    def light(colour):
+        parts = [int(part) / 255 for part in colour.removeprefix("rgb(").removesuffix(")").split(", ")]
+        linear = [part / 12.92 if part <= 0.04045 else ((part + 0.055) / 1.055) ** 2.4 for part in parts]
+        return 0.2126 * linear[0] + 0.7152 * linear[1] + 0.0722 * linear[2]
+    for other in (inside, around):
+        high, low = sorted((light(border), light(other)), reverse=True)
+        assert (high + 0.05) / (low + 0.05) >= 3
+
+
+@in_a_browser
+def test_a_narrow_window_tells_how_a_request_ended(page, lab):
+    lab.fault("status", endpoint="country")
+    lab.call("check_server_availability")
+    page.open(NARROW)
+    page.wait(lambda: page.rows())
+    ended = page.one(".row > span:nth-child(6)")
+    assert ended.is_displayed() and "fault status" in ended.text
+    page.picture("narrow-row")
 
 
 @in_a_browser

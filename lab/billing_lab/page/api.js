@@ -34,10 +34,11 @@ export async function ask(path, { method = "GET", body } = {}) {
 
 export const send = (path, body, method = "POST") => ask(path, { method, body });
 
-/** Follows the journal. @param on {entry(entry), up(), down()} */
+/** Follows the journal and the lab's state. @param on {entry(entry), state(status), up(), down(ended)} */
 export function follow(after, on) {
   const source = new EventSource(`/api/events?token=${encodeURIComponent(token)}&after=${after}`);
-  source.addEventListener("journal", (event) => on.entry(JSON.parse(event.data)));
+  for (const name of ["journal", "begun"]) source.addEventListener(name, (event) => on.entry(JSON.parse(event.data)));
+  source.addEventListener("state", (event) => on.state(JSON.parse(event.data)));
   source.addEventListener("open", on.up);
   source.addEventListener("error", () => on.down(source.readyState === EventSource.CLOSED));
   // A browser keeps six connections to a server, also those of pages that it has put aside.

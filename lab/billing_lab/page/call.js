@@ -8,8 +8,11 @@ import { latest, since } from "./journal.js";
 const DEFAULTS = { appid: "app-1", serverType: "1", CheckValue: "check-1", customId: "custom-1", ItemType: "1", PageNumber: "1", invoiceid: "INV-SEED-2" };
 // The journal's entry may arrive a moment after the answer.
 const ENTRY_WAIT_MS = 1500;
+// Nothing was sent.
+const REFUSED = 1160003;
 
-export function start(methods) {
+/** @param endpointOf the endpoint that each method asks */
+export function start(methods, endpointOf) {
   const said = voice();
   const method = make("select");
   options(method, Object.keys(methods).map((name) => [name, name]), memory.get("method", "get_product_list"));
@@ -31,39 +34,62 @@ export function start(methods) {
   }
 
   async function call() {
+    const focused = document.activeElement === button;
     button.disabled = true;
     const before = latest();
     answer.replaceChildren(make("p", { class: "faint" }, "Waiting for the daemon ..."));
     try {
-      const told = await send("call", { method: method.value, arguments: Object.fromEntries(methods[method.value].map((name) => [name, values[name] ?? ""])) });
-      const entry = told.error ? undefined : await entryAfter(before, told.resp_result);
-      answer.replaceChildren(...partsOf(told, entry));
+      const sent = Object.fromEntries(methods[method.value].map((name) => [name, values[name] ?? ""]));
+      const endpoint = endpointOf[method.value];
+      const told = await send("call", { method: method.value, arguments: sent });
+      const found = told.error || told.resp_result === REFUSED ? [] : await entriesAfter(before, endpoint, sent, told);
+      answer.replaceChildren(...partsOf(told, found));
     } catch (problem) {
       answer.replaceChildren();
       throw problem;
     } finally {
       button.disabled = false;
+      if (focused) button.focus();
     }
   }
 }
 
-async function entryAfter(seq, result) {
-  const end = performance.now() + (result === 1160003 ? 0 : ENTRY_WAIT_MS);
+/** The requests that this call may have become: those that say what was sent. One is known by its answer. */
+async function entriesAfter(seq, endpoint, sent, told) {
+  const end = performance.now() + ENTRY_WAIT_MS;
   for (;;) {
-    const found = since(seq).at(-1);
-    if (found || performance.now() > end) return found;
+    const asked = since(seq).filter((entry) => entry.kind === "request" && entry.endpoint === endpoint && says(entry.asked ?? {}, sent));
+    const answered = asked.filter((entry) => entry.answer.text === told.resp_info);
+    if (answered.length) return answered;
+    if (performance.now() > end) {
+      const failed = since(seq).filter((entry) => entry.kind === "handshake");
+      return asked.length || told.resp_result === 0 ? asked : failed;
+    }
     await new Promise((resolve) => setTimeout(resolve, 50));
   }
 }
 
-function partsOf(told, entry) {
+/** Does a request say what a call was given? What its endpoint does not send is not looked at. */
+function says(asked, sent) {
+  return [["app", sent.appid], ["invoice", sent.invoiceid]].every(([word, value]) => !(word in asked) || asked[word] === value)
+    && !("invoice" in asked && (asked.custom_id ?? "") !== (sent.customId ?? ""));
+}
+
+function partsOf(told, found) {
   if (told.error) return [make("p", { class: "bad" }, `No answer: ${told.error.cause}. ${told.error.cure}.`)];
   const good = told.resp_result === 0;
   return [
     make("p", { class: good ? "good" : "bad" }, `resp_result ${told.resp_result} after ${told.milliseconds.toFixed(1)} ms`),
     make("div", { class: "pair" },
       make("div", {}, make("h3", {}, "The daemon answered"), make("pre", { class: "daemon" }, told.resp_info === "" ? "(an empty text)" : readable(told.resp_info))),
-      make("div", {}, make("h3", {}, entry?.kind === "request" ? `The store sent (${entry.answer.status ?? "nothing"})` : "The store"),
-        entry?.kind === "request" ? bodyOf(entry.answer) : make("pre", { class: "faint" }, entry ? `(no connection: ${entry.reason})` : "(was not asked)"))),
+      make("div", {}, ...storeSide(told, found))),
   ];
+}
+
+function storeSide(told, found) {
+  const [entry] = found;
+  if (found.length > 1) return [make("h3", {}, "The store"), make("pre", { class: "faint store" }, `(cannot tell: requests ${found.map((one) => one.seq).join(", ")} of the journal fit this call)`)];
+  if (entry?.kind === "request") return [make("h3", {}, `The store sent (${entry.answer.status ?? "nothing"}), journal ${entry.seq}`), bodyOf(entry.answer)];
+  const why = entry ? `(no connection: ${entry.reason})` : told.resp_result === REFUSED ? "(was not asked)" : "(cannot tell: no request of the journal fits this call)";
+  return [make("h3", {}, "The store"), make("pre", { class: "faint store" }, why)];
 }

@@ -1,9 +1,6 @@
 // controls.js - the device's switches and the faults.
 import { ask, send } from "./api.js";
-import { byId, field, make, options } from "./dom.js";
-
-// How often a store that is down is looked after.
-const DOWN_MS = 500;
+import { byId, field, make, options, refill, whenChosen } from "./dom.js";
 
 /** A line under a form that says what went wrong, or nothing. */
 export function voice() {
@@ -40,18 +37,22 @@ export function startDevice(meta, users, device) {
   options(inputs.token, [["valid", "valid"], ["expired", "expired"], ["none", "none"]]);
   const turn = (name, value) => said.hear(async () => showIt(await send("device", name === "signed-in" && !value ? { switch: "signed-out" } : { switch: name, value })));
   for (const [name, input] of Object.entries(inputs)) {
-    input.addEventListener("change", () => turn(name, input.value.trim() || (input.tagName === "INPUT" ? "none" : "")));
+    whenChosen(input, () => turn(name, input.value.trim() || (input.tagName === "INPUT" ? "none" : "")));
     form.append(...field({ "signed-in": "Signed in", country: "Country", language: "Language", server: "Server", gateway: "Network", token: "Token" }[name], input));
   }
   function showIt(now, known) {
     if (known) options(inputs["signed-in"], [["", "nobody"], ...known.map((user) => [user.uid, user.uid])]);
-    inputs["signed-in"].value = now.signed_in ?? "";
-    inputs.country.value = now.country ?? "";
-    inputs.language.value = now.language ?? "";
-    inputs.server.value = now.server;
+    set("signed-in", now.signed_in ?? "");
+    set("country", now.country ?? "");
+    set("language", now.language ?? "");
+    set("server", now.server);
     if (![...inputs.gateway.options].some((option) => option.value === now.gateway)) inputs.gateway.append(make("option", { value: now.gateway }, now.gateway));
-    inputs.gateway.value = now.gateway;
-    inputs.token.value = now.token;
+    set("gateway", now.gateway);
+    set("token", now.token);
+  }
+  // What one is just writing or choosing is one's own.
+  function set(name, value) {
+    if (document.activeElement !== inputs[name] || inputs[name].value === "") inputs[name].value = value;
   }
   showIt(device, users);
   return showIt;
@@ -87,7 +88,7 @@ export function startFaults(meta) {
   const form = make("form", { class: "grid", onsubmit: (event) => { event.preventDefault(); said.hear(add); } },
     ...field("Answers", answer.kind), ...field("Where", endpoint), answer.label, answer.number, ...field("How often", count),
     make("div", { class: "wide actions" }, make("button", { class: "main", type: "submit" }, "Switch this fault on"),
-      make("button", { type: "button", onclick: () => said.hear(endAll) }, "End all")));
+      make("button", { type: "button", onclick: () => said.hear(endAll) }, "End all faults")));
   const connections = make("form", { class: "grid", onsubmit: (event) => { event.preventDefault(); said.hear(turn); } },
     ...field("Connections", connection.kind), connection.label, connection.number,
     make("div", { class: "wide actions" }, make("button", { type: "submit" }, "Do this to all connections")));
@@ -113,22 +114,19 @@ export function startFaults(meta) {
   }
 
   async function refresh() {
-    const status = await ask("status");
-    show(status);
-    if (!status.connections.listening) setTimeout(() => refresh().catch(() => {}), DOWN_MS);
+    show(await ask("status"));
   }
 
-  function item(text, end) {
-    return make("li", {}, make("span", { class: "grow" }, text),
-      make("button", { type: "button", onclick: () => said.hear(async () => { await end(); await refresh(); }) }, "End"));
+  function item(text, end, number = "") {
+    return make("li", { "data-number": number }, make("span", { class: "grow" }, text),
+      make("button", { type: "button", "aria-label": `End ${text}`, onclick: () => said.hear(async () => { await end(); await refresh(); }) }, "End"));
   }
 
   function show(status) {
     const all = ofConnections(status);
-    list.replaceChildren(
+    refill(list, "No fault is on: every answer is as it should be.",
       ...(all ? [item(all, () => send("connection", { fault: "none" }))] : []),
-      ...status.faults.filter((fault) => !fault.over).map((fault) => item(textOf(fault), () => ask(`faults?number=${fault.number}`, { method: "DELETE" }))));
-    if (!list.children.length) list.replaceChildren(make("li", { class: "faint" }, "No fault is on: every answer is as it should be."));
+      ...status.faults.filter((fault) => !fault.over).map((fault) => item(textOf(fault), () => ask(`faults?number=${fault.number}`, { method: "DELETE" }), fault.number)));
   }
 
   /** What is not as usual with all connections, or nothing. */
@@ -140,9 +138,9 @@ export function startFaults(meta) {
   }
 
   function textOf(fault) {
-    const { number: _, kind: name, endpoint: where, count_left: left, ...rest } = fault;
-    const more = pairs(Object.fromEntries(Object.entries(rest).filter(([key]) => !["over", "chance", "seed", "done"].includes(key))));
-    return [`${name} at ${where ?? "every endpoint"}`, ...more, ...(left === undefined ? [] : [`${left} left`])].join(", ");
+    const { number: _, kind: name, endpoint: where, left, hits, ...rest } = fault;
+    const more = pairs(Object.fromEntries(Object.entries(rest).filter(([key]) => !["over", "chance", "seed", "done", "struck"].includes(key))));
+    return [`${name} at ${where ?? "every endpoint"}`, ...more, ...(left === undefined ? [] : [`${left} left`]), ...(hits ? [`struck ${hits}`] : [])].join(", ");
   }
   return { refresh, show };
 }

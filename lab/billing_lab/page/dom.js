@@ -27,6 +27,39 @@ export function field(text, input) {
   return [make("label", { htmlFor: input.id }, text), input];
 }
 
+/** Another content for a list, or a line for an empty one. What is the same stays as it is; the focus stays at the button of the same name, or in the list where that is gone. */
+export function refill(list, empty, ...items) {
+  if (!items.length) items.push(make("li", { class: "faint" }, empty));
+  if (list.innerHTML === items.map((item) => item.outerHTML).join("")) return;
+  const active = document.activeElement;
+  const name = list.contains(active) ? nameOf(active) : null;
+  list.replaceChildren(...items);
+  if (name === null) return;
+  const buttons = [...list.querySelectorAll("button")];
+  list.tabIndex = -1;
+  (buttons.find((button) => nameOf(button) === name) ?? buttons[0] ?? list).focus();
+}
+
+const nameOf = (element) => element.getAttribute("aria-label") ?? element.textContent;
+
+/** Calls act when a choice is made: at once with a pointer; with arrow keys not while one goes through the values,
+ * but at Enter or when the field is left. */
+export function whenChosen(input, act) {
+  let waiting = false;
+  let arrows = false;
+  const done = () => { if (waiting) { waiting = false; act(); } };
+  input.addEventListener("keydown", (event) => {
+    arrows = !["Enter", "Tab"].includes(event.key);
+    if (event.key === "Enter") done();
+  });
+  input.addEventListener("pointerdown", () => { arrows = false; });
+  input.addEventListener("change", () => {
+    waiting = true;
+    if (!arrows || input.tagName !== "SELECT") done();
+  });
+  input.addEventListener("blur", () => { arrows = false; done(); });
+}
+
 /** JSON indented where it is JSON, with no value rewritten beyond what JSON.stringify does; else the text. */
 export function readable(text) {
   try {

@@ -3,7 +3,9 @@
 import { byId, make, memory, options } from "./dom.js";
 import { showDetail } from "./detail.js";
 
-const ROW = 28;
+// Two lines a row where there is no room for one.
+const narrow = matchMedia("(max-width: 900px)");
+let ROW = 28;
 const KEPT = 10000;
 const MARGIN = 6;
 const list = byId("journal-list");
@@ -44,7 +46,14 @@ export function start(endpoints, emptyHint) {
   }
   list.addEventListener("scroll", onScroll, { passive: true });
   list.addEventListener("keydown", onKey);
+  narrow.addEventListener("change", fit);
+  fit();
   new ResizeObserver(schedule).observe(list);
+  schedule();
+}
+
+function fit() {
+  ROW = narrow.matches ? 46 : 28;
   schedule();
 }
 
@@ -76,6 +85,16 @@ export function clear() {
   entries.length = 0;
   places.clear();
   visible = [];
+  schedule();
+}
+
+/** Lets those go that the lab no longer has. @param first the number of its first entry, 0 where it has none */
+export function forgetBefore(first) {
+  const kept = first === 0 ? [] : entries.filter((entry) => entry.seq >= first);
+  if (kept.length === entries.length) return;
+  entries.splice(0, entries.length, ...kept);
+  for (const seq of [...places.keys()]) if (first === 0 || seq < first) places.delete(seq);
+  visible = entries.filter(wanted);
   schedule();
 }
 

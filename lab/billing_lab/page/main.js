@@ -1,13 +1,12 @@
 // main.js - puts the page together and keeps it up to date.
-import { ask, follow } from "./api.js";
+import { ask, follow, send } from "./api.js";
 import * as journal from "./journal.js";
 import * as plot from "./plot.js";
 import * as call from "./call.js";
-import { byId } from "./dom.js";
+import { byId, make } from "./dom.js";
 import { startDevice, startFaults } from "./controls.js";
 import { startCatalogue, startInvoices } from "./shop.js";
 
-const REFRESH_MS = 300;
 const link = byId("link");
 
 function problem(text) {
@@ -25,62 +24,69 @@ async function begin() {
   const hint = `Nothing was asked yet. Make a call on this page, or from an app with DBUS_SYSTEM_BUS_ADDRESS=${status.bus}`;
   journal.start(meta.endpoints, hint);
   plot.start();
-  call.start(meta.methods);
+  call.start(meta.methods, meta.endpoint_of);
   const showDevice = startDevice(meta, catalogue.users, status.device);
   const faults = startFaults(meta);
-  faults.show(status);
   const invoices = startInvoices();
-  invoices.showCatalogue(catalogue);
+  const showBanner = startBanner();
+  let shown = "";
 
-  const showCatalogue = startCatalogue(async () => {
-    const [fresh, now] = await Promise.all([ask("catalogue"), ask("status")]);
-    showCatalogue(fresh);
-    invoices.showCatalogue(fresh);
-    showDevice(now.device, fresh.users);
-    faults.show(now);
-    if ((await ask("journal")).length === 0) {
-      journal.clear();
-      plot.clear();
+  async function show(now) {
+    const known = `${now.catalogue.file} ${now.catalogue.number}`;
+    if (known !== shown) {
+      shown = known;
+      const fresh = await ask("catalogue");
+      showCatalogue(fresh);
+      invoices.showCatalogue(fresh);
+      showDevice(now.device, fresh.users);
+    } else {
+      showDevice(now.device);
     }
+    faults.show(now);
+    showBanner(now);
+    journal.forgetBefore(now.journal.first);
+    if (now.journal.entries === 0) plot.clear();
     await invoices.refresh();
-  });
-  showCatalogue(catalogue);
-  await invoices.refresh();
+  }
 
+  const showCatalogue = startCatalogue(async () => show(await ask("status")));
+  await show(status);
   for (const entry of entries) {
     journal.add(entry);
     plot.add(entry);
   }
-  listen(invoices, faults);
+  listen(show);
 }
 
-function listen(invoices, faults) {
-  // A burst of requests asks for the lists once, not once for each.
-  let asked = false;
-  const refresh = () => {
-    if (asked) return;
-    asked = true;
-    setTimeout(() => {
-      asked = false;
-      Promise.all([invoices.refresh(), faults.refresh()]).catch((error) => problem(error.message));
-    }, REFRESH_MS);
+function startBanner() {
+  byId("usual").addEventListener("click", () => send("usual", {}).catch((error) => problem(error.message)));
+  return (now) => {
+    byId("banner").hidden = now.unusual.length === 0;
+    byId("unusual").replaceChildren(...now.unusual.map((text) => make("li", {}, text)));
   };
+}
+
+/** @param show puts a status on the page */
+function listen(show) {
+  const told = (now) => show(now).catch((error) => problem(error.message));
   const source = follow(journal.latest(), {
     entry(entry) {
       journal.add(entry);
       plot.add(entry);
-      if (["apply", "confirm"].includes(entry.endpoint) || entry.fault) refresh();
     },
+    state: told,
     up() {
       state("up", "live");
       problem("");
+      // What was not told while the lab was away.
+      ask("status").then(told).catch((error) => problem(error.message));
     },
     down(ended) {
       state("down", ended ? "not connected" : "reconnecting ...");
-      problem("The lab does not answer. If it was stopped, start it again with billing-lab up and open the new address.");
+      problem("The lab does not answer. If it was stopped, start it again with billing-lab up: this page goes on then.");
       if (!ended) return;
       source.close();
-      setTimeout(() => listen(invoices, faults), 2000);
+      setTimeout(() => listen(show), 2000);
     },
   });
 }

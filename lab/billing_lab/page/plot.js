@@ -16,8 +16,8 @@ export function start() {
   plot = new uPlot({
     width: box.clientWidth, height: HEIGHT, cursor: { y: false }, legend: { live: true },
     scales: { x: { time: true, range: () => [Date.now() / 1000 - SPAN, Date.now() / 1000 + 4] }, ms: { range: (_, __, most) => [0, Math.max(10, (most || 0) * 1.15)] }, rate: { range: (_, __, most) => [0, Math.max(5, (most || 0) * 1.15)] } },
-    axes: [{ ...axis, space: 80, values: (_, marks) => marks.map((at) => new Date(at * 1000).toLocaleTimeString([], { hour12: false })) }, { ...axis, scale: "ms", label: "ms", labelSize: 16, size: 52 }, { ...axis, scale: "rate", side: 1, label: "a second", labelSize: 16, size: 44, grid: { show: false } }],
-    series: [{},
+    axes: [{ ...axis, space: 80, values: (_, marks) => marks.map((at) => clock(at)) }, { ...axis, scale: "ms", label: "ms", labelSize: 16, size: 52 }, { ...axis, scale: "rate", side: 1, label: "a second", labelSize: 16, size: 44, grid: { show: false } }],
+    series: [{ label: "UTC", value: (_, at) => at === null || at === undefined ? "-" : clock(at) },
       { label: "store took (ms)", scale: "ms", stroke: colour("--accent"), paths: () => null, points: { show: true, size: 5, fill: colour("--accent") } },
       { label: "requests a second", scale: "rate", stroke: colour("--odd"), width: 1.5, points: { show: false }, spanGaps: true }],
   }, [[], [], []], box);
@@ -27,8 +27,11 @@ export function start() {
   draw();
 }
 
+// The journal's time zone.
+const clock = (at) => new Date(at * 1000).toISOString().slice(11, 19);
+
 export function add(entry) {
-  if (entry.kind !== "request") return;
+  if (entry.kind !== "request" || entry.answer.end === "under way") return;
   samples.push([Date.parse(entry.time) / 1000, entry.answer.milliseconds ?? null]);
   if (performance.now() > due) {
     due = performance.now() + 250;

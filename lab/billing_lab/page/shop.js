@@ -1,6 +1,6 @@
 // shop.js - the catalogue and the invoices.
 import { ask, send } from "./api.js";
-import { byId, field, make, options } from "./dom.js";
+import { byId, field, make, options, refill } from "./dom.js";
 import { voice } from "./controls.js";
 
 export function startInvoices() {
@@ -23,13 +23,12 @@ export function startInvoices() {
 
   async function refresh() {
     const invoices = await ask("invoices");
-    list.replaceChildren(...invoices.map((invoice) => make("li", {},
+    refill(list, "Nobody has bought anything yet.", ...invoices.map((invoice) => make("li", {},
       make("span", { class: "grow" }, make("strong", {}, invoice.id), ` ${invoice.product} of ${invoice.app}, ${invoice.user}`),
       make("span", { class: ["cancelled", "refunded"].includes(invoice.status) ? "odd" : "good" }, invoice.status),
       ...(["cancelled", "refunded"].includes(invoice.status) ? [] : [
         make("button", { type: "button", "aria-label": `Cancel ${invoice.id}`, onclick: () => step("cancel", { invoice: invoice.id }) }, "Cancel"),
         make("button", { type: "button", "aria-label": `Refund ${invoice.id}`, onclick: () => step("refund", { invoice: invoice.id }) }, "Refund")]))));
-    if (!invoices.length) list.replaceChildren(make("li", { class: "faint" }, "Nobody has bought anything yet."));
   }
 
   function showCatalogue(catalogue) {
