@@ -1,13 +1,17 @@
 // purchases.cpp - a sample: an app that delivers what its user has bought. Prints a line for each
 // purchase.
 //
-// usage: purchases APP
+// usage: purchases APP NOTES
 //
 // It asks the billing service for the user's purchases, applies each that was not confirmed yet, and
-// confirms it. The service is found on the system bus, or on that of DBUS_SYSTEM_BUS_ADDRESS.
+// confirms it. NOTES is a file of its own, made when it is missing: the service tells the newest 20
+// purchases of the account alone, so what is not confirmed yet is noted before anything is done with it.
+// The service is found on the system bus, or on that of DBUS_SYSTEM_BUS_ADDRESS.
 #include <gio/gio.h>
 #include <json/json.h>
 
+#include <cstdio>
+#include <fstream>
 #include <iostream>
 #include <memory>
 #include <stdexcept>
@@ -18,7 +22,8 @@ namespace {
 
 constexpr const char* SERVICE = "org.plevo.billingservice";
 constexpr const char* OBJECT = "/org/plevo/billingservice";
-constexpr const char* SANDBOX = "1";
+// The device's setting chooses the server; this argument is not used.
+constexpr const char* SERVER_TYPE = "";
 // The service itself gives a transfer up after 90 seconds.
 constexpr int TIMEOUT_MS = 100000;
 
@@ -86,15 +91,15 @@ Json::Value ask(GDBusConnection* bus, const char* method, const std::vector<std:
 }
 
 /// @return whether the purchase was delivered
-bool deliverOne(GDBusConnection* bus, const std::string& app, const Json::Value& invoice)
+bool deliverOne(GDBusConnection* bus, const std::string& app, const std::string& id,
+                const std::string& product)
 {
-    const std::string id = invoice["id"].asString();
-    std::cout << id << " " << invoice["product"].asString();
+    std::cout << id << " " << product;
     try {
-        ask(bus, "get_applied_time", {app, "", id, SANDBOX});
+        ask(bus, "get_applied_time", {app, "", id, SERVER_TYPE});
         // Here the app unlocks what was bought. Then, and not before, it confirms. A confirmation
         // whose answer was lost is simply made again: the store keeps the first.
-        ask(bus, "confirm_purchase", {app, "", id, SANDBOX});
+        ask(bus, "confirm_purchase", {app, "", id, SERVER_TYPE});
         std::cout << " delivered\n";
         return true;
     } catch (const StoreError& error) {
@@ -103,14 +108,55 @@ bool deliverOne(GDBusConnection* bus, const std::string& app, const Json::Value&
     }
 }
 
-bool deliver(GDBusConnection* bus, const std::string& app)
+/// The product of each invoice that is not confirmed yet.
+Json::Value readNotes(const std::string& file)
 {
-    bool all = true;
-    const Json::Value history = ask(bus, "get_purchase_history", {app, "", "", "1", "", SANDBOX});
+    Json::Value notes(Json::objectValue);
+    std::ifstream in(file);
+    if (in)
+        in >> notes;
+    return notes;
+}
+
+/// Whole, or not at all.
+void writeNotes(const std::string& file, const Json::Value& notes)
+{
+    const std::string fresh = file + ".new";
+    std::ofstream out(fresh);
+    out << notes << std::flush;
+    if (!out || std::rename(fresh.c_str(), file.c_str()) != 0)
+        throw std::runtime_error(file + " cannot be written");
+}
+
+void noteHistory(GDBusConnection* bus, const std::string& app, Json::Value& notes)
+{
+    // No argument of it counts: the answer is the account's, of all its apps.
+    const Json::Value history =
+        ask(bus, "get_purchase_history", {app, "", "", "", "", SERVER_TYPE});
     for (const Json::Value& invoice : history["invoices"]) {
         const std::string status = invoice["status"].asString();
-        if (invoice["app"] == app && (status == "bought" || status == "applied"))
-            all = deliverOne(bus, app, invoice) && all;
+        if (invoice["app"] != app)
+            continue;
+        if (status == "bought" || status == "applied")
+            notes[invoice["id"].asString()] = invoice["product"];
+        else
+            notes.removeMember(invoice["id"].asString());
+    }
+}
+
+bool deliver(GDBusConnection* bus, const std::string& app, const std::string& file)
+{
+    bool all = true;
+    Json::Value notes = readNotes(file);
+    noteHistory(bus, app, notes);
+    writeNotes(file, notes);
+    for (const std::string& id : notes.getMemberNames()) {
+        if (deliverOne(bus, app, id, notes[id].asString())) {
+            notes.removeMember(id);
+            writeNotes(file, notes);
+        } else {
+            all = false;
+        }
     }
     return all;
 }
@@ -119,19 +165,21 @@ bool deliver(GDBusConnection* bus, const std::string& app)
 
 int main(int argc, char** argv)
 {
-    if (argc != 2) {
-        std::cerr << "usage: purchases APP\n";
+    if (argc != 3) {
+        std::cerr << "usage: purchases APP NOTES\n";
         return 2;
     }
     try {
         GError* error = nullptr;
         GDBusConnection* const found = g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, &error);
         const Pointer<GDBusConnection> bus = checked(found, error);
-        return deliver(bus.get(), argv[1]) ? 0 : 1;
+        return deliver(bus.get(), argv[1], argv[2]) ? 0 : 1;
     } catch (const StoreError& error) {
         std::cout << "later: " << error.what() << "\n";
     } catch (const BusError& error) {
         std::cerr << "the billing service cannot be reached: " << error.what() << "\n";
+    } catch (const std::exception& error) {
+        std::cerr << error.what() << "\n";
     }
     return 1;
 }

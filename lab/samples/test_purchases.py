@@ -3,21 +3,28 @@ import pathlib
 import subprocess
 import sys
 
+import pytest
+
 APP = pathlib.Path(__file__).with_name("purchases.py")
 
 
-def deliver():
+@pytest.fixture
+def deliver(tmp_path):
     """The app, which finds the lab's bus in its environment."""
-    return subprocess.run([sys.executable, APP, "shop"], capture_output=True, text=True, check=False).stdout
+    def run():
+        return subprocess.run([sys.executable, APP, "shop", tmp_path / "notes"], capture_output=True, text=True,
+                              check=False).stdout
+    return run
 
 
-def test_a_lamp_is_delivered_once(billing_lab):
-    invoice = billing_lab.buy("lamp")["id"]
+def test_a_lamp_is_delivered_once(billing_lab_verified, deliver):
+    invoice = billing_lab_verified.buy("lamp")["id"]
     assert deliver() == f"{invoice} lamp delivered\n"
     assert deliver() == ""
+    billing_lab_verified.assert_asked("confirm", invoice=invoice, times=1)
 
 
-def test_a_lamp_whose_confirmation_fails_is_delivered_later(billing_lab):
+def test_a_lamp_whose_confirmation_fails_is_delivered_later(billing_lab, deliver):
     invoice = billing_lab.buy("lamp")["id"]
     billing_lab.fault("status", code=503, endpoint="confirm", count=1)
     assert deliver() == f"{invoice} lamp later: a fault of the lab\n"

@@ -1,0 +1,95 @@
+"""The programs of docs/APPS.md, run as they stand there, and what the page says of arguments."""
+import json
+import os
+import re
+import shlex
+import shutil
+import subprocess
+import sys
+
+import pytest
+from billing_lab.methods import METHODS
+
+from conftest import LAB
+
+PAGE = (LAB.parent / "docs" / "APPS.md").read_text(encoding="utf-8")
+PROGRAMS = dict(re.findall(r"```(python|c|cpp|javascript)\n(.*?)```", PAGE, re.DOTALL))
+# Where npm put dbus-next; no package of Debian has it.
+MODULES = os.environ.get("NODE_PATH", "")
+
+pytestmark = pytest.mark.usefixtures("needs_view")
+
+
+def flags(library):
+    found = subprocess.run(["pkg-config", "--cflags", "--libs", library], capture_output=True, text=True, check=False)
+    if found.returncode != 0:
+        pytest.skip(f"no {library}")
+    return shlex.split(found.stdout)
+
+
+def built(folder, language, compiler, library):
+    source = folder / f"app.{language}"
+    source.write_text(PROGRAMS[language], encoding="utf-8")
+    subprocess.run([*compiler, "-Wall", "-Werror", source, "-o", folder / "app", *flags(library)], check=True, timeout=200)
+    return [folder / "app"]
+
+
+@pytest.fixture(scope="module", params=["python", "c", "cpp", "javascript"])
+def program(request, tmp_path_factory):
+    """The command of a program of the page."""
+    folder = tmp_path_factory.mktemp(request.param)
+    if request.param == "c":
+        return built(folder, "c", ["cc"], "gio-2.0")
+    if request.param == "cpp":
+        return built(folder, "cpp", ["c++", "-std=c++17"], "sdbus-c++")
+    interpreter = sys.executable if request.param == "python" else shutil.which("node")
+    if request.param == "javascript" and (not interpreter or not os.path.isdir(os.path.join(MODULES, "dbus-next"))):
+        pytest.skip("no node, or no dbus-next in NODE_PATH (npm install dbus-next)")
+    source = folder / "app"
+    source.write_text(PROGRAMS[request.param], encoding="utf-8")
+    return [interpreter, source]
+
+
+def run(program, **environment):
+    done = subprocess.run(program, capture_output=True, text=True, timeout=120, check=False,
+                          env={**os.environ, **environment})
+    return done.returncode, done.stdout, done.stderr
+
+
+def test_a_program_of_the_page_tells_the_three_results(lab, program):
+    code, said, _ = run(program)
+    result, text = said.split(" ", 1)
+    assert (code, result, json.loads(text)["invoices"][0]["id"]) == (0, "0", "INV-SEED-2")
+    lab.fault("reset", endpoint="invoices")
+    assert run(program)[1].split() == ["-1"]
+    lab.device("gateway", "down")
+    assert run(program)[1] == "1160003 Network error, please check!\n"
+
+
+def test_a_program_of_the_page_says_when_the_service_is_not_there(program, tmp_path):
+    from billing_lab.bus import Bus
+    empty = Bus(tmp_path)
+    try:
+        code, _, said = run(program, DBUS_SYSTEM_BUS_ADDRESS=empty.address)
+    finally:
+        empty.stop()
+    assert (code, said.startswith("no answer: ")) == (1, True)
+
+
+def rows():
+    table = PAGE[PAGE.index("| method |"):].split("\n\n")[0].split("\n")[2:]
+    for line in table:
+        method, count, unused = (cell.strip() for cell in line.strip("|").split("|"))
+        yield method.strip("`"), count.split(", "), unused.split(", ")
+
+
+@pytest.mark.parametrize("method, count, unused", list(rows()))
+def test_the_arguments_that_count_are_those_that_the_page_names(lab, method, count, unused):
+    named = [name for name in (*count, *unused) if name in METHODS[method]]
+    assert sorted(named) == sorted(METHODS[method])
+    for name in named:
+        values = {other: "x" for other in METHODS[method]}
+        lab.call(method, **values)
+        lab.call(method, **{**values, name: "mark-me"})
+        plain, marked = ((entry["url"], entry["body"]) for entry in lab.journal(last=2))
+        assert (plain != marked) == (name in count), name
