@@ -10,8 +10,10 @@ import sys
 from . import __version__, commands, device
 from .catalogue import DEFAULT_FILE
 from .checks import words as checks
-from .faults import CONNECTION_FAULTS, ENDPOINTS, KINDS, RESERVED, ConnectionKind, Kind
+from .faults import CONNECTION_FAULTS, KINDS, RESERVED, ConnectionKind, Kind
 from .folder import LabError, default_path
+from .life import words as life
+from .matching import ENDPOINTS
 from .methods import METHODS
 from .words import add, decimal, match_options, number
 
@@ -111,10 +113,8 @@ def _store(words) -> None:
     made.add_argument("--country", metavar="XX", help="where (default: the device's country)")
     made.add_argument("--custom-id", metavar="ID", help="the only customId that may then apply and "
                       "confirm it (default: any)")
-    for name, run, what in (
-            ("cancel", commands.cancel, "call off a purchase that was not confirmed yet"),
-            ("refund", commands.refund, "give the money for a purchase back")):
-        add(words, name, run, what).add_argument("invoice", metavar="INVOICE", help="id of an invoice")
+    life.add_buy_options(made)
+    life.add_all(words)
     made = add(words, "invoices", commands.invoices, "list the invoices, the newest first")
     made.add_argument("--user", metavar="UID", help="those of this user (default: all)")
     made = add(words, "answer", commands.answer, "answer an endpoint with a body of your own; the store "

@@ -124,16 +124,29 @@ class Lab:
                                           "type": type})
 
     def buy(self, product: str, *, app: str | None = None, user: str | None = None,
-            country: str | None = None, custom_id: str | None = None) -> dict:
-        """@return the new invoice"""
+            country: str | None = None, custom_id: str | None = None, **life: object) -> dict:
+        """@param life pending=True; approve_after, decline_after, after, period, grace: spans such as "30d" or seconds
+        @return the new invoice"""
         return self.ask("POST", "/api/buy", {"product": product, "app": app, "user": user,
-                                             "country": country, "custom_id": custom_id})
+                                             "country": country, "custom_id": custom_id, **life})
 
-    def cancel(self, invoice: str) -> dict:
-        return self.ask("POST", "/api/cancel", {"invoice": invoice})
+    def step(self, invoice: str, step: str, after: str | int | None = None) -> dict:
+        """A step of life/purchase.py's STEPS, now or after a span of the lab's clock."""
+        return self.ask("POST", "/api/step", {"invoice": invoice, "step": step, "after": after})
 
-    def refund(self, invoice: str) -> dict:
-        return self.ask("POST", "/api/refund", {"invoice": invoice})
+    def cancel(self, invoice: str, after: str | int | None = None) -> dict:
+        return self.step(invoice, "cancel", after)
+
+    def refund(self, invoice: str, after: str | int | None = None) -> dict:
+        return self.step(invoice, "refund", after)
+
+    def clock(self) -> dict:
+        """now, and ahead_seconds of the machine's clock."""
+        return self.ask("GET", "/api/clock")
+
+    def advance(self, span: str | int) -> dict:
+        """Moves the lab's clock forward by a span such as "30d" or seconds, and does what is due then."""
+        return self.ask("POST", "/api/clock", {"advance": span})
 
     def invoices(self, user: str | None = None) -> list[dict]:
         return self.ask("GET", _with_query("/api/invoices", user=user))

@@ -162,19 +162,12 @@ def usual(options: argparse.Namespace) -> int:
 
 def buy(options: argparse.Namespace) -> int:
     made = _lab(options).buy(options.product, app=options.app, user=options.user,
-                             country=options.country, custom_id=options.custom_id)
-    return _show_invoice(made, options)
+                             country=options.country, custom_id=options.custom_id,
+                             **_given(options, "pending", "approve_after", "decline_after", "after", "period", "grace"))
+    return show_invoice(made, options)
 
 
-def cancel(options: argparse.Namespace) -> int:
-    return _show_invoice(_lab(options).cancel(options.invoice), options)
-
-
-def refund(options: argparse.Namespace) -> int:
-    return _show_invoice(_lab(options).refund(options.invoice), options)
-
-
-def _show_invoice(invoice: dict, options: argparse.Namespace) -> int:
+def show_invoice(invoice: dict, options: argparse.Namespace) -> int:
     if options.json:
         _json(invoice)
     else:
@@ -189,7 +182,7 @@ def invoices(options: argparse.Namespace) -> int:
         _json(found)
         return 0
     for invoice in found:
-        _show_invoice(invoice, options)
+        show_invoice(invoice, options)
     if not found:
         print("no invoices")
     return 0

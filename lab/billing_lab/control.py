@@ -14,19 +14,20 @@ from collections.abc import Awaitable, Callable
 
 from aiohttp import web
 
-from . import catalogue, dashboard, journal, purchases, state
+from . import catalogue, dashboard, journal, state
 from .catalogue import CatalogueError
 from .checks import asked, report
 from .core import Core
 from .device import DeviceError
 from .faults import FaultError
 from .folder import LabError
+from .life import clock, purchase
 from .matching import MatchError
 from .store import Refusal
 
 Handler = Callable[[web.Request], Awaitable[web.StreamResponse]]
 
-_WRONG = (CatalogueError, DeviceError, FaultError, LabError, MatchError, Refusal)
+_WRONG = (CatalogueError, DeviceError, FaultError, LabError, clock.LifeError, MatchError, Refusal)
 HEARTBEAT_SECONDS = 15
 
 
@@ -39,8 +40,8 @@ def application(core: Core, token: str) -> web.Application:
         web.post("/api/usual", _usual),
         web.get("/api/catalogue", _catalogue), web.post("/api/answers", _answers),
         web.get("/api/invoices", _invoices), web.post("/api/buy", _buy),
-        web.post("/api/cancel", _undo(purchases.cancel)),
-        web.post("/api/refund", _undo(purchases.refund)),
+        web.post("/api/step", _step), web.post("/api/cancel", _one_step("cancel")),
+        web.post("/api/refund", _one_step("refund")), web.get("/api/clock", _clock), web.post("/api/clock", _advance),
         web.get("/api/device", _device), web.post("/api/device", _switch),
         web.get("/api/faults", _faults), web.post("/api/faults", _add_fault),
         web.delete("/api/faults", _clear_faults), web.post("/api/connection", _connection),
@@ -125,6 +126,7 @@ async def _answers(request: web.Request) -> web.Response:
 
 async def _invoices(request: web.Request) -> web.Response:
     user = request.query.get("user")
+    purchase.happen(_core(request).db)
     return web.json_response(state.invoices(_core(request).db, user))
 
 
@@ -132,10 +134,30 @@ async def _buy(request: web.Request) -> web.Response:
     return web.json_response(_core(request).buy(await request.json()))
 
 
-def _undo(step: Callable[..., dict]) -> Handler:
+async def _step(request: web.Request) -> web.Response:
+    return _stepped(request, await request.json())
+
+
+def _one_step(name: str) -> Handler:
     async def undo(request: web.Request) -> web.Response:
-        return web.json_response(step(_core(request).db, (await request.json())["invoice"]))
+        return _stepped(request, {**await request.json(), "step": name})
     return undo
+
+
+def _stepped(request: web.Request, wanted: dict) -> web.Response:
+    db = _core(request).db
+    purchase.happen(db)
+    return web.json_response(purchase.step(db, wanted["invoice"], wanted["step"], wanted.get("after")))
+
+
+async def _clock(request: web.Request) -> web.Response:
+    return web.json_response(clock.describe(_core(request).db))
+
+
+async def _advance(request: web.Request) -> web.Response:
+    db = _core(request).db
+    clock.advance(db, clock.seconds_of((await request.json())["advance"], "advance"))
+    return web.json_response({**clock.describe(db), "happened": purchase.happen(db)})
 
 
 async def _device(request: web.Request) -> web.Response:

@@ -9,9 +9,12 @@ from . import catalogue, device, faults, journal, purchases, state, tls
 from .checks import asked, report
 from .device import Settings
 from .folder import Folder
-from .matching import PAYMENTS
+from .life import clock
+from .matching import ENDPOINTS, PAYMENTS
 from .simulator import Simulator
 
+# What `buy` says of the life that a purchase will have.
+LIFE_WORDS = ("pending", "approve_after", "decline_after", "after", "period", "grace")
 # Changes that come closer together are told as one.
 BURST_SECONDS = 0.1
 
@@ -54,7 +57,8 @@ class Core:
         now = asyncio.get_running_loop().time()
         told = [{**fault.describe(now), "over": fault.is_over(now)} for fault in self.simulator.faults]
         return {**self.info, "device": self.device(), "catalogue": self.summary(), "faults": told,
-                "answers": self.answers(), "unusual": self.unusual(), "journal": journal.span(self.db), **self.simulator.connections.describe()}
+                "answers": self.answers(), "unusual": self.unusual(),
+                "clock": clock.describe(self.db), "ahead": state.events(self.db), "journal": journal.span(self.db), **self.simulator.connections.describe()}
 
     # The device
 
@@ -114,10 +118,12 @@ class Core:
                  if endpoint not in state.fact(self.db, "answers", {})]
         told += [f"fault {fault.kind} at {fault.match.endpoint or 'every endpoint'}"
                  for fault in self.simulator.faults if not fault.is_over(now)]
+        ahead = state.fact(self.db, "clock_ahead", 0)
+        told += [f"clock: {ahead} seconds ahead"] if ahead else []
         return told + self.simulator.connections.unusual()
 
     async def usual(self) -> None:
-        """Ends all of that. Purchases and journal stay."""
+        """Ends all of that, but for the clock: purchases are dated by it. Purchases and journal stay."""
         self.simulator.clear_faults()
         self.simulator.connections.switch("none")
         state.set_fact(self.db, "answers", state.fact(self.db, "catalogue").get("answers", {}))
@@ -148,14 +154,15 @@ class Core:
         return purchases.buy(
             self.db, product=product, app=wanted.get("app") or first,
             user=wanted.get("user") or now["signed_in"] or "",
-            country=wanted.get("country") or now["country"] or "", custom_id=wanted.get("custom_id"))
+            country=wanted.get("country") or now["country"] or "", custom_id=wanted.get("custom_id"),
+            life={key: wanted[key] for key in LIFE_WORDS if wanted.get(key) is not None})
 
     def set_answer(self, wanted: dict) -> None:
         """A body of one's own for an endpoint; without a body the built-in one again."""
         endpoint = wanted.get("endpoint")
-        if endpoint not in faults.ENDPOINTS:
+        if endpoint not in ENDPOINTS:
             raise faults.FaultError(f"{endpoint!r} is no endpoint; known are "
-                                    f"{', '.join(faults.ENDPOINTS)}")
+                                    f"{', '.join(ENDPOINTS)}")
         answers = dict(state.fact(self.db, "answers", {}))
         answers.pop(endpoint, None)
         if wanted.get("body") is not None:

@@ -12,7 +12,7 @@ from aiohttp import web
 from . import catalogue, device, faults, tools
 from .core import Core
 from .folder import replace_file
-from .matching import ENDPOINT_OF
+from .matching import ENDPOINT_OF, ENDPOINTS
 from .methods import METHODS, arguments_of
 
 PAGE = pathlib.Path(__file__).with_name("page")
@@ -68,7 +68,7 @@ async def _meta(_request: web.Request) -> web.Response:
                              for name, kind in kinds.items()}
                             for kinds in (faults.KINDS, faults.CONNECTION_FAULTS))
     return web.json_response({
-        "methods": {name: list(arguments) for name, arguments in METHODS.items()}, "endpoints": faults.ENDPOINTS,
+        "methods": {name: list(arguments) for name, arguments in METHODS.items()}, "endpoints": ENDPOINTS,
         "endpoint_of": ENDPOINT_OF,
         "faults": answers, "connection_faults": connections, "servers": list(device.SERVERS)})
 

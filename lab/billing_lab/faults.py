@@ -6,7 +6,7 @@ import dataclasses
 import random
 from collections.abc import Iterable
 
-from .matching import ENDPOINTS, PAYMENTS, WORDS, Asked, Match, MatchError, read_match
+from .matching import PAYMENTS, WORDS, Asked, Match, MatchError, read_match
 
 # Product ids that force an outcome begin with this, so that nobody ships one.
 RESERVED = "NEVER-SHIP."

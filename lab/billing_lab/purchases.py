@@ -3,12 +3,14 @@ import sqlite3
 
 from . import faults, state, store
 from .faults import RESERVED
+from .life import clock, purchase
 from .store import Refusal
 
 
 def buy(db: sqlite3.Connection, *, product: str, app: str, user: str, country: str,
-        custom_id: str | None = None) -> dict:
-    """A user pays for a product. @return the new invoice"""
+        custom_id: str | None = None, life: dict | None = None) -> dict:
+    """A user pays for a product. @param life what purchase.begin() takes. @return the new invoice"""
+    purchase.happen(db)
     catalogue = state.fact(db, "catalogue")
     sold = store.find_app(catalogue, app)
     if user not in [known["uid"] for known in catalogue["users"]]:
@@ -21,9 +23,22 @@ def buy(db: sqlite3.Connection, *, product: str, app: str, user: str, country: s
     else:
         _check_sale(db, sold, product, user, country)
     invoice = {"id": state.next_invoice_id(db), "user": user, "app": app, "product": product,
-               "country": country, "custom_id": custom_id, "bought": store.now()}
-    state.add_invoice(db, invoice)
+               "country": country, "custom_id": custom_id, "bought": clock.now(db)}
+    db.execute("BEGIN")
+    try:
+        state.add_invoice(db, invoice)
+        purchase.begin(db, invoice["id"], _life_of(sold, product, life or {}))
+    except ValueError:
+        db.execute("ROLLBACK")
+        raise
+    db.execute("COMMIT")
     return state.invoice(db, invoice["id"])
+
+
+def _life_of(app: dict, product: str, wanted: dict) -> dict:
+    """With the period of a subscription, where the catalogue has one."""
+    sold = next((known for known in app["products"] if known["id"] == product), {})
+    return {**{key: sold[key] for key in ("period", "grace") if key in sold}, **wanted}
 
 
 def _check_sale(db: sqlite3.Connection, app: dict, product: str, user: str, country: str) -> None:
@@ -37,29 +52,5 @@ def _check_sale(db: sqlite3.Connection, app: dict, product: str, user: str, coun
     if known["type"] == "durable":
         for owned in state.invoices(db, user):
             if ((owned["app"], owned["product"]) == (app["id"], product)
-                    and owned["status"] not in ("cancelled", "refunded")):
+                    and owned["status"] not in ("cancelled", "refunded", "declined", "expired")):
                 raise Refusal(409, "owned", f"{user} owns {product} already ({owned['id']})")
-
-
-def cancel(db: sqlite3.Connection, name: str) -> dict:
-    """The purchase is called off before it was confirmed."""
-    found = _found(db, name)
-    if found["status"] in ("confirmed", "refunded"):
-        raise Refusal(409, found["status"], f"{name} was {found['status']}"
-                      + ("; refund it instead" if found["status"] == "confirmed" else ""))
-    return state.mark(db, name, "cancelled", store.now())
-
-
-def refund(db: sqlite3.Connection, name: str) -> dict:
-    """The money goes back."""
-    found = _found(db, name)
-    if found["status"] == "cancelled":
-        raise Refusal(409, "cancelled", f"{name} was cancelled: there is nothing to give back")
-    return state.mark(db, name, "refunded", store.now())
-
-
-def _found(db: sqlite3.Connection, name: str) -> dict:
-    found = state.invoice(db, name)
-    if found is None:
-        raise Refusal(404, "unknown_invoice", f"there is no invoice {name!r}")
-    return found

@@ -14,6 +14,7 @@ from . import answers, check, faults, http1, http2, journal, matching, state, st
 from .connection import Exchange, Link
 from .connections import Connections
 from .device import DeviceError
+from .life import purchase
 
 
 class Simulator:
@@ -90,6 +91,7 @@ class Simulator:
         ask = _ask_of(exchange, entry["endpoint"])
         fault = None
         if isinstance(ask, store.Ask):
+            purchase.happen(self.db)
             asked = self._asked(ask, exchange)
             entry["asked"] = asked.describe()
             fault = self._fault_for(asked, exchange.link.protocol)
@@ -170,7 +172,7 @@ def _ask_of(exchange: Exchange, endpoint: str | None) -> store.Ask | store.Reply
     """The request as the store understands it, or what it answers to one that it does not."""
     if endpoint is None:
         return store.failure(404, "unknown_request", f"no {exchange.method} {exchange.path} here")
-    if endpoint in faults.PAYMENTS:
+    if endpoint in matching.PAYMENTS:
         try:
             values = json.loads(exchange.body)
         except (ValueError, RecursionError):

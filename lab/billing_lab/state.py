@@ -5,12 +5,19 @@ import sqlite3
 
 STEPS = ("bought", "applied", "confirmed", "cancelled", "refunded")
 
+# What an invoice is, by the first of these that it has.
+_STATUSES = {"later": "appears", "refunded": "refunded", "cancelled": "cancelled", "declined": "declined",
+             "pending": "pending", "expired": "expired", "grace": "in_grace", "confirmed": "confirmed",
+             "applied": "applied", "bought": "bought"}
+
 _TABLES = """
 CREATE TABLE IF NOT EXISTS facts (name TEXT PRIMARY KEY, value TEXT NOT NULL);
 CREATE TABLE IF NOT EXISTS invoices (
     number INTEGER PRIMARY KEY AUTOINCREMENT, id TEXT NOT NULL UNIQUE, user TEXT NOT NULL,
     app TEXT NOT NULL, product TEXT NOT NULL, country TEXT NOT NULL, custom_id TEXT,
-    bought TEXT NOT NULL, applied TEXT, confirmed TEXT, cancelled TEXT, refunded TEXT);
+    bought TEXT NOT NULL, applied TEXT, confirmed TEXT, cancelled TEXT, refunded TEXT, life TEXT NOT NULL DEFAULT '{}');
+CREATE TABLE IF NOT EXISTS events (
+    number INTEGER PRIMARY KEY AUTOINCREMENT, at TEXT NOT NULL, invoice TEXT NOT NULL, step TEXT NOT NULL);
 CREATE INDEX IF NOT EXISTS invoices_of_user ON invoices (user, number);
 CREATE TABLE IF NOT EXISTS journal (seq INTEGER PRIMARY KEY AUTOINCREMENT, entry TEXT NOT NULL);
 """
@@ -31,6 +38,9 @@ def open_state(file: pathlib.Path | str) -> sqlite3.Connection:
     db = sqlite3.connect(file, isolation_level=None, factory=_Connection)
     db.row_factory = sqlite3.Row
     db.executescript("PRAGMA journal_mode=WAL; PRAGMA synchronous=OFF;" + _TABLES)
+    if "life" not in [column["name"] for column in db.execute("PRAGMA table_info(invoices)")]:
+        # The folder is of an older lab.
+        db.execute("ALTER TABLE invoices ADD COLUMN life TEXT NOT NULL DEFAULT '{}'")
     db.journal_bytes = db.execute("SELECT COALESCE(SUM(LENGTH(entry)), 0) FROM journal").fetchone()[0]
     return db
 
@@ -56,11 +66,50 @@ def seed(db: sqlite3.Connection, catalogue: dict) -> None:
     db.execute("BEGIN")
     set_fact(db, "catalogue", catalogue)
     set_fact(db, "answers", catalogue.get("answers", {}))
+    set_fact(db, "clock_ahead", 0)
+    db.execute("DELETE FROM events")
     db.execute("DELETE FROM invoices")
     db.execute("DELETE FROM sqlite_sequence WHERE name = 'invoices'")
     for invoice in sorted(catalogue.get("invoices", []), key=lambda made: made["bought"]):
         add_invoice(db, invoice)
     db.execute("COMMIT")
+
+
+_SEEN = "json_extract(life, '$.appears') IS NULL"
+
+
+def set_life(db: sqlite3.Connection, name: str, **changes: object) -> None:
+    """Sets what an invoice's life is about; None takes it out."""
+    row = db.execute("SELECT life FROM invoices WHERE id = ?", (name,)).fetchone()
+    life = {key: value for key, value in {**json.loads(row["life"]), **changes}.items() if value is not None}
+    db.execute("UPDATE invoices SET life = ? WHERE id = ?", (json.dumps(life), name))
+
+
+def make_newest(db: sqlite3.Connection, name: str, bought: str) -> None:
+    db.execute("UPDATE invoices SET number = (SELECT MAX(number) + 1 FROM invoices), bought = ? WHERE id = ?",
+               (bought, name))
+
+
+def add_event(db: sqlite3.Connection, at: str, name: str, step: str) -> None:
+    db.execute("INSERT INTO events (at, invoice, step) VALUES (?, ?, ?)", (at, name, step))
+
+
+def next_event(db: sqlite3.Connection, now: str) -> dict | None:
+    """Takes the first one that is due."""
+    row = db.execute("SELECT * FROM events WHERE at <= ? ORDER BY at, number LIMIT 1", (now,)).fetchone()
+    if row is not None:
+        db.execute("DELETE FROM events WHERE number = ?", (row["number"],))
+    return None if row is None else dict(row)
+
+
+def drop_events(db: sqlite3.Connection, name: str, *steps: str) -> None:
+    for step in steps:
+        db.execute("DELETE FROM events WHERE invoice = ? AND step = ?", (name, step))
+
+
+def events(db: sqlite3.Connection) -> list[dict]:
+    """What lies ahead, the next first."""
+    return [dict(row) for row in db.execute("SELECT at, invoice, step FROM events ORDER BY at, number")]
 
 
 def add_invoice(db: sqlite3.Connection, invoice: dict) -> None:
@@ -85,15 +134,17 @@ def invoice(db: sqlite3.Connection, name: str) -> dict | None:
 
 def invoices(db: sqlite3.Connection, user: str | None = None, start: int = 1,
              size: int = -1) -> list[dict]:
-    """Those of a user or of all, the newest first, from the `start`-th on."""
-    rows = db.execute("SELECT * FROM invoices WHERE ?1 IS NULL OR user = ?1 "
+    """Those of a user or of all, the newest first, from the `start`-th on. A user does not see those that have not
+    appeared."""
+    rows = db.execute(f"SELECT * FROM invoices WHERE ?1 IS NULL OR (user = ?1 AND {_SEEN}) "
                       "ORDER BY number DESC LIMIT ? OFFSET ?", (user, size, start - 1))
     return [_told(row) for row in rows]
 
 
 def count_invoices(db: sqlite3.Connection, user: str | None = None) -> int:
     """Those of a user or of all."""
-    return db.execute("SELECT COUNT(*) FROM invoices WHERE ?1 IS NULL OR user = ?1", (user,)).fetchone()[0]
+    return db.execute(f"SELECT COUNT(*) FROM invoices WHERE ?1 IS NULL OR (user = ?1 AND {_SEEN})",
+                      (user,)).fetchone()[0]
 
 
 def mark(db: sqlite3.Connection, name: str, step: str, now: str) -> dict:
@@ -108,7 +159,7 @@ def mark(db: sqlite3.Connection, name: str, step: str, now: str) -> dict:
 
 
 def _told(row: sqlite3.Row) -> dict:
-    told = {key: row[key] for key in row.keys() if key != "number" and row[key] is not None}
-    told["status"] = next(step for step in ("refunded", "cancelled", "confirmed", "applied", "bought")
-                          if step in told)
+    told = {key: row[key] for key in row.keys() if key not in ("number", "life") and row[key] is not None}
+    told.update(json.loads(row["life"]))
+    told["status"] = next(status for status, key in _STATUSES.items() if key in told)
     return told

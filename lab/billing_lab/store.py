@@ -1,11 +1,11 @@
 """What the store answers. The JSON is the lab's own: the daemon hands any body on as it is."""
 import dataclasses
-import datetime
 import json
 import sqlite3
 
 from . import catalogue as goods
 from . import state
+from .life import clock
 
 PATHS = {
     ("GET", "/billing/service/v2/country"): "country",
@@ -50,10 +50,6 @@ class Refusal(Exception):
     def __init__(self, status: int, code: str, message: str):
         super().__init__(message)
         self.status, self.code = status, code
-
-
-def now() -> str:
-    return datetime.datetime.now(datetime.timezone.utc).strftime("%Y-%m-%dT%H:%M:%SZ")
 
 
 def failure(status: int, code: str, message: str) -> Reply:
@@ -157,27 +153,32 @@ def _number(ask: Ask, name: str, most: int) -> int:
     return int(text)
 
 
+# Statuses in which nothing is applied or confirmed.
+_NO_MORE = {"cancelled": "was cancelled", "refunded": "was refunded", "pending": "is pending",
+            "declined": "was declined", "expired": "has expired"}
+
+
 def _invoice_of(db: sqlite3.Connection, catalogue: dict, ask: Ask) -> dict:
     _check_user(catalogue, ask)
     name = ask.values.get("invoiceId", "")
     found = state.invoice(db, name)
     # Another user's invoice is nobody's business.
-    if found is None or (found["user"], found["app"]) != (ask.user, ask.app):
+    if found is None or found["status"] == "later" or (found["user"], found["app"]) != (ask.user, ask.app):
         raise Refusal(404, "unknown_invoice", f"the user has no invoice {name!r} in this app")
     if found.get("custom_id", ask.values.get("customId")) != ask.values.get("customId"):
         raise Refusal(403, "wrong_custom_id", "the custom id is not that of the purchase")
-    if found["status"] in ("cancelled", "refunded"):
-        raise Refusal(409, found["status"], f"the invoice was {found['status']}")
+    if found["status"] in _NO_MORE:
+        raise Refusal(409, found["status"], f"the invoice {_NO_MORE[found['status']]}")
     return found
 
 
 def _apply(db: sqlite3.Connection, catalogue: dict, ask: Ask) -> dict:
-    found = state.mark(db, _invoice_of(db, catalogue, ask)["id"], "applied", now())
+    found = state.mark(db, _invoice_of(db, catalogue, ask)["id"], "applied", clock.now(db))
     return {"invoice": found["id"], "applied": found["applied"]}
 
 
 def _confirm(db: sqlite3.Connection, catalogue: dict, ask: Ask) -> dict:
-    found = state.mark(db, _invoice_of(db, catalogue, ask)["id"], "confirmed", now())
+    found = state.mark(db, _invoice_of(db, catalogue, ask)["id"], "confirmed", clock.now(db))
     return {"invoice": found["id"], "confirmed": found["confirmed"]}
 
 

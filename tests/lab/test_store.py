@@ -1,6 +1,7 @@
 """What the store answers, over TLS, and what it remembers."""
 import pytest
 from billing_lab import purchases, state
+from billing_lab.life import purchase
 from billing_lab.store import Refusal
 
 
@@ -107,28 +108,28 @@ def test_a_custom_id_counts_where_the_purchase_has_one(store, client):
     assert client.request("apply", invoice=name, custom="me")[0] == 200
 
 
-@pytest.mark.parametrize("undo, code", [(purchases.cancel, "cancelled"), (purchases.refund, "refunded")])
+@pytest.mark.parametrize("undo, code", [("cancel", "cancelled"), ("refund", "refunded")])
 def test_what_was_undone_can_be_neither_applied_nor_confirmed(store, client, undo, code):
     name = buy(store)["id"]
-    store.do(undo, store.db, name)
-    store.do(undo, store.db, name)
+    store.do(purchase.step, store.db, name, undo)
+    store.do(purchase.step, store.db, name, undo)
     for endpoint in ("apply", "confirm"):
         assert (client.request(endpoint, invoice=name)[1]["code"]) == code
 
 
 def test_what_was_confirmed_is_refunded_and_not_cancelled(store):
-    with pytest.raises(Refusal, match="was confirmed; refund it instead"):
-        store.do(purchases.cancel, store.db, "INV-SEED-1")
-    assert store.do(purchases.refund, store.db, "INV-SEED-1")["status"] == "refunded"
+    with pytest.raises(Refusal, match="is confirmed; refund it instead"):
+        store.do(purchase.step, store.db, "INV-SEED-1", "cancel")
+    assert store.do(purchase.step, store.db, "INV-SEED-1", "refund")["status"] == "refunded"
     with pytest.raises(Refusal, match="there is no invoice 'none'"):
-        store.do(purchases.refund, store.db, "none")
+        store.do(purchase.step, store.db, "none", "refund")
 
 
 def test_a_durable_is_owned_once_until_it_is_given_back(store):
     name = buy(store, product="no-ads")["id"]
     with pytest.raises(Refusal, match=f"owns no-ads already .{name}."):
         buy(store, product="no-ads")
-    store.do(purchases.refund, store.db, name)
+    store.do(purchase.step, store.db, name, "refund")
     assert buy(store, product="no-ads")["id"] != name
 
 

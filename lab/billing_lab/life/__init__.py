@@ -1,0 +1,1 @@
+"""The life of purchases, on a clock of the lab's own."""
