@@ -174,6 +174,13 @@ class Lab:
 
     # Checks of an app
 
+    def scenario(self, wanted: dict | pathlib.Path | str) -> dict:
+        """Resets the lab and begins a scenario. @param wanted its file, or what would stand in it
+        @return invoices by the names of the purchases, faults, expectations"""
+        from .checks import scenario
+        told = wanted if isinstance(wanted, dict) else scenario.read(pathlib.Path(wanted))
+        return self.ask("POST", "/api/scenario", told)
+
     def asked(self, endpoint: str | None = None, **wanted) -> dict:
         """How often something was asked. @param endpoint an endpoint's or a method's name
         @param wanted app, user, invoice, product, custom_id, header; times, or at_least and at_most; after

@@ -16,7 +16,7 @@ from aiohttp import web
 
 from . import catalogue, dashboard, journal, state
 from .catalogue import CatalogueError
-from .checks import asked, report
+from .checks import asked, report, scenario
 from .core import Core
 from .device import DeviceError
 from .faults import FaultError
@@ -27,7 +27,8 @@ from .store import Refusal
 
 Handler = Callable[[web.Request], Awaitable[web.StreamResponse]]
 
-_WRONG = (CatalogueError, DeviceError, FaultError, LabError, clock.LifeError, MatchError, Refusal)
+_WRONG = (CatalogueError, DeviceError, FaultError, LabError, clock.LifeError, MatchError, Refusal,
+          scenario.ScenarioError)
 HEARTBEAT_SECONDS = 15
 
 
@@ -37,7 +38,7 @@ def application(core: Core, token: str) -> web.Application:
     made.add_routes([
         web.get("/api/status", _status), web.post("/api/stop", _stop),
         web.post("/api/seed", _seed), web.post("/api/reset", _reset),
-        web.post("/api/usual", _usual),
+        web.post("/api/usual", _usual), web.post("/api/scenario", _scenario),
         web.get("/api/catalogue", _catalogue), web.post("/api/answers", _answers),
         web.get("/api/invoices", _invoices), web.post("/api/buy", _buy),
         web.post("/api/step", _step), web.post("/api/cancel", _one_step("cancel")),
@@ -105,8 +106,7 @@ async def _seed(request: web.Request) -> web.Response:
 
 
 async def _reset(request: web.Request) -> web.Response:
-    _core(request).reset()
-    await _core(request).simulator.connections.dropped()
+    await _core(request).reset_whole()
     return web.json_response(_core(request).summary())
 
 
@@ -135,19 +135,13 @@ async def _buy(request: web.Request) -> web.Response:
 
 
 async def _step(request: web.Request) -> web.Response:
-    return _stepped(request, await request.json())
+    return web.json_response(_core(request).step(await request.json()))
 
 
 def _one_step(name: str) -> Handler:
     async def undo(request: web.Request) -> web.Response:
-        return _stepped(request, {**await request.json(), "step": name})
+        return web.json_response(_core(request).step({**await request.json(), "step": name}))
     return undo
-
-
-def _stepped(request: web.Request, wanted: dict) -> web.Response:
-    db = _core(request).db
-    purchase.happen(db)
-    return web.json_response(purchase.step(db, wanted["invoice"], wanted["step"], wanted.get("after")))
 
 
 async def _clock(request: web.Request) -> web.Response:
@@ -155,9 +149,11 @@ async def _clock(request: web.Request) -> web.Response:
 
 
 async def _advance(request: web.Request) -> web.Response:
-    db = _core(request).db
-    clock.advance(db, clock.seconds_of((await request.json())["advance"], "advance"))
-    return web.json_response({**clock.describe(db), "happened": purchase.happen(db)})
+    return web.json_response(_core(request).advance((await request.json())["advance"]))
+
+
+async def _scenario(request: web.Request) -> web.Response:
+    return web.json_response(await scenario.begin(_core(request), await request.json()))
 
 
 async def _device(request: web.Request) -> web.Response:

@@ -9,7 +9,7 @@ from . import catalogue, device, faults, journal, purchases, state, tls
 from .checks import asked, report
 from .device import Settings
 from .folder import Folder
-from .life import clock
+from .life import clock, purchase
 from .matching import ENDPOINTS, PAYMENTS
 from .simulator import Simulator
 
@@ -144,6 +144,21 @@ class Core:
         state.seed(self.db, state.fact(self.db, "catalogue"))
         journal.clear(self.db)
         device.write(self.folder.settings, self._usual_settings())
+
+    async def reset_whole(self) -> None:
+        """As reset(), and what was connected has ended when it returns."""
+        self.reset()
+        await self.simulator.connections.dropped()
+
+    def step(self, wanted: dict) -> dict:
+        """A step of a purchase, now or later."""
+        purchase.happen(self.db)
+        return purchase.step(self.db, wanted["invoice"], wanted["step"], wanted.get("after"))
+
+    def advance(self, span: object) -> dict:
+        """The lab's clock, moved forward, and what is due then."""
+        clock.advance(self.db, clock.seconds_of(span, "advance"))
+        return {**clock.describe(self.db), "happened": purchase.happen(self.db)}
 
     def buy(self, wanted: dict) -> dict:
         """What is not said is the device's, or the first of the catalogue."""

@@ -4,6 +4,7 @@ from xml.etree import ElementTree
 
 import pytest
 from billing_lab.checks import asked, report, rules
+from billing_lab.folder import LabError
 from billing_lab.matching import MatchError
 
 
@@ -168,6 +169,60 @@ def test_the_command_line_checks_in_the_same_words(lab, cli, tmp_path):
     assert json.loads(cli("verify", "--rule", "applied-first", "--json", **place).stdout)["checks"][1]["ok"] is True
 
 
+# Scenarios
+
+SCENARIO = {
+    "scenario": 1, "about": "the first confirmation is lost", "device": {"country": "DE"},
+    "buy": [{"product": "coins-100", "as": "coins"}, {"product": "season", "period": "30d", "as": "pass"}],
+    "steps": [{"invoice": "$pass", "step": "unsubscribe"}], "advance": "31d",
+    "answers": [{"endpoint": "country", "body": "{}"}],
+    "faults": [{"kind": "pass", "endpoint": "confirm", "count": 1}, {"kind": "reset", "invoice": "$coins", "count": 1}],
+    "connection": {"fault": "idle-close", "ms": 60000},
+    "expect": [{"endpoint": "confirm", "invoice": "$coins", "times": 2, "name": "asked again"}]}
+
+
+def test_a_scenario_sets_the_lab_and_demands(lab, tmp_path):
+    lab.buy("no-ads")
+    file = tmp_path / "lost.json"
+    file.write_text(json.dumps(SCENARIO))
+    told = lab.scenario(file)
+    coins = told["invoices"]["coins"]
+    assert told == {"invoices": {"coins": coins, "pass": told["invoices"]["pass"]}, "faults": 2, "expectations": 1}
+    status = {invoice["id"]: invoice["status"] for invoice in lab.invoices()}
+    assert (status[told["invoices"]["pass"]], "no-ads" in json.dumps(lab.invoices())) == ("expired", False)
+    assert lab.call("check_server_availability") == (0, "{}")
+    assert lab.call("confirm_purchase", invoiceid=coins)[0] == 0
+    assert lab.call("confirm_purchase", invoiceid=coins)[0] == -1
+    assert [check["ok"] for check in lab.verify(rules=["exact"])["checks"]] == [True, True]
+    # The same, as it is.
+    assert lab.scenario(SCENARIO)["expectations"] == 1
+
+
+@pytest.mark.parametrize("part, said", [
+    ({"scenario": 2}, 'a scenario begins with "scenario": 1'), ({"shop": 1}, "a scenario has no 'shop'"),
+    ({"faults": [{"kind": "reset"}, {"kind": "fire"}]}, r"faults\[1\]: 'fire' is no fault"),
+    ({"faults": [{"kind": "reset", "invoice": "$who"}]}, "no purchase of it is called 'who'; known are coins, pass"),
+    ({"buy": [{}]}, r"buy\[0\]: this cannot be asked so"), ({"device": {"server": "none"}}, "device.server: server 'none'"),
+    ({"expect": {}}, "expect is {}"), ({"expect": [{"often": 1}]}, r"expect\[0\]: a check takes no 'often'"),
+    ({"connection": {"fault": "fire"}}, "connection: 'fire' is no fault of the connection"),
+])
+def test_a_wrong_scenario_says_where_and_sets_nothing(lab, part, said):
+    with pytest.raises(LabError, match=said):
+        lab.scenario({**SCENARIO, **part})
+    now = lab.status()
+    assert (now["faults"], now["unusual"], lab.ask("GET", "/api/expectations")) == ([], [], [])
+
+
+def test_the_file_of_a_scenario_that_cannot_be_read_is_said(lab, tmp_path):
+    for text, said in (("{", "no valid JSON"), ("[]", "a scenario is an object"),
+                       ('{"answers": [{"endpoint": "country", "file": "none"}]}', "its path begins at the scenario's")):
+        (tmp_path / "s.json").write_text(text)
+        with pytest.raises(LabError, match=said):
+            lab.scenario(tmp_path / "s.json")
+    with pytest.raises(LabError, match="name a scenario that can be read"):
+        lab.scenario(tmp_path / "none")
+
+
 APP = 'billing-lab call get_applied_time invoiceid=INV-SEED-2 && billing-lab call confirm_purchase invoiceid=INV-SEED-2'
 
 
@@ -187,6 +242,13 @@ def test_a_run_starts_and_ends_lab_and_app_and_judges(run, tmp_path):
     assert "4 checks good, 0 bad, 2 requests" in good.stderr
     assert ElementTree.parse(tmp_path / "report.xml").find("testsuite").get("failures") == "0"
     assert not (tmp_path / "lab" / "lab.json").exists()
+
+
+def test_a_run_judges_the_expectations_of_a_scenario(run, tmp_path):
+    file = tmp_path / "s.json"
+    file.write_text(json.dumps({"scenario": 1, "expect": [{"endpoint": "confirm", "times": 0, "name": "looks only"}]}))
+    bad = run(APP, "--scenario", file)
+    assert (bad.returncode, "BAD   looks only" in bad.stderr) == (1, True), bad.stderr
 
 
 def test_a_run_of_an_app_that_confirms_twice_fails(run):

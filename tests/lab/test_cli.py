@@ -216,8 +216,8 @@ def test_what_is_not_as_usual_is_ended(run, lab, tmp_path):
     body = tmp_path / "body"
     body.write_bytes(b"{}")
     name = lab.buy("coins-100")["id"]
-    for words in (("fault", "reset"), ("device", "signed-out"), ("answer", "apply", body), ("fault", "expired")):
-        printed(run(*words))
+    for command in (("fault", "reset"), ("device", "signed-out"), ("answer", "apply", body), ("fault", "expired")):
+        printed(run(*command))
     assert printed(run("usual")) == (
         "ended: device: signed in none, usually lab@example.org\nended: own answer at apply\n"
         "ended: fault reset at every endpoint\nended: connections: the server's certificate has expired\n")

@@ -16,9 +16,10 @@ TOO_LONG = 124
 _END_SECONDS = 5
 
 
-def run(command: list[str], folder: str | None, seed: str | None, seconds: int | None,
+def run(command: list[str], folder: str | None, seconds: int | None, begin: Callable[[Lab], None],
         judge: Callable[[Lab], dict]) -> int:
     """@param folder where the lab lives; None for one that goes with it
+    @param begin sets the lab before the command starts
     @param judge makes the report when the command has ended
     @return the exit status that `billing-lab run` describes
     """
@@ -28,9 +29,7 @@ def run(command: list[str], folder: str | None, seed: str | None, seconds: int |
     for number in (signal.SIGTERM, signal.SIGHUP):
         signal.signal(number, signal.default_int_handler)
     with _place(folder) as place, named_errors(), running(place) as lab:
-        if seed is not None:
-            lab.seed(seed)
-        lab.reset()
+        begin(lab)
         status = _status(words, lab, seconds)
         told = judge(lab)
         print(report.text(told), file=sys.stderr)

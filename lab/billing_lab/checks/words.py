@@ -30,6 +30,9 @@ def add_all(words) -> None:
         made.add_argument("--after", type=number(0), metavar="N",
                           help="only behind this number of the journal, 0 or more (default: 0)")
         made.add_argument("--name", help="what a report calls it (default: the condition)")
+    made = add(words, "scenario", _scenario, "reset the lab and begin a scenario: device, purchases, faults, answers, and "
+               "what is expected", epilog="A scenario is a JSON file beside a test; docs/LAB.md shows one.")
+    made.add_argument("file", metavar="FILE", help="the scenario")
     made = add(words, "verify", _verify, "judge what the app asked since the last reset, by rules and expectations",
                epilog=f"{_RULES}\n\nExit status 1 when something is bad.")
     report_options(made)
@@ -42,6 +45,7 @@ The command finds the lab's bus in DBUS_SYSTEM_BUS_ADDRESS and its folder in BIL
 Exit status: the command's when it is not 0 (128 and the signal's number after one); 1 when a check is bad; 124 when
 the command took too long; 0 otherwise.""")
     made.add_argument("--seed", metavar="FILE", help="read this catalogue first, as `seed` does")
+    made.add_argument("--scenario", metavar="FILE", help="begin this scenario, as `scenario` does; it expects things too")
     made.add_argument("--timeout", type=number(1), metavar="SECONDS",
                       help="end the command after so long, 1 or more (default: never)")
     report_options(made)
@@ -85,6 +89,17 @@ def _expect(options: argparse.Namespace) -> int:
     return 0
 
 
+def _scenario(options: argparse.Namespace) -> int:
+    told = Lab(options.dir).scenario(options.file)
+    if options.json:
+        print(report.as_json(told))
+        return 0
+    for name, invoice in told["invoices"].items():
+        print(f"{name}  {invoice}")
+    print(f"{told['faults']} faults, {told['expectations']} expectations")
+    return 0
+
+
 def _verify(options: argparse.Namespace) -> int:
     told = write_reports(Lab(options.dir), options)
     print(report.as_json(told) if options.json else report.text(told))
@@ -94,4 +109,10 @@ def _verify(options: argparse.Namespace) -> int:
 def _run(options: argparse.Namespace) -> int:
     def judge(lab: Lab) -> dict:
         return write_reports(lab, options)
-    return run.run(options.app, options.dir, options.seed, options.timeout, judge)
+    def begin(lab: Lab) -> None:
+        if options.seed is not None:
+            lab.seed(options.seed)
+        lab.reset()
+        if options.scenario is not None:
+            lab.scenario(options.scenario)
+    return run.run(options.app, options.dir, options.timeout, begin, judge)
