@@ -119,8 +119,12 @@ def _store(words) -> None:
     made.add_argument("--user", metavar="UID", help="those of this user (default: all)")
     made = add(words, "answer", commands.answer, "answer an endpoint with a body of your own; the store "
                 "still does its work", json=False)
-    made.add_argument("endpoint", choices=ENDPOINTS, metavar="ENDPOINT", help=", ".join(ENDPOINTS))
-    made.add_argument("file", nargs="?", metavar="FILE", help="the body, any bytes")
+    made.add_argument("endpoint", choices=(*ENDPOINTS, *METHODS), metavar="ENDPOINT",
+                      help=f"{', '.join(ENDPOINTS)}, or the method's name")
+    made.add_argument("file", nargs="*", metavar="FILE", help="the body, any bytes; several are given one after the "
+                      "other, the last for ever")
+    made.add_argument("--template", action="store_true", help="the bodies are templates (default: given as they are)")
+    match_options(made, endpoint=False)
     made.add_argument("--status", type=number(200, 599), metavar="N",
                       help="HTTP status, 200 to 599 (default: 200)")
     made.add_argument("--type", metavar="TYPE", help="content type (default: application/json)")

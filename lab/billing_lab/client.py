@@ -20,7 +20,7 @@ from .methods import arguments_of
 START_SECONDS = 90
 STOP_SECONDS = 30
 # What the lab's own process imports, and a virtual environment of an app does not have.
-_NEEDED = ("aiohttp", "cryptography", "gi", "h2", "jsonschema", "trustme")
+_NEEDED = ("aiohttp", "cryptography", "gi", "h2", "jinja2", "jsonschema", "trustme")
 _SYSTEM_PYTHON = "/usr/bin/python3"
 
 
@@ -116,12 +116,14 @@ class Lab:
         """Ends all that is not as usual: faults, own answers, switches of the device. Purchases and journal stay."""
         self.ask("POST", "/api/usual", {})
 
-    def answer(self, endpoint: str, body: bytes | None, status: int | None = None,
-               type: str | None = None) -> None:
-        """A body of one's own for an endpoint; None for the built-in one again."""
-        text = None if body is None else body.decode("latin-1")
-        self.ask("POST", "/api/answers", {"endpoint": endpoint, "body": text, "status": status,
-                                          "type": type})
+    def answer(self, endpoint: str, *bodies: bytes | None, status: int | None = None, type: str | None = None,
+               template: bool = False, **match: str) -> None:
+        """A body of one's own for an endpoint or method, or several, given one after the other; None for the
+        built-in one again. @param template the bodies are templates
+        @param match app, user, invoice, product, custom_id, header"""
+        texts = [body.decode("latin-1") for body in bodies if body is not None]
+        self.ask("POST", "/api/answers", {"endpoint": endpoint, "bodies": texts, "status": status, "type": type,
+                                          "template": template, **match})
 
     def buy(self, product: str, *, app: str | None = None, user: str | None = None,
             country: str | None = None, custom_id: str | None = None, **life: object) -> dict:

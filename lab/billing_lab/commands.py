@@ -189,14 +189,14 @@ def invoices(options: argparse.Namespace) -> int:
 
 
 def answer(options: argparse.Namespace) -> int:
-    if (options.file is None) != options.built_in:
+    if bool(options.file) == options.built_in:
         raise LabError("name a file with the body, or --built-in")
-    body = None
-    if options.file is not None:
-        with named_errors():
-            body = pathlib.Path(options.file).read_bytes()
-    _lab(options).answer(options.endpoint, body, options.status, options.type)
-    print(f"{options.endpoint}: " + ("built-in" if body is None else f"{len(body)} bytes of {options.file}"))
+    with named_errors():
+        bodies = [pathlib.Path(file).read_bytes() for file in options.file]
+    _lab(options).answer(options.endpoint, *bodies, status=options.status, type=options.type, template=options.template,
+                         **_given(options, *WORDS[1:]))
+    told = [f"{len(body)} bytes of {file}" for body, file in zip(bodies, options.file)]
+    print(f"{options.endpoint}: " + (", then ".join(told) or "built-in"))
     return 0
 
 

@@ -23,12 +23,13 @@ from .faults import FaultError
 from .folder import LabError
 from .life import clock, purchase
 from .matching import MatchError
+from .own.template import TemplateError
 from .store import Refusal
 
 Handler = Callable[[web.Request], Awaitable[web.StreamResponse]]
 
 _WRONG = (CatalogueError, DeviceError, FaultError, LabError, clock.LifeError, MatchError, Refusal,
-          scenario.ScenarioError)
+          scenario.ScenarioError, TemplateError)
 HEARTBEAT_SECONDS = 15
 
 

@@ -10,7 +10,8 @@ from .checks import asked, report
 from .device import Settings
 from .folder import Folder
 from .life import clock, purchase
-from .matching import ENDPOINTS, PAYMENTS
+from .matching import PAYMENTS
+from .own import answers
 from .simulator import Simulator
 
 # What `buy` says of the life that a purchase will have.
@@ -57,7 +58,7 @@ class Core:
         now = asyncio.get_running_loop().time()
         told = [{**fault.describe(now), "over": fault.is_over(now)} for fault in self.simulator.faults]
         return {**self.info, "device": self.device(), "catalogue": self.summary(), "faults": told,
-                "answers": self.answers(), "unusual": self.unusual(),
+                "answers": answers.describe(self.db), "unusual": self.unusual(),
                 "clock": clock.describe(self.db), "ahead": state.events(self.db), "journal": journal.span(self.db), **self.simulator.connections.describe()}
 
     # The device
@@ -113,7 +114,7 @@ class Core:
                 for name, value in self.device().items() if value != usual[name] and name != "guid"]
         own = state.fact(self.db, "catalogue").get("answers", {})
         told += [f"own answer at {endpoint}" for endpoint, answer in state.fact(self.db, "answers", {}).items()
-                 if own.get(endpoint) != answer]
+                 if own.get(endpoint) != {key: part for key, part in answer.items() if key != "given"}]
         told += [f"answer built in at {endpoint}, not the catalogue's" for endpoint in own
                  if endpoint not in state.fact(self.db, "answers", {})]
         told += [f"fault {fault.kind} at {fault.match.endpoint or 'every endpoint'}"
@@ -174,22 +175,7 @@ class Core:
 
     def set_answer(self, wanted: dict) -> None:
         """A body of one's own for an endpoint; without a body the built-in one again."""
-        endpoint = wanted.get("endpoint")
-        if endpoint not in ENDPOINTS:
-            raise faults.FaultError(f"{endpoint!r} is no endpoint; known are "
-                                    f"{', '.join(ENDPOINTS)}")
-        answers = dict(state.fact(self.db, "answers", {}))
-        answers.pop(endpoint, None)
-        if wanted.get("body") is not None:
-            answers[endpoint] = {key: wanted[key] for key in ("body", "status", "type")
-                                 if wanted.get(key) is not None}
-        state.set_fact(self.db, "answers", answers)
-
-    def answers(self) -> dict:
-        """The bodies of one's own that are set, without the bodies."""
-        return {endpoint: {"status": own.get("status", 200), "type": own.get("type", "application/json"),
-                           "bytes": len(own["body"])}
-                for endpoint, own in state.fact(self.db, "answers", {}).items()}
+        answers.put(self.db, wanted)
 
     # Checks of the app
 

@@ -96,7 +96,7 @@ class Simulator:
             entry["asked"] = asked.describe()
             fault = self._fault_for(asked, exchange.link.protocol)
             done = fault is None or fault.done
-            reply = store.answer(self.db, ask) if done else store.Reply(200, b"{}", done=False)
+            reply = store.answer(self.db, ask, asked) if done else store.Reply(200, b"{}", done=False)
             entry["work"] = reply.done
         else:
             reply = ask

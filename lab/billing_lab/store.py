@@ -6,6 +6,9 @@ import sqlite3
 from . import catalogue as goods
 from . import state
 from .life import clock
+from .matching import Asked
+from .own import answers as own_answers
+from .own.template import TemplateError
 
 PATHS = {
     ("GET", "/billing/service/v2/country"): "country",
@@ -56,9 +59,12 @@ def failure(status: int, code: str, message: str) -> Reply:
     return Reply(status, _json({"status": "error", "code": code, "message": message}), done=False)
 
 
-def answer(db: sqlite3.Connection, ask: Ask) -> Reply:
+def answer(db: sqlite3.Connection, ask: Ask, asked: Asked) -> Reply:
     """Does what the request asks for, and says so. A team's own body stands for whatever came of it,
-    but for a token that is not good."""
+    but for a token that is not good.
+
+    @param asked the same request as own answers are chosen by
+    """
     try:
         _check_token(db, ask)
     except Refusal as refusal:
@@ -68,11 +74,21 @@ def answer(db: sqlite3.Connection, ask: Ask) -> Reply:
         reply = Reply(200, _json({"status": "ok", **done}))
     except Refusal as refusal:
         reply = _refused(refusal)
-    own = state.fact(db, "answers", {}).get(ask.endpoint)
+    own = own_answers.pick(db, asked)
     if own is None:
         return reply
-    return Reply(own.get("status", 200), own["body"].encode("latin-1"),
-                 own.get("type", "application/json"), reply.done)
+    try:
+        body = own_answers.filled(own, _values(db, ask, asked, reply))
+    except TemplateError as error:
+        return failure(500, "template", str(error))
+    return Reply(own.get("status", 200), body, own.get("type", "application/json"), reply.done)
+
+
+def _values(db: sqlite3.Connection, ask: Ask, asked: Asked, reply: Reply) -> dict:
+    """What a template may name."""
+    return {"answer": json.loads(reply.body), "status": reply.status, "values": ask.values, "asked": asked.describe(),
+            "invoice": state.invoice(db, asked.invoice) if asked.invoice else None,
+            "invoices": state.invoices(db, ask.user), "now": clock.now(db)}
 
 
 def _refused(refusal: Refusal) -> Reply:

@@ -1,0 +1,85 @@
+"""Which answer of a team's own a request gets, and how often each was given."""
+import sqlite3
+
+from .. import state
+from ..matching import WORDS, Asked, Match, MatchError, read_match
+from . import template
+
+_MEMBERS = ("endpoint", *WORDS[1:], "body", "bodies", "status", "type", "template")
+
+
+def name_of(match: Match) -> str:
+    """What an answer is called: its conditions. One of the same name takes its place."""
+    words = match.describe()
+    return " ".join([words.pop("endpoint"), *(f"{word}={value}" for word, value in words.items())])
+
+
+def put(db: sqlite3.Connection, wanted: dict) -> str:
+    """Sets an answer; without body and bodies the built-in one again.
+
+    @param wanted endpoint and further words of matching.WORDS; body, as bytes in a latin-1 text, or bodies, given one
+    after the other, the last for ever; status, type; template, true where the bodies are templates
+    @return its name
+    @throw MatchError, TemplateError
+    """
+    unknown = sorted(set(wanted) - set(_MEMBERS))
+    if unknown:
+        raise MatchError(f"an answer takes no {unknown[0]!r}; it takes {', '.join(_MEMBERS)}")
+    if wanted.get("endpoint") is None:
+        raise MatchError("an answer needs an endpoint")
+    match = read_match(wanted)
+    answers, name = dict(state.fact(db, "answers", {})), name_of(match)
+    # A new one is the latest, also where it takes an older one's place.
+    answers.pop(name, None)
+    bodies = wanted.get("bodies") or ([wanted["body"]] if wanted.get("body") is not None else [])
+    if bodies:
+        answers[name] = {"match": match.describe(), "bodies": [_checked(body, wanted) for body in bodies], "given": 0,
+                         **{key: wanted[key] for key in ("status", "type", "template") if wanted.get(key) is not None}}
+    state.set_fact(db, "answers", answers)
+    return name
+
+
+def _checked(body: object, wanted: dict) -> str:
+    if not isinstance(body, str):
+        raise MatchError(f"a body is {body!r:.40}; it must be a text")
+    # Raises for a character that is no byte.
+    raw = body.encode("latin-1")
+    if wanted.get("template"):
+        template.read(raw.decode())
+    return body
+
+
+def pick(db: sqlite3.Connection, asked: Asked) -> dict | None:
+    """The answer with the most conditions that fit; of several the latest. @return it with its body"""
+    answers = state.fact(db, "answers", {})
+    fitting = [(len(known["match"]), place, name) for place, (name, known) in enumerate(_with_matches(answers).items())
+               if not read_match(known["match"]).misses(asked)]
+    if not fitting:
+        return None
+    name = max(fitting)[2]
+    own = answers[name]
+    bodies, given = own.get("bodies") or [own["body"]], own.get("given", 0)
+    if len(bodies) > 1 or own.get("template"):
+        state.set_fact(db, "answers", {**answers, name: {**own, "given": given + 1}})
+    return {**own, "body": bodies[min(given, len(bodies) - 1)], "count": given + 1}
+
+
+def _with_matches(answers: dict) -> dict:
+    """Those of a catalogue are named by their endpoint alone."""
+    return {name: {"match": {"endpoint": name}, **known} for name, known in answers.items()}
+
+
+def filled(own: dict, values: dict) -> bytes:
+    """The body of an answer. @param values what a template may name"""
+    raw = own["body"].encode("latin-1")
+    return template.filled(raw.decode(), {**values, "count": own["count"]}) if own.get("template") else raw
+
+
+def describe(db: sqlite3.Connection) -> dict:
+    """Those that are set, without their bodies."""
+    told = {}
+    for name, own in state.fact(db, "answers", {}).items():
+        bodies = own.get("bodies") or [own["body"]]
+        told[name] = {"status": own.get("status", 200), "type": own.get("type", "application/json"),
+                      "bytes": sum(map(len, bodies)), "bodies": len(bodies), "template": bool(own.get("template"))}
+    return told

@@ -1,0 +1,99 @@
+"""Answers of a team's own: whom they are for, one after the other, and as templates with the lab's state."""
+import json
+
+import pytest
+from billing_lab import state
+from billing_lab.folder import LabError
+from billing_lab.matching import Asked
+from billing_lab.own import answers, template
+
+
+@pytest.fixture
+def memory(tmp_path):
+    return state.open_state(tmp_path / "state")
+
+
+def picked(memory, endpoint="confirm", **said):
+    own = answers.pick(memory, Asked(endpoint, **said))
+    return own and own["body"]
+
+
+def test_the_most_conditions_win_and_of_several_the_latest(memory):
+    for wanted in ({"body": "all"}, {"invoice": "I", "app": "a", "body": "both"}, {"invoice": "I", "body": "invoice"},
+                   {"app": "a", "body": "app"}):
+        answers.put(memory, {"endpoint": "confirm_purchase", **wanted})
+    assert picked(memory) == "all"
+    assert picked(memory, app="a", invoice="J") == "app"
+    assert picked(memory, app="a", invoice="I") == "both"
+    assert picked(memory, app="b", invoice="I") == "invoice"
+    assert picked(memory, endpoint="apply") is None
+    answers.put(memory, {"endpoint": "confirm", "app": "a", "invoice": "I"})
+    # The app's was set last.
+    assert picked(memory, app="a", invoice="I") == "app"
+
+
+def test_bodies_are_given_one_after_the_other(memory):
+    answers.put(memory, {"endpoint": "country", "bodies": ["1", "2", "3"]})
+    assert [picked(memory, "country") for _ in range(5)] == ["1", "2", "3", "3", "3"]
+
+
+def test_a_template_names_state_and_its_count():
+    own = {"body": '{{ invoice.id }} {{ count }} {{ answer.status | tojson }} {{ values["a"] }}', "template": True, "count": 2}
+    assert answers.filled(own, {"invoice": {"id": "I"}, "answer": {"status": "ok"}, "values": {"a": "ü"}}) == (
+        'I 2 "ok" ü'.encode())
+
+
+@pytest.mark.parametrize("text, said", [
+    ("{% for %}", "the template, line 1: "), ("\n{{ }", "the template, line 2: "),
+    ("{{ nobody }}", "'nobody' is undefined"), ("{{ 1 / 0 }}", "ZeroDivisionError"),
+    ("{{ ''.__class__.__mro__[1].__subclasses__() }}", "SecurityError")])
+def test_a_wrong_template_says_so(text, said):
+    with pytest.raises(template.TemplateError, match=said):
+        template.filled(text, {})
+
+
+@pytest.mark.parametrize("wanted, said", [
+    ({}, "an answer needs an endpoint"), ({"endpoint": "shop"}, "'shop' is no endpoint"),
+    ({"endpoint": "country", "text": "a"}, "an answer takes no 'text'"), ({"endpoint": "country", "body": 5}, "a body is 5"),
+    ({"endpoint": "country", "body": "{% for %}", "template": True}, "the template, line 1"),
+])
+def test_a_wrong_answer_is_refused(memory, wanted, said):
+    with pytest.raises(ValueError, match=said):
+        answers.put(memory, wanted)
+
+
+REAL = b"""{"CPStatus": "{{ "100000" if answer.status == "ok" else "400111" }}", "Total": {{ invoices | length }},
+"Details": [{% for one in invoices %}{"InvoiceID": {{ one.id | tojson }}, "Applied": {{ ("applied" in one) | tojson }}}
+{%- if not loop.last %}, {% endif %}{% endfor %}]}"""
+
+
+def test_an_app_meets_the_form_of_its_store_with_the_state_of_the_lab(lab):
+    lab.answer("invoices", REAL, template=True)
+    lab.answer("confirm_purchase", b'{"ConfirmResult": {{ (status == 200) | tojson }}, "at": "{{ now[:4] }}"}', template=True)
+    name = lab.buy("coins-100")["id"]
+    lab.call("get_applied_time", invoiceid=name)
+    told = json.loads(lab.call("get_purchase_history")[1])
+    assert (told["CPStatus"], told["Total"], told["Details"][0]) == ("100000", 3, {"InvoiceID": name, "Applied": True})
+    assert json.loads(lab.call("confirm_purchase", invoiceid=name)[1])["ConfirmResult"] is True
+    assert lab.invoices()[0]["status"] == "confirmed"
+    lab.refund(name)
+    assert json.loads(lab.call("confirm_purchase", invoiceid=name)[1])["ConfirmResult"] is False
+
+
+def test_a_template_that_fails_is_seen_and_one_that_cannot_be_read_refused(lab):
+    lab.answer("country", b"{{ nobody }}", template=True)
+    assert json.loads(lab.call("check_server_availability")[1])["message"] == "the template: UndefinedError: 'nobody' is undefined"
+    with pytest.raises(LabError, match="the template, line 1"):
+        lab.answer("country", b"{{ nobody", template=True)
+
+
+def test_the_command_line_sets_them_for_an_invoice_one_after_the_other(lab, cli, tmp_path):
+    for number in "12":
+        (tmp_path / number).write_text(number + " {{ count }}")
+    told = cli("answer", "apply", tmp_path / "1", tmp_path / "2", "--template", "--invoice", "INV-SEED-2",
+               folder=lab.folder.path)
+    assert (told.returncode, told.stdout.count("bytes of")) == (0, 2), told.stderr
+    said = [lab.call("get_applied_time", invoiceid="INV-SEED-2")[1] for _ in range(3)]
+    assert said == ["1 1", "2 2", "2 3"]
+    assert json.loads(lab.call("get_applied_time", invoiceid="INV-SEED-1")[1])["status"] == "ok"
+    assert list(lab.status()["answers"]) == ["apply invoice=INV-SEED-2"]
