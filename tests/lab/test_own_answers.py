@@ -97,3 +97,42 @@ def test_the_command_line_sets_them_for_an_invoice_one_after_the_other(lab, cli,
     assert said == ["1 1", "2 2", "2 3"]
     assert json.loads(lab.call("get_applied_time", invoiceid="INV-SEED-1")[1])["status"] == "ok"
     assert list(lab.status()["answers"]) == ["apply invoice=INV-SEED-2"]
+
+
+def recorded(tmp_path, *entries):
+    file = tmp_path / "tv.har"
+    file.write_text(json.dumps({"log": {"entries": list(entries)}}))
+    return file
+
+
+def har_entry(method, path, body, status=200, post=None, **content):
+    return {"request": {"method": method, "url": f"https://store.example{path}", "postData": {"text": post or ""},
+                        "headers": [{"name": "Atoken", "value": "secret-token"}, {"name": "DUID", "value": "duid-of-tv"}]},
+            "response": {"status": status, "content": {"text": body, "mimeType": "application/json", **content}}}
+
+
+def test_a_recording_is_replayed_without_its_secrets(lab, cli, tmp_path):
+    history = "/billing/service/v2/user/invoices?customid=me@example.org&GUID=guid-1&UID=me@example.org"
+    file = recorded(
+        tmp_path, har_entry("GET", "/index.html", "<html>"),
+        har_entry("GET", history, '{"user": "me@example.org", "page": 1}'),
+        har_entry("GET", history, "eyJ1c2VyIjogIm1lQGV4YW1wbGUub3JnIn0=", encoding="base64"),
+        har_entry("POST", "/billing/payment/v2/apply", '{"echo": "cust-9 secret-token"}', 409,
+                  '{"customId" : "cust-9", "UID" : "me@example.org"}'))
+    made = cli("record", file, tmp_path / "shop.json")
+    assert (made.returncode, made.stdout) == (0, "invoices: 2, apply: 1\n"), made.stderr
+    text = (tmp_path / "shop.json").read_text()
+    assert not any(secret in text for secret in ("me@example.org", "secret-token", "cust-9", "guid-1", "duid-of-tv"))
+    lab.scenario(tmp_path / "shop.json")
+    assert [lab.call("get_purchase_history")[1] for _ in range(3)] == [
+        '{"user": "hidden-user", "page": 1}', '{"user": "hidden-user"}', '{"user": "hidden-user"}']
+    assert lab.call("get_applied_time") == (0, '{"echo": "hidden-custom-id hidden-token"}')
+    assert lab.journal()[-1]["answer"]["status"] == 409
+
+
+@pytest.mark.parametrize("text, said", [("{", "is no HAR file"), ('{"log": {"entries": [{}]}}', "is no HAR file"),
+                                        ('{"log": {"entries": []}}', "has no answer to one of the five requests")])
+def test_what_is_no_recording_is_refused(cli, tmp_path, text, said):
+    (tmp_path / "tv.har").write_text(text)
+    told = cli("record", tmp_path / "tv.har", tmp_path / "out")
+    assert (told.returncode, said in told.stderr, (tmp_path / "out").exists()) == (1, True, False), told.stderr

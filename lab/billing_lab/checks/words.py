@@ -5,6 +5,7 @@ import pathlib
 from ..client import Lab
 from ..folder import named_errors
 from ..matching import ENDPOINT_OF, ENDPOINTS, WORDS
+from ..own import recording
 from ..words import add, match_options, number
 from . import report, run
 from .rules import POLLS, RULES, USUAL, what
@@ -33,6 +34,12 @@ def add_all(words) -> None:
     made = add(words, "scenario", _scenario, "reset the lab and begin a scenario: device, purchases, faults, answers, and "
                "what is expected", epilog="A scenario is a JSON file beside a test; docs/LAB.md shows one.")
     made.add_argument("file", metavar="FILE", help="the scenario")
+    made = add(words, "record", _record, "make a scenario of a HAR file that a real store was recorded in; tokens and ids of "
+               "device and user are hidden", json=False, epilog="Replay it with `scenario`, or `run --scenario`: each "
+               "endpoint gives its recorded bodies one after the other. Look at the file before you pass it on: what "
+               "no request names as a secret is not hidden.")
+    made.add_argument("har", metavar="HAR", help="the recording")
+    made.add_argument("file", metavar="FILE", help="the scenario to write")
     made = add(words, "verify", _verify, "judge what the app asked since the last reset, by rules and expectations",
                epilog=f"{_RULES}\n\nExit status 1 when something is bad.")
     report_options(made)
@@ -97,6 +104,14 @@ def _scenario(options: argparse.Namespace) -> int:
     for name, invoice in told["invoices"].items():
         print(f"{name}  {invoice}")
     print(f"{told['faults']} faults, {told['expectations']} expectations")
+    return 0
+
+
+def _record(options: argparse.Namespace) -> int:
+    made = recording.scenario_of(pathlib.Path(options.har))
+    with named_errors():
+        pathlib.Path(options.file).write_text(report.as_json(made) + "\n", encoding="utf-8")
+    print(", ".join(f"{answer['endpoint']}: {len(answer['bodies'])}" for answer in made["answers"]))
     return 0
 
 

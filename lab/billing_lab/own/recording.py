@@ -1,0 +1,76 @@
+"""A recording of a real store as a scenario: the answers of a HAR file, with secrets hidden."""
+import base64
+import json
+import pathlib
+import re
+import urllib.parse
+
+from ..folder import LabError
+from ..store import PATHS
+
+# What a request says of its device and of its user, in headers, in the query and in the body.
+_SECRETS = {"atoken": "token", "duid": "device", "guid": "account", "uid": "user", "customid": "custom-id"}
+# A shorter value stands in bodies by chance.
+_SHORTEST = 4
+
+
+def scenario_of(file: pathlib.Path) -> dict:
+    """Reads a HAR file. @return a scenario with its answers to the five requests, in their order
+
+    @throw LabError for a file that is no HAR, or has none of the five requests in it
+    """
+    try:
+        read = json.loads(file.read_text(encoding="utf-8-sig"))
+        entries = read["log"]["entries"]
+        answered = [(_endpoint(entry["request"]), entry) for entry in entries]
+        hidden = _secrets([entry["request"] for endpoint, entry in answered if endpoint])
+        bodies: dict[str, list[dict]] = {}
+        for endpoint, entry in answered:
+            if endpoint and entry["response"].get("content", {}).get("text") is not None:
+                bodies.setdefault(endpoint, []).append(_answer(entry["response"], hidden))
+    except OSError as error:
+        raise LabError(f"{file}: {error.strerror}; name a HAR file that can be read") from None
+    except (ValueError, KeyError, TypeError, AttributeError) as error:
+        raise LabError(f"{file} is no HAR file ({error!r})") from None
+    if not bodies:
+        raise LabError(f"{file} has no answer to one of the five requests; their paths are "
+                       f"{', '.join(path for _, path in PATHS)}")
+    return {"scenario": 1, "about": f"recorded: {file.name}", "answers": [
+        {"endpoint": endpoint, **_as_one(told)} for endpoint, told in bodies.items()]}
+
+
+def _endpoint(request: dict) -> str | None:
+    return PATHS.get((request["method"], urllib.parse.urlsplit(request["url"]).path))
+
+
+def _secrets(requests: list[dict]) -> dict[str, str]:
+    """What stands for each secret value, the longest first: one may stand in another."""
+    said: dict[str, set[str]] = {name: set() for name in _SECRETS}
+    for request in requests:
+        pairs = [(header["name"], header["value"]) for header in request.get("headers", [])]
+        pairs += urllib.parse.parse_qsl(urllib.parse.urlsplit(request["url"]).query)
+        pairs += re.findall(r'"(\w+)"\s*:\s*"([^"]*)"', request.get("postData", {}).get("text", ""))
+        for name, value in pairs:
+            if name.lower() in said and len(value) >= _SHORTEST:
+                said[name.lower()].add(value)
+    found: dict[str, str] = {}
+    for name, shown in _SECRETS.items():
+        for value in said[name]:
+            # The history says the user's id as its custom id too.
+            found.setdefault(value, f"hidden-{shown}")
+    return dict(sorted(found.items(), key=lambda pair: -len(pair[0])))
+
+
+def _answer(response: dict, hidden: dict[str, str]) -> dict:
+    content = response["content"]
+    body = base64.b64decode(content["text"]) if content.get("encoding") == "base64" else content["text"].encode()
+    for secret, shown in hidden.items():
+        body = body.replace(secret.encode(), shown.encode())
+    status = response.get("status", 200)
+    return {"body": body.decode("latin-1"), "status": status if 200 <= status <= 599 else 200,
+            "type": content.get("mimeType") or "application/json"}
+
+
+def _as_one(told: list[dict]) -> dict:
+    """One answer with all bodies in their order. It has one status and one type: the last one's."""
+    return {"bodies": [answer["body"] for answer in told], "status": told[-1]["status"], "type": told[-1]["type"]}
