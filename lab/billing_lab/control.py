@@ -14,7 +14,7 @@ from collections.abc import Awaitable, Callable
 
 from aiohttp import web
 
-from . import catalogue, dashboard, journal, state
+from . import catalogue, dashboard, journal, openapi, state
 from .catalogue import CatalogueError
 from .checks import asked, report, scenario
 from .core import Core
@@ -50,7 +50,8 @@ def application(core: Core, token: str) -> web.Application:
         web.post("/api/asked", _asked), web.get("/api/expectations", _expectations),
         web.post("/api/expectations", _expect), web.delete("/api/expectations", _forget),
         web.post("/api/verify", _verify),
-        web.get("/api/journal", _journal), web.get("/api/events", _events), *dashboard.routes()])
+        web.get("/api/journal", _journal), web.get("/api/events", _events),
+        web.get("/api/openapi.json", _openapi), *dashboard.routes()])
     return made
 
 
@@ -225,6 +226,10 @@ async def _journal(request: web.Request) -> web.Response:
     last = request.query.get("last")
     return web.json_response(journal.entries(_core(request).db, int(request.query.get("after", 0)),
                                              None if last is None else int(last)))
+
+
+async def _openapi(_request: web.Request) -> web.Response:
+    return web.json_response(openapi.describe())
 
 
 async def _events(request: web.Request) -> web.StreamResponse:

@@ -509,6 +509,32 @@ def test_a_narrow_window_tells_how_a_request_ended(page, lab):
 
 
 @in_a_browser
+def test_the_app_is_judged_the_clock_moved_and_a_scenario_begun(page, lab):
+    page.open()
+    for _ in range(2):
+        lab.call("confirm_purchase", invoiceid="INV-SEED-2")
+    page.click("checks", "Judge the app")
+    page.wait(lambda: "INV-SEED-2 was confirmed again" in page.text("#checks .answer"))
+    name = lab.buy("coins-100", pending=True)["id"]
+    page.wait(lambda: name in page.text("#invoices ul"))
+    page.click("invoices", "Approve")
+    page.wait(lambda: lab.invoices()[0]["status"] == "bought")
+    page.click("checks", "Move the clock forward")
+    page.wait(lambda: "86400 s ahead" in page.text("#checks output") and "clock: 86400" in page.text("#unusual"))
+    page.picture("checks")
+    page.one("#checks summary").click()
+    text = page.one("#checks textarea")
+    for wanted, said in (("{", "This is no JSON"), ('{"scenario": 1, "faults": [{"kind": "fire"}]}', "faults[0]: 'fire' is no"),
+                         ('{"scenario": 1, "buy": [{"product": "no-ads", "as": "ads"}]}', "ads: INV-")):
+        page.driver.execute_script("arguments[0].value = arguments[1]", text, wanted)
+        page.click("checks", "Reset the lab and begin it")
+        page.wait(lambda: said in page.text("#checks .said"))
+    assert lab.invoices()[0]["product"] == "no-ads"
+    # Two were refused, and the browser says so.
+    page.complaints()
+
+
+@in_a_browser
 def test_a_wrong_token_is_named(page, lab):
     page.driver.get("about:blank")
     page.driver.get(f"{lab.info['control']['address']}/#token=wrong")

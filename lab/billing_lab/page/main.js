@@ -5,6 +5,7 @@ import * as plot from "./plot.js";
 import * as call from "./call.js";
 import { byId, make } from "./dom.js";
 import { startDevice, startFaults } from "./controls.js";
+import { startChecks } from "./checks.js";
 import { startCatalogue, startInvoices } from "./shop.js";
 
 const link = byId("link");
@@ -29,6 +30,7 @@ async function begin() {
   const faults = startFaults(meta);
   const invoices = startInvoices();
   const showBanner = startBanner();
+  const showClock = startChecks();
   let shown = "";
 
   async function show(now) {
@@ -44,6 +46,7 @@ async function begin() {
     }
     faults.show(now);
     showBanner(now);
+    showClock(now);
     journal.forgetBefore(now.journal.first);
     if (now.journal.entries === 0) plot.clear();
     await invoices.refresh();

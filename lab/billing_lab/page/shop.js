@@ -3,6 +3,9 @@ import { ask, send } from "./api.js";
 import { byId, field, make, options, refill } from "./dom.js";
 import { voice } from "./controls.js";
 
+// Nothing can be taken back any more.
+const OVER = ["cancelled", "refunded", "declined", "expired"];
+
 export function startInvoices() {
   const said = voice();
   const product = make("select");
@@ -25,8 +28,10 @@ export function startInvoices() {
     const invoices = await ask("invoices");
     refill(list, "Nobody has bought anything yet.", ...invoices.map((invoice) => make("li", {},
       make("span", { class: "grow" }, make("strong", {}, invoice.id), ` ${invoice.product} of ${invoice.app}, ${invoice.user}`),
-      make("span", { class: ["cancelled", "refunded"].includes(invoice.status) ? "odd" : "good" }, invoice.status),
-      ...(["cancelled", "refunded"].includes(invoice.status) ? [] : [
+      make("span", { class: OVER.includes(invoice.status) ? "odd" : "good" }, invoice.status),
+      ...(invoice.status === "pending" ? ["Approve", "Decline"].map((word) =>
+        make("button", { type: "button", "aria-label": `${word} ${invoice.id}`, onclick: () => step("step", { invoice: invoice.id, step: word.toLowerCase() }) }, word)) : []),
+      ...(OVER.includes(invoice.status) ? [] : [
         make("button", { type: "button", "aria-label": `Cancel ${invoice.id}`, onclick: () => step("cancel", { invoice: invoice.id }) }, "Cancel"),
         make("button", { type: "button", "aria-label": `Refund ${invoice.id}`, onclick: () => step("refund", { invoice: invoice.id }) }, "Refund")]))));
   }
