@@ -217,6 +217,10 @@ def _journal(words) -> None:
     made.add_argument("--follow", action="store_true", help="go on until Ctrl-C")
     made.add_argument("--last", type=number(0), metavar="N", help="the last N entries, 0 or more "
                       "(default: all; the newest 10000 are kept)")
+    made = add(words, "calls", commands.show_calls, "show every call on the lab's bus since the last reset, also one "
+               "that sent nothing: arguments, answer, its requests in the journal, the fault that struck it")
+    made.add_argument("--last", type=number(0), metavar="N", help="the last N calls, 0 or more (default: all; the newest "
+                      "2000 are kept)")
     made = add(words, "check", commands.check, "say whether requests are exactly what the service sends on "
                 "this device", json=False, epilog="Exit status 1 when one is not.")
     made.add_argument("--last", type=number(1), metavar="N",

@@ -219,6 +219,10 @@ class Lab:
     def journal(self, after: int = 0, last: int | None = None) -> list[dict]:
         return self.ask("GET", _with_query("/api/journal", after=after, last=last))
 
+    def calls(self, last: int | None = None) -> list[dict]:
+        """The calls on the lab's bus since the last reset, each with its requests and the fault that struck it."""
+        return self.ask("GET", _with_query("/api/calls", last=last))
+
     def follow(self, after: int | None = None) -> Iterator[dict]:
         """New entries of the journal, as they come, until the lab ends."""
         connection, response = self._connect("GET", _with_query("/api/events", after=after), None, None)

@@ -12,6 +12,7 @@ import time
 from collections.abc import Iterator
 
 from . import client, journal, tools, view
+from .calls import book
 from .faults import CONNECTION_FAULTS
 from .folder import Folder, LabError, named_errors
 from .matching import WORDS
@@ -309,6 +310,12 @@ def show_journal(options: argparse.Namespace) -> int:
     known = lab.journal(last=options.last)
     for entry in _followed(lab, known) if options.follow else known:
         print(json.dumps(entry) if options.json else journal.line_of(entry), flush=True)
+    return 0
+
+
+def show_calls(options: argparse.Namespace) -> int:
+    for told in _lab(options).calls(options.last):
+        print(json.dumps(told) if options.json else book.line_of(told))
     return 0
 
 

@@ -51,7 +51,8 @@ def application(core: Core, token: str) -> web.Application:
         web.post("/api/expectations", _expect), web.delete("/api/expectations", _forget),
         web.post("/api/verify", _verify),
         web.get("/api/journal", _journal), web.get("/api/events", _events),
-        web.get("/api/openapi.json", _openapi), *dashboard.routes()])
+        web.get("/api/openapi.json", _openapi),
+        web.get("/api/calls", _calls), *dashboard.routes()])
     return made
 
 
@@ -226,6 +227,11 @@ async def _journal(request: web.Request) -> web.Response:
     last = request.query.get("last")
     return web.json_response(journal.entries(_core(request).db, int(request.query.get("after", 0)),
                                              None if last is None else int(last)))
+
+
+async def _calls(request: web.Request) -> web.Response:
+    last = request.query.get("last")
+    return web.json_response(_core(request).calls.describe(None if last is None else int(last)))
 
 
 async def _openapi(_request: web.Request) -> web.Response:

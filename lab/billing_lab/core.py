@@ -5,7 +5,8 @@ import pathlib
 import shutil
 import socket
 
-from . import catalogue, device, faults, journal, purchases, state, tls
+from . import catalogue, device, journal, purchases, state, tls
+from .calls.book import Book
 from .checks import asked, report
 from .device import Settings
 from .folder import Folder
@@ -34,6 +35,7 @@ class Core:
         self._change: asyncio.TimerHandle | None = None
         self._seeds = 0
         self.expectations: list[asked.Expectation] = []
+        self.calls = Book(self.db)
         self.ending = asyncio.Event()
         if state.fact(self.db, "catalogue") is None:
             self.take(catalogue.load(catalogue.DEFAULT_FILE), catalogue.DEFAULT_FILE)
@@ -142,6 +144,7 @@ class Core:
         """As it was after the last seed: no purchase, fault or entry since, the device as it was made."""
         self.simulator.reset()
         self.expectations = []
+        self.calls.clear()
         state.seed(self.db, state.fact(self.db, "catalogue"))
         journal.clear(self.db)
         device.write(self.folder.settings, self._usual_settings())

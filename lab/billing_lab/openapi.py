@@ -83,6 +83,7 @@ _OPERATIONS = [
     ("post", "/api/verify", "Judges the run by rules and expectations", _VERIFY, (), {"form": _one_of(("json", "junit", "page"))}),
     ("get", "/api/journal", "The journal", None, (), {"after": _COUNT, "last": _COUNT}),
     ("get", "/api/events", "Server-sent events: journal, begun, state", None, (), {"after": _COUNT}),
+    ("get", "/api/calls", "The calls on the bus, each with its requests and the fault that struck it", None, (), {"last": _COUNT}),
     ("post", "/api/call", "Calls a method of the service, by billingctl", {"method": _one_of(METHODS), "arguments": _OBJECT, "seconds": {"type": "number", "minimum": 1}}, ("method",), {}),
     ("get", "/api/meta", "What there is: methods, endpoints, faults", None, (), {}),
     ("get", "/api/openapi.json", "This description", None, (), {}),

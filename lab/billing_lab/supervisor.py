@@ -20,6 +20,7 @@ import sys
 import time
 
 from . import bus, connections, control, core, state, tls, tools, view
+from .calls import monitor
 from .folder import Folder, LabError, last_line, named_errors, replace_file
 
 START_SECONDS = 30
@@ -117,6 +118,7 @@ async def _live(folder: Folder, listeners: tuple[socket.socket, socket.socket], 
         state.set_fact(db, "token", token)
     lab = core.Core(folder, listeners[0], info)
     why: list[str] = []
+    watcher = _watch_calls(lab, info["bus"])
     _watch(lab, children, why, lifeline)
     store = asyncio.create_task(lab.simulator.connections.run())
     store.add_done_callback(lambda _: lab.end())
@@ -127,12 +129,25 @@ async def _live(folder: Folder, listeners: tuple[socket.socket, socket.socket], 
     await lab.ending.wait()
     lab.simulator.clear_faults()
     await runner.cleanup()
+    watcher.close()
     store.cancel()
     await asyncio.wait([store])
     lab.db.close()
     if not store.cancelled():
         why.append(f"the store failed: {store.exception()!r}")
     return why[0] if why else None
+
+
+def _watch_calls(lab: core.Core, address: str) -> monitor.Monitor:
+    """The monitor sees calls in a thread of its own; the book is the loop's."""
+    loop = asyncio.get_running_loop()
+
+    def handed_on(function):
+        def hand(*arguments) -> None:
+            with contextlib.suppress(RuntimeError):  # the loop has ended
+                loop.call_soon_threadsafe(function, *arguments)
+        return hand
+    return monitor.Monitor(address, handed_on(lab.calls.called), handed_on(lab.calls.answered))
 
 
 def _watch(lab: core.Core, children: dict, why: list[str], lifeline: int | None) -> None:

@@ -1,0 +1,1 @@
+"""The journal of calls on the lab's bus."""

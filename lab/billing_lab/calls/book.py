@@ -1,0 +1,104 @@
+"""The calls, each with its answer and the requests that it became."""
+import collections
+import datetime
+import sqlite3
+import time
+
+from .. import journal
+from ..matching import ENDPOINT_OF
+from ..methods import METHODS
+
+KEPT_CALLS = 2000
+KEPT_TEXT = 64 << 10
+# The words of a request that a method's arguments say.
+_WORDS = {"appid": "app", "invoiceid": "invoice", "customId": "custom_id"}
+_SENT = {"get_product_list": ("appid",), "get_applied_time": tuple(_WORDS), "confirm_purchase": tuple(_WORDS)}
+
+
+class Book:
+    """The calls since the last reset. All of it runs in one event loop."""
+
+    def __init__(self, db: sqlite3.Connection):
+        self._db = db
+        self._calls: collections.deque[dict] = collections.deque(maxlen=KEPT_CALLS)
+        self._open: dict[tuple[str, int], dict] = {}
+        self._number = 0
+
+    def called(self, sender: str, serial: int, member: str, values: tuple) -> None:
+        self._number += 1
+        moment = datetime.datetime.now(datetime.timezone.utc).isoformat(timespec="milliseconds").replace("+00:00", "Z")
+        names = list(METHODS.get(member, {}))
+        known = len(names) == len(values)
+        call = {"number": self._number, "time": moment, "sender": sender, "method": member,
+                "arguments": dict(zip(names, values)) if known else list(map(str, values)), "began": time.monotonic(),
+                "after": journal.span(self._db)["last"], "rivals": False}
+        for other in self._open.values():
+            if _said(other) == _said(call):
+                other["rivals"] = call["rivals"] = True
+        self._calls.append(call)
+        self._open[sender, serial] = call
+        if len(self._open) > KEPT_CALLS:
+            # Its caller may have left.
+            del self._open[next(iter(self._open))]
+
+    def answered(self, destination: str, serial: int, values: tuple | None, error: str | None) -> None:
+        call = self._open.pop((destination, serial), None)
+        if call is None:
+            return
+        call["milliseconds"] = round((time.monotonic() - call["began"]) * 1000, 3)
+        call["error"] = error
+        if values is not None:
+            call["resp_result"], text = values
+            call["resp_info"], call["bytes"] = text[:KEPT_TEXT], len(text.encode())
+        call["until"] = journal.span(self._db)["last"]
+
+    def clear(self) -> None:
+        self._calls.clear()
+        self._number = 0
+
+    def describe(self, last: int | None = None) -> list[dict]:
+        """The calls, or the last ones, the oldest first. `requests` are numbers of the journal, None where calls of
+        the same words at the same time make it impossible to tell; `fault` is the first fault that struck one."""
+        entries = {entry["seq"]: entry for entry in journal.entries(self._db)}
+        calls = list(self._calls)
+        return [self._told(call, entries) for call in (calls if last is None else calls[max(0, len(calls) - last):])]
+
+    def _told(self, call: dict, entries: dict[int, dict]) -> dict:
+        endpoint = ENDPOINT_OF.get(call["method"])
+        last = call.get("until", max(entries, default=0))
+        found = [seq for seq, entry in entries.items() if call["after"] < seq <= last and entry["kind"] == "request"
+                 and entry["endpoint"] == endpoint and _fits(call, entry)]
+        faults = [entries[seq]["fault"] for seq in found if entries[seq]["fault"]]
+        told = {key: value for key, value in call.items() if key not in ("began", "after", "until", "rivals")}
+        unsure = call["rivals"] and bool(found)
+        return {**told, "requests": None if unsure else found, "fault": None if unsure or not faults else faults[0]}
+
+
+def _said(call: dict) -> tuple:
+    """What of a call its request says: two calls with the same cannot be told apart."""
+    arguments = call["arguments"] if isinstance(call["arguments"], dict) else {}
+    return call["method"], tuple(arguments.get(name, "") for name in _SENT.get(call["method"], ()))
+
+
+def _fits(call: dict, entry: dict) -> bool:
+    if not isinstance(call["arguments"], dict):
+        return False
+    asked = entry.get("asked", {})
+    return all(asked.get(_WORDS[name], "") == call["arguments"][name] for name in _SENT.get(call["method"], ()))
+
+
+def line_of(told: dict) -> str:
+    """A call as one line for people."""
+    arguments = told["arguments"]
+    words = " ".join(f"{name}={value}" for name, value in arguments.items()) if isinstance(arguments, dict) else str(arguments)
+    if "milliseconds" not in told:
+        end = "under way"
+    elif told.get("error") is not None:
+        end = f"error {told['error']}"
+    else:
+        end = f"resp_result {told.get('resp_result')}, {told.get('bytes', 0)} bytes"
+    requests = "cannot tell" if told["requests"] is None else ", ".join(map(str, told["requests"])) or "nothing sent"
+    took = f"{told['milliseconds']:.0f} ms" if "milliseconds" in told else ""
+    return "  ".join(filter(None, [f"{told['number']:>5}  {told['time']}", f"{told['method']} {words}".rstrip(), end, took,
+                                   f"journal {requests}" if requests != "nothing sent" else requests,
+                                   f"fault {told['fault']}" if told["fault"] else ""]))
