@@ -142,7 +142,10 @@ Switches:
   server sandbox|production
   gateway up|down|auto|error:N
                            whether there is a way out; auto asks the kernel; error:N fails with N, 0 to 999999999
-  token valid|expired|none the device's access token""")
+  token valid|expired|none the device's access token
+  service up|hanging|absent|restart
+                           the service itself: hanging, it keeps its name and answers nothing until it is up; restart
+                           ends it as a crash does, with the calls under way, and starts it again""")
     made.add_argument("switch", nargs="?", choices=device.SWITCHES, metavar="SWITCH",
                       help=", ".join(device.SWITCHES))
     made.add_argument("value", nargs="?", default="", metavar="VALUE", help="see below")

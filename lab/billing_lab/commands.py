@@ -241,7 +241,8 @@ def device(options: argparse.Namespace) -> int:
 def _device_line(told: dict) -> str:
     who = f"{told['signed_in']} ({told['guid']})" if told["signed_in"] else "nobody is signed in"
     return (f"{who}, country {told['country'] or 'none'}, language {told['language'] or 'none'}, "
-            f"{told['server']} server, gateway {told['gateway']}, token {told['token']}")
+            f"{told['server']} server, gateway {told['gateway']}, token {told['token']}"
+            + (f", service {told['service']}" if told["service"] != "up" else ""))
 
 
 # Faults

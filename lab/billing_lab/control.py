@@ -165,7 +165,7 @@ async def _device(request: web.Request) -> web.Response:
 
 async def _switch(request: web.Request) -> web.Response:
     wanted = await request.json()
-    return web.json_response(_core(request).switch(wanted["switch"], wanted.get("value", "")))
+    return web.json_response(await _core(request).turn(wanted["switch"], wanted.get("value", "")))
 
 
 async def _faults(request: web.Request) -> web.Response:

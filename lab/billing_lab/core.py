@@ -13,6 +13,7 @@ from .folder import Folder
 from .life import clock, purchase
 from .matching import PAYMENTS
 from .own import answers
+from .service import Service
 from .simulator import Simulator
 
 # What `buy` says of the life that a purchase will have.
@@ -24,9 +25,10 @@ BURST_SECONDS = 0.1
 class Core:
     """What can be asked of a lab, and done with it."""
 
-    def __init__(self, folder: Folder, listener: socket.socket, info: dict):
+    def __init__(self, folder: Folder, listener: socket.socket, info: dict, service: Service):
         self.folder = folder
         self.info = info
+        self.service = service
         self.db = state.open_state(folder.state)
         self.certificate = tls.fingerprint(folder.certificate_view / "bgclient.crt")
         self.followers = journal.Followers()
@@ -69,7 +71,15 @@ class Core:
         return device.facts(device.read(self.folder.settings), self.certificate)
 
     def device(self) -> dict:
-        return device.describe(device.read(self.folder.settings), state.fact(self.db, "token"))
+        told = device.describe(device.read(self.folder.settings), state.fact(self.db, "token"))
+        return {**told, "service": self.service.state}
+
+    async def turn(self, name: str, wanted: str) -> dict:
+        """A switch of the device, or the state of its service."""
+        if name != "service":
+            return self.switch(name, wanted)
+        await self.service.switch(wanted)
+        return self.device()
 
     def switch(self, name: str, wanted: str) -> dict:
         users = state.fact(self.db, "catalogue")["users"]
@@ -110,7 +120,7 @@ class Core:
 
     def unusual(self) -> list[str]:
         """All that is not as the catalogue and a new device have it, each in a few words."""
-        usual = device.describe(self._usual_settings(), state.fact(self.db, "token"))
+        usual = {**device.describe(self._usual_settings(), state.fact(self.db, "token")), "service": "up"}
         now = asyncio.get_running_loop().time()
         told = [f"device: {name.replace('_', ' ')} {value or 'none'}, usually {usual[name] or 'none'}"
                 for name, value in self.device().items() if value != usual[name] and name != "guid"]
@@ -131,6 +141,7 @@ class Core:
         self.simulator.connections.switch("none")
         state.set_fact(self.db, "answers", state.fact(self.db, "catalogue").get("answers", {}))
         device.write(self.folder.settings, self._usual_settings())
+        await self.service.switch("up")
         await self.simulator.connections.dropped()
 
     def summary(self) -> dict:
@@ -152,6 +163,7 @@ class Core:
     async def reset_whole(self) -> None:
         """As reset(), and what was connected has ended when it returns."""
         self.reset()
+        await self.service.switch("up")
         await self.simulator.connections.dropped()
 
     def step(self, wanted: dict) -> dict:

@@ -97,6 +97,9 @@ def switched(name: str, wanted: str, users: list[dict], valid_token: str) -> dic
     """
     if name not in SWITCHES:
         raise DeviceError(f"{name!r} is no switch of the device; known are {', '.join(SWITCHES)}")
+    if name == "service":
+        raise DeviceError("the service's own state is set by `billing-lab device service`, and in no catalogue and no "
+                          "scenario")
     if name == "token":
         tokens = {"valid": valid_token, "expired": EXPIRED_TOKEN + valid_token, "none": None}
         return {TOKEN: _one_of(name, wanted, tokens)}
@@ -149,4 +152,6 @@ def _gateway(wanted: str) -> dict:
 
 _SIMPLE = {"signed-out": _signed_out, "country": _country, "language": _language, "server": _server,
            "gateway": _gateway}
-SWITCHES = (*_SIMPLE, "signed-in", "token")
+# The daemon itself: there, not answering, not on the bus. Not of the settings.
+SERVICE_STATES = ("up", "hanging", "absent")
+SWITCHES = (*_SIMPLE, "signed-in", "token", "service")

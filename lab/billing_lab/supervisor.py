@@ -17,14 +17,12 @@ import signal
 import socket
 import subprocess
 import sys
-import time
 
-from . import bus, connections, control, core, state, tls, tools, view
+from . import bus, connections, control, core, state, tls, tools
 from .calls import monitor
-from .folder import Folder, LabError, last_line, named_errors, replace_file
+from .folder import Folder, LabError, named_errors, replace_file
+from .service import Daemon, Service
 
-START_SECONDS = 30
-STOP_SECONDS = 10
 # As long as a lab may be kept.
 CERTIFICATE_DAYS = 3650
 
@@ -42,40 +40,6 @@ def provision(folder: Folder) -> None:
         raise LabError(f"no device could be made: {done.stderr.strip() or done.returncode}")
 
 
-class Daemon:
-    """The daemon's process, behind those of bubblewrap and its guard."""
-
-    def __init__(self, folder: Folder, bus_address: str, level: str):
-        self._log = folder.logs / "daemon.log"
-        with open(self._log, "wb") as log:
-            self.process, self.pid = view.start(
-                [*view.GUARD, *view.bubblewrap(folder.ca_view, folder.certificate_view)],
-                [str(tools.service())], env=tools.environment(folder, bus_address, level),
-                stdin=subprocess.PIPE, stdout=log, stderr=log)
-
-    def wait_for_name(self, address: str) -> None:
-        caller = bus.Caller(address)
-        end = time.monotonic() + START_SECONDS
-        while caller.owner() is None:
-            if self.process.poll() is not None:
-                raise LabError(f"the daemon ended with status {self.process.returncode} while it "
-                               f"started: {last_line(self._log)}; more in `billing-lab logs daemon`")
-            if time.monotonic() > end:
-                raise LabError("the daemon runs but does not take its name; it says: "
-                               f"{last_line(self._log)}; more in `billing-lab logs daemon`")
-            time.sleep(0.01)
-        caller.close()
-
-    def stop(self) -> None:
-        with contextlib.suppress(ProcessLookupError):
-            os.kill(self.pid or self.process.pid, signal.SIGTERM)
-        try:
-            self.process.wait(STOP_SECONDS)
-        except subprocess.TimeoutExpired:
-            self.process.kill()
-            self.process.wait()
-
-
 def run(folder: Folder, level: str, report, lifeline: int | None) -> str | None:
     """A whole life of a lab. @return why it ended by itself, if it did"""
     kept = read_addresses(folder)
@@ -85,12 +49,12 @@ def run(folder: Folder, level: str, report, lifeline: int | None) -> str | None:
     with contextlib.ExitStack() as running:
         started = bus.Bus(folder.path)
         running.callback(started.stop)
-        daemon = Daemon(folder, started.address, level)
+        first = Daemon(folder, started.address, level)
+        daemon = Service(lambda: Daemon(folder, started.address, level, again=True), first)
         running.callback(daemon.stop)
-        daemon.wait_for_name(started.address)
-        children = {"the bus": started.process, "the daemon": daemon.process}
+        first.wait_for_name()
         info = {"folder": str(folder.path), "pid": os.getpid(), "bus": started.address,
-                "daemon_pid": daemon.pid, "bus_pid": started.process.pid,
+                "daemon_pid": first.pid, "bus_pid": started.process.pid,
                 "store": {name.partition(".")[0]: f"https://{name}:{listener.getsockname()[1]}"
                           for name in tls.HOSTS}}
         secret = kept.get("token") or control.new_token()
@@ -99,7 +63,7 @@ def run(folder: Folder, level: str, report, lifeline: int | None) -> str | None:
         info["control"] = {"address": address, "token": secret, "dashboard": f"{address}/#token={secret}"}
         replace_file(folder.addresses, json.dumps({
             "store": listener.getsockname()[1], "control": controls.getsockname()[1], "token": secret}).encode())
-        return asyncio.run(_live(folder, (listener, controls), info, token, children, report, lifeline))
+        return asyncio.run(_live(folder, (listener, controls), info, token, (started, daemon), report, lifeline))
 
 
 def read_addresses(folder: Folder) -> dict:
@@ -112,14 +76,14 @@ def read_addresses(folder: Folder) -> dict:
 
 
 async def _live(folder: Folder, listeners: tuple[socket.socket, socket.socket], info: dict, token: str,
-                children: dict, report, lifeline: int | None) -> str | None:
+                parts: tuple[bus.Bus, Service], report, lifeline: int | None) -> str | None:
     """@param listeners the store's and the control interface's"""
     with contextlib.closing(state.open_state(folder.state)) as db:
         state.set_fact(db, "token", token)
-    lab = core.Core(folder, listeners[0], info)
+    lab = core.Core(folder, listeners[0], info, parts[1])
     why: list[str] = []
     watcher = _watch_calls(lab, info["bus"])
-    _watch(lab, children, why, lifeline)
+    _watch(lab, parts, why, lifeline)
     store = asyncio.create_task(lab.simulator.connections.run())
     store.add_done_callback(lambda _: lab.end())
     runner = await control.serve(lab, info["control"]["token"], listeners[1])
@@ -150,21 +114,33 @@ def _watch_calls(lab: core.Core, address: str) -> monitor.Monitor:
     return monitor.Monitor(address, handed_on(lab.calls.called), handed_on(lab.calls.answered))
 
 
-def _watch(lab: core.Core, children: dict, why: list[str], lifeline: int | None) -> None:
+def _watch(lab: core.Core, parts: tuple[bus.Bus, Service], why: list[str], lifeline: int | None) -> None:
     """Ends the lab on a signal, with the one who holds its lifeline, or with a part of it."""
     loop = asyncio.get_running_loop()
     for number in (signal.SIGTERM, signal.SIGINT):
         loop.add_signal_handler(number, lab.end)
     if lifeline is not None:
         loop.add_reader(lifeline, lab.end)
+    started, daemon = parts
+
+    def watch(name: str, process: subprocess.Popen) -> None:
+        descriptor = os.pidfd_open(process.pid)
+        loop.add_reader(descriptor, ended, name, process, descriptor)
 
     def ended(name: str, process: subprocess.Popen, descriptor: int) -> None:
         loop.remove_reader(descriptor)
+        os.close(descriptor)
+        if name == "the daemon" and not daemon.is_wanted(process):
+            return
         why.append(f"{name} ended with status {process.wait()}")
         lab.end()
-    for name, process in children.items():
-        descriptor = os.pidfd_open(process.pid)
-        loop.add_reader(descriptor, ended, name, process, descriptor)
+
+    def watch_next(process: subprocess.Popen) -> None:
+        lab.info["daemon_pid"] = daemon.daemon.pid
+        watch("the daemon", process)
+    watch("the bus", started.process)
+    watch("the daemon", daemon.daemon.process)
+    daemon.watch = watch_next
 
 
 def main(arguments: list[str]) -> int:

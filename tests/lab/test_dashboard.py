@@ -221,6 +221,12 @@ def test_the_device_is_switched_at_once(page, lab):
     page.open()
     Select(page.field("device", "Network")).select_by_value("down")
     page.wait(lambda: lab.status()["device"]["gateway"] == "down")
+    Select(page.field("device", "Service")).select_by_value("absent")
+    page.wait(lambda: lab.status()["device"]["service"] == "absent")
+    page.click("call", "Call")
+    page.wait(lambda: "No answer" in (page.text("#call .answer p") or ""))
+    Select(page.field("device", "Service")).select_by_value("restart")
+    page.wait(lambda: page.field("device", "Service").get_property("value") == "up")
     result, answer = page.call("check_server_availability")
     assert result.startswith("resp_result 1160003")
     assert answer == "Network error, please check!"

@@ -1,4 +1,5 @@
 """Sees every call of the service on the lab's bus, and its answer."""
+import contextlib
 from collections.abc import Callable
 
 from gi.repository import Gio, GLib
@@ -45,4 +46,6 @@ class Monitor:
         return None
 
     def close(self) -> None:
-        self._connection.close_sync(None)
+        # The bus may have ended before.
+        with contextlib.suppress(GLib.Error):
+            self._connection.close_sync(None)

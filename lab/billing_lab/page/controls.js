@@ -30,17 +30,22 @@ export function startDevice(meta, users, device) {
   byId("device").append(form, said.line);
   const inputs = {
     "signed-in": make("select"), country: make("input", { size: 4, maxLength: 4 }), language: make("input", { size: 12 }),
-    server: make("select"), gateway: make("select"), token: make("select"),
+    server: make("select"), gateway: make("select"), token: make("select"), service: make("select"),
   };
   options(inputs.server, meta.servers.map((name) => [name, name]));
   options(inputs.gateway, [["up", "up"], ["down", "down: no network"], ["auto", "as this machine"], ["error:5", "cannot be read"]]);
   options(inputs.token, [["valid", "valid"], ["expired", "expired"], ["none", "none"]]);
-  const turn = (name, value) => said.hear(async () => showIt(await send("device", name === "signed-in" && !value ? { switch: "signed-out" } : { switch: name, value })));
+  options(inputs.service, [["up", "up"], ["hanging", "hanging: answers nothing"], ["absent", "absent"], ["restart", "crash and start again"]]);
+  const turn = (name, value) => said.hear(async () => showIt(await send("device", name === "signed-in" && !value ? { switch: "signed-out" } : { switch: name, value }), undefined, true));
   for (const [name, input] of Object.entries(inputs)) {
     whenChosen(input, () => turn(name, input.value.trim() || (input.tagName === "INPUT" ? "none" : "")));
-    form.append(...field({ "signed-in": "Signed in", country: "Country", language: "Language", server: "Server", gateway: "Network", token: "Token" }[name], input));
+    form.append(...field({ "signed-in": "Signed in", country: "Country", language: "Language", server: "Server", gateway: "Network", token: "Token", service: "Service" }[name], input));
   }
-  function showIt(now, known) {
+  // What one is just writing or choosing is one's own, until it is set.
+  function showIt(now, known, isSet = false) {
+    const set = (name, value) => {
+      if (isSet || document.activeElement !== inputs[name] || inputs[name].value === "") inputs[name].value = value;
+    };
     if (known) options(inputs["signed-in"], [["", "nobody"], ...known.map((user) => [user.uid, user.uid])]);
     set("signed-in", now.signed_in ?? "");
     set("country", now.country ?? "");
@@ -49,10 +54,7 @@ export function startDevice(meta, users, device) {
     if (![...inputs.gateway.options].some((option) => option.value === now.gateway)) inputs.gateway.append(make("option", { value: now.gateway }, now.gateway));
     set("gateway", now.gateway);
     set("token", now.token);
-  }
-  // What one is just writing or choosing is one's own.
-  function set(name, value) {
-    if (document.activeElement !== inputs[name] || inputs[name].value === "") inputs[name].value = value;
+    set("service", now.service);
   }
   showIt(device, users);
   return showIt;
