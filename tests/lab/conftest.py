@@ -180,7 +180,7 @@ def client(clients):
 
 # Whole labs
 
-pytest_plugins = ["billing_lab.pytest_plugin"]
+pytest_plugins = ["billing_lab.pytest_plugin", "browser"]
 NO_VIEW = view.why_no_view()
 
 

@@ -1,0 +1,117 @@
+"""The lab's page in a real browser, as its tests use it. Pictures of it go to $DASHBOARD_PICTURES, or to the test's
+folder."""
+import os
+import pathlib
+import shutil
+import time
+
+import pytest
+
+CHROMIUM, DRIVER = shutil.which("chromium"), shutil.which("chromedriver")
+try:
+    from selenium import webdriver
+    from selenium.webdriver.chrome.service import Service
+    from selenium.webdriver.common.by import By
+    from selenium.webdriver.common.keys import Keys
+    from selenium.webdriver.support.ui import Select
+except ImportError:
+    webdriver = By = Keys = Select = None
+
+__all__ = ["By", "Keys", "Select", "NARROW", "WIDE", "in_a_browser", "Page", "browser_of_the_run", "page"]
+
+in_a_browser = pytest.mark.skipif(
+    not (CHROMIUM and DRIVER and webdriver),
+    reason="no browser (apt install chromium chromium-driver python3-selenium)")
+WIDE, NARROW = (1280, 1500), (390, 1500)
+
+
+@pytest.fixture(scope="session")
+def browser_of_the_run(tmp_path_factory):
+    """One browser for all tests."""
+    options = webdriver.ChromeOptions()
+    options.binary_location = CHROMIUM
+    home = tmp_path_factory.mktemp("browser")
+    for argument in ("headless=new", "no-sandbox", "disable-gpu", "disable-dev-shm-usage",
+                     "force-device-scale-factor=1", f"user-data-dir={home}"):
+        options.add_argument(f"--{argument}")
+    options.set_capability("goog:loggingPrefs", {"browser": "ALL"})
+    driver = webdriver.Chrome(service=Service(DRIVER), options=options)
+    yield driver
+    driver.quit()
+
+
+class Page:
+    """The page in the browser."""
+
+    def __init__(self, driver, lab, pictures):
+        self.driver, self.lab, self._pictures = driver, lab, pictures
+
+    def open(self, size=WIDE):
+        self.driver.set_window_size(*size)
+        # Another address of the same page would not load it again.
+        self.driver.get("about:blank")
+        self.driver.get(self.lab.info["control"]["dashboard"])
+        self.wait(lambda: self.text("#link") == "live")
+        return self
+
+    def wait(self, condition, seconds=20):
+        end = time.monotonic() + seconds
+        while not condition():
+            assert time.monotonic() < end, [said.text for said in self.all(".said, .problem, .link")]
+            time.sleep(0.05)
+
+    def all(self, selector):
+        return self.driver.find_elements(By.CSS_SELECTOR, selector)
+
+    def one(self, selector):
+        return self.driver.find_element(By.CSS_SELECTOR, selector)
+
+    def text(self, selector):
+        return self.driver.execute_script(
+            "return document.querySelector(arguments[0])?.textContent ?? null", selector)
+
+    def field(self, section, label):
+        name = next(item for item in self.all(f"#{section} label") if item.text == label)
+        return self.one(f"#{name.get_attribute('for')}")
+
+    def click(self, section, text):
+        button = next(item for item in self.all(f"#{section} button") if item.text == text)
+        self.driver.execute_script("arguments[0].scrollIntoView({block: 'center'})", button)
+        button.click()
+
+    def call(self, method):
+        Select(self.field("call", "Method")).select_by_value(method)
+        self.click("call", "Call")
+        self.wait(lambda: self.all("#call .answer h3"))
+        return self.text("#call .answer p"), self.text("#call .daemon")
+
+    def rows(self):
+        """What stands in the rows that can be seen."""
+        return self.driver.execute_script(
+            "return [...document.querySelectorAll('.row')].map(row => row.textContent)")
+
+    def selected(self):
+        """The places of the chosen rows among those that can be seen."""
+        return self.driver.execute_script(
+            "return [...document.querySelectorAll('.row')].flatMap("
+            "(row, at) => row.getAttribute('aria-selected') === 'true' ? [at] : [])")
+
+    def picture(self, name):
+        self.driver.save_screenshot(str(self._pictures / f"{name}.png"))
+
+    def complaints(self):
+        return [line["message"] for line in self.driver.get_log("browser")]
+
+
+@pytest.fixture
+def page(request, lab, tmp_path):
+    driver = request.getfixturevalue("browser_of_the_run")
+    pictures = pathlib.Path(os.environ.get("DASHBOARD_PICTURES", tmp_path))
+    pictures.mkdir(parents=True, exist_ok=True)
+    opened = Page(driver, lab, pictures)
+    yield opened
+    assert opened.complaints() == []
+    # A page of the next test remembers nothing of this one.
+    if driver.current_url.startswith("http"):
+        driver.execute_script("sessionStorage.clear()")
+    driver.execute_cdp_cmd("Emulation.setEmulatedMedia", {"features": []})

@@ -1,0 +1,153 @@
+"""The lab's page when others change the lab, while one uses it with the keyboard, and its checks."""
+import threading
+import time
+
+import pytest
+
+from browser import NARROW, Keys, in_a_browser
+
+
+@in_a_browser
+def test_what_others_change_is_shown_and_ended_with_one_button(page, lab):
+    page.open()
+    assert not page.one("#banner").is_displayed()
+    lab.fault("hang", endpoint="confirm")
+    lab.device("country", "DE")
+    lab.answer("country", b"{}")
+    lab.connection("idle-close", ms=60000)
+    name = lab.buy("coins-100")["id"]
+    page.wait(lambda: len(page.all("#unusual li")) == 4)
+    assert [item.text for item in page.all("#unusual li")] == [
+        "device: country DE, usually US", "own answer at country", "fault hang at confirm",
+        "connections: a connection is closed after this time without a request, not after five seconds"]
+    assert "hang at confirm" in page.text("#faults ul") and name in page.text("#invoices ul")
+    assert page.field("device", "Country").get_property("value") == "DE"
+    page.picture("unusual")
+    page.click("banner", "End all of it")
+    page.wait(lambda: not page.one("#banner").is_displayed())
+    assert (lab.faults(), lab.status()["unusual"]) == ([], [])
+    assert page.field("device", "Country").get_property("value") == "US"
+    lab.reset()
+    page.wait(lambda: name not in page.text("#invoices ul"))
+
+
+@in_a_browser
+def test_a_request_that_hangs_is_shown_while_it_hangs(page, lab):
+    lab.fault("hang", endpoint="country")
+    page.open()
+    call = lab.start_call("check_server_availability")
+    page.wait(lambda: any("under way" in row for row in page.rows()))
+    lab.clear_faults()
+    assert lab.finish_call(call)[0] in (0, -1)
+    page.wait(lambda: any("ended without an answer" in row for row in page.rows()))
+
+
+@in_a_browser
+def test_the_answer_beside_a_call_is_its_own_or_none(page, lab):
+    """Other apps ask at the same time."""
+    lab.fault("delay", ms=400, endpoint="products", app="app-1")
+    page.open()
+    others, stop = [], threading.Event()
+
+    def ask():
+        while not stop.is_set():
+            others.append(lab.call("get_product_list", appid="app-2", CheckValue="check-2"))
+    thread = threading.Thread(target=ask)
+    thread.start()
+    try:
+        for _ in range(3):
+            _, answer = page.call("get_product_list")
+            sides = [side.text for side in page.all("#call .pair pre")]
+            assert sides[0] == sides[1] == answer
+            page.driver.execute_script("document.querySelector('#call .answer').replaceChildren()")
+    finally:
+        stop.set()
+        thread.join(60)
+    assert others
+
+
+@in_a_browser
+def test_a_choice_counts_when_it_is_made_not_while_one_goes_through_the_list(page, lab):
+    page.open()
+    server = page.field("device", "Server")
+    lab.device("server", "production")
+    page.wait(lambda: server.get_property("value") == "production")
+    server.send_keys(Keys.ARROW_DOWN)
+    page.wait(lambda: server.get_property("value") == "sandbox")
+    time.sleep(0.5)
+    assert lab.status()["device"]["server"] == "production"
+    server.send_keys(Keys.ENTER)
+    page.wait(lambda: lab.status()["device"]["server"] == "sandbox")
+
+
+@in_a_browser
+def test_the_focus_stays_in_a_list_that_changes(page, lab):
+    first, second = lab.buy("coins-100")["id"], lab.buy("coins-100")["id"]
+    page.open()
+    page.wait(lambda: second in page.text("#invoices ul"))
+    page.driver.execute_script("document.querySelector(`[aria-label='Refund ${arguments[0]}']`).focus()", first)
+    lab.buy("no-ads")
+    page.wait(lambda: "no-ads" in page.text("#invoices ul"))
+    focused = "return document.activeElement.getAttribute('aria-label')"
+    assert page.driver.execute_script(focused) == f"Refund {first}"
+    page.driver.switch_to.active_element.send_keys(Keys.ENTER)
+    page.wait(lambda: lab.invoices()[2]["status"] == "refunded")
+    page.wait(lambda: f"Refund {first}" not in page.one("#invoices ul").get_attribute("innerHTML"))
+    assert page.driver.execute_script("return document.querySelector('#invoices').contains(document.activeElement)")
+
+
+@in_a_browser
+@pytest.mark.parametrize("scheme", ["light", "dark"])
+def test_the_borders_of_controls_stand_out(page, scheme):
+    page.driver.execute_cdp_cmd("Emulation.setEmulatedMedia",
+                                {"features": [{"name": "prefers-color-scheme", "value": scheme}]})
+    page.open()
+    border, inside, around = page.driver.execute_script("""
+        const input = document.querySelector("#device input");
+        return [getComputedStyle(input).borderTopColor, getComputedStyle(input).backgroundColor,
+                getComputedStyle(input.closest("section")).backgroundColor];""")
+
+    def light(colour):
+        parts = [int(part) / 255 for part in colour.removeprefix("rgb(").removesuffix(")").split(", ")]
+        linear = [part / 12.92 if part <= 0.04045 else ((part + 0.055) / 1.055) ** 2.4 for part in parts]
+        return 0.2126 * linear[0] + 0.7152 * linear[1] + 0.0722 * linear[2]
+    for other in (inside, around):
+        high, low = sorted((light(border), light(other)), reverse=True)
+        assert (high + 0.05) / (low + 0.05) >= 3
+
+
+@in_a_browser
+def test_a_narrow_window_tells_how_a_request_ended(page, lab):
+    lab.fault("status", endpoint="country")
+    lab.call("check_server_availability")
+    page.open(NARROW)
+    page.wait(lambda: page.rows())
+    ended = page.one(".row > span:nth-child(6)")
+    assert ended.is_displayed() and "fault status" in ended.text
+    page.picture("narrow-row")
+
+
+@in_a_browser
+def test_the_app_is_judged_the_clock_moved_and_a_scenario_begun(page, lab):
+    page.open()
+    for _ in range(2):
+        lab.call("confirm_purchase", invoiceid="INV-SEED-2")
+    page.click("checks", "Judge the app")
+    page.wait(lambda: "INV-SEED-2 was confirmed again" in page.text("#checks .answer"))
+    name = lab.buy("coins-100", pending=True)["id"]
+    page.wait(lambda: name in page.text("#invoices ul"))
+    page.click("invoices", "Approve")
+    page.wait(lambda: lab.invoices()[0]["status"] == "bought")
+    page.click("checks", "Move the clock forward")
+    page.wait(lambda: "86400 s ahead" in page.text("#checks output") and "clock: 86400" in page.text("#unusual"))
+    page.picture("checks")
+    page.one("#checks summary").click()
+    text = page.one("#checks textarea")
+    for wanted, said in (("{", "This is no JSON"), ('{"scenario": 1, "faults": [{"kind": "fire"}]}', "faults[0]: 'fire' is no"),
+                         ('{"scenario": 1, "buy": [{"product": "no-ads", "as": "ads"}]}', "ads: INV-")):
+        page.driver.execute_script("arguments[0].value = arguments[1]", text, wanted)
+        page.click("checks", "Reset the lab and begin it")
+        page.wait(lambda: said in page.text("#checks .said"))
+    assert lab.invoices()[0]["product"] == "no-ads"
+    # Two were refused, and the browser says so.
+    page.complaints()
