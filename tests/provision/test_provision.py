@@ -351,6 +351,35 @@ def test_install_leaves_a_certificate_alone_unless_forced(lab, tmp_path):
     assert (tmp_path / "installed").read_bytes() == (lab / "bgclient.crt").read_bytes()
 
 
+@pytest.mark.parametrize("target", ["data/crt", "../other/crt", "{tmp_path}/data/crt"])
+def test_install_follows_a_link_and_leaves_it(lab, tmp_path, target):
+    """The fixed path on a read-only file system, with a link to where the device may write."""
+    target = target.format(tmp_path=tmp_path)
+    image = tmp_path / "image"
+    place = image / target
+    for folder in (image, tmp_path / "other", place.parent):
+        folder.mkdir(exist_ok=True)
+    (image / "first").symlink_to(target)
+    (image / "link").symlink_to("first")
+    arguments = ("install", lab / "bgclient.crt", "--to", image / "link")
+    # The target is not there yet, and then it is.
+    must(run(*arguments, folder=lab))
+    assert place.read_bytes() == (lab / "bgclient.crt").read_bytes()
+    must(run(*arguments, folder=lab), EXISTS)
+    place.write_text("old")
+    result = must(run(*arguments, "--force", folder=lab))
+    assert os.readlink(image / "link") == "first" and os.readlink(image / "first") == target
+    assert place.read_bytes() == (lab / "bgclient.crt").read_bytes()
+    assert result.stderr.decode().splitlines()[0].endswith("/crt.")
+
+
+def test_install_ends_at_links_that_lead_round(lab, tmp_path):
+    (tmp_path / "a").symlink_to("b")
+    (tmp_path / "b").symlink_to("a")
+    result = must(run("install", lab / "bgclient.crt", "--to", tmp_path / "a", "--force", folder=lab), FAILED)
+    assert b"a link to a link without end" in result.stderr
+
+
 def test_a_wrong_pin_is_named_by_its_file_and_not_shown(lab):
     (lab / "pin").write_text("wrong-pin-1234\n")
     result = must(run("request", "--existing", folder=lab), FAILED)

@@ -169,8 +169,10 @@ void install(const InstallOptions& options)
         throw Stop(EXIT_MISMATCH, options.certificate + " is not for the key with CKA_ID " +
                                       tokenkeys::shownId(id) + " of the token");
     warnOfDates(certificate.get());
-    writeFile(options.to, pemOf(certificate.get()), kPublicMode, options.force);
-    tell("Installed " + options.to +
+    // The link stays: on a read-only file system it leads to where the device may write.
+    const std::string place = behindLinks(options.to);
+    writeFile(place, pemOf(certificate.get()), kPublicMode, options.force);
+    tell("Installed " + place +
          ".\nRestart needed: a service that runs has read the one before "
          "(systemctl restart billing-service).");
 }

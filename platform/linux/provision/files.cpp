@@ -19,12 +19,29 @@ namespace {
 
 constexpr std::size_t kReadLimit = std::size_t{64} * 1024;
 constexpr const char* kMade = "made";
+/// As many as the kernel follows.
+constexpr int kLinksLimit = 40;
+
+const char* cureOf(int error)
+{
+    switch (error) {
+        case ENOENT:
+            return "; make its folder first";
+        case EROFS:
+            return "; name a writable place with --to or --out, or make a link or a mount of one "
+                   "there";
+        case EBUSY:
+            return "; mount its folder, not the file alone";
+        default:
+            return "";
+    }
+}
 
 [[noreturn]] void fail(const std::string& path, const char* what)
 {
-    const bool noFolder = errno == ENOENT && strcmp(what, kMade) == 0;
-    throw Stop(EXIT_FAILED, path + " cannot be " + what + ": " + strerror(errno) +
-                                (noFolder ? "; make its folder first" : ""));
+    const int error = errno;
+    throw Stop(EXIT_FAILED, path + " cannot be " + what + ": " + strerror(error) +
+                                (strcmp(what, kMade) == 0 ? cureOf(error) : ""));
 }
 
 void writeAll(const Descriptor& file, const std::string& path, std::string_view bytes)
@@ -69,6 +86,19 @@ bool exists(const std::string& path)
 {
     struct stat status {};
     return lstat(path.c_str(), &status) == 0;
+}
+
+std::string behindLinks(const std::string& path)
+{
+    std::filesystem::path place(path);
+    std::error_code error;
+    for (int links = 0; std::filesystem::is_symlink(place, error); links++) {
+        if (links == kLinksLimit)
+            throw Stop(EXIT_FAILED, path + " is a link to a link without end");
+        // An absolute target takes the place of the folder.
+        place = place.parent_path() / std::filesystem::read_symlink(place);
+    }
+    return place.string();
 }
 
 void writeFile(const std::string& path, std::string_view bytes, mode_t mode, bool replace)

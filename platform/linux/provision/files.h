@@ -20,6 +20,9 @@ constexpr mode_t kPublicMode = 0644;
 /// is one of that name
 void writeFile(const std::string& path, std::string_view bytes, mode_t mode, bool replace);
 
+/// The file that a path names once its last part is no link any more; it need not be there.
+std::string behindLinks(const std::string& path);
+
 /// Writes to standard output, and makes sure that it has arrived.
 void print(const std::string& text);
 
