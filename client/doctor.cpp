@@ -4,6 +4,7 @@
 #include "calls.h"
 #include "certificate.h"
 #include "json.h"
+#include "module_environment.h"
 #include "process.h"
 #include "settings.h"
 #include "text.h"
@@ -144,6 +145,7 @@ void identify(Findings& findings, Patient& patient)
     patient.facts = patient.eyes.facts(patient.options.bus, patient.options.timeout);
     patient.identity = identityOf(patient.facts);
     findings.push_back(takeIdentity(patient));
+    keystore::takeEnvironment();
     if (patient.options.sign) {
         // The PIN passes through the memory: no core file, no debugger of the same user. The mode is
         // for the files that the token's module writes when it logs in.

@@ -68,8 +68,8 @@ Finding checkToken()
         }
         return failed(check, "missing", cause,
                       seeSettings() +
-                          "; a token that needs a variable (SOFTHSM2_CONF) gets it in the unit's "
-                          "drop-in (systemctl edit billing-service)");
+                          "; what a module reads from a variable stands in [keystore] environment "
+                          "(SOFTHSM2_CONF=FILE)");
     } catch (const secure::Error& error) {
         takeComplaint();
         return failed(check, "module", causeOf(error), seeSettings());

@@ -1,6 +1,8 @@
 // environment.cpp - the environment of the process.
 #include "environment.h"
 
+#include "../common/module_variables.h"
+
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -22,14 +24,16 @@ constexpr const char* kKept[] = {
     "JOURNAL_STREAM", "NOTIFY_SOCKET", "INVOCATION_ID", "XDG_RUNTIME_DIR",
     // what every program may know
     "PATH", "HOME", "USER", "LOGNAME", "TERM", "LANG", "LANGUAGE", "LC_*", "TZ", "TZDIR",
-    // the modules of key stores
-    "SOFTHSM2_*", "TPM2_*", "TSS2_*", "OPENSC_*", "P11_KIT_*", "PKCS11_*",
     // diagnosis
     "G_DEBUG", "G_MESSAGES_DEBUG", "G_SLICE", "MALLOC_*", "GLIBC_TUNABLES", "ASAN_*", "LSAN_*",
     "MSAN_*", "TSAN_*", "UBSAN_*", "GCOV_*", "LLVM_PROFILE_FILE"};
 
 bool isKept(const std::string& name)
 {
+    for (const char* const begin : modules::kVariables) {
+        if (name.compare(0, strlen(begin), begin) == 0)
+            return true;
+    }
     for (const char* const kept : kKept) {
         const std::size_t length = strlen(kept);
         const bool all = kept[length - 1] == '*';

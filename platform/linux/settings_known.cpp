@@ -2,10 +2,14 @@
 #include "settings_known.h"
 
 #include "common/contract.h"
+#include "common/module_variables.h"
 
 #include <platform/account.h>
 
 #include <glib.h>
+
+#include <algorithm>
+#include <sstream>
 
 namespace settings {
 
@@ -35,6 +39,7 @@ constexpr Known kKnown[] = {
     {"deployment", "key_id", Kind::KeyId},
     {"deployment", "key_material", Kind::Path},
     {"keystore", "module", Kind::Path},
+    {"keystore", "environment", Kind::Variables},
     {"keystore", "token", Kind::Text},
     {"keystore", "pin_file", Kind::Path},
     {"keystore", "store", Kind::Path},
@@ -71,6 +76,10 @@ std::string_view faultOfKind(Kind kind, std::string_view value)
             return value.empty() || value.front() == '/' ? "" : "is not an absolute path";
         case Kind::LoginId:
             return value.size() < sizeof sso_login_info_s{}.user_id ? "" : "is over 255 bytes long";
+        case Kind::Variables:
+            return variables(value) ? ""
+                                    : "is none of NAME=value, with blanks between, for variables "
+                                      "that key stores' modules read";
     }
     return {};
 }
@@ -117,6 +126,22 @@ std::optional<GatewayRule> gatewayRule(std::string_view value)
     if (!code || *code <= 0)
         return std::nullopt;
     return GatewayRule{Source::Failure, false, *code};
+}
+
+std::optional<std::vector<std::pair<std::string, std::string>>> variables(std::string_view value)
+{
+    std::vector<std::pair<std::string, std::string>> read;
+    std::istringstream words{std::string(value)};
+    for (std::string word; words >> word;) {
+        const std::size_t equals = word.find('=');
+        const bool known = std::any_of(
+            std::begin(modules::kVariables), std::end(modules::kVariables),
+            [&word](std::string_view begin) { return word.compare(0, begin.size(), begin) == 0; });
+        if (equals == std::string::npos || !known)
+            return std::nullopt;
+        read.emplace_back(word.substr(0, equals), word.substr(equals + 1));
+    }
+    return read;
 }
 
 }  // namespace settings

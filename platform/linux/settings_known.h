@@ -2,7 +2,10 @@
 #pragma once
 
 #include <optional>
+#include <string>
 #include <string_view>
+#include <utility>
+#include <vector>
 
 namespace settings {
 
@@ -15,6 +18,7 @@ enum class Kind {
     KeyId,       ///< a whole number of 32 bits, not 0
     Path,        ///< absolute
     LoginId,     ///< a text that fits its field in the login record
+    Variables,   ///< see variables()
 };
 
 /// @return nullopt when there is no such setting
@@ -34,5 +38,9 @@ struct GatewayRule {
 
 /// Reads "auto", "up", "down" or "error:<code>". @return nullopt when it is none of them
 std::optional<GatewayRule> gatewayRule(std::string_view value);
+
+/// Reads environment variables of key stores' modules, "NAME=value" with blanks between, into names
+/// and values. @return nullopt when one is of another form or name
+std::optional<std::vector<std::pair<std::string, std::string>>> variables(std::string_view value);
 
 }  // namespace settings

@@ -186,6 +186,15 @@ def test_a_key_store_that_the_settings_name_later_is_not_used_before_the_next_st
     assert complaints(service) == [] and not marker.exists()
 
 
+def test_what_the_module_reads_from_variables_may_stand_in_the_settings(needs_view, start_daemon, caller, a_device):
+    for name, value in a_device.credentials.environment.items():
+        a_device.set("keystore", "environment", f"{name}={value}")
+    process = start_daemon(environment={"SOFTHSM2_CONF": "/nowhere"})
+    process.wait_for_name(caller)
+    assert caller.call("check_server_availability") == WORKS
+    assert complaints(process) == []
+
+
 PIN_FILES = {
     "missing": (lambda file: file.unlink(), "does not exist; it must be there and readable"),
     "empty": (lambda file: file.write_text("\n"), "is empty; put the PIN there"),

@@ -64,8 +64,6 @@ def provision(machine, steps, settings):
     """Runs commands of the page. The settings that they need are the page's."""
     port = machine.do("cat /tmp/home/port")
     machine.write("/tmp/home/device.conf", SETTINGS.replace("PORT", port) + settings)
-    machine.write("/etc/systemd/system/billing-service.service.d/token.conf",
-                  "[Service]\nEnvironment=SOFTHSM2_CONF=/etc/plevo/softhsm2.conf\n")
     shown = machine.run("sh", "-exc", "\n".join(["cd /tmp/home && chmod 600 pin so-pin", *steps,
                                                   "systemctl daemon-reload && systemctl reload-or-restart dbus"]))
     assert shown.returncode == 0, shown.stderr
@@ -118,7 +116,7 @@ def test_calls_start_the_unit_and_it_comes_back_and_ends(device):
 
 def test_the_doctor_finds_nothing_beside_the_unit(device):
     device.do("systemctl start billing-service")
-    said = device.do("export SOFTHSM2_CONF=/etc/plevo/softhsm2.conf\n" + documented().doctor)
+    said = device.do(documented().doctor)
     assert "\nfailed" not in said and "\nok           key " in said, said
 
 

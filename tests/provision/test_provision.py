@@ -24,7 +24,7 @@ pytestmark = pytest.mark.skipif(
 )
 
 
-def run(*arguments, folder=None, stdin=b"", umask=0, stdout=subprocess.PIPE, file_size=None):
+def run(*arguments, folder=None, stdin=b"", umask=0, stdout=subprocess.PIPE, file_size=None, **variables):
     def limits():
         os.umask(umask)
         if file_size is not None:
@@ -36,6 +36,7 @@ def run(*arguments, folder=None, stdin=b"", umask=0, stdout=subprocess.PIPE, fil
     if folder is not None:
         environment["PLEVO_DEVICE_CONF"] = f"{folder}/device.conf"
         environment["SOFTHSM2_CONF"] = f"{folder}/softhsm2.conf"
+    environment.update(variables)
     return subprocess.run([TOOL, *map(str, arguments)], input=stdin, env=environment, timeout=60,
                           stdout=stdout, stderr=subprocess.PIPE, preexec_fn=limits, check=False)
 
@@ -231,6 +232,21 @@ def test_token_uses_no_pin_file_that_is_of_no_use(lab, tmp_path, text, mode, com
     result = must(run("token", "--so-pin", secret(tmp_path / "so-pin", text, mode), folder=lab), FAILED)
     assert complaint in result.stderr
     must(run("request", folder=lab), FAILED)
+
+
+@pytest.mark.parametrize("given", [{}, {"SOFTHSM2_CONF": "/nowhere"}])
+def test_the_settings_name_what_the_module_reads(lab, given):
+    settings_file = f"--conf={lab}/device.conf"
+    must(run("request", "--existing", settings_file, **given), FAILED)
+    change_setting(lab, "token", f"billing-lab\nenvironment=SOFTHSM2_CONF={lab}/softhsm2.conf")
+    must(run("request", "--existing", settings_file, **given))
+
+
+@pytest.mark.parametrize("value", ["LD_PRELOAD=/x.so", "SOFTHSM2_CONF", "SOFTHSM2_CONF=/a /b"])
+def test_no_other_variable_comes_from_the_settings(lab, value):
+    change_setting(lab, "token", f"billing-lab\nenvironment={value}")
+    result = must(run("request", "--existing", f"--conf={lab}/device.conf"), FAILED)
+    assert b"[keystore] environment is none of NAME=value" in result.stderr
 
 
 def test_request_makes_a_key_and_install_takes_its_certificate(lab, tmp_path):

@@ -3,6 +3,7 @@
 #include "commands.h"
 #include "common/contract.h"
 #include "common/nearest.h"
+#include "module_environment.h"
 #include "secure_error.h"
 #include "stop.h"
 
@@ -202,6 +203,8 @@ int main(int argc, char** argv)
            "--conf", [](const std::string& path) { setenv("PLEVO_DEVICE_CONF", path.c_str(), 1); },
            "The device's settings file; else $PLEVO_DEVICE_CONF, else /etc/plevo/device.conf")
         ->trigger_on_parse();
+    // Before the command itself, and after the option that names the settings.
+    app.parse_complete_callback(keystore::takeEnvironment);
     describeLab(app, options.lab);
     describeToken(app, options.token);
     describeDevice(app, options);

@@ -89,7 +89,8 @@ TEST_F(SettingsFile, KnowsEverySettingThatIsDescribed)
         "[system]\nvantor_server_type=1\n[account]\nguid=f\nauth_token=g\nlogin_id=h\n"
         "[network]\ndefault_gateway=auto\n[deployment]\nproduction_host=i\nsandbox_host=j\n"
         "credential=1 2 3 4 5\nkey_id=1\nkey_material=/k\n"
-        "[keystore]\nmodule=/l\ntoken=m\npin_file=/n\nstore=/o\n");
+        "[keystore]\nmodule=/l\ntoken=m\npin_file=/n\nstore=/o\n"
+        "environment=SOFTHSM2_CONF=/p TPM2_PKCS11_STORE=/q\n");
     EXPECT_EQ(token(), "a");
     EXPECT_EQ(text("keystore", "store"), "/o");
     EXPECT_EQ(text("deployment", "key_material"), "/k");
