@@ -1,6 +1,7 @@
 """billing-provision, from outside: what it makes, what it refuses, and who may read it."""
 
 import datetime
+import hashlib
 import os
 import pathlib
 import re
@@ -9,12 +10,17 @@ import shutil
 import signal
 import stat
 import subprocess
+import sys
 
 import pytest
 from cryptography import x509
 from cryptography.hazmat.primitives import hashes, serialization
 from cryptography.hazmat.primitives.asymmetric import padding, rsa
 from cryptography.x509.oid import ExtendedKeyUsageOID, NameOID
+
+sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[2] / "lab"))
+
+from billing_lab import view  # noqa: E402
 
 TOOL = os.environ["BILLING_PROVISION"]
 DONE, FAILED, USAGE, EXISTS, MISMATCH = range(5)
@@ -24,7 +30,8 @@ pytestmark = pytest.mark.skipif(
 )
 
 
-def run(*arguments, folder=None, stdin=b"", umask=0, stdout=subprocess.PIPE, file_size=None, **variables):
+def run(*arguments, folder=None, stdin=b"", umask=0, stdout=subprocess.PIPE, file_size=None, prefix=(),
+        **variables):
     def limits():
         os.umask(umask)
         if file_size is not None:
@@ -37,7 +44,7 @@ def run(*arguments, folder=None, stdin=b"", umask=0, stdout=subprocess.PIPE, fil
         environment["PLEVO_DEVICE_CONF"] = f"{folder}/device.conf"
         environment["SOFTHSM2_CONF"] = f"{folder}/softhsm2.conf"
     environment.update(variables)
-    return subprocess.run([TOOL, *map(str, arguments)], input=stdin, env=environment, timeout=60,
+    return subprocess.run([*prefix, TOOL, *map(str, arguments)], input=stdin, env=environment, timeout=60,
                           stdout=stdout, stderr=subprocess.PIPE, preexec_fn=limits, check=False)
 
 
@@ -260,6 +267,36 @@ def test_request_makes_a_key_and_install_takes_its_certificate(lab, tmp_path):
     installed = certificate(tmp_path / "installed")
     assert installed.public_key().public_numbers() == request.public_key().public_numbers()
     assert stat.S_IMODE(os.stat(tmp_path / "installed").st_mode) == 0o644
+
+
+def name_in(pem):
+    return x509.load_pem_x509_csr(pem).subject.get_attributes_for_oid(NameOID.COMMON_NAME)[0].value
+
+
+def test_each_key_asks_for_a_name_of_its_own(lab):
+    names = [name_in(must(run("request", "--existing", folder=lab)).stdout) for _ in range(2)]
+    change_setting(lab, "key_id", "45")
+    other = must(run("request", folder=lab)).stdout
+    assert names[0] == names[1] != name_in(other)
+    info = x509.load_pem_x509_csr(other).public_key().public_bytes(
+        serialization.Encoding.DER, serialization.PublicFormat.SubjectPublicKeyInfo)
+    assert name_in(other) == "billing device " + hashlib.sha256(info).hexdigest()[:16]
+
+
+@pytest.mark.skipif(view.why_no_view() is not None, reason=str(view.why_no_view()))
+def test_a_renewal_asks_for_the_name_of_the_installed_certificate(lab):
+    (lab / "certificate").mkdir()
+    (lab / "bgclient.crt").rename(lab / "certificate" / "bgclient.crt")
+    seen = view.bubblewrap(lab, lab / "certificate")
+    assert name_in(must(run("request", "--existing", folder=lab, prefix=seen)).stdout) == "Billing lab device"
+
+
+def test_install_says_that_a_chain_is_cut(lab, tmp_path):
+    own = (lab / "bgclient.crt").read_bytes()
+    (tmp_path / "chain").write_bytes(own + (lab / "ca.pem").read_bytes())
+    result = must(run("install", tmp_path / "chain", "--to", tmp_path / "put", folder=lab))
+    assert b"of the 2 certificates in " + bytes(tmp_path / "chain") + b" only the first is installed" in result.stderr
+    assert (tmp_path / "put").read_bytes() == own
 
 
 def pkcs11_tool(lab, *arguments):

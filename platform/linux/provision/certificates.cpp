@@ -5,6 +5,7 @@
 #include "stop.h"
 
 #include <arpa/inet.h>
+#include <openssl/err.h>
 #include <openssl/pem.h>
 #include <openssl/rsa.h>
 #include <openssl/x509v3.h>
@@ -142,13 +143,35 @@ std::string pemOf(X509* certificate)
     return contentOf<std::string>(out);
 }
 
-Certificate readCertificate(const std::string& path)
+std::vector<Certificate> readCertificates(const std::string& path)
 {
     const secret::Bytes bytes = readFile(path);
-    Certificate read(PEM_read_bio_X509(over(bytes).get(), nullptr, noPassphrase, nullptr));
-    if (read == nullptr)
+    const Bio text = over(bytes);
+    std::vector<Certificate> read;
+    while (X509* const one = PEM_read_bio_X509(text.get(), nullptr, noPassphrase, nullptr))
+        read.emplace_back(one);
+    ERR_clear_error();
+    if (read.empty())
         throw Stop(EXIT_FAILED, path + " holds no certificate in PEM form");
     return read;
+}
+
+Certificate readCertificate(const std::string& path)
+{
+    return std::move(readCertificates(path).front());
+}
+
+std::string commonNameOf(const X509* certificate)
+{
+    X509_NAME* const name = X509_get_subject_name(certificate);
+    const int at = X509_NAME_get_index_by_NID(name, NID_commonName, -1);
+    unsigned char* text = nullptr;
+    const int size = at < 0 ? -1
+                            : ASN1_STRING_to_UTF8(
+                                  &text, X509_NAME_ENTRY_get_data(X509_NAME_get_entry(name, at)));
+    const std::string found = size < 0 ? "" : std::string(text, text + size);
+    OPENSSL_free(text);
+    return found;
 }
 
 Key readPrivateKey(const std::string& path)

@@ -27,7 +27,12 @@ Key makeKey();
 secret::Bytes pemOf(EVP_PKEY* privateKey);
 std::string pemOf(X509* certificate);
 
+/// The certificates of a PEM file, one at least; the first is the one that the others vouch for.
+std::vector<Certificate> readCertificates(const std::string& path);
+/// The first of them.
 Certificate readCertificate(const std::string& path);
+/// The common name, empty when there is none.
+std::string commonNameOf(const X509* certificate);
 /// A private key that is not encrypted, as PEM. @param path "-" for standard input
 Key readPrivateKey(const std::string& path);
 

@@ -24,7 +24,7 @@ struct TokenOptions {
 
 struct RequestOptions {
     std::string out = "-";
-    std::string name = "billing device";
+    std::string name;         ///< empty: the device's own, see request()
     bool existing = false;    ///< for the key that is there; no key is made
     bool mayDecrypt = false;  ///< the key need not be for signing alone
     bool force = false;
@@ -54,7 +54,8 @@ struct ImportOptions {
 void lab(const LabOptions& options);
 /// Makes the device's token: label, security officer's PIN, user's PIN.
 void token(const TokenOptions& options);
-/// Makes the device's key inside its token, and a certificate request for it.
+/// Makes the device's key inside its token, and a certificate request for it. Without a name it asks
+/// for that of the certificate that is installed, and without one for a name made of the key.
 void request(const RequestOptions& options);
 /// Puts the device's certificate in its place, after a check that it is for the key.
 void install(const InstallOptions& options);

@@ -1,6 +1,7 @@
 // device.cpp - provisioning of a device that has its settings file and its token.
 #include "certificates.h"
 #include "commands.h"
+#include "common/contract.h"
 #include "common/places.h"
 #include "files.h"
 #include "key_material.h"
@@ -41,6 +42,32 @@ rawrsa::PublicKey publicKeyOf(X509* certificate, const std::string& path)
 bool areSame(const rawrsa::PublicKey& a, const rawrsa::PublicKey& b)
 {
     return a.modulus == b.modulus && a.exponent == b.exponent;
+}
+
+/// A name that no other device asks for, and that stays when the device gets another key.
+std::string nameFor(const rawrsa::PublicKey& key)
+{
+    constexpr std::size_t kNameLimit = 64;
+    if (exists(places::kDeviceCertificate)) {
+        const std::string name = commonNameOf(readCertificate(places::kDeviceCertificate).get());
+        if (!name.empty() && name.size() <= kNameLimit && !contract::holdsControl(name))
+            return name;
+    }
+    constexpr std::size_t kShownBytes = 8;
+    const std::string info = rawrsa::publicKeyInfo(key);
+    unsigned char digest[EVP_MAX_MD_SIZE];
+    if (EVP_Digest(info.data(), info.size(), digest, nullptr, EVP_sha256(), nullptr) != 1)
+        throw Stop(EXIT_FAILED, "making a name failed in the cryptographic library");
+    return "billing device " + hex({digest, digest + kShownBytes});
+}
+
+/// The service sends the device's certificate alone.
+void warnOfChain(const std::vector<Certificate>& certificates, const std::string& path)
+{
+    if (certificates.size() > 1)
+        tell("Warning: of the " + std::to_string(certificates.size()) + " certificates in " + path +
+             " only the first is installed: the service sends no others. The store must know the "
+             "authorities between it and its own.");
 }
 
 void warnOfDates(X509* certificate)
@@ -142,7 +169,8 @@ void request(const RequestOptions& options)
             throw Stop(EXIT_FAILED, "the key with CKA_ID " + tokenkeys::shownId(id) + " " + fault +
                                         "; make another one (another [deployment] key_id), or take "
                                         "it as it is with --may-decrypt");
-        pem = makeRequest(tokenkeys::publicKey(session, id), options.name,
+        const rawrsa::PublicKey key = tokenkeys::publicKey(session, id);
+        pem = makeRequest(key, options.name.empty() ? nameFor(key) : options.name,
                           [&](const unsigned char* block) {
                               return tokenkeys::privateOperation(session, id, block);
                           });
@@ -157,8 +185,9 @@ void request(const RequestOptions& options)
 
 void install(const InstallOptions& options)
 {
-    const Certificate certificate = readCertificate(options.certificate);
-    const rawrsa::PublicKey wanted = publicKeyOf(certificate.get(), options.certificate);
+    const std::vector<Certificate> certificates = readCertificates(options.certificate);
+    X509* const certificate = certificates.front().get();
+    const rawrsa::PublicKey wanted = publicKeyOf(certificate, options.certificate);
     const std::int32_t id = keyId();
     bool matches = false;
     keystore::instance().read(keystore::placeFromSettings(), [&](const pkcs11::Session& session) {
@@ -168,10 +197,11 @@ void install(const InstallOptions& options)
     if (!matches)
         throw Stop(EXIT_MISMATCH, options.certificate + " is not for the key with CKA_ID " +
                                       tokenkeys::shownId(id) + " of the token");
-    warnOfDates(certificate.get());
+    warnOfDates(certificate);
+    warnOfChain(certificates, options.certificate);
     // The link stays: on a read-only file system it leads to where the device may write.
     const std::string place = behindLinks(options.to);
-    writeFile(place, pemOf(certificate.get()), kPublicMode, options.force);
+    writeFile(place, pemOf(certificate), kPublicMode, options.force);
     tell("Installed " + place +
          ".\nRestart needed: a service that runs has read the one before "
          "(systemctl restart billing-service).");

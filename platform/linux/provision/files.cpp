@@ -167,15 +167,20 @@ void makeFolder(const std::string& path)
         fail(path, kMade);
 }
 
-std::string randomHex(std::size_t bytes)
+std::string hex(const secret::Bytes& bytes)
 {
     static const char digits[] = "0123456789abcdef";
     std::string text;
-    for (const unsigned char byte : seal::random(bytes)) {
+    for (const unsigned char byte : bytes) {
         text += digits[byte >> 4];
         text += digits[byte & 15];
     }
     return text;
+}
+
+std::string randomHex(std::size_t bytes)
+{
+    return hex(seal::random(bytes));
 }
 
 }  // namespace provision

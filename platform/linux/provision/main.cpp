@@ -113,8 +113,10 @@ void describeDevice(CLI::App& app, Options& options)
         "request", "Make the device's key inside its token, and a certificate request for it");
     request->add_option("--out", options.request.out, "File for the request, - for standard output")
         ->capture_default_str();
-    request->add_option("--name", options.request.name, "Common name in the request")
-        ->capture_default_str()
+    request
+        ->add_option("--name", options.request.name,
+                     "Common name in the request; else that of the installed certificate, else one "
+                     "made of the key")
         ->check(CLI::Validator(
             [](std::string& name) {
                 return name.empty() || name.size() > 64 ? "must have 1 to 64 bytes" : "";
