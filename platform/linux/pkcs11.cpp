@@ -271,6 +271,14 @@ void Session::login(const secret::Bytes& pin, CK_USER_TYPE user) const
         check(answer, "the login");
 }
 
+void Session::setPin(const secret::Bytes& before, const secret::Bytes& after) const
+{
+    secret::Bytes old = before;  // the interface takes both as changeable
+    secret::Bytes fresh = after;
+    check(m_module.calls().C_SetPIN(m_handle, old.data(), old.size(), fresh.data(), fresh.size()),
+          "changing the PIN");
+}
+
 bool Session::isAlive(const std::string& label) const
 {
     CK_SESSION_INFO session{};

@@ -92,6 +92,8 @@ public:
 
     /// @param user CKU_USER, or CKU_CONTEXT_SPECIFIC for the signature that was begun
     void login(const secret::Bytes& pin, CK_USER_TYPE user) const;
+    /// Gives the user another PIN, on a writable session.
+    void setPin(const secret::Bytes& before, const secret::Bytes& after) const;
     /// For keys that want the PIN before each signature.
     void setGivePin(GivePin givePin) { m_givePin = std::move(givePin); }
     /// Is the session still there, logged in, and the token the one of this label?

@@ -1,16 +1,11 @@
 """billing-provision, from outside: what it makes, what it refuses, and who may read it."""
 
-import datetime
-import hashlib
 import os
 import pathlib
 import re
-import resource
 import shutil
-import signal
 import stat
 import subprocess
-import sys
 
 import pytest
 from cryptography import x509
@@ -18,72 +13,12 @@ from cryptography.hazmat.primitives import hashes, serialization
 from cryptography.hazmat.primitives.asymmetric import padding, rsa
 from cryptography.x509.oid import ExtendedKeyUsageOID, NameOID
 
-sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[2] / "lab"))
-
-from billing_lab import view  # noqa: E402
-
-TOOL = os.environ["BILLING_PROVISION"]
-DONE, FAILED, USAGE, EXISTS, MISMATCH = range(5)
+from tool import (EXISTS, FAILED, MISMATCH, USAGE, certificate, change_setting, must, pem_of, pkcs11_tool, run,
+                  secret, self_signed, settings)
 
 pytestmark = pytest.mark.skipif(
     shutil.which("softhsm2-util") is None, reason="softhsm2 is not installed (apt install softhsm2)"
 )
-
-
-def run(*arguments, folder=None, stdin=b"", umask=0, stdout=subprocess.PIPE, file_size=None, prefix=(),
-        **variables):
-    def limits():
-        os.umask(umask)
-        if file_size is not None:
-            signal.signal(signal.SIGXFSZ, signal.SIG_IGN)
-            resource.setrlimit(resource.RLIMIT_FSIZE, (file_size, file_size))
-
-    environment = {key: value for key, value in os.environ.items()
-                   if key not in ("PLEVO_DEVICE_CONF", "SOFTHSM2_CONF")}
-    if folder is not None:
-        environment["PLEVO_DEVICE_CONF"] = f"{folder}/device.conf"
-        environment["SOFTHSM2_CONF"] = f"{folder}/softhsm2.conf"
-    environment.update(variables)
-    return subprocess.run([*prefix, TOOL, *map(str, arguments)], input=stdin, env=environment, timeout=60,
-                          stdout=stdout, stderr=subprocess.PIPE, preexec_fn=limits, check=False)
-
-
-def must(result, code=DONE):
-    assert result.returncode == code, result.stderr.decode()
-    return result
-
-
-def certificate(path):
-    return x509.load_pem_x509_certificate(path.read_bytes())
-
-
-def settings(folder):
-    lines = (folder / "device.conf").read_text().splitlines()
-    return dict(line.split("=", 1) for line in lines if "=" in line)
-
-
-def change_setting(folder, key, value):
-    text = (folder / "device.conf").read_text()
-    lines = [f"{key}={value}" if line.startswith(key + "=") else line
-             for line in text.splitlines()]
-    (folder / "device.conf").write_text("\n".join(lines) + "\n")
-
-
-@pytest.fixture(name="lab")
-def make_lab(tmp_path):
-    folder = tmp_path / "lab"
-    must(run("lab", folder))
-    return folder
-
-
-@pytest.fixture(name="key")
-def make_key():
-    return rsa.generate_private_key(65537, 2048)
-
-
-def pem_of(key, encryption=serialization.NoEncryption()):
-    return key.private_bytes(serialization.Encoding.PEM, serialization.PrivateFormat.PKCS8,
-                             encryption)
 
 
 def sign_request(folder, request):
@@ -95,20 +30,6 @@ def sign_request(folder, request):
         public_key=request.public_key(), serial_number=7,
         not_valid_before=authority.not_valid_before, not_valid_after=authority.not_valid_after,
     ).sign(signer, hashes.SHA256()).public_bytes(serialization.Encoding.PEM)
-
-
-def self_signed(key):
-    now = certificate_dates()
-    name = x509.Name([x509.NameAttribute(NameOID.COMMON_NAME, "device")])
-    return x509.CertificateBuilder(
-        issuer_name=name, subject_name=name, public_key=key.public_key(), serial_number=1,
-        not_valid_before=now[0], not_valid_after=now[1],
-    ).sign(key, hashes.SHA256()).public_bytes(serialization.Encoding.PEM)
-
-
-def certificate_dates():
-    now = datetime.datetime.utcnow()
-    return now - datetime.timedelta(days=1), now + datetime.timedelta(days=1)
 
 
 def test_lab_makes_certificates_of_one_authority(lab):
@@ -203,13 +124,6 @@ def test_no_secret_is_printed(lab):
         assert (lab / name).read_bytes().strip() not in printed
 
 
-def secret(path, text, mode=0o600):
-    path.touch(mode=mode)
-    path.chmod(mode)
-    path.write_text(text)
-    return path
-
-
 def test_token_takes_its_pins_from_files_or_standard_input(lab, tmp_path):
     so_pin = secret(tmp_path / "so-pin", "officer-4711\n")
     for label, arguments, stdin in (("first", so_pin, b""), ("second", "-", b"officer-4711")):
@@ -269,41 +183,12 @@ def test_request_makes_a_key_and_install_takes_its_certificate(lab, tmp_path):
     assert stat.S_IMODE(os.stat(tmp_path / "installed").st_mode) == 0o644
 
 
-def name_in(pem):
-    return x509.load_pem_x509_csr(pem).subject.get_attributes_for_oid(NameOID.COMMON_NAME)[0].value
-
-
-def test_each_key_asks_for_a_name_of_its_own(lab):
-    names = [name_in(must(run("request", "--existing", folder=lab)).stdout) for _ in range(2)]
-    change_setting(lab, "key_id", "45")
-    other = must(run("request", folder=lab)).stdout
-    assert names[0] == names[1] != name_in(other)
-    info = x509.load_pem_x509_csr(other).public_key().public_bytes(
-        serialization.Encoding.DER, serialization.PublicFormat.SubjectPublicKeyInfo)
-    assert name_in(other) == "billing device " + hashlib.sha256(info).hexdigest()[:16]
-
-
-@pytest.mark.skipif(view.why_no_view() is not None, reason=str(view.why_no_view()))
-def test_a_renewal_asks_for_the_name_of_the_installed_certificate(lab):
-    (lab / "certificate").mkdir()
-    (lab / "bgclient.crt").rename(lab / "certificate" / "bgclient.crt")
-    seen = view.bubblewrap(lab, lab / "certificate")
-    assert name_in(must(run("request", "--existing", folder=lab, prefix=seen)).stdout) == "Billing lab device"
-
-
 def test_install_says_that_a_chain_is_cut(lab, tmp_path):
     own = (lab / "bgclient.crt").read_bytes()
     (tmp_path / "chain").write_bytes(own + (lab / "ca.pem").read_bytes())
     result = must(run("install", tmp_path / "chain", "--to", tmp_path / "put", folder=lab))
     assert b"of the 2 certificates in " + bytes(tmp_path / "chain") + b" only the first is installed" in result.stderr
     assert (tmp_path / "put").read_bytes() == own
-
-
-def pkcs11_tool(lab, *arguments):
-    return subprocess.run(
-        ["pkcs11-tool", "--module", settings(lab)["module"], "--token-label", "billing-lab", "--login", "--pin",
-         (lab / "pin").read_text().strip(), *arguments], capture_output=True, text=True, check=True,
-        env={**os.environ, "SOFTHSM2_CONF": f"{lab}/softhsm2.conf"}).stdout
 
 
 def test_the_key_may_sign_and_nothing_else(lab):
@@ -552,7 +437,7 @@ def completions(*words):
     return set(done.stdout.split())
 
 
-@pytest.mark.parametrize("command", ["lab", "token", "request", "install", "seal", "import"])
+@pytest.mark.parametrize("command", ["lab", "token", "pin", "request", "install", "seal", "import", "status"])
 def test_completion_offers_every_option_of_a_command(command):
     help_text = must(run(command, "--help")).stdout.decode()
     own = {word for word in re.findall(r"^  (?:-h,)?(--[a-z-]+)", help_text, re.MULTILINE)}
@@ -560,8 +445,8 @@ def test_completion_offers_every_option_of_a_command(command):
 
 
 def test_completion_offers_the_commands():
-    assert completions("s") == {"seal"}
-    assert {"lab", "token", "request", "install", "seal", "import", "--version"} < completions("")
+    assert completions("s") == {"seal", "status"}
+    assert {"lab", "token", "pin", "request", "install", "seal", "import", "status", "--version"} < completions("")
 
 
 @pytest.mark.parametrize("typed, said", [("instal", ', did you mean "install"'), ("buy", "")])

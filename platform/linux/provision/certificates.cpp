@@ -161,6 +161,14 @@ Certificate readCertificate(const std::string& path)
     return std::move(readCertificates(path).front());
 }
 
+std::string shownName(const X509_NAME* name)
+{
+    const Bio out = memory();
+    check(X509_NAME_print_ex(out.get(), name, 0, XN_FLAG_ONELINE & ~ASN1_STRFLGS_ESC_MSB) >= 0,
+          "reading a name");
+    return contentOf<std::string>(out);
+}
+
 std::string commonNameOf(const X509* certificate)
 {
     X509_NAME* const name = X509_get_subject_name(certificate);

@@ -31,6 +31,8 @@ std::string pemOf(X509* certificate);
 std::vector<Certificate> readCertificates(const std::string& path);
 /// The first of them.
 Certificate readCertificate(const std::string& path);
+/// A name on one line, without control characters.
+std::string shownName(const X509_NAME* name);
 /// The common name, empty when there is none.
 std::string commonNameOf(const X509* certificate);
 /// A private key that is not encrypted, as PEM. @param path "-" for standard input

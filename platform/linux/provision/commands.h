@@ -22,6 +22,10 @@ struct TokenOptions {
     std::string soPin;  ///< file with the security officer's PIN, "-" for standard input
 };
 
+struct PinOptions {
+    std::string pin;  ///< file with the new PIN, "-" for standard input
+};
+
 struct RequestOptions {
     std::string out = "-";
     std::string name;         ///< empty: the device's own, see request()
@@ -54,6 +58,8 @@ struct ImportOptions {
 void lab(const LabOptions& options);
 /// Makes the device's token: label, security officer's PIN, user's PIN.
 void token(const TokenOptions& options);
+/// Gives the token another PIN, and the PIN file with it.
+void pin(const PinOptions& options);
 /// Makes the device's key inside its token, and a certificate request for it. Without a name it asks
 /// for that of the certificate that is installed, and without one for a name made of the key.
 void request(const RequestOptions& options);
@@ -64,6 +70,9 @@ void seal(const SealOptions& options);
 
 /// Puts the sealed private key into the token, and removes the two files that give it.
 void import(const ImportOptions& options);
+
+/// Prints token, keys and certificate, and whether they belong together.
+void status();
 
 /// A line for the person who waits, on standard error.
 void tell(const std::string& line);

@@ -7,6 +7,7 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstdio>
@@ -73,6 +74,14 @@ std::string folderOf(const std::string& path)
     return folder.empty() ? "." : folder;
 }
 
+/// What root replaces stays its owner's: a PIN file that root owns is closed to the service.
+bool takesOwner(const Descriptor& file, const std::string& path)
+{
+    struct stat status {};
+    return geteuid() != 0 || lstat(path.c_str(), &status) != 0 ||
+           fchown(file.fd, status.st_uid, status.st_gid) == 0;
+}
+
 void makeFolderLasting(const std::string& path)
 {
     const Descriptor folder(open(folderOf(path).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
@@ -110,7 +119,7 @@ void writeFile(const std::string& path, std::string_view bytes, mode_t mode, boo
     {
         const Descriptor file(open(temporary.path.c_str(),
                                    O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, mode));
-        if (file.fd < 0 || fchmod(file.fd, mode) != 0)
+        if (file.fd < 0 || fchmod(file.fd, mode) != 0 || !takesOwner(file, path))
             fail(path, kMade);
         writeAll(file, path, bytes);
     }

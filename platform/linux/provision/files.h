@@ -16,7 +16,7 @@ constexpr mode_t kPublicMode = 0644;
 
 // Each throws Stop.
 
-/// Writes a file by way of a temporary one beside it. @param replace false: EXIT_EXISTS when there
+/// Writes a file by way of a temporary one beside it. One that root replaces keeps its owner. @param replace false: EXIT_EXISTS when there
 /// is one of that name
 void writeFile(const std::string& path, std::string_view bytes, mode_t mode, bool replace);
 

@@ -30,6 +30,7 @@ struct Options {
     std::string conf;
     provision::LabOptions lab;
     provision::TokenOptions token;
+    provision::PinOptions pin;
     provision::RequestOptions request;
     provision::InstallOptions install;
     provision::SealOptions seal;
@@ -107,6 +108,15 @@ void describeToken(CLI::App& app, provision::TokenOptions& options)
     token->callback([&options] { provision::token(options); });
 }
 
+void describePin(CLI::App& app, provision::PinOptions& options)
+{
+    CLI::App* const pin =
+        app.add_subcommand("pin", "Give the token another PIN, and [keystore] pin_file with it");
+    pin->add_option("NEW", options.pin, "File with the new PIN, mode 0600, - for standard input")
+        ->required();
+    pin->callback([&options] { provision::pin(options); });
+}
+
 void describeDevice(CLI::App& app, Options& options)
 {
     CLI::App* const request = app.add_subcommand(
@@ -160,6 +170,13 @@ void describeImport(CLI::App& app, provision::ImportOptions& options)
 });
 }  // namespace
 
+void describeStatus(CLI::App& app)
+{
+    app.add_subcommand("status",
+                       "Print token, keys and certificate, and whether they belong together")
+        ->callback(provision::status);
+}
+
 int report(int code, const char* text)
 {
     if (*text != '\0')
@@ -173,7 +190,10 @@ std::string unknownCommand(const CLI::App& app)
     const auto words = app.remaining();
     if (!app.get_subcommands().empty() || words.empty() || words[0][0] == '-')
         return "";
-    const std::string meant = nearest::to(words[0], {"lab", "request", "install", "seal"});
+    std::vector<std::string> names;
+    for (const CLI::App* const command : app.get_subcommands([](const CLI::App*) { return true; }))
+        names.push_back(command->get_name());
+    const std::string meant = nearest::to(words[0], names);
     return "there is no command \"" + words[0] + "\"" +
            (meant.empty() ? "" : ", did you mean \"" + meant + "\"") +
            "; see billing-provision --help";
@@ -209,8 +229,10 @@ int main(int argc, char** argv)
     app.parse_complete_callback(keystore::takeEnvironment);
     describeLab(app, options.lab);
     describeToken(app, options.token);
+    describePin(app, options.pin);
     describeDevice(app, options);
     describeImport(app, options.import);
+    describeStatus(app);
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {

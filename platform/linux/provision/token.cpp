@@ -54,6 +54,13 @@ private:
     CK_SESSION_HANDLE m_handle = 0;
 };
 
+/// @param path "-" for standard input
+secret::Bytes pinFrom(const std::string& path)
+{
+    return path == "-" ? keystore::pinIn(readFile(path), "standard input")
+                       : keystore::readPin(path);
+}
+
 }  // namespace
 
 void initialiseToken(const keystore::Place& place, secret::Bytes soPin, secret::Bytes pin)
@@ -82,11 +89,27 @@ void token(const TokenOptions& options)
 {
     const keystore::Place place = keystore::placeFromSettings();
     secret::Bytes pin = keystore::readPin(place.pinFile);
-    secret::Bytes soPin = options.soPin == "-"
-                              ? keystore::pinIn(readFile(options.soPin), "standard input")
-                              : keystore::readPin(options.soPin);
-    initialiseToken(place, std::move(soPin), std::move(pin));
+    initialiseToken(place, pinFrom(options.soPin), std::move(pin));
     tell("Made the token \"" + place.token + "\". Next: billing-provision request");
+}
+
+void pin(const PinOptions& options)
+{
+    const keystore::Place place = keystore::placeFromSettings();
+    const secret::Bytes before = keystore::readPin(place.pinFile);
+    const secret::Bytes after = pinFrom(options.pin);
+    keystore::instance().change(place, [&](const pkcs11::Session& session) {
+        session.setPin(before, after);
+        try {
+            const std::string text(after.begin(), after.end());
+            writeFile(place.pinFile, text + "\n", kSecretMode, true);
+        } catch (const Stop&) {
+            // The file and the token must not differ.
+            session.setPin(after, before);
+            throw;
+        }
+    });
+    tell("Changed the PIN of the token \"" + place.token + "\", and " + place.pinFile + ".");
 }
 
 }  // namespace provision
