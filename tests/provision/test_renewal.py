@@ -3,6 +3,7 @@
 import datetime
 import hashlib
 import os
+import pathlib
 import shutil
 import stat
 
@@ -113,4 +114,11 @@ def test_a_renewal_asks_for_the_name_of_the_installed_certificate(lab):
     (lab / "certificate").mkdir()
     (lab / "bgclient.crt").rename(lab / "certificate" / "bgclient.crt")
     seen = view.bubblewrap(lab, lab / "certificate")
-    assert name_in(must(run("request", "--existing", folder=lab, prefix=seen)).stdout) == "Billing lab device"
+    result = must(run("request", "--existing", folder=lab, prefix=seen))
+    assert name_in(result.stdout) == "Billing lab device" and b'the name "Billing lab device"' in result.stderr
+    # One that is of no use keeps nobody from asking for another.
+    for instead in (lambda file: file.write_text("no certificate"), pathlib.Path.unlink,
+                    lambda file: file.symlink_to("nowhere")):
+        instead(lab / "certificate" / "bgclient.crt")
+        result = must(run("request", "--existing", folder=lab, prefix=seen))
+        assert name_in(result.stdout).startswith("billing device ")

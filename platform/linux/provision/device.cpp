@@ -44,15 +44,23 @@ bool areSame(const rawrsa::PublicKey& a, const rawrsa::PublicKey& b)
     return a.modulus == b.modulus && a.exponent == b.exponent;
 }
 
+/// @return empty when there is no certificate that can be read, or no name that a request can have
+std::string installedName()
+{
+    constexpr std::size_t kNameLimit = 64;
+    try {
+        const std::string name = commonNameOf(readCertificate(places::kDeviceCertificate).get());
+        return name.size() <= kNameLimit && !contract::holdsControl(name) ? name : "";
+    } catch (const Stop&) {
+        return "";
+    }
+}
+
 /// A name that no other device asks for, and that stays when the device gets another key.
 std::string nameFor(const rawrsa::PublicKey& key)
 {
-    constexpr std::size_t kNameLimit = 64;
-    if (exists(places::kDeviceCertificate)) {
-        const std::string name = commonNameOf(readCertificate(places::kDeviceCertificate).get());
-        if (!name.empty() && name.size() <= kNameLimit && !contract::holdsControl(name))
-            return name;
-    }
+    if (const std::string name = installedName(); !name.empty())
+        return name;
     constexpr std::size_t kShownBytes = 8;
     const std::string info = rawrsa::publicKeyInfo(key);
     unsigned char digest[EVP_MAX_MD_SIZE];
@@ -163,6 +171,7 @@ void request(const RequestOptions& options)
     if (!options.existing)
         makeKeyInside(place, id, options.mayDecrypt);
     std::string pem;
+    std::string name = options.name;
     keystore::instance().read(place, [&](const pkcs11::Session& session) {
         const std::string fault = tokenkeys::faultIn(session, id);
         if (!fault.empty() && options.existing && !options.mayDecrypt)
@@ -170,17 +179,18 @@ void request(const RequestOptions& options)
                                         "; make another one (another [deployment] key_id), or take "
                                         "it as it is with --may-decrypt");
         const rawrsa::PublicKey key = tokenkeys::publicKey(session, id);
-        pem = makeRequest(key, options.name.empty() ? nameFor(key) : options.name,
-                          [&](const unsigned char* block) {
-                              return tokenkeys::privateOperation(session, id, block);
-                          });
+        if (name.empty())
+            name = nameFor(key);
+        pem = makeRequest(key, name, [&](const unsigned char* block) {
+            return tokenkeys::privateOperation(session, id, block);
+        });
     });
     if (toFile)
         writeFile(options.out, pem, kPublicMode, options.force);
     else
         print(pem);
-    tell("The request is for the key with CKA_ID " + tokenkeys::shownId(id) +
-         ". Have it signed, then: billing-provision install CERTIFICATE");
+    tell("The request is for the key with CKA_ID " + tokenkeys::shownId(id) + " and the name \"" +
+         name + "\". Have it signed, then: billing-provision install CERTIFICATE");
 }
 
 void install(const InstallOptions& options)
