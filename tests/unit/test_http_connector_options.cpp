@@ -183,7 +183,10 @@ TEST_F(AConnector, TakesNothingWithoutABufferOrATarget)
 
 TEST_F(AConnector, WritesToAndReadsFromAFile)
 {
-    const std::unique_ptr<FILE, decltype(&std::fclose)> file(std::tmpfile(), std::fclose);
+    struct Close {
+        void operator()(FILE* open) const { std::fclose(open); }
+    };
+    const std::unique_ptr<FILE, Close> file(std::tmpfile());
     ASSERT_NE(file, nullptr);
     char out[] = "abcdef";
     EXPECT_EQ(CHttpConnector::WriteDataToFileCBFunc(out, 2, 3, file.get()), 3u);

@@ -50,6 +50,11 @@ Token& token()
     return *instance;
 }
 
+pkcs11::Module& proxyModule()
+{
+    return pkcs11::Module::at(PROXY_MODULE);
+}
+
 class AKeyStore : public testing::Test {
 protected:
     void SetUp() override
@@ -292,7 +297,7 @@ TEST_F(AKeyStore, KeepsTheOldKeyWhenTheNewOneDoesNotProveItself)
 
 TEST_F(AKeyStore, ImportsKeysThatTheTokenDoesNotGiveAway)
 {
-    const pkcs11::Module& module = pkcs11::Module::at(PROXY_MODULE);
+    const pkcs11::Module& module = proxyModule();
     const pkcs11::Session session(module, module.slotOf(token().soft.label()).value(), false);
     pkcs11::Attributes wanted;
     wanted.number(CKA_CLASS, CKO_PRIVATE_KEY).text(CKA_ID, std::string("\0\0\0\7", 4));
@@ -306,7 +311,7 @@ TEST_F(AKeyStore, ImportsKeysThatTheTokenDoesNotGiveAway)
 TEST_F(AKeyStore, RemovesThePublicObjectToo)
 {
     EXPECT_EQ(ss_remove_key(&client, 7), 0);
-    const pkcs11::Module& module = pkcs11::Module::at(PROXY_MODULE);
+    const pkcs11::Module& module = proxyModule();
     const pkcs11::Session session(module, module.slotOf(token().soft.label()).value(), false);
     pkcs11::Attributes any;
     any.text(CKA_ID, std::string("\0\0\0\7", 4));
@@ -317,7 +322,7 @@ TEST_F(AKeyStore, RemovesThePublicObjectToo)
 
 TEST_F(AKeyStore, SeesEveryObjectOfATokenThatNamesThemOneByOne)
 {
-    const pkcs11::Module& module = pkcs11::Module::at(PROXY_MODULE);
+    const pkcs11::Module& module = proxyModule();
     const pkcs11::Session session(module, module.slotOf(token().soft.label()).value(), false);
     pkcs11::Attributes any;
     any.text(CKA_ID, std::string("\0\0\0\7", 4));
@@ -327,7 +332,7 @@ TEST_F(AKeyStore, SeesEveryObjectOfATokenThatNamesThemOneByOne)
 
 TEST_F(AKeyStore, LeavesNothingOfAKeyThatWasMadeAndDoesNotWork)
 {
-    const pkcs11::Module& module = pkcs11::Module::at(PROXY_MODULE);
+    const pkcs11::Module& module = proxyModule();
     const pkcs11::Session session(module, module.slotOf(token().soft.label()).value(), true);
     control().fault = Fault::WrongBlock;
     EXPECT_THROW(tokenkeys::generate(session, 8), secure::Error);
@@ -367,7 +372,8 @@ protected:
         const Bytes n = token().key.modulus();
         const Bytes d = token().key.privateExponent();
         const auto key = rawrsa::recover(n.data(), n.size(), d.data(), d.size()).value();
-        const pkcs11::Module& module = pkcs11::Module::at(PROXY_MODULE);
+        const std::string path = PROXY_MODULE;
+        const pkcs11::Module& module = pkcs11::Module::at(path);
         m_session = std::make_unique<pkcs11::Session>(
             module, module.slotOf(token().soft.label()).value(), true);
         pkcs11::Attributes attributes;
