@@ -16,6 +16,9 @@ sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1]))
 from harness import certificates, credentials, server  # noqa: E402
 from harness.device import Device  # noqa: E402
 
+import booted  # noqa: E402
+import manager  # noqa: E402
+from first_answer import documented  # noqa: E402
 from installation import Accounts, Installed, PolicyBus, wait_for_name  # noqa: E402
 
 
@@ -119,3 +122,34 @@ def device(folder, store, authority, provisioned, accounts):
     os.chown(made.file, 0, accounts.service_group)
     os.chmod(made.file, 0o640)
     return made
+
+
+@pytest.fixture(scope="module")
+def needs_systemd(needs_root):
+    for program in ("/lib/systemd/systemd", "/usr/bin/nsenter", "/usr/bin/dbus-daemon", "/usr/bin/openssl"):
+        if not os.path.exists(program):
+            pytest.skip(f"{program} is not installed")
+    root = manager.cgroup_root()
+    if root is None or not os.access(root, os.W_OK):
+        pytest.skip("no control groups of the second version in which a folder may be made")
+
+
+@pytest.fixture
+def machine(needs_systemd, folder, installed):
+    """A booted systemd with the installation, and users that may and may not call."""
+    try:
+        made = manager.Machine(folder / "machine", installed.root)
+    except (OSError, PermissionError) as error:
+        pytest.skip(f"no systemd of its own on this machine: {error}")
+    try:
+        booted.prepare(made)
+        yield made
+    finally:
+        made.stop()
+
+
+@pytest.fixture
+def booted_device(machine):
+    page = documented()
+    booted.provision(machine, [page.folders, page.token, page.request, "python3 sign.py", page.install], page.keystore)
+    return machine

@@ -24,10 +24,11 @@ PIN, SO_PIN = "123456", "87654321"
 
 # Whoever runs the store: its server demands a certificate of its authority, which signs requests.
 STORE = """\
-import http.server, pathlib, ssl, sys
+import http.server, json, pathlib, ssl
 class Answer(http.server.BaseHTTPRequestHandler):
     def do_GET(self):
-        body = b'{"asked by": "%s"}' % dict(self.connection.getpeercert()["subject"][0])["commonName"].encode()
+        peer = self.connection.getpeercert()
+        body = json.dumps({"asked by": dict(peer["subject"][0])["commonName"], "serial": peer["serialNumber"]}).encode()
         self.send_response(200)
         self.send_header("Content-Length", str(len(body)))
         self.end_headers()
@@ -37,7 +38,8 @@ context = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
 context.load_cert_chain("server.pem", "server.key")
 context.load_verify_locations("ca.pem")
 context.verify_mode = ssl.CERT_REQUIRED
-server = http.server.ThreadingHTTPServer(("127.0.0.1", 0), Answer)
+port = pathlib.Path("port")
+server = http.server.ThreadingHTTPServer(("127.0.0.1", int(port.read_text()) if port.exists() else 0), Answer)
 server.socket = context.wrap_socket(server.socket, server_side=True)
 pathlib.Path("port.new").write_text(str(server.server_port))
 pathlib.Path("port.new").rename("port")
@@ -57,6 +59,12 @@ certificate = x509.CertificateBuilder(ca.subject, request.subject, request.publi
     serialization.load_pem_private_key(read("ca.key"), None), hashes.SHA256())
 pathlib.Path("device.crt").write_bytes(certificate.public_bytes(serialization.Encoding.PEM))
 """
+
+
+def renewal():
+    """@return the blocks of docs/RENEWAL.md by their names"""
+    page = (TREE / "docs/RENEWAL.md").read_text(encoding="utf-8")
+    return dict(re.findall(r"```(?:sh)? ([a-z-]+)\n(.*?)```", page, re.DOTALL))
 
 
 class Documented(NamedTuple):

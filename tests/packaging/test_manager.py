@@ -1,100 +1,26 @@
 """The installed unit under a real systemd, on a machine of its own: activation, restart, stop, sandbox, purge."""
 import json
-import os
 import pathlib
 import time
 
 import pytest
 
-import manager
-from first_answer import PIN, SETTINGS, SIGN, SO_PIN, STORE, TREE, documented
+from booted import AS_APP, ASK, NAMED, provision, unit, wait_until
+from first_answer import TREE, documented
 
 HERE = pathlib.Path(__file__).parent
-ASK = "billingctl check-server-availability --raw"
-AS_APP = f"runuser -u app -g app -G billing -- {ASK}"
 AS_STRANGER = f"runuser -u stranger -g stranger -- {ASK}"
 DENIED = "the bus does not let this user call the service"
 
 
-@pytest.fixture(scope="module")
-def needs_systemd(needs_root):
-    for program in ("/lib/systemd/systemd", "/usr/bin/nsenter", "/usr/bin/dbus-daemon", "/usr/bin/openssl"):
-        if not os.path.exists(program):
-            pytest.skip(f"{program} is not installed")
-    root = manager.cgroup_root()
-    if root is None or not os.access(root, os.W_OK):
-        pytest.skip("no control groups of the second version in which a folder may be made")
-
-
-def prepare(machine):
-    """Installation, users and the store that the device asks."""
-    machine.do("""
-        cp -a /tmp/installed/. /
-        # The bus of the machine looks below /usr alone; the prefix of the build is another one.
-        for kind in system.d system-services; do cp /usr/local/share/dbus-1/$kind/org.plevo.* /usr/share/dbus-1/$kind/; done
-        # An image for containers may forbid packages to start and stop anything.
-        rm -f /usr/sbin/policy-rc.d
-        useradd -m app && useradd -m stranger
-        systemctl daemon-reload
-        mkdir /tmp/home && cd /tmp/home
-        billing-provision lab made --host localhost >/dev/null 2>&1
-        cp made/ca.pem made/ca.key made/server.pem made/server.key .
-    """)
-    for name, text in (("store.py", STORE), ("sign.py", SIGN), ("pin", PIN), ("so-pin", SO_PIN)):
-        machine.write(f"/tmp/home/{name}", text)
-    machine.do("cd /tmp/home && systemd-run --quiet --unit=store --working-directory=$PWD python3 store.py && "
-               "while [ ! -e port ]; do sleep 0.1; done")
-
-
 @pytest.fixture
-def machine(needs_systemd, folder, installed):
-    """A booted systemd with the installation, and users that may and may not call."""
-    try:
-        made = manager.Machine(folder / "machine", installed.root)
-    except (OSError, PermissionError) as error:
-        pytest.skip(f"no systemd of its own on this machine: {error}")
-    try:
-        prepare(made)
-        yield made
-    finally:
-        made.stop()
-
-
-def provision(machine, steps, settings):
-    """Runs commands of the page. The settings that they need are the page's."""
-    port = machine.do("cat /tmp/home/port")
-    machine.write("/tmp/home/device.conf", SETTINGS.replace("PORT", port) + settings)
-    shown = machine.run("sh", "-exc", "\n".join(["cd /tmp/home && chmod 600 pin so-pin", *steps,
-                                                  "systemctl daemon-reload && systemctl reload-or-restart dbus"]))
-    assert shown.returncode == 0, shown.stderr
-    assert "billing-provision token" in shown.stderr
-    # A shell that traces shows the arguments of its commands.
-    assert PIN not in shown.stderr and SO_PIN not in shown.stderr
-
-
-@pytest.fixture
-def device(machine):
-    page = documented()
-    provision(machine, [page.folders, page.token, page.request, "python3 sign.py", page.install], page.keystore)
-    return machine
-
-
-def unit(machine, *properties):
-    shown = machine.do("systemctl show billing-service " + " ".join(f"-p {name}" for name in properties))
-    return dict(line.split("=", 1) for line in shown.splitlines())
-
-
-def wait_until(machine, state):
-    end = time.monotonic() + 20
-    while (found := unit(machine, "ActiveState", "SubState", "MainPID", "Result"))["SubState"] != state:
-        assert time.monotonic() < end, (found, machine.do("journalctl -u billing-service -n 50 --no-pager"))
-        time.sleep(0.1)
-    return found
+def device(booted_device):
+    return booted_device
 
 
 def test_calls_start_the_unit_and_it_comes_back_and_ends(device):
     assert unit(device, "ActiveState") == {"ActiveState": "inactive"}
-    assert '{"asked by": "billing device ' in device.do(AS_APP)
+    assert NAMED in device.do(AS_APP)
     first = wait_until(device, "running")
     assert device.do(f"stat -c %U /proc/{first['MainPID']}").strip() == "billing-service"
 
@@ -103,7 +29,7 @@ def test_calls_start_the_unit_and_it_comes_back_and_ends(device):
     wait_until(device, "auto-restart")
     assert wait_until(device, "running")["MainPID"] != first["MainPID"]
     assert time.monotonic() - began > 0.9
-    assert '{"asked by": "billing device ' in device.do(AS_APP)
+    assert NAMED in device.do(AS_APP)
 
     began = time.monotonic()
     device.do("systemctl stop billing-service")
@@ -135,7 +61,7 @@ def test_a_sealed_key_is_imported_and_gone_before_the_service_starts(machine):
                                                                       modes + "\nbilling-provision import"),
                         page.install], settings + "seal_key=/etc/plevo/seal.key\n")
     assert machine.do("cat /tmp/home/modes") == "root 600\n" * 2
-    assert '{"asked by": "sealed device"}' in machine.do(AS_APP)
+    assert '{"asked by": "sealed device"' in machine.do(AS_APP)
     left = machine.do("find / -xdev \\( -name key-material -o -name seal.key \\) -not -path '/tmp/home/made/*' "
                       "-not -path '/proc/*'; find /tmp/home -maxdepth 1 -name 'seal.key'")
     assert left == ""
