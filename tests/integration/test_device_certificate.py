@@ -3,7 +3,9 @@ import os
 import ssl
 
 import pytest
+from cryptography import x509
 from cryptography.hazmat.primitives.asymmetric import ec, rsa
+from cryptography.x509.oid import NameOID
 from harness import certificates
 from harness.methods import EVERY_CALL, all_alike, answers
 
@@ -115,6 +117,38 @@ def test_a_certificate_of_another_key_is_seen_at_the_start(needs_view, start_dae
     process.wait_for_name(caller)
 
     assert process.texts("E").count("The stored key is invalid!") == 1
+
+
+def below(device):
+    """Has the device's certificate signed by an authority below the one that the store knows.
+
+    @return that authority's certificate, as PEM
+    """
+    key = rsa.generate_private_key(65537, 2048)
+    lab = device.credentials.folder
+    name = x509.Name([x509.NameAttribute(NameOID.COMMON_NAME, "Between")])
+    between = certificates.certify((lab / "ca.pem").read_bytes(), (lab / "ca.key").read_bytes(), key.public_key(), name,
+                                   certificates.VALID, x509.BasicConstraints(ca=True, path_length=0))
+    own = x509.load_pem_x509_certificate(device.credentials.certificate.read_bytes())
+    device.credentials.install(certificates.certify(between, certificates.pem_of(key), own.public_key(), own.subject,
+                                                    certificates.VALID) + between)
+    return between
+
+
+def test_a_chain_file_sends_the_first_certificate_alone(needs_view, start_daemon, caller, store, a_device):
+    below(a_device)
+    process = start_daemon()
+    process.wait_for_name(caller)
+    assert caller.call("check_server_availability") == FAILED and store.requests == []
+    assert any("unknown ca" in text for text in process.texts("E"))
+
+
+def test_an_authority_among_those_of_the_store_is_sent_along(needs_view, start_daemon, caller, store, a_device):
+    between = below(a_device)
+    a_device.ca_file.write_bytes(a_device.ca_file.read_bytes() + between)
+    start_daemon().wait_for_name(caller)
+    assert caller.call("check_server_availability") == (0, "{}")
+    assert {request.client for request in store.requests} == {DEVICE}
 
 
 @pytest.fixture
