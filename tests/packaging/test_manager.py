@@ -40,6 +40,26 @@ def test_calls_start_the_unit_and_it_comes_back_and_ends(device):
     assert "is not a known" not in log
 
 
+FOLDER = "$(dirname $(find /usr/local/lib -name libbilling-platform.so.1.0.0))"
+
+
+def test_callers_are_answered_however_often_it_ends(device):
+    for _ in range(8):
+        assert NAMED in device.do(AS_APP)
+        device.do("kill -KILL $(systemctl show -p MainPID --value billing-service)")
+    assert NAMED in device.do(AS_APP)
+
+
+def test_a_call_waits_for_a_service_that_cannot_start_and_is_answered_after_the_repair(device):
+    """A library that is missing for a while. The bus waits 25 s for a service that it starts, and then says so."""
+    device.do(f"mv {FOLDER}/libbilling-platform.so.1 /tmp/away")
+    said = device.run("sh", "-c", AS_APP).stderr
+    assert "Failed to activate service" in said and "systemctl start billing-service" in said
+    device.do(f"systemd-run --quiet --unit=repair sh -c 'sleep 10; mv /tmp/away {FOLDER}/libbilling-platform.so.1'")
+    assert NAMED in device.do(AS_APP)
+    assert int(unit(device, "NRestarts")["NRestarts"]) > 20
+
+
 def test_the_doctor_finds_nothing_beside_the_unit(device):
     device.do("systemctl start billing-service")
     said = device.do(documented().doctor)
