@@ -178,6 +178,7 @@ Json::Value packed(const Process& process)
     value["gid"] = process.gid;
     value["groups"] = list(process.groups);
     value["program"] = process.program;
+    value["version"] = process.version;
     value["environment"] = list(process.environment);
     value["environmentKnown"] = process.environmentKnown;
     value["stopped"] = process.stopped;
@@ -213,6 +214,7 @@ Process processFrom(const Json::Value& value)
         process.groups.push_back(group.asUInt());
     }
     process.program = value["program"].asString();
+    process.version = value["version"].asString();
     process.environment = textsOf(value["environment"]);
     process.environmentKnown = value["environmentKnown"].asBool();
     process.stopped = value["stopped"].asBool();

@@ -17,6 +17,7 @@ struct Process {
     unsigned gid = 0;
     std::vector<unsigned> groups;
     std::string program;                   ///< empty: only root may see it
+    std::string version;                   ///< the same
     std::vector<std::string> environment;  ///< "NAME=value"
     bool environmentKnown = false;
     bool stopped = false;  ///< by a signal, or by a debugger

@@ -25,6 +25,16 @@ std::string programOf(const std::string& folder)
     return length > 0 ? std::string(path, static_cast<std::size_t>(length)) : "";
 }
 
+/// The version that the service's file tells, without running it: root would run what the service's
+/// user may have started in its place. @return empty when this user may not read it
+std::string versionOf(const std::string& folder)
+{
+    constexpr std::string_view kMark = "billing-service-version=";
+    const std::string bytes = contentOf(folder + "/exe");
+    const std::size_t at = bytes.find(kMark);
+    return at == std::string::npos ? "" : bytes.substr(at + kMark.size()).c_str();
+}
+
 /// When a process began, by the clock as it is now. Its record counts from the boot.
 double startOf(const std::string& record)
 {
@@ -98,6 +108,7 @@ Process processOf(unsigned pid)
     process.pid = pid;
     readStatus(folder, process);
     process.program = programOf(folder);
+    process.version = versionOf(folder);
     process.started = startOf(contentOf(folder + "/stat"));
     std::istringstream variables(contentOf(folder + "/environ"));
     for (std::string variable; std::getline(variables, variable, '\0');) {

@@ -125,6 +125,7 @@ int status(const StatusOptions& options)
         lines.emplace_back("service", "runs as " + identity.user + ", process " +
                                           std::to_string(process.pid) +
                                           (process.program.empty() ? "" : ", " + process.program));
+        lines.emplace_back("version", process.version.empty() ? kNotKnown : process.version);
         lines.emplace_back("since", process.started > 0 ? whenOf(process.started) : kNotKnown);
     } else {
         lines.emplace_back("service", "does not run");

@@ -9,7 +9,21 @@
 #include <unistd.h>
 
 #include <csignal>
+#include <cstdio>
+#include <cstring>
 #include <new>
+
+namespace {
+
+// Found in the file of a process that runs as well, which is not asked (billingctl status).
+[[gnu::used]] const char kVersion[] = "billing-service-version=" BILLING_VERSION;
+
+bool isAskedForVersion(int count, char** arguments)
+{
+    return count == 2 && std::strcmp(arguments[1], "--version") == 0;
+}
+
+}  // namespace
 
 // Null before the front end exists and after the teardown, which reads and clears it.
 CDBusManager* g_pDbusMan = nullptr;
@@ -35,8 +49,12 @@ void sig_quit(int iSignal)
     billing_service_quit();
 }
 
-int main()
+int main(int count, char** arguments)
 {
+    if (isAskedForVersion(count, arguments)) {
+        std::printf("billing-service %s\n", std::strchr(kVersion, '=') + 1);
+        return 0;
+    }
     platform_process_start();
     signal(SIGTERM, sig_quit);
     umask(0);

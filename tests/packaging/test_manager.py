@@ -1,6 +1,7 @@
 """The installed unit under a real systemd, on a machine of its own: activation, restart, stop, sandbox, purge."""
 import json
 import pathlib
+import re
 import time
 
 import pytest
@@ -23,6 +24,11 @@ def test_calls_start_the_unit_and_it_comes_back_and_ends(device):
     assert NAMED in device.do(AS_APP)
     first = wait_until(device, "running")
     assert device.do(f"stat -c %U /proc/{first['MainPID']}").strip() == "billing-service"
+    # The version is that of what runs, whatever lies in its place by now.
+    daemon = "/usr/local/libexec/billing-service"
+    version = device.do(f"{daemon} --version; mv {daemon} /usr/local/before; touch {daemon}").split()[1]
+    assert re.search(rf"^version +{version}$", device.do("billingctl status"), re.MULTILINE)
+    device.do(f"mv /usr/local/before {daemon}")
 
     began = time.monotonic()
     device.do(f"kill -KILL {first['MainPID']}")

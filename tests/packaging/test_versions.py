@@ -19,6 +19,7 @@ def test_the_lab_and_the_packages_have_the_version_of_the_build():
 
 
 @pytest.mark.parametrize("tool, libraries", [
+    ([BUILD / "service/billing-service"], []),
     ([BUILD / "client/billingctl"], ["GLib", "libcurl", "OpenSSL", "jsoncpp"]),
     ([BUILD / "platform/linux/provision/billing-provision"], ["GLib", "OpenSSL"]),
     ([sys.executable, TREE / "lab/billing-lab"], ["Python", "OpenSSL", "SQLite", "aiohttp", "cryptography", "h2",

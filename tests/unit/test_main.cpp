@@ -18,7 +18,7 @@
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 
-int service_main();
+int service_main(int count, char** arguments);
 void billing_service_quit();
 void sig_quit(int iSignal);
 extern CDBusManager* g_pDbusMan;
@@ -85,6 +85,14 @@ void __wrap_ecore_main_loop_quit()
 
 namespace {
 
+int RunMain(std::vector<std::string> arguments = {"billing-service"})
+{
+    std::vector<char*> pointers;
+    for (std::string& argument : arguments)
+        pointers.push_back(argument.data());
+    return service_main(static_cast<int>(pointers.size()), pointers.data());
+}
+
 const LinesOf MAIN{"main.cpp"};
 const std::string MAIN_FUNCTION = "service_main";  // as this program compiles it
 
@@ -113,7 +121,7 @@ protected:
 
 TEST_F(TheProcess, StartsInItsOrderRunsTheLoopAndQuits)
 {
-    EXPECT_EQ(service_main(), 0);
+    EXPECT_EQ(RunMain(), 0);
 
     EXPECT_THAT(g_process.steps, ElementsAre("platform_process_start", "chdir /", "construct",
                                              "Initialize", "ecore_init", "InitEcorePipe", "loop",
@@ -123,9 +131,17 @@ TEST_F(TheProcess, StartsInItsOrderRunsTheLoopAndQuits)
     EXPECT_EQ(g_pDbusMan, nullptr);
 }
 
+TEST_F(TheProcess, TellsItsVersionAndDoesNothingElse)
+{
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(RunMain({"billing-service", "--version"}), 0);
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), "billing-service 1.2.3\n");
+    EXPECT_THAT(g_process.steps, IsEmpty());
+}
+
 TEST_F(TheProcess, CreatesFilesWithTheModeItAsksFor)
 {
-    service_main();
+    RunMain();
 
     EXPECT_EQ(umask(022), 0u);
 }
@@ -134,7 +150,7 @@ TEST_F(TheProcess, HandlesSigtermAndNoOtherSignal)
 {
     signal(SIGINT, SIG_DFL);
 
-    service_main();
+    RunMain();
 
     struct sigaction tAction {};
     sigaction(SIGTERM, nullptr, &tAction);
@@ -147,7 +163,7 @@ TEST_F(TheProcess, GoesOnWhenItCannotChangeToTheRoot)
 {
     g_process.iChdirResult = -1;
 
-    EXPECT_EQ(service_main(), 0);
+    EXPECT_EQ(RunMain(), 0);
 
     EXPECT_EQ(LoggedLines().front(),
               MAIN.error(MAIN_FUNCTION, "Failed to change working directory to root"));
@@ -158,7 +174,7 @@ TEST_F(TheProcess, EndsAtOnceWithoutMemoryForTheFrontEnd)
 {
     FailNothrowAllocation(1);
 
-    EXPECT_EQ(service_main(), 0);
+    EXPECT_EQ(RunMain(), 0);
 
     EXPECT_THAT(LoggedLines(),
                 ElementsAre(MAIN.error(MAIN_FUNCTION, " create CDBusManager error!")));
@@ -169,7 +185,7 @@ TEST_F(TheProcess, DoesTheWholeTeardownInTheSignalHandler)
 {
     g_process.loop = [] { raise(SIGTERM); };
 
-    EXPECT_EQ(service_main(), 0);
+    EXPECT_EQ(RunMain(), 0);
 
     EXPECT_THAT(LoggedLines(),
                 ElementsAre(MAIN.info("sig_quit", "received SIGTERM signal 15"), QUIT_BEGIN,
@@ -186,7 +202,7 @@ TEST_F(TheProcess, OnlyLogsAndQuitsAgainOnASecondSigterm)
         raise(SIGTERM);
     };
 
-    EXPECT_EQ(service_main(), 0);
+    EXPECT_EQ(RunMain(), 0);
 
     EXPECT_THAT(g_process.steps, ElementsAre("ecore_main_loop_quit", "ecore_main_loop_quit"));
     EXPECT_THAT(LoggedLines(), ElementsAre(MAIN.info("sig_quit", "received SIGTERM signal 15"),
