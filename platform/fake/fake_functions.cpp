@@ -10,6 +10,7 @@
 #include <platform/system_info.h>
 #include <platform/timezone.h>
 
+#include <algorithm>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
@@ -161,7 +162,7 @@ int sso_get_login_info(sso_login_info_s* info)
     if (!id || id->size() > sizeof info->user_id)
         return -1;
     // 256 bytes fill the field and leave it unterminated, to try the bound of the reader.
-    memcpy(info->user_id, id->data(), id->size());
+    memcpy(info->user_id, id->c_str(), std::min(id->size() + 1, sizeof info->user_id));
     return 0;
 }
 

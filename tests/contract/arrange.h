@@ -25,6 +25,9 @@ void gateway(bool exists);
 void gatewayFails(int code);
 void host(deployment_host_e which, std::optional<std::string> value);
 
+/// The service's credential and its key's number, as an integrator would write them.
+void credential(const std::string& words, const std::string& keyId);
+
 /// A zone two hours east of UTC, one of them for daylight saving, at any time of the year.
 void zoneWithDaylightSaving();
 /// A zone half past five hours east of UTC without it.

@@ -62,6 +62,12 @@ void arrange::host(deployment_host_e which, std::optional<std::string> value)
     g_device->set(which == DEPLOYMENT_HOST_PRODUCTION ? "production_host" : "sandbox_host", value);
 }
 
+void arrange::credential(const std::string& words, const std::string& keyId)
+{
+    g_device->set("credential", words);
+    g_device->set("key_id", keyId);
+}
+
 void arrange::zoneWithDaylightSaving()
 {
     g_device->set("zone", "3600 3600");

@@ -1,5 +1,6 @@
 // arrange_fake.cpp - the contract suite on the scriptable backend.
 #include "arrange.h"
+#include "common/contract.h"
 
 #include <fake_platform.h>
 
@@ -63,6 +64,15 @@ void arrange::gatewayFails(int code)
 void arrange::host(deployment_host_e which, std::optional<std::string> value)
 {
     platform().host(which, std::move(value));
+}
+
+/// The fake takes numbers: what is none has been refused by whoever reads the text.
+void arrange::credential(const std::string& words, const std::string& keyId)
+{
+    std::array<std::uint32_t, 5> read{};
+    const bool known = contract::numbers32(words, read.data(), read.size());
+    platform().credential(known ? std::optional(read) : std::nullopt);
+    platform().keyId(contract::wholeNumber(keyId));
 }
 
 void arrange::zoneWithDaylightSaving()

@@ -79,6 +79,12 @@ void arrange::host(deployment_host_e which, std::optional<std::string> value)
                        std::move(value));
 }
 
+void arrange::credential(const std::string& words, const std::string& keyId)
+{
+    g_device->conf.set("deployment", "credential", words);
+    g_device->conf.set("deployment", "key_id", keyId);
+}
+
 void arrange::zoneWithDaylightSaving()
 {
     // Summer lasts from a hundred days ago to a hundred days ahead.

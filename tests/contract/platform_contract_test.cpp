@@ -1,5 +1,6 @@
 // platform_contract_test.cpp - what the platform's headers promise, tried on a backend.
 #include "arrange.h"
+#include "made_by_new.h"
 
 #include <platform/account.h>
 #include <platform/config.h>
@@ -29,6 +30,7 @@ std::optional<std::string> taken(char* text)
 {
     if (text == nullptr)
         return std::nullopt;
+    EXPECT_FALSE(madeByNew(text)) << "the service frees it with free()";
     const std::string copy = text;
     free(text);
     return copy;
@@ -147,6 +149,9 @@ TEST_F(APlatform, KnowsNoOtherSystemInformation)
 
 class AnAccount : public APlatform {
 protected:
+    /// What a record holds before it is filled in.
+    static constexpr int kFilling = 'x';
+
     static std::optional<std::string> guid()
     {
         char* text = nullptr;
@@ -162,11 +167,16 @@ protected:
     /// The id, or nullopt when the read failed and left the record as it was.
     static std::optional<std::string> loginId()
     {
-        sso_login_info_s info{};
-        if (sso_get_login_info(&info) == 0)
-            return std::string(info.user_id, strnlen(info.user_id, sizeof info.user_id));
-        const sso_login_info_s zero{};
-        EXPECT_EQ(memcmp(&info, &zero, sizeof info), 0);
+        sso_login_info_s info;
+        memset(&info, kFilling, sizeof info);
+        if (sso_get_login_info(&info) == 0) {
+            const std::size_t length = strnlen(info.user_id, sizeof info.user_id);
+            EXPECT_LT(length, sizeof info.user_id) << "the id has no terminator";
+            return std::string(info.user_id, length);
+        }
+        sso_login_info_s filled;
+        memset(&filled, kFilling, sizeof filled);
+        EXPECT_EQ(memcmp(&info, &filled, sizeof info), 0);
         return std::nullopt;
     }
 };
@@ -297,6 +307,36 @@ TEST_F(ADeployment, RefusesAndLogsWhatIsNotABareHost)
         EXPECT_EQ(host(DEPLOYMENT_HOST_PRODUCTION), std::nullopt) << name;
         EXPECT_THAT(arrange::errors(), Contains(HasSubstr("production_host is not a bare host")))
             << name;
+    }
+}
+
+TEST_F(ADeployment, GivesTheCredentialAndTheKeysNumber)
+{
+    const std::uint32_t wanted[5] = {1, 2, 0xffffffff, 0, 4294967295};
+    std::uint32_t words[5] = {};
+    std::int32_t id = 0;
+    arrange::credential("1 2 0xffffffff 0 4294967295", "-7");
+    EXPECT_EQ(deployment_get_credential(words), 0);
+    EXPECT_THAT(words, testing::ElementsAreArray(wanted));
+    EXPECT_EQ(deployment_get_key_id(&id), 0);
+    EXPECT_EQ(id, -7);
+}
+
+TEST_F(ADeployment, TakesNothingElseForACredential)
+{
+    for (const char* const text :
+         {"", "1", "1 2 3 4", "1 2 3 4 5 6", "1 2 3 4 x", "1 2 3 4 5x", "1 2 3 4 -5", "1 2 3 4 +5",
+          "1 2 3 4 4294967296", "1 2 3 4 0x100000000", "1 2 3 4 5.0", "1 2 3 4 0x"}) {
+        std::uint32_t words[5] = {9, 9, 9, 9, 9};
+        arrange::credential(text, "1");
+        EXPECT_NE(deployment_get_credential(words), 0) << text;
+        EXPECT_THAT(words, Each(9u)) << text;
+    }
+    for (const char* const text : {"", "0", "1x", "x", "2147483648", "1 2", "0x1"}) {
+        std::int32_t id = 9;
+        arrange::credential("1 2 3 4 5", text);
+        EXPECT_NE(deployment_get_key_id(&id), 0) << text;
+        EXPECT_EQ(id, 9) << text;
     }
 }
 

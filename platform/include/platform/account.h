@@ -22,7 +22,8 @@ int sso_get_guid(char** out);
 int sso_get_auth_token(char** out);
 
 /// Reads the login information.
-/// @param[in,out] info zero-filled by the caller; its user_id is set on success only; not null
+/// @param[in,out] info zero-filled by the caller, on which nobody should rely; its user_id is set,
+///   terminator included, on success only; not null
 /// @return 0, or another number when nobody is signed in, or the id is longer than 255 bytes or
 ///   holds a control character
 /// Thread: any.
