@@ -1,10 +1,15 @@
 """The Debian packages on a machine that never saw this tree."""
+import hashlib
 import json
+import os
+import re
 import subprocess
 
 import pytest
 
-from machine import run
+from machine import TREE, run
+
+PORTING = dict(re.findall(r"```sh ([a-z]+)\n(.*?)```", (TREE / "docs/PORTING.md").read_text(encoding="utf-8"), re.DOTALL))
 
 # An ordinary user, with a home and nothing else.
 A_USER = "mkdir -p /tmp/home && chown 12346 /tmp/home && cd /tmp/home && " \
@@ -74,6 +79,56 @@ def test_a_tool_tells_its_version_and_those_of_its_libraries(tool, installed):
     assert said[0] == f"{tool} " + installed.do("dpkg-query -W -f'${Version}' " + (
         "billing-service" if tool == "billing-provision" else tool))
     assert len(said) > 2 and any("OpenSSL 3" in line for line in said)
+
+
+def test_a_port_s_library_stays_over_an_upgrade_and_gives_way_again(installed):
+    said = installed.do("cd /tmp && echo mine >libbilling-platform.so.1\n" + PORTING["divert"] + """
+        dpkg --install /packages/billing-service_*.deb >/dev/null
+        cat "$library"
+        readlink "$library.reference"
+    """ + PORTING["undivert"] + """
+        readlink "$library"
+        rm /tmp/libbilling-platform.so.1
+    """)
+    assert said.split() == ["mine", "libbilling-platform.so.1.0.0", "libbilling-platform.so.1.0.0"]
+
+
+def test_the_suite_for_ports_is_whole(packages, tmp_path):
+    run("dpkg", "--extract", next(packages.glob("billing-service-dev_*.deb")), tmp_path)
+    (description,) = tmp_path.rglob("billing-platform.pc")
+    flags = run("pkg-config", f"--define-variable=prefix={tmp_path}/usr", "--cflags", description).split()
+    documents = tmp_path / "usr/share/doc/billing-service-dev"
+    suite = [path for path in (documents / "examples").rglob("*.cpp") if path.parent.name != "example"]
+    assert {path.name for path in suite} == {"log_contract_test.cpp", "made_by_new.cpp", "platform_contract_test.cpp"}
+    for source in suite:
+        run("g++", "-std=c++17", "-fsyntax-only", "-Wall", "-Werror", *flags, source)
+    assert list(documents.glob("PORTING.md*")) and list(documents.rglob("billing-platform.map"))
+
+
+def test_the_list_of_what_is_inside_names_every_package_and_what_it_needs(packages):
+    listed = json.loads((packages / "billing-service.spdx.json").read_text(encoding="utf-8"))
+    described = {entry["packageFileName"]: entry for entry in listed["packages"] if "packageFileName" in entry}
+    assert set(described) == {path.name for path in packages.glob("*.deb")}
+    for name, entry in described.items():
+        digest = hashlib.sha256((packages / name).read_bytes()).hexdigest()
+        assert entry["checksums"] == [{"algorithm": "SHA256", "checksumValue": digest}]
+    ids = {entry["SPDXID"] for entry in listed["packages"]}
+    assert len(ids) == len(listed["packages"])
+    relations = {(one["spdxElementId"], one["relationshipType"], one["relatedSpdxElement"])
+                 for one in listed["relationships"]}
+    assert {end for _, _, end in relations} <= ids
+    assert ("SPDXRef-billing-service", "DEPENDS_ON", "SPDXRef-libssl3") in relations
+    needed = next(entry for entry in listed["packages"] if entry["name"] == "libssl3")
+    assert needed["versionInfo"].startswith("3.")
+
+
+@pytest.mark.skipif(os.environ.get("BILLING_LONG") != "1", reason="builds the packages again; scripts/test --long")
+def test_the_packages_are_the_same_from_another_folder(packages, tmp_path):
+    again = tmp_path / "another" / "place"
+    run(TREE / "scripts" / "package", again, timeout=1800)
+    digests = [{path.name: hashlib.sha256(path.read_bytes()).hexdigest()
+                for path in folder.glob("billing*") if path.suffix in (".deb", ".json")} for folder in (packages, again)]
+    assert digests[0] == digests[1] and len(digests[0]) > 5
 
 
 def test_every_header_can_be_used_alone(packages, tmp_path):
