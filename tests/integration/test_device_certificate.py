@@ -119,6 +119,17 @@ def test_a_certificate_of_another_key_is_seen_at_the_start(needs_view, start_dae
     assert process.texts("E").count("The stored key is invalid!") == 1
 
 
+@pytest.mark.parametrize("missing, answer", [("key_id", FAILED), ("credential", (0, "{}"))])
+def test_without_a_key_number_nothing_signs_and_without_an_identity_the_key_store_decides(
+        needs_view, start_daemon, caller, store, a_device, missing, answer):
+    a_device.set("deployment", missing, None)
+    process = start_daemon()
+    process.wait_for_name(caller)
+    assert caller.call("check_server_availability") == answer
+    assert {request.client for request in store.requests} == ({DEVICE} if answer[0] == 0 else set())
+    assert "use_clientcert  Error!" not in process.texts()
+
+
 def below(device):
     """Has the device's certificate signed by an authority below the one that the store knows.
 
