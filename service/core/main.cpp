@@ -16,7 +16,7 @@
 namespace {
 
 // Found in the file of a process that runs as well, which is not asked (billingctl status).
-[[gnu::used]] const char kVersion[] = "billing-service-version=" BILLING_VERSION;
+[[gnu::used]] const char VERSION_TEXT[] = "billing-service-version=" BILLING_VERSION;
 
 bool isAskedForVersion(int count, char** arguments)
 {
@@ -52,7 +52,7 @@ void sig_quit(int iSignal)
 int main(int count, char** arguments)
 {
     if (isAskedForVersion(count, arguments)) {
-        std::printf("billing-service %s\n", std::strchr(kVersion, '=') + 1);
+        std::printf("billing-service %s\n", std::strchr(VERSION_TEXT, '=') + 1);
         return 0;
     }
     platform_process_start();

@@ -49,8 +49,10 @@ std::string installedName()
 {
     constexpr std::size_t kNameLimit = 64;
     try {
-        const std::string name = commonNameOf(readCertificate(places::kDeviceCertificate).get());
-        return name.size() <= kNameLimit && !contract::holdsControl(name) ? name : "";
+        std::string name = commonNameOf(readCertificate(places::kDeviceCertificate).get());
+        if (name.size() > kNameLimit || contract::holdsControl(name))
+            name.clear();
+        return name;
     } catch (const Stop&) {
         return "";
     }
@@ -59,7 +61,7 @@ std::string installedName()
 /// A name that no other device asks for, and that stays when the device gets another key.
 std::string nameFor(const rawrsa::PublicKey& key)
 {
-    if (const std::string name = installedName(); !name.empty())
+    if (std::string name = installedName(); !name.empty())
         return name;
     constexpr std::size_t kShownBytes = 8;
     const std::string info = rawrsa::publicKeyInfo(key);
