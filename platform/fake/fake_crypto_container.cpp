@@ -27,7 +27,7 @@ int noted(const char* function)
 {
     int failure = 0;
     fake::change([&](fake::State& s) {
-        s.calls.emplace_back(function);
+        s.happened(fake::Event::CALL, function);
         failure = s.secure.failureOf(function);
     });
     return failure;

@@ -24,7 +24,7 @@ fake::Answers answersTo(const std::string& call)
 {
     fake::State& s = fake::state();
     const std::lock_guard<std::mutex> hold(s.lock);
-    s.calls.push_back(call);
+    s.happened(fake::Event::CALL, call);
     return s.answers;
 }
 
@@ -89,7 +89,7 @@ int __dlog_print(log_priority prio, const char* tag, const char* format, ...)
     std::function<void(const fake::LogRecord&)> observer;
     {
         const std::lock_guard<std::mutex> hold(s.lock);
-        s.log.push_back(record);
+        s.timeline.push_back({fake::Event::LOG, record, {}});
         observer = s.observer;
     }
     // Without the lock: the observer may ask the platform, or log.

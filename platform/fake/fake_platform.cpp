@@ -4,6 +4,8 @@
 #include "common/contract.h"
 #include "fake_state.h"
 
+#include <algorithm>
+
 namespace fake {
 
 namespace {
@@ -29,6 +31,13 @@ Answers workingDevice()
     return answers;
 }
 
+void forget(std::vector<Event>& timeline, Event::Kind kind)
+{
+    timeline.erase(std::remove_if(timeline.begin(), timeline.end(),
+                                  [kind](const Event& event) { return event.kind == kind; }),
+                   timeline.end());
+}
+
 }  // namespace
 
 State& state()
@@ -51,9 +60,8 @@ void Platform::reset()
 {
     change([](State& s) {
         s.answers = workingDevice();
-        s.log.clear();
+        s.timeline.clear();
         s.showsPrivate = true;
-        s.calls.clear();
         s.observer = nullptr;
         s.secure.reset();
     });
@@ -132,27 +140,52 @@ void Platform::onLog(std::function<void(const LogRecord&)> observer)
     change([&](State& s) { s.observer = std::move(observer); });
 }
 
-std::vector<LogRecord> Platform::log() const
+std::vector<Event> Platform::timeline() const
 {
     const std::lock_guard<std::mutex> hold(state().lock);
-    return state().log;
+    return state().timeline;
+}
+
+void Platform::clearTimeline()
+{
+    change([](State& s) {
+        s.timeline.clear();
+        s.secure.calls.clear();
+    });
+}
+
+void Platform::note(std::string what)
+{
+    change([&](State& s) { s.happened(Event::NOTE, std::move(what)); });
+}
+
+std::vector<LogRecord> Platform::log() const
+{
+    std::vector<LogRecord> records;
+    for (Event& event : timeline())
+        if (event.kind == Event::LOG)
+            records.push_back(std::move(event.record));
+    return records;
 }
 
 void Platform::clearLog()
 {
-    change([](State& s) { s.log.clear(); });
+    change([](State& s) { forget(s.timeline, Event::LOG); });
 }
 
 std::vector<std::string> Platform::calls() const
 {
-    const std::lock_guard<std::mutex> hold(state().lock);
-    return state().calls;
+    std::vector<std::string> names;
+    for (Event& event : timeline())
+        if (event.kind == Event::CALL)
+            names.push_back(std::move(event.text));
+    return names;
 }
 
 void Platform::clearCalls()
 {
     change([](State& s) {
-        s.calls.clear();
+        forget(s.timeline, Event::CALL);
         s.secure.calls.clear();
     });
 }

@@ -31,6 +31,14 @@ struct LogRecord {
 };
 std::ostream& operator<<(std::ostream& out, const LogRecord& record);
 
+/// One thing that happened: a log record, a call of the platform, or what a test's double noted.
+struct Event {
+    enum Kind { LOG, CALL, NOTE };
+    Kind kind = NOTE;
+    LogRecord record;  ///< of a log record
+    std::string text;  ///< of a call or a note
+};
+
 /// The arguments of one call of secure storage or key store, as far as the function has them.
 struct SecureCall {
     std::string function;
@@ -126,6 +134,13 @@ public:
 
     /// Called with each record as it is logged, on the thread that logs. Null for none.
     void onLog(std::function<void(const LogRecord&)> observer);
+
+    /// Everything that happened, in one order over all threads; clearTimeline() empties it, log()
+    /// and calls() with it.
+    std::vector<Event> timeline() const;
+    void clearTimeline();
+    /// A test's double puts what it was asked into the timeline.
+    void note(std::string what);
 
     std::vector<LogRecord> log() const;
     void clearLog();

@@ -24,7 +24,8 @@ struct Call {
           secure(fake::state().secure),
           failure(secure.failureOf(arguments.function))
     {
-        fake::state().calls.push_back(arguments.function + (key.empty() ? "" : " " + key));
+        fake::state().happened(fake::Event::CALL,
+                               arguments.function + (key.empty() ? "" : " " + key));
         secure.calls.push_back(std::move(arguments));
     }
 };

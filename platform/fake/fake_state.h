@@ -30,11 +30,16 @@ struct Answers {
 struct State {
     std::mutex lock;
     Answers answers;
-    std::vector<LogRecord> log;
+    std::vector<Event> timeline;
     bool showsPrivate = true;
-    std::vector<std::string> calls;
     std::function<void(const LogRecord&)> observer;
     Secure secure;
+
+    /// Puts a call or a note into the timeline.
+    void happened(Event::Kind kind, std::string what)
+    {
+        timeline.push_back({kind, {}, std::move(what)});
+    }
 };
 
 /// Made at the first use and never destroyed: threads may still log while the process ends.

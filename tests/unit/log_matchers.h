@@ -1,5 +1,5 @@
 // log_matchers.h - what the tests say about log records: priority, colour, file, function and text
-// at once.
+// at once; and about the one timeline of records, platform calls and what doubles were asked.
 #pragma once
 
 #include "fake_platform.h"
@@ -27,6 +27,9 @@ inline bool operator==(const Line& a, const Line& b)
 
 inline std::ostream& operator<<(std::ostream& out, const Line& line)
 {
+    if (line.strFile.empty()) {
+        return out << "{" << line.strFunction << ": " << line.strText << "}";
+    }
     return out << "{" << line.ePriority << " " << line.strFile << " " << line.strFunction << " "
                << ::testing::PrintToString(line.strText) << "}";
 }
@@ -75,15 +78,68 @@ struct LinesOf {
     }
 };
 
+/// The platform was asked, in the timeline: the function's name and, where it has one, its key.
+inline Line Asked(const std::string& strCall)
+{
+    return {log_priority(0), "", "platform", strCall};
+}
+
+/// A double was asked, or a test made a step, in the timeline.
+inline Line Did(const std::string& strWhat)
+{
+    return {log_priority(0), "", "double", strWhat};
+}
+
+/// A double says what it was asked.
+inline void Note(const std::string& strWhat)
+{
+    fake::platform().note(strWhat);
+}
+
+using Steps = std::vector<Line>;
+
+/// Steps in a list that a macro takes as one argument.
+template <typename... One>
+Steps These(One... one)
+{
+    return {one...};
+}
+
+inline Steps operator+(Steps first, const Steps& then)
+{
+    first.insert(first.end(), then.begin(), then.end());
+    return first;
+}
+
+inline Line LineOf(const fake::LogRecord& record)
+{
+    EXPECT_EQ(record.strTag, "BILLING_SERVICE");
+    EXPECT_GT(record.iLine, 0) << record;
+    return {record.ePriority, record.strFile, record.strFunction, record.strText};
+}
+
+/// Everything that happened so far, in one order: log records, calls of the platform and notes of
+/// the doubles.
+inline Steps Timeline()
+{
+    Steps lines;
+    for (const fake::Event& event : fake::platform().timeline()) {
+        if (event.kind == fake::Event::LOG) {
+            lines.push_back(LineOf(event.record));
+        } else {
+            lines.push_back(event.kind == fake::Event::CALL ? Asked(event.text) : Did(event.text));
+        }
+    }
+    return lines;
+}
+
 /// The lines logged so far. Every record has the service's tag and a line number, or the test
 /// fails.
 inline std::vector<Line> LoggedLines()
 {
     std::vector<Line> lines;
     for (const fake::LogRecord& record : fake::platform().log()) {
-        EXPECT_EQ(record.strTag, "BILLING_SERVICE");
-        EXPECT_GT(record.iLine, 0) << record;
-        lines.push_back({record.ePriority, record.strFile, record.strFunction, record.strText});
+        lines.push_back(LineOf(record));
     }
     return lines;
 }

@@ -5,7 +5,6 @@
 #include "log_matchers.h"
 
 #include <Ecore.h>
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -15,9 +14,6 @@
 #include <string>
 #include <vector>
 
-using ::testing::ElementsAre;
-using ::testing::IsEmpty;
-
 int service_main(int count, char** arguments);
 void billing_service_quit();
 void sig_quit(int iSignal);
@@ -26,60 +22,70 @@ extern CDBusManager* g_pDbusMan;
 namespace {
 
 struct Process {
-    std::vector<std::string> steps;
     int iChdirResult = 0;
+    bool bFrontEndWorks = true;
     std::function<void()> loop;
 };
 Process g_process;
-
-int Step(const std::string& strStep, int iResult)
-{
-    g_process.steps.push_back(strStep);
-    return iResult;
-}
 
 }  // namespace
 
 CDBusManager::CDBusManager()
 {
-    Step("construct", 0);
+    Note("construct");
 }
 CDBusManager::~CDBusManager()
 {
-    Step("destruct", 0);
+    Note(g_pDbusMan == this ? "destruct" : "destruct after the pointer was cleared");
 }
 bool CDBusManager::Initialize()
 {
-    return Step("Initialize", 0) != 0;
+    Note("Initialize");
+    return g_process.bFrontEndWorks;
 }
 bool CDBusManager::InitEcorePipe()
 {
-    return Step("InitEcorePipe", 0) != 0;
+    Note("InitEcorePipe");
+    return g_process.bFrontEndWorks;
 }
 
 extern "C" {
 void __wrap_platform_process_start()
 {
-    Step("platform_process_start", 0);
+    Note("platform_process_start");
+}
+sighandler_t __real_signal(int number, sighandler_t handler);
+sighandler_t __wrap_signal(int number, sighandler_t handler)
+{
+    Note("signal " + std::to_string(number) + (handler == sig_quit ? " sig_quit" : ""));
+    return __real_signal(number, handler);
+}
+mode_t __real_umask(mode_t mask);
+mode_t __wrap_umask(mode_t mask)
+{
+    Note("umask " + std::to_string(mask));
+    return __real_umask(mask);
 }
 int __wrap_chdir(const char* path)
 {
-    return Step(std::string("chdir ") + path, g_process.iChdirResult);
+    Note(std::string("chdir ") + path);
+    return g_process.iChdirResult;
 }
 int __wrap_ecore_init()
 {
-    return Step("ecore_init", 0);
+    Note("ecore_init");
+    return g_process.bFrontEndWorks ? 1 : 0;
 }
 void __wrap_ecore_main_loop_begin()
 {
-    Step("loop", 0);
+    Note("loop");
     if (g_process.loop) {
         g_process.loop();
     }
 }
 void __wrap_ecore_main_loop_quit()
 {
-    Step("ecore_main_loop_quit", 0);
+    Note(g_pDbusMan == nullptr ? "ecore_main_loop_quit" : "quit before the front end is gone");
 }
 }
 
@@ -96,18 +102,29 @@ int RunMain(std::vector<std::string> arguments = {"billing-service"})
 const LinesOf MAIN{"main.cpp"};
 const std::string MAIN_FUNCTION = "service_main";  // as this program compiles it
 
-const Line QUIT_BEGIN = MAIN.warning("billing_service_quit", "billing service will be quit");
-const Line DELETE_BEGIN = MAIN.warning("billing_service_quit", "start delete g_pDbusMan");
-const Line DELETE_END = MAIN.warning("billing_service_quit", " delete g_pDbusMan end");
-const Line QUIT_END = MAIN.warning("billing_service_quit", " quit ecore_main_loop end");
+const Steps PREPARED{Did("platform_process_start"), Did("signal 15 sig_quit"), Did("umask 0"),
+                     Did("chdir /")};
+const Steps STARTED{Did("construct"), Did("Initialize"), Did("ecore_init"), Did("InitEcorePipe"),
+                    Did("loop")};
+const Line RECEIVED = MAIN.info("sig_quit", "received SIGTERM signal 15");
+const Steps TORN_DOWN{MAIN.warning("billing_service_quit", "billing service will be quit"),
+                      MAIN.warning("billing_service_quit", "start delete g_pDbusMan"),
+                      Did("destruct"),
+                      MAIN.warning("billing_service_quit", " delete g_pDbusMan end"),
+                      Did("ecore_main_loop_quit"),
+                      MAIN.warning("billing_service_quit", " quit ecore_main_loop end")};
+const Steps QUIT_AGAIN{MAIN.warning("billing_service_quit", "billing service will be quit"),
+                       Did("ecore_main_loop_quit"),
+                       MAIN.warning("billing_service_quit", " quit ecore_main_loop end")};
+const Steps ENDED{MAIN.info(MAIN_FUNCTION, "--billing service quit!--")};
 
 class TheProcess : public ::testing::Test {
 protected:
     void SetUp() override
     {
-        fake::platform().reset();
         g_process = Process();
         m_oldMask = umask(022);
+        fake::platform().reset();
     }
     void TearDown() override
     {
@@ -123,11 +140,7 @@ TEST_F(TheProcess, StartsInItsOrderRunsTheLoopAndQuits)
 {
     EXPECT_EQ(RunMain(), 0);
 
-    EXPECT_THAT(g_process.steps, ElementsAre("platform_process_start", "chdir /", "construct",
-                                             "Initialize", "ecore_init", "InitEcorePipe", "loop",
-                                             "destruct", "ecore_main_loop_quit"));
-    EXPECT_THAT(LoggedLines(), ElementsAre(QUIT_BEGIN, DELETE_BEGIN, DELETE_END, QUIT_END,
-                                           MAIN.info(MAIN_FUNCTION, "--billing service quit!--")));
+    EXPECT_EQ(Timeline(), PREPARED + STARTED + TORN_DOWN + ENDED);
     EXPECT_EQ(g_pDbusMan, nullptr);
 }
 
@@ -136,7 +149,16 @@ TEST_F(TheProcess, TellsItsVersionAndDoesNothingElse)
     testing::internal::CaptureStdout();
     EXPECT_EQ(RunMain({"billing-service", "--version"}), 0);
     EXPECT_EQ(testing::internal::GetCapturedStdout(), "billing-service 1.2.3\n");
-    EXPECT_THAT(g_process.steps, IsEmpty());
+    EXPECT_EQ(Timeline(), Steps{});
+}
+
+TEST_F(TheProcess, GoesOnWhateverTheFrontEndAndEcoreAnswer)
+{
+    g_process.bFrontEndWorks = false;
+
+    EXPECT_EQ(RunMain(), 0);
+
+    EXPECT_EQ(Timeline(), PREPARED + STARTED + TORN_DOWN + ENDED);
 }
 
 TEST_F(TheProcess, CreatesFilesWithTheModeItAsksFor)
@@ -161,13 +183,15 @@ TEST_F(TheProcess, HandlesSigtermAndNoOtherSignal)
 
 TEST_F(TheProcess, GoesOnWhenItCannotChangeToTheRoot)
 {
-    g_process.iChdirResult = -1;
+    for (const int iResult : {-1, 1}) {
+        fake::platform().clearTimeline();
+        g_process.iChdirResult = iResult;
 
-    EXPECT_EQ(RunMain(), 0);
+        EXPECT_EQ(RunMain(), 0);
 
-    EXPECT_EQ(LoggedLines().front(),
-              MAIN.error(MAIN_FUNCTION, "Failed to change working directory to root"));
-    EXPECT_EQ(g_process.steps.back(), "ecore_main_loop_quit");
+        const Steps told{MAIN.error(MAIN_FUNCTION, "Failed to change working directory to root")};
+        EXPECT_EQ(Timeline(), PREPARED + told + STARTED + TORN_DOWN + ENDED);
+    }
 }
 
 TEST_F(TheProcess, EndsAtOnceWithoutMemoryForTheFrontEnd)
@@ -176,9 +200,8 @@ TEST_F(TheProcess, EndsAtOnceWithoutMemoryForTheFrontEnd)
 
     EXPECT_EQ(RunMain(), 0);
 
-    EXPECT_THAT(LoggedLines(),
-                ElementsAre(MAIN.error(MAIN_FUNCTION, " create CDBusManager error!")));
-    EXPECT_THAT(g_process.steps, ElementsAre("platform_process_start", "chdir /"));
+    EXPECT_EQ(Timeline(),
+              PREPARED + Steps{MAIN.error(MAIN_FUNCTION, " create CDBusManager error!")});
 }
 
 TEST_F(TheProcess, DoesTheWholeTeardownInTheSignalHandler)
@@ -187,35 +210,34 @@ TEST_F(TheProcess, DoesTheWholeTeardownInTheSignalHandler)
 
     EXPECT_EQ(RunMain(), 0);
 
-    EXPECT_THAT(LoggedLines(),
-                ElementsAre(MAIN.info("sig_quit", "received SIGTERM signal 15"), QUIT_BEGIN,
-                            DELETE_BEGIN, DELETE_END, QUIT_END, QUIT_BEGIN, QUIT_END,
-                            MAIN.info(MAIN_FUNCTION, "--billing service quit!--")));
+    EXPECT_EQ(Timeline(), PREPARED + STARTED + Steps{RECEIVED} + TORN_DOWN + QUIT_AGAIN + ENDED);
 }
 
 TEST_F(TheProcess, OnlyLogsAndQuitsAgainOnASecondSigterm)
 {
     g_process.loop = [] {
         raise(SIGTERM);
-        g_process.steps.clear();
-        fake::platform().clearLog();
         raise(SIGTERM);
     };
 
     EXPECT_EQ(RunMain(), 0);
 
-    EXPECT_THAT(g_process.steps, ElementsAre("ecore_main_loop_quit", "ecore_main_loop_quit"));
-    EXPECT_THAT(LoggedLines(), ElementsAre(MAIN.info("sig_quit", "received SIGTERM signal 15"),
-                                           QUIT_BEGIN, QUIT_END, QUIT_BEGIN, QUIT_END,
-                                           MAIN.info(MAIN_FUNCTION, "--billing service quit!--")));
+    EXPECT_EQ(Timeline(), PREPARED + STARTED + Steps{RECEIVED} + TORN_DOWN + Steps{RECEIVED} +
+                              QUIT_AGAIN + QUIT_AGAIN + ENDED);
+}
+
+TEST_F(TheProcess, NamesTheSignalThatItGot)
+{
+    sig_quit(7);
+
+    EXPECT_EQ(Timeline(), Steps{MAIN.info("sig_quit", "received SIGTERM signal 7")} + QUIT_AGAIN);
 }
 
 TEST_F(TheProcess, QuitsWithoutAFrontEnd)
 {
     billing_service_quit();
 
-    EXPECT_THAT(g_process.steps, ElementsAre("ecore_main_loop_quit"));
-    EXPECT_THAT(LoggedLines(), ElementsAre(QUIT_BEGIN, QUIT_END));
+    EXPECT_EQ(Timeline(), QUIT_AGAIN);
 }
 
 }  // namespace
