@@ -22,7 +22,7 @@ namespace {
 
 bool Asked(const char* szOperation, const CBillingItem& oItem, void* pUser)
 {
-    Engine().strOperation = szOperation;
+    Note(szOperation);
     Engine().oItem = oItem;
     Engine().pUser = pUser;
     if (Engine().fails) {
@@ -35,22 +35,22 @@ bool Asked(const char* szOperation, const CBillingItem& oItem, void* pUser)
 
 CBillingEngine::~CBillingEngine()
 {
-    Engine().life.emplace_back("destruct");
+    Note("engine destruct");
 }
 bool CBillingEngine::Create()
 {
-    Engine().life.emplace_back("Create");
+    Note("engine Create");
     return false;
 }
 void CBillingEngine::Destroy()
 {
-    Engine().life.emplace_back("Destroy");
+    Note("engine Destroy");
 }
 bool CBillingEngine::RegisterPipeCallback(void (*handler)(void*, void*, unsigned int), void* data)
 {
-    Engine().life.emplace_back(handler == CDBusManager::m_PipeCallback && data != nullptr
-                                   ? "RegisterPipeCallback"
-                                   : "RegisterPipeCallback with another handler");
+    Note(handler == CDBusManager::m_PipeCallback ? "engine RegisterPipeCallback"
+                                                 : "RegisterPipeCallback with another handler");
+    Engine().pPipeData = data;
     return false;
 }
 bool CBillingEngine::GetProducts(CBillingItem oItem, void* pUser)
@@ -77,7 +77,7 @@ bool CBillingEngine::CheckServerAvailability(std::string& strText, void* pUser)
 
 void CBusFilter::Install(GDBusConnection* pConnection)
 {
-    Bus().calls.emplace_back("filter");
+    Note("filter");
     Bus().pFiltered = pConnection;
 }
 
@@ -85,7 +85,14 @@ extern "C" {
 GDBusNodeInfo* __real_g_dbus_node_info_new_for_xml(const gchar* xml, GError** error);
 GDBusNodeInfo* __wrap_g_dbus_node_info_new_for_xml(const gchar* xml, GError** error)
 {
+    Note(error == nullptr ? "parse" : "parse with an error object");
     return Bus().bXmlFails ? nullptr : __real_g_dbus_node_info_new_for_xml(xml, error);
+}
+void __real_g_dbus_node_info_unref(GDBusNodeInfo* node);
+void __wrap_g_dbus_node_info_unref(GDBusNodeInfo* node)
+{
+    Note("unref node");
+    __real_g_dbus_node_info_unref(node);
 }
 guint __wrap_g_bus_own_name(GBusType type, const gchar* name, GBusNameOwnerFlags flags,
                             GBusAcquiredCallback bus, GBusNameAcquiredCallback acquired,
@@ -94,29 +101,32 @@ guint __wrap_g_bus_own_name(GBusType type, const gchar* name, GBusNameOwnerFlags
     const bool bOurs = type == G_BUS_TYPE_SYSTEM && bus == CDBusManager::m_BusAcquired &&
                        acquired == CDBusManager::m_NameAcquired &&
                        lost == CDBusManager::m_NameLost && free == nullptr;
-    Bus().calls.push_back(std::string(bOurs ? "own " : "own otherwise ") + name);
+    Note(std::string(bOurs ? "own " : "own otherwise ") + name);
     Bus().eFlags = flags;
     Bus().pOwnData = data;
     return Bus().uOwnId;
 }
 void __wrap_g_bus_unown_name(guint id)
 {
-    Bus().calls.push_back("unown " + std::to_string(id));
+    Note("unown " + std::to_string(id));
 }
-guint __wrap_g_dbus_connection_register_object(GDBusConnection*, const gchar* path,
+guint __wrap_g_dbus_connection_register_object(GDBusConnection* connection, const gchar* path,
                                                GDBusInterfaceInfo* interface,
                                                const GDBusInterfaceVTable* vtable, gpointer data,
-                                               GDestroyNotify, GError**)
+                                               GDestroyNotify free, GError** error)
 {
-    Bus().calls.push_back(std::string("register ") + path);
-    Bus().strInterface = interface->name;
+    Note(std::string(free == nullptr && error == nullptr ? "register " : "register otherwise ") +
+         path);
+    Bus().pConnection = connection;
+    Bus().ptInterface = interface;
     Bus().ptVTable = vtable;
     Bus().pRegisterData = data;
     return Bus().uRegisterId;
 }
-gboolean __wrap_g_dbus_connection_unregister_object(GDBusConnection*, guint id)
+gboolean __wrap_g_dbus_connection_unregister_object(GDBusConnection* connection, guint id)
 {
-    Bus().calls.push_back("unregister " + std::to_string(id));
+    Note((connection == Bus().pConnection ? "unregister " : "unregister elsewhere ") +
+         std::to_string(id));
     return TRUE;
 }
 const gchar* __wrap_g_dbus_method_invocation_get_sender(GDBusMethodInvocation*)
@@ -130,15 +140,15 @@ void __wrap_g_dbus_method_invocation_return_value(GDBusMethodInvocation* invocat
     const gchar* szInfo = nullptr;
     ASSERT_TRUE(g_variant_is_of_type(value, G_VARIANT_TYPE("(is)")));
     g_variant_get(value, "(i&s)", &iResult, &szInfo);
-    Bus().replies.emplace_back(iResult, szInfo);
-    Bus().answered.push_back(invocation);
+    Note("reply " + std::to_string(iResult) + " " + szInfo);
+    Bus().pAnswered = invocation;
     g_variant_unref(g_variant_ref_sink(value));
 }
 void __wrap_g_dbus_method_invocation_return_dbus_error(GDBusMethodInvocation* invocation,
                                                        const gchar* name, const gchar* text)
 {
-    Bus().errors.push_back(std::string(name) + ": " + text);
-    Bus().answered.push_back(invocation);
+    Note(std::string("error ") + name + ": " + text);
+    Bus().pAnswered = invocation;
 }
 }
 
@@ -152,6 +162,7 @@ void ADBusManager::SetUp()
 
 void ADBusManager::TearDown()
 {
+    fake::platform().onLog(nullptr);
     m_oManager.m_DestoryDbusConnection();
     BillingDeleteInstance<CBillingEngine>();
 }

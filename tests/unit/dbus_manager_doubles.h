@@ -9,8 +9,6 @@
 
 #include <functional>
 #include <string>
-#include <utility>
-#include <vector>
 
 struct DBusManagerProbe {
     static GDBusNodeInfo* node(const CDBusManager& o) { return o.m_pBSBusNode; }
@@ -24,34 +22,31 @@ struct DBusManagerProbe {
     }
 };
 
-/// What GIO was asked for, and what it answers.
+/// What GIO answers, and what it was given. Each call is a note in the timeline.
 struct BusDouble {
     bool bXmlFails = false;
     guint uOwnId = 7;
     guint uRegisterId = 3;
-    std::vector<std::string> calls;
     GBusNameOwnerFlags eFlags = G_BUS_NAME_OWNER_FLAGS_REPLACE;
     gpointer pOwnData = nullptr;
     GDBusConnection* pFiltered = nullptr;
-    std::string strInterface;
+    GDBusConnection* pConnection = nullptr;  ///< of the object
+    GDBusInterfaceInfo* ptInterface = nullptr;
     const GDBusInterfaceVTable* ptVTable = nullptr;
     gpointer pRegisterData = nullptr;
     std::string strSender = ":1.5";
-    std::vector<std::pair<int, std::string>> replies;
-    std::vector<std::string> errors;
-    std::vector<void*> answered;
+    void* pAnswered = nullptr;
 };
 BusDouble& Bus();
 
-/// What the engine was asked for, and what it answers.
+/// What the engine answers, and what it was given. Each call is a note in the timeline.
 struct EngineDouble {
     bool bResult = true;
     std::function<void()> fails;
-    std::string strOperation;
     CBillingItem oItem;
     std::string strText;
     void* pUser = nullptr;
-    std::vector<std::string> life;
+    void* pPipeData = nullptr;
 };
 EngineDouble& Engine();
 

@@ -7,10 +7,7 @@
 
 #include <gmock/gmock.h>
 
-using ::testing::Contains;
 using ::testing::ElementsAre;
-using ::testing::IsEmpty;
-using ::testing::StartsWith;
 
 namespace {
 
@@ -31,11 +28,11 @@ TEST_F(ADBusManager, AsksForItsNameOnTheSystemBusWithoutFlags)
 {
     EXPECT_TRUE(m_oManager.Initialize());
 
-    EXPECT_THAT(Bus().calls, ElementsAre("own org.plevo.billingservice"));
     EXPECT_EQ(Bus().eFlags, G_BUS_NAME_OWNER_FLAGS_NONE);
     EXPECT_EQ(Bus().pOwnData, &m_oManager);
     EXPECT_EQ(DBusManagerProbe::ownId(m_oManager), 7u);
-    EXPECT_THAT(LoggedLines(), ElementsAre(MANAGER.info("Initialize", "m_uBSBusOwnID = 7")));
+    EXPECT_THAT(Timeline(), ElementsAre(Did("parse"), Did("own org.plevo.billingservice"),
+                                        MANAGER.info("Initialize", "m_uBSBusOwnID = 7")));
 }
 
 TEST_F(ADBusManager, RefusesAnInterfaceThatCannotBeParsed)
@@ -44,8 +41,8 @@ TEST_F(ADBusManager, RefusesAnInterfaceThatCannotBeParsed)
 
     EXPECT_FALSE(m_oManager.Initialize());
 
-    EXPECT_THAT(Bus().calls, IsEmpty());
-    EXPECT_THAT(LoggedLines(), ElementsAre(MANAGER.refused("Initialize", "NULL == m_pBSBusNode")));
+    EXPECT_THAT(Timeline(),
+                ElementsAre(Did("parse"), MANAGER.refused("Initialize", "NULL == m_pBSBusNode")));
 }
 
 std::string Arguments(GDBusArgInfo** ppArguments)
@@ -84,32 +81,45 @@ TEST_F(ADBusManager, DescribesItsFiveMethodsExactly)
 TEST_F(ADBusManager, PublishesItsObjectWhenTheBusIsThere)
 {
     ASSERT_TRUE(m_oManager.Initialize());
-    fake::platform().clearLog();
+    fake::platform().clearTimeline();
     auto* pConnection = reinterpret_cast<GDBusConnection*>(&m_invocation);
 
     CDBusManager::m_BusAcquired(pConnection, "name", &m_oManager);
 
-    EXPECT_THAT(Bus().calls,
-                ElementsAre(StartsWith("own "), "filter", "register /org/plevo/billingservice"))
+    EXPECT_THAT(Timeline(),
+                ElementsAre(MANAGER.info("m_BusAcquired", "Bus acquired, creating manager..."),
+                            Did("filter"), Did("register /org/plevo/billingservice"),
+                            MANAGER.info("m_BusAcquired", "m_pBSBusRegisterID = 3\n")))
         << "what guards the connection is there before a call can come";
     EXPECT_EQ(Bus().pFiltered, pConnection);
-    EXPECT_EQ(Bus().strInterface, "org.plevo.billingservice");
+    EXPECT_EQ(Bus().pConnection, pConnection);
+    EXPECT_EQ(Bus().ptInterface, DBusManagerProbe::node(m_oManager)->interfaces[0]);
     EXPECT_EQ(Bus().ptVTable, &DBusManagerProbe::vtable(m_oManager));
     EXPECT_EQ(Bus().pRegisterData, &m_oManager);
     EXPECT_EQ(DBusManagerProbe::connection(m_oManager), pConnection);
-    EXPECT_THAT(LoggedLines(),
-                ElementsAre(MANAGER.info("m_BusAcquired", "Bus acquired, creating manager..."),
-                            MANAGER.info("m_BusAcquired", "m_pBSBusRegisterID = 3\n")));
+    EXPECT_EQ(DBusManagerProbe::registerId(m_oManager), 3u);
 }
 
 TEST_F(ADBusManager, OnlyLogsThatItsObjectCouldNotBePublished)
 {
     ASSERT_TRUE(m_oManager.Initialize());
     Bus().uRegisterId = 0;
+    fake::platform().clearTimeline();
+    auto* pConnection = reinterpret_cast<GDBusConnection*>(&m_invocation);
 
-    CDBusManager::m_BusAcquired(nullptr, "name", &m_oManager);
+    CDBusManager::m_BusAcquired(pConnection, "name", &m_oManager);
 
-    EXPECT_THAT(LoggedLines(), Contains(MANAGER.info("m_BusAcquired", "m_pBSBusRegisterID = 0\n")));
+    EXPECT_THAT(Timeline(),
+                ElementsAre(MANAGER.info("m_BusAcquired", "Bus acquired, creating manager..."),
+                            Did("filter"), Did("register /org/plevo/billingservice"),
+                            MANAGER.info("m_BusAcquired", "m_pBSBusRegisterID = 0\n")));
+    EXPECT_EQ(DBusManagerProbe::connection(m_oManager), pConnection);
+
+    fake::platform().clearTimeline();
+    m_oManager.m_DestoryDbusConnection();
+    for (const Line& line : Timeline()) {
+        EXPECT_EQ(line.strText.find("unregister"), std::string::npos) << line;
+    }
 }
 
 TEST_F(ADBusManager, OnlyLogsWhatBecomesOfItsName)
@@ -119,7 +129,7 @@ TEST_F(ADBusManager, OnlyLogsWhatBecomesOfItsName)
     CDBusManager::m_NameLost(nullptr, nullptr, &m_oManager);
 
     EXPECT_THAT(
-        LoggedLines(),
+        Timeline(),
         ElementsAre(MANAGER.info("m_NameAcquired", "Service name 'a.name' was acquired"),
                     MANAGER.error("m_NameLost", "Could not acquire the 'a.name' service name"),
                     MANAGER.info("m_NameLost",
@@ -131,7 +141,8 @@ TEST_F(ADBusManager, StartsTheEngineBehindItsPipeWhateverTheEngineAnswers)
 {
     EXPECT_TRUE(m_oManager.InitEcorePipe());
 
-    EXPECT_THAT(Engine().life, ElementsAre("RegisterPipeCallback", "Create"));
+    EXPECT_THAT(Timeline(), ElementsAre(Did("engine RegisterPipeCallback"), Did("engine Create")));
+    EXPECT_EQ(Engine().pPipeData, &m_oManager);
     EXPECT_EQ(DBusManagerProbe::engine(m_oManager), CBillingSingleton<CBillingEngine>::m_pObj);
 }
 
@@ -141,7 +152,7 @@ TEST_F(ADBusManager, HasNoPipeWithoutMemoryForTheEngine)
 
     EXPECT_FALSE(m_oManager.InitEcorePipe());
 
-    EXPECT_THAT(Engine().life, IsEmpty());
+    EXPECT_EQ(Timeline(), Steps());
 }
 
 TEST_F(ADBusManager, DestroysTheEngineButKeepsTheBusUntilTheProcessEnds)
@@ -150,14 +161,12 @@ TEST_F(ADBusManager, DestroysTheEngineButKeepsTheBusUntilTheProcessEnds)
     poManager->Initialize();
     GDBusNodeInfo* pNode = DBusManagerProbe::node(*poManager);
     poManager->InitEcorePipe();
-    Bus().calls.clear();
+    fake::platform().clearTimeline();
 
     delete poManager;
 
-    EXPECT_THAT(Engine().life,
-                ElementsAre("RegisterPipeCallback", "Create", "Destroy", "destruct"));
+    EXPECT_THAT(Timeline(), ElementsAre(Did("engine Destroy"), Did("engine destruct")));
     EXPECT_EQ(CBillingSingleton<CBillingEngine>::m_pObj, nullptr);
-    EXPECT_THAT(Bus().calls, IsEmpty());
     g_dbus_node_info_unref(pNode);
 }
 
@@ -165,7 +174,7 @@ TEST_F(ADBusManager, DestroysNothingWithoutAnEngine)
 {
     delete new CDBusManager();
 
-    EXPECT_THAT(Engine().life, IsEmpty());
+    EXPECT_EQ(Timeline(), Steps());
 }
 
 TEST_F(ADBusManager, ReleasesTheBusOnRequestAndOnlyOnce)
@@ -173,8 +182,7 @@ TEST_F(ADBusManager, ReleasesTheBusOnRequestAndOnlyOnce)
     m_oManager.Initialize();
     CDBusManager::m_BusAcquired(reinterpret_cast<GDBusConnection*>(&m_invocation), "name",
                                 &m_oManager);
-    Bus().calls.clear();
-    fake::platform().clearLog();
+    fake::platform().clearTimeline();
     const std::string strName = "m_DestoryDbusConnection";
     const Line tStart = MANAGER.info(strName, "Destory Dbus Connection Start...");
     const Line tEnd = MANAGER.info(strName, "Destory Dbus Connection End!");
@@ -182,25 +190,26 @@ TEST_F(ADBusManager, ReleasesTheBusOnRequestAndOnlyOnce)
     m_oManager.m_DestoryDbusConnection();
     m_oManager.m_DestoryDbusConnection();
 
-    EXPECT_THAT(Bus().calls, ElementsAre("unown 7", "unregister 3"));
-    EXPECT_THAT(LoggedLines(),
-                ElementsAre(tStart, MANAGER.info(strName, "unown_name m_uOwnID"),
-                            MANAGER.info(strName, "node_info_unref m_pBLNode"),
-                            MANAGER.info(strName, "connection_unregister m_pBLConnection"), tEnd,
-                            tStart, tEnd));
+    EXPECT_THAT(Timeline(),
+                ElementsAre(tStart, MANAGER.info(strName, "unown_name m_uOwnID"), Did("unown 7"),
+                            MANAGER.info(strName, "node_info_unref m_pBLNode"), Did("unref node"),
+                            MANAGER.info(strName, "connection_unregister m_pBLConnection"),
+                            Did("unregister 3"), tEnd, tStart, tEnd));
     EXPECT_EQ(DBusManagerProbe::node(m_oManager), nullptr);
+    EXPECT_EQ(DBusManagerProbe::ownId(m_oManager), 0u);
+    EXPECT_EQ(DBusManagerProbe::registerId(m_oManager), 0u);
 }
 
 TEST_F(ADBusManager, ReleasesNothingWhenInitializeFailed)
 {
     Bus().bXmlFails = true;
     m_oManager.Initialize();
-    fake::platform().clearLog();
+    fake::platform().clearTimeline();
 
     m_oManager.m_DestoryDbusConnection();
 
     EXPECT_THAT(
-        LoggedLines(),
+        Timeline(),
         ElementsAre(MANAGER.info("m_DestoryDbusConnection", "Destory Dbus Connection Start..."),
                     MANAGER.info("m_DestoryDbusConnection", "Destory Dbus Connection End!")));
 }

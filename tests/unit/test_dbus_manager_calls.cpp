@@ -3,6 +3,7 @@
 #include "BillingLog.h"
 #include "allocation_switch.h"
 #include "dbus_manager_doubles.h"
+#include "item_members.h"
 
 #include <gmock/gmock.h>
 
@@ -10,93 +11,98 @@
 #include <new>
 #include <stdexcept>
 
-using ::testing::Contains;
 using ::testing::ElementsAre;
-using ::testing::IsEmpty;
 
 namespace {
 
 // --- calls ---
 
-TEST_F(ADBusManager, HandsAProductListOver)
-{
-    call("get_product_list", "('app', 'type', 'check')");
+const std::string CALL = "m_HandleMethodCall";
 
-    EXPECT_EQ(Engine().strOperation, "GetProducts");
-    EXPECT_EQ(Engine().pUser, invocation());
-    EXPECT_EQ(Engine().oItem.strAppId, "app");
-    EXPECT_EQ(Engine().oItem.strServerType, "type");
-    EXPECT_EQ(Engine().oItem.strCheckValue, "check");
-    EXPECT_EQ(Engine().oItem.strCustomId, "");
-    EXPECT_THAT(
-        LoggedLines(),
-        ElementsAre(
-            MANAGER.plainInfo("m_HandleMethodCall", "method name = get_product_list\n"),
-            MANAGER.plainInfo("m_HandleMethodCall", "parameters = ('app', 'type', 'check')\n"),
-            MANAGER.info("m_HandleMethodCall", "handle get_product_list"),
-            MANAGER.info("m_HandleMethodCall", "GetProducts return 1")));
+// What every call begins with, up to the line of its method.
+Steps Taken(const std::string& strMethod, const std::string& strParameters)
+{
+    return {MANAGER.plainInfo(CALL, "method name = " + strMethod + "\n"),
+            MANAGER.plainInfo(CALL, "parameters = " + strParameters + "\n")};
 }
 
-TEST_F(ADBusManager, HandsAnAppliedTimeOver)
-{
-    call("get_applied_time", "('app', 'custom', 'invoice', 'type')");
+struct Handed {
+    const char* szMethod;
+    const char* szParameters;
+    const char* szOperation;
+    const char* szReturns;
+    std::map<std::size_t, std::string> filled;
+};
 
-    EXPECT_EQ(Engine().strOperation, "GetAppliedTime");
-    EXPECT_EQ(Engine().oItem.strAppId, "app");
-    EXPECT_EQ(Engine().oItem.strCustomId, "custom");
-    EXPECT_EQ(Engine().oItem.strInvoiceId, "invoice");
-    EXPECT_EQ(Engine().oItem.strServerType, "type");
-    EXPECT_THAT(LoggedLines(),
-                Contains(MANAGER.info("m_HandleMethodCall", "handle get_applied_time")));
-    EXPECT_THAT(LoggedLines(),
-                Contains(MANAGER.info("m_HandleMethodCall", "GetAppliedTime return 1")));
+std::ostream& operator<<(std::ostream& out, const Handed& handed)
+{
+    return out << handed.szMethod;
 }
 
-TEST_F(ADBusManager, HandsAPurchaseHistoryOverWithAllSixArguments)
-{
-    call("get_purchase_history", "('app', 'custom', 'item', 'page', 'check', 'type')");
+class EveryCall : public ADBusManager, public ::testing::WithParamInterface<Handed> {};
 
-    EXPECT_EQ(Engine().strOperation, "PurchaseHistory");
-    EXPECT_EQ(Engine().oItem.strAppId, "app");
-    EXPECT_EQ(Engine().oItem.strCustomId, "custom");
-    EXPECT_EQ(Engine().oItem.strItemType, "item");
-    EXPECT_EQ(Engine().oItem.strPageNumber, "page");
-    EXPECT_EQ(Engine().oItem.strCheckValue, "check");
-    EXPECT_EQ(Engine().oItem.strServerType, "type");
-    EXPECT_THAT(LoggedLines(),
-                Contains(MANAGER.info("m_HandleMethodCall", "handle get_purchase_history")));
-    EXPECT_THAT(LoggedLines(),
-                Contains(MANAGER.info("m_HandleMethodCall", "PurchaseHistory return 1")));
+INSTANTIATE_TEST_SUITE_P(
+    Calls, EveryCall,
+    ::testing::Values(
+        Handed{"get_product_list",
+               "('app', 'type', 'check')",
+               "GetProducts",
+               "GetProducts return %",
+               {{10, "app"}, {11, "type"}, {12, "check"}}},
+        Handed{"get_applied_time",
+               "('app', 'custom', 'invoice', 'type')",
+               "GetAppliedTime",
+               "GetAppliedTime return %",
+               {{6, "custom"}, {10, "app"}, {11, "type"}, {18, "invoice"}}},
+        Handed{
+            "get_purchase_history",
+            "('app', 'custom', 'item', 'page', 'check', 'type')",
+            "PurchaseHistory",
+            "PurchaseHistory return %",
+            {{6, "custom"}, {10, "app"}, {11, "type"}, {12, "check"}, {13, "item"}, {14, "page"}}},
+        Handed{"confirm_purchase",
+               "('app', 'custom', 'invoice', 'type')",
+               "ConfirmPurchase",
+               "ConfirmPurchase return %",
+               {{6, "custom"}, {10, "app"}, {11, "type"}, {18, "invoice"}}},
+        Handed{"check_server_availability",
+               "()",
+               "CheckServerAvailability",
+               "check_server_availability return %,",
+               {}}),
+    [](const auto& handed) { return std::string(handed.param.szMethod); });
+
+// Refusals are answered through the pipe, so they count.
+TEST_P(EveryCall, IsHandedOverWithItsArgumentsAndCountedWhateverTheEngineAnswers)
+{
+    for (const bool bResult : {true, false}) {
+        Engine() = EngineDouble();
+        Engine().bResult = bResult;
+        fake::platform().clearTimeline();
+        g_iPendingCallCount = 5;
+        fake::platform().onLog([](const fake::LogRecord&) {
+            EXPECT_EQ(g_iPendingCallCount, 5u) << "the count comes after the last line";
+        });
+        std::string strReturns = GetParam().szReturns;
+        strReturns.replace(strReturns.find('%'), 1, bResult ? "1" : "0");
+
+        call(GetParam().szMethod, GetParam().szParameters);
+
+        EXPECT_EQ(Timeline(),
+                  Taken(GetParam().szMethod, GetParam().szParameters) +
+                      These(MANAGER.info(CALL, std::string("handle ") + GetParam().szMethod),
+                            Did(GetParam().szOperation), MANAGER.info(CALL, strReturns)));
+        EXPECT_EQ(FilledMembers(Engine().oItem), GetParam().filled);
+        EXPECT_EQ(Engine().pUser, invocation());
+        EXPECT_EQ(CDBusManager::GetDbusProcessListNum(), 6u);
+    }
 }
 
-TEST_F(ADBusManager, HandsAConfirmationOverAndLogsARefusal)
-{
-    Engine().bResult = false;
-
-    call("confirm_purchase", "('app', 'custom', 'invoice', 'type')");
-
-    EXPECT_EQ(Engine().strOperation, "ConfirmPurchase");
-    EXPECT_EQ(Engine().oItem.strAppId, "app");
-    EXPECT_EQ(Engine().oItem.strCustomId, "custom");
-    EXPECT_EQ(Engine().oItem.strInvoiceId, "invoice");
-    EXPECT_EQ(Engine().oItem.strServerType, "type");
-    EXPECT_THAT(LoggedLines(),
-                Contains(MANAGER.info("m_HandleMethodCall", "handle confirm_purchase")));
-    EXPECT_THAT(LoggedLines(),
-                Contains(MANAGER.info("m_HandleMethodCall", "ConfirmPurchase return 0")));
-    EXPECT_EQ(CDBusManager::GetDbusProcessListNum(), 1u) << "a refusal is answered, so it counts";
-}
-
-TEST_F(ADBusManager, HandsAnAvailabilityCheckOverWithAnEmptyText)
+TEST_F(ADBusManager, AsksForTheAvailabilityWithAnEmptyText)
 {
     call("check_server_availability", "()");
 
-    EXPECT_EQ(Engine().strOperation, "CheckServerAvailability");
     EXPECT_EQ(Engine().strText, "[]");
-    EXPECT_THAT(LoggedLines(),
-                Contains(MANAGER.info("m_HandleMethodCall", "handle check_server_availability")));
-    EXPECT_THAT(LoggedLines(), Contains(MANAGER.info("m_HandleMethodCall",
-                                                     "check_server_availability return 1,")));
 }
 
 TEST_F(ADBusManager, PrintsParametersWithTypeAnnotations)
@@ -106,8 +112,7 @@ TEST_F(ADBusManager, PrintsParametersWithTypeAnnotations)
                                      invocation(), m_pManager);
     g_variant_unref(pParameters);
 
-    EXPECT_THAT(LoggedLines(),
-                Contains(MANAGER.plainInfo("m_HandleMethodCall", "parameters = (uint32 5,)\n")));
+    EXPECT_EQ(Timeline(), Taken("other", "(uint32 5,)"));
 }
 
 TEST_F(ADBusManager, PrintsNoParametersForALogThatHidesThem)
@@ -131,12 +136,14 @@ TEST_F(ADBusManager, PrintsNoParametersForALogThatHidesThem)
 
 TEST_F(ADBusManager, IgnoresAnUnknownMethod)
 {
-    call("get_everything", "('app',)");
+    for (const char* szMethod : {"get_everything", "get_product_lis", "get_product_list2", ""}) {
+        fake::platform().clearTimeline();
 
-    EXPECT_EQ(Engine().strOperation, "");
-    EXPECT_EQ(CDBusManager::GetDbusProcessListNum(), 0u);
-    EXPECT_THAT(Bus().replies, IsEmpty());
-    EXPECT_EQ(LoggedLines().size(), 2u) << "name and parameters, nothing else";
+        call(szMethod, "('app',)");
+
+        EXPECT_EQ(Timeline(), Taken(szMethod, "('app',)")) << "and nothing else";
+        EXPECT_EQ(CDBusManager::GetDbusProcessListNum(), 0u);
+    }
 }
 
 TEST_F(ADBusManager, LeavesACallWithoutManagerUnanswered)
@@ -145,11 +152,9 @@ TEST_F(ADBusManager, LeavesACallWithoutManagerUnanswered)
 
     call("get_product_list", "('app', 'type', 'check')");
 
-    EXPECT_EQ(Engine().strOperation, "");
+    EXPECT_EQ(Timeline(), Taken("get_product_list", "('app', 'type', 'check')") +
+                              These(MANAGER.plainError(CALL, "DBusManager instance is NULL")));
     EXPECT_EQ(CDBusManager::GetDbusProcessListNum(), 0u);
-    EXPECT_THAT(Bus().replies, IsEmpty());
-    EXPECT_EQ(LoggedLines().back(),
-              MANAGER.plainError("m_HandleMethodCall", "DBusManager instance is NULL"));
 }
 
 TEST_F(ADBusManager, LeavesACallWithoutEngineUnanswered)
@@ -158,10 +163,10 @@ TEST_F(ADBusManager, LeavesACallWithoutEngineUnanswered)
 
     call("get_product_list", "('app', 'type', 'check')");
 
-    EXPECT_EQ(Engine().strOperation, "");
+    EXPECT_EQ(Timeline(), Taken("get_product_list", "('app', 'type', 'check')") +
+                              These(MANAGER.info(CALL, "handle get_product_list"),
+                                    MANAGER.refused(CALL, "NULL == poBLEngine")));
     EXPECT_EQ(CDBusManager::GetDbusProcessListNum(), 0u);
-    EXPECT_THAT(Bus().replies, IsEmpty());
-    EXPECT_EQ(LoggedLines().back(), MANAGER.refused("m_HandleMethodCall", "NULL == poBLEngine"));
 }
 
 TEST_F(ADBusManager, CountsFrom65279BackToOne)
@@ -181,42 +186,64 @@ TEST_F(ADBusManager, AnswersACallWithAnErrorWhenMakingItsRequestThrows)
                                               [] { throw std::runtime_error("no memory"); }};
     for (const auto& fails : failures) {
         Bus() = BusDouble();
+        fake::platform().clearTimeline();
         Engine().fails = fails;
         g_iPendingCallCount = 5;
 
         call("confirm_purchase", "('app', 'custom', 'invoice', 'type')");
 
-        EXPECT_THAT(
-            Bus().errors,
-            ElementsAre("org.freedesktop.DBus.Error.NoMemory: no memory for the arguments"));
-        EXPECT_THAT(Bus().answered, ElementsAre(invocation()));
-        EXPECT_EQ(g_iPendingCallCount, 5);
-        EXPECT_THAT(LoggedLines(),
-                    Contains(MANAGER.error("m_HandleMethodCall",
-                                           "no memory for the call's arguments, it is answered "
-                                           "with an error")));
+        EXPECT_EQ(Timeline(),
+                  Taken("confirm_purchase", "('app', 'custom', 'invoice', 'type')") +
+                      These(MANAGER.info(CALL, "handle confirm_purchase"), Did("ConfirmPurchase"),
+                            MANAGER.error(CALL,
+                                          "no memory for the call's arguments, it is answered "
+                                          "with an error"),
+                            Did("error org.freedesktop.DBus.Error.NoMemory: no memory for the "
+                                "arguments")));
+        EXPECT_EQ(Bus().pAnswered, invocation());
+        EXPECT_EQ(g_iPendingCallCount, 5u);
     }
 }
 
 // --- replies ---
 
+const std::string ANSWER = "m_PipeCallback";
+
+// How a reply is given, from the record's line to the end.
+Steps Answered(int iResult, const std::string& strInfo, const std::string& strReply)
+{
+    return {MANAGER.plainInfo(ANSWER, "START"),
+            MANAGER.info(ANSWER, "m_PipeCallback >>> iRespResult:[" + std::to_string(iResult) +
+                                     "],strRespInfo[" + strInfo + "]=="),
+            Did("reply " + strReply),
+            MANAGER.plainInfo(ANSWER, "g_dbus_method_invocation_return_value"),
+            MANAGER.plainInfo(ANSWER, "g_dbus_method_invocation_return_value")};
+}
+
 TEST_F(ADBusManager, AnswersACallWithWhatThePipeBrings)
 {
+    for (const int iResult : {0, -1, 1160003}) {
+        g_iPendingCallCount = 2;
+        fake::platform().clearTimeline();
+
+        deliver(&m_oManager, iResult, "{\"a\":1}", invocation());
+
+        EXPECT_EQ(Timeline(),
+                  Answered(iResult, "{\"a\":1}", std::to_string(iResult) + " {\"a\":1}"));
+        EXPECT_EQ(Bus().pAnswered, invocation());
+        EXPECT_EQ(CDBusManager::GetDbusProcessListNum(), 1u);
+    }
+}
+
+TEST_F(ADBusManager, CountsACallAsAnsweredBetweenTheTwoLinesOfItsReply)
+{
     g_iPendingCallCount = 2;
+    std::vector<guint32> counts;
+    fake::platform().onLog([&](const fake::LogRecord&) { counts.push_back(g_iPendingCallCount); });
 
-    deliver(&m_oManager, 0, "{\"a\":1}", invocation());
+    deliver(&m_oManager, 0, "body", invocation());
 
-    EXPECT_THAT(Bus().replies, ElementsAre(std::make_pair(0, std::string("{\"a\":1}"))));
-    EXPECT_THAT(Bus().answered, ElementsAre(invocation()));
-    EXPECT_EQ(CDBusManager::GetDbusProcessListNum(), 1u);
-    const std::string strName = "m_PipeCallback";
-    EXPECT_THAT(
-        LoggedLines(),
-        ElementsAre(
-            MANAGER.plainInfo(strName, "START"),
-            MANAGER.info(strName, "m_PipeCallback >>> iRespResult:[0],strRespInfo[{\"a\":1}]=="),
-            MANAGER.plainInfo(strName, "g_dbus_method_invocation_return_value"),
-            MANAGER.plainInfo(strName, "g_dbus_method_invocation_return_value")));
+    EXPECT_THAT(counts, ElementsAre(2, 2, 2, 1));
 }
 
 TEST_F(ADBusManager, LogsOnBehalfOfTheCallerWhileItsCallComesInAndIsAnswered)
@@ -246,11 +273,10 @@ TEST_F(ADBusManager, EndsTheServiceWhenThePipeHasFailed)
 
     std::signal(SIGTERM, pfnBefore);
     EXPECT_EQ(g_iTerminated, 1);
-    EXPECT_THAT(Bus().replies, IsEmpty());
-    EXPECT_THAT(LoggedLines(), ElementsAre(MANAGER.plainInfo("m_PipeCallback", "START"),
-                                           MANAGER.error("m_PipeCallback",
-                                                         "the result pipe has failed for want of "
-                                                         "memory, the service ends")));
+    EXPECT_THAT(Timeline(), ElementsAre(MANAGER.plainInfo("m_PipeCallback", "START"),
+                                        MANAGER.error("m_PipeCallback",
+                                                      "the result pipe has failed for want of "
+                                                      "memory, the service ends")));
 }
 
 TEST_F(ADBusManager, AnswersNobodyWithoutAnInvocation)
@@ -259,10 +285,12 @@ TEST_F(ADBusManager, AnswersNobodyWithoutAnInvocation)
 
     deliver(&m_oManager, 0, "body", nullptr);
 
-    EXPECT_THAT(Bus().replies, IsEmpty());
+    EXPECT_THAT(
+        Timeline(),
+        ElementsAre(MANAGER.plainInfo(ANSWER, "START"),
+                    MANAGER.info(ANSWER, "m_PipeCallback >>> iRespResult:[0],strRespInfo[body]=="),
+                    MANAGER.plainError(ANSWER, "GDBusMethodInvocation invocation is NULL")));
     EXPECT_EQ(CDBusManager::GetDbusProcessListNum(), 2u);
-    EXPECT_EQ(LoggedLines().back(),
-              MANAGER.plainError("m_PipeCallback", "GDBusMethodInvocation invocation is NULL"));
 }
 
 TEST_F(ADBusManager, AnswersNobodyWithoutManagerOrRecord)
@@ -273,23 +301,27 @@ TEST_F(ADBusManager, AnswersNobodyWithoutManagerOrRecord)
     pInfo = nullptr;
     CDBusManager::m_PipeCallback(&m_oManager, &pInfo, sizeof pInfo);
 
-    EXPECT_THAT(Bus().replies, IsEmpty());
-    EXPECT_THAT(LoggedLines(), ElementsAre(MANAGER.plainInfo("m_PipeCallback", "START"),
-                                           MANAGER.plainInfo("m_PipeCallback", "START")));
+    EXPECT_THAT(Timeline(), ElementsAre(MANAGER.plainInfo(ANSWER, "START"),
+                                        MANAGER.plainInfo(ANSWER, "START")));
 }
 
 TEST_F(ADBusManager, MakesABodyValidForTheBus)
 {
     deliver(&m_oManager, 0, std::string("a\0b\xff", 4), invocation());
 
-    EXPECT_THAT(Bus().replies, ElementsAre(std::make_pair(0, std::string("a\uFFFDb\uFFFD"))));
+    EXPECT_EQ(Timeline(), Answered(0, "a", "0 a\uFFFDb\uFFFD")) << "the log ends at the NUL";
 }
 
 TEST_F(ADBusManager, AnswersABodyThatTheBusCannotCarryAsFailed)
 {
     deliver(&m_oManager, 0, std::string(33554376, 'x'), invocation());
 
-    EXPECT_THAT(Bus().replies, ElementsAre(std::make_pair(-1, std::string())));
+    const Steps timeline = Timeline();
+    ASSERT_EQ(timeline.size(), 6u);
+    EXPECT_EQ(timeline[2], MANAGER.error(ANSWER,
+                                         "the response is too long for the bus, it is "
+                                         "answered as failed"));
+    EXPECT_EQ(timeline[3], Did("reply -1 "));
 }
 
 }  // namespace
