@@ -2,6 +2,8 @@
 // the tests with Ecore initialised.
 #include "engine_fixture.h"
 
+#include "held_locks.h"
+
 #include <gmock/gmock.h>
 
 #include <memory>
@@ -16,12 +18,20 @@ extern "C" {
 Ecore_Pipe* __real_ecore_pipe_add(Ecore_Pipe_Cb handler, const void* data);
 Ecore_Pipe* __wrap_ecore_pipe_add(Ecore_Pipe_Cb handler, const void* data)
 {
+    Note("pipe add");
     return Pipe().bAddFails ? nullptr : __real_ecore_pipe_add(handler, data);
 }
 Eina_Bool __real_ecore_pipe_write(Ecore_Pipe* pipe, const void* buffer, unsigned int bytes);
 Eina_Bool __wrap_ecore_pipe_write(Ecore_Pipe* pipe, const void* buffer, unsigned int bytes)
 {
+    Note(HeldLocks() == 1 ? "pipe write" : "pipe write without its lock");
     return Pipe().bWriteFails ? EINA_FALSE : __real_ecore_pipe_write(pipe, buffer, bytes);
+}
+void* __real_ecore_pipe_del(Ecore_Pipe* pipe);
+void* __wrap_ecore_pipe_del(Ecore_Pipe* pipe)
+{
+    Note(HeldLocks() == 1 ? "pipe del" : "pipe del without its lock");
+    return __real_ecore_pipe_del(pipe);
 }
 }
 
@@ -52,7 +62,7 @@ void AnEngine::SetUp()
     fake::platform().reset();
     Protocol() = ProtocolDouble();
     ASSERT_TRUE(m_oEngine.RegisterPipeCallback(Receive, this));
-    fake::platform().clearLog();
+    fake::platform().clearTimeline();
 }
 
 void AnEngine::TearDown()

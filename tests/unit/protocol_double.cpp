@@ -3,6 +3,8 @@
 
 #include "BillingHttpConnector.h"
 #include "BillingHttpRequest.h"
+#include "held_locks.h"
+#include "log_matchers.h"
 
 ProtocolDouble& Protocol()
 {
@@ -15,6 +17,8 @@ namespace {
 bool Record(const char* szOperation, const CBillingItem& oItem, std::vector<std::string> texts,
             ResponseCallback pfnCallback, void* pUserData)
 {
+    EXPECT_EQ(HeldLocks(), 0u) << szOperation;
+    Note(szOperation);
     auto* pContext = static_cast<EngineRequestContext*>(pUserData);
     Protocol().calls.push_back(
         {szOperation, oItem, std::move(texts), pfnCallback, pContext, *pContext});
@@ -58,23 +62,23 @@ bool CBillingHttpRequest::RequestConfirmPurchase(CBillingItem& oItem, ResponseCa
 
 CHttpConnector::CHttpConnector() : m_tMultiLock(PTHREAD_MUTEX_INITIALIZER)
 {
-    Protocol().connector.emplace_back("construct");
+    Note("connector construct");
 }
 
 CHttpConnector::~CHttpConnector()
 {
-    Protocol().connector.emplace_back("destruct");
+    Note("connector destruct");
 }
 
 bool CHttpConnector::Create()
 {
-    Protocol().connector.emplace_back("Create");
+    Note("connector Create");
     return Protocol().bConnectorCreates;
 }
 
 void CHttpConnector::Destroy()
 {
-    Protocol().connector.emplace_back("Destroy");
+    Note("connector Destroy");
 }
 
 void CHttpConnector::t_Main() {}

@@ -1,5 +1,5 @@
 // protocol_double.h - stands in for the protocol layer and the connector in the engine's tests: it
-// records what the engine asks for and accepts or refuses it.
+// notes what the engine asks for in the timeline, keeps the arguments, and accepts or refuses.
 #pragma once
 
 #include "BillingTypes.h"
@@ -20,7 +20,6 @@ struct ProtocolDouble {
     bool bAccepts = true;
     bool bConnectorCreates = true;
     std::vector<ProtocolCall> calls;
-    std::vector<std::string> connector;  ///< "construct", "Create", "Destroy", "destruct", in order
 };
 
 /// The one double of the process.

@@ -4,13 +4,14 @@
 #include "BillingTaskBase.h"
 #include "allocation_switch.h"
 #include "engine_fixture.h"
+#include "item_members.h"
 
 #include <gmock/gmock.h>
 
-using ::testing::Contains;
+#include <sstream>
+
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
-using ::testing::Not;
 using ::testing::Values;
 
 namespace {
@@ -74,6 +75,25 @@ const Request CHECK_SERVER{"CheckServerAvailability",
 class EveryRequest : public AnEngine, public ::testing::WithParamInterface<Request> {
 protected:
     bool call() { return GetParam().pfnCall(m_oEngine, anItem(), caller()); }
+
+    /// A request's first steps, up to the gateway's answer.
+    static Steps asked(const Line& tGateway)
+    {
+        return {ENGINE_LINES.debug(GetParam().szName, "[START] "),
+                Asked("connection_profile_check_default_gateway"), tGateway};
+    }
+    static Steps handedOver()
+    {
+        return asked(ENGINE_LINES.info("m_CheckNetWorkStats", "Get Network status: 1")) +
+               These(Did(GetParam().szProtocol));
+    }
+    Steps refused()
+    {
+        std::ostringstream user;
+        user << "pReturnInfo->pUser " << caller();
+        return {ENGINE_LINES.info("m_WriteRequestResultToPipe", user.str()), Did("pipe write")};
+    }
+    static Steps end() { return {ENGINE_LINES.debug(GetParam().szName, "[END] ")}; }
 };
 
 INSTANTIATE_TEST_SUITE_P(Engine, EveryRequest,
@@ -92,11 +112,7 @@ TEST_P(EveryRequest, IsHandedToTheProtocolLayerWithItsContextAndCallback)
     EXPECT_EQ(call.tContext.pOwner, &m_oEngine);
     EXPECT_EQ(call.tContext.pUser, caller());
     EXPECT_FALSE(call.tContext.bReserved);
-    const std::string strOperation = GetParam().szName;
-    EXPECT_THAT(LoggedLines(),
-                ElementsAre(ENGINE_LINES.debug(strOperation, "[START] "),
-                            ENGINE_LINES.info("m_CheckNetWorkStats", "Get Network status: 1"),
-                            ENGINE_LINES.debug(strOperation, "[END] ")));
+    EXPECT_EQ(Timeline(), handedOver() + end());
     EXPECT_THAT(m_results, IsEmpty());
 }
 
@@ -109,22 +125,26 @@ TEST_P(EveryRequest, IsAnsweredWithNetworkErrorWithoutAGateway)
     EXPECT_THAT(m_results, IsEmpty()) << "the reply comes on a later turn of the loop";
     EXPECT_THAT(resultsOnPipe(1),
                 ElementsAre(Result{GetParam().eType, 1160003, NO_NETWORK, caller()}));
-    EXPECT_THAT(Protocol().calls, IsEmpty());
-    EXPECT_THAT(LoggedLines(),
-                Contains(ENGINE_LINES.info("m_CheckNetWorkStats", "Get Network status: 0")));
-    EXPECT_THAT(LoggedLines(), Not(Contains(ENGINE_LINES.debug(GetParam().szName, "[END] "))));
+    EXPECT_EQ(Timeline(),
+              asked(ENGINE_LINES.info("m_CheckNetWorkStats", "Get Network status: 0")) + refused());
 }
 
 TEST_P(EveryRequest, IsAnsweredWithNetworkErrorWhenTheGatewayCannotBeAsked)
 {
-    fake::platform().gatewayFails(5);
+    for (const int iError : {5, -5, 1, -1}) {
+        m_results.clear();
+        fake::platform().clearTimeline();
+        fake::platform().gatewayFails(iError);
 
-    EXPECT_FALSE(call());
+        EXPECT_FALSE(call());
 
-    EXPECT_THAT(resultsOnPipe(1),
-                ElementsAre(Result{GetParam().eType, 1160003, NO_NETWORK, caller()}));
-    EXPECT_THAT(LoggedLines(), Contains(ENGINE_LINES.error("m_CheckNetWorkStats",
-                                                           "Get Network status failed: 5")));
+        EXPECT_THAT(resultsOnPipe(1),
+                    ElementsAre(Result{GetParam().eType, 1160003, NO_NETWORK, caller()}));
+        EXPECT_EQ(Timeline(),
+                  asked(ENGINE_LINES.error("m_CheckNetWorkStats", "Get Network status failed: " +
+                                                                      std::to_string(iError))) +
+                      refused());
+    }
 }
 
 TEST_P(EveryRequest, IsAnsweredWithTryAgainLaterWhenTheProtocolLayerRefuses)
@@ -135,10 +155,7 @@ TEST_P(EveryRequest, IsAnsweredWithTryAgainLaterWhenTheProtocolLayerRefuses)
 
     EXPECT_THAT(resultsOnPipe(1),
                 ElementsAre(Result{GetParam().eType, 1160003, TRY_LATER, caller()}));
-    EXPECT_THAT(LoggedLines(), Contains(ENGINE_LINES.debug(GetParam().szName, "[END] ")));
-    for (const Line& line : LoggedLines()) {
-        EXPECT_NE(line.ePriority, DLOG_ERROR) << line;
-    }
+    EXPECT_EQ(Timeline(), handedOver() + refused() + end());
 }
 
 TEST_P(EveryRequest, StaysUnansweredWithoutMemoryForItsContext)
@@ -149,9 +166,8 @@ TEST_P(EveryRequest, StaysUnansweredWithoutMemoryForItsContext)
 
     ecore_main_loop_iterate_may_block(EINA_FALSE);
     EXPECT_THAT(m_results, IsEmpty());
-    EXPECT_THAT(LoggedLines(),
-                ElementsAre(ENGINE_LINES.debug(GetParam().szName, "[START] "),
-                            ENGINE_LINES.refused(GetParam().szName, "NULL == ptReq")));
+    EXPECT_THAT(Timeline(), ElementsAre(ENGINE_LINES.debug(GetParam().szName, "[START] "),
+                                        ENGINE_LINES.refused(GetParam().szName, "NULL == ptReq")));
 }
 
 TEST_P(EveryRequest, EndsInTheServersBodyWhenTheTransferSucceeds)
@@ -196,7 +212,7 @@ TEST_P(EveryRequest, ItsCallbackRefusesAMissingContext)
 
     GetParam().pfnCallback(true, strBody, nullptr);
 
-    EXPECT_THAT(LoggedLines(),
+    EXPECT_THAT(Timeline(),
                 ElementsAre(ENGINE_LINES.debug(GetParam().szCallback, "[START] "),
                             ENGINE_LINES.refused(GetParam().szCallback, "NULL == pUserData")));
 }
@@ -209,21 +225,18 @@ TEST_P(EveryRequest, ItsCallbackIsSilentAboutAMissingOwner)
 
     ecore_main_loop_iterate_may_block(EINA_FALSE);
     EXPECT_THAT(m_results, IsEmpty());
-    EXPECT_THAT(LoggedLines(), ElementsAre(ENGINE_LINES.debug(GetParam().szCallback, "[START] ")));
+    EXPECT_THAT(Timeline(), ElementsAre(ENGINE_LINES.debug(GetParam().szCallback, "[START] ")));
 }
 
 TEST_F(AnEngine, PassesTheItemOnAsItCame)
 {
-    m_oEngine.GetProducts(anItem(), caller());
-    m_oEngine.GetAppliedTime(anItem(), caller());
-    m_oEngine.ConfirmPurchase(anItem(), caller());
+    m_oEngine.GetProducts(FullItem(), caller());
+    m_oEngine.GetAppliedTime(FullItem(), caller());
+    m_oEngine.ConfirmPurchase(FullItem(), caller());
 
     ASSERT_EQ(Protocol().calls.size(), 3u);
     for (const ProtocolCall& call : Protocol().calls) {
-        EXPECT_EQ(call.oItem.strAppId, "app");
-        EXPECT_EQ(call.oItem.strInvoiceId, "invoice");
-        EXPECT_EQ(call.oItem.strCustomId, "custom");
-        EXPECT_EQ(call.oItem.strCheckValue, "check");
+        EXPECT_EQ(FilledMembers(call.oItem), FilledMembers(FullItem())) << call.strOperation;
     }
 }
 
@@ -271,8 +284,9 @@ TEST_F(AnEnginesLife, SaysThatThereIsNoPipe)
 
     EXPECT_FALSE(oEngine.RegisterPipeCallback(AnEngine::Receive, nullptr));
 
-    EXPECT_THAT(LoggedLines(), ElementsAre(ENGINE_LINES.error("RegisterPipeCallback",
-                                                              "ecore_pipe_add() return NULL!")));
+    EXPECT_THAT(Timeline(),
+                ElementsAre(Did("pipe add"), ENGINE_LINES.error("RegisterPipeCallback",
+                                                                "ecore_pipe_add() return NULL!")));
 }
 
 TEST_F(AnEnginesLife, CreateGivesTheConnectorsOwnResult)
@@ -281,7 +295,8 @@ TEST_F(AnEnginesLife, CreateGivesTheConnectorsOwnResult)
     EXPECT_TRUE(oEngine.Create());
     Protocol().bConnectorCreates = false;
     EXPECT_FALSE(oEngine.Create());
-    EXPECT_THAT(Protocol().connector, ElementsAre("construct", "Create", "Create"));
+    EXPECT_THAT(Timeline(), ElementsAre(Did("connector construct"), Did("connector Create"),
+                                        Did("connector Create")));
     oEngine.Destroy();
 }
 
@@ -292,7 +307,7 @@ TEST_F(AnEnginesLife, CreateRefusesWithoutMemoryForTheConnector)
 
     EXPECT_FALSE(oEngine.Create());
 
-    EXPECT_THAT(LoggedLines(), ElementsAre(ENGINE_LINES.refused("Create", "NULL == poConnector")));
+    EXPECT_THAT(Timeline(), ElementsAre(ENGINE_LINES.refused("Create", "NULL == poConnector")));
 }
 
 TEST_F(AnEnginesLife, DestroyWithoutCreateMakesAConnectorOnlyToDestroyIt)
@@ -301,10 +316,26 @@ TEST_F(AnEnginesLife, DestroyWithoutCreateMakesAConnectorOnlyToDestroyIt)
 
     oEngine.Destroy();
 
-    EXPECT_THAT(Protocol().connector, ElementsAre("construct", "Destroy", "destruct"));
     EXPECT_EQ(CBillingSingleton<CHttpConnector>::m_pObj, nullptr);
-    EXPECT_THAT(LoggedLines("BillingEngine.cpp"),
-                ElementsAre(ENGINE_LINES.info("Destroy", "Destroy HttpConnector successfully.")));
+    EXPECT_THAT(
+        Timeline(),
+        ElementsAre(Did("connector construct"), Did("connector Destroy"), Did("connector destruct"),
+                    ENGINE_LINES.info("Destroy", "Destroy HttpConnector successfully.")));
+}
+
+TEST_F(AnEnginesLife, DestroyDeletesThePipeBeforeItStopsTheConnector)
+{
+    CBillingEngine oEngine;
+    EXPECT_TRUE(oEngine.RegisterPipeCallback(AnEngine::Receive, nullptr));
+    EXPECT_TRUE(oEngine.Create());
+
+    oEngine.Destroy();
+
+    EXPECT_EQ(EngineProbe::pipe(oEngine), nullptr);
+    EXPECT_THAT(Timeline(),
+                ElementsAre(Did("pipe add"), Did("connector construct"), Did("connector Create"),
+                            Did("pipe del"), Did("connector Destroy"), Did("connector destruct"),
+                            ENGINE_LINES.info("Destroy", "Destroy HttpConnector successfully.")));
 }
 
 TEST_F(AnEnginesLife, DestroyIsSilentWithoutMemoryForTheConnector)
@@ -314,7 +345,7 @@ TEST_F(AnEnginesLife, DestroyIsSilentWithoutMemoryForTheConnector)
 
     oEngine.Destroy();
 
-    EXPECT_THAT(LoggedLines(), IsEmpty());
+    EXPECT_EQ(Timeline(), Steps());
 }
 
 }  // namespace

@@ -9,7 +9,6 @@
 #include <atomic>
 #include <thread>
 
-using ::testing::Contains;
 using ::testing::ElementsAre;
 
 namespace {
@@ -21,12 +20,13 @@ protected:
         std::string strBody = "body";
         pfnCallback(bSuccess, strBody, new EngineRequestContext{&m_oEngine, nullptr, false});
         resultsOnPipe(1);
-        return LoggedLines();
+        return Timeline();
     }
-    static Line written()
+    static Line noted()
     {
         return ENGINE_LINES.info("m_WriteRequestResultToPipe", "pReturnInfo->pUser (nil)");
     }
+    static Line written() { return Did("pipe write"); }
 };
 
 TEST_F(ResponseCallbacks, PurchaseHistoryLogsNeitherCodeNorBody)
@@ -35,7 +35,7 @@ TEST_F(ResponseCallbacks, PurchaseHistoryLogsNeitherCodeNorBody)
         linesOf(CBillingEngine::m_PurchaseHistoryCB, false),
         ElementsAre(ENGINE_LINES.debug("m_PurchaseHistoryCB", "[START] "),
                     ENGINE_LINES.error("m_PurchaseHistoryCB", "m_PurchaseHistoryCB Http error! "),
-                    written(), ENGINE_LINES.debug("m_PurchaseHistoryCB", "[END] ")));
+                    noted(), written(), ENGINE_LINES.debug("m_PurchaseHistoryCB", "[END] ")));
 }
 
 TEST_F(ResponseCallbacks, GetProductsLogsCodeAndBody)
@@ -43,8 +43,8 @@ TEST_F(ResponseCallbacks, GetProductsLogsCodeAndBody)
     EXPECT_THAT(linesOf(CBillingEngine::m_GetProductsCB, true),
                 ElementsAre(ENGINE_LINES.debug("m_GetProductsCB", "[START] "),
                             ENGINE_LINES.info("m_GetProductsCB", "bResponseCode :1"),
-                            ENGINE_LINES.info("m_GetProductsCB", "strRsp :body"), written(),
-                            ENGINE_LINES.debug("m_GetProductsCB", "[END] ")));
+                            ENGINE_LINES.info("m_GetProductsCB", "strRsp :body"), noted(),
+                            written(), ENGINE_LINES.debug("m_GetProductsCB", "[END] ")));
 }
 
 TEST_F(ResponseCallbacks, GetProductsLogsItsError)
@@ -53,8 +53,8 @@ TEST_F(ResponseCallbacks, GetProductsLogsItsError)
                 ElementsAre(ENGINE_LINES.debug("m_GetProductsCB", "[START] "),
                             ENGINE_LINES.error("m_GetProductsCB", "m_GetProductsCB Http error! "),
                             ENGINE_LINES.info("m_GetProductsCB", "bResponseCode :0"),
-                            ENGINE_LINES.info("m_GetProductsCB", "strRsp :body"), written(),
-                            ENGINE_LINES.debug("m_GetProductsCB", "[END] ")));
+                            ENGINE_LINES.info("m_GetProductsCB", "strRsp :body"), noted(),
+                            written(), ENGINE_LINES.debug("m_GetProductsCB", "[END] ")));
 }
 
 TEST_F(ResponseCallbacks, GetAppliedTimeLogsErrorCodeAndBody)
@@ -64,7 +64,7 @@ TEST_F(ResponseCallbacks, GetAppliedTimeLogsErrorCodeAndBody)
         ElementsAre(ENGINE_LINES.debug("m_GetAppliedTimeCB", "[START] "),
                     ENGINE_LINES.error("m_GetAppliedTimeCB", "m_GetAppliedTimeCB Http error! "),
                     ENGINE_LINES.info("m_GetAppliedTimeCB", "bResponseCode :0"),
-                    ENGINE_LINES.info("m_GetAppliedTimeCB", "strRsp :body"), written(),
+                    ENGINE_LINES.info("m_GetAppliedTimeCB", "strRsp :body"), noted(), written(),
                     ENGINE_LINES.debug("m_GetAppliedTimeCB", "[END] ")));
 }
 
@@ -75,7 +75,7 @@ TEST_F(ResponseCallbacks, ConfirmPurchaseLogsErrorCodeAndBody)
         ElementsAre(ENGINE_LINES.debug("m_ConfirmPurchaseCB", "[START] "),
                     ENGINE_LINES.error("m_ConfirmPurchaseCB", "m_ConfirmPurchaseCB Http error! "),
                     ENGINE_LINES.info("m_ConfirmPurchaseCB", "bResponseCode :0"),
-                    ENGINE_LINES.info("m_ConfirmPurchaseCB", "strRsp :body"), written(),
+                    ENGINE_LINES.info("m_ConfirmPurchaseCB", "strRsp :body"), noted(), written(),
                     ENGINE_LINES.debug("m_ConfirmPurchaseCB", "[END] ")));
 }
 
@@ -86,7 +86,7 @@ TEST_F(ResponseCallbacks, CheckServerAvailabilityLogsWithAnArrowAndNoTrailingBla
                 ElementsAre(ENGINE_LINES.debug(strName, "[START] "),
                             ENGINE_LINES.error(strName, "m_CheckServerAvailabilityCB Http error!"),
                             ENGINE_LINES.info(strName, "-------> bResponseCode :0"),
-                            ENGINE_LINES.info(strName, "-------> strRsp :body"), written(),
+                            ENGINE_LINES.info(strName, "-------> strRsp :body"), noted(), written(),
                             ENGINE_LINES.debug(strName, "[END] ")));
 }
 
@@ -129,19 +129,19 @@ TEST_F(AnEngine, DropsAResultWithoutMemoryForItsRecord)
 
     m_oEngine.m_WriteRequestResultToPipe(REQUEST_TYPE_GET_PRODUCTS, tInfo);
 
-    EXPECT_THAT(LoggedLines(), ElementsAre(ENGINE_LINES.refused("m_WriteRequestResultToPipe",
-                                                                "NULL == pReturnInfo")));
+    EXPECT_THAT(Timeline(), ElementsAre(ENGINE_LINES.refused("m_WriteRequestResultToPipe",
+                                                             "NULL == pReturnInfo")));
 }
 
 TEST_F(AnEngine, DropsAResultThatComesAfterDestroy)
 {
     m_oEngine.Destroy();
-    fake::platform().clearLog();
+    fake::platform().clearTimeline();
     BILLING_RETURN_INFO_T tInfo;
 
     m_oEngine.m_WriteRequestResultToPipe(REQUEST_TYPE_GET_PRODUCTS, tInfo);
 
-    EXPECT_THAT(LoggedLines(),
+    EXPECT_THAT(Timeline(),
                 ElementsAre(ENGINE_LINES.refused("m_WriteRequestResultToPipe", "NULL == m_pPipe")));
 }
 
@@ -152,9 +152,12 @@ TEST_F(AnEngine, SaysThatAReplyIsLostWhenThePipeDoesNotTakeIt)
 
     m_oEngine.m_WriteRequestResultToPipe(REQUEST_TYPE_GET_PRODUCTS, tInfo);
 
-    EXPECT_THAT(LoggedLines(),
-                Contains(ENGINE_LINES.error("m_WriteRequestResultToPipe",
-                                            "the result pipe is full, a reply is lost")));
+    EXPECT_THAT(
+        Timeline(),
+        ElementsAre(ENGINE_LINES.info("m_WriteRequestResultToPipe", "pReturnInfo->pUser (nil)"),
+                    Did("pipe write"),
+                    ENGINE_LINES.error("m_WriteRequestResultToPipe",
+                                       "the result pipe is full, a reply is lost")));
 }
 
 TEST_F(AnEngine, AnswersTenThousandRefusalsThatWereQueuedBeforeTheLoopRan)

@@ -1,0 +1,38 @@
+// held_locks.cpp - stands in front of locking and unlocking, and keeps the books of each thread.
+#include "held_locks.h"
+
+#include <algorithm>
+#include <vector>
+
+namespace {
+thread_local std::vector<const pthread_mutex_t*> t_held;
+}
+
+extern "C" {
+int __real_pthread_mutex_lock(pthread_mutex_t* mutex);
+int __wrap_pthread_mutex_lock(pthread_mutex_t* mutex)
+{
+    const int iResult = __real_pthread_mutex_lock(mutex);
+    t_held.push_back(mutex);
+    return iResult;
+}
+int __real_pthread_mutex_unlock(pthread_mutex_t* mutex);
+int __wrap_pthread_mutex_unlock(pthread_mutex_t* mutex)
+{
+    const auto it = std::find(t_held.begin(), t_held.end(), mutex);
+    if (it != t_held.end()) {
+        t_held.erase(it);
+    }
+    return __real_pthread_mutex_unlock(mutex);
+}
+}
+
+std::size_t HeldLocks()
+{
+    return t_held.size();
+}
+
+bool Holds(const pthread_mutex_t& tMutex)
+{
+    return std::find(t_held.begin(), t_held.end(), &tMutex) != t_held.end();
+}
