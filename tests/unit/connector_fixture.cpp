@@ -2,10 +2,18 @@
 // g_main_context_invoke.
 #include "connector_fixture.h"
 
+#include <cerrno>
+
 Invocations& Invoked()
 {
     static Invocations invocations;
     return invocations;
+}
+
+Threads& Created()
+{
+    static Threads threads;
+    return threads;
 }
 
 std::vector<Answer>& Answers()
@@ -19,10 +27,41 @@ void __real_g_main_context_invoke(GMainContext* context, GSourceFunc func, gpoin
 void __wrap_g_main_context_invoke(GMainContext* context, GSourceFunc func, gpointer data)
 {
     ++Invoked().iCount;
+    Note("invoke" + Curl().locks());
     EXPECT_EQ(func, &CHttpConnector::HandleRequest);
+    EXPECT_EQ(context, Invoked().pBy->context());
+    EXPECT_EQ(data, &Invoked().pBy->o);
     if (Invoked().bForReal) {
         __real_g_main_context_invoke(context, func, data);
     }
+}
+int __real_pthread_create(pthread_t* thread, const pthread_attr_t* attr, void* (*body)(void*),
+                          void* arg);
+int __wrap_pthread_create(pthread_t* thread, const pthread_attr_t* attr, void* (*body)(void*),
+                          void* arg)
+{
+    std::size_t size = 0;
+    pthread_attr_getstacksize(attr, &size);
+    Note("thread of " + std::to_string(size) + " bytes");
+    return Created().bFail ? EAGAIN : __real_pthread_create(thread, attr, body, arg);
+}
+void __real_g_main_loop_quit(GMainLoop* loop);
+void __wrap_g_main_loop_quit(GMainLoop* loop)
+{
+    Note("quit loop");
+    __real_g_main_loop_quit(loop);
+}
+void __real_g_main_context_unref(GMainContext* context);
+void __wrap_g_main_context_unref(GMainContext* context)
+{
+    Note("unref context");
+    __real_g_main_context_unref(context);
+}
+void __real_g_main_loop_unref(GMainLoop* loop);
+void __wrap_g_main_loop_unref(GMainLoop* loop)
+{
+    Note("unref loop");
+    __real_g_main_loop_unref(loop);
 }
 }
 
@@ -30,6 +69,7 @@ namespace {
 
 void OnResponse(bool bSuccess, std::string& strRsp, void* pUserData)
 {
+    Note("callback" + Curl().locks());
     Answers().push_back({bSuccess, strRsp, pUserData});
 }
 
@@ -40,12 +80,19 @@ void AConnector::SetUp()
     fake::platform().reset();
     Curl() = CurlDouble();
     Answers().clear();
-    Invoked().iCount = 0;
-    Invoked().bForReal = false;
+    Invoked() = Invocations();
+    Created() = Threads();
+    construct();
+    fake::platform().clearTimeline();
+}
+
+void AConnector::construct()
+{
+    m_connector.reset();
     m_connector = std::make_unique<CHttpConnector>();
     m_probe = std::make_unique<ConnectorProbe>(ConnectorProbe{*m_connector});
-    fake::platform().clearLog();
-    Curl().events.clear();
+    Invoked().pBy = m_probe.get();
+    Curl().locks = [this] { return m_probe->locks(); };
 }
 
 void AConnector::TearDown()

@@ -3,6 +3,7 @@
 #pragma once
 
 #include "BillingHttpConnector.h"
+#include "held_locks.h"
 #include "log_matchers.h"
 #include "mzcurl_double.h"
 
@@ -17,6 +18,13 @@ struct ConnectorProbe {
     CHttpConnector& o;
 
     bool idle() const { return o.m_bIdle; }
+    GMainContext* context() const { return o.m_pContext; }
+    /// The connector's locks that the calling thread holds, in brackets.
+    std::string locks() const
+    {
+        return std::string(Holds(o.m_tMultiLock) ? " (multi)" : "") +
+               (Holds(CHttpConnector::m_ReqInfoLock) ? " (lists)" : "");
+    }
     static std::size_t inFlight() { return CHttpConnector::m_ReqInfoList.size(); }
     static std::size_t inFlightBak() { return CHttpConnector::m_ReqInfoListBak.size(); }
     static void addAgain(_BILLING_REQ_HANDLER_t* pt)
@@ -53,8 +61,15 @@ inline const std::string SET_OPTIONS = "m_SetEasyHandleOptions";
 struct Invocations {
     bool bForReal = false;
     int iCount = 0;
+    const ConnectorProbe* pBy = nullptr;  ///< the connector that may ask
 };
 Invocations& Invoked();
+
+/// What becomes of the worker's creation.
+struct Threads {
+    bool bFail = false;
+};
+Threads& Created();
 
 struct Answer {
     bool bSuccess;
@@ -68,6 +83,9 @@ class AConnector : public ::testing::Test {
 protected:
     void SetUp() override;
     void TearDown() override;
+
+    /// Makes the connector, in place of the one that is there.
+    void construct();
 
     _BILLING_HTTP_REQ_INFO_T aRequest(int eMethod = HTTP_METHOD_GET);
 

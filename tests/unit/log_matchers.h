@@ -133,6 +133,18 @@ inline Steps Timeline()
     return lines;
 }
 
+/// What doubles were asked so far, in order.
+inline std::vector<std::string> Notes()
+{
+    std::vector<std::string> notes;
+    for (const fake::Event& event : fake::platform().timeline()) {
+        if (event.kind == fake::Event::NOTE) {
+            notes.push_back(event.text);
+        }
+    }
+    return notes;
+}
+
 /// The lines logged so far. Every record has the service's tag and a line number, or the test
 /// fails.
 inline std::vector<Line> LoggedLines()

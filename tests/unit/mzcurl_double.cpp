@@ -1,6 +1,8 @@
 // mzcurl_double.cpp - MZCurlEasy and MZCurlMulti as the connector's tests want them.
 #include "mzcurl_double.h"
 
+#include "log_matchers.h"
+
 CurlDouble& Curl()
 {
     static CurlDouble curl;
@@ -18,7 +20,7 @@ namespace {
 void Event(const std::string& strEvent)
 {
     const std::lock_guard<std::mutex> lock(CurlMutex());
-    Curl().events.push_back(strEvent);
+    Note(strEvent + (Curl().locks ? Curl().locks() : ""));
 }
 
 bool Option(int iOption, const std::string& strValue)
@@ -104,8 +106,9 @@ bool MZCurlEasy::setOption(MZCURL_OPTION_TYPE eOption, void* pValue)
     return Option(eOption, "pointer");
 }
 
-bool MZCurlEasy::getInfo(MZCURL_INFO_TYPE, void** ppOut)
+bool MZCurlEasy::getInfo(MZCURL_INFO_TYPE eInfo, void** ppOut)
 {
+    Event("getInfo " + std::to_string(eInfo));
     *ppOut = m_pImpl->pPrivate;
     return !Curl().bInfoFails;
 }
@@ -174,6 +177,7 @@ bool MZCurlMulti::fdSelect(int& iRunning)
 
 bool MZCurlMulti::InfoRead(MultiMsg& tMsg)
 {
+    Event("InfoRead");
     const std::lock_guard<std::mutex> lock(CurlMutex());
     tMsg = MultiMsg();
     if (!Curl().messages.empty()) {

@@ -1,10 +1,11 @@
 // mzcurl_double.h - stands in for the curl wrapper in the connector's tests: it records options in
-// order, refuses what a test wants refused, and finishes transfers when the test says so.
+// order, notes each other call in the timeline, refuses what a test wants refused, and finishes transfers when the test says so.
 #pragma once
 
 #include <platform/MZCurl.h>
 
 #include <deque>
+#include <functional>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -24,8 +25,8 @@ struct CurlDouble {
 
     // What was seen.
     std::vector<std::string> options;  ///< "<number> <value>", in order, of every easy handle
-    std::vector<std::string>
-        events;                ///< "Initialize", "reset", "add", "remove", "Start", "Stop" ...
+    /// Which locks the asking thread holds, as each call's note in the timeline is to end.
+    std::function<std::string()> locks;
     void* pPrivate = nullptr;  ///< of the last easy handle
     MZCurl::WriteCallback pfnWrite = nullptr;
     void* pWriteData = nullptr;

@@ -15,8 +15,7 @@ namespace {
 TEST_F(AConnector, CallsBackOnceWithTheBodyAndFreesTheRequest)
 {
     _BILLING_REQ_HANDLER_t* ptHandler = submit();
-    fake::platform().clearLog();
-    Curl().events.clear();
+    fake::platform().clearTimeline();
 
     finish(ptHandler, true, "the body");
 
@@ -25,23 +24,32 @@ TEST_F(AConnector, CallsBackOnceWithTheBodyAndFreesTheRequest)
     EXPECT_EQ(Answers()[0].strBody, "the body");
     EXPECT_EQ(Answers()[0].pUser, this);
     EXPECT_EQ(ConnectorProbe::inFlight(), 0u);
-    EXPECT_THAT(Curl().events, ElementsAre("remove", "reset", "destruct"));
-    EXPECT_THAT(LoggedLines(), ElementsAre(CONNECTOR.debug("m_HandleRequestResult", "[START] "),
-                                           CONNECTOR.debug("m_RemoveRequest", "[START] "),
-                                           CONNECTOR.debug("m_RemoveRequest", "[END] "),
-                                           CONNECTOR.debug("m_HandleRequestResult", "[END] ")));
+    EXPECT_THAT(
+        Timeline(),
+        ElementsAre(CONNECTOR.debug("m_HandleRequestResult", "[START] "), Did("remove (multi)"),
+                    Did("reset"), Did("callback"), CONNECTOR.debug("m_RemoveRequest", "[START] "),
+                    Did("destruct (lists)"), CONNECTOR.debug("m_RemoveRequest", "[END] "),
+                    CONNECTOR.debug("m_HandleRequestResult", "[END] ")));
 }
 
 TEST_F(AConnector, CallsBackWithFailureAndWhateverArrived)
 {
-    finish(submit(), false, "half");
+    _BILLING_REQ_HANDLER_t* ptHandler = submit();
+    fake::platform().clearTimeline();
+
+    finish(ptHandler, false, "half");
 
     ASSERT_EQ(Answers().size(), 1u);
     EXPECT_FALSE(Answers()[0].bSuccess);
     EXPECT_EQ(Answers()[0].strBody, "half");
-    EXPECT_THAT(LoggedLines(),
-                Contains(CONNECTOR.error("m_HandleRequestResult",
-                                         "MZCurl multiResult ErrorCode = 7;  ErrMsg = reason!")));
+    EXPECT_THAT(Timeline(),
+                ElementsAre(CONNECTOR.debug("m_HandleRequestResult", "[START] "),
+                            Did("remove (multi)"), Did("reset"),
+                            CONNECTOR.error("m_HandleRequestResult",
+                                            "MZCurl multiResult ErrorCode = 7;  ErrMsg = reason!"),
+                            Did("callback"), CONNECTOR.debug("m_RemoveRequest", "[START] "),
+                            Did("destruct (lists)"), CONNECTOR.debug("m_RemoveRequest", "[END] "),
+                            CONNECTOR.debug("m_HandleRequestResult", "[END] ")));
 }
 
 TEST_F(AConnector, IgnoresACompletionWhoseHandlerIsNotInFlight)
@@ -59,7 +67,7 @@ TEST_F(AConnector, IgnoresACompletionWhoseHandlerIsNotInFlight)
               CONNECTOR.error("m_HandleRequestResult", "This handle has been processed before:[" +
                                                            std::string(szAddress) + "]~~~~~~~~"));
     EXPECT_THAT(Answers(), IsEmpty());
-    EXPECT_THAT(Curl().events, IsEmpty()) << "neither removed nor freed";
+    EXPECT_THAT(Notes(), IsEmpty()) << "neither removed nor freed";
 }
 
 TEST_F(AConnector, GoesOnWithoutTheCrossCheckWhenTheSecondListLacksTheHandler)
@@ -122,8 +130,14 @@ TEST_F(AConnector, ReadsMessagesUntilNoneIsLeft)
     _BILLING_REQ_HANDLER_t* ptSecond = submit();
     Curl().messages = {{ptFirst->pEasyHandle, true, 0, ""}, {ptSecond->pEasyHandle, true, 0, ""}};
 
+    fake::platform().clearTimeline();
+
     m_probe->completed();
 
+    EXPECT_THAT(Notes(),
+                ElementsAre("InfoRead", "getInfo 39", "remove (multi)", "reset", "callback",
+                            "destruct (lists)", "InfoRead", "getInfo 39", "remove (multi)", "reset",
+                            "callback", "destruct (lists)", "InfoRead"));
     EXPECT_EQ(Answers().size(), 2u);
     EXPECT_TRUE(m_probe->idle());
 }
@@ -150,11 +164,12 @@ TEST_F(AConnector, TurnsTheLoopAsLongAsTransfersRun)
 
     EXPECT_EQ(CHttpConnector::HandleRequest(m_connector.get()), 0);
 
-    EXPECT_THAT(Curl().events, ElementsAre("Perform", "fdSelect", "fdSelect", "fdSelect"));
-    EXPECT_THAT(LoggedLines(), ElementsAre(CONNECTOR.debug("HandleRequest", "[START] "),
-                                           CONNECTOR.debug("m_DoMultiPerform", "[START] "),
-                                           CONNECTOR.debug("m_DoMultiPerform", "[END] "),
-                                           CONNECTOR.debug("HandleRequest", "[END] ")));
+    EXPECT_THAT(Timeline(),
+                ElementsAre(CONNECTOR.debug("HandleRequest", "[START] "),
+                            CONNECTOR.debug("m_DoMultiPerform", "[START] "), Did("Perform (multi)"),
+                            CONNECTOR.debug("m_DoMultiPerform", "[END] "), Did("fdSelect"),
+                            Did("InfoRead"), Did("fdSelect"), Did("InfoRead"), Did("fdSelect"),
+                            Did("InfoRead"), CONNECTOR.debug("HandleRequest", "[END] ")));
 }
 
 TEST_F(AConnector, OnlyLogsThatTheMultiHandleFailed)
@@ -184,9 +199,11 @@ TEST_F(AConnector, SaysThatAHandleWasNotRemoved)
 
     EXPECT_FALSE(m_probe->remove(&oEasy));
 
-    EXPECT_THAT(LoggedLines(),
-                ElementsAre(CONNECTOR.error(
-                    "m_RemoveEasyHandle", "[MZCurl][MZCurlMulti][removeHandle()] return false!")));
+    EXPECT_THAT(
+        Timeline(),
+        ElementsAre(Did("remove (multi)"),
+                    CONNECTOR.error("m_RemoveEasyHandle",
+                                    "[MZCurl][MZCurlMulti][removeHandle()] return false!")));
 }
 
 }  // namespace

@@ -5,6 +5,8 @@
 
 #include <gmock/gmock.h>
 
+#include <algorithm>
+
 using ::testing::Contains;
 using ::testing::ElementsAre;
 
@@ -12,35 +14,66 @@ namespace {
 
 TEST_F(AConnector, TriesTheMultiHandleAgainWhenItCouldNotBeMade)
 {
-    m_connector.reset();
-    fake::platform().clearLog();
     Curl().iMultiInitializeFailures = 2;
-    m_connector = std::make_unique<CHttpConnector>();
-    m_probe = std::make_unique<ConnectorProbe>(ConnectorProbe{*m_connector});
+    construct();
     const std::string strText = "[MZCurl][MZCurlMulti][Initialize()] return false!!!";
-    EXPECT_THAT(LoggedLines(), ElementsAre(CONNECTOR.error("CHttpConnector", strText)));
+    const Line tStart = CONNECTOR.debug("m_AddEasyHandle", "[START] ");
+    const Line tAdded =
+        CONNECTOR.debug("m_AddEasyHandle", "Add easy handle to multi successfully.");
+    const Line tEnd = CONNECTOR.debug("m_AddEasyHandle", "[END] ");
     MZCurl::MZCurlEasy oEasy;
 
     EXPECT_FALSE(m_probe->add(&oEasy));
-    EXPECT_EQ(LoggedLines().back(), CONNECTOR.error("m_AddEasyHandle", strText));
     EXPECT_TRUE(m_probe->add(&oEasy));
     EXPECT_TRUE(m_probe->add(&oEasy));
 
-    EXPECT_THAT(Curl().events, ElementsAre("multi Initialize", "multi Initialize",
-                                           "multi Initialize", "add", "add"))
+    EXPECT_THAT(
+        Timeline(),
+        ElementsAre(Did("multi Initialize"), CONNECTOR.error("CHttpConnector", strText), tStart,
+                    Did("multi Initialize (multi)"), CONNECTOR.error("m_AddEasyHandle", strText),
+                    tStart, Did("multi Initialize (multi)"), Did("add (multi)"), tAdded, tEnd,
+                    tStart, Did("add (multi)"), tAdded, tEnd))
         << "by the constructor, by two additions, and no more once it is ready";
 }
 
 TEST_F(AConnector, IsCreatedRunningAndStopsTheWrapperFirst)
 {
     EXPECT_TRUE(m_connector->Create());
-    EXPECT_THAT(Curl().events, ElementsAre("Start")) << "Create returns when the worker dispatches";
+    EXPECT_THAT(Notes(), ElementsAre("thread of 131072 bytes", "Start"))
+        << "Create returns when the worker dispatches";
+    const Steps timeline = Timeline();
+    ASSERT_GT(timeline.size(), 3u);
+    EXPECT_EQ(timeline[0], CONNECTOR.debug("Create", "[START] "));
+    EXPECT_EQ(timeline[1], Did("thread of 131072 bytes"));
+    EXPECT_EQ(timeline[2], Did("Start"));
+    EXPECT_EQ(timeline[3], Asked("deployment_get_credential")) << "the device's key is verified";
     EXPECT_FALSE(m_connector->Create()) << "it is running already";
     EXPECT_EQ(LoggedLines().back(), CONNECTOR.refused("Create", "FlagCreate()"));
+    fake::platform().clearTimeline();
 
     m_connector->Destroy();
 
-    EXPECT_THAT(Curl().events, ElementsAre("Start", "Stop", "ThreadEnd"));
+    Steps stop = Timeline();
+    stop.erase(std::remove(stop.begin(), stop.end(), Did("ThreadEnd")), stop.end());
+    EXPECT_EQ(Timeline().size(), stop.size() + 1) << "the worker ended once";
+    EXPECT_THAT(stop, ElementsAre(CONNECTOR.debug("Destroy", "[START] "), Did("Stop"),
+                                  Did("quit loop"), Did("unref context"), Did("unref loop"),
+                                  CONNECTOR.debug("Destroy", "[END] ")));
+    EXPECT_EQ(Timeline().back(), CONNECTOR.debug("Destroy", "[END] "));
+    EXPECT_EQ(m_probe->context(), nullptr);
+}
+
+TEST_F(AConnector, IsNotCreatedWithoutItsWorker)
+{
+    Created().bFail = true;
+
+    EXPECT_FALSE(m_connector->Create());
+
+    EXPECT_THAT(Timeline(),
+                ElementsAre(CONNECTOR.debug("Create", "[START] "), Did("thread of 131072 bytes")))
+        << "no key is asked for, and the wrapper takes no requests";
+    EXPECT_FALSE(m_connector->FlagCreate());
+    m_connector->Destroy();
 }
 
 TEST_F(AConnector, RunsARequestOnItsWorker)
