@@ -287,7 +287,7 @@ void CDBusManager::m_PipeCallback(void* data, void* buffer, unsigned int)
         raise(SIGTERM);
         return;
     }
-    const std::unique_ptr<BILLING_RETURN_INFO_T> ptInfo(
+    std::unique_ptr<BILLING_RETURN_INFO_T> ptInfo(
         data != nullptr ? *static_cast<BILLING_RETURN_INFO_T**>(buffer) : nullptr);
     if (ptInfo == nullptr) {
         return;
@@ -299,6 +299,7 @@ void CDBusManager::m_PipeCallback(void* data, void* buffer, unsigned int)
                  ptInfo->strRespInfo.c_str());
     int iRespResult = ptInfo->iRespResult;
     std::string strRespInfo = std::move(ptInfo->strRespInfo);
+    ptInfo.reset();
     if (pInvocation == nullptr) {
         BILLING_ERROR_PLAIN("GDBusMethodInvocation invocation is NULL");
         return;

@@ -5,6 +5,7 @@
 #include "BillingEngine.h"
 #include "BillingTaskBase.h"
 #include "BusFilter.h"
+#include "deletions.h"
 
 BusDouble& Bus()
 {
@@ -183,5 +184,6 @@ void ADBusManager::deliver(void* data, int iResult, const std::string& strInfo, 
     pInfo->iRespResult = iResult;
     pInfo->strRespInfo = strInfo;
     pInfo->pUser = pUser;
+    WatchDeletion(pInfo);
     CDBusManager::m_PipeCallback(data, &pInfo, sizeof pInfo);
 }

@@ -215,6 +215,7 @@ Steps Answered(int iResult, const std::string& strInfo, const std::string& strRe
     return {MANAGER.plainInfo(ANSWER, "START"),
             MANAGER.info(ANSWER, "m_PipeCallback >>> iRespResult:[" + std::to_string(iResult) +
                                      "],strRespInfo[" + strInfo + "]=="),
+            Did("deleted"),
             Did("reply " + strReply),
             MANAGER.plainInfo(ANSWER, "g_dbus_method_invocation_return_value"),
             MANAGER.plainInfo(ANSWER, "g_dbus_method_invocation_return_value")};
@@ -289,6 +290,7 @@ TEST_F(ADBusManager, AnswersNobodyWithoutAnInvocation)
         Timeline(),
         ElementsAre(MANAGER.plainInfo(ANSWER, "START"),
                     MANAGER.info(ANSWER, "m_PipeCallback >>> iRespResult:[0],strRespInfo[body]=="),
+                    Did("deleted"),
                     MANAGER.plainError(ANSWER, "GDBusMethodInvocation invocation is NULL")));
     EXPECT_EQ(CDBusManager::GetDbusProcessListNum(), 2u);
 }
@@ -317,11 +319,11 @@ TEST_F(ADBusManager, AnswersABodyThatTheBusCannotCarryAsFailed)
     deliver(&m_oManager, 0, std::string(33554376, 'x'), invocation());
 
     const Steps timeline = Timeline();
-    ASSERT_EQ(timeline.size(), 6u);
-    EXPECT_EQ(timeline[2], MANAGER.error(ANSWER,
+    ASSERT_EQ(timeline.size(), 7u);
+    EXPECT_EQ(timeline[3], MANAGER.error(ANSWER,
                                          "the response is too long for the bus, it is "
                                          "answered as failed"));
-    EXPECT_EQ(timeline[3], Did("reply -1 "));
+    EXPECT_EQ(timeline[4], Did("reply -1 "));
 }
 
 }  // namespace
