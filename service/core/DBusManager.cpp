@@ -12,6 +12,7 @@
 #include <csignal>
 #include <exception>
 #include <memory>
+#include <new>
 #include <string>
 
 guint32 g_iPendingCallCount = 0;
@@ -268,11 +269,15 @@ void CDBusManager::m_HandleMethodCall(GDBusConnection*, const char* sender, cons
         CBillingEngine* poBLEngine = BillingInstance<CBillingEngine>();
         BILLING_RETURN_IF(NULL == poBLEngine);
         ptMethod->pfnCall(*poBLEngine, oItem, invocation);
-    } catch (const std::exception&) {
-        // Not bad_alloc alone: the JSON library has an exception of its own for it.
+    } catch (const std::bad_alloc&) {
         BILLING_ERROR("no memory for the call's arguments, it is answered with an error");
         g_dbus_method_invocation_return_dbus_error(
             invocation, "org.freedesktop.DBus.Error.NoMemory", "no memory for the arguments");
+        return;
+    } catch (const std::exception& oError) {  // nothing may be thrown through GIO
+        BILLING_ERROR("the call cannot be made, it is answered with an error: %s", oError.what());
+        g_dbus_method_invocation_return_dbus_error(invocation, "org.freedesktop.DBus.Error.Failed",
+                                                   "the call cannot be made");
         return;
     }
     g_iPendingCallCount = g_iPendingCallCount == PENDING_CALLS_END ? 1 : g_iPendingCallCount + 1;

@@ -179,15 +179,24 @@ TEST_F(ADBusManager, CountsFrom65279BackToOne)
     EXPECT_EQ(CDBusManager::GetDbusProcessListNum(), 1u);
 }
 
-// Libraries have exceptions of their own for a lack of memory: the JSON library's is no bad_alloc.
 TEST_F(ADBusManager, AnswersACallWithAnErrorWhenMakingItsRequestThrows)
 {
-    const std::function<void()> failures[] = {[] { throw std::bad_alloc(); },
-                                              [] { throw std::runtime_error("no memory"); }};
-    for (const auto& fails : failures) {
+    struct Failure {
+        std::function<void()> fails;
+        const char* szLine;
+        const char* szAnswer;
+    };
+    const Failure failures[] = {
+        {[] { throw std::bad_alloc(); },
+         "no memory for the call's arguments, it is answered with an error",
+         "error org.freedesktop.DBus.Error.NoMemory: no memory for the arguments"},
+        {[] { throw std::runtime_error("the reason"); },
+         "the call cannot be made, it is answered with an error: the reason",
+         "error org.freedesktop.DBus.Error.Failed: the call cannot be made"}};
+    for (const Failure& tFailure : failures) {
         Bus() = BusDouble();
         fake::platform().clearTimeline();
-        Engine().fails = fails;
+        Engine().fails = tFailure.fails;
         g_iPendingCallCount = 5;
 
         call("confirm_purchase", "('app', 'custom', 'invoice', 'type')");
@@ -195,11 +204,7 @@ TEST_F(ADBusManager, AnswersACallWithAnErrorWhenMakingItsRequestThrows)
         EXPECT_EQ(Timeline(),
                   Taken("confirm_purchase", "('app', 'custom', 'invoice', 'type')") +
                       These(MANAGER.info(CALL, "handle confirm_purchase"), Did("ConfirmPurchase"),
-                            MANAGER.error(CALL,
-                                          "no memory for the call's arguments, it is answered "
-                                          "with an error"),
-                            Did("error org.freedesktop.DBus.Error.NoMemory: no memory for the "
-                                "arguments")));
+                            MANAGER.error(CALL, tFailure.szLine), Did(tFailure.szAnswer)));
         EXPECT_EQ(Bus().pAnswered, invocation());
         EXPECT_EQ(g_iPendingCallCount, 5u);
     }

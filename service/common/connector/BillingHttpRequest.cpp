@@ -13,6 +13,7 @@
 #include <cstdlib>
 #include <initializer_list>
 #include <memory>
+#include <new>
 #include <utility>
 
 namespace {
@@ -39,8 +40,9 @@ std::string Styled(const Json::Value& oValue)
 #pragma GCC diagnostic pop
 
 /// The body of both payment requests: members sorted by key, every value a text.
+/// @throw std::bad_alloc also where the JSON library has an exception of its own for it
 std::string PaymentBody(const CBillingItem& oItem)
-{
+try {
     const std::string strInvoiceId = oItem.strInvoiceId;
     const std::string strAppId = oItem.strAppId;
     const std::string strCustomId = oItem.strCustomId;
@@ -55,6 +57,8 @@ std::string PaymentBody(const CBillingItem& oItem)
     oBody["GUID"] = BillingUtil::GetSSOGUID();
     oBody["UID"] = BillingUtil::GetSSOUID();
     return Styled(oBody);
+} catch (const Json::RuntimeError&) {
+    throw std::bad_alloc();
 }
 
 /// Both forms of the purchase history say the same.
