@@ -342,13 +342,19 @@ TEST_F(TheDeviceKey, IsLeftAloneWithoutAContainer)
 
 TEST_F(TheDeviceKey, IsLeftAloneWhenTheContainerRefusesTheCertificatesKey)
 {
-    fake::platform().fails("set_public_key", 3);
+    for (const int iError : {3, -3}) {
+        fake::platform().fails("set_public_key", iError);
 
-    start();
+        start();
 
-    EXPECT_THAT(LoggedLines(), ElementsAre(Info("Verify the private key"), Debug("Set CC key pair"),
-                                           Debug("Set CC key pair result 3")));
-    EXPECT_THAT(keyCalls(), ElementsAre("ss_init_credential", "ss_encrypt_by_key 7"));
+        const std::string strError = std::to_string(iError);
+        EXPECT_THAT(
+            LoggedLines(),
+            ElementsAre(Info("Verify the private key"), Debug("Set CC key pair"),
+                        Debug("Set CC key pair result " + strError),
+                        Error("the certificate's public key is refused (" + strError + ")")));
+        EXPECT_THAT(keyCalls(), ElementsAre("ss_init_credential", "ss_encrypt_by_key 7"));
+    }
 }
 
 TEST_F(TheDeviceKey, WithoutAKnownIdIsNeitherAskedForNorStored)

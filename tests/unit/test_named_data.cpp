@@ -48,6 +48,24 @@ TEST_F(NamedData, LeavesTheTextAloneWhenTheStoreHandsOutNoBuffer)
     EXPECT_THAT(LoggedLines(), IsEmpty());
 }
 
+// The store takes names that end at a NUL: what stands behind it would be lost.
+TEST_F(NamedData, IsRefusedUnderANameWithANulAndTheShorterNameIsLeftAlone)
+{
+    const std::string strName("name\0x", 6);
+    fake::platform().data("name", "stays");
+    std::string strData = "old";
+
+    EXPECT_FALSE(m_poUtil->SecureRead(strName, strData));
+    EXPECT_FALSE(m_poUtil->SecureWrite(strName, "new"));
+    EXPECT_FALSE(m_poUtil->SecureClear(strName));
+
+    EXPECT_EQ(strData, "old");
+    EXPECT_EQ(fake::platform().data("name"), "stays");
+    EXPECT_THAT(Timeline(), ElementsAre(UTIL.refused("SecureRead", "HoldsNul(strName)"),
+                                        UTIL.refused("SecureWrite", "HoldsNul(strName)"),
+                                        UTIL.refused("SecureClear", "HoldsNul(strName)")));
+}
+
 TEST_F(NamedData, OfNoBytesIsReadAsAnEmptyText)
 {
     fake::platform().data("name", "");

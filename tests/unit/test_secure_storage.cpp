@@ -280,6 +280,13 @@ TEST_F(PrivateOperation, FailsOnATextTooLongToPad)
     EXPECT_EQ(encrypt(256, RSA_NO_PADDING), -1) << "padded by somebody else";
 
     EXPECT_THAT(fake::platform().calls(), IsEmpty());
+    EXPECT_THAT(LoggedLines(),
+                ElementsAre(UTIL.info(ENCRYPT, "rsa_private_encrypt, padding code 1 , flen 246"),
+                            UTIL.info(ENCRYPT, "Encrypt by KeyStore"),
+                            UTIL.error(ENCRYPT, "246 bytes cannot be padded for a signature"),
+                            UTIL.info(ENCRYPT, "rsa_private_encrypt, padding code 3 , flen 256"),
+                            UTIL.info(ENCRYPT, "Encrypt by KeyStore"),
+                            UTIL.error(ENCRYPT, "256 bytes cannot be padded for a signature")));
     ERR_clear_error();  // the caller of such an operation reads the reason there
 }
 

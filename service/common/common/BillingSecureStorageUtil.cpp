@@ -26,6 +26,12 @@ RSA_METHOD* MethodRecord(const RSA* pRsa)
     return s_pRecord;
 }
 
+// The store would take the part before it for the name.
+bool HoldsNul(const std::string& strName)
+{
+    return strName.find('\0') != std::string::npos;
+}
+
 }  // namespace
 
 BillingOpenSslPtr<BIO> OpenDeviceCertificate()
@@ -38,6 +44,7 @@ BillingOpenSslPtr<BIO> OpenDeviceCertificate()
 
 bool CBillingSecureStorageUtil::SecureRead(const std::string& strName, std::string& strData)
 {
+    BILLING_RETURN_IF(HoldsNul(strName), false);
     unsigned char* pBuffer = nullptr;
     size_t uDataSize = 0;
     const int iResult =
@@ -57,6 +64,7 @@ bool CBillingSecureStorageUtil::SecureRead(const std::string& strName, std::stri
 
 bool CBillingSecureStorageUtil::SecureWrite(const std::string& strName, const std::string& strData)
 {
+    BILLING_RETURN_IF(HoldsNul(strName), false);
     SecureClear(strName);
     const int iResult =
         ss_write(reinterpret_cast<const unsigned char*>(strData.data()), strData.size(), nullptr, 0,
@@ -70,6 +78,7 @@ bool CBillingSecureStorageUtil::SecureWrite(const std::string& strName, const st
 
 bool CBillingSecureStorageUtil::SecureClear(const std::string& strName)
 {
+    BILLING_RETURN_IF(HoldsNul(strName), false);
     const int iResult = ss_delete(0, strName.c_str(), &m_tCredential, m_iStorageFlags);
     if (iResult != 0) {
         BILLING_ERROR("ss_delete data name[%s] error num[%d]!", strName.c_str(), iResult);
@@ -154,6 +163,7 @@ int CBillingSecureStorageUtil::rsa_private_encrypt(int flen, const unsigned char
     // signature.
     std::array<unsigned char, BILLING_KEY_BYTES> aPadded;
     if (RSA_padding_add_PKCS1_type_1(aPadded.data(), BILLING_KEY_BYTES, from, flen) != 1) {
+        BILLING_ERROR("%d bytes cannot be padded for a signature", flen);
         return -1;
     }
     unsigned char* pBlock = aPadded.data();

@@ -23,7 +23,8 @@ public:
     CBillingSecureStorageUtil(const CBillingSecureStorageUtil&) = delete;
     CBillingSecureStorageUtil& operator=(const CBillingSecureStorageUtil&) = delete;
 
-    /// Reads named data. @param[out] strData as it was when there is none @return false when the
+    /// Reads named data. A name that holds a NUL is refused, here and below.
+    /// @param[out] strData as it was when there is none @return false when the
     /// store refused
     bool SecureRead(const std::string& strName, std::string& strData);
     /// Replaces named data. @return false when the store refused; the name is then deleted

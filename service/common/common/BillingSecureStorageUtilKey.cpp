@@ -92,7 +92,11 @@ ContainerPtr ReferenceContainer()
         pContainer->set_public_key(pMade, tKey.aModulus.data(), tKey.aModulus.size(),
                                    tKey.aExponent.data(), tKey.uExponentSize);
     BILLING_DEBUG_AS(OPERATION, "Set CC key pair result %d", iResult);
-    return iResult == 0 ? std::move(pContainer) : nullptr;
+    if (iResult != 0) {
+        BILLING_ERROR_AS(OPERATION, "the certificate's public key is refused (%d)", iResult);
+        return nullptr;
+    }
+    return pContainer;
 }
 
 // What the key is tried on: any text will do, padded as a signature is, for the tokens that look.
