@@ -5,7 +5,7 @@
 #include "BillingEngine.h"
 #include "BillingTaskBase.h"
 #include "BusFilter.h"
-#include "deletions.h"
+#include "heap_double.h"
 
 BusDouble& Bus()
 {

@@ -2,11 +2,13 @@
 // CBillingEngine's pipe to its reader, also when there are too many or the engine goes.
 #include "allocation_switch.h"
 #include "engine_fixture.h"
+#include "heap_double.h"
 
 #include <gmock/gmock.h>
 
 #include <algorithm>
 #include <atomic>
+#include <sstream>
 #include <thread>
 
 using ::testing::ElementsAre;
@@ -88,6 +90,31 @@ TEST_F(ResponseCallbacks, CheckServerAvailabilityLogsWithAnArrowAndNoTrailingBla
                             ENGINE_LINES.info(strName, "-------> bResponseCode :0"),
                             ENGINE_LINES.info(strName, "-------> strRsp :body"), noted(), written(),
                             ENGINE_LINES.debug(strName, "[END] ")));
+}
+
+// The response's copy for the record, or the record's for the pipe.
+TEST_F(ResponseCallbacks, AnswerAsFailedWhatFindsNoMemory)
+{
+    for (const int iAllocation : {1, 2}) {
+        m_results.clear();
+        fake::platform().clearTimeline();
+        std::string strBody(5000, 'x');
+        auto* pContext = new EngineRequestContext{&m_oEngine, caller(), false};
+        std::ostringstream user;
+        user << "pReturnInfo->pUser " << caller();
+        FailLargeAllocation(5000, iAllocation);
+
+        CBillingEngine::m_PurchaseHistoryCB(true, strBody, pContext);
+
+        EXPECT_THAT(resultsOnPipe(1), ElementsAre(Result{5, -1, "", caller()}));
+        EXPECT_THAT(
+            Timeline(),
+            ElementsAre(ENGINE_LINES.debug("m_PurchaseHistoryCB", "[START] "),
+                        ENGINE_LINES.error("m_PurchaseHistoryCB",
+                                           "no memory for the response, it is answered as failed"),
+                        ENGINE_LINES.info("m_WriteRequestResultToPipe", user.str()), written(),
+                        ENGINE_LINES.debug("m_PurchaseHistoryCB", "[END] ")));
+    }
 }
 
 TEST_F(AnEngine, SendsACopyOfAllTwelveFieldsMarkedWithTheRequestsType)

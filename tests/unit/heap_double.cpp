@@ -1,5 +1,5 @@
-// deletions.cpp - replaces operator new and delete in the test program.
-#include "deletions.h"
+// heap_double.cpp - replaces operator new and delete in the test program.
+#include "heap_double.h"
 
 #include "log_matchers.h"
 
@@ -9,6 +9,8 @@
 namespace {
 
 thread_local const void* t_pWatched = nullptr;
+thread_local std::size_t t_large = 0;
+thread_local int t_untilFailure = 0;
 
 void Free(void* pMemory)
 {
@@ -26,8 +28,17 @@ void WatchDeletion(const void* pMemory)
     t_pWatched = pMemory;
 }
 
+void FailLargeAllocation(std::size_t bytes, int n)
+{
+    t_large = bytes;
+    t_untilFailure = n;
+}
+
 void* operator new(std::size_t size)
 {
+    if (t_untilFailure > 0 && size >= t_large && --t_untilFailure == 0) {
+        throw std::bad_alloc();
+    }
     if (void* pMemory = std::malloc(size)) {
         return pMemory;
     }
