@@ -312,7 +312,7 @@ void CDBusManager::m_PipeCallback(void* data, void* buffer, unsigned int)
     // What the bus cannot carry would cost the service its connection.
     if (!MakeReplyText(strRespInfo,
                        ReplyTextLimit(g_dbus_method_invocation_get_sender(pInvocation)))) {
-        BILLING_ERROR("the response is too long for the bus, it is answered as failed");
+        BILLING_ERROR("the response does not fit the bus or the memory, it is answered as failed");
         iRespResult = BILLING_RESULT_HTTP_ERROR;
     }
     g_dbus_method_invocation_return_value(pInvocation,

@@ -5,6 +5,7 @@
 
 #include <cstring>
 #include <memory>
+#include <new>
 
 namespace {
 
@@ -42,7 +43,7 @@ std::size_t ReplyTextLimit(const char* szDestination)
     return MESSAGE_BYTES - uHeader - (4 + 4 + 1);
 }
 
-bool MakeReplyText(std::string& strText, std::size_t uLimit)
+bool MakeReplyText(std::string& strText, std::size_t uLimit) noexcept
 {
     const std::size_t uLength = ValidLength(strText);
     if (uLength > uLimit) {
@@ -52,7 +53,12 @@ bool MakeReplyText(std::string& strText, std::size_t uLimit)
     if (uLength != strText.size()) {
         const std::unique_ptr<char, decltype(&g_free)> szValid(
             g_utf8_make_valid(strText.data(), static_cast<gssize>(strText.size())), g_free);
-        strText = szValid.get();
+        try {
+            strText = szValid.get();
+        } catch (const std::bad_alloc&) {  // called from C code, which lets none through
+            std::string().swap(strText);
+            return false;
+        }
     }
     return true;
 }

@@ -14,5 +14,5 @@ std::size_t ReplyTextLimit(const char* szDestination);
 /// Makes the text valid UTF-8 without NUL: each byte that is not becomes U+FFFD. A text that is
 /// valid stays as it is.
 /// @param[in,out] strText emptied when false is returned
-/// @return false when the text, made valid, is longer than the limit
-bool MakeReplyText(std::string& strText, std::size_t uLimit);
+/// @return false when the text, made valid, is longer than the limit or finds no memory
+bool MakeReplyText(std::string& strText, std::size_t uLimit) noexcept;

@@ -325,9 +325,10 @@ TEST_F(ADBusManager, AnswersABodyThatTheBusCannotCarryAsFailed)
 
     const Steps timeline = Timeline();
     ASSERT_EQ(timeline.size(), 7u);
-    EXPECT_EQ(timeline[3], MANAGER.error(ANSWER,
-                                         "the response is too long for the bus, it is "
-                                         "answered as failed"));
+    EXPECT_EQ(
+        timeline[3],
+        MANAGER.error(ANSWER,
+                      "the response does not fit the bus or the memory, it is answered as failed"));
     EXPECT_EQ(timeline[4], Did("reply -1 "));
 }
 

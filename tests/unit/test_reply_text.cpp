@@ -1,5 +1,6 @@
 // test_reply_text.cpp - what of a server's body the bus can carry.
 #include "ReplyText.h"
+#include "heap_double.h"
 
 #include <gtest/gtest.h>
 
@@ -50,6 +51,17 @@ TEST_F(ReplyText, TakesATextOfExactlyTheLimit)
 {
     EXPECT_EQ(made("12345", 5), "12345");
     EXPECT_EQ(made("12\xff", 5), "12\uFFFD");
+}
+
+TEST_F(ReplyText, EmptiesATextThatFindsNoMemoryAndThrowsNothing)
+{
+    std::string strText(5000, '\xff');
+    FailLargeAllocation(10000, 1);
+
+    EXPECT_FALSE(MakeReplyText(strText, 20000));
+
+    EXPECT_EQ(strText, "");
+    EXPECT_EQ(made(std::string(2, '\xff')), "\uFFFD\uFFFD") << "the next one is made";
 }
 
 TEST_F(ReplyText, EmptiesATextThatIsTooLong)
