@@ -8,6 +8,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <memory>
 #include <string>
 #include <vector>
@@ -33,6 +34,21 @@ Line Error(const std::string& strText)
 {
     return KEY.error("CBillingSecureStorageUtil", strText);
 }
+
+}  // namespace
+
+extern "C" {
+void __real_OPENSSL_cleanse(void* memory, std::size_t size);
+void __wrap_OPENSSL_cleanse(void* memory, std::size_t size)
+{
+    const auto* pBytes = static_cast<const unsigned char*>(memory);
+    const bool bSecret = std::any_of(pBytes, pBytes + size, [](int c) { return c != 0; });
+    Note("wipe " + std::to_string(size) + (bSecret ? " bytes" : " bytes that hold nothing"));
+    __real_OPENSSL_cleanse(memory, size);
+}
+}
+
+namespace {
 
 Line CannotProcess(int iError)
 {
@@ -167,6 +183,25 @@ TEST_F(TheDeviceKey, IsStoredWithItsTypeUseAndPartsOf257Bytes)
     EXPECT_EQ(call.exponentSize, 257u);
     EXPECT_EQ(call.keyId, 7);
     EXPECT_TRUE(call.restIsZero);
+}
+
+// Both parts, whole, and after the store has them; also when the store refuses them.
+TEST_F(TheDeviceKey, IsWipedFromTheProcessOnceItIsStored)
+{
+    for (const int iError : {0, 5}) {
+        fake::platform().noStoredKey();
+        fake::platform().fails("ss_store_rsa_key", iError);
+        fake::platform().clearTimeline();
+
+        start();
+
+        EXPECT_THAT(Notes(), ElementsAre("wipe 257 bytes", "wipe 257 bytes"));
+        Steps steps = Timeline();
+        const auto itStored = std::find(steps.begin(), steps.end(), Asked("ss_store_rsa_key 7"));
+        const auto itWiped = std::find(steps.begin(), steps.end(), Did("wipe 257 bytes"));
+        ASSERT_NE(itStored, steps.end());
+        EXPECT_LT(itStored, itWiped);
+    }
 }
 
 TEST_F(TheDeviceKey, ReplacesOneThatIsNotTheCertificates)
