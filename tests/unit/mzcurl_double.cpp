@@ -127,6 +127,7 @@ bool MZCurlEasy::send()
 void MZCurlEasy::reset()
 {
     Event("reset");
+    Curl().strLastError = "forgotten";
 }
 
 MZCurlMulti::MZCurlMulti() = default;

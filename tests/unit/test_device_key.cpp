@@ -141,6 +141,20 @@ TEST_F(TheDeviceKey, IsFoundAndValid)
     EXPECT_THAT(keyCalls(), ElementsAre("ss_init_credential", "ss_encrypt_by_key 7"));
 }
 
+// Only 0 is no id.
+TEST_F(TheDeviceKey, IsFoundAndStoredUnderAnIdBelowZero)
+{
+    fake::platform().keyId(-7);
+    fake::platform().storedKey(-7);
+    start();
+    EXPECT_EQ(LoggedLines(), Verified());
+
+    fake::platform().noStoredKey();
+    start();
+    EXPECT_EQ(LoggedLines().back(), Info("Private key is valid"));
+    EXPECT_THAT(fake::platform().storedKeyIds(), ElementsAre(-7));
+}
+
 TEST_F(TheDeviceKey, IsAskedForWithTheFiveWordsFollowedByOneAndZero)
 {
     start();
@@ -272,28 +286,33 @@ TEST_F(TheDeviceKey, StaysMissingOnADeviceWithoutKeyMaterial)
 
 TEST_F(TheDeviceKey, IsNotStoredFromMaterialThatDoesNotOpen)
 {
-    fake::platform().noStoredKey();
-    fake::platform().fails("open_key_material", 5);
+    for (const int iError : {5, -5}) {
+        fake::platform().noStoredKey();
+        fake::platform().fails("open_key_material", iError);
 
-    start();
+        start();
 
-    EXPECT_EQ(LoggedLines().back(), Error("failed to decrypt (5)"));
-    EXPECT_THAT(keyCalls(), Not(Contains("ss_store_rsa_key 7")));
+        EXPECT_EQ(LoggedLines().back(),
+                  Error("failed to decrypt (" + std::to_string(iError) + ")"));
+        EXPECT_THAT(keyCalls(), Not(Contains("ss_store_rsa_key 7")));
+    }
 }
 
 TEST_F(TheDeviceKey, IsReportedWhenItCannotBeStored)
 {
-    fake::platform().noStoredKey();
-    fake::platform().fails("ss_store_rsa_key", 7);
+    for (const int iError : {7, -7}) {
+        fake::platform().noStoredKey();
+        fake::platform().fails("ss_store_rsa_key", iError);
 
-    start();
+        start();
 
-    EXPECT_EQ(LoggedLines(),
-              Joined({{Info("Verify the private key"), CannotProcess(2)},
-                      Reference(),
-                      {Info("Store key result 7"), Error("ss_store_rsa_key Error!")}}));
-    EXPECT_THAT(keyCalls(),
-                ElementsAre("ss_init_credential", "ss_encrypt_by_key 7", "ss_store_rsa_key 7"));
+        EXPECT_EQ(LoggedLines(), Joined({{Info("Verify the private key"), CannotProcess(2)},
+                                         Reference(),
+                                         {Info("Store key result " + std::to_string(iError)),
+                                          Error("ss_store_rsa_key Error!")}}));
+        EXPECT_THAT(keyCalls(),
+                    ElementsAre("ss_init_credential", "ss_encrypt_by_key 7", "ss_store_rsa_key 7"));
+    }
 }
 
 TEST_F(TheDeviceKey, IsRemovedAgainWhenItGotAnotherId)
@@ -316,7 +335,7 @@ class AnUnreachableStore : public TheDeviceKey, public ::testing::WithParamInter
 INSTANTIATE_TEST_SUITE_P(TheDeviceKey, AnUnreachableStore,
                          ::testing::Values(SS_ERROR_PARAMETER, SS_ERROR_ACCESS,
                                            SS_ERROR_UNAVAILABLE, SS_ERROR_BROKEN,
-                                           SS_ERROR_NO_MEMORY, SS_ERROR_REFUSED, 77));
+                                           SS_ERROR_NO_MEMORY, SS_ERROR_REFUSED, 77, -77));
 
 TEST_P(AnUnreachableStore, IsLeftAlone)
 {
@@ -365,14 +384,16 @@ TEST_F(TheDeviceKey, IsNotStoredWithoutACertificateThatItBelongsTo)
 
 TEST_F(TheDeviceKey, IsLeftAloneWithoutAContainer)
 {
-    fake::platform().fails("create_CryptoCoreContainer", 3);
+    for (const int iError : {3, -3}) {
+        fake::platform().fails("create_CryptoCoreContainer", iError);
 
-    start();
+        start();
 
-    EXPECT_THAT(LoggedLines(),
-                ElementsAre(Info("Verify the private key"),
-                            Error("Internal error, OpenSSL objects are not created")));
-    EXPECT_THAT(keyCalls(), ElementsAre("ss_init_credential", "ss_encrypt_by_key 7"));
+        EXPECT_THAT(LoggedLines(),
+                    ElementsAre(Info("Verify the private key"),
+                                Error("Internal error, OpenSSL objects are not created")));
+        EXPECT_THAT(keyCalls(), ElementsAre("ss_init_credential", "ss_encrypt_by_key 7"));
+    }
 }
 
 TEST_F(TheDeviceKey, IsLeftAloneWhenTheContainerRefusesTheCertificatesKey)

@@ -122,6 +122,31 @@ TEST_F(NamedData, IsGoneWhenItCouldNotBeWritten)
                                                       "error num[4]!")));
 }
 
+// Any number but 0 is an error.
+TEST_F(NamedData, ReportsErrorsOfEitherSign)
+{
+    for (const int iError : {1, -1}) {
+        const std::string strError = " data name[name] error num[" + std::to_string(iError) + "]!";
+        fake::platform().fails("ss_read", iError);
+        fake::platform().fails("ss_write", iError);
+        fake::platform().fails("ss_delete", iError);
+        fake::platform().clearTimeline();
+        std::string strData = "old";
+
+        EXPECT_FALSE(m_poUtil->SecureRead("name", strData));
+        EXPECT_FALSE(m_poUtil->SecureWrite("name", "new"));
+
+        EXPECT_EQ(strData, "old");
+        EXPECT_THAT(
+            Timeline(),
+            ElementsAre(Asked("ss_read name"),
+                        UTIL.error("SecureRead", "ss_read error,data name[name] error num[" +
+                                                     std::to_string(iError) + "]!"),
+                        Asked("ss_delete name"), UTIL.error("SecureClear", "ss_delete" + strError),
+                        Asked("ss_write name"), UTIL.error("SecureWrite", "ss_write" + strError)));
+    }
+}
+
 TEST_F(NamedData, IsDeleted)
 {
     fake::platform().data("name", "old");

@@ -260,12 +260,14 @@ TEST_F(PrivateOperation, FailsWithoutAKeyIdAndDoesNotCallTheKeyStore)
 
 TEST_F(PrivateOperation, FailsWhenTheKeyStoreDoes)
 {
-    fake::platform().fails("ss_encrypt_by_key", 4);
+    for (const int iError : {4, -4}) {
+        fake::platform().fails("ss_encrypt_by_key", iError);
 
-    EXPECT_EQ(encrypt(51), -1);
+        EXPECT_EQ(encrypt(51), -1);
 
-    EXPECT_EQ(m_to[0], 0xee);
-    EXPECT_EQ(LoggedLines().back(), UTIL.info(ENCRYPT, "Encrypt by KeyStore"));
+        EXPECT_EQ(m_to[0], 0xee);
+        EXPECT_EQ(LoggedLines().back(), UTIL.info(ENCRYPT, "Encrypt by KeyStore"));
+    }
 }
 
 TEST_F(PrivateOperation, TakesTheLongestTextThatThePaddingHasRoomFor)

@@ -27,7 +27,7 @@ constexpr bool BIG_TIME = sizeof(time_t) > 4;
 
 struct Clock {
     time_t tNow = END_OF_JANUARY;
-    bool bUnreadable = false;
+    int iUnreadable = 0;
     bool bNoUtcTime = false;
     const char* szKey = nullptr;  ///< the last one that was asked for
     int iZoneResult = 0;          ///< what the zone service says beside its offsets
@@ -45,8 +45,8 @@ time_t __wrap_time(time_t* out)
 
 int __wrap_gettimeofday(timeval* now, void*)
 {
-    if (g_tClock.bUnreadable) {
-        return -1;
+    if (g_tClock.iUnreadable != 0) {
+        return g_tClock.iUnreadable;
     }
     *now = {g_tClock.tNow, 999999};
     return 0;
@@ -320,11 +320,13 @@ TEST_F(Time, HasNoOffsetsForANullPointer)
     int iOffset = 7;
     EXPECT_EQ(m_oTime.GetMZTimeZone(nullptr, &iOffset), 0) << "the same as success";
     EXPECT_EQ(m_oTime.GetMZTimeZone(&iOffset, nullptr), 0);
+    EXPECT_EQ(m_oTime.GetMZTimeZone(nullptr, nullptr), 0) << "the first one is named";
     EXPECT_EQ(iOffset, 7);
     const Line tSaid = Source.error("GetMZTimeZone", "ptUtOff or ptDesOff or ptTimeZone is NULL");
     EXPECT_THAT(LoggedLines(),
                 ElementsAre(tSaid, Source.refused("GetMZTimeZone", "NULL == ptUTCOff"), tSaid,
-                            Source.refused("GetMZTimeZone", "NULL == ptDesOff")));
+                            Source.refused("GetMZTimeZone", "NULL == ptDesOff"), tSaid,
+                            Source.refused("GetMZTimeZone", "NULL == ptUTCOff")));
 }
 
 // --- elapsed time ---
@@ -345,11 +347,13 @@ TEST_F(Time, HasPassedSinceAStart)
 
 TEST_F(Time, HasNotPassedWhenTheClockCannotBeRead)
 {
-    g_tClock.bUnreadable = true;
-    EXPECT_EQ(m_oTime.GetTimeOfDay(), -1);
-    EXPECT_EQ(m_oTime.GetDuringTime(0), "");
+    for (const int iError : {-1, 1}) {
+        g_tClock.iUnreadable = iError;
+        EXPECT_EQ(m_oTime.GetTimeOfDay(), -1);
+        EXPECT_EQ(m_oTime.GetDuringTime(0), "");
+    }
     const Line tLine = Source.error("GetTimeOfDay", "get timeOfDay fail");
-    EXPECT_THAT(LoggedLines(), ElementsAre(tLine, tLine));
+    EXPECT_THAT(LoggedLines(), ElementsAre(tLine, tLine, tLine, tLine));
 }
 
 // --- dates ---
@@ -393,6 +397,15 @@ TEST_F(Time, IsWrittenAcrossLeapDaysAndYears)
     EXPECT_EQ(date(2, -29), "2024-02-29");
     EXPECT_EQ(date(2, -30), "2024-03-01");
     EXPECT_EQ(date(2, 31), "2023-12-31");
+}
+
+TEST_F(Time, IsWrittenWithTwoDigitsButTheYearWithBlanks)
+{
+    EXPECT_EQ(date(2, 118), "2023-10-05");
+    if constexpr (BIG_TIME) {
+        EXPECT_EQ(date(2, 374039), " 999-12-31");
+        EXPECT_EQ(date(1, 735716), "   9-10-05 23:59:59");
+    }
 }
 
 TEST_F(Time, IsCountedInDaysOf24HoursAlsoAcrossAChange)
