@@ -3,6 +3,7 @@
 // two records.
 #include "log_format.h"
 #include "log_sink.h"
+#include "log_steps.h"
 
 #include <platform/log.h>
 
@@ -20,6 +21,7 @@ constexpr const char* kTag = "BILLING_PLATFORM";
 /// What the environment says, once for the life of the process.
 struct Settings {
     int threshold;
+    bool steps;  ///< of a call, at information level
     logging::Sink sink;
     logging::FormatOptions options;
 };
@@ -30,27 +32,38 @@ const char* variable(const char* name)
     return value != nullptr && *value != '\0' ? value : nullptr;
 }
 
-/// @return 0 for a name that is no level
-int levelOf(const char* name)
+struct Level {
+    const char* name;
+    log_priority threshold;
+    bool steps;
+};
+
+/// @return null for a name that is no level
+const Level* levelOf(const char* name)
 {
-    static constexpr struct {
-        const char* name;
-        log_priority level;
-    } kLevels[] = {
-        {"debug", DLOG_DEBUG}, {"info", DLOG_INFO}, {"warning", DLOG_WARN}, {"error", DLOG_ERROR}};
-    for (const auto& known : kLevels) {
+    static constexpr Level kLevels[] = {{"debug", DLOG_DEBUG, true},
+                                        {"info", DLOG_INFO, true},
+                                        {"call", DLOG_INFO, false},
+                                        {"warning", DLOG_WARN, false},
+                                        {"error", DLOG_ERROR, false}};
+    for (const Level& known : kLevels) {
         if (strcmp(name, known.name) == 0)
-            return known.level;
+            return &known;
     }
-    return 0;
+    return nullptr;
 }
 
 Settings fromEnvironment()
 {
-    Settings settings{DLOG_INFO, logging::detectSink(), {}};
-    const char* const level = variable("PLEVO_LOG_LEVEL");
-    if (level != nullptr && levelOf(level) != 0)
-        settings.threshold = levelOf(level);
+    const logging::Sink sink = logging::detectSink();
+    // A journal is kept; a terminal is looked at.
+    Settings settings{DLOG_INFO, sink == logging::Sink::Stderr, sink, {}};
+    const char* const name = variable("PLEVO_LOG_LEVEL");
+    const Level* const level = name != nullptr ? levelOf(name) : nullptr;
+    if (level != nullptr) {
+        settings.threshold = level->threshold;
+        settings.steps = level->steps;
+    }
     const char* const privacy = variable("PLEVO_LOG_PRIVATE");
     settings.options.showPrivate = privacy != nullptr && strcmp(privacy, "show") == 0;
     settings.options.fields = settings.sink == logging::Sink::Journal;
@@ -66,10 +79,10 @@ thread_local logging::CallerName t_caller;
 bool reportEnvironment()
 {
     const char* const level = variable("PLEVO_LOG_LEVEL");
-    if (level != nullptr && levelOf(level) == 0)
+    if (level != nullptr && levelOf(level) == nullptr)
         __dlog_print(DLOG_ERROR, kTag,
-                     "log: PLEVO_LOG_LEVEL=%s is none of debug, info, warning and error; info is "
-                     "used",
+                     "log: PLEVO_LOG_LEVEL=%s is none of debug, info, call, warning and error; the "
+                     "default is used",
                      level);
     const char* const privacy = variable("PLEVO_LOG_PRIVATE");
     if (privacy != nullptr && strcmp(privacy, "show") != 0)
@@ -86,6 +99,8 @@ bool reportEnvironment()
 int __dlog_print(log_priority prio, const char* tag, const char* format, ...)
 {
     if (prio < g_settings.threshold)
+        return 0;
+    if (prio == DLOG_INFO && !g_settings.steps && logging::isStep(format))
         return 0;
     const int error = errno;
     logging::Record record;

@@ -125,15 +125,18 @@ void CBusFilter::Incoming(BusMessagePtr& pMessage)
     if (g_dbus_message_get_message_type(pMessage.get()) != G_DBUS_MESSAGE_TYPE_METHOD_CALL) {
         return;
     }
+    const gchar* szSender = g_dbus_message_get_sender(pMessage.get());
+    const std::string strSender = szSender != nullptr ? szSender : "";
     const std::size_t uBytes = BodyBytes(pMessage.get());
     if (uBytes <= BusLimits::ARGUMENT_BYTES) {
+        const std::lock_guard<std::mutex> oLock(m_oLock);
+        m_oFlow.Called(strSender);
         return;
     }
     const BusMessagePtr pCall = std::move(pMessage);
     Refuse(pCall.get(), uBytes);
-    const gchar* szSender = g_dbus_message_get_sender(pCall.get());
     const std::lock_guard<std::mutex> oLock(m_oLock);
-    m_oFlow.RefusedCall(szSender != nullptr ? szSender : "", uBytes);
+    m_oFlow.RefusedCall(strSender, uBytes);
 }
 
 void CBusFilter::Refuse(GDBusMessage* pCall, std::size_t uBytes)

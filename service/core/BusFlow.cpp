@@ -23,6 +23,15 @@ void CBusFlow::Start(const std::string& strOwnName)
     m_questions.Ask({BusQuestion::UNREAD, strOwnName, 0, m_oPort.Now()});
 }
 
+void CBusFlow::Called(const std::string& strSender)
+{
+    // No timer: a bus that does not answer is found out by what the flow control needs to know.
+    if (!m_users.Knows(strSender) &&
+        m_questions.Ask({BusQuestion::USER, strSender, 0, m_oPort.Now()})) {
+        m_users.Asked(strSender);
+    }
+}
+
 void CBusFlow::RefusedCall(const std::string& strSender, std::size_t uArgumentBytes)
 {
     const gint64 iNow = m_oPort.Now();

@@ -10,6 +10,7 @@
 #include "BusPort.h"
 #include "BusQuestions.h"
 #include "BusReport.h"
+#include "BusUsers.h"
 
 #include <string>
 
@@ -21,6 +22,9 @@ public:
 
     /// Finds out whether the bus tells what is unread. @param strOwnName the service's unique name
     void Start(const std::string& strOwnName);
+
+    /// A call has come in. @param strSender asked about once: whose it is
+    void Called(const std::string& strSender);
 
     /// A call was refused for its arguments.
     void RefusedCall(const std::string& strSender, std::size_t uArgumentBytes);
@@ -48,7 +52,7 @@ private:
     void OnUnread(const BusOpenQuestion& tQuestion, const BusAnswer& tAnswer, gint64 iNow);
     void OnPing(const BusOpenQuestion& tQuestion, const BusAnswer& tAnswer, gint64 iNow);
     void OnOwner(const BusOpenQuestion& tQuestion, const BusAnswer& tAnswer, gint64 iNow);
-    void OnUser(const BusOpenQuestion& tQuestion, const BusAnswer& tAnswer);
+    void OnUser(const BusOpenQuestion& tQuestion, const BusAnswer& tAnswer, gint64 iNow);
     void OnProof(gint64 iNow);
     void BusIsNoMeans(const std::string& strError);
     void PingIsNoMeans(const std::string& strError);
@@ -70,6 +74,7 @@ private:
     CBusLedger m_ledger;
     CBusQuestions m_questions;
     CBusReport m_report;
+    CBusUsers m_users;
     Means m_eMeans = Means::BUS;
     std::string m_strBusError;  // how the bus refused to tell
     // No caller has answered a ping yet, and the log does not know that callers are asked.

@@ -78,7 +78,7 @@ void CBusFlow::AskWhose(const std::string& strName, gint64 iNow)
 {
     const BusOpenQuestion tQuestion{BusQuestion::USER, strName, 0, iNow};
     if (!m_questions.Ask(tQuestion)) {
-        OnUser(tQuestion, BusAnswer{});
+        OnUser(tQuestion, BusAnswer{}, iNow);
         return;
     }
     m_oPort.WakeAt(iNow + BUS_SILENT_MS);
@@ -117,7 +117,7 @@ bool CBusFlow::Answer(GDBusMessage* pMessage)
             OnOwner(*tQuestion, tAnswer, iNow);
             break;
         case BusQuestion::USER:
-            OnUser(*tQuestion, tAnswer);
+            OnUser(*tQuestion, tAnswer, iNow);
             break;
         case BusQuestion::PROOF:
             OnProof(iNow);
@@ -195,8 +195,11 @@ void CBusFlow::OnOwner(const BusOpenQuestion& tQuestion, const BusAnswer& tAnswe
     }
 }
 
-void CBusFlow::OnUser(const BusOpenQuestion& tQuestion, const BusAnswer& tAnswer)
+void CBusFlow::OnUser(const BusOpenQuestion& tQuestion, const BusAnswer& tAnswer, gint64 iNow)
 {
+    if (tAnswer.bValue) {
+        m_users.IsOf(tQuestion.strName, tAnswer.uValue, iNow);
+    }
     const std::string strUser = tAnswer.bValue ? std::to_string(tAnswer.uValue) : UNKNOWN_USER;
     m_report.IsOf(tQuestion.strName, strUser);
     BusCaller* ptCaller = m_ledger.Find(tQuestion.strName);

@@ -110,6 +110,13 @@ constexpr std::size_t REFUSED_CALLERS = 64;
 constexpr unsigned REPORTS = 20;
 constexpr gint64 REPORT_PERIOD_MS = 60000;
 
+/// Callers whose user the log has told, and is not asked for again. 256 cost some 40 KiB by reckoning.
+constexpr std::size_t TOLD_CALLERS = 256;
+
+/// Lines about new callers of one user within REPORT_PERIOD_MS: an app that comes for one call at a
+/// time must not fill the journal, and hides no other user's callers by it.
+constexpr unsigned TOLD_LINES = 20;
+
 /// Milliseconds in which a caller answers a ping, or the report does not wait for it.
 constexpr gint64 PING_REPORT_MS = 1000;
 

@@ -7,6 +7,7 @@ import sys
 
 import pytest
 from harness.device import SECRETS
+from harness.journal import Journal
 from harness.methods import answers
 from harness.server import Truncate
 
@@ -122,3 +123,76 @@ def test_the_journal_says_who_called_what_and_what_came_of_it(start_daemon, call
         assert said[0]["BILLING_METHOD"] == method
         assert [entry["BILLING_RESULT"] for entry in said if "BILLING_RESULT" in entry] == ["-1"]
     assert any("BILLING_SENDER" not in entry for entry in entries)
+
+
+@pytest.fixture
+def journal(tmp_path):
+    made = Journal(tmp_path)
+    yield made
+    made.close()
+
+
+def told(journal):
+    """The texts of what has come to the journal without file, function and line, and their bytes."""
+    records = journal.records()
+    texts = [fields["MESSAGE"].partition(" > ")[2] or fields["MESSAGE"] for fields, _ in records]
+    return texts, sum(size for _, size in records)
+
+
+@pytest.mark.parametrize("method", ARGUMENTS)
+def test_a_call_takes_three_records_of_the_journal(needs_view, start_daemon, caller, journal, method):
+    process = start_daemon(level="", **journal.options)
+    process.wait_for_name(caller)
+    caller.call("check_server_availability")
+    journal.records()
+
+    assert caller.call(method, *ARGUMENTS[method])[0] == 0
+
+    texts, size = told(journal)
+    print(f"{method}: {len(texts)} records, {size} bytes")
+    assert texts == [f"method name = {method}", "Setup SSL options",
+                     "m_PipeCallback >>> iRespResult:[0],strRespInfo[<private:2 bytes>]=="]
+    assert size < 1000
+
+
+def test_a_call_that_fails_says_why_in_the_journal(needs_view, start_daemon, caller, store, journal):
+    process = start_daemon(level="call", **journal.options)
+    process.wait_for_name(caller)
+    store.answer = Truncate(ANSWER, missing=1)
+    journal.records()
+
+    assert caller.call("get_product_list", "a", "0", "c")[0] == -1
+
+    texts, _ = told(journal)
+    assert [text for text in texts if text.startswith("MZCurl multiResult ErrorCode = 18")]
+    assert [text for text in texts if text.startswith("transfer ")]
+    assert "m_PipeCallback >>> iRespResult:[-1]" in texts[-1]
+
+
+def test_the_level_info_keeps_each_step_in_the_journal(needs_view, start_daemon, caller, journal):
+    process = start_daemon(level="info", **journal.options)
+    process.wait_for_name(caller)
+    caller.call("check_server_availability")
+    journal.records()
+
+    caller.call("get_product_list", "a", "0", "c")
+
+    texts, size = told(journal)
+    print(f"{len(texts)} records, {size} bytes")
+    assert len(texts) >= 18
+    assert "handle get_product_list" in texts
+
+
+def test_the_journal_says_whose_a_caller_is_once(needs_view, start_daemon, callers, journal):
+    process = start_daemon(level="", **journal.options)
+    first, second = callers(), callers()
+    process.wait_for_name(first)
+    for caller in (first, second, first, second):
+        caller.call("check_server_availability")
+
+    said = [fields for fields, _ in journal.records() if "BILLING_UID" in fields]
+    names = [caller.connection.get_unique_name() for caller in (first, second)]
+    assert [fields["BILLING_SENDER"] for fields in said] == names
+    assert {fields["BILLING_UID"] for fields in said} == {str(os.geteuid())}
+    assert [fields["MESSAGE"].partition(" > ")[2] for fields in said] == [
+        f"caller {name} is of user {os.geteuid()}" for name in names]

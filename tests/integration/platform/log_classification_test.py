@@ -9,6 +9,7 @@ import pytest
 
 ROOT = pathlib.Path(os.environ["SOURCE_ROOT"])
 TABLE = ROOT / "platform/linux/log_private.inc"
+STEPS = ROOT / "platform/linux/log_steps.inc"
 # Where the names below are defined: their formats are their callers'.
 LOG_MACROS = "BillingLog.h"
 # The format follows the arguments that these take before it.
@@ -128,6 +129,17 @@ def test_the_table_gives_each_conversion_its_letter():
         kinds = conversions(text)
         assert len(kinds) == len(rules), text
         assert [kind == "s" for kind in kinds] == [rule != "." for rule in rules], text
+
+
+def test_each_step_of_a_call_is_a_message_of_the_service_and_stands_once():
+    known = {bare(text_of(tokens)) for path in sources()
+             for _, tokens in calls(path.read_text(encoding="utf-8"))
+             if tokens and all(LITERAL.fullmatch(token) for token in tokens)}
+    lines = [line for line in STEPS.read_text(encoding="utf-8").splitlines()
+             if line and not line.startswith("//")]
+    steps = [text_of(re.findall(r'^STEP\(("(?:\\.|[^"\\])*")\)$', line)) for line in lines]
+    assert len(set(steps)) == len(lines)
+    assert [step for step in steps if step not in known] == []
 
 
 @pytest.mark.parametrize("source", [

@@ -51,11 +51,11 @@ def test_info_is_the_level_when_none_or_nothing_is_given():
         assert {line[0] for line in text.splitlines()} == set("IWE")
 
 
-def test_an_invalid_level_is_reported_once_and_info_is_used():
+def test_an_invalid_level_is_reported_once_and_the_default_is_used():
     _, text = run("levels", PLEVO_LOG_LEVEL="loud\x1b[31m")
     first, *rest = text.splitlines()
     assert first == ("E/BILLING_PLATFORM: log: PLEVO_LOG_LEVEL=loud\\x1b[31m is none of debug, "
-                     "info, warning and error; info is used")
+                     "info, call, warning and error; the default is used")
     assert {line[0] for line in rest} == set("IWE")
 
 
