@@ -184,6 +184,21 @@ def test_the_profile_lets_the_daemon_own_its_name(installed):
     assert "RequestName" in calls.split(",")
 
 
+def test_the_profile_lets_the_daemon_ask_what_its_callers_have_not_read(installed):
+    """Denied, it could not bound what a caller that reads nothing costs the others."""
+    rules = re.findall(r"dbus send bus=system path=\S+ interface=(\S+) member=(\{[^}]*\}|\w+)",
+                       " ".join(installed.one("examples/apparmor").read_text().split()))
+    allowed = {(interface, member) for interface, members in rules for member in members.strip("{}").split(",")}
+    # The abstraction dbus-strict has these.
+    allowed |= {("org.freedesktop.DBus", member) for member in ("AddMatch", "GetNameOwner")}
+    source = (TREE / "service/core/BusFilter.cpp").read_text(encoding="utf-8")
+    asked = re.findall(r'(BUS_NAME|"org\.freedesktop\.DBus\.[\w.]+"),\s*"(\w+)"', source)
+    asked = {("org.freedesktop.DBus" if interface == "BUS_NAME" else interface.strip('"'), member)
+             for interface, member in asked}
+    assert ("org.freedesktop.DBus.Debug.Stats", "GetConnectionStats") in asked and len(asked) == 6
+    assert asked - allowed == set()
+
+
 def test_the_unit_is_exposed_little(installed):
     unit = installed.one("billing-service.service")
     done = run("systemd-analyze", "security", "--offline=true", "--threshold=15", "--no-pager", unit)
