@@ -4,7 +4,7 @@ import re
 import socket
 import subprocess
 
-from . import billingctl, daemon
+from . import billingctl, daemon, page
 from .billingctl import DONE, FAILED, WARNING
 
 CHECKS = ["identity", "settings", "certificate", "CA bundle", "clock", "key material", "token", "key", "route",
@@ -62,5 +62,8 @@ def read(done):
         known = check["id"].replace("request.key.", "key.") in KNOWN
         assert known or check["outcome"] in ("ok", "not checked"), check["id"]
         assert ("cure" in check) == (check["outcome"] in ILL)
+        if check["outcome"] in ILL and check["id"] in page.ROWS:
+            missing = [words for words in page.ROWS[check["id"]].cure if words not in check["cure"]]
+            assert missing == [], (check["id"], check["cure"])
         assert not re.search(r"[\r\n]", check["finding"] + check.get("cure", ""))
     return found, failed

@@ -110,6 +110,15 @@ def without_library(tmp_path):
     return tmp_path / "program"
 
 
+def test_a_start_that_fails_for_a_library_names_it(doctor, caller, manager, tmp_path, without_library):
+    manager(ActiveState="inactive", SubState="dead", ExecStart=without_library)
+    activation(caller, tmp_path, without_library)
+    found, failed = doctor()
+    assert failed[-1] == "ping"
+    assert found["ping"]["id"] == "ping.library"
+    assert found["ping"]["cure"] == "install the package that has libbilling-lost.so, or run ldconfig"
+
+
 # --- what a service manager says ---
 
 @pytest.fixture

@@ -76,5 +76,6 @@ def test_settings_that_the_service_may_not_read_are_named_with_their_mode(servic
     os.chmod(device.file, 0o600)
     found, failed = doctor("root")
     assert failed[0] == "settings"
+    assert found["settings"]["id"] == "settings.closed"
     assert found["settings"]["finding"] == (
         f"the service may not read {device.file} (mode 600, of root:billing-service)")
