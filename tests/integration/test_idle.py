@@ -23,6 +23,8 @@ if not daemon.is_sanitized():
         switches = service.switches_since(before)
         print(f"{switches} context switches in {SECONDS} s")
         assert switches == 0
+        if not used:
+            assert store.requests == [], "it asks the store for something of its own accord"
 
     def test_an_idle_daemon_is_small(service, caller, store):
         answers(caller)

@@ -66,6 +66,30 @@ def test_a_call_waits_for_a_service_that_cannot_start_and_is_answered_after_the_
     assert int(unit(device, "NRestarts")["NRestarts"]) > 20
 
 
+def journalled(machine, since):
+    """What the service has told the journal since then: (records, bytes of them with journald's own fields)."""
+    text = machine.do("journalctl --sync && journalctl -t BILLING_SERVICE -t BILLING_PLATFORM --no-pager -o export "
+                      f"--since=@{since}")
+    records = [dict(line.split("=", 1) for line in record.splitlines() if "=" in line)
+               for record in text.strip().split("\n\n") if record]
+    return records, len(text)
+
+
+def test_the_journal_tells_a_call_in_a_few_records_and_who_called(device):
+    device.do(AS_APP)
+    device.do("journalctl --sync")
+    before = device.do("date +%s.%6N").strip()
+    device.do(AS_APP)
+    records, size = journalled(device, before)
+    print(f"{len(records)} records, {size} bytes of export")
+    assert len(records) == 4, [record["MESSAGE"] for record in records]
+    said = {name: value for record in records for name, value in record.items()}
+    assert said["BILLING_METHOD"] == "check_server_availability"
+    assert said["BILLING_RESULT"] == "0"
+    assert said["BILLING_UID"] == device.do("id -u app").strip()
+    assert len({record["BILLING_SENDER"] for record in records if "BILLING_SENDER" in record}) == 1
+
+
 def test_the_doctor_finds_nothing_beside_the_unit(device):
     device.do("systemctl start billing-service")
     said = device.do(documented().doctor)
