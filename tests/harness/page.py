@@ -12,10 +12,12 @@ class Row:
         self.journal, self.ids, self.cure = (re.findall(r"`([^`]+)`", cell) for cell in (journal, ids, cure))
 
 
-def rows():
+def table(head):
+    """The lines of the table that begins so."""
     page = (daemon.TREE / "docs/TROUBLESHOOTING.md").read_text(encoding="utf-8")
-    table = page.split("\n| symptom | the journal | id | cure |\n|---|---|---|---|\n")[1].split("\n\n")[0]
-    return [Row(line) for line in table.splitlines()]
+    return page.split(f"\n{head}\n")[1].split("\n\n")[0].splitlines()[1:]
 
 
-ROWS = {name: row for row in rows() for name in row.ids}
+ROWS = {name: row for row in map(Row, table("| symptom | the journal | id | cure |")) for name in row.ids}
+# What stands for libcurl's numbers.
+NUMBERS = {int(line.split("|")[1]) for line in table("| number | what it means here | cure |")}

@@ -239,6 +239,39 @@ def test_a_device_that_is_broken_so_is_diagnosed_as_the_page_says(scene, name):
     assert [words for words in row.journal if words not in said] == []
 
 
+def blank_in_an_argument(scene):
+    scene.start()
+    scene.caller.call("get_product_list", "an app", "0", "c")
+
+
+def call(reply):
+    def broken(scene):
+        scene.start()
+        scene.store.answer = reply
+        scene.caller.call("get_product_list", "a", "0", "c", timeout=120)
+    return broken
+
+
+NUMBERS = {
+    3: blank_in_an_argument, 6: BREAKS["name-lookup.unknown"], 7: BREAKS["tcp.not-connected"],
+    18: call(server.Truncate(b"{}", missing=1)), 23: call(server.Endless()), 35: wrong_pin(), 56: call(server.Reset()),
+    60: bundle_of_another, 77: no_bundle}
+if os.environ.get("BILLING_LONG") == "1":
+    NUMBERS[28] = call(server.Hang())
+
+
+@pytest.mark.parametrize("number", NUMBERS)
+def test_a_transfer_that_fails_so_has_the_number_of_the_page(scene, number):
+    assert number in page.NUMBERS
+    NUMBERS[number](scene)
+    assert [text for text in scene.process.failures() if f"ErrorCode = {number};" in text], scene.process.log()
+
+
+def test_each_number_is_tried():
+    """The one of 90 seconds in the long form."""
+    assert set(NUMBERS) | {28} == page.NUMBERS
+
+
 def test_a_clock_of_1970_is_the_row_of_the_clock(scene):
     assert scene.sees(**preloaded("clock-1970"))["clock"]["id"] == "clock.early"
 
