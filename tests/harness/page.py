@@ -12,12 +12,17 @@ class Row:
         self.journal, self.ids, self.cure = (re.findall(r"`([^`]+)`", cell) for cell in (journal, ids, cure))
 
 
-def table(head):
-    """The lines of the table that begins so."""
-    page = (daemon.TREE / "docs/TROUBLESHOOTING.md").read_text(encoding="utf-8")
-    return page.split(f"\n{head}\n")[1].split("\n\n")[0].splitlines()[1:]
+PAGE = (daemon.TREE / "docs/TROUBLESHOOTING.md").read_text(encoding="utf-8")
 
 
-ROWS = {name: row for row in map(Row, table("| symptom | the journal | id | cure |")) for name in row.ids}
+def tables(head):
+    """The lines of the tables that begin so."""
+    return [line for part in PAGE.split(f"\n{head}\n")[1:] for line in part.split("\n\n")[0].splitlines()[1:]]
+
+
+ROWS = {name: row for row in map(Row, tables("| symptom | the journal | id | cure |")) for name in row.ids}
 # What stands for libcurl's numbers.
-NUMBERS = {int(line.split("|")[1]) for line in table("| number | what it means here | cure |")}
+NUMBERS = {int(line.split("|")[1]) for line in tables("| number | what it means here | cure |")}
+# What the journal says in the further tables.
+SAID = [words for line in tables("| the journal says | cause | cure |")
+        for words in re.findall(r"`([^`]+)`", line.split("|")[1])]

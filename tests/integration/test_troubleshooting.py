@@ -2,6 +2,7 @@
 import datetime
 import os
 import pathlib
+import re
 import shutil
 import signal
 import subprocess
@@ -270,6 +271,24 @@ def test_a_transfer_that_fails_so_has_the_number_of_the_page(scene, number):
 def test_each_number_is_tried():
     """The one of 90 seconds in the long form."""
     assert set(NUMBERS) | {28} == page.NUMBERS
+
+
+# Words of systemd's and OpenSSL's, and a field.
+NOT_OURS = {"status=127", "status=226/NAMESPACE", "status=228/SECCOMP", "SIGKILL", "alert decrypt error", "ErrMsg"}
+
+
+def test_the_further_tables_quote_messages_of_the_service():
+    """With what a message fills in left out: names, numbers, and what stands for them."""
+    folders = ("service", "platform/linux", "platform/curl")
+    sources = "\n".join(file.read_text(encoding="utf-8") for folder in folders
+                        for file in sorted((TESTS.parent / folder).rglob("*.cpp")))
+    literals = re.sub(r'"\s*\n\s*"', "", sources)
+    formats = re.sub(r"%[a-z]+", "\0", literals)
+    filled = r":1\.42 \(user 1000\)|'org\.plevo\.billingservice'|\b[NM]\b|\b10000\b|…"
+    assert len(page.SAID) > 15
+    for words in sorted(set(page.SAID) - NOT_OURS):
+        pieces = [piece.strip(" '") for piece in re.split(filled, words)]
+        assert [piece for piece in pieces if piece not in formats] == [], words
 
 
 def test_a_clock_of_1970_is_the_row_of_the_clock(scene):
