@@ -11,17 +11,23 @@
  *   SHUT_GATE         only a handshake opens the gate: not its leader's end, and no deadline
  *   NO_LIST_CHECK     a transfer that is not on the list yet is completed all the same
  *   DEAF_TO_STOP      a stop is not looked at when a finished transfer is handed out
- * STOP adds a thread that stops the wrapper at any moment.
+ *   LATE_BOUND        what is over the queue's bound is dropped by the worker, not refused to the submitter
+ *   SILENT_END        a transfer that waited for too long is taken out without an answer
+ * STOP adds a thread that stops the wrapper at any moment. Which of those that wait for a slot gets one is open
+ * here: slots.pml is about that.
  */
 #define REQUESTS 3
+#define SLOTS    1
+#define BOUND    2     /* transfers that the wrapper has at a time; beyond, it refuses */
 
 /* Where the wrapper has a transfer. */
-mtype = { Unsent, Pending, Waiting, Active, Ready, Given, Gone };
+mtype = { Unsent, Pending, Waiting, Queued, Active, Ready, Given, Gone };
 
 mtype at[REQUESTS] = Unsent;
 bool listed[REQUESTS];        /* on the connector's list of requests in flight */
 byte calls[REQUESTS];         /* callbacks made */
 byte accepted;                /* transfers that the wrapper took */
+byte inside;                  /* those of them that it still has */
 bool submitted;               /* the submitter is through */
 bool idle = true;             /* the connector's flag: no loop is scheduled or running */
 byte scheduled;               /* calls of HandleRequest that wait on the worker's context */
@@ -35,6 +41,8 @@ bool gateOpen;
 #define anyActive  (ACTIVE(0) || ACTIVE(1) || ACTIVE(2))
 #define anyWaiting (at[0] == Waiting || at[1] == Waiting || at[2] == Waiting)
 #define anyPending (at[0] == Pending || at[1] == Pending || at[2] == Pending)
+#define anyQueued  (at[0] == Queued || at[1] == Queued || at[2] == Queued)
+#define slotsTaken (ACTIVE(0) + ACTIVE(1) + ACTIVE(2))
 #define DONE(i)    (at[i] == Ready || at[i] == Given)
 #define anyDone    (DONE(0) || DONE(1) || DONE(2))
 #define noneListed (!listed[0] && !listed[1] && !listed[2])
@@ -61,21 +69,38 @@ inline count(running) {
     }
 }
 
+/* Slots for those whose turn it is, whichever these are. */
+inline giveSlots() {
+    do
+    :: slotsTaken < SLOTS && at[0] == Queued -> at[0] = Active
+    :: slotsTaken < SLOTS && at[1] == Queued -> at[1] = Active
+    :: slotsTaken < SLOTS && at[2] == Queued -> at[2] = Active
+    :: slotsTaken == SLOTS || !anyQueued -> break
+    od
+}
+
 /* The worker takes over what was added. The first one to a cold host leads. */
 inline adopt() {
-    d_step {
+    atomic {
         k = 0;
         do
         :: k < REQUESTS ->
             if
-            :: at[k] == Pending && (members == 0 || gateOpen) -> at[k] = Active; members++
+#ifdef LATE_BOUND
+            :: at[k] == Pending && inside > BOUND -> at[k] = Gone; inside--
+            :: at[k] == Pending && inside <= BOUND && (members == 0 || gateOpen) -> at[k] = Queued; members++
+            :: at[k] == Pending && inside <= BOUND && members > 0 && !gateOpen -> at[k] = Waiting; members++
+#else
+            :: at[k] == Pending && (members == 0 || gateOpen) -> at[k] = Queued; members++
             :: at[k] == Pending && members > 0 && !gateOpen -> at[k] = Waiting; members++
+#endif
             :: else
             fi;
             k++
         :: else -> break
         od;
-        k = 0
+        k = 0;
+        giveSlots()
     }
 }
 
@@ -84,6 +109,13 @@ inline adopt() {
 #define END(i) at[i] = Ready
 #else
 #define END(i) at[i] = Ready; gateOpen = true
+#endif
+
+/* A transfer has waited 20 s for a slot. */
+#ifdef SILENT_END
+#define OVERDUE(i) at[i] = Gone; inside--; members--; listed[i] = false
+#else
+#define OVERDUE(i) END(i)
 #endif
 
 /* A round of network work: any of the active ones may pass its handshake, and may end. After a wait
@@ -99,6 +131,9 @@ inline perform(waited) {
 #ifndef SHUT_GATE
         :: waited && anyWaiting && !gateOpen -> gateOpen = true    /* the deadline */
 #endif
+        :: waited && at[0] == Queued -> OVERDUE(0)
+        :: waited && at[1] == Queued -> OVERDUE(1)
+        :: waited && at[2] == Queued -> OVERDUE(2)
         :: else -> (anyPending || stopped)
         fi;
         k = 0;
@@ -112,15 +147,16 @@ inline perform(waited) {
 }
 
 inline letThrough() {
-    d_step {
+    atomic {
         k = 0;
         do
         :: k < REQUESTS ->
-            if :: at[k] == Waiting && gateOpen -> at[k] = Active :: else fi;
+            if :: at[k] == Waiting && gateOpen -> at[k] = Queued :: else fi;
             k++
         :: else -> break
         od;
-        k = 0
+        k = 0;
+        giveSlots()
     }
 }
 
@@ -162,6 +198,7 @@ inline waitAndWork(running) {
 inline takeOut(i) {
     atomic {
         at[i] = Gone;
+        inside--;
         members--;
         if :: members == 0 -> gateOpen = false :: else fi
     }
@@ -217,8 +254,12 @@ proctype Submitter() {
     do
     :: i < REQUESTS ->
         atomic {
+#ifdef LATE_BOUND
             taken = !stopped;
-            if :: taken -> at[i] = Pending; accepted++ :: else fi
+#else
+            taken = !stopped && inside < BOUND;
+#endif
+            if :: taken -> at[i] = Pending; accepted++; inside++ :: else fi
         }
         if
         :: taken ->
@@ -273,9 +314,11 @@ init {
         assert(calls[0] <= 1 && calls[1] <= 1 && calls[2] <= 1);
         if
         :: !stopped ->
-            assert(accepted == REQUESTS);
-            assert(calls[0] == 1 && calls[1] == 1 && calls[2] == 1);
-            assert(idle && scheduled == 0 && members == 0)
+            /* All that were accepted, and none that was refused. */
+            assert(accepted >= BOUND);
+            assert(calls[0] + calls[1] + calls[2] == accepted);
+            assert(inside == 0 && members == 0);
+            assert(idle && scheduled == 0)
         :: else -> assert(scheduled == 0)
         fi;
         break
