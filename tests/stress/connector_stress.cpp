@@ -3,13 +3,16 @@
 //
 //   connector_stress [requests [seed]]
 //
-// Requests come from the main thread, with one to sixty-four in flight, over http and https, good
-// ones mixed with addresses that fail at once and with servers that hang up. At the end the
-// connector is stopped with transfers that would never end. Exit status 0: nothing lost, nothing
-// answered twice, no wrong answer, no hang.
+// Requests come from the main thread, with one to a thousand in flight, of many senders and to many
+// paths, over http and https, good ones mixed with addresses that fail at once and with servers that
+// hang up. More are in flight than there are slots at times. Then one sender asks until it is
+// refused, while another one is not. At the end the connector is stopped, several times and in
+// whatever state, with transfers that would never end. Exit status 0: nothing lost, nothing answered
+// twice or after the stop, no wrong answer, no hang.
 #include "BillingHttpConnector.h"
 #include "test_server.h"
 
+#include <platform/MZCurl.h>
 #include <platform/log.h>
 
 #include <dlfcn.h>
@@ -34,6 +37,9 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 constexpr std::chrono::seconds STALLED{60};
+
+/// The wrapper accepts fewer of one sender.
+constexpr unsigned MOST_ACCEPTED = 20000;
 
 std::atomic<unsigned> g_uOfferedEarly{0};
 std::string g_strCaFile;
@@ -220,7 +226,7 @@ void Serve(test::Connection& connection)
             connection.write("HTTP/1.1 200 OK\r\nContent-Length: 10\r\n\r\nabc");
             return;
         }
-        if (request.has(" /never")) {
+        if (request.has("/never ")) {
             continue;
         }
         const std::size_t path = request.head.find('/');
@@ -246,7 +252,11 @@ public:
     {
         tRequest.bSSL = upTo(8) == 1;
         const std::string& strServer = tRequest.bSSL ? m_tls : m_plain;
-        const std::string strName = "/" + std::to_string(index);
+        // Many lanes, of which some are busy: the smaller number is the more frequent one.
+        const std::string strSender = ":1." + std::to_string(upTo(upTo(30)));
+        MZCurl::MZCurlMulti::SetSender(strSender.c_str());
+        const std::string strName =
+            "/" + std::to_string(upTo(upTo(6))) + "?" + std::to_string(index);
         tRequest.strHeader = "Request: " + std::to_string(index) + "\n";
         tRequest.eMethod = HTTP_METHOD_GET;
         tRequest.strUrl = strServer + strName;
@@ -291,8 +301,8 @@ void Submit(CHttpConnector& oConnector, Ledger& ledger, Mix& mix, std::size_t co
 {
     unsigned limit = 1;
     for (std::size_t i = 0; i < count; ++i) {
-        if (i % 100 == 0) {
-            limit = 1U << (mix.upTo(7) - 1);
+        if (i % 500 == 0) {
+            limit = 1U << (mix.upTo(11) - 1);
         }
         ledger.waitForRoom(limit);
         _BILLING_HTTP_REQ_INFO_T tRequest;
@@ -322,28 +332,71 @@ bool ComesToRest(CHttpConnector& oConnector)
     return true;
 }
 
-/// @return whether the connector stops in time with requests that nobody will answer
-bool StopsWithHungRequests(CHttpConnector& oConnector, const std::string& strUrl)
+/// A request that nobody will answer, of this sender. @return whether it was accepted
+bool AskInVain(CHttpConnector& oConnector, const std::string& strUrl, const char* szSender)
 {
     static int iUser = 0;
-    for (int i = 0; i < 100; ++i) {
-        _BILLING_HTTP_REQ_INFO_T tRequest;
-        tRequest.eMethod = HTTP_METHOD_GET;
-        tRequest.strUrl = strUrl + "/never";
-        tRequest.pfnCallback = OnResponseAfterStop;
-        tRequest.pUserData = &iUser;
-        if (!oConnector.Get(&tRequest, false)) {
-            return false;
-        }
-    }
-    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    MZCurl::MZCurlMulti::SetSender(szSender);
+    _BILLING_HTTP_REQ_INFO_T tRequest;
+    tRequest.eMethod = HTTP_METHOD_GET;
+    tRequest.strUrl = strUrl + "/never";
+    tRequest.pfnCallback = OnResponseAfterStop;
+    tRequest.pUserData = &iUser;
+    return oConnector.Get(&tRequest, false);
+}
+
+/// @return whether the connector stops in time, with requests that nobody will answer
+bool StopsInTime(CHttpConnector& oConnector, unsigned hung)
+{
+    const unsigned answered = g_uAnsweredAfterStop;
     const auto start = Clock::now();
     oConnector.Destroy();
     BillingDeleteInstance<CHttpConnector>();
     const double seconds = SecondsSince(start);
-    std::printf("stopped with 100 hung requests in %.1f ms, answered after that: %u\n",
-                1000 * seconds, g_uAnsweredAfterStop.load());
-    return seconds < 2 && g_uAnsweredAfterStop == 0;
+    std::printf("stopped with %u hung requests in %.1f ms, answered after that: %u\n", hung,
+                1000 * seconds, g_uAnsweredAfterStop - answered);
+    return seconds < 2 && g_uAnsweredAfterStop == answered;
+}
+
+/// @return whether one sender is refused at last, with two thirds of what there is, and another not
+bool RefusesOneSender(CHttpConnector& oConnector, const std::string& strUrl, unsigned& accepted)
+{
+    const auto start = Clock::now();
+    while (AskInVain(oConnector, strUrl, ":1.1")) {
+        // More than any bound of this build: it would go on for ever.
+        if (++accepted > MOST_ACCEPTED) {
+            std::printf("one sender had %u requests accepted\n", accepted);
+            return false;
+        }
+    }
+    const bool bOther = AskInVain(oConnector, strUrl + "/other", ":1.2");
+    std::printf("one sender was refused after %u requests in %.1f s, another one was %s\n",
+                accepted, SecondsSince(start), bOther ? "not" : "too");
+    return bOther;
+}
+
+/// @return whether the connector stops again and again, in whatever state
+bool StopsAtAnyMoment(const std::string& strUrl, Mix& mix)
+{
+    for (int iRound = 0; iRound < 10; ++iRound) {
+        auto& oConnector = *BillingInstance<CHttpConnector>();
+        if (!oConnector.Create()) {
+            return false;
+        }
+        const unsigned hung = 1U << mix.upTo(10);
+        for (unsigned i = 0; i < hung; ++i) {
+            const std::string strSender = ":1." + std::to_string(mix.upTo(5));
+            if (!AskInVain(oConnector, strUrl + "/" + std::to_string(mix.upTo(3)),
+                           strSender.c_str())) {
+                return false;
+            }
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(mix.upTo(100) - 1));
+        if (!StopsInTime(oConnector, hung)) {
+            return false;
+        }
+    }
+    return true;
 }
 
 bool Run(std::size_t count, unsigned seed)
@@ -378,7 +431,10 @@ bool Run(std::size_t count, unsigned seed)
     ok = ledger.report(seconds) && ok;
     std::printf("connections: %d plain, %d TLS (%d full handshakes)\n", plain.connections(),
                 tls.connections(), tls.fullHandshakes());
-    return StopsWithHungRequests(oConnector, plain.url()) && ok;
+    unsigned hung = 0;
+    ok = RefusesOneSender(oConnector, plain.url(), hung) && ok;
+    ok = StopsInTime(oConnector, hung) && ok;
+    return StopsAtAnyMoment(plain.url(), mix) && ok;
 }
 
 }  // namespace
