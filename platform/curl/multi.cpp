@@ -113,6 +113,7 @@ bool MZCurlMulti::Impl::add(MZCurlEasy& easy, Transfer& transfer, const std::str
     if (m_multi == nullptr || !m_started || !transfer.owner.compare_exchange_strong(nobody, this)) {
         return false;
     }
+    transfer.hostKey = std::move(key);
     try {
         if (!m_admission.join(transfer, sender)) {
             transfer.owner = nullptr;
@@ -124,7 +125,6 @@ bool MZCurlMulti::Impl::add(MZCurlEasy& easy, Transfer& transfer, const std::str
     }
     transfer.start();
     transfer.easy = &easy;
-    transfer.hostKey = std::move(key);
     transfer.node = entry.begin();
     transfer.home = &m_pending;
     // The worker takes all of them at once: only the first has to wake it, and only from its wait.
