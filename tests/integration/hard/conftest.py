@@ -2,10 +2,15 @@
 
 Each runs in a short form; BILLING_LONG=1 asks for the whole of it (scripts/test --long).
 """
+import functools
 import os
 import resource
 
 import pytest
+from harness import daemon
+
+# What a process of a TV with 32 bits has: 3 GiB of addresses, and 1,024 descriptors.
+SMALL = ["prlimit", f"--as={3 << 30}", "--nofile=1024:1024", "--"]
 
 LONG = os.environ.get("BILLING_LONG") == "1"
 
@@ -34,3 +39,18 @@ def figure(request, capsys):
             with open(os.environ["BILLING_FIGURES"], "a", encoding="utf-8") as file:
                 file.write(line + "\n")
     return show
+
+
+@pytest.fixture
+def start_small_daemon(start_daemon):
+    """start_daemon, with what a process of a TV has. A sanitizer takes more addresses."""
+    return functools.partial(start_daemon, tool=None if daemon.is_sanitized() else SMALL)
+
+
+@pytest.fixture
+def small_service(needs_view, start_small_daemon, caller):
+    """The daemon with what a process of a TV has. It lives to the end of the test, or ends in order."""
+    process = start_small_daemon()
+    process.wait_for_name(caller)
+    yield process
+    assert process.is_running() or process.wait(1) == 0

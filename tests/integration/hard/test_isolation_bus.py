@@ -37,6 +37,11 @@ def bus(tmp_path, request):
     running.stop()
 
 
+@pytest.fixture
+def service(small_service):
+    return small_service
+
+
 def with_policy(*rules):
     return pytest.mark.parametrize("bus", [rules], indirect=True, ids=[""])
 
@@ -160,7 +165,7 @@ def test_a_hundred_and_twenty_callers_that_read_nothing(service, bystander, deaf
         for pair in zip(callers[::2], callers[1::2]):
             ask(pair, 1, store)
     bystander.confirms(size(20, 200), pause=0.02)
-    figure(f"240 answers of 4 MiB to 120 callers: {bystander.took_at_most(0.1, 1)}; {memory_at_most(service, 160)}")
+    figure(f"240 answers of 4 MiB to 120 callers: {bystander.took_at_most(0.1, 1)}; {memory_at_most(service, 128)}")
 
 
 def test_descriptions_that_nobody_reads(service, bystander, deaf, size, figure):
@@ -183,7 +188,7 @@ def test_a_caller_that_is_stopped_gets_its_answers_when_it_goes_on(service, byst
     answers = callers[0].answers(serials)
     assert [result_of(answer) for answer in answers] == [(0, MIB)] * 25
     service.wait_for_log("goes on: 24 answers had to wait, 0 of them were refused")
-    figure(f"25 answers of 1 MiB after a stop, whole: {bystander.took_at_most(0.1, 1)}")
+    figure(f"25 answers of 1 MiB after a stop, whole: {bystander.took_at_most(0.1, 1)}; {memory_at_most(service, 96)}")
 
 
 def test_what_is_too_much_becomes_an_error_in_its_place(service, bystander, deaf, store, figure):
@@ -203,7 +208,7 @@ def test_what_is_too_much_becomes_an_error_in_its_place(service, bystander, deaf
 
 
 @pytest.mark.parametrize("at_once", [False, True])
-def test_a_caller_that_only_blocks_gets_all_its_answers(service, bystander, bus, store, at_once):
+def test_a_caller_that_only_blocks_gets_all_its_answers(service, bystander, bus, store, at_once, figure):
     product_lists_of(store, MIB)
     caller = BlockingCaller(bus.address)
     calls = []
@@ -214,7 +219,8 @@ def test_a_caller_that_only_blocks_gets_all_its_answers(service, bystander, bus,
     bystander.confirms(3)
     assert [caller.result(call) for call in calls] == [(0, MIB)] * len(calls)
     caller.close()
-    bystander.took_at_most(0.1, 1)
+    figure(f"30 answers of 1 MiB to a client that only blocks: {bystander.took_at_most(0.1, 1)}; "
+           f"{memory_at_most(service, 96)}")
 
 
 @with_policy(NO_STATS, PING)
@@ -229,7 +235,7 @@ def test_callers_are_asked_where_the_bus_does_not_tell(service, bystander, calle
     assert resident(bus.process.pid) < 64
     assert len(lines_with(service, CALLERS_ASKED)) == 1
     assert lines_with(service, NOBODY_ASKED) == []
-    figure(f"by pings: {bystander.took_at_most(0.1, 0.5)}")
+    figure(f"by pings: {bystander.took_at_most(0.1, 0.5)}; {memory_at_most(service, 96)}")
 
 
 @with_policy(NO_STATS, PING)
@@ -248,11 +254,12 @@ def test_an_answer_that_is_made_up_opens_no_window(service, bystander, deaf, sto
                 for caller in callers]
     # The first one has a window for itself.
     assert received == [1, 1, 1]
-    figure(f"answers of 1 MiB that came before the caller answered: {received}; {bystander.took_at_most(0.1, 1)}")
+    figure(f"answers of 1 MiB that came before the caller answered: {received}; {bystander.took_at_most(0.1, 1)}; "
+           f"{memory_at_most(service, 96)}")
 
 
 @with_policy(NO_STATS)
-def test_a_bus_that_does_not_read_any_more_ends_the_service(service, bystander, deaf, start_daemon, store, figure):
+def test_a_bus_that_does_not_read_any_more_ends_the_service(service, bystander, deaf, start_small_daemon, store, figure):
     product_lists_of(store, MIB)
     before = bystander.owner()
     for caller in deaf(3):
@@ -264,7 +271,7 @@ def test_a_bus_that_does_not_read_any_more_ends_the_service(service, bystander, 
     assert len(lines_with(service, "does not tell")) + len(lines_with(service, NOBODY_ASKED)) == 1
     assert len(lines_with(service, "the bus has not answered for 10000 ms, the service ends")) == 1
     # What its manager does. The bus lets go of the name once the next one has come.
-    again = start_daemon()
+    again = start_small_daemon()
     again.wait_until(lambda: bystander.owner() not in (None, before), "it owns its name")
     bystander.confirms(3)
     figure(f"the service ended {took:.1f} s after the last call of those that read nothing")
