@@ -68,6 +68,17 @@ bool IsReply(GDBusMessage* pMessage)
     return eType == G_DBUS_MESSAGE_TYPE_METHOD_RETURN || eType == G_DBUS_MESSAGE_TYPE_ERROR;
 }
 
+bool WantsNoAnswer(GDBusMessage* pCall)
+{
+    return (g_dbus_message_get_flags(pCall) & G_DBUS_MESSAGE_FLAGS_NO_REPLY_EXPECTED) != 0;
+}
+
+std::string SenderOf(GDBusMessage* pMessage)
+{
+    const gchar* szSender = g_dbus_message_get_sender(pMessage);
+    return szSender != nullptr ? szSender : "";
+}
+
 }  // namespace
 
 void CBusFilter::Install(GDBusConnection* pConnection)
@@ -128,20 +139,28 @@ void CBusFilter::Incoming(BusMessagePtr& pMessage)
     const gchar* szSender = g_dbus_message_get_sender(pMessage.get());
     const std::string strSender = szSender != nullptr ? szSender : "";
     const std::size_t uBytes = BodyBytes(pMessage.get());
-    if (uBytes <= BusLimits::ARGUMENT_BYTES) {
+    const bool bTooLong = uBytes > BusLimits::ARGUMENT_BYTES;
+    if (!bTooLong && !IsOneTooMany(pMessage.get())) {
         const std::lock_guard<std::mutex> oLock(m_oLock);
         m_oFlow.Called(strSender);
         return;
     }
     const BusMessagePtr pCall = std::move(pMessage);
-    Refuse(pCall.get(), uBytes);
+    if (bTooLong) {
+        Refuse(pCall.get(), uBytes);
+    }
     const std::lock_guard<std::mutex> oLock(m_oLock);
-    m_oFlow.RefusedCall(strSender, uBytes);
+    m_oFlow.RefusedCall(strSender, bTooLong ? uBytes : 0);
+}
+
+bool CBusFilter::IsOneTooMany(GDBusMessage* pCall)
+{
+    return WantsNoAnswer(pCall) && !m_pBacklog->Enter(SenderOf(pCall));
 }
 
 void CBusFilter::Refuse(GDBusMessage* pCall, std::size_t uBytes)
 {
-    if ((g_dbus_message_get_flags(pCall) & G_DBUS_MESSAGE_FLAGS_NO_REPLY_EXPECTED) != 0) {
+    if (WantsNoAnswer(pCall)) {
         return;
     }
     const BusMessagePtr pError(g_dbus_message_new_method_error(

@@ -1,10 +1,12 @@
 // BusFilter.h - puts the flow control between the bus library and the service's bus connection.
 #pragma once
 
+#include "BusBacklog.h"
 #include "BusFlow.h"
 
 #include <gio/gio.h>
 
+#include <memory>
 #include <mutex>
 #include <random>
 
@@ -26,6 +28,7 @@ private:
 
     void Incoming(BusMessagePtr& pMessage);
     void Outgoing(BusMessagePtr& pMessage);
+    bool IsOneTooMany(GDBusMessage* pCall);
     void Refuse(GDBusMessage* pCall, std::size_t uBytes);
 
     gint64 Now() const override;
@@ -40,6 +43,7 @@ private:
     GDBusConnection* m_pConnection;  // it owns this
     std::mutex m_oLock;              // around the flow and the timer
     CBusFlow m_oFlow;
+    const std::shared_ptr<CBusBacklog> m_pBacklog = CBusBacklog::Make();
     GSource* m_pTimer = nullptr;
     gint64 m_iTimerAt = 0;
     std::random_device m_oRandom;

@@ -26,7 +26,8 @@ public:
     /// A call has come in. @param strSender asked about once: whose it is
     void Called(const std::string& strSender);
 
-    /// A call was refused for its arguments.
+    /// A call was refused. @param uArgumentBytes what it has too many of; 0: too many calls that want
+    ///   no answer wait
     void RefusedCall(const std::string& strSender, std::size_t uArgumentBytes);
 
     /// A reply is about to go out. @param[in,out] pReply has a destination; emptied when the reply

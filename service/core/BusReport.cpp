@@ -104,6 +104,11 @@ void CBusReport::IsOf(const std::string& strName, const std::string& strUser)
     it->second.strUser = strUser;
     it->second.bTold = true;
     const COnBehalf oOnBehalf(strName.c_str());
+    if (it->second.uBytes == 0) {
+        BILLING_WARN("caller %s is refused: %zu of its calls that want no answer wait",
+                     Who(strName, strUser).c_str(), UNANSWERED_CALLS);
+        return;
+    }
     BILLING_WARN("caller %s is refused: a call has %zu bytes of arguments, %zu are taken",
                  Who(strName, strUser).c_str(), it->second.uBytes, ARGUMENT_BYTES);
 }

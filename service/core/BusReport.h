@@ -25,7 +25,7 @@ public:
     void AsksNobody(const char* szError) const;
     void BusIsSilent() const;
 
-    /// A call was refused for its arguments. @return true when whose the caller is has to be asked
+    /// A call was refused. @param uBytes as of CBusFlow::RefusedCall @return true when whose the caller is has to be asked
     bool RefusedCall(const std::string& strName, std::size_t uBytes, gint64 iNow);
     /// Tells of the caller's refused calls, if that waits for it.
     void IsOf(const std::string& strName, const std::string& strUser);
@@ -35,7 +35,7 @@ public:
 private:
     struct Refused {
         std::string strUser;
-        std::size_t uBytes = 0;  ///< of the first one
+        std::size_t uBytes = 0;  ///< of the first one; 0: too many waited
         unsigned uCalls = 0;
         gint64 iLast = 0;
         bool bTold = false;

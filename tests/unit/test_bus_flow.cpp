@@ -479,6 +479,14 @@ TEST_F(ABusFlow, TellsOfRefusedCallsOnceAndThatTheyAreOver)
     EXPECT_FALSE(m_oBus.iWakeAt) << "nothing is left to do";
 }
 
+TEST_F(ABusFlow, TellsWhoHasTooManyCallsThatWantNoAnswer)
+{
+    m_oFlow.RefusedCall(":1.1", 0);
+    user(":1.1", 1000);
+    EXPECT_THAT(texts(), ElementsAre("caller :1.1 (user 1000) is refused: 512 of its calls that "
+                                     "want no answer wait"));
+}
+
 TEST_F(ABusFlow, WritesNoMoreThanSoManyLinesAMinute)
 {
     for (int i = 0; i < 300; i++) {

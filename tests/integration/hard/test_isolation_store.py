@@ -90,5 +90,7 @@ def test_an_app_that_wants_no_answers_costs_the_others_nothing(service, store, c
     took = purchases(service, caller)
 
     assert max(took) < SOON
+    refused = [line for line in service.texts("W") if "is refused: 512 of its calls that want no answer wait" in line]
+    assert len(refused) <= 1
     figure(f"{count} calls without answers from one app: a purchase took {shown(took)}; "
            f"{memory_at_most(service, 128)}")

@@ -1,0 +1,55 @@
+// test_bus_backlog.cpp - a caller that wants no answers has so many calls before the main loop.
+#include "BusBacklog.h"
+#include "BusLimits.h"
+
+#include <glib.h>
+#include <gtest/gtest.h>
+
+namespace {
+
+int Enter(CBusBacklog& oBacklog, const char* szSender, std::size_t uTimes)
+{
+    int iEntered = 0;
+    for (std::size_t i = 0; i < uTimes; ++i) {
+        iEntered += oBacklog.Enter(szSender) ? 1 : 0;
+    }
+    return iEntered;
+}
+
+void RunMainLoop()
+{
+    while (g_main_context_iteration(nullptr, FALSE) != FALSE) {
+    }
+}
+
+TEST(ABusBacklog, RefusesOneCallerAndNoOther)
+{
+    const auto pBacklog = CBusBacklog::Make();
+    EXPECT_EQ(Enter(*pBacklog, ":1.1", 2 * BusLimits::UNANSWERED_CALLS),
+              static_cast<int>(BusLimits::UNANSWERED_CALLS));
+    EXPECT_TRUE(pBacklog->Enter(":1.2"));
+    RunMainLoop();
+}
+
+TEST(ABusBacklog, TakesAsManyAgainOnceTheMainLoopHasServedThem)
+{
+    const auto pBacklog = CBusBacklog::Make();
+    Enter(*pBacklog, ":1.1", BusLimits::UNANSWERED_CALLS);
+    RunMainLoop();
+    EXPECT_EQ(Enter(*pBacklog, ":1.1", BusLimits::UNANSWERED_CALLS + 1),
+              static_cast<int>(BusLimits::UNANSWERED_CALLS));
+    RunMainLoop();
+}
+
+TEST(ABusBacklog, MayGoBeforeItsCalls)
+{
+    auto pBacklog = CBusBacklog::Make();
+    const std::weak_ptr<CBusBacklog> pStill = pBacklog;
+    EXPECT_TRUE(pBacklog->Enter(":1.1"));
+    pBacklog.reset();
+    EXPECT_FALSE(pStill.expired());
+    RunMainLoop();
+    EXPECT_TRUE(pStill.expired());
+}
+
+}  // namespace
