@@ -10,6 +10,8 @@
 
 namespace client {
 
+class Bus;
+
 /// What vouches for the store. The service has the same.
 inline constexpr const char* CA_BUNDLE = "/opt/down/cert/ca.pem";
 using places::kFewDays;
@@ -58,8 +60,10 @@ void checkKeyStore(Findings& findings, Patient& patient);
 Finding checkKey(Patient& patient);
 /// Default route, and the store's host: name, TCP, TLS, HTTP, time.
 void checkStore(Findings& findings, Patient& patient);
-/// Bus, unit, owner of the name, ping, one call, and whether the service has to start anew.
+/// Bus, unit, owner of the name, ping, one call, whether the service has to start anew, callers.
 void checkService(Findings& findings, Patient& patient);
+/// Callers that are held back or refused, and the rules of the bus that the service needs for it.
+Finding checkCallers(const Patient& patient, const Bus& bus);
 /// The service's own request, with the device's key: with `sign`, or when the call was ill.
 void checkRequest(Findings& findings, Patient& patient);
 /// "HTML or XML", "no JSON", "nothing", or empty for an answer that apps can read.

@@ -331,9 +331,10 @@ void checkService(Findings& findings, Patient& patient)
             patient.facts = patient.eyes.facts(patient.options.bus, patient.options.timeout);
         }
         findings.push_back(checkRestart(patient));
+        findings.push_back(checkCallers(patient, bus));
     } catch (const Unreachable& error) {
         findings.push_back(failed("bus", "unreachable", error.what(), error.cure()));
-        for (const char* const check : {"unit", "name", "ping", "call", "restart"}) {
+        for (const char* const check : {"unit", "name", "ping", "call", "restart", "callers"}) {
             findings.push_back(notChecked(check, "there is no bus to ask"));
         }
     }

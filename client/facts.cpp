@@ -240,6 +240,19 @@ Unit unitFrom(const Json::Value& value)
     return unit;
 }
 
+/// Keeps what the service says of its callers, without what stands before it.
+void noteCaller(Record& record, const std::string& line)
+{
+    for (const char* const start : {"caller :", "the bus does not tell what its clients",
+                                    "neither the bus nor its clients tell"}) {
+        const std::size_t at = line.find(start);
+        if (at != std::string::npos) {
+            record.callers.push_back(line.substr(at));
+            return;
+        }
+    }
+}
+
 }  // namespace
 
 Facts factsOf(const std::string& bus, double timeout)
@@ -292,6 +305,7 @@ Record recordOf(unsigned pid)
                     const bool failed = line.find("ErrorCode = ") != std::string::npos ||
                                         line.find(", HTTP ") != std::string::npos;
                     record.failure = failed ? line : record.failure;
+                    noteCaller(record, line);
                 });
     return record;
 }
@@ -307,6 +321,7 @@ Json::Value packed(const Record& record)
     value["lost"] = record.lost;
     value["refused"] = record.refused;
     value["failure"] = record.failure;
+    value["callers"] = list(record.callers);
     return value;
 }
 
@@ -321,6 +336,7 @@ Record recordFrom(const Json::Value& value)
     record.lost = value["lost"].asUInt();
     record.refused = value["refused"].asUInt();
     record.failure = value["failure"].asString();
+    record.callers = textsOf(value["callers"]);
     return record;
 }
 

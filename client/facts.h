@@ -56,10 +56,11 @@ std::vector<std::string> journalTail(int lines);
 struct Record {
     std::optional<int> connections;  ///< that it keeps
     bool journalKnown = false;
-    unsigned answered = 0;  ///< resp_result 0
-    unsigned lost = 0;      ///< resp_result -1
-    unsigned refused = 0;   ///< resp_result 1160003
-    std::string failure;    ///< the last one, with its time; empty: none
+    unsigned answered = 0;             ///< resp_result 0
+    unsigned lost = 0;                 ///< resp_result -1
+    unsigned refused = 0;              ///< resp_result 1160003
+    std::string failure;               ///< the last one, with its time; empty: none
+    std::vector<std::string> callers;  ///< lines of callers that are held back, refused or gone on
 };
 Record recordOf(unsigned pid);
 

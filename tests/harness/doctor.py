@@ -9,7 +9,7 @@ from .billingctl import DONE, FAILED, WARNING
 
 CHECKS = ["identity", "settings", "certificate", "CA bundle", "clock", "key material", "token", "key", "route",
           "name lookup", "TCP", "TLS", "HTTP", "time", "bus", "unit", "name", "ping", "call", "restart",
-          "request"]
+          "callers", "request"]
 VERSION = re.search(r"version: .(\S+).,", (daemon.TREE / "meson.build").read_text())[1]
 # The ids that the manual lists.
 KNOWN = set(re.findall(r"[a-z-]+\.[a-z0-9.-]+", re.search(

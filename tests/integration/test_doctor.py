@@ -449,4 +449,4 @@ def test_the_doctor_speaks_to_people_too(bus, tmp_path):
     assert lines[2] == f"{'':26}cure: {PUT_SETTINGS}"
     assert f"not checked  HTTP         {NOT_REACHED}" in lines
     assert "ok           bus          the system bus is reachable" in lines
-    assert lines[-1].endswith(" of 21 checks failed")
+    assert lines[-1].endswith(" of 22 checks failed")
