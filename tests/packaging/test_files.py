@@ -58,6 +58,20 @@ def test_the_manual_of_the_interface_names_every_argument(installed):
     assert [name for name in re.findall(r'<(?:method|arg)[^>]* name="(\w+)"', xml) if name not in manual] == []
 
 
+def test_the_manual_of_the_interface_says_which_result_comes_when(installed):
+    manual = installed.one("org.plevo.billingservice.5").read_text(encoding="utf-8")
+    table = re.search(r"\n\.SH WHICH RESULT WHEN\n.*?\n\.nf\n(.*?)\n\.fi\n", manual, re.DOTALL)[1].replace("\\", "")
+    rows = [re.split(r"  +", row) for row in table.splitlines()]
+    assert {len(row) for row in rows} == {3}
+    said = {row[0]: row[2] for row in rows[1:]}
+    assert [result.split(",")[0] for result in said] == ["0", "-1", "-1", "1160003", "1160003", *["LimitsExceeded"] * 3,
+                                                         "NoMemory", "NoReply"]
+    assert set(said.values()) == {"yes", "no", "perhaps"}
+    # Each error is described below it.
+    errors = set(re.findall(r"^\.B org\.freedesktop\.DBus\.Error\.(\w+)$", manual, re.MULTILINE))
+    assert {result.split(",")[0] for result in said if result[0].isalpha()} <= errors
+
+
 def test_an_interface_without_its_texts_makes_no_manual(installed, folder):
     xml = installed.one("interfaces/org.plevo.billingservice.xml").read_text(encoding="utf-8")
     short = folder / "short.xml"
