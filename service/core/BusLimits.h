@@ -40,16 +40,17 @@ constexpr std::size_t HEADER_BYTES = 256;
 /// Bytes. A reply above it is large. Prices, invoices and confirmations are below it.
 constexpr std::size_t LARGE_BYTES = 64 * KIB;
 
-/// Bytes unread by all callers, up to which large replies are sent.
-constexpr std::size_t UNREAD_BYTES = 64 * MIB;
+/// Bytes unread by all callers, up to which large replies are sent. A device lowers this and the two
+/// below with the build option `unread`; the largest body, 32 MiB, has to fit.
+constexpr std::size_t UNREAD_BYTES = BILLING_UNREAD_MIB * MIB;
 
 /// Bytes more, for replies that are not large: who leaves large ones unread delays no small one.
 /// Both together stay under the 127 MiB at which the bus stops reading.
-constexpr std::size_t UNREAD_SMALL_BYTES = 32 * MIB;
+constexpr std::size_t UNREAD_SMALL_BYTES = UNREAD_BYTES / 2;
 
 /// Bytes that wait in the service. Beyond, the largest become errors. Without it the unread answers
 /// would only move from the bus into the service: 2.1 GiB of 240 answers of 4 MiB and more.
-constexpr std::size_t HELD_BYTES = 32 * MIB;
+constexpr std::size_t HELD_BYTES = UNREAD_BYTES / 2;
 
 /// Bytes that a waiting reply takes beside its text: the message object and its header fields.
 constexpr std::size_t HELD_EXTRA_BYTES = 2 * KIB;

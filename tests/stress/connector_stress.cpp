@@ -19,6 +19,7 @@
 #include <openssl/x509.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
@@ -37,6 +38,9 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 constexpr std::chrono::seconds STALLED{60};
+
+/// More than there are slots, and fewer than the wrapper accepts.
+constexpr unsigned MOST_AT_ONCE = 4 * BILLING_TRANSFERS;
 
 /// The wrapper accepts fewer of one sender.
 constexpr unsigned MOST_ACCEPTED = 20000;
@@ -302,7 +306,7 @@ void Submit(CHttpConnector& oConnector, Ledger& ledger, Mix& mix, std::size_t co
     unsigned limit = 1;
     for (std::size_t i = 0; i < count; ++i) {
         if (i % 500 == 0) {
-            limit = 1U << (mix.upTo(11) - 1);
+            limit = std::min(1U << (mix.upTo(11) - 1), MOST_AT_ONCE);
         }
         ledger.waitForRoom(limit);
         _BILLING_HTTP_REQ_INFO_T tRequest;
@@ -383,7 +387,7 @@ bool StopsAtAnyMoment(const std::string& strUrl, Mix& mix)
         if (!oConnector.Create()) {
             return false;
         }
-        const unsigned hung = 1U << mix.upTo(10);
+        const unsigned hung = std::min(1U << mix.upTo(10), MOST_AT_ONCE);
         for (unsigned i = 0; i < hung; ++i) {
             const std::string strSender = ":1." + std::to_string(mix.upTo(5));
             if (!AskInVain(oConnector, strUrl + "/" + std::to_string(mix.upTo(3)),

@@ -18,6 +18,8 @@ namespace {
 constexpr const char* LIMITS = "org.freedesktop.DBus.Error.LimitsExceeded";
 constexpr const char* NO_OWNER = "org.freedesktop.DBus.Error.NameHasNoOwner";
 constexpr std::size_t ORDINARY = 400;
+// Of what may wait: 1 MiB, unless the totals are lowered.
+constexpr std::size_t PART = HELD_BYTES / 32;
 
 TEST_F(ABusFlow, AsksNobodyAboutACallerThatIsOwedLittle)
 {
@@ -124,7 +126,7 @@ TEST_F(ABusFlow, LetsAllCallersTogetherLeaveNoMoreUnreadThanTheBusTakes)
 TEST_F(ABusFlow, LetsSmallRepliesPassThoseThatReadNoLargeOnes)
 {
     for (int i = 0; i < 16; i++) {
-        EXPECT_TRUE(reply(":1." + std::to_string(i), 4 * MIB));
+        EXPECT_TRUE(reply(":1." + std::to_string(i), UNREAD_BYTES / 16));
     }
     EXPECT_FALSE(reply(":1.99", LARGE_BYTES + 1));
     EXPECT_TRUE(reply(":1.98", LARGE_BYTES));
@@ -136,10 +138,11 @@ TEST_F(ABusFlow, LetsSmallRepliesPassThoseThatReadNoLargeOnes)
 TEST_F(ABusFlow, AsksAboutEverybodyWhenTheRoomForAllIsUsedUp)
 {
     // Owed too little each to be asked about, but for whether they are still there.
+    constexpr std::size_t EACH = UNREAD_BYTES / 128;
     for (int i = 0; i < 128; i++) {
-        EXPECT_TRUE(reply(":1." + std::to_string(i), ASK_BYTES));
+        EXPECT_TRUE(reply(":1." + std::to_string(i), EACH));
         while (!m_oBus.asked.empty()) {
-            unread(m_oBus.asked.begin()->second.strName, ASK_BYTES);
+            unread(m_oBus.asked.begin()->second.strName, EACH);
         }
     }
     pass(LONGEST_PAUSE_MS);
@@ -151,9 +154,9 @@ TEST_F(ABusFlow, MakesTheLargestWaitingRepliesErrorsInTheirPlaces)
 {
     EXPECT_TRUE(reply(":1.1", WINDOW_BYTES));
     EXPECT_FALSE(reply(":1.1", ORDINARY));
-    EXPECT_FALSE(reply(":1.1", 20 * MIB));
-    EXPECT_FALSE(reply(":1.1", 10 * MIB));
-    EXPECT_FALSE(reply(":1.1", 11 * MIB)) << "32 MiB may wait: the 20 make room";
+    EXPECT_FALSE(reply(":1.1", 20 * PART));
+    EXPECT_FALSE(reply(":1.1", 10 * PART));
+    EXPECT_FALSE(reply(":1.1", 11 * PART)) << "32 parts may wait: the 20 make room";
     std::vector<std::string> expected{"", LIMITS, "", ""};
     while (m_oBus.errors.size() < expected.size()) {
         if (open(BusQuestion::UNREAD) > 0) {
@@ -170,15 +173,15 @@ TEST_F(ABusFlow, MakesTheLargestWaitingRepliesErrorsInTheirPlaces)
 TEST_F(ABusFlow, TakesTheAnswersOfWhoMakesNoProgressFirst)
 {
     reply(":1.1", WINDOW_BYTES);
-    reply(":1.1", 8 * MIB);
+    reply(":1.1", 8 * PART);
     reply(":1.2", WINDOW_BYTES);
-    reply(":1.2", 20 * MIB);
+    reply(":1.2", 20 * PART);
     pass(STUCK_MS);
     // The second one reads, slowly.
     unread(":1.2", WINDOW_BYTES / 2);
     unread(":1.1", WINDOW_BYTES);
     reply(":1.3", WINDOW_BYTES);
-    reply(":1.3", 5 * MIB);
+    reply(":1.3", 5 * PART);
     for (int i = 0; i < 20; i++) {
         pass(1000);
         for (const char* szName : {":1.1", ":1.2", ":1.3"}) {
