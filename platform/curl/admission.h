@@ -8,6 +8,7 @@
 
 #include <chrono>
 #include <cstddef>
+#include <cstdint>
 #include <list>
 #include <map>
 #include <string>
@@ -17,8 +18,9 @@ namespace MZCurl {
 
 /// What one sender, one path or one host has.
 struct Share {
-    std::size_t members = 0;  // transfers that were accepted and not yet taken out
-    std::size_t slots = 0;    // those in a slot; not counted for a host
+    std::size_t members = 0;   // transfers that were accepted and not yet taken out
+    std::size_t slots = 0;     // those in a slot; not counted for a host
+    std::uint64_t served = 0;  // of a sender: number of its last ticket for a large answer
     std::chrono::steady_clock::time_point named{};  // when the name of a host was known last
 };
 

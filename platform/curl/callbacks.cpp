@@ -5,7 +5,11 @@
 #include "connections.h"
 #include "gate.h"
 #include "repeat.h"
+#include "tickets.h"
 #include "transfer.h"
+
+#include <algorithm>
+#include <new>
 
 namespace MZCurl {
 namespace {
@@ -16,11 +20,77 @@ std::size_t refuse(Transfer& transfer, const char* reason)
     return CURL_WRITEFUNC_ERROR;
 }
 
+bool isShared(const Transfer& transfer)
+{
+    return transfer.connection != nullptr && transfer.connection->shared;
+}
+
 void noteMove(const Transfer& transfer)
 {
-    if (transfer.connection != nullptr && transfer.connection->shared &&
-        transfer.http2Moved != nullptr) {
+    if (isShared(transfer) && transfer.http2Moved != nullptr) {
         *transfer.http2Moved = true;
+    }
+}
+
+/// A stream that pauses would stop the others of its connection: libcurl 7.88 reads no further than its next piece. So an
+/// answer that has to wait is asked for again, over a connection of its own, and nothing of it may be handed on before that
+/// is settled. Only GETs share a connection.
+bool mayBePostponed(const Transfer& transfer)
+{
+    return isShared(transfer) && transfer.toldBytes == 0 && transfer.ticket.has != Ticket::Huge;
+}
+
+/// @return how many bytes the body will have at least, another piece having come
+std::size_t foreseen(Transfer& transfer, std::size_t piece)
+{
+    curl_off_t told = -1;
+    if (transfer.bodyBytes == 0 &&
+        curl_easy_getinfo(transfer.curl.get(), CURLINFO_CONTENT_LENGTH_DOWNLOAD_T, &told) ==
+            CURLE_OK &&
+        told > 0) {
+        transfer.toldBytes =
+            static_cast<std::size_t>(std::min(told, static_cast<curl_off_t>(kMaxBodyBytes)));
+    }
+    return std::max(transfer.toldBytes, transfer.bodyBytes + piece);
+}
+
+/// The transfer has to wait for a ticket. @return what libcurl is to be told
+std::size_t await(Transfer& transfer)
+{
+    if (!isShared(transfer)) {
+        Connections::pause(transfer);
+        return CURL_WRITEFUNC_PAUSE;
+    }
+    transfer.postponed = true;
+    return refuse(transfer, "Too many large answers at once");
+}
+
+/// Hands on what has come. @return what libcurl is to be told
+std::size_t deliver(Transfer& transfer, char* data, std::size_t length)
+{
+    if (transfer.write == nullptr) {
+        return length;
+    }
+    try {
+        // The limit of a body makes the narrowing harmless. Any other number than the length is a
+        // refusal, the one that would pause the transfer included.
+        const unsigned int taken =
+            transfer.write(data, 1, static_cast<unsigned int>(length), transfer.writeData);
+        return taken == length ? length
+                               : refuse(transfer, "The response was refused by its reader");
+    } catch (...) {
+        return refuse(transfer, "The reader of the response failed");
+    }
+}
+
+/// Keeps what has come of an answer that may have to be asked for again. @return what libcurl is to be told
+std::size_t keep(Transfer& transfer, const char* data, std::size_t length)
+{
+    try {
+        transfer.early.append(data, length);
+        return length;
+    } catch (const std::bad_alloc&) {
+        return refuse(transfer, "No memory for the response");
     }
 }
 
@@ -34,21 +104,24 @@ std::size_t onBody(char* data, std::size_t size, std::size_t count, void* pointe
     if (length > kMaxBodyBytes - transfer.bodyBytes) {
         return refuse(transfer, "The response is larger than 33554375 bytes");
     }
+    if (transfer.tickets != nullptr) {
+        const auto now = Tickets::Clock::now();
+        if (!transfer.tickets->mayGrow(transfer, foreseen(transfer, length), now)) {
+            return await(transfer);
+        }
+    }
     transfer.bodyBytes += length;
-    if (transfer.write == nullptr) {
-        return length;
+    if (transfer.tickets != nullptr && mayBePostponed(transfer)) {
+        return keep(transfer, data, length);
     }
-    try {
-        // The limit above makes the narrowing harmless. Any other number than the length is a
-        // refusal, the one that would pause the transfer included.
-        const unsigned int taken =
-            transfer.write(data, static_cast<unsigned int>(size), static_cast<unsigned int>(count),
-                           transfer.writeData);
-        return taken == length ? length
-                               : refuse(transfer, "The response was refused by its reader");
-    } catch (...) {
-        return refuse(transfer, "The reader of the response failed");
-    }
+    return deliverEarly(transfer) ? deliver(transfer, data, length) : CURL_WRITEFUNC_ERROR;
+}
+
+bool deliverEarly(Transfer& transfer)
+{
+    std::string early;
+    early.swap(transfer.early);
+    return early.empty() || deliver(transfer, early.data(), early.size()) == early.size();
 }
 
 std::size_t onHeader(char* /*data*/, std::size_t size, std::size_t count, void* pointer)

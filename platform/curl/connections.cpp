@@ -242,10 +242,28 @@ void Connections::end(Transfer& transfer)
     if (transfer.connection == nullptr) {
         return;
     }
+    transfer.connection->paused = false;
     if (--transfer.connection->users == 0) {
         transfer.connection->since = bootTime();
     }
     transfer.connection.reset();
+}
+
+void Connections::pause(Transfer& transfer)
+{
+    transfer.paused = true;
+    if (transfer.connection != nullptr) {
+        transfer.connection->paused = true;
+    }
+}
+
+void Connections::resume(Transfer& transfer)
+{
+    transfer.paused = false;
+    if (transfer.connection != nullptr) {
+        transfer.connection->paused = false;
+        transfer.connection->since = bootTime();
+    }
 }
 
 void Connections::lookAround()
@@ -299,6 +317,7 @@ void Connections::retireWaiting()
     retireIdle();
     for (const auto& connection : m_open) {
         const bool candidate = connection->users > 0 && !connection->single && !connection->given &&
+                               !connection->paused &&
                                (connection->requests > 1 || connection->doubtful);
         if (candidate && silenceOf(*connection, now) >=
                              (connection->doubtful ? kDoubtfulLostAfter : kLostAfter)) {

@@ -37,6 +37,7 @@ struct Connection {
     BootTime since{0};         // of the last change of `users` from or to 0
     bool shared = false;       // HTTP/2: several requests at a time
     bool single = false;       // it carries a request that must not be sent twice
+    bool paused = false;       // nobody reads from it: its silence says nothing
     bool doubtful = false;     // the network has changed since it was opened
     bool given = false;        // closed at the socket by the wrapper: libcurl will find it dead
 };
@@ -62,6 +63,10 @@ public:
 
     /// The request of a transfer has ended, in whatever way.
     void end(Transfer& transfer);
+
+    /// Nobody reads the answer of a transfer from here on: its connection is silent for that. Until `resume`.
+    static void pause(Transfer& transfer);
+    static void resume(Transfer& transfer);
 
     /// Before a request begins: closes the idle connections that it could fail on. These are idle for too long, have
     /// something to read, or are from before a change of the network or a standby.

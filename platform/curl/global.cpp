@@ -1,6 +1,8 @@
 // global.cpp - the libraries' set-up. It is never undone: threads of the resolver may outlive main.
 #include "global.h"
 
+#include "heap.h"
+
 #include <curl/curl.h>
 #include <openssl/crypto.h>
 
@@ -14,6 +16,7 @@ bool initializeLibraries()
     static bool done = false;
     const std::lock_guard<std::mutex> guard(lock);
     if (!done) {
+        keepLargeBlocksApart();
         // OpenSSL's own exit handler would free what a thread that is still alive uses.
         done = OPENSSL_init_crypto(OPENSSL_INIT_NO_ATEXIT, nullptr) == 1 &&
                curl_global_init(CURL_GLOBAL_DEFAULT) == CURLE_OK;

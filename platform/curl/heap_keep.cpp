@@ -5,4 +5,6 @@ namespace MZCurl {
 
 void giveBackMemory() {}
 
+void keepLargeBlocksApart() {}
+
 }  // namespace MZCurl

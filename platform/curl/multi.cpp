@@ -1,6 +1,7 @@
 // multi.cpp - the multi handle's inside: many transfers on one worker, added from any thread.
 #include "multi.h"
 
+#include "callbacks.h"
 #include "global.h"
 #include "heap.h"
 #include "quotas.h"
@@ -31,6 +32,9 @@ constexpr long kMostKeptConnections = static_cast<long>(kMostSlots);
 constexpr std::size_t kBurst = 64;
 constexpr int kAfterBurstMs = 500;
 
+// What timeLeft tells when there is none.
+constexpr std::chrono::milliseconds kNoTime{1};
+
 // A wait that fails does not wait: without a pause the caller's loop would spin.
 constexpr std::chrono::milliseconds kPauseAfterFailure{10};
 
@@ -41,7 +45,7 @@ MZCurlMulti::Impl::~Impl()
     m_gate.release(m_going, Gate::Clock::time_point::max());
     m_admission.drain(m_going);
     for (TransferList* const list :
-         {&m_pending, &m_later, &m_going, &m_active, &m_ready, &m_given}) {
+         {&m_pending, &m_later, &m_postponed, &m_going, &m_active, &m_ready, &m_given}) {
         while (!list->empty()) {
             takeOut(*list->front());
         }
@@ -156,6 +160,7 @@ void MZCurlMulti::Impl::detach(Transfer& transfer)
         SessionShare::detach(transfer);
         Connections::unfollow(transfer);
         transfer.admission = nullptr;
+        transfer.tickets = nullptr;
         transfer.attached = false;
     }
 }
@@ -163,6 +168,7 @@ void MZCurlMulti::Impl::detach(Transfer& transfer)
 void MZCurlMulti::Impl::takeOut(Transfer& transfer)
 {
     detach(transfer);
+    m_tickets.leave(transfer);
     const std::lock_guard<std::mutex> guard(m_lock);
     transfer.home->erase(transfer.node);
     m_gate.leave(transfer);
@@ -216,6 +222,7 @@ void MZCurlMulti::Impl::giveSlots()
 void MZCurlMulti::Impl::attach(Transfer& transfer)
 {
     transfer.admission = &m_admission;
+    transfer.tickets = &m_tickets;
     m_connections.follow(transfer);
     transfer.begin(m_connections.isInDoubt(transfer.hostKey));
     if (transfer.number == 0) {
@@ -241,13 +248,17 @@ void MZCurlMulti::Impl::attach(Transfer& transfer)
 void MZCurlMulti::Impl::finish(Transfer& transfer, CURLcode result)
 {
     transfer.result = result;
-    report(transfer);
     const Again reason = whyAgain(transfer);
+    if (reason == Again::No && !deliverEarly(transfer)) {
+        transfer.result = CURLE_WRITE_ERROR;
+    }
+    report(transfer);
     m_connections.end(transfer);
     if (reason != Again::No) {
         beginAgain(transfer, reason);
         return;
     }
+    m_tickets.ended(transfer);
     m_admission.release(transfer);
     moveTo(transfer, m_ready);
     Gate::finished(transfer);
@@ -257,6 +268,12 @@ void MZCurlMulti::Impl::beginAgain(Transfer& transfer, Again reason)
 {
     detach(transfer);
     const std::chrono::milliseconds pause = countRepeat(transfer, reason);
+    if (reason == Again::Ticket) {
+        m_tickets.giveBack(transfer);
+        moveTo(transfer, m_postponed);
+        return;
+    }
+    m_tickets.leave(transfer);
     if (pause.count() > 0) {
         // The host may need a leader again by then.
         m_gate.leave(transfer);
@@ -266,6 +283,46 @@ void MZCurlMulti::Impl::beginAgain(Transfer& transfer, Again reason)
         return;
     }
     attach(transfer);
+}
+
+void MZCurlMulti::Impl::giveTickets()
+{
+    const auto now = Tickets::Clock::now();
+    while (Transfer* const transfer = m_tickets.next(now)) {
+        goOn(*transfer);
+    }
+    while (Transfer* const transfer = m_tickets.overdue(now)) {
+        cutOff(*transfer, "The answer was too slow: others waited for their turn");
+    }
+    for (auto it = m_postponed.begin(); it != m_postponed.end();) {
+        Transfer& transfer = **it++;
+        if (transfer.timeout.count() > 0 && timeLeft(transfer) <= kNoTime) {
+            cutOff(transfer, "The answer waited for its turn until its time was over");
+        }
+    }
+}
+
+void MZCurlMulti::Impl::goOn(Transfer& transfer)
+{
+    if (transfer.postponed) {
+        attach(transfer);
+        return;
+    }
+    Connections::resume(transfer);
+    // Hands on the piece for which the transfer had to wait, which may have it wait again.
+    const CURLcode code = curl_easy_pause(transfer.curl.get(), CURLPAUSE_CONT);
+    m_begun = true;
+    if (code != CURLE_OK) {
+        detach(transfer);
+        finish(transfer, code);
+    }
+}
+
+void MZCurlMulti::Impl::cutOff(Transfer& transfer, const char* reason)
+{
+    detach(transfer);
+    transfer.refusal = reason;
+    finish(transfer, CURLE_OPERATION_TIMEDOUT);
 }
 
 void MZCurlMulti::Impl::letThrough()
@@ -298,6 +355,9 @@ int MZCurlMulti::Impl::waitLimit() const
     }
     const auto now = Gate::Clock::now();
     int bound = m_gate.waitBound(now, kLongestPollMs);
+    if (m_tickets.isWaiting() && inHand(Ticket::Large) + inHand(Ticket::Huge) > 0) {
+        bound = std::min(bound, static_cast<int>(kInHandLook.count()));
+    }
     for (const Transfer* const transfer : m_later) {
         bound = std::min(bound, millisecondsUntil(transfer->due, now));
     }
@@ -369,6 +429,7 @@ bool MZCurlMulti::Impl::select()
     int unfinished = 0;
     ok = curl_multi_perform(m_multi.get(), &unfinished) == CURLM_OK && ok;
     collect();
+    giveTickets();
     letThrough();
     return ok;
 }

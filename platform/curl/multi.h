@@ -2,6 +2,7 @@
 //
 //   add --> pending --> (waiting at the gate) --> (in a lane) --> active --> ready <--> given --> removed
 //               later <-------------- begun again <-------------------'
+//           postponed <---------'
 //
 // Only `pending` is touched by other threads; the rest belongs to the worker. A finished transfer
 // is ready to be handed out; once handed out it is given, and ready again in the next round: a
@@ -13,6 +14,7 @@
 #include "gate.h"
 #include "repeat.h"
 #include "share.h"
+#include "tickets.h"
 #include "transfer.h"
 
 #include <curl/curl.h>
@@ -62,6 +64,9 @@ private:
     int waitLimit() const;
     void letThrough();
     void giveSlots();
+    void giveTickets();
+    void goOn(Transfer& transfer);
+    void cutOff(Transfer& transfer, const char* reason);
     void attach(Transfer& transfer);
     void detach(Transfer& transfer);
     void finish(Transfer& transfer, CURLcode result);
@@ -86,8 +91,10 @@ private:
 
     unsigned int m_transfers = 0;  // begun so far
     Gate m_gate;
-    TransferList m_later;  // to be begun again when they are due
-    TransferList m_going;  // to be queued next
+    Tickets m_tickets;
+    TransferList m_later;      // to be begun again when they are due
+    TransferList m_postponed;  // to be begun again when they have their tickets
+    TransferList m_going;      // to be queued next
     TransferList m_active;
     TransferList m_ready;
     TransferList m_given;

@@ -41,4 +41,29 @@ constexpr std::chrono::seconds kLongestTurn{20};
 /// Chosen as more than a TV has apps.
 constexpr std::size_t kRemembered = 64;
 
+// --- answers ---
+
+/// Bytes. An answer up to here needs no ticket. Confirmations, invoices and short lists are below it; all slots together hold
+/// 16 MiB of such answers.
+constexpr std::size_t kSmallAnswer = std::size_t{64} * 1024;
+
+/// Bytes. An answer up to here needs one of the tickets for large ones, a longer one the ticket for huge ones.
+constexpr std::size_t kLargeAnswer = std::size_t{4} * 1024 * 1024;
+
+/// Large answers in memory at a time, from their 64th KiB to the bus: 32 MiB with the copy that the bus library makes.
+constexpr std::size_t kLargeTickets = 4;
+
+/// The same for huge ones: 64 MiB with that copy. 20 of 32 MiB cost 960 MiB without tickets.
+constexpr std::size_t kHugeTickets = 1;
+
+/// While others wait for its ticket, an answer of which nothing comes for so long is given up. A packet that is lost four
+/// times on a line with 50 ms of delay comes after 4 s (reckoned: the kernel doubles a pause of 0.25 s).
+constexpr std::chrono::seconds kSilentTurn{5};
+
+/// While others wait for its ticket, an answer is given up after so long: D-Bus libraries give up after 25 s.
+constexpr std::chrono::seconds kLongestAnswer{20};
+
+/// Pause between two looks whether a body has left memory, while an answer waits for that.
+constexpr std::chrono::milliseconds kInHandLook{10};
+
 }  // namespace MZCurl

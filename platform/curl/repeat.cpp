@@ -72,6 +72,9 @@ Again whyAgain(const Transfer& transfer)
     if (transfer.result == CURLE_OK || !transfer.attached || !hasTime(transfer)) {
         return Again::No;
     }
+    if (transfer.postponed) {
+        return Again::Ticket;
+    }
     const bool lost =
         transfer.mayBeSentAgain() && endedWithoutAnswer(transfer) && connectionIsSuspect(transfer);
     if (repeats.lost == 0 && (transfer.crowded || lost)) {
@@ -95,6 +98,11 @@ milliseconds countRepeat(Transfer& transfer, Again reason)
         ++transfer.repeats.session;
         __dlog_print(DLOG_INFO, kTag,
                      "transfer %u begins again: the server refused its TLS session",
+                     transfer.number);
+    } else if (reason == Again::Ticket) {
+        ++transfer.repeats.postponed;
+        __dlog_print(DLOG_INFO, kTag,
+                     "transfer %u will begin again: its answer is large and others are under way",
                      transfer.number);
     } else {
         const milliseconds pause = kRefusedPauses[transfer.repeats.refused++];

@@ -7,6 +7,8 @@
 // | Session | the handshake failed after a TLS session was offered; no byte  | all            | once, over a new connection, |
 // |         | of a request was sent                                          |                | without a session            |
 // | Refused | the server's port refused the connection: the server restarts  | all            | after ¼, ½, 1 and 2 s        |
+// | Ticket  | the answer over HTTP/2 is large, others are under way, and    | GET            | once, over a new connection, |
+// |         | none of its body was handed on                                |                | HTTP/1.1, with its ticket    |
 //
 // A POST or DELETE is sent at most once: it is repeated only where no byte of it was sent.
 #pragma once
@@ -17,7 +19,7 @@
 
 namespace MZCurl {
 
-enum class Again { No, Lost, Session, Refused };
+enum class Again { No, Lost, Session, Refused, Ticket };
 
 /// @return why the transfer, whose attempt has ended with its `result`, is to be begun again; No when it has ended
 Again whyAgain(const Transfer& transfer);

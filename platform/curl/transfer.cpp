@@ -99,6 +99,10 @@ void Transfer::start()
 void Transfer::begin(bool fresh)
 {
     bodyBytes = 0;
+    toldBytes = 0;
+    early.clear();
+    paused = false;
+    postponed = false;
     headerBytes = 0;
     sendings = 0;
     refusal = nullptr;
@@ -106,7 +110,7 @@ void Transfer::begin(bool fresh)
     keptConnection = false;
     crowded = false;
     const bool single = !mayBeSentAgain();
-    onlyHttp11 = single || repeats.lost > 0;
+    onlyHttp11 = single || repeats.lost > 0 || repeats.postponed > 0;
     const auto set = [this](CURLoption option, long value) {
         curl_easy_setopt(curl.get(), option, value);
     };

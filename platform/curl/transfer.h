@@ -2,6 +2,8 @@
 // the place that the multi handle keeps for it.
 #pragma once
 
+#include "in_hand.h"
+
 #include <platform/MZCurl.h>
 
 #include <curl/curl.h>
@@ -18,6 +20,7 @@ namespace MZCurl {
 
 class Admission;
 class Connections;
+class Tickets;
 struct Connection;
 struct Host;
 struct Lane;
@@ -39,6 +42,15 @@ struct Repeats {
     unsigned int lost = 0;
     unsigned int session = 0;
     unsigned int refused = 0;
+    unsigned int postponed = 0;
+};
+
+/// What a transfer has and wants of the tickets (tickets.h).
+struct TicketHold {
+    Ticket has = Ticket::None;
+    Ticket wants = Ticket::None;                  // it waits for this one
+    std::chrono::steady_clock::time_point since;  // it has what it has
+    std::chrono::steady_clock::time_point moved;  // when its body grew last
 };
 
 /// Thread: one at a time, as for MZCurlEasy.
@@ -93,6 +105,11 @@ struct Transfer {
 
     // of the attempt under way
     std::size_t bodyBytes = 0;
+    std::size_t toldBytes = 0;  // length of the body, as far as the server tells it
+    std::string
+        early;  // beginning of the body, kept while the answer may have to be asked for again
+    bool paused = false;     // libcurl reads no more of it
+    bool postponed = false;  // it is to begin again when it has its ticket
     std::size_t headerBytes = 0;
     unsigned int sendings = 0;  // of the request, libcurl's own repetitions included
     bool onlyHttp11 = false;
@@ -115,8 +132,10 @@ struct Transfer {
     bool hasSlot = false;
     bool resolving = false;          // the name of its server, as far as is known
     Admission* admission = nullptr;  // while it is attached
-    std::shared_ptr<CURLSH> share;   // while it is attached
-    bool* http2Moved = nullptr;      // to be set when a piece of an HTTP/2 response comes
+    Tickets* tickets = nullptr;      // while it is attached
+    TicketHold ticket;
+    std::shared_ptr<CURLSH> share;  // while it is attached
+    bool* http2Moved = nullptr;     // to be set when a piece of an HTTP/2 response comes
     bool attached = false;
     std::chrono::steady_clock::time_point due;  // when it is begun again
     unsigned int number = 0;  // among those that the multi handle has begun; 0 before

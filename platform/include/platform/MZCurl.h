@@ -8,6 +8,7 @@
 // another one, and handles may be added from any thread.
 #pragma once
 
+#include <cstddef>
 #include <list>
 #include <memory>
 #include <string>
@@ -177,5 +178,11 @@ private:
     struct Impl;
     std::unique_ptr<Impl> m_pImpl;
 };
+
+/// Counts a body that has left the multi handle and is still in memory. A large answer is received only while few large
+/// bodies are counted (quotas.h). Thread: any; a body is to be counted by the worker, before its next fdSelect().
+/// @param uBytes its size
+/// @return what counts it, until its last copy is gone; null for a body that is not large, and without memory
+std::shared_ptr<void> CountBody(std::size_t uBytes) noexcept;
 
 }  // namespace MZCurl

@@ -1,4 +1,5 @@
 // nginx_test.cpp - the wrapper against a server as they run out there: HTTP/2 and HTTP/1.1 by nginx.
+#include "quotas.h"
 #include "test_certificates.h"
 #include "test_server.h"
 #include "transfers.h"
@@ -34,10 +35,12 @@ using namespace MZCurl;
 using test::Outcome;
 using test::Transfer;
 using test::Worker;
+using testing::AllOf;
 using testing::Each;
 using testing::Gt;
 using testing::HasSubstr;
 using testing::SizeIs;
+using testing::UnorderedElementsAre;
 
 constexpr int kSkipped = 77;  // what the test harness takes for "skipped"
 constexpr int kWriteError = 23;
@@ -111,13 +114,14 @@ int listenAnywhere(int& port)
 class Nginx {
 public:
     /// @param upstream  where it passes requests for /upstream on to
+    /// @param options  of the files that it serves
     Nginx(const test::CertificateAuthority& authority, const std::string& listenOptions,
-          const std::string& upstream = "http://127.0.0.1:1")
+          const std::string& upstream = "http://127.0.0.1:1", const std::string& options = {})
     {
         test::writeIdentity(authority.issue(), m_folder.path("server.pem"),
                             m_folder.path("server.key"));
         const int listener = listenAnywhere(m_port);
-        writeConfiguration(listenOptions, upstream);
+        writeConfiguration(listenOptions, upstream, options);
         m_process = fork();
         if (m_process == 0) {
             prctl(PR_SET_PDEATHSIG, SIGTERM);
@@ -160,7 +164,8 @@ public:
     }
 
 private:
-    void writeConfiguration(const std::string& listenOptions, const std::string& upstream)
+    void writeConfiguration(const std::string& listenOptions, const std::string& upstream,
+                            const std::string& options)
     {
         std::ofstream(m_folder.path("nginx.conf"))
             << "daemon off;\nuser root;\nworker_processes 1;\n"
@@ -175,7 +180,7 @@ private:
             << "server {\nlisten 127.0.0.1:" << m_port << " ssl " << listenOptions << ";\n"
             << "ssl_certificate " << m_folder.path("server.pem") << ";\nssl_certificate_key "
             << m_folder.path("server.key") << ";\nssl_protocols TLSv1.2;\n"
-            << "location / { root " << m_folder.path("") << "; }\n"
+            << "location / { root " << m_folder.path("") << "; " << options << " }\n"
             << "ssl_session_cache shared:sessions:1m;\n"
             << "location /upstream { proxy_pass " << upstream << "; }\n"
             << "}\n}\n";
@@ -307,6 +312,49 @@ TEST_F(AnNginx, CannotSendMoreThanTheLimitInHttp2Either)
     EXPECT_EQ(largest.body.size(), kBodyLimit);
     Transfer larger(server.url() + "/larger", caFile);
     EXPECT_EQ(worker.run(larger).code, kWriteError);
+}
+
+/// Whatever there is of a length is looked at for includes: none is told.
+constexpr const char* kLengthUnknown = "ssi on; ssi_types *;";
+
+TEST_F(AnNginx, IsAskedAgainOverHttp11ForALargeAnswerThatHasToWait)
+{
+    const std::string large(kLargeAnswer + 1000000, 'x');
+    for (const char* const options : {"", kLengthUnknown}) {
+        Nginx server(authority, "http2", "http://127.0.0.1:1", options);
+        server.put("large", large);
+        server.put("small", "body");
+        std::shared_ptr<void> inHand = CountBody(large.size());
+        Transfer waiting(server.url() + "/large", caFile);
+        Transfer small(server.url() + "/small", caFile);
+        std::thread later([&inHand] {
+            std::this_thread::sleep_for(std::chrono::milliseconds(500));
+            inHand.reset();
+        });
+        worker.run({&waiting, &small});
+        later.join();
+        EXPECT_TRUE(worker.outcome(waiting).success) << worker.outcome(waiting).error;
+        EXPECT_TRUE(waiting.body == large);
+        EXPECT_TRUE(worker.outcome(small).success) << worker.outcome(small).error;
+        EXPECT_THAT(server.stop(),
+                    UnorderedElementsAre(AllOf(HasSubstr("HTTP/2.0"), HasSubstr("/large")),
+                                         AllOf(HasSubstr("HTTP/2.0"), HasSubstr("/small")),
+                                         AllOf(HasSubstr("HTTP/1.1"), HasSubstr("/large"))));
+    }
+}
+
+TEST_F(AnNginx, SendsAnswersOfUnknownLengthInHttp2)
+{
+    Nginx server(authority, "http2", "http://127.0.0.1:1", kLengthUnknown);
+    for (const std::size_t size :
+         {std::size_t{0}, std::size_t{10}, kSmallAnswer, kSmallAnswer + 1, kLargeAnswer + 1}) {
+        server.put("page", std::string(size, 'x'));
+        Transfer get(server.url() + "/page", caFile);
+        const Outcome outcome = worker.run(get);
+        EXPECT_TRUE(outcome.success) << outcome.error;
+        EXPECT_EQ(get.body.size(), size);
+    }
+    EXPECT_THAT(server.stop(), Each(HasSubstr("HTTP/2.0")));
 }
 
 }  // namespace
