@@ -2,6 +2,7 @@
 #include "BusFlow.h"
 
 #include "BusLimits.h"
+#include "ReplyBody.h"
 
 #include <algorithm>
 
@@ -70,6 +71,9 @@ void CBusFlow::Reply(BusMessagePtr& pReply)
 void CBusFlow::Hold(BusCaller& tCaller, BusMessagePtr pReply, std::size_t uBytes, gint64 iNow)
 {
     const bool bWindow = m_ledger.FitsWindow(tCaller, uBytes);
+    if (m_ledger.HeldBytes() == 0) {
+        m_iProgress = iNow;
+    }
     m_ledger.Hold(tCaller, std::move(pReply), uBytes, iNow);
     m_bGiveBack = m_bGiveBack || m_ledger.HeldBytes() > GIVE_BACK_BYTES;
     ++tCaller.uHeldReplies;
@@ -110,6 +114,7 @@ void CBusFlow::Known(BusCaller& tCaller, std::size_t uUnread, gint64 iNow)
     const bool bProgress = uUnread < tCaller.uUnread;
     m_ledger.SetUnread(tCaller, uUnread, iNow);
     tCaller.iLastSeen = iNow;
+    m_iProgress = bProgress ? iNow : m_iProgress;
     tCaller.iPause = bProgress ? FIRST_PAUSE_MS
                                : std::clamp(tCaller.iPause * 2, FIRST_PAUSE_MS, LONGEST_PAUSE_MS);
     ReleaseAll(iNow);
@@ -162,6 +167,7 @@ void CBusFlow::Gone(const std::string& strName, gint64 iNow)
         m_report.HasLeft(*ptCaller);
     }
     m_ledger.Forget(strName);
+    m_iProgress = iNow;
     ReleaseAll(iNow);
 }
 
@@ -211,12 +217,33 @@ void CBusFlow::Timer()
         m_bGiveBack = false;
         m_oPort.GiveBack();
     }
+    StopCountingStuck(iNow);
     WakeAt(m_bGiveBack ? iNow + LONGEST_PAUSE_MS : 0);
     WakeAt(m_report.TellOver(iNow));
     WakeAt(m_iProofAt);
     WakeAt(m_iPingReportAt);
     const gint64 iStill = m_questions.OldestToBus();
     WakeAt(iStill != 0 ? iStill + BUS_SILENT_MS : 0);
+}
+
+// While callers read on, the next large answer is not received before those that wait have left.
+// Where nobody reads, it is not to wait for that.
+void CBusFlow::StopCountingStuck(gint64 iNow)
+{
+    if (m_ledger.HeldBytes() == 0) {
+        return;
+    }
+    if (iNow - m_iProgress < STUCK_MS) {
+        m_oPort.WakeAt(m_iProgress + STUCK_MS);
+        return;
+    }
+    for (const auto& [strName, tCaller] : m_ledger.Callers()) {
+        for (const BusHeldReply& tHeld : tCaller.held) {
+            if (tHeld.uBytes > LARGE_BYTES) {
+                StopCounting(tHeld.pMessage.get());
+            }
+        }
+    }
 }
 
 // Returns true when it waits for what others have not read.

@@ -49,8 +49,10 @@ constexpr std::size_t UNREAD_BYTES = BILLING_UNREAD_MIB * MIB;
 constexpr std::size_t UNREAD_SMALL_BYTES = UNREAD_BYTES / 2;
 
 /// Bytes that wait in the service. Beyond, the largest become errors. Without it the unread answers
-/// would only move from the bus into the service: 2.1 GiB of 240 answers of 4 MiB and more.
-constexpr std::size_t HELD_BYTES = UNREAD_BYTES / 2;
+/// would only move from the bus into the service: 2.1 GiB of 240 answers of 4 MiB and more. The
+/// longest reply there can be, of 32 MiB, fits where the total is not lowered: also a caller that
+/// reads has it wait for a moment.
+constexpr std::size_t HELD_BYTES = UNREAD_BYTES / 2 + 1 * MIB;
 
 /// Bytes that a waiting reply takes beside its text: the message object and its header fields.
 constexpr std::size_t HELD_EXTRA_BYTES = 2 * KIB;
@@ -63,7 +65,8 @@ constexpr std::size_t REFUSABLE_BYTES = 4 * KIB;
 constexpr std::size_t GIVE_BACK_BYTES = 4 * MIB;
 
 /// Milliseconds without any progress, after which a caller's waiting replies are the first to become
-/// errors.
+/// errors; without progress of any caller, after which what waits is no reason any more to receive no
+/// further large answer.
 constexpr gint64 STUCK_MS = 2000;
 
 /// Callers that are remembered before the bus is asked whether the one that was answered longest ago

@@ -6,6 +6,7 @@
 #include "BusFilter.h"
 #include "OnBehalf.h"
 #include "ParametersText.h"
+#include "ReplyBody.h"
 #include "ReplyText.h"
 
 #include <array>
@@ -14,6 +15,7 @@
 #include <memory>
 #include <new>
 #include <string>
+#include <utility>
 
 guint32 g_iPendingCallCount = 0;
 
@@ -304,6 +306,7 @@ void CDBusManager::m_PipeCallback(void* data, void* buffer, unsigned int)
                  ptInfo->strRespInfo.c_str());
     int iRespResult = ptInfo->iRespResult;
     std::string strRespInfo = std::move(ptInfo->strRespInfo);
+    std::shared_ptr<void> pCount = std::move(ptInfo->pCount);
     ptInfo.reset();
     if (pInvocation == nullptr) {
         BILLING_ERROR_PLAIN("GDBusMethodInvocation invocation is NULL");
@@ -315,8 +318,8 @@ void CDBusManager::m_PipeCallback(void* data, void* buffer, unsigned int)
         BILLING_ERROR("the response does not fit the bus or the memory, it is answered as failed");
         iRespResult = BILLING_RESULT_HTTP_ERROR;
     }
-    g_dbus_method_invocation_return_value(pInvocation,
-                                          g_variant_new("(is)", iRespResult, strRespInfo.c_str()));
+    g_dbus_method_invocation_return_value(
+        pInvocation, MakeReplyBody(iRespResult, std::move(strRespInfo), std::move(pCount)));
     BILLING_INFO_PLAIN("g_dbus_method_invocation_return_value");
     --g_iPendingCallCount;
     BILLING_INFO_PLAIN("g_dbus_method_invocation_return_value");

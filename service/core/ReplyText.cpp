@@ -53,8 +53,9 @@ bool MakeReplyText(std::string& strText, std::size_t uLimit) noexcept
     if (uLength != strText.size()) {
         const std::unique_ptr<char, decltype(&g_free)> szValid(
             g_utf8_make_valid(strText.data(), static_cast<gssize>(strText.size())), g_free);
+        std::string().swap(strText);  // before its successor is made: both may be large
         try {
-            strText = szValid.get();
+            strText.assign(szValid.get(), uLength);
         } catch (const std::bad_alloc&) {  // called from C code, which lets none through
             std::string().swap(strText);
             return false;

@@ -6,6 +6,7 @@
 #include "BillingLog.h"
 #include "BillingTaskBase.h"
 
+#include <platform/MZCurl.h>
 #include <platform/network.h>
 
 #include <fcntl.h>
@@ -15,6 +16,7 @@
 #include <cstring>
 #include <memory>
 #include <new>
+#include <utility>
 
 namespace {
 
@@ -68,7 +70,7 @@ void LogResult(const CallbackText& tText, bool bSuccess, const std::string& strR
 }
 
 // What every response callback does. It is called from C code, and lets no exception out.
-void SendResult(const CallbackText& tText, bool bSuccess, const std::string& strRsp,
+void SendResult(const CallbackText& tText, bool bSuccess, std::string& strRsp,
                 void* pUserData) noexcept
 {
     BILLING_DEBUG_AS(tText.szOperation, "[START] ");
@@ -88,8 +90,14 @@ void SendResult(const CallbackText& tText, bool bSuccess, const std::string& str
     tInfo.iRespResult = bSuccess ? BILLING_RESULT_SUCCESS : BILLING_RESULT_HTTP_ERROR;
     tInfo.pUser = ptReq->pUser;
     LogResult(tText, bSuccess, strRsp);
+    tInfo.pCount = MZCurl::CountBody(strRsp.size());
     try {
-        tInfo.strRespInfo = strRsp;
+        // Copies of a large text would add up.
+        if (tInfo.pCount != nullptr) {
+            tInfo.strRespInfo.swap(strRsp);
+        } else {
+            tInfo.strRespInfo = strRsp;
+        }
         ptReq->pOwner->m_WriteRequestResultToPipe(tText.eType, tInfo);
     } catch (const std::bad_alloc&) {
         BILLING_ERROR_AS(tText.szOperation, "no memory for the response, it is answered as failed");
@@ -243,7 +251,11 @@ void CBillingEngine::m_WriteRequestResultToPipe(REQUEST_TYPE eType, BILLING_RETU
     }
     std::unique_ptr<BILLING_RETURN_INFO_T> pReturnInfo(new (std::nothrow) BILLING_RETURN_INFO_T);
     BILLING_RETURN_IF(NULL == pReturnInfo);
-    *pReturnInfo = tInfo;
+    if (tInfo.pCount != nullptr) {
+        *pReturnInfo = std::move(tInfo);
+    } else {
+        *pReturnInfo = tInfo;
+    }
     pReturnInfo->eReqType = eType;
     BILLING_INFO("pReturnInfo->pUser %p", pReturnInfo->pUser);
 

@@ -43,7 +43,8 @@ public:
     /// @return true when the device has a default gateway
     bool m_CheckNetWorkStats();
 
-    /// Sends a copy of tInfo to the main loop, marked with eType. Thread: any.
+    /// Sends a copy of tInfo to the main loop, marked with eType. A record that is counted is moved
+    /// instead. Thread: any.
     void m_WriteRequestResultToPipe(REQUEST_TYPE eType, BILLING_RETURN_INFO_T& tInfo);
 
     /// The response callbacks; pUserData is the request's EngineRequestContext, which they free.

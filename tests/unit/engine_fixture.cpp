@@ -7,6 +7,7 @@
 #include <gmock/gmock.h>
 
 #include <memory>
+#include <utility>
 
 PipeDouble& Pipe()
 {
@@ -53,8 +54,8 @@ void AnEngine::Receive(void* data, void* buffer, unsigned int nbyte)
     self->m_messageSizes.push_back(nbyte);
     const std::unique_ptr<BILLING_RETURN_INFO_T> info(
         *static_cast<BILLING_RETURN_INFO_T**>(buffer));
-    self->m_last = *info;
     self->m_results.push_back({info->eReqType, info->iRespResult, info->strRespInfo, info->pUser});
+    self->m_last = std::move(*info);
 }
 
 void AnEngine::SetUp()

@@ -19,7 +19,12 @@ bool ABusFlow::reply(const std::string& strTo, std::size_t uBytes)
 {
     // "(s)" takes its text and the end of it.
     const std::string strText(uBytes - BusLimits::HEADER_BYTES - 1, 'x');
-    BusMessagePtr pReply = MakeAnswer(g_variant_new("(s)", strText.c_str()));
+    return replyWith(strTo, g_variant_new("(s)", strText.c_str()));
+}
+
+bool ABusFlow::replyWith(const std::string& strTo, GVariant* pBody)
+{
+    BusMessagePtr pReply = MakeAnswer(pBody);
     g_dbus_message_set_destination(pReply.get(), strTo.c_str());
     g_dbus_message_set_serial(pReply.get(), ++m_uSerial);
     g_dbus_message_set_reply_serial(pReply.get(), m_uSerial);

@@ -66,6 +66,8 @@ protected:
 
     /// A reply of that many bytes on the bus goes out. @return true when it does so now
     bool reply(const std::string& strTo, std::size_t uBytes);
+    /// The same, with this body.
+    bool replyWith(const std::string& strTo, GVariant* pBody);
     /// How many questions of that kind are open.
     std::size_t open(BusQuestion eKind) const;
     /// Answers the open question of that kind about that caller. @return whether it was taken

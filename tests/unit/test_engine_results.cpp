@@ -149,6 +149,21 @@ TEST_F(AnEngine, SendsACopyOfAllTwelveFieldsMarkedWithTheRequestsType)
     EXPECT_THAT(m_messageSizes, ElementsAre(sizeof(void*)));
 }
 
+TEST_F(AnEngine, MovesALargeTextAndCountsItUntilItsReaderLetsGo)
+{
+    constexpr std::size_t LARGE = 100000;
+    std::string strBody(LARGE, 'x');
+    const char* const szText = strBody.data();
+
+    CBillingEngine::m_GetProductsCB(true, strBody,
+                                    new EngineRequestContext{&m_oEngine, caller(), false});
+
+    ASSERT_EQ(resultsOnPipe(1).size(), 1u);
+    EXPECT_EQ(m_last.strRespInfo.data(), szText) << "no copy was made";
+    EXPECT_EQ(m_last.strRespInfo.size(), LARGE);
+    EXPECT_NE(m_last.pCount, nullptr);
+}
+
 TEST_F(AnEngine, DropsAResultWithoutMemoryForItsRecord)
 {
     BILLING_RETURN_INFO_T tInfo;

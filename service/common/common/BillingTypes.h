@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
 #include <string>
 
 class CBillingEngine;
@@ -65,6 +66,7 @@ struct BILLING_RETURN_INFO_T {
     void* pUser =
         nullptr;  ///< the caller's token: the bus call to answer; the engine never looks behind it
     std::int32_t iRespResult = 0;
+    std::shared_ptr<void> pCount;  ///< counts a large text while it is in memory; see CountBody
 };
 
 /// Called exactly once for every request that was accepted, on the connector's worker thread.

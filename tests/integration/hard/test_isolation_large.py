@@ -1,0 +1,92 @@
+"""A store whose answers are large, many at once, beside another app that buys something: the daemon's memory
+has a bound, and each answer comes whole or as failed."""
+import statistics
+import time
+
+import pytest
+from harness import daemon
+from harness.server import Reply
+
+MIB = 1 << 20
+# Nearly the longest text that the bus carries.
+LARGE = 32 * MIB - 1024
+AT_ONCE = 20
+# A purchase beside them, in seconds: most of them, and the slowest on a machine that does other things too.
+SOON, LATEST = 1, 3
+# MiB that the daemon takes at most.
+MOST = 200
+
+PRODUCTS = "/billing/product/v2/products"
+
+
+def memory(service, field="VmHWM"):
+    """MiB; at most so far, or another field of the process's status."""
+    return service.status_field(field) / 1024
+
+
+def assert_whole_or_failed(calls, body):
+    """@return how many were whole"""
+    whole = 0
+    for call in calls:
+        assert call.error is None, call.error
+        result, text = call.result
+        assert result == -1 or (result == 0 and text == body)
+        whole += result == 0
+    return whole
+
+
+def run_beside_purchases(caller, calls, pause=0.1):
+    """Another app buys until the calls are answered. @return the seconds that each purchase took"""
+    took = []
+    while not all(call.done for call in calls):
+        began = time.monotonic()
+        assert caller.call("confirm_purchase", "bystander", "c", str(len(took)), "0") == (0, "ok")
+        took.append(time.monotonic() - began)
+        time.sleep(pause)
+    return took
+
+
+@pytest.fixture
+def large_store(start_nginx, tmp_path):
+    """A function that runs a server whose product lists have so many bytes."""
+    def make(size, http2=False, length_known=True):
+        # Includes are looked for in each list, so its length is not told.
+        options = "" if length_known else "ssi on; ssi_types *;"
+        (tmp_path / "list").write_bytes(b"x" * size)
+        start_nginx(
+            listen="http2" if http2 else "", connections=512, answer='return 200 "ok";',
+            extra=f"location = {PRODUCTS} {{ alias {tmp_path}/list; {options} }}")
+    return make
+
+
+@pytest.mark.parametrize("length_known", [True, False], ids=["length", "chunks"])
+@pytest.mark.parametrize("http2", [False, True], ids=["HTTP/1.1", "HTTP/2"])
+def test_many_large_answers_at_once(large_store, service, callers, caller, figure, http2, length_known):
+    large_store(LARGE, http2, length_known)
+    caller.call("confirm_purchase", "bystander", "c", "first", "0")
+    began = time.monotonic()
+    calls = [callers().start("get_product_list", "app", "0", "check", timeout=200) for _ in range(AT_ONCE)]
+
+    took = run_beside_purchases(caller, calls)
+
+    whole = assert_whole_or_failed(calls, "x" * LARGE)
+    most, middle = memory(service), statistics.median(took)
+    figure(f"{whole} of {AT_ONCE} whole after {time.monotonic() - began:.1f} s; a purchase took {middle:.2f} s, "
+           f"{max(took):.2f} at most; daemon at most {most:.0f} MiB, then {memory(service, 'VmRSS'):.0f}")
+    assert whole > 0
+    if not daemon.is_sanitized():
+        assert most < MOST
+        assert middle < SOON and max(took) < LATEST
+
+
+def test_one_large_answer_costs_at_most_two_and_a_half_times_its_size(service, store, caller, figure):
+    store.answer = Reply(b"{}")
+    caller.call("get_product_list", "app", "0", "check")
+    idle = memory(service)
+    store.answer = Reply(b"x" * LARGE)
+
+    assert caller.call("get_product_list", "app", "0", "check") == (0, "x" * LARGE)
+
+    times = (memory(service) - idle) * MIB / LARGE
+    figure(f"{times:.2f} times its size above {idle:.0f} MiB; then {memory(service, 'VmRSS'):.0f} MiB")
+    assert daemon.is_sanitized() or times < 2.5
