@@ -53,7 +53,7 @@ constexpr std::size_t kLargeAnswer = std::size_t{4} * 1024 * 1024;
 /// Large answers in memory at a time, from their 64th KiB to the bus: 32 MiB with the copy that the bus library makes.
 constexpr std::size_t kLargeTickets = 4;
 
-/// The same for huge ones: 64 MiB with that copy. 20 of 32 MiB cost 960 MiB without tickets.
+/// The same for huge ones: 64 MiB with that copy. 20 of 32 MiB cost 811 MiB without tickets.
 constexpr std::size_t kHugeTickets = 1;
 
 /// While others wait for its ticket, an answer of which nothing comes for so long is given up. A packet that is lost four

@@ -226,18 +226,20 @@ void CBusFlow::Timer()
     WakeAt(iStill != 0 ? iStill + BUS_SILENT_MS : 0);
 }
 
-// While callers read on, the next large answer is not received before those that wait have left.
-// Where nobody reads, it is not to wait for that.
+// While callers read on, the next large answer is not received before those that wait have left. What
+// waits for a caller that reads nothing, or while nobody reads, does not hold it up.
 void CBusFlow::StopCountingStuck(gint64 iNow)
 {
-    if (m_ledger.HeldBytes() == 0) {
-        return;
-    }
-    if (iNow - m_iProgress < STUCK_MS) {
-        m_oPort.WakeAt(m_iProgress + STUCK_MS);
-        return;
-    }
     for (const auto& [strName, tCaller] : m_ledger.Callers()) {
+        if (tCaller.held.empty()) {
+            continue;
+        }
+        const gint64 iProgress = tCaller.uUnread > 0 ? tCaller.iProgress : m_iProgress;
+        const gint64 iStuckAt = std::min(iProgress, m_iProgress) + STUCK_MS;
+        if (iNow < iStuckAt) {
+            m_oPort.WakeAt(iStuckAt);
+            continue;
+        }
         for (const BusHeldReply& tHeld : tCaller.held) {
             if (tHeld.uBytes > LARGE_BYTES) {
                 StopCounting(tHeld.pMessage.get());

@@ -65,8 +65,7 @@ constexpr std::size_t REFUSABLE_BYTES = 4 * KIB;
 constexpr std::size_t GIVE_BACK_BYTES = 4 * MIB;
 
 /// Milliseconds without any progress, after which a caller's waiting replies are the first to become
-/// errors; without progress of any caller, after which what waits is no reason any more to receive no
-/// further large answer.
+/// errors, and no reason any more to receive no further large answer.
 constexpr gint64 STUCK_MS = 2000;
 
 /// Callers that are remembered before the bus is asked whether the one that was answered longest ago

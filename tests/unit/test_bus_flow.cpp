@@ -1,5 +1,4 @@
 // test_bus_flow.cpp - which reply goes out, which waits, which becomes an error.
-#include "ReplyBody.h"
 #include "fake_bus.h"
 
 #include <gmock/gmock.h>
@@ -198,38 +197,6 @@ TEST_F(ABusFlow, TakesTheAnswersOfWhoMakesNoProgressFirst)
     EXPECT_EQ(m_oBus.errors[0], LIMITS);
     EXPECT_EQ(m_oBus.errors[1], "");
     EXPECT_EQ(m_oBus.errors[2], "");
-}
-
-TEST_F(ABusFlow, HoldsTheLongestReplyForACallerThatReads)
-{
-    reply(":1.1", ORDINARY);
-    EXPECT_FALSE(reply(":1.1", 32 * MIB));
-    EXPECT_TRUE(unread(":1.1", 0));
-    EXPECT_EQ(m_oBus.errors, std::vector<std::string>{""});
-}
-
-TEST_F(ABusFlow, CountsWhatWaitsWhileCallersReadOn)
-{
-    const auto pHeld = [](std::shared_ptr<void> pCount) {
-        return MakeReplyBody(0, std::string(2 * MIB, 'x'), std::move(pCount));
-    };
-    auto pCount = std::make_shared<int>();
-    const std::weak_ptr<int> pCounted = pCount;
-    reply(":1.1", WINDOW_BYTES);
-    EXPECT_FALSE(replyWith(":1.1", pHeld(std::move(pCount))));
-    reply(":1.2", WINDOW_BYTES);
-    reply(":1.2", WINDOW_BYTES);
-    constexpr guint32 STEP = WINDOW_BYTES / 4;
-    for (guint32 uLeft = WINDOW_BYTES; uLeft > 0; uLeft -= STEP) {
-        // One of them reads, slowly; the other one does not.
-        unread(":1.1", WINDOW_BYTES);
-        unread(":1.2", uLeft - STEP);
-        pass(STUCK_MS - 500);
-        EXPECT_FALSE(pCounted.expired());
-    }
-    pass(STUCK_MS);
-    EXPECT_TRUE(pCounted.expired()) << "nobody reads";
-    EXPECT_THAT(m_oBus.released, ElementsAre(Pair(":1.2", 4u))) << "it waits on";
 }
 
 TEST_F(ABusFlow, GivesMemoryBackAfterMuchHasWaited)

@@ -195,7 +195,8 @@ def test_what_is_too_much_becomes_an_error_in_its_place(service, bystander, deaf
     product_lists_of(store, MIB)
     callers = deaf(1)
     (serials,) = ask(callers, 60, store)
-    bystander.confirms(3)
+    # Large answers go on coming once it has read nothing for 2 s.
+    bystander.confirms(20, pause=0.25)
     seen = callers[0].answers(serials)
     results = [result_of(message) for message in seen]
     refused = results.count(LIMITS_EXCEEDED)

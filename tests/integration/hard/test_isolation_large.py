@@ -90,3 +90,37 @@ def test_one_large_answer_costs_at_most_two_and_a_half_times_its_size(service, s
     times = (memory(service) - idle) * MIB / LARGE
     figure(f"{times:.2f} times its size above {idle:.0f} MiB; then {memory(service, 'VmRSS'):.0f} MiB")
     assert daemon.is_sanitized() or times < 2.5
+
+
+class AllButTheEnd:
+    """A large answer whose last byte never comes."""
+
+    def perform(self, connection, server):
+        connection.send(b"HTTP/1.1 200 OK\r\nContent-Length: %d\r\n\r\n" % (LARGE + 1) + b"x" * LARGE)
+        server.wait_for(server.stopping)
+        return False
+
+
+def test_answers_that_stop_before_their_end_hold_nobody_up(service, store, callers, caller, figure):
+    listed = "y" * 5 * MIB
+    store.answer = lambda request: (
+        AllButTheEnd() if "appid=hostile" in request.line
+        else Reply(listed.encode()) if "products" in request.line else Reply(b"ok"))
+    hostile = callers()
+    stopped = [hostile.start("get_product_list", "hostile", "0", "check", timeout=200) for _ in range(AT_ONCE)]
+    store.wait_for_requests(AT_ONCE)
+    other = callers().start("get_product_list", "other", "0", "check", timeout=60)
+    began = time.monotonic()
+
+    took = run_beside_purchases(caller, [other])
+
+    waited = time.monotonic() - began
+    assert other.result == (0, listed)
+    ended = {call.result[0] for call in stopped if call.done}
+    assert ended <= {-1}
+    figure(f"another app's 5 MiB came after {waited:.1f} s, {sum(call.done for call in stopped)} were cut off; "
+           f"a purchase took {max(took):.2f} s at most; daemon at most {memory(service):.0f} MiB")
+    if not daemon.is_sanitized():
+        # Two turns of the silent ones at most, and the machine's own delays.
+        assert waited < 25
+        assert memory(service) < MOST and max(took) < LATEST
