@@ -16,6 +16,9 @@ SOON, LATEST = 1, 3
 # MiB that the daemon takes at most.
 MOST = 200
 
+# Bytes that a process of 32 bits can address, where the kernel keeps a quarter.
+ADDRESSES = 3 << 30
+
 PRODUCTS = "/billing/product/v2/products"
 
 
@@ -59,13 +62,17 @@ def large_store(start_nginx, tmp_path):
     return make
 
 
+def ask_at_once(callers):
+    return [callers().start("get_product_list", "app", "0", "check", timeout=200) for _ in range(AT_ONCE)]
+
+
 @pytest.mark.parametrize("length_known", [True, False], ids=["length", "chunks"])
 @pytest.mark.parametrize("http2", [False, True], ids=["HTTP/1.1", "HTTP/2"])
 def test_many_large_answers_at_once(large_store, service, callers, caller, figure, http2, length_known):
     large_store(LARGE, http2, length_known)
     caller.call("confirm_purchase", "bystander", "c", "first", "0")
     began = time.monotonic()
-    calls = [callers().start("get_product_list", "app", "0", "check", timeout=200) for _ in range(AT_ONCE)]
+    calls = ask_at_once(callers)
 
     took = run_beside_purchases(caller, calls)
 
@@ -77,6 +84,23 @@ def test_many_large_answers_at_once(large_store, service, callers, caller, figur
     if not daemon.is_sanitized():
         assert most < MOST
         assert middle < SOON and max(took) < LATEST
+
+
+@pytest.mark.skipif(daemon.is_sanitized(), reason="a sanitizer takes more addresses than that")
+def test_many_large_answers_with_the_addresses_of_32_bits(large_store, needs_view, start_daemon, callers, caller,
+                                                          figure):
+    large_store(LARGE)
+    service = start_daemon(tool=["prlimit", f"--as={ADDRESSES}"])
+    service.wait_for_name(caller)
+    calls = ask_at_once(callers)
+
+    run_beside_purchases(caller, calls)
+
+    assert service.is_running()
+    whole = assert_whole_or_failed(calls, "x" * LARGE)
+    assert whole > 0
+    figure(f"{whole} of {AT_ONCE} whole; daemon at most {memory(service):.0f} MiB, "
+           f"{memory(service, 'VmPeak'):.0f} of addresses")
 
 
 def test_one_large_answer_costs_at_most_two_and_a_half_times_its_size(service, store, caller, figure):
