@@ -20,7 +20,7 @@ DEFAULT_BINARY = TREE / "build" / "service" / "billing-service"
 KNOWN = TREE / "tests" / "sanitizers"
 SANITIZERS = {
     "ASAN_OPTIONS": "fast_unwind_on_malloc=0",
-    "LSAN_OPTIONS": f"suppressions={KNOWN / 'lsan.supp'}:print_suppressions=0",
+    "LSAN_OPTIONS": f"suppressions={KNOWN / 'lsan-daemon.supp'}:print_suppressions=0",
     "UBSAN_OPTIONS": "halt_on_error=1:print_stacktrace=1",
     "TSAN_OPTIONS": f"suppressions={KNOWN / 'tsan.supp'}:ignore_noninstrumented_modules=1"
                     ":report_signal_unsafe=0",

@@ -7,6 +7,8 @@
 #include <gmock/gmock.h>
 
 #include <memory>
+#include <mutex>
+#include <unordered_set>
 #include <utility>
 
 PipeDouble& Pipe()
@@ -14,6 +16,50 @@ PipeDouble& Pipe()
     static PipeDouble pipe;
     return pipe;
 }
+
+namespace {
+
+// Who owns the records that went into the pipe: their reader, or, when the pipe is deleted before
+// they are read, nobody but these books. Reader and writers may meet here in either order.
+class RecordBooks {
+public:
+    void written(BILLING_RETURN_INFO_T* pInfo)
+    {
+        const std::lock_guard<std::mutex> hold(m_lock);
+        if (m_readBefore.erase(pInfo) == 0) {
+            m_unread.insert(pInfo);
+        }
+    }
+    void read(BILLING_RETURN_INFO_T* pInfo)
+    {
+        const std::lock_guard<std::mutex> hold(m_lock);
+        if (m_unread.erase(pInfo) == 0) {
+            m_readBefore.insert(pInfo);
+        }
+    }
+    void freeUnread()
+    {
+        const std::lock_guard<std::mutex> hold(m_lock);
+        for (BILLING_RETURN_INFO_T* pInfo : m_unread) {
+            delete pInfo;
+        }
+        m_unread.clear();
+        m_readBefore.clear();
+    }
+
+private:
+    std::mutex m_lock;
+    std::unordered_set<BILLING_RETURN_INFO_T*> m_unread;
+    std::unordered_set<BILLING_RETURN_INFO_T*> m_readBefore;
+};
+
+RecordBooks& Books()
+{
+    static RecordBooks books;
+    return books;
+}
+
+}  // namespace
 
 extern "C" {
 Ecore_Pipe* __real_ecore_pipe_add(Ecore_Pipe_Cb handler, const void* data);
@@ -26,7 +72,12 @@ Eina_Bool __real_ecore_pipe_write(Ecore_Pipe* pipe, const void* buffer, unsigned
 Eina_Bool __wrap_ecore_pipe_write(Ecore_Pipe* pipe, const void* buffer, unsigned int bytes)
 {
     Note(HeldLocks() == 1 ? "pipe write" : "pipe write without its lock");
-    return Pipe().bWriteFails ? EINA_FALSE : __real_ecore_pipe_write(pipe, buffer, bytes);
+    if (Pipe().bWriteFails || !__real_ecore_pipe_write(pipe, buffer, bytes)) {
+        return EINA_FALSE;
+    }
+    // Before the lock is free: a reader may have it by now, but not have asked for the books.
+    Books().written(*static_cast<BILLING_RETURN_INFO_T* const*>(buffer));
+    return EINA_TRUE;
 }
 void* __real_ecore_pipe_del(Ecore_Pipe* pipe);
 void* __wrap_ecore_pipe_del(Ecore_Pipe* pipe)
@@ -54,6 +105,7 @@ void AnEngine::Receive(void* data, void* buffer, unsigned int nbyte)
     self->m_messageSizes.push_back(nbyte);
     const std::unique_ptr<BILLING_RETURN_INFO_T> info(
         *static_cast<BILLING_RETURN_INFO_T**>(buffer));
+    Books().read(info.get());
     self->m_results.push_back({info->eReqType, info->iRespResult, info->strRespInfo, info->pUser});
     self->m_last = std::move(*info);
 }
@@ -76,6 +128,7 @@ void AnEngine::TearDown()
         }
     }
     m_oEngine.Destroy();
+    Books().freeUnread();
 }
 
 std::vector<Result> AnEngine::resultsOnPipe(std::size_t expected)
