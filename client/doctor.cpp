@@ -4,9 +4,9 @@
 #include "calls.h"
 #include "certificate.h"
 #include "json.h"
-#include "module_environment.h"
+#include "linux/module_environment.h"
+#include "linux/settings/settings.h"
 #include "process.h"
-#include "settings.h"
 #include "text.h"
 
 #include <sys/prctl.h>

@@ -2,9 +2,9 @@
 #include "certificate.h"
 #include "common/raw_rsa.h"
 #include "doctor.h"
-#include "key_store.h"
+#include "keystore/key_store.h"
+#include "linux/settings/settings.h"
 #include "platform_log.h"
-#include "settings.h"
 
 #include <platform/deployment.h>
 #include <platform/secure_storage.h>

@@ -3,8 +3,8 @@
 #include "calls.h"
 #include "certificate.h"
 #include "doctor.h"
+#include "linux/settings/settings.h"
 #include "process.h"
-#include "settings.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>

@@ -1,10 +1,10 @@
 // doctor_settings.cpp - the settings file.
 #include "certificate.h"
 #include "doctor.h"
+#include "linux/settings/settings.h"
+#include "linux/settings/settings_file.h"
 #include "platform_log.h"
-#include "settings.h"
 #include "settings_check.h"
-#include "settings_file.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>

@@ -1,8 +1,8 @@
 // doctor_store.cpp - the way to the store: one request, taken apart into its stages.
 #include "certificate.h"
 #include "doctor.h"
+#include "linux/settings/settings.h"
 #include "platform_log.h"
-#include "settings.h"
 #include "store_attempt.h"
 
 #include <platform/deployment.h>

@@ -3,8 +3,8 @@
 
 #include "calls.h"
 #include "json.h"
-#include "settings_file.h"
-#include "settings_known.h"
+#include "linux/settings/settings_file.h"
+#include "linux/settings/settings_known.h"
 #include "text.h"
 
 #include <unistd.h>

@@ -7,8 +7,8 @@
 #include "eyes.h"
 #include "identity.h"
 #include "json.h"
+#include "linux/settings/settings.h"
 #include "platform_log.h"
-#include "settings.h"
 #include "text.h"
 
 #include <unistd.h>

@@ -49,7 +49,7 @@ def build():
     """Builds what is measured and what measures."""
     subprocess.run(["ninja", "-C", str(daemon.binary().parents[1]), "--quiet", "bench/caller",
                     "bench/bus_floor", "bench/https_floor", "bench/both_floor", "service/billing-service",
-                    "platform/linux/provision/billing-provision",
+                    "platform/provision/billing-provision",
                     "tests/unit/platform/test-pkcs11-proxy.so"], check=True)
 
 

@@ -8,7 +8,7 @@ from .folder import Folder, LabError
 TREE = pathlib.Path(__file__).resolve().parents[2]
 # An installed lab lies in PREFIX/share/billing-lab.
 INSTALLED_SERVICE = TREE.parent / "libexec" / "billing-service"
-_IN_BUILD = {"billing-provision": "platform/linux/provision/billing-provision",
+_IN_BUILD = {"billing-provision": "platform/provision/billing-provision",
              "billingctl": "client/billingctl"}
 
 

@@ -1,8 +1,8 @@
 // values.cpp - the worked example of a port: a device that keeps each value in a file of one folder,
 // $PLEVO_EXAMPLE_DEVICE or /etc/billing-device. Secure storage and keys are the reference backend's.
 #include "common/contract.h"
-#include "seam.h"
-#include "settings.h"
+#include "linux/seam.h"
+#include "linux/settings/settings.h"
 
 #include <platform/account.h>
 #include <platform/config.h>

@@ -1,6 +1,6 @@
 // account.cpp - the signed-in account, from [account].
+#include "linux/settings/settings.h"
 #include "seam.h"
-#include "settings.h"
 
 #include <platform/account.h>
 

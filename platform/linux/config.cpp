@@ -1,6 +1,6 @@
 // config.cpp - the configuration keys, from [config].
+#include "linux/settings/settings.h"
 #include "seam.h"
-#include "settings.h"
 
 #include <platform/config.h>
 

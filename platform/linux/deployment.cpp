@@ -1,10 +1,10 @@
 // deployment.cpp - the integrator's choices, from [deployment].
 #include "common/contract.h"
-#include "key_material.h"
-#include "private_file.h"
+#include "keystore/key_material.h"
+#include "keystore/private_file.h"
+#include "keystore/secure_seam.h"
+#include "linux/settings/settings.h"
 #include "seam.h"
-#include "secure_seam.h"
-#include "settings.h"
 
 #include <platform/deployment.h>
 

@@ -2,7 +2,7 @@
 // folder of files, and a software token.
 #include "arrange_secure.h"
 #include "example_device.h"
-#include "key_material.h"
+#include "keystore/key_material.h"
 #include "rsa_key.h"
 #include "soft_token.h"
 

@@ -1,7 +1,7 @@
 // arrange_secure_linux.cpp - the contract suite of the keys on the Linux backend: a settings file, a
 // folder for the named data and a software token.
 #include "arrange_secure.h"
-#include "key_material.h"
+#include "keystore/key_material.h"
 #include "rsa_key.h"
 #include "soft_token.h"
 

@@ -1,8 +1,8 @@
 // settings.cpp - the settings file of the Linux backend: whatever stands in it, the service sees only
 // values that are what they must be, and hears of what is wrong without the value.
 #include "fuzz.h"
-#include "settings_file.h"
-#include "settings_known.h"
+#include "linux/settings/settings_file.h"
+#include "linux/settings/settings_known.h"
 
 #include <glib.h>
 

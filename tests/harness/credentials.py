@@ -13,7 +13,7 @@ from .certificates import A_DAY
 
 def provision_tool():
     """billing-provision of the same build as the daemon."""
-    return daemon.binary().parents[1] / "platform" / "linux" / "provision" / "billing-provision"
+    return daemon.binary().parents[1] / "platform" / "provision" / "billing-provision"
 
 
 def issue(public_key, subject, authority, begin=-A_DAY, end=A_DAY):

@@ -279,7 +279,7 @@ NOT_OURS = {"status=127", "status=226/NAMESPACE", "status=228/SECCOMP", "SIGKILL
 
 def test_the_further_tables_quote_messages_of_the_service():
     """With what a message fills in left out: names, numbers, and what stands for them."""
-    folders = ("service", "platform/linux", "platform/curl")
+    folders = ("service", "platform/curl", "platform/keystore", "platform/linux", "platform/process")
     sources = "\n".join(file.read_text(encoding="utf-8") for folder in folders
                         for file in sorted((TESTS.parent / folder).rglob("*.cpp")))
     literals = re.sub(r'"\s*\n\s*"', "", sources)

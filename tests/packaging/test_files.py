@@ -47,7 +47,7 @@ def test_every_manual_is_tried(installed):
 def test_the_manual_of_the_settings_knows_every_setting(installed):
     manual = re.sub(r"\\(.)", r"\1", installed.one("device.conf.5").read_text(encoding="utf-8"))
     known = re.findall(r'\{"([^"]+)", "([^"]+)", Kind',
-                       (TREE / "platform/linux/settings_known.cpp").read_text(encoding="utf-8"))
+                       (TREE / "platform/linux/settings/settings_known.cpp").read_text(encoding="utf-8"))
     assert len(known) > 15
     assert [(group, key) for group, key in known if f"[{group}]" not in manual or key not in manual] == []
 

@@ -12,7 +12,7 @@ from harness import daemon
 from installation import TREE
 
 BUILD = daemon.binary().parents[1]
-PROGRAMS = ["service/billing-service", "client/billingctl", "platform/linux/provision/billing-provision"]
+PROGRAMS = ["service/billing-service", "client/billingctl", "platform/provision/billing-provision"]
 LIBRARY = "platform/linux/libbilling-platform.so"
 
 # The first instruction of what may be jumped to, where the processor checks that.

@@ -21,7 +21,7 @@ def test_the_lab_and_the_packages_have_the_version_of_the_build():
 @pytest.mark.parametrize("tool, libraries", [
     ([BUILD / "service/billing-service"], []),
     ([BUILD / "client/billingctl"], ["GLib", "libcurl", "OpenSSL", "jsoncpp"]),
-    ([BUILD / "platform/linux/provision/billing-provision"], ["GLib", "OpenSSL"]),
+    ([BUILD / "platform/provision/billing-provision"], ["GLib", "OpenSSL"]),
     ([sys.executable, TREE / "lab/billing-lab"], ["Python", "OpenSSL", "SQLite", "aiohttp", "cryptography", "h2",
                                                   "PyGObject", "trustme"])])
 def test_a_tool_tells_its_version_and_those_of_its_libraries(tool, libraries):

@@ -8,8 +8,8 @@ import re
 import pytest
 
 ROOT = pathlib.Path(os.environ["SOURCE_ROOT"])
-TABLE = ROOT / "platform/linux/log_private.inc"
-STEPS = ROOT / "platform/linux/log_steps.inc"
+TABLE = ROOT / "platform/linux/log/log_private.inc"
+STEPS = ROOT / "platform/linux/log/log_steps.inc"
 # Where the names below are defined: their formats are their callers'.
 LOG_MACROS = "BillingLog.h"
 # The format follows the arguments that these take before it.
@@ -103,7 +103,7 @@ def faults(path, source, known):
 
 
 def sources():
-    for folder in ("service", "platform/curl", "platform/linux"):
+    for folder in ("service", "platform/curl", "platform/keystore", "platform/linux", "platform/process"):
         yield from (path for path in sorted((ROOT / folder).rglob("*"))
                     if path.suffix in (".cpp", ".h") and path.name != LOG_MACROS)
 

@@ -1,8 +1,8 @@
 // file_store_test.cpp - the sealed file store: power cuts, tampering, rights.
-#include "file_store.h"
+#include "keystore/file_store.h"
 
 #include "device_conf.h"
-#include "secure_error.h"
+#include "keystore/secure_error.h"
 
 #include <fcntl.h>
 #include <gmock/gmock.h>

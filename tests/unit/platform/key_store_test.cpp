@@ -1,10 +1,10 @@
 // key_store_test.cpp - the key store over a token that goes wrong: through a module of the tests'
 // own, in front of the software token's.
-#include "pkcs11.h"
+#include "keystore/pkcs11.h"
+#include "keystore/token_keys.h"
 #include "pkcs11_proxy.h"
 #include "rsa_key.h"
 #include "soft_token.h"
-#include "token_keys.h"
 
 #include <platform/secure_storage.h>
 

@@ -1,7 +1,7 @@
 // log_format_test.cpp - how a log record is written from a format and its arguments.
-#include "log_format.h"
+#include "linux/log/log_format.h"
 
-#include "log_private.h"
+#include "linux/log/log_private.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -236,7 +236,7 @@ struct Message {
 
 #define MESSAGE(format, rules) {ORIGIN "\033[0;33m" format "\033[0;m", rules},
 const Message kMessages[] = {
-#include "log_private.inc"
+#include "linux/log/log_private.inc"
 };
 #undef MESSAGE
 

@@ -1,9 +1,9 @@
 // settings_test.cpp - the settings file of the Linux backend: what is read, what is refused, what
 // is said about it and how often.
-#include "settings.h"
+#include "linux/settings/settings.h"
 
 #include "device_conf.h"
-#include "settings_known.h"
+#include "linux/settings/settings_known.h"
 
 #include <platform/account.h>
 #include <platform/config.h>

@@ -1,7 +1,7 @@
 // settings_threads_test.cpp - the settings are read by several threads while the file changes under
 // them, and the log is written by all.
 #include "device_conf.h"
-#include "settings.h"
+#include "linux/settings/settings.h"
 
 #include <platform/config.h>
 #include <platform/log.h>

@@ -1,5 +1,5 @@
 // zone_test.cpp - the time zone's two offsets at known moments.
-#include "zone.h"
+#include "linux/zone.h"
 
 #include <gtest/gtest.h>
 

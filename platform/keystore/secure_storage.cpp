@@ -4,8 +4,8 @@
 #include "common/secure_rules.h"
 #include "file_store.h"
 #include "key_store.h"
+#include "linux/settings/settings.h"
 #include "secure_seam.h"
-#include "settings.h"
 
 #include <platform/secure_storage.h>
 

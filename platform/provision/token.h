@@ -1,7 +1,7 @@
 // token.h - a token that is given its label and its PINs.
 #pragma once
 
-#include "key_store.h"
+#include "keystore/key_store.h"
 
 namespace provision {
 

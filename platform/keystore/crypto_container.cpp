@@ -2,8 +2,8 @@
 // secret for sealed key material.
 #include "common/raw_rsa.h"
 #include "key_material.h"
+#include "linux/settings/settings.h"
 #include "secure_seam.h"
-#include "settings.h"
 
 #include <platform/crypto_container.h>
 

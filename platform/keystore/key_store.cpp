@@ -1,8 +1,8 @@
 // key_store.cpp - the process's way to its token.
 #include "key_store.h"
 
+#include "linux/settings/settings.h"
 #include "private_file.h"
-#include "settings.h"
 
 #include <iterator>
 

@@ -3,7 +3,7 @@
 #include "commands.h"
 #include "common/places.h"
 #include "files.h"
-#include "key_store.h"
+#include "keystore/key_store.h"
 #include "stop.h"
 
 #include <platform/deployment.h>

@@ -1,7 +1,7 @@
 // settings_file.cpp - reads and checks one version of the settings file.
 #include "settings_file.h"
 
-#include "descriptor.h"
+#include "common/descriptor.h"
 #include "settings_known.h"
 
 #include <fcntl.h>

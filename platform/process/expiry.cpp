@@ -1,8 +1,8 @@
 // expiry.cpp - a word in time that the device's certificate ends.
 #include "expiry.h"
 
+#include "../common/descriptor.h"
 #include "../common/places.h"
-#include "descriptor.h"
 
 #include <platform/log.h>
 

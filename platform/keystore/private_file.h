@@ -2,8 +2,8 @@
 // checked, whatever the umask.
 #pragma once
 
+#include "common/descriptor.h"
 #include "common/secret_bytes.h"
-#include "descriptor.h"
 
 #include <optional>
 #include <string>

@@ -4,11 +4,11 @@
 #include "common/contract.h"
 #include "common/places.h"
 #include "files.h"
-#include "key_material.h"
-#include "key_store.h"
-#include "private_file.h"
-#include "seal.h"
-#include "settings.h"
+#include "keystore/key_material.h"
+#include "keystore/key_store.h"
+#include "keystore/private_file.h"
+#include "keystore/seal.h"
+#include "linux/settings/settings.h"
 #include "stop.h"
 
 #include <platform/deployment.h>

@@ -1,8 +1,8 @@
 // files.cpp - how the tool reads and writes files.
 #include "files.h"
 
-#include "descriptor.h"
-#include "seal.h"
+#include "common/descriptor.h"
+#include "keystore/seal.h"
 #include "stop.h"
 
 #include <fcntl.h>

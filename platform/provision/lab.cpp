@@ -3,8 +3,8 @@
 #include "certificates.h"
 #include "commands.h"
 #include "files.h"
-#include "key_store.h"
-#include "seal.h"
+#include "keystore/key_store.h"
+#include "keystore/seal.h"
 #include "stop.h"
 #include "token.h"
 

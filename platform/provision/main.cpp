@@ -3,8 +3,8 @@
 #include "commands.h"
 #include "common/contract.h"
 #include "common/nearest.h"
-#include "module_environment.h"
-#include "secure_error.h"
+#include "keystore/secure_error.h"
+#include "linux/module_environment.h"
 #include "stop.h"
 
 #include <CLI/CLI.hpp>

@@ -7,8 +7,8 @@
 // written. All have mode 0600.
 #pragma once
 
+#include "common/descriptor.h"
 #include "common/secret_bytes.h"
-#include "descriptor.h"
 
 #include <platform/secure_storage.h>
 
