@@ -240,9 +240,12 @@ Unit unitFrom(const Json::Value& value)
     return unit;
 }
 
-/// Keeps what the service says of its callers, without what stands before it.
+/// Keeps what the service says of its callers, without what stands before it; whose each is, is no complaint.
 void noteCaller(Record& record, const std::string& line)
 {
+    if (line.find(" is of user ") != std::string::npos) {
+        return;
+    }
     for (const char* const start : {"caller :", "the bus does not tell what its clients",
                                     "neither the bus nor its clients tell"}) {
         const std::size_t at = line.find(start);

@@ -23,7 +23,8 @@ ELSEWHERE = {
     "packaging/test_doctor_users.py": {"settings.closed", "ping.denied", "ping.no-policy"},
     "integration/test_doctor_service.py": {"ping.hung", "ping.library", "unit.library", "unit.failed", "unit.restarting",
                                            "call.slow", "call.outage"},
-    "integration/test_doctor_store.py": {"request.slow"}}
+    "integration/test_doctor_store.py": {"request.slow"},
+    "integration/test_doctor_callers.py": {"callers.held-back", "callers.refused", "callers.no-rules"}}
 
 
 class Scene:
