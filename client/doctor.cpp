@@ -4,7 +4,7 @@
 #include "calls.h"
 #include "certificate.h"
 #include "json.h"
-#include "linux/module_environment.h"
+#include "linux/settings/module_environment.h"
 #include "linux/settings/settings.h"
 #include "process.h"
 #include "text.h"

@@ -1,6 +1,8 @@
 // facts.h - what the system knows of the service: the process that has its name, its unit, its log.
 #pragma once
 
+#include "process.h"
+
 #include <json/json.h>
 
 #include <ctime>
@@ -9,20 +11,6 @@
 #include <vector>
 
 namespace client {
-
-/// The process that owns the service's name.
-struct Process {
-    unsigned pid = 0;
-    unsigned uid = 0;
-    unsigned gid = 0;
-    std::vector<unsigned> groups;
-    std::string program;                   ///< empty: only root may see it
-    std::string version;                   ///< the same
-    std::vector<std::string> environment;  ///< "NAME=value"
-    bool environmentKnown = false;
-    bool stopped = false;  ///< by a signal, or by a debugger
-    double started = 0;    ///< seconds since 1970, by the clock as it is now; 0: not known
-};
 
 /// The service's unit, where there is a systemd.
 struct Unit {

@@ -1,12 +1,26 @@
 // process.h - a process as /proc shows it.
 #pragma once
 
-#include "facts.h"
-
 #include <functional>
+#include <optional>
 #include <string>
+#include <vector>
 
 namespace client {
+
+/// The process that owns the service's name.
+struct Process {
+    unsigned pid = 0;
+    unsigned uid = 0;
+    unsigned gid = 0;
+    std::vector<unsigned> groups;
+    std::string program;                   ///< empty: only root may see it
+    std::string version;                   ///< the same
+    std::vector<std::string> environment;  ///< "NAME=value"
+    bool environmentKnown = false;
+    bool stopped = false;  ///< by a signal, or by a debugger
+    double started = 0;    ///< seconds since 1970, by the clock as it is now; 0: not known
+};
 
 Process processOf(unsigned pid);
 

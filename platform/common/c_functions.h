@@ -1,5 +1,5 @@
-// seam.h - what the C functions of the seam share: nothing is thrown through them, and the texts
-// that they hand out belong to the caller.
+// c_functions.h - what the C functions of every backend share: nothing is thrown through them, and the texts that they hand
+// out belong to the caller.
 #pragma once
 
 #include <cstring>

@@ -1,8 +1,8 @@
 // values.cpp - the worked example of a port: a device that keeps each value in a file of one folder,
 // $PLEVO_EXAMPLE_DEVICE or /etc/billing-device. Secure storage and keys are the reference backend's.
+#include "common/c_functions.h"
 #include "common/contract.h"
-#include "linux/seam.h"
-#include "linux/settings/settings.h"
+#include "keystore/configuration.h"
 
 #include <platform/account.h>
 #include <platform/config.h>
@@ -100,18 +100,24 @@ int print(log_priority prio, const char* tag, const char* format, va_list argume
     return static_cast<int>(write(STDERR_FILENO, line.data(), line.size()));
 }
 
-}  // namespace
-
-// What the key store asks for, in files of the folder "keystore": module, token, pin_file, the folder
-// of named data and the seal's key.
-std::optional<std::string> settings::text(const char* group, const char* key)
+std::optional<std::string> keystoreText(const char* key)
 {
-    return textOf(std::string(group) + "/" + key);
+    return textOf(std::string("keystore/") + key);
 }
 
-void settings::reportMissing(const char*, const char* key, const char* consequence)
+void reportMissing(const char* key, const char* consequence)
 {
     wrong(key, ("is not set: " + std::string(consequence)).c_str());
+}
+
+}  // namespace
+
+// What the key store asks for is in files of the folder "keystore": module, token, pin_file, the folder of named data (store)
+// and the seal's key.
+const keystore::Configuration& keystore::configuration()
+{
+    static constexpr Configuration kConfiguration{keystoreText, reportMissing};
+    return kConfiguration;
 }
 
 int __dlog_print(log_priority prio, const char* tag, const char* format, ...)

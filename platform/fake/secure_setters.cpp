@@ -1,6 +1,5 @@
-// fake_secure.cpp - the setters of the fake's secure storage, key store and crypto container.
+// secure_setters.cpp - the setters of the fake's secure storage, key store and crypto container.
 #include "fake_secure.h"
-
 #include "fake_state.h"
 
 #include <openssl/pem.h>

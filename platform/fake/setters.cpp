@@ -1,7 +1,6 @@
-// fake_platform.cpp - the setters and the records of the scriptable backend.
-#include "fake_platform.h"
-
+// setters.cpp - the setters and the records of the scriptable backend.
 #include "common/contract.h"
+#include "fake_platform.h"
 #include "fake_state.h"
 
 #include <algorithm>

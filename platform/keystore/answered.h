@@ -1,4 +1,4 @@
-// secure_seam.h - how secure storage, key store and crypto container answer through the seam.
+// answered.h - how secure storage, key store and crypto container answer through the seam.
 #pragma once
 
 #include "secure_error.h"

@@ -1,9 +1,9 @@
 // crypto_container.cpp - the crypto container: OpenSSL for the public operation, the device's
 // secret for sealed key material.
+#include "answered.h"
 #include "common/raw_rsa.h"
+#include "configuration.h"
 #include "key_material.h"
-#include "linux/settings/settings.h"
-#include "secure_seam.h"
 
 #include <platform/crypto_container.h>
 
@@ -61,9 +61,10 @@ int openKeyMaterial(CryptoCoreContainer* self, const unsigned char* sealed, std:
 {
     return seam::answered(kArea, [&] {
         require(of(self).key && sealed != nullptr && modulus != nullptr && exponent != nullptr);
-        const auto path = settings::text("keystore", "seal_key");
+        const auto path = keystore::configuration().text("seal_key");
         if (!path) {
-            settings::reportMissing("keystore", "seal_key", "sealed key material cannot be opened");
+            keystore::configuration().reportMissing("seal_key",
+                                                    "sealed key material cannot be opened");
             throw secure::Error(SS_ERROR_ACCESS, "");
         }
         const keymaterial::Parts parts =

@@ -1,7 +1,7 @@
 // key_store.cpp - the process's way to its token.
 #include "key_store.h"
 
-#include "linux/settings/settings.h"
+#include "configuration.h"
 #include "private_file.h"
 
 #include <iterator>
@@ -10,14 +10,13 @@ namespace keystore {
 
 namespace {
 
-constexpr const char* kGroup = "keystore";
 constexpr std::size_t kPinLimit = 256;
 
 std::string needed(const char* key)
 {
-    const auto value = settings::text(kGroup, key);
+    const auto value = configuration().text(key);
     if (!value) {
-        settings::reportMissing(kGroup, key, "the device's private key cannot be used");
+        configuration().reportMissing(key, "the device's private key cannot be used");
         throw secure::Error(SS_ERROR_UNAVAILABLE, "");
     }
     return *value;
@@ -51,7 +50,7 @@ secret::Bytes readPin(const std::string& path)
 Place placeFromSettings()
 {
     return {needed("module"), needed("token"), needed("pin_file"),
-            settings::text(kGroup, "store").value_or("")};
+            configuration().text("store").value_or("")};
 }
 
 KeyStore& instance()

@@ -1,11 +1,11 @@
 // secure_storage.cpp - secure storage in the sealed file store of [keystore] store, and the key
 // store on the token of [keystore].
+#include "answered.h"
 #include "common/raw_rsa.h"
 #include "common/secure_rules.h"
+#include "configuration.h"
 #include "file_store.h"
 #include "key_store.h"
-#include "linux/settings/settings.h"
-#include "secure_seam.h"
 
 #include <platform/secure_storage.h>
 
@@ -70,9 +70,9 @@ keystore::Place placeOfKeys()
 
 filestore::Store store()
 {
-    const auto folder = settings::text("keystore", "store");
+    const auto folder = keystore::configuration().text("store");
     if (!folder) {
-        settings::reportMissing("keystore", "store", "no named data can be kept");
+        keystore::configuration().reportMissing("store", "no named data can be kept");
         throw secure::Error(SS_ERROR_UNAVAILABLE, "");
     }
     return filestore::Store(*folder);

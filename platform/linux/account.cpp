@@ -1,6 +1,6 @@
 // account.cpp - the signed-in account, from [account].
+#include "common/c_functions.h"
 #include "linux/settings/settings.h"
-#include "seam.h"
 
 #include <platform/account.h>
 

@@ -1,6 +1,6 @@
 // config.cpp - the configuration keys, from [config].
+#include "common/c_functions.h"
 #include "linux/settings/settings.h"
-#include "seam.h"
 
 #include <platform/config.h>
 

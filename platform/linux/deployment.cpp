@@ -1,10 +1,10 @@
 // deployment.cpp - the integrator's choices, from [deployment].
+#include "common/c_functions.h"
 #include "common/contract.h"
+#include "keystore/answered.h"
 #include "keystore/key_material.h"
 #include "keystore/private_file.h"
-#include "keystore/secure_seam.h"
 #include "linux/settings/settings.h"
-#include "seam.h"
 
 #include <platform/deployment.h>
 

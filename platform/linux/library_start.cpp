@@ -1,7 +1,7 @@
 // library_start.cpp - what the library does when it is loaded, before main: the process has one
 // thread until then, and setting a variable is not safe beside a thread that reads one.
-#include "module_environment.h"
-#include "seam.h"
+#include "common/c_functions.h"
+#include "linux/settings/module_environment.h"
 
 namespace {
 

@@ -1,8 +1,8 @@
 // network.cpp - the default gateway, from the kernel's routing tables or as [network] fixes it.
+#include "common/c_functions.h"
 #include "linux/settings/settings.h"
 #include "linux/settings/settings_known.h"
 #include "routes.h"
-#include "seam.h"
 
 #include <platform/network.h>
 

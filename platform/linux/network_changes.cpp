@@ -1,6 +1,6 @@
 // network_changes.cpp - whether a default route or an address has come or gone, from what the kernel reports of it.
+#include "common/c_functions.h"
 #include "common/descriptor.h"
-#include "seam.h"
 
 #include <platform/network.h>
 

@@ -1,6 +1,6 @@
 // runtime_info.cpp - the runtime information, from [runtime].
+#include "common/c_functions.h"
 #include "linux/settings/settings.h"
-#include "seam.h"
 
 #include <platform/runtime_info.h>
 

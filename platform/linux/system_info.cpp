@@ -1,6 +1,6 @@
 // system_info.cpp - the system information, from [system].
+#include "common/c_functions.h"
 #include "linux/settings/settings.h"
-#include "seam.h"
 
 #include <platform/system_info.h>
 

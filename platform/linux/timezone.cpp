@@ -1,5 +1,5 @@
 // timezone.cpp - the local time zone, as the C library knows it.
-#include "seam.h"
+#include "common/c_functions.h"
 #include "zone.h"
 
 #include <platform/log.h>

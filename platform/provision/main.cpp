@@ -4,7 +4,7 @@
 #include "common/contract.h"
 #include "common/nearest.h"
 #include "keystore/secure_error.h"
-#include "linux/module_environment.h"
+#include "linux/settings/module_environment.h"
 #include "stop.h"
 
 #include <CLI/CLI.hpp>

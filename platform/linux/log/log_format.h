@@ -3,6 +3,7 @@
 #pragma once
 
 #include "log_fields.h"
+#include "log_private.h"
 #include "log_record.h"
 
 #include <array>
@@ -10,11 +11,6 @@
 #include <string_view>
 
 namespace logging {
-
-/// The colour codes that a format may hold.
-constexpr std::string_view kColourInfo = "\033[0;33m";
-constexpr std::string_view kColourError = "\033[0;31m";
-constexpr std::string_view kColourEnd = "\033[0;m";
 
 struct FormatOptions {
     bool colours = false;      ///< keep the colour codes of the format

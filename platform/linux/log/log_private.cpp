@@ -1,8 +1,6 @@
 // log_private.cpp - which arguments of which messages are private.
 #include "log_private.h"
 
-#include "log_format.h"
-
 namespace logging {
 
 namespace {

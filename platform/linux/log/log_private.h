@@ -8,6 +8,11 @@ namespace logging {
 /// What opens a message of the service: its file, function and line, all public.
 constexpr std::string_view kOriginFormat = "%s: %s(%d) > ";
 
+/// The colour codes that a format may hold.
+constexpr std::string_view kColourInfo = "\033[0;33m";
+constexpr std::string_view kColourError = "\033[0;31m";
+constexpr std::string_view kColourEnd = "\033[0;m";
+
 enum class Privacy {
     Public,
     Hidden,  ///< a token, an id, a check value, a body: only its size is shown

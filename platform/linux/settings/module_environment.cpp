@@ -1,9 +1,9 @@
 // module_environment.cpp - the environment variables that the key store's module reads.
 #include "module_environment.h"
 
-#include "linux/settings/settings.h"
-#include "linux/settings/settings_file.h"
-#include "linux/settings/settings_known.h"
+#include "settings.h"
+#include "settings_file.h"
+#include "settings_known.h"
 
 #include <cstdlib>
 
