@@ -1,5 +1,4 @@
 """A device under a systemd of its own: how it is made, and what is asked of it."""
-import os
 import time
 
 from first_answer import PIN, SETTINGS, SIGN, SO_PIN, STORE
