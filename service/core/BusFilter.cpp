@@ -136,11 +136,10 @@ void CBusFilter::Incoming(BusMessagePtr& pMessage)
     if (g_dbus_message_get_message_type(pMessage.get()) != G_DBUS_MESSAGE_TYPE_METHOD_CALL) {
         return;
     }
-    const gchar* szSender = g_dbus_message_get_sender(pMessage.get());
-    const std::string strSender = szSender != nullptr ? szSender : "";
+    const std::string strSender = SenderOf(pMessage.get());
     const std::size_t uBytes = BodyBytes(pMessage.get());
     const bool bTooLong = uBytes > BusLimits::ARGUMENT_BYTES;
-    if (!bTooLong && !IsOneTooMany(pMessage.get())) {
+    if (!bTooLong && !IsOneTooMany(pMessage.get(), strSender)) {
         const std::lock_guard<std::mutex> oLock(m_oLock);
         m_oFlow.Called(strSender);
         return;
@@ -153,9 +152,9 @@ void CBusFilter::Incoming(BusMessagePtr& pMessage)
     m_oFlow.RefusedCall(strSender, bTooLong ? uBytes : 0);
 }
 
-bool CBusFilter::IsOneTooMany(GDBusMessage* pCall)
+bool CBusFilter::IsOneTooMany(GDBusMessage* pCall, const std::string& strSender)
 {
-    return WantsNoAnswer(pCall) && !m_pBacklog->Enter(SenderOf(pCall));
+    return WantsNoAnswer(pCall) && !m_pBacklog->Enter(strSender);
 }
 
 void CBusFilter::Refuse(GDBusMessage* pCall, std::size_t uBytes)

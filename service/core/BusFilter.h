@@ -28,7 +28,7 @@ private:
 
     void Incoming(BusMessagePtr& pMessage);
     void Outgoing(BusMessagePtr& pMessage);
-    bool IsOneTooMany(GDBusMessage* pCall);
+    bool IsOneTooMany(GDBusMessage* pCall, const std::string& strSender);
     void Refuse(GDBusMessage* pCall, std::size_t uBytes);
 
     gint64 Now() const override;

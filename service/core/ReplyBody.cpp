@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <list>
 #include <mutex>
+#include <new>
 #include <utility>
 
 namespace {
@@ -45,12 +46,17 @@ void Free(void* pText)
 
 }  // namespace
 
-GVariant* MakeReplyBody(int iResult, std::string&& strText, std::shared_ptr<void> pCount)
+GVariant* MakeReplyBody(int iResult, std::string&& strText, std::shared_ptr<void> pCount) noexcept
 {
-    if (pCount == nullptr) {
+    CountedTexts made;
+    try {
+        made.resize(pCount != nullptr ? 1 : 0);
+    } catch (const std::bad_alloc&) {
+        // Called from C code, which lets none through: the text is copied.
+    }
+    if (made.empty()) {
         return g_variant_new("(is)", iResult, strText.c_str());
     }
-    CountedTexts made(1);
     CountedText& tText = made.front();
     tText.strText = std::move(strText);
     tText.pCount = std::move(pCount);

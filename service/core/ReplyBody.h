@@ -11,7 +11,7 @@
 /// @param pCount counts the text among the large ones in memory, until the body is freed; null for a
 ///   text that is not counted
 /// @return a floating reference
-GVariant* MakeReplyBody(int iResult, std::string&& strText, std::shared_ptr<void> pCount);
+GVariant* MakeReplyBody(int iResult, std::string&& strText, std::shared_ptr<void> pCount) noexcept;
 
 /// The reply waits for nobody knows how long, in the flow control, which has a bound of its own: its
 /// text is not counted any more. Thread: any
