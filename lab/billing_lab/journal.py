@@ -56,6 +56,13 @@ def span(db: sqlite3.Connection) -> dict:
     return dict(zip(("entries", "first", "last"), row))
 
 
+def last_before(db: sqlite3.Connection, moment: str) -> int:
+    """The number of the last entry that is from before a moment; of the last 20, the one before them at least."""
+    row = db.execute("SELECT MIN(seq) - 1 AS seq FROM (SELECT seq, entry FROM journal ORDER BY seq DESC LIMIT 20)"
+                     " WHERE json_extract(entry, '$.time') >= ?", (moment,)).fetchone()
+    return span(db)["last"] if row["seq"] is None else row["seq"]
+
+
 def clear(db: sqlite3.Connection) -> None:
     """Empties it. Numbers go on, so that a reader that follows misses nothing."""
     db.execute("DELETE FROM journal")

@@ -10,6 +10,8 @@ from ..methods import METHODS
 
 KEPT_CALLS = 2000
 KEPT_TEXT = 64 << 10
+# On a busy machine the bus tells of a call later than the store of its request.
+LATE = datetime.timedelta(seconds=2)
 # The words of a request that a method's arguments say.
 _WORDS = {"appid": "app", "invoiceid": "invoice", "customId": "custom_id"}
 _SENT = {"get_product_list": ("appid",), "get_applied_time": tuple(_WORDS), "confirm_purchase": tuple(_WORDS)}
@@ -26,12 +28,13 @@ class Book:
 
     def called(self, sender: str, serial: int, member: str, values: tuple) -> None:
         self._number += 1
-        moment = datetime.datetime.now(datetime.timezone.utc).isoformat(timespec="milliseconds").replace("+00:00", "Z")
+        now = datetime.datetime.now(datetime.timezone.utc)
         names = list(METHODS.get(member, {}))
         known = len(names) == len(values)
-        call = {"number": self._number, "time": moment, "sender": sender, "method": member,
+        call = {"number": self._number, "time": _text_of(now), "sender": sender, "method": member,
                 "arguments": dict(zip(names, values)) if known else list(map(str, values)), "began": time.monotonic(),
-                "after": journal.span(self._db)["last"], "rivals": False}
+                "rivals": False}
+        call["after"] = self._last_before(call, _text_of(now - LATE))
         for other in self._open.values():
             if _said(other) == _said(call):
                 other["rivals"] = call["rivals"] = True
@@ -40,6 +43,10 @@ class Book:
         if len(self._open) > KEPT_CALLS:
             # Its caller may have left.
             del self._open[next(iter(self._open))]
+
+    def _last_before(self, call: dict, moment: str) -> int:
+        """The number of the last entry that is from before the moment, or of an earlier call with the same words."""
+        return max([journal.last_before(self._db, moment), *(other["until"] for other in self._calls if "until" in other and _said(other) == _said(call))])
 
     def answered(self, destination: str, serial: int, values: tuple | None, error: str | None) -> None:
         call = self._open.pop((destination, serial), None)
@@ -72,6 +79,10 @@ class Book:
         told = {key: value for key, value in call.items() if key not in ("began", "after", "until", "rivals")}
         unsure = call["rivals"] and bool(found)
         return {**told, "requests": None if unsure else found, "fault": None if unsure or not faults else faults[0]}
+
+
+def _text_of(moment: datetime.datetime) -> str:
+    return moment.isoformat(timespec="milliseconds").replace("+00:00", "Z")
 
 
 def _said(call: dict) -> tuple:
