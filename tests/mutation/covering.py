@@ -2,6 +2,8 @@
 
 COVERED = [
     ('service/core/main.cpp', ['main']),
+    ('service/core/ReplyBody', ['reply_body', 'dbus_manager']),
+    ('service/core/BusBacklog', ['bus_backlog']),
     ('service/core/ReplyText', ['reply_text', 'dbus_manager']),
     ('service/core/DBusManager', ['dbus_manager', 'main']),
     ('service/core/ParametersText', ['dbus_manager']),

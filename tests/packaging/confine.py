@@ -150,14 +150,14 @@ CONFINED = {
 }
 
 
-def read(unit):
-    """The directives of the unit's service. @return each with its values"""
+def read(unit, wanted="[Service]"):
+    """The directives of one group of the unit. @return each with its values"""
     found, group = {}, ""
     with open(unit, encoding="utf-8") as lines:
         for line in map(str.strip, lines):
             if line.startswith("["):
                 group = line
-            elif group == "[Service]" and line and not line.startswith("#"):
+            elif group == wanted and line and not line.startswith("#"):
                 name, _, value = line.partition("=")
                 found.setdefault(name, []).append(value)
     return found
