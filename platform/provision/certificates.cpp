@@ -177,7 +177,7 @@ std::string commonNameOf(const X509* certificate)
     const int size = at < 0 ? -1
                             : ASN1_STRING_to_UTF8(
                                   &text, X509_NAME_ENTRY_get_data(X509_NAME_get_entry(name, at)));
-    const std::string found = size < 0 ? "" : std::string(text, text + size);
+    std::string found = size < 0 ? "" : std::string(text, text + size);
     OPENSSL_free(text);
     return found;
 }
