@@ -67,10 +67,16 @@ def test_a_service_that_hangs_is_named(doctor, bus, caller, request):
 def test_an_answer_that_takes_long_has_to_be_looked_at(service, doctor, store):
     gate = threading.Event()
     store.answer = server.Reply(b"{}", gate=gate)
-    timer = threading.Timer(5.5, gate.set)
-    timer.start()
+
+    def answer_late():
+        store.wait_for_requests(1)
+        time.sleep(5.5)
+        gate.set()
+
+    late = threading.Thread(target=answer_late)
+    late.start()
     found, failed = doctor(seconds="20")
-    timer.join()
+    late.join()
     assert failed == []
     assert outcomes(found, "warning") == {"call"}
     assert found["call"]["id"] == "call.slow"
