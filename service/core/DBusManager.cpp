@@ -318,8 +318,11 @@ void CDBusManager::m_PipeCallback(void* data, void* buffer, unsigned int)
         BILLING_ERROR("the response does not fit the bus or the memory, it is answered as failed");
         iRespResult = BILLING_RESULT_HTTP_ERROR;
     }
-    g_dbus_method_invocation_return_value(
-        pInvocation, MakeReplyBody(iRespResult, std::move(strRespInfo), std::move(pCount)));
+    GVariant* pBody = MakeCountedBody(iRespResult, strRespInfo, pCount);
+    if (pBody == nullptr) {
+        pBody = g_variant_new("(is)", iRespResult, strRespInfo.c_str());
+    }
+    g_dbus_method_invocation_return_value(pInvocation, pBody);
     BILLING_INFO_PLAIN("g_dbus_method_invocation_return_value");
     --g_iPendingCallCount;
     BILLING_INFO_PLAIN("g_dbus_method_invocation_return_value");

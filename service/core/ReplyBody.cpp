@@ -46,16 +46,16 @@ void Free(void* pText)
 
 }  // namespace
 
-GVariant* MakeReplyBody(int iResult, std::string&& strText, std::shared_ptr<void> pCount) noexcept
+GVariant* MakeCountedBody(int iResult, std::string& strText, std::shared_ptr<void>& pCount) noexcept
 {
+    if (pCount == nullptr) {
+        return nullptr;
+    }
     CountedTexts made;
     try {
-        made.resize(pCount != nullptr ? 1 : 0);
+        made.resize(1);
     } catch (const std::bad_alloc&) {
-        // Called from C code, which lets none through: the text is copied.
-    }
-    if (made.empty()) {
-        return g_variant_new("(is)", iResult, strText.c_str());
+        return nullptr;  // called from C code, which lets none through
     }
     CountedText& tText = made.front();
     tText.strText = std::move(strText);

@@ -22,10 +22,10 @@ class AHeldLargeReply : public ABusFlow {
 protected:
     void hold(const std::string& strTo)
     {
-        auto pCount = std::make_shared<int>();
+        std::string strText(2 * MIB, 'x');
+        std::shared_ptr<void> pCount = std::make_shared<int>();
         m_pCount = pCount;
-        EXPECT_FALSE(
-            replyWith(strTo, MakeReplyBody(0, std::string(2 * MIB, 'x'), std::move(pCount))));
+        EXPECT_FALSE(replyWith(strTo, MakeCountedBody(0, strText, pCount)));
     }
 
     static constexpr guint32 STEP = WINDOW_BYTES / 4;
