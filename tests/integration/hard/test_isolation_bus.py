@@ -165,8 +165,7 @@ def test_a_hundred_and_twenty_callers_that_read_nothing(service, bystander, deaf
         for pair in zip(callers[::2], callers[1::2]):
             ask(pair, 1, store)
     bystander.confirms(size(20, 200), pause=0.02)
-    # 116 and 117 MiB; 142 while other work kept the processors busy and more answers were under way at a time.
-    figure(f"240 answers of 4 MiB to 120 callers: {bystander.took_at_most(0.1, 1)}; {memory_at_most(service, 160)}")
+    figure(f"240 answers of 4 MiB to 120 callers: {bystander.took_at_most(0.1, 1)}; {memory_at_most(service, 128)}")
 
 
 def test_descriptions_that_nobody_reads(service, bystander, deaf, size, figure):
