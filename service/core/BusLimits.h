@@ -75,8 +75,9 @@ constexpr std::size_t KEPT_CALLERS = 64;
 // --- questions ---
 
 /// Milliseconds from an answer to the next question about a caller that is held back: at first and
-/// at most. It doubles in between while nothing is read.
-constexpr gint64 FIRST_PAUSE_MS = 20;
+/// at most. It doubles in between while nothing is read. A caller that reads has read in a moment:
+/// with 20 ms at first, 64 calls at a time got 1,462 answers of 32 KiB a second, with 2 ms 2,493.
+constexpr gint64 FIRST_PAUSE_MS = 2;
 constexpr gint64 LONGEST_PAUSE_MS = 1000;
 
 /// Questions of what is unread that are under way at a time. The bus lets a connection wait for 128

@@ -74,9 +74,9 @@ TEST_F(ABusFlow, AsksLessAndLessOftenAboutACallerThatReadsNothing)
         }
         pass(10);
     }
-    // 20, 40, ... 640 ms and then one a second.
-    EXPECT_GE(uAsked, 14u);
-    EXPECT_LE(uAsked, 17u);
+    // 2, 4, ... 512 ms and then one a second.
+    EXPECT_GE(uAsked, 17u);
+    EXPECT_LE(uAsked, 20u);
 }
 
 TEST_F(ABusFlow, HoldsAnswersForACallerThatWasStoppedAsLongAsItTakes)
