@@ -264,7 +264,8 @@ def test_ten_thousand_entries_are_as_quick_as_ten(page):
 
 
 @in_a_browser
-def test_a_lab_that_is_gone_is_named(page, cli):
+def test_a_lab_that_is_gone_is_named(page, cli, request):
+    request.addfinalizer(lambda: cli("down"))
     made = cli("up", "--json")
     assert made.returncode == 0, made.stderr
     info = json.loads(made.stdout)
