@@ -14,7 +14,7 @@ constexpr const char* kCheck = "callers";
 struct Complaints {
     std::map<std::string, std::string> held;     ///< the line, by the caller's bus name
     std::map<std::string, std::string> refused;  ///< the same
-    std::string policy;                          ///< why callers or nobody is asked
+    std::string policy;                          ///< the line on a missing rule of the bus policy
     std::string last;                            ///< the last line of what is over
 };
 
