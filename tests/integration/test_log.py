@@ -120,7 +120,8 @@ def test_the_journal_says_who_called_what_and_what_came_of_it(start_daemon, call
     for caller, method in ((first, "get_product_list"), (second, "get_applied_time")):
         name = caller.connection.get_unique_name()
         said = [entry for entry in entries if entry.get("BILLING_SENDER") == name]
-        assert said[0]["BILLING_METHOD"] == method
+        # Its user may be known before the main loop comes to its call.
+        assert [entry["BILLING_METHOD"] for entry in said if "BILLING_METHOD" in entry] == [method]
         assert [entry["BILLING_RESULT"] for entry in said if "BILLING_RESULT" in entry] == ["-1"]
     assert any("BILLING_SENDER" not in entry for entry in entries)
 
