@@ -21,11 +21,13 @@ APP = "app-1"
 def calls(invoice):
     """The five methods, with the words of billingctl for them."""
     payment = ("--appid", APP, "--custom-id", "custom-1", "--invoiceid", invoice)
-    return {"check-server-availability": (),
-            "get-product-list": ("--appid", APP, "--check-value", "check-1"),
-            "get-purchase-history": ("--appid", APP),
-            "get-applied-time": payment,
-            "confirm-purchase": payment}
+    return {
+        "check-server-availability": (),
+        "get-product-list": ("--appid", APP, "--check-value", "check-1"),
+        "get-purchase-history": ("--appid", APP),
+        "get-applied-time": payment,
+        "confirm-purchase": payment,
+    }
 
 
 def show(title, text):
@@ -73,14 +75,19 @@ def run(folder, keep):
 
 def stay(lab, program):
     command = f"{TREE / 'lab' / 'billing-lab'} --dir {lab.folder.path}"
-    print(textwrap.dedent(f"""
+    print(
+        textwrap.dedent(
+            f"""
         It stays until Ctrl-C. In another terminal:
           export DBUS_SYSTEM_BUS_ADDRESS={lab.bus}
           {program} get-product-list --appid {APP}
           {command} --help
         settings, read again when they change:  {lab.folder.settings}
         store:                                  {lab.info['store']['production']}
-        log of the daemon:                      {lab.folder.logs / 'daemon.log'}"""), flush=True)
+        log of the daemon:                      {lab.folder.logs / 'daemon.log'}"""
+        ),
+        flush=True,
+    )
     with contextlib.suppress(KeyboardInterrupt):
         signal.pause()
 

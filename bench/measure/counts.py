@@ -26,8 +26,7 @@ class Callgrind:
 
     @property
     def tool(self):
-        return ("valgrind", "--quiet", "--tool=callgrind", "--compress-strings=no",
-                f"--callgrind-out-file={self._file}")
+        return ("valgrind", "--quiet", "--tool=callgrind", "--compress-strings=no", f"--callgrind-out-file={self._file}")
 
     def counted(self):
         """@return (instructions, allocations)"""
@@ -81,8 +80,12 @@ def _of_both_floor(on, calls, in_flight, size):
     return callgrind.counted()
 
 
-COUNTERS = {"bus floor": _of_bus_floor, "HTTPS floor": _of_https_floor,
-            "both floors in one": _of_both_floor, "daemon": _of_daemon}
+COUNTERS = {
+    "bus floor": _of_bus_floor,
+    "HTTPS floor": _of_https_floor,
+    "both floors in one": _of_both_floor,
+    "daemon": _of_daemon,
+}
 
 
 def of(on, who, in_flight, size):

@@ -22,9 +22,9 @@ class Fleet:
     """How the TVs come back."""
 
     size: int
-    calling: float = 0.25   # the share of them whose apps call when they start
-    burst: int = 4          # calls at once of such a TV
-    boot: float = 45.0      # seconds from power to the first call: median,
+    calling: float = 0.25  # the share of them whose apps call when they start
+    burst: int = 4  # calls at once of such a TV
+    boot: float = 45.0  # seconds from power to the first call: median,
     deviation: float = 12.0  # and how far they differ
     switched: float = 60.0  # seconds in which the grid comes back, street by street
 
@@ -34,11 +34,11 @@ class Client:
     """What a daemon does, or another one would."""
 
     name: str
-    gate: bool = True       # one call of a burst goes ahead, the others find its session
+    gate: bool = True  # one call of a burst goes ahead, the others find its session
     sessions: bool = False  # TLS sessions from before the cut are still there
-    shared: bool = False    # HTTP/2: a burst goes over one connection
-    patience: int = 90      # seconds until it gives up
-    repeats: int = 0        # how often it tries again then
+    shared: bool = False  # HTTP/2: a burst goes over one connection
+    patience: int = 90  # seconds until it gives up
+    repeats: int = 0  # how often it tries again then
 
 
 CLIENTS = (
@@ -53,8 +53,10 @@ CLIENTS = (
 
 def _share_up(fleet, second):
     """The share of the TVs that have made their first call by then: boot times around the median, over the switching."""
+
     def boots(after):
         return 0.5 * (1 + math.erf((after - fleet.boot) / (fleet.deviation * math.sqrt(2))))
+
     steps = 60
     return sum(boots(second - fleet.switched * (i + 0.5) / steps) for i in range(steps)) / steps
 
@@ -86,11 +88,11 @@ def work(fleet, client, costs):
 class Outcome:
     peak_full: float = 0
     peak_resumed: float = 0
-    cores: float = 0         # that would do the peak's work as it comes
-    served: float = 0        # TVs
+    cores: float = 0  # that would do the peak's work as it comes
+    served: float = 0  # TVs
     failed: float = 0
-    waited: int = 0          # the last second at which somebody did
-    total: float = 0         # bursts that came, repeats included
+    waited: int = 0  # the last second at which somebody did
+    total: float = 0  # bursts that came, repeats included
 
 
 def run(fleet, client, costs=Costs(), cores=math.inf):

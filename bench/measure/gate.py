@@ -54,8 +54,7 @@ def recorded(file=FILE):
 
 
 def record(where, instructions, file=FILE):
-    file.write_text(json.dumps({**recorded(file), where: instructions}, indent=1, sort_keys=True) + "\n",
-                    encoding="utf-8")
+    file.write_text(json.dumps({**recorded(file), where: instructions}, indent=1, sort_keys=True) + "\n", encoding="utf-8")
 
 
 def count(on):
@@ -80,5 +79,7 @@ def tried(counting, figure):
 
 
 def shown(found, figure):
-    return (f"{', '.join(results.shown(number) for number in found)} instructions a call, {results.shown(figure)} "
-            f"recorded: x{min(found) / figure:.3f}, x{ALLOWED} allowed")
+    return (
+        f"{', '.join(results.shown(number) for number in found)} instructions a call, {results.shown(figure)} "
+        f"recorded: x{min(found) / figure:.3f}, x{ALLOWED} allowed"
+    )

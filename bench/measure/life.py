@@ -63,8 +63,7 @@ def bundles(on, figures, count):
     for _ in range(count):
         on.start_daemon()
         burst = on.call(bus.SERVICE, BURST, BURST)
-        figures.add(f"cold burst of {BURST}, http1, bundle of {AUTHORITIES}: all answered", "ms",
-                    burst["seconds"] * 1000)
+        figures.add(f"cold burst of {BURST}, http1, bundle of {AUTHORITIES}: all answered", "ms", burst["seconds"] * 1000)
         on.stop_daemon()
     on.trust()
 
@@ -111,8 +110,9 @@ def _held(on, figures):
         time.sleep(3)
         after = memory(on)
     callers.communicate()
-    _note_memory(figures, f"per call of {HELD} in flight",
-                 *(None if a is None else (a - b) / HELD for a, b in zip(after, before)))
+    _note_memory(
+        figures, f"per call of {HELD} in flight", *(None if a is None else (a - b) / HELD for a, b in zip(after, before))
+    )
 
 
 def outstanding(on, figures):
@@ -137,5 +137,3 @@ def outstanding(on, figures):
         time.sleep(2)
         figures.add(f"{name}: resident afterwards / before", "", memory(on)[0] / before[0])
         on.stop_daemon()
-
-

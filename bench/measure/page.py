@@ -27,11 +27,13 @@ def _bar(y, figure, who, scale):
     if figure.goal is not None:
         x = LABEL + figure.goal * scale
         goal = f'<line x1="{x:.1f}" x2="{x:.1f}" y1="{y - 3}" y2="{y + BAR + 3}" stroke="#b00" stroke-dasharray="3 2"/>'
-    return (f'<text x="{LABEL - 8}" y="{y + 13}" text-anchor="end">{html.escape(who)}</text>'
-            f'<rect x="{LABEL}" y="{y}" width="{max(end - LABEL, 1):.1f}" height="{BAR}" '
-            f'fill="{COLOURS.get(who, OTHER)}"/>'
-            f'<line x1="{low:.1f}" x2="{high:.1f}" y1="{middle}" y2="{middle}" stroke="#222" stroke-width="2"/>{goal}'
-            f'<text x="{max(end, high) + 6:.1f}" y="{y + 13}">{results.shown(figure.median)} {figure.unit}</text>')
+    return (
+        f'<text x="{LABEL - 8}" y="{y + 13}" text-anchor="end">{html.escape(who)}</text>'
+        f'<rect x="{LABEL}" y="{y}" width="{max(end - LABEL, 1):.1f}" height="{BAR}" '
+        f'fill="{COLOURS.get(who, OTHER)}"/>'
+        f'<line x1="{low:.1f}" x2="{high:.1f}" y1="{middle}" y2="{middle}" stroke="#222" stroke-width="2"/>{goal}'
+        f'<text x="{max(end, high) + 6:.1f}" y="{y + 13}">{results.shown(figure.median)} {figure.unit}</text>'
+    )
 
 
 def _plot(title, bars):
@@ -40,8 +42,10 @@ def _plot(title, bars):
     scale = (WIDTH - LABEL - 130) / most
     drawn = "".join(_bar(i * (BAR + GAP) + 4, figure, label, scale) for i, (label, figure) in enumerate(bars))
     height = len(bars) * (BAR + GAP) + 8
-    return (f'<h2>{html.escape(title)}</h2>'
-            f'<svg viewBox="0 0 {WIDTH} {height}" width="{WIDTH}" height="{height}" role="img">{drawn}</svg>')
+    return (
+        f"<h2>{html.escape(title)}</h2>"
+        f'<svg viewBox="0 0 {WIDTH} {height}" width="{WIDTH}" height="{height}" role="img">{drawn}</svg>'
+    )
 
 
 def _groups(figures):
@@ -58,15 +62,21 @@ def _rows(figures):
         low, high = figure.quartiles
         goal = "" if figure.goal is None else results.shown(figure.goal)
         missed = ' class="missed"' if figure.reached is False else ""
-        yield (f"<tr><td>{html.escape(figure.name)}</td><td class=n>{results.shown(figure.median)}</td>"
-               f"<td>{figure.unit}</td><td class=n>{results.shown(low)} to {results.shown(high)}</td>"
-               f"<td{missed}>{goal}</td></tr>")
+        yield (
+            f"<tr><td>{html.escape(figure.name)}</td><td class=n>{results.shown(figure.median)}</td>"
+            f"<td>{figure.unit}</td><td class=n>{results.shown(low)} to {results.shown(high)}</td>"
+            f"<td{missed}>{goal}</td></tr>"
+        )
 
 
 def page(about, figures):
     """@return the page as text"""
     machine = ", ".join(f"{key}: {value}" for key, value in about["machine"].items())
     plots = "\n".join(_plot(title, bars) for (title, _, _), bars in _groups(figures).items())
-    return (HEAD.format(revision=html.escape(about["revision"]), machine=html.escape(machine), when=about["when"])
-            + plots + "<h2>All of them</h2><table><tr><th>figure<th>median<th><th>middle half<th>goal</tr>"
-            + "\n".join(_rows(figures)) + "</table></html>\n")
+    return (
+        HEAD.format(revision=html.escape(about["revision"]), machine=html.escape(machine), when=about["when"])
+        + plots
+        + "<h2>All of them</h2><table><tr><th>figure<th>median<th><th>middle half<th>goal</tr>"
+        + "\n".join(_rows(figures))
+        + "</table></html>\n"
+    )

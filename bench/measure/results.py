@@ -17,12 +17,17 @@ GOALS = {
     "latency, http1, 512 bytes, 1 in flight: daemon / (bus + HTTPS)": 1.20,
     "latency, http2, 512 bytes, 1 in flight: daemon / (bus + HTTPS)": 1.20,
     "instructions a call, 64 in flight: daemon / (bus + HTTPS)": 1.25,
-    "cold burst of 100, http1: signatures": 1, "cold burst of 100, http2: signatures": 1,
-    "warm burst of 100, http1: signatures": 0, "warm burst of 100, http2: signatures": 0,
-    "10000 outstanding, http1: unanswered": 0, "10000 outstanding, http2: unanswered": 0,
+    "cold burst of 100, http1: signatures": 1,
+    "cold burst of 100, http2: signatures": 1,
+    "warm burst of 100, http1: signatures": 0,
+    "warm burst of 100, http2: signatures": 0,
+    "10000 outstanding, http1: unanswered": 0,
+    "10000 outstanding, http2: unanswered": 0,
     "10000 outstanding, http1: resident afterwards / before": 1.10,
     "10000 outstanding, http2: resident afterwards / before": 1.10,
-    "wake-ups when idle": 0, "resident, idle": 25 * 1024, "exec to the name": 100,
+    "wake-ups when idle": 0,
+    "resident, idle": 25 * 1024,
+    "exec to the name": 100,
     "SIGTERM to the end, 100 transfers hang": 100,
 }
 
@@ -30,17 +35,22 @@ GOALS = {
 def machine():
     """What the figures depend on, and nothing that names the machine."""
     text = pathlib.Path("/proc/cpuinfo").read_text(encoding="utf-8")
-    model = next((line.split(":")[1].strip() for line in text.splitlines()
-                  if line.startswith("model name")), platform.machine())
+    model = next(
+        (line.split(":")[1].strip() for line in text.splitlines() if line.startswith("model name")), platform.machine()
+    )
     pages = os.sysconf("SC_PHYS_PAGES") * os.sysconf("SC_PAGE_SIZE")
-    return {"processor": model, "processors": os.cpu_count(), "kernel": platform.release(),
-            "memory MiB": pages // 2**20, "load before": round(os.getloadavg()[0], 2)}
+    return {
+        "processor": model,
+        "processors": os.cpu_count(),
+        "kernel": platform.release(),
+        "memory MiB": pages // 2**20,
+        "load before": round(os.getloadavg()[0], 2),
+    }
 
 
 def revision():
     """The commit that was measured, with "+" when the tree had changes."""
-    told = subprocess.run(["git", "-C", TREE, "describe", "--always", "--dirty=+"], check=False,
-                          capture_output=True, text=True)
+    told = subprocess.run(["git", "-C", TREE, "describe", "--always", "--dirty=+"], check=False, capture_output=True, text=True)
     return told.stdout.strip() or "unknown"
 
 
@@ -49,16 +59,18 @@ class Figures:
 
     def __init__(self):
         self.values = {}
-        self.about = {"revision": revision(), "machine": machine(),
-                      "when": datetime.datetime.now(datetime.timezone.utc).isoformat(timespec="seconds")}
+        self.about = {
+            "revision": revision(),
+            "machine": machine(),
+            "when": datetime.datetime.now(datetime.timezone.utc).isoformat(timespec="seconds"),
+        }
 
     def add(self, name, unit, value):
         self.values.setdefault(name, {"unit": unit, "values": []})["values"].append(round(value, 4))
 
     def write(self, file):
         self.about["load after"] = round(os.getloadavg()[0], 2)
-        file.write_text(json.dumps({"about": self.about, "figures": self.values}, indent=1) + "\n",
-                        encoding="utf-8")
+        file.write_text(json.dumps({"about": self.about, "figures": self.values}, indent=1) + "\n", encoding="utf-8")
 
 
 def read(file):
@@ -104,8 +116,6 @@ def table(figures):
     lines = []
     for figure in figures.values():
         low, high = figure.quartiles
-        goal = "" if figure.goal is None else \
-            f"   goal {shown(figure.goal)}{'' if figure.reached else ' NOT REACHED'}"
-        lines.append(f"{figure.name:68} {shown(figure.median):>10} {figure.unit:9} "
-                     f"[{shown(low)} .. {shown(high)}]{goal}")
+        goal = "" if figure.goal is None else f"   goal {shown(figure.goal)}{'' if figure.reached else ' NOT REACHED'}"
+        lines.append(f"{figure.name:68} {shown(figure.median):>10} {figure.unit:9} [{shown(low)} .. {shown(high)}]{goal}")
     return "\n".join(lines)

@@ -20,9 +20,14 @@ METHOD = "get_product_list"
 PROTOCOLS = {"http1": "", "http2": "http2"}
 
 # More than the system bus has: what it would refuse cannot be measured.
-LIMITS = {"max_replies_per_connection": 50_000, "max_connections_per_user": 1_000,
-          "max_completed_connections": 2_000, "max_incomplete_connections": 500,
-          "max_incoming_bytes": 1_000_000_000, "max_outgoing_bytes": 1_000_000_000}
+LIMITS = {
+    "max_replies_per_connection": 50_000,
+    "max_connections_per_user": 1_000,
+    "max_completed_connections": 2_000,
+    "max_incomplete_connections": 500,
+    "max_incoming_bytes": 1_000_000_000,
+    "max_outgoing_bytes": 1_000_000_000,
+}
 
 SERVER = """keepalive_requests 100000000; keepalive_timeout 75; open_file_cache max=16;
  {log} root {folder};"""
@@ -47,10 +52,22 @@ def programs():
 
 def build():
     """Builds what is measured and what measures."""
-    subprocess.run(["ninja", "-C", str(daemon.binary().parents[1]), "--quiet", "bench/caller",
-                    "bench/bus_floor", "bench/https_floor", "bench/both_floor", "service/billing-service",
-                    "platform/provision/billing-provision",
-                    "tests/unit/platform/test-pkcs11-proxy.so"], check=True)
+    subprocess.run(
+        [
+            "ninja",
+            "-C",
+            str(daemon.binary().parents[1]),
+            "--quiet",
+            "bench/caller",
+            "bench/bus_floor",
+            "bench/https_floor",
+            "bench/both_floor",
+            "service/billing-service",
+            "platform/provision/billing-provision",
+            "tests/unit/platform/test-pkcs11-proxy.so",
+        ],
+        check=True,
+    )
 
 
 def raise_descriptors():
@@ -79,15 +96,20 @@ class Stage:
         extra = SERVER.format(folder=self.folder, log="" if log_handshakes else "access_log off;")
         for protocol, listen in PROTOCOLS.items():
             self.servers[protocol] = nginx.Nginx(
-                self.folder / protocol, authority.server_pem(HOST), keys.authority, listen=listen,
-                extra=extra, answer="try_files /body-$arg_appid =404;", connections=12_000)
+                self.folder / protocol,
+                authority.server_pem(HOST),
+                keys.authority,
+                listen=listen,
+                extra=extra,
+                answer="try_files /body-$arg_appid =404;",
+                connections=12_000,
+            )
         self.device = device.Device(self.folder, keys)
         self._authority, self._keys = authority.pem, keys
         self.trust()
         self.proxy = token_proxy.TokenProxy(self.folder, self.device)
         self._make_client_certificate(keys)
-        self.bus = bus.Bus(self.folder, limits=LIMITS,
-                           names=(bus.SERVICE, BOTH, *(floor_name(size) for size in SIZES)))
+        self.bus = bus.Bus(self.folder, limits=LIMITS, names=(bus.SERVICE, BOTH, *(floor_name(size) for size in SIZES)))
         self.environment = {"PATH": "/usr/bin:/bin", "DBUS_SYSTEM_BUS_ADDRESS": self.bus.address}
         self.caller = bus.Caller(self.bus.address)
         self.use("http1")
@@ -97,16 +119,20 @@ class Stage:
         key = rsa.generate_private_key(65537, 2048)
         subject = x509.load_pem_x509_certificate(keys.certificate.read_bytes()).subject
         self.client_pem = self.folder / "client.pem"
-        self.client_pem.write_bytes(credentials.issue(key.public_key(), subject, keys.folder)
-                                    + certificates.pem_of(key))
+        self.client_pem.write_bytes(credentials.issue(key.public_key(), subject, keys.folder) + certificates.pem_of(key))
 
     def trust(self, others=0):
         """Writes the bundle of authorities: the server's, and so many that vouch for nobody here."""
         public = rsa.generate_private_key(65537, 2048).public_key()
-        self.device.ca_file.write_bytes(self._authority + b"".join(
-            credentials.issue(public, x509.Name([x509.NameAttribute(x509.NameOID.COMMON_NAME, f"Authority {number}")]),
-                              self._keys.folder)
-            for number in range(others)))
+        self.device.ca_file.write_bytes(
+            self._authority
+            + b"".join(
+                credentials.issue(
+                    public, x509.Name([x509.NameAttribute(x509.NameOID.COMMON_NAME, f"Authority {number}")]), self._keys.folder
+                )
+                for number in range(others)
+            )
+        )
 
     def __enter__(self):
         return self
@@ -149,8 +175,8 @@ class Stage:
         """@return the seconds from exec to the name"""
         began = time.monotonic()
         self.daemon = daemon.Daemon(
-            self.folder, self.bus.address, self.device, view=view, level=level, tool=tool,
-            environment=self.proxy.environment)
+            self.folder, self.bus.address, self.device, view=view, level=level, tool=tool, environment=self.proxy.environment
+        )
         self.daemon.wait_for_name(self.caller, timeout=60)
         return time.monotonic() - began
 
@@ -191,11 +217,18 @@ class Stage:
 
     def _request(self, size):
         """@return URL, files and headers of the daemon's request"""
-        url = (f"https://{self.host}/billing/product/v2/products?appid={size}&guid={device.GUID}"
-               f"&uid={device.UID}&storeid=1&storeprodcode=1&countrycode=DE&languagecode=de"
-               "&checkvalue=")
-        headers = ["Content-Type: application/json; charset=utf-8", "Accept: application/json",
-                   f"DUID: {device.DUID}", f"Atoken: {device.TOKEN}", "Expect:"]
+        url = (
+            f"https://{self.host}/billing/product/v2/products?appid={size}&guid={device.GUID}"
+            f"&uid={device.UID}&storeid=1&storeprodcode=1&countrycode=DE&languagecode=de"
+            "&checkvalue="
+        )
+        headers = [
+            "Content-Type: application/json; charset=utf-8",
+            "Accept: application/json",
+            f"DUID: {device.DUID}",
+            f"Atoken: {device.TOKEN}",
+            "Expect:",
+        ]
         return [url, self.device.ca_file, self.client_pem, *headers]
 
     def _measured(self, command, wait):

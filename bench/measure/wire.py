@@ -105,7 +105,8 @@ def measure(on, figures):
                 os.utime(on.device.ca_file)
             on.call(bus.SERVICE, 1, 1)
         figures.add(f"bytes of a call, {stage.SMALL} of them the answer's: {kind}", "bytes", relay.taken() / COUNT)
-        figures.add(f"server's processor time of a call: {kind}", "us",
-                    (processor_time(on.server.group) - before) / COUNT * 1e6)
+        figures.add(
+            f"server's processor time of a call: {kind}", "us", (processor_time(on.server.group) - before) / COUNT * 1e6
+        )
     on.stop_daemon()
     relay.stop()

@@ -56,7 +56,7 @@ async def _delay(exchange, reply, fault):
 async def _drip(exchange, reply, fault):
     await exchange.head(reply.status, reply.type, len(reply.body))
     for i in range(len(reply.body)):
-        await exchange.write(reply.body[i:i + 1])
+        await exchange.write(reply.body[i : i + 1])
         if await exchange.left_within(fault.options["ms"] / 1000):
             return f"the client left after {i + 1} bytes"
     await exchange.end()
@@ -114,5 +114,14 @@ async def _lost(exchange, _reply, _fault):
     return "the connection is silent"
 
 
-_WAYS = {"delay": _delay, "drip": _drip, "truncate": _truncate, "reset": _reset, "hang": _hang,
-         "huge": _huge, "goaway": _goaway, "refuse-stream": _refuse, "lost": _lost}
+_WAYS = {
+    "delay": _delay,
+    "drip": _drip,
+    "truncate": _truncate,
+    "reset": _reset,
+    "hang": _hang,
+    "huge": _huge,
+    "goaway": _goaway,
+    "refuse-stream": _refuse,
+    "lost": _lost,
+}

@@ -48,20 +48,37 @@ class Bus:
         self.socket = folder / "bus"
         # What may stand in an address as it is.
         self.address = "unix:path=" + quote(str(self.socket), safe="/-_.").replace("~", "%7E")
-        rules = "".join(f'    <allow own="{name}"/>\n    <allow send_destination="{name}"/>\n'
-                        for name in names)
+        rules = "".join(f'    <allow own="{name}"/>\n    <allow send_destination="{name}"/>\n' for name in names)
         configuration = folder / "bus.conf"
-        configuration.write_text(CONFIGURATION.format(
-            address=self.address, names=rules, rules="".join(f"    {rule}\n" for rule in policy), limits="".join(
-                f'  <limit name="{name}">{value}</limit>\n'
-                for name, value in (limits or {}).items())))
+        configuration.write_text(
+            CONFIGURATION.format(
+                address=self.address,
+                names=rules,
+                rules="".join(f"    {rule}\n" for rule in policy),
+                limits="".join(f'  <limit name="{name}">{value}</limit>\n' for name, value in (limits or {}).items()),
+            )
+        )
         # It ends with us, however we end and be it at this moment, and knows nothing of our terminal's
         # Ctrl-C.
         self.process = subprocess.Popen(
-            ["setpriv", "--pdeathsig", "TERM", "sh", "-c", '[ "$PPID" = "$0" ] && exec "$@"',
-             str(os.getpid()), "dbus-daemon", f"--config-file={configuration}", "--nofork",
-             "--nopidfile", "--print-address"],
-            stdout=subprocess.PIPE, text=True, start_new_session=True)
+            [
+                "setpriv",
+                "--pdeathsig",
+                "TERM",
+                "sh",
+                "-c",
+                '[ "$PPID" = "$0" ] && exec "$@"',
+                str(os.getpid()),
+                "dbus-daemon",
+                f"--config-file={configuration}",
+                "--nofork",
+                "--nopidfile",
+                "--print-address",
+            ],
+            stdout=subprocess.PIPE,
+            text=True,
+            start_new_session=True,
+        )
         if not self.process.stdout.readline():
             raise RuntimeError("dbus-daemon did not start")
         self.socket.chmod(0o600)
@@ -87,8 +104,18 @@ class Call:
         self.result = None
         self.error = None
         self.place = 0
-        connection.call(SERVICE, OBJECT, SERVICE, method, GLib.Variant(signature, arguments),
-                        None, Gio.DBusCallFlags.NONE, int(timeout * 1000), None, self._answered)
+        connection.call(
+            SERVICE,
+            OBJECT,
+            SERVICE,
+            method,
+            GLib.Variant(signature, arguments),
+            None,
+            Gio.DBusCallFlags.NONE,
+            int(timeout * 1000),
+            None,
+            self._answered,
+        )
 
     def _answered(self, connection, outcome):
         self.place = next(Call._answers)
@@ -112,8 +139,8 @@ class Caller:
 
     def __init__(self, address):
         self.connection = Gio.DBusConnection.new_for_address_sync(
-            address, Gio.DBusConnectionFlags.AUTHENTICATION_CLIENT
-            | Gio.DBusConnectionFlags.MESSAGE_BUS_CONNECTION, None, None)
+            address, Gio.DBusConnectionFlags.AUTHENTICATION_CLIENT | Gio.DBusConnectionFlags.MESSAGE_BUS_CONNECTION, None, None
+        )
 
     def start(self, method, *arguments, timeout=60):
         return Call(self.connection, method, arguments, timeout)
@@ -136,8 +163,16 @@ class Caller:
         """One question to the bus itself, with texts for arguments."""
         signature = "(" + "s" * len(arguments) + ")"
         reply = self.connection.call_sync(
-            "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus", method,
-            GLib.Variant(signature, arguments), None, Gio.DBusCallFlags.NONE, 10000, None)
+            "org.freedesktop.DBus",
+            "/org/freedesktop/DBus",
+            "org.freedesktop.DBus",
+            method,
+            GLib.Variant(signature, arguments),
+            None,
+            Gio.DBusCallFlags.NONE,
+            10000,
+            None,
+        )
         return reply.unpack()[0]
 
     def owner(self, name=SERVICE):
@@ -148,8 +183,16 @@ class Caller:
 
     def introspect(self):
         reply = self.connection.call_sync(
-            SERVICE, OBJECT, "org.freedesktop.DBus.Introspectable", "Introspect", None,
-            GLib.VariantType("(s)"), Gio.DBusCallFlags.NONE, 10000, None)
+            SERVICE,
+            OBJECT,
+            "org.freedesktop.DBus.Introspectable",
+            "Introspect",
+            None,
+            GLib.VariantType("(s)"),
+            Gio.DBusCallFlags.NONE,
+            10000,
+            None,
+        )
         return Gio.DBusNodeInfo.new_for_xml(reply.unpack()[0])
 
     def close(self):

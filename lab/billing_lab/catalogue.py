@@ -61,16 +61,17 @@ def parse(text: str, name: str, folder: pathlib.Path) -> dict:
         catalogue = json.loads(text, object_pairs_hook=_without_doubles, parse_constant=_no_constant)
         _refuse_problems(catalogue, text, name, folder)
     except json.JSONDecodeError as error:
-        raise CatalogueError(f"{name}:{error.lineno}: no valid JSON ({error.msg}); look at column "
-                             f"{error.colno} and just before it") from None
+        raise CatalogueError(
+            f"{name}:{error.lineno}: no valid JSON ({error.msg}); look at column {error.colno} and just before it"
+        ) from None
     except _Double as error:
-        raise CatalogueError(f"{name}: the name {error} stands twice in one object; take one "
-                             "out") from None
+        raise CatalogueError(f"{name}: the name {error} stands twice in one object; take one out") from None
     except _NoJson as error:
         raise CatalogueError(f"{name}: {error} is no JSON; write a number or null") from None
     except RecursionError:
-        raise CatalogueError(f"{name}: nested too deep for a catalogue; start from the sample, which "
-                             "`billing-lab seed --help` names") from None
+        raise CatalogueError(
+            f"{name}: nested too deep for a catalogue; start from the sample, which `billing-lab seed --help` names"
+        ) from None
     return _with_bodies(catalogue, folder)
 
 
@@ -116,6 +117,7 @@ def _is_time(text: object) -> bool:
 
 # The first form of it. Anything else is about paths that exist then.
 
+
 def _against_schema(catalogue: object) -> Iterator[tuple[Path, str]]:
     validator = jsonschema.Draft202012Validator(_SCHEMA, format_checker=_FORMATS)
     for error in validator.iter_errors(catalogue):
@@ -148,8 +150,9 @@ def _cure(error: jsonschema.ValidationError) -> str:
         return "put at least one in"
     if "description" in error.schema:
         return f"write {error.schema['description']}"
-    kind = {"object": "an object { }", "array": "a list [ ]", "string": "a text in quotes",
-            "boolean": "true or false"}.get(str(error.validator_value), str(error.validator_value))
+    kind = {"object": "an object { }", "array": "a list [ ]", "string": "a text in quotes", "boolean": "true or false"}.get(
+        str(error.validator_value), str(error.validator_value)
+    )
     return f"write {kind}"
 
 
@@ -170,6 +173,7 @@ def _short(value: object) -> str:
 
 # What one place says about another.
 
+
 def _against_itself(catalogue: dict, folder: pathlib.Path) -> Iterator[tuple[Path, str]]:
     yield from _doubles(catalogue)
     yield from _products(catalogue)
@@ -179,17 +183,17 @@ def _against_itself(catalogue: dict, folder: pathlib.Path) -> Iterator[tuple[Pat
 
 def _doubles(catalogue: dict) -> Iterator[tuple[Path, str]]:
     lists: list[tuple[Path, list, str]] = [
-        (("apps",), catalogue["apps"], "id"), (("users",), catalogue["users"], "uid"),
+        (("apps",), catalogue["apps"], "id"),
+        (("users",), catalogue["users"], "uid"),
         (("users",), catalogue["users"], "guid"),
-        (("invoices",), catalogue.get("invoices", []), "id")]
-    lists += [(("apps", i, "products"), app["products"], "id")
-              for i, app in enumerate(catalogue["apps"])]
+        (("invoices",), catalogue.get("invoices", []), "id"),
+    ]
+    lists += [(("apps", i, "products"), app["products"], "id") for i, app in enumerate(catalogue["apps"])]
     for path, items, key in lists:
         seen: set[str] = set()
         for i, item in enumerate(items):
             if item[key] in seen:
-                yield ((*path, i, key), f"{_name((*path, i, key))} {json.dumps(item[key])} is there "
-                       "already; give it another")
+                yield ((*path, i, key), f"{_name((*path, i, key))} {json.dumps(item[key])} is there already; give it another")
             seen.add(item[key])
 
 
@@ -198,36 +202,41 @@ def _products(catalogue: dict) -> Iterator[tuple[Path, str]]:
         for j, product in enumerate(app["products"]):
             path = ("apps", i, "products", j)
             if product["id"].startswith(RESERVED):
-                yield (*path, "id"), (f"ids that begin with {RESERVED} force outcomes and are never "
-                                      "listed; name it otherwise")
+                yield (*path, "id"), (f"ids that begin with {RESERVED} force outcomes and are never listed; name it otherwise")
             for country in product["prices"]:
                 if country not in catalogue["countries"]:
-                    yield ((*path, "prices", country), f"{json.dumps(country)} is none of the "
-                           "countries; add it there, or take this price out")
+                    yield (
+                        (*path, "prices", country),
+                        f"{json.dumps(country)} is none of the countries; add it there, or take this price out",
+                    )
 
 
 def _invoices(catalogue: dict) -> Iterator[tuple[Path, str]]:
-    products = {app["id"]: {product["id"] for product in app["products"]}
-                for app in catalogue["apps"]}
+    products = {app["id"]: {product["id"] for product in app["products"]} for app in catalogue["apps"]}
     users = {user["uid"] for user in catalogue["users"]}
     for i, invoice in enumerate(catalogue.get("invoices", [])):
-        known = (("user", users, "users"), ("app", products, "apps"),
-                 ("product", products.get(invoice["app"], ()), "app's products"),
-                 ("country", catalogue["countries"], "countries"))
+        known = (
+            ("user", users, "users"),
+            ("app", products, "apps"),
+            ("product", products.get(invoice["app"], ()), "app's products"),
+            ("country", catalogue["countries"], "countries"),
+        )
         for key, names, what in known:
             if invoice[key] not in names:
-                yield (("invoices", i, key), f"invoices[{i}].{key} {json.dumps(invoice[key])} is none "
-                       f"of the {what}; add it there, or name one of {_list(sorted(names))}")
+                yield (
+                    ("invoices", i, key),
+                    f"invoices[{i}].{key} {json.dumps(invoice[key])} is none "
+                    f"of the {what}; add it there, or name one of {_list(sorted(names))}",
+                )
 
 
 def _answers(catalogue: dict, folder: pathlib.Path) -> Iterator[tuple[Path, str]]:
     for endpoint, answer in catalogue.get("answers", {}).items():
         path = ("answers", endpoint)
         if len({"text", "json", "base64", "file"} & set(answer)) != 1:
-            yield path, f"{_name(path)} needs exactly one of \"text\", \"json\", \"base64\" and \"file\""
+            yield path, f'{_name(path)} needs exactly one of "text", "json", "base64" and "file"'
         elif "file" in answer and not (folder / answer["file"]).is_file():
-            yield ((*path, "file"), f"there is no file {folder / answer['file']}; its path begins at "
-                   "the catalogue's folder")
+            yield ((*path, "file"), f"there is no file {folder / answer['file']}; its path begins at the catalogue's folder")
         elif len(answer.get("base64", "")) % 4:
             yield (*path, "base64"), f"{_name(path)}.base64 is no Base64; its length must be a multiple of four"
 

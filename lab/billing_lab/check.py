@@ -8,8 +8,7 @@ from .store import PATHS
 # What a caller chooses. A "&" or "#" of its own would add, replace or cut off other parts of the query.
 _ANY = r"[^&#]*"
 _TEXT = r'(?:[^"\\]|\\.)*'
-_BODY_KEYS = ("GUID", "UID", "appId", "countryCode", "customId", "invoiceId", "languageCode", "storeId",
-              "storeProdCode")
+_BODY_KEYS = ("GUID", "UID", "appId", "countryCode", "customId", "invoiceId", "languageCode", "storeId", "storeProdCode")
 
 
 @dataclasses.dataclass
@@ -34,8 +33,7 @@ class Sent:
         pseudo = dict(pair for pair in named if pair[0].startswith(":"))
         line = f"{pseudo.pop(':method', '')} {pseudo.pop(':path', '')} HTTP/2"
         others = [pair for pair in named if not pair[0].startswith(":")]
-        return cls(line, [f"{name}: {value}" for name, value in [*sorted(pseudo.items()), *others]], body,
-                   "HTTP/2")
+        return cls(line, [f"{name}: {value}" for name, value in [*sorted(pseudo.items()), *others]], body, "HTTP/2")
 
 
 def _text(data: bytes) -> str:
@@ -54,21 +52,48 @@ def _query(endpoint: str, device: dict) -> str:
     value = {name: re.escape(device[name]) for name in ("uid", "guid", "country")}
     language = languages(device["locale"])
     pieces = {
-        "country": ("storeid=1", "storeprodcode=1", f"guid={value['uid']}", f"uid={value['uid']}",
-                    f"lang={language}", f"countrycode={value['country']}"),
-        "products": (f"appid={_ANY}", f"guid={value['guid']}", f"uid={value['uid']}", "storeid=1",
-                     "storeprodcode=1", f"countrycode={value['country']}", f"languagecode={language}",
-                     f"checkvalue={_ANY}"),
-        "invoices": (f"customid={value['uid']}", f"countrycode={value['country']}",
-                     f"languagecode={language}", f"GUID={value['guid']}", f"UID={value['uid']}",
-                     "storeid=1", "storeprodcode=1", "pagesize=20", "startidx=1", "reqtype=2"),
+        "country": (
+            "storeid=1",
+            "storeprodcode=1",
+            f"guid={value['uid']}",
+            f"uid={value['uid']}",
+            f"lang={language}",
+            f"countrycode={value['country']}",
+        ),
+        "products": (
+            f"appid={_ANY}",
+            f"guid={value['guid']}",
+            f"uid={value['uid']}",
+            "storeid=1",
+            "storeprodcode=1",
+            f"countrycode={value['country']}",
+            f"languagecode={language}",
+            f"checkvalue={_ANY}",
+        ),
+        "invoices": (
+            f"customid={value['uid']}",
+            f"countrycode={value['country']}",
+            f"languagecode={language}",
+            f"GUID={value['guid']}",
+            f"UID={value['uid']}",
+            "storeid=1",
+            "storeprodcode=1",
+            "pagesize=20",
+            "startidx=1",
+            "reqtype=2",
+        ),
     }.get(endpoint)
     return r"\?" + "&".join(pieces) if pieces else ""
 
 
 def _body(device: dict) -> str:
-    fixed = {"GUID": device["guid"], "UID": device["uid"], "countryCode": device["country"],
-             "storeId": "1", "storeProdCode": "1"}
+    fixed = {
+        "GUID": device["guid"],
+        "UID": device["uid"],
+        "countryCode": device["country"],
+        "storeId": "1",
+        "storeProdCode": "1",
+    }
     values = {key: re.escape(value) for key, value in fixed.items()}
     values["languageCode"] = languages(device["locale"])
     members = ",\n".join(f'   "{key}" : "{values.get(key, _TEXT)}"' for key in _BODY_KEYS)
@@ -77,8 +102,12 @@ def _body(device: dict) -> str:
 
 def _headers(endpoint: str, device: dict, size: int) -> list[tuple[str, str]]:
     """Names and values; the host is where the protocol wants it."""
-    pairs = [("Content-Type", "application/json; charset=utf-8"), ("Accept", "application/json"),
-             ("DUID", device["duid"]), ("Atoken", device["token"])]
+    pairs = [
+        ("Content-Type", "application/json; charset=utf-8"),
+        ("Accept", "application/json"),
+        ("DUID", device["duid"]),
+        ("Atoken", device["token"]),
+    ]
     if endpoint == "invoices":
         pairs += [("TvYear", "15"), ("TvVersion", "1.2")]
     if endpoint in ("apply", "confirm"):
@@ -90,8 +119,7 @@ def _headers(endpoint: str, device: dict, size: int) -> list[tuple[str, str]]:
 def _header_lines(sent: Sent, endpoint: str, device: dict) -> list[str]:
     pairs = _headers(endpoint, device, len(sent.body))
     if sent.protocol == "HTTP/2":
-        pairs = [(":authority", device["host"]), (":scheme", "https"),
-                 *((name.lower(), value) for name, value in pairs)]
+        pairs = [(":authority", device["host"]), (":scheme", "https"), *((name.lower(), value) for name, value in pairs)]
     else:
         pairs = [("Host", device["host"]), *pairs]
     return [f"{name}: {value}" for name, value in pairs]

@@ -45,12 +45,17 @@ FAULT is a fault of `billing-lab fault`, with its number behind it where it take
 
 
 def parser() -> argparse.ArgumentParser:
-    made = argparse.ArgumentParser(prog="billing-lab", description=_DESCRIPTION, epilog=_EPILOG,
-                                   formatter_class=argparse.RawDescriptionHelpFormatter)
-    made.add_argument("--dir", metavar="DIR", help="the lab's folder; several labs have several "
-                      f"(default: $BILLING_LAB_DIR, else {default_path()})")
-    made.add_argument("--version", action="version", version=_version(),
-                      help="print the version, and those of what the lab is built on")
+    made = argparse.ArgumentParser(
+        prog="billing-lab", description=_DESCRIPTION, epilog=_EPILOG, formatter_class=argparse.RawDescriptionHelpFormatter
+    )
+    made.add_argument(
+        "--dir",
+        metavar="DIR",
+        help=f"the lab's folder; several labs have several (default: $BILLING_LAB_DIR, else {default_path()})",
+    )
+    made.add_argument(
+        "--version", action="version", version=_version(), help="print the version, and those of what the lab is built on"
+    )
     words = made.add_subparsers(dest="command", metavar="COMMAND", required=True)
     _life(words)
     _store(words)
@@ -62,78 +67,122 @@ def parser() -> argparse.ArgumentParser:
 
 
 def _version() -> str:
-    libraries = [f"{name} {importlib.metadata.version(name)}"
-                 for name in ("aiohttp", "cryptography", "h2", "PyGObject", "trustme")]
-    return "\n".join([f"billing-lab {__version__}", f"Python {platform.python_version()}",
-                      ssl.OPENSSL_VERSION, f"SQLite {sqlite3.sqlite_version}", *libraries])
+    libraries = [
+        f"{name} {importlib.metadata.version(name)}" for name in ("aiohttp", "cryptography", "h2", "PyGObject", "trustme")
+    ]
+    return "\n".join(
+        [
+            f"billing-lab {__version__}",
+            f"Python {platform.python_version()}",
+            ssl.OPENSSL_VERSION,
+            f"SQLite {sqlite3.sqlite_version}",
+            *libraries,
+        ]
+    )
 
 
 def _life(words) -> None:
     made = add(words, "up", commands.up, "start the lab, or say how to reach it when it is up")
     made.add_argument("--seed", metavar="FILE", help="read this catalogue, as `seed` does")
     made.add_argument("--stay", action="store_true", help="stay, and end the lab at Ctrl-C")
-    made.add_argument("--log-level", choices=("debug", "info", "warning", "error"), default="info",
-                      help="what the daemon logs, this and worse (default: info)")
-    add(words, "down", commands.down, "end the lab; purchases, journal and device stay in its folder",
-         json=False)
+    made.add_argument(
+        "--log-level",
+        choices=("debug", "info", "warning", "error"),
+        default="info",
+        help="what the daemon logs, this and worse (default: info)",
+    )
+    add(words, "down", commands.down, "end the lab; purchases, journal and device stay in its folder", json=False)
     add(words, "status", commands.status, "show what is up, and how the lab is set")
-    made = add(words, "logs", commands.logs, "show a log; private values of the lab are not hidden",
-                json=False)
-    made.add_argument("part", nargs="?", choices=("daemon", "lab"), default="daemon",
-                      help="whose log (default: daemon)")
-    made.add_argument("--lines", type=number(0), default=100, metavar="N",
-                      help="the last N lines, 0 or more (default: 100)")
+    made = add(words, "logs", commands.logs, "show a log; private values of the lab are not hidden", json=False)
+    made.add_argument("part", nargs="?", choices=("daemon", "lab"), default="daemon", help="whose log (default: daemon)")
+    made.add_argument("--lines", type=number(0), default=100, metavar="N", help="the last N lines, 0 or more (default: 100)")
     made.add_argument("--follow", action="store_true", help="go on until Ctrl-C")
-    add(words, "doctor", commands.doctor, "run `billingctl doctor` where the daemon runs, with the "
-         "daemon's view of files and its environment; it is told all further words", json=False)
-    made = add(words, "call", commands.call, "call a method of the service, as an app does",
-                epilog="Exit status: 0 for resp_result 0, 3 for -1, 4 for 1160003, 5 without an answer.\n\n"
-                "Arguments, with their defaults:\n" + "\n".join(
-                    f"  {name}  " + " ".join(f"{key}={value}" for key, value in known.items())
-                    for name, known in METHODS.items()))
+    add(
+        words,
+        "doctor",
+        commands.doctor,
+        "run `billingctl doctor` where the daemon runs, with the "
+        "daemon's view of files and its environment; it is told all further words",
+        json=False,
+    )
+    made = add(
+        words,
+        "call",
+        commands.call,
+        "call a method of the service, as an app does",
+        epilog="Exit status: 0 for resp_result 0, 3 for -1, 4 for 1160003, 5 without an answer.\n\n"
+        "Arguments, with their defaults:\n"
+        + "\n".join(
+            f"  {name}  " + " ".join(f"{key}={value}" for key, value in known.items()) for name, known in METHODS.items()
+        ),
+    )
     made.add_argument("method", choices=METHODS, metavar="METHOD", help=", ".join(METHODS))
     made.add_argument("values", nargs="*", default=[], metavar="NAME=VALUE", help="arguments of the method")
-    made.add_argument("--timeout", type=number(1), default=100, metavar="SECONDS",
-                      help="how long to wait for the answer, 1 or more (default: 100; the service "
-                      "itself gives up after 90)")
+    made.add_argument(
+        "--timeout",
+        type=number(1),
+        default=100,
+        metavar="SECONDS",
+        help="how long to wait for the answer, 1 or more (default: 100; the service itself gives up after 90)",
+    )
 
 
 def _store(words) -> None:
-    made = add(words, "seed", commands.seed, "read a catalogue in place of all products, users and "
-                "invoices", json=False, epilog=f"A catalogue to begin with: {DEFAULT_FILE}\n"
-                "Its form: catalogue.schema.json beside it. What is wrong is said with line and cure.")
+    made = add(
+        words,
+        "seed",
+        commands.seed,
+        "read a catalogue in place of all products, users and invoices",
+        json=False,
+        epilog=f"A catalogue to begin with: {DEFAULT_FILE}\n"
+        "Its form: catalogue.schema.json beside it. What is wrong is said with line and cure.",
+    )
     made.add_argument("file", metavar="FILE", help="the catalogue, a JSON file")
     add(words, "reset", commands.reset, "go back to the state after the last seed", json=False)
-    add(words, "usual", commands.usual, "end all that is not as usual: faults, own answers, switches of the device; "
-        "purchases and journal stay", json=False)
+    add(
+        words,
+        "usual",
+        commands.usual,
+        "end all that is not as usual: faults, own answers, switches of the device; purchases and journal stay",
+        json=False,
+    )
     made = add(words, "buy", commands.buy, "buy a product: makes an invoice", epilog=_OUTCOMES)
     made.add_argument("product", metavar="PRODUCT", help="id of a product")
     made.add_argument("--app", metavar="ID", help="the app (default: the first that sells it)")
     made.add_argument("--user", metavar="UID", help="who buys (default: who is signed in)")
     made.add_argument("--country", metavar="XX", help="where (default: the device's country)")
-    made.add_argument("--custom-id", metavar="ID", help="the only customId that may then apply and "
-                      "confirm it (default: any)")
+    made.add_argument("--custom-id", metavar="ID", help="the only customId that may then apply and confirm it (default: any)")
     life.add_buy_options(made)
     life.add_all(words)
     made = add(words, "invoices", commands.invoices, "list the invoices, the newest first")
     made.add_argument("--user", metavar="UID", help="those of this user (default: all)")
-    made = add(words, "answer", commands.answer, "answer an endpoint with a body of your own; the store "
-                "still does its work", json=False)
-    made.add_argument("endpoint", choices=(*ENDPOINTS, *METHODS), metavar="ENDPOINT",
-                      help=f"{', '.join(ENDPOINTS)}, or the method's name")
-    made.add_argument("file", nargs="*", metavar="FILE", help="the body, any bytes; several are given one after the "
-                      "other, the last for ever")
+    made = add(
+        words,
+        "answer",
+        commands.answer,
+        "answer an endpoint with a body of your own; the store still does its work",
+        json=False,
+    )
+    made.add_argument(
+        "endpoint", choices=(*ENDPOINTS, *METHODS), metavar="ENDPOINT", help=f"{', '.join(ENDPOINTS)}, or the method's name"
+    )
+    made.add_argument(
+        "file", nargs="*", metavar="FILE", help="the body, any bytes; several are given one after the other, the last for ever"
+    )
     made.add_argument("--template", action="store_true", help="the bodies are templates (default: given as they are)")
     match_options(made, endpoint=False)
-    made.add_argument("--status", type=number(200, 599), metavar="N",
-                      help="HTTP status, 200 to 599 (default: 200)")
+    made.add_argument("--status", type=number(200, 599), metavar="N", help="HTTP status, 200 to 599 (default: 200)")
     made.add_argument("--type", metavar="TYPE", help="content type (default: application/json)")
     made.add_argument("--built-in", action="store_true", help="answer as the lab does again")
 
 
 def _device(words) -> None:
-    made = add(words, "device", commands.device, "show the device, or set one of its switches; it takes "
-                "effect at the next call", epilog="""\
+    made = add(
+        words,
+        "device",
+        commands.device,
+        "show the device, or set one of its switches; it takes effect at the next call",
+        epilog="""\
 Switches:
   signed-out               nobody is signed in
   signed-in UID            a user of the catalogue is
@@ -145,68 +194,96 @@ Switches:
   token valid|expired|none the device's access token
   service up|hanging|absent|restart
                            the service itself: hanging, it keeps its name and answers nothing until it is up; restart
-                           ends it as a crash does, with the calls under way, and starts it again""")
-    made.add_argument("switch", nargs="?", choices=device.SWITCHES, metavar="SWITCH",
-                      help=", ".join(device.SWITCHES))
+                           ends it as a crash does, with the calls under way, and starts it again""",
+    )
+    made.add_argument("switch", nargs="?", choices=device.SWITCHES, metavar="SWITCH", help=", ".join(device.SWITCHES))
     made.add_argument("value", nargs="?", default="", metavar="VALUE", help="see below")
 
 
 def _faults(words) -> None:
-    made = add(words, "fault", commands.fault, "make answers or connections go wrong", json=False,
-                epilog="The first fault that fits a request strikes; those behind it are as if it had not come. So faults "
-                "with --count 1 are a sequence, and `pass` in it lets an answer through. Each draws its random numbers from its "
-                "seed, so that a run repeats.")
+    made = add(
+        words,
+        "fault",
+        commands.fault,
+        "make answers or connections go wrong",
+        json=False,
+        epilog="The first fault that fits a request strikes; those behind it are as if it had not come. So faults "
+        "with --count 1 are a sequence, and `pass` in it lets an answer through. Each draws its random numbers from its "
+        "seed, so that a run repeats.",
+    )
     kinds = made.add_subparsers(dest="kind", metavar="KIND", required=True)
     for name, kind in KINDS.items():
         each = kinds.add_parser(name, help=kind.what, description=kind.what[0].upper() + kind.what[1:] + ".")
         _options_of(each, kind)
         _fault_options(each, kind)
     for name, kind in CONNECTION_FAULTS.items():
-        each = kinds.add_parser(name, help=f"of the whole lab: {kind.what}" if name != "none" else
-                                "ends a fault of the whole lab", description=_of_all(name, kind))
+        each = kinds.add_parser(
+            name,
+            help=f"of the whole lab: {kind.what}" if name != "none" else "ends a fault of the whole lab",
+            description=_of_all(name, kind),
+        )
         _options_of(each, kind)
-    kinds.add_parser("list", help="show the faults").add_argument("--json", action="store_true",
-                                                                  help="print JSON")
+    kinds.add_parser("list", help="show the faults").add_argument("--json", action="store_true", help="print JSON")
     each = kinds.add_parser("clear", help="end faults, and the hanging answers that they hold")
-    each.add_argument("number", nargs="?", type=number(1), metavar="NUMBER",
-                      help="the one to end (default: all, those of the connection too)")
+    each.add_argument(
+        "number", nargs="?", type=number(1), metavar="NUMBER", help="the one to end (default: all, those of the connection too)"
+    )
 
 
 def _of_all(name: str, kind: ConnectionKind) -> str:
     if name == "silent":
-        return ("Strikes every connection of the lab that is open at this moment: nothing that is sent on it "
-                "arrives or is acknowledged, and it does not end before `fault none` or five minutes. New "
-                "connections work.")
-    return (f"Strikes every connection of the lab: {kind.what}. What is connected is dropped, and no TLS "
-            "session of before is taken up again.")
+        return (
+            "Strikes every connection of the lab that is open at this moment: nothing that is sent on it "
+            "arrives or is acknowledged, and it does not end before `fault none` or five minutes. New "
+            "connections work."
+        )
+    return (
+        f"Strikes every connection of the lab: {kind.what}. What is connected is dropped, and no TLS "
+        "session of before is taken up again."
+    )
 
 
 def _options_of(made: argparse.ArgumentParser, kind: Kind | ConnectionKind) -> None:
     for option, known in kind.options.items():
-        made.add_argument(f"--{option}", type=number(known.least, known.most), metavar="N",
-                          help=f"{known.unit}, {known.least} to {known.most} (default: {known.default})")
+        made.add_argument(
+            f"--{option}",
+            type=number(known.least, known.most),
+            metavar="N",
+            help=f"{known.unit}, {known.least} to {known.most} (default: {known.default})",
+        )
 
 
 def _fault_options(made: argparse.ArgumentParser, kind: Kind) -> None:
     match_options(made)
-    made.add_argument("--skip", type=number(0, 1_000_000), metavar="N",
-                      help="how many requests that fit pass first, 0 to 1000000 (default: 0)")
-    made.add_argument("--count", type=number(1, 1_000_000), metavar="N",
-                      help="how often, 1 to 1000000 (default: without end)")
-    made.add_argument("--seconds", type=decimal(0.001, 86_400), metavar="S",
-                      help="how long from now, 0.001 to 86400 seconds (default: without end)")
-    made.add_argument("--chance", type=decimal(0, 1), metavar="P",
-                      help="how likely for each request, 0 to 1 (default: 1)")
-    made.add_argument("--seed", type=number(0, 2**63 - 1), metavar="N",
-                      help="of its random numbers, 0 or more (default: 1)")
+    made.add_argument(
+        "--skip",
+        type=number(0, 1_000_000),
+        metavar="N",
+        help="how many requests that fit pass first, 0 to 1000000 (default: 0)",
+    )
+    made.add_argument("--count", type=number(1, 1_000_000), metavar="N", help="how often, 1 to 1000000 (default: without end)")
+    made.add_argument(
+        "--seconds",
+        type=decimal(0.001, 86_400),
+        metavar="S",
+        help="how long from now, 0.001 to 86400 seconds (default: without end)",
+    )
+    made.add_argument("--chance", type=decimal(0, 1), metavar="P", help="how likely for each request, 0 to 1 (default: 1)")
+    made.add_argument("--seed", type=number(0, 2**63 - 1), metavar="N", help="of its random numbers, 0 or more (default: 1)")
     if kind.says_undone:
         return
     work = made.add_mutually_exclusive_group()
     now = ("default", "") if kind.done else ("", "default")
-    work.add_argument("--after-work", dest="done", action="store_const", const=True,
-                      help=f"the store does its work, then the answer goes wrong {_default(now[0])}")
-    work.add_argument("--no-work", dest="done", action="store_const", const=False,
-                      help=f"the store does nothing {_default(now[1])}")
+    work.add_argument(
+        "--after-work",
+        dest="done",
+        action="store_const",
+        const=True,
+        help=f"the store does its work, then the answer goes wrong {_default(now[0])}",
+    )
+    work.add_argument(
+        "--no-work", dest="done", action="store_const", const=False, help=f"the store does nothing {_default(now[1])}"
+    )
 
 
 def _default(text: str) -> str:
@@ -214,20 +291,39 @@ def _default(text: str) -> str:
 
 
 def _journal(words) -> None:
-    made = add(words, "journal", commands.show_journal, "show every request: when, what, with which "
-                "certificate and handshake, and its answer. Nothing is hidden: the values are the lab's own",
-                epilog="With --json, each entry is one line and whole: headers, bodies and certificate too.")
+    made = add(
+        words,
+        "journal",
+        commands.show_journal,
+        "show every request: when, what, with which "
+        "certificate and handshake, and its answer. Nothing is hidden: the values are the lab's own",
+        epilog="With --json, each entry is one line and whole: headers, bodies and certificate too.",
+    )
     made.add_argument("--follow", action="store_true", help="go on until Ctrl-C")
-    made.add_argument("--last", type=number(0), metavar="N", help="the last N entries, 0 or more "
-                      "(default: all; the newest 10000 are kept)")
-    made = add(words, "calls", commands.show_calls, "show every call on the lab's bus since the last reset, also one "
-               "that sent nothing: arguments, answer, its requests in the journal, the fault that struck it")
-    made.add_argument("--last", type=number(0), metavar="N", help="the last N calls, 0 or more (default: all; the newest "
-                      "2000 are kept)")
-    made = add(words, "check", commands.check, "say whether requests are exactly what the service sends on "
-                "this device", json=False, epilog="Exit status 1 when one is not.")
-    made.add_argument("--last", type=number(1), metavar="N",
-                      help="of the last N entries of the journal, 1 or more (default: all)")
+    made.add_argument(
+        "--last", type=number(0), metavar="N", help="the last N entries, 0 or more (default: all; the newest 10000 are kept)"
+    )
+    made = add(
+        words,
+        "calls",
+        commands.show_calls,
+        "show every call on the lab's bus since the last reset, also one "
+        "that sent nothing: arguments, answer, its requests in the journal, the fault that struck it",
+    )
+    made.add_argument(
+        "--last", type=number(0), metavar="N", help="the last N calls, 0 or more (default: all; the newest 2000 are kept)"
+    )
+    made = add(
+        words,
+        "check",
+        commands.check,
+        "say whether requests are exactly what the service sends on this device",
+        json=False,
+        epilog="Exit status 1 when one is not.",
+    )
+    made.add_argument(
+        "--last", type=number(1), metavar="N", help="of the last N entries of the journal, 1 or more (default: all)"
+    )
 
 
 def main(arguments: list[str]) -> int:

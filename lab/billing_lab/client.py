@@ -49,8 +49,7 @@ class Lab:
 
     def _call_by_lab(self, method: str, timeout: float, values: dict[str, str]) -> tuple[int, str]:
         """Where PyGObject is missing, as in a virtual environment, the lab's process calls."""
-        told = self.ask("POST", "/api/call", {"method": method, "arguments": values, "seconds": timeout},
-                        timeout + 10)
+        told = self.ask("POST", "/api/call", {"method": method, "arguments": values, "seconds": timeout}, timeout + 10)
         if "error" in told:
             raise LabError(f"no answer: {told['error']['cause']}")
         return told["resp_result"], told["resp_info"]
@@ -60,6 +59,7 @@ class Lab:
         arguments = arguments_of(method, values)
         if self._caller is None:
             from .bus import Caller
+
             self._caller = Caller(self.bus)
         return self._caller.start(method, *arguments, timeout=timeout)
 
@@ -79,14 +79,16 @@ class Lab:
     def _connect(self, method: str, path: str, body: object, timeout: float | None):
         connection = http.client.HTTPConnection(self._address, timeout=timeout)
         try:
-            connection.request(method, path, None if body is None else json.dumps(body), {
-                "Authorization": f"Bearer {self.info['control']['token']}",
-                "Content-Type": "application/json"})
+            connection.request(
+                method,
+                path,
+                None if body is None else json.dumps(body),
+                {"Authorization": f"Bearer {self.info['control']['token']}", "Content-Type": "application/json"},
+            )
             return connection, connection.getresponse()
         except OSError as error:
             connection.close()
-            raise LabError(f"the lab in {self.folder.path} does not answer ({error}); see "
-                           "`billing-lab status`") from None
+            raise LabError(f"the lab in {self.folder.path} does not answer ({error}); see `billing-lab status`") from None
 
     def ask(self, method: str, path: str, body: object = None, timeout: float = 60):
         """One request to the control interface."""
@@ -116,21 +118,42 @@ class Lab:
         """Ends all that is not as usual: faults, own answers, switches of the device. Purchases and journal stay."""
         self.ask("POST", "/api/usual", {})
 
-    def answer(self, endpoint: str, *bodies: bytes | None, status: int | None = None, type: str | None = None,
-               template: bool = False, **match: str) -> None:
+    def answer(
+        self,
+        endpoint: str,
+        *bodies: bytes | None,
+        status: int | None = None,
+        type: str | None = None,
+        template: bool = False,
+        **match: str,
+    ) -> None:
         """A body of one's own for an endpoint or method, or several, given one after the other; None for the
         built-in one again. @param template the bodies are templates
         @param match app, user, invoice, product, custom_id, header"""
         texts = [body.decode("latin-1") for body in bodies if body is not None]
-        self.ask("POST", "/api/answers", {"endpoint": endpoint, "bodies": texts, "status": status, "type": type,
-                                          "template": template, **match})
+        self.ask(
+            "POST",
+            "/api/answers",
+            {"endpoint": endpoint, "bodies": texts, "status": status, "type": type, "template": template, **match},
+        )
 
-    def buy(self, product: str, *, app: str | None = None, user: str | None = None,
-            country: str | None = None, custom_id: str | None = None, **life: object) -> dict:
+    def buy(
+        self,
+        product: str,
+        *,
+        app: str | None = None,
+        user: str | None = None,
+        country: str | None = None,
+        custom_id: str | None = None,
+        **life: object,
+    ) -> dict:
         """@param life pending=True; approve_after, decline_after, after, period, grace: spans such as "30d" or seconds
         @return the new invoice"""
-        return self.ask("POST", "/api/buy", {"product": product, "app": app, "user": user,
-                                             "country": country, "custom_id": custom_id, **life})
+        return self.ask(
+            "POST",
+            "/api/buy",
+            {"product": product, "app": app, "user": user, "country": country, "custom_id": custom_id, **life},
+        )
 
     def step(self, invoice: str, step: str, after: str | int | None = None) -> dict:
         """A step of life/purchase.py's STEPS, now or after a span of the lab's clock."""
@@ -180,6 +203,7 @@ class Lab:
         """Resets the lab and begins a scenario. @param wanted its file, or what would stand in it
         @return invoices by the names of the purchases, faults, expectations"""
         from .checks import scenario
+
         told = wanted if isinstance(wanted, dict) else scenario.read(pathlib.Path(wanted))
         return self.ask("POST", "/api/scenario", told)
 
@@ -209,8 +233,9 @@ class Lab:
         """Fails where verify() finds something bad."""
         told = self.verify(**wanted)
         if not told["ok"]:
-            raise AssertionError("\n".join(f"{check['name']}: {check['message']}"
-                                           for check in told["checks"] if not check["ok"]))
+            raise AssertionError(
+                "\n".join(f"{check['name']}: {check['message']}" for check in told["checks"] if not check["ok"])
+            )
 
     def report(self, form: str, **wanted) -> str:
         """The same as a text: "junit" or "page"."""
@@ -258,9 +283,14 @@ def start(folder: Folder, level: str = "info", lifeline: int | None = None) -> L
     paths = os.pathsep.join(filter(None, [package, os.environ.get("PYTHONPATH")]))
     with open(folder.logs / "lab.log", "wb") as log:
         process = subprocess.Popen(
-            [_interpreter(), "-m", "billing_lab.supervisor", str(folder.path), level,
-             *map(str, handed_on)], pass_fds=handed_on, stdin=subprocess.DEVNULL, stdout=log, stderr=log,
-            env={**os.environ, "PYTHONPATH": paths}, start_new_session=True)
+            [_interpreter(), "-m", "billing_lab.supervisor", str(folder.path), level, *map(str, handed_on)],
+            pass_fds=handed_on,
+            stdin=subprocess.DEVNULL,
+            stdout=log,
+            stderr=log,
+            env={**os.environ, "PYTHONPATH": paths},
+            start_new_session=True,
+        )
     os.close(tell)
     try:
         with os.fdopen(hear, encoding="utf-8") as report:

@@ -32,6 +32,7 @@ def _lab(options: argparse.Namespace) -> client.Lab:
 
 # Life
 
+
 def up(options: argparse.Namespace) -> int:
     folder = Folder.at(options.dir)
     if options.stay:
@@ -72,13 +73,16 @@ def _stay(folder: Folder, options: argparse.Namespace) -> int:
 
 
 def _show_addresses(lab: client.Lab) -> None:
-    print(f"The lab in {lab.folder.path} is up. Its bus:\n\n"
-          f"  export DBUS_SYSTEM_BUS_ADDRESS={lab.bus}\n\n"
-          f"  store     {lab.info['store']['production']}, {lab.info['store']['sandbox']}\n"
-          f"  device    {lab.folder.settings}\n"
-          f"  logs      {lab.folder.logs}\n"
-          f"  control   {lab.info['control']['address']}\n"
-          f"  dashboard {lab.info['control']['dashboard']}", flush=True)
+    print(
+        f"The lab in {lab.folder.path} is up. Its bus:\n\n"
+        f"  export DBUS_SYSTEM_BUS_ADDRESS={lab.bus}\n\n"
+        f"  store     {lab.info['store']['production']}, {lab.info['store']['sandbox']}\n"
+        f"  device    {lab.folder.settings}\n"
+        f"  logs      {lab.folder.logs}\n"
+        f"  control   {lab.info['control']['address']}\n"
+        f"  dashboard {lab.info['control']['dashboard']}",
+        flush=True,
+    )
 
 
 def down(options: argparse.Namespace) -> int:
@@ -93,16 +97,18 @@ def status(options: argparse.Namespace) -> int:
         _json(told)
         return 0
     device, goods = told["device"], told["catalogue"]
-    print(f"up          {told['folder']} (processes: lab {told['pid']}, bus {told['bus_pid']}, daemon "
-          f"{told['daemon_pid']})\n"
-          f"bus         {told['bus']}\n"
-          f"dashboard   {told['control']['dashboard']}\n"
-          f"store       {told['store']['production']}, {told['store']['sandbox']}\n"
-          f"catalogue   {goods['file']}: {goods['apps']} apps, {goods['products']} products, "
-          f"{goods['users']} users; {goods['invoices']} invoices now\n"
-          f"device      {_device_line(device)}\n"
-          f"connection  {_connection_line(told, ': ' + CONNECTION_FAULTS[told['connection']].what)}\n"
-          f"faults      {len([f for f in told['faults'] if not f['over']]) or 'none'}")
+    print(
+        f"up          {told['folder']} (processes: lab {told['pid']}, bus {told['bus_pid']}, daemon "
+        f"{told['daemon_pid']})\n"
+        f"bus         {told['bus']}\n"
+        f"dashboard   {told['control']['dashboard']}\n"
+        f"store       {told['store']['production']}, {told['store']['sandbox']}\n"
+        f"catalogue   {goods['file']}: {goods['apps']} apps, {goods['products']} products, "
+        f"{goods['users']} users; {goods['invoices']} invoices now\n"
+        f"device      {_device_line(device)}\n"
+        f"connection  {_connection_line(told, ': ' + CONNECTION_FAULTS[told['connection']].what)}\n"
+        f"faults      {len([f for f in told['faults'] if not f['over']]) or 'none'}"
+    )
     for fault in told["faults"]:
         print(f"            {_fault_line(fault)}")
     for endpoint, own in told["answers"].items():
@@ -132,18 +138,20 @@ def doctor(options: argparse.Namespace) -> int:
     if tool is None:
         raise LabError("billingctl is not built; build it with `ninja -C build client/billingctl`")
     folder = lab.folder
-    command = [*view.bubblewrap(folder.ca_view, folder.certificate_view), "--", str(tool), "doctor",
-               *options.further]
+    command = [*view.bubblewrap(folder.ca_view, folder.certificate_view), "--", str(tool), "doctor", *options.further]
     environment = {**os.environ, **tools.environment(folder, lab.bus, "error")}
     return subprocess.run(command, env=environment, check=False).returncode
 
 
 # The store
 
+
 def seed(options: argparse.Namespace) -> int:
     told = _lab(options).seed(options.file)
-    print(f"{told['apps']} apps, {told['products']} products, {told['countries']} countries, "
-          f"{told['users']} users, {told['invoices']} invoices")
+    print(
+        f"{told['apps']} apps, {told['products']} products, {told['countries']} countries, "
+        f"{told['users']} users, {told['invoices']} invoices"
+    )
     return 0
 
 
@@ -162,9 +170,14 @@ def usual(options: argparse.Namespace) -> int:
 
 
 def buy(options: argparse.Namespace) -> int:
-    made = _lab(options).buy(options.product, app=options.app, user=options.user,
-                             country=options.country, custom_id=options.custom_id,
-                             **_given(options, "pending", "approve_after", "decline_after", "after", "period", "grace"))
+    made = _lab(options).buy(
+        options.product,
+        app=options.app,
+        user=options.user,
+        country=options.country,
+        custom_id=options.custom_id,
+        **_given(options, "pending", "approve_after", "decline_after", "after", "period", "grace"),
+    )
     return show_invoice(made, options)
 
 
@@ -172,8 +185,10 @@ def show_invoice(invoice: dict, options: argparse.Namespace) -> int:
     if options.json:
         _json(invoice)
     else:
-        print(f"{invoice['id']}  {invoice['status']}  {invoice['product']} of {invoice['app']}  "
-              f"{invoice['user']}  {invoice['country']}")
+        print(
+            f"{invoice['id']}  {invoice['status']}  {invoice['product']} of {invoice['app']}  "
+            f"{invoice['user']}  {invoice['country']}"
+        )
     return 0
 
 
@@ -194,14 +209,21 @@ def answer(options: argparse.Namespace) -> int:
         raise LabError("name a file with the body, or --built-in")
     with named_errors():
         bodies = [pathlib.Path(file).read_bytes() for file in options.file]
-    _lab(options).answer(options.endpoint, *bodies, status=options.status, type=options.type, template=options.template,
-                         **_given(options, *WORDS[1:]))
+    _lab(options).answer(
+        options.endpoint,
+        *bodies,
+        status=options.status,
+        type=options.type,
+        template=options.template,
+        **_given(options, *WORDS[1:]),
+    )
     told = [f"{len(body)} bytes of {file}" for body, file in zip(bodies, options.file)]
     print(f"{options.endpoint}: " + (", then ".join(told) or "built-in"))
     return 0
 
 
 # Calls
+
 
 def call(options: argparse.Namespace) -> int:
     values = {}
@@ -229,6 +251,7 @@ def call(options: argparse.Namespace) -> int:
 
 # The device
 
+
 def device(options: argparse.Namespace) -> int:
     told = _lab(options).device(options.switch, options.value)
     if options.json:
@@ -240,12 +263,15 @@ def device(options: argparse.Namespace) -> int:
 
 def _device_line(told: dict) -> str:
     who = f"{told['signed_in']} ({told['guid']})" if told["signed_in"] else "nobody is signed in"
-    return (f"{who}, country {told['country'] or 'none'}, language {told['language'] or 'none'}, "
-            f"{told['server']} server, gateway {told['gateway']}, token {told['token']}"
-            + (f", service {told['service']}" if told["service"] != "up" else ""))
+    return (
+        f"{who}, country {told['country'] or 'none'}, language {told['language'] or 'none'}, "
+        f"{told['server']} server, gateway {told['gateway']}, token {told['token']}"
+        + (f", service {told['service']}" if told["service"] != "up" else "")
+    )
 
 
 # Faults
+
 
 def fault(options: argparse.Namespace) -> int:
     lab = _lab(options)
@@ -260,9 +286,16 @@ def fault(options: argparse.Namespace) -> int:
         lab.connection(options.kind, **_given(options, "ms"))
         print(f"{options.kind}: {CONNECTION_FAULTS[options.kind].what}")
     else:
-        print(_fault_line(lab.fault(options.kind, **_given(
-            options, "code", "ms", "spread", "mib", *WORDS, "skip", "count", "seconds", "chance", "seed",
-            "done"))))
+        print(
+            _fault_line(
+                lab.fault(
+                    options.kind,
+                    **_given(
+                        options, "code", "ms", "spread", "mib", *WORDS, "skip", "count", "seconds", "chance", "seed", "done"
+                    ),
+                )
+            )
+        )
     return 0
 
 
@@ -292,8 +325,11 @@ def _list_faults(lab: client.Lab, options: argparse.Namespace) -> int:
 
 
 def _fault_line(told: dict) -> str:
-    shown = [f"{name} {told[name]}" for name in (
-        "code", "ms", "spread", "mib", *WORDS, "skip", "left", "seconds_left", "seed") if told.get(name, 0) != 0]
+    shown = [
+        f"{name} {told[name]}"
+        for name in ("code", "ms", "spread", "mib", *WORDS, "skip", "left", "seconds_left", "seed")
+        if told.get(name, 0) != 0
+    ]
     if told["chance"] < 1:
         shown.append(f"chance {told['chance']}")
     shown.append("after the work" if told["done"] else "in place of the work")
@@ -305,6 +341,7 @@ def _fault_line(told: dict) -> str:
 
 
 # The journal
+
 
 def show_journal(options: argparse.Namespace) -> int:
     lab = _lab(options)

@@ -26,8 +26,7 @@ class Link:
     @param gone called with this link when the connection has ended
     """
 
-    def __init__(self, number: int, transport: asyncio.Transport, idle_seconds: float,
-                 gone: Callable[["Link"], None]):
+    def __init__(self, number: int, transport: asyncio.Transport, idle_seconds: float, gone: Callable[["Link"], None]):
         session = transport.get_extra_info("ssl_object")
         self.number = number
         self.transport = transport
@@ -123,8 +122,7 @@ class Link:
         raw = self.transport.get_extra_info("socket")
         # A kernel without such filters acknowledges what arrives; it is thrown away all the same.
         with contextlib.suppress(OSError):
-            raw.setsockopt(socket.SOL_SOCKET, _SO_ATTACH_FILTER,
-                           struct.pack("HL", 1, ctypes.addressof(_DROP_ALL)))
+            raw.setsockopt(socket.SOL_SOCKET, _SO_ATTACH_FILTER, struct.pack("HL", 1, ctypes.addressof(_DROP_ALL)))
 
     def drop(self) -> None:
         """Ends it, a silent one too: that one by a reset, since a FIN would wait for acknowledgements."""

@@ -37,8 +37,13 @@ class Connections:
     @param failed told why a handshake failed
     """
 
-    def __init__(self, listener: socket.socket, certificates: pathlib.Path,
-                 speak: Callable[[Link], asyncio.Protocol], failed: Callable[[str], None]):
+    def __init__(
+        self,
+        listener: socket.socket,
+        certificates: pathlib.Path,
+        speak: Callable[[Link], asyncio.Protocol],
+        failed: Callable[[str], None],
+    ):
         self.fault = "none"
         self.options: dict[str, int] = {}
         # Called when the store is back by itself.
@@ -86,8 +91,8 @@ class Connections:
             return
         try:
             await asyncio.get_running_loop().connect_accepted_socket(
-                lambda: _Opening(self), accepted, ssl=self._context,
-                ssl_handshake_timeout=HANDSHAKE_SECONDS)
+                lambda: _Opening(self), accepted, ssl=self._context, ssl_handshake_timeout=HANDSHAKE_SECONDS
+            )
         except (OSError, asyncio.TimeoutError) as error:
             self._failed(_reason(error))
 
@@ -107,9 +112,15 @@ class Connections:
         return self._speak(link)
 
     def describe(self) -> dict:
-        return {"connection": self.fault, "connection_options": self.options,
-                "connections": {"open": len(self._links), "silent": sum(link.silent for link in self._links),
-                                "listening": self._listening.is_set()}}
+        return {
+            "connection": self.fault,
+            "connection_options": self.options,
+            "connections": {
+                "open": len(self._links),
+                "silent": sum(link.silent for link in self._links),
+                "listening": self._listening.is_set(),
+            },
+        }
 
     def unusual(self) -> list[str]:
         """What is not as usual with all connections, each in a few words."""

@@ -28,31 +28,58 @@ from .store import Refusal
 
 Handler = Callable[[web.Request], Awaitable[web.StreamResponse]]
 
-_WRONG = (CatalogueError, DeviceError, FaultError, LabError, clock.LifeError, MatchError, Refusal,
-          scenario.ScenarioError, TemplateError)
+_WRONG = (
+    CatalogueError,
+    DeviceError,
+    FaultError,
+    LabError,
+    clock.LifeError,
+    MatchError,
+    Refusal,
+    scenario.ScenarioError,
+    TemplateError,
+)
 HEARTBEAT_SECONDS = 15
 
 
 def application(core: Core, token: str) -> web.Application:
     made = web.Application(middlewares=[_guard(token)], client_max_size=64 << 20)
     made["core"] = core
-    made.add_routes([
-        web.get("/api/status", _status), web.post("/api/stop", _stop),
-        web.post("/api/seed", _seed), web.post("/api/reset", _reset),
-        web.post("/api/usual", _usual), web.post("/api/scenario", _scenario),
-        web.get("/api/catalogue", _catalogue), web.post("/api/answers", _answers),
-        web.get("/api/invoices", _invoices), web.post("/api/buy", _buy),
-        web.post("/api/step", _step), web.post("/api/cancel", _one_step("cancel")),
-        web.post("/api/refund", _one_step("refund")), web.get("/api/clock", _clock), web.post("/api/clock", _advance),
-        web.get("/api/device", _device), web.post("/api/device", _switch),
-        web.get("/api/faults", _faults), web.post("/api/faults", _add_fault),
-        web.delete("/api/faults", _clear_faults), web.post("/api/connection", _connection),
-        web.post("/api/asked", _asked), web.get("/api/expectations", _expectations),
-        web.post("/api/expectations", _expect), web.delete("/api/expectations", _forget),
-        web.post("/api/verify", _verify),
-        web.get("/api/journal", _journal), web.get("/api/events", _events),
-        web.get("/api/openapi.json", _openapi),
-        web.get("/api/calls", _calls), *dashboard.routes()])
+    made.add_routes(
+        [
+            web.get("/api/status", _status),
+            web.post("/api/stop", _stop),
+            web.post("/api/seed", _seed),
+            web.post("/api/reset", _reset),
+            web.post("/api/usual", _usual),
+            web.post("/api/scenario", _scenario),
+            web.get("/api/catalogue", _catalogue),
+            web.post("/api/answers", _answers),
+            web.get("/api/invoices", _invoices),
+            web.post("/api/buy", _buy),
+            web.post("/api/step", _step),
+            web.post("/api/cancel", _one_step("cancel")),
+            web.post("/api/refund", _one_step("refund")),
+            web.get("/api/clock", _clock),
+            web.post("/api/clock", _advance),
+            web.get("/api/device", _device),
+            web.post("/api/device", _switch),
+            web.get("/api/faults", _faults),
+            web.post("/api/faults", _add_fault),
+            web.delete("/api/faults", _clear_faults),
+            web.post("/api/connection", _connection),
+            web.post("/api/asked", _asked),
+            web.get("/api/expectations", _expectations),
+            web.post("/api/expectations", _expect),
+            web.delete("/api/expectations", _forget),
+            web.post("/api/verify", _verify),
+            web.get("/api/journal", _journal),
+            web.get("/api/events", _events),
+            web.get("/api/openapi.json", _openapi),
+            web.get("/api/calls", _calls),
+            *dashboard.routes(),
+        ]
+    )
     return made
 
 
@@ -64,8 +91,7 @@ def _guard(token: str):
         host = request.headers.get("Host", "").rpartition(":")[0]
         if host not in ("127.0.0.1", "localhost") or dashboard.is_foreign(request):
             return _problem(403, "another site may not use the lab")
-        if not dashboard.is_public(request) and not hmac.compare_digest(
-                given.encode(errors="surrogateescape"), token.encode()):
+        if not dashboard.is_public(request) and not hmac.compare_digest(given.encode(errors="surrogateescape"), token.encode()):
             return _problem(401, "the lab's token is missing or wrong")
         try:
             answer = await handler(request)
@@ -81,6 +107,7 @@ def _guard(token: str):
         except Exception as wrong:
             logging.exception("%s %s failed", request.method, request.path)
             return _problem(500, f"the lab failed at {request.path}: {wrong!r}; more in `billing-lab logs lab`")
+
     return guard
 
 
@@ -144,6 +171,7 @@ async def _step(request: web.Request) -> web.Response:
 def _one_step(name: str) -> Handler:
     async def undo(request: web.Request) -> web.Response:
         return web.json_response(_core(request).step({**await request.json(), "step": name}))
+
     return undo
 
 
@@ -225,8 +253,9 @@ async def _verify(request: web.Request) -> web.Response:
 
 async def _journal(request: web.Request) -> web.Response:
     last = request.query.get("last")
-    return web.json_response(journal.entries(_core(request).db, int(request.query.get("after", 0)),
-                                             None if last is None else int(last)))
+    return web.json_response(
+        journal.entries(_core(request).db, int(request.query.get("after", 0)), None if last is None else int(last))
+    )
 
 
 async def _calls(request: web.Request) -> web.Response:
@@ -243,8 +272,7 @@ async def _events(request: web.Request) -> web.StreamResponse:
     each new one; as "begun" one whose answer a fault spoils; as "state" what GET /api/status answers."""
     core = _core(request)
     after = request.query.get("after") or request.headers.get("Last-Event-ID")
-    response = web.StreamResponse(headers={"Content-Type": "text/event-stream",
-                                           "Cache-Control": "no-store"})
+    response = web.StreamResponse(headers={"Content-Type": "text/event-stream", "Cache-Control": "no-store"})
     queue = core.followers.add()
     try:
         told = journal.entries(core.db, int(after)) if after else []

@@ -61,9 +61,18 @@ class Core:
     def status(self) -> dict:
         now = asyncio.get_running_loop().time()
         told = [{**fault.describe(now), "over": fault.is_over(now)} for fault in self.simulator.faults]
-        return {**self.info, "device": self.device(), "catalogue": self.summary(), "faults": told,
-                "answers": answers.describe(self.db), "unusual": self.unusual(),
-                "clock": clock.describe(self.db), "ahead": state.events(self.db), "journal": journal.span(self.db), **self.simulator.connections.describe()}
+        return {
+            **self.info,
+            "device": self.device(),
+            "catalogue": self.summary(),
+            "faults": told,
+            "answers": answers.describe(self.db),
+            "unusual": self.unusual(),
+            "clock": clock.describe(self.db),
+            "ahead": state.events(self.db),
+            "journal": journal.span(self.db),
+            **self.simulator.connections.describe(),
+        }
 
     # The device
 
@@ -122,15 +131,27 @@ class Core:
         """All that is not as the catalogue and a new device have it, each in a few words."""
         usual = {**device.describe(self._usual_settings(), state.fact(self.db, "token")), "service": "up"}
         now = asyncio.get_running_loop().time()
-        told = [f"device: {name.replace('_', ' ')} {value or 'none'}, usually {usual[name] or 'none'}"
-                for name, value in self.device().items() if value != usual[name] and name != "guid"]
+        told = [
+            f"device: {name.replace('_', ' ')} {value or 'none'}, usually {usual[name] or 'none'}"
+            for name, value in self.device().items()
+            if value != usual[name] and name != "guid"
+        ]
         own = state.fact(self.db, "catalogue").get("answers", {})
-        told += [f"own answer at {endpoint}" for endpoint, answer in state.fact(self.db, "answers", {}).items()
-                 if own.get(endpoint) != {key: part for key, part in answer.items() if key != "given"}]
-        told += [f"answer built in at {endpoint}, not the catalogue's" for endpoint in own
-                 if endpoint not in state.fact(self.db, "answers", {})]
-        told += [f"fault {fault.kind} at {fault.match.endpoint or 'every endpoint'}"
-                 for fault in self.simulator.faults if not fault.is_over(now)]
+        told += [
+            f"own answer at {endpoint}"
+            for endpoint, answer in state.fact(self.db, "answers", {}).items()
+            if own.get(endpoint) != {key: part for key, part in answer.items() if key != "given"}
+        ]
+        told += [
+            f"answer built in at {endpoint}, not the catalogue's"
+            for endpoint in own
+            if endpoint not in state.fact(self.db, "answers", {})
+        ]
+        told += [
+            f"fault {fault.kind} at {fault.match.endpoint or 'every endpoint'}"
+            for fault in self.simulator.faults
+            if not fault.is_over(now)
+        ]
         ahead = state.fact(self.db, "clock_ahead", 0)
         told += [f"clock: {ahead} seconds ahead"] if ahead else []
         return told + self.simulator.connections.unusual()
@@ -146,10 +167,13 @@ class Core:
 
     def summary(self) -> dict:
         read = state.fact(self.db, "catalogue")
-        return {"file": state.fact(self.db, "seed"), "number": self._seeds,
-                "products": sum(len(app["products"]) for app in read["apps"]),
-                **{name: len(read[name]) for name in ("apps", "countries", "users")},
-                "invoices": state.count_invoices(self.db)}
+        return {
+            "file": state.fact(self.db, "seed"),
+            "number": self._seeds,
+            "products": sum(len(app["products"]) for app in read["apps"]),
+            **{name: len(read[name]) for name in ("apps", "countries", "users")},
+            "invoices": state.count_invoices(self.db),
+        }
 
     def reset(self) -> None:
         """As it was after the last seed: no purchase, fault or entry since, the device as it was made."""
@@ -183,10 +207,14 @@ class Core:
         sellers = [app["id"] for app in apps if product in [p["id"] for p in app["products"]]]
         first = (sellers or [app["id"] for app in apps] or [""])[0]
         return purchases.buy(
-            self.db, product=product, app=wanted.get("app") or first,
+            self.db,
+            product=product,
+            app=wanted.get("app") or first,
             user=wanted.get("user") or now["signed_in"] or "",
-            country=wanted.get("country") or now["country"] or "", custom_id=wanted.get("custom_id"),
-            life={key: wanted[key] for key in LIFE_WORDS if wanted.get(key) is not None})
+            country=wanted.get("country") or now["country"] or "",
+            custom_id=wanted.get("custom_id"),
+            life={key: wanted[key] for key in LIFE_WORDS if wanted.get(key) is not None},
+        )
 
     def set_answer(self, wanted: dict) -> None:
         """A body of one's own for an endpoint; without a body the built-in one again."""
@@ -206,8 +234,10 @@ class Core:
 
 def prepare_device(folder: Folder, port: int) -> str:
     """Points the device at the store. @return the token that the store takes from it"""
-    for source, shown in ((folder.device / "ca.pem", folder.ca_view),
-                          (folder.device / "bgclient.crt", folder.certificate_view)):
+    for source, shown in (
+        (folder.device / "ca.pem", folder.ca_view),
+        (folder.device / "bgclient.crt", folder.certificate_view),
+    ):
         shutil.copy(source, shown)
     initial = folder.settings.with_name("device.initial")
     if not initial.exists():
@@ -216,7 +246,6 @@ def prepare_device(folder: Folder, port: int) -> str:
         made["system"][device.SERVER[1]] = device.SERVERS["production"]
         device.write(initial, made)
         device.write(folder.settings, made)
-    hosts = {("deployment", f"{name}_host"): f"{name}.localhost:{port}"
-             for name in ("production", "sandbox")}
+    hosts = {("deployment", f"{name}_host"): f"{name}.localhost:{port}" for name in ("production", "sandbox")}
     device.change(folder.settings, hosts)
     return device.value(device.read(initial), device.TOKEN)

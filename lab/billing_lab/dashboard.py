@@ -20,17 +20,25 @@ CALL_SECONDS = 100
 # Nothing comes from elsewhere, and nobody frames the page.
 HEADERS = {
     "Content-Security-Policy": "default-src 'none'; script-src 'self'; style-src 'self' 'unsafe-inline'; "
-                               "connect-src 'self'; img-src data:; base-uri 'none'; form-action 'none'; "
-                               "frame-ancestors 'none'",
-    "X-Content-Type-Options": "nosniff", "Referrer-Policy": "no-referrer", "Cache-Control": "no-cache",
-    "Cross-Origin-Resource-Policy": "same-origin"}
+    "connect-src 'self'; img-src data:; base-uri 'none'; form-action 'none'; "
+    "frame-ancestors 'none'",
+    "X-Content-Type-Options": "nosniff",
+    "Referrer-Policy": "no-referrer",
+    "Cache-Control": "no-cache",
+    "Cross-Origin-Resource-Policy": "same-origin",
+}
 TYPES = {".html": "text/html", ".js": "text/javascript", ".css": "text/css"}
 
 
 def routes() -> list[web.RouteDef]:
-    return [web.get("/", _index), web.get("/page/{name:[A-Za-z.-]+}", _file),
-            web.get("/page/vendor/{vendor:[A-Za-z.-]+}", _file), web.get("/api/meta", _meta),
-            web.post("/api/call", _call), web.post("/api/catalogue", _seed)]
+    return [
+        web.get("/", _index),
+        web.get("/page/{name:[A-Za-z.-]+}", _file),
+        web.get("/page/vendor/{vendor:[A-Za-z.-]+}", _file),
+        web.get("/api/meta", _meta),
+        web.post("/api/call", _call),
+        web.post("/api/catalogue", _seed),
+    ]
 
 
 def is_public(request: web.Request) -> bool:
@@ -42,8 +50,7 @@ def is_foreign(request: web.Request) -> bool:
     """Does another site ask, in its user's browser?"""
     origin = request.headers.get("Origin")
     site = request.headers.get("Sec-Fetch-Site", "none")
-    return site not in ("none", "same-origin") or (
-        origin is not None and origin != f"http://{request.headers.get('Host', '')}")
+    return site not in ("none", "same-origin") or (origin is not None and origin != f"http://{request.headers.get('Host', '')}")
 
 
 async def _index(_request: web.Request) -> web.StreamResponse:
@@ -58,19 +65,27 @@ async def _file(request: web.Request) -> web.StreamResponse:
 def _sent(file: pathlib.Path) -> web.StreamResponse:
     if not file.is_file() or file.suffix not in TYPES:
         raise web.HTTPNotFound
-    return web.Response(body=file.read_bytes(), content_type=TYPES[file.suffix], charset="utf-8",
-                        headers=HEADERS)
+    return web.Response(body=file.read_bytes(), content_type=TYPES[file.suffix], charset="utf-8", headers=HEADERS)
 
 
 async def _meta(_request: web.Request) -> web.Response:
-    answers, connections = ({name: {"what": kind.what, "options": {option: vars(bounds)
-                                                                   for option, bounds in kind.options.items()}}
-                             for name, kind in kinds.items()}
-                            for kinds in (faults.KINDS, faults.CONNECTION_FAULTS))
-    return web.json_response({
-        "methods": {name: list(arguments) for name, arguments in METHODS.items()}, "endpoints": ENDPOINTS,
-        "endpoint_of": ENDPOINT_OF,
-        "faults": answers, "connection_faults": connections, "servers": list(device.SERVERS)})
+    answers, connections = (
+        {
+            name: {"what": kind.what, "options": {option: vars(bounds) for option, bounds in kind.options.items()}}
+            for name, kind in kinds.items()
+        }
+        for kinds in (faults.KINDS, faults.CONNECTION_FAULTS)
+    )
+    return web.json_response(
+        {
+            "methods": {name: list(arguments) for name, arguments in METHODS.items()},
+            "endpoints": ENDPOINTS,
+            "endpoint_of": ENDPOINT_OF,
+            "faults": answers,
+            "connection_faults": connections,
+            "servers": list(device.SERVERS),
+        }
+    )
 
 
 async def _seed(request: web.Request) -> web.Response:
@@ -101,9 +116,18 @@ async def _call(request: web.Request) -> web.Response:
     core: Core = request.app["core"]
     options = [f"{_option(name)}={text}" for name, text in zip(METHODS[method], texts)]
     process = await asyncio.create_subprocess_exec(
-        str(program), "--bus", core.info["bus"], "--json", "--timeout", str(max(1, round(wanted.get("seconds", CALL_SECONDS)))),
-        method, *options, stdin=asyncio.subprocess.DEVNULL, stdout=asyncio.subprocess.PIPE,
-        stderr=asyncio.subprocess.PIPE)
+        str(program),
+        "--bus",
+        core.info["bus"],
+        "--json",
+        "--timeout",
+        str(max(1, round(wanted.get("seconds", CALL_SECONDS)))),
+        method,
+        *options,
+        stdin=asyncio.subprocess.DEVNULL,
+        stdout=asyncio.subprocess.PIPE,
+        stderr=asyncio.subprocess.PIPE,
+    )
     told, said = await process.communicate()
     if not told:
         raise ValueError(said.decode(errors="replace").strip())
@@ -112,5 +136,6 @@ async def _call(request: web.Request) -> web.Response:
 
 def _option(argument: str) -> str:
     """The name of a method's argument as an option of billingctl: ItemType is --item-type."""
-    return "--" + "".join(f"-{letter.lower()}" if letter.isupper() and at else letter.lower()
-                          for at, letter in enumerate(argument))
+    return "--" + "".join(
+        f"-{letter.lower()}" if letter.isupper() and at else letter.lower() for at, letter in enumerate(argument)
+    )

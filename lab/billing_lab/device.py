@@ -32,8 +32,7 @@ class DeviceError(ValueError):
 
 
 def read(file: pathlib.Path) -> Settings:
-    parser = configparser.ConfigParser(delimiters="=", interpolation=None, strict=False,
-                                       comment_prefixes="#")
+    parser = configparser.ConfigParser(delimiters="=", interpolation=None, strict=False, comment_prefixes="#")
     parser.optionxform = str
     try:
         parser.read(file, encoding="utf-8")
@@ -73,21 +72,31 @@ def facts(settings: Settings, certificate: str) -> dict:
     """What a request of this device must say, as check.differences wants it."""
     sandbox = value(settings, SERVER) in ("", "1", "2")
     host = "sandbox_host" if sandbox else "production_host"
-    return {"host": value(settings, ("deployment", host)), "token": value(settings, TOKEN),
-            "duid": value(settings, DUID), "guid": value(settings, GUID), "uid": value(settings, UID),
-            "country": value(settings, COUNTRY), "locale": value(settings, LANGUAGE),
-            "certificate": certificate}
+    return {
+        "host": value(settings, ("deployment", host)),
+        "token": value(settings, TOKEN),
+        "duid": value(settings, DUID),
+        "guid": value(settings, GUID),
+        "uid": value(settings, UID),
+        "country": value(settings, COUNTRY),
+        "locale": value(settings, LANGUAGE),
+        "certificate": certificate,
+    }
 
 
 def describe(settings: Settings, valid_token: str) -> dict:
     """What people are told about it."""
     token = value(settings, TOKEN)
     kinds = {valid_token: "valid", "": "none"}
-    return {"signed_in": value(settings, UID) or None, "guid": value(settings, GUID) or None,
-            "country": value(settings, COUNTRY) or None, "language": value(settings, LANGUAGE) or None,
-            "server": "sandbox" if value(settings, SERVER) in ("", "1", "2") else "production",
-            "gateway": value(settings, GATEWAY) or "auto",
-            "token": "expired" if token.startswith(EXPIRED_TOKEN) else kinds.get(token, "unknown")}
+    return {
+        "signed_in": value(settings, UID) or None,
+        "guid": value(settings, GUID) or None,
+        "country": value(settings, COUNTRY) or None,
+        "language": value(settings, LANGUAGE) or None,
+        "server": "sandbox" if value(settings, SERVER) in ("", "1", "2") else "production",
+        "gateway": value(settings, GATEWAY) or "auto",
+        "token": "expired" if token.startswith(EXPIRED_TOKEN) else kinds.get(token, "unknown"),
+    }
 
 
 def switched(name: str, wanted: str, users: list[dict], valid_token: str) -> dict:
@@ -98,8 +107,7 @@ def switched(name: str, wanted: str, users: list[dict], valid_token: str) -> dic
     if name not in SWITCHES:
         raise DeviceError(f"{name!r} is no switch of the device; known are {', '.join(SWITCHES)}")
     if name == "service":
-        raise DeviceError("the service's own state is set by `billing-lab device service`, and in no catalogue and no "
-                          "scenario")
+        raise DeviceError("the service's own state is set by `billing-lab device service`, and in no catalogue and no scenario")
     if name == "token":
         tokens = {"valid": valid_token, "expired": EXPIRED_TOKEN + valid_token, "none": None}
         return {TOKEN: _one_of(name, wanted, tokens)}
@@ -135,8 +143,7 @@ def _country(wanted: str) -> dict:
 
 def _language(wanted: str) -> dict:
     if wanted != "none" and not re.fullmatch(r"[a-z]{2,3}(_[A-Z]{2}\.utf8)?", wanted):
-        raise DeviceError(f"language {wanted!r} is no locale; write one such as de_DE.utf8 or de, or "
-                          "none")
+        raise DeviceError(f"language {wanted!r} is no locale; write one such as de_DE.utf8 or de, or none")
     return {LANGUAGE: None if wanted == "none" else _LOCALES.get(wanted, wanted)}
 
 
@@ -150,8 +157,7 @@ def _gateway(wanted: str) -> dict:
     return {GATEWAY: wanted}
 
 
-_SIMPLE = {"signed-out": _signed_out, "country": _country, "language": _language, "server": _server,
-           "gateway": _gateway}
+_SIMPLE = {"signed-out": _signed_out, "country": _country, "language": _language, "server": _server, "gateway": _gateway}
 # The daemon itself: there, not answering, not on the bus. Not of the settings.
 SERVICE_STATES = ("up", "hanging", "absent")
 SWITCHES = (*_SIMPLE, "signed-in", "token", "service")

@@ -37,24 +37,36 @@ class Kind:
 
 
 KINDS = {
-    "status": Kind("an HTTP status with an error body",
-                   {"code": Option(500, 200, 599, "HTTP status")}, False),
+    "status": Kind("an HTTP status with an error body", {"code": Option(500, 200, 599, "HTTP status")}, False),
     "malformed": Kind("the body is JSON that breaks off, in an answer that is whole", {}, True),
     "invalid-utf8": Kind("the body holds bytes that are no UTF-8", {}, True),
-    "delay": Kind("the answer comes late", {"ms": Option(1000, 1, 600_000, "milliseconds"), "spread": Option(
-        0, 0, 600_000, "milliseconds at most that are drawn and added")}, True),
-    "drip": Kind("the body comes byte by byte, with a pause after each",
-                 {"ms": Option(20, 1, 60_000, "milliseconds")}, True),
+    "delay": Kind(
+        "the answer comes late",
+        {
+            "ms": Option(1000, 1, 600_000, "milliseconds"),
+            "spread": Option(0, 0, 600_000, "milliseconds at most that are drawn and added"),
+        },
+        True,
+    ),
+    "drip": Kind("the body comes byte by byte, with a pause after each", {"ms": Option(20, 1, 60_000, "milliseconds")}, True),
     "truncate": Kind("the connection ends in the middle of the body", {}, True),
     "reset": Kind("the connection is reset before an answer", {}, False),
     "hang": Kind("no answer; the connection ends when the fault does", {}, False),
     "lost": Kind("no answer; the connection goes silent and does not end", {}, False),
-    "goaway": Kind("the server ends the connection without taking the request up: HTTP/2 says so by "
-                   "GOAWAY, HTTP/1.1 just closes", {}, False, says_undone=True),
-    "refuse-stream": Kind("HTTP/2 refuses the stream, untouched; requests over HTTP/1.1 pass it by", {},
-                          False, says_undone=True, protocol="HTTP/2"),
-    "huge": Kind("the body is this long and means nothing",
-                 {"mib": Option(40, 1, 4096, "MiB")}, True),
+    "goaway": Kind(
+        "the server ends the connection without taking the request up: HTTP/2 says so by GOAWAY, HTTP/1.1 just closes",
+        {},
+        False,
+        says_undone=True,
+    ),
+    "refuse-stream": Kind(
+        "HTTP/2 refuses the stream, untouched; requests over HTTP/1.1 pass it by",
+        {},
+        False,
+        says_undone=True,
+        protocol="HTTP/2",
+    ),
+    "huge": Kind("the body is this long and means nothing", {"mib": Option(40, 1, 4096, "MiB")}, True),
     "pass": Kind("nothing: the answer is as it should be, and no later fault strikes it", {}, True),
 }
 
@@ -75,12 +87,16 @@ CONNECTION_FAULTS = {
     "expired": ConnectionKind("the server's certificate has expired"),
     "wrong-host": ConnectionKind("the server's certificate is for another host"),
     "untrusted": ConnectionKind("the server's certificate is of an authority that the device does not know"),
-    "idle-close": ConnectionKind("a connection is closed after this time without a request, not after five seconds",
-                                 {"ms": Option(1000, 0, 3_600_000, "milliseconds")}),
-    "silent": ConnectionKind("the connections of this moment go silent and do not end; new ones work",
-                             once=True),
-    "restart": ConnectionKind("the store ends with all its connections, and comes back on its port",
-                              {"ms": Option(500, 0, 60_000, "milliseconds")}, once=True),
+    "idle-close": ConnectionKind(
+        "a connection is closed after this time without a request, not after five seconds",
+        {"ms": Option(1000, 0, 3_600_000, "milliseconds")},
+    ),
+    "silent": ConnectionKind("the connections of this moment go silent and do not end; new ones work", once=True),
+    "restart": ConnectionKind(
+        "the store ends with all its connections, and comes back on its port",
+        {"ms": Option(500, 0, 60_000, "milliseconds")},
+        once=True,
+    ),
 }
 
 
@@ -129,11 +145,20 @@ class Fault:
 
     def describe(self, now: float) -> dict:
         """What people and programs are told about it."""
-        told = {"number": self.number, "kind": self.kind, **self.options, **self.match.describe(),
-                "skip": self.skip or None, "left": self.left,
-                "seconds_left": None if self.until is None else round(max(0.0, self.until - now), 1),
-                "chance": self.chance, "seed": self.seed, "done": self.done, "hits": self.hits,
-                "struck": self.struck}
+        told = {
+            "number": self.number,
+            "kind": self.kind,
+            **self.options,
+            **self.match.describe(),
+            "skip": self.skip or None,
+            "left": self.left,
+            "seconds_left": None if self.until is None else round(max(0.0, self.until - now), 1),
+            "chance": self.chance,
+            "seed": self.seed,
+            "done": self.done,
+            "hits": self.hits,
+            "struck": self.struck,
+        }
         return {key: value for key, value in told.items() if value is not None}
 
 
@@ -157,25 +182,32 @@ def make(wanted: dict, number: int, now: float) -> Fault:
     seed = int(_number(wanted, "seed", 0, 2**63 - 1, 1))
     done = wanted.get("done")
     return Fault(
-        kind=wanted["kind"], options=options, match=match,
-        skip=int(_number(wanted, "skip", 0, 1_000_000, 0)), left=None if count is None else int(count),
+        kind=wanted["kind"],
+        options=options,
+        match=match,
+        skip=int(_number(wanted, "skip", 0, 1_000_000, 0)),
+        left=None if count is None else int(count),
         until=None if seconds is None else now + seconds,
-        chance=_number(wanted, "chance", 0, 1, 1.0), seed=seed,
-        done=kind.done if done is None else bool(done), number=number,
-        draw=random.Random(f"{seed}:{wanted['kind']}"))
+        chance=_number(wanted, "chance", 0, 1, 1.0),
+        seed=seed,
+        done=kind.done if done is None else bool(done),
+        number=number,
+        draw=random.Random(f"{seed}:{wanted['kind']}"),
+    )
 
 
 def _check_target(wanted: dict, kind: Kind, match: Match) -> None:
     """Refuses a fault that could not strike, or would lie."""
     payments = match.endpoint in PAYMENTS or match.invoice or match.product or match.custom_id
     if kind.protocol == "HTTP/2" and payments:
-        raise FaultError(f"{wanted['kind']} cannot strike at {match.endpoint or 'payments'}: the service sends "
-                         "payments over HTTP/1.1 alone")
+        raise FaultError(
+            f"{wanted['kind']} cannot strike at {match.endpoint or 'payments'}: the service sends "
+            "payments over HTTP/1.1 alone"
+        )
     if wanted.get("chance") == 0:
         raise FaultError("chance is 0; such a fault would never strike")
     if kind.says_undone and wanted.get("done"):
-        raise FaultError(f"{wanted['kind']} tells the client that nothing was done; it cannot strike after "
-                         "the work")
+        raise FaultError(f"{wanted['kind']} tells the client that nothing was done; it cannot strike after the work")
 
 
 def read_connection(wanted: dict) -> tuple[str, dict[str, int]]:
@@ -194,8 +226,7 @@ def read_connection(wanted: dict) -> tuple[str, dict[str, int]]:
 
 
 def _read_options(wanted: dict, options: dict[str, Option]) -> dict[str, int]:
-    return {name: int(_number(wanted, name, option.least, option.most, option.default))
-            for name, option in options.items()}
+    return {name: int(_number(wanted, name, option.least, option.most, option.default)) for name, option in options.items()}
 
 
 def _number(wanted: dict, name: str, least: float, most: float, default: float | None):
@@ -237,8 +268,10 @@ def check_product(product: str) -> None:
     if (where, forced) == ("buy", "declined"):
         return
     if where not in PAYMENTS:
-        raise FaultError(f"{product!r} forces nothing; write {RESERVED}buy.declined, or {RESERVED}apply. or "
-                         f"{RESERVED}confirm. and a fault, such as {RESERVED}confirm.status.503")
+        raise FaultError(
+            f"{product!r} forces nothing; write {RESERVED}buy.declined, or {RESERVED}apply. or "
+            f"{RESERVED}confirm. and a fault, such as {RESERVED}confirm.status.503"
+        )
     _forced(where, forced)
 
 

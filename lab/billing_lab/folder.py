@@ -81,28 +81,30 @@ class Folder:
         if status.st_uid != os.geteuid():
             raise LabError(f"{self.path} is another user's; name a folder of your own with --dir")
         if stat.S_IMODE(status.st_mode) & 0o077:
-            raise LabError(f"{self.path} is open to others; `chmod 700 {self.path}` if you trust what is in it, or "
-                           "name another folder with --dir")
+            raise LabError(
+                f"{self.path} is open to others; `chmod 700 {self.path}` if you trust what is in it, or "
+                "name another folder with --dir"
+            )
 
     def make(self) -> None:
         # A bus address may be 107 bytes long at most.
         if len(os.fsencode(self.path / "bus")) > 100:
-            raise LabError(f"the path {self.path} is too long for a socket; choose a folder with a "
-                           "path of 90 bytes at most with --dir")
+            raise LabError(
+                f"the path {self.path} is too long for a socket; choose a folder with a path of 90 bytes at most with --dir"
+            )
         if "=" in str(self.path):
-            raise LabError(f"the path {self.path} has a \"=\", which the token's settings cannot hold; "
-                           "choose another folder with --dir")
+            raise LabError(
+                f'the path {self.path} has a "=", which the token\'s settings cannot hold; ' "choose another folder with --dir"
+            )
         try:
             self.path.mkdir(mode=0o700, parents=True, exist_ok=True)
             self.check_owner()
             if not (self.path / "lock").exists() and {file.name for file in self.path.iterdir()} - _MADE:
-                raise LabError(f"{self.path} has other things in it; name an empty folder, or a new "
-                               "one, with --dir")
+                raise LabError(f"{self.path} has other things in it; name an empty folder, or a new one, with --dir")
             for made in (self.logs, self.path / "run", self.ca_view, self.certificate_view):
                 made.mkdir(mode=0o700, parents=True, exist_ok=True)
         except OSError as error:
-            raise LabError(f"{error.filename}: {error.strerror}; choose another folder with "
-                           "--dir") from None
+            raise LabError(f"{error.filename}: {error.strerror}; choose another folder with --dir") from None
 
     def lock(self) -> int | None:
         """Takes the folder for as long as this process lives. @return None when another has it"""
@@ -122,8 +124,7 @@ class Folder:
             self.check_owner()
             taken = self.lock()
         except PermissionError:
-            raise LabError(f"the lab in {self.path} is somebody else's; name a folder of your own "
-                           "with --dir") from None
+            raise LabError(f"the lab in {self.path} is somebody else's; name a folder of your own with --dir") from None
         if taken is None:
             return True
         os.close(taken)

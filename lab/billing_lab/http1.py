@@ -15,11 +15,15 @@ _NEVER = 1 << 30
 class Http1(web.RequestHandler):
     """aiohttp's protocol, with what it does not keep: the bytes as they came."""
 
-    def __init__(self, link: Link, manager: web.Server,
-                 refused: Callable[[Link, bytes, BaseException | None], None]):
-        super().__init__(manager, loop=asyncio.get_running_loop(), access_log=None,
-                         keepalive_timeout=_NEVER, max_line_size=LARGEST_REQUEST,
-                         max_field_size=LARGEST_REQUEST)
+    def __init__(self, link: Link, manager: web.Server, refused: Callable[[Link, bytes, BaseException | None], None]):
+        super().__init__(
+            manager,
+            loop=asyncio.get_running_loop(),
+            access_log=None,
+            keepalive_timeout=_NEVER,
+            max_line_size=LARGEST_REQUEST,
+            max_field_size=LARGEST_REQUEST,
+        )
         self.link = link
         self._refused = refused
         self._received = b""
@@ -35,8 +39,9 @@ class Http1(web.RequestHandler):
         self.link.lost()
         super().connection_lost(exc)
 
-    def handle_error(self, request: web.BaseRequest, status: int = 500,
-                     exc: BaseException | None = None, message: str | None = None):
+    def handle_error(
+        self, request: web.BaseRequest, status: int = 500, exc: BaseException | None = None, message: str | None = None
+    ):
         """What is no request at all stands in the journal too."""
         self._refused(self.link, self.take_received(), exc)
         return super().handle_error(request, status, exc, message)
@@ -52,8 +57,7 @@ class _Exchange(Exchange):
 
     def __init__(self, request: web.BaseRequest, raw: bytes, body: bytes):
         headers = [[name.decode("latin-1"), value.decode("latin-1")] for name, value in request.raw_headers]
-        super().__init__(request.protocol.link, request.method, request.headers.get("Host", ""),
-                         request.raw_path, headers)
+        super().__init__(request.protocol.link, request.method, request.headers.get("Host", ""), request.raw_path, headers)
         self.sent = check.Sent.of_http1(raw)
         self.body = body
         # What aiohttp takes for the answer when no head was sent.
@@ -85,6 +89,7 @@ class _Exchange(Exchange):
 
 def manager_of(handle: Callable[[Exchange], Awaitable[None]]) -> web.Server:
     """aiohttp's part that is the same for all connections."""
+
     async def answered(request: web.BaseRequest) -> web.StreamResponse:
         link = request.protocol.link
         with link.busy():
@@ -97,6 +102,8 @@ def manager_of(handle: Callable[[Exchange], Awaitable[None]]) -> web.Server:
         return exchange.response
 
     def large_request(message, payload, protocol, writer, task) -> web.BaseRequest:
-        return web.BaseRequest(message, payload, protocol, writer, task, asyncio.get_running_loop(),
-                               client_max_size=LARGEST_REQUEST)
+        return web.BaseRequest(
+            message, payload, protocol, writer, task, asyncio.get_running_loop(), client_max_size=LARGEST_REQUEST
+        )
+
     return web.Server(answered, request_factory=large_request)

@@ -27,8 +27,9 @@ class Stream(Exchange):
     def __init__(self, connection: "Http2", number: int, headers: list[tuple[bytes, bytes]]):
         texts = [[name.decode("latin-1"), value.decode("latin-1")] for name, value in headers]
         pseudo = dict(texts)
-        super().__init__(connection.link, pseudo.get(":method", ""), pseudo.get(":authority", ""),
-                         pseudo.get(":path", ""), texts)
+        super().__init__(
+            connection.link, pseudo.get(":method", ""), pseudo.get(":authority", ""), pseudo.get(":path", ""), texts
+        )
         self.sent = check.Sent.of_http2(headers)
         self.number = number
         self.received = bytearray()
@@ -39,8 +40,9 @@ class Stream(Exchange):
 
     async def head(self, status: int, type: str, length: int) -> None:
         self.check_way()
-        self._connection.send_headers(self.number, [
-            (":status", str(status)), ("content-type", type), ("content-length", str(length))])
+        self._connection.send_headers(
+            self.number, [(":status", str(status)), ("content-type", type), ("content-length", str(length))]
+        )
 
     async def write(self, data: bytes) -> None:
         await self._send(data, end=False)
@@ -91,13 +93,16 @@ class Http2(asyncio.Protocol):
     @param refused told of what is no HTTP/2
     """
 
-    def __init__(self, link: Link, handle: Callable[[Exchange], Awaitable[None]],
-                 refused: Callable[[Link, bytes, BaseException | None], None]):
+    def __init__(
+        self,
+        link: Link,
+        handle: Callable[[Exchange], Awaitable[None]],
+        refused: Callable[[Link, bytes, BaseException | None], None],
+    ):
         self.link = link
         link.farewell = lambda: self._tell_away(self._taken)
         self._handle, self._refused = handle, refused
-        self._h2 = h2.connection.H2Connection(h2.config.H2Configuration(client_side=False,
-                                                                        header_encoding=None))
+        self._h2 = h2.connection.H2Connection(h2.config.H2Configuration(client_side=False, header_encoding=None))
         self._streams: dict[int, Stream] = {}
         self._tasks: set[asyncio.Task] = set()
         self._taken = 0
@@ -109,8 +114,10 @@ class Http2(asyncio.Protocol):
     # The client's side
 
     def connection_made(self, transport: asyncio.BaseTransport) -> None:
-        self._h2.local_settings = h2.settings.Settings(client=False, initial_values={
-            SettingCodes.MAX_CONCURRENT_STREAMS: _STREAMS, SettingCodes.MAX_HEADER_LIST_SIZE: _HEADER_BYTES})
+        self._h2.local_settings = h2.settings.Settings(
+            client=False,
+            initial_values={SettingCodes.MAX_CONCURRENT_STREAMS: _STREAMS, SettingCodes.MAX_HEADER_LIST_SIZE: _HEADER_BYTES},
+        )
         self._h2.decoder.max_header_list_size = _HEADER_BYTES
         self._h2.initiate_connection()
         self._flush()

@@ -45,8 +45,9 @@ def change(db: sqlite3.Connection, seq: int, entry: dict) -> None:
 
 def entries(db: sqlite3.Connection, after: int = 0, last: int | None = None) -> list[dict]:
     """Those behind a number, or the last ones of them, in their order."""
-    rows = db.execute("SELECT seq, entry FROM journal WHERE seq > ? ORDER BY seq DESC LIMIT ?",
-                      (after, -1 if last is None else last))
+    rows = db.execute(
+        "SELECT seq, entry FROM journal WHERE seq > ? ORDER BY seq DESC LIMIT ?", (after, -1 if last is None else last)
+    )
     return [{"seq": row["seq"], **json.loads(row["entry"])} for row in rows][::-1]
 
 
@@ -58,8 +59,11 @@ def span(db: sqlite3.Connection) -> dict:
 
 def last_before(db: sqlite3.Connection, moment: str) -> int:
     """The number of the last entry that is from before a moment; of the last 20, the one before them at least."""
-    row = db.execute("SELECT MIN(seq) - 1 AS seq FROM (SELECT seq, entry FROM journal ORDER BY seq DESC LIMIT 20)"
-                     " WHERE json_extract(entry, '$.time') >= ?", (moment,)).fetchone()
+    row = db.execute(
+        "SELECT MIN(seq) - 1 AS seq FROM (SELECT seq, entry FROM journal ORDER BY seq DESC LIMIT 20)"
+        " WHERE json_extract(entry, '$.time') >= ?",
+        (moment,),
+    ).fetchone()
     return span(db)["last"] if row["seq"] is None else row["seq"]
 
 
@@ -86,10 +90,16 @@ def line_of(entry: dict) -> str:
     if entry["kind"] == "handshake":
         return f"{start}  no connection: {entry['reason']}"
     answer = entry["answer"]
-    parts = [start, f"{entry['method']:<4} {entry['endpoint'] or entry['url']}",
-             str(answer["status"] or "-"), f"{answer['bytes']} bytes", answer["end"],
-             # Entries of an older lab name no protocol.
-             entry.get("protocol", "HTTP/1.1"), f"connection {entry['connection']} ({entry['handshake']})"]
+    parts = [
+        start,
+        f"{entry['method']:<4} {entry['endpoint'] or entry['url']}",
+        str(answer["status"] or "-"),
+        f"{answer['bytes']} bytes",
+        answer["end"],
+        # Entries of an older lab name no protocol.
+        entry.get("protocol", "HTTP/1.1"),
+        f"connection {entry['connection']} ({entry['handshake']})",
+    ]
     if entry["fault"]:
         parts.append(f"fault {entry['fault']}")
     if entry["differences"]:

@@ -4,11 +4,22 @@ import dataclasses
 PAYMENTS = ("apply", "confirm")
 ENDPOINTS = ("country", "products", "invoices", *PAYMENTS)
 # The five methods by the endpoint that each asks.
-ENDPOINT_OF = {"check_server_availability": "country", "get_product_list": "products",
-               "get_purchase_history": "invoices", "get_applied_time": "apply", "confirm_purchase": "confirm"}
+ENDPOINT_OF = {
+    "check_server_availability": "country",
+    "get_product_list": "products",
+    "get_purchase_history": "invoices",
+    "get_applied_time": "apply",
+    "confirm_purchase": "confirm",
+}
 # What a request may be told by, and the endpoints whose requests say it.
-SAID_BY = {"app": ("products", *PAYMENTS), "user": ENDPOINTS, "invoice": PAYMENTS, "product": PAYMENTS,
-           "custom_id": PAYMENTS, "header": ENDPOINTS}
+SAID_BY = {
+    "app": ("products", *PAYMENTS),
+    "user": ENDPOINTS,
+    "invoice": PAYMENTS,
+    "product": PAYMENTS,
+    "custom_id": PAYMENTS,
+    "header": ENDPOINTS,
+}
 WORDS = ("endpoint", *SAID_BY)
 
 
@@ -57,8 +68,9 @@ class Match:
         if word != "header":
             return getattr(self, word) == getattr(asked, word)
         name, colon, value = self.header.partition(":")
-        return any(known.lower() == name.strip().lower() and (not colon or said == value.strip())
-                   for known, said in asked.headers)
+        return any(
+            known.lower() == name.strip().lower() and (not colon or said == value.strip()) for known, said in asked.headers
+        )
 
 
 def read_match(wanted: dict) -> Match:
@@ -74,8 +86,7 @@ def read_match(wanted: dict) -> Match:
         named = values["endpoint"]
         values["endpoint"] = ENDPOINT_OF.get(named, named)
         if values["endpoint"] not in ENDPOINTS:
-            raise MatchError(f"{named!r} is no endpoint; known are {', '.join(ENDPOINTS)}, and the names of the "
-                             "methods")
+            raise MatchError(f"{named!r} is no endpoint; known are {', '.join(ENDPOINTS)}, and the names of the methods")
     _check_words(values)
     return Match(**values)
 
@@ -84,5 +95,7 @@ def _check_words(values: dict[str, str]) -> None:
     endpoint = values.get("endpoint")
     for word in values:
         if endpoint is not None and endpoint not in SAID_BY.get(word, ENDPOINTS):
-            raise MatchError(f"a request for {endpoint} names no {word.replace('_', ' ')}, so nothing would match; "
-                             f"those for {', '.join(SAID_BY[word])} do")
+            raise MatchError(
+                f"a request for {endpoint} names no {word.replace('_', ' ')}, so nothing would match; "
+                f"those for {', '.join(SAID_BY[word])} do"
+            )

@@ -5,8 +5,14 @@ from .folder import LabError
 METHODS: dict[str, dict[str, str]] = {
     "check_server_availability": {},
     "get_product_list": {"appid": "app-1", "serverType": "1", "CheckValue": ""},
-    "get_purchase_history": {"appid": "app-1", "customId": "", "ItemType": "", "PageNumber": "1",
-                             "CheckValue": "", "serverType": "1"},
+    "get_purchase_history": {
+        "appid": "app-1",
+        "customId": "",
+        "ItemType": "",
+        "PageNumber": "1",
+        "CheckValue": "",
+        "serverType": "1",
+    },
     "get_applied_time": {"appid": "app-1", "customId": "", "invoiceid": "", "serverType": "1"},
     "confirm_purchase": {"appid": "app-1", "customId": "", "invoiceid": "", "serverType": "1"},
 }

@@ -21,10 +21,24 @@ def _list_of(schema: dict) -> dict:
 
 _MATCH = {"endpoint": _one_of((*ENDPOINTS, *ENDPOINT_OF)), **{word: _TEXT for word in WORDS[1:]}}
 _CHECK = {**_MATCH, "times": _COUNT, "at_least": _COUNT, "at_most": _COUNT, "after": _COUNT, "name": _TEXT}
-_VERIFY = {"rules": _list_of(_one_of(RULES)), "more": _list_of(_one_of(RULES)),
-           "polls": {"type": "integer", "minimum": 1, "default": POLLS}}
-_BUY = {"product": _TEXT, "app": _TEXT, "user": _TEXT, "country": _TEXT, "custom_id": _TEXT, "pending": _BOOL,
-        "approve_after": _SPAN, "decline_after": _SPAN, "after": _SPAN, "period": _SPAN, "grace": _SPAN}
+_VERIFY = {
+    "rules": _list_of(_one_of(RULES)),
+    "more": _list_of(_one_of(RULES)),
+    "polls": {"type": "integer", "minimum": 1, "default": POLLS},
+}
+_BUY = {
+    "product": _TEXT,
+    "app": _TEXT,
+    "user": _TEXT,
+    "country": _TEXT,
+    "custom_id": _TEXT,
+    "pending": _BOOL,
+    "approve_after": _SPAN,
+    "decline_after": _SPAN,
+    "after": _SPAN,
+    "period": _SPAN,
+    "grace": _SPAN,
+}
 
 
 def _options(kinds: dict) -> dict:
@@ -32,29 +46,60 @@ def _options(kinds: dict) -> dict:
     found: dict[str, dict] = {}
     for name, kind in kinds.items():
         for option, known in kind.options.items():
-            told = found.setdefault(option, {"type": "integer", "minimum": known.least, "maximum": known.most,
-                                             "description": ""})
+            told = found.setdefault(
+                option, {"type": "integer", "minimum": known.least, "maximum": known.most, "description": ""}
+            )
             told["minimum"], told["maximum"] = min(told["minimum"], known.least), max(told["maximum"], known.most)
-            told["description"] = "; ".join(filter(None, [
-                told["description"], f"{name}: {known.unit}, {known.least} to {known.most}, default {known.default}"]))
+            told["description"] = "; ".join(
+                filter(
+                    None, [told["description"], f"{name}: {known.unit}, {known.least} to {known.most}, default {known.default}"]
+                )
+            )
     return found
 
 
-_FAULT = {"kind": _one_of(KINDS), **_options(KINDS), **_MATCH, "skip": {**_COUNT, "maximum": 1_000_000},
-          "count": {"type": "integer", "minimum": 1, "maximum": 1_000_000},
-          "seconds": {"type": "number", "minimum": 0.001, "maximum": 86_400},
-          "chance": {"type": "number", "exclusiveMinimum": 0, "maximum": 1}, "seed": _COUNT, "done": _BOOL}
-_ANSWER = {**_MATCH, "body": {**_TEXT, "description": "bytes as a latin-1 text"}, "bodies": _list_of(_TEXT),
-           "status": {"type": "integer", "minimum": 200, "maximum": 599}, "type": _TEXT, "template": _BOOL}
-_SCENARIO = {"scenario": {"const": 1}, "about": _TEXT, "device": _OBJECT,
-             "buy": _list_of({"type": "object", "properties": {**_BUY, "as": _TEXT}}), "steps": _list_of(_OBJECT),
-             "advance": _SPAN, "answers": _list_of({"type": "object", "properties": _ANSWER}),
-             "faults": _list_of({"type": "object", "properties": _FAULT}), "connection": _OBJECT,
-             "expect": _list_of({"type": "object", "properties": _CHECK})}
+_FAULT = {
+    "kind": _one_of(KINDS),
+    **_options(KINDS),
+    **_MATCH,
+    "skip": {**_COUNT, "maximum": 1_000_000},
+    "count": {"type": "integer", "minimum": 1, "maximum": 1_000_000},
+    "seconds": {"type": "number", "minimum": 0.001, "maximum": 86_400},
+    "chance": {"type": "number", "exclusiveMinimum": 0, "maximum": 1},
+    "seed": _COUNT,
+    "done": _BOOL,
+}
+_ANSWER = {
+    **_MATCH,
+    "body": {**_TEXT, "description": "bytes as a latin-1 text"},
+    "bodies": _list_of(_TEXT),
+    "status": {"type": "integer", "minimum": 200, "maximum": 599},
+    "type": _TEXT,
+    "template": _BOOL,
+}
+_SCENARIO = {
+    "scenario": {"const": 1},
+    "about": _TEXT,
+    "device": _OBJECT,
+    "buy": _list_of({"type": "object", "properties": {**_BUY, "as": _TEXT}}),
+    "steps": _list_of(_OBJECT),
+    "advance": _SPAN,
+    "answers": _list_of({"type": "object", "properties": _ANSWER}),
+    "faults": _list_of({"type": "object", "properties": _FAULT}),
+    "connection": _OBJECT,
+    "expect": _list_of({"type": "object", "properties": _CHECK}),
+}
 
 # Method, path, what it does, members of the body or None, those that are needed, parameters of the query.
 _OPERATIONS = [
-    ("get", "/api/status", "How the lab is: addresses, device, catalogue, faults, answers, clock, what is not as usual", None, (), {}),
+    (
+        "get",
+        "/api/status",
+        "How the lab is: addresses, device, catalogue, faults, answers, clock, what is not as usual",
+        None,
+        (),
+        {},
+    ),
     ("post", "/api/stop", "Ends the lab", {}, (), {}),
     ("post", "/api/seed", "Reads a catalogue in place of all products, users and invoices", {"file": _TEXT}, ("file",), {}),
     ("get", "/api/catalogue", "The catalogue, in the form of its file", None, (), {}),
@@ -62,48 +107,105 @@ _OPERATIONS = [
     ("post", "/api/reset", "Goes back to the state after the last seed", {}, (), {}),
     ("post", "/api/usual", "Ends all that is not as usual; purchases, journal and clock stay", {}, (), {}),
     ("post", "/api/scenario", "Resets the lab and begins a scenario", _SCENARIO, ("scenario",), {}),
-    ("post", "/api/answers", "Sets an answer of a team's own; without body and bodies the built-in one", _ANSWER, ("endpoint",), {}),
+    (
+        "post",
+        "/api/answers",
+        "Sets an answer of a team's own; without body and bodies the built-in one",
+        _ANSWER,
+        ("endpoint",),
+        {},
+    ),
     ("get", "/api/invoices", "The invoices, the newest first", None, (), {"user": _TEXT}),
     ("post", "/api/buy", "Buys a product", _BUY, ("product",), {}),
-    ("post", "/api/step", "Lets a purchase take a step", {"invoice": _TEXT, "step": _one_of(STEPS), "after": _SPAN}, ("invoice", "step"), {}),
+    (
+        "post",
+        "/api/step",
+        "Lets a purchase take a step",
+        {"invoice": _TEXT, "step": _one_of(STEPS), "after": _SPAN},
+        ("invoice", "step"),
+        {},
+    ),
     ("post", "/api/cancel", "The step cancel", {"invoice": _TEXT, "after": _SPAN}, ("invoice",), {}),
     ("post", "/api/refund", "The step refund", {"invoice": _TEXT, "after": _SPAN}, ("invoice",), {}),
     ("get", "/api/clock", "The lab's clock", None, (), {}),
     ("post", "/api/clock", "Moves the clock forward and does what is due", {"advance": _SPAN}, ("advance",), {}),
     ("get", "/api/device", "The device", None, (), {}),
-    ("post", "/api/device", "Sets a switch of the device", {"switch": _one_of(device.SWITCHES), "value": _TEXT}, ("switch",), {}),
+    (
+        "post",
+        "/api/device",
+        "Sets a switch of the device",
+        {"switch": _one_of(device.SWITCHES), "value": _TEXT},
+        ("switch",),
+        {},
+    ),
     ("get", "/api/faults", "The faults, with what each struck", None, (), {}),
     ("post", "/api/faults", "Adds a fault", _FAULT, ("kind",), {}),
     ("delete", "/api/faults", "Ends all faults, or one", None, (), {"number": {"type": "integer", "minimum": 1}}),
-    ("post", "/api/connection", "A fault of all connections", {"fault": _one_of(CONNECTION_FAULTS), **_options(CONNECTION_FAULTS)}, ("fault",), {}),
+    (
+        "post",
+        "/api/connection",
+        "A fault of all connections",
+        {"fault": _one_of(CONNECTION_FAULTS), **_options(CONNECTION_FAULTS)},
+        ("fault",),
+        {},
+    ),
     ("post", "/api/asked", "How often something was asked, and what nearly fits", _CHECK, (), {}),
     ("get", "/api/expectations", "What is expected", None, (), {}),
     ("post", "/api/expectations", "Expects something", _CHECK, (), {}),
     ("delete", "/api/expectations", "Expects nothing any more", None, (), {}),
-    ("post", "/api/verify", "Judges the run by rules and expectations", _VERIFY, (), {"form": _one_of(("json", "junit", "page"))}),
+    (
+        "post",
+        "/api/verify",
+        "Judges the run by rules and expectations",
+        _VERIFY,
+        (),
+        {"form": _one_of(("json", "junit", "page"))},
+    ),
     ("get", "/api/journal", "The journal", None, (), {"after": _COUNT, "last": _COUNT}),
     ("get", "/api/events", "Server-sent events: journal, begun, state", None, (), {"after": _COUNT}),
-    ("get", "/api/calls", "The calls on the bus, each with its requests and the fault that struck it", None, (), {"last": _COUNT}),
-    ("post", "/api/call", "Calls a method of the service, by billingctl", {"method": _one_of(METHODS), "arguments": _OBJECT, "seconds": {"type": "number", "minimum": 1}}, ("method",), {}),
+    (
+        "get",
+        "/api/calls",
+        "The calls on the bus, each with its requests and the fault that struck it",
+        None,
+        (),
+        {"last": _COUNT},
+    ),
+    (
+        "post",
+        "/api/call",
+        "Calls a method of the service, by billingctl",
+        {"method": _one_of(METHODS), "arguments": _OBJECT, "seconds": {"type": "number", "minimum": 1}},
+        ("method",),
+        {},
+    ),
     ("get", "/api/meta", "What there is: methods, endpoints, faults", None, (), {}),
     ("get", "/api/openapi.json", "This description", None, (), {}),
 ]
-_PROBLEM = {"description": "refused: `error` says why, in one line for each cause",
-            "content": {"application/json": {"schema": {"type": "object", "properties": {"error": _TEXT}}}}}
+_PROBLEM = {
+    "description": "refused: `error` says why, in one line for each cause",
+    "content": {"application/json": {"schema": {"type": "object", "properties": {"error": _TEXT}}}},
+}
 
 
 def describe() -> dict:
     """The whole description, ready for JSON."""
     paths: dict[str, dict] = {}
     for method, path, what, members, needed, query in _OPERATIONS:
-        told: dict = {"summary": what, "responses": {
-            "200": {"description": "done"}, "400": _PROBLEM, "401": _PROBLEM, "403": _PROBLEM, "422": _PROBLEM}}
+        told: dict = {
+            "summary": what,
+            "responses": {"200": {"description": "done"}, "400": _PROBLEM, "401": _PROBLEM, "403": _PROBLEM, "422": _PROBLEM},
+        }
         if members is not None:
             schema = {"type": "object", "properties": members, "required": list(needed)}
             told["requestBody"] = {"required": True, "content": {"application/json": {"schema": schema}}}
         if query:
             told["parameters"] = [{"name": name, "in": "query", "schema": schema} for name, schema in query.items()]
         paths.setdefault(path, {})[method] = told
-    return {"openapi": "3.1.0", "info": {"title": "billing lab", "version": __version__}, "paths": paths,
-            "components": {"securitySchemes": {"token": {"type": "http", "scheme": "bearer"}}},
-            "security": [{"token": []}]}
+    return {
+        "openapi": "3.1.0",
+        "info": {"title": "billing lab", "version": __version__},
+        "paths": paths,
+        "components": {"securitySchemes": {"token": {"type": "http", "scheme": "bearer"}}},
+        "security": [{"token": []}],
+    }

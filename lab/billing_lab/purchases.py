@@ -7,8 +7,16 @@ from .life import clock, purchase
 from .store import Refusal
 
 
-def buy(db: sqlite3.Connection, *, product: str, app: str, user: str, country: str,
-        custom_id: str | None = None, life: dict | None = None) -> dict:
+def buy(
+    db: sqlite3.Connection,
+    *,
+    product: str,
+    app: str,
+    user: str,
+    country: str,
+    custom_id: str | None = None,
+    life: dict | None = None,
+) -> dict:
     """A user pays for a product. @param life what purchase.begin() takes. @return the new invoice"""
     purchase.happen(db)
     catalogue = state.fact(db, "catalogue")
@@ -22,8 +30,15 @@ def buy(db: sqlite3.Connection, *, product: str, app: str, user: str, country: s
             raise Refusal(402, "declined", f"the payment was declined, as {product} asks for")
     else:
         _check_sale(db, sold, product, user, country)
-    invoice = {"id": state.next_invoice_id(db), "user": user, "app": app, "product": product,
-               "country": country, "custom_id": custom_id, "bought": clock.now(db)}
+    invoice = {
+        "id": state.next_invoice_id(db),
+        "user": user,
+        "app": app,
+        "product": product,
+        "country": country,
+        "custom_id": custom_id,
+        "bought": clock.now(db),
+    }
     db.execute("BEGIN")
     try:
         state.add_invoice(db, invoice)
@@ -47,10 +62,13 @@ def _check_sale(db: sqlite3.Connection, app: dict, product: str, user: str, coun
             break
     else:
         names = ", ".join(p["id"] for p in app["products"] if country in p["prices"]) or "none"
-        raise Refusal(404, "unknown_product",
-                      f"{app['id']} does not sell {product!r} in {country}; it sells {names}")
+        raise Refusal(404, "unknown_product", f"{app['id']} does not sell {product!r} in {country}; it sells {names}")
     if known["type"] == "durable":
         for owned in state.invoices(db, user):
-            if ((owned["app"], owned["product"]) == (app["id"], product)
-                    and owned["status"] not in ("cancelled", "refunded", "declined", "expired")):
+            if (owned["app"], owned["product"]) == (app["id"], product) and owned["status"] not in (
+                "cancelled",
+                "refunded",
+                "declined",
+                "expired",
+            ):
                 raise Refusal(409, "owned", f"{user} owns {product} already ({owned['id']})")

@@ -27,19 +27,27 @@ class Daemon:
         with open(self._log, "ab" if again else "wb") as log:
             self.process, self.pid = view.start(
                 [*view.GUARD, *view.bubblewrap(folder.ca_view, folder.certificate_view)],
-                [str(tools.service())], env=tools.environment(folder, bus_address, level),
-                stdin=subprocess.PIPE, stdout=log, stderr=log)
+                [str(tools.service())],
+                env=tools.environment(folder, bus_address, level),
+                stdin=subprocess.PIPE,
+                stdout=log,
+                stderr=log,
+            )
 
     def wait_for_name(self) -> None:
         caller = bus.Caller(self._address)
         end = time.monotonic() + START_SECONDS
         while caller.owner() is None:
             if self.process.poll() is not None:
-                raise LabError(f"the daemon ended with status {self.process.returncode} while it "
-                               f"started: {last_line(self._log)}; more in `billing-lab logs daemon`")
+                raise LabError(
+                    f"the daemon ended with status {self.process.returncode} while it "
+                    f"started: {last_line(self._log)}; more in `billing-lab logs daemon`"
+                )
             if time.monotonic() > end:
-                raise LabError("the daemon runs but does not take its name; it says: "
-                               f"{last_line(self._log)}; more in `billing-lab logs daemon`")
+                raise LabError(
+                    "the daemon runs but does not take its name; it says: "
+                    f"{last_line(self._log)}; more in `billing-lab logs daemon`"
+                )
             time.sleep(0.01)
         caller.close()
 

@@ -26,8 +26,14 @@ class Simulator:
     and every entry that is whole
     """
 
-    def __init__(self, db: sqlite3.Connection, listener: socket.socket, certificates: pathlib.Path,
-                 device: Callable[[], dict], tell: Callable[[str, dict], None]):
+    def __init__(
+        self,
+        db: sqlite3.Connection,
+        listener: socket.socket,
+        certificates: pathlib.Path,
+        device: Callable[[], dict],
+        tell: Callable[[str, dict], None],
+    ):
         self.db = db
         self.faults: list[faults.Fault] = []
         self.connections = Connections(listener, certificates, self._speak, self._handshake_failed)
@@ -71,14 +77,21 @@ class Simulator:
         def is_over() -> bool:
             late = fault.until is not None and time.monotonic() >= fault.until
             return late or (fault not in self.faults and self._cleared != cleared)
+
         return is_over
 
     def _asked(self, ask: store.Ask, exchange: Exchange) -> matching.Asked:
         invoice = ask.values.get("invoiceId", "")
         known = state.invoice(self.db, invoice) if invoice else None
         return matching.Asked(
-            ask.endpoint, ask.app, ask.user, invoice, known["product"] if known else "",
-            ask.values.get("customId", ""), tuple((name, value) for name, value in exchange.headers))
+            ask.endpoint,
+            ask.app,
+            ask.user,
+            invoice,
+            known["product"] if known else "",
+            ask.values.get("customId", ""),
+            tuple((name, value) for name, value in exchange.headers),
+        )
 
     def _fault_for(self, asked: matching.Asked, protocol: str) -> faults.Fault | None:
         forced = faults.of_product(asked.product, asked.endpoint)
@@ -112,8 +125,7 @@ class Simulator:
                 entry["answer"].update(status=None, **journal.body_of(b""))
         await self._answer(exchange, reply, fault, entry)
 
-    async def _answer(self, exchange: Exchange, reply: store.Reply, fault: faults.Fault | None,
-                      entry: dict) -> None:
+    async def _answer(self, exchange: Exchange, reply: store.Reply, fault: faults.Fault | None, entry: dict) -> None:
         seq = journal.add(self.db, entry)
         if fault:
             fault.struck_entry(seq)
@@ -122,7 +134,7 @@ class Simulator:
         began = time.monotonic()
         end = await answers.send(exchange, reply, fault)
         if exchange.sent_bytes != len(reply.body):
-            entry["answer"].update(journal.body_of(reply.body[:exchange.sent_bytes]), bytes=exchange.sent_bytes)
+            entry["answer"].update(journal.body_of(reply.body[: exchange.sent_bytes]), bytes=exchange.sent_bytes)
         entry["answer"].update(end=end, milliseconds=round((time.monotonic() - began) * 1000, 3))
         journal.change(self.db, seq, entry)
         self._tell("journal", {"seq": seq, **entry})
@@ -131,10 +143,16 @@ class Simulator:
         endpoint = store.PATHS.get((exchange.method, exchange.path))
         link = exchange.link
         return {
-            "time": _now(), "kind": "request", "endpoint": endpoint, "method": exchange.method,
-            "url": f"https://{exchange.authority}{exchange.target}", "headers": exchange.headers,
-            "body": journal.body_of(exchange.body), **_told(link),
-            "differences": self._differences(exchange.sent, endpoint, link.certificate)}
+            "time": _now(),
+            "kind": "request",
+            "endpoint": endpoint,
+            "method": exchange.method,
+            "url": f"https://{exchange.authority}{exchange.target}",
+            "headers": exchange.headers,
+            "body": journal.body_of(exchange.body),
+            **_told(link),
+            "differences": self._differences(exchange.sent, endpoint, link.certificate),
+        }
 
     def _differences(self, sent: check.Sent, endpoint: str | None, certificate: dict | None) -> list[str]:
         try:
@@ -144,11 +162,21 @@ class Simulator:
 
     def _refused(self, link: Link, raw: bytes, error: BaseException | None) -> None:
         """What came is no request, or none that can be answered."""
-        self._file({"time": _now(), "kind": "request", "endpoint": None, "method": "?",
-                    "url": "?", "headers": [], "body": journal.body_of(raw), **_told(link),
-                    "differences": [f"it cannot be read: {error!r}"], "fault": None,
-                    "answer": {"status": 400 if link.protocol == "HTTP/1.1" else None, "end": "whole",
-                               "bytes": 0, "text": ""}})
+        self._file(
+            {
+                "time": _now(),
+                "kind": "request",
+                "endpoint": None,
+                "method": "?",
+                "url": "?",
+                "headers": [],
+                "body": journal.body_of(raw),
+                **_told(link),
+                "differences": [f"it cannot be read: {error!r}"],
+                "fault": None,
+                "answer": {"status": 400 if link.protocol == "HTTP/1.1" else None, "end": "whole", "bytes": 0, "text": ""},
+            }
+        )
 
     def _handshake_failed(self, reason: str) -> None:
         self._file({"time": _now(), "kind": "handshake", "reason": reason})
@@ -159,8 +187,13 @@ class Simulator:
 
 def _told(link: Link) -> dict:
     """What the journal tells of a connection."""
-    return {"connection": link.number, "protocol": link.protocol, "handshake": link.handshake,
-            "tls": link.version, "certificate": link.certificate}
+    return {
+        "connection": link.number,
+        "protocol": link.protocol,
+        "handshake": link.handshake,
+        "tls": link.version,
+        "certificate": link.certificate,
+    }
 
 
 def _now() -> str:

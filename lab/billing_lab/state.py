@@ -6,9 +6,18 @@ import sqlite3
 STEPS = ("bought", "applied", "confirmed", "cancelled", "refunded")
 
 # What an invoice is, by the first of these that it has.
-_STATUSES = {"later": "appears", "refunded": "refunded", "cancelled": "cancelled", "declined": "declined",
-             "pending": "pending", "expired": "expired", "grace": "in_grace", "confirmed": "confirmed",
-             "applied": "applied", "bought": "bought"}
+_STATUSES = {
+    "later": "appears",
+    "refunded": "refunded",
+    "cancelled": "cancelled",
+    "declined": "declined",
+    "pending": "pending",
+    "expired": "expired",
+    "grace": "in_grace",
+    "confirmed": "confirmed",
+    "applied": "applied",
+    "bought": "bought",
+}
 
 _TABLES = """
 CREATE TABLE IF NOT EXISTS facts (name TEXT PRIMARY KEY, value TEXT NOT NULL);
@@ -86,8 +95,7 @@ def set_life(db: sqlite3.Connection, name: str, **changes: object) -> None:
 
 
 def make_newest(db: sqlite3.Connection, name: str, bought: str) -> None:
-    db.execute("UPDATE invoices SET number = (SELECT MAX(number) + 1 FROM invoices), bought = ? WHERE id = ?",
-               (bought, name))
+    db.execute("UPDATE invoices SET number = (SELECT MAX(number) + 1 FROM invoices), bought = ? WHERE id = ?", (bought, name))
 
 
 def add_event(db: sqlite3.Connection, at: str, name: str, step: str) -> None:
@@ -114,8 +122,10 @@ def events(db: sqlite3.Connection) -> list[dict]:
 
 def add_invoice(db: sqlite3.Connection, invoice: dict) -> None:
     columns = ("id", "user", "app", "product", "country", "custom_id", *STEPS)
-    db.execute(f"INSERT INTO invoices ({', '.join(columns)}) VALUES ({', '.join('?' * len(columns))})",
-               [invoice.get(column) for column in columns])
+    db.execute(
+        f"INSERT INTO invoices ({', '.join(columns)}) VALUES ({', '.join('?' * len(columns))})",
+        [invoice.get(column) for column in columns],
+    )
 
 
 def next_invoice_id(db: sqlite3.Connection) -> str:
@@ -132,19 +142,19 @@ def invoice(db: sqlite3.Connection, name: str) -> dict | None:
     return None if row is None else _told(row)
 
 
-def invoices(db: sqlite3.Connection, user: str | None = None, start: int = 1,
-             size: int = -1) -> list[dict]:
+def invoices(db: sqlite3.Connection, user: str | None = None, start: int = 1, size: int = -1) -> list[dict]:
     """Those of a user or of all, the newest first, from the `start`-th on. A user does not see those that have not
     appeared."""
-    rows = db.execute(f"SELECT * FROM invoices WHERE ?1 IS NULL OR (user = ?1 AND {_SEEN}) "
-                      "ORDER BY number DESC LIMIT ? OFFSET ?", (user, size, start - 1))
+    rows = db.execute(
+        f"SELECT * FROM invoices WHERE ?1 IS NULL OR (user = ?1 AND {_SEEN}) ORDER BY number DESC LIMIT ? OFFSET ?",
+        (user, size, start - 1),
+    )
     return [_told(row) for row in rows]
 
 
 def count_invoices(db: sqlite3.Connection, user: str | None = None) -> int:
     """Those of a user or of all."""
-    return db.execute(f"SELECT COUNT(*) FROM invoices WHERE ?1 IS NULL OR (user = ?1 AND {_SEEN})",
-                      (user,)).fetchone()[0]
+    return db.execute(f"SELECT COUNT(*) FROM invoices WHERE ?1 IS NULL OR (user = ?1 AND {_SEEN})", (user,)).fetchone()[0]
 
 
 def mark(db: sqlite3.Connection, name: str, step: str, now: str) -> dict:

@@ -86,9 +86,15 @@ def answer(db: sqlite3.Connection, ask: Ask, asked: Asked) -> Reply:
 
 def _values(db: sqlite3.Connection, ask: Ask, asked: Asked, reply: Reply) -> dict:
     """What a template may name."""
-    return {"answer": json.loads(reply.body), "status": reply.status, "values": ask.values, "asked": asked.describe(),
-            "invoice": state.invoice(db, asked.invoice) if asked.invoice else None,
-            "invoices": state.invoices(db, ask.user), "now": clock.now(db)}
+    return {
+        "answer": json.loads(reply.body),
+        "status": reply.status,
+        "values": ask.values,
+        "asked": asked.describe(),
+        "invoice": state.invoice(db, asked.invoice) if asked.invoice else None,
+        "invoices": state.invoices(db, ask.user),
+        "now": clock.now(db),
+    }
 
 
 def _refused(refusal: Refusal) -> Reply:
@@ -127,8 +133,7 @@ def _country(_db: sqlite3.Connection, catalogue: dict, ask: Ask) -> dict:
     if country is None:
         return {"country": name, "available": False, "reason": "the store does not know this country"}
     if not country.get("available", True):
-        return {"country": name, "available": False,
-                "reason": country.get("reason", "the store is closed there")}
+        return {"country": name, "available": False, "reason": country.get("reason", "the store is closed there")}
     return {"country": name, "available": True, "currency": country["currency"]}
 
 
@@ -147,10 +152,17 @@ def _products(_db: sqlite3.Connection, catalogue: dict, ask: Ask) -> dict:
     name = ask.values.get("countrycode", "")
     country = check_country(catalogue, name)
     language = ask.values.get("languagecode", "")
-    products = [{"id": product["id"], "title": goods.text_in(product["title"], language),
-                 "type": product["type"], "price": product["prices"][name],
-                 "currency": country["currency"]}
-                for product in app["products"] if name in product["prices"]]
+    products = [
+        {
+            "id": product["id"],
+            "title": goods.text_in(product["title"], language),
+            "type": product["type"],
+            "price": product["prices"][name],
+            "currency": country["currency"],
+        }
+        for product in app["products"]
+        if name in product["prices"]
+    ]
     return {"app": app["id"], "country": name, "products": products}
 
 
@@ -158,8 +170,12 @@ def _invoices(db: sqlite3.Connection, catalogue: dict, ask: Ask) -> dict:
     _check_user(catalogue, ask)
     size = _number(ask, "pagesize", LARGEST_PAGE)
     start = _number(ask, "startidx", 2**31)
-    return {"total": state.count_invoices(db, ask.user), "startidx": start, "pagesize": size,
-            "invoices": state.invoices(db, ask.user, start, size)}
+    return {
+        "total": state.count_invoices(db, ask.user),
+        "startidx": start,
+        "pagesize": size,
+        "invoices": state.invoices(db, ask.user, start, size),
+    }
 
 
 def _number(ask: Ask, name: str, most: int) -> int:
@@ -170,8 +186,13 @@ def _number(ask: Ask, name: str, most: int) -> int:
 
 
 # Statuses in which nothing is applied or confirmed.
-_NO_MORE = {"cancelled": "was cancelled", "refunded": "was refunded", "pending": "is pending",
-            "declined": "was declined", "expired": "has expired"}
+_NO_MORE = {
+    "cancelled": "was cancelled",
+    "refunded": "was refunded",
+    "pending": "is pending",
+    "declined": "was declined",
+    "expired": "has expired",
+}
 
 
 def _invoice_of(db: sqlite3.Connection, catalogue: dict, ask: Ask) -> dict:
@@ -198,5 +219,4 @@ def _confirm(db: sqlite3.Connection, catalogue: dict, ask: Ask) -> dict:
     return {"invoice": found["id"], "confirmed": found["confirmed"]}
 
 
-_STEPS = {"country": _country, "products": _products, "invoices": _invoices, "apply": _apply,
-          "confirm": _confirm}
+_STEPS = {"country": _country, "products": _products, "invoices": _invoices, "apply": _apply, "confirm": _confirm}

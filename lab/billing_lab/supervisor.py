@@ -34,8 +34,12 @@ def provision(folder: Folder) -> None:
     tool = tools.tool("billing-provision")
     if tool is None:
         raise LabError("billing-provision is not built; build it with `ninja -C build`")
-    done = subprocess.run([tool, "lab", folder.device, "--force", "--days", str(CERTIFICATE_DAYS),
-                           "--host", *tls.HOSTS], capture_output=True, text=True, check=False)
+    done = subprocess.run(
+        [tool, "lab", folder.device, "--force", "--days", str(CERTIFICATE_DAYS), "--host", *tls.HOSTS],
+        capture_output=True,
+        text=True,
+        check=False,
+    )
     if done.returncode != 0:
         raise LabError(f"no device could be made: {done.stderr.strip() or done.returncode}")
 
@@ -53,16 +57,22 @@ def run(folder: Folder, level: str, report, lifeline: int | None) -> str | None:
         daemon = Service(lambda: Daemon(folder, started.address, level, again=True), first)
         running.callback(daemon.stop)
         first.wait_for_name()
-        info = {"folder": str(folder.path), "pid": os.getpid(), "bus": started.address,
-                "daemon_pid": first.pid, "bus_pid": started.process.pid,
-                "store": {name.partition(".")[0]: f"https://{name}:{listener.getsockname()[1]}"
-                          for name in tls.HOSTS}}
+        info = {
+            "folder": str(folder.path),
+            "pid": os.getpid(),
+            "bus": started.address,
+            "daemon_pid": first.pid,
+            "bus_pid": started.process.pid,
+            "store": {name.partition(".")[0]: f"https://{name}:{listener.getsockname()[1]}" for name in tls.HOSTS},
+        }
         secret = kept.get("token") or control.new_token()
         address = f"http://127.0.0.1:{controls.getsockname()[1]}"
         # Behind "#": a browser sends that part to nobody.
         info["control"] = {"address": address, "token": secret, "dashboard": f"{address}/#token={secret}"}
-        replace_file(folder.addresses, json.dumps({
-            "store": listener.getsockname()[1], "control": controls.getsockname()[1], "token": secret}).encode())
+        replace_file(
+            folder.addresses,
+            json.dumps({"store": listener.getsockname()[1], "control": controls.getsockname()[1], "token": secret}).encode(),
+        )
         return asyncio.run(_live(folder, (listener, controls), info, token, (started, daemon), report, lifeline))
 
 
@@ -75,8 +85,15 @@ def read_addresses(folder: Folder) -> dict:
     return {}
 
 
-async def _live(folder: Folder, listeners: tuple[socket.socket, socket.socket], info: dict, token: str,
-                parts: tuple[bus.Bus, Service], report, lifeline: int | None) -> str | None:
+async def _live(
+    folder: Folder,
+    listeners: tuple[socket.socket, socket.socket],
+    info: dict,
+    token: str,
+    parts: tuple[bus.Bus, Service],
+    report,
+    lifeline: int | None,
+) -> str | None:
     """@param listeners the store's and the control interface's"""
     with contextlib.closing(state.open_state(folder.state)) as db:
         state.set_fact(db, "token", token)
@@ -110,7 +127,9 @@ def _watch_calls(lab: core.Core, address: str) -> monitor.Monitor:
         def hand(*arguments) -> None:
             with contextlib.suppress(RuntimeError):  # the loop has ended
                 loop.call_soon_threadsafe(function, *arguments)
+
         return hand
+
     return monitor.Monitor(address, handed_on(lab.calls.called), handed_on(lab.calls.answered))
 
 
@@ -138,6 +157,7 @@ def _watch(lab: core.Core, parts: tuple[bus.Bus, Service], why: list[str], lifel
     def watch_next(process: subprocess.Popen) -> None:
         lab.info["daemon_pid"] = daemon.daemon.pid
         watch("the daemon", process)
+
     watch("the bus", started.process)
     watch("the daemon", daemon.daemon.process)
     daemon.watch = watch_next

@@ -43,10 +43,12 @@ def presented(tls: ssl.SSLObject) -> dict | None:
     if der is None:
         return None
     certificate = x509.load_der_x509_certificate(der)
-    return {"subject": certificate.subject.rfc4514_string(),
-            "issuer": certificate.issuer.rfc4514_string(),
-            "not_after": certificate.not_valid_after.strftime("%Y-%m-%dT%H:%M:%SZ"),
-            "sha256": certificate.fingerprint(hashes.SHA256()).hex()}
+    return {
+        "subject": certificate.subject.rfc4514_string(),
+        "issuer": certificate.issuer.rfc4514_string(),
+        "not_after": certificate.not_valid_after.strftime("%Y-%m-%dT%H:%M:%SZ"),
+        "sha256": certificate.fingerprint(hashes.SHA256()).hex(),
+    }
 
 
 def fingerprint(file: pathlib.Path) -> str:

@@ -13,14 +13,29 @@ NO_NAMESPACES = (
     "the daemon's view of its two folders of certificates needs bubblewrap and mount namespaces, which are not "
     "allowed here. An ordinary user may have them with `sysctl kernel.unprivileged_userns_clone=1` "
     "and `sysctl user.max_user_namespaces=10000`; a container needs them from its host "
-    "(for instance `--cap-add SYS_ADMIN --security-opt seccomp=unconfined`)")
+    "(for instance `--cap-add SYS_ADMIN --security-opt seccomp=unconfined`)"
+)
 
 
 def bubblewrap(ca_folder: pathlib.Path | str, certificates: pathlib.Path | str) -> list[str]:
     """A command line that gives what follows it a /opt of its own, and a /usr that is the machine's
     with the device's certificate in it."""
-    command = ["bwrap", "--die-with-parent", "--cap-drop", "ALL", "--dev-bind", "/", "/",
-               "--tmpfs", "/opt", "--ro-bind", str(ca_folder), AUTHORITY, "--tmpfs", "/usr"]
+    command = [
+        "bwrap",
+        "--die-with-parent",
+        "--cap-drop",
+        "ALL",
+        "--dev-bind",
+        "/",
+        "/",
+        "--tmpfs",
+        "/opt",
+        "--ro-bind",
+        str(ca_folder),
+        AUTHORITY,
+        "--tmpfs",
+        "/usr",
+    ]
     for entry in os.scandir("/usr"):
         if entry.is_symlink():
             command += ["--symlink", os.readlink(entry.path), entry.path]
@@ -35,32 +50,33 @@ def why_no_view() -> str | None:
         return "bubblewrap is not installed (apt install bubblewrap)"
     if not os.path.isdir("/opt"):
         return "there is no folder /opt to put the daemon's own one over"
-    tried = subprocess.run([*bubblewrap("/tmp", "/tmp"), "--unshare-net", "true"], capture_output=True,
-                           text=True, check=False)
+    tried = subprocess.run([*bubblewrap("/tmp", "/tmp"), "--unshare-net", "true"], capture_output=True, text=True, check=False)
     return None if tried.returncode == 0 else f"{NO_NAMESPACES} ({tried.stderr.strip()})"
 
 
 # bubblewrap binds itself and its command to their parents' lives, but late: for some milliseconds each would
 # outlive its own. So a shell runs it, and a second one waits for the end of the pipe that is the first one's
 # input, which is the end of who started it, and then ends all of them.
-_GUARD = '''exec 3<&0
+_GUARD = """exec 3<&0
 (read -r _ <&3; kill -KILL 0) &
 "$@" </dev/null 3<&-
 status=$?
 kill $!
-exit $status'''
+exit $status"""
 GUARD = ("setpriv", "--pdeathsig", "KILL", "sh", "-c", _GUARD, "guard")
 
 
-def start(prefix: Sequence[str], command: Sequence[str], *, handed_on: Sequence[int] = (),
-          **options) -> tuple[subprocess.Popen, int]:
+def start(
+    prefix: Sequence[str], command: Sequence[str], *, handed_on: Sequence[int] = (), **options
+) -> tuple[subprocess.Popen, int]:
     """Starts a command behind a prefix that ends with bubblewrap().
 
     @return the prefix's process, and the number of the command's own
     """
     told, tell = os.pipe()
-    process = subprocess.Popen([*prefix, "--info-fd", str(tell), "--", *command],
-                               pass_fds=(tell, *handed_on), start_new_session=True, **options)
+    process = subprocess.Popen(
+        [*prefix, "--info-fd", str(tell), "--", *command], pass_fds=(tell, *handed_on), start_new_session=True, **options
+    )
     os.close(tell)
     with open(told, encoding="utf-8") as info:
         text = ""

@@ -5,8 +5,13 @@ from .matching import ENDPOINT_OF, ENDPOINTS
 
 
 def add(words, name: str, run, what: str, json: bool = True, **options) -> argparse.ArgumentParser:
-    made = words.add_parser(name, help=what, description=what[0].upper() + what[1:] + ".",
-                            formatter_class=argparse.RawDescriptionHelpFormatter, **options)
+    made = words.add_parser(
+        name,
+        help=what,
+        description=what[0].upper() + what[1:] + ".",
+        formatter_class=argparse.RawDescriptionHelpFormatter,
+        **options,
+    )
     made.set_defaults(run=run)
     if json:
         made.add_argument("--json", action="store_true", help="print JSON")
@@ -16,8 +21,12 @@ def add(words, name: str, run, what: str, json: bool = True, **options) -> argpa
 def match_options(made: argparse.ArgumentParser, endpoint: bool = True) -> None:
     """Which requests are meant: the words of matching.py."""
     if endpoint:
-        made.add_argument("--endpoint", choices=(*ENDPOINTS, *ENDPOINT_OF), metavar="ENDPOINT",
-                          help=f"only there: {', '.join(ENDPOINTS)}, or the method's name (default: everywhere)")
+        made.add_argument(
+            "--endpoint",
+            choices=(*ENDPOINTS, *ENDPOINT_OF),
+            metavar="ENDPOINT",
+            help=f"only there: {', '.join(ENDPOINTS)}, or the method's name (default: everywhere)",
+        )
     made.add_argument("--app", metavar="ID", help="only of this app (default: every app)")
     made.add_argument("--user", metavar="UID", help="only of this user (default: every user)")
     made.add_argument("--invoice", metavar="ID", help="only for this invoice (default: every one)")
@@ -44,4 +53,5 @@ def _ranged(kind, least, most):
             bounds = f"of {least} or more" if most is None else f"from {least} to {most}"
             raise argparse.ArgumentTypeError(f"{text!r} is no number {bounds}")
         return value
+
     return read

@@ -5,7 +5,8 @@ usage: purchases.py APP NOTES
 
 It asks the billing service for the user's purchases, applies each that was not confirmed yet, and
 confirms it. NOTES is a file of its own, made when it is missing: the service tells the newest 20 purchases of the
-account alone, so what is not confirmed yet is noted before anything is done with it. The service is found on the system bus, or on that of DBUS_SYSTEM_BUS_ADDRESS.
+account alone, so what is not confirmed yet is noted before anything is done with it. The service is found on the
+system bus, or on that of DBUS_SYSTEM_BUS_ADDRESS.
 """
 import json
 import os
@@ -31,9 +32,17 @@ class StoreError(Exception):
 def ask(bus: Gio.DBusConnection, method: str, *arguments: str) -> dict:
     """Calls a method of the service and reads the store's answer."""
     signature = GLib.VariantType("(" + "s" * len(arguments) + ")")
-    reply = bus.call_sync(SERVICE, OBJECT, SERVICE, method,
-                          GLib.Variant(signature.dup_string(), arguments), GLib.VariantType("(is)"),
-                          Gio.DBusCallFlags.NONE, TIMEOUT_MS, None)
+    reply = bus.call_sync(
+        SERVICE,
+        OBJECT,
+        SERVICE,
+        method,
+        GLib.Variant(signature.dup_string(), arguments),
+        GLib.VariantType("(is)"),
+        Gio.DBusCallFlags.NONE,
+        TIMEOUT_MS,
+        None,
+    )
     result, text = reply.unpack()
     if result == REFUSED:  # no network, or the service is stopping
         raise StoreError(text)

@@ -11,9 +11,12 @@ APP = pathlib.Path(__file__).with_name("purchases.py")
 @pytest.fixture
 def deliver(tmp_path):
     """The app, which finds the lab's bus in its environment."""
+
     def run():
-        return subprocess.run([sys.executable, APP, "shop", tmp_path / "notes"], capture_output=True, text=True,
-                              check=False).stdout
+        return subprocess.run(
+            [sys.executable, APP, "shop", tmp_path / "notes"], capture_output=True, text=True, check=False
+        ).stdout
+
     return run
 
 

@@ -12,9 +12,14 @@ BENCH = pathlib.Path(__file__).resolve().parents[2] / "bench"
 def run_of(tmp_path, name, figures):
     """@param figures  {name: (unit, values)}"""
     file = tmp_path / f"{name}.json"
-    file.write_text(json.dumps({
-        "about": {"revision": name, "machine": {"processors": 2}, "when": "today"},
-        "figures": {key: {"unit": unit, "values": values} for key, (unit, values) in figures.items()}}))
+    file.write_text(
+        json.dumps(
+            {
+                "about": {"revision": name, "machine": {"processors": 2}, "when": "today"},
+                "figures": {key: {"unit": unit, "values": values} for key, (unit, values) in figures.items()},
+            }
+        )
+    )
     return file
 
 
@@ -24,17 +29,22 @@ def compared(before, after):
     return {line[:68].strip(): line.split() for line in told.splitlines()[2:]}
 
 
-@pytest.mark.parametrize("unit, before, after, ratio, word", [
-    ("us", [100, 101, 102], [80, 81, 82], "x0.802", "better"),
-    ("us", [100, 101, 102], [120, 121, 122], "x1.198", "WORSE"),
-    ("us", [90, 100, 110], [95, 104, 112], "x1.040", "same"),
-    ("calls/s", [100, 101, 102], [120, 121, 122], "x1.198", "better"),
-    ("calls/s", [100, 101, 102], [80, 81, 82], "x0.802", "WORSE"),
-    ("", [0, 0, 0], [0, 0, 0], "x1.000", "same"),
-    ("", [0, 0, 0], [1, 1, 1], "xinf", "WORSE")])
+@pytest.mark.parametrize(
+    "unit, before, after, ratio, word",
+    [
+        ("us", [100, 101, 102], [80, 81, 82], "x0.802", "better"),
+        ("us", [100, 101, 102], [120, 121, 122], "x1.198", "WORSE"),
+        ("us", [90, 100, 110], [95, 104, 112], "x1.040", "same"),
+        ("calls/s", [100, 101, 102], [120, 121, 122], "x1.198", "better"),
+        ("calls/s", [100, 101, 102], [80, 81, 82], "x0.802", "WORSE"),
+        ("", [0, 0, 0], [0, 0, 0], "x1.000", "same"),
+        ("", [0, 0, 0], [1, 1, 1], "xinf", "WORSE"),
+    ],
+)
 def test_a_difference_counts_when_it_is_larger_than_the_spread(tmp_path, unit, before, after, ratio, word):
-    line = compared(run_of(tmp_path, "before", {"figure": (unit, before)}),
-                    run_of(tmp_path, "after", {"figure": (unit, after)}))["figure"]
+    line = compared(
+        run_of(tmp_path, "before", {"figure": (unit, before)}), run_of(tmp_path, "after", {"figure": (unit, after)})
+    )["figure"]
     assert ratio in line
     assert line[-1] == word
 
@@ -52,8 +62,13 @@ def test_a_missed_goal_is_said(tmp_path):
 
 
 def test_the_page_needs_nothing_else_and_shows_every_figure(tmp_path):
-    about, figures = results.read(run_of(tmp_path, "<run>", {
-        "latency: daemon": ("us", [3, 4, 9]), "latency: bus floor": ("us", [1, 2, 3]), "size": ("bytes", [7])}))
+    about, figures = results.read(
+        run_of(
+            tmp_path,
+            "<run>",
+            {"latency: daemon": ("us", [3, 4, 9]), "latency: bus floor": ("us", [1, 2, 3]), "size": ("bytes", [7])},
+        )
+    )
     text = page.page(about, figures)
     assert text.count("<svg") == 2, "figures of one unit and one title stand in one plot"
     assert text.count("<rect") == 3

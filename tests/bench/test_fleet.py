@@ -31,9 +31,16 @@ def test_a_fleet_ten_times_as_large_has_a_peak_ten_times_as_high():
     assert ten.peak_full == pytest.approx(10 * fleet.run(TVS, DAEMON).peak_full)
 
 
-@pytest.mark.parametrize("fields, expected", [
-    ({}, (1, 3)), ({"gate": False}, (4, 0)), ({"sessions": True}, (0, 4)), ({"shared": True}, (1, 0)),
-    ({"shared": True, "sessions": True}, (0, 1))])
+@pytest.mark.parametrize(
+    "fields, expected",
+    [
+        ({}, (1, 3)),
+        ({"gate": False}, (4, 0)),
+        ({"sessions": True}, (0, 4)),
+        ({"shared": True}, (1, 0)),
+        ({"shared": True, "sessions": True}, (0, 1)),
+    ],
+)
 def test_a_burst_makes_the_handshakes_of_its_client(fields, expected):
     assert fleet.handshakes(TVS, changed(**fields)) == expected
 

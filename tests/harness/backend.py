@@ -34,8 +34,10 @@ class _Handler(socketserver.StreamRequestHandler):
             return
         body = self.rfile.read(server.content_length(head))
         answer = self.server.shop.take(head.split(b" ", 2)[1].decode(), body).encode()
-        self.wfile.write(b"HTTP/1.1 200 OK\r\nContent-Type: application/json\r\n"
-                         b"Connection: close\r\nContent-Length: %d\r\n\r\n" % len(answer) + answer)
+        self.wfile.write(
+            b"HTTP/1.1 200 OK\r\nContent-Type: application/json\r\n"
+            b"Connection: close\r\nContent-Length: %d\r\n\r\n" % len(answer) + answer
+        )
 
 
 class Backend:

@@ -18,15 +18,17 @@ def environment(bus):
 
 def run(bus, *arguments, **variables):
     """@return what came of it, with its output as text"""
-    return subprocess.run([program(), *arguments], capture_output=True, text=True, check=False,
-                          timeout=120, env={**environment(bus), **variables})
+    return subprocess.run(
+        [program(), *arguments], capture_output=True, text=True, check=False, timeout=120, env={**environment(bus), **variables}
+    )
 
 
 def on_a_terminal(bus, *arguments, **variables):
     """What a terminal would be sent."""
     ours, theirs = pty.openpty()
-    process = subprocess.Popen([program(), *arguments], stdout=theirs, stderr=theirs,
-                               env={**environment(bus), "TERM": "xterm", **variables})
+    process = subprocess.Popen(
+        [program(), *arguments], stdout=theirs, stderr=theirs, env={**environment(bus), "TERM": "xterm", **variables}
+    )
     os.close(theirs)
     text = b""
     try:

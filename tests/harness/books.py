@@ -12,8 +12,7 @@ def check(outcome, shop, *servers):
 
 def check_shop(outcome, shop):
     sold = shop.purchases
-    assert sold == dict.fromkeys(outcome.invoices, 1), {
-        name: count for name, count in sold.items() if count != 1}
+    assert sold == dict.fromkeys(outcome.invoices, 1), {name: count for name, count in sold.items() if count != 1}
 
 
 def check_answers(outcome):

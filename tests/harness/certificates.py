@@ -24,8 +24,13 @@ def certify(authority, authority_key, public_key, subject, validity, *extensions
     now = datetime.datetime.utcnow()
     begins, ends = (now + time for time in validity)
     builder = x509.CertificateBuilder(
-        issuer_name=issuer.subject, subject_name=subject, public_key=public_key,
-        serial_number=x509.random_serial_number(), not_valid_before=begins, not_valid_after=ends)
+        issuer_name=issuer.subject,
+        subject_name=subject,
+        public_key=public_key,
+        serial_number=x509.random_serial_number(),
+        not_valid_before=begins,
+        not_valid_after=ends,
+    )
     for extension in extensions:
         builder = builder.add_extension(extension, critical=False)
     key = serialization.load_pem_private_key(authority_key, None)
@@ -34,8 +39,8 @@ def certify(authority, authority_key, public_key, subject, validity, *extensions
 
 def pem_of(private_key):
     return private_key.private_bytes(
-        serialization.Encoding.PEM, serialization.PrivateFormat.PKCS8,
-        serialization.NoEncryption())
+        serialization.Encoding.PEM, serialization.PrivateFormat.PKCS8, serialization.NoEncryption()
+    )
 
 
 def context_of(pem, clients):

@@ -22,9 +22,9 @@ def issue(public_key, subject, authority, begin=-A_DAY, end=A_DAY):
     @param authority  the folder with its ca.pem and ca.key
     @param begin, end  of the validity, from now
     """
-    return certificates.certify((authority / "ca.pem").read_bytes(),
-                                (authority / "ca.key").read_bytes(), public_key, subject,
-                                (begin, end))
+    return certificates.certify(
+        (authority / "ca.pem").read_bytes(), (authority / "ca.key").read_bytes(), public_key, subject, (begin, end)
+    )
 
 
 class Credentials:
@@ -42,8 +42,9 @@ class Credentials:
     @classmethod
     def make(cls, folder):
         made = cls(folder)
-        subprocess.run([provision_tool(), "lab", folder], check=True, capture_output=True,
-                       env={**os.environ, **daemon.SANITIZERS})
+        subprocess.run(
+            [provision_tool(), "lab", folder], check=True, capture_output=True, env={**os.environ, **daemon.SANITIZERS}
+        )
         # A folder of its own: the daemon sees nothing else of this one.
         made.certificates.mkdir()
         shutil.move(made.folder / "bgclient.crt", made.certificate)
@@ -87,5 +88,7 @@ class Credentials:
         """The settings that name the key and its store, by group."""
         read = configparser.ConfigParser(delimiters="=", interpolation=None)
         read.read(self.folder / "device.conf")
-        return {"deployment": {key: read["deployment"][key] for key in ("credential", "key_id")},
-                "keystore": dict(read["keystore"])}
+        return {
+            "deployment": {key: read["deployment"][key] for key in ("credential", "key_id")},
+            "keystore": dict(read["keystore"]),
+        }

@@ -22,8 +22,7 @@ SANITIZERS = {
     "ASAN_OPTIONS": "fast_unwind_on_malloc=0",
     "LSAN_OPTIONS": f"suppressions={KNOWN / 'lsan-daemon.supp'}:print_suppressions=0",
     "UBSAN_OPTIONS": "halt_on_error=1:print_stacktrace=1",
-    "TSAN_OPTIONS": f"suppressions={KNOWN / 'tsan.supp'}:ignore_noninstrumented_modules=1"
-                    ":report_signal_unsafe=0",
+    "TSAN_OPTIONS": f"suppressions={KNOWN / 'tsan.supp'}:ignore_noninstrumented_modules=1:report_signal_unsafe=0",
 }
 
 
@@ -61,7 +60,8 @@ class Record:
         match = self.FORM.fullmatch(line)
         self.whole = match is not None
         self.priority, self.tag, self.file, self.function, self.number, self.text = (
-            match.groups() if match else (None,) * 5 + (line,))
+            match.groups() if match else (None,) * 5 + (line,)
+        )
 
     def __repr__(self):
         return f"{self.priority}/{self.tag} {self.function}: {self.text}"
@@ -70,21 +70,27 @@ class Record:
 class Daemon:
     """One process. Its log goes to a file. `files` it sees in place of the machine's."""
 
-    def __init__(self, folder, bus_address, device, *, view=True, namespace=None, level="debug",
-                 environment=None, files=None, tool=None):
+    def __init__(
+        self, folder, bus_address, device, *, view=True, namespace=None, level="debug", environment=None, files=None, tool=None
+    ):
         """@param tool  a command that runs the daemon, instead of $BILLING_UNDER"""
         self.log_file = pathlib.Path(folder) / f"daemon-{time.monotonic_ns()}.log"
         runtime = pathlib.Path(folder) / "run"
         runtime.mkdir(exist_ok=True)
         self._environment = {
-            "PATH": "/usr/bin:/bin", "DBUS_SYSTEM_BUS_ADDRESS": bus_address,
-            "PLEVO_DEVICE_CONF": str(device.file), "PLEVO_LOG_LEVEL": level,
-            "XDG_RUNTIME_DIR": str(runtime), "G_DEBUG": "fatal-criticals",
-            **device.credentials.environment, **SANITIZERS, **(environment or {})}
+            "PATH": "/usr/bin:/bin",
+            "DBUS_SYSTEM_BUS_ADDRESS": bus_address,
+            "PLEVO_DEVICE_CONF": str(device.file),
+            "PLEVO_LOG_LEVEL": level,
+            "XDG_RUNTIME_DIR": str(runtime),
+            "G_DEBUG": "fatal-criticals",
+            **device.credentials.environment,
+            **SANITIZERS,
+            **(environment or {}),
+        }
         self.pid = 0
         with open(self.log_file, "wb") as log, term_blocked():
-            self._start([*(UNDER if tool is None else tool), str(binary())], device, view,
-                        namespace, log, files or {})
+            self._start([*(UNDER if tool is None else tool), str(binary())], device, view, namespace, log, files or {})
 
     def _start(self, command, device, view, namespace, log, files):
         handed_on = ()
@@ -92,9 +98,15 @@ class Daemon:
             command = [*namespace.command, *command]
             handed_on = (namespace.descriptor,)
         if not view:
-            self._process = subprocess.Popen(command, env=self._environment, stdout=log, stderr=log,
-                                             stdin=subprocess.DEVNULL, pass_fds=handed_on,
-                                             start_new_session=True)
+            self._process = subprocess.Popen(
+                command,
+                env=self._environment,
+                stdout=log,
+                stderr=log,
+                stdin=subprocess.DEVNULL,
+                pass_fds=handed_on,
+                start_new_session=True,
+            )
             self.pid = self._process.pid
             return
         prefix = bubblewrap(device.certificates, device.credentials.certificates)
@@ -102,8 +114,9 @@ class Daemon:
             prefix += ["--ro-bind", str(instead), os.path.realpath(path)]
         if namespace is not None:
             prefix += ["--unshare-net", "--cap-add", "CAP_NET_ADMIN"]
-        self._process, self.pid = start(prefix, command, handed_on=handed_on, env=self._environment,
-                                        stdin=subprocess.DEVNULL, stdout=log, stderr=log)
+        self._process, self.pid = start(
+            prefix, command, handed_on=handed_on, env=self._environment, stdin=subprocess.DEVNULL, stdout=log, stderr=log
+        )
 
     def wait_for_name(self, caller, timeout=20):
         """Returns when the daemon owns its name."""
@@ -114,15 +127,13 @@ class Daemon:
         end = time.monotonic() + timeout
         while not condition():
             if not self.is_running():
-                raise AssertionError(f"the daemon ended with {self._process.returncode} before "
-                                     f"{what}")
+                raise AssertionError(f"the daemon ended with {self._process.returncode} before {what}")
             if time.monotonic() > end:
                 raise AssertionError(f"the daemon runs, but not so that {what}")
             time.sleep(0.005)
 
     def wait_for_log(self, text, timeout=20):
-        self.wait_until(lambda: any(text in record.text for record in self.log()),
-                        f"it logs {text!r}", timeout)
+        self.wait_until(lambda: any(text in record.text for record in self.log()), f"it logs {text!r}", timeout)
 
     def is_running(self):
         return self._process.poll() is None
@@ -211,8 +222,7 @@ class Namespace:
         ours, theirs = socket.socketpair(socket.AF_UNIX, socket.SOCK_SEQPACKET)
         self._ours, self._theirs = ours, theirs
         self.descriptor = theirs.fileno()
-        self.command = [sys.executable, str(pathlib.Path(__file__).with_name("inside.py")),
-                        str(self.descriptor)]
+        self.command = [sys.executable, str(pathlib.Path(__file__).with_name("inside.py")), str(self.descriptor)]
 
     def listeners(self, timeout=20):
         """The two listening sockets in there. Call it once, when the daemon was started."""

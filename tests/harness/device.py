@@ -23,16 +23,22 @@ class Device:
         self.credentials = credentials
         self.certificates = folder / "cert"
         self.certificates.mkdir()
-        self.settings = copy.deepcopy({
-            "config": {"db/comss/atoken": TOKEN, "db/comss/hwduid": DUID,
-                       "db/comss/countrycode": "DE", "db/comss/modelid": "model-1",
-                       "memory/menu/network/set_time": "1"},
-            "runtime": {"language": "de_DE.utf8"},
-            "system": {"vantor_server_type": "0"},
-            "account": {"guid": GUID, "auth_token": "account-token", "login_id": UID},
-            "network": {"default_gateway": "up"},
-            "deployment": {"production_host": host, "sandbox_host": sandbox or host},
-        })
+        self.settings = copy.deepcopy(
+            {
+                "config": {
+                    "db/comss/atoken": TOKEN,
+                    "db/comss/hwduid": DUID,
+                    "db/comss/countrycode": "DE",
+                    "db/comss/modelid": "model-1",
+                    "memory/menu/network/set_time": "1",
+                },
+                "runtime": {"language": "de_DE.utf8"},
+                "system": {"vantor_server_type": "0"},
+                "account": {"guid": GUID, "auth_token": "account-token", "login_id": UID},
+                "network": {"default_gateway": "up"},
+                "deployment": {"production_host": host, "sandbox_host": sandbox or host},
+            }
+        )
         for group, values in credentials.settings.items():
             self.settings.setdefault(group, {}).update(values)
         self.write()

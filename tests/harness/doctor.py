@@ -7,14 +7,41 @@ import subprocess
 from . import billingctl, daemon, page
 from .billingctl import DONE, FAILED, WARNING
 
-CHECKS = ["identity", "settings", "certificate", "CA bundle", "clock", "key material", "token", "key", "route",
-          "name lookup", "TCP", "TLS", "HTTP", "time", "bus", "unit", "name", "ping", "call", "restart",
-          "callers", "request"]
+CHECKS = [
+    "identity",
+    "settings",
+    "certificate",
+    "CA bundle",
+    "clock",
+    "key material",
+    "token",
+    "key",
+    "route",
+    "name lookup",
+    "TCP",
+    "TLS",
+    "HTTP",
+    "time",
+    "bus",
+    "unit",
+    "name",
+    "ping",
+    "call",
+    "restart",
+    "callers",
+    "request",
+]
 VERSION = re.search(r"version: .(\S+).,", (daemon.TREE / "meson.build").read_text())[1]
 # The ids that the manual lists.
-KNOWN = set(re.findall(r"[a-z-]+\.[a-z0-9.-]+", re.search(
-    r"\n\.SH IDS\n(.*?)\n\.SH ", (daemon.TREE / "data/man/billingctl.1").read_text(), re.DOTALL)[1].replace(
-        "\\", "").replace("fB", "").replace("fR", "")))
+KNOWN = set(
+    re.findall(
+        r"[a-z-]+\.[a-z0-9.-]+",
+        re.search(r"\n\.SH IDS\n(.*?)\n\.SH ", (daemon.TREE / "data/man/billingctl.1").read_text(), re.DOTALL)[1]
+        .replace("\\", "")
+        .replace("fB", "")
+        .replace("fR", ""),
+    )
+)
 ILL = ("warning", "failed")
 
 
@@ -28,8 +55,7 @@ def preloaded(name):
     module = daemon.binary().parents[1] / "tests" / "support" / f"{name}.so"
     assert module.exists(), module
     # A sanitizer's runtime would insist on being the first.
-    return {"LD_PRELOAD": str(module),
-            "ASAN_OPTIONS": daemon.SANITIZERS["ASAN_OPTIONS"] + ":verify_asan_link_order=0"}
+    return {"LD_PRELOAD": str(module), "ASAN_OPTIONS": daemon.SANITIZERS["ASAN_OPTIONS"] + ":verify_asan_link_order=0"}
 
 
 def examine(bus, device, *arguments, seconds="5", **variables):
@@ -37,9 +63,17 @@ def examine(bus, device, *arguments, seconds="5", **variables):
     view = daemon.bubblewrap(device.certificates, device.credentials.certificates)
     done = subprocess.run(
         [*view, billingctl.program(), "doctor", "--json", "--timeout", seconds, *arguments],
-        capture_output=True, text=True, check=False, timeout=120,
-        env={**billingctl.environment(bus), "PLEVO_DEVICE_CONF": str(device.file),
-             **device.credentials.environment, **variables})
+        capture_output=True,
+        text=True,
+        check=False,
+        timeout=120,
+        env={
+            **billingctl.environment(bus),
+            "PLEVO_DEVICE_CONF": str(device.file),
+            **device.credentials.environment,
+            **variables,
+        },
+    )
     return read(done)
 
 
@@ -52,8 +86,7 @@ def read(done):
     assert (report["host"], report["version"]) == (socket.gethostname(), VERSION)
     found = {check["check"]: check for check in report["checks"]}
     assert list(found) == CHECKS
-    failed, warned = ([check for check in found if found[check]["outcome"] == outcome]
-                      for outcome in ("failed", "warning"))
+    failed, warned = ([check for check in found if found[check]["outcome"] == outcome] for outcome in ("failed", "warning"))
     assert done.returncode == (FAILED if failed else WARNING if warned else DONE)
     assert (report["failed"], report["warnings"]) == (len(failed), len(warned))
     for name, check in found.items():

@@ -21,8 +21,7 @@ class Http2:
         self.tls = tls
         self.open = True
         self.answered = set()
-        self.state = h2.connection.H2Connection(
-            h2.config.H2Configuration(client_side=False, header_encoding="utf-8"))
+        self.state = h2.connection.H2Connection(h2.config.H2Configuration(client_side=False, header_encoding="utf-8"))
         self.state.initiate_connection()
         self.flush()
 
@@ -46,6 +45,7 @@ class Http2:
 
 
 # What a store may do with a stream when its request is whole.
+
 
 def answers(connection, stream):
     connection.reply(stream)
@@ -97,8 +97,7 @@ class Http2Store(server.StoreServer):
     def take_seen(self):
         """How often each was asked for since the last time: {(protocol, method, path): count}."""
         seen, self._streams = self._streams, collections.Counter()
-        seen.update(("HTTP/1.1", request.line.split()[0], request.path)
-                    for request in self.take_requests())
+        seen.update(("HTTP/1.1", request.line.split()[0], request.path) for request in self.take_requests())
         return seen
 
     def _talk(self, connection):

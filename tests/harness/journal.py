@@ -18,7 +18,8 @@ class Journal:
         # The daemon believes that its standard error is the journal's.
         self.options = {
             "files": {"/run": folder / "journalled"},
-            "tool": ["sh", "-c", 'JOURNAL_STREAM=$(stat -L -c %d:%i /dev/stderr) exec "$0" "$@"']}
+            "tool": ["sh", "-c", 'JOURNAL_STREAM=$(stat -L -c %d:%i /dev/stderr) exec "$0" "$@"'],
+        }
 
     def _receive(self):
         while record := self._socket.recv(1 << 16):

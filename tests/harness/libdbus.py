@@ -9,8 +9,12 @@ _STRING, _END = ord("s"), 0
 
 def _library():
     found = ctypes.CDLL("libdbus-1.so.3")
-    for name in ("dbus_connection_open_private", "dbus_message_new_method_call", "dbus_pending_call_steal_reply",
-                 "dbus_message_get_error_name"):
+    for name in (
+        "dbus_connection_open_private",
+        "dbus_message_new_method_call",
+        "dbus_pending_call_steal_reply",
+        "dbus_message_get_error_name",
+    ):
         getattr(found, name).restype = ctypes.c_void_p
     return found
 
@@ -27,14 +31,14 @@ class BlockingCaller:
     def start(self, method, *arguments, timeout=60):
         """@return a pending call, for result()"""
         service = message_bus.SERVICE.encode()
-        message = ctypes.c_void_p(self._dbus.dbus_message_new_method_call(
-            service, message_bus.OBJECT.encode(), service, method.encode()))
+        message = ctypes.c_void_p(
+            self._dbus.dbus_message_new_method_call(service, message_bus.OBJECT.encode(), service, method.encode())
+        )
         for text in arguments:
             value = ctypes.c_char_p(text.encode())
             assert self._dbus.dbus_message_append_args(message, _STRING, ctypes.byref(value), _END)
         pending = ctypes.c_void_p()
-        assert self._dbus.dbus_connection_send_with_reply(self._connection, message, ctypes.byref(pending),
-                                                          int(timeout * 1000))
+        assert self._dbus.dbus_connection_send_with_reply(self._connection, message, ctypes.byref(pending), int(timeout * 1000))
         self._dbus.dbus_message_unref(message)
         return pending
 
@@ -46,8 +50,9 @@ class BlockingCaller:
         if self._dbus.dbus_message_get_type(reply) != METHOD_RETURN:
             answer = ctypes.c_char_p(self._dbus.dbus_message_get_error_name(reply)).value.decode()
         else:
-            assert self._dbus.dbus_message_get_args(reply, None, ord("i"), ctypes.byref(number), _STRING,
-                                                    ctypes.byref(text), _END)
+            assert self._dbus.dbus_message_get_args(
+                reply, None, ord("i"), ctypes.byref(number), _STRING, ctypes.byref(text), _END
+            )
             answer = (number.value, len(text.value))
         self._dbus.dbus_message_unref(reply)
         self._dbus.dbus_pending_call_unref(pending)

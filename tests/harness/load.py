@@ -24,8 +24,7 @@ class Outcome(typing.NamedTuple):
     count: int
 
     def __add__(self, other):
-        return Outcome(self.failed + other.failed, self.invoices + other.invoices,
-                       self.count + other.count)
+        return Outcome(self.failed + other.failed, self.invoices + other.invoices, self.count + other.count)
 
 
 def purchase(name):

@@ -7,7 +7,8 @@ from billing_lab import bus as message_bus
 
 NAME, PATH = "org.freedesktop.systemd1", "/org/freedesktop/systemd1"
 UNIT_PATH = PATH + "/unit/billing_2dservice_2eservice"
-MANAGER, PROPERTIES = Gio.DBusNodeInfo.new_for_xml("""
+MANAGER, PROPERTIES = Gio.DBusNodeInfo.new_for_xml(
+    """
 <node>
   <interface name="org.freedesktop.systemd1.Manager">
     <method name="LoadUnit"><arg type="s" direction="in"/><arg type="o" direction="out"/></method>
@@ -15,10 +16,10 @@ MANAGER, PROPERTIES = Gio.DBusNodeInfo.new_for_xml("""
   <interface name="org.freedesktop.DBus.Properties">
     <method name="GetAll"><arg type="s" direction="in"/><arg type="a{sv}" direction="out"/></method>
   </interface>
-</node>""").interfaces
+</node>"""
+).interfaces
 
-TYPES = {"ExecMainCode": "i", "ExecMainStatus": "i", "NRestarts": "u", "SupplementaryGroups": "as",
-         "Environment": "as"}
+TYPES = {"ExecMainCode": "i", "ExecMainStatus": "i", "NRestarts": "u", "SupplementaryGroups": "as", "Environment": "as"}
 RUNNING = {"LoadState": "loaded", "ActiveState": "active", "SubState": "running", "Result": "success"}
 
 
@@ -29,11 +30,11 @@ class Manager:
     def __init__(self, address, **unit):
         self._address = address
         program = unit.pop("ExecStart", None)
-        self._values = {name: GLib.Variant(TYPES.get(name, "s"), value)
-                        for name, value in {**RUNNING, **unit}.items()}
+        self._values = {name: GLib.Variant(TYPES.get(name, "s"), value) for name, value in {**RUNNING, **unit}.items()}
         if program is not None:
             self._values["ExecStart"] = GLib.Variant(
-                "a(sasbttttuii)", [(str(program), [str(program)], False, 0, 0, 0, 0, 0, 0, 0)])
+                "a(sasbttttuii)", [(str(program), [str(program)], False, 0, 0, 0, 0, 0, 0, 0)]
+            )
         self._ready = threading.Event()
         self._context = GLib.MainContext.new()
         self._loop = GLib.MainLoop.new(self._context, False)
@@ -51,13 +52,22 @@ class Manager:
         for interface, path in ((MANAGER, PATH), (PROPERTIES, UNIT_PATH)):
             caller.connection.register_object(path, interface, self._answer, None, None)
         caller.connection.call_sync(
-            "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus", "RequestName",
-            GLib.Variant("(su)", (NAME, 4)), None, Gio.DBusCallFlags.NONE, 10000, None)
+            "org.freedesktop.DBus",
+            "/org/freedesktop/DBus",
+            "org.freedesktop.DBus",
+            "RequestName",
+            GLib.Variant("(su)", (NAME, 4)),
+            None,
+            Gio.DBusCallFlags.NONE,
+            10000,
+            None,
+        )
         self._ready.set()
         self._loop.run()
         caller.close()
         self._context.pop_thread_default()
 
     def _answer(self, _connection, _sender, _path, _interface, method, _arguments, invocation):
-        invocation.return_value(GLib.Variant("(o)", (UNIT_PATH,)) if method == "LoadUnit"
-                                else GLib.Variant("(a{sv})", (self._values,)))
+        invocation.return_value(
+            GLib.Variant("(o)", (UNIT_PATH,)) if method == "LoadUnit" else GLib.Variant("(a{sv})", (self._values,))
+        )

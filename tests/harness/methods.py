@@ -30,7 +30,7 @@ def filled(arguments, place, character="x", most=ARGUMENT_BYTES):
     full = list(arguments)
     full[place] = character * most
     while argument_bytes(full) > most:
-        full[place] = full[place][:most - argument_bytes(full)]
+        full[place] = full[place][: most - argument_bytes(full)]
     return full
 
 

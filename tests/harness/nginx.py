@@ -40,17 +40,14 @@ class Nginx(web_server.WebServer):
     PROGRAM = PROGRAM
     RELOAD, LEAVE = signal.SIGHUP, signal.SIGQUIT
 
-    def __init__(self, folder, server_pem, clients, *, listen="", extra="",
-                 answer='return 200 "nginx";', connections=64):
-        self._values = dict(clients=clients, listen=listen, extra=extra, answer=answer,
-                            connections=connections)
+    def __init__(self, folder, server_pem, clients, *, listen="", extra="", answer='return 200 "nginx";', connections=64):
+        self._values = dict(clients=clients, listen=listen, extra=extra, answer=answer, connections=connections)
         super().__init__(folder, server_pem)
 
     def _configuration(self):
-        return CONFIGURATION.format(folder=self.folder, port=self.port,
-                                    user="user root;" if web_server.is_root() else "",
-                                    **self._values)
+        return CONFIGURATION.format(
+            folder=self.folder, port=self.port, user="user root;" if web_server.is_root() else "", **self._values
+        )
 
     def _command(self):
-        return [PROGRAM, "-p", self.folder, "-c", self.configuration,
-                "-e", self.folder / "error.log"]
+        return [PROGRAM, "-p", self.folder, "-c", self.configuration, "-e", self.folder / "error.log"]

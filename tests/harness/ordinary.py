@@ -31,9 +31,15 @@ ProxyPass / http://127.0.0.1:{backend}/ disablereuse=On
 """
 APACHE_MODULES = pathlib.Path("/usr/lib/apache2/modules")
 # The names of the modules and those of their files.
-APACHE_LOADED = {"mpm_event_module": "mpm_event", "ssl_module": "ssl", "http2_module": "http2",
-                 "socache_shmcb_module": "socache_shmcb", "proxy_module": "proxy",
-                 "proxy_http_module": "proxy_http", "authz_core_module": "authz_core"}
+APACHE_LOADED = {
+    "mpm_event_module": "mpm_event",
+    "ssl_module": "ssl",
+    "http2_module": "http2",
+    "socache_shmcb_module": "socache_shmcb",
+    "proxy_module": "proxy",
+    "proxy_http_module": "proxy_http",
+    "authz_core_module": "authz_core",
+}
 
 HAPROXY = """
 global
@@ -90,9 +96,15 @@ class Nginx(nginx.Nginx):
         self.protocol = PROTOCOLS[http2]
         limits = [f"keepalive_timeout {idle}s;"] if idle else []
         limits += [f"keepalive_requests {requests};"] if requests else []
-        super().__init__(folder, server_pem, clients, listen="http2" if http2 else "",
-                         extra=" ".join(limits), connections=1024,
-                         answer=f"proxy_pass http://127.0.0.1:{backend};")
+        super().__init__(
+            folder,
+            server_pem,
+            clients,
+            listen="http2" if http2 else "",
+            extra=" ".join(limits),
+            connections=1024,
+            answer=f"proxy_pass http://127.0.0.1:{backend};",
+        )
 
 
 class _Ordinary(web_server.WebServer):
@@ -121,12 +133,10 @@ class _Ordinary(web_server.WebServer):
 
     def _limits(self, idle, requests):
         """Lines for the limits that were asked for."""
-        return "\n".join(line.format(value) for line, value in ((idle, self._idle),
-                                                                (requests, self._requests)) if value)
+        return "\n".join(line.format(value) for line, value in ((idle, self._idle), (requests, self._requests)) if value)
 
     def _configuration(self):
-        return self.TEMPLATE.format(folder=self.folder, port=self.port, **self._values,
-                                    **self._wishes())
+        return self.TEMPLATE.format(folder=self.folder, port=self.port, **self._values, **self._wishes())
 
 
 class Apache(_Ordinary):
@@ -136,12 +146,12 @@ class Apache(_Ordinary):
 
     def _wishes(self):
         return dict(
-            modules="\n".join(f"LoadModule {name} {APACHE_MODULES}/mod_{file}.so"
-                              for name, file in APACHE_LOADED.items()),
+            modules="\n".join(f"LoadModule {name} {APACHE_MODULES}/mod_{file}.so" for name, file in APACHE_LOADED.items()),
             # It refuses to serve as root.
             user="User www-data\nGroup www-data" if web_server.is_root() else "",
             limits=self._limits("KeepAliveTimeout {}", "MaxKeepAliveRequests {}"),
-            protocols="h2 http/1.1" if self._http2 else "http/1.1")
+            protocols="h2 http/1.1" if self._http2 else "http/1.1",
+        )
 
     def _command(self):
         return [self.PROGRAM, "-DFOREGROUND", "-f", self.configuration]
@@ -166,7 +176,9 @@ class HAProxy(_Ordinary):
             idle=self._limits("timeout http-keep-alive {}s", ""),
             alpn="h2,http/1.1" if self._http2 else "http/1.1",
             answer=f'http-request return status 200 content-type text/plain string "{self.OWN_ANSWER}"'
-            if self._by_itself else "default_backend shop")
+            if self._by_itself
+            else "default_backend shop",
+        )
 
     def _command(self):
         return [self.PROGRAM, "-W", "-f", self.configuration]
@@ -178,9 +190,10 @@ class Lighttpd(_Ordinary):
     TEMPLATE = LIGHTTPD
 
     def _wishes(self):
-        return dict(http2="enable" if self._http2 else "disable",
-                    limits=self._limits("server.max-keep-alive-idle = {}",
-                                        "server.max-keep-alive-requests = {}"))
+        return dict(
+            http2="enable" if self._http2 else "disable",
+            limits=self._limits("server.max-keep-alive-idle = {}", "server.max-keep-alive-requests = {}"),
+        )
 
     def _command(self):
         return [self.PROGRAM, "-D", "-f", self.configuration]

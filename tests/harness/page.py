@@ -24,5 +24,6 @@ ROWS = {name: row for row in map(Row, tables("| symptom | the journal | id | cur
 # What stands for libcurl's numbers.
 NUMBERS = {int(line.split("|")[1]) for line in tables("| number | what it means here | cure |")}
 # What the journal says in the further tables.
-SAID = [words for line in tables("| the journal says | cause | cure |")
-        for words in re.findall(r"`([^`]+)`", line.split("|")[1])]
+SAID = [
+    words for line in tables("| the journal says | cause | cure |") for words in re.findall(r"`([^`]+)`", line.split("|")[1])
+]

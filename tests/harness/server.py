@@ -100,6 +100,7 @@ def content_length(head):
 
 # What a server may do with a request. Each returns True when the connection is kept.
 
+
 @dataclasses.dataclass
 class Reply:
     """A whole answer, at once or when `gate` opens."""
@@ -113,8 +114,12 @@ class Reply:
     def perform(self, connection, server):
         if self.gate is not None:
             server.wait_for(self.gate)
-        lines = [f"HTTP/1.1 {self.status}", "Content-Type: application/json",
-                 f"Content-Length: {len(self.body)}", *self.headers]
+        lines = [
+            f"HTTP/1.1 {self.status}",
+            "Content-Type: application/json",
+            f"Content-Length: {len(self.body)}",
+            *self.headers,
+        ]
         if not self.keep:
             lines.append("Connection: close")
         connection.send("\r\n".join(lines).encode() + b"\r\n\r\n" + self.body)

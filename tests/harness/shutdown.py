@@ -1,7 +1,6 @@
 """What the log of a daemon must say at its end."""
 
-TEARDOWN = ["billing service will be quit", "start delete g_pDbusMan", " delete g_pDbusMan end",
-            " quit ecore_main_loop end"]
+TEARDOWN = ["billing service will be quit", "start delete g_pDbusMan", " delete g_pDbusMan end", " quit ecore_main_loop end"]
 # The routine once more: from main, or for a second signal. Nothing is left to delete.
 AGAIN = [TEARDOWN[0], TEARDOWN[3]]
 LAST = "--billing service quit!--"

@@ -15,8 +15,7 @@ class TokenProxy:
     def __init__(self, folder, device):
         """Puts the proxy before the device's token, in a folder of the caller's."""
         self._folder = folder
-        self.environment = {"PKCS11_PROXY_REAL": device.settings["keystore"]["module"],
-                            "PKCS11_PROXY_FOLDER": str(folder)}
+        self.environment = {"PKCS11_PROXY_REAL": device.settings["keystore"]["module"], "PKCS11_PROXY_FOLDER": str(folder)}
         device.set("keystore", "module", str(module()))
 
     def goes_wrong(self, fault, delay_ms=0):

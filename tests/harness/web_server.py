@@ -87,8 +87,13 @@ class WebServer:
         self.leaving = False
         with open(self._access_log, "ab") as access, open(self.folder / "error.log", "ab") as errors:
             self._process = subprocess.Popen(
-                ["setpriv", "--pdeathsig", "TERM", *map(str, self._command())], cwd=self.folder,
-                stdin=subprocess.DEVNULL, stdout=access, stderr=errors, start_new_session=True)
+                ["setpriv", "--pdeathsig", "TERM", *map(str, self._command())],
+                cwd=self.folder,
+                stdin=subprocess.DEVNULL,
+                stdout=access,
+                stderr=errors,
+                start_new_session=True,
+            )
 
     def wait_until_it_answers(self):
         end = time.monotonic() + PATIENCE
@@ -149,5 +154,4 @@ class WebServer:
         if not self._access_log.exists():
             return []
         lines = [line.split("|") for line in self._access_log.read_text().splitlines()]
-        return [Entry(*line) for line in lines
-                if len(line) == len(Entry._fields) and line[-1] in METHODS]
+        return [Entry(*line) for line in lines if len(line) == len(Entry._fields) and line[-1] in METHODS]

@@ -82,10 +82,12 @@ def store(server_context):
 @pytest.fixture
 def other_store(request):
     """A function that runs one more server, with another certificate or other wishes."""
+
     def make(context):
         running = server.StoreServer(context)
         request.addfinalizer(running.stop)
         return running
+
     return make
 
 
@@ -96,11 +98,11 @@ def start_nginx(tmp_path, authority, provisioned, a_device, request):
         pytest.skip("nginx is not installed (apt install nginx-light)")
 
     def make(pem=None, **options):
-        running = nginx.Nginx(tmp_path / "nginx", pem or authority.server_pem("localhost"),
-                              provisioned.authority, **options)
+        running = nginx.Nginx(tmp_path / "nginx", pem or authority.server_pem("localhost"), provisioned.authority, **options)
         request.addfinalizer(running.stop)
         a_device.set("deployment", "production_host", f"localhost:{running.port}")
         return running
+
     return make
 
 
@@ -115,6 +117,7 @@ def shop(request):
 @pytest.fixture
 def start_server(tmp_path, authority, provisioned, a_device, shop, request):
     """A function that runs a web server of some kind in front of the shop and has the device use it."""
+
     def make(kind, **options):
         made = ordinary.SERVERS[kind]
         if made.PROGRAM is None:
@@ -126,15 +129,16 @@ def start_server(tmp_path, authority, provisioned, a_device, shop, request):
         request.addfinalizer(running.stop)
         a_device.set("deployment", "production_host", f"localhost:{running.port}")
         return running
+
     return make
 
 
 @pytest.fixture
 def a_device(tmp_path, store, authority, provisioned):
     """A device that knows the store server and trusts it, and that the store server knows."""
-    made = device.Device(tmp_path, provisioned.copy_to(tmp_path / "lab"),
-                         f"production.localhost:{store.port}",
-                         f"sandbox.localhost:{store.port}")
+    made = device.Device(
+        tmp_path, provisioned.copy_to(tmp_path / "lab"), f"production.localhost:{store.port}", f"sandbox.localhost:{store.port}"
+    )
     made.ca_file.write_bytes(authority.pem)
     return made
 

@@ -15,8 +15,9 @@ LIMIT = 33_554_375
 FAILED = (-1, "")
 
 
-@pytest.mark.parametrize("status", ["500 Internal Server Error", "404 Not Found", "401 Unauthorized",
-                                    "302 Found", "201 Created"])
+@pytest.mark.parametrize(
+    "status", ["500 Internal Server Error", "404 Not Found", "401 Unauthorized", "302 Found", "201 Created"]
+)
 def test_any_status_with_a_body_is_a_success(service, caller, store, status):
     store.answer = Reply(b'{"error": 1}', status, headers=("Location: https://localhost/other",))
 
@@ -65,13 +66,11 @@ def for_another_host(authority):
 
 
 def expired(authority):
-    return authority.server_context("localhost", clients=None,
-                                    not_after=datetime.datetime(2001, 1, 1))
+    return authority.server_context("localhost", clients=None, not_after=datetime.datetime(2001, 1, 1))
 
 
 @pytest.mark.parametrize("wrong", [untrusted, for_another_host, expired])
-def test_a_server_that_cannot_prove_itself_gets_no_byte_of_a_request(
-        service, caller, a_device, authority, other_store, wrong):
+def test_a_server_that_cannot_prove_itself_gets_no_byte_of_a_request(service, caller, a_device, authority, other_store, wrong):
     store = other_store(wrong(authority))
     a_device.set("deployment", "production_host", f"localhost:{store.port}")
 
@@ -106,10 +105,10 @@ def test_an_answer_that_is_cut_off_is_a_failure_with_what_came(service, caller, 
     assert answers(caller) == all_alike((-1, '{"half": '))
 
 
-@pytest.mark.parametrize("method, arguments", [("confirm_purchase", ("a", "c", "i", "0")),
-                                               ("get_applied_time", ("a", "c", "i", "0"))])
-def test_a_payment_goes_over_a_connection_of_its_own_and_is_not_sent_again(service, caller, store, method,
-                                                                           arguments):
+@pytest.mark.parametrize(
+    "method, arguments", [("confirm_purchase", ("a", "c", "i", "0")), ("get_applied_time", ("a", "c", "i", "0"))]
+)
+def test_a_payment_goes_over_a_connection_of_its_own_and_is_not_sent_again(service, caller, store, method, arguments):
     assert caller.call("check_server_availability") == (0, "{}")
     store.take_requests()
     store.answer = Reset()
@@ -124,16 +123,19 @@ def test_a_payment_goes_over_a_connection_of_its_own_and_is_not_sent_again(servi
     assert len(store.take_requests()) == 1
 
 
-@pytest.mark.parametrize("body, text", [
-    (b"a\xffb", "a\ufffdb"),
-    (b"a\x00b\x00", "a\ufffdb\ufffd"),
-    (b"\xc0\x80\xed\xa0\x80", "\ufffd" * 5),
-    (b"\xf4\x90\x80\x80", "\ufffd" * 4),
-    (b"cut \xe2\x82", "cut \ufffd\ufffd"),
-    (b"\xef\xbb\xbf\x01\x1b[31m\x7f\r\n", "\ufeff\x01\x1b[31m\x7f\r\n"),
-    ("Grüße, 請求, 𝄞".encode(), "Grüße, 請求, 𝄞"),
-    (b"100%s %n %d", "100%s %n %d"),
-])
+@pytest.mark.parametrize(
+    "body, text",
+    [
+        (b"a\xffb", "a\ufffdb"),
+        (b"a\x00b\x00", "a\ufffdb\ufffd"),
+        (b"\xc0\x80\xed\xa0\x80", "\ufffd" * 5),
+        (b"\xf4\x90\x80\x80", "\ufffd" * 4),
+        (b"cut \xe2\x82", "cut \ufffd\ufffd"),
+        (b"\xef\xbb\xbf\x01\x1b[31m\x7f\r\n", "\ufeff\x01\x1b[31m\x7f\r\n"),
+        ("Grüße, 請求, 𝄞".encode(), "Grüße, 請求, 𝄞"),
+        (b"100%s %n %d", "100%s %n %d"),
+    ],
+)
 def test_a_body_reaches_the_caller_as_valid_text(service, caller, store, body, text):
     store.answer = Reply(body)
     assert caller.call("get_product_list", "a", "", "") == (0, text)
@@ -169,13 +171,11 @@ def test_a_body_one_byte_longer_is_a_failure_with_what_came_before(service, call
     assert still_served(caller, store, owner)
 
 
-TOO_LONG_AS_TEXT = {"one byte": lambda: long_text(LIMIT - 1) + b"\xff",
-                    "every byte": lambda: b"\xff" * (LIMIT // 2)}
+TOO_LONG_AS_TEXT = {"one byte": lambda: long_text(LIMIT - 1) + b"\xff", "every byte": lambda: b"\xff" * (LIMIT // 2)}
 
 
 @pytest.mark.parametrize("mended", TOO_LONG_AS_TEXT)
-def test_a_body_that_is_too_long_once_it_is_valid_is_a_failure_without_text(service, caller, store,
-                                                                           mended):
+def test_a_body_that_is_too_long_once_it_is_valid_is_a_failure_without_text(service, caller, store, mended):
     owner = caller.owner()
     store.answer = Reply(TOO_LONG_AS_TEXT[mended]())
 
@@ -203,17 +203,16 @@ MEGABYTE = b"100000\r\n" + b"x" * (1 << 20) + b"\r\n"
 STREAMS = {
     "headers": Stream(OK, b"X-More: " + b"x" * 1000 + b"\r\n"),
     "a header without an end": Stream(OK + b"X-Long: ", b"x" * 1000),
-    "trailers": Stream(OK + b"Transfer-Encoding: chunked\r\n\r\n2\r\n{}\r\n0\r\n",
-                       b"X-More: " + b"x" * 1000 + b"\r\n"),
+    "trailers": Stream(OK + b"Transfer-Encoding: chunked\r\n\r\n2\r\n{}\r\n0\r\n", b"X-More: " + b"x" * 1000 + b"\r\n"),
     "interim answers": Stream(b"", b"HTTP/1.1 100 Continue\r\nX-More: " + b"x" * 1000 + b"\r\n\r\n"),
     "a GiB that is announced": Stream(OK + b"Content-Length: 1073741824\r\n\r\n", b"x" * (1 << 20)),
     "a GiB in one chunk": Stream(OK + b"Transfer-Encoding: chunked\r\n\r\n40000000\r\n", b"x" * (1 << 20)),
-    "a GiB in chunks": Stream(OK + b"Transfer-Encoding: chunked\r\n\r\n", MEGABYTE)}
+    "a GiB in chunks": Stream(OK + b"Transfer-Encoding: chunked\r\n\r\n", MEGABYTE),
+}
 
 
 @pytest.mark.parametrize("stream", STREAMS)
-def test_an_answer_that_grows_and_grows_is_a_failure_and_takes_no_more_memory_than_the_largest(
-        service, caller, store, stream):
+def test_an_answer_that_grows_and_grows_is_a_failure_and_takes_no_more_memory_than_the_largest(service, caller, store, stream):
     owner = caller.owner()
     store.answer = STREAMS[stream]
 

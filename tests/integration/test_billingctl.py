@@ -16,13 +16,18 @@ from harness.methods import EVERY_CALL
 
 from billing_lab import bus as message_bus
 
-ARGUMENTS = {"--appid": "app-1", "--invoiceid": "invoice-1", "--custom-id": "custom-1",
-             "--check-value": "check-1", "--server-type": "1", "--item-type": "2",
-             "--page-number": "5"}
+ARGUMENTS = {
+    "--appid": "app-1",
+    "--invoiceid": "invoice-1",
+    "--custom-id": "custom-1",
+    "--check-value": "check-1",
+    "--server-type": "1",
+    "--item-type": "2",
+    "--page-number": "5",
+}
 OPTIONS = {
     "get_product_list": ("--appid", "--server-type", "--check-value"),
-    "get_purchase_history": ("--appid", "--custom-id", "--item-type", "--page-number",
-                             "--check-value", "--server-type"),
+    "get_purchase_history": ("--appid", "--custom-id", "--item-type", "--page-number", "--check-value", "--server-type"),
     "get_applied_time": ("--appid", "--custom-id", "--invoiceid", "--server-type"),
     "confirm_purchase": ("--appid", "--custom-id", "--invoiceid", "--server-type"),
     "check_server_availability": (),
@@ -40,8 +45,7 @@ def options_of(method):
 
 
 @pytest.mark.parametrize("method", EVERY_CALL)
-def test_each_method_is_called_with_its_arguments_in_their_places(service, ctl, caller, store,
-                                                                  method):
+def test_each_method_is_called_with_its_arguments_in_their_places(service, ctl, caller, store, method):
     values = [ARGUMENTS[option] for option in OPTIONS[method]]
     caller.call(method, *values)
 
@@ -50,7 +54,10 @@ def test_each_method_is_called_with_its_arguments_in_their_places(service, ctl, 
     assert (done.returncode, done.stderr) == (DONE, "")
     answer = json.loads(done.stdout)
     assert {key: answer[key] for key in ("method", "resp_result", "resp_info")} == {
-        "method": method, "resp_result": 0, "resp_info": "{}"}
+        "method": method,
+        "resp_result": 0,
+        "resp_info": "{}",
+    }
     assert 0 < answer["milliseconds"] < 60000
     first, second = store.requests
     assert first.raw == second.raw
@@ -75,8 +82,7 @@ def test_people_get_the_body_indented_and_unaltered(service, ctl, store):
     done = ctl("check_server_availability")
 
     assert done.returncode == DONE
-    assert done.stdout == ('{\n  "price": 1.10,\n  "big": 12345678901234567890,\n  "none": [],\n'
-                           '  "text": "a\\u0041,:{"\n}\n')
+    assert done.stdout == ('{\n  "price": 1.10,\n  "big": 12345678901234567890,\n  "none": [],\n  "text": "a\\u0041,:{"\n}\n')
     assert done.stderr.startswith("check_server_availability: resp_result 0, the server answered (")
 
 
@@ -134,21 +140,26 @@ def test_an_answer_is_waited_for_no_longer_than_asked(service, ctl, store):
     assert done.returncode == UNREACHABLE
     assert json.loads(done.stdout) == {
         "method": "check_server_availability",
-        "error": {"cause": "the service did not answer within 0.3 s",
-                  "cure": "a transfer may take 90 s: wait longer with --timeout, and look at its "
-                          "log"}}
+        "error": {
+            "cause": "the service did not answer within 0.3 s",
+            "cure": "a transfer may take 90 s: wait longer with --timeout, and look at its log",
+        },
+    }
 
 
 def test_a_service_that_dies_with_the_call_is_no_time_out(service, bus, store):
     store.answer = server.Hang()
-    with subprocess.Popen([billingctl.program(), "check-server-availability"], text=True,
-                          stderr=subprocess.PIPE, env=billingctl.environment(bus)) as calling:
+    with subprocess.Popen(
+        [billingctl.program(), "check-server-availability"], text=True, stderr=subprocess.PIPE, env=billingctl.environment(bus)
+    ) as calling:
         store.wait_for_requests(1)
         service.kill()
         _, said = calling.communicate(timeout=60)
     assert calling.returncode == UNREACHABLE
-    assert said == ("check_server_availability: the service left the bus before it answered; look at "
-                    "its log; whether the store got the request is not known\n")
+    assert said == (
+        "check_server_availability: the service left the bus before it answered; look at "
+        "its log; whether the store got the request is not known\n"
+    )
 
 
 START_BUS = "start the message bus, or name another one with --bus or DBUS_SYSTEM_BUS_ADDRESS"
@@ -159,15 +170,18 @@ def test_a_service_that_is_not_there_is_named(ctl):
     assert done.returncode == UNREACHABLE
     assert done.stderr == (
         "check_server_availability: nobody owns the name org.plevo.billingservice on the bus; start "
-        "the service (systemctl start billing-service) and look at its log\n")
+        "the service (systemctl start billing-service) and look at its log\n"
+    )
 
 
 @pytest.mark.parametrize("option", ["--bus", "--address"])
 def test_a_bus_that_is_not_there_is_named(ctl, option):
     done = ctl(option, "unix:path=/nowhere", "check-server-availability")
     assert done.returncode == UNREACHABLE
-    assert done.stderr == ("check_server_availability: the system bus cannot be reached: Could not "
-                           f"connect: No such file or directory; {START_BUS}\n")
+    assert done.stderr == (
+        "check_server_availability: the system bus cannot be reached: Could not "
+        f"connect: No such file or directory; {START_BUS}\n"
+    )
 
 
 @pytest.mark.skipif(os.geteuid() != 0, reason="takes another user's part")
@@ -180,15 +194,26 @@ def test_a_bus_that_may_not_be_opened_is_named(tmp_path):
         closed.listen()
         # Opened as root: the tree may be anywhere.
         done = subprocess.run(
-            [sys.executable, "-c", "import os, sys; program = os.open(sys.argv[1], os.O_PATH); os.setgroups([]); "
-             "os.setuid(65534); os.execve(program, sys.argv[1:], {})", billingctl.program(), "--bus",
-             f"unix:path={folder}/bus", "check-server-availability"],
-            capture_output=True, text=True, check=False)
+            [
+                sys.executable,
+                "-c",
+                "import os, sys; program = os.open(sys.argv[1], os.O_PATH); os.setgroups([]); "
+                "os.setuid(65534); os.execve(program, sys.argv[1:], {})",
+                billingctl.program(),
+                "--bus",
+                f"unix:path={folder}/bus",
+                "check-server-availability",
+            ],
+            capture_output=True,
+            text=True,
+            check=False,
+        )
     assert done.returncode == UNREACHABLE
     assert done.stderr == (
         "check_server_availability: the system bus cannot be reached: Could not connect: Permission denied; "
         "call as a user who may open the bus's socket, or name another one with --bus or "
-        "DBUS_SYSTEM_BUS_ADDRESS\n")
+        "DBUS_SYSTEM_BUS_ADDRESS\n"
+    )
 
 
 @pytest.mark.parametrize("command", ["check-server-availability", "doctor"])
@@ -205,32 +230,43 @@ def test_a_bus_that_says_nothing_is_not_waited_for(ctl, tmp_path, command):
 
 def test_a_bus_that_refuses_the_call_is_named(service, ctl, caller, tmp_path):
     rules = tmp_path / "bus.conf"
-    rules.write_text(rules.read_text().replace(
-        f'<allow send_destination="{message_bus.SERVICE}"/>', ""))
-    caller.connection.call_sync("org.freedesktop.DBus", "/", "org.freedesktop.DBus", "ReloadConfig",
-                                None, None, Gio.DBusCallFlags.NONE, 10000, None)
+    rules.write_text(rules.read_text().replace(f'<allow send_destination="{message_bus.SERVICE}"/>', ""))
+    caller.connection.call_sync(
+        "org.freedesktop.DBus", "/", "org.freedesktop.DBus", "ReloadConfig", None, None, Gio.DBusCallFlags.NONE, 10000, None
+    )
 
     done = ctl("check-server-availability")
 
     assert done.returncode == UNREACHABLE
-    assert done.stderr.startswith("check_server_availability: the bus does not let this user call the "
-                                  "service: ")
+    assert done.stderr.startswith("check_server_availability: the bus does not let this user call the service: ")
     assert done.stderr.endswith("; call as a user of the group that the bus policy names\n")
 
 
-@pytest.mark.parametrize("arguments, said", [
-    ((), "A subcommand is required; see billingctl --help"),
-    (("buy",), 'there is no command "buy"; see billingctl --help'),
-    *(((typed,), f'there is no command "{typed}", did you mean "{meant}"; see billingctl --help')
-      for typed, meant in (("docter", "doctor"), ("monitr", "monitor"), ("get_product", "get-product-list"),
-                           ("confirm-purchas", "confirm-purchase"))),
-    (("get-product-list",), "--appid is required; see billingctl get-product-list --help"),
-    (("confirm-purchase", "--appid", "a"),
-     "--invoiceid is required; see billingctl confirm-purchase --help"),
-    *((("--timeout", time, "doctor"),
-       f'--timeout: "{time}" is no number of seconds from 0.1 to 86400; see billingctl doctor --help')
-      for time in ("0", "-1", "nan", "86401", "soon")),
-])
+@pytest.mark.parametrize(
+    "arguments, said",
+    [
+        ((), "A subcommand is required; see billingctl --help"),
+        (("buy",), 'there is no command "buy"; see billingctl --help'),
+        *(
+            ((typed,), f'there is no command "{typed}", did you mean "{meant}"; see billingctl --help')
+            for typed, meant in (
+                ("docter", "doctor"),
+                ("monitr", "monitor"),
+                ("get_product", "get-product-list"),
+                ("confirm-purchas", "confirm-purchase"),
+            )
+        ),
+        (("get-product-list",), "--appid is required; see billingctl get-product-list --help"),
+        (("confirm-purchase", "--appid", "a"), "--invoiceid is required; see billingctl confirm-purchase --help"),
+        *(
+            (
+                ("--timeout", time, "doctor"),
+                f'--timeout: "{time}" is no number of seconds from 0.1 to 86400; see billingctl doctor --help',
+            )
+            for time in ("0", "-1", "nan", "86401", "soon")
+        ),
+    ],
+)
 def test_wrong_arguments_are_named_in_one_line(ctl, arguments, said):
     done = ctl(*arguments)
     assert (done.returncode, done.stdout) == (USAGE, "")
@@ -245,20 +281,30 @@ def test_wrong_arguments_are_named_in_one_line(ctl, arguments, said):
 def test_an_argument_that_the_bus_cannot_carry_is_named(ctl):
     done = ctl("get-product-list", "--appid", b"\xff")
     assert (done.returncode, done.stdout) == (USAGE, "")
-    assert done.stderr == ("billingctl: --appid: is not UTF-8, which the bus asks for; see billingctl "
-                           "get-product-list --help\n")
+    assert done.stderr == (
+        "billingctl: --appid: is not UTF-8, which the bus asks for; see billingctl get-product-list --help\n"
+    )
 
 
-@pytest.mark.parametrize("arguments", [("--version",), ("--help",), ("doctor",), ("--json", "buy"),
-                                       ("--json", "check-server-availability")])
+@pytest.mark.parametrize(
+    "arguments", [("--version",), ("--help",), ("doctor",), ("--json", "buy"), ("--json", "check-server-availability")]
+)
 def test_output_that_is_lost_is_a_failure(bus, arguments):
     with open("/dev/full", "w", encoding="utf-8") as full:
-        done = subprocess.run([billingctl.program(), *arguments], stdout=full, check=False, text=True,
-                              stderr=subprocess.PIPE, env=billingctl.environment(bus), timeout=60)
+        done = subprocess.run(
+            [billingctl.program(), *arguments],
+            stdout=full,
+            check=False,
+            text=True,
+            stderr=subprocess.PIPE,
+            env=billingctl.environment(bus),
+            timeout=60,
+        )
     assert done.returncode == FAILED
     assert done.stderr in [
         f"billingctl: the output cannot be written: {why}; make room, or send it elsewhere\n"
-        for why in ("No space left on device", "a part of it is lost")]
+        for why in ("No space left on device", "a part of it is lost")
+    ]
 
 
 @pytest.mark.parametrize("command", ["", "doctor", "get-product-list"])
@@ -272,16 +318,19 @@ def test_help_is_a_command_too(ctl, command):
 def test_the_version_names_the_libraries(ctl):
     done = ctl("--version")
     assert done.returncode == DONE
-    assert [line.split(" ")[0] for line in done.stdout.splitlines()] == [
-        "billingctl", "GLib", "libcurl", "OpenSSL", "jsoncpp"]
+    assert [line.split(" ")[0] for line in done.stdout.splitlines()] == ["billingctl", "GLib", "libcurl", "OpenSSL", "jsoncpp"]
 
 
 # --- completion and manual ---
 
+
 def spellings_in_help(ctl, *arguments):
     """The options that a help text describes, each with all its spellings."""
-    return [[spelling for spelling in word.split(",") if spelling.startswith("--")]
-            for word in ctl(*arguments, "--help").stdout.split() if re.match("(-o,)?--", word)]
+    return [
+        [spelling for spelling in word.split(",") if spelling.startswith("--")]
+        for word in ctl(*arguments, "--help").stdout.split()
+        if re.match("(-o,)?--", word)
+    ]
 
 
 COMMANDS = [*(method.replace("_", "-") for method in EVERY_CALL), "doctor", "status", "report", "settings", "monitor", "help"]
@@ -289,19 +338,26 @@ COMMANDS = [*(method.replace("_", "-") for method in EVERY_CALL), "doctor", "sta
 
 def test_the_manual_names_every_command_and_every_spelling_of_its_options(ctl):
     manual = (daemon.TREE / "data" / "man" / "billingctl.1").read_text().replace("\\-", "-")
-    wanted = {*COMMANDS, *(option for command in ((), *((name,) for name in COMMANDS))
-                           for spellings in spellings_in_help(ctl, *command)
-                           for option in spellings)}
+    wanted = {
+        *COMMANDS,
+        *(
+            option
+            for command in ((), *((name,) for name in COMMANDS))
+            for spellings in spellings_in_help(ctl, *command)
+            for option in spellings
+        ),
+    }
     assert {"--appid", "--serverType", "--timeout", "--sign"} < wanted
     assert {word for word in wanted if not re.search(rf"{word}\b", manual)} == set()
 
 
 def completions(*words):
     """What bash offers for the last of these words."""
-    script = (f'. {daemon.TREE / "data" / "completions" / "billingctl"}; COMP_WORDS=("$@"); '
-              'COMP_CWORD=$(($# - 1)); _billingctl; printf "%s\\n" "${COMPREPLY[@]}"')
-    done = subprocess.run(["bash", "-c", script, "bash", "billingctl", *words], capture_output=True,
-                          text=True, check=True)
+    script = (
+        f'. {daemon.TREE / "data" / "completions" / "billingctl"}; COMP_WORDS=("$@"); '
+        'COMP_CWORD=$(($# - 1)); _billingctl; printf "%s\\n" "${COMPREPLY[@]}"'
+    )
+    done = subprocess.run(["bash", "-c", script, "bash", "billingctl", *words], capture_output=True, text=True, check=True)
     return done.stdout.split()
 
 

@@ -68,8 +68,7 @@ def test_a_bus_that_dies_under_calls_ends_the_daemon_cleanly(service, caller, bu
     assert shutdown.fault(service, 1) is None
 
 
-def test_a_call_of_no_method_or_with_other_arguments_is_refused_by_the_bus_library(service, caller,
-                                                                                  store):
+def test_a_call_of_no_method_or_with_other_arguments_is_refused_by_the_bus_library(service, caller, store):
     with pytest.raises(GLib.Error, match="UnknownMethod"):
         caller.call("no_such_method")
     with pytest.raises(GLib.Error, match="InvalidArgs"):

@@ -7,8 +7,7 @@ from harness.server import Hang, Reply
 
 def test_two_calls_are_answered_in_the_order_of_their_results(service, caller, store):
     gate = threading.Event()
-    store.answer = lambda request: (Reply(b"late", gate=gate) if "products" in request.line
-                                    else Reply(b"soon"))
+    store.answer = lambda request: (Reply(b"late", gate=gate) if "products" in request.line else Reply(b"soon"))
 
     late = caller.start("get_product_list", "a", "", "")
     store.wait_for_requests(1)
@@ -77,7 +76,5 @@ def test_a_caller_that_leaves_before_its_answer_harms_nobody(service, callers, s
     staying.finish([other])
 
     assert other.result == (0, "for nobody")
-    service.wait_until(
-        lambda: service.texts().count("g_dbus_method_invocation_return_value") == 4,
-        "both calls are answered")
+    service.wait_until(lambda: service.texts().count("g_dbus_method_invocation_return_value") == 4, "both calls are answered")
     assert staying.call("check_server_availability") == (0, "for nobody")

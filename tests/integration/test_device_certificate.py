@@ -20,9 +20,9 @@ def test_the_server_sees_the_devices_certificate_with_every_request(service, cal
     assert store.requests[0].resumed is False
 
 
-def test_the_certificate_is_read_once_and_used_for_every_connection(service, caller, store,
-                                                                    server_context, other_store,
-                                                                    a_device):
+def test_the_certificate_is_read_once_and_used_for_every_connection(
+    service, caller, store, server_context, other_store, a_device
+):
     caller.call("check_server_availability")
     other = other_store(server_context)
     a_device.set("deployment", "production_host", f"production.localhost:{other.port}")
@@ -37,25 +37,24 @@ def rsa_key(bits):
     return rsa.generate_private_key(65537, bits).public_key()
 
 
-
 # What is in the certificate's place, and what is said about it at the transfer.
 UNUSABLE = {
     "nothing": (None, ["!bioClient", "use_clientcert  Error!"]),
     "a pipe that nobody writes to": (os.mkfifo, ["!bioClient", "use_clientcert  Error!"]),
     "an empty file": (lambda _: b"", ["PEM_read_bio_X509 failed...", "use_clientcert  Error!"]),
-    "garbage": (lambda _: bytes(range(256)) * 4,
-                ["PEM_read_bio_X509 failed...", "use_clientcert  Error!"]),
-    "half a certificate": (lambda device: device.certify()[:400],
-                           ["PEM_read_bio_X509 failed...", "use_clientcert  Error!"]),
+    "garbage": (lambda _: bytes(range(256)) * 4, ["PEM_read_bio_X509 failed...", "use_clientcert  Error!"]),
+    "half a certificate": (lambda device: device.certify()[:400], ["PEM_read_bio_X509 failed...", "use_clientcert  Error!"]),
     "one of an elliptic curve": (
         lambda device: device.certify(ec.generate_private_key(ec.SECP256R1()).public_key()),
-        ["use_pkey  Error!"]),
+        ["use_pkey  Error!"],
+    ),
 }
 
 
 @pytest.mark.parametrize("instead", UNUSABLE)
 def test_a_certificate_of_no_use_fails_the_call_and_its_successor_needs_no_restart(
-        needs_view, start_daemon, caller, store, a_device, instead):
+    needs_view, start_daemon, caller, store, a_device, instead
+):
     make, said = UNUSABLE[instead]
     good = a_device.credentials.certificate.read_bytes()
     if make in (None, os.mkfifo):
@@ -83,16 +82,18 @@ def test_a_certificate_of_no_use_fails_the_call_and_its_successor_needs_no_resta
 REFUSED = {
     "of another key": (lambda device: device.certify(rsa_key(2048)), "alert decrypt error"),
     "of a short key": (lambda device: device.certify(rsa_key(1024)), "Error accepting Certificate"),
-    "expired": (lambda device: device.certify(validity=certificates.EXPIRED),
-                "(the server says that the certificate of this device has expired)"),
-    "not yet valid": (lambda device: device.certify(validity=certificates.NOT_YET),
-                      "alert bad certificate"),
+    "expired": (
+        lambda device: device.certify(validity=certificates.EXPIRED),
+        "(the server says that the certificate of this device has expired)",
+    ),
+    "not yet valid": (lambda device: device.certify(validity=certificates.NOT_YET), "alert bad certificate"),
 }
 
 
 @pytest.mark.parametrize("which", REFUSED)
 def test_a_certificate_that_does_not_do_fails_the_call_and_is_kept_until_a_restart(
-        needs_view, start_daemon, caller, store, a_device, which):
+    needs_view, start_daemon, caller, store, a_device, which
+):
     make, reason = REFUSED[which]
     good = a_device.credentials.certificate.read_bytes()
     a_device.credentials.install(make(a_device.credentials))
@@ -110,8 +111,7 @@ def test_a_certificate_that_does_not_do_fails_the_call_and_is_kept_until_a_resta
     assert answers(caller) == all_alike((0, "{}"))
 
 
-def test_a_certificate_of_another_key_is_seen_at_the_start(needs_view, start_daemon, caller,
-                                                           a_device):
+def test_a_certificate_of_another_key_is_seen_at_the_start(needs_view, start_daemon, caller, a_device):
     a_device.credentials.install(a_device.credentials.certify(rsa_key(2048)))
     process = start_daemon()
     process.wait_for_name(caller)
@@ -121,7 +121,8 @@ def test_a_certificate_of_another_key_is_seen_at_the_start(needs_view, start_dae
 
 @pytest.mark.parametrize("missing, answer", [("key_id", FAILED), ("credential", (0, "{}"))])
 def test_without_a_key_number_nothing_signs_and_without_an_identity_the_key_store_decides(
-        needs_view, start_daemon, caller, store, a_device, missing, answer):
+    needs_view, start_daemon, caller, store, a_device, missing, answer
+):
     a_device.set("deployment", missing, None)
     process = start_daemon()
     process.wait_for_name(caller)
@@ -138,11 +139,18 @@ def below(device):
     key = rsa.generate_private_key(65537, 2048)
     lab = device.credentials.folder
     name = x509.Name([x509.NameAttribute(NameOID.COMMON_NAME, "Between")])
-    between = certificates.certify((lab / "ca.pem").read_bytes(), (lab / "ca.key").read_bytes(), key.public_key(), name,
-                                   certificates.VALID, x509.BasicConstraints(ca=True, path_length=0))
+    between = certificates.certify(
+        (lab / "ca.pem").read_bytes(),
+        (lab / "ca.key").read_bytes(),
+        key.public_key(),
+        name,
+        certificates.VALID,
+        x509.BasicConstraints(ca=True, path_length=0),
+    )
     own = x509.load_pem_x509_certificate(device.credentials.certificate.read_bytes())
-    device.credentials.install(certificates.certify(between, certificates.pem_of(key), own.public_key(), own.subject,
-                                                    certificates.VALID) + between)
+    device.credentials.install(
+        certificates.certify(between, certificates.pem_of(key), own.public_key(), own.subject, certificates.VALID) + between
+    )
     return between
 
 
@@ -179,7 +187,8 @@ def test_a_store_that_only_asks_is_shown_the_certificate_too(service, caller, as
 
 @pytest.mark.parametrize("newest", [ssl.TLSVersion.TLSv1_2, ssl.TLSVersion.TLSv1_3])
 def test_nothing_of_a_call_without_a_certificate_is_used_again(
-        needs_view, start_daemon, caller, authority, provisioned, other_store, a_device, newest):
+    needs_view, start_daemon, caller, authority, provisioned, other_store, a_device, newest
+):
     context = authority.server_context("localhost", clients=provisioned.authority)
     context.verify_mode = ssl.CERT_OPTIONAL
     context.maximum_version = newest

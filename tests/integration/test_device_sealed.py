@@ -28,15 +28,17 @@ def sealed(a_device, key):
     material = device.folder / "key_material"
     subprocess.run(
         [credentials.provision_tool(), "seal", "--certificate", device.certificate, "--out", material],
-        input=certificates.pem_of(key), check=True, capture_output=True,
-        env={**os.environ, **device.environment, "PLEVO_DEVICE_CONF": device.folder / "device.conf"})
+        input=certificates.pem_of(key),
+        check=True,
+        capture_output=True,
+        env={**os.environ, **device.environment, "PLEVO_DEVICE_CONF": device.folder / "device.conf"},
+    )
     a_device.set("deployment", "key_id", KEY_ID)
     a_device.set("deployment", "key_material", str(material))
     return a_device
 
 
-def test_a_sealed_key_is_stored_at_the_first_start_and_found_at_the_next(
-        needs_view, start_daemon, caller, store, sealed):
+def test_a_sealed_key_is_stored_at_the_first_start_and_found_at_the_next(needs_view, start_daemon, caller, store, sealed):
     first = start_daemon()
     first.wait_for_name(caller)
     assert answers(caller) == all_alike(WORKS)
@@ -60,14 +62,12 @@ def test_what_a_first_start_writes_is_for_nobody_else(needs_view, start_daemon, 
     process.wait_for_name(caller)
     assert process.stop() == 0
 
-    written = [file for file in folder.rglob("*")
-               if file.is_file() and before.get(file) != file.stat().st_mtime_ns]
+    written = [file for file in folder.rglob("*") if file.is_file() and before.get(file) != file.stat().st_mtime_ns]
     assert written
     assert {oct(file.stat().st_mode & 0o077) for file in written} == {"0o0"}
 
 
-def test_sealed_key_material_of_another_certificate_is_left_alone(needs_view, start_daemon, caller,
-                                                                  store, sealed):
+def test_sealed_key_material_of_another_certificate_is_left_alone(needs_view, start_daemon, caller, store, sealed):
     other = rsa.generate_private_key(65537, 2048).public_key()
     sealed.credentials.install(sealed.credentials.certify(other))
     process = start_daemon()
@@ -84,14 +84,19 @@ def pieces(number):
     """How eight or more bytes of a number look in a text: as digits, bytes, Base64."""
     data = number.to_bytes((number.bit_length() + 7) // 8, "big")
     decimal = str(number)
-    found = {decimal[i:i + 20].encode() for i in range(0, len(decimal) - 20)}
+    found = {decimal[i : i + 20].encode() for i in range(0, len(decimal) - 20)}
     for start in range(len(data) - 8):
-        part = data[start:start + 8]
-        found |= {part, part.hex().encode(), part.hex().upper().encode(),
-                  part.hex(":").encode(), part.hex(":").upper().encode()}
+        part = data[start : start + 8]
+        found |= {
+            part,
+            part.hex().encode(),
+            part.hex().upper().encode(),
+            part.hex(":").encode(),
+            part.hex(":").upper().encode(),
+        }
     for skipped in range(3):
         text = base64.b64encode(data[skipped:])[:-4]
-        found |= {text[i:i + 12] for i in range(len(text) - 12)}
+        found |= {text[i : i + 12] for i in range(len(text) - 12)}
     return found
 
 
@@ -102,8 +107,9 @@ def secret_numbers(key):
 
 @pytest.mark.parametrize("private", [None, "show"])
 @pytest.mark.parametrize("level", ["debug", "info", "warning", "error"])
-def test_the_log_holds_no_pin_and_no_byte_of_the_key(needs_view, start_daemon, caller, sealed, key,
-                                                     server_context, other_store, level, private):
+def test_the_log_holds_no_pin_and_no_byte_of_the_key(
+    needs_view, start_daemon, caller, sealed, key, server_context, other_store, level, private
+):
     environment = {} if private is None else {"PLEVO_LOG_PRIVATE": private}
     process = start_daemon(level=level, environment=environment)
     process.wait_for_name(caller)

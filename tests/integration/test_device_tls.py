@@ -22,6 +22,7 @@ def signatures(process):
 @pytest.fixture
 def store_with(authority, provisioned, other_store, a_device):
     """A function that runs a store of some versions, and has the device use it."""
+
     def make(lowest, highest, wish, ciphers="DEFAULT"):
         context = authority.server_context("localhost", clients=provisioned.authority)
         # Below 1.2 only a server with old rules talks at all.
@@ -31,6 +32,7 @@ def store_with(authority, provisioned, other_store, a_device):
         running = other_store(context)
         a_device.set("deployment", "production_host", f"localhost:{running.port}")
         return running
+
     return make
 
 
@@ -45,10 +47,21 @@ def test_a_store_of_tls_12_or_newer_is_reached(service, caller, store_with, newe
     assert signatures(service) == (client is not None)
 
 
-@pytest.mark.parametrize("cipher, reached", [
-    ("AES128-SHA", False), ("AES128-GCM-SHA256", False), ("AES256-GCM-SHA384", False), ("ECDHE-RSA-AES128-SHA", False),
-    ("ECDHE-RSA-AES256-SHA384", False), ("DHE-RSA-AES128-SHA", False), ("CAMELLIA128-SHA", False),
-    ("ECDHE-RSA-AES128-GCM-SHA256", True), ("ECDHE-RSA-AES256-GCM-SHA384", True), ("ECDHE-RSA-CHACHA20-POLY1305", True)])
+@pytest.mark.parametrize(
+    "cipher, reached",
+    [
+        ("AES128-SHA", False),
+        ("AES128-GCM-SHA256", False),
+        ("AES256-GCM-SHA384", False),
+        ("ECDHE-RSA-AES128-SHA", False),
+        ("ECDHE-RSA-AES256-SHA384", False),
+        ("DHE-RSA-AES128-SHA", False),
+        ("CAMELLIA128-SHA", False),
+        ("ECDHE-RSA-AES128-GCM-SHA256", True),
+        ("ECDHE-RSA-AES256-GCM-SHA384", True),
+        ("ECDHE-RSA-CHACHA20-POLY1305", True),
+    ],
+)
 def test_only_suites_of_fresh_keys_and_authenticated_encryption_are_spoken(service, caller, store_with, cipher, reached):
     store = store_with(V12, V12, DEMANDS, cipher)
 
@@ -59,8 +72,7 @@ def test_only_suites_of_fresh_keys_and_authenticated_encryption_are_spoken(servi
 @pytest.mark.parametrize("wish", [DEMANDS, ASKS, NOTHING])
 @pytest.mark.parametrize("only", [V11, V13])
 @pytest.mark.filterwarnings("ignore:ssl.TLSVersion.TLSv1_1")
-def test_a_store_of_another_tls_only_is_a_failure_that_says_so(service, caller, store_with, only,
-                                                               wish):
+def test_a_store_of_another_tls_only_is_a_failure_that_says_so(service, caller, store_with, only, wish):
     store = store_with(only, only, wish)
 
     assert answers(caller) == all_alike(FAILED)
@@ -83,13 +95,15 @@ def test_http_2_carries_the_certificate_too(service, caller, start_nginx):
     assert {call.result for call in calls} == {(0, "nginx")}
     asked = running.stop()
     assert [(entry[0], entry[1], entry[3]) for entry in asked] == (
-        [("HTTP/2.0", DEVICE, asked[0][3])] * len(calls)), "one connection for all"
+        [("HTTP/2.0", DEVICE, asked[0][3])] * len(calls)
+    ), "one connection for all"
     assert signatures(service) == 1
 
 
 def test_a_store_that_takes_pss_signatures_only_sees_no_certificate(service, caller, start_nginx):
-    running = start_nginx(extra="ssl_protocols TLSv1.2; ssl_conf_command ClientSignatureAlgorithms "
-                                "rsa_pss_rsae_sha256:rsa_pss_rsae_sha384;")
+    running = start_nginx(
+        extra="ssl_protocols TLSv1.2; ssl_conf_command ClientSignatureAlgorithms rsa_pss_rsae_sha256:rsa_pss_rsae_sha384;"
+    )
 
     for result, body in answers(caller).values():
         assert result == 0 and "No required SSL certificate was sent" in body
@@ -101,8 +115,9 @@ def test_a_store_that_takes_pss_signatures_only_sees_no_certificate(service, cal
 def a_server_context(issuer, clients, validity=certificates.VALID, name="localhost"):
     """A server of an authority, that demands a certificate of a device."""
     key = rsa.generate_private_key(65537, 2048)
-    pem = certificates.certify(issuer.pem, issuer.key_pem, key.public_key(), Name([]), validity,
-                               SubjectAlternativeName([DNSName(name)]))
+    pem = certificates.certify(
+        issuer.pem, issuer.key_pem, key.public_key(), Name([]), validity, SubjectAlternativeName([DNSName(name)])
+    )
     return certificates.context_of(pem + certificates.pem_of(key), clients)
 
 
@@ -111,18 +126,17 @@ STRANGERS = {
     "of another authority": (dict(issuer=certificates.Authority()), "unable to get local issuer"),
     "for another host": (dict(name="elsewhere.example"), "matches target host name"),
     "expired": (dict(validity=certificates.EXPIRED), "has expired (the clock of this device says 2"),
-    "not yet valid": (dict(validity=certificates.NOT_YET),
-                      "is not yet valid (the clock of this device says 2"),
+    "not yet valid": (dict(validity=certificates.NOT_YET), "is not yet valid (the clock of this device says 2"),
 }
 
 
 @pytest.mark.parametrize("demands", [True, False])
 @pytest.mark.parametrize("stranger", STRANGERS)
 def test_a_server_that_is_not_the_store_gets_no_byte(
-        service, caller, authority, provisioned, other_store, a_device, stranger, demands):
+    service, caller, authority, provisioned, other_store, a_device, stranger, demands
+):
     changes, reason = STRANGERS[stranger]
-    context = a_server_context(**{"issuer": authority, **changes},
-                               clients=provisioned.authority if demands else None)
+    context = a_server_context(**{"issuer": authority, **changes}, clients=provisioned.authority if demands else None)
     store = other_store(context)
     a_device.set("deployment", "production_host", f"localhost:{store.port}")
 
@@ -138,8 +152,7 @@ def test_a_server_that_is_not_the_store_gets_no_byte(
     assert all("ErrorCode = 60" in text and reason in text for text in said), said
 
 
-def test_the_same_server_with_a_right_certificate_is_the_store(
-        service, caller, authority, provisioned, other_store, a_device):
+def test_the_same_server_with_a_right_certificate_is_the_store(service, caller, authority, provisioned, other_store, a_device):
     # What makes the test above worth something.
     store = other_store(a_server_context(authority, provisioned.authority))
     a_device.set("deployment", "production_host", f"localhost:{store.port}")
@@ -149,13 +162,12 @@ def test_the_same_server_with_a_right_certificate_is_the_store(
     assert {request.client for request in store.requests} == {DEVICE}
 
 
-def test_a_clock_of_1970_is_an_ordinary_failure_whose_line_names_the_clock(
-        needs_view, start_daemon, caller, store):
+def test_a_clock_of_1970_is_an_ordinary_failure_whose_line_names_the_clock(needs_view, start_daemon, caller, store):
     clock = daemon.binary().parents[1] / "tests" / "support" / "clock-1970.so"
     assert pathlib.Path(clock).exists()
-    process = start_daemon(environment={
-        "LD_PRELOAD": str(clock),
-        "ASAN_OPTIONS": daemon.SANITIZERS["ASAN_OPTIONS"] + ":verify_asan_link_order=0"})
+    process = start_daemon(
+        environment={"LD_PRELOAD": str(clock), "ASAN_OPTIONS": daemon.SANITIZERS["ASAN_OPTIONS"] + ":verify_asan_link_order=0"}
+    )
     process.wait_for_name(caller)
 
     assert answers(caller) == all_alike(FAILED)
@@ -164,6 +176,9 @@ def test_a_clock_of_1970_is_an_ordinary_failure_whose_line_names_the_clock(
     assert signatures(process) == 0
     said = process.failures()
     assert len(said) == len(EVERY_CALL)
-    assert all(re.search(r"ErrorCode = 60; .*certificate is not yet valid "
-                         r"\(the clock of this device says 1970-01-01 00:01 UTC\)!", text)
-               for text in said), said
+    assert all(
+        re.search(
+            r"ErrorCode = 60; .*certificate is not yet valid \(the clock of this device says 1970-01-01 00:01 UTC\)!", text
+        )
+        for text in said
+    ), said

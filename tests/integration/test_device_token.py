@@ -19,18 +19,19 @@ def signatures(process):
 
 def complaints(process):
     """What the key store has said is wrong."""
-    return [record.text for record in process.log()
-            if record.priority == "E" and record.tag == "BILLING_PLATFORM"]
+    return [record.text for record in process.log() if record.priority == "E" and record.tag == "BILLING_PLATFORM"]
 
 
 @pytest.fixture
 def cold_store(server_context, other_store, a_device):
     """A function that sends the device to a store it has never talked to. The next call needs a
     signature."""
+
     def make():
         running = other_store(server_context)
         a_device.set("deployment", "production_host", f"production.localhost:{running.port}")
         return running
+
     return make
 
 
@@ -51,7 +52,8 @@ def proxied(needs_view, start_daemon, caller, proxy):
 
 
 def test_a_token_that_is_pulled_fails_new_connections_only_and_comes_back_without_a_restart(
-        service, caller, store, a_device, cold_store):
+    service, caller, store, a_device, cold_store
+):
     assert answers(caller) == all_alike(WORKS)
     a_device.credentials.pull()
 
@@ -76,8 +78,7 @@ def test_a_token_that_is_pulled_fails_new_connections_only_and_comes_back_withou
     assert len(complaints(service)) == 1
 
 
-def test_a_daemon_that_starts_without_its_token_uses_it_when_it_comes(
-        needs_view, start_daemon, caller, store, a_device):
+def test_a_daemon_that_starts_without_its_token_uses_it_when_it_comes(needs_view, start_daemon, caller, store, a_device):
     a_device.credentials.pull()
     process = start_daemon()
     process.wait_for_name(caller)
@@ -91,8 +92,7 @@ def test_a_daemon_that_starts_without_its_token_uses_it_when_it_comes(
 
 
 @pytest.mark.parametrize("value", [None, "0", "", "seven", "4294967296"])
-def test_without_a_key_id_the_token_is_not_asked(needs_view, start_daemon, caller, store, a_device,
-                                                 proxy, value):
+def test_without_a_key_id_the_token_is_not_asked(needs_view, start_daemon, caller, store, a_device, proxy, value):
     a_device.set("deployment", "key_id", value)
     process = start_daemon(environment=proxy.environment)
     process.wait_for_name(caller)
@@ -106,8 +106,7 @@ def test_without_a_key_id_the_token_is_not_asked(needs_view, start_daemon, calle
     assert "[deployment] key_id" in line
 
 
-def test_a_key_id_that_the_token_does_not_have_is_named(needs_view, start_daemon, caller, store,
-                                                        a_device):
+def test_a_key_id_that_the_token_does_not_have_is_named(needs_view, start_daemon, caller, store, a_device):
     a_device.set("deployment", "key_id", "4711")
     process = start_daemon()
     process.wait_for_name(caller)
@@ -119,7 +118,8 @@ def test_a_key_id_that_the_token_does_not_have_is_named(needs_view, start_daemon
 
 
 def test_a_wrong_pin_is_tried_once_and_the_right_one_is_used_without_a_restart(
-        needs_view, start_daemon, caller, store, a_device, proxy):
+    needs_view, start_daemon, caller, store, a_device, proxy
+):
     pin_file = a_device.credentials.folder / "pin"
     right = pin_file.read_text()
     pin_file.write_text("0000-wrong\n")
@@ -174,11 +174,12 @@ def test_a_wrong_pin_is_not_tried_again_by_the_next_start(needs_view, start_daem
 
 @pytest.mark.parametrize("key", ["module", "token", "pin_file"])
 def test_a_key_store_that_the_settings_name_later_is_not_used_before_the_next_start(
-        service, caller, a_device, cold_store, tmp_path, key):
+    service, caller, a_device, cold_store, tmp_path, key
+):
     marker = tmp_path / "loaded"
     (tmp_path / "other.c").write_text(
-        '#include <fcntl.h>\n__attribute__((constructor)) static void loaded(void)'
-        f'{{ creat("{marker}", 0600); }}\n')
+        "#include <fcntl.h>\n__attribute__((constructor)) static void loaded(void)" f'{{ creat("{marker}", 0600); }}\n'
+    )
     subprocess.run(["cc", "-shared", "-fPIC", "-o", tmp_path / "other.so", tmp_path / "other.c"], check=True)
     a_device.set("keystore", key, str(tmp_path / "other.so"))
     cold_store()
@@ -206,7 +207,8 @@ PIN_FILES = {
 
 @pytest.mark.parametrize("fault", PIN_FILES)
 def test_a_pin_file_of_no_use_is_named_and_mended_without_a_restart(
-        needs_view, start_daemon, caller, store, a_device, proxy, fault):
+    needs_view, start_daemon, caller, store, a_device, proxy, fault
+):
     spoil, said = PIN_FILES[fault]
     pin_file = a_device.credentials.folder / "pin"
     right = pin_file.read_text()
@@ -252,8 +254,7 @@ def test_a_token_without_raw_rsa_does_as_well(proxied, caller, store, proxy):
     assert {request.client for request in store.requests} == {DEVICE}
 
 
-def test_a_token_with_one_try_left_for_its_pin_is_not_asked(needs_view, start_daemon, caller, store,
-                                                            proxy):
+def test_a_token_with_one_try_left_for_its_pin_is_not_asked(needs_view, start_daemon, caller, store, proxy):
     proxy.goes_wrong("PinFinalTry")
     process = start_daemon(environment=proxy.environment)
     process.wait_for_name(caller)
@@ -266,8 +267,7 @@ def test_a_token_with_one_try_left_for_its_pin_is_not_asked(needs_view, start_da
     assert caller.call("check_server_availability") == WORKS
 
 
-def test_a_token_that_is_removed_in_the_middle_of_a_signature_works_at_the_next_call(
-        proxied, caller, store, proxy):
+def test_a_token_that_is_removed_in_the_middle_of_a_signature_works_at_the_next_call(proxied, caller, store, proxy):
     proxy.goes_wrong("Removed")
     assert caller.call("check_server_availability") == FAILED
     assert store.requests == []
@@ -335,8 +335,7 @@ def contents(folder):
     return {path: path.read_bytes() for path in sorted(folder.rglob("*")) if path.is_file()}
 
 
-def test_a_token_that_the_daemon_may_not_write_outlives_a_storm_of_kills(
-        needs_view, start_daemon, caller, store, a_device):
+def test_a_token_that_the_daemon_may_not_write_outlives_a_storm_of_kills(needs_view, start_daemon, caller, store, a_device):
     token = a_device.credentials.token
     before = contents(token)
     for path in [*token.rglob("*"), token]:
@@ -387,6 +386,7 @@ def touched(process, address):
 
 
 if not daemon.is_sanitized():  # which has stacks of its own
+
     def test_the_workers_stack_is_ample(service, caller, store, cold_store):
         answers(caller)
         cold = cold_store()

@@ -8,8 +8,10 @@ from harness.methods import LIMITS_EXCEEDED
 from harness.server import Reply
 
 MIB = 1 << 20
-NO_STATS = ('<deny send_destination="org.freedesktop.DBus" send_interface="org.freedesktop.DBus.Debug.Stats"'
-            ' send_member="GetConnectionStats"/>')
+NO_STATS = (
+    '<deny send_destination="org.freedesktop.DBus" send_interface="org.freedesktop.DBus.Debug.Stats"'
+    ' send_member="GetConnectionStats"/>'
+)
 
 
 @pytest.fixture

@@ -14,6 +14,7 @@ CERTIFICATE = "/usr/apps/org.plevo.billing-api/res/certificate/bgclient.crt"
 
 # --- what ends soon ---
 
+
 def test_a_certificate_that_ends_soon_has_to_be_looked_at(start_daemon, needs_view, caller, doctor, a_device):
     a_device.credentials.reissue(-A_DAY, 12 * A_DAY + A_DAY / 2)
     process = start_daemon()
@@ -23,15 +24,18 @@ def test_a_certificate_that_ends_soon_has_to_be_looked_at(start_daemon, needs_vi
     assert outcomes(found, "warning") == {"certificate"}
     assert found["certificate"]["finding"].endswith(": 12 days left")
     assert [text for text in process.texts("W") if "certificate" in text] == [
-        "the device's certificate ends in 12 days; put a new one there with billing-provision"]
+        "the device's certificate ends in 12 days; put a new one there with billing-provision"
+    ]
 
 
-@pytest.mark.parametrize("validity, said", [
-    ((-2 * A_DAY, -A_DAY * 1.5), "the device's certificate has ended 1 days ago"),
-    (certificates.NOT_YET, "the device's certificate is not valid yet by this clock; set the clock"),
-])
-def test_a_start_with_a_certificate_of_another_time_is_logged(start_daemon, needs_view, caller, a_device,
-                                                              validity, said):
+@pytest.mark.parametrize(
+    "validity, said",
+    [
+        ((-2 * A_DAY, -A_DAY * 1.5), "the device's certificate has ended 1 days ago"),
+        (certificates.NOT_YET, "the device's certificate is not valid yet by this clock; set the clock"),
+    ],
+)
+def test_a_start_with_a_certificate_of_another_time_is_logged(start_daemon, needs_view, caller, a_device, validity, said):
     a_device.credentials.reissue(*validity)
     process = start_daemon()
     process.wait_for_name(caller)
@@ -50,21 +54,20 @@ def test_authorities_that_end_soon_have_to_be_looked_at(service, doctor, a_devic
     assert found["CA bundle"]["finding"] == "1 certificate, the last of them ends: 3 days left"
 
 
-def test_a_store_whose_certificate_ends_soon_has_to_be_looked_at(service, doctor, authority, other_store,
-                                                                 a_device, provisioned):
+def test_a_store_whose_certificate_ends_soon_has_to_be_looked_at(
+    service, doctor, authority, other_store, a_device, provisioned
+):
     ends = datetime.datetime.utcnow() + datetime.timedelta(days=5, hours=12)
     running = other_store(authority.server_context("localhost", clients=provisioned.authority, not_after=ends))
     a_device.set("deployment", "production_host", f"localhost:{running.port}")
     found, failed = doctor()
     assert failed == []
     assert outcomes(found, "warning") == {"TLS"}
-    assert found["TLS"]["finding"] == ("the CA bundle vouches for localhost, whose certificate ends: 5 days "
-                                       "left")
+    assert found["TLS"]["finding"] == ("the CA bundle vouches for localhost, whose certificate ends: 5 days left")
 
 
 @pytest.mark.parametrize("hours, outcome", [(0, "ok"), (2, "warning"), (-2, "warning")])
-def test_the_clock_is_held_against_the_store_s(service, doctor, authority, other_store, a_device, hours,
-                                               outcome):
+def test_the_clock_is_held_against_the_store_s(service, doctor, authority, other_store, a_device, hours, outcome):
     running = other_store(authority.server_context("localhost", clients=None))
     now = time.gmtime(time.time() + hours * 3600)
     running.answer = server.Reply(b"{}", headers=(time.strftime("Date: %a, %d %b %Y %H:%M:%S GMT", now),))
@@ -76,30 +79,56 @@ def test_the_clock_is_held_against_the_store_s(service, doctor, authority, other
 
 # --- the key ---
 
+
 def test_a_key_of_another_kind_is_named(service, doctor, a_device, tmp_path):
     key = tmp_path / "ec.pem"
-    subprocess.run(["openssl", "genpkey", "-algorithm", "EC", "-pkeyopt", "ec_paramgen_curve:P-256", "-out", key],
-                   check=True, capture_output=True)
+    subprocess.run(
+        ["openssl", "genpkey", "-algorithm", "EC", "-pkeyopt", "ec_paramgen_curve:P-256", "-out", key],
+        check=True,
+        capture_output=True,
+    )
     pin = (a_device.credentials.folder / "pin").read_text().strip()
-    subprocess.run(["softhsm2-util", "--import", key, "--token", "billing-lab", "--label", "ec", "--id",
-                    "0000004d", "--pin", pin], check=True, capture_output=True,
-                   env={"PATH": "/usr/bin:/bin", **a_device.credentials.environment})
+    subprocess.run(
+        ["softhsm2-util", "--import", key, "--token", "billing-lab", "--label", "ec", "--id", "0000004d", "--pin", pin],
+        check=True,
+        capture_output=True,
+        env={"PATH": "/usr/bin:/bin", **a_device.credentials.environment},
+    )
     a_device.set("deployment", "key_id", "77")
     found, failed = doctor("--sign")
     assert failed[0] == "key"
     assert found["key"]["id"] == "key.other-kind"
-    assert found["key"]["finding"] == ("the token's key with CKA_ID 0000004d is an EC key, and the service "
-                                       "signs with RSA keys of 2048 bits only")
+    assert found["key"]["finding"] == (
+        "the token's key with CKA_ID 0000004d is an EC key, and the service signs with RSA keys of 2048 bits only"
+    )
 
 
 def test_a_certificate_of_another_kind_is_named(service, doctor, a_device):
-    subprocess.run(["openssl", "req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:P-256", "-nodes",
-                    "-subj", "/CN=other", "-keyout", a_device.credentials.folder / "other.key", "-out",
-                    a_device.credentials.certificate], check=True, capture_output=True)
+    subprocess.run(
+        [
+            "openssl",
+            "req",
+            "-x509",
+            "-newkey",
+            "ec",
+            "-pkeyopt",
+            "ec_paramgen_curve:P-256",
+            "-nodes",
+            "-subj",
+            "/CN=other",
+            "-keyout",
+            a_device.credentials.folder / "other.key",
+            "-out",
+            a_device.credentials.certificate,
+        ],
+        check=True,
+        capture_output=True,
+    )
     found, failed = doctor()
     assert failed[0] == "certificate"
-    assert found["certificate"]["finding"] == (f"{CERTIFICATE} is for an EC key with 256 bits and not for an "
-                                               "RSA key with 2048 bits")
+    assert found["certificate"]["finding"] == (
+        f"{CERTIFICATE} is for an EC key with 256 bits and not for an RSA key with 2048 bits"
+    )
 
 
 def test_sealed_material_that_waits_for_the_start_is_no_missing_key(service, doctor, a_device, tmp_path):
@@ -124,8 +153,10 @@ def test_no_token_at_all_asks_for_its_variable(service, doctor, tmp_path):
 
 # --- the store ---
 
-def test_a_store_that_does_not_know_the_device_s_authority_names_it(service, doctor, authority, other_store,
-                                                                    a_device, tmp_path):
+
+def test_a_store_that_does_not_know_the_device_s_authority_names_it(
+    service, doctor, authority, other_store, a_device, tmp_path
+):
     other = tmp_path / "other.pem"
     other.write_bytes(certificates.Authority().pem)
     running = other_store(authority.server_context("localhost", clients=other))
@@ -146,5 +177,5 @@ def test_a_network_with_a_proxy_only_is_named(service, doctor, a_device, host, c
     assert failed[0] == check
     assert found[check]["id"] == check.lower().replace(" ", "-") + ".proxy"
     assert found[check]["finding"].endswith(
-        "; the environment (https_proxy) names a proxy, and the service uses none: it needs a way of its own to "
-        "the store")
+        "; the environment (https_proxy) names a proxy, and the service uses none: it needs a way of its own to the store"
+    )

@@ -20,7 +20,35 @@ RESTART = "systemctl restart billing-service"
 A_MOMENT = 0.7
 
 
+# --- who does not run ---
+
+
+def test_a_service_that_does_not_run_is_found_out(doctor):
+    found, failed = doctor()
+    assert failed == ["name"]
+    assert found["name"]["finding"] == "nobody owns the name org.plevo.billingservice"
+    assert found["name"]["cure"] == ("start the service (systemctl start billing-service) and look at its log")
+    assert found["call"]["finding"] == "there is nobody to answer it"
+
+
+def test_a_service_that_the_bus_cannot_start_is_found_out(doctor, caller, tmp_path):
+    rules = tmp_path / "bus.conf"
+    rules.write_text(rules.read_text().replace("<auth>", f"<servicedir>{tmp_path}</servicedir><auth>", 1))
+    (tmp_path / "org.plevo.billingservice.service").write_text(
+        "[D-BUS Service]\nName=org.plevo.billingservice\nExec=/bin/false\nUser=root\n"
+    )
+    caller.connection.call_sync(
+        "org.freedesktop.DBus", "/", "org.freedesktop.DBus", "ReloadConfig", None, None, Gio.DBusCallFlags.NONE, 10000, None
+    )
+    found, failed = doctor()
+    assert failed == ["ping"]
+    assert found["name"]["finding"] == ("nobody owns org.plevo.billingservice now; the bus starts it for a call")
+    assert found["ping"]["id"] == "ping.not-started"
+    assert "exited with status 1" in found["ping"]["finding"]
+
+
 # --- who does not answer ---
+
 
 def test_a_service_that_is_stopped_is_no_hung_one(service, doctor):
     service.send(signal.SIGSTOP)
@@ -37,15 +65,22 @@ class Silence:
 
     def __init__(self, address):
         self._process = subprocess.Popen(
-            ["python3", "-c", "import sys, time\nfrom gi.repository import Gio, GLib\n"
-             "bus = Gio.DBusConnection.new_for_address_sync(sys.argv[1], Gio.DBusConnectionFlags("
-             "Gio.DBusConnectionFlags.AUTHENTICATION_CLIENT | "
-             "Gio.DBusConnectionFlags.MESSAGE_BUS_CONNECTION), None, None)\n"
-             "bus.add_filter(lambda bus, message, incoming: None if incoming and message.get_message_type() "
-             "== Gio.DBusMessageType.METHOD_CALL else message)\n"
-             "bus.call_sync('org.freedesktop.DBus', '/org/freedesktop/DBus', 'org.freedesktop.DBus', "
-             "'RequestName', GLib.Variant('(su)', (sys.argv[2], 4)), None, 0, 10000, None)\n"
-             "time.sleep(600)", address, message_bus.SERVICE])
+            [
+                "python3",
+                "-c",
+                "import sys, time\nfrom gi.repository import Gio, GLib\n"
+                "bus = Gio.DBusConnection.new_for_address_sync(sys.argv[1], Gio.DBusConnectionFlags("
+                "Gio.DBusConnectionFlags.AUTHENTICATION_CLIENT | "
+                "Gio.DBusConnectionFlags.MESSAGE_BUS_CONNECTION), None, None)\n"
+                "bus.add_filter(lambda bus, message, incoming: None if incoming and message.get_message_type() "
+                "== Gio.DBusMessageType.METHOD_CALL else message)\n"
+                "bus.call_sync('org.freedesktop.DBus', '/org/freedesktop/DBus', 'org.freedesktop.DBus', "
+                "'RequestName', GLib.Variant('(su)', (sys.argv[2], 4)), None, 0, 10000, None)\n"
+                "time.sleep(600)",
+                address,
+                message_bus.SERVICE,
+            ]
+        )
 
     def stop(self):
         self._process.kill()
@@ -85,12 +120,13 @@ def test_an_answer_that_takes_long_has_to_be_looked_at(service, doctor, store):
 def activation(caller, folder, program):
     """Has the bus start this program for the service's name."""
     rules = folder / "bus.conf"
-    rules.write_text(rules.read_text().replace(
-        "<auth>", f"<servicedir>{folder}</servicedir><auth>", 1))
+    rules.write_text(rules.read_text().replace("<auth>", f"<servicedir>{folder}</servicedir><auth>", 1))
     (folder / "org.plevo.billingservice.service").write_text(
-        f"[D-BUS Service]\nName=org.plevo.billingservice\nExec={program}\nUser=root\n")
-    caller.connection.call_sync("org.freedesktop.DBus", "/", "org.freedesktop.DBus", "ReloadConfig",
-                                None, None, Gio.DBusCallFlags.NONE, 10000, None)
+        f"[D-BUS Service]\nName=org.plevo.billingservice\nExec={program}\nUser=root\n"
+    )
+    caller.connection.call_sync(
+        "org.freedesktop.DBus", "/", "org.freedesktop.DBus", "ReloadConfig", None, None, Gio.DBusCallFlags.NONE, 10000, None
+    )
 
 
 def test_a_start_is_waited_for(doctor, caller, tmp_path):
@@ -107,11 +143,16 @@ def test_a_start_is_waited_for(doctor, caller, tmp_path):
 def without_library(tmp_path):
     """A program whose library is gone."""
     library = tmp_path / "libbilling-lost.so"
-    for source, options in (("int lost(void) { return 0; }", ["-shared", "-o", library]),
-                            ("int lost(void); int main(void) { return lost(); }",
-                             ["-o", tmp_path / "program", f"-L{tmp_path}", "-lbilling-lost"])):
-        subprocess.run(["cc", "-x", "c", "-", *options[:2], *options[2:3], *(["-x", "none"] if len(options) > 3 else []),
-                        *options[3:]], input=source, text=True, check=True)
+    for source, options in (
+        ("int lost(void) { return 0; }", ["-shared", "-o", library]),
+        ("int lost(void); int main(void) { return lost(); }", ["-o", tmp_path / "program", f"-L{tmp_path}", "-lbilling-lost"]),
+    ):
+        subprocess.run(
+            ["cc", "-x", "c", "-", *options[:2], *options[2:3], *(["-x", "none"] if len(options) > 3 else []), *options[3:]],
+            input=source,
+            text=True,
+            check=True,
+        )
     library.unlink()
     return tmp_path / "program"
 
@@ -127,6 +168,7 @@ def test_a_start_that_fails_for_a_library_names_it(doctor, caller, manager, tmp_
 
 # --- what a service manager says ---
 
+
 @pytest.fixture
 def bus(tmp_path):
     running = message_bus.Bus(tmp_path, names=(message_bus.SERVICE, NAME))
@@ -137,9 +179,11 @@ def bus(tmp_path):
 @pytest.fixture
 def manager(bus, request):
     """A function that puts a service manager on the bus."""
+
     def make(**unit):
         running = Manager(bus.address, **unit)
         request.addfinalizer(running.stop)
+
     return make
 
 
@@ -150,18 +194,35 @@ def test_a_unit_that_runs_is_well(service, doctor, manager):
     assert found["unit"]["finding"] == "billing-service.service is active (running)"
 
 
-@pytest.mark.parametrize("unit, name, finding", [
-    ({"LoadState": "not-found"}, "unit.not-installed", "billing-service.service is not-found"),
-    ({"LoadState": "masked"}, "unit.masked", "billing-service.service is masked: nobody may start it"),
-    ({"ActiveState": "failed", "SubState": "failed", "Result": "exit-code", "ExecMainCode": 1,
-      "ExecMainStatus": 226, "NRestarts": 5}, "unit.failed",
-     "billing-service.service is failed (failed), its last process ended with exit status 226, 5 restarts"),
-    ({"ActiveState": "activating", "SubState": "auto-restart", "ExecMainCode": 2, "ExecMainStatus": 9},
-     "unit.restarting",
-     "billing-service.service is activating (auto-restart), its last process ended with signal 9"),
-    ({"ActiveState": "failed", "SubState": "failed", "Result": "timeout"}, "unit.failed",
-     "billing-service.service is failed (failed), its last process ended with timeout"),
-])
+@pytest.mark.parametrize(
+    "unit, name, finding",
+    [
+        ({"LoadState": "not-found"}, "unit.not-installed", "billing-service.service is not-found"),
+        ({"LoadState": "masked"}, "unit.masked", "billing-service.service is masked: nobody may start it"),
+        (
+            {
+                "ActiveState": "failed",
+                "SubState": "failed",
+                "Result": "exit-code",
+                "ExecMainCode": 1,
+                "ExecMainStatus": 226,
+                "NRestarts": 5,
+            },
+            "unit.failed",
+            "billing-service.service is failed (failed), its last process ended with exit status 226, 5 restarts",
+        ),
+        (
+            {"ActiveState": "activating", "SubState": "auto-restart", "ExecMainCode": 2, "ExecMainStatus": 9},
+            "unit.restarting",
+            "billing-service.service is activating (auto-restart), its last process ended with signal 9",
+        ),
+        (
+            {"ActiveState": "failed", "SubState": "failed", "Result": "timeout"},
+            "unit.failed",
+            "billing-service.service is failed (failed), its last process ended with timeout",
+        ),
+    ],
+)
 def test_what_became_of_the_unit_is_named(doctor, manager, unit, name, finding):
     manager(**unit)
     found, failed = doctor()
@@ -170,8 +231,7 @@ def test_what_became_of_the_unit_is_named(doctor, manager, unit, name, finding):
 
 
 def test_a_library_that_is_missing_is_named(doctor, manager, without_library):
-    manager(ActiveState="failed", SubState="failed", ExecMainCode=1, ExecMainStatus=127,
-            ExecStart=without_library)
+    manager(ActiveState="failed", SubState="failed", ExecMainCode=1, ExecMainStatus=127, ExecStart=without_library)
     found, _ = doctor()
     assert found["unit"]["id"] == "unit.library"
     assert found["unit"]["finding"].endswith(": the library libbilling-lost.so is missing")
@@ -197,13 +257,16 @@ def test_an_outage_that_only_the_journal_tells_is_named(service, doctor, store, 
     found, failed = doctor(PATH=f"{program.parent}:/usr/bin:/bin")
     assert failed == ["call", "request"]
     assert (found["call"]["id"], found["call"]["finding"]) == (
-        "call.outage", 'the store answered the service with HTTP status 503: "{"error": "later"}"')
+        "call.outage",
+        'the store answered the service with HTTP status 503: "{"error": "later"}"',
+    )
     assert found["request"]["id"] == "request.outage"
     store.answer = server.Reply(b"{}")
     assert doctor(PATH=f"{program.parent}:/usr/bin:/bin")[1] == []
 
 
 # --- what a restart is needed for ---
+
 
 def test_a_certificate_that_is_newer_than_the_service_asks_for_a_restart(service, doctor, a_device):
     found, failed = doctor()
@@ -235,7 +298,6 @@ def test_settings_that_came_too_late_ask_for_a_restart(start_daemon, needs_view,
     assert found["request"]["outcome"] == "ok"
 
 
-
 def test_a_wrong_pin_is_the_cause_of_a_call_that_failed(start_daemon, needs_view, caller, doctor, a_device):
     (a_device.credentials.folder / "pin").write_text("wrong")
     process = start_daemon()
@@ -249,6 +311,7 @@ def test_a_wrong_pin_is_the_cause_of_a_call_that_failed(start_daemon, needs_view
 
 
 # --- whose eyes it has ---
+
 
 def test_the_environment_of_the_unit_is_taken_when_no_process_runs(doctor, manager, a_device):
     manager(ActiveState="inactive", SubState="dead", Environment=[f"PLEVO_DEVICE_CONF={a_device.file}"])

@@ -8,9 +8,9 @@ from harness.device import TOKEN
 def test_a_proxy_in_the_environment_is_not_asked(needs_view, start_daemon, caller, store):
     with socket.create_server(("127.0.0.1", 0)) as proxy:
         address = f"http://127.0.0.1:{proxy.getsockname()[1]}"
-        process = start_daemon(environment={
-            name: address for name in ("http_proxy", "https_proxy", "HTTPS_PROXY", "all_proxy",
-                                       "ALL_PROXY")})
+        process = start_daemon(
+            environment={name: address for name in ("http_proxy", "https_proxy", "HTTPS_PROXY", "all_proxy", "ALL_PROXY")}
+        )
         process.wait_for_name(caller)
 
         assert caller.call("check_server_availability") == (0, "{}")
@@ -45,11 +45,9 @@ def test_credentials_of_a_netrc_are_not_sent(needs_view, start_daemon, caller, s
 
 def test_it_writes_no_file(needs_view, start_daemon, caller, store, tmp_path):
     # Its mask is 0: whatever it made would be everybody's.
-    process = start_daemon(environment={"HOME": str(tmp_path), "TMPDIR": str(tmp_path),
-                                        "XDG_CACHE_HOME": str(tmp_path)})
+    process = start_daemon(environment={"HOME": str(tmp_path), "TMPDIR": str(tmp_path), "XDG_CACHE_HOME": str(tmp_path)})
     process.wait_for_name(caller)
-    before = {os.path.join(folder, name) for folder, _, names in os.walk(tmp_path)
-              for name in names}
+    before = {os.path.join(folder, name) for folder, _, names in os.walk(tmp_path) for name in names}
 
     assert caller.call("confirm_purchase", "a", "c", "i", "0") == (0, "{}")
     assert process.stop() == 0

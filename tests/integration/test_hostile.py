@@ -6,18 +6,22 @@ from gi.repository import GLib
 from harness.device import DUID, GUID, TOKEN, UID
 from harness.methods import EVERY_CALL, answers, filled
 
-BYTES = {"CR": "\r", "LF": "\n", "CRLF": "\r\n", "0x01": "\x01", "0x7f": "\x7f", "tab": "\t",
-         "escape": "\x1b[31m"}
+BYTES = {"CR": "\r", "LF": "\n", "CRLF": "\r\n", "0x01": "\x01", "0x7f": "\x7f", "tab": "\t", "escape": "\x1b[31m"}
 MEGABYTE = "m" * (1 << 20)
 
 SETTINGS = [
-    ("config", "db/comss/atoken"), ("config", "db/comss/hwduid"), ("config", "db/comss/countrycode"),
-    ("account", "guid"), ("account", "login_id"), ("runtime", "language"),
-    ("system", "vantor_server_type"), ("network", "default_gateway"),
-    ("deployment", "production_host")]
+    ("config", "db/comss/atoken"),
+    ("config", "db/comss/hwduid"),
+    ("config", "db/comss/countrycode"),
+    ("account", "guid"),
+    ("account", "login_id"),
+    ("runtime", "language"),
+    ("system", "vantor_server_type"),
+    ("network", "default_gateway"),
+    ("deployment", "production_host"),
+]
 
-HEADERS = ["Host", "Content-Type", "Accept", "DUID", "Atoken", "TvYear", "TvVersion",
-           "Content-Length"]
+HEADERS = ["Host", "Content-Type", "Accept", "DUID", "Atoken", "TvYear", "TvVersion", "Content-Length"]
 
 
 def evil(text):
@@ -39,13 +43,13 @@ def nothing_got_in(store):
         assert len(names) == len(set(names))
         assert request.headers[0].endswith(f".localhost:{store.port}")
     assert {number: b"".join(raw) for number, raw in by_connection.items()} == {
-        number: received for number, received in enumerate(store.connections) if received}
+        number: received for number, received in enumerate(store.connections) if received
+    }
 
 
 @pytest.mark.parametrize("group, key", SETTINGS)
 @pytest.mark.parametrize("byte", [name for name in BYTES if name not in ("LF", "CRLF")])
-def test_a_control_byte_in_a_setting_reaches_nobody(service, caller, store, a_device, group, key,
-                                                    byte):
+def test_a_control_byte_in_a_setting_reaches_nobody(service, caller, store, a_device, group, key, byte):
     # A setting ends at a line feed: that one cannot be written into the file.
     a_device.set(group, key, evil(BYTES[byte]))
 
@@ -61,8 +65,7 @@ def test_a_control_byte_in_a_setting_reaches_nobody(service, caller, store, a_de
 
 
 @pytest.mark.parametrize("group, key", SETTINGS)
-def test_a_line_break_in_a_setting_makes_another_line_of_the_file_and_no_header(
-        service, caller, store, a_device, group, key):
+def test_a_line_break_in_a_setting_makes_another_line_of_the_file_and_no_header(service, caller, store, a_device, group, key):
     a_device.set(group, key, evil("\n"))
 
     answers(caller)
@@ -75,8 +78,7 @@ def test_a_line_break_in_a_setting_makes_another_line_of_the_file_and_no_header(
 
 
 @pytest.mark.parametrize("group, key", SETTINGS)
-def test_a_megabyte_in_a_setting_is_refused_with_the_file(service, caller, store, a_device, group,
-                                                          key):
+def test_a_megabyte_in_a_setting_is_refused_with_the_file(service, caller, store, a_device, group, key):
     a_device.set(group, key, MEGABYTE)
 
     answers(caller)
@@ -87,10 +89,8 @@ def test_a_megabyte_in_a_setting_is_refused_with_the_file(service, caller, store
     assert every_record_is_one_line(service)
 
 
-@pytest.mark.parametrize("group, key", [
-    ("config", "db/comss/atoken"), ("config", "db/comss/hwduid"), ("account", "guid")])
-def test_a_long_setting_that_is_no_more_than_long_arrives_whole(service, caller, store, a_device,
-                                                                group, key):
+@pytest.mark.parametrize("group, key", [("config", "db/comss/atoken"), ("config", "db/comss/hwduid"), ("account", "guid")])
+def test_a_long_setting_that_is_no_more_than_long_arrives_whole(service, caller, store, a_device, group, key):
     a_device.set(group, key, "m" * 50_000)
 
     assert caller.call("confirm_purchase", "a", "c", "i", "0") == (0, "{}")
@@ -111,10 +111,17 @@ def test_header_like_values_stay_values(service, caller, store, a_device):
 
 # Which arguments stand in a query, and which in a body. The others are not sent.
 IN_QUERY = [("get_product_list", 0), ("get_product_list", 2)]
-IN_BODY = [(method, i, member) for method in ("get_applied_time", "confirm_purchase")
-           for i, member in enumerate(("appId", "customId", "invoiceId"))]
-UNSENT = [("get_product_list", 1), ("get_applied_time", 3), ("confirm_purchase", 3),
-          *(("get_purchase_history", i) for i in range(6))]
+IN_BODY = [
+    (method, i, member)
+    for method in ("get_applied_time", "confirm_purchase")
+    for i, member in enumerate(("appId", "customId", "invoiceId"))
+]
+UNSENT = [
+    ("get_product_list", 1),
+    ("get_applied_time", 3),
+    ("confirm_purchase", 3),
+    *(("get_purchase_history", i) for i in range(6)),
+]
 
 
 def call_with(caller, method, place, value):
@@ -125,8 +132,7 @@ def call_with(caller, method, place, value):
 
 @pytest.mark.parametrize("method, place", IN_QUERY)
 @pytest.mark.parametrize("byte", [*BYTES, "blank"])
-def test_a_byte_that_no_query_may_hold_fails_the_call_and_sends_nothing(service, caller, store,
-                                                                        method, place, byte):
+def test_a_byte_that_no_query_may_hold_fails_the_call_and_sends_nothing(service, caller, store, method, place, byte):
     assert call_with(caller, method, place, evil(BYTES.get(byte, " "))) == (-1, "")
 
     assert store.connections == []
@@ -136,8 +142,7 @@ def test_a_byte_that_no_query_may_hold_fails_the_call_and_sends_nothing(service,
 
 @pytest.mark.parametrize("method, place, member", IN_BODY)
 @pytest.mark.parametrize("byte", [*BYTES, "blank"])
-def test_a_byte_in_a_body_is_escaped_as_json_has_it(service, caller, store, method, place, member,
-                                                    byte):
+def test_a_byte_in_a_body_is_escaped_as_json_has_it(service, caller, store, method, place, member, byte):
     value = evil(BYTES.get(byte, " "))
 
     assert call_with(caller, method, place, value) == (0, "{}")
@@ -184,8 +189,7 @@ def test_a_query_that_libcurl_could_not_get_rid_of_is_refused(service, caller, s
     assert caller.call("check_server_availability") == (0, "{}")
 
 
-def test_shown_private_values_still_cannot_break_a_line_of_the_log(needs_view, start_daemon, caller,
-                                                                   store):
+def test_shown_private_values_still_cannot_break_a_line_of_the_log(needs_view, start_daemon, caller, store):
     process = start_daemon(environment={"PLEVO_LOG_PRIVATE": "show"})
     process.wait_for_name(caller)
     forged = "\nE/BILLING_SERVICE: main.cpp: main(1) > forged"

@@ -4,13 +4,11 @@ import collections
 
 import pytest
 from harness import http2_store
-from harness.http2_store import (answers_early, goes_away_after, goes_away_before, is_silent, refuses,
-                                 wants_http_1_1)
+from harness.http2_store import answers_early, goes_away_after, goes_away_before, is_silent, refuses, wants_http_1_1
 
 LIST = ("get_product_list", "app", "0", "check")
 PURCHASE = ("confirm_purchase", "app", "custom", "invoice", "0")
-REQUESTS = {LIST: ("GET", "/billing/product/v2/products"),
-            PURCHASE: ("POST", "/billing/payment/v2/confirm")}
+REQUESTS = {LIST: ("GET", "/billing/product/v2/products"), PURCHASE: ("POST", "/billing/payment/v2/confirm")}
 GOOD = (0, "{}")
 
 # What the store does with a stream that it has not processed.
@@ -20,8 +18,7 @@ PROCESSED = [answers_early, goes_away_after]
 
 @pytest.fixture
 def store(authority, provisioned, request):
-    context = authority.server_context("localhost", "production.localhost",
-                                       clients=provisioned.authority)
+    context = authority.server_context("localhost", "production.localhost", clients=provisioned.authority)
     running = http2_store.Http2Store(context)
     request.addfinalizer(running.stop)
     return running
@@ -29,8 +26,9 @@ def store(authority, provisioned, request):
 
 def requests_of(seen, call):
     """How often the store saw a call's request, by protocol."""
-    return collections.Counter({protocol: count for (protocol, *request), count in seen.items()
-                                if tuple(request) == REQUESTS[call]})
+    return collections.Counter(
+        {protocol: count for (protocol, *request), count in seen.items() if tuple(request) == REQUESTS[call]}
+    )
 
 
 @pytest.fixture(params=["first", "kept"])
@@ -54,8 +52,7 @@ def test_a_list_that_the_store_has_not_processed_is_asked_for_again(caller, stor
 
 
 @pytest.mark.parametrize("behaviour", PROCESSED)
-def test_an_answer_counts_though_the_stream_or_the_connection_ends_with_it(caller, store, connected,
-                                                                           behaviour):
+def test_an_answer_counts_though_the_stream_or_the_connection_ends_with_it(caller, store, connected, behaviour):
     store.then = [behaviour]
 
     assert caller.call(*LIST) == GOOD

@@ -10,6 +10,7 @@ SECONDS = 5
 
 # A sanitizer's runtime has memory of its own and a thread that wakes up.
 if not daemon.is_sanitized():
+
     @pytest.mark.parametrize("used", [False, True])
     def test_an_idle_daemon_does_not_wake_up(service, caller, store, used):
         if used:
@@ -39,6 +40,7 @@ def test_descriptors_do_not_grow_with_calls(service, caller, store):
             return service.descriptors()
         except PermissionError:
             pytest.skip("only root may count the descriptors of a process that hides itself")
+
     answers(caller)
     before = descriptors()
     for _ in range(20):

@@ -11,17 +11,27 @@ from harness.journal import Journal
 from harness.methods import answers
 from harness.server import Truncate
 
-ARGUMENTS = {"get_product_list": ("canary-app", "0", "canary-check"),
-             "get_purchase_history": ("canary-app", "canary-custom", "canary-type", "canary-page",
-                                      "canary-check", "0"),
-             "confirm_purchase": ("canary-app", "canary-custom", "canary-invoice", "0"),
-             "get_applied_time": ("canary-app", "canary-custom", "canary-invoice", "0"),
-             "check_server_availability": ()}
+ARGUMENTS = {
+    "get_product_list": ("canary-app", "0", "canary-check"),
+    "get_purchase_history": ("canary-app", "canary-custom", "canary-type", "canary-page", "canary-check", "0"),
+    "confirm_purchase": ("canary-app", "canary-custom", "canary-invoice", "0"),
+    "get_applied_time": ("canary-app", "canary-custom", "canary-invoice", "0"),
+    "check_server_availability": (),
+}
 ANSWER = b'{"body": "canary-body"}'
 
 # What only the device, the caller and the server may know.
-CANARIES = [*SECRETS, "canary-app", "canary-custom", "canary-type", "canary-page", "canary-check",
-            "canary-invoice", "canary-body", "account-token"]
+CANARIES = [
+    *SECRETS,
+    "canary-app",
+    "canary-custom",
+    "canary-type",
+    "canary-page",
+    "canary-check",
+    "canary-invoice",
+    "canary-body",
+    "account-token",
+]
 
 
 def call_everything(caller, store):
@@ -60,10 +70,8 @@ def test_private_values_are_shown_when_that_is_asked_for(needs_view, start_daemo
     assert "<private:" not in text
 
 
-@pytest.mark.parametrize("level, letters", [("debug", "DIWE"), ("info", "IWE"), ("warning", "WE"),
-                                            ("error", "E")])
-def test_a_level_lets_itself_and_what_is_graver_through(needs_view, start_daemon, caller, store,
-                                                        level, letters):
+@pytest.mark.parametrize("level, letters", [("debug", "DIWE"), ("info", "IWE"), ("warning", "WE"), ("error", "E")])
+def test_a_level_lets_itself_and_what_is_graver_through(needs_view, start_daemon, caller, store, level, letters):
     process = start_daemon(level=level)
     process.wait_for_name(caller)
     call_everything(caller, store)
@@ -83,23 +91,34 @@ def test_one_call_says_what_it_did_in_this_order(service, caller, store):
     service.wait_for_log("was acquired")
     before = len(service.log())
     caller.call("get_product_list", "a", "0", "c")
-    service.wait_until(
-        lambda: service.texts().count("g_dbus_method_invocation_return_value") == 2,
-        "it has answered")
+    service.wait_until(lambda: service.texts().count("g_dbus_method_invocation_return_value") == 2, "it has answered")
     main_thread = ("DBusManager.cpp", "BillingEngine.cpp", "BillingHttpRequest.cpp")
-    said = [record.text for record in service.log()[before:]
-            if record.priority != "D" and record.file in main_thread
-            # The worker's, and pointers.
-            and record.function not in ("m_GetProductsCB", "m_WriteRequestResultToPipe")]
+    said = [
+        record.text
+        for record in service.log()[before:]
+        if record.priority != "D" and record.file in main_thread
+        # The worker's, and pointers.
+        and record.function not in ("m_GetProductsCB", "m_WriteRequestResultToPipe")
+    ]
     url = f"https://production.localhost:{store.port}/billing/product/v2/products?"
-    assert said[:5] == ["method name = get_product_list", "parameters = <private:15 bytes>",
-                        "handle get_product_list", "Get Network status: 1", said[4]]
+    assert said[:5] == [
+        "method name = get_product_list",
+        "parameters = <private:15 bytes>",
+        "handle get_product_list",
+        "Get Network status: 1",
+        said[4],
+    ]
     assert said[4].startswith(f"RequestGetProducts start Url[{url}<private:")
     assert said[5].startswith("RequestGetProducts start Header: <private:")
     assert sorted(said[6:]) == sorted(
-        ["GetProducts return 1", "START",
-         "m_PipeCallback >>> iRespResult:[0],strRespInfo[<private:2 bytes>]==",
-         "g_dbus_method_invocation_return_value", "g_dbus_method_invocation_return_value"])
+        [
+            "GetProducts return 1",
+            "START",
+            "m_PipeCallback >>> iRespResult:[0],strRespInfo[<private:2 bytes>]==",
+            "g_dbus_method_invocation_return_value",
+            "g_dbus_method_invocation_return_value",
+        ]
+    )
     assert said[-1] == "g_dbus_method_invocation_return_value"
 
 
@@ -108,8 +127,7 @@ def test_the_journal_says_who_called_what_and_what_came_of_it(start_daemon, call
     namespace = ["unshare", "--mount"] + ([] if os.geteuid() == 0 else ["--map-root-user"])
     if subprocess.run([*namespace, "true"], capture_output=True, check=False).returncode != 0:
         pytest.skip("no mount namespace can be had here (needs root or user namespaces)")
-    process = start_daemon(view=False, level="info",
-                           tool=[*namespace, sys.executable, str(receiver)])
+    process = start_daemon(view=False, level="info", tool=[*namespace, sys.executable, str(receiver)])
     first, second = callers(), callers()
     process.wait_for_name(first)
     for caller, method in ((first, "get_product_list"), (second, "get_applied_time")):
@@ -151,8 +169,11 @@ def test_a_call_takes_three_records_of_the_journal(needs_view, start_daemon, cal
 
     texts, size = told(journal)
     print(f"{method}: {len(texts)} records, {size} bytes")
-    assert texts == [f"method name = {method}", "Setup SSL options",
-                     "m_PipeCallback >>> iRespResult:[0],strRespInfo[<private:2 bytes>]=="]
+    assert texts == [
+        f"method name = {method}",
+        "Setup SSL options",
+        "m_PipeCallback >>> iRespResult:[0],strRespInfo[<private:2 bytes>]==",
+    ]
     assert size < 1000
 
 
@@ -196,4 +217,5 @@ def test_the_journal_says_whose_a_caller_is_once(needs_view, start_daemon, calle
     assert [fields["BILLING_SENDER"] for fields in said] == names
     assert {fields["BILLING_UID"] for fields in said} == {str(os.geteuid())}
     assert [fields["MESSAGE"].partition(" > ")[2] for fields in said] == [
-        f"caller {name} is of user {os.geteuid()}" for name in names]
+        f"caller {name} is of user {os.geteuid()}" for name in names
+    ]

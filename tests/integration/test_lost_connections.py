@@ -28,13 +28,15 @@ def start_behind_proxy(tmp_path, authority, provisioned, a_device, request):
         pytest.skip("nginx is not installed (scripts/setup)")
 
     def make(protocol, kind="production"):
-        running = nginx.Nginx(tmp_path / kind, authority.server_pem("localhost"),
-                              provisioned.authority, listen=PROTOCOLS[protocol])
+        running = nginx.Nginx(
+            tmp_path / kind, authority.server_pem("localhost"), provisioned.authority, listen=PROTOCOLS[protocol]
+        )
         request.addfinalizer(running.stop)
         between = proxy.Proxy(running.port)
         request.addfinalizer(between.stop)
         a_device.set("deployment", f"{kind}_host", f"localhost:{between.port}")
         return running, between
+
     return make
 
 
@@ -44,8 +46,7 @@ def seen_by(server):
 
 
 @pytest.mark.parametrize("protocol", PROTOCOLS)
-def test_a_connection_that_a_middlebox_has_forgotten_costs_no_call(service, caller, start_behind_proxy,
-                                                                  protocol):
+def test_a_connection_that_a_middlebox_has_forgotten_costs_no_call(service, caller, start_behind_proxy, protocol):
     server, between = start_behind_proxy(protocol)
 
     for method, arguments in EVERY_CALL.items():
@@ -68,8 +69,7 @@ def run_for(seconds):
     GLib.source_remove(tick)
 
 
-def test_half_a_minute_after_a_silent_loss_every_call_is_answered_at_once(service, caller, a_device,
-                                                                         start_behind_proxy):
+def test_half_a_minute_after_a_silent_loss_every_call_is_answered_at_once(service, caller, a_device, start_behind_proxy):
     # Both protocols at once, since it takes so long.
     servers = {kind: start_behind_proxy(protocol, kind) for kind, protocol in zip(KINDS, PROTOCOLS)}
 
@@ -81,6 +81,7 @@ def test_half_a_minute_after_a_silent_loss_every_call_is_answered_at_once(servic
     def warm(between):
         assert caller.call(*LIST) == GOOD
         assert between.connections == 1
+
     with_each(warm)
 
     under_way = []
@@ -88,6 +89,7 @@ def test_half_a_minute_after_a_silent_loss_every_call_is_answered_at_once(servic
     def lose(between):
         between.silence()
         under_way.append(caller.start(*LIST))
+
     with_each(lose)
     run_for(AWAY)
     assert [call.result for call in under_way] == [GOOD, GOOD]
@@ -97,12 +99,12 @@ def test_half_a_minute_after_a_silent_loss_every_call_is_answered_at_once(servic
             began = time.monotonic()
             assert caller.call(method, *arguments, timeout=SOON) == GOOD
             assert time.monotonic() - began < SOON, method
+
     with_each(at_once)
 
 
 @pytest.mark.parametrize("protocol", PROTOCOLS)
-def test_a_purchase_right_after_a_silent_loss_is_answered_at_once(service, caller, start_behind_proxy,
-                                                                  protocol):
+def test_a_purchase_right_after_a_silent_loss_is_answered_at_once(service, caller, start_behind_proxy, protocol):
     server, between = start_behind_proxy(protocol)
     assert caller.call(*LIST) == GOOD
     between.silence()
@@ -111,11 +113,14 @@ def test_a_purchase_right_after_a_silent_loss_is_answered_at_once(service, calle
         assert caller.call(method, *EVERY_CALL[method], timeout=SOON) == GOOD
 
     assert {path for path in seen_by(server) if "payment" in path} == {
-        "/billing/payment/v2/confirm", "/billing/payment/v2/apply"}
+        "/billing/payment/v2/confirm",
+        "/billing/payment/v2/apply",
+    }
 
 
-def test_a_server_that_refuses_every_session_is_reached(service, caller, other_store, authority,
-                                                        provisioned, a_device, tmp_path):
+def test_a_server_that_refuses_every_session_is_reached(
+    service, caller, other_store, authority, provisioned, a_device, tmp_path
+):
     pem = tmp_path / "server.pem"
     pem.write_bytes(authority.server_pem("localhost"))
     store = other_store(contextless.Context(pem, provisioned.authority))
@@ -134,9 +139,11 @@ def test_a_server_that_refuses_every_session_is_reached(service, caller, other_s
 @pytest.mark.parametrize("listen", ["", "http2"])
 def test_a_connection_that_the_store_closed_leaves_its_session(service, caller, start_nginx, listen):
     running = start_nginx(listen=listen, extra="keepalive_timeout 1;")
-    for method, arguments in (("get_product_list", ("app", "0", "check")),
-                              ("confirm_purchase", ("app", "custom", "invoice", "0")),
-                              ("get_product_list", ("app", "0", "check"))):
+    for method, arguments in (
+        ("get_product_list", ("app", "0", "check")),
+        ("confirm_purchase", ("app", "custom", "invoice", "0")),
+        ("get_product_list", ("app", "0", "check")),
+    ):
         assert caller.call(method, *arguments) == (0, "nginx")
         time.sleep(1.5)
 

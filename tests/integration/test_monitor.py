@@ -17,14 +17,20 @@ TIME = r" \(\d+\.\d ms\)"
 @pytest.fixture
 def watch(bus, request):
     """A function that starts a monitor, which then watches."""
+
     def start(*arguments, stdout=subprocess.PIPE):
-        process = subprocess.Popen([billingctl.program(), "monitor", *arguments], stdout=stdout,
-                                   stderr=subprocess.PIPE, text=True,
-                                   env=billingctl.environment(bus))
+        process = subprocess.Popen(
+            [billingctl.program(), "monitor", *arguments],
+            stdout=stdout,
+            stderr=subprocess.PIPE,
+            text=True,
+            env=billingctl.environment(bus),
+        )
         request.addfinalizer(process.communicate)
         request.addfinalizer(process.kill)
         assert process.stderr.readline() == "Watching org.plevo.billingservice; Ctrl-C ends it.\n"
         return process
+
     return start
 
 
@@ -49,8 +55,7 @@ def test_calls_are_watched_without_their_private_values(service, caller, store, 
     name = re.escape(caller.connection.get_unique_name())
     asked, answered = lines_of(watching, 2)
     assert re.fullmatch(rf"{CLOCK} {name} #\d+ -> get_product_list\(\.\.\.\)", asked)
-    assert re.fullmatch(rf"{CLOCK} {name} #\d+ <- get_product_list resp_result 0, 13 bytes{TIME}",
-                        answered)
+    assert re.fullmatch(rf"{CLOCK} {name} #\d+ <- get_product_list resp_result 0, 13 bytes{TIME}", answered)
 
 
 def test_json_holds_no_private_values_either(service, caller, store, watch):
@@ -96,8 +101,7 @@ def test_answers_are_told_apart_by_their_calls(service, callers, store, watch):
     slow = first.start("get_product_list", "slow", "0", "")
     fast = second.start("get_product_list", "fast", "0", "")
     first.finish([slow, fast])
-    answers = {event["caller"]: event["bytes"] for event in events_of(watching, 4)
-               if event["event"] == "answer"}
+    answers = {event["caller"]: event["bytes"] for event in events_of(watching, 4) if event["event"] == "answer"}
     assert answers == {first.connection.get_unique_name(): 4, second.connection.get_unique_name(): 1}
 
 
@@ -119,8 +123,7 @@ def test_a_call_that_dies_with_the_service_is_shown(service, caller, store, watc
     service.kill()
     caller.finish([call])
     _, answered = lines_of(watching, 2)
-    assert re.search(rf" <- check_server_availability error org\.freedesktop\.DBus\.Error\.NoReply{TIME}$",
-                     answered)
+    assert re.search(rf" <- check_server_availability error org\.freedesktop\.DBus\.Error\.NoReply{TIME}$", answered)
 
 
 def test_a_caller_that_leaves_without_its_answer_is_shown(service, callers, store, watch):
@@ -161,11 +164,11 @@ def test_lost_output_ends_the_watching(service, caller, watch):
 def test_a_bus_that_does_not_let_itself_be_watched_is_named(bus, caller, tmp_path):
     rules = tmp_path / "bus.conf"
     allowed = '<allow send_destination="org.freedesktop.DBus"/>'
-    denied = ('<deny send_destination="org.freedesktop.DBus" '
-              'send_interface="org.freedesktop.DBus.Monitoring"/>')
+    denied = '<deny send_destination="org.freedesktop.DBus" send_interface="org.freedesktop.DBus.Monitoring"/>'
     rules.write_text(rules.read_text().replace(allowed, allowed + denied))
-    caller.connection.call_sync("org.freedesktop.DBus", "/", "org.freedesktop.DBus", "ReloadConfig",
-                                None, None, Gio.DBusCallFlags.NONE, 10000, None)
+    caller.connection.call_sync(
+        "org.freedesktop.DBus", "/", "org.freedesktop.DBus", "ReloadConfig", None, None, Gio.DBusCallFlags.NONE, 10000, None
+    )
 
     done = billingctl.run(bus, "monitor", "--json")
 

@@ -4,10 +4,8 @@ from harness import daemon, server
 from harness.methods import EVERY_CALL, NO_NETWORK, all_alike, answers
 
 
-@pytest.mark.parametrize("gateway, said", [("down", "Get Network status: 0"),
-                                           ("error:5", "Get Network status failed: 5")])
-def test_every_method_answers_that_there_is_no_network(service, caller, store, a_device, gateway,
-                                                       said):
+@pytest.mark.parametrize("gateway, said", [("down", "Get Network status: 0"), ("error:5", "Get Network status failed: 5")])
+def test_every_method_answers_that_there_is_no_network(service, caller, store, a_device, gateway, said):
     a_device.set("network", "default_gateway", gateway)
 
     assert answers(caller) == all_alike(NO_NETWORK)
@@ -54,8 +52,7 @@ def test_without_a_default_route_the_server_would_have_been_reached(isolated, ca
 def cable(isolated):
     """A pair of devices, as a way out that leads nowhere."""
     namespace, _ = isolated
-    for command in ("ip link add cable type veth peer name wall", "ip link set wall up",
-                    "ip link set cable up"):
+    for command in ("ip link add cable type veth peer name wall", "ip link set wall up", "ip link set cable up"):
         status = namespace.run(command)
         if status != 0:
             pytest.skip(f"`{command}` ends with {status} here: no cable to pull")

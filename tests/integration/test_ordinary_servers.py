@@ -8,8 +8,11 @@ from harness.load import first, for_seconds, mixed, product_list, purchase
 
 # Idle limit of these tests in seconds.
 IDLE = 1
-KINDS = [pytest.param(kind, http2, id=f"{kind}-{protocol}")
-         for kind in ordinary.SERVERS for http2, protocol in ordinary.PROTOCOLS.items()]
+KINDS = [
+    pytest.param(kind, http2, id=f"{kind}-{protocol}")
+    for kind in ordinary.SERVERS
+    for http2, protocol in ordinary.PROTOCOLS.items()
+]
 LIMITING = [case for case in KINDS if ordinary.SERVERS[case.values[0]].LIMITS_REQUESTS]
 
 
@@ -47,8 +50,7 @@ def test_after_a_burst_and_an_idle_close_no_call_fails(service, caller, start_se
 
 @pytest.mark.parametrize("flight", [1, 8, 64])
 @pytest.mark.parametrize("kind, http2", LIMITING)
-def test_a_limit_of_20_requests_a_connection_fails_no_call(service, caller, start_server, shop, kind,
-                                                          http2, flight):
+def test_a_limit_of_20_requests_a_connection_fails_no_call(service, caller, start_server, shop, kind, http2, flight):
     server = start_server(kind, http2=http2, requests=20)
 
     outcome = load.run(caller, first(200, mixed("limit")), flight)
@@ -120,8 +122,7 @@ class Restart(Renewal):
 
 @pytest.mark.parametrize("renewal", [Reload, Restart])
 @pytest.mark.parametrize("kind, http2", KINDS)
-def test_a_server_that_is_renewed_under_load_loses_no_purchase(service, caller, start_server, shop, kind,
-                                                               http2, renewal):
+def test_a_server_that_is_renewed_under_load_loses_no_purchase(service, caller, start_server, shop, kind, http2, renewal):
     server = start_server(kind, http2=http2)
     shop.delay = 0.01
     renew = renewal(server)
@@ -145,6 +146,7 @@ def test_a_server_that_is_away_for_a_second_is_waited_for(service, caller, start
     def come_back():
         if server.has_left() and time.monotonic() >= comes_back:
             server.start()
+
     meanwhile = load.run(caller, [purchase("meanwhile"), product_list("meanwhile")], 2, come_back)
 
     books.check(before + meanwhile, shop, server)

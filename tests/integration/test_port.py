@@ -22,8 +22,7 @@ def ported(needs_view, start_daemon, caller, tmp_path, store, a_device):
     put("sandbox_host", f"sandbox.localhost:{store.port}")
     put("gateway", "up")
     library = daemon.binary().parents[1] / "platform" / "example"
-    process = start_daemon(environment={"LD_LIBRARY_PATH": str(library),
-                                        "PLEVO_EXAMPLE_DEVICE": str(folder)})
+    process = start_daemon(environment={"LD_LIBRARY_PATH": str(library), "PLEVO_EXAMPLE_DEVICE": str(folder)})
     process.wait_for_name(caller)
     return put
 

@@ -13,13 +13,19 @@ SECTIONS = ["machine", "versions", "status", "doctor", "settings", "unit", "jour
 @pytest.fixture
 def report(needs_view, bus, a_device):
     """A function that makes one where the daemon is."""
+
     def made(*arguments):
         view = daemon.bubblewrap(a_device.certificates, a_device.credentials.certificates)
         return subprocess.run(
-            [*view, billingctl.program(), "report", *arguments], capture_output=True, text=True, check=False,
-            timeout=60, stdin=subprocess.DEVNULL,
-            env={**billingctl.environment(bus), "PLEVO_DEVICE_CONF": str(a_device.file),
-                 **a_device.credentials.environment})
+            [*view, billingctl.program(), "report", *arguments],
+            capture_output=True,
+            text=True,
+            check=False,
+            timeout=60,
+            stdin=subprocess.DEVNULL,
+            env={**billingctl.environment(bus), "PLEVO_DEVICE_CONF": str(a_device.file), **a_device.credentials.environment},
+        )
+
     return made
 
 
@@ -57,5 +63,6 @@ def test_a_file_that_is_there_is_left_alone(service, report, tmp_path):
     file.write_text("mine")
     done = report(str(file), "--yes")
     assert (done.returncode, file.read_text()) == (FAILED, "mine")
-    assert done.stderr == (f"report: {file} cannot be written: File exists; name a file that is not there yet, in "
-                           "a folder with room\n")
+    assert done.stderr == (
+        f"report: {file} cannot be written: File exists; name a file that is not there yet, in a folder with room\n"
+    )

@@ -8,8 +8,7 @@ from gi.repository import Gio, GLib
 from harness.device import DUID, GUID, TOKEN, UID
 from harness.methods import ARGUMENT_BYTES, EVERY_CALL, LIMITS_EXCEEDED, argument_bytes, filled
 
-COMMON = ["Content-Type: application/json; charset=utf-8", "Accept: application/json",
-          f"DUID: {DUID}", f"Atoken: {TOKEN}"]
+COMMON = ["Content-Type: application/json; charset=utf-8", "Accept: application/json", f"DUID: {DUID}", f"Atoken: {TOKEN}"]
 
 PAYMENT_BODY = f"""{{
    "GUID" : "{GUID}",
@@ -27,25 +26,29 @@ PAYMENT_BODY = f"""{{
 # request line without its version, further header lines, body
 REQUESTS = {
     "check_server_availability": (
-        "GET /billing/service/v2/country?storeid=1&storeprodcode=1"
-        f"&guid={UID}&uid={UID}&lang=de&countrycode=DE", [], ""),
+        f"GET /billing/service/v2/country?storeid=1&storeprodcode=1&guid={UID}&uid={UID}&lang=de&countrycode=DE",
+        [],
+        "",
+    ),
     "get_product_list": (
         f"GET /billing/product/v2/products?appid=app-1&guid={GUID}&uid={UID}"
-        "&storeid=1&storeprodcode=1&countrycode=DE&languagecode=de&checkvalue=check-1", [], ""),
+        "&storeid=1&storeprodcode=1&countrycode=DE&languagecode=de&checkvalue=check-1",
+        [],
+        "",
+    ),
     "get_purchase_history": (
         f"GET /billing/service/v2/user/invoices?customid={UID}&countrycode=DE&languagecode=de"
         f"&GUID={GUID}&UID={UID}&storeid=1&storeprodcode=1&pagesize=20&startidx=1&reqtype=2",
-        ["TvYear: 15", "TvVersion: 1.2"], ""),
-    "get_applied_time": (
-        "POST /billing/payment/v2/apply", [], PAYMENT_BODY),
-    "confirm_purchase": (
-        "POST /billing/payment/v2/confirm", [], PAYMENT_BODY),
+        ["TvYear: 15", "TvVersion: 1.2"],
+        "",
+    ),
+    "get_applied_time": ("POST /billing/payment/v2/apply", [], PAYMENT_BODY),
+    "confirm_purchase": ("POST /billing/payment/v2/confirm", [], PAYMENT_BODY),
 }
 
 INTERFACE = {
     "get_product_list": ["appid", "serverType", "CheckValue"],
-    "get_purchase_history": ["appid", "customId", "ItemType", "PageNumber", "CheckValue",
-                             "serverType"],
+    "get_purchase_history": ["appid", "customId", "ItemType", "PageNumber", "CheckValue", "serverType"],
     "get_applied_time": ["appid", "customId", "invoiceid", "serverType"],
     "confirm_purchase": ["appid", "customId", "invoiceid", "serverType"],
     "check_server_availability": [],
@@ -71,17 +74,16 @@ def test_the_live_object_has_exactly_the_interface(service, caller):
     node = caller.introspect()
     interface = node.lookup_interface("org.plevo.billingservice")
 
-    described = {method.name: ([(a.name, a.signature) for a in method.in_args],
-                               [(a.name, a.signature) for a in method.out_args])
-                 for method in interface.methods}
+    described = {
+        method.name: ([(a.name, a.signature) for a in method.in_args], [(a.name, a.signature) for a in method.out_args])
+        for method in interface.methods
+    }
     answers = [("resp_result", "i"), ("resp_info", "s")]
-    assert described == {name: ([(argument, "s") for argument in arguments], answers)
-                         for name, arguments in INTERFACE.items()}
+    assert described == {name: ([(argument, "s") for argument in arguments], answers) for name, arguments in INTERFACE.items()}
     assert [len(interface.signals), len(interface.properties)] == [0, 0]
 
 
-def test_quotes_backslashes_and_other_alphabets_reach_the_server_as_the_json_writer_has_them(
-        service, caller, store):
+def test_quotes_backslashes_and_other_alphabets_reach_the_server_as_the_json_writer_has_them(service, caller, store):
     application, custom, invoice = 'a"b\\c/d', "Grüße", "𝄞 \t\n\x01"
     store.answer.body = b"ok"
 
@@ -105,8 +107,7 @@ def test_the_longest_text_reaches_the_server_whole(service, caller, store):
     assert not any(line.startswith("Expect") for line in request.headers)
 
 
-@pytest.mark.parametrize("method, place", [("get_applied_time", 2), ("get_product_list", 0),
-                                           ("get_purchase_history", 3)])
+@pytest.mark.parametrize("method, place", [("get_applied_time", 2), ("get_product_list", 0), ("get_purchase_history", 3)])
 def test_one_byte_more_is_refused_by_name_and_nothing_is_sent(service, caller, store, method, place):
     arguments = filled(EVERY_CALL[method], place, most=ARGUMENT_BYTES + 1)
 
@@ -115,13 +116,15 @@ def test_one_byte_more_is_refused_by_name_and_nothing_is_sent(service, caller, s
 
     assert Gio.DBusError.get_remote_error(refused.value) == LIMITS_EXCEEDED
     assert refused.value.message.endswith(
-        f": the arguments of this call have {ARGUMENT_BYTES + 1} bytes, at most {ARGUMENT_BYTES} are taken: "
-        "shorten them")
+        f": the arguments of this call have {ARGUMENT_BYTES + 1} bytes, at most {ARGUMENT_BYTES} are taken: shorten them"
+    )
     assert caller.call("check_server_availability") == (0, "{}")
     assert len(store.requests) == 1
     refusals = [text for text in service.texts("W") if "is refused: a call has" in text]
-    assert refusals == [f"caller {caller.connection.get_unique_name()} (user {os.getuid()}) is refused: a call has "
-                        f"{ARGUMENT_BYTES + 1} bytes of arguments, {ARGUMENT_BYTES} are taken"]
+    assert refusals == [
+        f"caller {caller.connection.get_unique_name()} (user {os.getuid()}) is refused: a call has "
+        f"{ARGUMENT_BYTES + 1} bytes of arguments, {ARGUMENT_BYTES} are taken"
+    ]
     assert not any(text.startswith("method name = " + method) for text in service.texts())
 
 

@@ -17,9 +17,10 @@ def host_asked(caller, store):
     return request.headers[0].split(": ")[1].split(":")[0]
 
 
-@pytest.mark.parametrize("kind, host", [("0", "production"), ("1", "sandbox"), ("2", "sandbox"),
-                                        ("3", "production"), ("-1", "production"),
-                                        (None, "sandbox")])
+@pytest.mark.parametrize(
+    "kind, host",
+    [("0", "production"), ("1", "sandbox"), ("2", "sandbox"), ("3", "production"), ("-1", "production"), (None, "sandbox")],
+)
 def test_the_server_type_chooses_the_host(service, caller, store, a_device, kind, host):
     a_device.set("system", "vantor_server_type", kind)
     assert host_asked(caller, store) == f"{host}.localhost"
@@ -36,14 +37,19 @@ def test_a_server_type_changed_between_two_calls_changes_the_host(service, calle
 def test_the_callers_server_type_plays_no_part(service, caller, store):
     for kind in ("0", "1", "2"):
         caller.call("get_product_list", "a", kind, "c")
-    assert {request.headers[0] for request in store.requests} == {
-        f"Host: production.localhost:{store.port}"}
+    assert {request.headers[0] for request in store.requests} == {f"Host: production.localhost:{store.port}"}
 
 
-@pytest.mark.parametrize("group, key, old", [
-    ("config", "db/comss/atoken", TOKEN), ("config", "db/comss/hwduid", DUID),
-    ("config", "db/comss/countrycode", "DE"), ("account", "guid", GUID),
-    ("account", "login_id", UID)])
+@pytest.mark.parametrize(
+    "group, key, old",
+    [
+        ("config", "db/comss/atoken", TOKEN),
+        ("config", "db/comss/hwduid", DUID),
+        ("config", "db/comss/countrycode", "DE"),
+        ("account", "guid", GUID),
+        ("account", "login_id", UID),
+    ],
+)
 def test_a_changed_value_is_in_the_next_request(service, caller, store, a_device, group, key, old):
     caller.call("confirm_purchase", "a", "c", "i", "0")
     # The same length: a change must not be seen by the file's size.
@@ -57,18 +63,15 @@ def test_a_changed_value_is_in_the_next_request(service, caller, store, a_device
     assert new in after and old not in after
 
 
-@pytest.mark.parametrize("language, sent", [("en_US.utf8", "en"), ("fr_CA.utf8", "fr-US"),
-                                            ("de_AT.utf8", "en"), (None, "ko")])
-def test_the_language_is_sent_as_the_store_names_it(service, caller, store, a_device, language,
-                                                    sent):
+@pytest.mark.parametrize("language, sent", [("en_US.utf8", "en"), ("fr_CA.utf8", "fr-US"), ("de_AT.utf8", "en"), (None, "ko")])
+def test_the_language_is_sent_as_the_store_names_it(service, caller, store, a_device, language, sent):
     a_device.set("runtime", "language", language)
     caller.call("check_server_availability")
     assert f"&lang={sent}&" in store.requests[0].line
 
 
 def complaints(process):
-    return [record for record in process.log()
-            if record.priority == "E" and record.tag == "BILLING_PLATFORM"]
+    return [record for record in process.log() if record.priority == "E" and record.tag == "BILLING_PLATFORM"]
 
 
 # What is in the file, and what the line about it must hold.
@@ -78,19 +81,20 @@ FAULTS = {
     "a key without a group": ("atoken=1\n[config]\n", ["line 1"]),
     "binary data": (bytes(range(256)), ["line 1"]),
     "a megabyte": ("[config]\ndb/comss/atoken=" + "x" * (1 << 20), ["larger than 64 KiB"]),
-    "an unknown key": ("[network]\ndefault_gatewai=up\ndefault_gateway=down\n",
-                       ["line 2", "not a known setting"]),
-    "an unknown group": ("[netwrok]\n[network]\ndefault_gateway=down\n",
-                         ["line 1", "not a known group"]),
-    "an unknown gateway rule": ("[network]\ndefault_gateway=sideways\n",
-                                ["[network] default_gateway", "none of auto, up, down"]),
+    "an unknown key": ("[network]\ndefault_gatewai=up\ndefault_gateway=down\n", ["line 2", "not a known setting"]),
+    "an unknown group": ("[netwrok]\n[network]\ndefault_gateway=down\n", ["line 1", "not a known group"]),
+    "an unknown gateway rule": (
+        "[network]\ndefault_gateway=sideways\n",
+        ["[network] default_gateway", "none of auto, up, down"],
+    ),
     "a type that is no number": (
         "[system]\nvantor_server_type=two\n[network]\ndefault_gateway=down\n",
-        ["[system] vantor_server_type", "not a whole number"]),
+        ["[system] vantor_server_type", "not a whole number"],
+    ),
     "a host with a scheme": (
-        "[deployment]\nproduction_host=https://x/\n[network]\ndefault_gateway=up\n"
-        "[system]\nvantor_server_type=0\n",
-        ["[deployment] production_host", "not a bare host name"]),
+        "[deployment]\nproduction_host=https://x/\n[network]\ndefault_gateway=up\n[system]\nvantor_server_type=0\n",
+        ["[deployment] production_host", "not a bare host name"],
+    ),
     "no host": ("[network]\ndefault_gateway=up\n", ["[deployment] sandbox_host", "is not set"]),
 }
 
@@ -109,8 +113,14 @@ def test_settings_that_others_can_read_or_write_are_complained_of(service, calle
 # What an editor makes of a long value: a second line, which may look like anything.
 WRAPPED = ["{}", "{}==", "{}=", "{}=x", "[{}", "[{}]", "{}[de]=x", "#{}", "{}: x", " {}"]
 # Texts that name a person or a device, or open something. Country, language and places are logged as they are.
-PRIVATE = [("config", "db/comss/atoken"), ("config", "db/comss/hwduid"), ("config", "db/comss/modelid"),
-           ("account", "guid"), ("account", "auth_token"), ("account", "login_id")]
+PRIVATE = [
+    ("config", "db/comss/atoken"),
+    ("config", "db/comss/hwduid"),
+    ("config", "db/comss/modelid"),
+    ("account", "guid"),
+    ("account", "auth_token"),
+    ("account", "login_id"),
+]
 
 
 @pytest.mark.parametrize("group, key", PRIVATE)
@@ -144,8 +154,7 @@ def test_a_fault_in_the_file_gives_one_clear_line(service, caller, store, a_devi
     assert store.connections == []
 
 
-def test_without_a_host_every_method_is_refused_and_nothing_is_asked(service, caller, store,
-                                                                     a_device):
+def test_without_a_host_every_method_is_refused_and_nothing_is_asked(service, caller, store, a_device):
     a_device.set("deployment", "production_host", None)
 
     assert answers(caller) == all_alike(TRY_LATER)
@@ -162,7 +171,8 @@ def test_a_file_that_was_mended_is_used_without_a_restart(service, caller, store
 
 
 def test_a_daemon_that_starts_without_a_file_has_no_key_until_it_starts_again(
-        needs_view, start_daemon, caller, store, a_device):
+    needs_view, start_daemon, caller, store, a_device
+):
     os.remove(a_device.file)
     first = start_daemon()
     first.wait_for_name(caller)
@@ -187,8 +197,7 @@ BROKEN_CA = {
 
 
 @pytest.mark.parametrize("broken", BROKEN_CA)
-def test_a_ca_file_that_is_of_no_use_fails_the_transfer_with_one_line(service, caller, store,
-                                                                      a_device, broken):
+def test_a_ca_file_that_is_of_no_use_fails_the_transfer_with_one_line(service, caller, store, a_device, broken):
     BROKEN_CA[broken](a_device.ca_file)
 
     assert caller.call("get_product_list", "a", "", "c") == (-1, "")
@@ -206,16 +215,19 @@ def test_a_ca_file_that_was_mended_is_used_without_a_restart(service, caller, st
     assert caller.call("check_server_availability") == (0, "{}")
 
 
-def test_the_machines_own_certificates_are_not_trusted(service, caller, store, a_device,
-                                                       start_daemon):
+def test_the_machines_own_certificates_are_not_trusted(service, caller, store, a_device, start_daemon):
     # The environment names a bundle that would vouch for the server; the file does not.
     bundle = a_device.ca_file.with_name("other.pem")
     bundle.write_bytes(a_device.ca_file.read_bytes())
     a_device.ca_file.write_bytes(certificates.Authority().pem)
     service.stop()
-    process = start_daemon(environment={"SSL_CERT_FILE": "/opt/down/cert/other.pem",
-                                        "CURL_CA_BUNDLE": "/opt/down/cert/other.pem",
-                                        "SSL_CERT_DIR": "/opt/down/cert"})
+    process = start_daemon(
+        environment={
+            "SSL_CERT_FILE": "/opt/down/cert/other.pem",
+            "CURL_CA_BUNDLE": "/opt/down/cert/other.pem",
+            "SSL_CERT_DIR": "/opt/down/cert",
+        }
+    )
     process.wait_for_name(caller)
 
     assert caller.call("check_server_availability") == (-1, "")

@@ -28,6 +28,7 @@ pin_file=/etc/plevo/pin
 @pytest.fixture
 def check(bus, tmp_path):
     """A function that checks a file with these bytes. @return exit code and mistakes"""
+
     def checked(content):
         file = tmp_path / "settings"
         file.write_bytes(content if isinstance(content, bytes) else content.encode())
@@ -39,6 +40,7 @@ def check(bus, tmp_path):
         lines = [line.removeprefix(f"{file}: ") for line in done.stdout.splitlines()]
         assert len(lines) == max(1, len(told["mistakes"]))
         return done.returncode, lines, [(one["line"], one["id"], one["outcome"]) for one in told["mistakes"]]
+
     return checked
 
 
@@ -53,12 +55,19 @@ def test_line_ends_of_windows_and_blanks_are_no_mistakes(check):
 
 
 def test_all_mistakes_are_shown_at_once_with_their_lines(check):
-    code, lines, mistakes = check(GOOD.replace("key_id=7", "key_id=first\nkeyid=7\nnonsense").replace(
-        "[system]", "[sistem]").replace("default_gateway=up", "default_gateway=perhaps"))
+    code, lines, mistakes = check(
+        GOOD.replace("key_id=7", "key_id=first\nkeyid=7\nnonsense")
+        .replace("[system]", "[sistem]")
+        .replace("default_gateway=up", "default_gateway=perhaps")
+    )
     assert code == FAILED
-    assert mistakes == [(4, "settings.unknown", "failed"), (7, "settings.value", "failed"),
-                        (12, "settings.value", "failed"), (13, "settings.unknown", "failed"),
-                        (14, "settings.syntax", "failed")]
+    assert mistakes == [
+        (4, "settings.unknown", "failed"),
+        (7, "settings.value", "failed"),
+        (12, "settings.value", "failed"),
+        (13, "settings.unknown", "failed"),
+        (14, "settings.syntax", "failed"),
+    ]
     assert lines == [
         "line 4: [sistem] is not a known group and is ignored",
         "line 7: [network] default_gateway is none of auto, up, down and error:<code>; it counts as not set "
@@ -66,14 +75,14 @@ def test_all_mistakes_are_shown_at_once_with_their_lines(check):
         "line 12: [deployment] key_id is not a whole number of 32 bits other than 0; it counts as not set until "
         "it is mended",
         "line 13: [deployment] keyid is not a known setting and is ignored",
-        "line 14 is not a [group], a key=value or a # comment; no setting is read until it is mended"]
+        "line 14 is not a [group], a key=value or a # comment; no setting is read until it is mended",
+    ]
 
 
 def test_a_key_before_the_first_group_is_named(check):
     _, lines, mistakes = check("key=1\n" + GOOD)
     assert mistakes == [(1, "settings.syntax", "failed")]
-    assert lines == ["line 1: a key=value stands before the first [group]; no setting is read until it is "
-                     "mended"]
+    assert lines == ["line 1: a key=value stands before the first [group]; no setting is read until it is mended"]
 
 
 def test_a_double_is_named_and_harmless(check):
@@ -82,12 +91,15 @@ def test_a_double_is_named_and_harmless(check):
     assert lines == ["line 17: [keystore] token stands here once more, first on line 15; the last one counts"]
 
 
-@pytest.mark.parametrize("content, line, said", [
-    (b"\xef\xbb\xbf" + GOOD.encode(), 1, "byte order mark (EF BB BF)"),
-    (GOOD.encode("utf-16"), 0, "is UTF-16"),
-    (GOOD.encode("utf-16-le"), 0, "is UTF-16"),
-    (GOOD.encode("utf-16-be"), 0, "is UTF-16"),
-])
+@pytest.mark.parametrize(
+    "content, line, said",
+    [
+        (b"\xef\xbb\xbf" + GOOD.encode(), 1, "byte order mark (EF BB BF)"),
+        (GOOD.encode("utf-16"), 0, "is UTF-16"),
+        (GOOD.encode("utf-16-le"), 0, "is UTF-16"),
+        (GOOD.encode("utf-16-be"), 0, "is UTF-16"),
+    ],
+)
 def test_another_encoding_is_named(check, content, line, said):
     code, lines, mistakes = check(content)
     assert (code, mistakes) == (FAILED, [(line, "settings.encoding", "failed")])
@@ -97,9 +109,17 @@ def test_another_encoding_is_named(check, content, line, said):
 def test_what_the_service_needs_is_asked_for(check):
     _, lines, mistakes = check("[system]\nvantor_server_type=1\n")
     assert {mistake[1] for mistake in mistakes} == {"settings.not-set"}
-    assert lines == [f"{name} is not set" for name in (
-        "[deployment] sandbox_host", "[deployment] credential", "[deployment] key_id", "[keystore] module",
-        "[keystore] token", "[keystore] pin_file")]
+    assert lines == [
+        f"{name} is not set"
+        for name in (
+            "[deployment] sandbox_host",
+            "[deployment] credential",
+            "[deployment] key_id",
+            "[keystore] module",
+            "[keystore] token",
+            "[keystore] pin_file",
+        )
+    ]
 
 
 def test_a_file_that_is_not_there_is_named(bus):

@@ -96,8 +96,10 @@ class Scene:
         return shutdown.fault(self.process, signals)
 
 
-@pytest.mark.parametrize("kind, share", [("starting", 0.3), ("idle", 0.1), ("hanging", 0.15),
-                                         ("handshaking", 0.15), ("answering", 0.2), ("twice", 0.1)])
+@pytest.mark.parametrize(
+    "kind, share",
+    [("starting", 0.3), ("idle", 0.1), ("hanging", 0.15), ("handshaking", 0.15), ("answering", 0.2), ("twice", 0.1)],
+)
 def test_sigterm_stops_it_cleanly(needs_view, start_daemon, caller, store, kind, share, request):
     seed = random.randrange(1 << 30)
     random.seed(seed)

@@ -22,13 +22,20 @@ esac
 @pytest.fixture
 def status(needs_view, bus, a_device):
     """A function that asks for it where the daemon is. @return exit code and lines by name"""
+
     def asked(**variables):
         view = daemon.bubblewrap(a_device.certificates, a_device.credentials.certificates)
         done = subprocess.run(
-            [*view, billingctl.program(), "--json", "status"], capture_output=True, text=True, check=False,
-            timeout=60, env={**billingctl.environment(bus), "PLEVO_DEVICE_CONF": str(a_device.file), **variables})
+            [*view, billingctl.program(), "--json", "status"],
+            capture_output=True,
+            text=True,
+            check=False,
+            timeout=60,
+            env={**billingctl.environment(bus), "PLEVO_DEVICE_CONF": str(a_device.file), **variables},
+        )
         assert done.stderr == ""
         return done.returncode, json.loads(done.stdout)
+
     return asked
 
 
@@ -87,6 +94,7 @@ def test_root_sees_the_connections_that_are_kept(needs_view, start_daemon, calle
     def kept():
         done = billingctl.run(bus, "--json", "status")
         return json.loads(done.stdout)["connections"]
+
     assert kept() == "0"
     assert caller.call("check_server_availability") == (0, "{}")
     assert kept() == "1"

@@ -21,18 +21,20 @@ def standby(tmp_path):
 
     def sleep(seconds):
         replace_file(file, f"{seconds}\n".encode())
+
     sleep(0)
     library = daemon.binary().parents[1] / "tests" / "support" / "standby.so"
     assert library.exists()
     sleep.environment = {
-        "LD_PRELOAD": str(library), "STANDBY_FILE": str(file),
-        "ASAN_OPTIONS": daemon.SANITIZERS["ASAN_OPTIONS"] + ":verify_asan_link_order=0"}
+        "LD_PRELOAD": str(library),
+        "STANDBY_FILE": str(file),
+        "ASAN_OPTIONS": daemon.SANITIZERS["ASAN_OPTIONS"] + ":verify_asan_link_order=0",
+    }
     return sleep
 
 
 @pytest.mark.parametrize("first, second", [(LIST, PURCHASE), (PURCHASE, LIST)])
-def test_after_a_standby_calls_go_over_new_connections(needs_view, start_daemon, caller, store, standby,
-                                                       first, second):
+def test_after_a_standby_calls_go_over_new_connections(needs_view, start_daemon, caller, store, standby, first, second):
     process = start_daemon(environment=standby.environment)
     process.wait_for_name(caller)
     assert [caller.call(*LIST) for _ in range(2)] == [(0, "{}")] * 2
@@ -58,11 +60,9 @@ def soon():
     return datetime.datetime.utcnow().replace(microsecond=0) + datetime.timedelta(seconds=4)
 
 
-def test_a_servers_certificate_that_expires_is_a_failure_until_it_is_renewed(service, caller, authority,
-                                                                          start_nginx, soon):
+def test_a_servers_certificate_that_expires_is_a_failure_until_it_is_renewed(service, caller, authority, start_nginx, soon):
     # No session is taken up again there: each connection shows the certificate.
-    server = start_nginx(authority.server_pem("localhost", not_after=soon),
-                         extra="ssl_session_tickets off;")
+    server = start_nginx(authority.server_pem("localhost", not_after=soon), extra="ssl_session_tickets off;")
     assert [caller.call(*LIST), caller.call(*PURCHASE)] == [GOOD, GOOD]
     wait_until(soon + A_SECOND)
 
@@ -78,7 +78,8 @@ def test_a_servers_certificate_that_expires_is_a_failure_until_it_is_renewed(ser
 
 
 def test_a_devices_certificate_that_expires_is_a_failure_that_says_so(
-        needs_view, start_daemon, caller, authority, a_device, other_store, tmp_path, soon):
+    needs_view, start_daemon, caller, authority, a_device, other_store, tmp_path, soon
+):
     a_device.credentials.reissue(-certificates.A_DAY, soon - datetime.datetime.utcnow())
     pem = tmp_path / "server.pem"
     pem.write_bytes(authority.server_pem("localhost"))

@@ -17,7 +17,8 @@ LABEL, PIN = "billing-tpm", "user-pin-4711"
 
 pytestmark = pytest.mark.skipif(
     not MODULES or any(shutil.which(program) is None for program in PROGRAMS),
-    reason="no software TPM (apt install swtpm tpm2-tools libtss2-tcti-swtpm0 libtpm2-pkcs11-1 opensc)")
+    reason="no software TPM (apt install swtpm tpm2-tools libtss2-tcti-swtpm0 libtpm2-pkcs11-1 opensc)",
+)
 
 
 # There is one user here, the test's.
@@ -42,12 +43,30 @@ class Tpm:
         # The module looks for the control socket under this name.
         socket = folder / "tpm.sock"
         self._process = subprocess.Popen(
-            ["setpriv", "--pdeathsig", "TERM", "swtpm", "socket", "--tpm2", "--tpmstate",
-             f"dir={self.state}", "--server", f"type=unixio,path={socket}", "--ctrl",
-             f"type=unixio,path={socket}.ctrl", "--flags", "startup-clear,not-need-init"], stderr=subprocess.DEVNULL)
-        self.environment = {"TPM2_PKCS11_TCTI": f"swtpm:path={socket}",
-                            "TPM2TOOLS_TCTI": f"swtpm:path={socket}",
-                            "TPM2_PKCS11_STORE": str(self.state), "TPM2_PKCS11_LOG_LEVEL": "0"}
+            [
+                "setpriv",
+                "--pdeathsig",
+                "TERM",
+                "swtpm",
+                "socket",
+                "--tpm2",
+                "--tpmstate",
+                f"dir={self.state}",
+                "--server",
+                f"type=unixio,path={socket}",
+                "--ctrl",
+                f"type=unixio,path={socket}.ctrl",
+                "--flags",
+                "startup-clear,not-need-init",
+            ],
+            stderr=subprocess.DEVNULL,
+        )
+        self.environment = {
+            "TPM2_PKCS11_TCTI": f"swtpm:path={socket}",
+            "TPM2TOOLS_TCTI": f"swtpm:path={socket}",
+            "TPM2_PKCS11_STORE": str(self.state),
+            "TPM2_PKCS11_LOG_LEVEL": "0",
+        }
         end = time.monotonic() + 20
         while not socket.exists():
             assert time.monotonic() < end, "swtpm does not listen"
@@ -55,13 +74,16 @@ class Tpm:
 
     def run(self, *command, environment=None):
         """One command. What it leaves in the TPM is taken away, as a resource manager would."""
-        done = subprocess.run([str(part) for part in command], check=False, capture_output=True,
-                              text=True, env={**os.environ, **daemon.SANITIZERS, **self.environment,
-                                              **(environment or {})})
+        done = subprocess.run(
+            [str(part) for part in command],
+            check=False,
+            capture_output=True,
+            text=True,
+            env={**os.environ, **daemon.SANITIZERS, **self.environment, **(environment or {})},
+        )
         assert done.returncode == 0, done.stderr
         for kind in ("--transient-object", "--loaded-session"):
-            subprocess.run(["tpm2_flushcontext", kind], check=True,
-                           env={**os.environ, **self.environment})
+            subprocess.run(["tpm2_flushcontext", kind], check=True, env={**os.environ, **self.environment})
 
     def stop(self):
         self._process.terminate()
@@ -83,26 +105,40 @@ class TpmCredentials(credentials.Credentials):
         (self.folder / "so-pin").write_text("so-pin")
         self._conf = self.folder / "device.conf"
         self._conf.touch(mode=0o600)
-        self._conf.write_text("".join(
-            f"[{group}]\n" + "".join(f"{key}={value}\n" for key, value in values.items())
-            for group, values in self.settings.items()))
+        self._conf.write_text(
+            "".join(
+                f"[{group}]\n" + "".join(f"{key}={value}\n" for key, value in values.items())
+                for group, values in self.settings.items()
+            )
+        )
         for command in documented():
-            tpm.run("sh", "-ec", f"{IN_PLACE_OF_RUNUSER}\ncd {self.folder}\n{command}", environment={
-                "PATH": f"{os.path.dirname(credentials.provision_tool())}:{os.environ['PATH']}",
-                "PLEVO_DEVICE_CONF": str(self._conf), "TPM2_PKCS11_STORE": str(tpm.state)})
+            tpm.run(
+                "sh",
+                "-ec",
+                f"{IN_PLACE_OF_RUNUSER}\ncd {self.folder}\n{command}",
+                environment={
+                    "PATH": f"{os.path.dirname(credentials.provision_tool())}:{os.environ['PATH']}",
+                    "PLEVO_DEVICE_CONF": str(self._conf),
+                    "TPM2_PKCS11_STORE": str(tpm.state),
+                },
+            )
         (self.folder / "signed.crt").write_bytes(sign(self.folder / "device.csr", authority_folder))
         self._provision(tpm, "install", self.folder / "signed.crt", "--to", self.certificate)
 
     def _provision(self, tpm, *arguments):
-        tpm.run(credentials.provision_tool(), *arguments,
-                environment={"PLEVO_DEVICE_CONF": str(self._conf)})
+        tpm.run(credentials.provision_tool(), *arguments, environment={"PLEVO_DEVICE_CONF": str(self._conf)})
 
     @property
     def settings(self):
-        return {"deployment": {"credential": "1 2 3 4 5", "key_id": "7"},
-                "keystore": {"module": MODULES[0], "token": LABEL,
-                             "pin_file": str(self.folder / "pin"),
-                             "store": str(self.folder / "store")}}
+        return {
+            "deployment": {"credential": "1 2 3 4 5", "key_id": "7"},
+            "keystore": {
+                "module": MODULES[0],
+                "token": LABEL,
+                "pin_file": str(self.folder / "pin"),
+                "store": str(self.folder / "store"),
+            },
+        }
 
 
 def sign(request_file, authority_folder):
@@ -121,8 +157,9 @@ def tpm(tmp_path):
 
 @pytest.fixture
 def a_device(tmp_path, tpm, store, authority, provisioned):
-    made = device.Device(tmp_path, TpmCredentials(tmp_path / "tpm-device", tpm, provisioned.folder),
-                         f"production.localhost:{store.port}")
+    made = device.Device(
+        tmp_path, TpmCredentials(tmp_path / "tpm-device", tpm, provisioned.folder), f"production.localhost:{store.port}"
+    )
     made.ca_file.write_bytes(authority.pem)
     return made
 
@@ -147,7 +184,6 @@ def test_a_tpm_that_is_gone_fails_the_call_and_says_so(service, caller, store, t
 
     assert caller.call("check_server_availability") == (-1, "")
 
-    (line,) = [record.text for record in service.log()
-               if record.tag == "BILLING_PLATFORM" and LABEL in record.text]
+    (line,) = [record.text for record in service.log() if record.tag == "BILLING_PLATFORM" and LABEL in record.text]
     assert "see whether the token is there" in line
     assert store.requests == []

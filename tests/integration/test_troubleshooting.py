@@ -21,10 +21,18 @@ A_MOMENT = 0.7
 # Rows that other tests break a device for: with several users, a service manager, a process in the service's place.
 ELSEWHERE = {
     "packaging/test_doctor_users.py": {"settings.closed", "ping.denied", "ping.no-policy"},
-    "integration/test_doctor_service.py": {"ping.hung", "ping.library", "unit.library", "unit.failed", "unit.restarting",
-                                           "call.slow", "call.outage"},
+    "integration/test_doctor_service.py": {
+        "ping.hung",
+        "ping.library",
+        "unit.library",
+        "unit.failed",
+        "unit.restarting",
+        "call.slow",
+        "call.outage",
+    },
     "integration/test_doctor_store.py": {"request.slow"},
-    "integration/test_doctor_callers.py": {"callers.held-back", "callers.refused", "callers.no-rules"}}
+    "integration/test_doctor_callers.py": {"callers.held-back", "callers.refused", "callers.no-rules"},
+}
 
 
 class Scene:
@@ -65,6 +73,7 @@ def setting(group, key, value, *arguments, **variables):
     def broken(scene):
         scene.set(group, key, value)
         return scene.sees(*arguments, **variables)
+
     return broken
 
 
@@ -72,6 +81,7 @@ def answer(reply, *arguments):
     def broken(scene):
         scene.store.answer = reply
         return scene.sees(*arguments)
+
     return broken
 
 
@@ -79,6 +89,7 @@ def with_line(text):
     def broken(scene):
         scene.device.write_file(text(scene.device.file.read_text()))
         return scene.sees()
+
     return broken
 
 
@@ -103,6 +114,7 @@ def wrong_pin(*arguments):
     def broken(scene):
         (scene.device.credentials.folder / "pin").write_text("wrong")
         return scene.sees(*arguments)
+
     return broken
 
 
@@ -115,19 +127,40 @@ def sealed(scene):
 
 def ec_key(scene):
     key = scene.device.credentials.folder / "ec.pem"
-    subprocess.run(["openssl", "genpkey", "-algorithm", "EC", "-pkeyopt", "ec_paramgen_curve:P-256", "-out", key],
-                   check=True, capture_output=True)
+    subprocess.run(
+        ["openssl", "genpkey", "-algorithm", "EC", "-pkeyopt", "ec_paramgen_curve:P-256", "-out", key],
+        check=True,
+        capture_output=True,
+    )
     pin = (scene.device.credentials.folder / "pin").read_text().strip()
-    subprocess.run(["softhsm2-util", "--import", key, "--token", "billing-lab", "--label", "ec", "--id", "0000004d",
-                    "--pin", pin], check=True, capture_output=True,
-                   env={"PATH": "/usr/bin:/bin", **scene.device.credentials.environment})
+    subprocess.run(
+        ["softhsm2-util", "--import", key, "--token", "billing-lab", "--label", "ec", "--id", "0000004d", "--pin", pin],
+        check=True,
+        capture_output=True,
+        env={"PATH": "/usr/bin:/bin", **scene.device.credentials.environment},
+    )
     return setting("deployment", "key_id", "77", "--sign")(scene)
 
 
 def other_certificate(scene):
-    subprocess.run(["openssl", "req", "-x509", "-newkey", "rsa:2048", "-nodes", "-subj", "/CN=other", "-keyout",
-                    scene.device.credentials.folder / "other.key", "-out", scene.device.credentials.certificate],
-                   check=True, capture_output=True)
+    subprocess.run(
+        [
+            "openssl",
+            "req",
+            "-x509",
+            "-newkey",
+            "rsa:2048",
+            "-nodes",
+            "-subj",
+            "/CN=other",
+            "-keyout",
+            scene.device.credentials.folder / "other.key",
+            "-out",
+            scene.device.credentials.certificate,
+        ],
+        check=True,
+        capture_output=True,
+    )
     return scene.sees("--sign")
 
 
@@ -157,6 +190,7 @@ def certificate_for_days(begins, ends):
     def broken(scene):
         scene.device.credentials.reissue(begins, ends)
         return scene.sees()
+
     return broken
 
 
@@ -202,31 +236,43 @@ def nobody(scene):
 
 
 BREAKS = {
-    "restart.certificate": newer_certificate, "restart.settings": late_key,
-    "key.pin": wrong_pin("--sign"), "request.key.pin": wrong_pin(),
-    "token.missing": setting("keystore", "token", "other"), "key.sealed": sealed,
-    "key.missing": setting("deployment", "key_id", "77", "--sign"), "key.other-kind": ec_key,
-    "key.not-set": setting("deployment", "key_id", None), "key.other": other_certificate,
-    "certificate.missing": no_certificate, "request.authority": store_without_our_authority,
-    "ca-bundle.missing": no_bundle, "tls.not-trusted": bundle_of_another,
+    "restart.certificate": newer_certificate,
+    "restart.settings": late_key,
+    "key.pin": wrong_pin("--sign"),
+    "request.key.pin": wrong_pin(),
+    "token.missing": setting("keystore", "token", "other"),
+    "key.sealed": sealed,
+    "key.missing": setting("deployment", "key_id", "77", "--sign"),
+    "key.other-kind": ec_key,
+    "key.not-set": setting("deployment", "key_id", None),
+    "key.other": other_certificate,
+    "certificate.missing": no_certificate,
+    "request.authority": store_without_our_authority,
+    "ca-bundle.missing": no_bundle,
+    "tls.not-trusted": bundle_of_another,
     "name-lookup.unknown": setting("deployment", "production_host", "store.invalid"),
     "tcp.not-connected": setting("deployment", "production_host", "localhost:1"),
     "name-lookup.proxy": setting("deployment", "production_host", "store.invalid", https_proxy="http://proxy:3128"),
     "tcp.proxy": setting("deployment", "production_host", "localhost:1", https_proxy="http://proxy:3128"),
     "request.outage": answer(server.Reply(b"<p>later", status="503 Service Unavailable"), "--sign"),
-    "request.page": answer(server.Reply(b"<p>later"), "--sign"), "call.page": answer(server.Reply(b"<p>later")),
+    "request.page": answer(server.Reply(b"<p>later"), "--sign"),
+    "call.page": answer(server.Reply(b"<p>later")),
     "request.refused": answer(server.Reply(b"{}", status="401 Unauthorized"), "--sign"),
     "route.off": setting("network", "default_gateway", "down"),
     "certificate.expires": certificate_for_days(-A_DAY, 12 * A_DAY),
-    "ca-bundle.expires": bundle_for_days, "tls.expires": store_for_days,
-    "clock.early": certificate_for_days(A_DAY, 2 * A_DAY), "time.differs": store_of_another_time,
+    "ca-bundle.expires": bundle_for_days,
+    "tls.expires": store_for_days,
+    "clock.early": certificate_for_days(A_DAY, 2 * A_DAY),
+    "time.differs": store_of_another_time,
     "settings.encoding": with_line(lambda text: "\ufeff" + text),
     "settings.syntax": with_line(lambda text: text + "[network\n"),
     "settings.value": setting("system", "vantor_server_type", "many"),
     "settings.unknown": with_line(lambda text: text + "[system]\nspeed=1\n"),
     "settings.double": with_line(lambda text: text + "[network]\ndefault_gateway=up\n[network]\ndefault_gateway=up\n"),
-    "settings.open": open_settings, "key-material.left": material_left,
-    "ping.stopped": stopped, "name.not-owned": nobody,
+    "settings.open": open_settings,
+    "key-material.left": material_left,
+    "ping.stopped": stopped,
+    "name.not-owned": nobody,
 }
 
 
@@ -251,13 +297,21 @@ def call(reply):
         scene.start()
         scene.store.answer = reply
         scene.caller.call("get_product_list", "a", "0", "c", timeout=120)
+
     return broken
 
 
 NUMBERS = {
-    3: blank_in_an_argument, 6: BREAKS["name-lookup.unknown"], 7: BREAKS["tcp.not-connected"],
-    18: call(server.Truncate(b"{}", missing=1)), 23: call(server.Endless()), 35: wrong_pin(), 56: call(server.Reset()),
-    60: bundle_of_another, 77: no_bundle}
+    3: blank_in_an_argument,
+    6: BREAKS["name-lookup.unknown"],
+    7: BREAKS["tcp.not-connected"],
+    18: call(server.Truncate(b"{}", missing=1)),
+    23: call(server.Endless()),
+    35: wrong_pin(),
+    56: call(server.Reset()),
+    60: bundle_of_another,
+    77: no_bundle,
+}
 if os.environ.get("BILLING_LONG") == "1":
     NUMBERS[28] = call(server.Hang())
 
@@ -281,8 +335,9 @@ NOT_OURS = {"status=127", "status=226/NAMESPACE", "status=228/SECCOMP", "SIGKILL
 def test_the_further_tables_quote_messages_of_the_service():
     """With what a message fills in left out: names, numbers, and what stands for them."""
     folders = ("service", "platform/curl", "platform/keystore", "platform/linux", "platform/process")
-    sources = "\n".join(file.read_text(encoding="utf-8") for folder in folders
-                        for file in sorted((TESTS.parent / folder).rglob("*.cpp")))
+    sources = "\n".join(
+        file.read_text(encoding="utf-8") for folder in folders for file in sorted((TESTS.parent / folder).rglob("*.cpp"))
+    )
     literals = re.sub(r'"\s*\n\s*"', "", sources)
     formats = re.sub(r"%[a-z]+", "\0", literals)
     filled = r":1\.42 \(user 1000\)|'org\.plevo\.billingservice'|\b[NM]\b|\b10000\b|…"

@@ -20,8 +20,8 @@ except ImportError:
 __all__ = ["By", "Keys", "Select", "NARROW", "WIDE", "in_a_browser", "Page", "browser_of_the_run", "page"]
 
 in_a_browser = pytest.mark.skipif(
-    not (CHROMIUM and DRIVER and webdriver),
-    reason="no browser (apt install chromium chromium-driver python3-selenium)")
+    not (CHROMIUM and DRIVER and webdriver), reason="no browser (apt install chromium chromium-driver python3-selenium)"
+)
 WIDE, NARROW = (1280, 1500), (390, 1500)
 
 
@@ -31,8 +31,14 @@ def browser_of_the_run(tmp_path_factory):
     options = webdriver.ChromeOptions()
     options.binary_location = CHROMIUM
     home = tmp_path_factory.mktemp("browser")
-    for argument in ("headless=new", "no-sandbox", "disable-gpu", "disable-dev-shm-usage",
-                     "force-device-scale-factor=1", f"user-data-dir={home}"):
+    for argument in (
+        "headless=new",
+        "no-sandbox",
+        "disable-gpu",
+        "disable-dev-shm-usage",
+        "force-device-scale-factor=1",
+        f"user-data-dir={home}",
+    ):
         options.add_argument(f"--{argument}")
     options.set_capability("goog:loggingPrefs", {"browser": "ALL"})
     driver = webdriver.Chrome(service=Service(DRIVER), options=options)
@@ -67,8 +73,7 @@ class Page:
         return self.driver.find_element(By.CSS_SELECTOR, selector)
 
     def text(self, selector):
-        return self.driver.execute_script(
-            "return document.querySelector(arguments[0])?.textContent ?? null", selector)
+        return self.driver.execute_script("return document.querySelector(arguments[0])?.textContent ?? null", selector)
 
     def field(self, section, label):
         name = next(item for item in self.all(f"#{section} label") if item.text == label)
@@ -87,14 +92,14 @@ class Page:
 
     def rows(self):
         """What stands in the rows that can be seen."""
-        return self.driver.execute_script(
-            "return [...document.querySelectorAll('.row')].map(row => row.textContent)")
+        return self.driver.execute_script("return [...document.querySelectorAll('.row')].map(row => row.textContent)")
 
     def selected(self):
         """The places of the chosen rows among those that can be seen."""
         return self.driver.execute_script(
             "return [...document.querySelectorAll('.row')].flatMap("
-            "(row, at) => row.getAttribute('aria-selected') === 'true' ? [at] : [])")
+            "(row, at) => row.getAttribute('aria-selected') === 'true' ? [at] : [])"
+        )
 
     def picture(self, name):
         self.driver.save_screenshot(str(self._pictures / f"{name}.png"))

@@ -32,9 +32,16 @@ class RunningStore:
         shutil.copytree(certificates, folder, dirs_exist_ok=True)
         listener = connections.listen()
         self.port = listener.getsockname()[1]
-        self.device = {"host": f"{HOST}:{self.port}", "token": TOKEN, "duid": DUID, "guid": GUID,
-                       "uid": UID, "country": "US", "locale": "en_US.utf8",
-                       "certificate": tls.fingerprint(folder / "client.pem")}
+        self.device = {
+            "host": f"{HOST}:{self.port}",
+            "token": TOKEN,
+            "duid": DUID,
+            "guid": GUID,
+            "uid": UID,
+            "country": "US",
+            "locale": "en_US.utf8",
+            "certificate": tls.fingerprint(folder / "client.pem"),
+        }
         self.told, self.events = [], []
         ready = threading.Event()
         self._thread = threading.Thread(target=lambda: asyncio.run(self._run(listener, ready)))
@@ -46,8 +53,7 @@ class RunningStore:
         self.db = state.open_state(self.folder / "state.sqlite")
         state.seed(self.db, catalogue.load(catalogue.DEFAULT_FILE))
         state.set_fact(self.db, "token", TOKEN)
-        self.simulator = simulator.Simulator(self.db, listener, self.folder, lambda: self.device,
-                                             self._told)
+        self.simulator = simulator.Simulator(self.db, listener, self.folder, lambda: self.device, self._told)
         self._task = self._loop.create_task(self.simulator.connections.run())
         ready.set()
         with contextlib.suppress(asyncio.CancelledError):
@@ -61,8 +67,10 @@ class RunningStore:
 
     def do(self, function, *arguments, **options):
         """Calls a function in the store's thread."""
+
         async def called():
             return function(*arguments, **options)
+
         return asyncio.run_coroutine_threadsafe(called(), self._loop).result(20)
 
     def stop(self):
@@ -76,8 +84,7 @@ class Client:
 
     def __init__(self, store, context, session=None):
         raw = socket.create_connection(("127.0.0.1", store.port), timeout=20)
-        self.tls = context.wrap_socket(raw, server_hostname=HOST, session=session,
-                                       suppress_ragged_eofs=False)
+        self.tls = context.wrap_socket(raw, server_hostname=HOST, session=session, suppress_ragged_eofs=False)
         self._store = store
 
     def send(self, raw):
@@ -96,33 +103,45 @@ class Client:
         self.tls.close()
 
 
-def request(endpoint, device, appid="app-1", checkvalue="", invoice="INV-SEED-2", custom="me",
-            page="pagesize=20&startidx=1"):
+def request(endpoint, device, appid="app-1", checkvalue="", invoice="INV-SEED-2", custom="me", page="pagesize=20&startidx=1"):
     """The bytes that the daemon sends for an endpoint."""
     country, guid, uid = device["country"], device["guid"], device["uid"]
     paths = {
         "country": f"GET /billing/service/v2/country?storeid=1&storeprodcode=1&guid={uid}&uid={uid}"
-                   f"&lang=en&countrycode={country}",
+        f"&lang=en&countrycode={country}",
         "products": f"GET /billing/product/v2/products?appid={appid}&guid={guid}&uid={uid}"
-                    f"&storeid=1&storeprodcode=1&countrycode={country}&languagecode=en"
-                    f"&checkvalue={checkvalue}",
+        f"&storeid=1&storeprodcode=1&countrycode={country}&languagecode=en"
+        f"&checkvalue={checkvalue}",
         "invoices": f"GET /billing/service/v2/user/invoices?customid={uid}&countrycode={country}"
-                    f"&languagecode=en&GUID={guid}&UID={uid}&storeid=1&storeprodcode=1&{page}"
-                    "&reqtype=2",
+        f"&languagecode=en&GUID={guid}&UID={uid}&storeid=1&storeprodcode=1&{page}"
+        "&reqtype=2",
         "apply": "POST /billing/payment/v2/apply",
-        "confirm": "POST /billing/payment/v2/confirm"}
-    lines = [f"{paths[endpoint]} HTTP/1.1", f"Host: {device['host']}",
-             "Content-Type: application/json; charset=utf-8", "Accept: application/json",
-             f"DUID: {device['duid']}", f"Atoken: {device['token']}"]
+        "confirm": "POST /billing/payment/v2/confirm",
+    }
+    lines = [
+        f"{paths[endpoint]} HTTP/1.1",
+        f"Host: {device['host']}",
+        "Content-Type: application/json; charset=utf-8",
+        "Accept: application/json",
+        f"DUID: {device['duid']}",
+        f"Atoken: {device['token']}",
+    ]
     if endpoint == "invoices":
         lines += ["TvYear: 15", "TvVersion: 1.2"]
     body = ""
     if endpoint in ("apply", "confirm"):
-        members = {"GUID": guid, "UID": uid, "appId": appid, "countryCode": country,
-                   "customId": custom, "invoiceId": invoice, "languageCode": "en", "storeId": "1",
-                   "storeProdCode": "1"}
-        body = "{\n" + ",\n".join(f'   {json.dumps(k)} : {json.dumps(v)}'
-                                  for k, v in members.items()) + "\n}\n"
+        members = {
+            "GUID": guid,
+            "UID": uid,
+            "appId": appid,
+            "countryCode": country,
+            "customId": custom,
+            "invoiceId": invoice,
+            "languageCode": "en",
+            "storeId": "1",
+            "storeProdCode": "1",
+        }
+        body = "{\n" + ",\n".join(f"   {json.dumps(k)} : {json.dumps(v)}" for k, v in members.items()) + "\n}\n"
         lines.append(f"Content-Length: {len(body)}")
     return ("\r\n".join(lines) + "\r\n\r\n" + body).encode()
 
@@ -201,13 +220,22 @@ def cli(tmp_path):
     """A function that runs the command, with a folder of the test's for everything that it may write."""
     home = tmp_path / "home"
     home.mkdir()
-    environment = {"PATH": os.environ["PATH"], "HOME": str(home), "TMPDIR": str(home),
-                   **{name: os.environ[name] for name in ("BILLING_SERVICE", "PYTHONDONTWRITEBYTECODE")
-                      if name in os.environ}}
+    environment = {
+        "PATH": os.environ["PATH"],
+        "HOME": str(home),
+        "TMPDIR": str(home),
+        **{name: os.environ[name] for name in ("BILLING_SERVICE", "PYTHONDONTWRITEBYTECODE") if name in os.environ},
+    }
 
     def run(*arguments, folder=tmp_path / "lab", **more):
-        return subprocess.run([LAB / "billing-lab", "--dir", folder, *map(str, arguments)],
-                              env={**environment, **more}, capture_output=True, text=True, timeout=120,
-                              check=False)
+        return subprocess.run(
+            [LAB / "billing-lab", "--dir", folder, *map(str, arguments)],
+            env={**environment, **more},
+            capture_output=True,
+            text=True,
+            timeout=120,
+            check=False,
+        )
+
     run.environment = environment
     return run

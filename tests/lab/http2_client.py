@@ -45,8 +45,7 @@ class Http2Client:
     def __init__(self, store, context, window=None, session=None):
         context.set_alpn_protocols(["h2", "http/1.1"])
         raw = socket.create_connection(("127.0.0.1", store.port), timeout=20)
-        self.tls = context.wrap_socket(raw, server_hostname=HOST, session=session,
-                                       suppress_ragged_eofs=False)
+        self.tls = context.wrap_socket(raw, server_hostname=HOST, session=session, suppress_ragged_eofs=False)
         assert self.tls.selected_alpn_protocol() == "h2"
         self._store = store
         self._manual = window is not None
@@ -78,7 +77,7 @@ class Http2Client:
         self.answers[number] = Answer()
         self.h2.send_headers(number, headers, end_stream=not body)
         for start in range(0, len(body), 16_000):
-            self.h2.send_data(number, body[start:start + 16_000], end_stream=start + 16_000 >= len(body))
+            self.h2.send_data(number, body[start : start + 16_000], end_stream=start + 16_000 >= len(body))
         self.flush()
         return number
 

@@ -51,8 +51,7 @@ def program(request, tmp_path_factory):
 
 
 def run(program, **environment):
-    done = subprocess.run(program, capture_output=True, text=True, timeout=120, check=False,
-                          env={**os.environ, **environment})
+    done = subprocess.run(program, capture_output=True, text=True, timeout=120, check=False, env={**os.environ, **environment})
     return done.returncode, done.stdout, done.stderr
 
 
@@ -68,6 +67,7 @@ def test_a_program_of_the_page_tells_the_three_results(lab, program):
 
 def test_a_program_of_the_page_says_when_the_service_is_not_there(program, tmp_path):
     from billing_lab.bus import Bus
+
     empty = Bus(tmp_path)
     try:
         code, _, said = run(program, DBUS_SYSTEM_BUS_ADDRESS=empty.address)
@@ -77,7 +77,7 @@ def test_a_program_of_the_page_says_when_the_service_is_not_there(program, tmp_p
 
 
 def rows():
-    table = PAGE[PAGE.index("| method |"):].split("\n\n")[0].split("\n")[2:]
+    table = PAGE[PAGE.index("| method |") :].split("\n\n")[0].split("\n")[2:]
     for line in table:
         method, count, unused = (cell.strip() for cell in line.strip("|").split("|"))
         yield method.strip("`"), count.split(", "), unused.split(", ")

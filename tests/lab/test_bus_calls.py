@@ -19,7 +19,11 @@ def test_a_call_stands_with_its_answer_and_its_request(lab):
     result, text = lab.call("get_product_list", appid="app-1")
     (call,) = calls(lab, 1)
     assert (call["method"], call["arguments"]["appid"], call["resp_result"], call["resp_info"]) == (
-        "get_product_list", "app-1", result, text)
+        "get_product_list",
+        "app-1",
+        result,
+        text,
+    )
     assert call["requests"] == [lab.journal()[0]["seq"]] and call["fault"] is None
     assert call["bytes"] == len(text.encode()) and 0 < call["milliseconds"] < 20_000
 

@@ -6,9 +6,13 @@ import pytest
 from billing_lab import catalogue
 from billing_lab.folder import LabError
 
-METHODS = {"check_server_availability": "country", "get_product_list": "products",
-           "get_purchase_history": "invoices", "get_applied_time": "apply",
-           "confirm_purchase": "confirm"}
+METHODS = {
+    "check_server_availability": "country",
+    "get_product_list": "products",
+    "get_purchase_history": "invoices",
+    "get_applied_time": "apply",
+    "confirm_purchase": "confirm",
+}
 
 
 def called(lab, method, **values):
@@ -79,9 +83,15 @@ SEEN = {
 ASKED_AGAIN = [("hang", "get_product_list")]
 
 
-@pytest.mark.parametrize("kind, method", [(kind, method) for kind in SEEN
-                                          for method in ("get_product_list", "confirm_purchase")
-                                          if (kind, method) not in ASKED_AGAIN])
+@pytest.mark.parametrize(
+    "kind, method",
+    [
+        (kind, method)
+        for kind in SEEN
+        for method in ("get_product_list", "confirm_purchase")
+        if (kind, method) not in ASKED_AGAIN
+    ],
+)
 def test_a_fault_is_seen_by_the_caller(lab, kind, method):
     options, result, fits = SEEN[kind]
     values = {"invoiceid": "INV-SEED-2"} if method == "confirm_purchase" else {}
@@ -100,9 +110,15 @@ def test_a_fault_is_seen_by_the_caller(lab, kind, method):
     assert lab.call(method, **values) == (0, body)
 
 
-@pytest.mark.parametrize("appid", [
-    "app-1&guid=victim&uid=victim", "app-1#", "app-1&checkvalue=v#",
-    "app-1&guid=victim&uid=victim&storeid=1&storeprodcode=1&countrycode=US&languagecode=en&checkvalue=v#"])
+@pytest.mark.parametrize(
+    "appid",
+    [
+        "app-1&guid=victim&uid=victim",
+        "app-1#",
+        "app-1&checkvalue=v#",
+        "app-1&guid=victim&uid=victim&storeid=1&storeprodcode=1&countrycode=US&languagecode=en&checkvalue=v#",
+    ],
+)
 def test_an_argument_that_is_more_than_its_part_of_the_query_is_flagged(lab, appid):
     lab.call("get_product_list", appid="app-1%26guid=mine")
     lab.call("get_product_list", appid=appid)
@@ -136,15 +152,18 @@ def keep_a_connection(lab):
     lab.call("check_server_availability")
 
 
-@pytest.mark.parametrize("kind, options", [("hang", {"seconds": 0.5}), ("reset", {"count": 1}),
-                                           ("goaway", {"count": 1}), ("refuse-stream", {})])
+@pytest.mark.parametrize(
+    "kind, options", [("hang", {"seconds": 0.5}), ("reset", {"count": 1}), ("goaway", {"count": 1}), ("refuse-stream", {})]
+)
 def test_a_question_is_asked_once_more_over_http_1_1(lab, kind, options):
     keep_a_connection(lab)
     before = len(lab.journal())
     lab.fault(kind, **options)
     assert called(lab, "check_server_availability")["available"] is True
     assert [(entry["protocol"], entry["fault"]) for entry in wait_for_ends(lab)[before:]] == [
-        ("HTTP/2", kind), ("HTTP/1.1", None)]
+        ("HTTP/2", kind),
+        ("HTTP/1.1", None),
+    ]
 
 
 def test_a_payment_is_never_refused_by_a_stream(lab):
@@ -152,8 +171,9 @@ def test_a_payment_is_never_refused_by_a_stream(lab):
     assert called(lab, "confirm_purchase", invoiceid="INV-SEED-2")["status"] == "ok"
 
 
-@pytest.mark.parametrize("method, values", [("check_server_availability", {}),
-                                            ("confirm_purchase", {"invoiceid": "INV-SEED-2"})])
+@pytest.mark.parametrize(
+    "method, values", [("check_server_availability", {}), ("confirm_purchase", {"invoiceid": "INV-SEED-2"})]
+)
 def test_what_is_begun_while_the_store_restarts_is_answered(lab, method, values):
     keep_a_connection(lab)
     lab.connection("restart", ms=700)
@@ -199,8 +219,7 @@ def test_the_device_s_switches_take_effect_at_the_next_call(lab):
         result, text = lab.call(method, **values)
         return result, json.loads(text) if result == 0 else text
 
-    assert said("gateway", "down", "check_server_availability") == (1160003,
-                                                                  "Network error, please check!")
+    assert said("gateway", "down", "check_server_availability") == (1160003, "Network error, please check!")
     assert said("gateway", "error:5", "check_server_availability")[0] == 1160003
     assert said("gateway", "up", "check_server_availability")[1]["country"] == "US"
     assert said("country", "AQ", "check_server_availability")[1]["available"] is False
@@ -217,17 +236,20 @@ def test_the_device_s_switches_take_effect_at_the_next_call(lab):
     assert [entry["differences"] for entry in lab.journal()] == [[]] * len(lab.journal())
 
 
-@pytest.mark.parametrize("switch, value, said", [
-    ("country", "Germany", "country 'Germany' is no code; write two capitals such as DE, or none"),
-    ("country", "D\nE", "country 'D\\nE' is no code"),
-    ("language", "german", "language 'german' is no locale"),
-    ("server", "mine", "server 'mine' is not known; write one of production, sandbox"),
-    ("gateway", "open", "gateway 'open' is not known; write up, down, auto or error:NUMBER"),
-    ("token", "old", "token 'old' is not known; write one of valid, expired, none"),
-    ("signed-in", "who", "the catalogue has no user 'who'; it has lab@example.org, second@example.org"),
-    ("signed-out", "no", "signed-out takes no value such as 'no'; `signed-in USER` undoes it"),
-    ("colour", "red", "'colour' is no switch of the device; known are signed-out"),
-])
+@pytest.mark.parametrize(
+    "switch, value, said",
+    [
+        ("country", "Germany", "country 'Germany' is no code; write two capitals such as DE, or none"),
+        ("country", "D\nE", "country 'D\\nE' is no code"),
+        ("language", "german", "language 'german' is no locale"),
+        ("server", "mine", "server 'mine' is not known; write one of production, sandbox"),
+        ("gateway", "open", "gateway 'open' is not known; write up, down, auto or error:NUMBER"),
+        ("token", "old", "token 'old' is not known; write one of valid, expired, none"),
+        ("signed-in", "who", "the catalogue has no user 'who'; it has lab@example.org, second@example.org"),
+        ("signed-out", "no", "signed-out takes no value such as 'no'; `signed-in USER` undoes it"),
+        ("colour", "red", "'colour' is no switch of the device; known are signed-out"),
+    ],
+)
 def test_a_switch_that_cannot_be_set_so_is_refused(lab, switch, value, said):
     before = lab.device()
     with pytest.raises(LabError) as caught:
@@ -278,10 +300,16 @@ def test_settings_that_were_broken_by_hand_are_said_and_mended_by_reset(lab):
 
 def test_another_catalogue_signs_one_of_its_users_in(lab, tmp_path):
     shop = tmp_path / "shop.json"
-    shop.write_text(json.dumps({
-        "lab": 1, "countries": {"US": {"currency": "USD"}}, "users": [{"uid": "u", "guid": "g"}],
-        "apps": [{"id": "a", "products": [
-            {"id": "p", "title": "P", "type": "durable", "prices": {"US": "1"}}]}]}))
+    shop.write_text(
+        json.dumps(
+            {
+                "lab": 1,
+                "countries": {"US": {"currency": "USD"}},
+                "users": [{"uid": "u", "guid": "g"}],
+                "apps": [{"id": "a", "products": [{"id": "p", "title": "P", "type": "durable", "prices": {"US": "1"}}]}],
+            }
+        )
+    )
     assert lab.seed(shop)["products"] == 1
     assert lab.buy("p")["user"] == "u"
     assert called(lab, "get_purchase_history")["total"] == 1
@@ -304,7 +332,8 @@ def test_a_catalogue_sets_the_device_and_a_reset_does_it_again(lab, tmp_path):
 def test_a_body_of_ones_own_is_told_and_the_catalogue_can_be_given_back(lab):
     lab.answer("country", b"\xff", status=404)
     assert lab.status()["answers"] == {
-        "country": {"status": 404, "type": "application/json", "bytes": 1, "bodies": 1, "template": False}}
+        "country": {"status": 404, "type": "application/json", "bytes": 1, "bodies": 1, "template": False}
+    }
     shown = lab.ask("GET", "/api/catalogue")
     assert lab.ask("POST", "/api/catalogue", {"text": json.dumps(shown)})["apps"] == 2
     assert lab.status()["answers"] == {}

@@ -27,12 +27,14 @@ GOOD = """{
 @pytest.fixture
 def problems(tmp_path):
     """What is said about a text."""
+
     def of(text):
         file = tmp_path / "shop.json"
         file.write_bytes(text if isinstance(text, bytes) else text.encode())
         with pytest.raises(catalogue.CatalogueError) as caught:
             catalogue.load(file)
         return [line.removeprefix(f"{tmp_path}/") for line in str(caught.value).split("\n")]
+
     return of
 
 
@@ -44,38 +46,52 @@ def test_a_good_catalogue_is_read_whole(tmp_path):
     assert catalogue.parse(GOOD, "shop.json", tmp_path) == json.loads(GOOD)
 
 
-@pytest.mark.parametrize("old, new, said", [
-    ('"lab": 1,', '"lab": 2,',
-     'shop.json:2: lab is 2; write the number 1, the version of this form'),
-    ('"currency": "EUR"', '"curency": "EUR"',
-     'shop.json:3: countries.DE lacks "currency"; add it'),
-    ('{"DE": {"cur', '{"Germany": {"cur',
-     'shop.json:3: "Germany" in countries: write a country code of two capitals, such as "DE"'),
-    ('"durable"', '"gift"',
-     'shop.json:7: apps[0].products[0].type is "gift"; write one of "consumable", "durable", '
-     '"subscription"'),
-    ('"1.00"', "1.00",
-     'shop.json:7: apps[0].products[0].prices.DE is 1.0; write an amount as a text, such as "3.99"'),
-    ('"user": "u"', '"user": "who"',
-     'shop.json:12: invoices[0].user "who" is none of the users; add it there, or name one of "u"'),
-    ('"product": "p"', '"product": "q"',
-     "shop.json:12: invoices[0].product \"q\" is none of the app's products; add it there, or name "
-     'one of "p"'),
-    ('20:15:00Z', '20:15:00',
-     'shop.json:13: invoices[0].bought is "2026-01-31T20:15:00"; write a time in UTC such as '
-     '"2026-01-31T20:15:00Z"'),
-    ('{"id": "p"', '{"id": "NEVER-SHIP.buy.declined"',
-     "shop.json:7: ids that begin with NEVER-SHIP. force outcomes and are never listed; name it "
-     "otherwise"),
-    ('"users": [{"uid": "u", "guid": "g"}]', '"users": []',
-     'shop.json:10: users is []; put at least one in'),
-    ('{"DE": "1.00"}', '{"FR": "1.00"}',
-     'shop.json:7: "FR" is none of the countries; add it there, or take this price out'),
-    ('"apps": [', '"apps": [,',
-     'shop.json:4: no valid JSON (Expecting value); look at column 12 and just before it'),
-    ('"lab": 1,', '"lab": 1, "lab": 1,',
-     'shop.json: the name "lab" stands twice in one object; take one out'),
-])
+@pytest.mark.parametrize(
+    "old, new, said",
+    [
+        ('"lab": 1,', '"lab": 2,', "shop.json:2: lab is 2; write the number 1, the version of this form"),
+        ('"currency": "EUR"', '"curency": "EUR"', 'shop.json:3: countries.DE lacks "currency"; add it'),
+        (
+            '{"DE": {"cur',
+            '{"Germany": {"cur',
+            'shop.json:3: "Germany" in countries: write a country code of two capitals, such as "DE"',
+        ),
+        (
+            '"durable"',
+            '"gift"',
+            'shop.json:7: apps[0].products[0].type is "gift"; write one of "consumable", "durable", "subscription"',
+        ),
+        ('"1.00"', "1.00", 'shop.json:7: apps[0].products[0].prices.DE is 1.0; write an amount as a text, such as "3.99"'),
+        (
+            '"user": "u"',
+            '"user": "who"',
+            'shop.json:12: invoices[0].user "who" is none of the users; add it there, or name one of "u"',
+        ),
+        (
+            '"product": "p"',
+            '"product": "q"',
+            'shop.json:12: invoices[0].product "q" is none of the app\'s products; add it there, or name one of "p"',
+        ),
+        (
+            "20:15:00Z",
+            "20:15:00",
+            'shop.json:13: invoices[0].bought is "2026-01-31T20:15:00"; write a time in UTC such as "2026-01-31T20:15:00Z"',
+        ),
+        (
+            '{"id": "p"',
+            '{"id": "NEVER-SHIP.buy.declined"',
+            "shop.json:7: ids that begin with NEVER-SHIP. force outcomes and are never listed; name it otherwise",
+        ),
+        ('"users": [{"uid": "u", "guid": "g"}]', '"users": []', "shop.json:10: users is []; put at least one in"),
+        (
+            '{"DE": "1.00"}',
+            '{"FR": "1.00"}',
+            'shop.json:7: "FR" is none of the countries; add it there, or take this price out',
+        ),
+        ('"apps": [', '"apps": [,', "shop.json:4: no valid JSON (Expecting value); look at column 12 and just before it"),
+        ('"lab": 1,', '"lab": 1, "lab": 1,', 'shop.json: the name "lab" stands twice in one object; take one out'),
+    ],
+)
 def test_what_is_wrong_is_said_with_its_line_and_its_cure(problems, old, new, said):
     assert old in GOOD
     assert said in problems(GOOD.replace(old, new))
@@ -86,23 +102,24 @@ def test_everything_that_is_wrong_is_said_at_once(problems):
     assert problems(text) == [
         'shop.json:3: countries.DE has an unknown member "curency"; did you mean "currency"?',
         'shop.json:3: countries.DE lacks "currency"; add it',
-        'shop.json:7: apps[0].products[0].type is "gift"; write one of "consumable", "durable", '
-        '"subscription"']
+        'shop.json:7: apps[0].products[0].type is "gift"; write one of "consumable", "durable", "subscription"',
+    ]
 
 
 def test_an_id_that_stands_twice_is_said(problems):
-    text = GOOD.replace('[{"uid": "u", "guid": "g"}]', '[{"uid": "u", "guid": "g"},\n'
-                        '{"uid": "u", "guid": "h"}]')
+    text = GOOD.replace('[{"uid": "u", "guid": "g"}]', '[{"uid": "u", "guid": "g"},\n{"uid": "u", "guid": "h"}]')
     assert problems(text) == ['shop.json:11: users[1].uid "u" is there already; give it another']
 
 
-@pytest.mark.parametrize("answer, said", [
-    ({}, 'answers.products needs exactly one of "text", "json", "base64" and "file"'),
-    ({"text": "a", "json": 1}, 'answers.products needs exactly one of "text", "json", "base64" and "file"'),
-    ({"base64": "abc"}, "answers.products.base64 is no Base64; its length must be a multiple of four"),
-    ({"text": "a", "status": 99},
-     "answers.products.status is 99; write an HTTP status, 200 to 599; 200 without it"),
-])
+@pytest.mark.parametrize(
+    "answer, said",
+    [
+        ({}, 'answers.products needs exactly one of "text", "json", "base64" and "file"'),
+        ({"text": "a", "json": 1}, 'answers.products needs exactly one of "text", "json", "base64" and "file"'),
+        ({"base64": "abc"}, "answers.products.base64 is no Base64; its length must be a multiple of four"),
+        ({"text": "a", "status": 99}, "answers.products.status is 99; write an HTTP status, 200 to 599; 200 without it"),
+    ],
+)
 def test_an_answer_has_one_body(problems, answer, said):
     text = GOOD.replace('"lab": 1,', '"lab": 1, "answers": {"products": %s},' % json.dumps(answer))
     assert problems(text) == [f"shop.json:2: {said}"]
@@ -110,8 +127,7 @@ def test_an_answer_has_one_body(problems, answer, said):
 
 def test_a_file_that_is_not_there_is_named(problems, tmp_path):
     text = GOOD.replace('"lab": 1,', '"lab": 1, "answers": {"apply": {"file": "none.json"}},')
-    assert problems(text) == [f"shop.json:2: there is no file {tmp_path}/none.json; its path begins "
-                              "at the catalogue's folder"]
+    assert problems(text) == [f"shop.json:2: there is no file {tmp_path}/none.json; its path begins at the catalogue's folder"]
 
 
 def test_a_body_comes_from_a_file_beside_the_catalogue(tmp_path):
@@ -135,7 +151,13 @@ def test_a_catalogue_that_is_nested_without_end_is_refused(problems, depth):
 
 def test_lines_are_those_of_names_and_of_elements():
     assert lines_of('{"a":\n[1,\n"}\\"",\n{"b": 2}]\n}') == {
-        (): 1, ("a",): 1, ("a", 0): 2, ("a", 1): 3, ("a", 2): 4, ("a", 2, "b"): 4}
+        (): 1,
+        ("a",): 1,
+        ("a", 0): 2,
+        ("a", 1): 3,
+        ("a", 2): 4,
+        ("a", 2, "b"): 4,
+    }
 
 
 def test_a_title_is_told_in_the_nearest_language():
@@ -148,9 +170,11 @@ def test_a_title_is_told_in_the_nearest_language():
 
 def test_a_catalogue_of_20000_products_is_read_in_the_time_of_20000():
     """Ten times the products take ten times the time, not a hundred times."""
+
     def seconds(count):
-        products = [{"id": f"p-{i}", "title": {"en": "P"}, "type": "consumable", "prices": {"DE": "1.00"}}
-                    for i in range(count)]
+        products = [
+            {"id": f"p-{i}", "title": {"en": "P"}, "type": "consumable", "prices": {"DE": "1.00"}} for i in range(count)
+        ]
         made = json.loads(GOOD)
         made["apps"][0]["products"] = [*made["apps"][0]["products"], *products]
         text = json.dumps(made, indent=2)
@@ -158,15 +182,19 @@ def test_a_catalogue_of_20000_products_is_read_in_the_time_of_20000():
         assert len(catalogue.parse(text, "shop.json", pathlib.Path("/"))["apps"][0]["products"]) == count + 1
         lines_of(text)
         return time.process_time() - began
+
     assert seconds(20_000) < 30 * seconds(2000)
 
 
-@pytest.mark.parametrize("old, new, said", [
-    ("2026-01-31T20", "2026-13-31T20", "shop.json:13: invoices[0].bought is \"2026-13-31T20:15:00Z\"; write a time in"),
-    ("2026-01-31T20", "2026-02-30T20", "shop.json:13: invoices[0].bought is \"2026-02-30T20:15:00Z\"; write a time in"),
-    ('"lab": 1', '"lab": NaN', "shop.json: NaN is no JSON; write a number or null"),
-    ('"lab": 1', '"lab": 1, "device": {"server": "none"}', 'shop.json:2: device.server is "none"; write one of'),
-])
+@pytest.mark.parametrize(
+    "old, new, said",
+    [
+        ("2026-01-31T20", "2026-13-31T20", 'shop.json:13: invoices[0].bought is "2026-13-31T20:15:00Z"; write a time in'),
+        ("2026-01-31T20", "2026-02-30T20", 'shop.json:13: invoices[0].bought is "2026-02-30T20:15:00Z"; write a time in'),
+        ('"lab": 1', '"lab": NaN', "shop.json: NaN is no JSON; write a number or null"),
+        ('"lab": 1', '"lab": 1, "device": {"server": "none"}', 'shop.json:2: device.server is "none"; write one of'),
+    ],
+)
 def test_what_no_calendar_and_no_json_has_is_refused(problems, old, new, said):
     (line,) = problems(GOOD.replace(old, new))
     assert line.startswith(said)
@@ -174,10 +202,19 @@ def test_what_no_calendar_and_no_json_has_is_refused(problems, old, new, said):
 
 def test_what_was_read_can_be_written_and_read_again(tmp_path):
     (tmp_path / "body").write_bytes(b"\xff\x00")
-    made = {**json.loads(GOOD), "answers": {"country": {"file": "body", "status": 404},
-                                            "products": {"json": {"a": "\u00fc"}}, "invoices": {"base64": "/w=="}}}
+    made = {
+        **json.loads(GOOD),
+        "answers": {
+            "country": {"file": "body", "status": 404},
+            "products": {"json": {"a": "\u00fc"}},
+            "invoices": {"base64": "/w=="},
+        },
+    }
     read = catalogue.parse(json.dumps(made), "shop.json", tmp_path)
     written = catalogue.as_file(read)
-    assert written["answers"] == {"country": {"base64": "/wA=", "status": 404}, "products": {"text": '{"a": "\u00fc"}'},
-                                  "invoices": {"base64": "/w=="}}
+    assert written["answers"] == {
+        "country": {"base64": "/wA=", "status": 404},
+        "products": {"text": '{"a": "\u00fc"}'},
+        "invoices": {"base64": "/w=="},
+    }
     assert catalogue.parse(json.dumps(written), "shop.json", tmp_path / "none") == read

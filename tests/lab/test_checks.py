@@ -10,9 +10,18 @@ from billing_lab.matching import MatchError
 
 def entry(seq, endpoint, invoice="", second=0, work=True, fault=None, end="whole", **said):
     told = {"invoice": invoice, **said} if invoice else said
-    return {"seq": seq, "kind": "request", "endpoint": endpoint, "headers": [["TvYear", "15"]], "asked": told,
-            "time": f"2026-01-31T20:{second // 60:02}:{second % 60:02}.000Z", "work": work, "fault": fault,
-            "answer": {"end": end}, "differences": []}
+    return {
+        "seq": seq,
+        "kind": "request",
+        "endpoint": endpoint,
+        "headers": [["TvYear", "15"]],
+        "asked": told,
+        "time": f"2026-01-31T20:{second // 60:02}:{second % 60:02}.000Z",
+        "work": work,
+        "fault": fault,
+        "answer": {"end": end},
+        "differences": [],
+    }
 
 
 def judged(entries, **wanted):
@@ -22,13 +31,20 @@ def judged(entries, **wanted):
 PURCHASE = [entry(1, "invoices"), entry(2, "apply", "A"), entry(3, "confirm", "A"), entry(4, "confirm", "B")]
 
 
-@pytest.mark.parametrize("wanted, ok, found", [
-    ({"endpoint": "confirm"}, True, [3, 4]), ({"endpoint": "confirm", "times": 1}, False, [3, 4]),
-    ({"endpoint": "confirm_purchase", "invoice": "A", "times": 1}, True, [3]),
-    ({"endpoint": "confirm", "invoice": "C"}, False, []), ({"endpoint": "confirm", "invoice": "C", "times": 0}, True, []),
-    ({"at_most": 3}, False, [1, 2, 3, 4]), ({"at_least": 2, "at_most": 4}, True, [1, 2, 3, 4]),
-    ({"endpoint": "confirm", "after": 3, "times": 1}, True, [4]), ({"header": "TvYear: 15", "times": 4}, True, [1, 2, 3, 4]),
-])
+@pytest.mark.parametrize(
+    "wanted, ok, found",
+    [
+        ({"endpoint": "confirm"}, True, [3, 4]),
+        ({"endpoint": "confirm", "times": 1}, False, [3, 4]),
+        ({"endpoint": "confirm_purchase", "invoice": "A", "times": 1}, True, [3]),
+        ({"endpoint": "confirm", "invoice": "C"}, False, []),
+        ({"endpoint": "confirm", "invoice": "C", "times": 0}, True, []),
+        ({"at_most": 3}, False, [1, 2, 3, 4]),
+        ({"at_least": 2, "at_most": 4}, True, [1, 2, 3, 4]),
+        ({"endpoint": "confirm", "after": 3, "times": 1}, True, [4]),
+        ({"header": "TvYear: 15", "times": 4}, True, [1, 2, 3, 4]),
+    ],
+)
 def test_what_was_asked_is_counted(wanted, ok, found):
     told = judged(PURCHASE, **wanted)
     assert (told["ok"], told["found"]) == (ok, found), told
@@ -38,24 +54,33 @@ def test_what_nearly_fits_is_named():
     told = judged(PURCHASE, endpoint="confirm", invoice="C", times=1)
     assert told["near"] == [
         {"seq": seq, "endpoint": "confirm", "differs": "invoice", "wanted": "C", "was": was}
-        for seq, was in ((3, "A"), (4, "B"))]
-    assert told["message"] == ("confirm, invoice C: asked never, wanted once\n  near: journal 3, confirm, but invoice "
-                               "was 'A'\n  near: journal 4, confirm, but invoice was 'B'")
+        for seq, was in ((3, "A"), (4, "B"))
+    ]
+    assert told["message"] == (
+        "confirm, invoice C: asked never, wanted once\n  near: journal 3, confirm, but invoice "
+        "was 'A'\n  near: journal 4, confirm, but invoice was 'B'"
+    )
     assert judged(PURCHASE, endpoint="apply", invoice="B")["near"][-1]["differs"] == "endpoint"
 
 
-@pytest.mark.parametrize("wanted, said", [
-    ({"endpoint": "shop"}, "'shop' is no endpoint"), ({"endpoint": "products", "invoice": "A"}, "names no invoice"),
-    ({"times": -1}, "times is -1"), ({"times": True}, "times is True"), ({"often": 1}, "a check takes no 'often'"),
-    ({"times": 1, "at_most": 2}, "times says both bounds already"), ({"at_least": 3, "at_most": 2}, "nothing could fit"),
-])
+@pytest.mark.parametrize(
+    "wanted, said",
+    [
+        ({"endpoint": "shop"}, "'shop' is no endpoint"),
+        ({"endpoint": "products", "invoice": "A"}, "names no invoice"),
+        ({"times": -1}, "times is -1"),
+        ({"times": True}, "times is True"),
+        ({"often": 1}, "a check takes no 'often'"),
+        ({"times": 1, "at_most": 2}, "times says both bounds already"),
+        ({"at_least": 3, "at_most": 2}, "nothing could fit"),
+    ],
+)
 def test_a_check_that_can_never_hold_is_refused(wanted, said):
     with pytest.raises(MatchError, match=said):
         asked.read_expectation(wanted)
 
 
-@pytest.mark.parametrize("second, broken", [
-    (entry(2, "confirm", "A"), True), (entry(2, "confirm", "B"), False)])
+@pytest.mark.parametrize("second, broken", [(entry(2, "confirm", "A"), True), (entry(2, "confirm", "B"), False)])
 def test_a_second_confirmation_breaks_a_rule(second, broken):
     found = rules.confirmed_once([entry(1, "confirm", "A"), second], [], 0)
     assert bool(found) == broken
@@ -63,9 +88,15 @@ def test_a_second_confirmation_breaks_a_rule(second, broken):
         assert found[0][1] == [1, 2]
 
 
-@pytest.mark.parametrize("first", [
-    entry(1, "confirm", "A", work=False), entry(1, "confirm", "A", fault="reset", end="reset"),
-    entry(1, "confirm", "A", fault="malformed"), entry(1, "confirm", "A", end="the client left")])
+@pytest.mark.parametrize(
+    "first",
+    [
+        entry(1, "confirm", "A", work=False),
+        entry(1, "confirm", "A", fault="reset", end="reset"),
+        entry(1, "confirm", "A", fault="malformed"),
+        entry(1, "confirm", "A", end="the client left"),
+    ],
+)
 def test_a_confirmation_after_one_that_got_lost_is_right(first):
     assert rules.confirmed_once([first, entry(2, "confirm", "A")], [], 0) == []
 
@@ -111,12 +142,15 @@ def test_a_report_says_the_same_in_each_form():
 
 def test_rules_are_chosen_and_an_unknown_one_refused():
     assert [check["name"] for check in report.make([], [], [], {"more": ["all-confirmed"], "rules": ["exact"]})["checks"]] == [
-        "exact", "all-confirmed"]
+        "exact",
+        "all-confirmed",
+    ]
     with pytest.raises(MatchError, match="'polite' is no rule; known are confirmed-once"):
         report.make([], [], [], {"rules": ["polite"]})
 
 
 # In front of the real daemon
+
 
 def buy_and_confirm(lab, times=1):
     name = lab.buy("coins-100")["id"]
@@ -154,6 +188,7 @@ def test_a_confirmation_that_is_asked_again_after_a_lost_answer_is_none(lab):
 
 # The command line
 
+
 def test_the_command_line_checks_in_the_same_words(lab, cli, tmp_path):
     name = buy_and_confirm(lab, times=2)
     place = {"folder": lab.folder.path}
@@ -172,13 +207,17 @@ def test_the_command_line_checks_in_the_same_words(lab, cli, tmp_path):
 # Scenarios
 
 SCENARIO = {
-    "scenario": 1, "about": "the first confirmation is lost", "device": {"country": "DE"},
+    "scenario": 1,
+    "about": "the first confirmation is lost",
+    "device": {"country": "DE"},
     "buy": [{"product": "coins-100", "as": "coins"}, {"product": "season", "period": "30d", "as": "pass"}],
-    "steps": [{"invoice": "$pass", "step": "unsubscribe"}], "advance": "31d",
+    "steps": [{"invoice": "$pass", "step": "unsubscribe"}],
+    "advance": "31d",
     "answers": [{"endpoint": "country", "body": "{}"}],
     "faults": [{"kind": "pass", "endpoint": "confirm", "count": 1}, {"kind": "reset", "invoice": "$coins", "count": 1}],
     "connection": {"fault": "idle-close", "ms": 60000},
-    "expect": [{"endpoint": "confirm", "invoice": "$coins", "times": 2, "name": "asked again"}]}
+    "expect": [{"endpoint": "confirm", "invoice": "$coins", "times": 2, "name": "asked again"}],
+}
 
 
 def test_a_scenario_sets_the_lab_and_demands(lab, tmp_path):
@@ -198,14 +237,20 @@ def test_a_scenario_sets_the_lab_and_demands(lab, tmp_path):
     assert lab.scenario(SCENARIO)["expectations"] == 1
 
 
-@pytest.mark.parametrize("part, said", [
-    ({"scenario": 2}, 'a scenario begins with "scenario": 1'), ({"shop": 1}, "a scenario has no 'shop'"),
-    ({"faults": [{"kind": "reset"}, {"kind": "fire"}]}, r"faults\[1\]: 'fire' is no fault"),
-    ({"faults": [{"kind": "reset", "invoice": "$who"}]}, "no purchase of it is called 'who'; known are coins, pass"),
-    ({"buy": [{}]}, r"buy\[0\]: this cannot be asked so"), ({"device": {"server": "none"}}, "device.server: server 'none'"),
-    ({"expect": {}}, "expect is {}"), ({"expect": [{"often": 1}]}, r"expect\[0\]: a check takes no 'often'"),
-    ({"connection": {"fault": "fire"}}, "connection: 'fire' is no fault of the connection"),
-])
+@pytest.mark.parametrize(
+    "part, said",
+    [
+        ({"scenario": 2}, 'a scenario begins with "scenario": 1'),
+        ({"shop": 1}, "a scenario has no 'shop'"),
+        ({"faults": [{"kind": "reset"}, {"kind": "fire"}]}, r"faults\[1\]: 'fire' is no fault"),
+        ({"faults": [{"kind": "reset", "invoice": "$who"}]}, "no purchase of it is called 'who'; known are coins, pass"),
+        ({"buy": [{}]}, r"buy\[0\]: this cannot be asked so"),
+        ({"device": {"server": "none"}}, "device.server: server 'none'"),
+        ({"expect": {}}, "expect is {}"),
+        ({"expect": [{"often": 1}]}, r"expect\[0\]: a check takes no 'often'"),
+        ({"connection": {"fault": "fire"}}, "connection: 'fire' is no fault of the connection"),
+    ],
+)
 def test_a_wrong_scenario_says_where_and_sets_nothing(lab, part, said):
     with pytest.raises(LabError, match=said):
         lab.scenario({**SCENARIO, **part})
@@ -214,8 +259,11 @@ def test_a_wrong_scenario_says_where_and_sets_nothing(lab, part, said):
 
 
 def test_the_file_of_a_scenario_that_cannot_be_read_is_said(lab, tmp_path):
-    for text, said in (("{", "no valid JSON"), ("[]", "a scenario is an object"),
-                       ('{"answers": [{"endpoint": "country", "file": "none"}]}', "its path begins at the scenario's")):
+    for text, said in (
+        ("{", "no valid JSON"),
+        ("[]", "a scenario is an object"),
+        ('{"answers": [{"endpoint": "country", "file": "none"}]}', "its path begins at the scenario's"),
+    ):
         (tmp_path / "s.json").write_text(text)
         with pytest.raises(LabError, match=said):
             lab.scenario(tmp_path / "s.json")
@@ -223,16 +271,20 @@ def test_the_file_of_a_scenario_that_cannot_be_read_is_said(lab, tmp_path):
         lab.scenario(tmp_path / "none")
 
 
-APP = 'billing-lab call get_applied_time invoiceid=INV-SEED-2 && billing-lab call confirm_purchase invoiceid=INV-SEED-2'
+APP = "billing-lab call get_applied_time invoiceid=INV-SEED-2 && billing-lab call confirm_purchase invoiceid=INV-SEED-2"
 
 
 @pytest.fixture
 def run(needs_view, cli, tmp_path):
     """`billing-lab run` with a shell's words for an app."""
+
     def ran(words, *options):
         from conftest import LAB
-        return cli("run", *options, "--", "sh", "-c", words.replace("billing-lab", str(LAB / "billing-lab")),
-                   folder=tmp_path / "lab")
+
+        return cli(
+            "run", *options, "--", "sh", "-c", words.replace("billing-lab", str(LAB / "billing-lab")), folder=tmp_path / "lab"
+        )
+
     return ran
 
 
@@ -262,8 +314,10 @@ def test_a_run_hands_the_status_on_and_ends_what_lasts(run):
     assert (late.returncode, "took longer than 1 seconds" in late.stderr) == (124, True)
 
 
-@pytest.mark.parametrize("words, said", [
-    ((), "name the command to run"), (("--", "/none/app"), "/none/app: No such file or directory; name a command")])
+@pytest.mark.parametrize(
+    "words, said",
+    [((), "name the command to run"), (("--", "/none/app"), "/none/app: No such file or directory; name a command")],
+)
 def test_a_run_without_a_command_that_can_be_run_is_refused(needs_view, cli, words, said):
     told = cli("run", *words)
     assert (told.returncode, said in told.stderr) == (1, True), told.stderr

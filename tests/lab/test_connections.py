@@ -63,6 +63,7 @@ def connect(request, store, device_context):
 def switch(store):
     def switched(fault, **options):
         store.do(store.simulator.connections.switch, fault, **options)
+
     return switched
 
 
@@ -212,23 +213,32 @@ def test_a_restart_keeps_a_fault_of_the_connection_and_ends_early_with_the_next(
     Client(store, device_context).close()
 
 
-@pytest.mark.parametrize("wanted, said", [
-    ({"kind": "goaway", "done": True}, "goaway tells the client that nothing was done; it cannot strike after"),
-    ({"kind": "refuse-stream", "done": True}, "it cannot strike after the work"),
-    ({"kind": "refuse-stream", "endpoint": "confirm"}, "refuse-stream cannot strike at confirm: the service "
-                                                       "sends payments over HTTP/1.1 alone"),
-])
+@pytest.mark.parametrize(
+    "wanted, said",
+    [
+        ({"kind": "goaway", "done": True}, "goaway tells the client that nothing was done; it cannot strike after"),
+        ({"kind": "refuse-stream", "done": True}, "it cannot strike after the work"),
+        (
+            {"kind": "refuse-stream", "endpoint": "confirm"},
+            "refuse-stream cannot strike at confirm: the service sends payments over HTTP/1.1 alone",
+        ),
+    ],
+)
 def test_a_fault_that_would_lie_or_never_strike_is_refused(wanted, said):
     with pytest.raises(FaultError) as caught:
         make(wanted, 1, 0.0)
     assert said in str(caught.value)
 
 
-@pytest.mark.parametrize("fault, options, said", [
-    ("restart", {"ms": 60_001}, "ms is 60001; it must be a number from 0 to 60000"),
-    ("idle-close", {"ms": "1"}, "ms is '1'; it must be a number from 0 to 3600000"),
-    ("silent", {"ms": 1}, "silent takes no 'ms'"), ("none", {"ms": 1}, "none takes no 'ms'"),
-])
+@pytest.mark.parametrize(
+    "fault, options, said",
+    [
+        ("restart", {"ms": 60_001}, "ms is 60001; it must be a number from 0 to 60000"),
+        ("idle-close", {"ms": "1"}, "ms is '1'; it must be a number from 0 to 3600000"),
+        ("silent", {"ms": 1}, "silent takes no 'ms'"),
+        ("none", {"ms": 1}, "none takes no 'ms'"),
+    ],
+)
 def test_an_option_that_cannot_be_is_refused_with_a_reason(store, switch, fault, options, said):
     before = described(store)
     with pytest.raises(FaultError) as caught:

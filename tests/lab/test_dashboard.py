@@ -10,6 +10,7 @@ from browser import NARROW, WIDE, By, Keys, Select, in_a_browser
 
 HOSTILE = b'<img src=x onerror="document.title=1"><script>document.title=2</script>'
 
+
 @in_a_browser
 def test_an_empty_lab_says_what_to_do(page, lab):
     page.open()
@@ -199,11 +200,15 @@ def test_everything_can_be_reached_with_the_keyboard(page, lab):
     reached = set()
     for _ in range(80):
         page.driver.switch_to.active_element.send_keys(Keys.TAB)
-        reached.add(page.driver.execute_script(
-            "const e = document.activeElement; return e.closest('section')?.id + ' ' + "
-            "(e.id || e.textContent).slice(0, 30)"))
+        reached.add(
+            page.driver.execute_script(
+                "const e = document.activeElement; return e.closest('section')?.id + ' ' + "
+                "(e.id || e.textContent).slice(0, 30)"
+            )
+        )
     assert {"call Call", "faults Switch this fault on", "invoices Buy", "undefined journal-list"} <= {
-        item if "journal" not in item else "undefined journal-list" for item in reached}
+        item if "journal" not in item else "undefined journal-list" for item in reached
+    }
     page.one("#journal-list").send_keys(Keys.HOME, Keys.ARROW_DOWN)
     page.wait(lambda: page.selected() == [1])
 
@@ -211,8 +216,7 @@ def test_everything_can_be_reached_with_the_keyboard(page, lab):
 @in_a_browser
 @pytest.mark.parametrize("scheme", ["light", "dark"])
 def test_a_narrow_window_and_both_schemes_are_readable(page, lab, scheme):
-    page.driver.execute_cdp_cmd("Emulation.setEmulatedMedia", {
-        "features": [{"name": "prefers-color-scheme", "value": scheme}]})
+    page.driver.execute_cdp_cmd("Emulation.setEmulatedMedia", {"features": [{"name": "prefers-color-scheme", "value": scheme}]})
     lab.call("get_product_list")
     for name, size in (("wide", WIDE), ("narrow", NARROW)):
         page.open(size)
@@ -221,16 +225,19 @@ def test_a_narrow_window_and_both_schemes_are_readable(page, lab, scheme):
         width = page.driver.execute_script("return [document.documentElement.scrollWidth, innerWidth]")
         assert width[0] <= width[1], "nothing is wider than the window"
         paper, ink = page.driver.execute_script(
-            "const s = getComputedStyle(document.body); return [s.backgroundColor, s.color]")
+            "const s = getComputedStyle(document.body); return [s.backgroundColor, s.color]"
+        )
         assert contrast(paper, ink) > 7
 
 
 def contrast(*colours):
     """Of two colours, as the accessibility guidelines compute it."""
+
     def light(colour):
         parts = [int(part) / 255 for part in colour.removeprefix("rgb(").rstrip(")").split(",")]
         linear = [p / 12.92 if p <= 0.03928 else ((p + 0.055) / 1.055) ** 2.4 for p in parts]
         return 0.2126 * linear[0] + 0.7152 * linear[1] + 0.0722 * linear[2]
+
     least, most = sorted(map(light, colours))
     return (most + 0.05) / (least + 0.05)
 
@@ -238,7 +245,8 @@ def contrast(*colours):
 @in_a_browser
 def test_ten_thousand_entries_are_as_quick_as_ten(page):
     page.open()
-    took = page.driver.execute_async_script("""
+    took = page.driver.execute_async_script(
+        """
         const done = arguments[0];
         import("/page/journal.js").then(async (journal) => {
           const began = performance.now();
@@ -257,7 +265,8 @@ def test_ten_thousand_entries_are_as_quick_as_ten(page):
             slowest = Math.max(slowest, performance.now() - from);
           }
           done([performance.now() - began, slowest, document.querySelectorAll(".row").length]);
-        });""")
+        });"""
+    )
     print(f"10,000 entries and 30 steps {took[0]:.0f} ms, the slowest step {took[1]:.0f} ms")
     assert took[2] < 60, "only what can be seen exists"
     assert took[1] < 1000
@@ -294,17 +303,19 @@ def test_a_wrong_token_is_named(page, lab):
 
 # Without a browser
 
+
 @pytest.fixture
 def ask(lab):
     """A function that asks the control interface as a browser would."""
+
     def run(method, path, token=True, **headers):
         host = urllib.parse.urlsplit(lab.info["control"]["address"]).netloc
         connection = http.client.HTTPConnection(host, timeout=20)
         given = {"Authorization": f"Bearer {lab.info['control']['token']}"} if token else {}
-        connection.request(method, path, body="{}" if method == "POST" else None,
-                           headers={**given, **headers})
+        connection.request(method, path, body="{}" if method == "POST" else None, headers={**given, **headers})
         response = connection.getresponse()
         return response.status, dict(response.getheaders()), response.read()
+
     return run
 
 
@@ -319,9 +330,10 @@ def test_the_page_needs_no_token_and_its_data_do(ask):
     assert ask("GET", "/page/vendor/uPlot-LICENSE", token=False)[0] == 404
 
 
-@pytest.mark.parametrize("headers", [
-    {"Origin": "http://evil.example"}, {"Sec-Fetch-Site": "cross-site"}, {"Host": "evil.example:80"},
-    {"Origin": "null"}])
+@pytest.mark.parametrize(
+    "headers",
+    [{"Origin": "http://evil.example"}, {"Sec-Fetch-Site": "cross-site"}, {"Host": "evil.example:80"}, {"Origin": "null"}],
+)
 def test_another_site_may_not_use_the_lab(ask, headers):
     assert ask("POST", "/api/reset", **headers)[0] == 403
     assert ask("GET", "/", token=False, **headers)[0] == 403

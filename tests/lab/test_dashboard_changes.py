@@ -18,8 +18,11 @@ def test_what_others_change_is_shown_and_ended_with_one_button(page, lab):
     name = lab.buy("coins-100")["id"]
     page.wait(lambda: len(page.all("#unusual li")) == 4)
     assert [item.text for item in page.all("#unusual li")] == [
-        "device: country DE, usually US", "own answer at country", "fault hang at confirm",
-        "connections: a connection is closed after this time without a request, not after five seconds"]
+        "device: country DE, usually US",
+        "own answer at country",
+        "fault hang at confirm",
+        "connections: a connection is closed after this time without a request, not after five seconds",
+    ]
     assert "hang at confirm" in page.text("#faults ul") and name in page.text("#invoices ul")
     assert page.field("device", "Country").get_property("value") == "DE"
     page.picture("unusual")
@@ -52,6 +55,7 @@ def test_the_answer_beside_a_call_is_its_own_or_none(page, lab):
     def ask():
         while not stop.is_set():
             others.append(lab.call("get_product_list", appid="app-2", CheckValue="check-2"))
+
     thread = threading.Thread(target=ask)
     thread.start()
     try:
@@ -99,18 +103,20 @@ def test_the_focus_stays_in_a_list_that_changes(page, lab):
 @in_a_browser
 @pytest.mark.parametrize("scheme", ["light", "dark"])
 def test_the_borders_of_controls_stand_out(page, scheme):
-    page.driver.execute_cdp_cmd("Emulation.setEmulatedMedia",
-                                {"features": [{"name": "prefers-color-scheme", "value": scheme}]})
+    page.driver.execute_cdp_cmd("Emulation.setEmulatedMedia", {"features": [{"name": "prefers-color-scheme", "value": scheme}]})
     page.open()
-    border, inside, around = page.driver.execute_script("""
+    border, inside, around = page.driver.execute_script(
+        """
         const input = document.querySelector("#device input");
         return [getComputedStyle(input).borderTopColor, getComputedStyle(input).backgroundColor,
-                getComputedStyle(input.closest("section")).backgroundColor];""")
+                getComputedStyle(input.closest("section")).backgroundColor];"""
+    )
 
     def light(colour):
         parts = [int(part) / 255 for part in colour.removeprefix("rgb(").removesuffix(")").split(", ")]
         linear = [part / 12.92 if part <= 0.04045 else ((part + 0.055) / 1.055) ** 2.4 for part in parts]
         return 0.2126 * linear[0] + 0.7152 * linear[1] + 0.0722 * linear[2]
+
     for other in (inside, around):
         high, low = sorted((light(border), light(other)), reverse=True)
         assert (high + 0.05) / (low + 0.05) >= 3
@@ -143,8 +149,11 @@ def test_the_app_is_judged_the_clock_moved_and_a_scenario_begun(page, lab):
     page.picture("checks")
     page.one("#checks summary").click()
     text = page.one("#checks textarea")
-    for wanted, said in (("{", "This is no JSON"), ('{"scenario": 1, "faults": [{"kind": "fire"}]}', "faults[0]: 'fire' is no"),
-                         ('{"scenario": 1, "buy": [{"product": "no-ads", "as": "ads"}]}', "ads: INV-")):
+    for wanted, said in (
+        ("{", "This is no JSON"),
+        ('{"scenario": 1, "faults": [{"kind": "fire"}]}', "faults[0]: 'fire' is no"),
+        ('{"scenario": 1, "buy": [{"product": "no-ads", "as": "ads"}]}', "ads: INV-"),
+    ):
         page.driver.execute_script("arguments[0].value = arguments[1]", text, wanted)
         page.click("checks", "Reset the lab and begin it")
         page.wait(lambda: said in page.text("#checks .said"))

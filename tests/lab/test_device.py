@@ -16,8 +16,10 @@ def test_a_switch_changes_its_value_and_no_other(tmp_path):
     file = tmp_path / "device.conf"
     file.write_text(FILE)
     device.change(file, device.switched("country", "DE", [], "token"))
-    assert device.read(file) == {"config": {"db/comss/countrycode": "DE", "mine": "50%=a"},
-                                 "account": {"login_id": "u", "guid": "g", "auth_token": "t"}}
+    assert device.read(file) == {
+        "config": {"db/comss/countrycode": "DE", "mine": "50%=a"},
+        "account": {"login_id": "u", "guid": "g", "auth_token": "t"},
+    }
     device.change(file, device.switched("signed-out", "", [], "token"))
     assert device.read(file)["account"] == {}
 
@@ -33,11 +35,13 @@ def test_a_reader_sees_the_old_file_or_the_new_one(tmp_path):
 
 
 def test_an_unset_server_is_the_sandbox_as_it_is_for_the_service():
-    said = {value: device.describe({"system": {"vantor_server_type": value}}, "t")["server"]
-            for value in ("", "0", "1", "2", "3")}
+    said = {
+        value: device.describe({"system": {"vantor_server_type": value}}, "t")["server"] for value in ("", "0", "1", "2", "3")
+    }
     assert said == {"": "sandbox", "0": "production", "1": "sandbox", "2": "sandbox", "3": "production"}
 
 
 def test_a_short_language_stands_for_its_own_country():
-    assert [device.switched("language", language, [], "t")[device.LANGUAGE]
-            for language in ("de", "fr", "de_AT.utf8", "none")] == ["de", "fr_FR.utf8", "de_AT.utf8", None]
+    assert [
+        device.switched("language", language, [], "t")[device.LANGUAGE] for language in ("de", "fr", "de_AT.utf8", "none")
+    ] == ["de", "fr_FR.utf8", "de_AT.utf8", None]

@@ -14,6 +14,7 @@ from conftest import Client, request
 def fault(store):
     def add(kind, **options):
         return store.do(store.simulator.add_fault, {"kind": kind, **options})
+
     return add
 
 
@@ -36,8 +37,7 @@ def everything(client):
 
 def test_a_status_comes_with_a_body_that_says_so(store, client, fault):
     fault("status", code=503, count=1)
-    assert ask(store, client) == (503, b'{"status": "error", "code": "fault", "message": '
-                                       b'"a fault of the lab"}')
+    assert ask(store, client) == (503, b'{"status": "error", "code": "fault", "message": "a fault of the lab"}')
     assert ask(store, client)[0] == 200
 
 
@@ -119,8 +119,7 @@ def test_a_huge_body_is_as_long_as_it_says(store, client, fault):
     assert (status, len(body)) == (200, 3 << 20)
 
 
-@pytest.mark.parametrize("kind, done", [("status", False), ("reset", False), ("malformed", True),
-                                        ("truncate", True)])
+@pytest.mark.parametrize("kind, done", [("status", False), ("reset", False), ("malformed", True), ("truncate", True)])
 @pytest.mark.parametrize("wanted", [None, True, False])
 def test_a_fault_strikes_before_or_after_the_work(store, client, fault, kind, done, wanted):
     fault(kind, **({} if wanted is None else {"done": wanted}))
@@ -177,8 +176,10 @@ def test_a_client_that_leaves_is_noted(store, client, fault):
 
 def test_a_reserved_product_forces_its_outcome(store, clients):
     def bought(product):
-        return store.do(lambda: purchases.buy(store.db, product=product, app="app-1",
-                                              user="lab@example.org", country="US"))["id"]
+        return store.do(lambda: purchases.buy(store.db, product=product, app="app-1", user="lab@example.org", country="US"))[
+            "id"
+        ]
+
     name = bought("NEVER-SHIP.confirm.status.503")
     assert [clients().request(endpoint, invoice=name)[0] for endpoint in ("apply", "confirm")] == [200, 503]
     reset = clients()
@@ -186,12 +187,15 @@ def test_a_reserved_product_forces_its_outcome(store, clients):
     assert is_reset(reset)
 
 
-@pytest.mark.parametrize("kind, error, said", [
-    ("refuse-tls", ssl.SSLError, "handshake failure"),
-    ("expired", ssl.SSLCertVerificationError, "certificate has expired"),
-    ("wrong-host", ssl.SSLCertVerificationError, "not valid for"),
-    ("untrusted", ssl.SSLCertVerificationError, "unable to get local issuer certificate"),
-])
+@pytest.mark.parametrize(
+    "kind, error, said",
+    [
+        ("refuse-tls", ssl.SSLError, "handshake failure"),
+        ("expired", ssl.SSLCertVerificationError, "certificate has expired"),
+        ("wrong-host", ssl.SSLCertVerificationError, "not valid for"),
+        ("untrusted", ssl.SSLCertVerificationError, "unable to get local issuer certificate"),
+    ],
+)
 def test_a_fault_of_the_connection_is_met_by_all(store, device_context, kind, error, said):
     store.do(store.simulator.connections.switch, kind)
     with pytest.raises(error) as caught:

@@ -3,8 +3,15 @@ import pytest
 from billing_lab import faults
 from billing_lab.matching import Asked
 
-ASKED = {"endpoint": "apply", "app": "a", "user": "u", "invoice": "i", "product": "p", "custom_id": "c",
-         "headers": (("TvYear", "15"),)}
+ASKED = {
+    "endpoint": "apply",
+    "app": "a",
+    "user": "u",
+    "invoice": "i",
+    "product": "p",
+    "custom_id": "c",
+    "headers": (("TvYear", "15"),),
+}
 
 
 def hits(fault, *, times=50, now=0.0, **said):
@@ -15,8 +22,9 @@ def test_a_fault_without_limits_hits_everybody_for_ever():
     assert all(hits(faults.make({"kind": "reset"}, 1, 0.0)))
 
 
-@pytest.mark.parametrize("limit", [{"endpoint": "confirm"}, {"app": "b"}, {"user": "v"}, {"invoice": "j"},
-                                   {"product": "q"}, {"custom_id": "d"}])
+@pytest.mark.parametrize(
+    "limit", [{"endpoint": "confirm"}, {"app": "b"}, {"user": "v"}, {"invoice": "j"}, {"product": "q"}, {"custom_id": "d"}]
+)
 def test_a_fault_hits_whom_it_is_for(limit):
     fault = faults.make({"kind": "reset", **limit}, 1, 0.0)
     assert not any(hits(fault))
@@ -40,8 +48,9 @@ def test_the_first_fault_that_hits_counts():
     assert faults.pick(made, Asked("apply"), 0.0) is None
 
 
-@pytest.mark.parametrize("header, strikes", [("TvYear", True), ("tvyear: 15", True), ("TvYear: 16", False),
-                                             ("TvVersion", False)])
+@pytest.mark.parametrize(
+    "header, strikes", [("TvYear", True), ("tvyear: 15", True), ("TvYear: 16", False), ("TvVersion", False)]
+)
 def test_a_header_is_matched_by_its_name_or_with_its_value(header, strikes):
     assert hits(faults.make({"kind": "reset", "header": header}, 1, 0.0), times=1) == [strikes]
 
@@ -65,6 +74,7 @@ def test_faults_of_one_stand_behind_each_other_as_a_sequence():
 def test_a_chance_repeats_with_its_seed():
     def run(seed):
         return hits(faults.make({"kind": "reset", "chance": 0.5, "seed": seed}, 1, 0.0))
+
     assert run(7) == run(7) != run(8)
     assert 10 < sum(run(7)) < 40
 
@@ -91,22 +101,25 @@ def test_even_an_empty_body_becomes_invalid():
         faults.damage(faults.make({"kind": "invalid-utf8"}, 1, 0.0), b"").decode()
 
 
-@pytest.mark.parametrize("wanted, said", [
-    ({}, "None is no fault; known are status, malformed"),
-    ({"kind": "fire"}, "'fire' is no fault"),
-    ({"kind": "status", "code": 99}, "code is 99; it must be a number from 200 to 599"),
-    ({"kind": "status", "code": "500"}, "code is '500'; it must be a number"),
-    ({"kind": "reset", "code": 500}, "reset takes no 'code'"),
-    ({"kind": "reset", "endpoint": "shop"}, "'shop' is no endpoint; known are country"),
-    ({"kind": "reset", "chance": 1.5}, "chance is 1.5; it must be a number from 0 to 1"),
-    ({"kind": "reset", "count": 0}, "count is 0"),
-    ({"kind": "reset", "chance": 0}, "chance is 0; such a fault would never strike"),
-    ({"kind": "reset", "endpoint": "invoices", "app": "a"}, "a request for invoices names no app"),
-    ({"kind": "reset", "endpoint": "products", "custom_id": "a"}, "a request for products names no custom id"),
-    ({"kind": "refuse-stream", "invoice": "i"}, "refuse-stream cannot strike at payments"),
-    ({"kind": "reset", "user": 5}, "user is 5; it must be a text"),
-    ({"kind": "reset", "seconds": True}, "seconds is True"),
-])
+@pytest.mark.parametrize(
+    "wanted, said",
+    [
+        ({}, "None is no fault; known are status, malformed"),
+        ({"kind": "fire"}, "'fire' is no fault"),
+        ({"kind": "status", "code": 99}, "code is 99; it must be a number from 200 to 599"),
+        ({"kind": "status", "code": "500"}, "code is '500'; it must be a number"),
+        ({"kind": "reset", "code": 500}, "reset takes no 'code'"),
+        ({"kind": "reset", "endpoint": "shop"}, "'shop' is no endpoint; known are country"),
+        ({"kind": "reset", "chance": 1.5}, "chance is 1.5; it must be a number from 0 to 1"),
+        ({"kind": "reset", "count": 0}, "count is 0"),
+        ({"kind": "reset", "chance": 0}, "chance is 0; such a fault would never strike"),
+        ({"kind": "reset", "endpoint": "invoices", "app": "a"}, "a request for invoices names no app"),
+        ({"kind": "reset", "endpoint": "products", "custom_id": "a"}, "a request for products names no custom id"),
+        ({"kind": "refuse-stream", "invoice": "i"}, "refuse-stream cannot strike at payments"),
+        ({"kind": "reset", "user": 5}, "user is 5; it must be a text"),
+        ({"kind": "reset", "seconds": True}, "seconds is True"),
+    ],
+)
 def test_a_fault_that_cannot_be_is_refused_with_a_reason(wanted, said):
     with pytest.raises(faults.FaultError) as caught:
         faults.make(wanted, 1, 0.0)
@@ -121,21 +134,24 @@ def test_a_reserved_product_forces_its_fault_at_its_endpoint_alone():
     assert faults.of_product("coins-100", "confirm") is None
 
 
-@pytest.mark.parametrize("product, said", [
-    ("NEVER-SHIP.", "forces nothing"), ("NEVER-SHIP.products.reset", "forces nothing"),
-    ("NEVER-SHIP.confirm.fire", "'fire' is no fault"),
-    ("NEVER-SHIP.confirm.reset.5", "reset takes no '5'"),
-    ("NEVER-SHIP.confirm.status.teapot", "status takes no 'teapot'"),
-    ("NEVER-SHIP.confirm.status.600", "code is 600"),
-    ("NEVER-SHIP.apply.refuse-stream", "refuse-stream cannot strike at apply"),
-])
+@pytest.mark.parametrize(
+    "product, said",
+    [
+        ("NEVER-SHIP.", "forces nothing"),
+        ("NEVER-SHIP.products.reset", "forces nothing"),
+        ("NEVER-SHIP.confirm.fire", "'fire' is no fault"),
+        ("NEVER-SHIP.confirm.reset.5", "reset takes no '5'"),
+        ("NEVER-SHIP.confirm.status.teapot", "status takes no 'teapot'"),
+        ("NEVER-SHIP.confirm.status.600", "code is 600"),
+        ("NEVER-SHIP.apply.refuse-stream", "refuse-stream cannot strike at apply"),
+    ],
+)
 def test_a_reserved_product_that_forces_nothing_is_refused(product, said):
     with pytest.raises(faults.FaultError) as caught:
         faults.check_product(product)
     assert said in str(caught.value)
 
 
-@pytest.mark.parametrize("product", ["NEVER-SHIP.buy.declined", "NEVER-SHIP.apply.hang",
-                                     "NEVER-SHIP.confirm.delay.250"])
+@pytest.mark.parametrize("product", ["NEVER-SHIP.buy.declined", "NEVER-SHIP.apply.hang", "NEVER-SHIP.confirm.delay.250"])
 def test_reserved_products_that_force_something_are_let_through(product):
     faults.check_product(product)

@@ -29,6 +29,7 @@ def http2(store, device_context):
 def fault(store):
     def add(kind, **options):
         return store.do(store.simulator.add_fault, {"kind": kind, **options})
+
     return add
 
 
@@ -61,10 +62,29 @@ def test_a_request_is_answered_as_over_http_1_1_and_is_exact(store, client, http
 def test_a_client_of_another_make_is_served(store):
     """curl, whose library the daemon uses."""
     url = f"https://{store.device['host']}/billing/service/v2/country?countrycode=US"
-    done = subprocess.run(["curl", "--silent", "--http2", "--tls-max", "1.2", "--cacert", store.folder / "ca.pem",
-                           "--cert", store.folder / "client.pem", "--header", "Atoken: token-1",
-                           "--write-out", " %{http_version}", "--resolve", f"{HOST}:{store.port}:127.0.0.1", url],
-                          capture_output=True, text=True, check=True)
+    done = subprocess.run(
+        [
+            "curl",
+            "--silent",
+            "--http2",
+            "--tls-max",
+            "1.2",
+            "--cacert",
+            store.folder / "ca.pem",
+            "--cert",
+            store.folder / "client.pem",
+            "--header",
+            "Atoken: token-1",
+            "--write-out",
+            " %{http_version}",
+            "--resolve",
+            f"{HOST}:{store.port}:127.0.0.1",
+            url,
+        ],
+        capture_output=True,
+        text=True,
+        check=True,
+    )
     assert '"available": true' in done.stdout and done.stdout.endswith(" 2")
 
 
@@ -76,13 +96,16 @@ def test_a_resumed_session_is_told_from_a_full_handshake(store, http2):
     assert {entry["tls"] for entry in entries(store)} == {"TLSv1.2"}
 
 
-@pytest.mark.parametrize("change, said", [
-    (lambda pairs: [*pairs, ("user-agent", "me")], "there is a header 'user-agent: me'"),
-    (lambda pairs: [pair for pair in pairs if pair[0] != "duid"], "there is no header 'duid: duid-1'"),
-    (lambda pairs: [*pairs[:-2], pairs[-1], pairs[-2]], "the headers stand in another order"),
-    (lambda pairs: [*pairs[:1], (":path", pairs[1][1] + "&more=1"), *pairs[2:]], "the request line is 'GET /"),
-    (lambda pairs: [*pairs[:3], (":authority", "elsewhere"), *pairs[4:]], "there is no header ':authority: prod"),
-])
+@pytest.mark.parametrize(
+    "change, said",
+    [
+        (lambda pairs: [*pairs, ("user-agent", "me")], "there is a header 'user-agent: me'"),
+        (lambda pairs: [pair for pair in pairs if pair[0] != "duid"], "there is no header 'duid: duid-1'"),
+        (lambda pairs: [*pairs[:-2], pairs[-1], pairs[-2]], "the headers stand in another order"),
+        (lambda pairs: [*pairs[:1], (":path", pairs[1][1] + "&more=1"), *pairs[2:]], "the request line is 'GET /"),
+        (lambda pairs: [*pairs[:3], (":authority", "elsewhere"), *pairs[4:]], "there is no header ':authority: prod"),
+    ],
+)
 def test_a_request_that_differs_says_where(store, http2, change, said):
     client = http2()
     headers, _ = request_headers("country", store.device)
@@ -152,6 +175,7 @@ def test_a_client_that_gives_up_a_stream_is_noted(store, http2, fault):
 
 
 # Faults of an answer
+
 
 def test_a_status_a_malformed_and_an_invalid_body(http2, fault):
     client = http2()
@@ -235,8 +259,7 @@ def test_goaway_does_not_cover_its_stream_and_nothing_was_done(store, http2, fau
     assert client.until_end() == ""
     assert (client.away, client.answers[number].status) == (first, None)
     assert "confirmed" not in store.do(state.invoice, store.db, "INV-SEED-2")
-    assert wait_for_end(store, 1)["answer"] == {**entries(store)[1]["answer"], "status": None,
-                                               "end": "told to go away"}
+    assert wait_for_end(store, 1)["answer"] == {**entries(store)[1]["answer"], "status": None, "end": "told to go away"}
 
 
 def test_goaway_lets_what_is_under_way_come_to_its_end(http2, fault):
@@ -286,8 +309,9 @@ def test_a_client_of_http_1_1_is_never_refused(store, client, http2, fault):
 
 
 def test_a_reserved_product_forces_its_outcome(store, http2):
-    name = store.do(lambda: purchases.buy(store.db, product="NEVER-SHIP.confirm.goaway", app="app-1",
-                                          user="lab@example.org", country="US"))["id"]
+    name = store.do(
+        lambda: purchases.buy(store.db, product="NEVER-SHIP.confirm.goaway", app="app-1", user="lab@example.org", country="US")
+    )["id"]
     client = http2()
     assert client.ask("apply", invoice=name).status == 200
     client.start("confirm", invoice=name)

@@ -28,8 +28,7 @@ def test_a_request_is_kept_whole_with_its_answer(store, client):
     while "milliseconds" not in (entry := entries(store)[0])["answer"]:
         assert time.monotonic() < end, entry
     assert 0 <= entry["answer"].pop("milliseconds") < 20000
-    assert entry["answer"] == {"status": status, "end": "whole", "bytes": len(body),
-                               "text": body.decode()}
+    assert entry["answer"] == {"status": status, "end": "whole", "bytes": len(body), "text": body.decode()}
     assert (entry["kind"], entry["endpoint"], entry["method"]) == ("request", "confirm", "POST")
     assert entry["url"] == f"https://{HOST}:{store.port}/billing/payment/v2/confirm"
     assert ["Atoken", "token-1"] in entry["headers"]
@@ -57,8 +56,7 @@ def test_a_client_without_a_certificate_gets_no_answer_and_an_entry(store, versi
     with pytest.raises(OSError):
         Client(store, context).send(request("country", store.device))
     (entry,) = wait_for(store, 1)
-    assert (entry["kind"], entry["reason"]) == ("handshake",
-                                                "peer did not return a certificate")
+    assert (entry["kind"], entry["reason"]) == ("handshake", "peer did not return a certificate")
 
 
 def test_a_client_that_does_not_trust_the_server_leaves_an_entry(store):
@@ -99,18 +97,20 @@ def test_what_the_caller_chooses_may_be_anything_but_another_part_of_the_query(s
     assert entries(store)[0]["differences"] == []
 
 
-@pytest.mark.parametrize("endpoint, old, new, said", [
-    ("country", "&lang=", "&language=", "the request line is"),
-    ("products", "&storeprodcode=1", "", "the request line is"),
-    ("invoices", "TvYear: 15\r\n", "", "there is no header 'TvYear: 15'"),
-    ("invoices", "Accept: ", "User-Agent: me\r\nAccept: ", "there is a header 'User-Agent: me'"),
-    ("country", "DUID: duid-1\r\nAtoken: token-1", "Atoken: token-1\r\nDUID: duid-1",
-     "the headers stand in another order"),
-    ("country", "DUID: ", "duid: ", "there is no header 'DUID: duid-1'"),
-    ("apply", '   "GUID" : ', '  "GUID"  : ', "the body is not the nine members in their layout"),
-    ("confirm", '"UID" : "lab', '"UID" : "Lab', "the body is not the nine members in their layout"),
-    ("country", "HTTP/1.1", "HTTP/1.0", "the request line is"),
-])
+@pytest.mark.parametrize(
+    "endpoint, old, new, said",
+    [
+        ("country", "&lang=", "&language=", "the request line is"),
+        ("products", "&storeprodcode=1", "", "the request line is"),
+        ("invoices", "TvYear: 15\r\n", "", "there is no header 'TvYear: 15'"),
+        ("invoices", "Accept: ", "User-Agent: me\r\nAccept: ", "there is a header 'User-Agent: me'"),
+        ("country", "DUID: duid-1\r\nAtoken: token-1", "Atoken: token-1\r\nDUID: duid-1", "the headers stand in another order"),
+        ("country", "DUID: ", "duid: ", "there is no header 'DUID: duid-1'"),
+        ("apply", '   "GUID" : ', '  "GUID"  : ', "the body is not the nine members in their layout"),
+        ("confirm", '"UID" : "lab', '"UID" : "Lab', "the body is not the nine members in their layout"),
+        ("country", "HTTP/1.1", "HTTP/1.0", "the request line is"),
+    ],
+)
 def test_a_request_that_differs_says_where(store, client, endpoint, old, new, said):
     raw = request(endpoint, store.device).decode()
     assert old in raw
@@ -124,10 +124,18 @@ def test_another_certificate_than_the_device_s_is_a_difference(store, client):
     assert entries(store)[0]["differences"] == ["the certificate is not the device's"]
 
 
-@pytest.mark.parametrize("locale, code, good", [
-    ("de_DE.utf8", "de", True), ("fr_CA.utf8", "fr-US", True), ("nn_NO.utf8", "no", True),
-    ("", "ko", True), ("qq", "en", True), ("de_DE.utf8", "fr", False), ("de_DE.utf8", "deu", False),
-])
+@pytest.mark.parametrize(
+    "locale, code, good",
+    [
+        ("de_DE.utf8", "de", True),
+        ("fr_CA.utf8", "fr-US", True),
+        ("nn_NO.utf8", "no", True),
+        ("", "ko", True),
+        ("qq", "en", True),
+        ("de_DE.utf8", "fr", False),
+        ("de_DE.utf8", "deu", False),
+    ],
+)
 def test_a_language_code_fits_its_locale(store, locale, code, good):
     device = {**store.device, "locale": locale}
     raw = request("country", device).replace(b"lang=en", f"lang={code}".encode())
@@ -216,8 +224,7 @@ def test_a_follower_that_does_not_read_is_let_go(monkeypatch):
         followers.tell("journal", {"seq": number})
         assert quick.get_nowait() == ("journal", {"seq": number})
     followers.end()
-    assert [slow.get_nowait() for _ in range(slow.qsize())] == [
-        ("journal", {"seq": 0}), ("journal", {"seq": 1}), None]
+    assert [slow.get_nowait() for _ in range(slow.qsize())] == [("journal", {"seq": 0}), ("journal", {"seq": 1}), None]
     assert quick.get_nowait() is None
 
 
@@ -229,7 +236,7 @@ def test_an_entry_is_one_line(store, client):
     client.request("country")
     client.send(request("country", store.device).replace(b"DUID", b"ID"))
     first, second = (journal.line_of(entry) for entry in entries(store))
-    assert first.split("  ", 1)[1].endswith("GET  country  200  "
-                                            f"{entries(store)[0]['answer']['bytes']} bytes  whole  "
-                                            "HTTP/1.1  connection 1 (full)")
+    assert first.split("  ", 1)[1].endswith(
+        f"GET  country  200  {entries(store)[0]['answer']['bytes']} bytes  whole  HTTP/1.1  connection 1 (full)"
+    )
     assert "NOT EXACT: there is no header 'DUID: duid-1'" in second

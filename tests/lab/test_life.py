@@ -51,8 +51,10 @@ def wait_until(condition, what, seconds=20):
 def assert_nothing_is_left(folder, info):
     pids = [info["pid"], info["bus_pid"], info["daemon_pid"]]
     # A process counts as dead when its first thread is; what it holds is free when all are.
-    wait_until(lambda: not any(map(is_alive, pids)) and not processes_of(folder)
-               and not Folder(folder).is_up(), f"{processes_of(folder)} of {pids} are left")
+    wait_until(
+        lambda: not any(map(is_alive, pids)) and not processes_of(folder) and not Folder(folder).is_up(),
+        f"{processes_of(folder)} of {pids} are left",
+    )
 
 
 @pytest.fixture
@@ -109,11 +111,12 @@ def test_it_is_said_which_part_ended(folder, part, who):
 
 
 def test_nothing_is_left_when_the_program_that_uses_it_is_killed(folder):
-    program = ("import sys, time; sys.path.insert(0, sys.argv[1])\n"
-               "from billing_lab import client\n"
-               "with client.running(sys.argv[2]): print('up', flush=True); time.sleep(600)\n")
-    with subprocess.Popen([sys.executable, "-c", program, LAB, folder],
-                          stdout=subprocess.PIPE, text=True) as user:
+    program = (
+        "import sys, time; sys.path.insert(0, sys.argv[1])\n"
+        "from billing_lab import client\n"
+        "with client.running(sys.argv[2]): print('up', flush=True); time.sleep(600)\n"
+    )
+    with subprocess.Popen([sys.executable, "-c", program, LAB, folder], stdout=subprocess.PIPE, text=True) as user:
         assert user.stdout.readline() == "up\n"
         info = client.Lab(folder).info
         user.kill()
@@ -125,8 +128,11 @@ def test_nothing_is_left_of_a_lab_that_is_killed_while_it_starts(folder, delay):
     Folder(folder).make()
     hear, tell = os.pipe()
     with subprocess.Popen(
-            [sys.executable, "-m", "billing_lab.supervisor", folder, "info", str(tell)], pass_fds=[tell],
-            env={**os.environ, "PYTHONPATH": str(LAB)}, start_new_session=True) as starting:
+        [sys.executable, "-m", "billing_lab.supervisor", folder, "info", str(tell)],
+        pass_fds=[tell],
+        env={**os.environ, "PYTHONPATH": str(LAB)},
+        start_new_session=True,
+    ) as starting:
         os.close(tell)
         time.sleep(delay)
         starting.kill()
@@ -135,8 +141,9 @@ def test_nothing_is_left_of_a_lab_that_is_killed_while_it_starts(folder, delay):
 
 
 def test_a_start_that_is_interrupted_leaves_nothing(folder, cli):
-    starting = subprocess.Popen([LAB / "billing-lab", "--dir", folder, "up"], env=cli.environment,
-                                stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+    starting = subprocess.Popen(
+        [LAB / "billing-lab", "--dir", folder, "up"], env=cli.environment, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL
+    )
     wait_until(lambda: (folder / "bus").exists() or starting.poll() is not None, "no bus was started")
     starting.send_signal(signal.SIGINT)
     starting.wait(20)
@@ -167,8 +174,16 @@ def test_a_second_lab_in_the_same_folder_is_the_first(folder, cli):
 
 
 def test_of_two_that_start_at_once_one_lab_comes(folder, cli):
-    both = [subprocess.Popen([LAB / "billing-lab", "--dir", folder, "up"], env=cli.environment,
-                             stdout=subprocess.DEVNULL, stderr=subprocess.PIPE, text=True) for _ in "12"]
+    both = [
+        subprocess.Popen(
+            [LAB / "billing-lab", "--dir", folder, "up"],
+            env=cli.environment,
+            stdout=subprocess.DEVNULL,
+            stderr=subprocess.PIPE,
+            text=True,
+        )
+        for _ in "12"
+    ]
     said = [(process.wait(60), process.stderr.read()) for process in both]
     for process in both:
         process.stderr.close()
@@ -205,20 +220,38 @@ def test_a_folder_with_other_things_in_it_is_left_alone(tmp_path, cli):
     (tmp_path / "notes").touch()
     answer = cli("up", folder=tmp_path)
     assert (answer.returncode, answer.stderr) == (
-        1, f"billing-lab: {tmp_path} has other things in it; name an empty folder, or a new one, with --dir\n")
+        1,
+        f"billing-lab: {tmp_path} has other things in it; name an empty folder, or a new one, with --dir\n",
+    )
     assert {file.name for file in tmp_path.iterdir()} == {"notes", "home"}
 
 
 @pytest.mark.skipif(os.geteuid() != 0, reason="takes another user's part")
 def test_the_lab_of_somebody_else_is_said_to_be_so(cli):
     for command in ("up", "status"):
-        answer = subprocess.run(["setpriv", "--reuid=65534", "--clear-groups", "env", f"PYTHONPATH={LAB}",
-                                 sys.executable, "-c", "import sys; from billing_lab import cli; "
-                                 "sys.exit(cli.main(sys.argv[1:]))", "--dir", "/proc/1/root", command],
-                                env=cli.environment, capture_output=True, text=True, check=False)
+        answer = subprocess.run(
+            [
+                "setpriv",
+                "--reuid=65534",
+                "--clear-groups",
+                "env",
+                f"PYTHONPATH={LAB}",
+                sys.executable,
+                "-c",
+                "import sys; from billing_lab import cli; sys.exit(cli.main(sys.argv[1:]))",
+                "--dir",
+                "/proc/1/root",
+                command,
+            ],
+            env=cli.environment,
+            capture_output=True,
+            text=True,
+            check=False,
+        )
         assert (answer.returncode, answer.stderr) == (
-            1, "billing-lab: the lab in /proc/1/root is somebody else's; name a folder of your own with "
-            "--dir\n")
+            1,
+            "billing-lab: the lab in /proc/1/root is somebody else's; name a folder of your own with --dir\n",
+        )
 
 
 @pytest.mark.parametrize("text", [None, "{"])
@@ -233,28 +266,36 @@ def test_a_lab_that_its_catalogue_ends_is_not_up(folder, cli, tmp_path, text):
 def test_without_a_lab_there_are_no_logs(folder, cli):
     answer = cli("logs")
     assert (answer.returncode, answer.stderr) == (
-        1, f"billing-lab: no lab has been up in {folder}; start one with `billing-lab up`\n")
+        1,
+        f"billing-lab: no lab has been up in {folder}; start one with `billing-lab up`\n",
+    )
 
 
 def test_a_path_that_the_token_cannot_have_is_refused(tmp_path, cli):
     answer = cli("up", folder=tmp_path / "a=b")
     assert (answer.returncode, answer.stderr) == (
-        1, f"billing-lab: the path {tmp_path}/a=b has a \"=\", which the token's settings cannot hold; choose "
-        "another folder with --dir\n")
+        1,
+        f'billing-lab: the path {tmp_path}/a=b has a "=", which the token\'s settings cannot hold; choose '
+        "another folder with --dir\n",
+    )
     assert not (tmp_path / "a=b").exists()
 
 
 def test_a_folder_that_cannot_be_made_is_said(cli):
     answer = cli("up", folder="/proc/lab")
     assert (answer.returncode, answer.stderr) == (
-        1, "billing-lab: /proc/lab: No such file or directory; choose another folder with --dir\n")
+        1,
+        "billing-lab: /proc/lab: No such file or directory; choose another folder with --dir\n",
+    )
 
 
 def test_without_a_daemon_it_is_said_how_to_build_one(cli):
     answer = cli("up", BILLING_SERVICE="/none")
     assert (answer.returncode, answer.stderr) == (
-        1, "billing-lab: there is no daemon at /none; build it with `meson setup build && ninja -C build`, "
-        "or name one in $BILLING_SERVICE\n")
+        1,
+        "billing-lab: there is no daemon at /none; build it with `meson setup build && ninja -C build`, "
+        "or name one in $BILLING_SERVICE\n",
+    )
 
 
 def test_a_daemon_that_does_not_start_is_said(folder, cli, tmp_path):
@@ -267,19 +308,29 @@ def test_a_daemon_that_does_not_start_is_said(folder, cli, tmp_path):
     fake.chmod(0o755)
     answer = cli("up", BILLING_SERVICE=str(fake))
     assert (answer.returncode, answer.stderr) == (
-        1, "billing-lab: the daemon ended with status 7 while it started: no settings here; more in "
-        "`billing-lab logs daemon`\n")
+        1,
+        "billing-lab: the daemon ended with status 7 while it started: no settings here; more in "
+        "`billing-lab logs daemon`\n",
+    )
     assert processes_of(folder) == set()
 
 
 def test_a_program_in_a_virtual_environment_starts_the_lab_and_calls(folder, tmp_path):
     """Such a Python has none of what the lab's own process imports."""
     subprocess.run(["/usr/bin/python3", "-m", "venv", "--without-pip", tmp_path / "venv"], check=True, timeout=60)
-    program = ("import sys; from billing_lab import client\n"
-               "with client.running(sys.argv[1]) as lab:\n"
-               "    print(lab.call('check_server_availability', timeout=50)[0])")
-    done = subprocess.run([tmp_path / "venv" / "bin" / "python", "-c", program, folder], capture_output=True,
-                          env={**os.environ, "PYTHONPATH": str(LAB)}, text=True, timeout=60, check=False)
+    program = (
+        "import sys; from billing_lab import client\n"
+        "with client.running(sys.argv[1]) as lab:\n"
+        "    print(lab.call('check_server_availability', timeout=50)[0])"
+    )
+    done = subprocess.run(
+        [tmp_path / "venv" / "bin" / "python", "-c", program, folder],
+        capture_output=True,
+        env={**os.environ, "PYTHONPATH": str(LAB)},
+        text=True,
+        timeout=60,
+        check=False,
+    )
     assert (done.returncode, done.stdout, done.stderr) == (0, "0\n", "")
 
 
@@ -330,30 +381,45 @@ def test_the_bus_is_for_its_owner_alone(lab):
     assert stat.S_IMODE(os.stat(lab.folder.path / "bus").st_mode) == 0o600
 
 
-@pytest.mark.parametrize("headers, query, status", [
-    ({}, "", 401), ({"Authorization": "Bearer wrong"}, "", 401), ({}, "?token=wrong", 401),
-    ({"Authorization": "Bearer \xe9\xff"}, "", 401), ({}, "?token=%C3%A9", 401), ({}, "?token=%ff", 401),
-    ({"Authorization": "Bearer {token}"}, "", 200), ({}, "?token={token}", 200),
-    ({"Authorization": "Bearer {token}", "Host": "evil.example:80"}, "", 403),
-])
+@pytest.mark.parametrize(
+    "headers, query, status",
+    [
+        ({}, "", 401),
+        ({"Authorization": "Bearer wrong"}, "", 401),
+        ({}, "?token=wrong", 401),
+        ({"Authorization": "Bearer \xe9\xff"}, "", 401),
+        ({}, "?token=%C3%A9", 401),
+        ({}, "?token=%ff", 401),
+        ({"Authorization": "Bearer {token}"}, "", 200),
+        ({}, "?token={token}", 200),
+        ({"Authorization": "Bearer {token}", "Host": "evil.example:80"}, "", 403),
+    ],
+)
 def test_the_control_interface_wants_its_token_and_its_own_name(lab, headers, query, status):
     token = lab.info["control"]["token"]
     address = lab.info["control"]["address"].removeprefix("http://")
     connection = http.client.HTTPConnection(address, timeout=20)
-    connection.request("GET", "/api/status" + query.format(token=token),
-                       headers={name: value.format(token=token) for name, value in headers.items()})
+    connection.request(
+        "GET",
+        "/api/status" + query.format(token=token),
+        headers={name: value.format(token=token) for name, value in headers.items()},
+    )
     assert connection.getresponse().status == status
     connection.close()
 
 
-@pytest.mark.parametrize("path, body, said", [
-    ("/api/buy", {}, "KeyError('product')"), ("/api/buy", [], "this cannot be asked so"),
-    ("/api/seed", {"file": "catalogue.json"}, "the file's path must be absolute"),
-    ("/api/faults", {"kind": "reset", "count": 0}, "count is 0"),
-    ("/api/connection", {"fault": "fire"}, "'fire' is no fault of the connection"),
-    ("/api/connection", {"fault": "restart", "ms": -1}, "ms is -1; it must be a number from 0 to 60000"),
-    ("/api/answers", {"endpoint": "shop"}, "'shop' is no endpoint"),
-])
+@pytest.mark.parametrize(
+    "path, body, said",
+    [
+        ("/api/buy", {}, "KeyError('product')"),
+        ("/api/buy", [], "this cannot be asked so"),
+        ("/api/seed", {"file": "catalogue.json"}, "the file's path must be absolute"),
+        ("/api/faults", {"kind": "reset", "count": 0}, "count is 0"),
+        ("/api/connection", {"fault": "fire"}, "'fire' is no fault of the connection"),
+        ("/api/connection", {"fault": "restart", "ms": -1}, "ms is -1; it must be a number from 0 to 60000"),
+        ("/api/answers", {"endpoint": "shop"}, "'shop' is no endpoint"),
+    ],
+)
 def test_what_cannot_be_asked_is_refused_with_a_reason(lab, path, body, said):
     with pytest.raises(LabError) as caught:
         lab.ask("POST", path, body)
@@ -370,6 +436,7 @@ def test_whoever_follows_the_journal_sees_each_entry_once(lab):
             if len(seen) == 4:
                 enough.set()
                 return
+
     reader = threading.Thread(target=follow)
     reader.start()
     wait_until(lambda: seen, "the entry from before is not told")
@@ -386,8 +453,7 @@ def test_a_browser_goes_on_where_it_was(lab):
     first, second = (entry["seq"] for entry in lab.journal())
     address = lab.info["control"]["address"].removeprefix("http://")
     connection = http.client.HTTPConnection(address, timeout=20)
-    connection.request("GET", f"/api/events?token={lab.info['control']['token']}",
-                       headers={"Last-Event-ID": str(first)})
+    connection.request("GET", f"/api/events?token={lab.info['control']['token']}", headers={"Last-Event-ID": str(first)})
     response = connection.getresponse()
     assert response.getheader("Content-Type") == "text/event-stream"
     assert [response.readline() for _ in "12"] == [f"id: {second}\n".encode(), b"event: journal\n"]

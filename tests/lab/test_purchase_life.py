@@ -9,8 +9,11 @@ from billing_lab.life import clock
 
 
 def history(lab):
-    return {invoice["id"]: invoice["status"] for invoice in json.loads(lab.call("get_purchase_history")[1])["invoices"]
-            if not invoice["id"].startswith("INV-SEED")}
+    return {
+        invoice["id"]: invoice["status"]
+        for invoice in json.loads(lab.call("get_purchase_history")[1])["invoices"]
+        if not invoice["id"].startswith("INV-SEED")
+    }
 
 
 def refusal(lab, name):
@@ -106,10 +109,14 @@ def test_the_clock_dates_what_is_done_and_a_reset_sets_it_right(lab):
     assert lab.clock()["ahead_seconds"] == 0 and lab.status()["ahead"] == []
 
 
-@pytest.mark.parametrize("wanted, said", [
-    ({"approve_after": "1d", "decline_after": "1d"}, "a purchase is approved or declined"),
-    ({"period": "1h"}, "period is '1h'; write a day or more"), ({"after": "soon"}, "after is 'soon'; write a span"),
-])
+@pytest.mark.parametrize(
+    "wanted, said",
+    [
+        ({"approve_after": "1d", "decline_after": "1d"}, "a purchase is approved or declined"),
+        ({"period": "1h"}, "period is '1h'; write a day or more"),
+        ({"after": "soon"}, "after is 'soon'; write a span"),
+    ],
+)
 def test_a_life_that_cannot_be_is_refused_and_nothing_is_bought(lab, wanted, said):
     before = len(lab.invoices())
     with pytest.raises(LabError, match=said):
@@ -129,6 +136,7 @@ def test_the_command_line_has_the_same_words(lab, cli):
         told = cli(*words, folder=lab.folder.path)
         assert told.returncode == 0, told.stderr
         return told.stdout
+
     name = said("buy", "season", "--pending", "--period", "30d").split()[0]
     assert said("step", name, "approve").split()[:2] == [name, "bought"]
     assert said("refund", name, "--after", "1d").split()[:2] == [name, "bought"]
@@ -138,9 +146,11 @@ def test_the_command_line_has_the_same_words(lab, cli):
 
 def test_the_folder_of_an_older_lab_is_taken(tmp_path):
     old = sqlite3.connect(tmp_path / "state")
-    old.execute("CREATE TABLE invoices (number INTEGER PRIMARY KEY AUTOINCREMENT, id TEXT NOT NULL UNIQUE, user TEXT, "
-                "app TEXT, product TEXT, country TEXT, custom_id TEXT, bought TEXT NOT NULL, applied TEXT, "
-                "confirmed TEXT, cancelled TEXT, refunded TEXT)")
+    old.execute(
+        "CREATE TABLE invoices (number INTEGER PRIMARY KEY AUTOINCREMENT, id TEXT NOT NULL UNIQUE, user TEXT, "
+        "app TEXT, product TEXT, country TEXT, custom_id TEXT, bought TEXT NOT NULL, applied TEXT, "
+        "confirmed TEXT, cancelled TEXT, refunded TEXT)"
+    )
     old.execute("INSERT INTO invoices (id, user, bought) VALUES ('I', 'u', 't')")
     old.commit()
     old.close()

@@ -16,8 +16,11 @@ def column(number):
 
 def routes():
     made = control.application(None, "token")
-    return {(route.method, route.resource.canonical) for route in made.router.routes()
-            if route.resource.canonical.startswith("/api/") and route.method != "HEAD"}
+    return {
+        (route.method, route.resource.canonical)
+        for route in made.router.routes()
+        if route.resource.canonical.startswith("/api/") and route.method != "HEAD"
+    }
 
 
 def test_the_table_has_every_command():

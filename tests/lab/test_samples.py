@@ -18,12 +18,14 @@ pytestmark = pytest.mark.usefixtures("needs_view")
 def run(tmp_path):
     def with_notes(sample, app, **environment):
         return start(sample, app, tmp_path / "notes", **environment)
+
     return with_notes
 
 
 def start(sample, *arguments, **environment):
-    done = subprocess.run([*sample, *arguments], env={**os.environ, **environment}, timeout=60,
-                          capture_output=True, text=True, check=False)
+    done = subprocess.run(
+        [*sample, *arguments], env={**os.environ, **environment}, timeout=60, capture_output=True, text=True, check=False
+    )
     return done.returncode, done.stdout, done.stderr
 
 
@@ -49,9 +51,14 @@ def test_a_sample_loses_no_purchase_behind_twenty_later_ones(lab, sample, run):
     assert f"{first} coins-100 delivered" in run(sample, "app-1")[1]
 
 
-@pytest.mark.parametrize("kind, said", [
-    ("status", "a fault of the lab"), ("malformed", "the store's answer cannot be read"),
-    ("reset", "the connection to the store failed")])
+@pytest.mark.parametrize(
+    "kind, said",
+    [
+        ("status", "a fault of the lab"),
+        ("malformed", "the store's answer cannot be read"),
+        ("reset", "the connection to the store failed"),
+    ],
+)
 def test_a_sample_delivers_later_what_a_fault_prevented(lab, sample, run, kind, said):
     lab.fault(kind, endpoint="confirm", done=True)
     assert run(sample, "app-1") == (1, f"INV-SEED-2 season later: {said}\n", "")
@@ -73,7 +80,13 @@ def test_a_sample_without_an_app_says_how_to_use_it(sample):
 
 
 def test_the_sample_tests_pass_with_a_catalogue_of_their_own(lab):
-    done = subprocess.run([sys.executable, "-m", "pytest", "-q", "-p", "no:cacheprovider", "."],
-                          cwd=LAB / "samples", env={**os.environ, "PYTHONPATH": str(LAB)}, timeout=120,
-                          capture_output=True, text=True, check=False)
+    done = subprocess.run(
+        [sys.executable, "-m", "pytest", "-q", "-p", "no:cacheprovider", "."],
+        cwd=LAB / "samples",
+        env={**os.environ, "PYTHONPATH": str(LAB)},
+        timeout=120,
+        capture_output=True,
+        text=True,
+        check=False,
+    )
     assert done.returncode == 0 and "2 passed" in done.stdout, done.stdout + done.stderr

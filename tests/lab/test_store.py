@@ -18,24 +18,23 @@ def test_the_country_says_whether_the_store_is_there(store, client):
     assert said == {
         "US": (200, {"status": "ok", "country": "US", "available": True, "currency": "USD"}),
         "AQ": (200, {"status": "ok", "country": "AQ", "available": False, "reason": "no store here"}),
-        "ZZ": (200, {"status": "ok", "country": "ZZ", "available": False,
-                     "reason": "the store does not know this country"})}
+        "ZZ": (200, {"status": "ok", "country": "ZZ", "available": False, "reason": "the store does not know this country"}),
+    }
 
 
 def test_products_are_those_of_the_app_that_the_country_has(store, client):
     def names():
-        return [(product["id"], product["price"], product["currency"])
-                for product in client.request("products")[1]["products"]]
-    assert names() == [("coins-100", "0.99", "USD"), ("no-ads", "3.99", "USD"),
-                       ("season", "9.99", "USD")]
+        return [(product["id"], product["price"], product["currency"]) for product in client.request("products")[1]["products"]]
+
+    assert names() == [("coins-100", "0.99", "USD"), ("no-ads", "3.99", "USD"), ("season", "9.99", "USD")]
     store.device["country"] = "KR"
     assert names() == [("coins-100", "1500", "KRW"), ("season", "14000", "KRW")]
 
 
-@pytest.mark.parametrize("values, status, code", [
-    ({"appid": "none"}, 404, "unknown_app"),
-    ({"appid": "app-2", "checkvalue": "wrong"}, 403, "wrong_check_value"),
-])
+@pytest.mark.parametrize(
+    "values, status, code",
+    [({"appid": "none"}, 404, "unknown_app"), ({"appid": "app-2", "checkvalue": "wrong"}, 403, "wrong_check_value")],
+)
 def test_products_are_refused_with_a_code(client, values, status, code):
     answered, body = client.request("products", **values)
     assert (answered, body["code"]) == (status, code)
@@ -52,12 +51,12 @@ def test_invoices_come_in_pages_with_the_newest_first(store, client):
     assert (status, first["total"], len(first["invoices"])) == (200, 25, 20)
     assert [invoice["id"] for invoice in first["invoices"]] == bought[:2:-1]
     _, second = client.request("invoices", page="pagesize=20&startidx=21")
-    assert [invoice["id"] for invoice in second["invoices"]] == [*bought[2::-1], "INV-SEED-2",
-                                                                 "INV-SEED-1"]
+    assert [invoice["id"] for invoice in second["invoices"]] == [*bought[2::-1], "INV-SEED-2", "INV-SEED-1"]
 
 
-@pytest.mark.parametrize("page", ["pagesize=0&startidx=1", "pagesize=20&startidx=",
-                                  "pagesize=20&startidx=-1", "pagesize=1001&startidx=1"])
+@pytest.mark.parametrize(
+    "page", ["pagesize=0&startidx=1", "pagesize=20&startidx=", "pagesize=20&startidx=-1", "pagesize=1001&startidx=1"]
+)
 def test_a_page_that_is_none_is_refused(client, page):
     status, body = client.request("invoices", page=page)
     assert (status, body["code"]) == (400, "bad_request")
@@ -75,8 +74,7 @@ def test_a_step_is_taken_once_and_said_as_often_as_it_is_asked(store, client, en
     store.do(lambda: state.mark(store.db, "INV-SEED-2", step, "2001-02-03T04:05:06Z"))
     name = buy(store)["id"]
     first, again = (client.request(endpoint, invoice=name) for _ in "12")
-    assert first == again == (200, {"status": "ok", "invoice": name,
-                                    step: store.do(state.invoice, store.db, name)[step]})
+    assert first == again == (200, {"status": "ok", "invoice": name, step: store.do(state.invoice, store.db, name)[step]})
     # An earlier time stays.
     assert client.request(endpoint)[1][step] == "2001-02-03T04:05:06Z"
 
@@ -87,10 +85,9 @@ def test_a_confirmed_invoice_is_seen_in_the_history(client):
     assert (newest["id"], newest["status"]) == ("INV-SEED-2", "confirmed")
 
 
-@pytest.mark.parametrize("change, status, code", [
-    ({"invoice": "none"}, 404, "unknown_invoice"),
-    ({"appid": "app-2"}, 404, "unknown_invoice"),
-])
+@pytest.mark.parametrize(
+    "change, status, code", [({"invoice": "none"}, 404, "unknown_invoice"), ({"appid": "app-2"}, 404, "unknown_invoice")]
+)
 def test_a_step_of_nobody_s_invoice_is_refused(client, change, status, code):
     answered, body = client.request("confirm", **change)
     assert (answered, body["code"]) == (status, code)
@@ -133,14 +130,17 @@ def test_a_durable_is_owned_once_until_it_is_given_back(store):
     assert buy(store, product="no-ads")["id"] != name
 
 
-@pytest.mark.parametrize("change, said", [
-    ({"product": "none"}, "app-1 does not sell 'none' in US; it sells coins-100, no-ads, season"),
-    ({"country": "KR", "product": "no-ads"}, "app-1 does not sell 'no-ads' in KR"),
-    ({"app": "none"}, "no app has the id 'none'"),
-    ({"user": "none"}, "no user has the id 'none'"),
-    ({"country": "AQ"}, "the store is not there for the country 'AQ'"),
-    ({"product": "NEVER-SHIP.buy.declined"}, "the payment was declined"),
-])
+@pytest.mark.parametrize(
+    "change, said",
+    [
+        ({"product": "none"}, "app-1 does not sell 'none' in US; it sells coins-100, no-ads, season"),
+        ({"country": "KR", "product": "no-ads"}, "app-1 does not sell 'no-ads' in KR"),
+        ({"app": "none"}, "no app has the id 'none'"),
+        ({"user": "none"}, "no user has the id 'none'"),
+        ({"country": "AQ"}, "the store is not there for the country 'AQ'"),
+        ({"product": "NEVER-SHIP.buy.declined"}, "the payment was declined"),
+    ],
+)
 def test_a_purchase_that_cannot_be_is_refused_with_a_reason(store, change, said):
     with pytest.raises(Refusal) as caught:
         buy(store, **change)
@@ -148,18 +148,20 @@ def test_a_purchase_that_cannot_be_is_refused_with_a_reason(store, change, said)
 
 
 def test_an_id_of_the_catalogue_is_not_given_again(store):
-    invoice = {"id": "INV-000004", "user": "u", "app": "a", "product": "p", "country": "US",
-               "bought": "x"}
+    invoice = {"id": "INV-000004", "user": "u", "app": "a", "product": "p", "country": "US", "bought": "x"}
     store.do(state.add_invoice, store.db, invoice)
     assert [buy(store)["id"] for _ in "12"] == ["INV-000005", "INV-000006"]
 
 
-@pytest.mark.parametrize("change, status, code", [
-    ({"token": "expired-token-1"}, 401, "token_expired"),
-    ({"token": "other"}, 401, "unknown_token"),
-    ({"uid": "", "guid": ""}, 401, "signed_out"),
-    ({"uid": "lab@example.org", "guid": "second-guid"}, 403, "unknown_user"),
-])
+@pytest.mark.parametrize(
+    "change, status, code",
+    [
+        ({"token": "expired-token-1"}, 401, "token_expired"),
+        ({"token": "other"}, 401, "unknown_token"),
+        ({"uid": "", "guid": ""}, 401, "signed_out"),
+        ({"uid": "lab@example.org", "guid": "second-guid"}, 403, "unknown_user"),
+    ],
+)
 def test_who_asks_is_looked_at(store, client, change, status, code):
     store.device.update(change)
     for endpoint in ("invoices", "apply", "confirm"):
@@ -182,14 +184,14 @@ def test_a_request_of_no_kind_is_answered_404(client):
 
 @pytest.mark.parametrize("body", [b"", b"{", b"[]", b'{"UID": 1}', b"[" * 100_000])
 def test_a_body_that_is_no_object_of_texts_is_refused(client, body):
-    status, answer = client.send(b"POST /billing/payment/v2/apply HTTP/1.1\r\nHost: a\r\n"
-                                 b"Content-Length: %d\r\n\r\n" % len(body) + body)
+    status, answer = client.send(
+        b"POST /billing/payment/v2/apply HTTP/1.1\r\nHost: a\r\nContent-Length: %d\r\n\r\n" % len(body) + body
+    )
     assert (status, b"bad_request" in answer) == (400, True)
 
 
 def test_a_catalogue_takes_the_place_of_the_one_before(store, client):
-    shop = {"lab": 1, "countries": {"US": {"currency": "USD"}}, "users": [],
-            "apps": [{"id": "app-1", "products": []}]}
+    shop = {"lab": 1, "countries": {"US": {"currency": "USD"}}, "users": [], "apps": [{"id": "app-1", "products": []}]}
     buy(store)
     store.do(state.seed, store.db, shop)
     assert client.request("products")[1]["products"] == []

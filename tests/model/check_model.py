@@ -86,8 +86,10 @@ def main():
         broken, states = check(model, rules, "-O1" if holds else "-O0")
         right = (broken is None) == holds
         failed |= not right
-        print(f"{'ok    ' if right else 'FAILED'} {model} {' '.join(rules) or '(every rule)'}: "
-              f"{f'broken: {broken}' if broken else 'holds'} (states: {states})")
+        print(
+            f"{'ok    ' if right else 'FAILED'} {model} {' '.join(rules) or '(every rule)'}: "
+            f"{f'broken: {broken}' if broken else 'holds'} (states: {states})"
+        )
     return 1 if failed else 0
 
 

@@ -3,22 +3,52 @@
 import dataclasses
 import re
 
-LITERAL = re.compile(
-    r'R"\((?:.|\n)*?\)"|"(?:\\.|[^"\\\n])*"|\'(?:\\.|[^\'\\\n])+\'|//[^\n]*|/\*(?:.|\n)*?\*/')
-DIRECTIVE = re.compile(r'^[ \t]*#(?:[^\n]*\\\n)*[^\n]*', re.MULTILINE)
+LITERAL = re.compile(r'R"\((?:.|\n)*?\)"|"(?:\\.|[^"\\\n])*"|\'(?:\\.|[^\'\\\n])+\'|//[^\n]*|/\*(?:.|\n)*?\*/')
+DIRECTIVE = re.compile(r"^[ \t]*#(?:[^\n]*\\\n)*[^\n]*", re.MULTILINE)
 # What begins a line that is no plain statement, or that declares something.
-KEYWORDS = ('if', 'else', 'for', 'while', 'do', 'switch', 'case', 'default', 'return', 'break',
-            'continue', 'try', 'catch', 'throw', 'using', 'namespace', 'template', 'class', 'struct',
-            'enum', 'static', 'const', 'constexpr', 'inline', 'extern', 'friend', 'virtual',
-            'explicit', 'public', 'private', 'protected', 'static_assert', 'auto')
-DECLARATION = re.compile(r'[\w:]+(?:<[^;=]*>)?(?:\s*[*&]+\s*|\s+)(?:const\s+)?\w+\s*(?:[=;({\[]|$)')
-LOCK = re.compile(r'(?:const )?(?:CBillingAutoLock|std::lock_guard<std::mutex>|'
-                  r'std::unique_lock<std::mutex>) \w+[({]')
+KEYWORDS = (
+    "if",
+    "else",
+    "for",
+    "while",
+    "do",
+    "switch",
+    "case",
+    "default",
+    "return",
+    "break",
+    "continue",
+    "try",
+    "catch",
+    "throw",
+    "using",
+    "namespace",
+    "template",
+    "class",
+    "struct",
+    "enum",
+    "static",
+    "const",
+    "constexpr",
+    "inline",
+    "extern",
+    "friend",
+    "virtual",
+    "explicit",
+    "public",
+    "private",
+    "protected",
+    "static_assert",
+    "auto",
+)
+DECLARATION = re.compile(r"[\w:]+(?:<[^;=]*>)?(?:\s*[*&]+\s*|\s+)(?:const\s+)?\w+\s*(?:[=;({\[]|$)")
+LOCK = re.compile(r"(?:const )?(?:CBillingAutoLock|std::lock_guard<std::mutex>|std::unique_lock<std::mutex>) \w+[({]")
 
 
 @dataclasses.dataclass(frozen=True)
 class Mutant:
     """One edit of one file: the text between two offsets is replaced."""
+
     file: str
     operator: str
     line: int
@@ -29,7 +59,7 @@ class Mutant:
     after: str
 
     def applied(self, text):
-        return text[:self.start] + self.replacement + text[self.end:]
+        return text[: self.start] + self.replacement + text[self.end :]
 
     def key(self):
         return (self.file, self.operator, self.before, self.after)
@@ -37,16 +67,18 @@ class Mutant:
 
 def blanked(text):
     """The source with literals, comments and directives as blanks; offsets stay."""
+
     def blanks(match):
-        return re.sub(r'[^\n]', ' ', match.group())
+        return re.sub(r"[^\n]", " ", match.group())
+
     return DIRECTIVE.sub(blanks, LITERAL.sub(blanks, text))
 
 
 def lines_of(text, start, end):
     """The whole lines that the range touches, with single blanks."""
-    first = text.rfind('\n', 0, start) + 1
-    last = text.find('\n', end)
-    return ' '.join(text[first:last if last >= 0 else len(text)].split())
+    first = text.rfind("\n", 0, start) + 1
+    last = text.find("\n", end)
+    return " ".join(text[first : last if last >= 0 else len(text)].split())
 
 
 def replacing(file, text, code, operator, pattern, replace):
@@ -56,37 +88,51 @@ def replacing(file, text, code, operator, pattern, replace):
             continue
         start, end = match.span()
         after = text[:start] + replacement + text[end:]
-        yield Mutant(file, operator, text.count('\n', 0, start) + 1, start, end, replacement,
-                     lines_of(text, start, end), lines_of(after, start, start + len(replacement)))
+        yield Mutant(
+            file,
+            operator,
+            text.count("\n", 0, start) + 1,
+            start,
+            end,
+            replacement,
+            lines_of(text, start, end),
+            lines_of(after, start, start + len(replacement)),
+        )
 
 
-COMPARISONS = {'==': '!=', '!=': '==', '<': '<=', '<=': '<', '>': '>=', '>=': '>'}
+COMPARISONS = {"==": "!=", "!=": "==", "<": "<=", "<=": "<", ">": ">=", ">=": ">"}
 
 
 def comparisons(file, text, code):
-    return replacing(file, text, code, 'comparison', r'(?<= )(?:==|!=|<=|>=|<|>)(?= )',
-                     lambda match: COMPARISONS[match.group()])
+    return replacing(
+        file, text, code, "comparison", r"(?<= )(?:==|!=|<=|>=|<|>)(?= )", lambda match: COMPARISONS[match.group()]
+    )
 
 
 def logic(file, text, code):
-    yield from replacing(file, text, code, 'logic', r'(?<= )(?:&&|\|\|)(?=\s)',
-                         lambda match: '||' if match.group() == '&&' else '&&')
-    yield from replacing(file, text, code, 'logic', r'(?<=[( ])!(?=[\w(])', lambda match: '')
+    yield from replacing(
+        file, text, code, "logic", r"(?<= )(?:&&|\|\|)(?=\s)", lambda match: "||" if match.group() == "&&" else "&&"
+    )
+    yield from replacing(file, text, code, "logic", r"(?<=[( ])!(?=[\w(])", lambda match: "")
 
 
 def constants(file, text, code):
-    yield from replacing(file, text, code, 'constant', r'\b(?:true|false)\b',
-                         lambda match: 'false' if match.group() == 'true' else 'true')
-    yield from replacing(file, text, code, 'constant', r'(?<![\w.])(?:0x[0-9A-Fa-f]+|\d+)(?![\w.])',
-                         lambda match: str(int(match.group(), 0) + 1))
+    yield from replacing(
+        file, text, code, "constant", r"\b(?:true|false)\b", lambda match: "false" if match.group() == "true" else "true"
+    )
+    yield from replacing(
+        file, text, code, "constant", r"(?<![\w.])(?:0x[0-9A-Fa-f]+|\d+)(?![\w.])", lambda match: str(int(match.group(), 0) + 1)
+    )
 
 
 def arithmetic(file, text, code):
-    swap = {'+': '-', '-': '+', '*': '+', '/': '*', '%': '*', '+=': '-=', '-=': '+='}
-    yield from replacing(file, text, code, 'arithmetic', r'(?<=[\w)\]] )(?:\+=|-=|[-+*/%])(?= [\w(])',
-                         lambda match: swap[match.group()])
-    yield from replacing(file, text, code, 'arithmetic', r'\+\+(?=[\w(])|--(?=[\w(])',
-                         lambda match: '--' if match.group() == '++' else '++')
+    swap = {"+": "-", "-": "+", "*": "+", "/": "*", "%": "*", "+=": "-=", "-=": "+="}
+    yield from replacing(
+        file, text, code, "arithmetic", r"(?<=[\w)\]] )(?:\+=|-=|[-+*/%])(?= [\w(])", lambda match: swap[match.group()]
+    )
+    yield from replacing(
+        file, text, code, "arithmetic", r"\+\+(?=[\w(])|--(?=[\w(])", lambda match: "--" if match.group() == "++" else "++"
+    )
 
 
 def statements(text, code):
@@ -102,24 +148,23 @@ def statements(text, code):
         start = position
         position += len(line)
         index += 1
-        word = re.match(r'\w*', stripped).group()
-        if indent < 4 or not stripped or stripped[0] in '{}#:,?)&|<+' or word in KEYWORDS:
+        word = re.match(r"\w*", stripped).group()
+        if indent < 4 or not stripped or stripped[0] in "{}#:,?)&|<+" or word in KEYWORDS:
             continue
-        if stripped.endswith(':'):
+        if stripped.endswith(":"):
             continue
         whole = line
-        while index < len(lines) and not (whole.count('(') == whole.count(')') and
-                                          whole.count('{') == whole.count('}') and
-                                          whole.rstrip().endswith(';')):
-            if whole.count('{') != whole.count('}') or len(whole) > 600:
+        while index < len(lines) and not (
+            whole.count("(") == whole.count(")") and whole.count("{") == whole.count("}") and whole.rstrip().endswith(";")
+        ):
+            if whole.count("{") != whole.count("}") or len(whole) > 600:
                 break
             whole += lines[index]
             position += len(lines[index])
             index += 1
-        if re.search(r'= (?:default|delete|0);', whole):
+        if re.search(r"= (?:default|delete|0);", whole):
             continue
-        if whole.rstrip().endswith(';') and whole.count('(') == whole.count(')') and \
-                whole.count('{') == whole.count('}'):
+        if whole.rstrip().endswith(";") and whole.count("(") == whole.count(")") and whole.count("{") == whole.count("}"):
             found.append((start, start + len(whole), indent))
     return found
 
@@ -133,15 +178,31 @@ def removals(file, text, code):
         statement = code[start:end].strip()
         if DECLARATION.match(statement):
             continue
-        yield Mutant(file, 'removal', text.count('\n', 0, start) + 1, start, end,
-                     '\n' * text.count('\n', start, end), lines_of(text, start, end - 1), '')
+        yield Mutant(
+            file,
+            "removal",
+            text.count("\n", 0, start) + 1,
+            start,
+            end,
+            "\n" * text.count("\n", start, end),
+            lines_of(text, start, end - 1),
+            "",
+        )
 
 
 def locks(file, text, code):
-    for match in re.finditer(r'^[ ]+(.*)\n', code, re.MULTILINE):
+    for match in re.finditer(r"^[ ]+(.*)\n", code, re.MULTILINE):
         if is_lock(match.group(1)):
-            yield Mutant(file, 'lock', text.count('\n', 0, match.start()) + 1, match.start(),
-                         match.end(), '\n', ' '.join(text[match.start():match.end()].split()), '')
+            yield Mutant(
+                file,
+                "lock",
+                text.count("\n", 0, match.start()) + 1,
+                match.start(),
+                match.end(),
+                "\n",
+                " ".join(text[match.start() : match.end()].split()),
+                "",
+            )
 
 
 def swaps(file, text, code):
@@ -149,18 +210,33 @@ def swaps(file, text, code):
     for first, second in zip(plain, plain[1:]):
         if first[1] != second[0] or first[2] != second[2]:
             continue
-        one, two = text[first[0]:first[1]], text[second[0]:second[1]]
+        one, two = text[first[0] : first[1]], text[second[0] : second[1]]
         if one == two or DECLARATION.match(one.strip()):
             continue
         # A variable that is only declared earlier is no change.
-        if DECLARATION.match(two.strip()) and '(' not in code[second[0]:second[1]]:
+        if DECLARATION.match(two.strip()) and "(" not in code[second[0] : second[1]]:
             continue
-        yield Mutant(file, 'swap', text.count('\n', 0, first[0]) + 1, first[0], second[1], two + one,
-                     ' '.join((one + two).split()), ' '.join((two + one).split()))
+        yield Mutant(
+            file,
+            "swap",
+            text.count("\n", 0, first[0]) + 1,
+            first[0],
+            second[1],
+            two + one,
+            " ".join((one + two).split()),
+            " ".join((two + one).split()),
+        )
 
 
-OPERATORS = {'comparison': comparisons, 'logic': logic, 'constant': constants,
-             'arithmetic': arithmetic, 'removal': removals, 'lock': locks, 'swap': swaps}
+OPERATORS = {
+    "comparison": comparisons,
+    "logic": logic,
+    "constant": constants,
+    "arithmetic": arithmetic,
+    "removal": removals,
+    "lock": locks,
+    "swap": swaps,
+}
 
 
 def mutants(file, text):

@@ -16,15 +16,19 @@ class Workshop:
     """Thread: one. The folder may be kept: a second run builds only what changed."""
 
     def __init__(self, folder):
-        self.tree = folder / 'tree'
-        self.build = folder / 'build'
+        self.tree = folder / "tree"
+        self.build = folder / "build"
 
     def prepare(self, programs):
         """Copies what git knows of, as it stands in the folder, and builds the programs."""
-        listed = subprocess.run(['git', 'ls-files', '-z', '--cached', '--others', '--exclude-standard'],
-                                cwd=ROOT, check=True, stdout=subprocess.PIPE).stdout
+        listed = subprocess.run(
+            ["git", "ls-files", "-z", "--cached", "--others", "--exclude-standard"],
+            cwd=ROOT,
+            check=True,
+            stdout=subprocess.PIPE,
+        ).stdout
         kept = set()
-        for name in listed.decode().split('\0'):
+        for name in listed.decode().split("\0"):
             source, copy = ROOT / name, self.tree / name
             if not name or not source.is_file():
                 continue
@@ -32,44 +36,56 @@ class Workshop:
             if not copy.is_file() or copy.read_bytes() != source.read_bytes():
                 copy.parent.mkdir(parents=True, exist_ok=True)
                 shutil.copy(source, copy)
-        for copy in self.tree.rglob('*'):
+        for copy in self.tree.rglob("*"):
             if copy.is_file() and copy not in kept:
                 copy.unlink()
-        if not (self.build / 'build.ninja').exists():
-            subprocess.run(['meson', 'setup', str(self.build), str(self.tree), '-Dtests=true',
-                            '-Dbuildtype=plain', '-Dcpp_args=-O0'],
-                           check=True, stdout=subprocess.DEVNULL)
+        if not (self.build / "build.ninja").exists():
+            subprocess.run(
+                ["meson", "setup", str(self.build), str(self.tree), "-Dtests=true", "-Dbuildtype=plain", "-Dcpp_args=-O0"],
+                check=True,
+                stdout=subprocess.DEVNULL,
+            )
         built = self.make(programs)
         if built.returncode != 0:
             raise SystemExit(built.stdout)
         for program in programs:
             killer = self.run(program)
             if killer is not None:
-                raise SystemExit(f'{program} fails without a mutant: {killer}')
+                raise SystemExit(f"{program} fails without a mutant: {killer}")
 
     def make(self, programs):
-        return subprocess.run(['ninja', '-C', str(self.build), *(target(name) for name in programs)],
-                              stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True)
+        return subprocess.run(
+            ["ninja", "-C", str(self.build), *(target(name) for name in programs)],
+            stdout=subprocess.PIPE,
+            stderr=subprocess.STDOUT,
+            text=True,
+        )
 
     def run(self, program):
         """Returns the name of the test that fails, or None."""
-        process = subprocess.Popen([str(self.build / target(program)), '--gtest_fail_fast',
-                                    '--gtest_brief=0', '--gtest_color=no'],
-                                   stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
-                                   stdin=subprocess.DEVNULL, start_new_session=True, cwd=self.build,
-                                   preexec_fn=limited)
+        process = subprocess.Popen(
+            [str(self.build / target(program)), "--gtest_fail_fast", "--gtest_brief=0", "--gtest_color=no"],
+            stdout=subprocess.PIPE,
+            stderr=subprocess.STDOUT,
+            stdin=subprocess.DEVNULL,
+            start_new_session=True,
+            cwd=self.build,
+            preexec_fn=limited,
+        )
         try:
             output, _ = process.communicate(timeout=SECONDS)
-            ending = '' if process.returncode >= 0 else ' (signal %d)' % -process.returncode
+            ending = "" if process.returncode >= 0 else " (signal %d)" % -process.returncode
         except subprocess.TimeoutExpired:
             process.send_signal(signal.SIGKILL)
             output, _ = process.communicate()
-            ending = ' (no end)'
+            ending = " (no end)"
         if process.returncode == 0:
             return None
-        text = output.decode(errors='replace')
-        failed = re.findall(r'^\[  FAILED  \] (\S+)', text, re.MULTILINE) or \
-            re.findall(r'^\[ RUN      \] (\S+)', text, re.MULTILINE)[-1:]
+        text = output.decode(errors="replace")
+        failed = (
+            re.findall(r"^\[  FAILED  \] (\S+)", text, re.MULTILINE)
+            or re.findall(r"^\[ RUN      \] (\S+)", text, re.MULTILINE)[-1:]
+        )
         return (failed[0] if failed else program) + ending
 
     def trial(self, mutant, programs):
@@ -79,18 +95,18 @@ class Workshop:
         source.write_text(mutant.applied(text))
         try:
             if self.make(programs).returncode != 0:
-                return 'invalid', ''
+                return "invalid", ""
             for program in programs:
                 killer = self.run(program)
                 if killer is not None:
-                    return 'killed', killer
-            return 'survived', ''
+                    return "killed", killer
+            return "survived", ""
         finally:
             source.write_text(text)
 
 
 def target(program):
-    return 'tests/unit/test-' + program
+    return "tests/unit/test-" + program
 
 
 def limited():

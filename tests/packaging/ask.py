@@ -18,8 +18,13 @@ def texts(count):
 
 def calls(owner, client):
     """Name, destination, path, interface, method, arguments."""
-    for method, count in (("get_product_list", 3), ("get_purchase_history", 6), ("get_applied_time", 4),
-                          ("confirm_purchase", 4), ("check_server_availability", 0)):
+    for method, count in (
+        ("get_product_list", 3),
+        ("get_purchase_history", 6),
+        ("get_applied_time", 4),
+        ("confirm_purchase", 4),
+        ("check_server_availability", 0),
+    ):
         yield method, SERVICE, OBJECT, SERVICE, method, texts(count)
     question = (OBJECT, SERVICE, "check_server_availability", None)
     yield "by its unique name", owner, *question
@@ -35,10 +40,10 @@ def calls(owner, client):
     yield "introspection of a client", client, "/", BUS + ".Introspectable", "Introspect", None
     for method in ("GetConnectionStats", "GetAllMatchRules"):
         yield method, BUS, "/org/freedesktop/DBus", BUS + ".Debug.Stats", method, (
-            GLib.Variant("(s)", (client,)) if method == "GetConnectionStats" else None)
+            GLib.Variant("(s)", (client,)) if method == "GetConnectionStats" else None
+        )
     yield "own its name", BUS, "/org/freedesktop/DBus", BUS, "RequestName", GLib.Variant("(su)", (SERVICE, 4))
-    yield "own a name below it", BUS, "/org/freedesktop/DBus", BUS, "RequestName", GLib.Variant(
-        "(su)", (SERVICE + ".more", 4))
+    yield "own a name below it", BUS, "/org/freedesktop/DBus", BUS, "RequestName", GLib.Variant("(su)", (SERVICE + ".more", 4))
 
 
 def outcome(bus, destination, path, interface, method, arguments):
@@ -51,8 +56,8 @@ def outcome(bus, destination, path, interface, method, arguments):
 
 def connect(address):
     return Gio.DBusConnection.new_for_address_sync(
-        address, Gio.DBusConnectionFlags.AUTHENTICATION_CLIENT
-        | Gio.DBusConnectionFlags.MESSAGE_BUS_CONNECTION, None, None)
+        address, Gio.DBusConnectionFlags.AUTHENTICATION_CLIENT | Gio.DBusConnectionFlags.MESSAGE_BUS_CONNECTION, None, None
+    )
 
 
 def main(address, owner):

@@ -10,7 +10,8 @@ NAMED = '{"asked by": "billing device '
 
 def prepare(machine):
     """Installation, users and the store that the device asks."""
-    machine.do("""
+    machine.do(
+        """
         cp -a /tmp/installed/. /
         # The bus of the machine looks below /usr alone; the prefix of the build is another one.
         for kind in system.d system-services; do cp /usr/local/share/dbus-1/$kind/org.plevo.* /usr/share/dbus-1/$kind/; done
@@ -21,19 +22,27 @@ def prepare(machine):
         mkdir /tmp/home && cd /tmp/home
         billing-provision lab made --host localhost >/dev/null 2>&1
         cp made/ca.pem made/ca.key made/server.pem made/server.key .
-    """)
+    """
+    )
     for name, text in (("store.py", STORE), ("sign.py", SIGN), ("pin", PIN), ("so-pin", SO_PIN)):
         machine.write(f"/tmp/home/{name}", text)
-    machine.do("cd /tmp/home && systemd-run --quiet --unit=store --working-directory=$PWD python3 store.py && "
-               "while [ ! -e port ]; do sleep 0.1; done")
+    machine.do(
+        "cd /tmp/home && systemd-run --quiet --unit=store --working-directory=$PWD python3 store.py && "
+        "while [ ! -e port ]; do sleep 0.1; done"
+    )
 
 
 def provision(machine, steps, settings):
     """Runs commands of the page. The settings that they need are the page's."""
     port = machine.do("cat /tmp/home/port")
     machine.write("/tmp/home/device.conf", SETTINGS.replace("PORT", port) + settings)
-    shown = machine.run("sh", "-exc", "\n".join(["cd /tmp/home && chmod 600 pin so-pin", *steps,
-                                                  "systemctl daemon-reload && systemctl reload-or-restart dbus"]))
+    shown = machine.run(
+        "sh",
+        "-exc",
+        "\n".join(
+            ["cd /tmp/home && chmod 600 pin so-pin", *steps, "systemctl daemon-reload && systemctl reload-or-restart dbus"]
+        ),
+    )
     assert shown.returncode == 0, shown.stderr
     assert "billing-provision token" in shown.stderr
     # A shell that traces shows the arguments of its commands.

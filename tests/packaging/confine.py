@@ -44,8 +44,9 @@ def without(*rules, error=EPERM):
 
 def syscalls_of(group):
     """The calls of one of systemd's groups, those of its sub-groups too."""
-    text = subprocess.run(["systemd-analyze", "syscall-filter", "--no-pager", group], check=True,
-                          capture_output=True, text=True).stdout
+    text = subprocess.run(
+        ["systemd-analyze", "syscall-filter", "--no-pager", group], check=True, capture_output=True, text=True
+    ).stdout
     found = set()
     for line in text.splitlines()[1:]:
         name = line.split("#")[0].strip()
@@ -122,27 +123,28 @@ CONFINED = {
     "KeyringMode": lambda _: libc.syscall(250, 1, None),  # a session keyring of its own
     "ProcSubset": lambda _: check(libc.mount(b"proc", b"/proc", b"proc", 0xE, b"hidepid=invisible,subset=pid")),
     "ProtectProc": lambda _: None,  # with ProcSubset
-    "User": None, "Group": None, "PrivateUsers": None,
+    "User": None,
+    "Group": None,
+    "PrivateUsers": None,
     "CapabilityBoundingSet": drop_rights,
     "AmbientCapabilities": lambda _: libc.prctl(47, 4, 0, 0, 0),
     "NoNewPrivileges": lambda _: check(libc.prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0)),
     "ProtectHostname": lambda _: without(("sethostname",), ("setdomainname",)),
-    "ProtectClock": lambda _: without(*[(name,) for name in ("settimeofday", "clock_settime", "adjtimex",
-                                                             "clock_adjtime")]),
+    "ProtectClock": lambda _: without(*[(name,) for name in ("settimeofday", "clock_settime", "adjtimex", "clock_adjtime")]),
     "ProtectKernelLogs": lambda _: without(("syslog",)),
-    "ProtectKernelModules": lambda _: without(*[(name,) for name in ("init_module", "finit_module",
-                                                                     "delete_module")]),
-    "RestrictSUIDSGID": lambda _: without(*[(call, Arg(at, MASKED_EQ, mode, mode))
-                                            for call, at in MODES.items() for mode in SPECIAL_MODES]),
-    "RestrictRealtime": lambda _: without(*[("sched_setscheduler", Arg(1, EQ, policy))
-                                            for policy in (1, 2, 6)]),
+    "ProtectKernelModules": lambda _: without(*[(name,) for name in ("init_module", "finit_module", "delete_module")]),
+    "RestrictSUIDSGID": lambda _: without(
+        *[(call, Arg(at, MASKED_EQ, mode, mode)) for call, at in MODES.items() for mode in SPECIAL_MODES]
+    ),
+    "RestrictRealtime": lambda _: without(*[("sched_setscheduler", Arg(1, EQ, policy)) for policy in (1, 2, 6)]),
     "RestrictNamespaces": restrict_namespaces,
     "LockPersonality": lambda _: without(("personality", Arg(0, GE, 1))),
     "MemoryDenyWriteExecute": lambda _: without(
         ("mmap", Arg(2, MASKED_EQ, PROT_WRITE_EXEC, PROT_WRITE_EXEC)),
         ("mprotect", Arg(2, MASKED_EQ, PROT_EXEC, PROT_EXEC)),
         ("pkey_mprotect", Arg(2, MASKED_EQ, PROT_EXEC, PROT_EXEC)),
-        ("shmat", Arg(2, MASKED_EQ, SHM_EXEC, SHM_EXEC))),
+        ("shmat", Arg(2, MASKED_EQ, SHM_EXEC, SHM_EXEC)),
+    ),
     "RestrictAddressFamilies": families,
     # A call by another machine's numbers finds a filter that knows only its own, and is killed.
     "SystemCallArchitectures": lambda _: None,

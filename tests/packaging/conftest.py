@@ -70,11 +70,20 @@ def run_service(folder, installed, request):
         if prefix is None:
             prefix = request.getfixturevalue("accounts").run_as("service")
         log = open(folder / f"daemon-{len(started)}.log", "wb")
-        started.append(subprocess.Popen(
-            [*prefix, installed.service],
-            env={"PATH": "/usr/bin:/bin", "DBUS_SYSTEM_BUS_ADDRESS": address, **environment,
-                 "LD_LIBRARY_PATH": str(installed.libraries)},
-            stdin=subprocess.DEVNULL, stdout=log, stderr=log))
+        started.append(
+            subprocess.Popen(
+                [*prefix, installed.service],
+                env={
+                    "PATH": "/usr/bin:/bin",
+                    "DBUS_SYSTEM_BUS_ADDRESS": address,
+                    **environment,
+                    "LD_LIBRARY_PATH": str(installed.libraries),
+                },
+                stdin=subprocess.DEVNULL,
+                stdout=log,
+                stderr=log,
+            )
+        )
         log.close()
         wait_for_name(address, started[-1], log.name)
         return started[-1]
@@ -98,8 +107,7 @@ def provisioned(tmp_path_factory):
 @pytest.fixture
 def store(authority, provisioned):
     """A store that demands the device's certificate."""
-    running = server.StoreServer(authority.server_context("localhost", "production.localhost",
-                                                          clients=provisioned.authority))
+    running = server.StoreServer(authority.server_context("localhost", "production.localhost", clients=provisioned.authority))
     yield running
     with contextlib.suppress(OSError):
         running.stop()

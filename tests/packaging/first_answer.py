@@ -69,6 +69,7 @@ def renewal():
 
 class Documented(NamedTuple):
     """What the page says: commands, block by block, settings, and the doctor's command."""
+
     folders: str
     token: str
     request: str

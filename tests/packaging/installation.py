@@ -24,8 +24,9 @@ class Installed:
 
     def __init__(self, folder):
         build = daemon.binary().parents[1]
-        subprocess.run(["meson", "install", "-C", build, "--no-rebuild", "--destdir", folder],
-                       check=True, capture_output=True, text=True)
+        subprocess.run(
+            ["meson", "install", "-C", build, "--no-rebuild", "--destdir", folder], check=True, capture_output=True, text=True
+        )
         self.root = pathlib.Path(folder)
         self.service = self.one("libexec/billing-service")
         self.libraries = self.one("libbilling-platform.so.1").parent
@@ -49,24 +50,25 @@ class Accounts:
         etc.mkdir(parents=True)
         for name in ("passwd", "group"):
             shutil.copy(f"/etc/{name}", etc)
-        subprocess.run(["systemd-sysusers", f"--root={folder}", rules], check=True,
-                       capture_output=True)
+        subprocess.run(["systemd-sysusers", f"--root={folder}", rules], check=True, capture_output=True)
         self.passwd, self.group = etc / "passwd", etc / "group"
         self.service, self.service_group = self._entry(self.passwd, SERVICE_USER)[2:4]
         self.callers = self._entry(self.group, CALLERS)[2]
         with open(self.passwd, "a", encoding="utf-8") as users:
-            users.write(f"pack-member:x:{MEMBER}:{MEMBER}::/:/bin/sh\n"
-                        f"pack-main:x:{MAIN_MEMBER}:{self.callers}::/:/bin/sh\n"
-                        f"pack-stranger:x:{STRANGER}:{STRANGER}::/:/bin/sh\n")
+            users.write(
+                f"pack-member:x:{MEMBER}:{MEMBER}::/:/bin/sh\n"
+                f"pack-main:x:{MAIN_MEMBER}:{self.callers}::/:/bin/sh\n"
+                f"pack-stranger:x:{STRANGER}:{STRANGER}::/:/bin/sh\n"
+            )
         # The bus asks the database who is in the group; the kernel knows it from setpriv.
         lines = self.group.read_text(encoding="utf-8").splitlines()
-        self.group.write_text("".join(
-            line + ("pack-member" if line.startswith(f"{CALLERS}:") else "") + "\n" for line in lines))
+        self.group.write_text(
+            "".join(line + ("pack-member" if line.startswith(f"{CALLERS}:") else "") + "\n" for line in lines)
+        )
 
     @staticmethod
     def _entry(file, name):
-        fields = next(line.split(":") for line in file.read_text(encoding="utf-8").splitlines()
-                      if line.startswith(name + ":"))
+        fields = next(line.split(":") for line in file.read_text(encoding="utf-8").splitlines() if line.startswith(name + ":"))
         return [int(field) if field.isdigit() else field for field in fields]
 
     def run_as(self, who):
@@ -76,9 +78,9 @@ class Accounts:
             "member": (MEMBER, MEMBER, self.callers),
             "main member": (MAIN_MEMBER, self.callers, None),
             "stranger": (STRANGER, STRANGER, None),
-            "root": (0, 0, None)}[who]
-        return ["setpriv", f"--reuid={uid}", f"--regid={gid}",
-                f"--groups={groups}" if groups else "--clear-groups"]
+            "root": (0, 0, None),
+        }[who]
+        return ["setpriv", f"--reuid={uid}", f"--regid={gid}", f"--groups={groups}" if groups else "--clear-groups"]
 
     @contextlib.contextmanager
     def acting_as_member(self):
@@ -101,14 +103,37 @@ class PolicyBus:
         policy = installed.one("system.d/org.plevo.billingservice.conf")
         services = installed.one("system-services/org.plevo.billingservice.service").parent
         configuration = folder / "bus.conf"
-        configuration.write_text(message_bus.CONFIGURATION.format(
-            address=self.address, names="".join(f'    <allow own="{name}"/>\n' for name in names),
-            rules=NO_STATISTICS, limits=f"  <servicedir>{services}</servicedir>\n  <include>{policy}</include>\n"))
+        configuration.write_text(
+            message_bus.CONFIGURATION.format(
+                address=self.address,
+                names="".join(f'    <allow own="{name}"/>\n' for name in names),
+                rules=NO_STATISTICS,
+                limits=f"  <servicedir>{services}</servicedir>\n  <include>{policy}</include>\n",
+            )
+        )
         self.process = subprocess.Popen(
-            ["bwrap", "--die-with-parent", "--dev-bind", "/", "/",
-             "--ro-bind", accounts.passwd, "/etc/passwd", "--ro-bind", accounts.group, "/etc/group",
-             "dbus-daemon", f"--config-file={configuration}", "--nofork", "--nopidfile",
-             "--print-address", *arguments], stdout=subprocess.PIPE, text=True)
+            [
+                "bwrap",
+                "--die-with-parent",
+                "--dev-bind",
+                "/",
+                "/",
+                "--ro-bind",
+                accounts.passwd,
+                "/etc/passwd",
+                "--ro-bind",
+                accounts.group,
+                "/etc/group",
+                "dbus-daemon",
+                f"--config-file={configuration}",
+                "--nofork",
+                "--nopidfile",
+                "--print-address",
+                *arguments,
+            ],
+            stdout=subprocess.PIPE,
+            text=True,
+        )
         assert self.process.stdout.readline(), "dbus-daemon did not start"
 
     def stop(self):

@@ -36,6 +36,7 @@ exec env -i container=billing PATH=/usr/sbin:/usr/bin:/sbin:/bin \
     /lib/systemd/systemd --system --unit=basic.target --log-target=journal
 """
 
+
 def cgroup_root():
     """Where control groups of the second version are. @return None when they are not mounted"""
     for line in pathlib.Path("/proc/self/mounts").read_text(encoding="utf-8").splitlines():
@@ -55,10 +56,21 @@ class Machine:
         self._process = None
         try:
             self._process = subprocess.Popen(
-                ["sh", "-ec", 'echo $$ >"$3/cgroup.procs"; exec setpriv --pdeathsig KILL '
-                 'unshare --mount --pid --ipc --uts --net --cgroup --fork --kill-child sh -ec "$0" machine "$1" "$2"',
-                 MACHINE, folder, installed, self._group],
-                stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, stderr=subprocess.PIPE, text=True)
+                [
+                    "sh",
+                    "-ec",
+                    'echo $$ >"$3/cgroup.procs"; exec setpriv --pdeathsig KILL '
+                    'unshare --mount --pid --ipc --uts --net --cgroup --fork --kill-child sh -ec "$0" machine "$1" "$2"',
+                    MACHINE,
+                    folder,
+                    installed,
+                    self._group,
+                ],
+                stdin=subprocess.DEVNULL,
+                stdout=subprocess.DEVNULL,
+                stderr=subprocess.PIPE,
+                text=True,
+            )
             self._wait_for_systemd()
         except BaseException:
             self.stop()
@@ -86,9 +98,28 @@ class Machine:
         except (OSError, IndexError):
             return subprocess.CompletedProcess(command, 1, "", "no process 1 yet")
         return subprocess.run(
-            ["nsenter", "--target", init, "--mount", "--pid", "--ipc", "--uts", "--net", "--cgroup", "env", "-i",
-             "PATH=/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin", "LC_ALL=C.UTF-8", "HOME=/root",
-             *map(str, command)], capture_output=True, text=True, timeout=timeout, check=check)
+            [
+                "nsenter",
+                "--target",
+                init,
+                "--mount",
+                "--pid",
+                "--ipc",
+                "--uts",
+                "--net",
+                "--cgroup",
+                "env",
+                "-i",
+                "PATH=/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin",
+                "LC_ALL=C.UTF-8",
+                "HOME=/root",
+                *map(str, command),
+            ],
+            capture_output=True,
+            text=True,
+            timeout=timeout,
+            check=check,
+        )
 
     def do(self, script, timeout=120):
         """A shell script in the machine. @return what it printed"""
@@ -98,8 +129,10 @@ class Machine:
 
     def write(self, path, text):
         """A file in the machine, with the folders above it."""
-        self.do(f"mkdir -p {pathlib.Path(path).parent} && cat >{path} <<'END-OF-FILE'\n{text}\nEND-OF-FILE\n"
-                f"truncate -s -1 {path}")
+        self.do(
+            f"mkdir -p {pathlib.Path(path).parent} && cat >{path} <<'END-OF-FILE'\n{text}\nEND-OF-FILE\n"
+            f"truncate -s -1 {path}"
+        )
 
     def stop(self):
         if self._process is not None:

@@ -97,14 +97,16 @@ def probes(other, outside, state, folder):
         "ProtectHome: sees /root": lambda: has(os.listdir("/root")),
         "PrivateTmp: sees files of others in /tmp": lambda: has(os.path.exists(outside)),
         "PrivateDevices: has the kernel's log": lambda: has(os.path.exists("/dev/kmsg")),
-        "PrivateUsers: knows of other users": lambda: has(any(
-            int(line.split()[2]) > 1 for line in pathlib.Path("/proc/self/uid_map").read_text().splitlines())),
+        "PrivateUsers: knows of other users": lambda: has(
+            any(int(line.split()[2]) > 1 for line in pathlib.Path("/proc/self/uid_map").read_text().splitlines())
+        ),
         "ProtectProc: sees processes of others": lambda: has(os.path.exists(f"/proc/{other}")),
         "ProcSubset: sees the kernel's settings": lambda: has(os.path.exists("/proc/sys")),
         "ProtectKernelTunables: writes /sys": lambda: has(os.access("/sys/kernel", os.W_OK)),
         "ProtectControlGroups: writes control groups": lambda: has(os.access("/sys/fs/cgroup", os.W_OK)),
         "ProtectHostname: names the machine": lambda: child(
-            lambda: (did(libc.unshare(0x04000000)), did(libc.sethostname(b"x", 1)))),
+            lambda: (did(libc.unshare(0x04000000)), did(libc.sethostname(b"x", 1)))
+        ),
         "ProtectClock: asks to set the clock": lambda: did(libc.adjtimex(clock)),
         "ProtectKernelLogs: reads the kernel's log": lambda: did(libc.klogctl(10, None, 0)),
         "LimitCORE: may leave a core": lambda: has(resource.getrlimit(resource.RLIMIT_CORE)[1] != 0),
@@ -114,7 +116,8 @@ def probes(other, outside, state, folder):
         "NoNewPrivileges: may gain rights": lambda: has(libc.prctl(39, 0, 0, 0, 0) == 0),
         "RestrictSUIDSGID: makes a program run as its owner": lambda: special(state),
         "RestrictRealtime: takes the processor": lambda: child(
-            lambda: os.sched_setscheduler(0, os.SCHED_RR, os.sched_param(1))),
+            lambda: os.sched_setscheduler(0, os.SCHED_RR, os.sched_param(1))
+        ),
         "RestrictNamespaces: makes a namespace": lambda: child(lambda: did(libc.unshare(0x10000000))),
         "LockPersonality: changes its personality": lambda: child(lambda: did(libc.personality(0x0040000))),
         "MemoryDenyWriteExecute: writes code": writable_code,
@@ -126,9 +129,9 @@ def probes(other, outside, state, folder):
         "memfd_create: runs code of no file": lambda: code_of(os.memfd_create("x")),
         "RestrictAddressFamilies: sees packets": lambda: socket.socket(socket.AF_PACKET, socket.SOCK_RAW).close(),
         "SystemCallFilter: mounts": lambda: child(
-            lambda: (did(libc.unshare(0x00020000)), did(libc.mount(b"none", b"/mnt", b"tmpfs", 0, None)))),
-        "SystemCallFilter: takes a priority": lambda: os.setpriority(os.PRIO_PROCESS, 0, os.getpriority(
-            os.PRIO_PROCESS, 0)),
+            lambda: (did(libc.unshare(0x00020000)), did(libc.mount(b"none", b"/mnt", b"tmpfs", 0, None)))
+        ),
+        "SystemCallFilter: takes a priority": lambda: os.setpriority(os.PRIO_PROCESS, 0, os.getpriority(os.PRIO_PROCESS, 0)),
     }
 
 

@@ -13,7 +13,8 @@ def test_packages_go_into_no_folder_with_other_things_in_it(tmp_path):
     done = subprocess.run([TREE / "scripts/package", tmp_path], capture_output=True, text=True, check=False)
     assert done.returncode == 1
     assert done.stderr.splitlines()[-1] == (
-        f"scripts/package: {tmp_path} has other things in it; name an empty folder, or a new one")
+        f"scripts/package: {tmp_path} has other things in it; name an empty folder, or a new one"
+    )
     assert [file.name for file in tmp_path.iterdir()] == ["notes"]
 
 
@@ -43,7 +44,8 @@ def test_the_suites_try_the_port_that_is_chosen(port):
 
 
 def test_the_library_of_the_chosen_port_is_installed(port):
-    told = subprocess.run(["meson", "introspect", "--installed", port / "build-mine"], check=True,
-                          capture_output=True, text=True)
+    told = subprocess.run(
+        ["meson", "introspect", "--installed", port / "build-mine"], check=True, capture_output=True, text=True
+    )
     libraries = [path for path in json.loads(told.stdout) if "libbilling-platform.so.1.0.0" in path]
     assert [str(port / "build-mine/platform/mine") in path for path in libraries] == [True]

@@ -19,25 +19,63 @@ def service(device, policy_bus, accounts, run_service):
     return run_service(
         policy_bus.address,
         [*accounts.run_as("service"), *view.bubblewrap(device.certificates, device.credentials.certificates)],
-        PLEVO_DEVICE_CONF=str(device.file), XDG_RUNTIME_DIR=str(device.file.parent / "run"),
-        **device.credentials.environment)
+        PLEVO_DEVICE_CONF=str(device.file),
+        XDG_RUNTIME_DIR=str(device.file.parent / "run"),
+        **device.credentials.environment,
+    )
 
 
 @pytest.fixture
 def doctor(policy_bus, accounts, device, installed):
     """A function that starts the doctor as somebody, on a machine with the installation's accounts."""
+
     def started(who, *arguments, has_policy=True):
         name = "system.d/org.plevo.billingservice.conf"
         policy = ["--ro-bind", installed.one(name), f"/etc/dbus-1/{name}"] if has_policy else []
-        as_who = [] if who == "root" else [
-            *accounts.run_as(who), *view.bubblewrap(device.certificates, device.credentials.certificates)]
-        return read(subprocess.run(
-            ["bwrap", "--die-with-parent", "--cap-add", "ALL", "--dev-bind", "/", "/",
-             "--tmpfs", "/etc/dbus-1", "--perms", "0755", "--dir", "/etc/dbus-1/system.d",
-             *policy, "--ro-bind", accounts.passwd, "/etc/passwd", "--ro-bind", accounts.group, "/etc/group",
-             *as_who, billingctl.program(), "--bus", policy_bus.address, "doctor", "--json", *arguments],
-            env={"PATH": "/usr/bin:/bin", **daemon.SANITIZERS}, capture_output=True, text=True, timeout=120,
-            check=False))
+        as_who = (
+            []
+            if who == "root"
+            else [*accounts.run_as(who), *view.bubblewrap(device.certificates, device.credentials.certificates)]
+        )
+        return read(
+            subprocess.run(
+                [
+                    "bwrap",
+                    "--die-with-parent",
+                    "--cap-add",
+                    "ALL",
+                    "--dev-bind",
+                    "/",
+                    "/",
+                    "--tmpfs",
+                    "/etc/dbus-1",
+                    "--perms",
+                    "0755",
+                    "--dir",
+                    "/etc/dbus-1/system.d",
+                    *policy,
+                    "--ro-bind",
+                    accounts.passwd,
+                    "/etc/passwd",
+                    "--ro-bind",
+                    accounts.group,
+                    "/etc/group",
+                    *as_who,
+                    billingctl.program(),
+                    "--bus",
+                    policy_bus.address,
+                    "doctor",
+                    "--json",
+                    *arguments,
+                ],
+                env={"PATH": "/usr/bin:/bin", **daemon.SANITIZERS},
+                capture_output=True,
+                text=True,
+                timeout=120,
+                check=False,
+            )
+        )
+
     return started
 
 
@@ -47,7 +85,8 @@ def test_root_needs_no_preparation(service, doctor):
     assert outcomes(found, "warning") == set()
     assert found["identity"]["finding"] == (
         "looked as billing-service, with user, groups and environment of process "
-        f"{found['name']['finding'].split('process ')[1].split(',')[0]}")
+        f"{found['name']['finding'].split('process ')[1].split(',')[0]}"
+    )
     assert outcomes(found, "not checked") == {"HTTP", "time", "unit"}
     assert found["request"]["finding"] == 'the store answered the device with HTTP status 200: "{}"'
 
@@ -63,7 +102,8 @@ def test_a_stranger_learns_of_the_group(service, doctor):
     found, _ = doctor("stranger")
     assert found["ping"]["id"] == "ping.denied"
     assert found["ping"]["finding"] == (
-        "the bus lets only members of the group billing call, and pack-stranger (groups 61003) is none")
+        "the bus lets only members of the group billing call, and pack-stranger (groups 61003) is none"
+    )
     assert found["ping"]["cure"] == "usermod -aG billing pack-stranger, then sign in anew; or run this as root"
 
 
@@ -77,5 +117,4 @@ def test_settings_that_the_service_may_not_read_are_named_with_their_mode(servic
     found, failed = doctor("root")
     assert failed[0] == "settings"
     assert found["settings"]["id"] == "settings.closed"
-    assert found["settings"]["finding"] == (
-        f"the service may not read {device.file} (mode 600, of root:billing-service)")
+    assert found["settings"]["finding"] == (f"the service may not read {device.file} (mode 600, of root:billing-service)")

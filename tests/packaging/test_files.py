@@ -12,8 +12,14 @@ import pytest
 
 from installation import TREE
 
-MANUALS = ["billing-service.8", "billing-provision.8", "billingctl.1", "billing-lab.1", "device.conf.5",
-           "org.plevo.billingservice.5"]
+MANUALS = [
+    "billing-service.8",
+    "billing-provision.8",
+    "billingctl.1",
+    "billing-lab.1",
+    "device.conf.5",
+    "org.plevo.billingservice.5",
+]
 
 
 def run(*command, **options):
@@ -29,14 +35,14 @@ def needs(program):
 def test_a_manual_renders_without_a_warning(name, installed):
     manual = installed.one(name)
     needs("man")
-    done = run("man", "--warnings", "-E", "UTF-8", "-l", manual,
-               env={**os.environ, "LC_ALL": "C.UTF-8", "MANWIDTH": "80"})
+    done = run("man", "--warnings", "-E", "UTF-8", "-l", manual, env={**os.environ, "LC_ALL": "C.UTF-8", "MANWIDTH": "80"})
     assert (done.returncode, done.stderr) == (0, "")
     assert "NAME" in done.stdout
     needs("mandoc")
     # Without a date, so that a build can be repeated.
-    complaints = [line for line in run("mandoc", "-T", "lint", "-W", "warning", manual).stdout.splitlines()
-                  if "missing date" not in line]
+    complaints = [
+        line for line in run("mandoc", "-T", "lint", "-W", "warning", manual).stdout.splitlines() if "missing date" not in line
+    ]
     assert complaints == []
 
 
@@ -46,8 +52,9 @@ def test_every_manual_is_tried(installed):
 
 def test_the_manual_of_the_settings_knows_every_setting(installed):
     manual = re.sub(r"\\(.)", r"\1", installed.one("device.conf.5").read_text(encoding="utf-8"))
-    known = re.findall(r'\{"([^"]+)", "([^"]+)", Kind',
-                       (TREE / "platform/linux/settings/settings_known.cpp").read_text(encoding="utf-8"))
+    known = re.findall(
+        r'\{"([^"]+)", "([^"]+)", Kind', (TREE / "platform/linux/settings/settings_known.cpp").read_text(encoding="utf-8")
+    )
     assert len(known) > 15
     assert [(group, key) for group, key in known if f"[{group}]" not in manual or key not in manual] == []
 
@@ -64,8 +71,16 @@ def test_the_manual_of_the_interface_says_which_result_comes_when(installed):
     rows = [re.split(r"  +", row) for row in table.splitlines()]
     assert {len(row) for row in rows} == {3}
     said = {row[0]: row[2] for row in rows[1:]}
-    assert [result.split(",")[0] for result in said] == ["0", "-1", "-1", "1160003", "1160003", *["LimitsExceeded"] * 3,
-                                                         "NoMemory", "NoReply"]
+    assert [result.split(",")[0] for result in said] == [
+        "0",
+        "-1",
+        "-1",
+        "1160003",
+        "1160003",
+        *["LimitsExceeded"] * 3,
+        "NoMemory",
+        "NoReply",
+    ]
     assert set(said.values()) == {"yes", "no", "perhaps"}
     # Each error is described below it.
     errors = set(re.findall(r"^\.B org\.freedesktop\.DBus\.Error\.(\w+)$", manual, re.MULTILINE))
@@ -81,8 +96,9 @@ def test_an_interface_without_its_texts_makes_no_manual(installed, folder):
     assert "confirm_purchase has no annotation" in done.stderr
 
 
-@pytest.mark.parametrize("shell, end", [("bash", "completions/billingctl"), ("bash", "completions/billing-provision"),
-                                        ("zsh", "_billingctl")])
+@pytest.mark.parametrize(
+    "shell, end", [("bash", "completions/billingctl"), ("bash", "completions/billing-provision"), ("zsh", "_billingctl")]
+)
 def test_a_completion_parses(shell, end, installed):
     needs(shell)
     done = run(shell, "-n", installed.one(end))
@@ -95,10 +111,15 @@ class Zsh:
     def __init__(self, completions, home):
         self._pid, self._terminal = pty.fork()
         if self._pid == 0:
-            os.execve(shutil.which("zsh"), ["zsh", "-f", "-i"],
-                      {"TERM": "dumb", "HOME": str(home), "PATH": os.environ["PATH"], "LC_ALL": "C.UTF-8"})
-        self._send(f"PS1=; fpath=({completions} $fpath); autoload -U compinit; compinit -u -D; "
-                   "show() {print -r -- \"<$BUFFER>\"}; zle -N show; bindkey '^X' show; echo rea''dy\n")
+            os.execve(
+                shutil.which("zsh"),
+                ["zsh", "-f", "-i"],
+                {"TERM": "dumb", "HOME": str(home), "PATH": os.environ["PATH"], "LC_ALL": "C.UTF-8"},
+            )
+        self._send(
+            f"PS1=; fpath=({completions} $fpath); autoload -U compinit; compinit -u -D; "
+            "show() {print -r -- \"<$BUFFER>\"}; zle -N show; bindkey '^X' show; echo rea''dy\n"
+        )
         self._read_until("ready")
 
     def completed(self, line):
@@ -130,12 +151,19 @@ def zsh(installed, folder):
     running.end()
 
 
-@pytest.mark.parametrize("line, becomes", [
-    ("conf", "confirm-purchase"), ("confirm-purchase --inv", "confirm-purchase --invoiceid="),
-    ("get_applied_time --ap", "get_applied_time --appid="), ("doctor --si", "doctor --sign"),
-    ("--bus x get-product-list --ser", "--bus x get-product-list --server-type="),
-    ("monitor --show", "monitor --show-private"), ("--ver", "--version"),
-    ("check-server-availability --ra", "check-server-availability --raw")])
+@pytest.mark.parametrize(
+    "line, becomes",
+    [
+        ("conf", "confirm-purchase"),
+        ("confirm-purchase --inv", "confirm-purchase --invoiceid="),
+        ("get_applied_time --ap", "get_applied_time --appid="),
+        ("doctor --si", "doctor --sign"),
+        ("--bus x get-product-list --ser", "--bus x get-product-list --server-type="),
+        ("monitor --show", "monitor --show-private"),
+        ("--ver", "--version"),
+        ("check-server-availability --ra", "check-server-availability --raw"),
+    ],
+)
 def test_zsh_completes(line, becomes, zsh):
     shown = zsh.completed(f"billingctl {line}")
     assert re.search(r"<billingctl (.*?) ?>", shown)[1] == becomes, shown
@@ -143,8 +171,10 @@ def test_zsh_completes(line, becomes, zsh):
 
 
 def test_the_completion_of_zsh_knows_what_that_of_bash_knows(installed):
-    known = [set(re.findall(r"--[a-z][a-z-]+|(?:get|confirm|check)-[a-z-]+", installed.one(end).read_text()))
-             for end in ("completions/billingctl", "_billingctl")]
+    known = [
+        set(re.findall(r"--[a-z][a-z-]+|(?:get|confirm|check)-[a-z-]+", installed.one(end).read_text()))
+        for end in ("completions/billingctl", "_billingctl")
+    ]
     assert known[0] - known[1] == set()
     assert known[1] - known[0] == {"--address"}
 
@@ -156,8 +186,7 @@ def test_the_profile_parses(installed):
 
 
 def test_the_profile_is_for_the_installed_daemon(installed):
-    assert f"profile billing-service {installed.place(installed.service)} " in \
-        installed.one("examples/apparmor").read_text()
+    assert f"profile billing-service {installed.place(installed.service)} " in installed.one("examples/apparmor").read_text()
 
 
 def rights(profile, path, is_own):
@@ -170,22 +199,37 @@ def rights(profile, path, is_own):
     return found
 
 
-@pytest.mark.parametrize("path, is_own, needed", [
-    ("/etc/plevo/device.conf", False, "r"), ("/etc/plevo/pin", True, "r"), ("/etc/plevo/softhsm2.conf", False, "r"),
-    ("/etc/plevo/tokens/1-2-3/token.object", False, "rk"), ("/etc/plevo/tokens/1-2-3/token.lock", False, "rk"),
-    ("/opt/down/cert/ca.pem", False, "r"),
-    ("/usr/apps/org.plevo.billing-api/res/certificate/bgclient.crt", False, "r"),
-    ("/var/lib/billing-service/store/refused-pins", True, "rw"),
-    ("/var/lib/billing-service/tpm/tpm2_pkcs11.sqlite3", True, "rwk"), ("/dev/tpmrm0", False, "rw"),
-    ("/usr/lib/softhsm/libsofthsm2.so", False, "mr")])
+@pytest.mark.parametrize(
+    "path, is_own, needed",
+    [
+        ("/etc/plevo/device.conf", False, "r"),
+        ("/etc/plevo/pin", True, "r"),
+        ("/etc/plevo/softhsm2.conf", False, "r"),
+        ("/etc/plevo/tokens/1-2-3/token.object", False, "rk"),
+        ("/etc/plevo/tokens/1-2-3/token.lock", False, "rk"),
+        ("/opt/down/cert/ca.pem", False, "r"),
+        ("/usr/apps/org.plevo.billing-api/res/certificate/bgclient.crt", False, "r"),
+        ("/var/lib/billing-service/store/refused-pins", True, "rw"),
+        ("/var/lib/billing-service/tpm/tpm2_pkcs11.sqlite3", True, "rwk"),
+        ("/dev/tpmrm0", False, "rw"),
+        ("/usr/lib/softhsm/libsofthsm2.so", False, "mr"),
+    ],
+)
 def test_the_profile_allows_the_files_of_the_documentation(path, is_own, needed, installed):
     assert set(needed) <= rights(installed.one("examples/apparmor").read_text(), path, is_own)
 
 
-@pytest.mark.parametrize("path, is_own, refused", [
-    ("/etc/plevo/pin", True, "w"), ("/etc/plevo/tokens/1-2-3/token.object", False, "w"),
-    ("/var/lib/billing-service/store/x", False, "r"), ("/var/lib/billing-service/x", True, "mx"),
-    ("/etc/shadow", False, "r"), ("/bin/sh", False, "rx")])
+@pytest.mark.parametrize(
+    "path, is_own, refused",
+    [
+        ("/etc/plevo/pin", True, "w"),
+        ("/etc/plevo/tokens/1-2-3/token.object", False, "w"),
+        ("/var/lib/billing-service/store/x", False, "r"),
+        ("/var/lib/billing-service/x", True, "mx"),
+        ("/etc/shadow", False, "r"),
+        ("/bin/sh", False, "rx"),
+    ],
+)
 def test_the_profile_allows_no_more(path, is_own, refused, installed):
     assert not set(refused) & rights(installed.one("examples/apparmor").read_text(), path, is_own)
 
@@ -200,15 +244,18 @@ def test_the_profile_lets_the_daemon_own_its_name(installed):
 
 def test_the_profile_lets_the_daemon_ask_what_its_callers_have_not_read(installed):
     """Denied, it could not bound what a caller that reads nothing costs the others."""
-    rules = re.findall(r"dbus send bus=system path=\S+ interface=(\S+) member=(\{[^}]*\}|\w+)",
-                       " ".join(installed.one("examples/apparmor").read_text().split()))
+    rules = re.findall(
+        r"dbus send bus=system path=\S+ interface=(\S+) member=(\{[^}]*\}|\w+)",
+        " ".join(installed.one("examples/apparmor").read_text().split()),
+    )
     allowed = {(interface, member) for interface, members in rules for member in members.strip("{}").split(",")}
     # The abstraction dbus-strict has these.
     allowed |= {("org.freedesktop.DBus", member) for member in ("AddMatch", "GetNameOwner")}
     source = (TREE / "service/core/BusFilter.cpp").read_text(encoding="utf-8")
     asked = re.findall(r'(BUS_NAME|"org\.freedesktop\.DBus\.[\w.]+"),\s*"(\w+)"', source)
-    asked = {("org.freedesktop.DBus" if interface == "BUS_NAME" else interface.strip('"'), member)
-             for interface, member in asked}
+    asked = {
+        ("org.freedesktop.DBus" if interface == "BUS_NAME" else interface.strip('"'), member) for interface, member in asked
+    }
     assert ("org.freedesktop.DBus.Debug.Stats", "GetConnectionStats") in asked and len(asked) == 6
     assert asked - allowed == set()
 
@@ -249,8 +296,11 @@ def test_a_unit_that_systemd_does_not_understand_is_found(installed, folder):
 
 def test_the_drop_in_for_a_tpm_is_understood(installed, folder):
     unit = folder / "billing-service.service"
-    text = installed.one("billing-service.service").read_text().replace(
-        f"ExecStart={installed.place(installed.service)}", "ExecStart=/bin/true")
+    text = (
+        installed.one("billing-service.service")
+        .read_text()
+        .replace(f"ExecStart={installed.place(installed.service)}", "ExecStart=/bin/true")
+    )
     unit.write_text(text + installed.one("examples/billing-service-tpm.conf").read_text())
     assert "billing-service" not in run("systemd-analyze", "verify", "--man=no", unit).stderr
 

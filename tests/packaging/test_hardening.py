@@ -37,7 +37,8 @@ def lacks(path, entry="main"):
         "bound at the start": re.search(r"\(FLAGS\) +BIND_NOW|\(FLAGS_1\).* NOW", told),
         "stack not executable": re.search(r"GNU_STACK .* RW +0x", told),
         "stack protector": "__stack_chk_fail" in told,
-        "checked functions": re.search(r"__(?!stack_)\w+_chk\b", told)}
+        "checked functions": re.search(r"__(?!stack_)\w+_chk\b", told),
+    }
     if LANDING is not None:
         code = run("objdump", "--disassemble=" + entry, "--no-show-raw-insn", path)
         found["branch protection"] = re.search(rf"<{entry}>:\n.*\t{LANDING}", code)
@@ -54,18 +55,44 @@ def test_a_built_program_is_hardened(name, entry):
 def test_a_program_without_any_of_it_is_found(tmp_path):
     source = tmp_path / "plain.c"
     source.write_text('#include <stdio.h>\nint main(int n, char** v) { char t[64]; return sprintf(t, "%s", v[n - 1]); }\n')
-    run("gcc", "-O2", "-no-pie", "-fno-pie", "-U_FORTIFY_SOURCE", "-fno-stack-protector", "-z", "norelro", "-z", "lazy",
-        "-z", "execstack", *(["-fcf-protection=none"] if platform.machine() == "x86_64" else []),
-        source, "-o", tmp_path / "plain")
+    run(
+        "gcc",
+        "-O2",
+        "-no-pie",
+        "-fno-pie",
+        "-U_FORTIFY_SOURCE",
+        "-fno-stack-protector",
+        "-z",
+        "norelro",
+        "-z",
+        "lazy",
+        "-z",
+        "execstack",
+        *(["-fcf-protection=none"] if platform.machine() == "x86_64" else []),
+        source,
+        "-o",
+        tmp_path / "plain",
+    )
     assert len(lacks(tmp_path / "plain")) == (7 if LANDING else 6)
 
 
-@pytest.mark.parametrize("arguments, flags, level", [
-    (["--buildtype=release"], "", "2"), (["--buildtype=debugoptimized"], "", "2"),
-    (["--buildtype=release"], "-D_FORTIFY_SOURCE=3", "3"), (["--buildtype=debug"], "", None)])
+@pytest.mark.parametrize(
+    "arguments, flags, level",
+    [
+        (["--buildtype=release"], "", "2"),
+        (["--buildtype=debugoptimized"], "", "2"),
+        (["--buildtype=release"], "-D_FORTIFY_SOURCE=3", "3"),
+        (["--buildtype=debug"], "", None),
+    ],
+)
 def test_the_c_library_checks_in_every_optimised_build(tmp_path, arguments, flags, level):
-    subprocess.run(["meson", "setup", tmp_path / "build", "-Dtests=false", *arguments], cwd=TREE, check=True,
-                   capture_output=True, env={**os.environ, "CXXFLAGS": flags})
+    subprocess.run(
+        ["meson", "setup", tmp_path / "build", "-Dtests=false", *arguments],
+        cwd=TREE,
+        check=True,
+        capture_output=True,
+        env={**os.environ, "CXXFLAGS": flags},
+    )
     commands = json.loads((tmp_path / "build/compile_commands.json").read_text(encoding="utf-8"))
     built = [each["command"] for each in commands if pathlib.Path(each["file"]).suffix == ".cpp"]
     assert len(built) > 50

@@ -10,10 +10,13 @@ def described(node):
     """All that a caller can see of an interface: methods, arguments, their types; signals and properties."""
     interface = node.lookup_interface(NAME)
     return {
-        "methods": [(method.name, [(a.name, a.signature) for a in method.in_args],
-                     [(a.name, a.signature) for a in method.out_args]) for method in interface.methods],
+        "methods": [
+            (method.name, [(a.name, a.signature) for a in method.in_args], [(a.name, a.signature) for a in method.out_args])
+            for method in interface.methods
+        ],
         "signals": [signal.name for signal in interface.signals],
-        "properties": [known.name for known in interface.properties]}
+        "properties": [known.name for known in interface.properties],
+    }
 
 
 def test_the_live_object_shows_the_interface_that_is_installed(folder, installed, run_service):

@@ -68,10 +68,14 @@ def test_a_call_waits_for_a_service_that_cannot_start_and_is_answered_after_the_
 
 def journalled(machine, since):
     """What the service has told the journal since then: (records, bytes of them with journald's own fields)."""
-    text = machine.do("journalctl --sync && journalctl -t BILLING_SERVICE -t BILLING_PLATFORM --no-pager -o export "
-                      f"--since=@{since}")
-    records = [dict(line.split("=", 1) for line in record.splitlines() if "=" in line)
-               for record in text.strip().split("\n\n") if record]
+    text = machine.do(
+        f"journalctl --sync && journalctl -t BILLING_SERVICE -t BILLING_PLATFORM --no-pager -o export --since=@{since}"
+    )
+    records = [
+        dict(line.split("=", 1) for line in record.splitlines() if "=" in line)
+        for record in text.strip().split("\n\n")
+        if record
+    ]
     return records, len(text)
 
 
@@ -99,21 +103,32 @@ def test_the_doctor_finds_nothing_beside_the_unit(device):
 def test_a_sealed_key_is_imported_and_gone_before_the_service_starts(machine):
     page = documented()
     machine.write("/tmp/home/maker.conf", "[keystore]\nseal_key=/tmp/home/seal.key\n")
-    machine.do("""cd /tmp/home
+    machine.do(
+        """cd /tmp/home
         openssl req -quiet -new -newkey rsa:2048 -nodes -keyout key.pem -out device.csr -subj '/CN=sealed device' ||
             openssl req -new -newkey rsa:2048 -nodes -keyout key.pem -out device.csr -subj '/CN=sealed device'
         python3 sign.py
         billing-provision --conf $PWD/maker.conf seal --certificate device.crt --key key.pem --out key-material
-        rm key.pem""")
+        rm key.pem"""
+    )
     settings = page.keystore.replace("[keystore]", "key_material=/etc/plevo/key-material\n[keystore]")
     modes = "stat -c '%U %a' /etc/plevo/key-material /etc/plevo/seal.key >modes"
-    provision(machine, [page.folders, page.token, page.sealed.replace("billing-provision import",
-                                                                      modes + "\nbilling-provision import"),
-                        page.install], settings + "seal_key=/etc/plevo/seal.key\n")
+    provision(
+        machine,
+        [
+            page.folders,
+            page.token,
+            page.sealed.replace("billing-provision import", modes + "\nbilling-provision import"),
+            page.install,
+        ],
+        settings + "seal_key=/etc/plevo/seal.key\n",
+    )
     assert machine.do("cat /tmp/home/modes") == "root 600\n" * 2
     assert '{"asked by": "sealed device"' in machine.do(AS_APP)
-    left = machine.do("find / -xdev \\( -name key-material -o -name seal.key \\) -not -path '/tmp/home/made/*' "
-                      "-not -path '/proc/*'; find /tmp/home -maxdepth 1 -name 'seal.key'")
+    left = machine.do(
+        "find / -xdev \\( -name key-material -o -name seal.key \\) -not -path '/tmp/home/made/*' "
+        "-not -path '/proc/*'; find /tmp/home -maxdepth 1 -name 'seal.key'"
+    )
     assert left == ""
 
 
@@ -152,8 +167,10 @@ def test_no_program_but_the_daemon_runs_in_the_unit(device):
 
 
 def test_anybody_may_have_the_service_started_and_nobody_else_is_answered(device):
-    start = ("dbus-send --system --print-reply --dest=org.freedesktop.DBus /org/freedesktop/DBus "
-             "org.freedesktop.DBus.StartServiceByName string:org.plevo.billingservice uint32:0")
+    start = (
+        "dbus-send --system --print-reply --dest=org.freedesktop.DBus /org/freedesktop/DBus "
+        "org.freedesktop.DBus.StartServiceByName string:org.plevo.billingservice uint32:0"
+    )
     assert DENIED in device.run("sh", "-c", AS_STRANGER).stderr
     assert unit(device, "ActiveState") == {"ActiveState": "inactive"}
     device.do(f"runuser -u stranger -g stranger -- {start}")
@@ -170,8 +187,9 @@ def maintain(machine, script, argument, prefix=""):
 
 
 def daemons(machine):
-    return machine.do("for p in /proc/[0-9]*; do [ \"$(readlink $p/exe)\" != /usr/local/libexec/billing-service ] || "
-                      "echo $p; done").split()
+    return machine.do(
+        'for p in /proc/[0-9]*; do [ "$(readlink $p/exe)" != /usr/local/libexec/billing-service ] || ' "echo $p; done"
+    ).split()
 
 
 def test_a_purge_beside_a_running_daemon_leaves_no_file_to_a_number_without_a_name(device):

@@ -13,20 +13,34 @@ from billing_lab import bus as message_bus
 from installation import PolicyBus
 
 ANSWERED, DENIED = "answered", "org.freedesktop.DBus.Error.AccessDenied"
-METHODS = ["get_product_list", "get_purchase_history", "get_applied_time", "confirm_purchase",
-           "check_server_availability"]
-ALLOWED = {**dict.fromkeys([*METHODS, "by its unique name", "Introspect", "Introspect of the root", "Ping"],
-                           ANSWERED),
-           "a method that is none": "org.freedesktop.DBus.Error.UnknownMethod"}
-REFUSED = ["at another path", "without an interface", "Properties", "another interface", "own its name",
-           "own a name below it", "Ping of a client", "introspection of a client", "GetConnectionStats",
-           "GetAllMatchRules"]
+METHODS = ["get_product_list", "get_purchase_history", "get_applied_time", "confirm_purchase", "check_server_availability"]
+ALLOWED = {
+    **dict.fromkeys([*METHODS, "by its unique name", "Introspect", "Introspect of the root", "Ping"], ANSWERED),
+    "a method that is none": "org.freedesktop.DBus.Error.UnknownMethod",
+}
+REFUSED = [
+    "at another path",
+    "without an interface",
+    "Properties",
+    "another interface",
+    "own its name",
+    "own a name below it",
+    "Ping of a client",
+    "introspection of a client",
+    "GetConnectionStats",
+    "GetAllMatchRules",
+]
 TO_A_MEMBER = {**ALLOWED, **dict.fromkeys(REFUSED, DENIED)}
 TO_OTHERS = dict.fromkeys(TO_A_MEMBER, DENIED)
 # RequestName answers that somebody else owns it.
 # What a caller has not read it may ask. A refusal of its own name would also meet the doctor, which looks as this user.
-TO_THE_SERVICE = {**TO_OTHERS, "own its name": ANSWERED, "Ping": ANSWERED, "Ping of a client": ANSWERED,
-                  "GetConnectionStats": ANSWERED}
+TO_THE_SERVICE = {
+    **TO_OTHERS,
+    "own its name": ANSWERED,
+    "Ping": ANSWERED,
+    "Ping of a client": ANSWERED,
+    "GetConnectionStats": ANSWERED,
+}
 
 
 @pytest.fixture
@@ -36,18 +50,30 @@ def ask(folder, policy_bus, accounts):
     shutil.copy(pathlib.Path(__file__).with_name("ask.py"), script)
 
     def asked(who, owner):
-        done = subprocess.run([*accounts.run_as(who), sys.executable, script, policy_bus.address, owner],
-                              capture_output=True, text=True, timeout=120, check=False)
+        done = subprocess.run(
+            [*accounts.run_as(who), sys.executable, script, policy_bus.address, owner],
+            capture_output=True,
+            text=True,
+            timeout=120,
+            check=False,
+        )
         assert done.returncode == 0, done.stderr
         return json.loads(done.stdout)
+
     return asked
 
 
-@pytest.mark.parametrize("who, expected", [
-    ("member", TO_A_MEMBER), ("main member", TO_A_MEMBER), ("stranger", TO_OTHERS), ("root", TO_OTHERS),
-    ("service", TO_THE_SERVICE)])
-def test_each_user_may_do_what_the_policy_says_and_nothing_else(who, expected, ask, policy_bus,
-                                                                run_service):
+@pytest.mark.parametrize(
+    "who, expected",
+    [
+        ("member", TO_A_MEMBER),
+        ("main member", TO_A_MEMBER),
+        ("stranger", TO_OTHERS),
+        ("root", TO_OTHERS),
+        ("service", TO_THE_SERVICE),
+    ],
+)
+def test_each_user_may_do_what_the_policy_says_and_nothing_else(who, expected, ask, policy_bus, run_service):
     run_service(policy_bus.address)
     caller = message_bus.Caller(policy_bus.address)
     owner = caller.owner()
@@ -63,8 +89,7 @@ def test_nobody_else_may_be_the_service_when_it_is_not_there(who, ask):
 @pytest.fixture
 def managed_bus(folder, installed, accounts):
     """A bus that starts what is called by a service manager, in whose place the test is."""
-    running = PolicyBus(folder, installed, accounts, names=["org.freedesktop.systemd1"],
-                        arguments=["--systemd-activation"])
+    running = PolicyBus(folder, installed, accounts, names=["org.freedesktop.systemd1"], arguments=["--systemd-activation"])
     yield running
     running.stop()
 
@@ -75,24 +100,48 @@ def started_units(managed_bus):
     told = []
     manager = message_bus.Caller(managed_bus.address)
     manager.connection.signal_subscribe(
-        None, "org.freedesktop.systemd1.Activator", "ActivationRequest", None, None,
-        Gio.DBusSignalFlags.NONE, lambda *signal: told.append(signal[5].unpack()[0]))
+        None,
+        "org.freedesktop.systemd1.Activator",
+        "ActivationRequest",
+        None,
+        None,
+        Gio.DBusSignalFlags.NONE,
+        lambda *signal: told.append(signal[5].unpack()[0]),
+    )
     manager.connection.call_sync(
-        "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus", "RequestName",
-        GLib.Variant("(su)", ("org.freedesktop.systemd1", 4)), None, Gio.DBusCallFlags.NONE, 10000, None)
+        "org.freedesktop.DBus",
+        "/org/freedesktop/DBus",
+        "org.freedesktop.DBus",
+        "RequestName",
+        GLib.Variant("(su)", ("org.freedesktop.systemd1", 4)),
+        None,
+        Gio.DBusCallFlags.NONE,
+        10000,
+        None,
+    )
     yield told
     manager.close()
 
 
-@pytest.mark.parametrize("who, units, error", [
-    ("member", ["billing-service.service"], "NoReply"), ("stranger", [], "AccessDenied")])
-def test_the_first_call_starts_the_unit_if_the_caller_may_call(who, units, error, managed_bus,
-                                                               started_units, accounts):
+@pytest.mark.parametrize(
+    "who, units, error", [("member", ["billing-service.service"], "NoReply"), ("stranger", [], "AccessDenied")]
+)
+def test_the_first_call_starts_the_unit_if_the_caller_may_call(who, units, error, managed_bus, started_units, accounts):
     call = subprocess.Popen(
-        [*accounts.run_as(who), "dbus-send", f"--bus={managed_bus.address}", "--print-reply",
-         "--reply-timeout=3000", f"--dest={message_bus.SERVICE}", message_bus.OBJECT,
-         f"{message_bus.SERVICE}.check_server_availability"],
-        stdout=subprocess.DEVNULL, stderr=subprocess.PIPE, text=True)
+        [
+            *accounts.run_as(who),
+            "dbus-send",
+            f"--bus={managed_bus.address}",
+            "--print-reply",
+            "--reply-timeout=3000",
+            f"--dest={message_bus.SERVICE}",
+            message_bus.OBJECT,
+            f"{message_bus.SERVICE}.check_server_availability",
+        ],
+        stdout=subprocess.DEVNULL,
+        stderr=subprocess.PIPE,
+        text=True,
+    )
     while call.poll() is None:
         GLib.MainContext.default().iteration(False)
         time.sleep(0.01)

@@ -61,10 +61,15 @@ def test_a_new_key_takes_over_from_the_old_one_and_gives_way_again(device):
 def test_a_sealed_key_takes_over_from_the_old_one(device):
     first = answer(device)
     device.write("/tmp/home/maker.conf", "[keystore]\nseal_key=/tmp/home/seal.key\n")
-    home(device, "openssl req -new -newkey rsa:2048 -nodes -keyout key.pem -out device.csr -subj '/CN=sealed anew'",
-         "python3 sign.py",
-         "billing-provision --conf $PWD/maker.conf seal --certificate device.crt --key key.pem --out key-material",
-         "rm key.pem", PAGE["reseal"], PAGE["rekeyed"])
+    home(
+        device,
+        "openssl req -new -newkey rsa:2048 -nodes -keyout key.pem -out device.csr -subj '/CN=sealed anew'",
+        "python3 sign.py",
+        "billing-provision --conf $PWD/maker.conf seal --certificate device.crt --key key.pem --out key-material",
+        "rm key.pem",
+        PAGE["reseal"],
+        PAGE["rekeyed"],
+    )
     assert answer(device)[0] == "sealed anew"
     assert device.do("ls /etc/plevo").split() == ["before.conf", "device.conf", "pin", "softhsm2.conf", "tokens"]
     home(device, PAGE["rekey-back"])
@@ -84,8 +89,12 @@ def test_a_pin_is_changed_and_changed_back(device):
 def test_the_store_gets_another_authority_and_the_old_one_back_without_a_restart(device):
     first = answer(device)
     process = device.do("systemctl show -p MainPID --value billing-service")
-    home(device, "billing-provision lab other --host localhost >/dev/null 2>&1", "cp other/ca.pem new-ca.pem",
-         PAGE["authorities"])
+    home(
+        device,
+        "billing-provision lab other --host localhost >/dev/null 2>&1",
+        "cp other/ca.pem new-ca.pem",
+        PAGE["authorities"],
+    )
     assert answer(device) == first
     home(device, SERVER.replace("made/", "other/"), f"until python3 -c '{CONNECT}' 2>/dev/null; do sleep 0.1; done")
     assert answer(device) == first
@@ -110,9 +119,17 @@ def image(machine, *made):
     """Makes the running system that of an image, with a data partition and /usr read-only."""
     machine.do("mkdir -p /data && mount -t tmpfs tmpfs /data")
     machine.write("/tmp/fstab", PAGE["fstab"])
-    machine.do("\n".join([
-        PAGE["numbers"], PAGE["data"], *made, f"mkdir -p /etc/plevo /var/lib/billing-service /opt/down/cert {PLACE}",
-        SLOT.format(name="a")]))
+    machine.do(
+        "\n".join(
+            [
+                PAGE["numbers"],
+                PAGE["data"],
+                *made,
+                f"mkdir -p /etc/plevo /var/lib/billing-service /opt/down/cert {PLACE}",
+                SLOT.format(name="a"),
+            ]
+        )
+    )
 
 
 def factory(machine):
@@ -128,8 +145,11 @@ def test_a_device_with_two_slots_keeps_what_is_its_own_over_an_update(machine):
     factory(machine)
     first = answer(machine)
     assert machine.do("id -u billing-service; getent group billing | cut -d: -f3") == "790\n791\n"
-    machine.do("systemctl stop billing-service; umount --recursive --lazy /usr\n" + SLOT.format(name="b") +
-               "mount --all --fstab /tmp/fstab; cat /usr/slot")
+    machine.do(
+        "systemctl stop billing-service; umount --recursive --lazy /usr\n"
+        + SLOT.format(name="b")
+        + "mount --all --fstab /tmp/fstab; cat /usr/slot"
+    )
     assert answer(machine) == first and status(machine)[0] == 0
     home(machine, PAGE["renew"], "python3 sign.py", PAGE["renewed"])
     assert answer(machine)[1] != first[1]
@@ -141,7 +161,8 @@ def test_a_link_into_the_data_partition_takes_the_place_of_a_mount(machine):
     factory(machine)
     first = answer(machine)
     assert machine.do(f"ls {PLACE}; readlink {PLACE}/bgclient.crt; ls /data/billing/certificate") == (
-        "bgclient.crt\n/data/billing/certificate/bgclient.crt\nbgclient.crt\n")
+        "bgclient.crt\n/data/billing/certificate/bgclient.crt\nbgclient.crt\n"
+    )
     home(machine, PAGE["renew"], "python3 sign.py", PAGE["renewed"])
     assert answer(machine)[1] != first[1]
 
@@ -150,14 +171,17 @@ def test_a_certificate_on_a_read_only_file_system_is_refused_with_the_way_out(de
     device.do(SLOT.format(name="a"))
     done = device.run("billing-provision", "install", "--force", "/tmp/home/device.crt")
     assert done.returncode == 1
-    assert done.stderr.endswith("Read-only file system; name a writable place with --to or --out, or make a link or a "
-                                "mount of one there\n")
+    assert done.stderr.endswith(
+        "Read-only file system; name a writable place with --to or --out, or make a link or a mount of one there\n"
+    )
 
 
 def test_a_factory_reset_takes_the_user_s_and_leaves_the_device_s(device):
     first = answer(device)
-    device.do("runuser -u billing-service -- sh -c 'mkdir -p -m 700 /var/lib/billing-service/store /var/lib/billing-service/tpm;"
-              " touch /var/lib/billing-service/store/named'")
+    device.do(
+        "runuser -u billing-service -- sh -c 'mkdir -p -m 700 /var/lib/billing-service/store /var/lib/billing-service/tpm;"
+        " touch /var/lib/billing-service/store/named'"
+    )
     settings = device.do("cat /etc/plevo/device.conf")
     device.write("/etc/plevo/device.conf", settings.replace("[runtime]", "[account]\nguid=mine\n[runtime]", 1))
     home(device, PAGE["reset"])

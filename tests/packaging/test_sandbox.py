@@ -19,9 +19,25 @@ from harness import server
 HERE = pathlib.Path(__file__).parent
 
 # What bubblewrap and the test's own set-up do of the unit.
-SURROUNDED = {"ProtectSystem", "ProtectHome", "PrivateTmp", "PrivateIPC", "PrivateDevices", "ProtectKernelTunables",
-              "ProtectControlGroups", "ReadOnlyPaths", "Environment", "RuntimeDirectory", "RuntimeDirectoryMode", "StateDirectory",
-              "StateDirectoryMode", "SystemCallFilter", "Type", "BusName", "ExecStart"}
+SURROUNDED = {
+    "ProtectSystem",
+    "ProtectHome",
+    "PrivateTmp",
+    "PrivateIPC",
+    "PrivateDevices",
+    "ProtectKernelTunables",
+    "ProtectControlGroups",
+    "ReadOnlyPaths",
+    "Environment",
+    "RuntimeDirectory",
+    "RuntimeDirectoryMode",
+    "StateDirectory",
+    "StateDirectoryMode",
+    "SystemCallFilter",
+    "Type",
+    "BusName",
+    "ExecStart",
+}
 # What only a service manager does: test_manager.py.
 MANAGED = {"Restart", "RestartSec"}
 # What nothing here provokes. The documentation lists them.
@@ -45,26 +61,59 @@ def sandbox(folder, installed, accounts, device):
     """The command that runs what follows it as the unit says."""
     unit = folder / "billing-service.service"
     # What runs here, runs by Python, and lies in a folder of the tests' own.
-    unit.write_text(installed.one("billing-service.service").read_text(encoding="utf-8").replace(
-        "[Install]", f"ExecPaths={sys.executable} {installed.service} {installed.libraries}\n[Install]"), encoding="utf-8")
+    unit.write_text(
+        installed.one("billing-service.service")
+        .read_text(encoding="utf-8")
+        .replace("[Install]", f"ExecPaths={sys.executable} {installed.service} {installed.libraries}\n[Install]"),
+        encoding="utf-8",
+    )
     for name in ("confine.py", "probe.py"):
         shutil.copy(HERE / name, folder)
     command = view.bubblewrap(device.certificates, device.credentials.certificates)
     # The whole system can only be read, and of devices, homes and temporary files nothing is there.
-    command[command.index("--dev-bind"):command.index("--tmpfs")] = ["--ro-bind", "/", "/", "--dev", "/dev", "--proc", "/proc"]
+    command[command.index("--dev-bind") : command.index("--tmpfs")] = [
+        "--ro-bind",
+        "/",
+        "/",
+        "--dev",
+        "/dev",
+        "--proc",
+        "/proc",
+    ]
     at = command.index("--ro-bind", command.index("--tmpfs"))
     command[at:at] = readable("/opt/down")
     at = len(command) - 3
     command[at:at] = readable("/usr/apps/org.plevo.billing-api/res")
-    command[command.index("--cap-drop"):command.index("--cap-drop") + 2] = ["--cap-add", "ALL"]
+    command[command.index("--cap-drop") : command.index("--cap-drop") + 2] = ["--cap-add", "ALL"]
     for hidden in ("/home", "/root", "/run/user", "/tmp", "/var/tmp"):
         if os.path.isdir(hidden):
             command += ["--tmpfs", hidden]
-    return [*command, "--unshare-ipc", "--unshare-uts", "--chmod", "1777", "/tmp",
-            *readable(folder.parent),
-            "--ro-bind", installed.root, installed.root, "--ro-bind", folder, folder,
-            "--bind", folder / "state", folder / "state", "--bind", folder / "run", folder / "run",
-            sys.executable, folder / "confine.py", unit, str(accounts.service), str(accounts.service_group)]
+    return [
+        *command,
+        "--unshare-ipc",
+        "--unshare-uts",
+        "--chmod",
+        "1777",
+        "/tmp",
+        *readable(folder.parent),
+        "--ro-bind",
+        installed.root,
+        installed.root,
+        "--ro-bind",
+        folder,
+        folder,
+        "--bind",
+        folder / "state",
+        folder / "state",
+        "--bind",
+        folder / "run",
+        folder / "run",
+        sys.executable,
+        folder / "confine.py",
+        unit,
+        str(accounts.service),
+        str(accounts.service_group),
+    ]
 
 
 def test_every_directive_of_the_unit_is_tried_or_said_to_be_untried(installed):
@@ -79,9 +128,14 @@ def test_every_directive_of_the_unit_is_tried_or_said_to_be_untried(installed):
 
 
 def test_the_daemon_works_in_its_sandbox(sandbox, folder, run_service, policy_bus, accounts, device, store):
-    process = run_service(policy_bus.address, prefix=sandbox, PLEVO_DEVICE_CONF=str(device.file),
-                          XDG_RUNTIME_DIR=str(folder / "run"), G_DEBUG="fatal-criticals",
-                          **device.credentials.environment)
+    process = run_service(
+        policy_bus.address,
+        prefix=sandbox,
+        PLEVO_DEVICE_CONF=str(device.file),
+        XDG_RUNTIME_DIR=str(folder / "run"),
+        G_DEBUG="fatal-criticals",
+        **device.credentials.environment,
+    )
     with accounts.acting_as_member():
         caller = message_bus.Caller(policy_bus.address)
     store.answer = server.Reply(b'{"in": "a sandbox"}')
@@ -107,16 +161,25 @@ def probed(sandbox, folder):
     outside = folder.parent / "outside"
     outside.write_text("x", encoding="ascii")
     os.chmod(outside, 0o644)
-    done = subprocess.run([*sandbox, sys.executable, folder / "probe.py", str(os.getpid()), outside,
-                           folder / "state", folder],
-                          capture_output=True, text=True, timeout=60, check=False)
+    done = subprocess.run(
+        [*sandbox, sys.executable, folder / "probe.py", str(os.getpid()), outside, folder / "state", folder],
+        capture_output=True,
+        text=True,
+        timeout=60,
+        check=False,
+    )
     assert done.returncode == 0, done.stderr
     return json.loads(done.stdout)
 
 
 def test_the_sandbox_forbids_what_its_directives_say(probed, accounts, folder):
-    free = subprocess.run([sys.executable, HERE / "probe.py", str(os.getpid()), folder.parent / "outside",
-                           folder / "state", folder], capture_output=True, text=True, timeout=60, check=True)
+    free = subprocess.run(
+        [sys.executable, HERE / "probe.py", str(os.getpid()), folder.parent / "outside", folder / "state", folder],
+        capture_output=True,
+        text=True,
+        timeout=60,
+        check=True,
+    )
     allowed = json.loads(free.stdout)
     assert probed.pop("writes its own state") == "done"
     assert probed.pop("is") == [accounts.service, accounts.service_group]

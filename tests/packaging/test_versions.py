@@ -18,12 +18,18 @@ def test_the_lab_and_the_packages_have_the_version_of_the_build():
     assert (billing_lab.__version__, package[1]) == (VERSION, VERSION)
 
 
-@pytest.mark.parametrize("tool, libraries", [
-    ([BUILD / "service/billing-service"], []),
-    ([BUILD / "client/billingctl"], ["GLib", "libcurl", "OpenSSL", "jsoncpp"]),
-    ([BUILD / "platform/provision/billing-provision"], ["GLib", "OpenSSL"]),
-    ([sys.executable, TREE / "lab/billing-lab"], ["Python", "OpenSSL", "SQLite", "aiohttp", "cryptography", "h2",
-                                                  "PyGObject", "trustme"])])
+@pytest.mark.parametrize(
+    "tool, libraries",
+    [
+        ([BUILD / "service/billing-service"], []),
+        ([BUILD / "client/billingctl"], ["GLib", "libcurl", "OpenSSL", "jsoncpp"]),
+        ([BUILD / "platform/provision/billing-provision"], ["GLib", "OpenSSL"]),
+        (
+            [sys.executable, TREE / "lab/billing-lab"],
+            ["Python", "OpenSSL", "SQLite", "aiohttp", "cryptography", "h2", "PyGObject", "trustme"],
+        ),
+    ],
+)
 def test_a_tool_tells_its_version_and_those_of_its_libraries(tool, libraries):
     said = subprocess.run([*tool, "--version"], capture_output=True, text=True, check=True).stdout.splitlines()
     assert said[0].split() == [str(tool[-1]).rpartition("/")[2], VERSION]

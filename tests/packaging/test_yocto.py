@@ -11,10 +11,22 @@ from installation import CALLERS, SERVICE_USER, TREE
 
 RECIPES = TREE / "packaging/yocto/recipes-billing/billing-service"
 # Of bitbake's own, as they are on a system whose prefix is /usr.
-KNOWN = {"PN": "billing-service", "D": "", "prefix": "/usr", "bindir": "/usr/bin", "sbindir": "/usr/sbin",
-         "libexecdir": "/usr/libexec", "libdir": "/usr/lib", "nonarch_libdir": "/usr/lib", "includedir": "/usr/include",
-         "datadir": "/usr/share", "docdir": "/usr/share/doc", "mandir": "/usr/share/man",
-         "systemd_system_unitdir": "/usr/lib/systemd/system", "BILLING_PLATFORM": "linux"}
+KNOWN = {
+    "PN": "billing-service",
+    "D": "",
+    "prefix": "/usr",
+    "bindir": "/usr/bin",
+    "sbindir": "/usr/sbin",
+    "libexecdir": "/usr/libexec",
+    "libdir": "/usr/lib",
+    "nonarch_libdir": "/usr/lib",
+    "includedir": "/usr/include",
+    "datadir": "/usr/share",
+    "docdir": "/usr/share/doc",
+    "mandir": "/usr/share/man",
+    "systemd_system_unitdir": "/usr/lib/systemd/system",
+    "BILLING_PLATFORM": "linux",
+}
 
 
 def expand(text):
@@ -36,12 +48,19 @@ def recipe():
 def files(tmp_path_factory, recipe):
     """What is installed where the recipe's options hold, but for what it takes away."""
     folder = tmp_path_factory.mktemp("yocto")
-    subprocess.run(["meson", "setup", folder / "build", TREE, "--prefix=/usr", "--libdir=lib",
-                    *recipe["EXTRA_OEMESON"].split()], check=True, capture_output=True)
-    told = subprocess.run(["meson", "introspect", "--installed", folder / "build"], check=True,
-                          capture_output=True, text=True).stdout
-    return [path for path in json.loads(told).values()
-            if not any(path == gone or path.startswith(gone + "/") for gone in recipe["removed"])]
+    subprocess.run(
+        ["meson", "setup", folder / "build", TREE, "--prefix=/usr", "--libdir=lib", *recipe["EXTRA_OEMESON"].split()],
+        check=True,
+        capture_output=True,
+    )
+    told = subprocess.run(
+        ["meson", "introspect", "--installed", folder / "build"], check=True, capture_output=True, text=True
+    ).stdout
+    return [
+        path
+        for path in json.loads(told).values()
+        if not any(path == gone or path.startswith(gone + "/") for gone in recipe["removed"])
+    ]
 
 
 def matches(path, patterns):
@@ -61,8 +80,12 @@ def test_its_licence_is_the_one_in_the_tree(recipe):
 
 def test_every_installed_file_belongs_to_exactly_one_package(recipe, files):
     packages = {name: value for name, value in recipe.items() if name.startswith("FILES:")}
-    assert set(packages) == {"FILES:billing-service", "FILES:billing-service-dev", "FILES:billing-service-doc",
-                             "FILES:billingctl"}
+    assert set(packages) == {
+        "FILES:billing-service",
+        "FILES:billing-service-dev",
+        "FILES:billing-service-doc",
+        "FILES:billingctl",
+    }
     owners = {path: [name for name, value in packages.items() if matches(path, value)] for path in files}
     assert {path: of for path, of in owners.items() if len(of) != 1} == {}
     assert set(packages) == {name for names in owners.values() for name in names}
@@ -77,6 +100,9 @@ def test_every_pattern_stands_for_a_file(recipe, files):
 def test_users_are_those_of_the_unit_and_of_the_bus_policy(recipe):
     assert recipe["USERADD_PARAM:billing-service"].split()[-1] == SERVICE_USER
     assert recipe["GROUPADD_PARAM:billing-service"].split()[-1] == CALLERS
-    assert re.search(rf'^u @user@ - "Billing service" {re.escape("/var/lib/billing-service")}$',
-                     (TREE / "data/systemd/sysusers.conf.in").read_text(encoding="utf-8"), re.MULTILINE)
+    assert re.search(
+        rf'^u @user@ - "Billing service" {re.escape("/var/lib/billing-service")}$',
+        (TREE / "data/systemd/sysusers.conf.in").read_text(encoding="utf-8"),
+        re.MULTILINE,
+    )
     assert "--home-dir /var/lib/billing-service " in recipe["USERADD_PARAM:billing-service"]

@@ -13,8 +13,21 @@ from cryptography.hazmat.primitives import hashes, serialization
 from cryptography.hazmat.primitives.asymmetric import padding, rsa
 from cryptography.x509.oid import ExtendedKeyUsageOID, NameOID
 
-from tool import (EXISTS, FAILED, MISMATCH, USAGE, certificate, change_setting, must, pem_of, pkcs11_tool, run,
-                  secret, self_signed, settings)
+from tool import (
+    EXISTS,
+    FAILED,
+    MISMATCH,
+    USAGE,
+    certificate,
+    change_setting,
+    must,
+    pem_of,
+    pkcs11_tool,
+    run,
+    secret,
+    self_signed,
+    settings,
+)
 
 pytestmark = pytest.mark.skipif(
     shutil.which("softhsm2-util") is None, reason="softhsm2 is not installed (apt install softhsm2)"
@@ -25,29 +38,32 @@ def sign_request(folder, request):
     """What an authority does with a request."""
     authority = certificate(folder / "ca.pem")
     signer = serialization.load_pem_private_key((folder / "ca.key").read_bytes(), None)
-    return x509.CertificateBuilder(
-        issuer_name=authority.subject, subject_name=request.subject,
-        public_key=request.public_key(), serial_number=7,
-        not_valid_before=authority.not_valid_before, not_valid_after=authority.not_valid_after,
-    ).sign(signer, hashes.SHA256()).public_bytes(serialization.Encoding.PEM)
+    return (
+        x509.CertificateBuilder(
+            issuer_name=authority.subject,
+            subject_name=request.subject,
+            public_key=request.public_key(),
+            serial_number=7,
+            not_valid_before=authority.not_valid_before,
+            not_valid_after=authority.not_valid_after,
+        )
+        .sign(signer, hashes.SHA256())
+        .public_bytes(serialization.Encoding.PEM)
+    )
 
 
 def test_lab_makes_certificates_of_one_authority(lab):
     authority = certificate(lab / "ca.pem")
-    for name, use in (("server.pem", ExtendedKeyUsageOID.SERVER_AUTH),
-                      ("bgclient.crt", ExtendedKeyUsageOID.CLIENT_AUTH)):
+    for name, use in (("server.pem", ExtendedKeyUsageOID.SERVER_AUTH), ("bgclient.crt", ExtendedKeyUsageOID.CLIENT_AUTH)):
         made = certificate(lab / name)
-        authority.public_key().verify(made.signature, made.tbs_certificate_bytes,
-                                      padding.PKCS1v15(), hashes.SHA256())
+        authority.public_key().verify(made.signature, made.tbs_certificate_bytes, padding.PKCS1v15(), hashes.SHA256())
         assert use in made.extensions.get_extension_for_class(x509.ExtendedKeyUsage).value
         assert made.public_key().key_size == 2048
-    hosts = certificate(lab / "server.pem").extensions.get_extension_for_class(
-        x509.SubjectAlternativeName).value
+    hosts = certificate(lab / "server.pem").extensions.get_extension_for_class(x509.SubjectAlternativeName).value
     assert hosts.get_values_for_type(x509.DNSName) == ["localhost"]
     assert [str(ip) for ip in hosts.get_values_for_type(x509.IPAddress)] == ["127.0.0.1"]
     server = serialization.load_pem_private_key((lab / "server.key").read_bytes(), None)
-    assert server.public_key().public_numbers() == \
-        certificate(lab / "server.pem").public_key().public_numbers()
+    assert server.public_key().public_numbers() == certificate(lab / "server.pem").public_key().public_numbers()
 
 
 def test_lab_keeps_everything_from_others_under_umask_0(lab):
@@ -63,28 +79,42 @@ def test_lab_key_is_inside_the_token_and_is_the_certificates(lab):
     result = must(run("request", "--existing", folder=lab))
     request = x509.load_pem_x509_csr(result.stdout)
     assert request.is_signature_valid
-    assert request.public_key().public_numbers() == \
-        certificate(lab / "bgclient.crt").public_key().public_numbers()
+    assert request.public_key().public_numbers() == certificate(lab / "bgclient.crt").public_key().public_numbers()
 
 
 def test_lab_prints_what_the_service_needs(tmp_path):
-    result = must(run("lab", tmp_path / "lab", "--host", "a.example", "192.0.2.1",
-                      "--production-host", "a.example:1", "--days", "3"))
+    result = must(
+        run("lab", tmp_path / "lab", "--host", "a.example", "192.0.2.1", "--production-host", "a.example:1", "--days", "3")
+    )
     assert result.stdout.decode().splitlines() == [
         f"export PLEVO_DEVICE_CONF={tmp_path}/lab/device.conf",
-        f"export SOFTHSM2_CONF={tmp_path}/lab/softhsm2.conf"]
+        f"export SOFTHSM2_CONF={tmp_path}/lab/softhsm2.conf",
+    ]
     assert settings(tmp_path / "lab")["production_host"] == "a.example:1"
     made = certificate(tmp_path / "lab" / "server.pem")
     assert (made.not_valid_after - made.not_valid_before).days == 4
 
 
-@pytest.mark.parametrize("option, value", [
-    ("--host", "a.example,DNS:evil.example"), ("--host", "a.example\nbasicConstraints=CA:TRUE"),
-    ("--host", ""), ("--host", "a b"), ("--host", "https://a.example"), ("--host", "a.example:1"),
-    ("--host", "*.example"), ("--production-host", "a.example\n[keystore]"),
-    ("--production-host", "https://a.example/"), ("--production-host", "a.example:0"),
-    ("--sandbox-host", "user@a.example"), ("--sandbox-host", "a.example:65536"),
-    ("--module", "/lib/x.so\ntoken=y"), ("--module", "libsofthsm2.so"), ("--days", "0")])
+@pytest.mark.parametrize(
+    "option, value",
+    [
+        ("--host", "a.example,DNS:evil.example"),
+        ("--host", "a.example\nbasicConstraints=CA:TRUE"),
+        ("--host", ""),
+        ("--host", "a b"),
+        ("--host", "https://a.example"),
+        ("--host", "a.example:1"),
+        ("--host", "*.example"),
+        ("--production-host", "a.example\n[keystore]"),
+        ("--production-host", "https://a.example/"),
+        ("--production-host", "a.example:0"),
+        ("--sandbox-host", "user@a.example"),
+        ("--sandbox-host", "a.example:65536"),
+        ("--module", "/lib/x.so\ntoken=y"),
+        ("--module", "libsofthsm2.so"),
+        ("--days", "0"),
+    ],
+)
 def test_lab_takes_no_value_that_would_be_more_than_itself(tmp_path, option, value):
     result = must(run("lab", tmp_path / "lab", option, value), USAGE)
     assert option.encode() in result.stderr
@@ -99,11 +129,9 @@ def test_lab_takes_no_folder_whose_name_would_break_its_files(tmp_path):
 def test_lab_takes_every_form_of_an_address_and_a_long_name(tmp_path):
     name = ".".join(["a" * 60, "b" * 60, "example"])
     must(run("lab", tmp_path / "lab", "--host", name, "192.0.2.1", "2001:db8::1"))
-    hosts = certificate(tmp_path / "lab" / "server.pem").extensions.get_extension_for_class(
-        x509.SubjectAlternativeName).value
+    hosts = certificate(tmp_path / "lab" / "server.pem").extensions.get_extension_for_class(x509.SubjectAlternativeName).value
     assert hosts.get_values_for_type(x509.DNSName) == [name]
-    assert [str(ip) for ip in hosts.get_values_for_type(x509.IPAddress)] == ["192.0.2.1",
-                                                                             "2001:db8::1"]
+    assert [str(ip) for ip in hosts.get_values_for_type(x509.IPAddress)] == ["192.0.2.1", "2001:db8::1"]
 
 
 def test_lab_leaves_another_lab_alone_unless_forced(lab):
@@ -134,9 +162,22 @@ def test_token_takes_its_pins_from_files_or_standard_input(lab, tmp_path):
         # The officer's PIN is the one that was given: no other one sets the user's PIN anew.
         for pin, works in (("officer-4712", False), ("officer-4711", True)):
             done = subprocess.run(
-                ["pkcs11-tool", "--module", settings(lab)["module"], "--token-label", label, "--init-pin",
-                 "--so-pin", pin, "--pin", "123456"], capture_output=True, check=False,
-                env={**os.environ, "SOFTHSM2_CONF": f"{lab}/softhsm2.conf"})
+                [
+                    "pkcs11-tool",
+                    "--module",
+                    settings(lab)["module"],
+                    "--token-label",
+                    label,
+                    "--init-pin",
+                    "--so-pin",
+                    pin,
+                    "--pin",
+                    "123456",
+                ],
+                capture_output=True,
+                check=False,
+                env={**os.environ, "SOFTHSM2_CONF": f"{lab}/softhsm2.conf"},
+            )
             assert (done.returncode == 0) is works, done.stderr
 
 
@@ -146,8 +187,10 @@ def test_token_leaves_a_token_of_this_label_alone(lab, tmp_path):
     must(run("request", "--existing", folder=lab))
 
 
-@pytest.mark.parametrize("text, mode, complaint", [
-    ("officer-4711", 0o644, b"chmod 600"), ("\n", 0o600, b"is empty"), ("x" * 300, 0o600, b"larger than")])
+@pytest.mark.parametrize(
+    "text, mode, complaint",
+    [("officer-4711", 0o644, b"chmod 600"), ("\n", 0o600, b"is empty"), ("x" * 300, 0o600, b"larger than")],
+)
 def test_token_uses_no_pin_file_that_is_of_no_use(lab, tmp_path, text, mode, complaint):
     change_setting(lab, "token", "another")
     result = must(run("token", "--so-pin", secret(tmp_path / "so-pin", text, mode), folder=lab), FAILED)
@@ -247,8 +290,7 @@ def test_a_file_beside_the_one_that_is_written_is_left_alone(lab, tmp_path):
 
 def test_nothing_is_left_of_a_file_that_does_not_fit(lab, tmp_path):
     (tmp_path / "csr").write_text("mine")
-    result = must(run("request", "--existing", "--out", tmp_path / "csr", "--force", folder=lab,
-                      file_size=100), FAILED)
+    result = must(run("request", "--existing", "--out", tmp_path / "csr", "--force", folder=lab, file_size=100), FAILED)
     assert b"csr cannot be written: File too large" in result.stderr
     assert (tmp_path / "csr").read_text() == "mine"
     assert sorted(path.name for path in tmp_path.iterdir()) == ["csr", "lab"]
@@ -258,15 +300,17 @@ def test_install_ends_with_the_restart_that_is_needed(lab, tmp_path):
     result = must(run("install", lab / "bgclient.crt", "--to", tmp_path / "put", folder=lab))
     assert result.stderr.decode().splitlines() == [
         f"Installed {tmp_path / 'put'}.",
-        "Restart needed: a service that runs has read the one before (systemctl restart billing-service)."]
+        "Restart needed: a service that runs has read the one before (systemctl restart billing-service).",
+    ]
 
 
 def test_install_warns_of_a_certificate_that_ends_soon(tmp_path):
     folder = tmp_path / "soon"
     must(run("lab", folder, "--days", "20"))
     result = must(run("install", folder / "bgclient.crt", "--to", tmp_path / "put", folder=folder))
-    assert re.search(rb"^Warning: the certificate ends in (19|20) days, by the clock of this machine.$",
-                     result.stderr, re.MULTILINE)
+    assert re.search(
+        rb"^Warning: the certificate ends in (19|20) days, by the clock of this machine.$", result.stderr, re.MULTILINE
+    )
 
 
 def test_install_refuses_a_certificate_of_another_key(lab, tmp_path):
@@ -277,7 +321,8 @@ def test_install_refuses_a_certificate_of_another_key(lab, tmp_path):
 def test_install_says_that_the_folder_is_missing_and_what_to_do(lab, tmp_path):
     result = must(run("install", lab / "bgclient.crt", "--to", tmp_path / "none" / "crt", folder=lab), FAILED)
     assert result.stderr.decode().endswith(
-        f"{tmp_path}/none/crt cannot be made: No such file or directory; make its folder first\n")
+        f"{tmp_path}/none/crt cannot be made: No such file or directory; make its folder first\n"
+    )
 
 
 def test_install_leaves_a_certificate_alone_unless_forced(lab, tmp_path):
@@ -352,8 +397,7 @@ def test_seal_makes_the_devices_secret_once(lab, key, tmp_path):
     (tmp_path / "crt").write_bytes(self_signed(key))
     (lab / "seal.key").unlink()
     for name in ("one", "two"):
-        must(run("seal", "--certificate", tmp_path / "crt", "--out", tmp_path / name, folder=lab,
-                 stdin=pem_of(key)))
+        must(run("seal", "--certificate", tmp_path / "crt", "--out", tmp_path / name, folder=lab, stdin=pem_of(key)))
         secret = (lab / "seal.key").read_bytes()
         assert len(secret) == 32
         assert stat.S_IMODE(os.stat(lab / "seal.key").st_mode) == 0o600
@@ -379,8 +423,7 @@ def make_sealed(lab, key, tmp_path):
     """A lab whose token has no key of the number, and sealed key material for one."""
     (tmp_path / "crt").write_bytes(self_signed(key))
     change_setting(lab, "key_id", f"9\nkey_material={tmp_path}/material")
-    must(run("seal", "--certificate", tmp_path / "crt", "--out", tmp_path / "material", folder=lab,
-             stdin=pem_of(key)))
+    must(run("seal", "--certificate", tmp_path / "crt", "--out", tmp_path / "material", folder=lab, stdin=pem_of(key)))
     return lab
 
 
@@ -413,8 +456,7 @@ def test_import_removes_nothing_when_the_key_is_not_in_the_token(sealed, tmp_pat
 
 
 def test_wrong_usage_has_an_exit_code_of_its_own(tmp_path):
-    for arguments in ([], ["nonsense"], ["lab"], ["lab", tmp_path / "x", "--days", "0"], ["seal"],
-                      ["request", "--name", ""]):
+    for arguments in ([], ["nonsense"], ["lab"], ["lab", tmp_path / "x", "--days", "0"], ["seal"], ["request", "--name", ""]):
         must(run(*arguments), USAGE)
     assert not (tmp_path / "x").exists()
 
@@ -430,10 +472,10 @@ def test_help_tells_units_and_exit_codes():
 def completions(*words):
     """What bash offers for the last of these words."""
     file = pathlib.Path(__file__).resolve().parents[2] / "data/completions/billing-provision"
-    script = (f'. {file}; COMP_WORDS=("$@"); COMP_CWORD=$(($# - 1)); _billing_provision; '
-              'printf "%s\\n" "${COMPREPLY[@]}"')
-    done = subprocess.run(["bash", "-c", script, "bash", "billing-provision", *words], capture_output=True, text=True,
-                          check=True)
+    script = f'. {file}; COMP_WORDS=("$@"); COMP_CWORD=$(($# - 1)); _billing_provision; ' 'printf "%s\\n" "${COMPREPLY[@]}"'
+    done = subprocess.run(
+        ["bash", "-c", script, "bash", "billing-provision", *words], capture_output=True, text=True, check=True
+    )
     return set(done.stdout.split())
 
 
@@ -452,5 +494,6 @@ def test_completion_offers_the_commands():
 @pytest.mark.parametrize("typed, said", [("instal", ', did you mean "install"'), ("buy", "")])
 def test_a_command_that_there_is_none_of_is_named(typed, said):
     result = must(run(typed), USAGE)
-    assert result.stderr.decode() == (f'billing-provision: there is no command "{typed}"{said}; see '
-                                      "billing-provision --help\n")
+    assert result.stderr.decode() == (
+        f'billing-provision: there is no command "{typed}"{said}; see ' "billing-provision --help\n"
+    )

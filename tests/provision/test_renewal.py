@@ -12,7 +12,7 @@ from cryptography import x509
 from cryptography.hazmat.primitives import hashes, serialization
 from cryptography.x509.oid import NameOID
 
-from tool import (DONE, FAILED, MISMATCH, NO_VIEW, certificate, change_setting, must, pkcs11_tool, run, secret, view)
+from tool import DONE, FAILED, MISMATCH, NO_VIEW, certificate, change_setting, must, pkcs11_tool, run, secret, view
 
 pytestmark = pytest.mark.skipif(
     shutil.which("softhsm2-util") is None, reason="softhsm2 is not installed (apt install softhsm2)"
@@ -27,7 +27,10 @@ def test_pin_changes_the_token_and_the_file(lab, tmp_path):
     before = (lab / "pin").read_bytes()
     os.chown(lab / "pin", 12345 if os.geteuid() == 0 else -1, -1)
     owner = os.stat(lab / "pin").st_uid
-    for fresh, arguments, stdin in (("new-pin-1", secret(tmp_path / "new", "new-pin-1\n"), b""), ("new-pin-2", "-", b"new-pin-2")):
+    for fresh, arguments, stdin in (
+        ("new-pin-1", secret(tmp_path / "new", "new-pin-1\n"), b""),
+        ("new-pin-2", "-", b"new-pin-2"),
+    ):
         result = must(run("pin", arguments, folder=lab, stdin=stdin))
         assert fresh.encode() not in result.stdout + result.stderr
         assert (lab / "pin").read_text() == fresh + "\n"
@@ -91,8 +94,9 @@ def test_status_tells_a_certificate_that_has_expired(lab):
     signer = serialization.load_pem_private_key((lab / "ca.key").read_bytes(), None)
     now = datetime.datetime.utcnow()
     own = certificate(lab / "bgclient.crt")
-    old = x509.CertificateBuilder(authority.subject, own.subject, own.public_key(), 7, now - datetime.timedelta(9),
-                                  now - datetime.timedelta(2)).sign(signer, hashes.SHA256())
+    old = x509.CertificateBuilder(
+        authority.subject, own.subject, own.public_key(), 7, now - datetime.timedelta(9), now - datetime.timedelta(2)
+    ).sign(signer, hashes.SHA256())
     (lab / "certificate" / "bgclient.crt").write_bytes(old.public_bytes(serialization.Encoding.PEM))
     found, said = status(lab, FAILED)
     assert found["validity"] == ["has expired, by the clock of this machine"] and "match" in found
@@ -104,8 +108,11 @@ def test_each_key_asks_for_a_name_of_its_own(lab):
     change_setting(lab, "key_id", "45")
     other = must(run("request", folder=lab)).stdout
     assert names[0] == names[1] != name_in(other)
-    info = x509.load_pem_x509_csr(other).public_key().public_bytes(
-        serialization.Encoding.DER, serialization.PublicFormat.SubjectPublicKeyInfo)
+    info = (
+        x509.load_pem_x509_csr(other)
+        .public_key()
+        .public_bytes(serialization.Encoding.DER, serialization.PublicFormat.SubjectPublicKeyInfo)
+    )
     assert name_in(other) == "billing device " + hashlib.sha256(info).hexdigest()[:16]
 
 
@@ -117,8 +124,11 @@ def test_a_renewal_asks_for_the_name_of_the_installed_certificate(lab):
     result = must(run("request", "--existing", folder=lab, prefix=seen))
     assert name_in(result.stdout) == "Billing lab device" and b'the name "Billing lab device"' in result.stderr
     # One that is of no use keeps nobody from asking for another.
-    for instead in (lambda file: file.write_text("no certificate"), pathlib.Path.unlink,
-                    lambda file: file.symlink_to("nowhere")):
+    for instead in (
+        lambda file: file.write_text("no certificate"),
+        pathlib.Path.unlink,
+        lambda file: file.symlink_to("nowhere"),
+    ):
         instead(lab / "certificate" / "bgclient.crt")
         result = must(run("request", "--existing", folder=lab, prefix=seen))
         assert name_in(result.stdout).startswith("billing device ")

@@ -21,22 +21,28 @@ DONE, FAILED, USAGE, EXISTS, MISMATCH = range(5)
 NO_VIEW = view.why_no_view()
 
 
-def run(*arguments, folder=None, stdin=b"", umask=0, stdout=subprocess.PIPE, file_size=None, prefix=(),
-        **variables):
+def run(*arguments, folder=None, stdin=b"", umask=0, stdout=subprocess.PIPE, file_size=None, prefix=(), **variables):
     def limits():
         os.umask(umask)
         if file_size is not None:
             signal.signal(signal.SIGXFSZ, signal.SIG_IGN)
             resource.setrlimit(resource.RLIMIT_FSIZE, (file_size, file_size))
 
-    environment = {key: value for key, value in os.environ.items()
-                   if key not in ("PLEVO_DEVICE_CONF", "SOFTHSM2_CONF")}
+    environment = {key: value for key, value in os.environ.items() if key not in ("PLEVO_DEVICE_CONF", "SOFTHSM2_CONF")}
     if folder is not None:
         environment["PLEVO_DEVICE_CONF"] = f"{folder}/device.conf"
         environment["SOFTHSM2_CONF"] = f"{folder}/softhsm2.conf"
     environment.update(variables)
-    return subprocess.run([*prefix, TOOL, *map(str, arguments)], input=stdin, env=environment, timeout=60,
-                          stdout=stdout, stderr=subprocess.PIPE, preexec_fn=limits, check=False)
+    return subprocess.run(
+        [*prefix, TOOL, *map(str, arguments)],
+        input=stdin,
+        env=environment,
+        timeout=60,
+        stdout=stdout,
+        stderr=subprocess.PIPE,
+        preexec_fn=limits,
+        check=False,
+    )
 
 
 def must(result, code=DONE):
@@ -55,14 +61,12 @@ def settings(folder):
 
 def change_setting(folder, key, value):
     text = (folder / "device.conf").read_text()
-    lines = [f"{key}={value}" if line.startswith(key + "=") else line
-             for line in text.splitlines()]
+    lines = [f"{key}={value}" if line.startswith(key + "=") else line for line in text.splitlines()]
     (folder / "device.conf").write_text("\n".join(lines) + "\n")
 
 
 def pem_of(key, encryption=serialization.NoEncryption()):
-    return key.private_bytes(serialization.Encoding.PEM, serialization.PrivateFormat.PKCS8,
-                             encryption)
+    return key.private_bytes(serialization.Encoding.PEM, serialization.PrivateFormat.PKCS8, encryption)
 
 
 def secret(path, text, mode=0o600):
@@ -74,18 +78,39 @@ def secret(path, text, mode=0o600):
 
 def pkcs11_tool(lab, *arguments):
     return subprocess.run(
-        ["pkcs11-tool", "--module", settings(lab)["module"], "--token-label", "billing-lab", "--login", "--pin",
-         (lab / "pin").read_text().strip(), *arguments], capture_output=True, text=True, check=True,
-        env={**os.environ, "SOFTHSM2_CONF": f"{lab}/softhsm2.conf"}).stdout
+        [
+            "pkcs11-tool",
+            "--module",
+            settings(lab)["module"],
+            "--token-label",
+            "billing-lab",
+            "--login",
+            "--pin",
+            (lab / "pin").read_text().strip(),
+            *arguments,
+        ],
+        capture_output=True,
+        text=True,
+        check=True,
+        env={**os.environ, "SOFTHSM2_CONF": f"{lab}/softhsm2.conf"},
+    ).stdout
 
 
 def self_signed(key):
     now = certificate_dates()
     name = x509.Name([x509.NameAttribute(NameOID.COMMON_NAME, "device")])
-    return x509.CertificateBuilder(
-        issuer_name=name, subject_name=name, public_key=key.public_key(), serial_number=1,
-        not_valid_before=now[0], not_valid_after=now[1],
-    ).sign(key, hashes.SHA256()).public_bytes(serialization.Encoding.PEM)
+    return (
+        x509.CertificateBuilder(
+            issuer_name=name,
+            subject_name=name,
+            public_key=key.public_key(),
+            serial_number=1,
+            not_valid_before=now[0],
+            not_valid_after=now[1],
+        )
+        .sign(key, hashes.SHA256())
+        .public_bytes(serialization.Encoding.PEM)
+    )
 
 
 def certificate_dates():

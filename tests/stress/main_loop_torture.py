@@ -22,8 +22,12 @@ END = re.compile(r"handled (\d+) dispatched \d+ \+ \d+ late (\d+)\n")
 
 def start(target, mode):
     return subprocess.Popen(
-        [target, mode], stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, text=True,
-        preexec_fn=lambda: signal.pthread_sigmask(signal.SIG_BLOCK, {signal.SIGTERM}))
+        [target, mode],
+        stdout=subprocess.PIPE,
+        stderr=subprocess.DEVNULL,
+        text=True,
+        preexec_fn=lambda: signal.pthread_sigmask(signal.SIG_BLOCK, {signal.SIGTERM}),
+    )
 
 
 def pause(seconds):

@@ -31,9 +31,15 @@ class Book:
         now = datetime.datetime.now(datetime.timezone.utc)
         names = list(METHODS.get(member, {}))
         known = len(names) == len(values)
-        call = {"number": self._number, "time": _text_of(now), "sender": sender, "method": member,
-                "arguments": dict(zip(names, values)) if known else list(map(str, values)), "began": time.monotonic(),
-                "rivals": False}
+        call = {
+            "number": self._number,
+            "time": _text_of(now),
+            "sender": sender,
+            "method": member,
+            "arguments": dict(zip(names, values)) if known else list(map(str, values)),
+            "began": time.monotonic(),
+            "rivals": False,
+        }
         call["after"] = self._last_before(call, _text_of(now - LATE))
         for other in self._open.values():
             if _said(other) == _said(call):
@@ -46,7 +52,12 @@ class Book:
 
     def _last_before(self, call: dict, moment: str) -> int:
         """The number of the last entry that is from before the moment, or of an earlier call with the same words."""
-        return max([journal.last_before(self._db, moment), *(other["until"] for other in self._calls if "until" in other and _said(other) == _said(call))])
+        return max(
+            [
+                journal.last_before(self._db, moment),
+                *(other["until"] for other in self._calls if "until" in other and _said(other) == _said(call)),
+            ]
+        )
 
     def answered(self, destination: str, serial: int, values: tuple | None, error: str | None) -> None:
         call = self._open.pop((destination, serial), None)
@@ -68,13 +79,19 @@ class Book:
         the same words at the same time make it impossible to tell; `fault` is the first fault that struck one."""
         entries = {entry["seq"]: entry for entry in journal.entries(self._db)}
         calls = list(self._calls)
-        return [self._told(call, entries) for call in (calls if last is None else calls[max(0, len(calls) - last):])]
+        return [self._told(call, entries) for call in (calls if last is None else calls[max(0, len(calls) - last) :])]
 
     def _told(self, call: dict, entries: dict[int, dict]) -> dict:
         endpoint = ENDPOINT_OF.get(call["method"])
         last = call.get("until", max(entries, default=0))
-        found = [seq for seq, entry in entries.items() if call["after"] < seq <= last and entry["kind"] == "request"
-                 and entry["endpoint"] == endpoint and _fits(call, entry)]
+        found = [
+            seq
+            for seq, entry in entries.items()
+            if call["after"] < seq <= last
+            and entry["kind"] == "request"
+            and entry["endpoint"] == endpoint
+            and _fits(call, entry)
+        ]
         faults = [entries[seq]["fault"] for seq in found if entries[seq]["fault"]]
         told = {key: value for key, value in call.items() if key not in ("began", "after", "until", "rivals")}
         unsure = call["rivals"] and bool(found)
@@ -110,6 +127,16 @@ def line_of(told: dict) -> str:
         end = f"resp_result {told.get('resp_result')}, {told.get('bytes', 0)} bytes"
     requests = "cannot tell" if told["requests"] is None else ", ".join(map(str, told["requests"])) or "nothing sent"
     took = f"{told['milliseconds']:.0f} ms" if "milliseconds" in told else ""
-    return "  ".join(filter(None, [f"{told['number']:>5}  {told['time']}", f"{told['method']} {words}".rstrip(), end, took,
-                                   f"journal {requests}" if requests != "nothing sent" else requests,
-                                   f"fault {told['fault']}" if told["fault"] else ""]))
+    return "  ".join(
+        filter(
+            None,
+            [
+                f"{told['number']:>5}  {told['time']}",
+                f"{told['method']} {words}".rstrip(),
+                end,
+                took,
+                f"journal {requests}" if requests != "nothing sent" else requests,
+                f"fault {told['fault']}" if told["fault"] else "",
+            ],
+        )
+    )

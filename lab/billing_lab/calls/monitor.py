@@ -19,13 +19,21 @@ class Monitor:
     def __init__(self, address: str, called: Callable, answered: Callable):
         self._called, self._answered = called, answered
         self._connection = Gio.DBusConnection.new_for_address_sync(
-            address, Gio.DBusConnectionFlags.AUTHENTICATION_CLIENT | Gio.DBusConnectionFlags.MESSAGE_BUS_CONNECTION,
-            None, None)
+            address, Gio.DBusConnectionFlags.AUTHENTICATION_CLIENT | Gio.DBusConnectionFlags.MESSAGE_BUS_CONNECTION, None, None
+        )
         self._own = self._connection.get_unique_name()
         self._connection.add_filter(self._seen)
         self._connection.call_sync(
-            "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus.Monitoring", "BecomeMonitor",
-            GLib.Variant("(asu)", (_RULES, 0)), None, Gio.DBusCallFlags.NONE, 10_000, None)
+            "org.freedesktop.DBus",
+            "/org/freedesktop/DBus",
+            "org.freedesktop.DBus.Monitoring",
+            "BecomeMonitor",
+            GLib.Variant("(asu)", (_RULES, 0)),
+            None,
+            Gio.DBusCallFlags.NONE,
+            10_000,
+            None,
+        )
 
     def _seen(self, _connection, message: Gio.DBusMessage, incoming: bool):
         kind = message.get_message_type()

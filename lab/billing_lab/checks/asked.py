@@ -19,8 +19,13 @@ class Expectation:
     name: str = ""
 
     def describe(self) -> dict:
-        told = {**self.match.describe(), "at_least": self.least, "at_most": self.most, "after": self.after or None,
-                "name": self.name or None}
+        told = {
+            **self.match.describe(),
+            "at_least": self.least,
+            "at_most": self.most,
+            "after": self.after or None,
+            "name": self.name or None,
+        }
         return {key: value for key, value in told.items() if value is not None}
 
 
@@ -64,8 +69,11 @@ def judge(entries: list[dict], expectation: Expectation) -> dict:
     later = [entry for entry in entries if entry["kind"] == "request" and entry["seq"] > expectation.after]
     misses = {entry["seq"]: expectation.match.misses(asked_of(entry)) for entry in later}
     found = [seq for seq, words in misses.items() if not words]
-    near = [_near(entry, misses[entry["seq"]][0], expectation.match) for entry in later
-            if len(misses[entry["seq"]]) == 1 and len(expectation.match.describe()) > 1]
+    near = [
+        _near(entry, misses[entry["seq"]][0], expectation.match)
+        for entry in later
+        if len(misses[entry["seq"]]) == 1 and len(expectation.match.describe()) > 1
+    ]
     good = expectation.least <= len(found) and (expectation.most is None or len(found) <= expectation.most)
     told = {"ok": good, "found": found, "near": near[-TOLD_NEAR:]}
     return {**told, "message": _message(expectation, told)}
@@ -81,11 +89,15 @@ def _message(expectation: Expectation, told: dict) -> str:
     words = expectation.match.describe()
     what = words.pop("endpoint", "anything") + "".join(f", {word} {value}" for word, value in words.items())
     count = len(told["found"])
-    lines = [f"{what}: asked {_times(count)}, wanted {_wanted(expectation)}"
-             + (f" (journal {', '.join(map(str, told['found']))})" if count else "")]
+    lines = [
+        f"{what}: asked {_times(count)}, wanted {_wanted(expectation)}"
+        + (f" (journal {', '.join(map(str, told['found']))})" if count else "")
+    ]
     if not told["ok"]:
-        lines += [f"  near: journal {near['seq']}, {near['endpoint']}, but {near['differs']} was {_was(near)}"
-                  for near in told["near"]]
+        lines += [
+            f"  near: journal {near['seq']}, {near['endpoint']}, but {near['differs']} was {_was(near)}"
+            for near in told["near"]
+        ]
     return "\n".join(lines)
 
 

@@ -29,13 +29,26 @@ def make(entries: list[dict], invoices: list[dict], expectations: list[Expectati
     checks = []
     for expectation in expectations:
         told = judge(entries, expectation)
-        checks.append({"kind": "expectation", "name": expectation.name or told["message"].split(":")[0],
-                       "ok": told["ok"], "message": told["message"], "entries": told["found"]})
+        checks.append(
+            {
+                "kind": "expectation",
+                "name": expectation.name or told["message"].split(":")[0],
+                "ok": told["ok"],
+                "message": told["message"],
+                "entries": told["found"],
+            }
+        )
     for name in dict.fromkeys(names):
         found = RULES[name](entries, invoices, polls)
-        checks.append({"kind": "rule", "name": name, "ok": not found,
-                       "message": "\n".join(f"{text}{_where(where)}" for text, where in found) or what(name),
-                       "entries": [seq for _, where in found for seq in where]})
+        checks.append(
+            {
+                "kind": "rule",
+                "name": name,
+                "ok": not found,
+                "message": "\n".join(f"{text}{_where(where)}" for text, where in found) or what(name),
+                "entries": [seq for _, where in found for seq in where],
+            }
+        )
     requests = sum(entry["kind"] == "request" for entry in entries)
     return {"ok": all(check["ok"] for check in checks), "requests": requests, "checks": checks}
 
@@ -63,11 +76,11 @@ def text(report: dict) -> str:
 def junit(report: dict) -> str:
     """The form that forges read."""
     bad = sum(not check["ok"] for check in report["checks"])
-    suite = ElementTree.Element("testsuite", name="billing-lab", tests=str(len(report["checks"])),
-                                failures=str(bad), errors="0", skipped="0")
+    suite = ElementTree.Element(
+        "testsuite", name="billing-lab", tests=str(len(report["checks"])), failures=str(bad), errors="0", skipped="0"
+    )
     for check in report["checks"]:
-        case = ElementTree.SubElement(suite, "testcase", classname=f"billing-lab.{check['kind']}",
-                                      name=_xml(check["name"]))
+        case = ElementTree.SubElement(suite, "testcase", classname=f"billing-lab.{check['kind']}", name=_xml(check["name"]))
         if not check["ok"]:
             message = _xml(check["message"])
             ElementTree.SubElement(case, "failure", message=message.split("\n")[0]).text = message
@@ -78,18 +91,23 @@ def junit(report: dict) -> str:
 
 def _xml(text: str) -> str:
     """Without the characters that XML cannot have."""
-    return "".join(c if c in "\t\n" or " " <= c <= "\ud7ff" or "\ue000" <= c <= "\ufffd" or c > "\uffff" else "\ufffd"
-                   for c in text)
+    return "".join(
+        c if c in "\t\n" or " " <= c <= "\ud7ff" or "\ue000" <= c <= "\ufffd" or c > "\uffff" else "\ufffd" for c in text
+    )
 
 
 def page(report: dict, entries: list[dict]) -> str:
     """One file of HTML: the checks, and the journal in lines."""
     checks = "".join(
         f'<h2 class="{"good" if check["ok"] else "bad"}">{"good" if check["ok"] else "bad"}: '
-        f'{html.escape(check["name"])}</h2><pre>{html.escape(check["message"])}</pre>' for check in report["checks"])
+        f'{html.escape(check["name"])}</h2><pre>{html.escape(check["message"])}</pre>'
+        for check in report["checks"]
+    )
     lines = "\n".join(journal.line_of(entry) for entry in entries)
     state = "good" if report["ok"] else "bad"
-    return (f'<!doctype html><html lang="en"><meta charset="utf-8"><meta name="viewport" content="width=device-width, '
-            f'initial-scale=1"><title>billing lab: {state}</title><style>{_STYLE}</style><h1 class="{state}">'
-            f'The run was {state}</h1><p>{report["requests"]} requests.</p>{checks}<h2>Journal</h2>'
-            f"<pre>{html.escape(lines)}</pre></html>\n")
+    return (
+        f'<!doctype html><html lang="en"><meta charset="utf-8"><meta name="viewport" content="width=device-width, '
+        f'initial-scale=1"><title>billing lab: {state}</title><style>{_STYLE}</style><h1 class="{state}">'
+        f'The run was {state}</h1><p>{report["requests"]} requests.</p>{checks}<h2>Journal</h2>'
+        f"<pre>{html.escape(lines)}</pre></html>\n"
+    )

@@ -35,8 +35,9 @@ def confirmed_once(entries: list[dict], _invoices: list[dict], _polls: int) -> l
     for entry in _requests(entries, "confirm"):
         name = _invoice(entry)
         if name in done:
-            found.append((f"{name} was confirmed again, though the store had said that it is confirmed",
-                          [done[name], entry["seq"]]))
+            found.append(
+                (f"{name} was confirmed again, though the store had said that it is confirmed", [done[name], entry["seq"]])
+            )
         elif _went_well(entry):
             done[name] = entry["seq"]
     return found
@@ -83,13 +84,20 @@ def exact(entries: list[dict], _invoices: list[dict], _polls: int) -> list[Findi
 
 def all_confirmed(_entries: list[dict], invoices: list[dict], _polls: int) -> list[Finding]:
     """At the end no purchase is left that is paid and not confirmed."""
-    return [(f"{invoice['id']} ({invoice['product']}) is {invoice['status']} at the end, not confirmed", [])
-            for invoice in invoices if invoice["status"] in ("bought", "applied")]
+    return [
+        (f"{invoice['id']} ({invoice['product']}) is {invoice['status']} at the end, not confirmed", [])
+        for invoice in invoices
+        if invoice["status"] in ("bought", "applied")
+    ]
 
 
 RULES: dict[str, Callable[[list[dict], list[dict], int], list[Finding]]] = {
-    "confirmed-once": confirmed_once, "applied-first": applied_first, "polled": polled, "exact": exact,
-    "all-confirmed": all_confirmed}
+    "confirmed-once": confirmed_once,
+    "applied-first": applied_first,
+    "polled": polled,
+    "exact": exact,
+    "all-confirmed": all_confirmed,
+}
 # What holds for every app in every test.
 USUAL = ("confirmed-once", "applied-first", "polled", "exact")
 

@@ -16,8 +16,9 @@ TOO_LONG = 124
 _END_SECONDS = 5
 
 
-def run(command: list[str], folder: str | None, seconds: int | None, begin: Callable[[Lab], None],
-        judge: Callable[[Lab], dict]) -> int:
+def run(
+    command: list[str], folder: str | None, seconds: int | None, begin: Callable[[Lab], None], judge: Callable[[Lab], dict]
+) -> int:
     """@param folder where the lab lives; None for one that goes with it
     @param begin sets the lab before the command starts
     @param judge makes the report when the command has ended

@@ -9,8 +9,16 @@ from .asked import read_expectation
 
 # In the order in which they are done; then the expectations.
 _PARTS = ("device", "buy", "steps", "advance", "answers", "faults", "connection", "expect")
-_FORM = {"device": dict, "buy": list, "steps": list, "advance": (str, int), "answers": list, "faults": list,
-         "connection": dict, "expect": list}
+_FORM = {
+    "device": dict,
+    "buy": list,
+    "steps": list,
+    "advance": (str, int),
+    "answers": list,
+    "faults": list,
+    "connection": dict,
+    "expect": list,
+}
 
 
 class ScenarioError(ValueError):
@@ -56,7 +64,7 @@ async def begin(core, wanted: dict) -> dict:
 
 def _check(wanted: dict) -> None:
     if not isinstance(wanted, dict) or wanted.get("scenario") != 1:
-        raise ScenarioError("a scenario begins with \"scenario\": 1, the version of this form")
+        raise ScenarioError('a scenario begins with "scenario": 1, the version of this form')
     for name, part in wanted.items():
         if name in ("scenario", "about"):
             continue
@@ -106,10 +114,12 @@ def _where(part: str, place: int | str) -> str:
 
 def _named(wanted: dict, names: dict[str, str]) -> dict:
     """With "$name" replaced by the invoice of the purchase of that name."""
+
     def one(word: str, value: object) -> object:
         if word not in (*WORDS, "invoice") or not isinstance(value, str) or not value.startswith("$"):
             return value
         if value[1:] not in names:
             raise ScenarioError(f"no purchase of it is called {value[1:]!r}; known are {', '.join(names) or 'none'}")
         return names[value[1:]]
+
     return {word: one(word, value) for word, value in wanted.items()}

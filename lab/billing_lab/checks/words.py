@@ -10,61 +10,110 @@ from ..words import add, match_options, number
 from . import report, run
 from .rules import POLLS, RULES, USUAL, what
 
-_RULES = "Rules:\n" + "\n".join(f"  {name:<15} {what(name)}" + ("" if name in USUAL else " Not one of the usual rules.")
-                                for name in RULES)
+_RULES = "Rules:\n" + "\n".join(
+    f"  {name:<15} {what(name)}" + ("" if name in USUAL else " Not one of the usual rules.") for name in RULES
+)
 _COUNTS = ("times", "at_least", "at_most", "after")
 
 
 def add_all(words) -> None:
     for name, command, help_text, how in (
-            ("asked", _asked, "say whether something was asked, as often as wanted",
-             "Exit status 1 when it was not; requests that differ in one word are named then."),
-            ("expect", _expect, "demand that something is asked; `verify` and the end of a `run` judge it", None)):
+        (
+            "asked",
+            _asked,
+            "say whether something was asked, as often as wanted",
+            "Exit status 1 when it was not; requests that differ in one word are named then.",
+        ),
+        ("expect", _expect, "demand that something is asked; `verify` and the end of a `run` judge it", None),
+    ):
         made = add(words, name, command, help_text, epilog=how)
-        made.add_argument("endpoint", nargs="?", choices=(*ENDPOINTS, *ENDPOINT_OF), metavar="ENDPOINT",
-                          help=f"{', '.join(ENDPOINTS)}, or the method's name (default: every one)")
+        made.add_argument(
+            "endpoint",
+            nargs="?",
+            choices=(*ENDPOINTS, *ENDPOINT_OF),
+            metavar="ENDPOINT",
+            help=f"{', '.join(ENDPOINTS)}, or the method's name (default: every one)",
+        )
         match_options(made, endpoint=False)
         made.add_argument("--times", type=number(0), metavar="N", help="exactly so often, 0 or more")
-        made.add_argument("--at-least", type=number(0), metavar="N",
-                          help="so often or more, 0 or more (default: 1 without --times and --at-most)")
+        made.add_argument(
+            "--at-least",
+            type=number(0),
+            metavar="N",
+            help="so often or more, 0 or more (default: 1 without --times and --at-most)",
+        )
         made.add_argument("--at-most", type=number(0), metavar="N", help="so often or less, 0 or more")
-        made.add_argument("--after", type=number(0), metavar="N",
-                          help="only behind this number of the journal, 0 or more (default: 0)")
+        made.add_argument(
+            "--after", type=number(0), metavar="N", help="only behind this number of the journal, 0 or more (default: 0)"
+        )
         made.add_argument("--name", help="what a report calls it (default: the condition)")
-    made = add(words, "scenario", _scenario, "reset the lab and begin a scenario: device, purchases, faults, answers, and "
-               "what is expected", epilog="A scenario is a JSON file beside a test; docs/LAB.md shows one.")
+    made = add(
+        words,
+        "scenario",
+        _scenario,
+        "reset the lab and begin a scenario: device, purchases, faults, answers, and what is expected",
+        epilog="A scenario is a JSON file beside a test; docs/LAB.md shows one.",
+    )
     made.add_argument("file", metavar="FILE", help="the scenario")
-    made = add(words, "record", _record, "make a scenario of a HAR file that a real store was recorded in; tokens and ids of "
-               "device and user are hidden", json=False, epilog="Replay it with `scenario`, or `run --scenario`: each "
-               "endpoint gives its recorded bodies one after the other. Look at the file before you pass it on: what "
-               "no request names as a secret is not hidden.")
+    made = add(
+        words,
+        "record",
+        _record,
+        "make a scenario of a HAR file that a real store was recorded in; tokens and ids of device and user are hidden",
+        json=False,
+        epilog="Replay it with `scenario`, or `run --scenario`: each "
+        "endpoint gives its recorded bodies one after the other. Look at the file before you pass it on: what "
+        "no request names as a secret is not hidden.",
+    )
     made.add_argument("har", metavar="HAR", help="the recording")
     made.add_argument("file", metavar="FILE", help="the scenario to write")
-    made = add(words, "verify", _verify, "judge what the app asked since the last reset, by rules and expectations",
-               epilog=f"{_RULES}\n\nExit status 1 when something is bad.")
+    made = add(
+        words,
+        "verify",
+        _verify,
+        "judge what the app asked since the last reset, by rules and expectations",
+        epilog=f"{_RULES}\n\nExit status 1 when something is bad.",
+    )
     report_options(made)
-    made = add(words, "run", _run, "start a lab and a command in front of it, end both, and judge", json=False,
-               epilog=f"""\
+    made = add(
+        words,
+        "run",
+        _run,
+        "start a lab and a command in front of it, end both, and judge",
+        json=False,
+        epilog=f"""\
 The command finds the lab's bus in DBUS_SYSTEM_BUS_ADDRESS and its folder in BILLING_LAB_DIR.
 
 {_RULES}
 
 Exit status: the command's when it is not 0 (128 and the signal's number after one); 1 when a check is bad; 124 when
-the command took too long; 0 otherwise.""")
+the command took too long; 0 otherwise.""",
+    )
     made.add_argument("--seed", metavar="FILE", help="read this catalogue first, as `seed` does")
     made.add_argument("--scenario", metavar="FILE", help="begin this scenario, as `scenario` does; it expects things too")
-    made.add_argument("--timeout", type=number(1), metavar="SECONDS",
-                      help="end the command after so long, 1 or more (default: never)")
+    made.add_argument(
+        "--timeout", type=number(1), metavar="SECONDS", help="end the command after so long, 1 or more (default: never)"
+    )
     report_options(made)
     made.add_argument("app", nargs=argparse.REMAINDER, metavar="-- COMMAND", help="the command and its arguments")
 
 
 def report_options(made: argparse.ArgumentParser) -> None:
-    made.add_argument("--rule", dest="rules", action="append", choices=RULES, metavar="RULE",
-                      help=f"only this rule; may be repeated (default: {', '.join(USUAL)})")
+    made.add_argument(
+        "--rule",
+        dest="rules",
+        action="append",
+        choices=RULES,
+        metavar="RULE",
+        help=f"only this rule; may be repeated (default: {', '.join(USUAL)})",
+    )
     made.add_argument("--more", action="append", choices=RULES, metavar="RULE", help="this rule too; may be repeated")
-    made.add_argument("--polls", type=number(1), metavar="N",
-                      help=f"questions of an endpoint within a minute that are not too many (default: {POLLS})")
+    made.add_argument(
+        "--polls",
+        type=number(1),
+        metavar="N",
+        help=f"questions of an endpoint within a minute that are not too many (default: {POLLS})",
+    )
     made.add_argument("--junit", metavar="FILE", help="write the report there in JUnit's form")
     made.add_argument("--page", metavar="FILE", help="write the report there as a page, with the journal")
 
@@ -91,8 +140,7 @@ def _asked(options: argparse.Namespace) -> int:
 
 def _expect(options: argparse.Namespace) -> int:
     told = Lab(options.dir).expect(options.endpoint, **given(options, *WORDS[1:], *_COUNTS, "name"))
-    print(report.as_json(told) if options.json else
-          "expected: " + ", ".join(f"{name} {value}" for name, value in told.items()))
+    print(report.as_json(told) if options.json else "expected: " + ", ".join(f"{name} {value}" for name, value in told.items()))
     return 0
 
 
@@ -124,10 +172,12 @@ def _verify(options: argparse.Namespace) -> int:
 def _run(options: argparse.Namespace) -> int:
     def judge(lab: Lab) -> dict:
         return write_reports(lab, options)
+
     def begin(lab: Lab) -> None:
         if options.seed is not None:
             lab.seed(options.seed)
         lab.reset()
         if options.scenario is not None:
             lab.scenario(options.scenario)
+
     return run.run(options.app, options.dir, options.timeout, begin, judge)

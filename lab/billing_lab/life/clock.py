@@ -31,8 +31,7 @@ def _text(moment: datetime.datetime) -> str:
 
 
 def now(db: sqlite3.Connection) -> str:
-    return _text(datetime.datetime.now(datetime.timezone.utc)
-                 + datetime.timedelta(seconds=state.fact(db, "clock_ahead", 0)))
+    return _text(datetime.datetime.now(datetime.timezone.utc) + datetime.timedelta(seconds=state.fact(db, "clock_ahead", 0)))
 
 
 def later(moment: str, seconds: int) -> str:
@@ -47,6 +46,7 @@ def advance(db: sqlite3.Connection, seconds: int) -> None:
     """Only forward: what has happened has happened. A reset sets it right."""
     ahead = state.fact(db, "clock_ahead", 0) + seconds
     if ahead > MOST_SECONDS:
-        raise LifeError(f"the clock would be {ahead // 86_400} days ahead; 3660 are the most, `billing-lab reset` sets "
-                        "it right")
+        raise LifeError(
+            f"the clock would be {ahead // 86_400} days ahead; 3660 are the most, `billing-lab reset` sets it right"
+        )
     state.set_fact(db, "clock_ahead", ahead)

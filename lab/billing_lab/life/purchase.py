@@ -41,8 +41,7 @@ def _subscribe(db: sqlite3.Connection, name: str, wanted: dict, now: str) -> Non
     if period < _SHORTEST_PERIOD:
         raise LifeError(f"period is {wanted['period']!r}; write a day or more")
     grace = clock.seconds_of(wanted.get("grace") or GRACE, "grace")
-    state.set_life(db, name, expires=clock.later(now, period), period=period, grace=grace, renews=True, pays=True,
-                   renewed=0)
+    state.set_life(db, name, expires=clock.later(now, period), period=period, grace=grace, renews=True, pays=True, renewed=0)
     _plan(db, name, "renew", period)
 
 
@@ -104,8 +103,9 @@ def _cancel(db, found, at, by_hand=False):
     if found["status"] == "cancelled":
         return
     good = found["status"] not in ("confirmed", "refunded", "declined", "expired", "grace")
-    if _needs(found, by_hand, good, "refund it instead" if found["status"] in ("confirmed", "grace") else
-              "nothing is left to cancel"):
+    if _needs(
+        found, by_hand, good, "refund it instead" if found["status"] in ("confirmed", "grace") else "nothing is left to cancel"
+    ):
         state.mark(db, found["id"], "cancelled", at)
 
 
@@ -155,12 +155,28 @@ def _fail_payment(db, found, _at, by_hand=False):
         state.set_life(db, found["id"], pays=False)
 
 
-_STEPS = {"appear": _appear, "approve": _approve, "decline": _decline, "cancel": _cancel, "refund": _refund,
-          "renew": _renew, "expire": _expire, "unsubscribe": _unsubscribe, "resume": _resume,
-          "fail-payment": _fail_payment}
+_STEPS = {
+    "appear": _appear,
+    "approve": _approve,
+    "decline": _decline,
+    "cancel": _cancel,
+    "refund": _refund,
+    "renew": _renew,
+    "expire": _expire,
+    "unsubscribe": _unsubscribe,
+    "resume": _resume,
+    "fail-payment": _fail_payment,
+}
 # What each is, for those who choose.
-STEPS = {"appear": "a purchase that was bought to appear later is there", "approve": "a pending payment is approved",
-         "decline": "a pending payment is declined", "cancel": "a purchase that was not confirmed is called off",
-         "refund": "the money goes back", "renew": "a subscription is renewed, also one in grace",
-         "expire": "a subscription ends", "unsubscribe": "the user ends a subscription; it lasts until it expires",
-         "resume": "the user takes that back", "fail-payment": "the next renewal's payment fails: grace, then expiry"}
+STEPS = {
+    "appear": "a purchase that was bought to appear later is there",
+    "approve": "a pending payment is approved",
+    "decline": "a pending payment is declined",
+    "cancel": "a purchase that was not confirmed is called off",
+    "refund": "the money goes back",
+    "renew": "a subscription is renewed, also one in grace",
+    "expire": "a subscription ends",
+    "unsubscribe": "the user ends a subscription; it lasts until it expires",
+    "resume": "the user takes that back",
+    "fail-payment": "the next renewal's payment fails: grace, then expiry",
+}

@@ -33,8 +33,12 @@ def put(db: sqlite3.Connection, wanted: dict) -> str:
     answers.pop(name, None)
     bodies = wanted.get("bodies") or ([wanted["body"]] if wanted.get("body") is not None else [])
     if bodies:
-        answers[name] = {"match": match.describe(), "bodies": [_checked(body, wanted) for body in bodies], "given": 0,
-                         **{key: wanted[key] for key in ("status", "type", "template") if wanted.get(key) is not None}}
+        answers[name] = {
+            "match": match.describe(),
+            "bodies": [_checked(body, wanted) for body in bodies],
+            "given": 0,
+            **{key: wanted[key] for key in ("status", "type", "template") if wanted.get(key) is not None},
+        }
     state.set_fact(db, "answers", answers)
     return name
 
@@ -52,8 +56,11 @@ def _checked(body: object, wanted: dict) -> str:
 def pick(db: sqlite3.Connection, asked: Asked) -> dict | None:
     """The answer with the most conditions that fit; of several the latest. @return it with its body"""
     answers = state.fact(db, "answers", {})
-    fitting = [(len(known["match"]), place, name) for place, (name, known) in enumerate(_with_matches(answers).items())
-               if not read_match(known["match"]).misses(asked)]
+    fitting = [
+        (len(known["match"]), place, name)
+        for place, (name, known) in enumerate(_with_matches(answers).items())
+        if not read_match(known["match"]).misses(asked)
+    ]
     if not fitting:
         return None
     name = max(fitting)[2]
@@ -80,6 +87,11 @@ def describe(db: sqlite3.Connection) -> dict:
     told = {}
     for name, own in state.fact(db, "answers", {}).items():
         bodies = own.get("bodies") or [own["body"]]
-        told[name] = {"status": own.get("status", 200), "type": own.get("type", "application/json"),
-                      "bytes": sum(map(len, bodies)), "bodies": len(bodies), "template": bool(own.get("template"))}
+        told[name] = {
+            "status": own.get("status", 200),
+            "type": own.get("type", "application/json"),
+            "bytes": sum(map(len, bodies)),
+            "bodies": len(bodies),
+            "template": bool(own.get("template")),
+        }
     return told

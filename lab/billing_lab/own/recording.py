@@ -33,10 +33,14 @@ def scenario_of(file: pathlib.Path) -> dict:
     except (ValueError, KeyError, TypeError, AttributeError) as error:
         raise LabError(f"{file} is no HAR file ({error!r})") from None
     if not bodies:
-        raise LabError(f"{file} has no answer to one of the five requests; their paths are "
-                       f"{', '.join(path for _, path in PATHS)}")
-    return {"scenario": 1, "about": f"recorded: {file.name}", "answers": [
-        {"endpoint": endpoint, **_as_one(told)} for endpoint, told in bodies.items()]}
+        raise LabError(
+            f"{file} has no answer to one of the five requests; their paths are {', '.join(path for _, path in PATHS)}"
+        )
+    return {
+        "scenario": 1,
+        "about": f"recorded: {file.name}",
+        "answers": [{"endpoint": endpoint, **_as_one(told)} for endpoint, told in bodies.items()],
+    }
 
 
 def _endpoint(request: dict) -> str | None:
@@ -67,8 +71,11 @@ def _answer(response: dict, hidden: dict[str, str]) -> dict:
     for secret, shown in hidden.items():
         body = body.replace(secret.encode(), shown.encode())
     status = response.get("status", 200)
-    return {"body": body.decode("latin-1"), "status": status if 200 <= status <= 599 else 200,
-            "type": content.get("mimeType") or "application/json"}
+    return {
+        "body": body.decode("latin-1"),
+        "status": status if 200 <= status <= 599 else 200,
+        "type": content.get("mimeType") or "application/json",
+    }
 
 
 def _as_one(told: list[dict]) -> dict:

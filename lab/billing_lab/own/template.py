@@ -14,8 +14,9 @@ class TemplateError(ValueError):
 
 
 def _environment() -> jinja2.Environment:
-    made = jinja2.sandbox.ImmutableSandboxedEnvironment(undefined=jinja2.StrictUndefined, autoescape=False,
-                                                        keep_trailing_newline=True)
+    made = jinja2.sandbox.ImmutableSandboxedEnvironment(
+        undefined=jinja2.StrictUndefined, autoescape=False, keep_trailing_newline=True
+    )
     made.filters["tojson"] = lambda value: json.dumps(value, ensure_ascii=False)
     return made
 

@@ -31,6 +31,7 @@ def size():
 @pytest.fixture
 def figure(request, capsys):
     """A function that shows a figure, also when the test passes, and keeps it in $BILLING_FIGURES."""
+
     def show(text):
         line = f"{request.node.name}: {text}"
         with capsys.disabled():
@@ -38,6 +39,7 @@ def figure(request, capsys):
         if "BILLING_FIGURES" in os.environ:
             with open(os.environ["BILLING_FIGURES"], "a", encoding="utf-8") as file:
                 file.write(line + "\n")
+
     return show
 
 

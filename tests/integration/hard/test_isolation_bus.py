@@ -22,8 +22,10 @@ WINDOW = MIB
 # What a sanitizer takes.
 SLOWER = 10 if daemon.is_sanitized() else 1
 
-NO_STATS = ('<deny send_destination="org.freedesktop.DBus" send_interface="org.freedesktop.DBus.Debug.Stats"'
-            ' send_member="GetConnectionStats"/>')
+NO_STATS = (
+    '<deny send_destination="org.freedesktop.DBus" send_interface="org.freedesktop.DBus.Debug.Stats"'
+    ' send_member="GetConnectionStats"/>'
+)
 PING = '<allow send_type="method_call" send_interface="org.freedesktop.DBus.Peer" send_member="Ping"/>'
 # How the service tells that a device's policy lacks these rules.
 CALLERS_ASKED, NOBODY_ASKED = "the callers are asked", "neither the bus nor its clients tell"
@@ -83,11 +85,13 @@ def bystander(service, callers, store):
 @pytest.fixture
 def deaf(bus, request):
     """A function that makes callers that read nothing."""
+
     def make(count):
         made = [DeafCaller(bus.address) for _ in range(count)]
         for caller in made:
             request.addfinalizer(caller.close)
         return made
+
     return make
 
 
@@ -116,8 +120,7 @@ def ask(callers, times, store, step=2):
     before = len(store.requests)
     for done in range(0, times, step):
         for number, caller in enumerate(callers):
-            serials[number] += [caller.call("get_product_list", "a", "", "")
-                                for _ in range(min(step, times - done))]
+            serials[number] += [caller.call("get_product_list", "a", "", "") for _ in range(min(step, times - done))]
         store.wait_for_requests(before + sum(map(len, serials)), timeout=60)
     return serials
 
@@ -154,8 +157,10 @@ def test_three_callers_that_read_nothing(service, bystander, deaf, store, bus, s
         bystander.confirms(1, pause=0.5)
     after = resident(service.pid)
     assert daemon.is_sanitized() or after <= before + 32
-    figure(f"{3 * times} answers of 1 MiB unread: {beside}; {daemon_memory}, bus {on_the_bus:.0f} MiB; "
-           f"daemon {before:.0f} MiB before, {after:.0f} after")
+    figure(
+        f"{3 * times} answers of 1 MiB unread: {beside}; {daemon_memory}, bus {on_the_bus:.0f} MiB; "
+        f"daemon {before:.0f} MiB before, {after:.0f} after"
+    )
 
 
 def test_a_hundred_and_twenty_callers_that_read_nothing(service, bystander, deaf, store, size, figure):
@@ -202,10 +207,10 @@ def test_what_is_too_much_becomes_an_error_in_its_place(service, bystander, deaf
     refused = results.count(LIMITS_EXCEEDED)
     assert sorted(set(results), key=str) == [(0, MIB), LIMITS_EXCEEDED]
     assert 25 <= refused <= 35
-    assert all("the request was made" in message.get_body().unpack()[0]
-               for message in seen if result_of(message) == LIMITS_EXCEEDED)
-    figure(f"60 answers of 1 MiB unread: {60 - refused} arrived later, {refused} as errors; "
-           f"{memory_at_most(service, 96)}")
+    assert all(
+        "the request was made" in message.get_body().unpack()[0] for message in seen if result_of(message) == LIMITS_EXCEEDED
+    )
+    figure(f"60 answers of 1 MiB unread: {60 - refused} arrived later, {refused} as errors; {memory_at_most(service, 96)}")
 
 
 @pytest.mark.parametrize("at_once", [False, True])
@@ -220,8 +225,7 @@ def test_a_caller_that_only_blocks_gets_all_its_answers(service, bystander, bus,
     bystander.confirms(3)
     assert [caller.result(call) for call in calls] == [(0, MIB)] * len(calls)
     caller.close()
-    figure(f"30 answers of 1 MiB to a client that only blocks: {bystander.took_at_most(0.5, 1)}; "
-           f"{memory_at_most(service, 96)}")
+    figure(f"30 answers of 1 MiB to a client that only blocks: {bystander.took_at_most(0.5, 1)}; {memory_at_most(service, 96)}")
 
 
 @with_policy(NO_STATS, PING)
@@ -251,12 +255,13 @@ def test_an_answer_that_is_made_up_opens_no_window(service, bystander, deaf, sto
                 for serial in range(start, start + size(200, 5_000)):
                     caller.pretend_to_answer(owner, serial)
     bystander.confirms(3)
-    received = [sum(result_of(message) == (0, MIB) for message in caller.messages_until_silent())
-                for caller in callers]
+    received = [sum(result_of(message) == (0, MIB) for message in caller.messages_until_silent()) for caller in callers]
     # The first one has a window for itself.
     assert received == [1, 1, 1]
-    figure(f"answers of 1 MiB that came before the caller answered: {received}; {bystander.took_at_most(0.1, 1)}; "
-           f"{memory_at_most(service, 96)}")
+    figure(
+        f"answers of 1 MiB that came before the caller answered: {received}; {bystander.took_at_most(0.1, 1)}; "
+        f"{memory_at_most(service, 96)}"
+    )
 
 
 @with_policy(NO_STATS)
@@ -305,6 +310,8 @@ def test_a_thousand_calls_of_the_longest_arguments(service, bystander, callers, 
         flooding[0].finish(calls)
         assert {call.result for call in calls} == {(0, "{}")}
         took.append(bystander.took[-1])
-    figure(f"beside 1,000 calls of {method} a bystander waits {took[0]:.2f} s, {took[1]:.2f} of "
-           f"{ARGUMENT_BYTES} bytes each; {memory_at_most(service, 160)}")
+    figure(
+        f"beside 1,000 calls of {method} a bystander waits {took[0]:.2f} s, {took[1]:.2f} of "
+        f"{ARGUMENT_BYTES} bytes each; {memory_at_most(service, 160)}"
+    )
     assert took[1] < max(1 * SLOWER, 3 * took[0])

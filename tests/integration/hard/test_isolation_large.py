@@ -52,13 +52,18 @@ def run_beside_purchases(caller, calls, pause=0.1):
 @pytest.fixture
 def large_store(start_nginx, tmp_path):
     """A function that runs a server whose product lists have so many bytes."""
+
     def make(size, http2=False, length_known=True):
         # Includes are looked for in each list, so its length is not told.
         options = "" if length_known else "ssi on; ssi_types *;"
         (tmp_path / "list").write_bytes(b"x" * size)
         start_nginx(
-            listen="http2" if http2 else "", connections=512, answer='return 200 "ok";',
-            extra=f"location = {PRODUCTS} {{ alias {tmp_path}/list; {options} }}")
+            listen="http2" if http2 else "",
+            connections=512,
+            answer='return 200 "ok";',
+            extra=f"location = {PRODUCTS} {{ alias {tmp_path}/list; {options} }}",
+        )
+
     return make
 
 
@@ -78,8 +83,10 @@ def test_many_large_answers_at_once(large_store, service, callers, caller, figur
 
     whole = assert_whole_or_failed(calls, "x" * LARGE)
     most, middle = memory(service), statistics.median(took)
-    figure(f"{whole} of {AT_ONCE} whole after {time.monotonic() - began:.1f} s; a purchase took {middle:.2f} s, "
-           f"{max(took):.2f} at most; daemon at most {most:.0f} MiB, then {memory(service, 'VmRSS'):.0f}")
+    figure(
+        f"{whole} of {AT_ONCE} whole after {time.monotonic() - began:.1f} s; a purchase took {middle:.2f} s, "
+        f"{max(took):.2f} at most; daemon at most {most:.0f} MiB, then {memory(service, 'VmRSS'):.0f}"
+    )
     assert whole > 0
     if not daemon.is_sanitized():
         assert most < MOST
@@ -87,8 +94,7 @@ def test_many_large_answers_at_once(large_store, service, callers, caller, figur
 
 
 @pytest.mark.skipif(daemon.is_sanitized(), reason="a sanitizer takes more addresses than that")
-def test_many_large_answers_with_the_addresses_of_32_bits(large_store, needs_view, start_daemon, callers, caller,
-                                                          figure):
+def test_many_large_answers_with_the_addresses_of_32_bits(large_store, needs_view, start_daemon, callers, caller, figure):
     large_store(LARGE)
     service = start_daemon(tool=["prlimit", f"--as={ADDRESSES}"])
     service.wait_for_name(caller)
@@ -99,8 +105,10 @@ def test_many_large_answers_with_the_addresses_of_32_bits(large_store, needs_vie
     assert service.is_running()
     whole = assert_whole_or_failed(calls, "x" * LARGE)
     assert whole > 0
-    figure(f"{whole} of {AT_ONCE} whole; daemon at most {memory(service):.0f} MiB, "
-           f"{memory(service, 'VmPeak'):.0f} of addresses")
+    figure(
+        f"{whole} of {AT_ONCE} whole; daemon at most {memory(service):.0f} MiB, "
+        f"{memory(service, 'VmPeak'):.0f} of addresses"
+    )
 
 
 def test_one_large_answer_costs_at_most_two_and_a_half_times_its_size(service, store, caller, figure):
@@ -128,8 +136,12 @@ class AllButTheEnd:
 def test_answers_that_stop_before_their_end_hold_nobody_up(service, store, callers, caller, figure):
     listed = "y" * 5 * MIB
     store.answer = lambda request: (
-        AllButTheEnd() if "appid=hostile" in request.line
-        else Reply(listed.encode()) if "products" in request.line else Reply(b"ok"))
+        AllButTheEnd()
+        if "appid=hostile" in request.line
+        else Reply(listed.encode())
+        if "products" in request.line
+        else Reply(b"ok")
+    )
     hostile = callers()
     stopped = [hostile.start("get_product_list", "hostile", "0", "check", timeout=200) for _ in range(AT_ONCE)]
     store.wait_for_requests(AT_ONCE)
@@ -142,8 +154,10 @@ def test_answers_that_stop_before_their_end_hold_nobody_up(service, store, calle
     assert other.result == (0, listed)
     ended = {call.result[0] for call in stopped if call.done}
     assert ended <= {-1}
-    figure(f"another app's 5 MiB came after {waited:.1f} s, {sum(call.done for call in stopped)} were cut off; "
-           f"a purchase took {max(took):.2f} s at most; daemon at most {memory(service):.0f} MiB")
+    figure(
+        f"another app's 5 MiB came after {waited:.1f} s, {sum(call.done for call in stopped)} were cut off; "
+        f"a purchase took {max(took):.2f} s at most; daemon at most {memory(service):.0f} MiB"
+    )
     if not daemon.is_sanitized():
         # Two turns of the silent ones at most, and the machine's own delays.
         assert waited < 25

@@ -52,8 +52,11 @@ def shown(took):
 
 def test_an_endpoint_that_hangs_costs_the_others_nothing(service, store, callers, caller, size, figure):
     store.answer = hanging("products")
-    calls = [one.start("get_product_list", "app", "0", "check", timeout=200)
-             for one in (callers() for _ in range(9)) for _ in range(OF_ONE)]
+    calls = [
+        one.start("get_product_list", "app", "0", "check", timeout=200)
+        for one in (callers() for _ in range(9))
+        for _ in range(OF_ONE)
+    ]
     store.wait_for_requests(150)
     began = time.monotonic()
 
@@ -79,8 +82,9 @@ def test_an_app_that_wants_no_answers_costs_the_others_nothing(service, store, c
     store.answer = hanging("products")
     greedy, count = callers(), size(1000, 5000)
     for number in range(count):
-        message = Gio.DBusMessage.new_method_call(message_bus.SERVICE, message_bus.OBJECT, message_bus.SERVICE,
-                                                  "get_product_list")
+        message = Gio.DBusMessage.new_method_call(
+            message_bus.SERVICE, message_bus.OBJECT, message_bus.SERVICE, "get_product_list"
+        )
         message.set_flags(Gio.DBusMessageFlags.NO_REPLY_EXPECTED)
         message.set_body(GLib.Variant("(sss)", ("app", "0", str(number))))
         greedy.connection.send_message(message, Gio.DBusSendMessageFlags.NONE)
@@ -92,5 +96,4 @@ def test_an_app_that_wants_no_answers_costs_the_others_nothing(service, store, c
     assert max(took) < SOON
     refused = [line for line in service.texts("W") if "is refused: 512 of its calls that want no answer wait" in line]
     assert len(refused) <= 1
-    figure(f"{count} calls without answers from one app: a purchase took {shown(took)}; "
-           f"{memory_at_most(service, 128)}")
+    figure(f"{count} calls without answers from one app: a purchase took {shown(took)}; {memory_at_most(service, 128)}")

@@ -75,19 +75,23 @@ def line(service):
 @pytest.fixture
 def bystander(caller, a_device):
     """A function that calls the other server, and says how long that took."""
+
     def call():
         a_device.set("system", "vantor_server_type", "2")
         began = time.monotonic()
         assert caller.call("check_server_availability") == (0, "{}")
         a_device.set("system", "vantor_server_type", "0")
         return time.monotonic() - began
+
     return call
 
 
 def pending(service, caller, count):
     """Calls that the daemon has begun and that nobody will answer soon."""
+
     def begun():
         return sum("start Url" in text for text in service.texts())
+
     before = begun()
     calls = [caller.start("get_product_list", str(i), "", "", timeout=200) for i in range(count)]
     service.wait_until(lambda: begun() == before + count, "it has begun every call")
@@ -110,8 +114,7 @@ def ends_at_once(service, calls, caller):
     return took
 
 
-def test_a_line_that_loses_every_tenth_packet_delays_and_loses_no_answer(service, line, caller, size,
-                                                                         figure):
+def test_a_line_that_loses_every_tenth_packet_delays_and_loses_no_answer(service, line, caller, size, figure):
     port, count = line.production.port, size(40, 400)
     line.production.answer = Reply(b"x" * 5000, keep=False)
     for direction in ("dport", "sport"):
@@ -123,12 +126,13 @@ def test_a_line_that_loses_every_tenth_packet_delays_and_loses_no_answer(service
         caller.finish(calls)
         took.append(time.monotonic() - began)
         assert {call.result for call in calls} == {(0, "x" * 5000)}
-    figure(f"{count} calls over a line that loses 10 % of its packets each way, a connection each: all "
-           f"answered; {wave} at once took {statistics.median(took):.1f} s, {max(took):.1f} s at most")
+    figure(
+        f"{count} calls over a line that loses 10 % of its packets each way, a connection each: all "
+        f"answered; {wave} at once took {statistics.median(took):.1f} s, {max(took):.1f} s at most"
+    )
 
 
-def test_a_line_that_swallows_everything_holds_only_its_own_calls(service, line, caller, bystander,
-                                                                  size, figure):
+def test_a_line_that_swallows_everything_holds_only_its_own_calls(service, line, caller, bystander, size, figure):
     assert caller.call("check_server_availability") == (0, "{}")
     bystander()
     line.rule(f"tcp dport {line.production.port} drop")
@@ -147,8 +151,7 @@ def test_a_line_that_swallows_everything_holds_only_its_own_calls(service, line,
         figure(f"20 calls that nobody answers are given up together after {given_up:.0f} s")
         calls = pending(service, caller, 20)
     took = ends_at_once(service, calls, caller)
-    figure(f"a call beside 20 swallowed ones took {beside * 1000:.0f} ms at most; SIGTERM to the end "
-           f"{took * 1000:.0f} ms")
+    figure(f"a call beside 20 swallowed ones took {beside * 1000:.0f} ms at most; SIGTERM to the end {took * 1000:.0f} ms")
 
 
 def test_a_line_that_comes_back_brings_the_answers(service, line, caller):
@@ -208,7 +211,7 @@ def test_an_answer_that_is_cut_off_by_the_line_fails_with_what_came(service, lin
 
 
 def test_a_line_of_64_kbit_carries_whole_answers(service, line, caller, size, figure):
-    body = (b"0123456789abcdef" * 2048)[:size(16_384, 32_768)]
+    body = (b"0123456789abcdef" * 2048)[: size(16_384, 32_768)]
     assert caller.call("check_server_availability") == (0, "{}")
     line.run("ip link set lo mtu 1500")
     line.run("tc qdisc add dev lo root tbf rate 64kbit burst 4kb limit 200kb")
@@ -226,8 +229,9 @@ def test_a_line_of_64_kbit_carries_whole_answers(service, line, caller, size, fi
     figure(f"{len(body)} bytes over 64 kbit/s in {took:.1f} s, whole, and another call beside it")
 
 
-def test_name_servers_that_do_not_answer_hold_only_their_own_calls(service, line, caller, callers, a_device,
-                                                                   bystander, size, figure):
+def test_name_servers_that_do_not_answer_hold_only_their_own_calls(
+    service, line, caller, callers, a_device, bystander, size, figure
+):
     line.rule("udp dport 53 drop")
     line.rule("tcp dport 53 drop")
     a_device.set("deployment", "production_host", "store.example")
@@ -244,8 +248,10 @@ def test_name_servers_that_do_not_answer_hold_only_their_own_calls(service, line
     assert threads <= 32
     assert daemon.is_sanitized() or memory < 96
     took = ends_at_once(service, calls, caller)
-    figure(f"a call beside {len(calls)} without a name took {beside * 1000:.0f} ms at most; {threads} threads, "
-           f"{memory} MiB; SIGTERM to the end {took * 1000:.0f} ms")
+    figure(
+        f"a call beside {len(calls)} without a name took {beside * 1000:.0f} ms at most; {threads} threads, "
+        f"{memory} MiB; SIGTERM to the end {took * 1000:.0f} ms"
+    )
 
 
 def test_names_that_come_back_are_found_soon(service, line, caller, callers, a_device, figure):
@@ -262,12 +268,10 @@ def test_names_that_come_back_are_found_soon(service, line, caller, callers, a_d
 
     took = time.monotonic() - began
     assert took < NAMED
-    figure(f"a call beside {len(calls)} whose names did not come had its answer {took:.1f} s after the name "
-           "servers were back")
+    figure(f"a call beside {len(calls)} whose names did not come had its answer {took:.1f} s after the name servers were back")
 
 
-def test_a_call_without_a_name_server_is_answered_in_the_end(service, line, caller, a_device, size,
-                                                             figure):
+def test_a_call_without_a_name_server_is_answered_in_the_end(service, line, caller, a_device, size, figure):
     # Nobody listens there: the answer of this machine comes at once, and it is no name.
     a_device.set("deployment", "production_host", "store.example")
     assert caller.call("check_server_availability", timeout=120) == (-1, "")

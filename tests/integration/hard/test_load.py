@@ -83,8 +83,7 @@ def test_every_call_to_a_bad_server_is_answered(service, callers, store, size, f
     resident, before = None, as_root(service.descriptors)
     began = time.monotonic()
     for done in range(0, total, wave):
-        calls = [connections[i % 40].start("get_product_list", f"app-{done + i}", "", "")
-                 for i in range(wave)]
+        calls = [connections[i % 40].start("get_product_list", f"app-{done + i}", "", "") for i in range(wave)]
         connections[0].finish(calls)
         for call in calls:
             assert call.error is None, call.error
@@ -97,9 +96,11 @@ def test_every_call_to_a_bad_server_is_answered(service, callers, store, size, f
     assert sum(results.values()) == total
     assert results[0] > total * 0.7
     left = as_root(service.descriptors)
-    figure(f"{total} calls from 40 connections, {results[-1]} meant to fail, all answered in "
-           f"{took:.0f} s; resident grew by {grown} KiB after the first tenth; descriptors {before} "
-           f"before, {left} after; unanswered by the service's own count: {unanswered(service)}")
+    figure(
+        f"{total} calls from 40 connections, {results[-1]} meant to fail, all answered in "
+        f"{took:.0f} s; resident grew by {grown} KiB after the first tenth; descriptors {before} "
+        f"before, {left} after; unanswered by the service's own count: {unanswered(service)}"
+    )
     assert unanswered(service) in (0, None)
     if not daemon.is_sanitized():
         # A short run is still on its way to its level.
@@ -111,15 +112,20 @@ def test_every_call_to_a_bad_server_is_answered(service, callers, store, size, f
 @pytest.fixture
 def bus(tmp_path):
     """With more room than the system bus has: for what is outstanding here."""
-    running = message_bus.Bus(tmp_path, limits={
-        "max_replies_per_connection": 50_000, "max_connections_per_user": 1_000,
-        "max_completed_connections": 2_000, "max_incomplete_connections": 500})
+    running = message_bus.Bus(
+        tmp_path,
+        limits={
+            "max_replies_per_connection": 50_000,
+            "max_connections_per_user": 1_000,
+            "max_completed_connections": 2_000,
+            "max_incomplete_connections": 500,
+        },
+    )
     yield running
     running.stop()
 
 
-def test_thousands_of_calls_to_a_stalled_server_are_all_answered(service, callers, store, size,
-                                                                 figure):
+def test_thousands_of_calls_to_a_stalled_server_are_all_answered(service, callers, store, size, figure):
     count = size(2_000, 10_000)
     subprocess.run(["prlimit", f"--pid={service.pid}", "--nofile=1024:1024"], check=True)
     caller = callers()
@@ -142,9 +148,11 @@ def test_thousands_of_calls_to_a_stalled_server_are_all_answered(service, caller
     # Without a free descriptor the settings cannot be read, and a call is refused.
     refused = sum(call.result[0] == 1160003 for call in calls)
     assert refused + sum(call.result[0] == -1 for call in calls) == count
-    figure(f"{count} outstanding with 1,024 descriptors, {refused} of them refused for want of one: all "
-           f"answered {took:.1f} s after the server let go; resident {idle} KiB before, {most} KiB at most seen, "
-           f"{after} KiB after")
+    figure(
+        f"{count} outstanding with 1,024 descriptors, {refused} of them refused for want of one: all "
+        f"answered {took:.1f} s after the server let go; resident {idle} KiB before, {most} KiB at most seen, "
+        f"{after} KiB after"
+    )
     assert service.is_running()
     if not daemon.is_sanitized():
         assert after < idle * 1.25
@@ -153,8 +161,7 @@ def test_thousands_of_calls_to_a_stalled_server_are_all_answered(service, caller
 def test_a_client_with_all_its_calls_pending_holds_nobody_up(service, callers, store, size, figure):
     store.answer = lambda request: Hang() if "hang" in request.line else Reply(b"{}")
     greedy, other = callers(), callers()
-    pending = [greedy.start("get_product_list", "hang", "", "", timeout=300)
-               for _ in range(PER_CONNECTION)]
+    pending = [greedy.start("get_product_list", "hang", "", "", timeout=300) for _ in range(PER_CONNECTION)]
     store.wait_for_requests(PER_CONNECTION, timeout=60)
     took = []
     for _ in range(size(200, 1_000)):
@@ -165,8 +172,7 @@ def test_a_client_with_all_its_calls_pending_holds_nobody_up(service, callers, s
     assert unanswered(service) in (PER_CONNECTION, None)
     took.sort()
     p99 = took[int(len(took) * 0.99) - 1]
-    figure(f"{len(took)} calls beside {PER_CONNECTION} pending ones: median "
-           f"{statistics.median(took):.1f} ms, p99 {p99:.1f} ms")
+    figure(f"{len(took)} calls beside {PER_CONNECTION} pending ones: median {statistics.median(took):.1f} ms, p99 {p99:.1f} ms")
     assert p99 < 1000
 
 
@@ -196,7 +202,6 @@ def test_dripping_servers_hold_nobody_up(service, caller, store, size, figure):
         began = time.monotonic()
         assert caller.call("check_server_availability") == (0, "{}")
         took.append(time.monotonic() - began)
-    figure(f"{count} answers at a byte a second; beside them a call took {max(took) * 1000:.0f} ms at "
-           "most")
+    figure(f"{count} answers at a byte a second; beside them a call took {max(took) * 1000:.0f} ms at most")
     assert max(took) < (10 if daemon.is_sanitized() else 1)
     assert not any(call.done for call in dripping)

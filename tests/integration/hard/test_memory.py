@@ -42,7 +42,8 @@ class Refusals:
             self._page = mmap.mmap(file.fileno(), self.SIZE)
         self.environment = {
             "LD_PRELOAD": str(daemon.binary().parents[1] / "tests" / "support" / "failing-memory.so"),
-            "FAILING_MEMORY": str(self._file)}
+            "FAILING_MEMORY": str(self._file),
+        }
 
     def refuse(self, number):
         """The allocation of this number, from now on."""
@@ -57,7 +58,7 @@ class Refusals:
     @property
     def culprit(self):
         """Who got no memory: program or library, and the place in it."""
-        place, = struct.unpack("Q", self._page[16:24])
+        (place,) = struct.unpack("Q", self._page[16:24])
         library = self._page[24:].split(b"\0")[0].decode()
         return f"{pathlib.Path(library).name}+{place:#x}"
 
@@ -101,8 +102,7 @@ class Torture:
         outcome = self.outcome(call)
         self.outcomes[outcome or "fault"] += 1
         if outcome is None:
-            self.faults.append(f"{number}: {self._refusals.culprit}: {call.result or call.error}; "
-                               f"{self.ending() or 'it runs'}")
+            self.faults.append(f"{number}: {self._refusals.culprit}: {call.result or call.error}; {self.ending() or 'it runs'}")
 
     def outcome(self, call):
         """What came of it, None where that is a fault."""
@@ -183,8 +183,9 @@ KINDS = {"a kept connection": (3, 1), "a new connection": (9, 1), "the first cal
 
 
 @pytest.mark.parametrize("kind", KINDS)
-def test_a_call_without_memory_is_answered_or_ends_the_daemon(needs_view, start_daemon, caller, store,
-                                                              tmp_path, kind, size, figure):
+def test_a_call_without_memory_is_answered_or_ends_the_daemon(
+    needs_view, start_daemon, caller, store, tmp_path, kind, size, figure
+):
     store.answer = Reply(b"{}", keep=kind != "a new connection")
     refusals = Refusals(tmp_path)
     torture = Torture(start_daemon, caller, refusals, fresh=kind == "the first call")

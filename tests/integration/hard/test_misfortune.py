@@ -15,8 +15,7 @@ SERVICE, OBJECT = message_bus.SERVICE, message_bus.OBJECT
 END_SECONDS = 20 if daemon.is_sanitized() else 5
 
 
-def test_the_end_of_the_bus_ends_the_daemon_cleanly(needs_view, tmp_path, a_device, size, figure,
-                                                    request):
+def test_the_end_of_the_bus_ends_the_daemon_cleanly(needs_view, tmp_path, a_device, size, figure, request):
     rounds, longest = size(10, 100), 0.0
     request.node.daemons = []
     for number in range(rounds):
@@ -39,8 +38,7 @@ def test_the_end_of_the_bus_ends_the_daemon_cleanly(needs_view, tmp_path, a_devi
     assert longest < END_SECONDS
 
 
-def test_settings_that_change_under_calls_give_only_described_answers(service, caller, a_device, size,
-                                                                      figure):
+def test_settings_that_change_under_calls_give_only_described_answers(service, caller, a_device, size, figure):
     end, stop = time.monotonic() + size(4, 60), threading.Event()
     whole = a_device.file.read_bytes()
 
@@ -51,7 +49,7 @@ def test_settings_that_change_under_calls_give_only_described_answers(service, c
             if kind == 0:
                 a_device.file.unlink(missing_ok=True)
             elif kind == 1:
-                a_device.write_file(whole[:draw.randrange(len(whole))])
+                a_device.write_file(whole[: draw.randrange(len(whole))])
             elif kind == 2:
                 with open(a_device.file, "wb") as file:
                     file.write(whole)
@@ -73,8 +71,10 @@ def test_settings_that_change_under_calls_give_only_described_answers(service, c
         thread.join()
     a_device.write_file(whole)
     assert caller.call("check_server_availability") == (0, "{}")
-    figure(f"{sum(seen.values())} calls while the settings changed: {seen.get((0, '{}'), 0)} answered "
-           "by the store, the rest refused as described")
+    figure(
+        f"{sum(seen.values())} calls while the settings changed: {seen.get((0, '{}'), 0)} answered "
+        "by the store, the rest refused as described"
+    )
 
 
 def test_a_new_ca_bundle_counts_for_new_connections(service, caller, store, a_device, authority):
@@ -103,9 +103,19 @@ class Fuzz:
     """Messages that no client sends, the same ones for the same seed."""
 
     TYPES = ["s", "i", "u", "b", "d", "as", "a{sv}", "(ss)", "v", "ay", "o"]
-    VALUES = {"s": "text", "i": -1, "u": 4294967295, "b": True, "d": 1.5, "as": ["a"] * 3,
-              "a{sv}": {"k": GLib.Variant("s", "v")}, "(ss)": ("a", "b"), "v": GLib.Variant("i", 1),
-              "ay": [0, 255], "o": "/"}
+    VALUES = {
+        "s": "text",
+        "i": -1,
+        "u": 4294967295,
+        "b": True,
+        "d": 1.5,
+        "as": ["a"] * 3,
+        "a{sv}": {"k": GLib.Variant("s", "v")},
+        "(ss)": ("a", "b"),
+        "v": GLib.Variant("i", 1),
+        "ay": [0, 255],
+        "o": "/",
+    }
 
     def __init__(self, seed):
         self.draw = random.Random(seed)
@@ -118,15 +128,28 @@ class Fuzz:
         return GLib.Variant("(" + "".join(kinds) + ")", values)
 
     def text(self):
-        return self.draw.choice(["", "a", "\x01\x7f", "€" * 50, "%s%n%d", "a\r\nX-Evil: 1", "&?#=",
-                                 "x" * self.draw.randrange(1 << self.draw.randrange(18))])
+        return self.draw.choice(
+            [
+                "",
+                "a",
+                "\x01\x7f",
+                "€" * 50,
+                "%s%n%d",
+                "a\r\nX-Evil: 1",
+                "&?#=",
+                "x" * self.draw.randrange(1 << self.draw.randrange(18)),
+            ]
+        )
 
     def send(self, connection):
         message = Gio.DBusMessage.new_method_call(
-            SERVICE, self.draw.choice([OBJECT, OBJECT, OBJECT, "/", "/org", OBJECT + "/x"]),
-            self.draw.choice([SERVICE, SERVICE, SERVICE, None, "org.evil",
-                              "org.freedesktop.DBus.Properties", "org.freedesktop.DBus.Peer"]),
-            self.draw.choice([*EVERY_CALL, "Get", "Ping", "GetAll", "nothing"]))
+            SERVICE,
+            self.draw.choice([OBJECT, OBJECT, OBJECT, "/", "/org", OBJECT + "/x"]),
+            self.draw.choice(
+                [SERVICE, SERVICE, SERVICE, None, "org.evil", "org.freedesktop.DBus.Properties", "org.freedesktop.DBus.Peer"]
+            ),
+            self.draw.choice([*EVERY_CALL, "Get", "Ping", "GetAll", "nothing"]),
+        )
         body = self.body()
         if body is not None:
             message.set_body(body)
@@ -153,8 +176,7 @@ def test_messages_that_no_client_sends_harm_nobody(service, callers, store, size
             assert watcher.call("check_server_availability", timeout=60) == (0, "{}")
     assert watcher.call("confirm_purchase", "a", "c", "i", "0", timeout=60) == (0, "{}")
     assert all(record.whole for record in service.log())
-    figure(f"{count} odd messages (seed {seed}) from {gone} callers that vanished: the next call is "
-           "answered as ever")
+    figure(f"{count} odd messages (seed {seed}) from {gone} callers that vanished: the next call is answered as ever")
 
 
 def test_an_argument_as_large_as_the_bus_carries_is_refused(service, caller, store):

@@ -15,10 +15,13 @@ def until(due):
     time.sleep(max(0, due - time.monotonic()))
 
 
-def test_pauses_around_the_default_idle_limits_fail_no_call(service, caller, a_device, shop, start_server,
-                                                           size, figure):
-    servers = [start_server(kind, http2=http2) for kind, made in ordinary.SERVERS.items()
-               for http2 in ordinary.PROTOCOLS if made.IDLE <= size(A_SHORT_LIMIT, made.IDLE)]
+def test_pauses_around_the_default_idle_limits_fail_no_call(service, caller, a_device, shop, start_server, size, figure):
+    servers = [
+        start_server(kind, http2=http2)
+        for kind, made in ordinary.SERVERS.items()
+        for http2 in ordinary.PROTOCOLS
+        if made.IDLE <= size(A_SHORT_LIMIT, made.IDLE)
+    ]
     pauses = size(PAUSES[-1:], PAUSES)
 
     def talk_to(number, name):

@@ -16,15 +16,28 @@ ANSWERS = (GOOD, (-1, ""), (-1, "{}"), NO_NETWORK, TRY_LATER)
 # What a descriptor, the network, the memory or a signal can do to each; a write to a pipe of one's own or to an
 # event counter cannot fail otherwise. "?" is for the kernels of other machines, which do not have them all.
 FAILURES = {
-    "openat": "EMFILE EIO", "read": "EIO EINTR", "close": "EIO EINTR",
+    "openat": "EMFILE EIO",
+    "read": "EIO EINTR",
+    "close": "EIO EINTR",
     "?newfstatat,?fstatat64,?fstat,?fstat64,?statx": "EIO ENOMEM",
-    "write": "EINTR", "?poll": "EINTR ENOMEM", "ppoll": "EINTR ENOMEM",
-    "recvfrom": "ECONNRESET EINTR", "recvmsg": "ECONNRESET EINTR", "sendto": "EPIPE ENOBUFS",
-    "sendmsg": "EPIPE ENOBUFS", "socket": "EMFILE ENFILE", "connect": "ENETUNREACH EADDRNOTAVAIL",
-    "setsockopt": "ENOBUFS ENOMEM", "getsockopt": "ENOBUFS ENOMEM", "getsockname": "ENOBUFS ENOMEM",
-    "getpeername": "ENOTCONN ENOBUFS", "?fcntl,?fcntl64": "EBADF EINTR",
-    "?epoll_wait,epoll_pwait": "EINTR ENOMEM", "mprotect": "ENOMEM EACCES",
-    "futex": "EINTR EAGAIN"}
+    "write": "EINTR",
+    "?poll": "EINTR ENOMEM",
+    "ppoll": "EINTR ENOMEM",
+    "recvfrom": "ECONNRESET EINTR",
+    "recvmsg": "ECONNRESET EINTR",
+    "sendto": "EPIPE ENOBUFS",
+    "sendmsg": "EPIPE ENOBUFS",
+    "socket": "EMFILE ENFILE",
+    "connect": "ENETUNREACH EADDRNOTAVAIL",
+    "setsockopt": "ENOBUFS ENOMEM",
+    "getsockopt": "ENOBUFS ENOMEM",
+    "getsockname": "ENOBUFS ENOMEM",
+    "getpeername": "ENOTCONN ENOBUFS",
+    "?fcntl,?fcntl64": "EBADF EINTR",
+    "?epoll_wait,epoll_pwait": "EINTR ENOMEM",
+    "mprotect": "ENOMEM EACCES",
+    "futex": "EINTR EAGAIN",
+}
 # These are made by a daemon's first call alone.
 FIRST = ("mprotect",)
 # From one call to the end of its transfer's time.
@@ -39,9 +52,20 @@ class Tracer:
     def __init__(self, process, calls, error, when, file):
         self._file = file
         self._strace = subprocess.Popen(
-            ["strace", "-f", "-p", str(process.pid), "-o", str(file), f"--trace={calls}",
-             f"--inject={calls}:error={error}:when={when}"],
-            stderr=subprocess.PIPE, text=True, start_new_session=True)
+            [
+                "strace",
+                "-f",
+                "-p",
+                str(process.pid),
+                "-o",
+                str(file),
+                f"--trace={calls}",
+                f"--inject={calls}:error={error}:when={when}",
+            ],
+            stderr=subprocess.PIPE,
+            text=True,
+            start_new_session=True,
+        )
         self.why_not = None
         line = self._strace.stderr.readline()
         if "attached" not in line:
@@ -57,7 +81,6 @@ class Tracer:
             # It may wait for ever for the last thread of a process that has just ended.
             self._strace.kill()
             self._strace.communicate()
-
 
     def has_struck(self):
         return "(INJECTED)" in self._file.read_text(encoding="utf-8", errors="replace")
@@ -99,8 +122,7 @@ def is_good(caller):
 def ending(service):
     """What is wrong with the end of the process; None for one that is allowed."""
     status = service.wait(30)
-    if status == 0 or (status in (-signal.SIGABRT, -signal.SIGTRAP)
-                       and any(text in service.log_text() for text in SAID)):
+    if status == 0 or (status in (-signal.SIGABRT, -signal.SIGTRAP) and any(text in service.log_text() for text in SAID)):
         return None
     return f"it ended with {status}: {service.log_text()[-300:]!r}"
 
@@ -122,11 +144,12 @@ def outcome(service, caller, call):
 
 
 @pytest.mark.parametrize("calls", FAILURES, ids=lambda calls: calls.strip("?").split(",")[0])
-def test_a_system_call_that_fails_costs_at_most_its_own_call(needs_view, start_daemon, caller, store,
-                                                             tracer, calls, size, figure):
+def test_a_system_call_that_fails_costs_at_most_its_own_call(
+    needs_view, start_daemon, caller, store, tracer, calls, size, figure
+):
     store.answer = Reply(b"{}", keep=False)
     counts, faults, service = collections.Counter(), [], None
-    for error in FAILURES[calls].split()[:size(1, 2)]:
+    for error in FAILURES[calls].split()[: size(1, 2)]:
         for when in range(1, size(2, 12) + 1):
             if calls in FIRST and service is not None and service.is_running():
                 assert service.stop() == 0

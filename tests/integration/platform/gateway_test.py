@@ -17,8 +17,10 @@ ip -6 addr add fd09::2/64 dev v0 nodad
 """
 
 # Without addresses that the kernel makes by itself, some seconds later.
-QUIET_CABLE = "".join(f"ip link set {line.split()[3]} addrgenmode none\n{line}" if line.endswith(" up\n") else line
-                      for line in CABLE.splitlines(keepends=True))
+QUIET_CABLE = "".join(
+    f"ip link set {line.split()[3]} addrgenmode none\n{line}" if line.endswith(" up\n") else line
+    for line in CABLE.splitlines(keepends=True)
+)
 
 
 def settings(tmp_path, rule):
@@ -31,38 +33,48 @@ def gateway(tmp_path, commands, rule="default_gateway=auto"):
     """Return value and answer after the commands, in a namespace of its own."""
     if subprocess.run(NAMESPACE + ["true"], capture_output=True, check=False).returncode != 0:
         pytest.skip("no network namespace can be had here (needs root or user namespaces)")
-    done = subprocess.run(NAMESPACE + ["sh", "-e", "-c", f'{commands}\n"$0" gateway', PROBE],
-                          env=settings(tmp_path, rule), stdout=subprocess.PIPE, timeout=60,
-                          check=True)
+    done = subprocess.run(
+        NAMESPACE + ["sh", "-e", "-c", f'{commands}\n"$0" gateway', PROBE],
+        env=settings(tmp_path, rule),
+        stdout=subprocess.PIPE,
+        timeout=60,
+        check=True,
+    )
     code, exists = done.stdout.split()
     return int(code), int(exists)
 
 
-@pytest.mark.parametrize("route", [
-    "ip route add default via 10.9.0.1",
-    "ip route add default dev v0 scope link",
-    "ip -6 route add default via fd09::1",
-    "ip -6 route add default dev v0",
-    "ip route add default nexthop via 10.9.0.1 nexthop via 10.9.0.3",
-    "ip route add unreachable default metric 50; ip route add default via 10.9.0.1 metric 90",
-    "ip route add default nexthop dev lo nexthop via 10.9.0.1",
-])
+@pytest.mark.parametrize(
+    "route",
+    [
+        "ip route add default via 10.9.0.1",
+        "ip route add default dev v0 scope link",
+        "ip -6 route add default via fd09::1",
+        "ip -6 route add default dev v0",
+        "ip route add default nexthop via 10.9.0.1 nexthop via 10.9.0.3",
+        "ip route add unreachable default metric 50; ip route add default via 10.9.0.1 metric 90",
+        "ip route add default nexthop dev lo nexthop via 10.9.0.1",
+    ],
+)
 def test_a_default_route_is_seen(tmp_path, route):
     assert gateway(tmp_path, CABLE + route) == (0, 1)
 
 
-@pytest.mark.parametrize("route", [
-    "",
-    "ip route add 10.0.0.0/8 via 10.9.0.1; ip route add 0.0.0.0/1 via 10.9.0.1",
-    "ip route add unreachable default",
-    "ip route add blackhole default",
-    "ip route add prohibit default",
-    "ip -6 route add unreachable default metric 3",
-    "ip route add default dev lo",
-    "ip -6 route add default dev lo",
-    "ip route add default via 10.9.0.1 table 77",
-    "ip route add default via 10.9.0.1; ip route del default",
-])
+@pytest.mark.parametrize(
+    "route",
+    [
+        "",
+        "ip route add 10.0.0.0/8 via 10.9.0.1; ip route add 0.0.0.0/1 via 10.9.0.1",
+        "ip route add unreachable default",
+        "ip route add blackhole default",
+        "ip route add prohibit default",
+        "ip -6 route add unreachable default metric 3",
+        "ip route add default dev lo",
+        "ip -6 route add default dev lo",
+        "ip route add default via 10.9.0.1 table 77",
+        "ip route add default via 10.9.0.1; ip route del default",
+    ],
+)
 def test_what_leads_nowhere_is_not_a_default_route(tmp_path, route):
     assert gateway(tmp_path, CABLE + route) == (0, 0)
 
@@ -93,8 +105,7 @@ def test_the_settings_may_say_otherwise(tmp_path):
 def test_a_process_without_a_free_descriptor_gets_an_error_number(tmp_path):
     # A search for leaks at the end would need descriptors.
     env = {**settings(tmp_path, "default_gateway=auto"), "ASAN_OPTIONS": "detect_leaks=0"}
-    done = subprocess.run([PROBE, "starved"], env=env, stdout=subprocess.PIPE, timeout=60,
-                          check=True)
+    done = subprocess.run([PROBE, "starved"], env=env, stdout=subprocess.PIPE, timeout=60, check=True)
     assert done.stdout == b"24 0\n"
 
 
@@ -109,28 +120,48 @@ def changes(tmp_path, before, commands):
     """For each command, run in a namespace of its own, whether the network has changed with it."""
     if subprocess.run(NAMESPACE + ["true"], capture_output=True, check=False).returncode != 0:
         pytest.skip("no network namespace can be had here (needs root or user namespaces)")
-    script = (f'{before}\ncoproc PROBE {{ "$0" changes; }}\nread -u "${{PROBE[0]}}" line\n'
-              + "".join(f'{command}\nsleep 0.3\nprintf x >&"${{PROBE[1]}}"\nread -u "${{PROBE[0]}}" line\necho $line\n'
-                        for command in commands))
-    done = subprocess.run(NAMESPACE + ["bash", "-e", "-c", script, PROBE], env=settings(tmp_path, ""),
-                          stdout=subprocess.PIPE, timeout=60, check=True)
+    script = f'{before}\ncoproc PROBE {{ "$0" changes; }}\nread -u "${{PROBE[0]}}" line\n' + "".join(
+        f'{command}\nsleep 0.3\nprintf x >&"${{PROBE[1]}}"\nread -u "${{PROBE[0]}}" line\necho $line\n' for command in commands
+    )
+    done = subprocess.run(
+        NAMESPACE + ["bash", "-e", "-c", script, PROBE],
+        env=settings(tmp_path, ""),
+        stdout=subprocess.PIPE,
+        timeout=60,
+        check=True,
+    )
     return [answer == b"1" for answer in done.stdout.split()]
 
 
 def test_a_change_of_address_default_route_or_link_is_reported_once(tmp_path):
-    told = changes(tmp_path, QUIET_CABLE, [
-        "true",
-        "ip route add default via 10.9.0.1", "true",
-        "ip route del default",
-        "ip -6 route add default via fd09::1", "true",
-        "ip addr add 10.9.0.7/24 dev v0", "ip addr del 10.9.0.7/24 dev v0", "true",
-        "ip link set v0 down", "true"])
+    told = changes(
+        tmp_path,
+        QUIET_CABLE,
+        [
+            "true",
+            "ip route add default via 10.9.0.1",
+            "true",
+            "ip route del default",
+            "ip -6 route add default via fd09::1",
+            "true",
+            "ip addr add 10.9.0.7/24 dev v0",
+            "ip addr del 10.9.0.7/24 dev v0",
+            "true",
+            "ip link set v0 down",
+            "true",
+        ],
+    )
     assert told == [False, True, False, True, True, False, True, True, False, True, False]
 
 
 def test_what_leaves_the_way_out_as_it_is_is_no_change(tmp_path):
-    told = changes(tmp_path, QUIET_CABLE + "ip -6 addr add fd08::2/64 dev v0 valid_lft 900 preferred_lft 800 nodad\n"
-                   "ip link set v0 alias first\n", [
-                       "ip route add 10.77.0.0/16 via 10.9.0.1",
-                       "ip -6 addr change fd08::2/64 dev v0 valid_lft 1000 preferred_lft 900", "ip neigh flush all"])
+    told = changes(
+        tmp_path,
+        QUIET_CABLE + "ip -6 addr add fd08::2/64 dev v0 valid_lft 900 preferred_lft 800 nodad\nip link set v0 alias first\n",
+        [
+            "ip route add 10.77.0.0/16 via 10.9.0.1",
+            "ip -6 addr change fd08::2/64 dev v0 valid_lft 1000 preferred_lft 900",
+            "ip neigh flush all",
+        ],
+    )
     assert told == [False, False, False]

@@ -19,8 +19,11 @@ def main():
     ours, theirs = socket.socketpair()
     stream = os.fstat(theirs.fileno())
     program = subprocess.Popen(
-        sys.argv[1:], stderr=theirs.fileno(), stdout=subprocess.DEVNULL,
-        env={**os.environ, "JOURNAL_STREAM": f"{stream.st_dev}:{stream.st_ino}"})
+        sys.argv[1:],
+        stderr=theirs.fileno(),
+        stdout=subprocess.DEVNULL,
+        env={**os.environ, "JOURNAL_STREAM": f"{stream.st_dev}:{stream.st_ino}"},
+    )
     theirs.close()
     signal.signal(signal.SIGTERM, lambda *_: program.terminate())
     signal.pthread_sigmask(signal.SIG_UNBLOCK, {signal.SIGTERM})

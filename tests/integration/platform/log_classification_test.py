@@ -13,15 +13,23 @@ STEPS = ROOT / "platform/linux/log/log_steps.inc"
 # Where the names below are defined: their formats are their callers'.
 LOG_MACROS = "BillingLog.h"
 # The format follows the arguments that these take before it.
-BEFORE_FORMAT = {"__dlog_print": 2, "BILLING_LOG_AS": 2, "BILLING_DEBUG_AS": 1,
-                 "BILLING_INFO_AS": 1, "BILLING_ERROR_AS": 1, "BILLING_DEBUG": 0, "BILLING_INFO": 0,
-                 "BILLING_INFO_PLAIN": 0, "BILLING_WARN": 0, "BILLING_ERROR": 0,
-                 "BILLING_ERROR_PLAIN": 0}
+BEFORE_FORMAT = {
+    "__dlog_print": 2,
+    "BILLING_LOG_AS": 2,
+    "BILLING_DEBUG_AS": 1,
+    "BILLING_INFO_AS": 1,
+    "BILLING_ERROR_AS": 1,
+    "BILLING_DEBUG": 0,
+    "BILLING_INFO": 0,
+    "BILLING_INFO_PLAIN": 0,
+    "BILLING_WARN": 0,
+    "BILLING_ERROR": 0,
+    "BILLING_ERROR_PLAIN": 0,
+}
 DEFINE = re.compile(r"^[ \t]*#[ \t]*define[ \t]+(\w+)\(([^)]*)\)((?:[^\n]*\\\n)*[^\n]*)", re.M)
 TOKEN = re.compile(r'"(?:\\.|[^"\\\n])*"|\'(?:\\.|[^\'\\\n])*\'|//[^\n]*|/\*.*?\*/|.', re.S)
 LITERAL = re.compile(r'"(?:\\.|[^"\\\n])*"')
-CONVERSION = re.compile(r"%(?:%|[-+ #0]*(?:\d+|\*)?(?:\.(?:\d+|\*))?(?:hh|h|ll|l|z|j|t|L)?"
-                        r"([a-zA-Z]))")
+CONVERSION = re.compile(r"%(?:%|[-+ #0]*(?:\d+|\*)?(?:\.(?:\d+|\*))?(?:hh|h|ll|l|z|j|t|L)?([a-zA-Z]))")
 ORIGIN = "%s: %s(%d) > "
 COLOURS = ["\033[0;33m", "\033[0;31m", "\033[0;m"]
 
@@ -63,7 +71,7 @@ def calls_of(source, names):
     pattern = re.compile(r"\b(%s)\s*\(" % "|".join(sorted(names, key=len, reverse=True)))
     for call in pattern.finditer(source):
         line_start = source.rfind("\n", 0, call.start()) + 1
-        before = source[line_start:call.start()]
+        before = source[line_start : call.start()]
         if "//" in before or re.search(r"\bint\s+$", before):  # a comment, or the declaration
             continue
         given = arguments(source, call.end())
@@ -85,8 +93,7 @@ def calls(source):
 
 
 def table():
-    entries = re.findall(r'^MESSAGE\(("(?:\\.|[^"\\])*"), "([.pxu]*)"\)$',
-                         TABLE.read_text(encoding="utf-8"), re.M)
+    entries = re.findall(r'^MESSAGE\(("(?:\\.|[^"\\])*"), "([.pxu]*)"\)$', TABLE.read_text(encoding="utf-8"), re.M)
     return {text_of([text]): rules for text, rules in entries}
 
 
@@ -104,14 +111,14 @@ def faults(path, source, known):
 
 def sources():
     for folder in ("service", "platform/curl", "platform/keystore", "platform/linux", "platform/process"):
-        yield from (path for path in sorted((ROOT / folder).rglob("*"))
-                    if path.suffix in (".cpp", ".h") and path.name != LOG_MACROS)
+        yield from (
+            path for path in sorted((ROOT / folder).rglob("*")) if path.suffix in (".cpp", ".h") and path.name != LOG_MACROS
+        )
 
 
 def test_every_message_that_prints_a_text_is_classified():
     known = table()
-    found = [fault for path in sources()
-             for fault in faults(path.relative_to(ROOT), path.read_text(encoding="utf-8"), known)]
+    found = [fault for path in sources() for fault in faults(path.relative_to(ROOT), path.read_text(encoding="utf-8"), known)]
     assert not found, "\n" + "\n".join(found)
 
 
@@ -121,8 +128,7 @@ def test_log_calls_are_found_at_all():
 
 
 def test_the_table_gives_each_conversion_its_letter():
-    lines = [line for line in TABLE.read_text(encoding="utf-8").splitlines()
-             if line and not line.startswith("//")]
+    lines = [line for line in TABLE.read_text(encoding="utf-8").splitlines() if line and not line.startswith("//")]
     known = table()
     assert len(lines) == len(known), "a line that is no entry, or an entry that stands twice"
     for text, rules in known.items():
@@ -132,39 +138,47 @@ def test_the_table_gives_each_conversion_its_letter():
 
 
 def test_each_step_of_a_call_is_a_message_of_the_service_and_stands_once():
-    known = {bare(text_of(tokens)) for path in sources()
-             for _, tokens in calls(path.read_text(encoding="utf-8"))
-             if tokens and all(LITERAL.fullmatch(token) for token in tokens)}
-    lines = [line for line in STEPS.read_text(encoding="utf-8").splitlines()
-             if line and not line.startswith("//")]
+    known = {
+        bare(text_of(tokens))
+        for path in sources()
+        for _, tokens in calls(path.read_text(encoding="utf-8"))
+        if tokens and all(LITERAL.fullmatch(token) for token in tokens)
+    }
+    lines = [line for line in STEPS.read_text(encoding="utf-8").splitlines() if line and not line.startswith("//")]
     steps = [text_of(re.findall(r'^STEP\(("(?:\\.|[^"\\])*")\)$', line)) for line in lines]
     assert len(set(steps)) == len(lines)
     assert [step for step in steps if step not in known] == []
 
 
-@pytest.mark.parametrize("source", [
-    'BILLING_INFO("new %s", a);',
-    'BILLING_INFO_AS(name(1, 2), "new "\n   "%d %s", 1, a);',
-    'BILLING_ERROR("CountryCode:[%s] and more %s", a, b);',
-    'BILLING_WARN(text);',
-    '__dlog_print(DLOG_INFO, TAG, "%s: %s(%d) > \\e[0;33mnew %s\\e[0;m", a, b, 1, c);',
-    'BILLING_DEBUG("%c", c);',
-    'BILLING_INFO(PREFIX "CountryCode:[%s]", a);',
-    '#define SAY(a) \\\n    BILLING_INFO("new " \\\n    "%s", a)',
-    '#define SAY(x, a) \\\n    BILLING_INFO(a, x)\nSAY(1, "new %s");',
-])
+@pytest.mark.parametrize(
+    "source",
+    [
+        'BILLING_INFO("new %s", a);',
+        'BILLING_INFO_AS(name(1, 2), "new "\n   "%d %s", 1, a);',
+        'BILLING_ERROR("CountryCode:[%s] and more %s", a, b);',
+        "BILLING_WARN(text);",
+        '__dlog_print(DLOG_INFO, TAG, "%s: %s(%d) > \\e[0;33mnew %s\\e[0;m", a, b, 1, c);',
+        'BILLING_DEBUG("%c", c);',
+        'BILLING_INFO(PREFIX "CountryCode:[%s]", a);',
+        '#define SAY(a) \\\n    BILLING_INFO("new " \\\n    "%s", a)',
+        '#define SAY(x, a) \\\n    BILLING_INFO(a, x)\nSAY(1, "new %s");',
+    ],
+)
 def test_an_unclassified_message_is_found(source):
     assert list(faults("x.cpp", source, table()))
 
 
-@pytest.mark.parametrize("source", [
-    'BILLING_INFO("CountryCode:[%s]", a);',
-    'BILLING_INFO("method name = %s\\n", a);',
-    'BILLING_DEBUG_AS(f("(", x), "strRsp " ":%s", a);',
-    'BILLING_INFO("count %d %p", 1, p);',
-    '// BILLING_INFO("new %s", a);',
-    'BILLING_RETURN_IF(a == "x", b);',
-    '#define SAY(x, a) \\\n    BILLING_INFO(a, x)\nSAY(1, "CountryCode:[%s]");',
-])
+@pytest.mark.parametrize(
+    "source",
+    [
+        'BILLING_INFO("CountryCode:[%s]", a);',
+        'BILLING_INFO("method name = %s\\n", a);',
+        'BILLING_DEBUG_AS(f("(", x), "strRsp " ":%s", a);',
+        'BILLING_INFO("count %d %p", 1, p);',
+        '// BILLING_INFO("new %s", a);',
+        'BILLING_RETURN_IF(a == "x", b);',
+        '#define SAY(x, a) \\\n    BILLING_INFO(a, x)\nSAY(1, "CountryCode:[%s]");',
+    ],
+)
 def test_a_classified_message_passes(source):
     assert not list(faults("x.cpp", source, table()))

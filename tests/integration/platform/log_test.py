@@ -18,28 +18,30 @@ PREFIX = "BILLING_SERVICE: Probe.cpp: logLevels(42) > "
 
 
 def environment(**variables):
-    base = {k: v for k, v in os.environ.items()
-            if not k.startswith("PLEVO_") and k != "JOURNAL_STREAM"}
+    base = {k: v for k, v in os.environ.items() if not k.startswith("PLEVO_") and k != "JOURNAL_STREAM"}
     return {**base, **variables}
 
 
 def run(*arguments, stderr=subprocess.PIPE, **variables):
-    done = subprocess.run([PROBE, *arguments], env=environment(**variables), stdout=subprocess.PIPE,
-                          stderr=stderr, timeout=60, check=True)
+    done = subprocess.run(
+        [PROBE, *arguments], env=environment(**variables), stdout=subprocess.PIPE, stderr=stderr, timeout=60, check=True
+    )
     return int(done.stdout.split()[-1]), (done.stderr or b"").decode()
 
 
 def level_lines(letter):
-    return [f"{letter}/{PREFIX}CountryCode:[public]",
-            f"{letter}/{PREFIX}RequestGetProducts start Header: <private:14 bytes>",
-            f"{letter}/{PREFIX}RequestGetProducts start Url[https://host/path?<private:11 bytes>]",
-            f"{letter}/{PREFIX}nobody classified this <private:6 bytes>"]
+    return [
+        f"{letter}/{PREFIX}CountryCode:[public]",
+        f"{letter}/{PREFIX}RequestGetProducts start Header: <private:14 bytes>",
+        f"{letter}/{PREFIX}RequestGetProducts start Url[https://host/path?<private:11 bytes>]",
+        f"{letter}/{PREFIX}nobody classified this <private:6 bytes>",
+    ]
 
 
 @pytest.mark.parametrize("level", LEVELS)
 def test_a_level_lets_its_own_and_higher_ones_through_and_no_private_value(level):
     written, text = run("levels", PLEVO_LOG_LEVEL=level)
-    letters = LETTERS[LEVELS.index(level):]
+    letters = LETTERS[LEVELS.index(level) :]
     assert text.splitlines() == [line for letter in letters for line in level_lines(letter)]
     assert "CANARY" not in text
     assert written == len(f"E/{PREFIX}CountryCode:[public]\n")
@@ -54,8 +56,10 @@ def test_info_is_the_level_when_none_or_nothing_is_given():
 def test_an_invalid_level_is_reported_once_and_the_default_is_used():
     _, text = run("levels", PLEVO_LOG_LEVEL="loud\x1b[31m")
     first, *rest = text.splitlines()
-    assert first == ("E/BILLING_PLATFORM: log: PLEVO_LOG_LEVEL=loud\\x1b[31m is none of debug, "
-                     "info, call, warning and error; the default is used")
+    assert first == (
+        "E/BILLING_PLATFORM: log: PLEVO_LOG_LEVEL=loud\\x1b[31m is none of debug, "
+        "info, call, warning and error; the default is used"
+    )
     assert {line[0] for line in rest} == set("IWE")
 
 
@@ -106,8 +110,9 @@ def test_a_hostile_argument_stays_on_its_line():
 
 
 def test_a_closed_standard_error_loses_the_record_and_nothing_else():
-    done = subprocess.run(["sh", "-c", '"$0" twice a 2>&-', PROBE], env=environment(),
-                          stdout=subprocess.PIPE, timeout=60, check=True)
+    done = subprocess.run(
+        ["sh", "-c", '"$0" twice a 2>&-', PROBE], env=environment(), stdout=subprocess.PIPE, timeout=60, check=True
+    )
     assert done.stdout == b"-1\n"
 
 
@@ -135,9 +140,13 @@ def journal_entries(*arguments, **variables):
     namespace = ["unshare", "--mount"] + ([] if os.geteuid() == 0 else ["--map-root-user"])
     if subprocess.run(namespace + ["true"], capture_output=True, check=False).returncode != 0:
         pytest.skip("no mount namespace can be had here (needs root or user namespaces)")
-    done = subprocess.run(namespace + [sys.executable, JOURNAL, PROBE, *arguments],
-                          env=environment(**variables), stdout=subprocess.PIPE, timeout=60,
-                          check=True)
+    done = subprocess.run(
+        namespace + [sys.executable, JOURNAL, PROBE, *arguments],
+        env=environment(**variables),
+        stdout=subprocess.PIPE,
+        timeout=60,
+        check=True,
+    )
     return json.loads(done.stdout)
 
 
@@ -145,9 +154,14 @@ def test_the_journal_gets_fields():
     entries = journal_entries("levels", PLEVO_LOG_LEVEL="debug")
     assert len(entries) == 16
     assert [entry["PRIORITY"] for entry in entries[::4]] == ["7", "6", "4", "3"]
-    assert entries[0] == {"MESSAGE": "Probe.cpp: logLevels(42) > CountryCode:[public]",
-                          "PRIORITY": "7", "SYSLOG_IDENTIFIER": "BILLING_SERVICE",
-                          "CODE_FILE": "Probe.cpp", "CODE_FUNC": "logLevels", "CODE_LINE": "42"}
+    assert entries[0] == {
+        "MESSAGE": "Probe.cpp: logLevels(42) > CountryCode:[public]",
+        "PRIORITY": "7",
+        "SYSLOG_IDENTIFIER": "BILLING_SERVICE",
+        "CODE_FILE": "Probe.cpp",
+        "CODE_FUNC": "logLevels",
+        "CODE_LINE": "42",
+    }
     assert "CANARY" not in json.dumps(entries)
 
 
@@ -156,10 +170,18 @@ def test_the_journal_gets_the_values_to_search_for_as_fields():
     assert method["BILLING_METHOD"] == "get_product_list"
     assert method["BILLING_SENDER"] == ":1.42"
     assert {name: value for name, value in transfer.items() if name.startswith("BILLING_")} == {
-        "BILLING_REQUEST": "7", "BILLING_URL": "https://store/products?<private:11 bytes>",
-        "BILLING_CURL_CODE": "0", "BILLING_HTTP_STATUS": "503", "BILLING_NEW_CONNECTIONS": "1",
-        "BILLING_NAME_US": "1", "BILLING_CONNECT_US": "2", "BILLING_TLS_US": "3",
-        "BILLING_FIRST_BYTE_US": "4", "BILLING_WHOLE_US": "5", "BILLING_BYTES": "6"}
+        "BILLING_REQUEST": "7",
+        "BILLING_URL": "https://store/products?<private:11 bytes>",
+        "BILLING_CURL_CODE": "0",
+        "BILLING_HTTP_STATUS": "503",
+        "BILLING_NEW_CONNECTIONS": "1",
+        "BILLING_NAME_US": "1",
+        "BILLING_CONNECT_US": "2",
+        "BILLING_TLS_US": "3",
+        "BILLING_FIRST_BYTE_US": "4",
+        "BILLING_WHOLE_US": "5",
+        "BILLING_BYTES": "6",
+    }
     assert "CANARY" not in json.dumps([method, transfer])
 
 
@@ -167,8 +189,7 @@ def test_the_journal_gets_neither_colours_nor_line_breaks_nor_endless_records():
     entries = journal_entries("twice", "a\n" * 9000)
     assert len(entries) == 2
     for entry in entries:
-        assert re.fullmatch(r"Probe.cpp: logTwice\(42\) > CountryCode:\[(a\\n)+a? <\d+ bytes cut>",
-                            entry["MESSAGE"])
+        assert re.fullmatch(r"Probe.cpp: logTwice\(42\) > CountryCode:\[(a\\n)+a? <\d+ bytes cut>", entry["MESSAGE"])
         assert len(entry["MESSAGE"]) <= 4096
 
 

@@ -8,17 +8,43 @@ import pytest
 PROBE = os.environ["PLATFORM_PROBE"]
 # Where the program's libraries are, in a build folder.
 LOADER = {k: v for k, v in os.environ.items() if k.startswith(("LD_", "ASAN", "LSAN", "TSAN"))}
-STEERING = ["https_proxy", "HTTPS_PROXY", "http_proxy", "ALL_PROXY", "no_proxy", "SSLKEYLOGFILE",
-            "SSL_CERT_FILE", "SSL_CERT_DIR", "CURL_CA_BUNDLE", "OPENSSL_CONF", "OPENSSL_ENGINES",
-            "OPENSSL_MODULES", "RES_OPTIONS", "LOCALDOMAIN", "HOSTALIASES", "GIO_EXTRA_MODULES",
-            "EFL_RUN_IN_TREE", "DBUS_SESSION_BUS_ADDRESS", "ANYTHING_ELSE"]
-KEPT = ["TZ", "G_DEBUG", "SOFTHSM2_CONF", "TPM2_PKCS11_STORE", "DBUS_SYSTEM_BUS_ADDRESS",
-        "DBUS_STARTER_BUS_TYPE", "PLEVO_DEVICE_CONF", "PLEVO_LOG_LEVEL", "LC_ALL", "NOTIFY_SOCKET"]
+STEERING = [
+    "https_proxy",
+    "HTTPS_PROXY",
+    "http_proxy",
+    "ALL_PROXY",
+    "no_proxy",
+    "SSLKEYLOGFILE",
+    "SSL_CERT_FILE",
+    "SSL_CERT_DIR",
+    "CURL_CA_BUNDLE",
+    "OPENSSL_CONF",
+    "OPENSSL_ENGINES",
+    "OPENSSL_MODULES",
+    "RES_OPTIONS",
+    "LOCALDOMAIN",
+    "HOSTALIASES",
+    "GIO_EXTRA_MODULES",
+    "EFL_RUN_IN_TREE",
+    "DBUS_SESSION_BUS_ADDRESS",
+    "ANYTHING_ELSE",
+]
+KEPT = [
+    "TZ",
+    "G_DEBUG",
+    "SOFTHSM2_CONF",
+    "TPM2_PKCS11_STORE",
+    "DBUS_SYSTEM_BUS_ADDRESS",
+    "DBUS_STARTER_BUS_TYPE",
+    "PLEVO_DEVICE_CONF",
+    "PLEVO_LOG_LEVEL",
+    "LC_ALL",
+    "NOTIFY_SOCKET",
+]
 
 
 def started(command=(PROBE, "process"), **variables):
-    done = subprocess.run(command, env={**LOADER, **variables}, stdout=subprocess.PIPE, timeout=60,
-                          check=True)
+    done = subprocess.run(command, env={**LOADER, **variables}, stdout=subprocess.PIPE, timeout=60, check=True)
     lines = done.stdout.decode().splitlines()
     facts = [line[1:] for line in lines if line.startswith("=")]
     return dict(line.split("=", 1) for line in lines if not line.startswith("=")), facts
@@ -66,8 +92,7 @@ def test_a_traced_program_stays_open_to_its_tracer(tmp_path):
     if shutil.which("strace") is None:
         pytest.skip("needs strace")
     command = ["strace", "-o", str(tmp_path / "trace"), PROBE, "process"]
-    if subprocess.run(["strace", "-o", "/dev/null", "true"], check=False,
-                      capture_output=True).returncode != 0:
+    if subprocess.run(["strace", "-o", "/dev/null", "true"], check=False, capture_output=True).returncode != 0:
         pytest.skip("tracing is not allowed here")
     # The search for leaks traces the program itself.
     _, facts = started(command, ASAN_OPTIONS="detect_leaks=0")

@@ -53,8 +53,11 @@ def machine(bare_root, packages):
         for name in ("resolv.conf", "hosts"):
             run("cp", f"/etc/{name}", made.root / "etc")
         made.do("groupadd --gid 12346 app && useradd --uid 12346 --gid 12346 app")
-        made.do("apt-get -qq update && apt-get -qq -y install --no-install-recommends /packages/*.deb && "
-                f"apt-get -qq -y purge {OURS}", timeout=1200)
+        made.do(
+            "apt-get -qq update && apt-get -qq -y install --no-install-recommends /packages/*.deb && "
+            f"apt-get -qq -y purge {OURS}",
+            timeout=1200,
+        )
         yield made
 
 

@@ -16,28 +16,52 @@ class Machine:
 
     # With processes of its own, all of which end with the command. Not by chroot: the kernel gives no namespaces to
     # users in one, and the lab needs them.
-    ENTER = ["unshare", "--mount", "--pid", "--fork", "--kill-child", "sh", "-ec",
-             'mount --make-rprivate / && mount --bind "$0" "$0" && cd "$0" && mount -t proc proc proc && '
-             'mount --rbind /dev dev && mount -t tmpfs tmpfs run && pivot_root . mnt && cd / && '
-             'umount --lazy mnt && exec "$@"']
+    ENTER = [
+        "unshare",
+        "--mount",
+        "--pid",
+        "--fork",
+        "--kill-child",
+        "sh",
+        "-ec",
+        'mount --make-rprivate / && mount --bind "$0" "$0" && cd "$0" && mount -t proc proc proc && '
+        "mount --rbind /dev dev && mount -t tmpfs tmpfs run && pivot_root . mnt && cd / && "
+        'umount --lazy mnt && exec "$@"',
+    ]
 
     def __init__(self, root):
         self.root = root
 
     def do(self, script, timeout=300):
         """Runs a shell script there, as root. @return what it printed"""
-        return run(*self.ENTER, self.root, "/bin/sh", "-ec", script, timeout=timeout,
-                   env={"PATH": "/usr/sbin:/usr/bin:/sbin:/bin", "LC_ALL": "C.UTF-8", "HOME": "/root",
-                        "DEBIAN_FRONTEND": "noninteractive"})
+        return run(
+            *self.ENTER,
+            self.root,
+            "/bin/sh",
+            "-ec",
+            script,
+            timeout=timeout,
+            env={
+                "PATH": "/usr/sbin:/usr/bin:/sbin:/bin",
+                "LC_ALL": "C.UTF-8",
+                "HOME": "/root",
+                "DEBIAN_FRONTEND": "noninteractive",
+            },
+        )
 
     def files(self):
         """Every file and folder with its type, rights and owner, but for records of what was installed when."""
-        listed = self.do(r"find / -xdev \( -path /proc -o -path /dev -o -path /run -o -path /sys -o -path /tmp "
-                         r"-o -path /var/log -o -path /var/cache -o -path /var/lib/dpkg -o -path /var/lib/apt "
-                         r"-o -path /packages \) -prune -o -printf '%p %y%m %u:%g %l\n'")
+        listed = self.do(
+            r"find / -xdev \( -path /proc -o -path /dev -o -path /run -o -path /sys -o -path /tmp "
+            r"-o -path /var/log -o -path /var/cache -o -path /var/lib/dpkg -o -path /var/lib/apt "
+            r"-o -path /packages \) -prune -o -printf '%p %y%m %u:%g %l\n'"
+        )
         # Backups of the databases of users stay, as after every change of them.
-        return {line for line in listed.splitlines()
-                if not line.startswith(("/etc/passwd-", "/etc/group-", "/etc/shadow-", "/etc/gshadow-"))}
+        return {
+            line
+            for line in listed.splitlines()
+            if not line.startswith(("/etc/passwd-", "/etc/group-", "/etc/shadow-", "/etc/gshadow-"))
+        }
 
     def users(self):
         return [(self.root / "etc" / name).read_text(encoding="utf-8") for name in ("passwd", "group")]

@@ -12,20 +12,35 @@ from machine import TREE, run
 PORTING = dict(re.findall(r"```sh ([a-z]+)\n(.*?)```", (TREE / "docs/PORTING.md").read_text(encoding="utf-8"), re.DOTALL))
 
 # An ordinary user, with a home and nothing else.
-A_USER = "mkdir -p /tmp/home && chown 12346 /tmp/home && cd /tmp/home && " \
+A_USER = (
+    "mkdir -p /tmp/home && chown 12346 /tmp/home && cd /tmp/home && "
     "setpriv --reuid=12346 --regid=12346 --clear-groups env HOME=/tmp/home PATH=/usr/bin:/bin sh -ec"
+)
 
 
 def test_nothing_is_wrong_with_the_packages(packages):
     changes = next(packages.glob("*.changes"))
-    done = subprocess.run(["lintian", "--allow-root", "--display-info", "--pedantic", "--tag-display-limit=0",
-                           "--fail-on=error,warning,info,pedantic", changes],
-                          capture_output=True, text=True, check=False)
+    done = subprocess.run(
+        [
+            "lintian",
+            "--allow-root",
+            "--display-info",
+            "--pedantic",
+            "--tag-display-limit=0",
+            "--fail-on=error,warning,info,pedantic",
+            changes,
+        ],
+        capture_output=True,
+        text=True,
+        check=False,
+    )
     assert (done.returncode, done.stdout) == (0, "")
 
 
 def test_a_user_s_lab_runs_on_what_is_installed(installed):
-    said = installed.do(A_USER + """ '
+    said = installed.do(
+        A_USER
+        + """ '
         lab="billing-lab --dir /tmp/home/lab"
         $lab up --json >up.json
         trap "$lab down" EXIT
@@ -37,7 +52,8 @@ def test_a_user_s_lab_runs_on_what_is_installed(installed):
         cat /proc/[0-9]*/cmdline | tr "\\0" "\\n" | grep "libexec"
         bus=$(sed -n "s/.*\\"bus\\": \\"\\([^\\"]*\\)\\".*/\\1/p" up.json)
         billingctl --bus "$bus" check-server-availability
-    '""")
+    '"""
+    )
     assert '"resp_result": 0' in said and "coins-100" in said
     assert "\n/usr/libexec/billing-service\n" in said
     assert '"available": true' in said
@@ -45,7 +61,8 @@ def test_a_user_s_lab_runs_on_what_is_installed(installed):
 
 def test_the_bus_starts_the_service_for_who_may_call_it(installed):
     """The machine's own system bus, with the rules and the activation that were installed."""
-    said = installed.do("""
+    said = installed.do(
+        """
         mkdir -p /run/dbus && dbus-daemon --system --nopidfile
         ask="billingctl --json check-server-availability"
         setpriv --reuid=12346 --regid=12346 --clear-groups $ask || echo "status $?"
@@ -56,7 +73,8 @@ def test_the_bus_starts_the_service_for_who_may_call_it(installed):
         done
         for process in $(dbus-send --system --print-reply=literal --dest=org.freedesktop.DBus /org/freedesktop/DBus \
             org.freedesktop.DBus.GetConnectionUnixUser string:org.plevo.billingservice); do echo "owner $process"; done
-    """)
+    """
+    )
     denied, status, refused, refused_status = said.splitlines()[:4]
     assert "error" in json.loads(denied) and status == "status 5"
     # It has no settings yet, so it says that nothing can be asked.
@@ -76,20 +94,27 @@ def test_the_settings_folder_is_the_service_s_alone(installed):
 @pytest.mark.parametrize("tool", ["billingctl", "billing-provision", "billing-lab"])
 def test_a_tool_tells_its_version_and_those_of_its_libraries(tool, installed):
     said = installed.do(f"{tool} --version").splitlines()
-    assert said[0] == f"{tool} " + installed.do("dpkg-query -W -f'${Version}' " + (
-        "billing-service" if tool == "billing-provision" else tool))
+    assert said[0] == f"{tool} " + installed.do(
+        "dpkg-query -W -f'${Version}' " + ("billing-service" if tool == "billing-provision" else tool)
+    )
     assert len(said) > 2 and any("OpenSSL 3" in line for line in said)
 
 
 def test_a_port_s_library_stays_over_an_upgrade_and_gives_way_again(installed):
-    said = installed.do("cd /tmp && echo mine >libbilling-platform.so.1\n" + PORTING["divert"] + """
+    said = installed.do(
+        "cd /tmp && echo mine >libbilling-platform.so.1\n"
+        + PORTING["divert"]
+        + """
         dpkg --install /packages/billing-service_*.deb >/dev/null
         cat "$library"
         readlink "$library.reference"
-    """ + PORTING["undivert"] + """
+    """
+        + PORTING["undivert"]
+        + """
         readlink "$library"
         rm /tmp/libbilling-platform.so.1
-    """)
+    """
+    )
     assert said.split() == ["mine", "libbilling-platform.so.1.0.0", "libbilling-platform.so.1.0.0"]
 
 
@@ -114,8 +139,7 @@ def test_the_list_of_what_is_inside_names_every_package_and_what_it_needs(packag
         assert entry["checksums"] == [{"algorithm": "SHA256", "checksumValue": digest}]
     ids = {entry["SPDXID"] for entry in listed["packages"]}
     assert len(ids) == len(listed["packages"])
-    relations = {(one["spdxElementId"], one["relationshipType"], one["relatedSpdxElement"])
-                 for one in listed["relationships"]}
+    relations = {(one["spdxElementId"], one["relationshipType"], one["relatedSpdxElement"]) for one in listed["relationships"]}
     assert {end for _, _, end in relations} <= ids
     assert ("SPDXRef-billing-service", "DEPENDS_ON", "SPDXRef-libssl3") in relations
     needed = next(entry for entry in listed["packages"] if entry["name"] == "libssl3")
@@ -126,8 +150,14 @@ def test_the_list_of_what_is_inside_names_every_package_and_what_it_needs(packag
 def test_the_packages_are_the_same_from_another_folder(packages, tmp_path):
     again = tmp_path / "another" / "place"
     run(TREE / "scripts" / "package", again, timeout=1800)
-    digests = [{path.name: hashlib.sha256(path.read_bytes()).hexdigest()
-                for path in folder.glob("billing*") if path.suffix in (".deb", ".json")} for folder in (packages, again)]
+    digests = [
+        {
+            path.name: hashlib.sha256(path.read_bytes()).hexdigest()
+            for path in folder.glob("billing*")
+            if path.suffix in (".deb", ".json")
+        }
+        for folder in (packages, again)
+    ]
     assert digests[0] == digests[1] and len(digests[0]) > 5
 
 
@@ -141,5 +171,15 @@ def test_every_header_can_be_used_alone(packages, tmp_path):
         # The curl wrapper is C++; all others are C.
         languages = ["c++"] if header.name == "MZCurl.h" else ["c", "c++"]
         for language in languages:
-            run("g++" if language == "c++" else "gcc", "-x", language, "-fsyntax-only", "-Wall", "-Werror",
-                *flags, "-include", f"platform/{header.name}", "/dev/null")
+            run(
+                "g++" if language == "c++" else "gcc",
+                "-x",
+                language,
+                "-fsyntax-only",
+                "-Wall",
+                "-Werror",
+                *flags,
+                "-include",
+                f"platform/{header.name}",
+                "/dev/null",
+            )
