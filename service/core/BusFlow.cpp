@@ -57,7 +57,7 @@ void CBusFlow::Reply(BusMessagePtr& pReply)
         return;
     }
     m_ledger.Sent(tCaller, uBytes, iNow);
-    if (!tCaller.bAsked && (tCaller.uUnread > ASK_BYTES || m_bPingUntried)) {
+    if (!tCaller.bAsked && (tCaller.uUnread > AskBytes(tCaller.uWindow) || m_bPingUntried)) {
         AskAbout(tCaller, iNow);
     }
     if (m_ledger.Callers().size() > uKnown) {
@@ -75,7 +75,9 @@ void CBusFlow::Hold(BusCaller& tCaller, BusMessagePtr pReply, std::size_t uBytes
         m_iProgress = iNow;
     }
     m_ledger.Hold(tCaller, std::move(pReply), uBytes, iNow);
-    m_bGiveBack = m_bGiveBack || m_ledger.HeldBytes() > GIVE_BACK_BYTES;
+    if (m_ledger.HeldBytes() > GIVE_BACK_BYTES) {
+        m_iGiveBackAt = iNow + LONGEST_PAUSE_MS;
+    }
     ++tCaller.uHeldReplies;
     m_oPort.WakeAt(iNow + FIRST_PAUSE_MS);
     RefuseExcess(tCaller, iNow);
@@ -120,10 +122,10 @@ void CBusFlow::Known(BusCaller& tCaller, std::size_t uUnread, gint64 iNow)
     ReleaseAll(iNow);
     if (tCaller.held.empty()) {
         m_ledger.ForgetIfSettled(tCaller);
-    } else if (m_eMeans == Means::PING && bProgress && tCaller.uUnread > 0) {
+    } else if (m_eMeans == Means::PING && bProgress && !tCaller.bAsked && tCaller.uUnread > 0) {
         // Its next answer comes when it reads on.
         AskAbout(tCaller, iNow);
-    } else {
+    } else if (!tCaller.bAsked) {
         tCaller.iAskAt = iNow + tCaller.iPause;
         m_oPort.WakeAt(tCaller.iAskAt);
     }
@@ -135,11 +137,16 @@ void CBusFlow::ReleaseAll(gint64 iNow)
         if (tCaller.held.empty()) {
             continue;
         }
+        bool bSome = false;
         while (const BusMessagePtr pNext = m_ledger.TakeNext(tCaller, iNow)) {
             m_oPort.Release(pNext.get());
+            bSome = true;
         }
         if (tCaller.held.empty()) {
             IsOver(tCaller);
+        } else if (bSome && !tCaller.bAsked) {
+            // The bus comes to the question behind them.
+            AskAbout(tCaller, iNow);
         }
     }
 }
@@ -213,17 +220,28 @@ void CBusFlow::Timer()
         AskAboutOthers(iNow);
         m_oPort.WakeAt(iNow + LONGEST_PAUSE_MS);
     }
-    if (m_bGiveBack && m_ledger.HeldBytes() == 0) {
-        m_bGiveBack = false;
-        m_oPort.GiveBack();
-    }
+    GiveBackAtRest(iNow);
     StopCountingStuck(iNow);
-    WakeAt(m_bGiveBack ? iNow + LONGEST_PAUSE_MS : 0);
+    WakeAt(m_iGiveBackAt);
     WakeAt(m_report.TellOver(iNow));
     WakeAt(m_iProofAt);
     WakeAt(m_iPingReportAt);
     const gint64 iStill = m_questions.OldestToBus();
     WakeAt(iStill != 0 ? iStill + BUS_SILENT_MS : 0);
+}
+
+// Between two bursts it would only be taken from the system again.
+void CBusFlow::GiveBackAtRest(gint64 iNow)
+{
+    if (m_iGiveBackAt == 0 || iNow < m_iGiveBackAt) {
+        return;
+    }
+    if (m_ledger.HeldBytes() > 0) {
+        m_iGiveBackAt = iNow + LONGEST_PAUSE_MS;
+        return;
+    }
+    m_iGiveBackAt = 0;
+    m_oPort.GiveBack();
 }
 
 // While callers read on, the next large answer is not received before those that wait have left. What

@@ -68,6 +68,7 @@ private:
     void SentUnknown(std::size_t uBytes, gint64 iNow);
 
     void BeginStory(BusCaller& tCaller, gint64 iNow);
+    void GiveBackAtRest(gint64 iNow);
     void StopCountingStuck(gint64 iNow);
     bool TendCaller(BusCaller& tCaller, gint64 iNow);
     void WakeAt(gint64 iTime);
@@ -89,6 +90,6 @@ private:
     gint64 m_iProofAt = 0;
     gint64 m_iLastProof = 0;
     gint64 m_iProgress = 0;    // when a caller read on, or nothing waited yet
-    bool m_bGiveBack = false;  // much has waited
+    gint64 m_iGiveBackAt = 0;  // much has waited
     bool m_bEnded = false;
 };

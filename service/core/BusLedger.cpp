@@ -3,6 +3,7 @@
 
 #include "BusLimits.h"
 
+#include <algorithm>
 #include <iterator>
 
 using namespace BusLimits;
@@ -64,7 +65,7 @@ BusCaller* CBusLedger::Superfluous()
 
 bool CBusLedger::FitsWindow(const BusCaller& tCaller, std::size_t uBytes) const
 {
-    return tCaller.uUnread == 0 || tCaller.uUnread + uBytes <= WINDOW_BYTES;
+    return tCaller.uUnread == 0 || tCaller.uUnread + uBytes <= tCaller.uWindow;
 }
 
 bool CBusLedger::HasRoom(const BusCaller& tCaller, std::size_t uBytes) const
@@ -83,8 +84,13 @@ void CBusLedger::Sent(BusCaller& tCaller, std::size_t uBytes, gint64 iNow)
 
 void CBusLedger::SetUnread(BusCaller& tCaller, std::size_t uUnread, gint64 iNow)
 {
-    if (uUnread < tCaller.uUnread) {
+    if (uUnread >= tCaller.uUnread) {
+        tCaller.uWindow = WINDOW_BYTES;
+    } else {
         tCaller.iProgress = iNow;
+        if (tCaller.uUnread - uUnread >= AskBytes(tCaller.uWindow)) {
+            tCaller.uWindow = std::min(tCaller.uWindow * 2, WIDEST_WINDOW_BYTES);
+        }
     }
     m_uUnread -= tCaller.uUnread;
     m_uUnread += uUnread;

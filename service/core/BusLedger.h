@@ -2,6 +2,7 @@
 // for each of them.
 #pragma once
 
+#include "BusLimits.h"
 #include "BusMessage.h"
 
 #include <cstdint>
@@ -31,7 +32,8 @@ enum class BusStory {
 /// One caller. Times are milliseconds of the port's clock; 0 is "never" and "not planned".
 struct BusCaller {
     std::string strName;
-    std::size_t uUnread = 0;     ///< bytes sent and not known to be read
+    std::size_t uUnread = 0;                        ///< bytes sent and not known to be read
+    std::size_t uWindow = BusLimits::WINDOW_BYTES;  ///< bytes that may be unread before one waits
     std::size_t uHeldBytes = 0;  ///< what its waiting replies take in the service
     std::list<BusHeldReply> held;
     gint64 iLastSeen = 0;  ///< when it was last sent something, or found to be there

@@ -28,9 +28,16 @@ constexpr std::size_t UNANSWERED_CALLS = 512;
 /// bus charges them to the service: with 127 MiB it stops reading from it, for everybody.
 constexpr std::size_t WINDOW_BYTES = 1 * MIB;
 
-/// Beyond so many bytes the bus is asked what the caller has not read. A question costs 0.22 ms;
-/// below, an ordinary call costs nothing more.
-constexpr std::size_t ASK_BYTES = WINDOW_BYTES / 2;
+/// To so many bytes the window doubles, each time that half of it was read between two questions; it is
+/// as at first once nothing was. Sixteen such windows are the total below.
+constexpr std::size_t WIDEST_WINDOW_BYTES = 4 * WINDOW_BYTES;
+
+/// Beyond such a part of the window the bus is asked what the caller has not read. A question costs
+/// 0.22 ms; below, an ordinary call costs nothing more.
+constexpr std::size_t AskBytes(std::size_t uWindow)
+{
+    return uWindow / 2;
+}
 
 /// Bytes of a reply beside its body: header fields and their padding.
 constexpr std::size_t HEADER_BYTES = 256;

@@ -17,6 +17,7 @@ namespace {
 constexpr const char* LIMITS = "org.freedesktop.DBus.Error.LimitsExceeded";
 constexpr const char* NO_OWNER = "org.freedesktop.DBus.Error.NameHasNoOwner";
 constexpr std::size_t ORDINARY = 400;
+constexpr std::size_t ASK_BYTES = AskBytes(WINDOW_BYTES);
 // Of what may wait: 1 MiB, unless the totals are lowered.
 constexpr std::size_t PART = HELD_BYTES / 32;
 
@@ -35,9 +36,9 @@ TEST_F(ABusFlow, AsksTheBusOnceBeyondHalfAWindow)
     EXPECT_TRUE(reply(":1.1", ORDINARY));
     EXPECT_TRUE(reply(":1.1", ORDINARY));
     EXPECT_EQ(open(BusQuestion::UNREAD), 1u);
-    EXPECT_TRUE(unread(":1.1", 0));
+    EXPECT_TRUE(unread(":1.1", ORDINARY + 1));
     // What came after the question may be unread.
-    EXPECT_TRUE(reply(":1.1", ASK_BYTES - ORDINARY));
+    EXPECT_TRUE(reply(":1.1", ASK_BYTES - 2 * ORDINARY - 1));
     EXPECT_EQ(open(BusQuestion::UNREAD), 0u);
     EXPECT_TRUE(reply(":1.1", ORDINARY));
     EXPECT_EQ(open(BusQuestion::UNREAD), 1u);
@@ -60,6 +61,47 @@ TEST_F(ABusFlow, HoldsWhatIsBeyondTheWindowAndReleasesItInOrder)
     EXPECT_TRUE(unread(":1.1", 0));
     EXPECT_THAT(m_oBus.released, ElementsAre(Pair(":1.1", 2u), Pair(":1.1", 3u)));
     EXPECT_THAT(m_oBus.errors, Each(""));
+}
+
+TEST_F(ABusFlow, AsksAgainBehindWhatItReleased)
+{
+    EXPECT_TRUE(reply(":1.1", WINDOW_BYTES));
+    for (int i = 0; i < 3; i++) {
+        EXPECT_FALSE(reply(":1.1", WIDEST_WINDOW_BYTES));
+    }
+    for (std::size_t uReleased = 1; uReleased <= 3; uReleased++) {
+        EXPECT_TRUE(unread(":1.1", 0)) << "no time has passed";
+        EXPECT_THAT(m_oBus.released, SizeIs(uReleased));
+    }
+}
+
+TEST_F(ABusFlow, WidensTheWindowOfACallerThatReads)
+{
+    reply(":1.1", ORDINARY);
+    for (std::size_t uWindow :
+         {1 * WINDOW_BYTES, 2 * WINDOW_BYTES, 4 * WINDOW_BYTES, 4 * WINDOW_BYTES}) {
+        EXPECT_TRUE(reply(":1.1", uWindow / 2 - ORDINARY));
+        EXPECT_EQ(open(BusQuestion::UNREAD), 0u);
+        EXPECT_TRUE(reply(":1.1", uWindow / 2));
+        EXPECT_FALSE(reply(":1.1", ORDINARY));
+        EXPECT_TRUE(unread(":1.1", 0));
+    }
+    EXPECT_THAT(m_oBus.released, SizeIs(4));
+}
+
+TEST_F(ABusFlow, NarrowsTheWindowOfACallerThatStopsReading)
+{
+    reply(":1.1", WINDOW_BYTES);
+    unread(":1.1", ORDINARY);
+    reply(":1.1", 2 * WINDOW_BYTES - ORDINARY);
+    unread(":1.1", ORDINARY);
+    EXPECT_TRUE(reply(":1.1", WIDEST_WINDOW_BYTES - ORDINARY));
+    EXPECT_FALSE(reply(":1.1", WINDOW_BYTES + ORDINARY));
+    unread(":1.1", WIDEST_WINDOW_BYTES);
+    pass(LONGEST_PAUSE_MS);
+    // It reads again: the window doubles, from the first one.
+    unread(":1.1", WINDOW_BYTES);
+    EXPECT_THAT(m_oBus.released, IsEmpty());
 }
 
 TEST_F(ABusFlow, AsksLessAndLessOftenAboutACallerThatReadsNothing)
@@ -203,7 +245,9 @@ TEST_F(ABusFlow, GivesMemoryBackAfterMuchHasWaited)
     reply(":1.1", WINDOW_BYTES);
     reply(":1.1", GIVE_BACK_BYTES);
     unread(":1.1", 0);
-    pass(LONGEST_PAUSE_MS);
+    pass(LONGEST_PAUSE_MS - 1);
+    EXPECT_EQ(m_oBus.uGivenBack, 0u) << "the next burst may come at once";
+    pass(1);
     EXPECT_EQ(m_oBus.uGivenBack, 1u);
     reply(":1.1", ORDINARY);
     pass(LONGEST_PAUSE_MS);
