@@ -65,7 +65,8 @@ BusCaller* CBusLedger::Superfluous()
 
 bool CBusLedger::FitsWindow(const BusCaller& tCaller, std::size_t uBytes) const
 {
-    return tCaller.uUnread == 0 || tCaller.uUnread + uBytes <= tCaller.uWindow;
+    const std::size_t uWindow = m_uUnread + uBytes <= PLENTY_BYTES ? tCaller.uWindow : WINDOW_BYTES;
+    return tCaller.uUnread == 0 || tCaller.uUnread + uBytes <= uWindow;
 }
 
 bool CBusLedger::HasRoom(const BusCaller& tCaller, std::size_t uBytes) const

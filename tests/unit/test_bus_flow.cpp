@@ -78,15 +78,28 @@ TEST_F(ABusFlow, AsksAgainBehindWhatItReleased)
 TEST_F(ABusFlow, WidensTheWindowOfACallerThatReads)
 {
     reply(":1.1", ORDINARY);
-    for (std::size_t uWindow :
-         {1 * WINDOW_BYTES, 2 * WINDOW_BYTES, 4 * WINDOW_BYTES, 4 * WINDOW_BYTES}) {
+    for (const std::size_t uTimes : {1, 2, 4, 8, 8}) {
+        const std::size_t uWindow = uTimes * WINDOW_BYTES;
         EXPECT_TRUE(reply(":1.1", uWindow / 2 - ORDINARY));
         EXPECT_EQ(open(BusQuestion::UNREAD), 0u);
         EXPECT_TRUE(reply(":1.1", uWindow / 2));
         EXPECT_FALSE(reply(":1.1", ORDINARY));
         EXPECT_TRUE(unread(":1.1", 0));
     }
-    EXPECT_THAT(m_oBus.released, SizeIs(4));
+    EXPECT_THAT(m_oBus.released, SizeIs(5));
+}
+
+TEST_F(ABusFlow, WidensNoWindowWhereMuchIsUnreadByOthers)
+{
+    reply(":1.1", WINDOW_BYTES);
+    unread(":1.1", ORDINARY);
+    EXPECT_TRUE(reply(":1.2", PLENTY_BYTES - 2 * WINDOW_BYTES));
+    EXPECT_TRUE(reply(":1.1", 2 * WINDOW_BYTES - ORDINARY));
+    unread(":1.1", WINDOW_BYTES);
+    EXPECT_TRUE(reply(":1.3", WINDOW_BYTES));
+    EXPECT_FALSE(reply(":1.1", ORDINARY));
+    unread(":1.2", 0);
+    EXPECT_THAT(m_oBus.released, ElementsAre(Pair(":1.1", 5u)));
 }
 
 TEST_F(ABusFlow, NarrowsTheWindowOfACallerThatStopsReading)
@@ -95,9 +108,9 @@ TEST_F(ABusFlow, NarrowsTheWindowOfACallerThatStopsReading)
     unread(":1.1", ORDINARY);
     reply(":1.1", 2 * WINDOW_BYTES - ORDINARY);
     unread(":1.1", ORDINARY);
-    EXPECT_TRUE(reply(":1.1", WIDEST_WINDOW_BYTES - ORDINARY));
+    EXPECT_TRUE(reply(":1.1", 4 * WINDOW_BYTES - ORDINARY));
     EXPECT_FALSE(reply(":1.1", WINDOW_BYTES + ORDINARY));
-    unread(":1.1", WIDEST_WINDOW_BYTES);
+    unread(":1.1", 4 * WINDOW_BYTES);
     pass(LONGEST_PAUSE_MS);
     // It reads again: the window doubles, from the first one.
     unread(":1.1", WINDOW_BYTES);
