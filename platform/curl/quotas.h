@@ -1,6 +1,7 @@
 // quotas.h - how much of what transfers may take, with the reason for each number.
 #pragma once
 
+#include <algorithm>
 #include <chrono>
 #include <cstddef>
 
@@ -24,8 +25,8 @@ constexpr std::size_t kSenderShare = 2;
 constexpr std::size_t kPathShare = 4;
 
 /// Transfers that look up a name at the same time, each in a thread of the resolver: 21 threads in all beside 500 calls to a
-/// mute name server, measured.
-constexpr std::size_t kMostResolving = 16;
+/// mute name server, measured. A quarter of the slots where they are few: the others are for hosts whose names are known.
+constexpr std::size_t kMostResolving = std::min<std::size_t>(16, kMostSlots / 4);
 
 /// A host whose name was known so long ago needs a thread again: libcurl remembers names for 60 s.
 constexpr std::chrono::seconds kNameLife{60};
