@@ -43,53 +43,36 @@ bool HasRoom(Ecore_Pipe* pPipe)
     return poll(&tPoll, 1, 0) == 1 && (tPoll.revents & POLLOUT) != 0;
 }
 
-enum class ResultLog { NONE, PLAIN, ARROW };
-
-// In what the five response callbacks differ.
-struct CallbackText {
-    const char* szOperation;
-    REQUEST_TYPE eType;
-    void (*pfnLogError)();
-    ResultLog eLog;
-};
-
-void LogResult(const CallbackText& tText, bool bSuccess, const std::string& strRsp)
+// What every response callback begins with. @return null where no call is to be answered
+std::unique_ptr<EngineRequestContext> TakeContext(const char* szOperation, void* pUserData)
 {
-    switch (tText.eLog) {
-        case ResultLog::NONE:
-            return;
-        case ResultLog::PLAIN:
-            BILLING_INFO_AS(tText.szOperation, "bResponseCode :%d", bSuccess);
-            BILLING_INFO_AS(tText.szOperation, "strRsp :%s", strRsp.c_str());
-            return;
-        case ResultLog::ARROW:
-            BILLING_INFO_AS(tText.szOperation, "-------> bResponseCode :%d", bSuccess);
-            BILLING_INFO_AS(tText.szOperation, "-------> strRsp :%s", strRsp.c_str());
-            return;
+    BILLING_DEBUG_AS(szOperation, "[START] ");
+    if (pUserData == nullptr) {
+        BILLING_REFUSED_AS(szOperation, "NULL == pUserData");
+        return nullptr;
     }
+    std::unique_ptr<EngineRequestContext> ptReq(static_cast<EngineRequestContext*>(pUserData));
+    if (ptReq->pOwner == nullptr) {
+        ptReq.reset();
+    }
+    return ptReq;
 }
 
-// What every response callback does. It is called from C code, and lets no exception out.
-void SendResult(const CallbackText& tText, bool bSuccess, std::string& strRsp,
-                void* pUserData) noexcept
+// The log of a response, as three of the five callbacks write it.
+void LogResponse(const char* szOperation, bool bSuccess, const std::string& strRsp)
 {
-    BILLING_DEBUG_AS(tText.szOperation, "[START] ");
-    if (pUserData == nullptr) {
-        BILLING_REFUSED_AS(tText.szOperation, "NULL == pUserData");
-        return;
-    }
-    const std::unique_ptr<EngineRequestContext> ptReq(
-        static_cast<EngineRequestContext*>(pUserData));
-    if (ptReq->pOwner == nullptr) {
-        return;
-    }
-    if (!bSuccess) {
-        tText.pfnLogError();
-    }
+    BILLING_INFO_AS(szOperation, "bResponseCode :%d", bSuccess);
+    BILLING_INFO_AS(szOperation, "strRsp :%s", strRsp.c_str());
+}
+
+// What every response callback ends with. No exception comes out: the callbacks are called from C
+// code.
+void SendResult(const char* szOperation, REQUEST_TYPE eType, const EngineRequestContext& tReq,
+                bool bSuccess, std::string& strRsp) noexcept
+{
     BILLING_RETURN_INFO_T tInfo;
     tInfo.iRespResult = bSuccess ? BILLING_RESULT_SUCCESS : BILLING_RESULT_HTTP_ERROR;
-    tInfo.pUser = ptReq->pUser;
-    LogResult(tText, bSuccess, strRsp);
+    tInfo.pUser = tReq.pUser;
     tInfo.pCount = MZCurl::CountBody(strRsp.size());
     try {
         // Copies of a large text would add up.
@@ -98,14 +81,14 @@ void SendResult(const CallbackText& tText, bool bSuccess, std::string& strRsp,
         } else {
             tInfo.strRespInfo = strRsp;
         }
-        ptReq->pOwner->m_WriteRequestResultToPipe(tText.eType, tInfo);
+        tReq.pOwner->m_WriteRequestResultToPipe(eType, tInfo);
     } catch (const std::bad_alloc&) {
-        BILLING_ERROR_AS(tText.szOperation, "no memory for the response, it is answered as failed");
+        BILLING_ERROR_AS(szOperation, "no memory for the response, it is answered as failed");
         tInfo.iRespResult = BILLING_RESULT_HTTP_ERROR;
         tInfo.strRespInfo.clear();
-        ptReq->pOwner->m_WriteRequestResultToPipe(tText.eType, tInfo);
+        tReq.pOwner->m_WriteRequestResultToPipe(eType, tInfo);
     }
-    BILLING_DEBUG_AS(tText.szOperation, "[END] ");
+    BILLING_DEBUG_AS(szOperation, "[END] ");
 }
 
 }  // namespace
@@ -176,29 +159,38 @@ void CBillingEngine::m_Refuse(REQUEST_TYPE eType, const char* szText, void* pUse
     m_WriteRequestResultToPipe(eType, tInfo);
 }
 
-// The way of every request: check for a way out, hand over, or refuse through the pipe.
-// @param submit  bool(EngineRequestContext*): the call into the protocol layer
-template <typename Submit>
-bool CBillingEngine::m_Start(const char* szOperation, REQUEST_TYPE eType, void* pUser,
-                             Submit submit)
+// What every request begins with: its context, and the check for a way out of the device.
+// @return null where the request ends here. The refusal is on its way then, unless memory was
+//   missing.
+std::unique_ptr<EngineRequestContext> CBillingEngine::m_Begin(const char* szOperation,
+                                                              REQUEST_TYPE eType, void* pUser)
 {
     BILLING_DEBUG_AS(szOperation, "[START] ");
     std::unique_ptr<EngineRequestContext> ptReq(new (std::nothrow) EngineRequestContext{});
     if (ptReq == nullptr) {
         BILLING_REFUSED_AS(szOperation, "NULL == ptReq");
-        return false;
+        return nullptr;
     }
     ptReq->pOwner = this;
     ptReq->pUser = pUser;
     if (!m_CheckNetWorkStats()) {
         ptReq.reset();
         m_Refuse(eType, TEXT_NO_NETWORK, pUser);
-        return false;
     }
-    const bool bSubmitted = submit(ptReq.get());
+    return ptReq;
+}
+
+// What every request ends with.
+// @param bSubmitted  the protocol layer's result. True: the callback owns the context, and may have
+//   freed it already.
+// @return bSubmitted
+bool CBillingEngine::m_End(const char* szOperation, REQUEST_TYPE eType, bool bSubmitted,
+                           std::unique_ptr<EngineRequestContext> ptReq)
+{
     if (bSubmitted) {
-        static_cast<void>(ptReq.release());  // the callback's now, which may have run already
+        static_cast<void>(ptReq.release());
     } else {
+        void* const pUser = ptReq->pUser;
         ptReq.reset();
         m_Refuse(eType, TEXT_TRY_LATER, pUser);
     }
@@ -208,39 +200,61 @@ bool CBillingEngine::m_Start(const char* szOperation, REQUEST_TYPE eType, void* 
 
 bool CBillingEngine::GetProducts(CBillingItem oItem, void* pUser)
 {
-    return m_Start(__func__, REQUEST_TYPE_GET_PRODUCTS, pUser, [&](void* pReq) {
-        return m_oHttpRequest.RequestGetProducts(oItem, m_GetProductsCB, pReq);
-    });
+    std::unique_ptr<EngineRequestContext> ptReq =
+        m_Begin(__func__, REQUEST_TYPE_GET_PRODUCTS, pUser);
+    if (ptReq == nullptr) {
+        return false;
+    }
+    const bool bSubmitted = m_oHttpRequest.RequestGetProducts(oItem, m_GetProductsCB, ptReq.get());
+    return m_End(__func__, REQUEST_TYPE_GET_PRODUCTS, bSubmitted, std::move(ptReq));
 }
 
 bool CBillingEngine::PurchaseHistory(CBillingItem, void* pUser)
 {
-    return m_Start(__func__, REQUEST_TYPE_PURCHASE_HISTORY, pUser, [&](void* pReq) {
-        return m_oHttpRequest.RequestPurchaseHistory(PAGE_SIZE, START_INDEX, INVOICE_REQUEST_TYPE,
-                                                     m_PurchaseHistoryCB, pReq);
-    });
+    std::unique_ptr<EngineRequestContext> ptReq =
+        m_Begin(__func__, REQUEST_TYPE_PURCHASE_HISTORY, pUser);
+    if (ptReq == nullptr) {
+        return false;
+    }
+    const bool bSubmitted = m_oHttpRequest.RequestPurchaseHistory(
+        PAGE_SIZE, START_INDEX, INVOICE_REQUEST_TYPE, m_PurchaseHistoryCB, ptReq.get());
+    return m_End(__func__, REQUEST_TYPE_PURCHASE_HISTORY, bSubmitted, std::move(ptReq));
 }
 
 bool CBillingEngine::GetAppliedTime(CBillingItem oItem, void* pUser)
 {
-    return m_Start(__func__, REQUEST_TYPE_GET_APPLIED_TIME, pUser, [&](void* pReq) {
-        return m_oHttpRequest.RequestGetAppliedTime(oItem, m_GetAppliedTimeCB, pReq);
-    });
+    std::unique_ptr<EngineRequestContext> ptReq =
+        m_Begin(__func__, REQUEST_TYPE_GET_APPLIED_TIME, pUser);
+    if (ptReq == nullptr) {
+        return false;
+    }
+    const bool bSubmitted =
+        m_oHttpRequest.RequestGetAppliedTime(oItem, m_GetAppliedTimeCB, ptReq.get());
+    return m_End(__func__, REQUEST_TYPE_GET_APPLIED_TIME, bSubmitted, std::move(ptReq));
 }
 
 bool CBillingEngine::ConfirmPurchase(CBillingItem oItem, void* pUser)
 {
-    return m_Start(__func__, REQUEST_TYPE_CONFIRM_PURCHASE, pUser, [&](void* pReq) {
-        return m_oHttpRequest.RequestConfirmPurchase(oItem, m_ConfirmPurchaseCB, pReq);
-    });
+    std::unique_ptr<EngineRequestContext> ptReq =
+        m_Begin(__func__, REQUEST_TYPE_CONFIRM_PURCHASE, pUser);
+    if (ptReq == nullptr) {
+        return false;
+    }
+    const bool bSubmitted =
+        m_oHttpRequest.RequestConfirmPurchase(oItem, m_ConfirmPurchaseCB, ptReq.get());
+    return m_End(__func__, REQUEST_TYPE_CONFIRM_PURCHASE, bSubmitted, std::move(ptReq));
 }
 
 bool CBillingEngine::CheckServerAvailability(std::string& strText, void* pUser)
 {
-    return m_Start(__func__, REQUEST_TYPE_CHECK_SERVER_AVAILABILITY, pUser, [&](void* pReq) {
-        return m_oHttpRequest.RequestCheckServerAvailability(strText, m_CheckServerAvailabilityCB,
-                                                             pReq);
-    });
+    std::unique_ptr<EngineRequestContext> ptReq =
+        m_Begin(__func__, REQUEST_TYPE_CHECK_SERVER_AVAILABILITY, pUser);
+    if (ptReq == nullptr) {
+        return false;
+    }
+    const bool bSubmitted = m_oHttpRequest.RequestCheckServerAvailability(
+        strText, m_CheckServerAvailabilityCB, ptReq.get());
+    return m_End(__func__, REQUEST_TYPE_CHECK_SERVER_AVAILABILITY, bSubmitted, std::move(ptReq));
 }
 
 void CBillingEngine::m_WriteRequestResultToPipe(REQUEST_TYPE eType, BILLING_RETURN_INFO_T& tInfo)
@@ -271,44 +285,66 @@ void CBillingEngine::m_WriteRequestResultToPipe(REQUEST_TYPE eType, BILLING_RETU
 
 void CBillingEngine::m_PurchaseHistoryCB(bool bSuccess, std::string& strRsp, void* pUserData)
 {
-    SendResult({__func__, REQUEST_TYPE_PURCHASE_HISTORY,
-                [] { BILLING_ERROR_AS("m_PurchaseHistoryCB", "m_PurchaseHistoryCB Http error! "); },
-                ResultLog::NONE},
-               bSuccess, strRsp, pUserData);
+    const std::unique_ptr<EngineRequestContext> ptReq = TakeContext(__func__, pUserData);
+    if (ptReq == nullptr) {
+        return;
+    }
+    if (!bSuccess) {
+        BILLING_ERROR("m_PurchaseHistoryCB Http error! ");
+    }
+    SendResult(__func__, REQUEST_TYPE_PURCHASE_HISTORY, *ptReq, bSuccess, strRsp);
 }
 
 void CBillingEngine::m_GetProductsCB(bool bSuccess, std::string& strRsp, void* pUserData)
 {
-    SendResult({__func__, REQUEST_TYPE_GET_PRODUCTS,
-                [] { BILLING_ERROR_AS("m_GetProductsCB", "m_GetProductsCB Http error! "); },
-                ResultLog::PLAIN},
-               bSuccess, strRsp, pUserData);
+    const std::unique_ptr<EngineRequestContext> ptReq = TakeContext(__func__, pUserData);
+    if (ptReq == nullptr) {
+        return;
+    }
+    if (!bSuccess) {
+        BILLING_ERROR("m_GetProductsCB Http error! ");
+    }
+    LogResponse(__func__, bSuccess, strRsp);
+    SendResult(__func__, REQUEST_TYPE_GET_PRODUCTS, *ptReq, bSuccess, strRsp);
 }
 
 void CBillingEngine::m_GetAppliedTimeCB(bool bSuccess, std::string& strRsp, void* pUserData)
 {
-    SendResult({__func__, REQUEST_TYPE_GET_APPLIED_TIME,
-                [] { BILLING_ERROR_AS("m_GetAppliedTimeCB", "m_GetAppliedTimeCB Http error! "); },
-                ResultLog::PLAIN},
-               bSuccess, strRsp, pUserData);
+    const std::unique_ptr<EngineRequestContext> ptReq = TakeContext(__func__, pUserData);
+    if (ptReq == nullptr) {
+        return;
+    }
+    if (!bSuccess) {
+        BILLING_ERROR("m_GetAppliedTimeCB Http error! ");
+    }
+    LogResponse(__func__, bSuccess, strRsp);
+    SendResult(__func__, REQUEST_TYPE_GET_APPLIED_TIME, *ptReq, bSuccess, strRsp);
 }
 
 void CBillingEngine::m_ConfirmPurchaseCB(bool bSuccess, std::string& strRsp, void* pUserData)
 {
-    SendResult({__func__, REQUEST_TYPE_CONFIRM_PURCHASE,
-                [] { BILLING_ERROR_AS("m_ConfirmPurchaseCB", "m_ConfirmPurchaseCB Http error! "); },
-                ResultLog::PLAIN},
-               bSuccess, strRsp, pUserData);
+    const std::unique_ptr<EngineRequestContext> ptReq = TakeContext(__func__, pUserData);
+    if (ptReq == nullptr) {
+        return;
+    }
+    if (!bSuccess) {
+        BILLING_ERROR("m_ConfirmPurchaseCB Http error! ");
+    }
+    LogResponse(__func__, bSuccess, strRsp);
+    SendResult(__func__, REQUEST_TYPE_CONFIRM_PURCHASE, *ptReq, bSuccess, strRsp);
 }
 
 void CBillingEngine::m_CheckServerAvailabilityCB(bool bSuccess, std::string& strRsp,
                                                  void* pUserData)
 {
-    SendResult({__func__, REQUEST_TYPE_CHECK_SERVER_AVAILABILITY,
-                [] {
-                    BILLING_ERROR_AS("m_CheckServerAvailabilityCB",
-                                     "m_CheckServerAvailabilityCB Http error!");
-                },
-                ResultLog::ARROW},
-               bSuccess, strRsp, pUserData);
+    const std::unique_ptr<EngineRequestContext> ptReq = TakeContext(__func__, pUserData);
+    if (ptReq == nullptr) {
+        return;
+    }
+    if (!bSuccess) {
+        BILLING_ERROR("m_CheckServerAvailabilityCB Http error!");
+    }
+    BILLING_INFO("-------> bResponseCode :%d", bSuccess);
+    BILLING_INFO("-------> strRsp :%s", strRsp.c_str());
+    SendResult(__func__, REQUEST_TYPE_CHECK_SERVER_AVAILABILITY, *ptReq, bSuccess, strRsp);
 }

@@ -7,6 +7,7 @@
 
 #include <Ecore.h>
 
+#include <memory>
 #include <string>
 
 /// Held by CBillingSingleton<CBillingEngine>. Everything runs on the main thread but the five
@@ -58,8 +59,10 @@ public:
 private:
     friend struct EngineProbe;  // the tests' view
 
-    template <typename Submit>
-    bool m_Start(const char* szOperation, REQUEST_TYPE eType, void* pUser, Submit submit);
+    std::unique_ptr<EngineRequestContext> m_Begin(const char* szOperation, REQUEST_TYPE eType,
+                                                  void* pUser);
+    bool m_End(const char* szOperation, REQUEST_TYPE eType, bool bSubmitted,
+               std::unique_ptr<EngineRequestContext> ptReq);
     void m_Refuse(REQUEST_TYPE eType, const char* szText, void* pUser);
 
     CBillingItem m_oItem;  // keeps its place in the record; neither filled nor read
