@@ -1,4 +1,4 @@
-// BillingHttpRequest.cpp - one procedure for every request, and what each request puts into it. The
+// BillingHttpRequest.cpp - the requests. Each one: begin, URL, header and body, log, send. The
 // getters are asked in the order in which their values stand in the request.
 #include "BillingHttpRequest.h"
 
@@ -61,6 +61,27 @@ try {
     throw std::bad_alloc();
 }
 
+/// What every request begins with. @return null when there is no connector; that is logged
+CHttpConnector* Begin(const char* szOperation)
+{
+    BILLING_DEBUG_AS(szOperation, "[START] ");
+    CHttpConnector* const poInstance = BillingInstance<CHttpConnector>();
+    if (NULL == poInstance) {
+        BILLING_ERROR_AS(szOperation, "poInstance  is NULL!");
+        BILLING_REFUSED_AS(szOperation, "NULL == poInstance");
+    }
+    return poInstance;
+}
+
+/// What every request ends with. @return true when the connector has accepted it
+bool Send(const char* szOperation, CHttpConnector& oConnector, _BILLING_HTTP_REQ_INFO_T& tReqInfo)
+{
+    const bool bStarted = tReqInfo.eMethod == HTTP_METHOD_POST ? oConnector.Post(&tReqInfo, false)
+                                                               : oConnector.Get(&tReqInfo, false);
+    BILLING_DEBUG_AS(szOperation, "[END] ");
+    return bStarted;
+}
+
 /// Both forms of the purchase history say the same.
 void LogPurchaseHistory(const char* szOperation, const _BILLING_HTTP_REQ_INFO_T& tReqInfo)
 {
@@ -99,19 +120,11 @@ std::string CBillingHttpRequest::m_Url(const char* szPath) const
     return "https://" + m_strServerHost + szPath;
 }
 
-/// The procedure. @param fill void(_BILLING_HTTP_REQ_INFO_T&): sets URL, header and body, and logs
-/// them
-template <typename Fill>
-bool CBillingHttpRequest::m_Start(const char* szOperation, HTTP_METHOD eMethod,
-                                  ResponseCallback pfnCallback, void* pUserData, Fill fill)
+/// A record without URL, header and body. The host is picked anew for each.
+_BILLING_HTTP_REQ_INFO_T CBillingHttpRequest::m_NewRequest(HTTP_METHOD eMethod,
+                                                           ResponseCallback pfnCallback,
+                                                           void* pUserData)
 {
-    BILLING_DEBUG_AS(szOperation, "[START] ");
-    CHttpConnector* const poInstance = BillingInstance<CHttpConnector>();
-    if (NULL == poInstance) {
-        BILLING_ERROR_AS(szOperation, "poInstance  is NULL!");
-        BILLING_REFUSED_AS(szOperation, "NULL == poInstance");
-        return false;
-    }
     _BILLING_HTTP_REQ_INFO_T tReqInfo;
     Init();
     tReqInfo.eMethod = eMethod;
@@ -119,120 +132,127 @@ bool CBillingHttpRequest::m_Start(const char* szOperation, HTTP_METHOD eMethod,
     tReqInfo.bSSL = m_bSSL;
     tReqInfo.pfnCallback = pfnCallback;
     tReqInfo.pUserData = pUserData;
-    fill(tReqInfo);
-    const bool bStarted = eMethod == HTTP_METHOD_POST ? poInstance->Post(&tReqInfo, false)
-                                                      : poInstance->Get(&tReqInfo, false);
-    BILLING_DEBUG_AS(szOperation, "[END] ");
-    return bStarted;
+    return tReqInfo;
 }
 
 bool CBillingHttpRequest::RequestCheckServerAvailability(std::string&, ResponseCallback pfnCallback,
                                                          void* pUserData)
 {
-    const char* const szOperation = __func__;
-    return m_Start(szOperation, HTTP_METHOD_GET, pfnCallback, pUserData, [&](auto& tReqInfo) {
-        // The server takes the UID for both ids here.
-        const std::string strQuery =
-            Query({"storeid=1", "storeprodcode=1", "guid=" + BillingUtil::GetSSOUID(),
-                   "uid=" + BillingUtil::GetSSOUID(), "lang=" + BillingUtil::GetLanguage()});
-        const std::string strCountry = "countrycode=" + BillingUtil::GetCountryCode();
-        tReqInfo.strUrl = m_Url("/billing/service/v2/country?") + Query({strQuery, strCountry});
-        BILLING_INFO_AS(szOperation, "CountryCode:[%s]", strCountry.c_str());
-        m_GetOSBCommonHeader(tReqInfo.strHeader);
-        BILLING_INFO_AS(szOperation, ">>CheckServerAvailability Url[%s]", tReqInfo.strUrl.c_str());
-        BILLING_INFO_AS(szOperation, ">>CheckServerAvailability m_bSSL : %d ; Header: %s", m_bSSL,
-                        tReqInfo.strHeader.c_str());
-    });
+    CHttpConnector* const poConnector = Begin(__func__);
+    if (poConnector == nullptr) {
+        return false;
+    }
+    _BILLING_HTTP_REQ_INFO_T tReqInfo = m_NewRequest(HTTP_METHOD_GET, pfnCallback, pUserData);
+    // The server takes the UID for both ids here.
+    const std::string strQuery =
+        Query({"storeid=1", "storeprodcode=1", "guid=" + BillingUtil::GetSSOUID(),
+               "uid=" + BillingUtil::GetSSOUID(), "lang=" + BillingUtil::GetLanguage()});
+    const std::string strCountry = "countrycode=" + BillingUtil::GetCountryCode();
+    tReqInfo.strUrl = m_Url("/billing/service/v2/country?") + Query({strQuery, strCountry});
+    BILLING_INFO("CountryCode:[%s]", strCountry.c_str());
+    m_GetOSBCommonHeader(tReqInfo.strHeader);
+    BILLING_INFO(">>CheckServerAvailability Url[%s]", tReqInfo.strUrl.c_str());
+    BILLING_INFO(">>CheckServerAvailability m_bSSL : %d ; Header: %s", m_bSSL,
+                 tReqInfo.strHeader.c_str());
+    return Send(__func__, *poConnector, tReqInfo);
 }
 
 bool CBillingHttpRequest::RequestGetProducts(CBillingItem& oItem, ResponseCallback pfnCallback,
                                              void* pUserData)
 {
-    const char* const szOperation = __func__;
-    return m_Start(szOperation, HTTP_METHOD_GET, pfnCallback, pUserData, [&](auto& tReqInfo) {
-        const std::string strAppId = oItem.strAppId;
-        const std::string strCheckValue = oItem.strCheckValue;
-        tReqInfo.strUrl =
-            m_Url("/billing/product/v2/products?") +
-            Query({"appid=" + strAppId, "guid=" + BillingUtil::GetSSOGUID(),
-                   "uid=" + BillingUtil::GetSSOUID(), "storeid=1&storeprodcode=1",
-                   "countrycode=" + BillingUtil::GetCountryCode(),
-                   "languagecode=" + BillingUtil::GetLanguage(), "checkvalue=" + strCheckValue});
-        m_GetOSBCommonHeader(tReqInfo.strHeader);
-        BILLING_INFO_AS(szOperation, "RequestGetProducts start Url[%s]", tReqInfo.strUrl.c_str());
-        BILLING_INFO_AS(szOperation, "RequestGetProducts start Header: %s",
-                        tReqInfo.strHeader.c_str());
-    });
+    CHttpConnector* const poConnector = Begin(__func__);
+    if (poConnector == nullptr) {
+        return false;
+    }
+    _BILLING_HTTP_REQ_INFO_T tReqInfo = m_NewRequest(HTTP_METHOD_GET, pfnCallback, pUserData);
+    const std::string strAppId = oItem.strAppId;
+    const std::string strCheckValue = oItem.strCheckValue;
+    tReqInfo.strUrl =
+        m_Url("/billing/product/v2/products?") +
+        Query({"appid=" + strAppId, "guid=" + BillingUtil::GetSSOGUID(),
+               "uid=" + BillingUtil::GetSSOUID(), "storeid=1&storeprodcode=1",
+               "countrycode=" + BillingUtil::GetCountryCode(),
+               "languagecode=" + BillingUtil::GetLanguage(), "checkvalue=" + strCheckValue});
+    m_GetOSBCommonHeader(tReqInfo.strHeader);
+    BILLING_INFO("RequestGetProducts start Url[%s]", tReqInfo.strUrl.c_str());
+    BILLING_INFO("RequestGetProducts start Header: %s", tReqInfo.strHeader.c_str());
+    return Send(__func__, *poConnector, tReqInfo);
 }
 
 bool CBillingHttpRequest::RequestPurchaseHistory(std::string strPageSize, std::string strStartIdx,
                                                  std::string strReqType,
                                                  ResponseCallback pfnCallback, void* pUserData)
 {
-    const char* const szOperation = __func__;
-    return m_Start(szOperation, HTTP_METHOD_GET, pfnCallback, pUserData, [&](auto& tReqInfo) {
-        // The custom id is the account's, whatever the caller named.
-        tReqInfo.strUrl =
-            m_Url("/billing/service/v2/user/invoices?") +
-            Query({"customid=" + BillingUtil::GetSSOUID(),
-                   "countrycode=" + BillingUtil::GetCountryCode(),
-                   "languagecode=" + BillingUtil::GetLanguage(),
-                   "GUID=" + BillingUtil::GetSSOGUID(), "UID=" + BillingUtil::GetSSOUID(),
-                   "storeid=1&storeprodcode=1&pagesize=" + std::move(strPageSize),
-                   "startidx=" + std::move(strStartIdx), "reqtype=" + std::move(strReqType)});
-        m_GetOSBCommonHeader(tReqInfo.strHeader);
-        tReqInfo.strHeader += "TvYear: 15\r\n";
-        tReqInfo.strHeader += "TvVersion: 1.2\r\n";
-        LogPurchaseHistory(szOperation, tReqInfo);
-    });
+    CHttpConnector* const poConnector = Begin(__func__);
+    if (poConnector == nullptr) {
+        return false;
+    }
+    _BILLING_HTTP_REQ_INFO_T tReqInfo = m_NewRequest(HTTP_METHOD_GET, pfnCallback, pUserData);
+    // The custom id is the account's, whatever the caller named.
+    tReqInfo.strUrl =
+        m_Url("/billing/service/v2/user/invoices?") +
+        Query({"customid=" + BillingUtil::GetSSOUID(),
+               "countrycode=" + BillingUtil::GetCountryCode(),
+               "languagecode=" + BillingUtil::GetLanguage(), "GUID=" + BillingUtil::GetSSOGUID(),
+               "UID=" + BillingUtil::GetSSOUID(),
+               "storeid=1&storeprodcode=1&pagesize=" + std::move(strPageSize),
+               "startidx=" + std::move(strStartIdx), "reqtype=" + std::move(strReqType)});
+    m_GetOSBCommonHeader(tReqInfo.strHeader);
+    tReqInfo.strHeader += "TvYear: 15\r\n";
+    tReqInfo.strHeader += "TvVersion: 1.2\r\n";
+    LogPurchaseHistory(__func__, tReqInfo);
+    return Send(__func__, *poConnector, tReqInfo);
 }
 
 bool CBillingHttpRequest::RequestPurchaseHistory(CBillingItem& oItem, ResponseCallback pfnCallback,
                                                  void* pUserData)
 {
-    const char* const szOperation = __func__;
-    return m_Start(szOperation, HTTP_METHOD_GET, pfnCallback, pUserData, [&](auto& tReqInfo) {
-        tReqInfo.strUrl =
-            m_Url("/billing/service/v2/user/app/invoices?") +
-            Query({"storeid=1&storeprodcode=1", "GUID=" + BillingUtil::GetSSOGUID(),
-                   "UID=" + BillingUtil::GetSSOUID(), "appid=" + oItem.strAppId,
-                   "customid=" + oItem.strCustomId, "countrycode=" + BillingUtil::GetCountryCode(),
-                   "languagecode=" + BillingUtil::GetLanguage(), "itemtype=" + oItem.strItemType,
-                   "pagenumber=" + oItem.strPageNumber, "checkvalue=" + oItem.strCheckValue}) +
-            "&";
-        m_GetOSBCommonHeader(tReqInfo.strHeader);
-        LogPurchaseHistory(szOperation, tReqInfo);
-    });
+    CHttpConnector* const poConnector = Begin(__func__);
+    if (poConnector == nullptr) {
+        return false;
+    }
+    _BILLING_HTTP_REQ_INFO_T tReqInfo = m_NewRequest(HTTP_METHOD_GET, pfnCallback, pUserData);
+    tReqInfo.strUrl =
+        m_Url("/billing/service/v2/user/app/invoices?") +
+        Query({"storeid=1&storeprodcode=1", "GUID=" + BillingUtil::GetSSOGUID(),
+               "UID=" + BillingUtil::GetSSOUID(), "appid=" + oItem.strAppId,
+               "customid=" + oItem.strCustomId, "countrycode=" + BillingUtil::GetCountryCode(),
+               "languagecode=" + BillingUtil::GetLanguage(), "itemtype=" + oItem.strItemType,
+               "pagenumber=" + oItem.strPageNumber, "checkvalue=" + oItem.strCheckValue}) +
+        "&";
+    m_GetOSBCommonHeader(tReqInfo.strHeader);
+    LogPurchaseHistory(__func__, tReqInfo);
+    return Send(__func__, *poConnector, tReqInfo);
 }
 
 bool CBillingHttpRequest::RequestGetAppliedTime(CBillingItem& oItem, ResponseCallback pfnCallback,
                                                 void* pUserData)
 {
-    const char* const szOperation = __func__;
-    return m_Start(szOperation, HTTP_METHOD_POST, pfnCallback, pUserData, [&](auto& tReqInfo) {
-        m_FillPayment(tReqInfo, "/billing/payment/v2/apply", oItem);
-        BILLING_INFO_AS(szOperation, "RequestGetAppliedTime start Url[%s]",
-                        tReqInfo.strUrl.c_str());
-        BILLING_INFO_AS(szOperation, "RequestGetAppliedTime start Header: %s",
-                        tReqInfo.strHeader.c_str());
-        BILLING_INFO_AS(szOperation, "RequestGetAppliedTime start Body: %s",
-                        tReqInfo.strBody.c_str());
-    });
+    CHttpConnector* const poConnector = Begin(__func__);
+    if (poConnector == nullptr) {
+        return false;
+    }
+    _BILLING_HTTP_REQ_INFO_T tReqInfo = m_NewRequest(HTTP_METHOD_POST, pfnCallback, pUserData);
+    m_FillPayment(tReqInfo, "/billing/payment/v2/apply", oItem);
+    BILLING_INFO("RequestGetAppliedTime start Url[%s]", tReqInfo.strUrl.c_str());
+    BILLING_INFO("RequestGetAppliedTime start Header: %s", tReqInfo.strHeader.c_str());
+    BILLING_INFO("RequestGetAppliedTime start Body: %s", tReqInfo.strBody.c_str());
+    return Send(__func__, *poConnector, tReqInfo);
 }
 
 bool CBillingHttpRequest::RequestConfirmPurchase(CBillingItem& oItem, ResponseCallback pfnCallback,
                                                  void* pUserData)
 {
-    const char* const szOperation = __func__;
-    return m_Start(szOperation, HTTP_METHOD_POST, pfnCallback, pUserData, [&](auto& tReqInfo) {
-        m_FillPayment(tReqInfo, "/billing/payment/v2/confirm", oItem);
-        BILLING_INFO_AS(szOperation, "RequestConfirmPurchase start Url[%s]",
-                        tReqInfo.strUrl.c_str());
-        BILLING_INFO_AS(szOperation, "RequestConfirmPurchase start Header: %s",
-                        tReqInfo.strHeader.c_str());
-        BILLING_INFO_AS(szOperation, "RequestConfirmPurchase start Body: %s",
-                        tReqInfo.strBody.c_str());
-    });
+    CHttpConnector* const poConnector = Begin(__func__);
+    if (poConnector == nullptr) {
+        return false;
+    }
+    _BILLING_HTTP_REQ_INFO_T tReqInfo = m_NewRequest(HTTP_METHOD_POST, pfnCallback, pUserData);
+    m_FillPayment(tReqInfo, "/billing/payment/v2/confirm", oItem);
+    BILLING_INFO("RequestConfirmPurchase start Url[%s]", tReqInfo.strUrl.c_str());
+    BILLING_INFO("RequestConfirmPurchase start Header: %s", tReqInfo.strHeader.c_str());
+    BILLING_INFO("RequestConfirmPurchase start Body: %s", tReqInfo.strBody.c_str());
+    return Send(__func__, *poConnector, tReqInfo);
 }
 
 /// URL, header and body of a payment request.

@@ -35,9 +35,8 @@ public:
     bool RequestConfirmPurchase(CBillingItem& oItem, ResponseCallback pfnCallback, void* pUserData);
 
 private:
-    template <typename Fill>
-    bool m_Start(const char* szOperation, HTTP_METHOD eMethod, ResponseCallback pfnCallback,
-                 void* pUserData, Fill fill);
+    _BILLING_HTTP_REQ_INFO_T m_NewRequest(HTTP_METHOD eMethod, ResponseCallback pfnCallback,
+                                          void* pUserData);
     std::string m_Url(const char* szPath) const;
     void m_FillPayment(_BILLING_HTTP_REQ_INFO_T& tReqInfo, const char* szPath,
                        const CBillingItem& oItem);
