@@ -67,6 +67,7 @@ int main(int count, char** arguments)
         return 0;
     }
     g_pDbusMan->Initialize();
+    // The platform's, which calls Ecore's with the signals kept as they are: SIGTERM's handler stays.
     ecore_init();
     g_pDbusMan->InitEcorePipe();
     ecore_main_loop_begin();

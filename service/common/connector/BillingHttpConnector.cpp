@@ -328,6 +328,8 @@ int CHttpConnector::HandleRequest(void* pUser)
     BILLING_RETURN_IF(NULL == pUser, 0);
     auto* poConnector = static_cast<CHttpConnector*>(pUser);
     int iRunningHandles = 0;
+    // Once, before the loop: it takes over the transfers that wait and does no network work. The
+    // network work, and the transfers that come later, are fdSelect's.
     poConnector->m_DoMultiPerform(iRunningHandles);
     do {
         poConnector->m_CurlMultiSelect(iRunningHandles);
