@@ -28,7 +28,7 @@ namespace {
 /// Logs what is wrong with a value, by its name alone. @return -1
 int wrong(const char* name, const char* fault)
 {
-    __dlog_print(DLOG_ERROR, "BILLING_PLATFORM", "%s %s", name, fault);
+    __dlog_print(DLOG_ERROR, "BILLING_PLATFORM", "settings: %s %s", name, fault);
     return -1;
 }
 

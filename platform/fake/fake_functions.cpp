@@ -30,7 +30,7 @@ fake::Answers answersTo(const std::string& call)
 
 void report(const std::string& name, const char* fault)
 {
-    __dlog_print(DLOG_ERROR, "BILLING_PLATFORM", "%s %s", name.c_str(), fault);
+    __dlog_print(DLOG_ERROR, "BILLING_PLATFORM", "settings: %s %s", name.c_str(), fault);
 }
 
 /// The text as a reader may have it: nullopt when it is not set, empty or holds a control
