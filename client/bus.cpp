@@ -11,14 +11,14 @@ namespace client {
 
 namespace {
 
-constexpr int BUS_TIMEOUT_MS = 10000;
+constexpr int kBusTimeoutMs = 10000;
 
-constexpr const char* START_BUS =
+constexpr const char* kStartBus =
     "start the message bus, or name another one with --bus or DBUS_SYSTEM_BUS_ADDRESS";
-constexpr const char* OPEN_BUS =
+constexpr const char* kOpenBus =
     "call as a user who may open the bus's socket, or name another one with --bus or "
     "DBUS_SYSTEM_BUS_ADDRESS";
-constexpr const char* START_SERVICE =
+constexpr const char* kStartService =
     "start the service (systemctl start billing-service) and look at its log";
 
 /// Cancels what waits, once the time is over. GDBus has no time-out for becoming connected: what
@@ -79,7 +79,7 @@ Unreachable explained(GError* error, double timeout)
     const GPtr<GError> owner(error);
     if (g_error_matches(error, G_DBUS_ERROR, G_DBUS_ERROR_SERVICE_UNKNOWN) ||
         g_error_matches(error, G_DBUS_ERROR, G_DBUS_ERROR_NAME_HAS_NO_OWNER)) {
-        return {std::string("nobody owns the name ") + SERVICE + " on the bus", START_SERVICE};
+        return {std::string("nobody owns the name ") + kService + " on the bus", kStartService};
     }
     if (g_error_matches(error, G_DBUS_ERROR, G_DBUS_ERROR_NO_REPLY)) {
         return {"the service left the bus before it answered",
@@ -97,7 +97,7 @@ Unreachable explained(GError* error, double timeout)
         return {"the bus refused the call: " + textOf(error),
                 "wait for answers that are outstanding"};
     }
-    return {"the call failed: " + textOf(error), START_SERVICE};
+    return {"the call failed: " + textOf(error), kStartService};
 }
 
 }  // namespace
@@ -121,11 +121,11 @@ Bus::Bus(const std::string& address, double timeout)
         if (g_error_matches(error, G_IO_ERROR, G_IO_ERROR_CANCELLED)) {
             throw Unreachable(
                 "what listens at the address of the bus said nothing " + inTime(timeout),
-                START_BUS);
+                kStartBus);
         }
         const bool denied = g_error_matches(error, G_IO_ERROR, G_IO_ERROR_PERMISSION_DENIED);
         throw Unreachable("the system bus cannot be reached: " + textOf(error),
-                          denied ? OPEN_BUS : START_BUS);
+                          denied ? kOpenBus : kStartBus);
     }
 }
 
@@ -140,7 +140,7 @@ Answer Bus::call(const std::string& method, const std::vector<std::string>& argu
     GError* error = nullptr;
     const gint64 began = g_get_monotonic_time();
     const GPtr<GVariant> reply(g_dbus_connection_call_sync(
-        m_connection.get(), SERVICE, OBJECT, SERVICE, method.c_str(),
+        m_connection.get(), kService, kObject, kService, method.c_str(),
         g_variant_builder_end(&builder), G_VARIANT_TYPE("(is)"), G_DBUS_CALL_FLAGS_NONE,
         static_cast<int>(std::lround(timeout * 1000)), nullptr, &error));
     if (reply == nullptr) {
@@ -159,8 +159,9 @@ Ping Bus::ping(double timeout) const
     GError* error = nullptr;
     const gint64 began = g_get_monotonic_time();
     const GPtr<GVariant> reply(g_dbus_connection_call_sync(
-        m_connection.get(), SERVICE, OBJECT, "org.freedesktop.DBus.Peer", "Ping", nullptr, nullptr,
-        G_DBUS_CALL_FLAGS_NONE, static_cast<int>(std::lround(timeout * 1000)), nullptr, &error));
+        m_connection.get(), kService, kObject, "org.freedesktop.DBus.Peer", "Ping", nullptr,
+        nullptr, G_DBUS_CALL_FLAGS_NONE, static_cast<int>(std::lround(timeout * 1000)), nullptr,
+        &error));
     Ping ping;
     ping.milliseconds = static_cast<double>(g_get_monotonic_time() - began) / 1000;
     if (reply != nullptr) {
@@ -181,7 +182,7 @@ GPtr<GVariant> Bus::ask(const char* method, GVariant* arguments) const
 {
     return GPtr<GVariant>(g_dbus_connection_call_sync(
         m_connection.get(), "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
-        method, arguments, nullptr, G_DBUS_CALL_FLAGS_NONE, BUS_TIMEOUT_MS, nullptr, nullptr));
+        method, arguments, nullptr, G_DBUS_CALL_FLAGS_NONE, kBusTimeoutMs, nullptr, nullptr));
 }
 
 std::optional<unsigned> Bus::numberOf(const char* method, const char* name) const
@@ -197,7 +198,7 @@ std::optional<unsigned> Bus::numberOf(const char* method, const char* name) cons
 
 std::optional<Owner> Bus::owner() const
 {
-    const GPtr<GVariant> reply = ask("GetNameOwner", g_variant_new("(s)", SERVICE));
+    const GPtr<GVariant> reply = ask("GetNameOwner", g_variant_new("(s)", kService));
     if (reply == nullptr) {
         return std::nullopt;
     }
@@ -218,7 +219,7 @@ bool Bus::startsService() const
     g_variant_get(reply.get(), "(as)", &names);
     bool found = false;
     while (g_variant_iter_next(names, "&s", &name) != FALSE) {
-        found = found || std::string(name) == SERVICE;
+        found = found || std::string(name) == kService;
     }
     g_variant_iter_free(names);
     return found;

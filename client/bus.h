@@ -11,8 +11,8 @@
 
 namespace client {
 
-inline constexpr const char* SERVICE = "org.plevo.billingservice";
-inline constexpr const char* OBJECT = "/org/plevo/billingservice";
+inline constexpr const char* kService = "org.plevo.billingservice";
+inline constexpr const char* kObject = "/org/plevo/billingservice";
 
 struct GFree {
     void operator()(GError* error) const { g_error_free(error); }

@@ -13,21 +13,21 @@ namespace client {
 
 namespace {
 
-constexpr int RESULT_TRANSFER_FAILED = -1;
-constexpr int RESULT_REFUSED = 1160003;
+constexpr int kResultTransferFailed = -1;
+constexpr int kResultRefused = 1160003;
 
 // They reach the server, or the account's device data stand in their place.
-constexpr Argument APPID{"appid", "--appid", "Application whose products or purchases these are",
-                         true};
-constexpr Argument SERVER_TYPE{"serverType", "--server-type",
+constexpr Argument kAppId{"appid", "--appid", "Application whose products or purchases these are",
+                          true};
+constexpr Argument kServerType{"serverType", "--server-type",
                                "Carried along; the device decides which server is asked", false};
-constexpr Argument CHECK_VALUE{"CheckValue", "--check-value", "Check value, passed on as it is",
+constexpr Argument kCheckValue{"CheckValue", "--check-value", "Check value, passed on as it is",
                                false};
-constexpr Argument CUSTOM_ID{"customId", "--custom-id", "Customer of the application", false};
-constexpr Argument ITEM_TYPE{"ItemType", "--item-type", "Carried along, read by nobody", false};
-constexpr Argument PAGE_NUMBER{"PageNumber", "--page-number",
+constexpr Argument kCustomId{"customId", "--custom-id", "Customer of the application", false};
+constexpr Argument kItemType{"ItemType", "--item-type", "Carried along, read by nobody", false};
+constexpr Argument kPageNumber{"PageNumber", "--page-number",
                                "Carried along: the first page of 20 is always asked for", false};
-constexpr Argument INVOICE_ID{"invoiceid", "--invoiceid", "Invoice of the purchase", true};
+constexpr Argument kInvoiceId{"invoiceid", "--invoiceid", "Invoice of the purchase", true};
 
 void printForPeople(const Method& method, const Answer& answer)
 {
@@ -53,19 +53,19 @@ const std::vector<Method>& methods()
         {"get_product_list",
          "get-product-list",
          "List what an application sells",
-         {APPID, SERVER_TYPE, CHECK_VALUE}},
+         {kAppId, kServerType, kCheckValue}},
         {"get_purchase_history",
          "get-purchase-history",
          "Show the newest purchases of the signed-in account",
-         {APPID, CUSTOM_ID, ITEM_TYPE, PAGE_NUMBER, CHECK_VALUE, SERVER_TYPE}},
+         {kAppId, kCustomId, kItemType, kPageNumber, kCheckValue, kServerType}},
         {"get_applied_time",
          "get-applied-time",
          "Ask when a purchase was applied",
-         {APPID, CUSTOM_ID, INVOICE_ID, SERVER_TYPE}},
+         {kAppId, kCustomId, kInvoiceId, kServerType}},
         {"confirm_purchase",
          "confirm-purchase",
          "Confirm a purchase",
-         {APPID, CUSTOM_ID, INVOICE_ID, SERVER_TYPE}},
+         {kAppId, kCustomId, kInvoiceId, kServerType}},
         {"check_server_availability",
          "check-server-availability",
          "Ask whether the store is there for the device's country",
@@ -79,9 +79,9 @@ const char* meaningOf(int result)
     switch (result) {
         case 0:
             return "the server answered";
-        case RESULT_TRANSFER_FAILED:
+        case kResultTransferFailed:
             return "the transfer failed; billingctl doctor looks for the cause";
-        case RESULT_REFUSED:
+        case kResultRefused:
             return "nothing was sent";
         default:
             return "a result that this version does not know";
@@ -93,9 +93,9 @@ ExitCode exitCodeOf(int result)
     switch (result) {
         case 0:
             return EXIT_DONE;
-        case RESULT_TRANSFER_FAILED:
+        case kResultTransferFailed:
             return EXIT_TRANSFER;
-        case RESULT_REFUSED:
+        case kResultRefused:
             return EXIT_REFUSED;
         default:
             return EXIT_FAILED;
@@ -124,7 +124,7 @@ int call(const Method& method, const std::vector<std::string>& arguments,
 {
     Answer answer;
     try {
-        answer = Bus(options.bus, std::min(options.timeout, BUS_TIMEOUT))
+        answer = Bus(options.bus, std::min(options.timeout, kBusTimeout))
                      .call(method.name, arguments, options.timeout);
     } catch (const Unreachable& error) {
         report(method.name, error.what(), error.cure(), options.json);

@@ -45,7 +45,7 @@ struct CallOptions {
 };
 
 /// How long to wait for the bus itself.
-inline constexpr double BUS_TIMEOUT = 10;
+inline constexpr double kBusTimeout = 10;
 
 /// Calls a method and prints its answer: for people, as JSON, or (raw) the server's body alone.
 /// @return the exit code

@@ -72,7 +72,7 @@ PemFile readPem(const char* path)
     const bool ends = hasAnEnd(path);
     const std::unique_ptr<FILE, FileClose> file(ends ? std::fopen(path, "re") : nullptr);
     if (file == nullptr) {
-        result.error = ends ? errno : NO_FILE;
+        result.error = ends ? errno : kNoFile;
         return result;
     }
     ERR_clear_error();

@@ -17,12 +17,12 @@ using Certificate = std::unique_ptr<X509, CertificateFree>;
 /// False for a pipe, a socket or a device, whose reader might wait for ever.
 bool hasAnEnd(const char* path);
 /// In place of an errno value: the file has no end.
-constexpr int NO_FILE = -1;
+constexpr int kNoFile = -1;
 
 /// What a PEM file holds.
 struct PemFile {
     std::vector<Certificate> certificates;
-    int error = 0;        ///< of opening it, an errno value or NO_FILE
+    int error = 0;        ///< of opening it, an errno value or kNoFile
     bool broken = false;  ///< something follows that looks like a certificate and is none
 };
 

@@ -169,7 +169,7 @@ Finding unreadable(const Patient& patient, const char* check, const std::string&
     }
     const std::string cause =
         path + ": " +
-        (error == NO_FILE ? "a pipe, a socket or a device, and no file" : std::strerror(error));
+        (error == kNoFile ? "a pipe, a socket or a device, and no file" : std::strerror(error));
     if (error == EACCES) {
         return failed(
             check, "closed", cause,

@@ -13,7 +13,7 @@ namespace client {
 class Bus;
 
 /// What vouches for the store. The service has the same.
-inline constexpr const char* CA_BUNDLE = "/opt/down/cert/ca.pem";
+inline constexpr const char* kCaBundle = "/opt/down/cert/ca.pem";
 using places::kFewDays;
 
 struct DoctorOptions {
@@ -47,7 +47,7 @@ struct Patient {
 std::string whyMissing(const char* group, const char* key);
 /// "since this user may not read the settings; run it as root": for checks that depend on them
 Finding settingsClosed(const char* check);
-/// A file that cannot be opened. @param error errno value, or NO_FILE @param cure when it is missing
+/// A file that cannot be opened. @param error errno value, or kNoFile @param cure when it is missing
 Finding unreadable(const Patient& patient, const char* check, const std::string& path, int error,
                    const char* cure);
 

@@ -13,7 +13,7 @@ namespace client {
 namespace {
 
 // 2024-01-01: no clock of a device that was built is before it.
-constexpr time_t EARLIEST = 1704067200;
+constexpr time_t kEarliest = 1704067200;
 
 Finding checkCertificate(const Patient& patient, Certificate& certificate)
 {
@@ -62,7 +62,7 @@ Finding datesOf(const Certificates& certificates)
                                        [](const Certificate& one) { return isOver(one.get()); });
     if (expired == count) {
         return failed(check, "expired",
-                      std::string("every certificate of ") + CA_BUNDLE + " has expired",
+                      std::string("every certificate of ") + kCaBundle + " has expired",
                       "put a newer bundle there; if the clock is wrong, set it");
     }
     const std::string past = expired > 0 ? ", " + std::to_string(expired) + " expired" : "";
@@ -76,7 +76,7 @@ Finding datesOf(const Certificates& certificates)
     if (daysLeft(last->get()) < kFewDays) {
         return warning(check, "expires",
                        text + ", the last of them ends: " + daysText(daysLeft(last->get())),
-                       std::string("put a newer bundle to ") + CA_BUNDLE);
+                       std::string("put a newer bundle to ") + kCaBundle);
     }
     return good(check, text);
 }
@@ -86,8 +86,8 @@ Finding checkBundle(const Patient& patient)
     const char* const check = "CA bundle";
     const char* const cure =
         "put the certificates of the authorities that vouch for the store there, as PEM";
-    const std::string path = CA_BUNDLE;
-    const PemFile file = readPem(CA_BUNDLE);
+    const std::string path = kCaBundle;
+    const PemFile file = readPem(kCaBundle);
     if (file.error != 0) {
         return unreadable(patient, check, path, file.error, cure);
     }
@@ -106,7 +106,7 @@ Finding checkBundle(const Patient& patient)
 Finding checkClock(const X509* certificate)
 {
     const bool early = certificate != nullptr && isBeforeItsTime(certificate);
-    if (std::time(nullptr) < EARLIEST || early) {
+    if (std::time(nullptr) < kEarliest || early) {
         return failed("clock", "early",
                       "the clock says " + clockText() +
                           (early ? ", before the device's certificate is valid" : ""),

@@ -144,7 +144,7 @@ Finding denied(const char* check, const std::string& cause)
 Finding checkName(const Patient& patient, const Bus& bus)
 {
     const char* const check = "name";
-    const std::string name = SERVICE;
+    const std::string name = kService;
     if (const auto owner = bus.owner()) {
         return good(check, name + " is owned by " + describe(*owner, patient.facts));
     }

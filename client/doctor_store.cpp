@@ -80,7 +80,7 @@ Finding certificateRefused(const Server& server, const Handshake& handshake,
             ? " (\"" + nameOf(refused) + "\" is signed by \"" + issuerOf(refused) + "\")"
             : "";
     return failed(check, "not-trusted", error + issuer,
-                  std::string("put the authority that vouches for the store into ") + CA_BUNDLE +
+                  std::string("put the authority that vouches for the store into ") + kCaBundle +
                       "; if it is there, this is not the store, or it does not send its whole "
                       "chain");
 }
@@ -179,7 +179,7 @@ std::string withProxy(const Patient& patient, const std::string& cause)
 
 void checkServer(Findings& findings, Patient& patient, const Server& server)
 {
-    const Attempt made = attempt(server, CA_BUNDLE, patient.options.timeout);
+    const Attempt made = attempt(server, kCaBundle, patient.options.timeout);
     const bool connected = made.handshake.began || made.code == CURLE_SSL_CACERT_BADFILE;
     if (!made.resolved && !connected) {
         endWith(findings,

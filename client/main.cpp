@@ -21,7 +21,7 @@ namespace {
 
 using namespace client;
 
-constexpr const char* FOOTER =
+constexpr const char* kFooter =
     "Exit codes: 0 the server answered (resp_result 0; doctor: all is well), 1 something else\n"
     "failed (doctor: a check), 2 usage, 3 the transfer failed (-1), 4 nothing was sent (1160003),\n"
     "5 the bus or the service cannot be reached or does not answer, 6 doctor: it works, but look.\n"
@@ -230,7 +230,7 @@ void describe(CLI::App& app, std::deque<std::vector<std::string>>& values, Optio
 {
     app.require_subcommand(1);
     app.fallthrough();
-    app.footer(FOOTER);
+    app.footer(kFooter);
     app.set_version_flag("--version", version);
     app.add_option("--bus,--address", options.bus,
                    "Address of the bus; else $DBUS_SYSTEM_BUS_ADDRESS, else the system bus")

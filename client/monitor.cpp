@@ -15,7 +15,7 @@ namespace client {
 
 namespace {
 
-constexpr const char* BUS = "org.freedesktop.DBus";
+constexpr const char* kBus = "org.freedesktop.DBus";
 
 /// A call that has no answer yet.
 struct Pending {
@@ -164,7 +164,7 @@ private:
     void seeSignal(GDBusMessage* message)
     {
         GVariant* const body = g_dbus_message_get_body(message);
-        if (textOf(g_dbus_message_get_sender(message)) != BUS ||
+        if (textOf(g_dbus_message_get_sender(message)) != kBus ||
             textOf(g_dbus_message_get_member(message)) != "NameOwnerChanged" || body == nullptr ||
             g_variant_is_of_type(body, G_VARIANT_TYPE("(sss)")) == FALSE) {
             return;
@@ -235,12 +235,12 @@ void onClosed(GDBusConnection*, gboolean, GError*, gpointer loop)
 void becomeMonitor(GDBusConnection* connection)
 {
     const std::string rules[] = {
-        std::string("type='method_call',interface='") + SERVICE + "'",
-        std::string("type='method_return',sender='") + SERVICE + "'",
-        std::string("type='error',sender='") + SERVICE + "'",
+        std::string("type='method_call',interface='") + kService + "'",
+        std::string("type='method_return',sender='") + kService + "'",
+        std::string("type='error',sender='") + kService + "'",
         // Where nobody takes the call, or nobody is left to answer it.
-        std::string("type='error',sender='") + BUS + "'",
-        std::string("type='signal',sender='") + BUS + "',member='NameOwnerChanged'",
+        std::string("type='error',sender='") + kBus + "'",
+        std::string("type='signal',sender='") + kBus + "',member='NameOwnerChanged'",
     };
     GVariantBuilder builder;
     g_variant_builder_init(&builder, G_VARIANT_TYPE("as"));
@@ -265,14 +265,14 @@ void becomeMonitor(GDBusConnection* connection)
 int monitor(const MonitorOptions& options)
 {
     try {
-        const Bus bus(options.bus, BUS_TIMEOUT);
+        const Bus bus(options.bus, kBusTimeout);
         const GPtr<GMainLoop> loop(g_main_loop_new(nullptr, FALSE));
         Watcher watcher(options, loop.get());
         const guint filter =
             g_dbus_connection_add_filter(bus.connection(), onMessage, &watcher, nullptr);
         becomeMonitor(bus.connection());
         g_signal_connect(bus.connection(), "closed", G_CALLBACK(onClosed), loop.get());
-        std::fprintf(stderr, "Watching %s; Ctrl-C ends it.\n", SERVICE);
+        std::fprintf(stderr, "Watching %s; Ctrl-C ends it.\n", kService);
         if (g_dbus_connection_is_closed(bus.connection()) == FALSE) {
             g_main_loop_run(loop.get());
         }

@@ -15,7 +15,7 @@ namespace client {
 namespace {
 
 constexpr std::size_t kBodyKept = 4096;
-constexpr const char* PATH = "/billing/service/v2/country";
+constexpr const char* kPath = "/billing/service/v2/country";
 
 struct CurlFree {
     void operator()(CURL* curl) const { curl_easy_cleanup(curl); }
@@ -98,7 +98,7 @@ Attempt attempt(const Server& server, const char* bundle, double timeout)
     }
     std::array<char, CURL_ERROR_SIZE> error{};
     CURL* const handle = curl.get();
-    curl_easy_setopt(handle, CURLOPT_URL, ("https://" + server.host + PATH).c_str());
+    curl_easy_setopt(handle, CURLOPT_URL, ("https://" + server.host + kPath).c_str());
     curl_easy_setopt(handle, CURLOPT_ERRORBUFFER, error.data());
     curl_easy_setopt(handle, CURLOPT_TIMEOUT_MS, std::lround(timeout * 1000));
     curl_easy_setopt(handle, CURLOPT_NOSIGNAL, 1L);
