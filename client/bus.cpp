@@ -68,7 +68,7 @@ std::string inTime(double seconds)
 }
 
 /// The text of an error without the name that D-Bus puts before it.
-std::string textOf(GError* error)
+std::string messageOf(GError* error)
 {
     g_dbus_error_strip_remote_error(error);
     return error->message;
@@ -90,14 +90,14 @@ Unreachable explained(GError* error, double timeout)
                 "a transfer may take 90 s: wait longer with --timeout, and look at its log"};
     }
     if (g_error_matches(error, G_DBUS_ERROR, G_DBUS_ERROR_ACCESS_DENIED)) {
-        return {"the bus does not let this user call the service: " + textOf(error),
+        return {"the bus does not let this user call the service: " + messageOf(error),
                 "call as a user of the group that the bus policy names"};
     }
     if (g_error_matches(error, G_DBUS_ERROR, G_DBUS_ERROR_LIMITS_EXCEEDED)) {
-        return {"the bus refused the call: " + textOf(error),
+        return {"the bus refused the call: " + messageOf(error),
                 "wait for answers that are outstanding"};
     }
-    return {"the call failed: " + textOf(error), kStartService};
+    return {"the call failed: " + messageOf(error), kStartService};
 }
 
 }  // namespace
@@ -124,7 +124,7 @@ Bus::Bus(const std::string& address, double timeout)
                 kStartBus);
         }
         const bool denied = g_error_matches(error, G_IO_ERROR, G_IO_ERROR_PERMISSION_DENIED);
-        throw Unreachable("the system bus cannot be reached: " + textOf(error),
+        throw Unreachable("the system bus cannot be reached: " + messageOf(error),
                           denied ? kOpenBus : kStartBus);
     }
 }
@@ -174,7 +174,7 @@ Ping Bus::ping(double timeout) const
     } else if (g_error_matches(error, G_DBUS_ERROR, G_DBUS_ERROR_ACCESS_DENIED)) {
         ping.outcome = Ping::Denied;
     }
-    ping.error = textOf(error);
+    ping.error = messageOf(error);
     return ping;
 }
 

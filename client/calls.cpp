@@ -102,7 +102,8 @@ ExitCode exitCodeOf(int result)
     }
 }
 
-void report(const std::string& what, const std::string& cause, const std::string& cure, bool json)
+void printFailure(const std::string& what, const std::string& cause, const std::string& cure,
+                  bool json)
 {
     if (json) {
         Json::Value value;
@@ -127,7 +128,7 @@ int call(const Method& method, const std::vector<std::string>& arguments,
         answer = Bus(options.bus, std::min(options.timeout, kBusTimeout))
                      .call(method.name, arguments, options.timeout);
     } catch (const Unreachable& error) {
-        report(method.name, error.what(), error.cure(), options.json);
+        printFailure(method.name, error.what(), error.cure(), options.json);
         return EXIT_UNREACHABLE;
     }
     if (options.json) {

@@ -58,6 +58,7 @@ ExitCode exitCodeOf(int result);
 
 /// A command without a result: the cause and the cure, as JSON on standard output or as a line on
 /// standard error. @param what method or command, empty when there is none
-void report(const std::string& what, const std::string& cause, const std::string& cure, bool json);
+void printFailure(const std::string& what, const std::string& cause, const std::string& cure,
+                  bool json);
 
 }  // namespace client

@@ -33,7 +33,7 @@ std::string date(const ASN1_TIME* time)
     return text;
 }
 
-std::string textOf(const GENERAL_NAME* name)
+std::string nameText(const GENERAL_NAME* name)
 {
     int type = 0;
     const auto* const value = static_cast<const ASN1_STRING*>(GENERAL_NAME_get0_value(name, &type));
@@ -51,7 +51,7 @@ std::string textOf(const GENERAL_NAME* name)
     return whole ? inet_ntop(family, bytes, address, sizeof address) : "";
 }
 
-std::string textOf(const X509_NAME* name, int part)
+std::string nameText(const X509_NAME* name, int part)
 {
     char text[256] = "";
     X509_NAME_get_text_by_NID(name, part, text, sizeof text);
@@ -92,7 +92,7 @@ std::string validityOf(const X509* certificate)
 
 std::string nameOf(const X509* certificate)
 {
-    std::string name = textOf(X509_get_subject_name(certificate), NID_commonName);
+    std::string name = nameText(X509_get_subject_name(certificate), NID_commonName);
     return !name.empty() ? name : hostsOf(certificate);
 }
 
@@ -100,7 +100,7 @@ std::string issuerOf(const X509* certificate)
 {
     const X509_NAME* const issuer = X509_get_issuer_name(certificate);
     for (const int part : {NID_commonName, NID_organizationalUnitName, NID_organizationName}) {
-        std::string name = textOf(issuer, part);
+        std::string name = nameText(issuer, part);
         if (!name.empty()) {
             return name;
         }
@@ -114,7 +114,7 @@ std::string hostsOf(const X509* certificate)
         X509_get_ext_d2i(certificate, NID_subject_alt_name, nullptr, nullptr)));
     std::string result;
     for (int i = 0; names != nullptr && i < sk_GENERAL_NAME_num(names.get()); ++i) {
-        const std::string text = textOf(sk_GENERAL_NAME_value(names.get(), i));
+        const std::string text = nameText(sk_GENERAL_NAME_value(names.get(), i));
         result += (result.empty() || text.empty() ? "" : ", ") + text;
     }
     return result.empty() ? "nobody" : result;

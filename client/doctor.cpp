@@ -1,4 +1,4 @@
-// doctor.cpp - the order of the checks, and their report.
+// doctor.cpp - the order of the checks, how their findings are shown, and what several checks say.
 #include "doctor.h"
 
 #include "calls.h"
@@ -97,16 +97,16 @@ std::string hostName()
 
 void printReport(const Findings& findings)
 {
-    Json::Value report;
-    report["version"] = BILLING_VERSION;
-    report["host"] = hostName();
-    report["checks"] = Json::Value(Json::arrayValue);
+    Json::Value result;
+    result["version"] = BILLING_VERSION;
+    result["host"] = hostName();
+    result["checks"] = Json::Value(Json::arrayValue);
     for (const Finding& finding : findings) {
-        report["checks"].append(valueOf(finding));
+        result["checks"].append(valueOf(finding));
     }
-    report["failed"] = count(findings, Outcome::Failed);
-    report["warnings"] = count(findings, Outcome::Warning);
-    printLine(report);
+    result["failed"] = count(findings, Outcome::Failed);
+    result["warnings"] = count(findings, Outcome::Warning);
+    printLine(result);
 }
 
 void printSummary(const Findings& findings)
@@ -155,6 +155,13 @@ void identify(Findings& findings, Patient& patient)
 }
 
 }  // namespace
+
+std::string whyMissing(const char* group, const char* key)
+{
+    const std::string name = std::string("[") + group + "] " + key;
+    return settings::isRefused(group, key) ? name + " holds what it may not, see settings above"
+                                           : name + " is not set";
+}
 
 Finding settingsClosed(const char* check)
 {

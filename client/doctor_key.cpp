@@ -220,13 +220,6 @@ Finding checkKeyMaterial()
 
 }  // namespace
 
-std::string whyMissing(const char* group, const char* key)
-{
-    const std::string name = std::string("[") + group + "] " + key;
-    return settings::isRefused(group, key) ? name + " holds what it may not, see settings above"
-                                           : name + " is not set";
-}
-
 Finding checkKey(Patient& patient)
 {
     Finding finding = checkSignature();

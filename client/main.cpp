@@ -208,7 +208,7 @@ int wrongUsage(const CLI::App& app, const CLI::ParseError& error, bool json)
 {
     const auto commands = app.get_subcommands();
     const std::string command = commands.empty() ? "" : commands[0]->get_name() + " ";
-    report("", causeOf(app, error), "see billingctl " + command + "--help", json);
+    printFailure("", causeOf(app, error), "see billingctl " + command + "--help", json);
     return EXIT_USAGE;
 }
 

@@ -31,7 +31,7 @@ struct Pending {
 /// Caller and serial.
 using Key = std::pair<std::string, guint32>;
 
-std::string textOf(const char* text)
+std::string orEmpty(const char* text)
 {
     return text != nullptr ? text : "";
 }
@@ -41,7 +41,7 @@ std::string nowAs(const char* format)
     GDateTime* const now = g_date_time_new_now_local();
     const GPtr<gchar> text(g_date_time_format(now, format));
     g_date_time_unref(now);
-    return textOf(text.get());
+    return orEmpty(text.get());
 }
 
 /// What is shown of an event: the line, and for programs the value.
@@ -101,9 +101,9 @@ public:
 private:
     void seeCall(GDBusMessage* message)
     {
-        const Key key(textOf(g_dbus_message_get_sender(message)),
+        const Key key(orEmpty(g_dbus_message_get_sender(message)),
                       g_dbus_message_get_serial(message));
-        const std::string method = textOf(g_dbus_message_get_member(message));
+        const std::string method = orEmpty(g_dbus_message_get_member(message));
         if ((g_dbus_message_get_flags(message) & G_DBUS_MESSAGE_FLAGS_NO_REPLY_EXPECTED) == 0) {
             m_pending[key] = {method, g_get_monotonic_time()};
         }
@@ -122,7 +122,7 @@ private:
 
     void seeAnswer(GDBusMessage* message)
     {
-        const Key key(textOf(g_dbus_message_get_destination(message)),
+        const Key key(orEmpty(g_dbus_message_get_destination(message)),
                       g_dbus_message_get_reply_serial(message));
         const auto found = m_pending.find(key);
         if (found == m_pending.end()) {
@@ -136,7 +136,7 @@ private:
         if (body != nullptr && g_variant_is_of_type(body, G_VARIANT_TYPE("(is)")) != FALSE) {
             describe(event, body);
         } else {
-            const std::string error = textOf(g_dbus_message_get_error_name(message));
+            const std::string error = orEmpty(g_dbus_message_get_error_name(message));
             event.value["error"] = error;
             event.line += m_style.bad("error ") + shown(error, false);
         }
@@ -164,8 +164,8 @@ private:
     void seeSignal(GDBusMessage* message)
     {
         GVariant* const body = g_dbus_message_get_body(message);
-        if (textOf(g_dbus_message_get_sender(message)) != kBus ||
-            textOf(g_dbus_message_get_member(message)) != "NameOwnerChanged" || body == nullptr ||
+        if (orEmpty(g_dbus_message_get_sender(message)) != kBus ||
+            orEmpty(g_dbus_message_get_member(message)) != "NameOwnerChanged" || body == nullptr ||
             g_variant_is_of_type(body, G_VARIANT_TYPE("(sss)")) == FALSE) {
             return;
         }
@@ -282,7 +282,7 @@ int monitor(const MonitorOptions& options)
         }
         throw Unreachable("the bus has closed the connection", "start it again");
     } catch (const Unreachable& error) {
-        report("monitor", error.what(), error.cure(), options.json);
+        printFailure("monitor", error.what(), error.cure(), options.json);
         return EXIT_UNREACHABLE;
     }
 }

@@ -173,7 +173,8 @@ int report(const ReportOptions& options)
     }
     if (!write(options.file, text)) {
         const std::string cause = options.file + " cannot be written: " + std::strerror(errno);
-        report("report", cause, "name a file that is not there yet, in a folder with room", false);
+        printFailure("report", cause, "name a file that is not there yet, in a folder with room",
+                     false);
         return EXIT_FAILED;
     }
     return EXIT_DONE;

@@ -150,18 +150,18 @@ int printMistakes(const std::string& path, const std::vector<Mistake>& mistakes,
     const auto bad = std::count_if(mistakes.begin(), mistakes.end(),
                                    [](const Mistake& one) { return !one.harmless; });
     if (json) {
-        Json::Value report;
-        report["file"] = path;
-        report["mistakes"] = Json::Value(Json::arrayValue);
+        Json::Value result;
+        result["file"] = path;
+        result["mistakes"] = Json::Value(Json::arrayValue);
         for (const Mistake& mistake : mistakes) {
             Json::Value value;
             value["line"] = static_cast<Json::UInt64>(mistake.line);
             value["id"] = "settings." + mistake.reason;
             value["outcome"] = mistake.harmless ? "warning" : "failed";
             value["finding"] = mistake.text;
-            report["mistakes"].append(value);
+            result["mistakes"].append(value);
         }
-        printLine(report);
+        printLine(result);
     }
     for (const Mistake& mistake : mistakes) {
         if (!json) {

@@ -44,7 +44,7 @@ std::optional<std::string> bytesOf(const std::string& name)
 }
 
 /// A text as the service may have it.
-std::optional<std::string> textOf(const std::string& name)
+std::optional<std::string> deviceText(const std::string& name)
 {
     auto value = bytesOf(name);
     // An editor's.
@@ -61,7 +61,7 @@ std::optional<std::string> textOf(const std::string& name)
 
 std::optional<int> numberOf(const std::string& name)
 {
-    const auto value = textOf(name);
+    const auto value = deviceText(name);
     return value ? contract::wholeNumber(*value) : std::nullopt;
 }
 
@@ -102,7 +102,7 @@ int print(log_priority prio, const char* tag, const char* format, va_list argume
 
 std::optional<std::string> keystoreText(const char* key)
 {
-    return textOf(std::string("keystore/") + key);
+    return deviceText(std::string("keystore/") + key);
 }
 
 void reportMissing(const char* key, const char* consequence)
@@ -141,7 +141,7 @@ void log_set_caller(const char*) {}
 char* vconf_get_str(const char* key)
 {
     return seam::guarded<char*>(
-        nullptr, [&] { return seam::heapCopy(textOf(std::string("config/") + key)); });
+        nullptr, [&] { return seam::heapCopy(deviceText(std::string("config/") + key)); });
 }
 
 int vconf_get_int(const char* key, int* out)
@@ -157,7 +157,7 @@ int vconf_get_int(const char* key, int* out)
 int runtime_info_get_value_string(runtime_info_key_e key, char** out)
 {
     return seam::guarded(-1, [&] {
-        return key == RUNTIME_INFO_KEY_LANGUAGE ? seam::give(textOf("language"), out) : -1;
+        return key == RUNTIME_INFO_KEY_LANGUAGE ? seam::give(deviceText("language"), out) : -1;
     });
 }
 
@@ -174,18 +174,18 @@ int system_info_get_value_int(system_info_key_e key, int* out)
 
 int sso_get_guid(char** out)
 {
-    return seam::guarded(-1, [&] { return seam::give(textOf("guid"), out); });
+    return seam::guarded(-1, [&] { return seam::give(deviceText("guid"), out); });
 }
 
 int sso_get_auth_token(char** out)
 {
-    return seam::guarded(-1, [&] { return seam::give(textOf("auth_token"), out); });
+    return seam::guarded(-1, [&] { return seam::give(deviceText("auth_token"), out); });
 }
 
 int sso_get_login_info(sso_login_info_s* info)
 {
     return seam::guarded(-1, [&] {
-        const auto id = textOf("login_id");
+        const auto id = deviceText("login_id");
         if (!id || id->size() >= sizeof info->user_id)
             return -1;
         memcpy(info->user_id, id->c_str(), id->size() + 1);
@@ -197,7 +197,7 @@ int connection_profile_check_default_gateway(bool* exists)
 {
     // "up", "down" or the number of an error. A device asks its kernel.
     return seam::guarded(ENOMEM, [&] {
-        const auto state = textOf("gateway");
+        const auto state = deviceText("gateway");
         const auto error = numberOf("gateway");
         if (!error)
             *exists = state == "up";
@@ -215,7 +215,7 @@ int mz_gettimezone(int* utcoff, int* dstoff, void*)
 {
     return seam::guarded(-1, [&] {
         // Two numbers: without daylight saving, and what it adds now.
-        const auto zone = textOf("zone");
+        const auto zone = deviceText("zone");
         int utc = 0;
         int saving = 0;
         if (!zone || sscanf(zone->c_str(), "%d %d", &utc, &saving) != 2)
@@ -231,7 +231,7 @@ char* deployment_get_host(deployment_host_e which)
     return seam::guarded<char*>(nullptr, [&]() -> char* {
         const char* const name =
             which == DEPLOYMENT_HOST_PRODUCTION ? "production_host" : "sandbox_host";
-        const auto host = textOf(name);
+        const auto host = deviceText(name);
         if (host && contract::isBareHost(*host))
             return seam::heapCopy(host);
         wrong(name, host ? "is not a bare host name" : "is not set");
@@ -243,7 +243,7 @@ int deployment_get_credential(uint32_t words[5])
 {
     return seam::guarded(-1, [&] {
         uint32_t read[5];
-        const auto credential = textOf("credential");
+        const auto credential = deviceText("credential");
         if (!credential)
             return wrong("credential", "is not set");
         if (!contract::numbers32(*credential, read, 5))

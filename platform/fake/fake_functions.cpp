@@ -28,7 +28,7 @@ fake::Answers answersTo(const std::string& call)
     return s.answers;
 }
 
-void report(const std::string& name, const char* fault)
+void logWrong(const std::string& name, const char* fault)
 {
     __dlog_print(DLOG_ERROR, "BILLING_PLATFORM", "settings: %s %s", name.c_str(), fault);
 }
@@ -41,7 +41,7 @@ std::optional<std::string> readable(const std::optional<std::string>& value,
     if (!value || value->empty())
         return std::nullopt;
     if (contract::holdsControl(*value)) {
-        report(name, "holds a control character");
+        logWrong(name, "holds a control character");
         return std::nullopt;
     }
     return value;
@@ -202,7 +202,7 @@ char* deployment_get_host(deployment_host_e which)
     const auto host = readable(answers.hosts[index], name);
     if (host && contract::isBareHost(*host))
         return heapCopy(host);
-    report(name, host ? "is not a bare host name" : "is not set");
+    logWrong(name, host ? "is not a bare host name" : "is not set");
     return nullptr;
 }
 

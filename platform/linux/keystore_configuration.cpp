@@ -6,7 +6,7 @@ namespace {
 
 constexpr const char* kGroup = "keystore";
 
-std::optional<std::string> textOf(const char* key)
+std::optional<std::string> settingOf(const char* key)
 {
     return settings::text(kGroup, key);
 }
@@ -20,6 +20,6 @@ void reportMissing(const char* key, const char* consequence)
 
 const keystore::Configuration& keystore::configuration()
 {
-    static constexpr Configuration kConfiguration{textOf, reportMissing};
+    static constexpr Configuration kConfiguration{settingOf, reportMissing};
     return kConfiguration;
 }

@@ -89,11 +89,11 @@ bool tellsOfChange(char* data, std::size_t size)
 bool readReports(int descriptor)
 {
     bool change = false;
-    alignas(nlmsghdr) char report[8192];
+    alignas(nlmsghdr) char messages[8192];
     while (true) {
-        const ssize_t size = recv(descriptor, report, sizeof report, 0);
+        const ssize_t size = recv(descriptor, messages, sizeof messages, 0);
         if (size > 0) {
-            change = tellsOfChange(report, static_cast<std::size_t>(size)) || change;
+            change = tellsOfChange(messages, static_cast<std::size_t>(size)) || change;
         } else if (size < 0 && errno == ENOBUFS) {
             change = true;  // Reports were lost.
         } else if (size == 0 || errno != EINTR) {

@@ -134,7 +134,7 @@ public:
     }
 
     /// Tells Ecore what is ready. @return how much that is
-    int report() const
+    int markReady() const
     {
         int ready = 0;
         for (guint i = static_cast<guint>(m_glibCount); i < m_polled->len; i++)
@@ -174,7 +174,7 @@ int waitForBoth(int count, fd_set* readable, fd_set* writable, fd_set* exception
         error = errno;
         sets.clear();
         if (result > 0)
-            result = turn.report();
+            result = turn.markReady();
         if (g_ended == 0)
             turn.dispatchGlib();
     }

@@ -177,7 +177,7 @@ void describeStatus(CLI::App& app)
         ->callback(provision::status);
 }
 
-int report(int code, const char* text)
+int complain(int code, const char* text)
 {
     if (*text != '\0')
         fprintf(stderr, "billing-provision: %s\n", text);
@@ -237,14 +237,14 @@ int main(int argc, char** argv)
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {
         if (const std::string unknown = unknownCommand(app); !unknown.empty())
-            return report(provision::EXIT_USAGE, unknown.c_str());
+            return complain(provision::EXIT_USAGE, unknown.c_str());
         return app.exit(error) == 0 ? provision::EXIT_DONE : provision::EXIT_USAGE;
     } catch (const provision::Stop& stop) {
-        return report(stop.code(), stop.what());
+        return complain(stop.code(), stop.what());
     } catch (const secure::Error& error) {
-        return report(provision::EXIT_FAILED, error.what());
+        return complain(provision::EXIT_FAILED, error.what());
     } catch (const std::exception& error) {
-        return report(provision::EXIT_FAILED, error.what());
+        return complain(provision::EXIT_FAILED, error.what());
     }
     return provision::EXIT_DONE;
 }

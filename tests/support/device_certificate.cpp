@@ -16,7 +16,7 @@ struct BioFree {
 using Bio = std::unique_ptr<BIO, BioFree>;
 using Key = std::unique_ptr<EVP_PKEY, OpenSslFree>;
 
-std::string textOf(BIO* bio)
+std::string contentsOf(BIO* bio)
 {
     char* text = nullptr;
     const long length = BIO_get_mem_data(bio, &text);
@@ -30,7 +30,7 @@ std::string pemOfKey(const Key& key)
         1) {
         throw std::runtime_error("cannot make a key");
     }
-    return textOf(out.get());
+    return contentsOf(out.get());
 }
 
 }  // namespace
@@ -71,7 +71,7 @@ std::string pemOf(const X509& certificate)
 {
     const Bio out(BIO_new(BIO_s_mem()));
     PEM_write_bio_X509(out.get(), const_cast<X509*>(&certificate));
-    return textOf(out.get());
+    return contentsOf(out.get());
 }
 
 void writeText(const std::string& path, const std::string& text)

@@ -32,7 +32,7 @@ Cache& cache()
     return *instance;
 }
 
-void report(const std::string& problem)
+void logProblem(const std::string& problem)
 {
     __dlog_print(DLOG_ERROR, "BILLING_PLATFORM", "settings: %s", problem.c_str());
 }
@@ -73,7 +73,7 @@ Snapshot current()
         c.missing.clear();
     }
     for (const std::string& problem : values->problems)
-        report(problem);
+        logProblem(problem);
     return values;
 }
 
@@ -117,7 +117,7 @@ void reportMissing(const char* group, const char* key, const char* consequence)
             return;
         path = c.path;
     }
-    report(path + ": [" + group + "] " + key + " is not set; " + consequence);
+    logProblem(path + ": [" + group + "] " + key + " is not set; " + consequence);
 }
 
 }  // namespace settings
