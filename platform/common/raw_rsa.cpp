@@ -2,15 +2,11 @@
 #include "raw_rsa.h"
 
 #include <openssl/bn.h>
-#include <openssl/opensslv.h>
-#include <openssl/rsa.h>
-#include <openssl/x509.h>
-
-#if OPENSSL_VERSION_NUMBER >= 0x30000000L
 #include <openssl/core_names.h>
 #include <openssl/param_build.h>
 #include <openssl/params.h>
-#endif
+#include <openssl/rsa.h>
+#include <openssl/x509.h>
 
 namespace rawrsa {
 
@@ -19,20 +15,9 @@ namespace {
 struct Free {
     void operator()(BIGNUM* number) const { BN_clear_free(number); }
     void operator()(BN_CTX* context) const { BN_CTX_free(context); }
-#if OPENSSL_VERSION_NUMBER >= 0x30000000L
-    void operator()(EVP_PKEY_CTX* context) const
-    {
-        EVP_PKEY_CTX_free(context);
-    }
-    void operator()(OSSL_PARAM_BLD* builder) const
-    {
-        OSSL_PARAM_BLD_free(builder);
-    }
-    void operator()(OSSL_PARAM* parts) const
-    {
-        OSSL_PARAM_free(parts);
-    }
-#endif
+    void operator()(EVP_PKEY_CTX* context) const { EVP_PKEY_CTX_free(context); }
+    void operator()(OSSL_PARAM_BLD* builder) const { OSSL_PARAM_BLD_free(builder); }
+    void operator()(OSSL_PARAM* parts) const { OSSL_PARAM_free(parts); }
 };
 using Number = std::unique_ptr<BIGNUM, Free>;
 using Context = std::unique_ptr<BN_CTX, Free>;
@@ -164,7 +149,6 @@ Number reduced(const Number& exponent, const Number& prime, BN_CTX* room)
     return result;
 }
 
-#if OPENSSL_VERSION_NUMBER >= 0x30000000L
 Number part(EVP_PKEY* key, bool ofModulus, bool ofPrivate)
 {
     const char* const name = ofModulus   ? OSSL_PKEY_PARAM_RSA_N
@@ -190,29 +174,6 @@ EVP_PKEY* recordOf(const Number& modulus, const Number& exponent)
         return nullptr;
     return key;
 }
-#else
-Number part(EVP_PKEY* key, bool ofModulus, bool ofPrivate)
-{
-    const RSA* const rsa = EVP_PKEY_get0_RSA(key);
-    if (rsa == nullptr)
-        return nullptr;
-    const BIGNUM* const number = ofModulus   ? RSA_get0_n(rsa)
-                                 : ofPrivate ? RSA_get0_d(rsa)
-                                             : RSA_get0_e(rsa);
-    return Number(number == nullptr ? nullptr : BN_dup(number));
-}
-
-EVP_PKEY* recordOf(const Number& modulus, const Number& exponent)
-{
-    EVP_PKEY* const key = EVP_PKEY_new();
-    RSA* const rsa = RSA_new();
-    if (key == nullptr || rsa == nullptr)
-        throw std::bad_alloc();
-    RSA_set0_key(rsa, BN_dup(modulus.get()), BN_dup(exponent.get()), nullptr);
-    EVP_PKEY_assign_RSA(key, rsa);
-    return key;
-}
-#endif
 
 }  // namespace
 

@@ -1,5 +1,4 @@
-// BillingOpenSsl.h - OpenSSL as the service uses it: every source takes it from here, and what is
-// different between 1.1.1 and 3 stands here.
+// BillingOpenSsl.h - OpenSSL's headers, holders for its objects, and a guard for its error queue.
 #pragma once
 
 // The key store is reached through an RSA method. Version 3 still carries those calls out, but calls
