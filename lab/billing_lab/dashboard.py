@@ -34,7 +34,6 @@ def routes() -> list[web.RouteDef]:
     return [
         web.get("/", _index),
         web.get("/page/{name:[A-Za-z.-]+}", _file),
-        web.get("/page/vendor/{vendor:[A-Za-z.-]+}", _file),
         web.get("/api/meta", _meta),
         web.post("/api/call", _call),
         web.post("/api/catalogue", _seed),
@@ -58,8 +57,7 @@ async def _index(_request: web.Request) -> web.StreamResponse:
 
 
 async def _file(request: web.Request) -> web.StreamResponse:
-    vendor = request.match_info.get("vendor")
-    return _sent(PAGE / "vendor" / vendor if vendor else PAGE / request.match_info["name"])
+    return _sent(PAGE / request.match_info["name"])
 
 
 def _sent(file: pathlib.Path) -> web.StreamResponse:

@@ -35,6 +35,18 @@ def test_a_call_is_seen_when_it_arrives_and_can_be_looked_into(page, lab):
 
 
 @in_a_browser
+def test_the_plot_shows_each_request_and_the_rate(page, lab):
+    page.open()
+    for _ in range(3):
+        lab.call("get_product_list")
+    page.wait(lambda: len(page.all("#plot circle")) == 3)
+    heights = {point.split(",")[1] for point in page.one("#plot polyline").get_attribute("points").split()}
+    assert len(heights) > 1, "the rate leaves 0"
+    assert "store took (ms)" in page.text("#plot .legend")
+    page.picture("plot")
+
+
+@in_a_browser
 def test_a_call_from_the_page_shows_both_sides(page):
     page.open()
     result, answer = page.call("get_product_list")
@@ -324,10 +336,10 @@ def test_the_page_needs_no_token_and_its_data_do(ask):
     assert status == 200 and b"not a real store" in body
     assert "default-src 'none'" in headers["Content-Security-Policy"]
     assert ask("GET", "/page/main.js", token=False)[1]["Content-Type"].startswith("text/javascript")
-    assert ask("GET", "/page/vendor/uPlot.esm.js", token=False)[0] == 200
+    assert ask("GET", "/page/plot.js", token=False)[0] == 200
     assert ask("GET", "/api/journal", token=False)[0] == 401
     assert ask("GET", "/page/..%2fcore.py", token=False)[0] == 404
-    assert ask("GET", "/page/vendor/uPlot-LICENSE", token=False)[0] == 404
+    assert ask("GET", "/page/no-such.js", token=False)[0] == 404
 
 
 @pytest.mark.parametrize(
