@@ -3,8 +3,8 @@
 
 #include "log_private.h"
 
-#include <algorithm>
-#include <cerrno>
+#include <sys/types.h>
+
 #include <charconv>
 #include <cstddef>
 #include <cstdint>
@@ -22,150 +22,81 @@ struct Arguments {
     va_list list;
 };
 
-enum class Length { None, Char, Short, Long, LongLong, Size, Max, Pointer, LongDouble };
+enum class Length { None, Long, LongLong, Size };
 
 struct Conversion {
-    char flags[6] = "";  // each at most once
-    int width = 0;
-    int precision = -1;
     Length length = Length::None;
     char type = '\0';
 };
 
-int readNumber(const char*& at, Arguments& arguments)
-{
-    if (*at == '*') {
-        at++;
-        return va_arg(arguments.list, int);
-    }
-    int number = 0;
-    for (; *at >= '0' && *at <= '9'; at++)
-        number = number < 10000 ? number * 10 + (*at - '0') : number;
-    return number;
-}
-
 Length readLength(const char*& at)
 {
-    const char letter = *at;
-    if (letter == '\0' || strchr("hlzjtLq", letter) == nullptr)
+    if (*at == 'z') {
+        at++;
+        return Length::Size;
+    }
+    if (*at != 'l')
         return Length::None;
     at++;
-    const bool twice = (letter == 'h' || letter == 'l') && *at == letter;
-    if (twice)
-        at++;
-    switch (letter) {
-        case 'h':
-            return twice ? Length::Char : Length::Short;
-        case 'l':
-            return twice ? Length::LongLong : Length::Long;
-        case 'z':
-            return Length::Size;
-        case 'j':
-            return Length::Max;
-        case 't':
-            return Length::Pointer;
-        case 'L':
-            return Length::LongDouble;
-        default:
-            return Length::LongLong;
-    }
-}
-
-void addFlag(Conversion& conversion, char flag)
-{
-    const std::size_t used = strlen(conversion.flags);
-    if (strchr(conversion.flags, flag) == nullptr && used + 1 < sizeof conversion.flags)
-        conversion.flags[used] = flag;
+    if (*at != 'l')
+        return Length::Long;
+    at++;
+    return Length::LongLong;
 }
 
 /// Reads what stands behind a '%'. @return false when it is not known here
-bool readConversion(const char*& at, Arguments& arguments, Conversion& out)
+bool readConversion(const char*& at, Conversion& out)
 {
-    if (*at == 's' || *at == 'd') {  // most of them
-        out.type = *at++;
-        return true;
-    }
-    for (; *at != '\0' && strchr("-+ #0", *at) != nullptr; at++)
-        addFlag(out, *at);
-    out.width = readNumber(at, arguments);
-    if (*at == '$')
-        return false;
-    if (out.width < 0) {
-        addFlag(out, '-');
-        out.width = -out.width;
-    }
-    if (*at == '.') {
-        at++;
-        out.precision = readNumber(at, arguments);
-    }
     out.length = readLength(at);
     out.type = *at;
-    if (out.type == '\0' || strchr("diuoxXcsaAeEfFgGpm", out.type) == nullptr)
+    const char* const types = out.length == Length::None ? "sduxp" : "dux";
+    if (out.type == '\0' || strchr(types, out.type) == nullptr)
         return false;
     at++;
-    const bool wide = out.length == Length::Long && (out.type == 's' || out.type == 'c');
-    return !wide;
+    return true;
 }
 
-/// Formats one number with the C library.
 template <typename Value>
-void writeNumber(Record& record, const Conversion& conversion, const char* length, Value value)
+void writeNumber(Record& record, Value value, int base)
 {
-    char format[24];
-    char text[512];
-    const int width = conversion.width < 256 ? conversion.width : 256;
-    const int precision = conversion.precision < 100 ? conversion.precision : 100;
-    snprintf(format, sizeof format, "%%%s*.*%s%c", conversion.flags, length, conversion.type);
-    // A negative precision counts as none.
-    const int size = snprintf(text, sizeof text, format, width, precision, value);
-    if (size > 0)
-        record.escaped({text, strnlen(text, sizeof text - 1)});
-}
-
-/// The plain "%d", which most messages have.
-void writeDecimal(Record& record, int value)
-{
-    char text[16];
-    const auto end = std::to_chars(text, text + sizeof text, value).ptr;
+    char text[24];
+    const auto end = std::to_chars(text, text + sizeof text, value, base).ptr;
     record.trusted({text, static_cast<std::size_t>(end - text)});
 }
 
-bool isPlain(const Conversion& c)
+void writeSigned(Record& record, Length length, Arguments& arguments)
 {
-    return c.type == 'd' && c.flags[0] == '\0' && c.width == 0 && c.precision < 0;
-}
-
-void writeInteger(Record& record, const Conversion& c, Arguments& arguments)
-{
-    switch (c.length) {
-        case Length::Char:
-            return writeNumber(record, c, "hh", va_arg(arguments.list, int));
-        case Length::Short:
-            return writeNumber(record, c, "h", va_arg(arguments.list, int));
-        case Length::Long:
-            return writeNumber(record, c, "l", va_arg(arguments.list, long));
-        case Length::LongLong:
-        case Length::LongDouble:
-            return writeNumber(record, c, "ll", va_arg(arguments.list, long long));
-        case Length::Size:
-            return writeNumber(record, c, "z", va_arg(arguments.list, std::size_t));
-        case Length::Max:
-            return writeNumber(record, c, "j", va_arg(arguments.list, std::intmax_t));
-        case Length::Pointer:
-            return writeNumber(record, c, "t", va_arg(arguments.list, std::ptrdiff_t));
+    switch (length) {
         case Length::None:
-            if (isPlain(c))
-                return writeDecimal(record, va_arg(arguments.list, int));
-            return writeNumber(record, c, "", va_arg(arguments.list, int));
+            return writeNumber(record, va_arg(arguments.list, int), 10);
+        case Length::Long:
+            return writeNumber(record, va_arg(arguments.list, long), 10);
+        case Length::LongLong:
+            return writeNumber(record, va_arg(arguments.list, long long), 10);
+        case Length::Size:
+            return writeNumber(record, va_arg(arguments.list, ssize_t), 10);
     }
 }
 
-void writeFloat(Record& record, const Conversion& c, Arguments& arguments)
+void writeUnsigned(Record& record, Length length, int base, Arguments& arguments)
 {
-    if (c.length == Length::LongDouble)
-        writeNumber(record, c, "L", va_arg(arguments.list, long double));
-    else
-        writeNumber(record, c, "", va_arg(arguments.list, double));
+    switch (length) {
+        case Length::None:
+            return writeNumber(record, va_arg(arguments.list, unsigned), base);
+        case Length::Long:
+            return writeNumber(record, va_arg(arguments.list, unsigned long), base);
+        case Length::LongLong:
+            return writeNumber(record, va_arg(arguments.list, unsigned long long), base);
+        case Length::Size:
+            return writeNumber(record, va_arg(arguments.list, std::size_t), base);
+    }
+}
+
+void writePointer(Record& record, const void* value)
+{
+    char text[24];
+    const int size = snprintf(text, sizeof text, "%p", value);
+    record.trusted({text, static_cast<std::size_t>(size)});
 }
 
 void writeValue(Record& record, std::string_view text, Privacy privacy)
@@ -186,21 +117,12 @@ void writeValue(Record& record, std::string_view text, Privacy privacy)
     }
 }
 
-void writeText(Record& record, const Conversion& c, const char* value, Privacy privacy)
+void writeText(Record& record, const char* value, Privacy privacy)
 {
-    const char* const shown = value != nullptr ? value : "(null)";
-    std::size_t most = privacy == Privacy::Hidden ? kMeasured + 1 : SIZE_MAX;
-    if (c.precision >= 0)
-        most = std::min(most, static_cast<std::size_t>(c.precision));
-    const std::size_t size = strnlen(shown, most);
-    const auto width = static_cast<std::size_t>(c.width);
-    const std::size_t padding = width > size ? width - size : 0;
-    const bool left = strchr(c.flags, '-') != nullptr;
-    if (!left)
-        record.blanks(padding);
-    writeValue(record, {shown, size}, value != nullptr ? privacy : Privacy::Public);
-    if (left)
-        record.blanks(padding);
+    if (value == nullptr)
+        return record.trusted("(null)");
+    const std::size_t most = privacy == Privacy::Hidden ? kMeasured + 1 : SIZE_MAX;
+    writeValue(record, {value, strnlen(value, most)}, privacy);
 }
 
 class Writer {
@@ -226,7 +148,7 @@ public:
             } else {
                 const char* const start = at++;
                 Conversion conversion;
-                if (!readConversion(at, arguments, conversion)) {
+                if (!readConversion(at, conversion)) {
                     // The arguments are out of step from here on.
                     m_record.escaped(start);
                     break;
@@ -268,23 +190,17 @@ private:
         if (c.type == 's') {
             const char* const value = va_arg(arguments.list, const char*);
             noteOrigin(value, 0);
-            writeText(m_record, c, value, privacy);
-        } else if (c.type == 'c') {
-            const char character = static_cast<char>(va_arg(arguments.list, int));
-            writeValue(m_record, {&character, 1}, privacy);
-        } else if (c.type == 'm') {
-            char text[128];
-            writeText(m_record, c, strerror_r(errno, text, sizeof text), Privacy::Public);
+            writeText(m_record, value, privacy);
         } else if (c.type == 'p') {
-            writeNumber(m_record, c, "", va_arg(arguments.list, void*));
-        } else if (strchr("aAeEfFgG", c.type) != nullptr) {
-            writeFloat(m_record, c, arguments);
+            writePointer(m_record, va_arg(arguments.list, const void*));
         } else if (c.type == 'd' && m_originLeft == 1) {
             const int line = va_arg(arguments.list, int);
             noteOrigin(nullptr, line);
-            writeDecimal(m_record, line);
+            writeNumber(m_record, line, 10);
+        } else if (c.type == 'd') {
+            writeSigned(m_record, c.length, arguments);
         } else {
-            writeInteger(m_record, c, arguments);
+            writeUnsigned(m_record, c.length, c.type == 'x' ? 16 : 10, arguments);
         }
     }
 

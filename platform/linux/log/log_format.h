@@ -37,8 +37,9 @@ struct Parts {
     std::size_t fieldCount = 0;
 };
 
-/// Writes the message; the record is not finished. A conversion that is not known here (%n, wide
-/// texts, numbered arguments) is written as it stands, and so is all that follows it.
+/// Writes the message; the record is not finished. Known are the conversions that messages of the
+/// service have: %s, %p, and %d, %u and %x, these with l, ll or z. Any other one is written as it
+/// stands, and so is all that follows it.
 Parts writeMessage(Record& record, const FormatOptions& options, const char* format,
                    va_list arguments);
 

@@ -107,12 +107,6 @@ void Record::colour(std::string_view code)
     m_used += code.size();
 }
 
-void Record::blanks(std::size_t count)
-{
-    for (std::size_t i = 0; i < count && m_cut == 0; i++)
-        piece(" ");
-}
-
 void Record::hidden(std::size_t size)
 {
     char digits[24];

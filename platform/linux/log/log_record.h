@@ -23,7 +23,6 @@ public:
     void escaped(std::string_view text);
     /// Adds a colour code, which has room even when the text was cut.
     void colour(std::string_view code);
-    void blanks(std::size_t count);
     /// Adds what stands for a value that is hidden. @param size more than kMeasured is told as that
     void hidden(std::size_t size);
 

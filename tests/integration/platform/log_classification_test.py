@@ -15,6 +15,8 @@ FOLDERS = ("client", "platform", "service")
 TABLES = {"MESSAGE": "log_private.inc", "FIELDS": "log_fields.inc", "STEP": "log_steps.inc"}
 TEXT = r'"(?:\\.|[^"\\])*"'
 CONVERSION = re.compile(r"%(?:%|[-+ #0]*(?:\d+|\*)?(?:\.(?:\d+|\*))?(?:hh|h|ll|l|z|j|t|L)?([a-zA-Z]))")
+# What the log writes; any other conversion would stand in the record as it is.
+WRITTEN = re.compile(r"%(?:%|[sp]|(?:l|ll|z)?[dux])")
 ORIGIN = "%s: %s(%d) > "
 COLOURS = ["\033[0;33m", "\033[0;31m", "\033[0;m"]
 # Of the files that the samples below need.
@@ -65,6 +67,8 @@ def faults(given):
             yield f"{place}: {wrong}"
         elif {"s", "c"} & set(conversions(text)) and text not in known:
             yield f"{place}: add to {TABLES['MESSAGE']}, by what its texts hold: {text!r}"
+        elif "%" in WRITTEN.sub("", text):
+            yield f"{place}: a conversion that the log does not write: {text!r}"
 
 
 def test_every_message_that_prints_a_text_is_classified():
@@ -111,6 +115,9 @@ def test_a_text_without_words_stands_at_one_place():
         "BILLING_WARN(text);",
         '__dlog_print(DLOG_INFO, TAG, "%s: %s(%d) > \\e[0;33mnew %s\\e[0;m", a, b, 1, c);',
         'BILLING_DEBUG("%c", c);',
+        'BILLING_DEBUG("count %5d", count);',
+        'BILLING_DEBUG("share %f", share);',
+        'BILLING_DEBUG("count %hd", count);',
         'BILLING_INFO(PREFIX "CountryCode:[%s]", a);',
         '#define PREFIX "new "\nBILLING_INFO(PREFIX "CountryCode:[%s]", a);',
         '#define SAY(a) \\\n    BILLING_INFO("new " \\\n    "%s", a)',

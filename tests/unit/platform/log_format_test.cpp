@@ -67,35 +67,19 @@ std::string renderPublic(const std::string& argument)
 TEST(LogFormat, WritesNumbersAsTheCLibraryDoes)
 {
 #define SAME(...) EXPECT_EQ(render(__VA_ARGS__), printed(__VA_ARGS__))
-    SAME("%d %i %u %o %x %X", -1, 2, 3U, 8U, 255U, 255U);
-    SAME("[%5d|%-5d|%05d|%+d|% d|%#x|%.3d]", 42, 42, 42, 42, 42, 42U, 42);
-    SAME("%ld %lu %lld %llu", -1L, 1UL, INT64_MIN + 0LL, UINT64_MAX + 0ULL);
-    SAME("%hd %hhd %zu %jd %td", 70000, 300, sizeof(int), intmax_t{-5}, ptrdiff_t{9});
-    SAME("%f %.2f %e %g %a %Lf", 1.5, 2.345, 1e10, 0.1, 1.0, 3.25L);
-    SAME("%f", 1e300);
-    SAME("%*d|%-*d|%.*f|%*d", 6, 1, 6, 2, 1, 2.55, -6, 3);
+    SAME("%d %d %u %x", -1, INT32_MAX, 3U, 255U);
+    SAME("%ld %lu %lx %lld %llu %llx", -1L, 1UL, 10UL, INT64_MIN + 0LL, UINT64_MAX + 0ULL, 7ULL);
+    SAME("%zu %zd %zx", SIZE_MAX, ssize_t{-5}, std::size_t{255});
     SAME("%p %p", static_cast<void*>(&g_origin), static_cast<void*>(nullptr));
     SAME("100%% %d%%", 5);
-    SAME("%200d", 1);
 #undef SAME
 }
 
-TEST(LogFormat, WritesPublicTextsWithWidthAndPrecision)
+TEST(LogFormat, WritesPublicTexts)
 {
     EXPECT_EQ(render("%s: %s(%d) > x", AT), HEAD "x");
-    EXPECT_EQ(render("%6s: %-4s(%d) > ", "a", "b", 1),
-              "     <private:1 bytes>: <private:1 bytes>   (1) > ");
     EXPECT_EQ(render("settings: %s", "abc"), "settings: abc");
-    const FormatOptions show{false, true};
-    EXPECT_EQ(renderWith(show, "[%6s|%-6s|%.2s|%.*s|%c]", "abc", "abc", "abc", 1, "abc", 'x'),
-              "[   abc|abc   |ab|a|x]");
-}
-
-TEST(LogFormat, StopsReadingATextAtItsPrecision)
-{
-    const char raw[3] = {'a', 'b', 'c'};
-    EXPECT_EQ(renderWith({false, true}, "%.3s", raw), "abc");
-    EXPECT_EQ(render("%.3s", raw), "<private:3 bytes>");
+    EXPECT_EQ(renderWith({false, true}, "[%s|%s]", "abc", ""), "[abc|]");
 }
 
 TEST(LogFormat, ReadsAHiddenTextOnlySoFarAsItTellsItsSize)
@@ -120,7 +104,6 @@ TEST(LogFormat, EscapesControlCharactersOfArguments)
     EXPECT_EQ(renderPublic("\x1b[31m\x07\x7f\x01"), "\\x1b[31m\\x07\\x7f\\x01");
     EXPECT_EQ(renderPublic("\033[0;33m"), "\\x1b[0;33m");
     EXPECT_EQ(renderPublic("end\n"), "end\\n");
-    EXPECT_EQ(renderWith({true, true}, "%c%c", '\0', '\n'), "\\x00\\n");
 }
 
 TEST(LogFormat, KeepsUtf8AndEscapesWhatIsNone)
@@ -178,8 +161,8 @@ TEST(LogFormat, HidesOfAUrlWhatFollowsTheFirstQuestionMark)
 
 TEST(LogFormat, HidesEveryTextOfAMessageThatIsNotClassified)
 {
-    EXPECT_EQ(render(ORIGIN "new message %s %d %s%c", AT, "a", 5, "bc", 'x'),
-              HEAD "new message <private:1 bytes> 5 <private:2 bytes><private:1 bytes>");
+    EXPECT_EQ(render(ORIGIN "new message %s %d %s", AT, "a", 5, "bc"),
+              HEAD "new message <private:1 bytes> 5 <private:2 bytes>");
     EXPECT_EQ(render("%s", "a"), "<private:1 bytes>");
 }
 
@@ -215,6 +198,11 @@ TEST(LogFormat, WritesAConversionThatItDoesNotKnowAsItStands)
     EXPECT_EQ(count, 99);
     EXPECT_EQ(render("%2$s %1$s", "s3cr3t", "s3cr3t"), "%2$s %1$s");
     EXPECT_EQ(render("%ls", L"s3cr3t"), "%ls");
+    EXPECT_EQ(render("%5d %s", 1, "s3cr3t"), "%5d %s");
+    EXPECT_EQ(render("%.2s %s", "s3cr3t", "s3cr3t"), "%.2s %s");
+    EXPECT_EQ(render("%f %s", 1.5, "s3cr3t"), "%f %s");
+    EXPECT_EQ(render("%lp %s", nullptr, "s3cr3t"), "%lp %s");
+    EXPECT_EQ(render("%l"), "%l");
     EXPECT_EQ(render("100%"), "100%");
     EXPECT_EQ(render("%-"), "%-");
 }

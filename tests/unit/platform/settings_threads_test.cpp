@@ -75,6 +75,9 @@ TEST(SettingsThreads, SurviveAFileThatIsWrittenInPlaceAndCut)
     EXPECT_EQ(settings::text("account", "guid"), "end");
 }
 
+#define BLANKS_50 "                                                  "
+#define BLANKS_300 BLANKS_50 BLANKS_50 BLANKS_50 BLANKS_50 BLANKS_50 BLANKS_50
+
 TEST(LogThreads, WriteWholeLines)
 {
     const device::CapturedLog log;
@@ -82,7 +85,7 @@ TEST(LogThreads, WriteWholeLines)
     for (int thread = 0; thread < 4; thread++) {
         threads.emplace_back([thread] {
             for (int i = 0; i < 500; i++)
-                __dlog_print(DLOG_ERROR, "T", "thread %d record %d%300d", thread, i, 0);
+                __dlog_print(DLOG_ERROR, "T", "thread %d record %d" BLANKS_300, thread, i);
         });
     }
     for (std::thread& thread : threads)
