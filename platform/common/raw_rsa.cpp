@@ -1,26 +1,17 @@
 // platform/common/raw_rsa.cpp - RSA with 2048 bits on bare numbers.
 #include "raw_rsa.h"
 
-#include <openssl/bn.h>
 #include <openssl/core_names.h>
-#include <openssl/param_build.h>
-#include <openssl/params.h>
 #include <openssl/rsa.h>
-#include <openssl/x509.h>
+
+#include <algorithm>
 
 namespace rawrsa {
 
 namespace {
 
-struct Free {
-    void operator()(BIGNUM* number) const { BN_clear_free(number); }
-    void operator()(BN_CTX* context) const { BN_CTX_free(context); }
-    void operator()(EVP_PKEY_CTX* context) const { EVP_PKEY_CTX_free(context); }
-    void operator()(OSSL_PARAM_BLD* builder) const { OSSL_PARAM_BLD_free(builder); }
-    void operator()(OSSL_PARAM* parts) const { OSSL_PARAM_free(parts); }
-};
-using Number = std::unique_ptr<BIGNUM, Free>;
-using Context = std::unique_ptr<BN_CTX, Free>;
+using Number = openssl::Owner<BIGNUM>;
+using Context = openssl::Owner<BN_CTX>;
 
 constexpr int kBits = 2048;
 constexpr BN_ULONG kPublicExponents[] = {65537, 3, 17, 257};
@@ -161,13 +152,13 @@ Number part(EVP_PKEY* key, bool ofModulus, bool ofPrivate)
 
 EVP_PKEY* recordOf(const Number& modulus, const Number& exponent)
 {
-    const std::unique_ptr<OSSL_PARAM_BLD, Free> builder(OSSL_PARAM_BLD_new());
-    const std::unique_ptr<EVP_PKEY_CTX, Free> context(EVP_PKEY_CTX_new_id(EVP_PKEY_RSA, nullptr));
+    const openssl::Owner<OSSL_PARAM_BLD> builder(OSSL_PARAM_BLD_new());
+    const openssl::Owner<EVP_PKEY_CTX> context(EVP_PKEY_CTX_new_id(EVP_PKEY_RSA, nullptr));
     if (builder == nullptr || context == nullptr ||
         !OSSL_PARAM_BLD_push_BN(builder.get(), OSSL_PKEY_PARAM_RSA_N, modulus.get()) ||
         !OSSL_PARAM_BLD_push_BN(builder.get(), OSSL_PKEY_PARAM_RSA_E, exponent.get()))
         return nullptr;
-    const std::unique_ptr<OSSL_PARAM, Free> parts(OSSL_PARAM_BLD_to_param(builder.get()));
+    const openssl::Owner<OSSL_PARAM> parts(OSSL_PARAM_BLD_to_param(builder.get()));
     EVP_PKEY* key = nullptr;
     if (parts == nullptr || EVP_PKEY_fromdata_init(context.get()) != 1 ||
         EVP_PKEY_fromdata(context.get(), &key, EVP_PKEY_PUBLIC_KEY, parts.get()) != 1)
@@ -189,6 +180,16 @@ std::optional<PublicKey> publicKey(const unsigned char* modulus, std::size_t mod
         BN_is_one(e.get()) || BN_cmp(e.get(), n.get()) >= 0)
         return std::nullopt;
     return PublicKey{bytesOf(n), bytesOf(e)};
+}
+
+secret::Bytes paddedBlock(const unsigned char* content, std::size_t size)
+{
+    secret::Bytes block(kBlockSize, 0xff);
+    block[0] = 0;
+    block[1] = 1;
+    block[kBlockSize - size - 1] = 0;
+    std::copy(content, content + size, block.end() - static_cast<std::ptrdiff_t>(size));
+    return block;
 }
 
 bool publicOperation(const PublicKey& key, const unsigned char* in, unsigned char* out)
@@ -257,10 +258,9 @@ std::optional<PublicKey> publicNumbersOf(EVP_PKEY* key)
     return publicKey(modulus.data(), modulus.size(), exponent.data(), exponent.size());
 }
 
-std::unique_ptr<EVP_PKEY, FreeKey> record(const PublicKey& key)
+openssl::Owner<EVP_PKEY> record(const PublicKey& key)
 {
-    std::unique_ptr<EVP_PKEY, FreeKey> made(
-        recordOf(numberOf(key.modulus), numberOf(key.exponent)));
+    openssl::Owner<EVP_PKEY> made(recordOf(numberOf(key.modulus), numberOf(key.exponent)));
     if (made == nullptr)
         throw std::bad_alloc();
     return made;

@@ -2,12 +2,10 @@
 // container need beside the key store itself. Numbers are big-endian.
 #pragma once
 
+#include "openssl_holders.h"
 #include "secret_bytes.h"
 
-#include <openssl/evp.h>
-
 #include <cstddef>
-#include <memory>
 #include <optional>
 #include <string>
 
@@ -44,6 +42,10 @@ struct PrivateKey {
 std::optional<PublicKey> publicKey(const unsigned char* modulus, std::size_t modulusSize,
                                    const unsigned char* exponent, std::size_t exponentSize);
 
+/// A block with type 1 padding, as a PKCS#1 signature has it.
+/// @param size at most kBlockSize - 11, the least padding
+secret::Bytes paddedBlock(const unsigned char* content, std::size_t size);
+
 /// The public operation. @param in, out kBlockSize bytes each @return false when the block is not
 /// below the modulus
 bool publicOperation(const PublicKey& key, const unsigned char* in, unsigned char* out);
@@ -65,10 +67,7 @@ std::optional<PrivateKey> numbersOf(EVP_PKEY* key);
 std::string publicKeyInfo(const PublicKey& key);
 
 /// OpenSSL's record of a public key.
-struct FreeKey {
-    void operator()(EVP_PKEY* key) const { EVP_PKEY_free(key); }
-};
-std::unique_ptr<EVP_PKEY, FreeKey> record(const PublicKey& key);
+openssl::Owner<EVP_PKEY> record(const PublicKey& key);
 
 /// As numbersOf(), for the public part alone.
 std::optional<PublicKey> publicNumbersOf(EVP_PKEY* key);

@@ -11,13 +11,8 @@ namespace fake {
 
 namespace {
 
-struct Free {
-    void operator()(EVP_PKEY* key) const { EVP_PKEY_free(key); }
-    void operator()(EVP_PKEY_CTX* context) const { EVP_PKEY_CTX_free(context); }
-    void operator()(BIO* bio) const { BIO_free(bio); }
-};
-using PKey = std::unique_ptr<EVP_PKEY, Free>;
-using Bio = std::unique_ptr<BIO, Free>;
+using PKey = openssl::Owner<EVP_PKEY>;
+using Bio = openssl::Owner<BIO>;
 
 Secure::Key numbers(EVP_PKEY* key)
 {
@@ -29,13 +24,10 @@ Secure::Key numbers(EVP_PKEY* key)
 
 PKey generate()
 {
-    const std::unique_ptr<EVP_PKEY_CTX, Free> context(EVP_PKEY_CTX_new_id(EVP_PKEY_RSA, nullptr));
-    EVP_PKEY* key = nullptr;
-    if (context == nullptr || EVP_PKEY_keygen_init(context.get()) != 1 ||
-        EVP_PKEY_CTX_set_rsa_keygen_bits(context.get(), 2048) != 1 ||
-        EVP_PKEY_keygen(context.get(), &key) != 1)
+    PKey key(EVP_RSA_gen(2048));
+    if (key == nullptr)
         throw std::runtime_error("no key could be made");
-    return PKey(key);
+    return key;
 }
 
 struct DeviceKey {

@@ -1,23 +1,17 @@
 // seal.cpp - AES-256-GCM, and what goes with it, from OpenSSL.
 #include "seal.h"
 
+#include "common/openssl_holders.h"
 #include "secure_error.h"
 
-#include <openssl/evp.h>
 #include <openssl/kdf.h>
 #include <openssl/rand.h>
-
-#include <memory>
 
 namespace seal {
 
 namespace {
 
-struct Free {
-    void operator()(EVP_CIPHER_CTX* context) const { EVP_CIPHER_CTX_free(context); }
-    void operator()(EVP_PKEY_CTX* context) const { EVP_PKEY_CTX_free(context); }
-};
-using Cipher = std::unique_ptr<EVP_CIPHER_CTX, Free>;
+using Cipher = openssl::Owner<EVP_CIPHER_CTX>;
 
 const unsigned char* bytesOf(const std::string& text)
 {
@@ -103,7 +97,7 @@ std::string digest(const void* bytes, std::size_t size)
 
 secret::Bytes derive(const secret::Bytes& secret, const std::string& salt, const std::string& info)
 {
-    const std::unique_ptr<EVP_PKEY_CTX, Free> context(EVP_PKEY_CTX_new_id(EVP_PKEY_HKDF, nullptr));
+    const openssl::Owner<EVP_PKEY_CTX> context(EVP_PKEY_CTX_new_id(EVP_PKEY_HKDF, nullptr));
     secret::Bytes key(kKeySize);
     std::size_t size = key.size();
     EVP_PKEY_CTX* const c = context.get();

@@ -130,12 +130,8 @@ secret::Bytes checkedOperation(const Session& session, CK_OBJECT_HANDLE key,
 
 void prove(const Session& session, CK_OBJECT_HANDLE key, const rawrsa::PublicKey& publicKey)
 {
-    secret::Bytes block(rawrsa::kBlockSize, 0xff);
     const secret::Bytes content = seal::random(seal::kDigestSize);
-    block[0] = 0;
-    block[1] = 1;
-    block[block.size() - content.size() - 1] = 0;
-    std::copy(content.rbegin(), content.rend(), block.rbegin());
+    const secret::Bytes block = rawrsa::paddedBlock(content.data(), content.size());
     checkedOperation(session, key, publicKey, block.data());
 }
 

@@ -2,6 +2,7 @@
 #include "expiry.h"
 
 #include "../common/descriptor.h"
+#include "../common/openssl_holders.h"
 #include "../common/places.h"
 
 #include <platform/log.h>
@@ -10,11 +11,8 @@
 #include <openssl/crypto.h>
 #include <openssl/err.h>
 #include <openssl/pem.h>
-#include <openssl/x509.h>
 #include <sys/stat.h>
 #include <unistd.h>
-
-#include <memory>
 
 namespace process {
 
@@ -22,13 +20,8 @@ namespace {
 
 constexpr std::size_t kSizeLimit = std::size_t{64} * 1024;
 
-struct Free {
-    void operator()(BIO* bio) const { BIO_free_all(bio); }
-    void operator()(X509* certificate) const { X509_free(certificate); }
-};
-
 /// @return null when there is none that can be read
-std::unique_ptr<X509, Free> readCertificate()
+openssl::Owner<X509> readCertificate()
 {
     const Descriptor file(
         open(places::kDeviceCertificate, O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
@@ -37,9 +30,9 @@ std::unique_ptr<X509, Free> readCertificate()
     if (file.fd < 0 || fstat(file.fd, &status) != 0 || !S_ISREG(status.st_mode))
         return nullptr;
     const ssize_t size = read(file.fd, bytes, sizeof bytes);
-    const std::unique_ptr<BIO, Free> text(size > 0 ? BIO_new_mem_buf(bytes, static_cast<int>(size))
-                                                   : nullptr);
-    return std::unique_ptr<X509, Free>(
+    const openssl::Owner<BIO> text(size > 0 ? BIO_new_mem_buf(bytes, static_cast<int>(size))
+                                            : nullptr);
+    return openssl::Owner<X509>(
         text == nullptr ? nullptr : PEM_read_bio_X509(text.get(), nullptr, nullptr, nullptr));
 }
 

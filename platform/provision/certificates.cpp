@@ -16,15 +16,13 @@ namespace provision {
 
 namespace {
 
-struct FreeBio {
-    void operator()(BIO* bio) const { BIO_free_all(bio); }
-};
-using Bio = std::unique_ptr<BIO, FreeBio>;
+using Bio = openssl::Owner<BIO>;
 
 constexpr long kVersion3 = 2;
 constexpr int kSerialBits = 127;
 
-/// What stands before a SHA-256 digest in a signature.
+constexpr std::size_t kDigestSize = 32;
+/// DER that precedes a SHA-256 digest in a signature.
 constexpr unsigned char kDigestInfo[] = {0x30, 0x31, 0x30, 0x0d, 0x06, 0x09, 0x60, 0x86, 0x48, 0x01,
                                          0x65, 0x03, 0x04, 0x02, 0x01, 0x05, 0x00, 0x04, 0x20};
 
@@ -117,14 +115,9 @@ std::string alternativeNames(const std::vector<std::string>& hosts)
 
 Key makeKey()
 {
-    EVP_PKEY_CTX* const context = EVP_PKEY_CTX_new_id(EVP_PKEY_RSA, nullptr);
-    EVP_PKEY* key = nullptr;
-    const bool worked = context != nullptr && EVP_PKEY_keygen_init(context) == 1 &&
-                        EVP_PKEY_CTX_set_rsa_keygen_bits(context, 2048) == 1 &&
-                        EVP_PKEY_keygen(context, &key) == 1;
-    EVP_PKEY_CTX_free(context);
-    check(worked, "making a key");
-    return Key(key);
+    Key key(EVP_RSA_gen(2048));
+    check(key != nullptr, "making a key");
+    return key;
 }
 
 secret::Bytes pemOf(EVP_PKEY* privateKey)
@@ -229,7 +222,7 @@ Certificate issue(const Authority& authority, EVP_PKEY* publicKey, const std::st
 
 std::string makeRequest(const rawrsa::PublicKey& key, const std::string& name, const Signer& signer)
 {
-    const std::unique_ptr<X509_REQ, Free> request(X509_REQ_new());
+    const openssl::Owner<X509_REQ> request(X509_REQ_new());
     const auto record = rawrsa::record(key);
     check(request != nullptr && X509_REQ_set_version(request.get(), 0) == 1 &&
               X509_REQ_set_pubkey(request.get(), record.get()) == 1,
@@ -239,20 +232,14 @@ std::string makeRequest(const rawrsa::PublicKey& key, const std::string& name, c
     unsigned char* der = nullptr;
     const int size = i2d_re_X509_REQ_tbs(request.get(), &der);
     check(size > 0, "making a request");
-    unsigned char block[rawrsa::kBlockSize];
-    std::fill(std::begin(block), std::end(block), static_cast<unsigned char>(0xff));
-    block[0] = 0;
-    block[1] = 1;
-    unsigned char* const digest = std::end(block) - 32;
-    unsigned char* const info = digest - sizeof kDigestInfo;
-    info[-1] = 0;
-    std::copy(std::begin(kDigestInfo), std::end(kDigestInfo), info);
-    const bool digested = EVP_Digest(der, static_cast<std::size_t>(size), digest, nullptr,
-                                     EVP_sha256(), nullptr) == 1;
+    secret::Bytes info(std::begin(kDigestInfo), std::end(kDigestInfo));
+    info.resize(sizeof kDigestInfo + kDigestSize);
+    const bool digested = EVP_Digest(der, static_cast<std::size_t>(size), &info[sizeof kDigestInfo],
+                                     nullptr, EVP_sha256(), nullptr) == 1;
     OPENSSL_free(der);
     check(digested, "making a request");
 
-    const secret::Bytes signature = signer(block);
+    const secret::Bytes signature = signer(rawrsa::paddedBlock(info.data(), info.size()).data());
     ASN1_BIT_STRING* const bits = ASN1_BIT_STRING_new();
     check(bits != nullptr && ASN1_BIT_STRING_set(bits, const_cast<unsigned char*>(signature.data()),
                                                  static_cast<int>(signature.size())) == 1,

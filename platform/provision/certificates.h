@@ -3,22 +3,14 @@
 
 #include "common/raw_rsa.h"
 
-#include <openssl/x509.h>
-
 #include <functional>
-#include <memory>
 #include <string>
 #include <vector>
 
 namespace provision {
 
-struct Free {
-    void operator()(EVP_PKEY* key) const { EVP_PKEY_free(key); }
-    void operator()(X509* certificate) const { X509_free(certificate); }
-    void operator()(X509_REQ* request) const { X509_REQ_free(request); }
-};
-using Key = std::unique_ptr<EVP_PKEY, Free>;
-using Certificate = std::unique_ptr<X509, Free>;
+using Key = openssl::Owner<EVP_PKEY>;
+using Certificate = openssl::Owner<X509>;
 
 // Each throws Stop.
 
