@@ -1,6 +1,7 @@
 // file_store.cpp - named data, each in a sealed file of its own.
 #include "file_store.h"
 
+#include "common/hex.h"
 #include "common/secure_rules.h"
 #include "private_file.h"
 #include "seal.h"
@@ -37,13 +38,7 @@ std::string idOf(const ss_credential_s& client)
 
 std::string fileOf(const ss_credential_s& client, const std::string& name)
 {
-    static const char digits[] = "0123456789abcdef";
-    std::string hex;
-    for (const char c : seal::digest(idOf(client) + name)) {
-        hex += digits[static_cast<unsigned char>(c) >> 4];
-        hex += digits[static_cast<unsigned char>(c) & 15];
-    }
-    return hex + kSuffix;
+    return hex(seal::digest(idOf(client) + name)) + kSuffix;
 }
 
 std::string associatedWith(const ss_credential_s& client, const std::string& name)

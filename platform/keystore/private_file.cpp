@@ -1,6 +1,7 @@
 // private_file.cpp - files and folders that only the service's own user may see.
 #include "private_file.h"
 
+#include "common/file_bytes.h"
 #include "secure_error.h"
 
 #include <fcntl.h>
@@ -34,36 +35,13 @@ std::string errorText(int error)
 
 secret::Bytes readAll(const Descriptor& file, const std::string& name, std::size_t limit)
 {
-    secret::Bytes bytes(limit + 1);
-    std::size_t got = 0;
-    while (got < bytes.size()) {
-        const ssize_t count = read(file.fd, &bytes[got], bytes.size() - got);
-        if (count == 0)
-            break;
-        if (count > 0)
-            got += static_cast<std::size_t>(count);
-        else if (errno != EINTR)
-            fail(name + " cannot be read", errno, "check the device's storage");
-    }
-    if (got > limit)
+    secret::Bytes bytes;
+    if (const int error = readUpTo(file.fd, limit, bytes); error != 0)
+        fail(name + " cannot be read", error, "check the device's storage");
+    if (bytes.size() > limit)
         throw secure::Error(SS_ERROR_BROKEN, name + " is larger than " + std::to_string(limit) +
                                                  " bytes; put the right file there");
-    bytes.resize(got);
     return bytes;
-}
-
-void writeAll(const Descriptor& file, const void* bytes, std::size_t size)
-{
-    const char* at = static_cast<const char*>(bytes);
-    while (size > 0) {
-        const ssize_t count = write(file.fd, at, size);
-        if (count > 0) {
-            at += count;
-            size -= static_cast<std::size_t>(count);
-        } else if (errno != EINTR) {
-            fail("a file of the store cannot be written", errno, "make room for it");
-        }
-    }
 }
 
 void makeLasting(const Descriptor& file)
@@ -152,7 +130,8 @@ void replaceIn(const Descriptor& folder, const std::string& name, const void* by
     if (file.fd < 0 || fchmod(file.fd, S_IRUSR | S_IWUSR) != 0)
         fail("a file of the store cannot be made", errno,
              "the folder must be writable for the service's user");
-    writeAll(file, bytes, size);
+    if (const int error = writeWhole(file.fd, bytes, size); error != 0)
+        fail("a file of the store cannot be written", error, "make room for it");
     makeLasting(file);
     if (renameat(folder.fd, kTemporary, folder.fd, name.c_str()) != 0)
         fail("a file of the store cannot be put in its place", errno, "check the folder's rights");

@@ -2,6 +2,7 @@
 #include "certificates.h"
 #include "commands.h"
 #include "common/contract.h"
+#include "common/hex.h"
 #include "common/places.h"
 #include "files.h"
 #include "keystore/key_material.h"
@@ -68,7 +69,7 @@ std::string nameFor(const rawrsa::PublicKey& key)
     unsigned char digest[EVP_MAX_MD_SIZE];
     if (EVP_Digest(info.data(), info.size(), digest, nullptr, EVP_sha256(), nullptr) != 1)
         throw Stop(EXIT_FAILED, "making a name failed in the cryptographic library");
-    return "billing device " + hex({digest, digest + kShownBytes});
+    return "billing device " + hex(std::string(digest, digest + kShownBytes));
 }
 
 /// The service sends the device's certificate alone.

@@ -2,6 +2,8 @@
 #include "files.h"
 
 #include "common/descriptor.h"
+#include "common/file_bytes.h"
+#include "common/hex.h"
 #include "keystore/seal.h"
 #include "stop.h"
 
@@ -43,19 +45,6 @@ const char* cureOf(int error)
     const int error = errno;
     throw Stop(EXIT_FAILED, path + " cannot be " + what + ": " + strerror(error) +
                                 (strcmp(what, kMade) == 0 ? cureOf(error) : ""));
-}
-
-void writeAll(const Descriptor& file, const std::string& path, std::string_view bytes)
-{
-    while (!bytes.empty()) {
-        const ssize_t count = write(file.fd, bytes.data(), bytes.size());
-        if (count > 0)
-            bytes.remove_prefix(static_cast<std::size_t>(count));
-        else if (errno != EINTR)
-            fail(path, "written");
-    }
-    if (fsync(file.fd) != 0)
-        fail(path, "written");
 }
 
 /// A file beside the one that is to be written, of a name that nobody has. Gone at the end.
@@ -121,7 +110,9 @@ void writeFile(const std::string& path, std::string_view bytes, mode_t mode, boo
                                    O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, mode));
         if (file.fd < 0 || fchmod(file.fd, mode) != 0 || !takesOwner(file, path))
             fail(path, kMade);
-        writeAll(file, path, bytes);
+        errno = writeWhole(file.fd, bytes.data(), bytes.size());
+        if (errno != 0 || fsync(file.fd) != 0)
+            fail(path, "written");
     }
     // A link, unlike a rename, does not replace what somebody has put there meanwhile.
     const int result = replace ? rename(temporary.path.c_str(), path.c_str())
@@ -153,20 +144,12 @@ secret::Bytes readFile(const std::string& path)
     const int fd = isInput ? STDIN_FILENO : opened.fd;
     if (fd < 0)
         fail(path, "read");
-    secret::Bytes bytes(kReadLimit + 1);
-    std::size_t got = 0;
-    while (got < bytes.size()) {
-        const ssize_t count = read(fd, &bytes[got], bytes.size() - got);
-        if (count == 0)
-            break;
-        if (count > 0)
-            got += static_cast<std::size_t>(count);
-        else if (errno != EINTR)
-            fail(path, "read");
-    }
-    if (got > kReadLimit)
+    secret::Bytes bytes;
+    errno = readUpTo(fd, kReadLimit, bytes);
+    if (errno != 0)
+        fail(path, "read");
+    if (bytes.size() > kReadLimit)
         throw Stop(EXIT_FAILED, path + " is larger than 64 KiB");
-    bytes.resize(got);
     return bytes;
 }
 
@@ -174,17 +157,6 @@ void makeFolder(const std::string& path)
 {
     if (mkdir(path.c_str(), 0700) != 0 && errno != EEXIST)
         fail(path, kMade);
-}
-
-std::string hex(const secret::Bytes& bytes)
-{
-    static const char digits[] = "0123456789abcdef";
-    std::string text;
-    for (const unsigned char byte : bytes) {
-        text += digits[byte >> 4];
-        text += digits[byte & 15];
-    }
-    return text;
 }
 
 std::string randomHex(std::size_t bytes)

@@ -37,7 +37,6 @@ void removeFile(const std::string& path);
 
 bool exists(const std::string& path);
 
-std::string hex(const secret::Bytes& bytes);
 /// So many random bytes, as hexadecimal digits.
 std::string randomHex(std::size_t bytes);
 

@@ -1,6 +1,7 @@
 // status.cpp - what the device proves itself with: token, keys, certificate.
 #include "certificates.h"
 #include "commands.h"
+#include "common/hex.h"
 #include "common/places.h"
 #include "files.h"
 #include "keystore/key_store.h"

@@ -2,6 +2,7 @@
 #include "settings_file.h"
 
 #include "common/descriptor.h"
+#include "common/file_bytes.h"
 #include "settings_known.h"
 
 #include <fcntl.h>
@@ -49,24 +50,6 @@ bool isSettled(const Stamp& stamp)
 {
     const time_t newest = std::max(stamp.modified.tv_sec, stamp.changed.tv_sec);
     return time(nullptr) - newest >= kStampSeconds;
-}
-
-/// @return false with errno set; more than the limit comes back as one byte more than it
-bool readBytes(int fd, std::string& bytes)
-{
-    bytes.resize(kSizeLimit + 1);
-    std::size_t got = 0;
-    while (got < bytes.size()) {
-        const ssize_t count = read(fd, &bytes[got], bytes.size() - got);
-        if (count == 0)
-            break;
-        if (count > 0)
-            got += static_cast<std::size_t>(count);
-        else if (errno != EINTR)
-            return false;
-    }
-    bytes.resize(got);
-    return true;
 }
 
 std::string cannotBeRead(int error)
@@ -235,8 +218,8 @@ Contents readFile(const std::string& path)
     contents.settled = isSettled(contents.stamp);
     if (!S_ISREG(status.st_mode))
         contents.problem = "is not a regular file; every setting counts as not set";
-    else if (!readBytes(file.fd, contents.bytes))
-        contents.problem = cannotBeRead(errno);
+    else if (const int error = readUpTo(file.fd, kSizeLimit, contents.bytes); error != 0)
+        contents.problem = cannotBeRead(error);
     else if (contents.bytes.size() > kSizeLimit)
         contents.problem = "is larger than 64 KiB; every setting counts as not set";
     if (!contents.problem.empty())
