@@ -6,6 +6,7 @@
 #include "json.h"
 #include "linux/settings/module_environment.h"
 #include "linux/settings/settings.h"
+#include "platform_library.h"
 #include "process.h"
 #include "text.h"
 
@@ -145,7 +146,10 @@ void identify(Findings& findings, Patient& patient)
     patient.facts = patient.eyes.facts(patient.options.bus, patient.options.timeout);
     patient.identity = identityOf(patient.facts);
     findings.push_back(takeIdentity(patient));
-    keystore::takeEnvironment();
+    patient.noLibrary = loadPlatform();
+    if (platformReadsDeviceConf()) {
+        keystore::takeEnvironment();
+    }
     if (patient.options.sign) {
         // The PIN passes through the memory: no core file, no debugger of the same user. The mode is
         // for the files that the token's module writes when it logs in.
@@ -156,11 +160,15 @@ void identify(Findings& findings, Patient& patient)
 
 }  // namespace
 
-std::string whyMissing(const char* group, const char* key)
+std::string whyMissing(const char* group, const char* key, const std::string& complaint)
 {
+    if (!platformReadsDeviceConf() && !complaint.empty()) {
+        return complaint;
+    }
     const std::string name = std::string("[") + group + "] " + key;
-    return settings::isRefused(group, key) ? name + " holds what it may not, see settings above"
-                                           : name + " is not set";
+    return platformReadsDeviceConf() && settings::isRefused(group, key)
+               ? name + " holds what it may not, see settings above"
+               : name + " is not set";
 }
 
 Finding settingsClosed(const char* check)

@@ -36,6 +36,7 @@ struct Patient {
     Identity identity;
     bool asService = false;       ///< looked at as the service's user
     bool settingsClosed = false;  ///< this user may not read the settings
+    std::string noLibrary;        ///< why the device's library cannot be loaded; empty: it is
     bool keyWorks = false;        ///< it has signed, and the certificate confirms it
     bool tokenThere = false;
     bool storeReached = false;  ///< the TLS stage is well
@@ -44,7 +45,8 @@ struct Patient {
 };
 
 /// Why a setting has no value: it is not there, or it was refused.
-std::string whyMissing(const char* group, const char* key);
+/// @param complaint what the device's library has logged of it
+std::string whyMissing(const char* group, const char* key, const std::string& complaint);
 /// "since this user may not read the settings; run it as root": for checks that depend on them
 Finding settingsClosed(const char* check);
 /// A file that cannot be opened. @param error errno value, or kNoFile @param cure when it is missing

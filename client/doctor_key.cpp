@@ -4,15 +4,18 @@
 #include "doctor.h"
 #include "keystore/key_store.h"
 #include "linux/settings/settings.h"
+#include "platform_library.h"
 #include "platform_log.h"
 
 #include <platform/deployment.h>
 #include <platform/secure_storage.h>
 
+#include <openssl/crypto.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 #include <memory>
 
@@ -32,7 +35,7 @@ std::string causeOf(const secure::Error& error)
 {
     for (const char* const key : {"module", "token", "pin_file"}) {
         if (!settings::text("keystore", key)) {
-            return whyMissing("keystore", key);
+            return whyMissing("keystore", key, "");
         }
     }
     return error.what();
@@ -118,6 +121,11 @@ Finding withoutSignature(int error, std::int32_t id)
     const std::string complaint = takeComplaint();
     const std::string cause =
         complaint.empty() ? "the key store answers with error " + std::to_string(error) : complaint;
+    if (!platformReadsDeviceConf()) {
+        return failed(check, "unusable", cause,
+                      "look at the device's key store, and at the number in " +
+                          placeOf("deployment_get_key_id"));
+    }
     switch (error) {
         case SS_ERROR_NOT_FOUND:
             if (const std::string kind = otherKindOf(id); !kind.empty()) {
@@ -156,14 +164,14 @@ std::optional<Finding> credentialOf(ss_credential_s& credential, std::int32_t& i
     const char* const missing = deployment_get_credential(words) != 0 ? "credential"
                                 : deployment_get_key_id(&id) != 0     ? "key_id"
                                                                       : nullptr;
-    takeComplaint();
+    const std::string complaint = takeComplaint();
     if (missing == nullptr) {
         ss_init_credential(&credential, words[0], words[1], words[2], words[3], words[4], 1, 0);
         return std::nullopt;
     }
     const std::string name = std::string("[deployment] ") + missing;
-    return failed("key", "not-set", whyMissing("deployment", missing),
-                  "set " + name + " in " + settings::filePath() +
+    return failed("key", "not-set", whyMissing("deployment", missing, complaint),
+                  "set " + name + " in " + placeOf(std::string("deployment_get_") + missing) +
                       ", then restart the service (systemctl restart billing-service)");
 }
 
@@ -205,9 +213,27 @@ Finding checkSignature()
                : notChecked("key", "there is no certificate to hold it against");
 }
 
+/// What the device's own library hands out.
+Finding checkHandedMaterial()
+{
+    unsigned char* sealed = nullptr;
+    std::size_t size = 0;
+    const bool handed = deployment_get_key_material(&sealed, &size) == 0;
+    takeComplaint();
+    if (handed) {
+        OPENSSL_cleanse(sealed, size);
+        std::free(sealed);
+    }
+    return good("key material", handed ? "the device's own library has a sealed key"
+                                       : "the device's own library has no sealed key");
+}
+
 /// Sealed key material gives the private key, once its secret is read as well.
 Finding checkKeyMaterial()
 {
+    if (!platformReadsDeviceConf()) {
+        return checkHandedMaterial();
+    }
     const auto path = settings::text("deployment", "key_material");
     if (!path || (access(path->c_str(), F_OK) != 0 && errno == ENOENT)) {
         return good("key material", "no sealed key is left on the device");
@@ -236,8 +262,11 @@ void checkKeyStore(Findings& findings, Patient& patient)
         return;
     }
     findings.push_back(checkKeyMaterial());
-    findings.push_back(checkToken());
-    patient.tokenThere = findings.back().outcome == Outcome::Ok;
+    const bool own = !platformReadsDeviceConf();
+    findings.push_back(
+        own ? notChecked("token", "only the device's own library knows its key store")
+            : checkToken());
+    patient.tokenThere = own || findings.back().outcome == Outcome::Ok;
     if (!patient.tokenThere) {
         findings.push_back(notChecked("key", kNoToken));
         return;

@@ -4,6 +4,7 @@
 #include "certificate.h"
 #include "doctor.h"
 #include "linux/settings/settings.h"
+#include "platform_library.h"
 #include "process.h"
 
 #include <fcntl.h>
@@ -299,7 +300,8 @@ Finding checkRestart(const Patient& patient)
             "service still has the one before",
             cure);
     }
-    if (patient.callIll && changeOf(settings::filePath()) > started + kStartDoubt) {
+    if (patient.callIll && platformReadsDeviceConf() &&
+        changeOf(settings::filePath()) > started + kStartDoubt) {
         return warning(
             check, "settings",
             "the settings are newer than the service's start, and [deployment] credential, "

@@ -3,6 +3,7 @@
 #include "doctor.h"
 #include "linux/settings/settings.h"
 #include "linux/settings/settings_file.h"
+#include "platform_library.h"
 #include "platform_log.h"
 #include "settings_check.h"
 
@@ -106,6 +107,17 @@ Finding judged(const Patient& patient, const std::string& path, const settings::
 
 void checkSettings(Findings& findings, Patient& patient)
 {
+    if (!patient.noLibrary.empty()) {
+        findings.push_back(failed(kCheck, "library",
+                                  "the device's functions cannot be loaded: " + patient.noLibrary,
+                                  "install the library, or the package that it misses"));
+        return;
+    }
+    if (!platformReadsDeviceConf()) {
+        findings.push_back(
+            good(kCheck, "this device's own library has them; its functions are asked"));
+        return;
+    }
     const std::string path = settings::filePath();
     const int error = errorOf(path);
     if (error == EACCES && patient.asService) {

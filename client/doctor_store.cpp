@@ -2,6 +2,7 @@
 #include "certificate.h"
 #include "doctor.h"
 #include "linux/settings/settings.h"
+#include "platform_library.h"
 #include "platform_log.h"
 #include "store_attempt.h"
 
@@ -27,10 +28,12 @@ Finding checkRoute()
 {
     const char* const check = "route";
     const std::string refused = "until then every call is answered with 1160003";
-    const std::string rule = settings::text("network", "default_gateway").value_or("auto");
+    const bool fileSays = platformReadsDeviceConf();
+    const std::string rule =
+        fileSays ? settings::text("network", "default_gateway").value_or("auto") : "auto";
     bool exists = false;
-    if (settings::isRefused("network", "default_gateway")) {
-        return failed(check, "refused", whyMissing("network", "default_gateway"),
+    if (fileSays && settings::isRefused("network", "default_gateway")) {
+        return failed(check, "refused", whyMissing("network", "default_gateway", ""),
                       "set it to auto; " + refused);
     }
     const int error = connection_profile_check_default_gateway(&exists);
@@ -227,12 +230,13 @@ void checkStore(Findings& findings, Patient& patient)
     const std::unique_ptr<char, decltype(&std::free)> host(
         deployment_get_host(sandbox ? DEPLOYMENT_HOST_SANDBOX : DEPLOYMENT_HOST_PRODUCTION),
         std::free);
-    takeComplaint();
+    const std::string complaint = takeComplaint();
     Server server{sandbox ? "sandbox_host" : "production_host", "", ""};
     if (host == nullptr) {
         endWith(findings,
-                failed("name lookup", "not-set", whyMissing("deployment", server.key.c_str()),
-                       "set it to the store's host in " + settings::filePath()));
+                failed("name lookup", "not-set",
+                       whyMissing("deployment", server.key.c_str(), complaint),
+                       "set it to the store's host in " + placeOf("deployment_get_host")));
         return;
     }
     server.host = host.get();

@@ -8,14 +8,21 @@
 #include "identity.h"
 #include "json.h"
 #include "linux/settings/settings.h"
+#include "platform_library.h"
 #include "platform_log.h"
 #include "text.h"
+
+#include <platform/account.h>
+#include <platform/deployment.h>
+#include <platform/system_info.h>
 
 #include <unistd.h>
 
 #include <cmath>
 #include <cstdio>
+#include <cstdlib>
 #include <ctime>
+#include <memory>
 #include <utility>
 #include <vector>
 
@@ -42,13 +49,27 @@ std::string whenOf(double seconds)
     return std::string(text) + since;
 }
 
+using Text = std::unique_ptr<char, decltype(&std::free)>;
+
 /// Which of the two servers is chosen, and its host.
 std::string serverText()
 {
-    const int type = settings::number("system", "vantor_server_type").value_or(1);
+    int type = 1;  // what the service takes where the device does not say
+    system_info_get_value_int(SYSTEM_INFO_KEY_VANTOR_SERVER_TYPE, &type);
     const bool sandbox = type == 1 || type == 2;
-    const auto host = settings::text("deployment", sandbox ? "sandbox_host" : "production_host");
-    return std::string(sandbox ? "sandbox, " : "production, ") + host.value_or("no host is set");
+    const Text host(
+        deployment_get_host(sandbox ? DEPLOYMENT_HOST_SANDBOX : DEPLOYMENT_HOST_PRODUCTION),
+        std::free);
+    return std::string(sandbox ? "sandbox, " : "production, ") +
+           (host != nullptr ? host.get() : "no host is set");
+}
+
+std::string accountText()
+{
+    char* guid = nullptr;
+    const bool known = sso_get_guid(&guid) == 0;
+    const Text owner(guid, std::free);
+    return known ? "signed in" : "nobody is signed in";
 }
 
 std::string certificateText()
@@ -63,15 +84,19 @@ std::string certificateText()
 
 void addSettings(Lines& lines)
 {
-    lines.emplace_back("settings", settings::filePath());
-    if (access(settings::filePath().c_str(), R_OK) != 0) {
+    const std::string problem = loadPlatform();
+    const bool fileSays = platformReadsDeviceConf();
+    lines.emplace_back("settings", fileSays ? settings::filePath() : "the device's own library");
+    if (!problem.empty()) {
+        lines.emplace_back("server", std::string(kNotKnown) + ": " + problem);
+        lines.emplace_back("account", kNotKnown);
+    } else if (fileSays && access(settings::filePath().c_str(), R_OK) != 0) {
         lines.emplace_back("server",
                            std::string(kNotKnown) + ": this user may not read the settings");
         lines.emplace_back("account", kNotKnown);
     } else {
         lines.emplace_back("server", serverText());
-        lines.emplace_back("account",
-                           settings::text("account", "guid") ? "signed in" : "nobody is signed in");
+        lines.emplace_back("account", accountText());
     }
     takeComplaint();
     lines.emplace_back("certificate", certificateText());

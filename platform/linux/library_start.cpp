@@ -1,7 +1,9 @@
-// library_start.cpp - what the library does when it is loaded, before main: the process has one
-// thread until then, and setting a variable is not safe beside a thread that reads one.
+// library_start.cpp - what only the library has: what it does when it is loaded, before main, and what it says of itself. The
+// process has one thread until then, and setting a variable is not safe beside a thread that reads one.
 #include "common/c_functions.h"
 #include "linux/settings/module_environment.h"
+
+#include <platform/device_conf.h>
 
 namespace {
 
@@ -14,3 +16,8 @@ namespace {
 }
 
 }  // namespace
+
+int platform_reads_device_conf(void)
+{
+    return 1;
+}

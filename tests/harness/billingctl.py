@@ -13,7 +13,14 @@ def program():
 
 
 def environment(bus):
-    return {"PATH": "/usr/bin:/bin", "DBUS_SYSTEM_BUS_ADDRESS": bus.address, **daemon.SANITIZERS}
+    # A sanitizer's dlopen() takes the program's place, and does not look where the program says.
+    library = program().parents[1] / "platform" / "linux"
+    return {
+        "PATH": "/usr/bin:/bin",
+        "DBUS_SYSTEM_BUS_ADDRESS": bus.address,
+        "LD_LIBRARY_PATH": str(library),
+        **daemon.SANITIZERS,
+    }
 
 
 def run(bus, *arguments, **variables):

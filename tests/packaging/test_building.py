@@ -43,9 +43,10 @@ def test_the_suites_try_the_port_that_is_chosen(port):
         assert "platform/example/" not in built
 
 
-def test_the_library_of_the_chosen_port_is_installed(port):
+def test_the_library_of_the_chosen_port_and_billingctl_are_installed(port):
     told = subprocess.run(
         ["meson", "introspect", "--installed", port / "build-mine"], check=True, capture_output=True, text=True
     )
     libraries = [path for path in json.loads(told.stdout) if "libbilling-platform.so.1.0.0" in path]
     assert [str(port / "build-mine/platform/mine") in path for path in libraries] == [True]
+    assert str(port / "build-mine/client/billingctl") in json.loads(told.stdout)
