@@ -227,9 +227,9 @@ def cli(tmp_path):
         **{name: os.environ[name] for name in ("BILLING_SERVICE", "PYTHONDONTWRITEBYTECODE") if name in os.environ},
     }
 
-    def run(*arguments, folder=tmp_path / "lab", **more):
+    def run(*arguments, folder=tmp_path / "lab", before=(), **more):
         return subprocess.run(
-            [LAB / "billing-lab", "--dir", folder, *map(str, arguments)],
+            [*before, LAB / "billing-lab", "--dir", folder, *map(str, arguments)],
             env={**environment, **more},
             capture_output=True,
             text=True,

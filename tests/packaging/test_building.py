@@ -1,5 +1,6 @@
 """What is built for others: packages in a folder of theirs, and a platform of their own."""
 import json
+import re
 import shutil
 import subprocess
 
@@ -50,3 +51,11 @@ def test_the_library_of_the_chosen_port_and_billingctl_are_installed(port):
     libraries = [path for path in json.loads(told.stdout) if "libbilling-platform.so.1.0.0" in path]
     assert [str(port / "build-mine/platform/mine") in path for path in libraries] == [True]
     assert str(port / "build-mine/client/billingctl") in json.loads(told.stdout)
+
+
+def test_the_list_for_other_systems_has_what_setup_installs():
+    wanted = re.search(r"^build=\((.*?)\)$", (TREE / "scripts/setup").read_text(encoding="utf-8"), re.MULTILINE | re.DOTALL)
+    rows = re.findall(r"^\| (`[^|]*`) \|(.*)\|$", (TREE / "CONTRIBUTING.md").read_text(encoding="utf-8"), re.MULTILINE)
+    named = [name for row, others in rows if others.count("|") == 2 for name in re.findall(r"`([^`]+)`", row)]
+    assert named == wanted[1].split()
+    assert all(cell.strip() for _, others in rows for cell in others.split("|"))
