@@ -187,3 +187,62 @@ def test_a_tpm_that_is_gone_fails_the_call_and_says_so(service, caller, store, t
     (line,) = [record.text for record in service.log() if record.tag == "BILLING_PLATFORM" and LABEL in record.text]
     assert "see whether the token is there" in line
     assert store.requests == []
+
+
+def in_place(block, a_device, tpm):
+    """A block of docs/RENEWAL.md for the places of the test's device. The restart and the doctor are the test's."""
+    page = (pathlib.Path(__file__).parents[2] / "docs/RENEWAL.md").read_text(encoding="utf-8")
+    (text,) = re.findall(rf"```sh {block}\n(.*?)```", page, re.DOTALL)
+    left_out = (
+        "systemctl",
+        "billingctl",
+        "chown -R root:billing-service /etc/plevo/tokens",
+        "chmod -R u=rwX,g=rX,o= /etc/plevo/tokens",
+    )
+    text = "\n".join(line for line in text.splitlines() if not line.startswith(left_out))
+    certificate = a_device.credentials.certificate
+    for ours, theirs in (
+        ("-g billing-service ", ""),
+        ("/etc/plevo", str(a_device.file.parent)),
+        ("/usr/apps/org.plevo.billing-api/res/certificate/bgclient.crt", str(certificate)),
+        ("install --force", f"install --to {certificate} --force"),
+        ("/var/lib/billing-service/tpm", str(tpm.state)),
+    ):
+        text = text.replace(ours, theirs)
+    return text
+
+
+def test_a_new_key_of_the_tpm_takes_over_and_gives_way_again(
+    tpm, a_device, start_daemon, needs_view, caller, store, provisioned
+):
+    folder = a_device.credentials.folder
+
+    def do(block):
+        provision = os.path.dirname(credentials.provision_tool())
+        tpm.run(
+            "sh",
+            "-ec",
+            f"{IN_PLACE_OF_RUNUSER}\ncd {folder}\n{in_place(block, a_device, tpm)}",
+            environment={"PATH": f"{provision}:{os.environ['PATH']}", "PLEVO_DEVICE_CONF": str(a_device.file)},
+        )
+
+    def answered():
+        process = start_daemon()
+        process.wait_for_name(caller)
+        assert caller.call("check_server_availability") == (0, "{}")
+        assert process.texts("I").count("Private key is valid") == 1
+        process.stop()
+        return x509.load_pem_x509_certificate(a_device.credentials.certificate.read_bytes()).public_key().public_numbers()
+
+    first = answered()
+    do("rekey-tpm")
+    assert answered() == first
+    (folder / "device.crt").write_bytes(sign(folder / "device.csr", provisioned.folder))
+    do("rekeyed")
+    assert "key_id=8\n" in a_device.file.read_text()
+    assert answered() != first
+    do("rekey-back")
+    assert answered() == first
+    # The module of another user is not shut out.
+    assert [path.name for path in tpm.state.glob("tpm2_pkcs11*.lock")] == []
+    assert len(store.requests) == 4
