@@ -106,3 +106,69 @@ def test_users_are_those_of_the_unit_and_of_the_bus_policy(recipe):
         re.MULTILINE,
     )
     assert "--home-dir /var/lib/billing-service " in recipe["USERADD_PARAM:billing-service"]
+
+
+# The forms of lines that bitbake knows, of those that a recipe like this one needs.
+LINE = re.compile(
+    r"""\#.*|inherit(\ [a-z]+[a-z_0-9]*)+|[A-Z_]+(:\$\{PN\}|:[a-z]+)?(-[a-z]+)?\ (\?=|\+=|=\+|=)\ "[^"]*"|""", re.VERBOSE
+)
+FUNCTION = re.compile(r"^[a-z_]+(:append)?\(\) \{\n(.*?)^\}\n", re.MULTILINE | re.DOTALL)
+
+
+def test_its_syntax_is_bitbakes():
+    """As far as it can be told without it: the form of each line, shell and Python, and that each variable is known."""
+    text = next(RECIPES.glob("*.bb")).read_text(encoding="utf-8")
+    for _, body in FUNCTION.findall(text):
+        subprocess.run(["sh", "-n"], input=re.sub(r"\$\{\w+\}", "x", body), check=True, text=True)
+    for line in FUNCTION.sub("", text).replace("\\\n", " ").splitlines():
+        assert LINE.fullmatch(line), line
+    for expression in re.findall(r"\$\{@(.*?)\}\"", text):
+        compile(expression, "recipe", "eval")
+    assert set(re.findall(r"\$\{(\w+)\}", text)) <= set(KNOWN)
+
+
+# What pkg-config calls what a recipe provides.
+PROVIDED = {
+    "glib-2.0": "glib-2.0",
+    "gio-2.0": "glib-2.0",
+    "ecore": "efl",
+    "libcurl": "curl",
+    "libcrypto": "openssl",
+    "libssl": "openssl",
+    "jsoncpp": "jsoncpp",
+    "libsystemd": "systemd",
+    "p11-kit-1": "p11-kit",
+    "CLI11": "cli11",
+}
+
+
+def test_it_depends_on_what_the_build_asks_for(recipe):
+    build = [TREE / "meson.build"] + [
+        path for room in ("client", "platform", "service") for path in (TREE / room).rglob("meson.build")
+    ]
+    asked = {
+        name
+        for path in build
+        for name in re.findall(r"[^_]dependency\('([^']+)'", path.read_text(encoding="utf-8"))
+        if name != "threads"
+    }
+    assert {PROVIDED[name] for name in asked} | {"python3-native"} == set(recipe["DEPENDS"].split())
+
+
+def test_each_file_is_in_the_package_that_debian_has_it_in(recipe, files):
+    debian = {}
+    for listed in (TREE / "debian").glob("*.install"):
+        text = (
+            listed.read_text(encoding="utf-8").replace("usr/lib/*/", "usr/lib/").replace("vendor-completions", "site-functions")
+        )
+        debian[listed.stem] = " ".join(
+            "/" + re.sub("^lib/", "usr/lib/", line)
+            for line in text.splitlines()
+            if line and "/doc/" not in line and "/man/" not in line
+        )
+    ours = {name.removeprefix("FILES:"): value for name, value in recipe.items() if name.startswith("FILES:")}
+    documents = ours.pop("billing-service-doc")
+    for path in files:
+        if not matches(path, documents):
+            owners = [[name for name, patterns in packages.items() if matches(path, patterns)] for packages in (ours, debian)]
+            assert owners[0] == owners[1] and len(owners[0]) == 1, path

@@ -16,7 +16,7 @@ REQUIRED_DISTRO_FEATURES = "systemd"
 # efl: Ecore, from a layer of yours. Only headers of p11-kit and cli11 are used.
 DEPENDS = "glib-2.0 efl curl openssl jsoncpp systemd p11-kit cli11 python3-native"
 
-# The platform's folder under platform/. With another than "linux" there are no billingctl and no billing-provision.
+# The platform's folder under platform/. With another than "linux" there is no billing-provision.
 BILLING_PLATFORM ?= "linux"
 EXTRA_OEMESON = "-Dtests=false -Dplatform=${BILLING_PLATFORM} -Dsystemdsystemunitdir=${systemd_system_unitdir}"
 
