@@ -15,6 +15,7 @@ from .folder import LabError, default_path
 from .life import words as life
 from .matching import ENDPOINTS
 from .methods import METHODS
+from .runs import words as runs
 from .words import add, decimal, match_options, number
 
 _DESCRIPTION = """\
@@ -63,6 +64,7 @@ def parser() -> argparse.ArgumentParser:
     _faults(words)
     _journal(words)
     checks.add_all(words)
+    runs.add_all(words)
     return made
 
 

@@ -248,6 +248,28 @@ class Lab:
         """The calls on the lab's bus since the last reset, each with its requests and the fault that struck it."""
         return self.ask("GET", _with_query("/api/calls", last=last))
 
+    # Whole runs
+
+    def export(self, file: pathlib.Path | str | None = None, last: int | None = None) -> dict:
+        """All that the lab is and has seen, with tokens and ids of device and users hidden.
+
+        @param file is written too. @param last only so many entries of the journal"""
+        told = self.ask("GET", _with_query("/api/export", last=last))
+        if file is not None:
+            pathlib.Path(file).write_text(json.dumps(told, ensure_ascii=False, indent=1) + "\n", encoding="utf-8")
+        return told
+
+    def import_(self, wanted: dict | pathlib.Path | str) -> dict:
+        """Puts an export in the place of all that the lab has. @param wanted its file, or what stands in it
+        @return how many of each part there are, and left_out"""
+        return self.ask("POST", "/api/import", _read_run(wanted))
+
+    def diff(self, first: dict | pathlib.Path | str, second: dict | pathlib.Path | str | None = None) -> dict:
+        """@param first an export or {"journal": entries}, or the file of either. @param second another; None for this lab
+        @return same, settings, requests, as runs/compare.py makes them"""
+        told = {"first": _read_run(first)} | ({} if second is None else {"second": _read_run(second)})
+        return self.ask("POST", "/api/diff", told)
+
     def follow(self, after: int | None = None) -> Iterator[dict]:
         """New entries of the journal, as they come, until the lab ends."""
         connection, response = self._connect("GET", _with_query("/api/events", after=after), None, None)
@@ -258,6 +280,14 @@ class Lab:
                     event = line.removeprefix(b"event: ").strip()
                 if line.startswith(b"data: ") and event == b"journal":
                     yield json.loads(line.removeprefix(b"data: "))
+
+
+def _read_run(wanted: dict | pathlib.Path | str) -> dict:
+    if isinstance(wanted, dict):
+        return wanted
+    from .runs.export import read_file
+
+    return read_file(pathlib.Path(wanted))
 
 
 def _with_query(path: str, **values: object) -> str:

@@ -24,6 +24,7 @@ from .folder import LabError
 from .life import clock, purchase
 from .matching import MatchError
 from .own.template import TemplateError
+from .runs import compare, export
 from .store import Refusal
 
 Handler = Callable[[web.Request], Awaitable[web.StreamResponse]]
@@ -34,16 +35,19 @@ _WRONG = (
     FaultError,
     LabError,
     clock.LifeError,
+    export.ExportError,
     MatchError,
     Refusal,
     scenario.ScenarioError,
     TemplateError,
 )
 HEARTBEAT_SECONDS = 15
+# Two exports with full journals.
+LARGEST_REQUEST = 640 << 20
 
 
 def application(core: Core, token: str) -> web.Application:
-    made = web.Application(middlewares=[_guard(token)], client_max_size=64 << 20)
+    made = web.Application(middlewares=[_guard(token)], client_max_size=LARGEST_REQUEST)
     made["core"] = core
     made.add_routes(
         [
@@ -77,6 +81,9 @@ def application(core: Core, token: str) -> web.Application:
             web.get("/api/events", _events),
             web.get("/api/openapi.json", _openapi),
             web.get("/api/calls", _calls),
+            web.get("/api/export", _export),
+            web.post("/api/import", _import),
+            web.post("/api/diff", _diff),
             *dashboard.routes(),
         ]
     )
@@ -261,6 +268,26 @@ async def _journal(request: web.Request) -> web.Response:
 async def _calls(request: web.Request) -> web.Response:
     last = request.query.get("last")
     return web.json_response(_core(request).calls.describe(None if last is None else int(last)))
+
+
+async def _export(request: web.Request) -> web.Response:
+    last = request.query.get("last")
+    return web.json_response(await export.make(_core(request), None if last is None else int(last)))
+
+
+async def _import(request: web.Request) -> web.Response:
+    return web.json_response(await export.take(_core(request), await _large(request)))
+
+
+async def _diff(request: web.Request) -> web.Response:
+    wanted = await _large(request)
+    second = wanted.get("second") or await export.make(_core(request))
+    return web.json_response(await asyncio.to_thread(compare.compare, wanted["first"], second))
+
+
+async def _large(request: web.Request) -> dict:
+    """A body that takes long to parse; the store answers meanwhile."""
+    return await asyncio.to_thread(json.loads, await request.read())
 
 
 async def _openapi(_request: web.Request) -> web.Response:

@@ -196,6 +196,20 @@ def make(wanted: dict, number: int, now: float) -> Fault:
     )
 
 
+def restored(told: dict, now: float, base: int) -> Fault:
+    """A fault as describe() told it. Its random numbers begin anew. @param base what is added to numbers of the journal"""
+    known = {"number", "left", "seconds_left", "hits", "struck"}
+    wanted = {name: value for name, value in told.items() if name not in known}
+    numbers = [told["number"], told["hits"], *told["struck"]]
+    if not all(isinstance(number, int) for number in numbers):
+        raise FaultError(f"fault {told['number']!r} is none of an export")
+    # A moment that was left is told as 0.
+    seconds = max(told["seconds_left"], 0.1) if "seconds_left" in told else None
+    fault = make({**wanted, "count": told.get("left"), "seconds": seconds}, told["number"], now)
+    fault.hits, fault.struck = told["hits"], [base + seq for seq in told["struck"]]
+    return fault
+
+
 def _check_target(wanted: dict, kind: Kind, match: Match) -> None:
     """Refuses a fault that could not strike, or would lie."""
     payments = match.endpoint in PAYMENTS or match.invoice or match.product or match.custom_id

@@ -171,6 +171,16 @@ _OPERATIONS = [
         (),
         {"last": _COUNT},
     ),
+    ("get", "/api/export", "All that the lab is and has seen, with secrets hidden", None, (), {"last": _COUNT}),
+    ("post", "/api/import", "Puts an export in the place of all that the lab has", {"export": {"const": 1}}, ("export",), {}),
+    (
+        "post",
+        "/api/diff",
+        "What is different between two runs, or between one and this lab: exports, or {journal: entries}",
+        {"first": _OBJECT, "second": _OBJECT},
+        ("first",),
+        {},
+    ),
     (
         "post",
         "/api/call",

@@ -64,6 +64,11 @@ class Simulator:
         self._cleared += 1
         return ended
 
+    def restore_faults(self, kept: list[faults.Fault]) -> None:
+        """Faults of another lab, in their order and with their numbers."""
+        self.faults = kept
+        self._fault_number = max([self._fault_number, *(fault.number for fault in kept)])
+
     def reset(self) -> None:
         """As it was at the start."""
         self.clear_faults()

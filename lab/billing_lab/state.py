@@ -4,6 +4,7 @@ import pathlib
 import sqlite3
 
 STEPS = ("bought", "applied", "confirmed", "cancelled", "refunded")
+COLUMNS = ("id", "user", "app", "product", "country", "custom_id", *STEPS)
 
 # What an invoice is, by the first of these that it has.
 _STATUSES = {
@@ -76,12 +77,18 @@ def seed(db: sqlite3.Connection, catalogue: dict) -> None:
     set_fact(db, "catalogue", catalogue)
     set_fact(db, "answers", catalogue.get("answers", {}))
     set_fact(db, "clock_ahead", 0)
-    db.execute("DELETE FROM events")
-    db.execute("DELETE FROM invoices")
-    db.execute("DELETE FROM sqlite_sequence WHERE name = 'invoices'")
+    set_fact(db, "scenario", None)
+    forget_purchases(db)
     for invoice in sorted(catalogue.get("invoices", []), key=lambda made: made["bought"]):
         add_invoice(db, invoice)
     db.execute("COMMIT")
+
+
+def forget_purchases(db: sqlite3.Connection) -> None:
+    """All invoices, and what lies ahead of them."""
+    db.execute("DELETE FROM events")
+    db.execute("DELETE FROM invoices")
+    db.execute("DELETE FROM sqlite_sequence WHERE name = 'invoices'")
 
 
 _SEEN = "json_extract(life, '$.appears') IS NULL"
@@ -121,10 +128,9 @@ def events(db: sqlite3.Connection) -> list[dict]:
 
 
 def add_invoice(db: sqlite3.Connection, invoice: dict) -> None:
-    columns = ("id", "user", "app", "product", "country", "custom_id", *STEPS)
     db.execute(
-        f"INSERT INTO invoices ({', '.join(columns)}) VALUES ({', '.join('?' * len(columns))})",
-        [invoice.get(column) for column in columns],
+        f"INSERT INTO invoices ({', '.join(COLUMNS)}) VALUES ({', '.join('?' * len(COLUMNS))})",
+        [invoice.get(column) for column in COLUMNS],
     )
 
 

@@ -160,3 +160,23 @@ def test_the_app_is_judged_the_clock_moved_and_a_scenario_begun(page, lab):
     assert lab.invoices()[0]["product"] == "no-ads"
     # Two were refused, and the browser says so.
     page.complaints()
+
+
+@in_a_browser
+def test_a_run_is_imported_and_compared_on_the_page(page, lab, tmp_path):
+    lab.call("check_server_availability")
+    file = tmp_path / "run.json"
+    lab.export(file)
+    lab.reset()
+    lab.device("country", "DE")
+    page.open()
+    page.one("#runs input").send_keys(str(file))
+    page.click("runs", "Compare with it")
+    page.wait(lambda: "1 settings differ; 0 requests the same, 1 not." in page.text("#runs .said"))
+    assert 'device.country: in the file "US", here "DE"' in page.text("#runs .answer")
+    page.click("runs", "Import it")
+    page.wait(lambda: "1 journal" in page.text("#runs .said"))
+    page.wait(lambda: page.field("device", "Country").get_property("value") == "US")
+    page.wait(lambda: [row for row in page.rows() if "GET country" in row])
+    page.click("runs", "Export to a file")
+    page.wait(lambda: "billing-lab.json: " in page.text("#runs .said"))

@@ -17,6 +17,19 @@ _WORDS = {"appid": "app", "invoiceid": "invoice", "customId": "custom_id"}
 _SENT = {"get_product_list": ("appid",), "get_applied_time": tuple(_WORDS), "confirm_purchase": tuple(_WORDS)}
 
 
+def check(told: list[dict]) -> None:
+    """@throw ValueError for what Book.load() cannot take"""
+    for place, call in enumerate(told):
+        texts, numbers = ("time", "sender", "method"), [call["number"], call["after"], call.get("until", 0)]
+        if (
+            not all(isinstance(call[name], str) for name in texts)
+            or not all(isinstance(number, int) for number in numbers)
+            or not isinstance(call["arguments"], (dict, list))
+            or not isinstance(call.get("milliseconds", 0), (int, float))
+        ):
+            raise ValueError(f"calls[{place}] is no call of an export")
+
+
 class Book:
     """The calls since the last reset. All of it runs in one event loop."""
 
@@ -73,6 +86,20 @@ class Book:
     def clear(self) -> None:
         self._calls.clear()
         self._number = 0
+
+    def dump(self) -> list[dict]:
+        """The calls as another lab takes them: what describe() tells, and between which numbers their requests are."""
+        kept = [{name: call[name] for name in ("after", "until", "rivals") if name in call} for call in self._calls]
+        return [{**told, **more} for told, more in zip(self.describe(), kept)]
+
+    def load(self, told: list[dict], base: int) -> None:
+        """Calls of another lab. One that was under way there never ends. @param base is added to numbers of the journal"""
+        for call in told:
+            kept = {name: value for name, value in call.items() if name not in ("requests", "fault")}
+            places = {name: base + call[name] for name in ("after", "until") if name in call}
+            # Answered there or not, no answer of it comes here.
+            self._calls.append({**kept, "until": base, "began": 0.0, **places})
+        self._number = max([self._number, *(call["number"] for call in told)])
 
     def describe(self, last: int | None = None) -> list[dict]:
         """The calls, or the last ones, the oldest first. `requests` are numbers of the journal, None where calls of

@@ -2,7 +2,7 @@
 import json
 import pathlib
 
-from .. import journal
+from .. import journal, state
 from ..folder import LabError
 from ..matching import WORDS
 from .asked import read_expectation
@@ -58,6 +58,7 @@ async def begin(core, wanted: dict) -> dict:
     except Exception:
         await core.reset_whole()
         raise
+    state.set_fact(core.db, "scenario", wanted)
     await core.simulator.connections.dropped()
     return {"invoices": names, "faults": len(wanted.get("faults", [])), "expectations": len(core.expectations)}
 

@@ -82,6 +82,26 @@ def filled(own: dict, values: dict) -> bytes:
     return template.filled(raw.decode(), {**values, "count": own["count"]}) if own.get("template") else raw
 
 
+def whole(db: sqlite3.Connection) -> list[dict]:
+    """Those that are set, the latest last, as checked() takes them."""
+    known = _with_matches(state.fact(db, "answers", {}))
+    return [{**own, "given": own.get("given", 0)} for own in known.values()]
+
+
+def checked(told: list[dict]) -> dict:
+    """Answers of another lab, by their names. @throw MatchError, TemplateError"""
+    known = {}
+    for each in told:
+        match = read_match(each["match"])
+        if match.endpoint is None or not isinstance(each["given"], int):
+            raise MatchError("an answer needs an endpoint, and how often it was given")
+        bodies = each["bodies"] if "bodies" in each else [each["body"]]
+        if not bodies or not isinstance(each.get("status", 200), int) or not isinstance(each.get("type", ""), str):
+            raise MatchError(f"the answer {name_of(match)} has no body, or a wrong status or type")
+        known[name_of(match)] = {**each, "bodies": [_checked(body, each) for body in bodies]}
+    return known
+
+
 def describe(db: sqlite3.Connection) -> dict:
     """Those that are set, without their bodies."""
     told = {}

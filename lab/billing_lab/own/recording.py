@@ -2,16 +2,11 @@
 import base64
 import json
 import pathlib
-import re
 import urllib.parse
 
 from ..folder import LabError
 from ..store import PATHS
-
-# What a request says of its device and of its user, in headers, in the query and in the body.
-_SECRETS = {"atoken": "token", "duid": "device", "guid": "account", "uid": "user", "customid": "custom-id"}
-# A shorter value stands in bodies by chance.
-_SHORTEST = 4
+from . import secrets
 
 
 def scenario_of(file: pathlib.Path) -> dict:
@@ -49,16 +44,14 @@ def _endpoint(request: dict) -> str | None:
 
 def _secrets(requests: list[dict]) -> dict[str, str]:
     """What stands for each secret value, the longest first: one may stand in another."""
-    said: dict[str, set[str]] = {name: set() for name in _SECRETS}
+    said: dict[str, set[str]] = {name: set() for name in secrets.SAID}
     for request in requests:
-        pairs = [(header["name"], header["value"]) for header in request.get("headers", [])]
-        pairs += urllib.parse.parse_qsl(urllib.parse.urlsplit(request["url"]).query)
-        pairs += re.findall(r'"(\w+)"\s*:\s*"([^"]*)"', request.get("postData", {}).get("text", ""))
-        for name, value in pairs:
-            if name.lower() in said and len(value) >= _SHORTEST:
+        headers = [(header["name"], header["value"]) for header in request.get("headers", [])]
+        for name, value in secrets.pairs(headers, request["url"], request.get("postData", {}).get("text", "")):
+            if name.lower() in said and len(value) >= secrets.SHORTEST:
                 said[name.lower()].add(value)
     found: dict[str, str] = {}
-    for name, shown in _SECRETS.items():
+    for name, shown in secrets.SAID.items():
         for value in said[name]:
             # The history says the user's id as its custom id too.
             found.setdefault(value, f"hidden-{shown}")

@@ -6,6 +6,7 @@ import * as call from "./call.js";
 import { byId, make } from "./dom.js";
 import { startDevice, startFaults } from "./controls.js";
 import { startChecks } from "./checks.js";
+import { startRuns } from "./runs.js";
 import { startCatalogue, startInvoices } from "./shop.js";
 
 const link = byId("link");
@@ -31,6 +32,7 @@ async function begin() {
   const invoices = startInvoices();
   const showBanner = startBanner();
   const showClock = startChecks();
+  startRuns();
   let shown = "";
 
   async function show(now) {
