@@ -3,10 +3,13 @@ import contextlib
 import itertools
 import os
 import pathlib
+import re
 import subprocess
 from urllib.parse import quote
 
 from gi.repository import Gio, GLib
+
+from .folder import LabError
 
 SERVICE = "org.plevo.billingservice"
 OBJECT = "/org/plevo/billingservice"
@@ -36,6 +39,18 @@ CONFIGURATION = """<!DOCTYPE busconfig PUBLIC "-//freedesktop//DTD D-Bus Bus Con
 """
 
 
+_NAME = re.compile(r"[A-Za-z_-][A-Za-z0-9_-]*(\.[A-Za-z_-][A-Za-z0-9_-]*)+")
+
+
+def check_name(name):
+    """@return the name, which another service than ours may own. @throw LabError"""
+    if not isinstance(name, str) or len(name) > 255 or not _NAME.fullmatch(name):
+        raise LabError(f"{name!r} is no name of a service; write one such as org.example.Downloads")
+    if name == SERVICE or name.startswith("org.freedesktop.DBus"):
+        raise LabError(f"{name} is on this bus already")
+    return name
+
+
 class Bus:
     """The bus, with its socket and its configuration in a folder of the caller's.
 
@@ -48,16 +63,9 @@ class Bus:
         self.socket = folder / "bus"
         # What may stand in an address as it is.
         self.address = "unix:path=" + quote(str(self.socket), safe="/-_.").replace("~", "%7E")
-        rules = "".join(f'    <allow own="{name}"/>\n    <allow send_destination="{name}"/>\n' for name in names)
-        configuration = folder / "bus.conf"
-        configuration.write_text(
-            CONFIGURATION.format(
-                address=self.address,
-                names=rules,
-                rules="".join(f"    {rule}\n" for rule in policy),
-                limits="".join(f'  <limit name="{name}">{value}</limit>\n' for name, value in (limits or {}).items()),
-            )
-        )
+        self._configuration = folder / "bus.conf"
+        self._names, self._limits, self._policy = tuple(names), limits or {}, policy
+        self._write(())
         # It ends with us, however we end and be it at this moment, and knows nothing of our terminal's
         # Ctrl-C.
         self.process = subprocess.Popen(
@@ -70,7 +78,7 @@ class Bus:
                 '[ "$PPID" = "$0" ] && exec "$@"',
                 str(os.getpid()),
                 "dbus-daemon",
-                f"--config-file={configuration}",
+                f"--config-file={self._configuration}",
                 "--nofork",
                 "--nopidfile",
                 "--print-address",
@@ -82,6 +90,35 @@ class Bus:
         if not self.process.stdout.readline():
             raise RuntimeError("dbus-daemon did not start")
         self.socket.chmod(0o600)
+
+    def _write(self, further):
+        names = (*self._names, *further)
+        rules = "".join(f'    <allow own="{name}"/>\n    <allow send_destination="{name}"/>\n' for name in names)
+        self._configuration.write_text(
+            CONFIGURATION.format(
+                address=self.address,
+                names=rules,
+                rules="".join(f"    {rule}\n" for rule in self._policy),
+                limits="".join(f'  <limit name="{name}">{value}</limit>\n' for name, value in self._limits.items()),
+            )
+        )
+
+    def allow(self, further):
+        """Lets programs own these names too, and call them, from when this returns; others than these no more."""
+        self._write(further)
+        caller = Caller(self.address)
+        caller.connection.call_sync(
+            "org.freedesktop.DBus",
+            "/org/freedesktop/DBus",
+            "org.freedesktop.DBus",
+            "ReloadConfig",
+            None,
+            None,
+            Gio.DBusCallFlags.NONE,
+            10000,
+            None,
+        )
+        caller.close()
 
     def kill(self):
         """Without any notice, as a crash would."""

@@ -194,12 +194,24 @@ Switches:
   gateway up|down|auto|error:N
                            whether there is a way out; auto asks the kernel; error:N fails with N, 0 to 999999999
   token valid|expired|none the device's access token
-  service up|hanging|absent|restart
-                           the service itself: hanging, it keeps its name and answers nothing until it is up; restart
-                           ends it as a crash does, with the calls under way, and starts it again""",
+  service up|hanging|absent|refusing|restart
+                           the service itself: hanging, it keeps its name and answers nothing until it is up; refusing,
+                           it answers 1160003, "Try again later."; restart ends it as a crash does, with the calls
+                           under way, and starts it again""",
     )
     made.add_argument("switch", nargs="?", choices=device.SWITCHES, metavar="SWITCH", help=", ".join(device.SWITCHES))
     made.add_argument("value", nargs="?", default="", metavar="VALUE", help="see below")
+
+    made = add(
+        words,
+        "names",
+        commands.names,
+        "show or change the names that programs may own on the lab's bus, for mocks of other services",
+        epilog="The lab keeps them until they are removed, over `reset` and `down`. As on a device's system bus, nobody may "
+        "own or call a name that is not listed.",
+    )
+    made.add_argument("names", nargs="*", metavar="NAME", help="a name to add, such as org.example.Downloads")
+    made.add_argument("--remove", action="store_true", help="remove these in place of adding them; without any, all")
 
 
 def _faults(words) -> None:

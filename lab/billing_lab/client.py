@@ -182,6 +182,13 @@ class Lab:
             return self.ask("GET", "/api/device")
         return self.ask("POST", "/api/device", {"switch": switch, "value": value})
 
+    def names(self, *names: str, remove: bool = False) -> list[str]:
+        """What programs may own on the lab's bus, after these were added, or removed: for mocks of other services."""
+        if remove:
+            query = urllib.parse.urlencode([("name", name) for name in names])
+            return self.ask("DELETE", f"/api/names?{query}")
+        return self.ask("POST", "/api/names", {"names": names}) if names else self.ask("GET", "/api/names")
+
     def fault(self, kind: str, **options) -> dict:
         """Adds a fault: its own options; whom it strikes (endpoint or method, app, user, invoice, product,
         custom_id, header); skip, count, seconds, chance, seed, done."""

@@ -270,6 +270,15 @@ def _device_line(told: dict) -> str:
     )
 
 
+def names(options: argparse.Namespace) -> int:
+    told = _lab(options).names(*options.names, remove=options.remove)
+    if options.json:
+        _json(told)
+    else:
+        print("\n".join(told) or "none but the service's own")
+    return 0
+
+
 # Faults
 
 

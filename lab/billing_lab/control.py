@@ -68,6 +68,9 @@ def application(core: Core, token: str) -> web.Application:
             web.post("/api/clock", _advance),
             web.get("/api/device", _device),
             web.post("/api/device", _switch),
+            web.get("/api/names", _names),
+            web.post("/api/names", _allow),
+            web.delete("/api/names", _forbid),
             web.get("/api/faults", _faults),
             web.post("/api/faults", _add_fault),
             web.delete("/api/faults", _clear_faults),
@@ -201,6 +204,18 @@ async def _device(request: web.Request) -> web.Response:
 async def _switch(request: web.Request) -> web.Response:
     wanted = await request.json()
     return web.json_response(await _core(request).turn(wanted["switch"], wanted.get("value", "")))
+
+
+async def _names(request: web.Request) -> web.Response:
+    return web.json_response(_core(request).names())
+
+
+async def _allow(request: web.Request) -> web.Response:
+    return web.json_response(await _core(request).allow(*(await request.json())["names"]))
+
+
+async def _forbid(request: web.Request) -> web.Response:
+    return web.json_response(await _core(request).forbid(*request.query.getall("name", [])))
 
 
 async def _faults(request: web.Request) -> web.Response:

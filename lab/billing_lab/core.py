@@ -6,10 +6,11 @@ import shutil
 import socket
 
 from . import catalogue, device, journal, purchases, state, tls
+from .bus import Bus, check_name
 from .calls.book import Book
 from .checks import asked, report
-from .device import Settings
-from .folder import Folder
+from .device import Changes, Settings
+from .folder import Folder, LabError
 from .life import clock, purchase
 from .matching import PAYMENTS
 from .own import answers
@@ -25,10 +26,11 @@ BURST_SECONDS = 0.1
 class Core:
     """What can be asked of a lab, and done with it."""
 
-    def __init__(self, folder: Folder, listener: socket.socket, info: dict, service: Service):
+    def __init__(self, folder: Folder, listener: socket.socket, info: dict, service: Service, own_bus: Bus):
         self.folder = folder
         self.info = info
         self.service = service
+        self._bus = own_bus
         self.db = state.open_state(folder.state)
         self.certificate = tls.fingerprint(folder.certificate_view / "bgclient.crt")
         self.followers = journal.Followers()
@@ -67,6 +69,7 @@ class Core:
             "catalogue": self.summary(),
             "faults": told,
             "answers": answers.describe(self.db),
+            "names": self.names(),
             "unusual": self.unusual(),
             "clock": clock.describe(self.db),
             "ahead": state.events(self.db),
@@ -81,20 +84,50 @@ class Core:
 
     def device(self) -> dict:
         told = device.describe(device.read(self.folder.settings), state.fact(self.db, "token"))
-        return {**told, "service": self.service.state}
+        refusing = self.service.state == "up" and not device.value(device.read(self.folder.settings), device.HOSTS[0])
+        return {**told, "service": "refusing" if refusing else self.service.state}
 
     async def turn(self, name: str, wanted: str) -> dict:
         """A switch of the device, or the state of its service."""
         if name != "service":
             return self.switch(name, wanted)
-        await self.service.switch(wanted)
+        await self.service.switch("up" if wanted == "refusing" else wanted)
+        # Without a host the service cannot submit a request: "Try again later."
+        hosts = dict.fromkeys(device.HOSTS) if wanted == "refusing" else self._hosts()
+        device.change(self.folder.settings, hosts)
         return self.device()
+
+    def _hosts(self) -> Changes:
+        addresses = self.info["store"].items()
+        return {("deployment", f"{name}_host"): address.removeprefix("https://") for name, address in addresses}
 
     def switch(self, name: str, wanted: str) -> dict:
         users = state.fact(self.db, "catalogue")["users"]
         changes = device.switched(name, wanted, users, state.fact(self.db, "token"))
         device.change(self.folder.settings, changes)
         return self.device()
+
+    # The bus
+
+    def names(self) -> list[str]:
+        """What programs may own on the lab's bus beside the service, for mocks of other services."""
+        return state.fact(self.db, "names", [])
+
+    async def allow(self, *names: str) -> list[str]:
+        """Lets programs own these too."""
+        return await self._set_names([*self.names(), *(check_name(name) for name in names if name not in self.names())])
+
+    async def forbid(self, *names: str) -> list[str]:
+        """Programs may own these no more, without any of them none at all. Who owns one keeps it."""
+        for name in names:
+            if name not in self.names():
+                raise LabError(f"{name!r} is none of the names of the bus: {', '.join(self.names()) or 'none'}")
+        return await self._set_names([name for name in self.names() if names and name not in names])
+
+    async def _set_names(self, names: list[str]) -> list[str]:
+        state.set_fact(self.db, "names", names)
+        await asyncio.to_thread(self._bus.allow, names)
+        return names
 
     # The store
 
@@ -117,8 +150,7 @@ class Core:
     def _usual_settings(self) -> Settings:
         """The device as it was made, with what the catalogue sets."""
         made = device.read(self.folder.settings.with_name("device.initial"))
-        for name, address in self.info["store"].items():
-            made["deployment"][f"{name}_host"] = address.removeprefix("https://")
+        device.apply(made, self._hosts())
         read, token = state.fact(self.db, "catalogue"), state.fact(self.db, "token")
         switches = dict(read.get("device", {}))
         if device.value(made, device.UID) not in [user["uid"] for user in read["users"]]:

@@ -10,6 +10,7 @@ from .folder import replace_file
 from .store import EXPIRED_TOKEN
 
 Settings = dict[str, dict[str, str]]
+Changes = dict[tuple[str, str], str | None]
 
 TOKEN = ("config", "db/comss/atoken")
 DUID = ("config", "db/comss/hwduid")
@@ -20,6 +21,7 @@ GUID = ("account", "guid")
 UID = ("account", "login_id")
 ACCOUNT_TOKEN = ("account", "auth_token")
 GATEWAY = ("network", "default_gateway")
+HOSTS = (("deployment", "production_host"), ("deployment", "sandbox_host"))
 
 # The value that the file has, by what is said.
 SERVERS = {"production": "0", "sandbox": "1"}
@@ -53,14 +55,14 @@ def value(settings: Settings, key: tuple[str, str]) -> str:
     return settings.get(key[0], {}).get(key[1], "")
 
 
-def change(file: pathlib.Path, changes: dict[tuple[str, str], str | None]) -> None:
+def change(file: pathlib.Path, changes: Changes) -> None:
     """Sets values; None takes one out."""
     settings = read(file)
     apply(settings, changes)
     write(file, settings)
 
 
-def apply(settings: Settings, changes: dict[tuple[str, str], str | None]) -> None:
+def apply(settings: Settings, changes: Changes) -> None:
     for (group, key), new in changes.items():
         if new is None:
             settings.get(group, {}).pop(key, None)
@@ -158,6 +160,6 @@ def _gateway(wanted: str) -> dict:
 
 
 _SIMPLE = {"signed-out": _signed_out, "country": _country, "language": _language, "server": _server, "gateway": _gateway}
-# The daemon itself: there, not answering, not on the bus. Not of the settings.
-SERVICE_STATES = ("up", "hanging", "absent")
+# The daemon itself: there, not answering, not on the bus, and there without being able to submit a request.
+SERVICE_STATES = ("up", "hanging", "absent", "refusing")
 SWITCHES = (*_SIMPLE, "signed-in", "token", "service")

@@ -97,7 +97,9 @@ async def _live(
     """@param listeners the store's and the control interface's"""
     with contextlib.closing(state.open_state(folder.state)) as db:
         state.set_fact(db, "token", token)
-    lab = core.Core(folder, listeners[0], info, parts[1])
+    lab = core.Core(folder, listeners[0], info, parts[1], parts[0])
+    if lab.names():
+        await lab.allow()
     why: list[str] = []
     watcher = _watch_calls(lab, info["bus"])
     _watch(lab, parts, why, lifeline)

@@ -10,14 +10,15 @@ import pytest
 CHROMIUM, DRIVER = shutil.which("chromium"), shutil.which("chromedriver")
 try:
     from selenium import webdriver
+    from selenium.webdriver.common.action_chains import ActionChains
     from selenium.webdriver.chrome.service import Service
     from selenium.webdriver.common.by import By
     from selenium.webdriver.common.keys import Keys
     from selenium.webdriver.support.ui import Select
 except ImportError:
-    webdriver = By = Keys = Select = None
+    webdriver = ActionChains = By = Keys = Select = None
 
-__all__ = ["By", "Keys", "Select", "NARROW", "WIDE", "in_a_browser", "Page", "browser_of_the_run", "page"]
+__all__ = ["ActionChains", "By", "Keys", "Select", "NARROW", "WIDE", "in_a_browser", "Page", "browser_of_the_run", "page"]
 
 in_a_browser = pytest.mark.skipif(
     not (CHROMIUM and DRIVER and webdriver), reason="no browser (apt install chromium chromium-driver python3-selenium)"

@@ -180,3 +180,17 @@ def test_a_run_is_imported_and_compared_on_the_page(page, lab, tmp_path):
     page.wait(lambda: [row for row in page.rows() if "GET country" in row])
     page.click("runs", "Export to a file")
     page.wait(lambda: "billing-lab.json: " in page.text("#runs .said"))
+
+
+@in_a_browser
+def test_a_name_for_a_mock_is_added_and_removed_on_the_page(page, lab):
+    page.open()
+    page.field("device", "Name for a mock").send_keys("nodots\n")
+    page.wait(lambda: "is no name of a service" in page.text("#device .said"))
+    page.driver.get_log("browser")  # the refusal
+    page.field("device", "Name for a mock").send_keys("." + "mock\n")
+    page.wait(lambda: "nodots.mock" in page.text("#device ul"))
+    assert lab.names() == ["nodots.mock"]
+    page.click("device", "Remove")
+    page.wait(lambda: "nodots.mock" not in page.text("#device ul"))
+    assert lab.names() == []

@@ -4,6 +4,7 @@ import time
 
 import pytest
 from billing_lab.folder import LabError
+from gi.repository import Gio, GLib
 
 
 def failed(lab, **options):
@@ -46,6 +47,67 @@ def test_a_call_that_is_under_way_at_a_restart_has_no_reply(lab):
     assert lab.call("confirm_purchase", invoiceid="INV-SEED-2")[0] == 0
 
 
+def test_a_service_that_cannot_submit_a_request_says_so(lab, cli):
+    told = cli("device", "service", "refusing", folder=lab.folder.path)
+    assert "service refusing" in told.stdout
+    assert lab.call("confirm_purchase", invoiceid="INV-SEED-2") == (1160003, "Try again later.")
+    assert (lab.journal(), lab.calls()[0]["requests"]) == ([], [])
+    assert lab.status()["unusual"] == ["device: service refusing, usually up"]
+    lab.device("service", "hanging")
+    assert lab.device()["service"] == "hanging"
+    lab.device("service", "refusing")
+    written = lab.export()
+    lab.usual()
+    assert lab.call("check_server_availability")[0] == 0
+    lab.import_(written)
+    assert lab.call("check_server_availability") == (1160003, "Try again later.")
+    lab.device("service", "up")
+    assert lab.call("check_server_availability")[0] == 0
+
+
+def owned(lab, name):
+    """Asks for a name as a mock does. @return the connection that owns it"""
+    connection = Gio.DBusConnection.new_for_address_sync(
+        lab.bus, Gio.DBusConnectionFlags.AUTHENTICATION_CLIENT | Gio.DBusConnectionFlags.MESSAGE_BUS_CONNECTION, None, None
+    )
+    asked = GLib.Variant("(su)", (name, 0))
+    bus = "org.freedesktop.DBus"
+    connection.call_sync(
+        bus, "/org/freedesktop/DBus", bus, "RequestName", asked, None, Gio.DBusCallFlags.NONE, 10_000, None
+    )  # fmt: skip
+    return connection
+
+
+def test_a_mock_of_another_service_owns_a_listed_name_and_is_called(lab, cli):
+    name = "org.example.Downloads"
+    with pytest.raises(GLib.Error, match="AccessDenied"):
+        owned(lab, name)
+    assert cli("names", name, folder=lab.folder.path).stdout == f"{name}\n"
+    assert lab.names() == lab.status()["names"] == [name]
+    mock = owned(lab, name)
+    caller = Gio.DBusConnection.new_for_address_sync(
+        lab.bus, Gio.DBusConnectionFlags.AUTHENTICATION_CLIENT | Gio.DBusConnectionFlags.MESSAGE_BUS_CONNECTION, None, None
+    )
+    # GIO answers a ping for whoever has a connection.
+    ping = (name, "/", "org.freedesktop.DBus.Peer", "Ping", None, None, Gio.DBusCallFlags.NONE, 10_000, None)
+    caller.call_sync(*ping)
+    lab.reset()
+    caller.call_sync(*ping)
+    assert lab.names(name, remove=True) == []
+    with pytest.raises(GLib.Error, match="AccessDenied"):
+        caller.call_sync(*ping)
+    assert lab.call("check_server_availability")[0] == 0
+    mock.close_sync(None)
+    caller.close_sync(None)
+
+
+@pytest.mark.parametrize("name", ["org.plevo.billingservice", "org.freedesktop.DBus", "nodots", 'a.b"/><x', ""])
+def test_a_name_that_no_mock_may_own_is_refused(lab, name):
+    with pytest.raises(LabError):
+        lab.names(name)
+    assert lab.names() == []
+
+
 def test_a_reset_brings_the_service_back_and_switches_come_one_after_the_other(lab):
     threads = [threading.Thread(target=lab.device, args=("service", state)) for state in ("absent", "restart", "hanging")]
     for thread in threads:
@@ -57,5 +119,5 @@ def test_a_reset_brings_the_service_back_and_switches_come_one_after_the_other(l
 
 
 def test_a_state_that_is_none_is_refused(lab):
-    with pytest.raises(LabError, match="service 'gone' is not known; write one of up, hanging, absent, restart"):
+    with pytest.raises(LabError, match="service 'gone' is not known; write one of up, hanging, absent, refusing, restart"):
         lab.device("service", "gone")

@@ -35,14 +35,16 @@ export function startDevice(meta, users, device) {
   options(inputs.server, meta.servers.map((name) => [name, name]));
   options(inputs.gateway, [["up", "up"], ["down", "down: no network"], ["auto", "as this machine"], ["error:5", "cannot be read"]]);
   options(inputs.token, [["valid", "valid"], ["expired", "expired"], ["none", "none"]]);
-  options(inputs.service, [["up", "up"], ["hanging", "hanging: answers nothing"], ["absent", "absent"], ["restart", "crash and start again"]]);
+  options(inputs.service, [["up", "up"], ["hanging", "hanging: answers nothing"], ["absent", "absent"], ["refusing", "refusing: \"Try again later.\""], ["restart", "crash and start again"]]);
   const turn = (name, value) => said.hear(async () => showIt(await send("device", name === "signed-in" && !value ? { switch: "signed-out" } : { switch: name, value }), undefined, true));
   for (const [name, input] of Object.entries(inputs)) {
     whenChosen(input, () => turn(name, input.value.trim() || (input.tagName === "INPUT" ? "none" : "")));
     form.append(...field({ "signed-in": "Signed in", country: "Country", language: "Language", server: "Server", gateway: "Network", token: "Token", service: "Service" }[name], input));
   }
+  const mocks = startNames(said);
   // What one is just writing or choosing is one's own, until it is set.
-  function showIt(now, known, isSet = false) {
+  function showIt(now, known, isSet = false, names = undefined) {
+    if (names) mocks(names);
     const set = (name, value) => {
       if (isSet || document.activeElement !== inputs[name] || inputs[name].value === "") inputs[name].value = value;
     };
@@ -58,6 +60,30 @@ export function startDevice(meta, users, device) {
   }
   showIt(device, users);
   return showIt;
+}
+
+/** The names that mocks of other services may own. @return shows them */
+function startNames(said) {
+  const name = make("input", { autocomplete: "off", placeholder: "org.example.Downloads" });
+  const list = make("ul", { class: "plain" });
+  byId("device").append(
+    make("form", { class: "grid", onsubmit: (event) => { event.preventDefault(); said.hear(add); } },
+      ...field("Name for a mock", name), make("div", { class: "wide actions" }, make("button", { type: "submit" }, "Let it be owned"))),
+    list);
+
+  async function add() {
+    show(await send("names", { names: [name.value.trim()] }));
+    name.value = "";
+  }
+
+  const remove = (one) => said.hear(async () => show(await ask(`names?name=${encodeURIComponent(one)}`, { method: "DELETE" })));
+
+  function show(names) {
+    refill(list, "No app may own a name on the lab's bus but the service.", ...names.map((one) => make("li", {},
+      make("span", { class: "grow" }, one),
+      make("button", { type: "button", "aria-label": `Remove ${one}`, onclick: () => remove(one) }, "Remove"))));
+  }
+  return show;
 }
 
 /** A list of faults, and the number that the chosen one takes, if it takes one. */

@@ -42,9 +42,9 @@ async function begin() {
       const fresh = await ask("catalogue");
       showCatalogue(fresh);
       invoices.showCatalogue(fresh);
-      showDevice(now.device, fresh.users);
+      showDevice(now.device, fresh.users, false, now.names);
     } else {
-      showDevice(now.device);
+      showDevice(now.device, undefined, false, now.names);
     }
     faults.show(now);
     showBanner(now);

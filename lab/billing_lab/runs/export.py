@@ -7,6 +7,7 @@ import platform
 import re
 
 from .. import __version__, catalogue, device, faults, journal, state
+from ..bus import check_name
 from ..calls import book
 from ..checks.asked import read_expectation
 from ..folder import LabError, replace_file
@@ -24,6 +25,7 @@ _KINDS = {dict: "an object", list: "a list"}
 _PARTS = {
     "catalogue": dict,
     "device": dict,
+    "names": list,
     "connection": dict,
     "faults": list,
     "answers": list,
@@ -48,6 +50,7 @@ async def make(core, last: int | None = None) -> dict:
         "versions": {"billing-lab": __version__, "python": platform.python_version(), "system": platform.platform()},
         "catalogue": catalogue.as_file(state.fact(db, "catalogue")),
         "device": core.device(),
+        "names": core.names(),
         "connection": {"fault": core.simulator.connections.fault, **core.simulator.connections.options},
         "faults": [fault.describe(now) for fault in core.simulator.faults if not fault.is_over(now)],
         "answers": answers.whole(db),
@@ -113,6 +116,7 @@ async def take(core, told: dict) -> dict:
         known = answers.checked(told["answers"])
         whole.check(told["purchases"])
         book.check(told["calls"])
+        names = [check_name(name) for name in told["names"]]
         settings, left_out = _switches(core, read, told["device"])
         ahead = told["clock"].get("ahead_seconds")
         if isinstance(ahead, bool) or not isinstance(ahead, int) or not 0 <= ahead <= clock.MOST_SECONDS:
@@ -139,6 +143,7 @@ async def take(core, told: dict) -> dict:
     core.expectations = expected
     core.simulator.restore_faults(set_faults)
     core.simulator.connections.switch(name, **options)
+    await core.allow(*names)
     await core.turn("service", told["device"].get("service", "up"))
     return {name: len(told[name]) for name in ("faults", "answers", "expectations", "journal", "calls")} | {
         "invoices": len(told["purchases"]["invoices"]),
