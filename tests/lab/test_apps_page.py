@@ -1,6 +1,7 @@
 """The programs of docs/APPS.md, run as they stand there, and what the page says of arguments."""
 import json
 import os
+import pathlib
 import re
 import shlex
 import shutil
@@ -14,8 +15,8 @@ from conftest import LAB
 
 PAGE = (LAB.parent / "docs" / "APPS.md").read_text(encoding="utf-8")
 PROGRAMS = dict(re.findall(r"```(python|c|cpp|javascript)\n(.*?)```", PAGE, re.DOTALL))
-# Where npm put dbus-next; no package of Debian has it.
-MODULES = os.environ.get("NODE_PATH", "")
+# Where npm puts dbus-next; no package of Debian has it.
+MODULES = [*os.environ.get("NODE_PATH", "").split(os.pathsep), str(pathlib.Path(__file__).with_name("node") / "node_modules")]
 
 pytestmark = pytest.mark.usefixtures("needs_view")
 
@@ -43,15 +44,24 @@ def program(request, tmp_path_factory):
     if request.param == "cpp":
         return built(folder, "cpp", ["c++", "-std=c++17"], "sdbus-c++")
     interpreter = sys.executable if request.param == "python" else shutil.which("node")
-    if request.param == "javascript" and (not interpreter or not os.path.isdir(os.path.join(MODULES, "dbus-next"))):
-        pytest.skip("no node, or no dbus-next in NODE_PATH (npm install dbus-next)")
+    if request.param == "javascript" and (
+        not interpreter or not any(os.path.isdir(os.path.join(path, "dbus-next")) for path in filter(None, MODULES))
+    ):
+        pytest.skip("no node, or no dbus-next in NODE_PATH or tests/lab/node (there: npm ci --ignore-scripts --omit=optional)")
     source = folder / "app"
     source.write_text(PROGRAMS[request.param], encoding="utf-8")
     return [interpreter, source]
 
 
 def run(program, **environment):
-    done = subprocess.run(program, capture_output=True, text=True, timeout=120, check=False, env={**os.environ, **environment})
+    done = subprocess.run(
+        program,
+        capture_output=True,
+        text=True,
+        timeout=120,
+        check=False,
+        env={**os.environ, "NODE_PATH": os.pathsep.join(filter(None, MODULES)), **environment},
+    )
     return done.returncode, done.stdout, done.stderr
 
 
