@@ -3,7 +3,7 @@ import asyncio
 import json
 
 from .connection import Exchange
-from .faults import Fault, damage
+from .faults import Fault, damage, delay_of
 from .store import Reply
 
 _CHUNK = b"x" * (1 << 20)
@@ -47,8 +47,7 @@ async def _whole(exchange, reply, _fault):
 
 
 async def _delay(exchange, reply, fault):
-    drawn = fault.draw.uniform(0, fault.options["spread"])
-    if await exchange.left_within((fault.options["ms"] + drawn) / 1000):
+    if await exchange.left_within(delay_of(fault) / 1000):
         return "the client left"
     return await _whole(exchange, reply, fault)
 

@@ -16,7 +16,7 @@ from .life import words as life
 from .matching import ENDPOINTS
 from .methods import METHODS
 from .runs import words as runs
-from .words import add, decimal, match_options, number
+from .words import add, decimal, match_options, number, numbers
 
 _DESCRIPTION = """\
 A store of your own with a device in front of it: a private bus, the billing service, a software token and a store
@@ -261,9 +261,9 @@ def _options_of(made: argparse.ArgumentParser, kind: Kind | ConnectionKind) -> N
     for option, known in kind.options.items():
         made.add_argument(
             f"--{option}",
-            type=number(known.least, known.most),
-            metavar="N",
-            help=f"{known.unit}, {known.least} to {known.most} (default: {known.default})",
+            type=numbers(known.least, known.most) if known.many else number(known.least, known.most),
+            metavar="N,N,..." if known.many else "N",
+            help=f"{known.unit}, {known.least} to {known.most} (default: {'none' if known.default is None else known.default})",
         )
 
 

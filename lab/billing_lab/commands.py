@@ -300,7 +300,20 @@ def fault(options: argparse.Namespace) -> int:
                 lab.fault(
                     options.kind,
                     **_given(
-                        options, "code", "ms", "spread", "mib", *WORDS, "skip", "count", "seconds", "chance", "seed", "done"
+                        options,
+                        "code",
+                        "ms",
+                        "spread",
+                        "deviation",
+                        "choices",
+                        "mib",
+                        *WORDS,
+                        "skip",
+                        "count",
+                        "seconds",
+                        "chance",
+                        "seed",
+                        "done",
                     ),
                 )
             )
@@ -336,7 +349,7 @@ def _list_faults(lab: client.Lab, options: argparse.Namespace) -> int:
 def _fault_line(told: dict) -> str:
     shown = [
         f"{name} {told[name]}"
-        for name in ("code", "ms", "spread", "mib", *WORDS, "skip", "left", "seconds_left", "seed")
+        for name in ("code", "ms", "spread", "deviation", "choices", "mib", *WORDS, "skip", "left", "seconds_left", "seed")
         if told.get(name, 0) != 0
     ]
     if told["chance"] < 1:

@@ -10,18 +10,20 @@ from .matching import PAYMENTS, WORDS, Asked, Match, MatchError, read_match
 
 # Product ids that force an outcome begin with this, so that nobody ships one.
 RESERVED = "NEVER-SHIP."
+MOST_CHOICES = 1000
 # How many of the requests that a fault struck are told.
 TOLD_STRUCK = 100
 
 
 @dataclasses.dataclass(frozen=True)
 class Option:
-    """A number that a kind of fault takes, in `unit`."""
+    """A number that a kind of fault takes, in `unit`, or `many` of them. Without a default it counts only where it is said."""
 
-    default: int
+    default: int | None
     least: int
     most: int
     unit: str
+    many: bool = False
 
 
 @dataclasses.dataclass(frozen=True)
@@ -44,7 +46,9 @@ KINDS = {
         "the answer comes late",
         {
             "ms": Option(1000, 1, 600_000, "milliseconds"),
-            "spread": Option(0, 0, 600_000, "milliseconds at most that are drawn and added"),
+            "spread": Option(0, 0, 600_000, "milliseconds at most that are drawn and added, each as likely"),
+            "deviation": Option(0, 0, 600_000, "milliseconds: the standard deviation of a normal distribution around ms"),
+            "choices": Option(None, 0, 600_000, "milliseconds, of which one is drawn", many=True),
         },
         True,
     ),
@@ -109,7 +113,7 @@ class Fault:
     """One fault. What is None does not restrict it."""
 
     kind: str
-    options: dict[str, int]
+    options: dict[str, int | list[int]]
     match: Match = Match()
     skip: int = 0
     left: int | None = None
@@ -239,8 +243,28 @@ def read_connection(wanted: dict) -> tuple[str, dict[str, int]]:
     return name, _read_options(wanted, kind.options)
 
 
-def _read_options(wanted: dict, options: dict[str, Option]) -> dict[str, int]:
-    return {name: int(_number(wanted, name, option.least, option.most, option.default)) for name, option in options.items()}
+def _read_options(wanted: dict, options: dict[str, Option]) -> dict:
+    read = {
+        name: _numbers(wanted, name, option)
+        if option.many
+        else _number(wanted, name, option.least, option.most, option.default)
+        for name, option in options.items()
+    }
+    drawn = [name for name in ("choices", "spread", "deviation") if read.get(name)]
+    if len(drawn) > 1 or ("choices" in drawn and wanted.get("ms") is not None):
+        raise FaultError(f"{drawn[0]} says how the time is drawn; leave {drawn[1] if len(drawn) > 1 else 'ms'} out")
+    if drawn == ["choices"]:
+        return {"choices": [int(each) for each in read["choices"]]}
+    return {name: int(value) for name, value in read.items() if value is not None}
+
+
+def _numbers(wanted: dict, name: str, option: Option) -> list | None:
+    values = wanted.get(name)
+    if values is None:
+        return None
+    if not isinstance(values, list) or not 1 <= len(values) <= MOST_CHOICES:
+        raise FaultError(f"{name} is {values!r}; it must be a list of 1 to {MOST_CHOICES} numbers")
+    return [_number({name: value}, name, option.least, option.most, None) for value in values]
 
 
 def _number(wanted: dict, name: str, least: float, most: float, default: float | None):
@@ -287,6 +311,16 @@ def check_product(product: str) -> None:
             f"{RESERVED}confirm. and a fault, such as {RESERVED}confirm.status.503"
         )
     _forced(where, forced)
+
+
+def delay_of(fault: Fault) -> float:
+    """The milliseconds of this delay, drawn by the fault."""
+    options = fault.options
+    if "choices" in options:
+        return fault.draw.choice(options["choices"])
+    if options["deviation"]:
+        return max(0.0, fault.draw.gauss(options["ms"], options["deviation"]))
+    return options["ms"] + fault.draw.uniform(0, options["spread"])
 
 
 def damage(fault: Fault, body: bytes) -> bytes:

@@ -55,7 +55,13 @@ def _options(kinds: dict) -> dict:
                     None, [told["description"], f"{name}: {known.unit}, {known.least} to {known.most}, default {known.default}"]
                 )
             )
-    return found
+    many = {option for kind in kinds.values() for option, known in kind.options.items() if known.many}
+    return {
+        option: _list_of({name: told[name] for name in ("type", "minimum", "maximum")}) | {"description": told["description"]}
+        if option in many
+        else told
+        for option, told in found.items()
+    }
 
 
 _FAULT = {

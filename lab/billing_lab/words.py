@@ -39,6 +39,15 @@ def number(least: int, most: int | None = None):
     return _ranged(int, least, most)
 
 
+def numbers(least: int, most: int):
+    each = number(least, most)
+
+    def read(text: str) -> list[int]:
+        return [each(part) for part in text.split(",")]
+
+    return read
+
+
 def decimal(least: float, most: float):
     return _ranged(float, least, most)
 

@@ -1,4 +1,6 @@
 """Faults: whom they hit, how often, and that a run repeats."""
+import statistics
+
 import pytest
 from billing_lab import faults
 from billing_lab.matching import Asked
@@ -155,3 +157,38 @@ def test_a_reserved_product_that_forces_nothing_is_refused(product, said):
 @pytest.mark.parametrize("product", ["NEVER-SHIP.buy.declined", "NEVER-SHIP.apply.hang", "NEVER-SHIP.confirm.delay.250"])
 def test_reserved_products_that_force_something_are_let_through(product):
     faults.check_product(product)
+
+
+def drawn(count=2000, **options):
+    fault = faults.make({"kind": "delay", **options}, 1, 0.0)
+    return [faults.delay_of(fault) for _ in range(count)]
+
+
+def test_a_delay_is_drawn_from_what_was_asked_for_and_repeats_with_its_seed():
+    assert drawn(3, ms=200) == [200, 200, 200]
+    spread = drawn(ms=100, spread=50)
+    assert all(100 <= each <= 150 for each in spread) and statistics.mean(spread) == pytest.approx(125, abs=2)
+    normal = drawn(ms=500, deviation=100, seed=7)
+    assert statistics.mean(normal) == pytest.approx(500, abs=10) and statistics.stdev(normal) == pytest.approx(100, abs=10)
+    assert min(drawn(ms=1, deviation=1000)) == 0
+    listed = drawn(choices=[10, 10, 10, 900])
+    assert set(listed) == {10, 900} and listed.count(900) == pytest.approx(500, abs=80)
+    assert drawn(ms=500, deviation=100, seed=7) == normal != drawn(ms=500, deviation=100, seed=8)
+    kept = faults.make({"kind": "delay", "choices": [1, 2]}, 1, 0.0)
+    assert faults.restored(kept.describe(0.0), 0.0, 0).options == {"choices": [1, 2]}
+
+
+@pytest.mark.parametrize(
+    "options, said",
+    [
+        ({"spread": 1, "deviation": 1}, "leave deviation out"),
+        ({"choices": [1], "ms": 5}, "leave ms out"),
+        ({"choices": []}, "a list of 1 to 1000 numbers"),
+        ({"choices": [1, "2"]}, "choices is '2'; it must be a number from 0 to 600000"),
+        ({"choices": 5}, "a list of 1 to 1000 numbers"),
+        ({"deviation": -1}, "deviation is -1"),
+    ],
+)
+def test_a_distribution_that_is_none_is_refused(options, said):
+    with pytest.raises(faults.FaultError, match=said):
+        faults.make({"kind": "delay", **options}, 1, 0.0)
