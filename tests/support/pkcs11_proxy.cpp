@@ -55,6 +55,8 @@ CK_RV login(CK_SESSION_HANDLE session, CK_USER_TYPE user, unsigned char* pin, CK
     g_control.logins++;
     if (g_control.fault == Fault::PinLocked)
         return CKR_PIN_LOCKED;
+    if (g_control.fault == Fault::PinLength)
+        return CKR_PIN_LEN_RANGE;
     return g_real->C_Login(session, user, pin, size);
 }
 

@@ -17,6 +17,7 @@ enum class Fault {
     FunctionFailed,  ///< every signature fails without a reason
     OneAtATime,      ///< a search gives one object at a time
     PinLocked,       ///< a login finds the PIN locked
+    PinLength,       ///< a login finds the PIN too short or too long
     PinFinalTry,     ///< the token says that one more wrong PIN locks it
 };
 

@@ -365,9 +365,11 @@ TEST_F(TheDeviceKey, IsLeftAloneWithoutACertificateToHoldItAgainst)
     start();
     EXPECT_EQ(LoggedLines(), expected);
 
-    m_oFile.holds(test::pemOf(*test::selfSigned(test::newRsaKeyPem(1024), "Short").certificate));
-    start();
-    EXPECT_EQ(LoggedLines(), expected);
+    for (const int iBits : {1024, 3072, 4096}) {
+        m_oFile.holds(test::pemOf(*test::selfSigned(test::newRsaKeyPem(iBits), "Odd").certificate));
+        start();
+        EXPECT_EQ(LoggedLines(), expected) << iBits;
+    }
     EXPECT_THAT(keyCalls(), ElementsAre("ss_init_credential", "ss_encrypt_by_key 7"));
 }
 

@@ -314,6 +314,22 @@ TEST_F(PrivateOperation, NeverWritesPastTheEndOfAShorterKey)
     EXPECT_EQ(m_to[0], 0xee);
 }
 
+TEST_F(PrivateOperation, WritesNoMoreThanTheStoresBlockForALongerKey)
+{
+    for (const int iBits : {3072, 4096}) {
+        m_oFile.holds(
+            test::pemOf(*test::selfSigned(test::newRsaKeyPem(iBits), "Long").certificate));
+        restart();
+        get();
+        forget();
+
+        EXPECT_EQ(encrypt(51), 256) << iBits;
+
+        EXPECT_NE(m_to[255], 0xee);
+        EXPECT_EQ(m_to[256], 0xee);
+    }
+}
+
 TEST_F(PrivateOperation, AnswersZeroWhenNoInstanceCanBeHad)
 {
     BillingDeleteInstance<CBillingSecureStorageUtil>();

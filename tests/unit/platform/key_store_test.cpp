@@ -227,6 +227,22 @@ TEST_F(AKeyStore, TriesAWrongPinOnceAndNeverAgain)
     EXPECT_EQ(control().logins, 3);
 }
 
+TEST_F(AKeyStore, TriesAPinOfARefusedLengthOnce)
+{
+    endSession();
+    token().soft.writePin("1\n");
+    control().fault = Fault::PinLength;
+    for (int i = 0; i < 3; i++)
+        EXPECT_EQ(sign(), SS_ERROR_ACCESS);
+    EXPECT_EQ(control().logins, 1);
+    EXPECT_THAT(errors(), Contains(HasSubstr("CKR_PIN_LEN_RANGE")));
+
+    control().fault = Fault::None;
+    token().soft.writePin(token().soft.pin());
+    EXPECT_EQ(sign(), 0);
+    EXPECT_EQ(control().logins, 2);
+}
+
 TEST_F(AKeyStore, TriesNoPinThatCouldLockTheToken)
 {
     endSession();
@@ -318,6 +334,33 @@ TEST_F(AKeyStore, RemovesThePublicObjectToo)
     EXPECT_THAT(session.find(any), IsEmpty());
     EXPECT_EQ(sign(), SS_ERROR_NOT_FOUND);
     EXPECT_EQ(control().logins, 0);
+}
+
+TEST_F(AKeyStore, IsNotMisledByAPublicObjectLeftOfAnotherKey)
+{
+    const pkcs11::Module& module = proxyModule();
+    const pkcs11::Session session(module, module.slotOf(token().soft.label()).value(), true);
+    pkcs11::Attributes any;
+    any.number(CKA_CLASS, CKO_PUBLIC_KEY).text(CKA_ID, std::string("\0\0\0\7", 4));
+    const auto own = session.find(any);
+    ASSERT_EQ(own.size(), 1U);
+    session.destroy(own[0]);
+    const Bytes other = RsaKey::make().modulus();
+    pkcs11::Attributes left;
+    left.number(CKA_CLASS, CKO_PUBLIC_KEY)
+        .number(CKA_KEY_TYPE, CKK_RSA)
+        .text(CKA_ID, std::string("\0\0\0\7", 4))
+        .flag(CKA_TOKEN, true)
+        .bytes(CKA_MODULUS, secret::Bytes(other.begin(), other.end()))
+        .bytes(CKA_PUBLIC_EXPONENT, secret::Bytes{1, 0, 1});
+    session.create(left);
+    EXPECT_EQ(sign(), 0) << "the private object shows its own numbers";
+
+    ASSERT_EQ(store(token().key), 0);
+    const auto now = session.find(any);
+    ASSERT_EQ(now.size(), 1U) << "the one that was left is gone";
+    const Bytes modulus = token().key.modulus();
+    EXPECT_EQ(session.value(now[0], CKA_MODULUS), secret::Bytes(modulus.begin(), modulus.end()));
 }
 
 TEST_F(AKeyStore, SeesEveryObjectOfATokenThatNamesThemOneByOne)
