@@ -1,4 +1,26 @@
-"""Which unit test programs look at which source of service/: the first prefix that fits counts."""
+"""Which test programs look at which source: the first prefix that fits counts. A name without a folder is a unit test of
+the service; the others are targets of the build."""
+
+MZCURL = "tests/unit/mzcurl/mzcurl_"
+KEYS = [
+    "tests/contract/contract_secure_linux",
+    "tests/unit/platform/key_store_test",
+    "tests/unit/platform/token_rights_test",
+    "tests/unit/platform/file_store_test",
+]
+
+# What a program loads when it runs.
+LOADED = {
+    "tests/unit/platform/key_store_test": [
+        "tests/unit/platform/test-pkcs11-proxy.so",
+        "platform/linux/libbilling-platform.so.1.0.0",
+    ]
+}
+
+
+def mzcurl(*names):
+    return [MZCURL + name + "_test" for name in names]
+
 
 COVERED = [
     ("service/core/main.cpp", ["main"]),
@@ -22,11 +44,36 @@ COVERED = [
     ("service/common/common/BillingLog", ["log"]),
     ("service/common/common/BillingTypes", ["types", "engine", "dbus_manager"]),
     ("service/common/common/", ["string", "text", "util", "time"]),
+    ("platform/curl/admission", mzcurl("admission", "limits", "multi")),
+    ("platform/curl/quotas", mzcurl("admission", "limits")),
+    ("platform/curl/gate", mzcurl("gate", "limits", "multi")),
+    ("platform/curl/tickets", mzcurl("tickets", "large")),
+    ("platform/curl/heap", mzcurl("burst")),
+    ("platform/curl/report", mzcurl("report", "refusal")),
+    ("platform/curl/repeat", mzcurl("resend", "multi")),
+    ("platform/curl/connections", mzcurl("resend", "burst", "multi")),
+    ("platform/curl/tls", mzcurl("trust", "client_certificate", "multi")),
+    ("platform/curl/share", mzcurl("trust", "multi")),
+    ("platform/curl/easy", mzcurl("easy", "refusal")),
+    ("platform/curl/options", mzcurl("easy", "refusal", "trust")),
+    ("platform/curl/", mzcurl("multi", "refusal", "limits", "resend", "burst", "large")),
+    ("platform/keystore/file_store", ["tests/unit/platform/file_store_test", "tests/contract/contract_secure_linux"]),
+    ("platform/keystore/", KEYS),
 ]
+
+
+def target(program):
+    """The build's name of it."""
+    return program if "/" in program else "tests/unit/test-" + program
+
+
+def targets(program):
+    """What to build before it runs."""
+    return [target(program), *LOADED.get(program, [])]
 
 
 def programs_for(file):
     for prefix, programs in COVERED:
         if file.startswith(prefix):
             return programs
-    raise LookupError(f"{file}: no unit test program is named for it in covering.py")
+    raise LookupError(f"{file}: no test program is named for it in covering.py")

@@ -41,7 +41,9 @@ KEYWORDS = (
     "static_assert",
     "auto",
 )
-DECLARATION = re.compile(r"[\w:]+(?:<[^;=]*>)?(?:\s*[*&]+\s*|\s+)(?:const\s+)?\w+\s*(?:[=;({\[]|$)")
+DECLARATION = re.compile(
+    r"(?:(?:const|unsigned|long) )*[\w:]+(?:<[^;=]*>)?(?:\s*[*&]+\s*|\s+)(?:const\s+)?\w+\s*(?:[=;({\[]|$)"
+)
 LOCK = re.compile(r"(?:const )?(?:CBillingAutoLock|std::lock_guard<std::mutex>|std::unique_lock<std::mutex>) \w+[({]")
 
 

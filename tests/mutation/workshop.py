@@ -7,6 +7,8 @@ import shutil
 import signal
 import subprocess
 
+from covering import target, targets
+
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 SECONDS = 90  # for one test program; the slowest takes 15 on a busy machine
 BYTES = 4 << 30  # of address space
@@ -55,7 +57,7 @@ class Workshop:
 
     def make(self, programs):
         return subprocess.run(
-            ["ninja", "-C", str(self.build), *(target(name) for name in programs)],
+            ["ninja", "-C", str(self.build), *(each for name in programs for each in targets(name))],
             stdout=subprocess.PIPE,
             stderr=subprocess.STDOUT,
             text=True,
@@ -103,10 +105,6 @@ class Workshop:
             return "survived", ""
         finally:
             source.write_text(text)
-
-
-def target(program):
-    return "tests/unit/test-" + program
 
 
 def limited():

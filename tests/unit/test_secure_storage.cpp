@@ -258,6 +258,18 @@ TEST_F(PrivateOperation, FailsWithoutAKeyIdAndDoesNotCallTheKeyStore)
                 ElementsAre(UTIL.info(ENCRYPT, "rsa_private_encrypt, padding code 1 , flen 51")));
 }
 
+TEST_F(PrivateOperation, FailsWithoutAKeyIdAfterTheKeyGotAnother)
+{
+    fake::platform().noStoredKey();
+    fake::platform().idOfStoredKey(9);
+    restart();
+    forget();
+
+    EXPECT_EQ(encrypt(51), -1);
+
+    EXPECT_THAT(fake::platform().calls(), IsEmpty());
+}
+
 TEST_F(PrivateOperation, FailsWhenTheKeyStoreDoes)
 {
     for (const int iError : {4, -4}) {
