@@ -16,6 +16,9 @@ namespace {
 /// Larger than any result of a key of 2048 bits.
 constexpr std::size_t kResultRoom = 1024;
 
+/// More slots, or objects of one search, than any module has: a module that tells more is broken.
+constexpr std::size_t kMost = 4096;
+
 constexpr const char* kBack = "put the token back; it is looked for again at the next call";
 constexpr const char* kAnew = "a new session is opened at the next call";
 constexpr const char* kWhy =
@@ -150,6 +153,19 @@ Module& Module::at(const std::string& path)
     return *module;
 }
 
+namespace {
+
+/// Numbers that a module tells are not used unseen: as a size they would cost any memory, or be read beyond it.
+void checkCount(std::size_t count, std::size_t most, const char* doing)
+{
+    if (count > most)
+        throw secure::Error(
+            SS_ERROR_BROKEN,
+            std::string(doing) + ": the module tells more than there can be; replace it");
+}
+
+}  // namespace
+
 void Module::initialise() const
 {
     CK_C_INITIALIZE_ARGS arguments{};
@@ -178,10 +194,13 @@ std::vector<CK_SLOT_ID> Module::slots() const
         check(m_calls->C_GetSlotList(CK_TRUE, nullptr, &count), "the search for tokens");
         if (count == 0)
             return {};
+        checkCount(count, kMost, "the search for tokens");
         found.resize(count);
         answer = m_calls->C_GetSlotList(CK_TRUE, found.data(), &count);
-        if (answer == CKR_OK)
+        if (answer == CKR_OK) {
+            checkCount(count, found.size(), "the search for tokens");
             found.resize(count);
+        }
     }
     check(answer, "the search for tokens");
     return found;
@@ -308,10 +327,12 @@ std::vector<CK_OBJECT_HANDLE> Session::find(Attributes& attributes) const
     do {
         answer = calls.C_FindObjects(m_handle, room, std::size(room), &count);
         if (answer == CKR_OK)
-            found.insert(found.end(), room, room + count);
-    } while (answer == CKR_OK && count != 0);
+            found.insert(found.end(), room, room + std::min<std::size_t>(count, std::size(room)));
+    } while (answer == CKR_OK && count != 0 && count <= std::size(room) && found.size() <= kMost);
     calls.C_FindObjectsFinal(m_handle);
     check(answer, "the search for a key");
+    checkCount(count, std::size(room), "the search for a key");
+    checkCount(found.size(), kMost, "the search for a key");
     return found;
 }
 

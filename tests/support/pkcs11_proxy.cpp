@@ -79,8 +79,22 @@ CK_RV getMechanismInfo(CK_SLOT_ID slot, CK_MECHANISM_TYPE type, CK_MECHANISM_INF
 CK_RV findObjects(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE* objects, CK_ULONG room,
                   CK_ULONG* count)
 {
-    return g_real->C_FindObjects(session, objects, g_control.fault == Fault::OneAtATime ? 1 : room,
-                                 count);
+    const Fault fault = g_control.fault;
+    const CK_ULONG asked = fault == Fault::OneAtATime ? 1 : room;
+    const CK_RV answer = g_real->C_FindObjects(session, objects, asked, count);
+    if (fault == Fault::MoreThanRoom)
+        *count = 1000;
+    if (fault == Fault::WithoutEnd)
+        *count = 1;
+    return answer;
+}
+
+CK_RV getSlotList(unsigned char present, CK_SLOT_ID* slots, CK_ULONG* count)
+{
+    const CK_RV answer = g_real->C_GetSlotList(present, slots, count);
+    if (g_control.fault == Fault::ManySlots)
+        *count = ~CK_ULONG{0} / 16;
+    return answer;
 }
 
 CK_RV signInit(CK_SESSION_HANDLE session, CK_MECHANISM* mechanism, CK_OBJECT_HANDLE key)
@@ -138,6 +152,7 @@ CK_RV C_GetFunctionList(CK_FUNCTION_LIST** list)
     if (entry == nullptr || entry(&g_real) != CKR_OK)
         return CKR_GENERAL_ERROR;
     g_calls = *g_real;
+    g_calls.C_GetSlotList = getSlotList;
     g_calls.C_OpenSession = openSession;
     g_calls.C_Login = login;
     g_calls.C_GetTokenInfo = getTokenInfo;

@@ -16,6 +16,9 @@ enum class Fault {
     Removed,         ///< every signature finds the device removed
     FunctionFailed,  ///< every signature fails without a reason
     OneAtATime,      ///< a search gives one object at a time
+    MoreThanRoom,    ///< a search tells that it gave more objects than there was room for
+    WithoutEnd,      ///< a search gives the same object again and again
+    ManySlots,       ///< there are more slots than any memory holds
     PinLocked,       ///< a login finds the PIN locked
     PinLength,       ///< a login finds the PIN too short or too long
     PinFinalTry,     ///< the token says that one more wrong PIN locks it

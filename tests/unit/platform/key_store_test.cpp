@@ -373,6 +373,19 @@ TEST_F(AKeyStore, SeesEveryObjectOfATokenThatNamesThemOneByOne)
     EXPECT_EQ(session.find(any).size(), 2U) << "the private object and the public one";
 }
 
+TEST_F(AKeyStore, BelievesNoNumberThatCannotBe)
+{
+    for (const Fault fault : {Fault::MoreThanRoom, Fault::WithoutEnd, Fault::ManySlots}) {
+        endSession();
+        log.clear();
+        control().fault = fault;
+        EXPECT_EQ(sign(), SS_ERROR_BROKEN) << static_cast<int>(fault);
+        EXPECT_THAT(errors(), Contains(HasSubstr("the module tells more than there can be")));
+        control().fault = Fault::None;
+        EXPECT_EQ(sign(), 0);
+    }
+}
+
 TEST_F(AKeyStore, LeavesNothingOfAKeyThatWasMadeAndDoesNotWork)
 {
     const pkcs11::Module& module = proxyModule();

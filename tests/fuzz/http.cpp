@@ -1,0 +1,34 @@
+// http.cpp - a server's answer as it comes to the curl wrapper. The input is every byte that the server sends before it
+// ends the connection.
+#include "fuzz.h"
+#include "mzcurl/transfers.h"
+#include "test_server.h"
+
+#include <csignal>
+
+int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)
+{
+    static std::string strAnswer;
+    static test::TestServer server(
+        [](test::Connection& connection) {
+            test::Request request;
+            if (connection.read(request)) {
+                connection.write(strAnswer);
+                connection.end();
+            }
+        },
+        {nullptr, 0, false});
+    static test::Worker worker;
+    strAnswer = fuzz::text(data, size);
+
+    test::Transfer transfer(server.url() + "/");
+    const test::Outcome outcome = worker.run(transfer);
+
+    FUZZ_REQUIRE(outcome.times == 1);
+    FUZZ_REQUIRE(transfer.body.size() <= size);
+    FUZZ_REQUIRE(outcome.success == (outcome.code == 0));
+    // What is handed on stands in the answer; of a chunked one only its parts do.
+    const bool bChunked = strAnswer.find("hunked") != std::string::npos;
+    FUZZ_REQUIRE(bChunked || strAnswer.find(transfer.body) != std::string::npos);
+    return 0;
+}
