@@ -1,6 +1,7 @@
 // admission.cpp - who gets a slot, and who waits too long for one.
 #include "admission.h"
 
+#include "gate.h"
 #include "quotas.h"
 
 #include <sys/resource.h>
@@ -128,20 +129,56 @@ void Admission::unlistIfEmpty(Lane& lane)
     }
 }
 
-bool Admission::mayTake(const Lane& lane, Clock::time_point now) const
+bool Admission::hasSlotFor(const Lane& lane, Clock::time_point now) const
 {
-    return (m_resolving < kMostResolving || isNamed(*lane.host, now)) &&
+    return m_taken < m_slots && (m_resolving < kMostResolving || isNamed(*lane.host, now)) &&
            isWithin(lane.sender->slots, kSenderShare, freeSlots()) &&
            isWithin(lane.path->slots, kPathShare, freeSlots());
 }
 
+bool Admission::hasRoomAtHost(const Lane& lane, Clock::time_point now)
+{
+    // Another request than a GET has a connection of its own: there is none to wait for.
+    return !lane.waiting.front()->mayBeSentAgain() || lane.host->width.hasRoom(now);
+}
+
+bool Admission::waitsForHost(const Lane& lane, Clock::time_point now) const
+{
+    return hasSlotFor(lane, now) && !hasRoomAtHost(lane, now);
+}
+
+std::list<Lane*>::const_iterator Admission::turn(Clock::time_point now) const
+{
+    return std::find_if(m_turns.begin(), m_turns.end(), [this, now](const Lane* lane) {
+        return hasSlotFor(*lane, now) && hasRoomAtHost(*lane, now);
+    });
+}
+
+void Admission::widen(Clock::time_point now)
+{
+    for (const Lane* const lane : m_turns) {
+        if (waitsForHost(*lane, now) &&
+            now >= lane->host->width.widensAt(lane->waiting.front()->queued)) {
+            lane->host->width.widen(now);
+        }
+    }
+}
+
+int Admission::waitBound(Clock::time_point now, int most) const
+{
+    int bound = most;
+    for (const Lane* const lane : m_turns) {
+        if (waitsForHost(*lane, now)) {
+            const auto then = lane->host->width.widensAt(lane->waiting.front()->queued);
+            bound = std::min(bound, millisecondsUntil(then, now));
+        }
+    }
+    return bound;
+}
+
 Transfer* Admission::next(Clock::time_point now, TransferList& to)
 {
-    if (m_taken == m_slots) {
-        return nullptr;
-    }
-    const auto turn = std::find_if(m_turns.begin(), m_turns.end(),
-                                   [this, now](const Lane* lane) { return mayTake(*lane, now); });
+    const auto turn = this->turn(now);
     if (turn == m_turns.end()) {
         return nullptr;
     }
@@ -157,6 +194,9 @@ Transfer* Admission::next(Clock::time_point now, TransferList& to)
     ++m_taken;
     ++lane.sender->slots;
     ++lane.path->slots;
+    if (transfer.mayBeSentAgain()) {
+        lane.host->width.begun();
+    }
     return &transfer;
 }
 
@@ -194,6 +234,9 @@ void Admission::release(Transfer& transfer)
         --m_taken;
         --transfer.lane->sender->slots;
         --transfer.lane->path->slots;
+        if (transfer.mayBeSentAgain()) {
+            transfer.lane->host->width.ended(Clock::now());
+        }
     }
 }
 

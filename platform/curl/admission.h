@@ -5,6 +5,7 @@
 #pragma once
 
 #include "transfer.h"
+#include "width.h"
 
 #include <chrono>
 #include <cstddef>
@@ -19,9 +20,10 @@ namespace MZCurl {
 /// What one sender, one path or one host has.
 struct Share {
     std::size_t members = 0;   // transfers that were accepted and not yet taken out
-    std::size_t slots = 0;     // those in a slot; not counted for a host
+    std::size_t slots = 0;     // those in a slot; not counted for a host, which has its width
     std::uint64_t served = 0;  // of a sender: number of its last ticket for a large answer
     std::chrono::steady_clock::time_point named{};  // when the name of a host was known last
+    Width width;                                    // of a host
 };
 
 /// The transfers of one sender to one path.
@@ -70,11 +72,24 @@ public:
 
     bool isWaiting() const { return !m_turns.empty(); }
 
+    /// @return whether `next` would give a slot
+    bool mayGive(Clock::time_point now) const { return turn(now) != m_turns.end(); }
+
+    /// Lets more requests go at the same time to hosts from which nothing comes back.
+    void widen(Clock::time_point now);
+
+    /// @return how long until `widen` may have something to do, in milliseconds; `most` when that is longer
+    int waitBound(Clock::time_point now, int most) const;
+
 private:
     using Shares = std::map<std::string, Share, std::less<>>;
 
     std::size_t freeSlots() const { return m_slots - m_taken; }
-    bool mayTake(const Lane& lane, Clock::time_point now) const;
+    bool hasSlotFor(const Lane& lane, Clock::time_point now) const;
+    static bool hasRoomAtHost(const Lane& lane, Clock::time_point now);
+    /// @return whether the first of a lane has everything but room at its host
+    bool waitsForHost(const Lane& lane, Clock::time_point now) const;
+    std::list<Lane*>::const_iterator turn(Clock::time_point now) const;
     void unlistIfEmpty(Lane& lane);
     void stopResolving(Transfer& transfer);
     void forgetUnused();

@@ -208,12 +208,16 @@ void MZCurlMulti::Impl::giveSlots()
     if (!m_admission.isWaiting()) {
         return;
     }
-    m_connections.retireIdle();
     const auto now = Gate::Clock::now();
     while (Transfer* const transfer = m_admission.overdue(now, m_active)) {
         transfer->startFailure = "The call waited 20 s for its turn: too many calls are under way";
         finish(*transfer, CURLE_OPERATION_TIMEDOUT);
     }
+    m_admission.widen(now);
+    if (!m_admission.mayGive(now)) {
+        return;
+    }
+    m_connections.retireIdle();
     while (Transfer* const transfer = m_admission.next(now, m_active)) {
         attach(*transfer);
     }
@@ -354,7 +358,7 @@ int MZCurlMulti::Impl::waitLimit() const
         return kUnclaimedPollMs;
     }
     const auto now = Gate::Clock::now();
-    int bound = m_gate.waitBound(now, kLongestPollMs);
+    int bound = m_admission.waitBound(now, m_gate.waitBound(now, kLongestPollMs));
     if (m_tickets.isWaiting() && inHand(Ticket::Large) + inHand(Ticket::Huge) > 0) {
         bound = std::min(bound, static_cast<int>(kInHandLook.count()));
     }

@@ -42,6 +42,18 @@ constexpr std::chrono::seconds kLongestTurn{20};
 /// Chosen as more than a TV has apps.
 constexpr std::size_t kRemembered = 64;
 
+// --- connections of one host ---
+
+/// GETs under way to one host while its answers come back quickly. Each takes a connection over HTTP/1.1.
+constexpr std::size_t kNarrow = 16;
+
+/// Nothing has come back from a host for so long: as many GETs again may go. A connection that is about to be free is waited
+/// for that long.
+constexpr std::chrono::milliseconds kPatience{5};
+
+/// After so long half of that is taken back. A store that is slow for good costs one wait of kPatience in that time.
+constexpr std::chrono::seconds kWideFor{1};
+
 // --- answers ---
 
 /// Bytes. An answer up to here needs no ticket. Confirmations, invoices and short lists are below it; all slots together hold

@@ -16,6 +16,7 @@ using namespace MZCurl;
 using std::chrono::seconds;
 
 constexpr int kSlots = static_cast<int>(kMostSlots);
+constexpr int kFirst = static_cast<int>(kNarrow);
 constexpr int kResolvers = static_cast<int>(kMostResolving);
 
 /// Transfers that stand in the lists of a multi handle, as far as the admission is concerned.
@@ -29,11 +30,13 @@ protected:
         }
     }
 
-    /// @return null when it was not accepted
-    Transfer* add(const std::string& sender, const std::string& url, const std::string& host = "h")
+    /// Adds a POST, which waits for no connection. @return null when it was not accepted
+    Transfer* add(const std::string& sender, const std::string& url, const std::string& host = "h",
+                  bool get = false)
     {
         made.push_back(std::make_unique<Transfer>());
         Transfer& transfer = *made.back();
+        transfer.sendsBody = !get;
         transfer.url = url;
         transfer.hostKey = host;
         if (!admission.join(transfer, sender)) {
@@ -52,6 +55,14 @@ protected:
     {
         for (int i = 0; i < count; ++i) {
             EXPECT_NE(add(sender, url, host), nullptr);
+        }
+    }
+
+    void addGets(int count, const std::string& sender, const std::string& url,
+                 const std::string& host = "h")
+    {
+        for (int i = 0; i < count; ++i) {
+            EXPECT_NE(add(sender, url, host, true), nullptr);
         }
     }
 
@@ -177,6 +188,79 @@ TEST_F(AnAdmission, EndsTheTurnOfOneThatWaitedTooLong)
     EXPECT_NE(admission.overdue(now, active), nullptr);
     EXPECT_EQ(admission.overdue(now, active), nullptr);
     EXPECT_FALSE(admission.isWaiting());
+}
+
+TEST_F(AnAdmission, LetsFewGetsGoToAHostWhoseAnswersComeBack)
+{
+    name("h");
+    addGets(100, "a", "h/a");
+    EXPECT_EQ(fill(), kFirst);
+    for (int i = 0; i < 50; ++i) {
+        now += kPatience / 2;
+        admission.release(*given[static_cast<std::size_t>(i)]);
+        admission.widen(now);
+        EXPECT_EQ(fill(), 1) << i;
+    }
+}
+
+TEST_F(AnAdmission, LetsMoreGetsGoWhileNothingComesBack)
+{
+    name("h");
+    addGets(100, "a", "h/a");
+    EXPECT_EQ(fill(), kFirst);
+    now += kPatience - std::chrono::milliseconds(1);
+    admission.widen(now);
+    EXPECT_EQ(fill(), 0);
+    EXPECT_EQ(admission.waitBound(now, 1000), 1);
+    now += std::chrono::milliseconds(1);
+    admission.widen(now);
+    EXPECT_EQ(fill(), kFirst);
+    EXPECT_EQ(admission.waitBound(now, 1000), static_cast<int>(kPatience.count()));
+}
+
+TEST_F(AnAdmission, TakesTheRoomBackAfterAWhile)
+{
+    name("h");
+    addGets(2 * kFirst, "a", "h/a");
+    EXPECT_EQ(fill(), kFirst);
+    now += kPatience;
+    admission.widen(now);
+    EXPECT_EQ(fill(), kFirst);
+    EXPECT_EQ(admission.waitBound(now, 1000), 1000) << "nobody waits";
+    for (Transfer* const transfer : given) {
+        admission.release(*transfer);
+    }
+    now += kWideFor;
+    addGets(2 * kFirst, "a", "h/a");
+    EXPECT_EQ(fill(), kFirst);
+}
+
+TEST_F(AnAdmission, HasACallBesideManyThatHangWaitAMoment)
+{
+    name("h");
+    addGets(kSlots, "a", "h/hangs");
+    for (fill(); admission.waitBound(now, 1000) < 1000; fill()) {
+        now += kPatience;
+        admission.widen(now);
+    }
+    now += 20 * kWideFor;
+    addGets(1, "b", "h/answers");
+    admission.widen(now);
+    EXPECT_EQ(fill(), 0);
+    now += kPatience;
+    admission.widen(now);
+    EXPECT_EQ(fill(), 1);
+}
+
+TEST_F(AnAdmission, HasNeitherAPostNorAnotherHostWaitForGets)
+{
+    name("h");
+    name("other");
+    addGets(100, "a", "h/a");
+    EXPECT_EQ(fill(), kFirst);
+    add(1, "a", "h/confirm");
+    addGets(1, "a", "other/a", "other");
+    EXPECT_EQ(fill(), 2);
 }
 
 TEST_F(AnAdmission, AcceptsSoManyOfASenderAndAPath)

@@ -85,6 +85,14 @@ TEST(AMultiHandle, KeepsTheConnectionsOfABurstOverAMomentWithoutTransfers)
     EXPECT_TRUE(worker.multi.removeHandle(&next.easy));
 }
 
+TEST(AMultiHandle, SharesAFewConnectionsAmongManyWhileAnswersComeBack)
+{
+    TestServer server(test::always("ok"));
+    Worker worker;
+    runMany(worker, server.url(), kBurst);
+    EXPECT_LT(server.connections(), kBurst / 2);
+}
+
 /// The connection that a request goes over may have got its answer a moment ago, in the same look at the sockets.
 TEST(AMultiHandle, TakesTheConnectionOfAnAnswerThatIsNotReadOutYet)
 {
@@ -119,7 +127,14 @@ TEST(AMultiHandle, TakesTheConnectionOfAnAnswerThatIsNotReadOutYet)
 /// How many connections more a transfer makes after so many at once have ended.
 int madeAfter(int count)
 {
-    TestServer server(test::always("ok"));
+    // Late enough for every transfer to need a connection of its own.
+    TestServer server([](Connection& connection) {
+        Request request;
+        while (connection.read(request)) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(100));
+            connection.answer("ok");
+        }
+    });
     Worker worker;
     int running = 0;
     runMany(worker, server.url(), count);

@@ -1,0 +1,39 @@
+// width.cpp - when a host gets more requests at the same time, and when fewer again.
+#include "width.h"
+
+#include "quotas.h"
+
+#include <algorithm>
+
+namespace MZCurl {
+namespace {
+
+// More halvings leave nothing of any width.
+constexpr Width::Clock::rep kMostHalvings = 20;
+
+}  // namespace
+
+std::size_t Width::at(Clock::time_point now) const
+{
+    const auto halvings = std::min((now - m_widened) / kWideFor, kMostHalvings);
+    return std::max(kNarrow, m_width >> halvings);
+}
+
+Width::Clock::time_point Width::widensAt(Clock::time_point since) const
+{
+    return std::max({m_back, m_widened, since}) + kPatience;
+}
+
+void Width::widen(Clock::time_point now)
+{
+    m_width = 2 * std::max(at(now), m_underWay);
+    m_widened = now;
+}
+
+void Width::ended(Clock::time_point now)
+{
+    --m_underWay;
+    m_back = now;
+}
+
+}  // namespace MZCurl
