@@ -17,6 +17,7 @@ bool setGuarded(Transfer* transfer, Set set, MZCURL_OPTION_TYPE option, const Va
     if (transfer == nullptr) {
         return false;
     }
+    transfer->pristine = false;
     try {
         return transfer->curl != nullptr ? set(*transfer, option, value)
                                          : transfer->fail("The handle is not initialised");

@@ -228,12 +228,13 @@ void MZCurlMulti::Impl::attach(Transfer& transfer)
     transfer.admission = &m_admission;
     transfer.tickets = &m_tickets;
     m_connections.follow(transfer);
+    const bool trusted = m_share.attach(transfer);
     transfer.begin(m_connections.isInDoubt(transfer.hostKey));
     if (transfer.number == 0) {
         transfer.number = ++m_transfers;
     }
     transfer.http2Moved = &m_http2Moved;
-    if (!m_share.attach(transfer)) {
+    if (!trusted) {
         finish(transfer, CURLE_SSL_CACERT_BADFILE);
         return;
     }
@@ -391,6 +392,7 @@ bool MZCurlMulti::Impl::endBurst()
         }
     }
     old.reset();
+    dropHandles();
     giveBackMemory();
     return ok;
 }

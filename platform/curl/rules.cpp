@@ -21,8 +21,6 @@ bool Transfer::applyRules()
     const auto set = [&](CURLoption option, auto value) {
         ok = curl_easy_setopt(handle, option, value) == CURLE_OK && ok;
     };
-    set(CURLOPT_PRIVATE, this);
-    set(CURLOPT_ERRORBUFFER, errorBuffer.data());
     // The process is threaded: no signal for a time-out, and no wait for a name look-up that is
     // stuck when its transfer goes.
     set(CURLOPT_NOSIGNAL, 1L);
@@ -43,18 +41,26 @@ bool Transfer::applyRules()
     set(CURLOPT_CAPATH, static_cast<const char*>(nullptr));
     set(CURLOPT_CA_CACHE_TIMEOUT, 0L);
     set(CURLOPT_WRITEFUNCTION, onBody);
-    set(CURLOPT_WRITEDATA, this);
     set(CURLOPT_HEADERFUNCTION, onHeader);
-    set(CURLOPT_HEADERDATA, this);
     set(CURLOPT_SSL_CTX_FUNCTION, onSslContext);
-    set(CURLOPT_SSL_CTX_DATA, this);
     set(CURLOPT_PREREQFUNCTION, onRequest);
-    set(CURLOPT_PREREQDATA, this);
+    return ok;
+}
+
+bool Transfer::applyOwnRules()
+{
+    bool ok = curl_easy_setopt(curl.get(), CURLOPT_ERRORBUFFER, errorBuffer.data()) == CURLE_OK;
+    for (const CURLoption option : {CURLOPT_PRIVATE, CURLOPT_WRITEDATA, CURLOPT_HEADERDATA,
+                                    CURLOPT_SSL_CTX_DATA, CURLOPT_PREREQDATA}) {
+        ok = curl_easy_setopt(curl.get(), option, static_cast<void*>(this)) == CURLE_OK && ok;
+    }
     return ok;
 }
 
 void Transfer::begin(bool fresh)
 {
+    pristine = false;
+    lonely = lonely || share == nullptr;
     bodyBytes = 0;
     toldBytes = 0;
     early.clear();

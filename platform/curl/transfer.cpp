@@ -1,11 +1,27 @@
 // transfer.cpp - the life of a libcurl handle and what the wrapper knows of it.
 #include "transfer.h"
 
+#include <utility>
+
 namespace MZCurl {
+
+Transfer::~Transfer()
+{
+    if (curl != nullptr && pristine && !lonely) {
+        keepHandle(std::move(curl));
+    }
+}
+
 bool Transfer::initialize()
 {
-    curl.reset(curl_easy_init());
-    if (curl != nullptr && !applyRules()) {
+    curl = takeHandle();
+    if (curl == nullptr) {
+        curl.reset(curl_easy_init());
+        if (curl != nullptr && !applyRules()) {
+            curl.reset();
+        }
+    }
+    if (curl != nullptr && !applyOwnRules()) {
         curl.reset();
     }
     return curl != nullptr;
@@ -27,9 +43,10 @@ void Transfer::reset()
     sendsBody = false;
     namesMethod = false;
     start();
-    if (!applyRules()) {
+    if (!applyRules() || !applyOwnRules()) {
         curl.reset();
     }
+    pristine = true;
 }
 
 void Transfer::start()

@@ -2,6 +2,7 @@
 // the place that the multi handle keeps for it.
 #pragma once
 
+#include "handles.h"
 #include "in_hand.h"
 
 #include <platform/MZCurl.h>
@@ -30,9 +31,6 @@ struct Transfer;
 /// so that only accepting a handle can run out of memory.
 using TransferList = std::list<Transfer*>;
 
-struct EasyCleanup {
-    void operator()(CURL* curl) const { curl_easy_cleanup(curl); }
-};
 struct HeadersCleanup {
     void operator()(curl_slist* list) const { curl_slist_free_all(list); }
 };
@@ -56,11 +54,12 @@ struct TicketHold {
 /// Thread: one at a time, as for MZCurlEasy.
 struct Transfer {
     Transfer() = default;
+    ~Transfer();
     Transfer(const Transfer&) = delete;
     Transfer& operator=(const Transfer&) = delete;
 
-    /// Makes libcurl's handle, with the rules that no option can lift. @return false when there is
-    /// no memory
+    /// Makes libcurl's handle, or takes one that was kept, with the rules that no option can lift. @return false when there
+    /// is no memory
     bool initialize();
 
     /// Forgets the options and keeps the rules. A handle that could not keep them is gone.
@@ -84,7 +83,9 @@ struct Transfer {
 
     std::unique_ptr<curl_slist, HeadersCleanup> headers;  // libcurl reads it until the very end
     std::array<char, CURL_ERROR_SIZE> errorBuffer{};
-    std::unique_ptr<CURL, EasyCleanup> curl;
+    EasyHandle curl;
+    bool pristine = false;  // nothing was set or sent with the handle since its reset
+    bool lonely = false;    // it has made an attempt without a share: sessions may be left in it
     std::string lastError;
 
     // set by options
@@ -144,6 +145,7 @@ struct Transfer {
 
 private:
     bool applyRules();
+    bool applyOwnRules();
 };
 
 /// Moves a transfer to the end of another list.

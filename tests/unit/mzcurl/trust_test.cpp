@@ -95,6 +95,35 @@ TEST_F(ATrustingTransfer, ReachesAServerThatTheNamedFileVouchesFor)
     EXPECT_EQ(transfer.body, "ok");
 }
 
+/// libcurl's handle of the first is kept for the second.
+TEST_F(ATrustingTransfer, LeavesNothingOfItselfToTheNext)
+{
+    TestServer server(test::always("ok"), {&identity});
+    {
+        Transfer first(server.url() + "/secret", caFile);
+        ASSERT_TRUE(
+            first.sending("body", "PUT")
+                .easy.setOption(MZCURL_OPT_HTTPHEADER, std::list<std::string>{"Token: secret"}));
+        ASSERT_TRUE(worker.run(first).success);
+        first.easy.reset();
+    }
+    {
+        Transfer untrusting(server.url());
+        ASSERT_TRUE(untrusting.easy.setOption(MZCURL_OPT_SSL_VERIFYPEER, 1));
+        EXPECT_EQ(worker.run(untrusting).code, kPeerFailedVerification);
+        untrusting.easy.reset();
+    }
+    Transfer second(server.url() + "/other", caFile);
+    ASSERT_TRUE(worker.run(second).success);
+    EXPECT_EQ(second.body, "ok");
+    const auto requests = server.requests();
+    ASSERT_EQ(requests.size(), 2U);
+    EXPECT_TRUE(requests[0].has("PUT /secret"));
+    EXPECT_TRUE(requests[0].has("Token: secret"));
+    EXPECT_TRUE(requests[1].has("GET /other"));
+    EXPECT_FALSE(requests[1].has("secret"));
+}
+
 TEST_F(ATrustingTransfer, SendsNothingToAServerThatItDoesNot)
 {
     const CertificateAuthority stranger;
