@@ -3,6 +3,7 @@ import hashlib
 import json
 import os
 import re
+import shutil
 import subprocess
 
 import pytest
@@ -183,3 +184,77 @@ def test_every_header_can_be_used_alone(packages, tmp_path):
                 f"platform/{header.name}",
                 "/dev/null",
             )
+
+
+def test_reinstallation_and_upgrade_end_a_daemon_that_runs_without_systemd(installed):
+    """The next call starts the one that was installed. With systemd: tests/packaging/test_manager.py."""
+    said = installed.do(
+        """
+        mkdir -p /run/dbus && dbus-daemon --system --nopidfile
+        group=$(getent group billing | cut -d: -f3)
+        running() {
+            for process in /proc/[0-9]*; do
+                case "$(readlink $process/exe)" in /usr/libexec/billing-service*) echo -n "${process#/proc/}" ;; esac
+            done
+        }
+        answered() {
+            setpriv --reuid=12346 --regid=12346 --groups=$group billingctl --json check-server-availability || [ $? = 4 ]
+            running; echo
+        }
+        install -d /var/lib/billing-service && echo notes >/var/lib/billing-service/notes
+        answered
+        dpkg --install /packages/billing-service_*.deb >/dev/null
+        echo "after a reinstallation [$(running)]"
+        answered
+        dpkg-deb --raw-extract /packages/billing-service_*.deb /tmp/next
+        sed -i 's/^Version: .*/Version: 99/' /tmp/next/DEBIAN/control
+        dpkg-deb --build /tmp/next /tmp/next.deb >/dev/null
+        dpkg --force-depends --install /tmp/next.deb >/dev/null 2>&1
+        echo "after an upgrade [$(running)] $(dpkg-query -W -f '${Version}' billing-service)"
+        answered
+        cat /var/lib/billing-service/notes
+        rm -r /tmp/next /tmp/next.deb
+    """
+    ).splitlines()
+    replies, processes = said[0::3], said[1::3]
+    assert [json.loads(reply)["resp_result"] for reply in replies[:3]] == [1160003] * 3
+    assert len(set(processes[:3])) == 3 and all(number.isdigit() for number in processes[:3])
+    assert (said[2], said[5], said[8]) == ("after a reinstallation []", "after an upgrade [] 99", "notes")
+
+
+CORE = re.search(r"```sh core\n(.*?)```", (TREE / "docs/TROUBLESHOOTING.md").read_text(encoding="utf-8"), re.DOTALL)[1]
+
+
+@pytest.mark.skipif(shutil.which("gcore") is None, reason="gdb is not installed (apt install gdb)")
+def test_the_debug_symbols_name_functions_in_a_core_that_root_takes(packages, tmp_path):
+    for package in ("billing-service_*.deb", "billing-service-dbgsym_*.deb"):
+        run("dpkg", "--extract", next(packages.glob(package)), tmp_path)
+    (library,) = (tmp_path / "usr/lib").rglob("libbilling-platform.so.1")
+    program = tmp_path / "usr/libexec/billing-service"
+    with subprocess.Popen(
+        ["dbus-daemon", "--session", "--nofork", "--print-address"], stdout=subprocess.PIPE, text=True
+    ) as bus, subprocess.Popen(
+        [program],
+        stderr=subprocess.PIPE,
+        text=True,
+        env={
+            "PATH": "/usr/bin:/bin",
+            "DBUS_SYSTEM_BUS_ADDRESS": bus.stdout.readline().strip(),
+            "LD_LIBRARY_PATH": str(library.parent),
+            "PLEVO_LOG_LEVEL": "info",
+        },
+    ) as service:
+        try:
+            # The worker runs by then.
+            assert any("was acquired" in line for line in service.stderr)
+            commands = CORE.replace("/usr/libexec/billing-service", str(program)).replace(
+                "gdb -batch", f"gdb -batch -iex 'set debug-file-directory {tmp_path}/usr/lib/debug'"
+            )
+            said = run("bash", "-ec", commands, cwd=tmp_path, timeout=120)
+        finally:
+            service.kill()
+            bus.kill()
+    assert re.search(r"main\(.*service/core/main\.cpp:\d+", said), said
+    assert re.search(r"CHttpConnector::\w+.*BillingHttpConnector\.cpp:\d+", said), said
+    (core,) = tmp_path.glob("core.*")
+    assert core.stat().st_mode & 0o077 == 0
