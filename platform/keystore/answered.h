@@ -5,9 +5,21 @@
 
 #include <platform/log.h>
 
+#include <openssl/err.h>
+
 #include <new>
 
 namespace seam {
+
+/// Leaves the thread's queue of OpenSSL's errors as it was. A module may have left some there, also of a call that went well,
+/// and a handshake under way on the thread would take them for its own and fail.
+class OpenSslErrors {
+public:
+    OpenSslErrors() { ERR_set_mark(); }
+    ~OpenSslErrors() { ERR_pop_to_mark(); }
+    OpenSslErrors(const OpenSslErrors&) = delete;
+    OpenSslErrors& operator=(const OpenSslErrors&) = delete;
+};
 
 /// Runs the body of a function that answers with an error number; what it throws becomes the number
 /// and a line of the log.
@@ -15,6 +27,7 @@ namespace seam {
 template <typename Body>
 int answered(const char* area, Body body) noexcept
 {
+    const OpenSslErrors untouched;
     try {
         body();
         return SS_ERROR_NONE;

@@ -2,6 +2,7 @@
 #include "pkcs11_proxy.h"
 
 #include <dlfcn.h>
+#include <openssl/err.h>
 #include <p11-kit/pkcs11.h>
 
 #include <chrono>
@@ -122,6 +123,8 @@ CK_RV sign(CK_SESSION_HANDLE session, unsigned char* data, CK_ULONG size, unsign
         (*length)--;
     if (answer == CKR_OK && fault == Fault::WrongBlock)
         signature[*length / 2] ^= 1;
+    if (fault == Fault::ErrorsLeft)
+        ERR_raise(ERR_LIB_USER, ERR_R_INTERNAL_ERROR);
     if (fault == Fault::FunctionFailed)
         answer = CKR_FUNCTION_FAILED;
     if (fault == Fault::RemovedOnce || fault == Fault::Removed) {

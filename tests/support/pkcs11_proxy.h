@@ -22,6 +22,7 @@ enum class Fault {
     PinLocked,       ///< a login finds the PIN locked
     PinLength,       ///< a login finds the PIN too short or too long
     PinFinalTry,     ///< the token says that one more wrong PIN locks it
+    ErrorsLeft,      ///< a signature is made, and leaves an error in OpenSSL's queue
 };
 
 /// Filled by the module, set by the test. The module's own: found with its symbol kControlSymbol.

@@ -11,6 +11,7 @@
 #include <dlfcn.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <openssl/err.h>
 
 #include <atomic>
 #include <cstdlib>
@@ -413,6 +414,19 @@ TEST_F(AKeyStore, DoesNotTakeAFailureWithoutAReasonForAMissingToken)
     EXPECT_EQ(sign(), SS_ERROR_UNAVAILABLE);
     EXPECT_THAT(errors(), testing::ElementsAre(HasSubstr("CKR_FUNCTION_FAILED; ")));
     EXPECT_THAT(errors(), Each(Not(HasSubstr("put the token back"))));
+}
+
+TEST_F(AKeyStore, LeavesNoErrorOfItsModuleToAHandshakeOnTheThread)
+{
+    ERR_clear_error();
+    control().fault = Fault::ErrorsLeft;
+    EXPECT_EQ(sign(), 0);
+    EXPECT_EQ(ERR_peek_error(), 0UL);
+
+    ERR_raise(ERR_LIB_USER, ERR_R_DISABLED);
+    EXPECT_EQ(sign(), 0);
+    EXPECT_EQ(ERR_GET_REASON(ERR_peek_last_error()), ERR_R_DISABLED);
+    ERR_clear_error();
 }
 
 /// A key that wants the PIN before each signature, beside the one that does not.
