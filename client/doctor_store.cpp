@@ -200,7 +200,7 @@ void checkServer(Findings& findings, Patient& patient, const Server& server)
                                      server.key + " right"));
         return;
     }
-    findings.push_back(good("TCP", "connected to " + made.address));
+    findings.push_back(good("TCP", "connected to " + made.handshake.address));
     const Finding tls = checkTls(server, made);
     if (tls.outcome == Outcome::Failed) {
         endWith(findings, tls);

@@ -2,8 +2,10 @@
 #include "store_attempt.h"
 
 #include <glib.h>
+#include <netdb.h>
 #include <openssl/ssl.h>
 #include <openssl/x509v3.h>
+#include <sys/socket.h>
 
 #include <algorithm>
 #include <array>
@@ -67,12 +69,40 @@ int onVerify(int good, X509_STORE_CTX* store)
     return good;
 }
 
+curl_socket_t onSocket(void* pointer, curlsocktype, curl_sockaddr* wanted)
+{
+    const curl_socket_t made =
+        socket(wanted->family, wanted->socktype | SOCK_CLOEXEC, wanted->protocol);
+    if (made >= 0) {
+        static_cast<Handshake*>(pointer)->sockets.push_back(made);
+    }
+    return made;
+}
+
+/// The other end of the socket that is connected, "" when none is.
+std::string peerOf(const std::vector<curl_socket_t>& sockets)
+{
+    for (const curl_socket_t socket : sockets) {
+        sockaddr_storage peer{};
+        socklen_t size = sizeof peer;
+        char text[NI_MAXHOST] = "";
+        if (getpeername(socket, reinterpret_cast<sockaddr*>(&peer), &size) == 0 &&
+            getnameinfo(reinterpret_cast<sockaddr*>(&peer), size, text, sizeof text, nullptr, 0,
+                        NI_NUMERICHOST) == 0) {
+            return text;
+        }
+    }
+    return "";
+}
+
 CURLcode onContext(CURL*, void* context, void* pointer)
 {
     auto* const sslContext = static_cast<SSL_CTX*>(context);
     auto* const handshake = static_cast<Handshake*>(pointer);
     // Only a connection that is there gets a context.
     handshake->began = true;
+    // A newer libcurl forgets the address of a connection that fails.
+    handshake->address = peerOf(handshake->sockets);
     SSL_CTX_set_app_data(sslContext, handshake);
     SSL_CTX_set_client_cert_cb(sslContext, onClientCertificate);
     SSL_CTX_set_verify(sslContext, SSL_VERIFY_PEER, onVerify);
@@ -116,6 +146,8 @@ Attempt attempt(const Server& server, const char* bundle, double timeout)
     curl_easy_setopt(handle, CURLOPT_WRITEDATA, &result);
     curl_easy_setopt(handle, CURLOPT_HEADERFUNCTION, keepDate);
     curl_easy_setopt(handle, CURLOPT_HEADERDATA, &result);
+    curl_easy_setopt(handle, CURLOPT_OPENSOCKETFUNCTION, onSocket);
+    curl_easy_setopt(handle, CURLOPT_OPENSOCKETDATA, &result.handshake);
     curl_easy_setopt(handle, CURLOPT_SSL_CTX_FUNCTION, onContext);
     curl_easy_setopt(handle, CURLOPT_SSL_CTX_DATA, &result.handshake);
     result.code = curl_easy_perform(handle);
@@ -126,9 +158,6 @@ Attempt attempt(const Server& server, const char* bundle, double timeout)
     result.secured =
         curl_easy_getinfo(handle, CURLINFO_APPCONNECT_TIME_T, &time) == CURLE_OK && time > 0;
     curl_easy_getinfo(handle, CURLINFO_RESPONSE_CODE, &result.status);
-    const char* address = nullptr;
-    curl_easy_getinfo(handle, CURLINFO_PRIMARY_IP, &address);
-    result.address = address != nullptr ? address : "";
     return result;
 }
 

@@ -7,6 +7,7 @@
 #include <openssl/x509_vfy.h>
 
 #include <string>
+#include <vector>
 
 namespace client {
 
@@ -25,6 +26,8 @@ struct Handshake {
     int verdict = X509_V_OK;
     Certificate refused;  ///< what the verdict is on
     Certificate server;
+    std::vector<curl_socket_t> sockets;  ///< that were made; libcurl closes them
+    std::string address;                 ///< of the server, once connected
 };
 
 /// How far a request came.
@@ -33,7 +36,6 @@ struct Attempt {
     std::string date;  ///< the store's clock, as HTTP has it
     CURLcode code = CURLE_FAILED_INIT;
     std::string error;
-    std::string address;
     bool resolved = false;
     bool secured = false;
     Handshake handshake;

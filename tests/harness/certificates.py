@@ -7,6 +7,8 @@ import trustme
 from cryptography import x509
 from cryptography.hazmat.primitives import hashes, serialization
 
+# Newer versions would make other keys, with which a server speaks other suites.
+RSA = {"key_type": trustme.KeyType.RSA} if hasattr(trustme, "KeyType") else {}
 A_DAY = datetime.timedelta(days=1)
 
 # When certificates begin and end, from now.
@@ -60,7 +62,7 @@ class Authority:
     """One root certificate. Nothing of it is kept on disk but what the daemon must read."""
 
     def __init__(self):
-        self._ca = trustme.CA()
+        self._ca = trustme.CA(**RSA)
 
     @property
     def pem(self):
@@ -72,7 +74,7 @@ class Authority:
 
     def server_pem(self, *names, not_after=None):
         """Key and certificates of a server in one file, for programs that read such files."""
-        issued = self._ca.issue_cert(*names, not_after=not_after)
+        issued = self._ca.issue_cert(*names, not_after=not_after, **RSA)
         return issued.private_key_and_cert_chain_pem.bytes()
 
     def server_context(self, *names, clients, not_after=None):

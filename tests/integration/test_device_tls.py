@@ -124,9 +124,9 @@ def a_server_context(issuer, clients, validity=certificates.VALID, name="localho
 # Servers that are not the store, and what the log says of each.
 STRANGERS = {
     "of another authority": (dict(issuer=certificates.Authority()), "unable to get local issuer"),
-    "for another host": (dict(name="elsewhere.example"), "matches target host name"),
-    "expired": (dict(validity=certificates.EXPIRED), "has expired (the clock of this device says 2"),
-    "not yet valid": (dict(validity=certificates.NOT_YET), "is not yet valid (the clock of this device says 2"),
+    "for another host": (dict(name="elsewhere.example"), r"matches target host ?name"),
+    "expired": (dict(validity=certificates.EXPIRED), r"has expired \(the clock of this device says 2"),
+    "not yet valid": (dict(validity=certificates.NOT_YET), r"is not yet valid \(the clock of this device says 2"),
 }
 
 
@@ -149,7 +149,7 @@ def test_a_server_that_is_not_the_store_gets_no_byte(
     assert (signatures(service) > 0) == (stranger == "for another host" and demands)
     said = service.failures()
     assert len(said) == len(EVERY_CALL)
-    assert all("ErrorCode = 60" in text and reason in text for text in said), said
+    assert all("ErrorCode = 60" in text and re.search(reason, text) for text in said), said
 
 
 def test_the_same_server_with_a_right_certificate_is_the_store(service, caller, authority, provisioned, other_store, a_device):
