@@ -3,6 +3,8 @@
 
 #include <algorithm>
 #include <iterator>
+#include <string_view>
+#include <utility>
 
 namespace MZCurl {
 namespace {
@@ -28,6 +30,8 @@ struct Option {
 };
 
 constexpr CURLoption kKept = CURLOPT_LASTENTRY;
+
+constexpr std::string_view kLineBreakers("\r\n\0", 3);
 
 constexpr Option kOptions[] = {
     {MZCURL_OPT_RESERVED_1, Kind::Ignored, kKept},
@@ -172,22 +176,16 @@ bool setList(Transfer& transfer, MZCURL_OPTION_TYPE id, const std::list<std::str
     if (option == nullptr) {
         return false;
     }
-    decltype(transfer.headers) list;
     for (const std::string& line : value) {
-        if (line.find_first_of(std::string("\r\n\0", 3)) != std::string::npos) {
+        if (line.find_first_of(kLineBreakers) != std::string::npos) {
             return transfer.fail("A header holds a CR, LF or NUL byte");
         }
-        curl_slist* const grown = curl_slist_append(list.get(), line.c_str());
-        if (grown == nullptr) {
-            return transfer.fail(curl_easy_strerror(CURLE_OUT_OF_MEMORY));
-        }
-        static_cast<void>(list.release());
-        list.reset(grown);
     }
-    if (!apply(transfer, option->curl, list.get())) {
+    Headers lines(value);
+    if (!apply(transfer, option->curl, lines.list())) {
         return false;
     }
-    transfer.headers = std::move(list);
+    transfer.headers = std::move(lines);
     return true;
 }
 

@@ -30,7 +30,7 @@ bool Transfer::initialize()
 void Transfer::reset()
 {
     curl_easy_reset(curl.get());
-    headers.reset();
+    headers = {};
     url.clear();
     caFile.clear();
     lastError.clear();

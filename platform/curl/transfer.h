@@ -3,6 +3,7 @@
 #pragma once
 
 #include "handles.h"
+#include "headers.h"
 #include "in_hand.h"
 
 #include <platform/MZCurl.h>
@@ -30,10 +31,6 @@ struct Transfer;
 /// Transfers in one state. A transfer's node moves from list to list without being allocated again,
 /// so that only accepting a handle can run out of memory.
 using TransferList = std::list<Transfer*>;
-
-struct HeadersCleanup {
-    void operator()(curl_slist* list) const { curl_slist_free_all(list); }
-};
 
 /// How often a transfer was begun again, by reason (repeat.h).
 struct Repeats {
@@ -81,7 +78,7 @@ struct Transfer {
     /// Records why something failed. @return false
     bool fail(const char* reason);
 
-    std::unique_ptr<curl_slist, HeadersCleanup> headers;  // libcurl reads it until the very end
+    Headers headers;  // libcurl reads it until the very end
     std::array<char, CURL_ERROR_SIZE> errorBuffer{};
     EasyHandle curl;
     bool pristine = false;  // nothing was set or sent with the handle since its reset
