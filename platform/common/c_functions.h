@@ -4,6 +4,7 @@
 
 #include <cstring>
 #include <exception>
+#include <memory>
 #include <optional>
 #include <string>
 
@@ -27,8 +28,15 @@ inline char* heapCopy(const std::optional<std::string>& value)
     return value ? strdup(value->c_str()) : nullptr;
 }
 
+/// The same; null for null
+inline char* heapCopy(const std::shared_ptr<const std::string>& value)
+{
+    return value != nullptr ? strdup(value->c_str()) : nullptr;
+}
+
 /// Hands a text out, touching *out on success only. @return 0 or -1
-inline int give(const std::optional<std::string>& value, char** out)
+template <typename Text>
+int give(const Text& value, char** out)
 {
     char* const copy = heapCopy(value);
     if (copy == nullptr)

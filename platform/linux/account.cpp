@@ -10,7 +10,7 @@ constexpr const char* kGroup = "account";
 
 int giveSetting(const char* key, char** out)
 {
-    return seam::guarded(-1, [&] { return seam::give(settings::text(kGroup, key), out); });
+    return seam::guarded(-1, [&] { return seam::give(settings::shared(kGroup, key), out); });
 }
 
 }  // namespace
@@ -28,7 +28,7 @@ int sso_get_auth_token(char** out)
 int sso_get_login_info(sso_login_info_s* info)
 {
     return seam::guarded(-1, [&] {
-        const auto id = settings::text(kGroup, "login_id");
+        const auto id = settings::shared(kGroup, "login_id");
         if (!id || id->size() >= sizeof info->user_id)
             return -1;
         memcpy(info->user_id, id->c_str(), id->size() + 1);

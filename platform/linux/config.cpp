@@ -13,7 +13,7 @@ constexpr const char* kGroup = "config";
 char* vconf_get_str(const char* key)
 {
     return seam::guarded<char*>(nullptr,
-                                [&] { return seam::heapCopy(settings::text(kGroup, key)); });
+                                [&] { return seam::heapCopy(settings::shared(kGroup, key)); });
 }
 
 int vconf_get_int(const char* key, int* out)

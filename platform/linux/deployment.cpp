@@ -39,7 +39,7 @@ char* deployment_get_host(deployment_host_e which)
     if (key == nullptr)
         return nullptr;
     return seam::guarded<char*>(nullptr, [&] {
-        const auto host = settings::text(kGroup, key);
+        const auto host = settings::shared(kGroup, key);
         if (!host)
             settings::reportMissing(kGroup, key, "no request can be made to that server");
         return seam::heapCopy(host);

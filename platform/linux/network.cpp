@@ -15,7 +15,7 @@ int connection_profile_check_default_gateway(bool* exists)
         // A rule that cannot be understood is a failure: guessing "auto" would hide it.
         if (settings::isRefused("network", "default_gateway"))
             return EINVAL;
-        const auto text = settings::text("network", "default_gateway");
+        const auto text = settings::shared("network", "default_gateway");
         const auto rule = text ? settings::gatewayRule(*text) : settings::GatewayRule{};
         if (!rule)
             return EINVAL;

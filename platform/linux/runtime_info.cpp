@@ -9,5 +9,5 @@ int runtime_info_get_value_string(runtime_info_key_e key, char** out)
     if (key != RUNTIME_INFO_KEY_LANGUAGE)
         return -1;
     return seam::guarded(-1,
-                         [&] { return seam::give(settings::text("runtime", "language"), out); });
+                         [&] { return seam::give(settings::shared("runtime", "language"), out); });
 }

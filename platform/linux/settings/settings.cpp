@@ -9,6 +9,7 @@
 #include <cstdlib>
 #include <memory>
 #include <mutex>
+#include <utility>
 
 namespace settings {
 
@@ -84,19 +85,25 @@ std::string filePath()
     return configuredPath();
 }
 
-std::optional<std::string> text(const char* group, const char* key)
+std::shared_ptr<const std::string> shared(const char* group, const char* key)
 {
-    const Snapshot values = current();
+    Snapshot values = current();
     const auto found = values->texts.find(ByName::View{group, key});
     if (found == values->texts.end() || found->second.empty())
-        return std::nullopt;
-    return found->second;
+        return nullptr;
+    return {std::move(values), &found->second};
+}
+
+std::optional<std::string> text(const char* group, const char* key)
+{
+    const auto value = shared(group, key);
+    return value != nullptr ? std::optional<std::string>(*value) : std::nullopt;
 }
 
 std::optional<int> number(const char* group, const char* key)
 {
-    const auto value = text(group, key);
-    return value ? contract::wholeNumber(*value) : std::nullopt;
+    const auto value = shared(group, key);
+    return value != nullptr ? contract::wholeNumber(*value) : std::nullopt;
 }
 
 bool isRefused(const char* group, const char* key)

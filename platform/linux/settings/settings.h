@@ -1,6 +1,7 @@
 // settings.h - the values of the device's settings file, as they stand at the moment of asking.
 #pragma once
 
+#include <memory>
 #include <optional>
 #include <string>
 
@@ -14,6 +15,9 @@ std::string filePath();
 /// @return nullopt when it is not set, empty, refused, or when the file cannot be read
 /// Thread: any.
 std::optional<std::string> text(const char* group, const char* key);
+
+/// The same without a copy: the text lives as long as the result. @return null where `text` returns nullopt
+std::shared_ptr<const std::string> shared(const char* group, const char* key);
 
 /// The same for a whole number of 32 bits.
 std::optional<int> number(const char* group, const char* key);
