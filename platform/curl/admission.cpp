@@ -235,7 +235,7 @@ void Admission::release(Transfer& transfer)
         --transfer.lane->sender->slots;
         --transfer.lane->path->slots;
         if (transfer.mayBeSentAgain()) {
-            transfer.lane->host->width.ended(Clock::now());
+            transfer.lane->host->width.ended(transfer.sent, Clock::now());
         }
     }
 }

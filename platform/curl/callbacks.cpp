@@ -149,6 +149,7 @@ int onRequest(void* pointer, char* /*remoteAddress*/, char* localAddress, int re
         transfer.refusal = "The connection was lost, and the request is not sent a second time";
         return CURL_PREREQFUNC_ABORT;
     }
+    transfer.sent = std::chrono::steady_clock::now();
     if (transfer.host != nullptr) {
         transfer.host->open = true;
     }

@@ -68,6 +68,7 @@ void Transfer::begin(bool fresh)
     postponed = false;
     headerBytes = 0;
     sendings = 0;
+    sent = {};
     refusal = nullptr;
     offeredSession = false;
     keptConnection = false;

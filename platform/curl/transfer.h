@@ -110,6 +110,7 @@ struct Transfer {
     bool postponed = false;  // it is to begin again when it has its ticket
     std::size_t headerBytes = 0;
     unsigned int sendings = 0;  // of the request, libcurl's own repetitions included
+    std::chrono::steady_clock::time_point sent{};  // for the last time
     bool onlyHttp11 = false;
     bool offeredSession = false;  // the handshake began with a TLS session of an earlier one
     bool keptConnection = false;  // another request went over the connection before

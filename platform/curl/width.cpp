@@ -21,7 +21,7 @@ std::size_t Width::at(Clock::time_point now) const
 
 Width::Clock::time_point Width::widensAt(Clock::time_point since) const
 {
-    return std::max({m_back, m_widened, since}) + kPatience;
+    return std::max({m_quick, m_widened, since}) + kPatience;
 }
 
 void Width::widen(Clock::time_point now)
@@ -30,10 +30,12 @@ void Width::widen(Clock::time_point now)
     m_widened = now;
 }
 
-void Width::ended(Clock::time_point now)
+void Width::ended(Clock::time_point sent, Clock::time_point now)
 {
     --m_underWay;
-    m_back = now;
+    if (now - sent <= kQuick) {
+        m_quick = now;
+    }
 }
 
 }  // namespace MZCurl

@@ -86,6 +86,14 @@ protected:
         return count;
     }
 
+    /// So long after it was sent.
+    void answer(int index, Admission::Clock::duration took)
+    {
+        Transfer& transfer = *given[static_cast<std::size_t>(index)];
+        transfer.sent = Admission::Clock::now() - took;
+        admission.release(transfer);
+    }
+
     void leave(Transfer& transfer)
     {
         if (transfer.lane != nullptr) {
@@ -197,10 +205,26 @@ TEST_F(AnAdmission, LetsFewGetsGoToAHostWhoseAnswersComeBack)
     EXPECT_EQ(fill(), kFirst);
     for (int i = 0; i < 50; ++i) {
         now += kPatience / 2;
-        admission.release(*given[static_cast<std::size_t>(i)]);
+        answer(i, kQuick / 2);
         admission.widen(now);
         EXPECT_EQ(fill(), 1) << i;
     }
+}
+
+TEST_F(AnAdmission, LetsMoreGetsGoWhileAllAnswersAreSlow)
+{
+    name("h");
+    addGets(100, "a", "h/a");
+    EXPECT_EQ(fill(), kFirst);
+    now += kPatience / 2;
+    answer(0, 2 * kQuick);
+    admission.widen(now);
+    EXPECT_EQ(fill(), 1);
+    now += kPatience / 2 + std::chrono::milliseconds(1);
+    answer(1, 2 * kQuick);
+    EXPECT_EQ(fill(), 1);
+    admission.widen(now);
+    EXPECT_EQ(fill(), kFirst);
 }
 
 TEST_F(AnAdmission, LetsMoreGetsGoWhileNothingComesBack)
