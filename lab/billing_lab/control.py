@@ -10,6 +10,7 @@ import logging
 import os
 import pathlib
 import socket
+import sqlite3
 from collections.abc import Awaitable, Callable
 
 from aiohttp import web
@@ -41,6 +42,8 @@ _WRONG = (
     scenario.ScenarioError,
     TemplateError,
 )
+# What comes of a member that is missing, or is a text where a number belongs, and the like.
+_OF_ANOTHER_KIND = (AttributeError, KeyError, OverflowError, TypeError, ValueError, sqlite3.ProgrammingError)
 HEARTBEAT_SECONDS = 15
 # Two exports with full journals.
 LARGEST_REQUEST = 640 << 20
@@ -110,7 +113,7 @@ def _guard(token: str):
             return answer
         except _WRONG as wrong:
             return _problem(422, str(wrong))
-        except (KeyError, TypeError, ValueError) as wrong:
+        except _OF_ANOTHER_KIND as wrong:
             return _problem(400, f"this cannot be asked so: {wrong!r}")
         except web.HTTPException:
             raise
@@ -129,6 +132,13 @@ def _core(request: web.Request) -> Core:
     return request.app["core"]
 
 
+async def _body(request: web.Request) -> dict:
+    told = await request.json()
+    if not isinstance(told, dict):
+        raise ValueError("the body must be an object")
+    return told
+
+
 async def _status(request: web.Request) -> web.Response:
     return web.json_response(_core(request).status())
 
@@ -139,7 +149,7 @@ async def _stop(request: web.Request) -> web.Response:
 
 
 async def _seed(request: web.Request) -> web.Response:
-    file = pathlib.Path((await request.json())["file"])
+    file = pathlib.Path((await _body(request))["file"])
     if not file.is_absolute():
         raise ValueError("the file's path must be absolute")
     return web.json_response(await _core(request).seed(file))
@@ -160,7 +170,7 @@ async def _catalogue(request: web.Request) -> web.Response:
 
 
 async def _answers(request: web.Request) -> web.Response:
-    _core(request).set_answer(await request.json())
+    _core(request).set_answer(await _body(request))
     return web.json_response({})
 
 
@@ -171,16 +181,16 @@ async def _invoices(request: web.Request) -> web.Response:
 
 
 async def _buy(request: web.Request) -> web.Response:
-    return web.json_response(_core(request).buy(await request.json()))
+    return web.json_response(_core(request).buy(await _body(request)))
 
 
 async def _step(request: web.Request) -> web.Response:
-    return web.json_response(_core(request).step(await request.json()))
+    return web.json_response(_core(request).step(await _body(request)))
 
 
 def _one_step(name: str) -> Handler:
     async def undo(request: web.Request) -> web.Response:
-        return web.json_response(_core(request).step({**await request.json(), "step": name}))
+        return web.json_response(_core(request).step({**await _body(request), "step": name}))
 
     return undo
 
@@ -190,11 +200,11 @@ async def _clock(request: web.Request) -> web.Response:
 
 
 async def _advance(request: web.Request) -> web.Response:
-    return web.json_response(_core(request).advance((await request.json())["advance"]))
+    return web.json_response(_core(request).advance((await _body(request))["advance"]))
 
 
 async def _scenario(request: web.Request) -> web.Response:
-    return web.json_response(await scenario.begin(_core(request), await request.json()))
+    return web.json_response(await scenario.begin(_core(request), await _body(request)))
 
 
 async def _device(request: web.Request) -> web.Response:
@@ -202,7 +212,7 @@ async def _device(request: web.Request) -> web.Response:
 
 
 async def _switch(request: web.Request) -> web.Response:
-    wanted = await request.json()
+    wanted = await _body(request)
     return web.json_response(await _core(request).turn(wanted["switch"], wanted.get("value", "")))
 
 
@@ -223,7 +233,7 @@ async def _faults(request: web.Request) -> web.Response:
 
 
 async def _add_fault(request: web.Request) -> web.Response:
-    fault = _core(request).simulator.add_fault(await request.json())
+    fault = _core(request).simulator.add_fault(await _body(request))
     return web.json_response(fault.describe(asyncio.get_running_loop().time()))
 
 
@@ -237,13 +247,13 @@ async def _clear_faults(request: web.Request) -> web.Response:
 
 async def _connection(request: web.Request) -> web.Response:
     connections = _core(request).simulator.connections
-    connections.switch(**(await request.json()))
+    connections.switch(**(await _body(request)))
     await connections.dropped()
     return web.json_response({})
 
 
 async def _asked(request: web.Request) -> web.Response:
-    wanted = asked.read_expectation(await request.json())
+    wanted = asked.read_expectation(await _body(request))
     return web.json_response(asked.judge(journal.entries(_core(request).db, wanted.after), wanted))
 
 
@@ -252,7 +262,7 @@ async def _expectations(request: web.Request) -> web.Response:
 
 
 async def _expect(request: web.Request) -> web.Response:
-    wanted = asked.read_expectation(await request.json())
+    wanted = asked.read_expectation(await _body(request))
     _core(request).expectations.append(wanted)
     return web.json_response(wanted.describe())
 
@@ -264,7 +274,7 @@ async def _forget(request: web.Request) -> web.Response:
 
 
 async def _verify(request: web.Request) -> web.Response:
-    made, entries = _core(request).report(await request.json())
+    made, entries = _core(request).report(await _body(request))
     form = request.query.get("form", "json")
     if form == "junit":
         return web.Response(text=report.junit(made), content_type="application/xml")

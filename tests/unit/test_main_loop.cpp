@@ -31,6 +31,7 @@ struct Doubles {
     bool bNoLoop = false;
     GMainContext* pContext = nullptr;  ///< the last ones made
     GMainLoop* pLoop = nullptr;
+    std::function<bool()> isCreated;  ///< asked when the loop is let go of
 
     void note(const std::string& strStep)
     {
@@ -106,6 +107,7 @@ void __wrap_g_main_context_unref(GMainContext* context)
 void __wrap_g_main_loop_unref(GMainLoop* loop)
 {
     g_pDoubles->note("loop");
+    EXPECT_TRUE(!g_pDoubles->isCreated || g_pDoubles->isCreated());
     __real_g_main_loop_unref(loop);
 }
 
@@ -404,6 +406,7 @@ TEST_P(AMainLoop, ForgetsADeletedSourceAndKeepsTheOrderOfTheRest)
     EXPECT_THAT(m_doubles.noted(), ElementsAre(Named("source", sources[1])));
     for (GSource* const pSource : sources)
         g_source_destroy(pSource);
+    m_doubles.isCreated = [this] { return m_loop.FlagCreate(); };
     m_loop.Destory();
     std::vector<std::string> expected = {Named("source", sources[1]), "quit",
                                          Named("source", sources[0]), Named("source", sources[2]),
