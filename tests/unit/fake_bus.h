@@ -41,6 +41,7 @@ public:
     }
     void WakeAt(gint64 iTime) override
     {
+        EXPECT_GE(iTime, iNow) << "a time that is over";
         if (!iWakeAt || iTime < *iWakeAt) {
             iWakeAt = iTime;
         }

@@ -276,12 +276,16 @@ TEST_F(ABusFlow, DropsRepliesWhenEvenErrorsWouldBeTooMany)
     for (std::size_t i = 0; i < uMost + 100; i++) {
         EXPECT_FALSE(reply(":1.1", ORDINARY));
     }
+    pass(REPORT_MS);
+    user(":1.1", 1000);
     while (open(BusQuestion::UNREAD) > 0) {
         unread(":1.1", 0);
         pass(FIRST_PAUSE_MS);
     }
     EXPECT_EQ(m_oBus.released.size(), uMost);
     EXPECT_EQ(m_oBus.released.back().second, uMost + 1) << "the oldest are kept";
+    EXPECT_EQ(texts().back(), "caller :1.1 (user 1000) goes on: " + std::to_string(uMost + 100) +
+                                  " answers had to wait, 100 of them were refused");
 }
 
 TEST_F(ABusFlow, RemembersNoCallersThatAreGone)
