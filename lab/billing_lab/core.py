@@ -70,6 +70,7 @@ class Core:
             "faults": told,
             "answers": answers.describe(self.db),
             "names": self.names(),
+            "expectations": [each.describe() for each in self.expectations],
             "unusual": self.unusual(),
             "clock": clock.describe(self.db),
             "ahead": state.events(self.db),

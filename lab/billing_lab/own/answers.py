@@ -105,9 +105,10 @@ def checked(told: list[dict]) -> dict:
 def describe(db: sqlite3.Connection) -> dict:
     """Those that are set, without their bodies."""
     told = {}
-    for name, own in state.fact(db, "answers", {}).items():
+    for name, own in _with_matches(state.fact(db, "answers", {})).items():
         bodies = own.get("bodies") or [own["body"]]
         told[name] = {
+            "match": own["match"],
             "status": own.get("status", 200),
             "type": own.get("type", "application/json"),
             "bytes": sum(map(len, bodies)),

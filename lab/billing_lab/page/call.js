@@ -5,7 +5,10 @@ import { bodyOf } from "./detail.js";
 import { voice } from "./controls.js";
 import { latest, since } from "./journal.js";
 
-const DEFAULTS = { appid: "app-1", serverType: "1", CheckValue: "check-1", customId: "custom-1", ItemType: "1", PageNumber: "1", invoiceid: "INV-SEED-2" };
+const DEFAULTS = {
+  appid: "app-1", serverType: "1", CheckValue: "check-1", customId: "custom-1", ItemType: "1", PageNumber: "1",
+  invoiceid: "INV-SEED-2",
+};
 // The journal's entry may arrive a moment after the answer.
 const ENTRY_WAIT_MS = 1500;
 // Nothing was sent.
@@ -28,8 +31,9 @@ export function start(methods, endpointOf) {
 
   function show() {
     memory.set("method", method.value);
+    const keep = (name, value) => { values[name] = value; memory.set("arguments", values); };
     inputs.replaceChildren(...chosen, ...methods[method.value].flatMap((name) => field(name, make("input", {
-      value: values[name] ?? "", autocomplete: "off", oninput: (event) => { values[name] = event.target.value; memory.set("arguments", values); },
+      value: values[name] ?? "", autocomplete: "off", oninput: (event) => keep(name, event.target.value),
     }))));
   }
 
@@ -58,7 +62,8 @@ export function start(methods, endpointOf) {
 async function entriesAfter(seq, endpoint, sent, told) {
   const end = performance.now() + ENTRY_WAIT_MS;
   for (;;) {
-    const asked = since(seq).filter((entry) => entry.kind === "request" && entry.endpoint === endpoint && says(entry.asked ?? {}, sent));
+    const asked = since(seq).filter((entry) =>
+      entry.kind === "request" && entry.endpoint === endpoint && says(entry.asked ?? {}, sent));
     const answered = asked.filter((entry) => entry.answer.text === told.resp_info);
     if (answered.length) return answered;
     if (performance.now() > end) {
@@ -81,15 +86,23 @@ function partsOf(told, found) {
   return [
     make("p", { class: good ? "good" : "bad" }, `resp_result ${told.resp_result} after ${told.milliseconds.toFixed(1)} ms`),
     make("div", { class: "pair" },
-      make("div", {}, make("h3", {}, "The daemon answered"), make("pre", { class: "daemon" }, told.resp_info === "" ? "(an empty text)" : readable(told.resp_info))),
+      make("div", {}, make("h3", {}, "The daemon answered"),
+        make("pre", { class: "daemon" }, told.resp_info === "" ? "(an empty text)" : readable(told.resp_info))),
       make("div", {}, ...storeSide(told, found))),
   ];
 }
 
 function storeSide(told, found) {
   const [entry] = found;
-  if (found.length > 1) return [make("h3", {}, "The store"), make("pre", { class: "faint store" }, `(cannot tell: requests ${found.map((one) => one.seq).join(", ")} of the journal fit this call)`)];
-  if (entry?.kind === "request") return [make("h3", {}, `The store sent (${entry.answer.status ?? "nothing"}), journal ${entry.seq}`), bodyOf(entry.answer)];
-  const why = entry ? `(no connection: ${entry.reason})` : told.resp_result === REFUSED ? "(was not asked)" : "(cannot tell: no request of the journal fits this call)";
+  if (found.length > 1) {
+    const numbers = found.map((one) => one.seq).join(", ");
+    const text = `(cannot tell: requests ${numbers} of the journal fit this call)`;
+    return [make("h3", {}, "The store"), make("pre", { class: "faint store" }, text)];
+  }
+  if (entry?.kind === "request") {
+    return [make("h3", {}, `The store sent (${entry.answer.status ?? "nothing"}), journal ${entry.seq}`), bodyOf(entry.answer)];
+  }
+  const none = told.resp_result === REFUSED ? "(was not asked)" : "(cannot tell: no request of the journal fits this call)";
+  const why = entry ? `(no connection: ${entry.reason})` : none;
   return [make("h3", {}, "The store"), make("pre", { class: "faint store" }, why)];
 }

@@ -27,7 +27,8 @@ export function field(text, input) {
   return [make("label", { htmlFor: input.id }, text), input];
 }
 
-/** Another content for a list, or a line for an empty one. What is the same stays as it is; the focus stays at the button of the same name, or in the list where that is gone. */
+/** Another content for a list, or a line for an empty one. What is the same stays as it is; the focus stays at the button of
+ * the same name, or in the list where that is gone. */
 export function refill(list, empty, ...items) {
   if (!items.length) items.push(make("li", { class: "faint" }, empty));
   if (list.innerHTML === items.map((item) => item.outerHTML).join("")) return;

@@ -17,7 +17,9 @@ let selected = memory.get("selected", null);
 let scheduled = false;
 let hint = "";
 
-const filter = { text: byId("filter-text"), endpoint: byId("filter-endpoint"), kind: byId("filter-kind"), follow: byId("follow") };
+const filter = {
+  text: byId("filter-text"), endpoint: byId("filter-endpoint"), kind: byId("filter-kind"), follow: byId("follow"),
+};
 
 const KINDS = {
   "": () => true,
@@ -32,7 +34,8 @@ function wanted(entry) {
   if (filter.endpoint.value && entry.endpoint !== filter.endpoint.value) return false;
   const text = filter.text.value.trim().toLowerCase();
   if (!text) return true;
-  entry.searched ??= JSON.stringify([entry.url, entry.reason, entry.headers, entry.body, entry.answer, entry.fault, entry.protocol]).toLowerCase();
+  const { url, reason, headers, body, answer, fault, protocol } = entry;
+  entry.searched ??= JSON.stringify([url, reason, headers, body, answer, fault, protocol]).toLowerCase();
   return entry.searched.includes(text);
 }
 
@@ -58,7 +61,8 @@ function fit() {
 }
 
 function changed() {
-  memory.set("filter", Object.fromEntries(Object.entries(filter).map(([name, element]) => [name, element.type === "checkbox" ? element.checked : element.value])));
+  const values = Object.entries(filter).map(([name, input]) => [name, input.type === "checkbox" ? input.checked : input.value]);
+  memory.set("filter", Object.fromEntries(values));
   visible = entries.filter(wanted);
   schedule();
 }
@@ -122,9 +126,11 @@ function draw() {
   const first = Math.max(0, Math.floor(list.scrollTop / ROW) - MARGIN);
   const last = Math.min(visible.length, Math.ceil((list.scrollTop + list.clientHeight) / ROW) + MARGIN);
   rows.replaceChildren(...visible.slice(first, last).map((entry, index) => rowOf(entry, first + index)));
-  if (visible.length === 0) rows.replaceChildren(make("div", { class: "empty" }, entries.length ? "Nothing of the journal fits the filter." : hint));
+  const none = entries.length ? "Nothing of the journal fits the filter." : hint;
+  if (visible.length === 0) rows.replaceChildren(make("div", { class: "empty" }, none));
   list.setAttribute("aria-activedescendant", places.has(selected) ? `entry-${selected}` : "");
-  byId("journal-count").textContent = visible.length === entries.length ? `${entries.length} ${entries.length === 1 ? "entry" : "entries"}` : `${visible.length} of ${entries.length}`;
+  const all = `${entries.length} ${entries.length === 1 ? "entry" : "entries"}`;
+  byId("journal-count").textContent = visible.length === entries.length ? all : `${visible.length} of ${entries.length}`;
   showDetail(places.get(selected));
 }
 

@@ -4,7 +4,9 @@ import * as journal from "./journal.js";
 import * as plot from "./plot.js";
 import * as call from "./call.js";
 import { byId, make } from "./dom.js";
-import { startDevice, startFaults } from "./controls.js";
+import { startAnswers } from "./answers.js";
+import { startDevice } from "./controls.js";
+import { startFaults } from "./faults.js";
 import { startChecks } from "./checks.js";
 import { startRuns } from "./runs.js";
 import { startCatalogue, startInvoices } from "./shop.js";
@@ -31,7 +33,8 @@ async function begin() {
   const faults = startFaults(meta);
   const invoices = startInvoices();
   const showBanner = startBanner();
-  const showClock = startChecks();
+  const showChecks = startChecks(meta);
+  const showAnswers = startAnswers(meta);
   startRuns();
   let shown = "";
 
@@ -48,7 +51,8 @@ async function begin() {
     }
     faults.show(now);
     showBanner(now);
-    showClock(now);
+    showChecks(now);
+    showAnswers(now);
     journal.forgetBefore(now.journal.first);
     if (now.journal.entries === 0) plot.clear();
     await invoices.refresh();

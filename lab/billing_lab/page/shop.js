@@ -12,9 +12,15 @@ export function startInvoices() {
   const user = make("select");
   const list = make("ul", { class: "plain" });
   byId("invoices").append(
-    make("form", { class: "grid", onsubmit: (event) => { event.preventDefault(); step("buy", { app: product.value.split("\n")[0], product: product.value.split("\n")[1], user: user.value || undefined }); } },
-      ...field("Product", product), ...field("For", user), make("div", { class: "wide actions" }, make("button", { class: "main", type: "submit" }, "Buy"))),
+    make("form", { class: "grid", onsubmit: (event) => { event.preventDefault(); buy(); } },
+      ...field("Product", product), ...field("For", user),
+      make("div", { class: "wide actions" }, make("button", { class: "main", type: "submit" }, "Buy"))),
     said.line, list);
+
+  function buy() {
+    const [app, id] = product.value.split("\n");
+    return step("buy", { app, product: id, user: user.value || undefined });
+  }
 
   function step(name, body) {
     return said.hear(async () => {
@@ -25,19 +31,23 @@ export function startInvoices() {
   }
 
   async function refresh() {
-    const invoices = await ask("invoices");
-    refill(list, "Nobody has bought anything yet.", ...invoices.map((invoice) => make("li", {},
-      make("span", { class: "grow" }, make("strong", {}, invoice.id), ` ${invoice.product} of ${invoice.app}, ${invoice.user}`),
-      make("span", { class: OVER.includes(invoice.status) ? "odd" : "good" }, invoice.status),
-      ...(invoice.status === "pending" ? ["Approve", "Decline"].map((word) =>
-        make("button", { type: "button", "aria-label": `${word} ${invoice.id}`, onclick: () => step("step", { invoice: invoice.id, step: word.toLowerCase() }) }, word)) : []),
-      ...(OVER.includes(invoice.status) ? [] : [
-        make("button", { type: "button", "aria-label": `Cancel ${invoice.id}`, onclick: () => step("cancel", { invoice: invoice.id }) }, "Cancel"),
-        make("button", { type: "button", "aria-label": `Refund ${invoice.id}`, onclick: () => step("refund", { invoice: invoice.id }) }, "Refund")]))));
+    refill(list, "Nobody has bought anything yet.", ...(await ask("invoices")).map(itemOf));
+  }
+
+  function itemOf({ id, product: what, app, user: who, status }) {
+    const over = OVER.includes(status);
+    const words = [...(status === "pending" ? ["Approve", "Decline"] : []), ...(over ? [] : ["Cancel", "Refund"])];
+    return make("li", {},
+      make("span", { class: "grow" }, make("strong", {}, id), ` ${what} of ${app}, ${who}`),
+      make("span", { class: over ? "odd" : "good" }, status),
+      ...words.map((word) => make("button", {
+        type: "button", "aria-label": `${word} ${id}`, onclick: () => step("step", { invoice: id, step: word.toLowerCase() }),
+      }, word)));
   }
 
   function showCatalogue(catalogue) {
-    options(product, catalogue.apps.flatMap((app) => app.products.map((one) => [`${app.id}\n${one.id}`, `${one.id} (${app.id})`])));
+    const sold = catalogue.apps.flatMap((app) => app.products.map((one) => [app.id, one.id]));
+    options(product, sold.map(([app, id]) => [`${app}\n${id}`, `${id} (${app})`]));
     options(user, [["", "who is signed in"], ...catalogue.users.map((one) => [one.uid, one.uid])]);
   }
   return { refresh, showCatalogue };
@@ -49,12 +59,27 @@ export function startCatalogue(onChange) {
   const text = make("textarea", { spellcheck: false, "aria-label": "Catalogue as JSON" });
   const more = make("details", {}, make("summary", {}, "Look at it and change it"), text,
     make("div", { class: "actions" },
-      make("button", { type: "button", onclick: () => said.hear(async () => { await send("catalogue", { text: text.value }); await onChange(); said.good("Seeded. Purchases start again from this catalogue."); }) }, "Seed the lab with this"),
-      make("button", { type: "button", onclick: () => said.hear(async () => { await send("reset", {}); await onChange(); said.good("As it was after the last seed."); }) }, "Reset the lab")));
+      make("button", { type: "button", onclick: () => said.hear(seed) }, "Seed the lab with this"),
+      make("button", { type: "button", onclick: () => said.hear(reset) }, "Reset the lab")));
   byId("catalogue").append(summary, more, said.line);
+
+  async function seed() {
+    await send("catalogue", { text: text.value });
+    await onChange();
+    said.good("Seeded. Purchases start again from this catalogue.");
+  }
+
+  async function reset() {
+    await send("reset", {});
+    await onChange();
+    said.good("As it was after the last seed.");
+  }
+
   return function show(catalogue) {
     const products = catalogue.apps.reduce((sum, app) => sum + app.products.length, 0);
-    summary.textContent = `${catalogue.apps.length} apps, ${products} products, ${Object.keys(catalogue.countries).length} countries, ${catalogue.users.length} users`;
+    const countries = Object.keys(catalogue.countries).length;
+    const counts = { apps: catalogue.apps.length, products, countries, users: catalogue.users.length };
+    summary.textContent = Object.entries(counts).map(([name, count]) => `${count} ${name}`).join(", ");
     text.value = JSON.stringify(catalogue, null, 2);
   };
 }
