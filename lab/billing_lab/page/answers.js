@@ -16,12 +16,12 @@ export function startAnswers(meta) {
   const bodies = make("textarea", { spellcheck: false, "aria-label": "Bodies; a line of three dashes begins the next one" });
   const list = make("ul", { class: "plain" });
   const hint = "A line --- begins the next body: they are given one after the other, the last for ever.";
-  byId("answers").append(make("form", { class: "grid", onsubmit: (event) => { event.preventDefault(); said.hear(set); } },
+  const form = make("form", { class: "grid", onsubmit: (event) => { event.preventDefault(); said.hear(set); } },
     ...match.endpoint, make("div", { class: "wide" }, bodies, make("p", { class: "faint" }, hint)),
     ...field("Template", template), ...status.fields, ...field("Type", type),
     make("details", { class: "wide" }, make("summary", {}, "For whom"), make("div", { class: "grid" }, ...match.more)),
-    make("div", { class: "wide actions" }, make("button", { class: "main", type: "submit" }, "Answer with this"))),
-  said.line, list);
+    make("div", { class: "wide actions" }, make("button", { class: "main", type: "submit" }, "Answer with this")));
+  byId("answers").append(make("details", {}, make("summary", {}, "Give an answer of your own"), form), said.line, list);
 
   async function set() {
     const wanted = { ...match.chosen(), ...status.chosen(), bodies: bodies.value.split(/^---$\n?/m).map(bytesOf) };

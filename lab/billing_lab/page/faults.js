@@ -10,7 +10,7 @@ const UNSHOWN = ["over", "chance", "seed", "done", "struck"];
 function faultChoice(kinds) {
   const kind = make("select");
   options(kind, Object.entries(kinds).map(([name, fault]) => [name, `${name}: ${fault.what}`]));
-  const inputs = make("div", { class: "wide grid" });
+  const inputs = make("div", { class: "inner" });
   kind.addEventListener("change", show);
   show();
 
@@ -110,11 +110,12 @@ function ofConnections(meta, { connection: fault, connection_options: set, conne
 }
 
 function textOf({ kind, endpoint, left, hits, number, ...rest }) {
-  const more = pairs(Object.fromEntries(Object.entries(rest).filter(([key]) => !UNSHOWN.includes(key))));
+  const more = pairs(Object.fromEntries(Object.entries(rest).filter(([key, value]) => value !== 0 && !UNSHOWN.includes(key))));
   return [`${number}. ${kind} at ${endpoint ?? "every endpoint"}`, ...more, ...(left === undefined ? [] : [`${left} left`]),
     ...(hits ? [`struck ${hits}`] : [])].join(", ");
 }
 
 function pairs(values) {
-  return Object.entries(values).map(([key, value]) => `${key} ${typeof value === "object" ? JSON.stringify(value) : value}`);
+  const shown = (value) => (typeof value === "object" ? JSON.stringify(value) : value);
+  return Object.entries(values).map(([key, value]) => `${key.replace("_", " ")} ${shown(value)}`);
 }
