@@ -102,6 +102,7 @@ WRONG = [
     ({"export": 2}, 'an export begins with "export": 1'),
     ({"faults": {}}, "the export's faults is {}; it must be a list"),
     ({"faults": [{"kind": "gone", "number": 1, "hits": 0, "struck": []}]}, "'gone' is no fault"),
+    ({"journal": [{"kind": [], "seq": 1}]}, r"journal\[0\] is no entry of a journal"),
     ({"journal": [{"kind": "request", "seq": 1}]}, r"journal\[0\] is no entry of a journal"),
     ({"clock": {"ahead_seconds": -1}}, "clock.ahead_seconds is -1"),
     (

@@ -91,7 +91,7 @@ def check(told: object) -> None:
 def check_journal(entries: list) -> None:
     last = 0
     for place, entry in enumerate(entries):
-        members = _ENTRY.get(entry.get("kind")) if isinstance(entry, dict) else None
+        members = _ENTRY.get(str(entry.get("kind"))) if isinstance(entry, dict) else None
         if members is None or not all(name in entry for name in ("time", *members)):
             raise ExportError(f"journal[{place}] is no entry of a journal; `billing-lab journal --json` prints them")
         seq = entry.get("seq")
