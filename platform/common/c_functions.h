@@ -1,5 +1,5 @@
-// c_functions.h - what the C functions of every backend share: nothing is thrown through them, and the texts that they hand
-// out belong to the caller.
+// c_functions.h - helpers for the C functions of a backend: no exception leaves them, and the caller owns the texts that they
+// return.
 #pragma once
 
 #include <cstring>
@@ -10,8 +10,8 @@
 
 namespace seam {
 
-/// Runs the body of a platform function. @return its result, or the failure when it throws, which
-/// is when there is no memory
+/// Runs the body of a platform function.
+/// @return the body's result, or `failure` when the body throws (it has no memory)
 template <typename Result, typename Body>
 Result guarded(Result failure, Body body) noexcept
 {
@@ -34,7 +34,8 @@ inline char* heapCopy(const std::shared_ptr<const std::string>& value)
     return value != nullptr ? strdup(value->c_str()) : nullptr;
 }
 
-/// Hands a text out, touching *out on success only. @return 0 or -1
+/// Gives the caller a copy of a text. *out changes on success only.
+/// @return 0 or -1
 template <typename Text>
 int give(const Text& value, char** out)
 {

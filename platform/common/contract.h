@@ -1,5 +1,5 @@
-// platform/common/contract.h - the rules about values that the seam's headers promise, for every
-// backend to share.
+// platform/common/contract.h - the rules for values that the seam's headers promise, shared by all
+// backends.
 #pragma once
 
 #include <algorithm>
@@ -10,8 +10,8 @@
 
 namespace contract {
 
-/// Does a byte below blank, or DEL, stand in the text? Such a byte could add a header line to a
-/// request or a line to the log.
+/// True if the text holds a control character: a byte below 0x20, or 0x7f. It could add a header
+/// line to a request or a line to the log.
 inline bool holdsControl(std::string_view text)
 {
     for (const char c : text) {
@@ -22,8 +22,8 @@ inline bool holdsControl(std::string_view text)
     return false;
 }
 
-/// Reads a whole number of 32 bits, decimal, with nothing around it. @return nullopt when the text
-/// is something else
+/// Reads a decimal number of 32 bits. Blanks around it are refused.
+/// @return nullopt for any other text
 inline std::optional<int> wholeNumber(std::string_view text)
 {
     int value = 0;
@@ -33,9 +33,9 @@ inline std::optional<int> wholeNumber(std::string_view text)
     return value;
 }
 
-/// Reads so many numbers of 32 bits without a sign, decimal or hexadecimal behind "0x", with blanks
-/// or commas between them.
-/// @return false when the text is something else; some of the numbers may be set then
+/// Reads `count` unsigned numbers of 32 bits, decimal or hexadecimal ("0x"), separated by blanks or
+/// commas.
+/// @return false for any other text; some of the numbers may be set then
 inline bool numbers32(std::string_view text, std::uint32_t* numbers, std::size_t count)
 {
     for (std::size_t i = 0; i < count; i++) {
@@ -53,8 +53,8 @@ inline bool numbers32(std::string_view text, std::uint32_t* numbers, std::size_t
     return text.find_first_not_of(' ') == std::string_view::npos;
 }
 
-/// Is the text a bare host name, or an IPv4 address, with at most a ":" and a port behind it? No
-/// scheme, path, user or blank: it becomes the authority of a URL as it stands.
+/// True for a host name or an IPv4 address, with or without ":port". Scheme, path, user and blanks
+/// are refused, since the text becomes the authority of a URL unchanged.
 inline bool isBareHost(std::string_view text)
 {
     const std::size_t colon = text.find(':');

@@ -1,4 +1,4 @@
-// descriptor.h - an open file that is closed at the end.
+// descriptor.h - owner of a file descriptor; the destructor closes it.
 #pragma once
 
 #include <unistd.h>

@@ -1,9 +1,9 @@
-// module_variables.h - the environment variables that the modules of key stores read.
+// module_variables.h - the environment variables that PKCS#11 modules read.
 #pragma once
 
 namespace modules {
 
-/// What the names of these variables begin with.
+/// Prefixes of the names of these variables.
 inline constexpr const char* kVariables[] = {"SOFTHSM2_", "TPM2_",    "TSS2_",
                                              "OPENSC_",   "P11_KIT_", "PKCS11_"};
 

@@ -1,4 +1,4 @@
-// nearest.h - the word that was probably meant, for "did you mean".
+// nearest.h - finds the known word that is nearest to a mistyped one, for "did you mean".
 #pragma once
 
 #include <algorithm>
@@ -8,7 +8,7 @@
 
 namespace nearest {
 
-/// How many letters have to be changed, put in or taken out to make one word of the other.
+/// Edit distance: letters to change, insert or remove to turn one word into the other.
 inline std::size_t distance(const std::string& a, const std::string& b)
 {
     std::vector<std::size_t> row(b.size() + 1);
@@ -25,7 +25,8 @@ inline std::size_t distance(const std::string& a, const std::string& b)
     return row[b.size()];
 }
 
-/// @param word as it was typed @return empty when none of the words is near
+/// @param word as typed
+/// @return empty when none of the words is near
 inline std::string to(const std::string& word, const std::vector<std::string>& words)
 {
     std::string best;

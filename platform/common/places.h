@@ -1,4 +1,4 @@
-// places.h - files of a device whose places are fixed, and when they have to be looked at.
+// places.h - fixed paths on a device, and the limit from which a certificate has to be renewed.
 #pragma once
 
 namespace places {

@@ -15,7 +15,7 @@ using Context = openssl::Owner<BN_CTX>;
 
 constexpr int kBits = 2048;
 constexpr BN_ULONG kPublicExponents[] = {65537, 3, 17, 257};
-/// Each base finds the primes with a chance of a half at least.
+/// Each base finds the primes with a probability of at least 1/2.
 constexpr BN_ULONG kBaseLimit = 200;
 
 Number empty()
@@ -54,7 +54,8 @@ Context context()
     return made;
 }
 
-/// in to the power of the exponent, modulo the modulus.
+/// out = base to the power of exponent, modulo modulus.
+/// @return false when the base is not below the modulus
 bool raise(const Number& base, const Number& exponent, const Number& modulus, unsigned char* out)
 {
     if (BN_cmp(base.get(), modulus.get()) >= 0)
@@ -66,9 +67,9 @@ bool raise(const Number& base, const Number& exponent, const Number& modulus, un
            BN_bn2binpad(result.get(), out, kBlockSize) == static_cast<int>(kBlockSize);
 }
 
-/// A square root of 1 that is neither 1 nor -1 shows a prime.
-/// @param odd the odd part of (public exponent times private exponent - 1) @param doublings how
-///   often it was halved to get there
+/// Looks for a square root of 1 that is neither 1 nor -1: it shares a prime with the modulus.
+/// @param odd the odd part of (public exponent times private exponent - 1)
+/// @param doublings the power of two that was taken out of that number
 bool primeFrom(BN_ULONG base, const Number& odd, int doublings, const Number& modulus,
                const Number& prime, BN_CTX* room)
 {
@@ -115,7 +116,7 @@ bool factor(const Number& modulus, const Number& publicExponent, const Number& p
     return false;
 }
 
-/// Does the pair of exponents undo itself?
+/// True if the private exponent undoes the public one.
 bool belongTogether(const Number& modulus, const Number& publicExponent,
                     const Number& privateExponent, BN_CTX* room)
 {
@@ -129,7 +130,7 @@ bool belongTogether(const Number& modulus, const Number& publicExponent,
            BN_cmp(start.get(), back.get()) == 0;
 }
 
-/// exponent modulo (prime - 1)
+/// @return exponent modulo (prime - 1)
 Number reduced(const Number& exponent, const Number& prime, BN_CTX* room)
 {
     Number result = empty();

@@ -1,5 +1,5 @@
-// platform/common/raw_rsa.h - RSA with 2048 bits on bare numbers: what secure storage and crypto
-// container need beside the key store itself. Numbers are big-endian.
+// platform/common/raw_rsa.h - RSA with 2048 bits on bare numbers, for secure storage and crypto
+// container. Numbers are big-endian.
 #pragma once
 
 #include "openssl_holders.h"
@@ -13,7 +13,7 @@ namespace rawrsa {
 
 /// Bytes of a modulus, of a block and of a result.
 constexpr std::size_t kBlockSize = 256;
-/// Bytes of a number as it is handed over with a leading zero byte.
+/// Size of a number with one leading zero byte, as callers of the seam give it.
 constexpr std::size_t kPartSize = kBlockSize + 1;
 
 /// Without leading zeros.
@@ -22,7 +22,7 @@ struct PublicKey {
     secret::Bytes exponent;
 };
 
-/// Without leading zeros; all wiped at the end.
+/// Without leading zeros. The destructor wipes all of them.
 struct PrivateKey {
     secret::Bytes modulus;
     secret::Bytes publicExponent;
@@ -36,7 +36,7 @@ struct PrivateKey {
     PublicKey publicKey() const { return {modulus, publicExponent}; }
 };
 
-/// Makes a public key of two numbers that may have leading zeros.
+/// Makes a public key from two numbers, with or without leading zeros.
 /// @return nullopt unless the modulus has 2048 bits and the exponent is odd, over 1 and no longer
 ///   than the modulus
 std::optional<PublicKey> publicKey(const unsigned char* modulus, std::size_t modulusSize,
@@ -46,30 +46,34 @@ std::optional<PublicKey> publicKey(const unsigned char* modulus, std::size_t mod
 /// @param size at most kBlockSize - 11, the least padding
 secret::Bytes paddedBlock(const unsigned char* content, std::size_t size);
 
-/// The public operation. @param in, out kBlockSize bytes each @return false when the block is not
-/// below the modulus
+/// The public operation.
+/// @param in, out kBlockSize bytes each
+/// @return false when the block is not below the modulus
 bool publicOperation(const PublicKey& key, const unsigned char* in, unsigned char* out);
 
-/// The private operation, for a key whose numbers are at hand. @param in, out kBlockSize bytes each
+/// The private operation, for a key whose numbers are known.
+/// @param in, out kBlockSize bytes each
 /// @return false when the block is not below the modulus
 bool privateOperation(const PrivateKey& key, const unsigned char* in, unsigned char* out);
 
-/// Finds the rest of a key from its modulus and private exponent, trying the public exponents that
-/// are in use: 65537, 3, 17 and 257.
-/// @return nullopt when they are no key of 2048 bits with one of these
+/// Computes a whole key from its modulus and private exponent. The public exponents 65537, 3, 17
+/// and 257 are tried.
+/// @return nullopt unless the numbers are a key of 2048 bits with one of these exponents
 std::optional<PrivateKey> recover(const unsigned char* modulus, std::size_t modulusSize,
                                   const unsigned char* exponent, std::size_t exponentSize);
 
-/// Takes the numbers out of OpenSSL's record. @return nullopt when it is no RSA key of 2048 bits
-/// with such a public exponent, or has no private part
+/// Reads the numbers of an OpenSSL key.
+/// @return nullopt unless it is an RSA key of 2048 bits with one of these public exponents and a
+///   private part
 std::optional<PrivateKey> numbersOf(EVP_PKEY* key);
 /// The public key as its SubjectPublicKeyInfo, in DER.
 std::string publicKeyInfo(const PublicKey& key);
 
-/// OpenSSL's record of a public key.
+/// Makes an OpenSSL key that holds the public part alone.
 openssl::Owner<EVP_PKEY> record(const PublicKey& key);
 
-/// As numbersOf(), for the public part alone.
+/// Reads the public numbers of an OpenSSL key.
+/// @return nullopt unless it is an RSA key of 2048 bits
 std::optional<PublicKey> publicNumbersOf(EVP_PKEY* key);
 
 }  // namespace rawrsa

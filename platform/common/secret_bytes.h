@@ -1,4 +1,4 @@
-// platform/common/secret_bytes.h - bytes that are wiped before their memory is given back.
+// platform/common/secret_bytes.h - bytes that are overwritten before their memory is freed.
 #pragma once
 
 #include <openssl/crypto.h>
@@ -29,7 +29,7 @@ struct WipingAllocator {
     bool operator!=(const WipingAllocator&) const { return false; }
 };
 
-/// Also wiped when it grows or is moved from one size to the next.
+/// Growing overwrites the old memory, too.
 using Bytes = std::vector<unsigned char, WipingAllocator<unsigned char>>;
 
 }  // namespace secret

@@ -1,5 +1,5 @@
-// platform/common/secure_rules.h - the limits that secure storage's header promises, for every
-// backend to share.
+// platform/common/secure_rules.h - the limits that secure storage's header promises, shared by all
+// backends.
 #pragma once
 
 #include <platform/secure_storage.h>
@@ -16,7 +16,7 @@ constexpr uint32_t kKind = 1;
 constexpr std::size_t kBlockSize = 256;
 constexpr std::size_t kPartLimit = 257;
 
-/// Was it filled by ss_init_credential?
+/// True if ss_init_credential has filled the credential.
 inline bool isCredential(const ss_credential_s* credential)
 {
     return credential != nullptr && credential->kind == kKind && credential->reserved == 0;
@@ -28,7 +28,7 @@ inline bool isName(const char* name)
     return length > 0 && length <= kNameLimit;
 }
 
-/// What the three operations on named data have in common.
+/// Checks the arguments that the three operations on named data share.
 inline bool areArguments(const char* name, const ss_credential_s* credential, int flags)
 {
     return isName(name) && isCredential(credential) && flags == kSealed;
