@@ -1,4 +1,4 @@
-// answered.h - how secure storage, key store and crypto container answer through the seam.
+// answered.h - turns exceptions of secure storage, key store and crypto container into error numbers of the seam.
 #pragma once
 
 #include "secure_error.h"
@@ -36,7 +36,7 @@ int answered(const char* area, Body body) noexcept
             __dlog_print(DLOG_ERROR, "BILLING_PLATFORM", "%s: %s", area, error.what());
         return error.code();
     } catch (const std::exception&) {
-        // Nothing but memory is left to fail.
+        // The one exception left is a lack of memory.
         return SS_ERROR_NO_MEMORY;
     }
 }

@@ -1,4 +1,4 @@
-// configuration.h - what a backend tells the key store that it compiles in.
+// configuration.h - settings of the key store, provided by the backend that compiles it in.
 #pragma once
 
 #include <optional>
@@ -8,9 +8,10 @@ namespace keystore {
 
 /// Thread: any, for both functions.
 struct Configuration {
-    /// One value as it stands now: "module", "token", "pin_file", "store", "seal_key". @return nullopt when it is not set
+    /// Current value of "module", "token", "pin_file", "store" or "seal_key".
+    /// @return nullopt when it is not set
     std::optional<std::string> (*text)(const char* key);
-    /// Logs that a value which is needed now is not set, and what follows from that.
+    /// Logs that a needed value is not set, and the consequence.
     void (*reportMissing)(const char* key, const char* consequence);
 };
 

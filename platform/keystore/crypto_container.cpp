@@ -1,5 +1,5 @@
-// crypto_container.cpp - the crypto container: OpenSSL for the public operation, the device's
-// secret for sealed key material.
+// crypto_container.cpp - the crypto container: public operation by OpenSSL, sealed key material by
+// the device's secret.
 #include "answered.h"
 #include "common/raw_rsa.h"
 #include "configuration.h"
@@ -49,7 +49,7 @@ int aeDecrypt(CryptoCoreContainer* self, const unsigned char* in, std::size_t in
     });
 }
 
-/// A zero byte before the number keeps it from being read as negative.
+/// Adds a zero byte in front, so that a reader of signed numbers takes it for positive.
 void give(const secret::Bytes& number, unsigned char* out)
 {
     *out = 0;

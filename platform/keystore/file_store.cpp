@@ -25,7 +25,7 @@ const std::string kMagic = "BILLDAT1";
 const std::string kSuffix = ".data";
 constexpr std::size_t kFileLimit = 8 + seal::kOverhead + securerules::kDataLimit;
 
-/// The client in an order of bytes that is the same on every machine.
+/// The client's words in big-endian order, independent of the machine.
 std::string idOf(const ss_credential_s& client)
 {
     std::string id;
@@ -46,7 +46,7 @@ std::string associatedWith(const ss_credential_s& client, const std::string& nam
     return kMagic + idOf(client) + name;
 }
 
-/// Held against other writers, of this process and others, until it is closed.
+/// Locks out other writers, of all processes, until the descriptor is closed.
 Descriptor locked(const Descriptor& folder)
 {
     Descriptor lock(
@@ -73,7 +73,7 @@ bool holdsData(const Descriptor& folder)
         throw secure::Error(SS_ERROR_UNAVAILABLE,
                             "the store cannot be looked through; its folder must be readable for "
                             "the service's user");
-    again.fd = -1;  // the list closes it
+    again.fd = -1;  // closedir() closes it
     while (const dirent* const entry = readdir(list.get())) {
         const std::string name = entry->d_name;
         if (name.size() > kSuffix.size() &&
@@ -105,8 +105,8 @@ std::optional<secret::Bytes> Store::key(const Descriptor& folder) const
     return found;
 }
 
-/// For a writer that holds the lock. Data that were sealed with a lost key are not buried under a
-/// new one.
+/// Precondition: the caller holds the lock. Never makes a new key while files sealed with the old one
+/// exist.
 secret::Bytes Store::keyOrNew(const Descriptor& folder) const
 {
     if (auto found = key(folder))

@@ -1,10 +1,9 @@
 // file_store.h - named data, each in a sealed file of its own, in one folder.
 //
-// A file is called by the SHA-256 of its client and its name, in hex, and ".data" behind it. It
-// holds the eight bytes "BILLDAT1" and, sealed with AES-256-GCM, the data; the seal also vouches
-// for these eight bytes, the client and the name, so that no file can be passed off as another. The
-// key of the seals is the 32 random bytes of "store.key". "lock" is held while something is
-// written. All have mode 0600.
+// File name: SHA-256 of client and name in hex, then ".data". Content: the eight bytes "BILLDAT1",
+// then the data sealed with AES-256-GCM. The associated data of the seal are these eight bytes, the
+// client and the name: a file that takes the place of another one does not open. "store.key" holds
+// the key, 32 random bytes. A writer locks "lock". All files have mode 0600.
 #pragma once
 
 #include "common/descriptor.h"
@@ -17,10 +16,10 @@
 
 namespace filestore {
 
-/// Throws secure::Error. Thread: any, and any number of processes.
+/// Each function throws secure::Error. Thread: any, also in several processes at once.
 class Store {
 public:
-    /// @param folder made at the first write when its parent is there
+    /// @param folder the first write makes it; its parent must exist
     explicit Store(std::string folder) : m_folder(std::move(folder)) {}
 
     /// Throws SS_ERROR_NOT_FOUND, without a text, when there is no such name.

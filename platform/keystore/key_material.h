@@ -1,6 +1,5 @@
 // key_material.h - sealed key material: a private key in a file, for devices whose token cannot
-// make the key itself. It opens only on the device whose secret sealed it, and only for the
-// certificate it was sealed for.
+// make the key itself. The file opens with the secret of one device and for one certificate only.
 //
 // The file, 616 bytes:
 //    0   8  "BILLKEYM"
@@ -24,7 +23,8 @@ constexpr std::size_t kSize = 616;
 constexpr std::size_t kSecretLeast = 32;
 constexpr std::size_t kSecretLimit = 4096;
 
-/// Reads the device's secret. @throw secure::Error
+/// Reads the device's secret.
+/// @throw secure::Error
 secret::Bytes readSealKey(const std::string& path);
 
 /// @throw secure::Error
@@ -35,7 +35,7 @@ struct Parts {
     secret::Bytes exponent;  ///< 256 bytes
 };
 
-/// @throw secure::Error when it is broken, of another device, or for another public key
+/// @throw secure::Error when the file is damaged, of another device, or for another public key
 Parts open(const secret::Bytes& sealKey, const rawrsa::PublicKey& key, const unsigned char* sealed,
            std::size_t size);
 

@@ -1,4 +1,4 @@
-// key_store.cpp - the process's way to its token.
+// key_store.cpp - access to the token.
 #include "key_store.h"
 
 #include "configuration.h"
@@ -22,7 +22,7 @@ std::string needed(const char* key)
     return *value;
 }
 
-/// May a new session find what this one did not?
+/// True if opening a new session can cure this error.
 bool mayBeLost(const secure::Error& error, const pkcs11::Session& session, const Place& place)
 {
     return error.code() == SS_ERROR_UNAVAILABLE ||
@@ -55,7 +55,7 @@ Place placeFromSettings()
 
 KeyStore& instance()
 {
-    // Never destroyed: threads may still sign while the process ends.
+    // Never destroyed: another thread may sign while the process ends.
     static auto* const store = new KeyStore;
     return *store;
 }
@@ -67,7 +67,7 @@ void KeyStore::read(const Place& place, const Body& body)
 
 void KeyStore::change(const Place& place, const Body& body)
 {
-    // The login of the open session holds for this one too.
+    // PKCS#11 shares the login between the sessions of a process.
     run(place, [&](const pkcs11::Session& open) {
         const pkcs11::Session writable(open, true);
         body(writable);
@@ -108,7 +108,7 @@ void KeyStore::open(const Place& place)
     } catch (const secure::Error& error) {
         if (error.code() != SS_ERROR_UNAVAILABLE)
             throw;
-        // Some modules see a token that has come back only after this.
+        // Some modules find a token that was plugged in again only after a restart.
         module.restart();
         connect(module, place);
     }
@@ -132,7 +132,7 @@ void KeyStore::login(const pkcs11::Session& session, const Place& place, CK_USER
 {
     const secret::Bytes pin = readPin(place.pinFile);
     const CK_TOKEN_INFO info = session.module().tokenIn(session.slot());
-    // A token that was made anew has another serial number, and the tries of a new one.
+    // A token that was initialised again has another serial number and a full count of tries.
     const std::string token =
         place.module + '\0' + place.token + '\0' +
         std::string(std::begin(info.serialNumber), std::end(info.serialNumber));

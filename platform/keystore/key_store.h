@@ -1,5 +1,5 @@
-// key_store.h - the process's way to its token: one module, one open session, one login, one caller
-// at a time.
+// key_store.h - access to the token: one module, one open session, one login, one caller at a
+// time.
 #pragma once
 
 #include "refused_pins.h"
@@ -12,12 +12,12 @@
 
 namespace keystore {
 
-/// Where the keys are.
+/// Location of the keys.
 struct Place {
     std::string module;      ///< path of a PKCS#11 module
     std::string token;       ///< the token's label
-    std::string pinFile;     ///< mode 0600; one line break at its end does not count
-    std::string store = {};  ///< folder where refused PINs are remembered; may be empty
+    std::string pinFile;     ///< mode 0600; one line break at its end is ignored
+    std::string store = {};  ///< folder for the digests of refused PINs; may be empty
 
     bool operator==(const Place& other) const
     {
@@ -26,26 +26,29 @@ struct Place {
     }
 };
 
-/// From [keystore]. @throw secure::Error when a setting is missing, which has been logged
+/// Reads [keystore].
+/// @throw secure::Error when a setting is missing; the log has a line then
 Place placeFromSettings();
 
-/// A PIN without the one line break behind it. @param from what an error text calls the source
-/// @throw secure::Error when nothing is left
+/// Removes one line break from the end of a PIN.
+/// @param from name of the source in an error text
+/// @throw secure::Error when the PIN is empty
 secret::Bytes pinIn(secret::Bytes bytes, const std::string& from);
-/// The PIN in a file that nobody else may read. @throw secure::Error
+/// Reads the PIN from a file with mode 0600.
+/// @throw secure::Error
 secret::Bytes readPin(const std::string& path);
 
-/// Thread: any; callers wait for each other, as long as the token takes.
+/// Thread: any; a call waits for the others, for as long as the token takes.
 class KeyStore {
 public:
     using Body = std::function<void(const pkcs11::Session& session)>;
 
-    /// Runs the body on the open session, logged in. A session that is lost is opened once more,
-    /// and the body run once more. A PIN that the token refused is not tried again: not until the
-    /// PIN, the token or the module is another, in this process or a later one.
+    /// Runs the body on the open session, logged in. After the loss of a session the body runs once
+    /// more, on a new session. A refused PIN is not tried again, in this process or a later one,
+    /// until PIN, token or module change.
     /// @throw secure::Error
     void read(const Place& place, const Body& body);
-    /// The same on a session that may change the token.
+    /// As read(), on a session that may change the token.
     void change(const Place& place, const Body& body);
 
 private:
@@ -60,7 +63,7 @@ private:
     RefusedPins m_refused;
 };
 
-/// The one of the process.
+/// The only instance of the process.
 KeyStore& instance();
 
 }  // namespace keystore

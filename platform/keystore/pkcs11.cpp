@@ -96,7 +96,7 @@ std::string describe(CK_RV value, const std::string& doing)
     return doing + " failed with PKCS#11 answer " + number + "; " + kSee;
 }
 
-/// Fields of PKCS#11 are filled up with blanks.
+/// PKCS#11 pads text fields with blanks; some modules pad with NUL.
 std::string trimmed(const unsigned char* field, std::size_t size)
 {
     std::string text(reinterpret_cast<const char*>(field), size);
@@ -171,7 +171,7 @@ void Module::initialise() const
     CK_C_INITIALIZE_ARGS arguments{};
     arguments.flags = CKF_OS_LOCKING_OK;
     CK_RV answer = m_calls->C_Initialize(&arguments);
-    // It need not lock: nobody calls it from two threads at once.
+    // The module need not lock: KeyStore lets one thread in at a time.
     if (answer == CKR_CANT_LOCK || answer == CKR_ARGUMENTS_BAD)
         answer = m_calls->C_Initialize(nullptr);
     if (answer != CKR_CRYPTOKI_ALREADY_INITIALIZED)
@@ -188,7 +188,7 @@ std::vector<CK_SLOT_ID> Module::slots() const
 {
     std::vector<CK_SLOT_ID> found;
     CK_RV answer = CKR_BUFFER_TOO_SMALL;
-    // A token may come between the two calls.
+    // A token that is plugged in between the two calls makes the list longer than its count.
     for (int tries = 0; answer == CKR_BUFFER_TOO_SMALL && tries < 5; tries++) {
         CK_ULONG count = 0;
         check(m_calls->C_GetSlotList(CK_TRUE, nullptr, &count), "the search for tokens");
@@ -223,7 +223,7 @@ std::optional<CK_SLOT_ID> Module::slotOf(const std::string& label) const
     std::optional<CK_SLOT_ID> found;
     for (const CK_SLOT_ID slot : slots()) {
         CK_TOKEN_INFO token{};
-        // One token that is going away does not hide the others.
+        // A token that is being removed fails here; the search goes on with the others.
         if (m_calls->C_GetTokenInfo(slot, &token) != CKR_OK || labelOf(token) != label)
             continue;
         if (found)
@@ -284,7 +284,7 @@ Session::~Session()
 
 void Session::login(const secret::Bytes& pin, CK_USER_TYPE user) const
 {
-    secret::Bytes copy = pin;  // the interface takes it as changeable
+    secret::Bytes copy = pin;  // C_Login takes a pointer to non-const
     const CK_RV answer = m_module.calls().C_Login(m_handle, user, copy.data(), copy.size());
     if (user != CKU_USER || answer != CKR_USER_ALREADY_LOGGED_IN)
         check(answer, "the login");
@@ -292,7 +292,7 @@ void Session::login(const secret::Bytes& pin, CK_USER_TYPE user) const
 
 void Session::setPin(const secret::Bytes& before, const secret::Bytes& after) const
 {
-    secret::Bytes old = before;  // the interface takes both as changeable
+    secret::Bytes old = before;  // C_SetPIN takes pointers to non-const
     secret::Bytes fresh = after;
     check(m_module.calls().C_SetPIN(m_handle, old.data(), old.size(), fresh.data(), fresh.size()),
           "changing the PIN");
@@ -367,7 +367,7 @@ void Session::destroy(CK_OBJECT_HANDLE object) const
     check(m_module.calls().C_DestroyObject(m_handle, object), "the removal of a key");
 }
 
-/// A module that does not know the attribute knows no such key.
+/// False for a module that does not know the attribute.
 bool Session::asksEachTime(CK_OBJECT_HANDLE key) const
 {
     CK_BBOOL asks = CK_FALSE;
@@ -383,7 +383,7 @@ secret::Bytes Session::sign(CK_MECHANISM_TYPE mechanism, CK_OBJECT_HANDLE key,
         startSigning(mechanism, key);
         return finishSigning(bytes, size);
     }
-    // Its end takes away what was begun, should the PIN be refused.
+    // After a refused PIN only the end of the session is sure to cancel the signature.
     const Session own(*this, false);
     own.startSigning(mechanism, key);
     if (own.m_givePin)
@@ -399,7 +399,7 @@ void Session::startSigning(CK_MECHANISM_TYPE mechanism, CK_OBJECT_HANDLE key) co
 
 secret::Bytes Session::finishSigning(const unsigned char* bytes, std::size_t size) const
 {
-    // The interface takes it as changeable, and some modules take null for a mistake.
+    // C_Sign takes a pointer to non-const, and some modules refuse null for an empty input.
     secret::Bytes input(size + 1);
     std::copy(bytes, bytes + size, input.begin());
     secret::Bytes result(kResultRoom);

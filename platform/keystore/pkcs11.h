@@ -1,5 +1,5 @@
-// pkcs11.h - a PKCS#11 module and a session on one of its tokens. Nothing here locks: one thread at
-// a time for a module, since some modules crash when two threads are in them.
+// pkcs11.h - a PKCS#11 module and a session on one of its tokens. There is no lock here: the caller
+// lets one thread at a time use a module, since some modules crash otherwise.
 #pragma once
 
 #include "common/secret_bytes.h"
@@ -16,13 +16,13 @@
 
 namespace pkcs11 {
 
-/// What a module answered, other than CKR_OK.
+/// An answer of a module other than CKR_OK.
 class Failure : public secure::Error {
 public:
-    /// @param doing what was tried, to be read before "failed with CKR_..."
+    /// @param doing the attempt, as the subject of "... failed with CKR_..."
     Failure(CK_RV answer, const std::string& doing);
     CK_RV answer() const { return m_answer; }
-    /// The token has looked at a PIN and refused it, which counts towards locking it.
+    /// True if the token has compared the PIN and refused it, which counts towards its lock.
     bool isWrongPin() const;
 
 private:
@@ -32,22 +32,24 @@ private:
 /// @throw Failure unless the answer is CKR_OK
 void check(CK_RV answer, const char* doing);
 
-/// A loaded module. It is never unloaded nor finalised at the end of the process, where other
-/// threads may still be in it.
+/// A loaded module. It is neither finalised nor unloaded at the end of the process: another thread
+/// may still be inside it.
 class Module {
 public:
-    /// Loads and initialises a module, or hands out the one that was loaded before.
-    /// @param path absolute @throw secure::Error
+    /// Loads and initialises a module. Later calls with the same path return the same one.
+    /// @param path absolute
+    /// @throw secure::Error
     static Module& at(const std::string& path);
 
     CK_FUNCTION_LIST& calls() const { return *m_calls; }
-    /// Finalises and initialises it, which ends all its sessions: some modules look for tokens only
-    /// then.
+    /// Finalises and initialises the module, which ends all its sessions. Some modules look for
+    /// tokens at initialisation only.
     void restart() const;
-    /// The slot with the token of this label. @return nullopt when there is none; throws when there
-    /// are two
+    /// The slot whose token has this label.
+    /// @return nullopt when there is none
+    /// @throw secure::Error when there are two
     std::optional<CK_SLOT_ID> slotOf(const std::string& label) const;
-    /// Slots with a token, of those that have a label already or of those that have none.
+    /// All slots with a token, initialised or blank.
     std::vector<CK_SLOT_ID> slots() const;
     CK_TOKEN_INFO tokenIn(CK_SLOT_ID slot) const;
     static std::string labelOf(const CK_TOKEN_INFO& token);
@@ -59,7 +61,7 @@ private:
     CK_FUNCTION_LIST* m_calls;
 };
 
-/// Attributes of an object, with their values.
+/// Attributes of an object and the memory of their values.
 class Attributes {
 public:
     Attributes& flag(CK_ATTRIBUTE_TYPE type, bool value);
@@ -76,38 +78,39 @@ private:
     std::vector<CK_ATTRIBUTE> m_attributes;
 };
 
-/// An open session. Ended by the destructor. The login belongs to the module's token: it holds for
-/// every session of the process.
+/// An open session. The destructor closes it. A login counts for all sessions of the process on the
+/// token.
 class Session {
 public:
-    /// Gives the token its PIN on this session, by login().
+    /// Calls login() on the session with the token's PIN.
     using GivePin = std::function<void(const Session& session)>;
 
     Session(const Module& module, CK_SLOT_ID slot, bool writable);
-    /// Another one on the same token.
+    /// Opens a further session on the same token.
     Session(const Session& other, bool writable);
     ~Session();
     Session(const Session&) = delete;
     Session& operator=(const Session&) = delete;
 
-    /// @param user CKU_USER, or CKU_CONTEXT_SPECIFIC for the signature that was begun
+    /// @param user CKU_USER, or CKU_CONTEXT_SPECIFIC for the signature under way
     void login(const secret::Bytes& pin, CK_USER_TYPE user) const;
-    /// Gives the user another PIN, on a writable session.
+    /// Changes the user's PIN. Needs a writable session.
     void setPin(const secret::Bytes& before, const secret::Bytes& after) const;
-    /// For keys that want the PIN before each signature.
+    /// Sets the login for keys that demand the PIN before each signature.
     void setGivePin(GivePin givePin) { m_givePin = std::move(givePin); }
-    /// Is the session still there, logged in, and the token the one of this label?
+    /// True if the session is open and logged in, and the token has this label.
     bool isAlive(const std::string& label) const;
     bool offers(CK_MECHANISM_TYPE mechanism) const;
 
     std::vector<CK_OBJECT_HANDLE> find(Attributes& attributes) const;
-    /// @return nullopt when the object does not have or show it
+    /// @return nullopt when the object lacks or hides the attribute
     std::optional<secret::Bytes> value(CK_OBJECT_HANDLE object, CK_ATTRIBUTE_TYPE type) const;
     CK_OBJECT_HANDLE create(Attributes& attributes) const;
     void destroy(CK_OBJECT_HANDLE object) const;
     secret::Bytes sign(CK_MECHANISM_TYPE mechanism, CK_OBJECT_HANDLE key,
                        const unsigned char* bytes, std::size_t size) const;
-    /// Makes a pair of RSA keys with 2048 bits. May take a minute on a slow token. @return both
+    /// Makes an RSA key pair of 2048 bits. A slow token may take a minute.
+    /// @return public and private object
     std::vector<CK_OBJECT_HANDLE> generate(Attributes& publicKey, Attributes& privateKey) const;
 
     const Module& module() const { return m_module; }

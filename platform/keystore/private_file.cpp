@@ -1,4 +1,4 @@
-// private_file.cpp - files and folders that only the service's own user may see.
+// private_file.cpp - files and folders with access for the service's own user alone.
 #include "private_file.h"
 
 #include "common/file_bytes.h"
@@ -20,7 +20,7 @@ constexpr const char* kTemporary = "new";
 
 std::string errorText(int error)
 {
-    // The GNU form, which is thread-safe.
+    // GNU's strerror_r returns the text; strerror would not be thread-safe.
     char room[128];
     return strerror_r(error, room, sizeof room);
 }
@@ -50,12 +50,10 @@ void makeLasting(const Descriptor& file)
         fail("the store cannot be written out", errno, "check the device's storage");
 }
 
-/// What is being written, under a name of its own. Gone at the end, unless it got another name.
+/// Temporary file; unlinked in the destructor unless renamed. The constructor unlinks the one of a
+/// writer that was killed.
 struct Temporary {
-    explicit Temporary(const Descriptor& in) : folder(in)
-    {
-        remove();
-    }  // what a killed writer left
+    explicit Temporary(const Descriptor& in) : folder(in) { remove(); }
     ~Temporary() { remove(); }
     Temporary(const Temporary&) = delete;
     Temporary& operator=(const Temporary&) = delete;
@@ -68,7 +66,7 @@ struct Temporary {
 
 secret::Bytes readSecret(const std::string& path, std::size_t limit)
 {
-    // Not blocking: somebody may have put a FIFO there.
+    // O_NONBLOCK: opening a FIFO would wait for its writer.
     const Descriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
     struct stat status {};
     if (file.fd < 0 || fstat(file.fd, &status) != 0) {

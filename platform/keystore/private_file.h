@@ -1,5 +1,5 @@
-// private_file.h - files and folders that only the service's own user may see. Modes are given and
-// checked, whatever the umask.
+// private_file.h - files and folders with access for the service's own user alone. Modes are set and
+// checked independently of the umask.
 #pragma once
 
 #include "common/descriptor.h"
@@ -10,26 +10,29 @@
 
 namespace privatefile {
 
-// Each throws secure::Error with a text that names the path, the cause and the cure.
+// Each function throws secure::Error, whose text names the path, the cause and the cure.
 
 /// Reads a whole file that holds a secret.
-/// @throw unless it is a regular file that nobody else may read or write, of at most so many bytes
+/// @throw secure::Error unless it is a regular file of at most `limit` bytes, without rights for
+///   group and others
 secret::Bytes readSecret(const std::string& path, std::size_t limit);
 
-/// The folder, made when it is missing but its parent is there.
-/// @throw unless it belongs to this user and nobody else has a right to it
+/// Opens the folder. A missing folder is made with mode 0700; its parent must exist.
+/// @throw secure::Error unless the folder belongs to this user, without rights for group and others
 Descriptor openFolder(const std::string& path);
 
-/// Reads a file of a folder. @return nullopt when there is none of that name
+/// Reads a file of a folder.
+/// @return nullopt when there is no file of that name
 std::optional<secret::Bytes> readIn(const Descriptor& folder, const std::string& name,
                                     std::size_t limit);
 
-/// Puts a file into a folder in place of one of the same name: after a power cut there is the old
-/// one or the new one, whole. For one writer at a time.
+/// Writes a file of a folder, or replaces it. After a power cut the folder holds either the whole
+/// old file or the whole new one. The caller lets one writer in at a time.
 void replaceIn(const Descriptor& folder, const std::string& name, const void* bytes,
                std::size_t size);
 
-/// @return false when there is none of that name. Lasting when it returns.
+/// Removes a file of a folder. A power cut after the return does not bring it back.
+/// @return false when there is no file of that name
 bool removeIn(const Descriptor& folder, const std::string& name);
 
 }  // namespace privatefile

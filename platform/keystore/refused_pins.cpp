@@ -1,6 +1,7 @@
 // refused_pins.cpp - the PINs that a token has refused.
 //
-// The file refused-pins in the folder of the named data: 32 bytes of salt, then 32 bytes a PIN.
+// File refused-pins in the folder of the named data: 32 bytes of salt, then 32 bytes a PIN:
+// the salted digest of token and PIN.
 #include "refused_pins.h"
 
 #include "private_file.h"
@@ -68,7 +69,7 @@ void RefusedPins::load(const std::string& folder)
 
 void RefusedPins::save() const
 {
-    // A tool that root runs for the service's user makes no folder that would be root's.
+    // billing-provision may run as root: a folder that root makes would be closed to the service.
     if (m_folder.empty() || (geteuid() == 0 && !isOurs(m_folder)))
         return;
     std::string bytes = m_salt;

@@ -1,5 +1,5 @@
-// refused_pins.h - the PINs that a token has refused, as salted digests, so that none of them is a
-// second try: not after a restart either.
+// refused_pins.h - salted digests of the PINs that a token has refused. They keep a refused PIN from
+// a second try, also after a restart.
 #pragma once
 
 #include "common/secret_bytes.h"
@@ -12,7 +12,8 @@ namespace keystore {
 /// Thread: one at a time.
 class RefusedPins {
 public:
-    /// @param folder where the digests outlive the process; empty, or of no use: they do not
+    /// @param folder keeps the digests over restarts; without one (empty, or of another user) they end
+    ///   with the process
     bool contains(const std::string& folder, const std::string& token, const secret::Bytes& pin);
     void add(const std::string& folder, const std::string& token, const secret::Bytes& pin);
 
@@ -23,7 +24,7 @@ private:
 
     std::string m_folder;
     std::string m_salt;
-    std::deque<std::string> m_digests;  ///< the oldest first
+    std::deque<std::string> m_digests;  ///< oldest first
 };
 
 }  // namespace keystore

@@ -1,4 +1,4 @@
-// seal.cpp - AES-256-GCM, and what goes with it, from OpenSSL.
+// seal.cpp - AES-256-GCM, SHA-256, HKDF and random bytes, by OpenSSL.
 #include "seal.h"
 
 #include "common/openssl_holders.h"

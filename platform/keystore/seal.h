@@ -1,4 +1,4 @@
-// seal.h - AES-256-GCM: bytes that nobody without the key can read or change.
+// seal.h - AES-256-GCM: the content is secret, and a change of it is found.
 #pragma once
 
 #include "common/secret_bytes.h"
@@ -14,17 +14,19 @@ constexpr std::size_t kTagSize = 16;
 constexpr std::size_t kOverhead = kNonceSize + kTagSize;
 constexpr std::size_t kDigestSize = 32;
 
-/// Seals under a fresh random nonce. @param key kKeySize bytes @param associated what the seal
-/// vouches for beside the content
-/// @return nonce, ciphertext, tag. Throws secure::Error when the random source or the cipher fails.
+/// Encrypts with a fresh random nonce.
+/// @param key kKeySize bytes
+/// @param associated associated data: authenticated, not stored
+/// @return nonce, ciphertext, tag
+/// @throw secure::Error when the random source or the cipher fails
 std::string close(const secret::Bytes& key, const std::string& associated,
                   const unsigned char* content, std::size_t size);
 
-/// @return nullopt when the key, what is associated, or any bit of the sealed bytes is another
+/// @return nullopt when the key, the associated data or any bit of the sealed bytes differs
 std::optional<secret::Bytes> open(const secret::Bytes& key, const std::string& associated,
                                   const unsigned char* sealed, std::size_t size);
 
-/// Bytes of the system's random source.
+/// Random bytes for keys and salts.
 secret::Bytes random(std::size_t size);
 
 /// SHA-256.

@@ -1,5 +1,5 @@
-// secure_error.h - what goes wrong in secure storage and key store, until the seam turns it into an
-// error number and a line of the log.
+// secure_error.h - the exception of secure storage and key store. The seam turns it into an error
+// number and a line of the log (answered.h).
 #pragma once
 
 #include <platform/secure_storage.h>
@@ -9,7 +9,7 @@
 
 namespace secure {
 
-/// Its text names the cause and the cure; an empty text is not worth a line. Never holds a secret.
+/// The text names the cause and the cure, and never holds a secret. An empty text makes no line.
 class Error : public std::runtime_error {
 public:
     Error(ss_error_e code, const std::string& text) : std::runtime_error(text), m_code(code) {}

@@ -21,12 +21,12 @@ namespace {
 constexpr const char* kStorage = "secure storage";
 constexpr const char* kKeys = "key store";
 
-/// Stands before every buffer that is handed out, so that all of it can be wiped.
+/// Header in front of each returned buffer; its size lets ss_free_buffer overwrite all of it.
 struct alignas(std::max_align_t) Header {
     std::size_t size;
 };
 
-/// Never null, also for no bytes.
+/// @return never null, also for no bytes
 unsigned char* handOut(const secret::Bytes& bytes)
 {
     auto* const header = static_cast<Header*>(malloc(sizeof(Header) + bytes.size() + 1));
@@ -45,14 +45,14 @@ void require(bool holds)
         throw secure::Error(SS_ERROR_PARAMETER, "");
 }
 
-/// Where the keys are: what the settings said when it was first asked since a credential was made,
-/// which the service does at its start.
+/// Location of the keys. The settings are read at the first use after ss_init_credential, which the
+/// service calls at its start.
 struct KeptPlace {
     std::mutex lock;
     std::optional<keystore::Place> place;
 };
 
-/// Never destroyed: threads may still sign while the process ends.
+/// Never destroyed: another thread may sign while the process ends.
 KeptPlace& keptPlace()
 {
     static auto* const kept = new KeptPlace;

@@ -19,7 +19,7 @@ using Objects = std::vector<CK_OBJECT_HANDLE>;
 
 constexpr std::size_t kModulusBits = 2048;
 constexpr unsigned char kPublicExponent[] = {1, 0, 1};
-/// Of type 1 padding: what stands before the filling, and how long it is at least.
+/// Type 1 padding: bytes before the 0xff filling, and the least length of the filling.
 constexpr std::size_t kPaddingHead = 2;
 constexpr std::size_t kPaddingLeast = 8;
 
@@ -69,8 +69,7 @@ std::optional<rawrsa::PublicKey> publicPart(const Session& session, CK_OBJECT_HA
     return rawrsa::publicKey(modulus->data(), modulus->size(), exponent->data(), exponent->size());
 }
 
-/// The private object's own numbers where it shows them: a public object of the same id might be of
-/// another key.
+/// Prefers the numbers of the private object: a public object of the same id may be of another key.
 rawrsa::PublicKey publicKeyOf(const Session& session, CK_OBJECT_HANDLE key, std::int32_t id)
 {
     if (const auto own = publicPart(session, key))
@@ -85,7 +84,8 @@ rawrsa::PublicKey publicKeyOf(const Session& session, CK_OBJECT_HANDLE key, std:
                             "signatures cannot be checked; put the public key beside it");
 }
 
-/// What type 1 padding holds. @throw when the block is not padded like this
+/// The content of a block with type 1 padding.
+/// @throw secure::Error for any other block
 std::pair<const unsigned char*, std::size_t> unpadded(const unsigned char* block)
 {
     const unsigned char* const end = block + rawrsa::kBlockSize;
@@ -105,7 +105,7 @@ secret::Bytes rawSignature(const Session& session, CK_OBJECT_HANDLE key, const u
         try {
             return session.sign(CKM_RSA_X_509, key, block, rawrsa::kBlockSize);
         } catch (const pkcs11::Failure& failure) {
-            // Some tokens list it and then do not do it.
+            // Some tokens list the mechanism and refuse it.
             if (failure.answer() != CKR_MECHANISM_INVALID)
                 throw;
         }
@@ -135,7 +135,7 @@ void prove(const Session& session, CK_OBJECT_HANDLE key, const rawrsa::PublicKey
     checkedOperation(session, key, publicKey, block.data());
 }
 
-/// For a failure's sake: what cannot be removed now stays, and is reported as a second key.
+/// Cleans up after a failure. An object that cannot be removed is reported later, as a second key.
 void discard(const Session& session, const Objects& objects)
 {
     for (const CK_OBJECT_HANDLE object : objects) {
@@ -147,7 +147,8 @@ void discard(const Session& session, const Objects& objects)
     }
 }
 
-/// @param signOnly says that the key may do nothing else, which not every token takes
+/// @param signOnly adds the attributes that forbid decryption and unwrapping; some tokens refuse
+///   them
 Attributes privateAttributes(std::int32_t id, bool signOnly)
 {
     Attributes attributes = keyAttributes(CKO_PRIVATE_KEY, id);
@@ -279,7 +280,7 @@ std::string faultIn(const Session& session, std::int32_t id)
     std::string faults;
     for (const Rule& rule : kRules) {
         const auto value = session.value(key, rule.attribute);
-        // Some tokens do not know every attribute.
+        // A token may not know the attribute.
         if (value && value->size() == 1 && (value->front() != CK_FALSE) != rule.value)
             faults += (faults.empty() ? "" : ", ") + std::string(rule.fault);
     }

@@ -1,6 +1,5 @@
-// token_keys.h - the service's RSA keys on a token. A key is the private object whose CKA_ID is its
-// number in four bytes, big-endian (number 7 is 00000007), with the public object of the same
-// CKA_ID where there is one.
+// token_keys.h - the service's RSA keys on a token. CKA_ID of the private object is the key's number
+// in four bytes, big-endian (number 7 is 00000007). A public object of the same CKA_ID belongs to it.
 #pragma once
 
 #include "common/raw_rsa.h"
@@ -10,40 +9,42 @@
 
 namespace tokenkeys {
 
-// Each throws secure::Error.
+// Each function throws secure::Error.
 
-/// "0000002a" for 42: how tools show the CKA_ID.
+/// The CKA_ID as tools show it: "0000002a" for 42.
 std::string shownId(std::int32_t id);
 
-/// The private operation on kBlockSize bytes. The result is checked with the public key before it
-/// is handed out.
+/// The private operation on kBlockSize bytes. The public key checks the result first.
 secret::Bytes privateOperation(const pkcs11::Session& session, std::int32_t id,
                                const unsigned char* block);
 
-/// Puts a key in place of the one with this number, once a signature has proved that it works. When
-/// it fails, what was there stays.
+/// Stores a key under this number. The old key of the number is removed after a signature of the
+/// new one has been checked; after a failure it stays.
 void import(const pkcs11::Session& session, std::int32_t id, const rawrsa::PrivateKey& key);
 
-/// The lowest number over 0 that has no key.
+/// The lowest number above 0 without a key.
 std::int32_t freeId(const pkcs11::Session& session);
 
 bool exists(const pkcs11::Session& session, std::int32_t id);
 
-/// Makes a key inside the token, and proves it by a signature. @throw when the number has a key
-/// @param signOnly the key may do nothing else; a TPM signs a raw block by decrypting it
+/// Makes a key inside the token and checks a signature of it.
+/// @param signOnly the key may sign only; false for a TPM, which signs a raw block by decrypting it
+/// @throw secure::Error when the number has a key already
 void generate(const pkcs11::Session& session, std::int32_t id, bool signOnly = true);
 
 /// @throw SS_ERROR_NOT_FOUND when the number has no private key
 rawrsa::PublicKey publicKey(const pkcs11::Session& session, std::int32_t id);
 
-/// What the key may do, or what may be done with it, beyond signing. @return empty when nothing
+/// Rights that the key has beyond signing, as text.
+/// @return empty when there are none
 std::string faultIn(const pkcs11::Session& session, std::int32_t id);
 
-/// Proves by a signature that a key works. @throw when it does not
+/// Checks a signature of the key.
+/// @throw secure::Error when the key does not work
 void prove(const pkcs11::Session& session, std::int32_t id);
 
-/// Removes the private and the public objects of a number. @return false when there was no private
-/// one
+/// Removes the private and the public objects of a number.
+/// @return false when there was no private object
 bool remove(const pkcs11::Session& session, std::int32_t id);
 
 }  // namespace tokenkeys
