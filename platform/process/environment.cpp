@@ -15,14 +15,14 @@ namespace process {
 
 namespace {
 
-// A list of what may stay, since nobody can list what libraries read. A name that ends in '*'
-// stands for all that begin so.
+// Variables that may stay. The variables to remove cannot be listed: libraries read too many. A name
+// that ends in '*' is a prefix.
 constexpr const char* kKept[] = {
-    // this system's own, and where its bus is
+    // this system's own variables, and the address of its bus
     "PLEVO_*", "DBUS_SYSTEM_BUS_ADDRESS", "DBUS_STARTER_*",
     // the service manager
     "JOURNAL_STREAM", "NOTIFY_SOCKET", "INVOCATION_ID", "XDG_RUNTIME_DIR",
-    // what every program may know
+    // harmless for every program
     "PATH", "HOME", "USER", "LOGNAME", "TERM", "LANG", "LANGUAGE", "LC_*", "TZ", "TZDIR",
     // diagnosis
     "G_DEBUG", "G_MESSAGES_DEBUG", "G_SLICE", "MALLOC_*", "GLIBC_TUNABLES", "ASAN_*", "LSAN_*",
@@ -62,7 +62,7 @@ void cleanEnvironment()
     for (const std::string& name : dropped)
         unsetenv(name.c_str());
 
-    // A service that the bus started has none. Nothing is ever put there.
+    // A service that the bus has started has none. Nothing is ever written there.
     if (!isFolder(getenv("XDG_RUNTIME_DIR")))
         setenv("XDG_RUNTIME_DIR", isFolder("/run") ? "/run" : "/tmp", 1);
 }

@@ -1,11 +1,11 @@
-// environment.h - the environment of the process: only what is known to be harmless stays.
+// environment.h - the environment of the process: only variables known as harmless stay.
 #pragma once
 
 namespace process {
 
 /// Removes every variable that could steer a library (proxies, key logs, trust, engines, modules,
-/// name look-ups), and gives the main loop's library the run directory that it insists on.
-/// Thread: main, before any other exists.
+/// name look-ups). Sets XDG_RUNTIME_DIR, without which Ecore aborts.
+/// Thread: main, before any other thread exists.
 void cleanEnvironment();
 
 }  // namespace process

@@ -1,4 +1,4 @@
-// expiry.cpp - a word in time that the device's certificate ends.
+// expiry.cpp - warns before the device's certificate ends.
 #include "expiry.h"
 
 #include "../common/descriptor.h"
@@ -20,7 +20,7 @@ namespace {
 
 constexpr std::size_t kSizeLimit = std::size_t{64} * 1024;
 
-/// @return null when there is none that can be read
+/// @return null when there is no readable certificate
 openssl::Owner<X509> readCertificate()
 {
     const Descriptor file(
@@ -40,8 +40,8 @@ openssl::Owner<X509> readCertificate()
 
 void warnOfExpiry()
 {
-    // This is the process's first use of the library, whose exit handler would free what a thread
-    // that is still alive uses.
+    // First use of OpenSSL in the process. Its exit handler would free data of threads that still
+    // run.
     OPENSSL_init_crypto(OPENSSL_INIT_NO_ATEXIT, nullptr);
     const auto certificate = readCertificate();
     ERR_clear_error();

@@ -1,11 +1,11 @@
-// expiry.h - a word in time that the device's certificate ends.
+// expiry.h - warns before the device's certificate ends.
 #pragma once
 
 namespace process {
 
-/// Logs a warning when the device's certificate ends soon, is over or is not valid yet by this
-/// machine's clock. Silent without a certificate, which the service itself reports.
-/// Thread: main, before any other exists.
+/// Logs a warning when the device's certificate ends soon, has ended or is not valid yet, by this
+/// machine's clock. Silent without a certificate: the service reports that itself.
+/// Thread: main, before any other thread exists.
 void warnOfExpiry();
 
 }  // namespace process

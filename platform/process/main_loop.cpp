@@ -1,10 +1,9 @@
-// main_loop.cpp - Ecore's main loop with GLib's default context in it, and SIGTERM let in only
-// where the main thread waits and holds nothing: its handler does the whole teardown.
+// main_loop.cpp - Ecore's main loop, which also runs GLib's default context. SIGTERM is unblocked only
+// while the main thread waits and holds no lock, since its handler does the whole teardown.
 //
-// These functions are linked into the executable itself, so that they are found before the
-// libraries' own, also where a sanitizer's runtime comes between. What they guard against:
-// ecore_init() installs signal handlers of its own and unblocks their signals before it can take
-// them; the loop knows nothing of GLib, or dispatches it after the teardown.
+// These functions are linked into the executable itself: they replace the libraries' own, also with a
+// sanitizer's runtime in between. Reasons: ecore_init() installs signal handlers and unblocks their
+// signals before it can handle them; Ecore's loop does not run GLib, or runs it after the teardown.
 #include "main_loop.h"
 
 #include <Ecore.h>
@@ -18,30 +17,30 @@
 #include <csignal>
 #include <ctime>
 
-// Found by other libraries whatever the default visibility is; called by sanitizers' runtimes
-// before these are ready for instrumented code.
+// Visible to other libraries whatever the default visibility is. Not instrumented: sanitizers' runtimes
+// call these functions during their own start.
 #define STEPS_IN_FRONT \
     __attribute__((visibility("default"), no_sanitize("address", "thread", "undefined")))
 
 namespace {
 
-/// The mask of start-up with SIGTERM open: in force only while the main thread waits.
+/// Signal mask of the wait: that of the start-up, with SIGTERM unblocked.
 sigset_t g_openMask;
-/// The loop was quit: nothing is dispatched any more.
+/// The loop was quit; nothing is dispatched from then on.
 volatile sig_atomic_t g_ended;
-/// ecore_init() has run: the loop can be quit.
+/// ecore_init() has run; the loop can be quit.
 volatile sig_atomic_t g_ready;
-/// ecore_init() runs on this thread: it may look at signals and change nothing.
+/// ecore_init() runs on this thread; its changes of signals are ignored.
 thread_local bool g_keepSignals;
 
-/// The function that would have been called without this file.
+/// The library's function that this file replaces.
 template <typename Function>
 STEPS_IN_FRONT Function* next(const char* name)
 {
     return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
 }
 
-/// Lets a pending SIGTERM in, for the moment between two steps.
+/// Takes a pending SIGTERM between two steps.
 void signalWindow()
 {
     sigset_t before;
@@ -49,7 +48,7 @@ void signalWindow()
     pthread_sigmask(SIG_SETMASK, &before, nullptr);
 }
 
-/// Ecore's side of a wait: which descriptors, for what, as select() has them.
+/// Ecore's descriptors of one wait, as select() has them.
 struct EcoreSets {
     fd_set* readable;
     fd_set* writable;
@@ -68,7 +67,7 @@ struct EcoreSets {
         FD_ZERO(exceptional);
     }
 
-    /// @return how many marks were set
+    /// @return number of bits set
     int mark(const GPollFD& polled) const
     {
         const unsigned ready = polled.revents;
@@ -89,10 +88,10 @@ struct EcoreSets {
     }
 };
 
-/// One turn of the loop: GLib's descriptors first, Ecore's behind them.
+/// One turn of the loop. The list of descriptors has GLib's first, then Ecore's.
 class Turn {
 public:
-    /// @param polled kept from turn to turn for its memory
+    /// @param polled reused in each turn, to keep its memory
     Turn(GMainContext* context, GArray* polled, const EcoreSets& sets)
         : m_context(context), m_polled(polled), m_sets(sets)
     {
@@ -116,7 +115,8 @@ public:
         }
     }
 
-    /// Waits with SIGTERM open: its handler runs in here. @return what ppoll() returned
+    /// Waits with SIGTERM unblocked; its handler runs in here.
+    /// @return the result of ppoll()
     int wait(const timeval* ecoreTimeout)
     {
         timespec limit{m_glibTimeout / 1000, m_glibTimeout % 1000 * 1000000L};
@@ -159,7 +159,7 @@ private:
     int m_glibCount = 0;
 };
 
-/// Ecore's select function.
+/// Replaces select() in Ecore's loop.
 int waitForBoth(int count, fd_set* readable, fd_set* writable, fd_set* exceptional,
                 timeval* timeout)
 {
@@ -178,7 +178,7 @@ int waitForBoth(int count, fd_set* readable, fd_set* writable, fd_set* exception
         if (g_ended == 0)
             turn.dispatchGlib();
     }
-    // A loop that never sleeps still takes its SIGTERM.
+    // A busy loop never waits; it takes SIGTERM here.
     signalWindow();
     if (g_ended != 0) {
         sets.clear();
@@ -188,10 +188,10 @@ int waitForBoth(int count, fd_set* readable, fd_set* writable, fd_set* exception
     return result;
 }
 
-/// What has to be said to Ecore before it starts.
+/// Options that Ecore needs before its start.
 void configureEcore()
 {
-    // Its system modules would talk to the bus by themselves.
+    // Ecore's system modules would open a bus connection of their own.
     ecore_app_no_system_modules();
     ecore_main_loop_glib_always_integrate_disable();
 }
@@ -216,7 +216,7 @@ void process::holdSignals()
 
 void process::ownDefaultContext()
 {
-    // Without an owner it would be run by whoever has something to hand over to it.
+    // Without an owner, any thread that calls g_main_context_invoke() would run the context.
     g_main_context_acquire(nullptr);
 }
 
@@ -253,7 +253,7 @@ STEPS_IN_FRONT void ecore_main_loop_begin(void)
     static auto* const real = next<void()>("ecore_main_loop_begin");
     if (g_ended == 0)
         real();
-    // A second SIGTERM that came meanwhile still reaches its handler.
+    // A second SIGTERM may be pending; its handler runs here.
     signalWindow();
 }
 
@@ -261,7 +261,7 @@ STEPS_IN_FRONT void ecore_main_loop_quit(void)
 {
     static auto* const real = next<void()>("ecore_main_loop_quit");
     g_ended = 1;
-    // Before ecore_init() the real one would spin for ever.
+    // Ecore's own function would spin for ever before ecore_init().
     if (g_ready != 0)
         real();
 }

@@ -1,4 +1,4 @@
-// process.cpp - makes the process fit to run. Linked into the executable itself.
+// process.cpp - start-up of the process. Linked into the executable itself.
 #include "environment.h"
 #include "expiry.h"
 #include "main_loop.h"
@@ -19,7 +19,7 @@
 
 namespace {
 
-/// Opens the standard descriptors that are closed: a socket must not get the number that the log
+/// Opens standard descriptors that are closed. Otherwise a socket could get the number that the log
 /// writes to.
 void fillStandardDescriptors()
 {
@@ -45,17 +45,16 @@ bool isTraced()
     return false;
 }
 
-/// Tokens and key parts pass through this memory: no core file, and no look from other processes of
-/// the same user. A tracer that started the program keeps its access; it has seen everything
-/// anyway, and a debugger could not work without.
+/// Forbids core files and access by other processes of the same user, since tokens and parts of keys
+/// are in this memory. A tracer that has started the program keeps its access: a debugger needs it.
 void hideMemory()
 {
     if (!isTraced())
         prctl(PR_SET_DUMPABLE, 0, 0, 0, 0);
 }
 
-/// Transfers and the bus need descriptors, and a soft limit of 1,024 is what old programs with
-/// select() want. Ecore, which has it, opens its own at the start.
+/// Raises the soft limit of descriptors to the hard one. The usual 1,024 protects programs that use
+/// select(); Ecore does, and opens its own descriptors at the start, with low numbers.
 void raiseDescriptorLimit()
 {
     rlimit limit{};
@@ -65,12 +64,12 @@ void raiseDescriptorLimit()
     }
 }
 
-/// Bytes of stack for a thread whose maker asks for none: the bus library's, and one for each name
-/// that libcurl looks up. They use under 30 KiB; else each would take 8 MiB of addresses. Threads of the
-/// service name their own size.
+/// Bytes of stack for threads that ask for no size: the bus library's, and libcurl's, one for each
+/// look-up of a name. They use under 30 KiB; the default would take 8 MiB of addresses each. Threads
+/// of the service ask for a size.
 constexpr std::size_t kOthersStack = std::size_t{256} * 1024;
 
-/// Adds what a library keeps for each thread, which lies on the thread's stack.
+/// Adds the thread-local data of libraries, which lie on the thread's stack.
 int addThreadStorage(dl_phdr_info* library, std::size_t, void* sum)
 {
     for (int i = 0; i < library->dlpi_phnum; i++) {
@@ -83,7 +82,7 @@ int addThreadStorage(dl_phdr_info* library, std::size_t, void* sum)
 void smallStacks()
 {
     std::size_t stack = kOthersStack;
-    // A sanitizer's runtime has more of it than that.
+    // A sanitizer's runtime has more thread-local data than the constant allows for.
     dl_iterate_phdr(addThreadStorage, &stack);
     pthread_attr_t attributes;
     pthread_attr_init(&attributes);

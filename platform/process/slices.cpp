@@ -1,8 +1,8 @@
-// slices.cpp - turns GLib's own allocator for small records off, which keeps for ever what a burst of
-// calls took: 16 of 25 MiB after ten thousand. malloc is as fast and gives it back.
+// slices.cpp - switches GLib's own allocator for small records off. It never frees the memory of a
+// burst of calls: 16 of 25 MiB after ten thousand. malloc is as fast and frees it.
 //
-// GLib looks at this setting when its first record is made, which libraries do in their
-// constructors. Only an executable's pre-initialisers run before those.
+// GLib reads this setting at its first record, and libraries make records in their constructors. Only
+// the pre-initialisers of an executable run earlier.
 #define GLIB_VERSION_MIN_REQUIRED \
     GLIB_VERSION_2_26  // deprecated since nothing needs it in GLib 2.76
 #include <glib.h>
