@@ -1,4 +1,4 @@
-// network.cpp - the default gateway, from the kernel's routing tables or as [network] fixes it.
+// network.cpp - the default gateway: from the kernel's routing tables, or fixed by [network].
 #include "common/c_functions.h"
 #include "linux/settings/settings.h"
 #include "linux/settings/settings_known.h"
@@ -12,7 +12,7 @@ int connection_profile_check_default_gateway(bool* exists)
 {
     using Source = settings::GatewayRule::Source;
     return seam::guarded(ENOMEM, [&] {
-        // A rule that cannot be understood is a failure: guessing "auto" would hide it.
+        // A malformed rule is a failure: taking it for "auto" would hide the mistake.
         if (settings::isRefused("network", "default_gateway"))
             return EINVAL;
         const auto text = settings::shared("network", "default_gateway");

@@ -1,4 +1,4 @@
-// network_changes.cpp - whether a default route or an address has come or gone, from what the kernel reports of it.
+// network_changes.cpp - finds changes of default routes, addresses and links in the kernel's reports.
 #include "common/c_functions.h"
 #include "common/descriptor.h"
 
@@ -16,7 +16,7 @@
 
 namespace {
 
-/// A socket that gets the kernel's reports. Never closed.
+/// The netlink socket that receives the kernel's reports. Never closed.
 int watch()
 {
     const int made = socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC | SOCK_NONBLOCK, NETLINK_ROUTE);
@@ -31,7 +31,7 @@ int watch()
     return std::exchange(holder.fd, -1);
 }
 
-/// A router renews the life of an IPv6 address every few minutes; the kernel reports that like a new address.
+/// Tells a renewed IPv6 address from a new one: routers renew them every few minutes, and the kernel reports both alike.
 bool isRenewal(const nlmsghdr* message)
 {
     auto left = static_cast<unsigned>(IFA_PAYLOAD(message));
@@ -46,7 +46,7 @@ bool isRenewal(const nlmsghdr* message)
     return false;
 }
 
-/// The kernel reports a link for many reasons, and the routes that a link takes away are not reported.
+/// The kernel reports a link for many reasons; only up and down count. It does not report routes that a link takes away.
 bool hasGoneOrCome(const ifinfomsg& link)
 {
     static std::map<int, unsigned> known;
@@ -73,7 +73,8 @@ bool isChange(nlmsghdr* message)
     }
 }
 
-/// Reads one report. @return whether it tells of a change
+/// Reads one report.
+/// @return true for a change
 bool tellsOfChange(char* data, std::size_t size)
 {
     bool change = false;
@@ -85,7 +86,8 @@ bool tellsOfChange(char* data, std::size_t size)
     return change;
 }
 
-/// @return whether one of the reports that have come tells of a change
+/// Reads all waiting reports.
+/// @return true when one of them is a change
 bool readReports(int descriptor)
 {
     bool change = false;
@@ -95,7 +97,7 @@ bool readReports(int descriptor)
         if (size > 0) {
             change = tellsOfChange(messages, static_cast<std::size_t>(size)) || change;
         } else if (size < 0 && errno == ENOBUFS) {
-            change = true;  // Reports were lost.
+            change = true;  // the kernel has dropped reports
         } else if (size == 0 || errno != EINTR) {
             return change;
         }

@@ -15,9 +15,9 @@ namespace routes {
 
 namespace {
 
-/// The kernel fills at most this much at a time.
+/// Largest part of a dump that the kernel sends at a time.
 constexpr std::size_t kBufferSize = std::size_t{32} * 1024;
-/// A dump that was overtaken by a change is asked for again, so often.
+/// Attempts at a dump when the tables change meanwhile.
 constexpr int kTries = 4;
 
 class Socket {
@@ -57,7 +57,7 @@ Value valueOf(const rtattr* attribute)
     return value;
 }
 
-/// Does one of the next hops of a multipath route lead out?
+/// True if one next hop of a multipath route leads out.
 bool anyHopLeadsOut(const rtattr* attribute)
 {
     auto* hop = static_cast<const rtnexthop*>(RTA_DATA(attribute));
@@ -118,7 +118,7 @@ void read(const char* data, std::size_t size, Dump& dump)
 
 int ask(int fd)
 {
-    // The kernel answers at once; the limit only keeps a broken one from holding the caller.
+    // The kernel answers at once. The limit guards the caller against one that does not.
     const timeval limit{2, 0};
     if (setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit) != 0)
         return errno;
@@ -173,7 +173,7 @@ int defaultRouteExists(bool* exists)
         dump = dumpRoutes();
         if (dump.error != 0)
             return dump.error;
-        // What was found was there; only "nothing found" may be the fault of a change meanwhile.
+        // A route that was found did exist; only "none found" may be due to a change meanwhile.
         if (dump.found || !dump.overtaken)
             break;
     }

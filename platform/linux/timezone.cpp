@@ -1,4 +1,4 @@
-// timezone.cpp - the local time zone, as the C library knows it.
+// timezone.cpp - the local time zone, from the C library.
 #include "common/c_functions.h"
 #include "zone.h"
 
@@ -15,10 +15,10 @@ namespace zone {
 namespace {
 
 constexpr time_t kDay = time_t{24} * 60 * 60;
-/// Every zone that changes its clocks leaves daylight saving at least once in this time.
+/// Every zone with daylight saving has standard time at least once in this period.
 constexpr int kDays = 400;
 
-/// Looks for the nearest standard time: the library gives the whole offset only.
+/// Finds the nearest moment of standard time: the C library tells only the sum of both offsets.
 bool standardOffset(time_t moment, int& offset)
 {
     for (int day = 1; day <= kDays; day++) {
@@ -44,7 +44,7 @@ bool isFile(const std::string& name)
     return stat(path.c_str(), &status) == 0 && S_ISREG(status.st_mode);
 }
 
-/// "CET-1CEST", "<+03>-3" and the like: a name of three characters at least, and an offset.
+/// True for "CET-1CEST", "<+03>-3" and the like: a name of at least three characters and an offset.
 bool isRule(const std::string& name)
 {
     std::size_t end = 0;
@@ -90,7 +90,7 @@ int mz_gettimezone(int* utcoff, int* dstoff, void*)
                          "time zone: TZ=%s names no zone of this device", getenv("TZ"));
             return -1;
         }
-        // Takes notice of a zone that was changed since the last time.
+        // Reads the zone again if it has changed.
         tzset();
         zone::Offsets offsets;
         if (!zone::offsetsAt(time(nullptr), offsets))

@@ -7,15 +7,15 @@ namespace zone {
 
 struct Offsets {
     int standard = 0;  ///< seconds east of UTC without daylight saving
-    int daylight = 0;  ///< what daylight saving adds; 0 outside of it
+    int daylight = 0;  ///< seconds that daylight saving adds; else 0
 };
 
-/// @return false when the moment cannot be broken down
+/// @return false when localtime_r() fails for the moment
 /// Thread: any.
 bool offsetsAt(time_t moment, Offsets& out);
 
-/// Does TZ, when it is set, name a zone that exists? The C library takes UTC without a word when it
-/// does not.
+/// True if TZ is not set or names an existing zone. For an unknown one the C library silently takes
+/// UTC.
 bool isNamed();
 
 }  // namespace zone

@@ -1,6 +1,5 @@
-// log.cpp - the platform log. Safe from every thread and from a signal handler that runs while its
-// thread waits: nothing is allocated or locked, and nothing but the caller's name is kept between
-// two records.
+// log.cpp - the platform log. It allocates nothing and takes no lock, so every thread may log, and so
+// may a signal handler that runs while its thread waits. The caller's name is its only state.
 #include "log_format.h"
 #include "log_sink.h"
 #include "log_steps.h"
@@ -18,10 +17,10 @@ namespace {
 
 constexpr const char* kTag = "BILLING_PLATFORM";
 
-/// What the environment says, once for the life of the process.
+/// Level and options from the environment, read once in the life of the process.
 struct Settings {
     int threshold;
-    bool steps;  ///< of a call, at information level
+    bool steps;  ///< write the steps of a call too (information level)
     logging::Sink sink;
     logging::FormatOptions options;
 };
@@ -38,7 +37,7 @@ struct Level {
     bool steps;
 };
 
-/// @return null for a name that is no level
+/// @return null for an unknown level
 const Level* levelOf(const char* name)
 {
     static constexpr Level kLevels[] = {{"debug", DLOG_DEBUG, true},
@@ -56,7 +55,7 @@ const Level* levelOf(const char* name)
 Settings fromEnvironment()
 {
     const logging::Sink sink = logging::detectSink();
-    // A journal is kept; a terminal is looked at.
+    // A journal is stored and leaves the steps out; a terminal shows them.
     Settings settings{DLOG_INFO, sink == logging::Sink::Stderr, sink, {}};
     const char* const name = variable("PLEVO_LOG_LEVEL");
     const Level* const level = name != nullptr ? levelOf(name) : nullptr;
@@ -75,7 +74,7 @@ const Settings g_settings = fromEnvironment();
 
 thread_local logging::CallerName t_caller;
 
-/// Reports what fromEnvironment() could not use.
+/// Reports the values that fromEnvironment() has refused.
 bool reportEnvironment()
 {
     const char* const level = variable("PLEVO_LOG_LEVEL");
@@ -91,7 +90,7 @@ bool reportEnvironment()
     return true;
 }
 
-// After the settings, which it logs by.
+// Must be defined after the settings, since it logs.
 [[maybe_unused]] const bool g_reported = reportEnvironment();
 
 }  // namespace

@@ -1,4 +1,4 @@
-// log_fields.cpp - which values of which messages have a field of their own in the journal.
+// log_fields.cpp - the values that are fields of the journal as well.
 #include "log_fields.h"
 
 #include "log_private.h"

@@ -1,4 +1,4 @@
-// log_fields.h - which values of which messages have a field of their own in the journal.
+// log_fields.h - the values that are fields of the journal as well.
 #pragma once
 
 #include <cstddef>
@@ -6,23 +6,24 @@
 
 namespace logging {
 
-/// A value in a record, and the field that it has.
+/// A value in a record and the name of its field.
 struct Field {
     std::string_view name;
-    std::size_t begin;  ///< its bytes in the record
+    std::size_t begin;  ///< first byte of the value in the record
     std::size_t end;
 };
 
-/// The most that one message has.
+/// The largest number of fields of one message.
 constexpr std::size_t kMostFields = 11;
 
-/// One message's field names: asked for each conversion of its format in turn.
+/// Iterates over the field names of one message, one for each conversion.
 class FieldNames {
 public:
-    /// @param format the whole format, with or without the origin and the colours; kept
+    /// @param format the whole format, with or without the origin and the colours; must outlive
+    ///   this object
     explicit FieldNames(std::string_view format);
 
-    /// The name for the next conversion, empty where there is none.
+    /// @return the field of the next conversion; empty when it has none
     std::string_view next();
 
 private:

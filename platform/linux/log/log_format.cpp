@@ -1,4 +1,4 @@
-// log_format.cpp - walks a printf format.
+// log_format.cpp - writes a printf format and its arguments into a record.
 #include "log_format.h"
 
 #include "log_private.h"
@@ -17,7 +17,7 @@ namespace {
 
 constexpr std::string_view kColours[] = {kColourInfo, kColourError, kColourEnd};
 
-/// So that the list can be handed on by reference: a va_list may be an array.
+/// A va_list may be an array, which cannot be passed by reference; this can.
 struct Arguments {
     va_list list;
 };
@@ -44,7 +44,8 @@ Length readLength(const char*& at)
     return Length::LongLong;
 }
 
-/// Reads what stands behind a '%'. @return false when it is not known here
+/// Reads a conversion from behind its '%'.
+/// @return false for an unknown one
 bool readConversion(const char*& at, Conversion& out)
 {
     out.length = readLength(at);
@@ -149,7 +150,7 @@ public:
                 const char* const start = at++;
                 Conversion conversion;
                 if (!readConversion(at, conversion)) {
-                    // The arguments are out of step from here on.
+                    // The size of its argument is unknown, so none of the later ones can be read.
                     m_record.escaped(start);
                     break;
                 }
@@ -162,7 +163,8 @@ public:
     }
 
 private:
-    /// Writes what stands before the next conversion. @return its length
+    /// Writes the text, colour or line break at this place, up to the next '%' at most.
+    /// @return the number of characters taken
     std::size_t literal(const char* at)
     {
         const std::size_t plain = strcspn(at, "%\033\n");
@@ -211,7 +213,7 @@ private:
             m_parts.fields[m_parts.fieldCount++] = {name, begin, m_record.line().size()};
     }
 
-    /// The first three conversions of a message of the service say where it comes from.
+    /// Keeps the first three values of a message of the service: file, function, line.
     void noteOrigin(const char* text, int line)
     {
         if (m_originLeft == 3)

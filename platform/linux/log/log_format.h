@@ -1,5 +1,5 @@
-// log_format.h - writes a printf format and its arguments into a record, argument by argument: the
-// format is the program's own and trusted, what comes in through an argument is not.
+// log_format.h - writes a printf format and its arguments into a record. The format is the program's
+// own and trusted; the arguments are not.
 #pragma once
 
 #include "log_fields.h"
@@ -18,8 +18,8 @@ struct FormatOptions {
     bool fields = false;       ///< note which values have a field of their own
 };
 
-/// Where a message comes from, when it begins with the file, function and line of its writer. The
-/// texts are the caller's.
+/// File, function and line at the beginning of a message of the service. The texts belong to the
+/// caller.
 struct Origin {
     const char* file = nullptr;
     const char* function = nullptr;
@@ -29,17 +29,16 @@ struct Origin {
 /// The name of a bus client, which has at most 255 bytes.
 using CallerName = std::array<char, 256>;
 
-/// What of a record has a field beside its text.
+/// The parts of a record that are fields beside its text.
 struct Parts {
-    const char* caller = "";  ///< on whose behalf; a text that outlives the record
+    const char* caller = "";  ///< bus client that is served; must outlive the record
     Origin origin;
     std::array<Field, kMostFields> fields{};
     std::size_t fieldCount = 0;
 };
 
-/// Writes the message; the record is not finished. Known are the conversions that messages of the
-/// service have: %s, %p, and %d, %u and %x, these with l, ll or z. Any other one is written as it
-/// stands, and so is all that follows it.
+/// Writes the message and leaves the record open. Conversions: %s, %p, and %d, %u, %x with or without
+/// l, ll, z. An unknown one and all text behind it are written unchanged.
 Parts writeMessage(Record& record, const FormatOptions& options, const char* format,
                    va_list arguments);
 

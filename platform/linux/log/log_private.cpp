@@ -1,4 +1,4 @@
-// log_private.cpp - which arguments of which messages are private.
+// log_private.cpp - the private arguments of each message.
 #include "log_private.h"
 
 namespace logging {

@@ -1,11 +1,11 @@
-// log_private.h - which arguments of which messages are private.
+// log_private.h - the private arguments of each message.
 #pragma once
 
 #include <string_view>
 
 namespace logging {
 
-/// What opens a message of the service: its file, function and line, all public.
+/// Beginning of each message of the service: file, function and line, all public.
 constexpr std::string_view kOriginFormat = "%s: %s(%d) > ";
 
 /// The colour codes that a format may hold.
@@ -16,21 +16,20 @@ constexpr std::string_view kColourEnd = "\033[0;m";
 enum class Privacy {
     Public,
     Hidden,  ///< a token, an id, a check value, a body: only its size is shown
-    Url,     ///< hidden behind the first question mark
+    Url,     ///< the text after the first '?' is hidden
 };
 
-/// A message's format as the tables have it: without origin, colours and closing line break.
+/// Removes origin, colours and closing line break from a format, as the tables do.
 std::string_view bareMessage(std::string_view format);
 
-/// One message's classification: asked for each conversion of its format in turn.
+/// Iterates over the privacy of one message's arguments, one for each conversion.
 class Classification {
 public:
-    /// @param format the whole format, with or without the origin and the colours; not null, and
-    ///   kept
+    /// @param format the whole format, with or without the origin and the colours; not null; must
+    ///   outlive this object
     explicit Classification(std::string_view format);
 
-    /// How the next conversion is to be treated. The texts of a message that is not in the table
-    /// are hidden.
+    /// @return the privacy of the next conversion; Hidden for a message without a row in the table
     Privacy next();
 
 private:

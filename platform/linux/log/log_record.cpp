@@ -12,10 +12,10 @@ namespace logging {
 
 namespace {
 
-/// Kept free for the note of what was cut, closing colours and the line break.
+/// Room for the note of the cut bytes, closing colours and the line break.
 constexpr std::size_t kReserve = 96;
 
-/// How a byte that may not stand in a line is written.
+/// Writes the escape of a byte that may not appear in a line.
 std::size_t writeEscape(unsigned char byte, char* out, std::size_t size)
 {
     switch (byte) {
@@ -30,7 +30,7 @@ std::size_t writeEscape(unsigned char byte, char* out, std::size_t size)
     }
 }
 
-/// How many printable ASCII characters the text begins with.
+/// Number of printable ASCII characters at the beginning of the text.
 std::size_t plainRun(std::string_view text)
 {
     std::size_t length = 0;
@@ -39,13 +39,13 @@ std::size_t plainRun(std::string_view text)
     return length;
 }
 
-/// Length of the character beyond ASCII that the text begins with; 0 when it begins with none that
-/// may stand in a line.
+/// Length of the UTF-8 character beyond ASCII at the beginning of the text.
+/// @return 0 when there is none, or it may not appear in a line
 std::size_t characterLength(std::string_view text)
 {
     const gunichar character =
         g_utf8_get_char_validated(text.data(), static_cast<gssize>(text.size()));
-    // Both error values are beyond Unicode. U+0080 to U+009F are control characters to a terminal.
+    // Both error values of GLib are above 0x10ffff. U+0080 to U+009F are control characters to a terminal.
     if (character > 0x10ffff || character < 0xa0)
         return 0;
     return static_cast<std::size_t>(g_unichar_to_utf8(character, nullptr));
@@ -55,7 +55,7 @@ std::size_t characterLength(std::string_view text)
 
 std::size_t Record::room() const
 {
-    // After the first bytes that had no room nothing more is taken: a gap would mislead.
+    // Takes nothing after the first cut: a gap in the middle would mislead the reader.
     return m_cut > 0 ? 0 : m_bytes.size() - kReserve - m_used;
 }
 

@@ -1,5 +1,5 @@
-// log_record.h - one log record while it is written: a buffer of fixed size on the caller's stack.
-// Nothing here allocates or locks, so that a record can be written wherever code runs.
+// log_record.h - one log record under construction: a buffer of fixed size on the caller's stack. It
+// allocates nothing and takes no lock, so that signal handlers may log.
 #pragma once
 
 #include <array>
@@ -8,36 +8,37 @@
 
 namespace logging {
 
-/// How far a hidden text is read to tell its size: what is not shown costs nothing in proportion.
+/// Largest size that is measured of a hidden text, so that a long one costs no time.
 constexpr std::size_t kMeasured = std::size_t{64} * 1024;
 
-/// A whole record, its line break included. As a line it fits into PIPE_BUF: a pipe takes it in one
-/// piece, or not at all.
+/// Size of a whole record with its line break. It is PIPE_BUF: a pipe takes such a write in one piece
+/// or not at all.
 constexpr std::size_t kRecordLimit = 4096;
 
 class Record {
 public:
-    /// Adds text as it stands: what the program itself says.
+    /// Adds text of the program itself, unchanged.
     void trusted(std::string_view text);
-    /// Adds text from elsewhere, with control characters, and bytes that are no UTF-8, escaped.
+    /// Adds text from outside. Control characters and bytes that are no UTF-8 are escaped.
     void escaped(std::string_view text);
-    /// Adds a colour code, which has room even when the text was cut.
+    /// Adds a colour code. It has room even after a cut.
     void colour(std::string_view code);
-    /// Adds what stands for a value that is hidden. @param size more than kMeasured is told as that
+    /// Adds the placeholder of a hidden value.
+    /// @param size above kMeasured the placeholder says "over 65536 bytes"
     void hidden(std::size_t size);
 
-    /// Notes what was cut off, if anything was, and ends the line. Once.
+    /// Adds a note of the cut bytes, if any, and the line break. Call it once.
     void finish();
 
-    /// With the line break. @return what was written so far
+    /// @return the record so far; with its line break after finish()
     std::string_view line() const { return {m_bytes.data(), m_used}; }
-    /// Without the line break.
+    /// @return the finished record without its line break
     std::string_view text() const { return {m_bytes.data(), m_used - 1}; }
 
 private:
-    /// Adds bytes that belong together, or none of them.
+    /// Adds all of the bytes, or none when they have no room.
     void piece(std::string_view bytes);
-    /// Adds as many as there is room for.
+    /// Adds as many of the bytes as have room.
     void run(std::string_view bytes);
     std::size_t room() const;
 

@@ -1,5 +1,5 @@
 // log_sink.cpp - the journal and standard error.
-#define SD_JOURNAL_SUPPRESS_LOCATION  // the location is the writer's, not this file
+#define SD_JOURNAL_SUPPRESS_LOCATION  // the location fields name the caller, not this file
 #include "log_sink.h"
 
 #include <sys/stat.h>
@@ -36,7 +36,7 @@ char letterOf(log_priority priority)
     return '?';
 }
 
-/// The journal's numbers are those of syslog.
+/// Priority as syslog numbers it, which the journal uses.
 int syslogNumberOf(log_priority priority)
 {
     switch (priority) {
@@ -61,7 +61,7 @@ int writeStderr(std::string_view line)
     return static_cast<int>(written);
 }
 
-/// The fields of one journal entry, each a short text beside the message.
+/// The fields of one journal entry beside its message, each a short text.
 class Fields {
 public:
     explicit Fields(std::string_view message)
@@ -126,7 +126,7 @@ Sink detectSink()
     struct stat status {};
     if (stream == nullptr || fstat(STDERR_FILENO, &status) != 0)
         return Sink::Stderr;
-    // Inherited by a program whose standard error was led elsewhere, the variable says nothing.
+    // JOURNAL_STREAM may be inherited while standard error is another file: inode and device decide.
     char expected[64];
     snprintf(expected, sizeof expected, "%ju:%ju", static_cast<uintmax_t>(status.st_dev),
              static_cast<uintmax_t>(status.st_ino));

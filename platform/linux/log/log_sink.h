@@ -1,5 +1,5 @@
-// log_sink.h - where log records go: the journal, when standard error is connected to it, else
-// standard error itself.
+// log_sink.h - destination of log records: the journal when standard error is connected to it, else
+// standard error.
 #pragma once
 
 #include "log_format.h"
@@ -11,14 +11,13 @@ namespace logging {
 
 enum class Sink { Stderr, Journal };
 
-/// The sink that standard error, as it is now, stands for.
+/// @return the sink that belongs to the present standard error
 Sink detectSink();
 
-/// Begins a record in the way that the sink wants it.
+/// Begins a record in the form of the sink.
 void beginRecord(Sink sink, Record& record, log_priority priority, const char* tag);
 
-/// Writes a finished record. Waits while the reader's pipe is full: what is lost there would be
-/// lost for good.
+/// Writes a finished record. Waits while the reader's pipe is full, since a dropped record is lost.
 /// @return the bytes written, or -1
 int writeRecord(Sink sink, const Record& record, log_priority priority, const char* tag,
                 const Parts& parts);

@@ -1,4 +1,4 @@
-// log_steps.cpp - which messages are steps of a call.
+// log_steps.cpp - the messages that are steps of a call.
 #include "log_steps.h"
 
 #include "log_private.h"

@@ -1,4 +1,4 @@
-// log_steps.h - which messages are steps of a call.
+// log_steps.h - the messages that are steps of a call.
 #pragma once
 
 #include <string_view>

@@ -3,9 +3,9 @@
 
 namespace keystore {
 
-/// Sets the variables of [keystore] environment, over those that the process was given. What is
-/// wrong in the settings is left for the first that reads them to log.
-/// Thread: main, before any other exists: another one may read a variable meanwhile.
+/// Sets the variables of [keystore] environment; they replace those that the process has. Faults in
+/// the settings are not logged here but by the first reader of a setting.
+/// Thread: main, before any other thread exists, since setenv() is not safe beside a reader.
 void takeEnvironment();
 
 }  // namespace keystore

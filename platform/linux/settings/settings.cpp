@@ -1,4 +1,4 @@
-// settings.cpp - keeps the settings file's last version, and reads it again when the file changes.
+// settings.cpp - keeps the last version of the settings file and reads a changed file again.
 #include "settings.h"
 
 #include "common/contract.h"
@@ -23,10 +23,10 @@ struct Cache {
     std::string path;
     Contents contents;
     Snapshot values;
-    std::set<Name> missing;  ///< reported as not set, in this version
+    std::set<Name> missing;  ///< already reported as not set in this version
 };
 
-/// Never destroyed: threads may still ask while the process ends.
+/// Never destroyed: another thread may read a setting while the process ends.
 Cache& cache()
 {
     static Cache* const instance = new Cache;
@@ -51,8 +51,8 @@ bool isCurrent(const Cache& cache, const char* path)
            stat(path, &status) == 0 && Stamp::of(status) == cache.contents.stamp;
 }
 
-/// The values of the file as it is now. What is wrong in a new version is logged without the lock:
-/// the log may have to wait for its reader.
+/// The values of the present file. Faults of a new version are logged after the lock is released,
+/// since the log may wait for its reader.
 Snapshot current()
 {
     const char* const path = configuredPath();

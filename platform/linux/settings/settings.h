@@ -1,4 +1,4 @@
-// settings.h - the values of the device's settings file, as they stand at the moment of asking.
+// settings.h - the present values of the device's settings file.
 #pragma once
 
 #include <memory>
@@ -7,12 +7,11 @@
 
 namespace settings {
 
-/// Where the settings are: the file that PLEVO_DEVICE_CONF names, or the device's own.
+/// Path of the settings file: PLEVO_DEVICE_CONF, else the device's own file.
 std::string filePath();
 
-/// Reads one setting. A change of the file is seen at once; what is wrong in it is logged when it
-/// is first seen, once for each version of the file.
-/// @return nullopt when it is not set, empty, refused, or when the file cannot be read
+/// Reads one setting of the present file. Faults in the file are logged once for each version.
+/// @return nullopt when the setting is not set, empty or refused, or the file cannot be read
 /// Thread: any.
 std::optional<std::string> text(const char* group, const char* key);
 
@@ -22,11 +21,13 @@ std::shared_ptr<const std::string> shared(const char* group, const char* key);
 /// The same for a whole number of 32 bits.
 std::optional<int> number(const char* group, const char* key);
 
-/// Is the key there, with a value that was refused, which is logged by now? Thread: any.
+/// True if the key has a value that was refused; the log has a line about it.
+/// Thread: any.
 bool isRefused(const char* group, const char* key);
 
-/// Logs, once for each version of the file, that a setting which is needed now is not set. Silent
-/// when the setting or the whole file was refused, since that has been logged. Thread: any.
+/// Logs that a needed setting is not set, once for each version of the file. Silent when the setting
+/// or the whole file was refused, since the log has that already.
+/// Thread: any.
 void reportMissing(const char* group, const char* key, const char* consequence);
 
 }  // namespace settings

@@ -20,7 +20,7 @@ namespace settings {
 namespace {
 
 constexpr std::size_t kSizeLimit = std::size_t{64} * 1024;
-/// A file that is full of nonsense does not fill the log.
+/// Largest number of faults that are logged of one file.
 constexpr std::size_t kProblemLimit = 20;
 /// No file system keeps times coarser than this. A file changed twice within it may show the same
 /// stamp for both versions.
@@ -59,18 +59,18 @@ std::string cannotBeRead(int error)
            "(PLEVO_DEVICE_CONF names another)";
 }
 
-/// Does GKeyFile take the first so many bytes?
+/// @return null when GKeyFile refuses the first `length` bytes
 KeyFile load(const std::string& bytes, std::size_t length)
 {
     KeyFile file(g_key_file_new());
-    // With translations kept, "key[xx]=" is seen, and reported as unknown, not passed over.
+    // Without this flag GKeyFile would drop "key[xx]=" silently; so it is reported as unknown.
     if (!g_key_file_load_from_data(file.get(), bytes.data(), length, G_KEY_FILE_KEEP_TRANSLATIONS,
                                    nullptr))
         file.reset();
     return file;
 }
 
-/// Number of the first line that GKeyFile does not take. Its own error text would quote the line,
+/// Number of the first line that GKeyFile refuses. GLib's error text is not used: it quotes the line,
 /// which may hold a token.
 std::size_t badLine(const std::string& bytes)
 {
@@ -84,7 +84,7 @@ std::size_t badLine(const std::string& bytes)
     return static_cast<std::size_t>(bad - ends.begin()) + 1;
 }
 
-/// GKeyFile takes the blanks before a value away and leaves those behind it.
+/// Removes blanks behind a value; GKeyFile removes only those before it.
 std::string trimmed(std::string value)
 {
     value.erase(value.find_last_not_of(" \t") + 1);
@@ -99,7 +99,8 @@ std::string_view withoutBlanks(std::string_view text)
     return text.substr(first, text.find_last_not_of(" \t\r") - first + 1);
 }
 
-/// Number of the last line with this group, or with this key in it. @param key empty: the group's
+/// Number of the last line with this group, or with this key in it.
+/// @param key empty: the group's
 std::size_t lineOf(std::string_view bytes, std::string_view group, std::string_view key)
 {
     bool inside = false;
@@ -157,7 +158,7 @@ public:
     }
 
 private:
-    /// The line itself may be a part of a token that somebody has wrapped, so it is not shown.
+    /// The line itself is not shown: it may be the second half of a token that was wrapped.
     void unknown(std::size_t line, const std::string& what)
     {
         problem("line " + std::to_string(line) + " is not a known " + what + " and is ignored");
@@ -206,7 +207,7 @@ bool Contents::sameAs(const Contents& other) const
 Contents readFile(const std::string& path)
 {
     Contents contents;
-    // Not blocking: somebody may have put a FIFO there.
+    // O_NONBLOCK: opening a FIFO would wait for its writer.
     const Descriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
     struct stat status {};
     if (file.fd < 0 || fstat(file.fd, &status) != 0) {
@@ -230,7 +231,7 @@ Contents readFile(const std::string& path)
 Values parse(const std::string& path, const Contents& contents)
 {
     Values values;
-    // A NUL would end the value silently; as another control byte it is refused by its key.
+    // A NUL would cut the value silently. Another control byte makes the key's check refuse it.
     std::string bytes = contents.bytes;
     std::replace(bytes.begin(), bytes.end(), '\0', '\1');
     Parser parser(path, bytes, values);

@@ -1,4 +1,4 @@
-// settings_file.h - one version of the settings file: its bytes, its values, what is wrong in it.
+// settings_file.h - one version of the settings file: its bytes, its values, its faults.
 #pragma once
 
 #include <sys/stat.h>
@@ -16,14 +16,14 @@ namespace settings {
 /// Group and key.
 using Name = std::pair<std::string, std::string>;
 
-/// Finds a name by texts that nobody has made strings of.
+/// Compares names without a copy of their texts.
 struct ByName {
     using is_transparent = void;
     using View = std::pair<std::string_view, std::string_view>;
     bool operator()(const View& a, const View& b) const { return a < b; }
 };
 
-/// What tells one version of a file from the next without reading it.
+/// Identifies a version of a file without reading it.
 struct Stamp {
     dev_t device = 0;
     ino_t inode = 0;
@@ -35,21 +35,21 @@ struct Stamp {
     bool operator==(const Stamp& other) const;
 };
 
-/// A file as it was read.
+/// Content of a file.
 struct Contents {
     std::string bytes;
-    std::string problem;  ///< why there are no bytes; empty when there are
+    std::string problem;  ///< reason why there are no bytes; else empty
     Stamp stamp;
     mode_t mode = 0;
-    bool settled = false;  ///< the next change is certain to change the stamp
+    bool settled = false;  ///< a later change will change the stamp
 
     bool sameAs(const Contents& other) const;
 };
 
-/// Reads a file of at most 64 KiB. Never blocks on what is no regular file.
+/// Reads a file of at most 64 KiB. Never blocks, whatever kind of file it is.
 Contents readFile(const std::string& path);
 
-/// What a file says.
+/// Settings of a file.
 struct Values {
     bool usable = false;  ///< the file could be read and parsed
     std::map<Name, std::string, ByName> texts;
@@ -57,7 +57,7 @@ struct Values {
     std::vector<std::string> problems;  ///< one line each; they name keys, never values
 };
 
-/// Takes a file apart and checks it against the known settings.
+/// Parses a file and checks it against the known settings.
 Values parse(const std::string& path, const Contents& contents);
 
 }  // namespace settings

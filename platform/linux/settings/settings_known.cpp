@@ -1,4 +1,4 @@
-// settings_known.cpp - the settings that exist, and what their values must look like.
+// settings_known.cpp - the known settings and the rules for their values.
 #include "settings_known.h"
 
 #include "common/contract.h"
@@ -48,7 +48,7 @@ constexpr Known kKnown[] = {
 
 constexpr std::string_view kErrorPrefix = "error:";
 
-/// The faults that are peculiar to a kind.
+/// Faults that only one kind of setting has.
 std::string_view faultOfKind(Kind kind, std::string_view value)
 {
     switch (kind) {

@@ -1,4 +1,4 @@
-// settings_known.h - the settings that exist, and what their values must look like.
+// settings_known.h - the known settings and the rules for their values.
 #pragma once
 
 #include <optional>
@@ -21,26 +21,28 @@ enum class Kind {
     Variables,   ///< see variables()
 };
 
-/// @return nullopt when there is no such setting
+/// @return nullopt for an unknown setting
 std::optional<Kind> kindOf(std::string_view group, std::string_view key);
 
 bool isKnownGroup(std::string_view group);
 
-/// What is wrong with the value, to be read behind "[group] key "; empty when nothing is.
+/// The fault of a value, as a continuation of "[group] key ".
+/// @return empty for a good value
 std::string_view faultIn(Kind kind, std::string_view value);
 
-/// What the network setting says.
+/// Meaning of [network] default_gateway.
 struct GatewayRule {
     enum class Source { Kernel, Fixed, Failure } source = Source::Kernel;
     bool exists = false;  ///< for Fixed
     int code = 0;         ///< for Failure, positive
 };
 
-/// Reads "auto", "up", "down" or "error:<code>". @return nullopt when it is none of them
+/// Reads "auto", "up", "down" or "error:<code>".
+/// @return nullopt for any other text
 std::optional<GatewayRule> gatewayRule(std::string_view value);
 
-/// Reads environment variables of key stores' modules, "NAME=value" with blanks between, into names
-/// and values. @return nullopt when one is of another form or name
+/// Reads environment variables of PKCS#11 modules: "NAME=value", separated by blanks.
+/// @return names and values; nullopt when one has another form or a name that modules do not read
 std::optional<std::vector<std::pair<std::string, std::string>>> variables(std::string_view value);
 
 }  // namespace settings
