@@ -1,4 +1,4 @@
-// certificates.cpp - certificates, requests and keys as the tool makes and reads them.
+// certificates.cpp - makes and reads certificates, requests and keys.
 #include "certificates.h"
 
 #include "files.h"
@@ -39,7 +39,7 @@ Bio memory()
     return bio;
 }
 
-/// @return the bytes that were written to the memory
+/// @return the bytes that were written to the BIO
 template <typename Bytes>
 Bytes contentOf(const Bio& bio)
 {
@@ -55,7 +55,7 @@ Bio over(const secret::Bytes& bytes)
     return bio;
 }
 
-/// No passphrase is asked for.
+/// Refuses encrypted keys without asking for a passphrase.
 int noPassphrase(char*, int, int, void*)
 {
     return -1;
@@ -89,7 +89,7 @@ Certificate blank(EVP_PKEY* key, const std::string& name, int days)
                           BN_rand(serial, kSerialBits, BN_RAND_TOP_ONE, BN_RAND_BOTTOM_ANY) == 1 &&
                           BN_to_ASN1_INTEGER(serial, X509_get_serialNumber(made.get())) != nullptr;
     BN_free(serial);
-    // From yesterday on: the clock of a device may be behind.
+    // Valid from yesterday on, since a device's clock may be behind.
     check(numbered && X509_set_version(made.get(), kVersion3) == 1 &&
               X509_time_adj_ex(X509_getm_notBefore(made.get()), -1, 0, nullptr) != nullptr &&
               X509_time_adj_ex(X509_getm_notAfter(made.get()), days, 0, nullptr) != nullptr &&

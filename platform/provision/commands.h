@@ -1,4 +1,4 @@
-// commands.h - what the tool does, command by command.
+// commands.h - the commands of the tool.
 #pragma once
 
 #include "common/places.h"
@@ -10,7 +10,7 @@ namespace provision {
 
 struct LabOptions {
     std::string folder;
-    std::string module;  ///< of the software token; empty: where distributions put it
+    std::string module;  ///< software token; empty: look in the usual places
     std::vector<std::string> hosts = {"localhost", "127.0.0.1"};
     std::string productionHost = "localhost:8443";
     std::string sandboxHost = "localhost:8444";
@@ -28,9 +28,9 @@ struct PinOptions {
 
 struct RequestOptions {
     std::string out = "-";
-    std::string name;         ///< empty: the device's own, see request()
-    bool existing = false;    ///< for the key that is there; no key is made
-    bool mayDecrypt = false;  ///< the key need not be for signing alone
+    std::string name;         ///< empty: chosen by request()
+    bool existing = false;    ///< use the present key and make none
+    bool mayDecrypt = false;  ///< allow a key with more rights than signing
     bool force = false;
 };
 
@@ -51,30 +51,30 @@ struct ImportOptions {
     std::string certificate;
 };
 
-// Each throws Stop or secure::Error. All but the first act on the device whose settings file
+// Each function throws Stop or secure::Error. All but lab() work on the device whose settings file
 // PLEVO_DEVICE_CONF names.
 
-/// Makes a whole device of its own in a folder, for laboratories and demonstrations.
+/// Makes a complete device in a folder, for laboratories and demonstrations.
 void lab(const LabOptions& options);
-/// Makes the device's token: label, security officer's PIN, user's PIN.
+/// Initialises the device's token: label, security officer's PIN, user's PIN.
 void token(const TokenOptions& options);
-/// Gives the token another PIN, and the PIN file with it.
+/// Changes the PIN of the token and of the PIN file.
 void pin(const PinOptions& options);
-/// Makes the device's key inside its token, and a certificate request for it. Without a name it asks
-/// for that of the certificate that is installed, and without one for a name made of the key.
+/// Makes the device's key inside its token, and a certificate request for it. Common name: the given
+/// one, else that of the installed certificate, else one derived from the key.
 void request(const RequestOptions& options);
-/// Puts the device's certificate in its place, after a check that it is for the key.
+/// Installs the device's certificate after checking that it belongs to the key.
 void install(const InstallOptions& options);
-/// Seals a private key for the device, for a token that cannot make one.
+/// Seals a private key for a device whose token cannot make one.
 void seal(const SealOptions& options);
 
-/// Puts the sealed private key into the token, and removes the two files that give it.
+/// Imports the sealed private key into the token and removes the two files that can open it.
 void import(const ImportOptions& options);
 
 /// Prints token, keys and certificate, and whether they belong together.
 void status();
 
-/// A line for the person who waits, on standard error.
+/// Writes a line of progress to standard error.
 void tell(const std::string& line);
 
 }  // namespace provision

@@ -45,7 +45,7 @@ bool areSame(const rawrsa::PublicKey& a, const rawrsa::PublicKey& b)
     return a.modulus == b.modulus && a.exponent == b.exponent;
 }
 
-/// @return empty when there is no certificate that can be read, or no name that a request can have
+/// @return empty without a readable certificate, or when its name does not fit a request
 std::string installedName()
 {
     constexpr std::size_t kNameLimit = 64;
@@ -59,7 +59,8 @@ std::string installedName()
     }
 }
 
-/// A name that no other device asks for, and that stays when the device gets another key.
+/// A common name that is unique to the device. A name of an installed certificate is kept, so a new
+/// key does not change it.
 std::string nameFor(const rawrsa::PublicKey& key)
 {
     if (std::string name = installedName(); !name.empty())
@@ -72,7 +73,7 @@ std::string nameFor(const rawrsa::PublicKey& key)
     return "billing device " + hex(std::string(digest, digest + kShownBytes));
 }
 
-/// The service sends the device's certificate alone.
+/// Warns when the file holds a chain: the service sends the first certificate only.
 void warnOfChain(const std::vector<Certificate>& certificates, const std::string& path)
 {
     if (certificates.size() > 1)
@@ -123,7 +124,7 @@ std::string neededPath(const char* group, const char* key)
     return *path;
 }
 
-/// The secret that seals, made when the device has none.
+/// Reads the secret that seals; makes it when the device has none.
 secret::Bytes sealKey()
 {
     const std::string path = neededPath("keystore", "seal_key");
@@ -136,7 +137,7 @@ secret::Bytes sealKey()
     return keymaterial::readSealKey(path);
 }
 
-/// @return false when the token has this key already
+/// @return false when the token has had this key before
 bool putIntoToken(const keystore::Place& place, std::int32_t id, const rawrsa::PrivateKey& key)
 {
     bool put = false;
@@ -150,7 +151,7 @@ bool putIntoToken(const keystore::Place& place, std::int32_t id, const rawrsa::P
         tokenkeys::import(session, id, key);
         put = true;
     });
-    // A software token has written its files by now, but it need not have waited for the disk.
+    // A software token need not have synced its files; the sealed key is removed after this.
     sync();
     keystore::instance().read(
         place, [&](const pkcs11::Session& session) { tokenkeys::prove(session, id); });
@@ -212,7 +213,7 @@ void install(const InstallOptions& options)
                                       tokenkeys::shownId(id) + " of the token");
     warnOfDates(certificate);
     warnOfChain(certificates, options.certificate);
-    // The link stays: on a read-only file system it leads to where the device may write.
+    // Writes behind a link, which stays: on a read-only file system it leads to a writable place.
     const std::string place = behindLinks(options.to);
     writeFile(place, pemOf(certificate), kPublicMode, options.force);
     tell("Installed " + place +

@@ -1,4 +1,4 @@
-// files.cpp - how the tool reads and writes files.
+// files.cpp - reads and writes files.
 #include "files.h"
 
 #include "common/descriptor.h"
@@ -22,7 +22,7 @@ namespace {
 
 constexpr std::size_t kReadLimit = std::size_t{64} * 1024;
 constexpr const char* kMade = "made";
-/// As many as the kernel follows.
+/// The kernel's own limit of links in a path.
 constexpr int kLinksLimit = 40;
 
 const char* cureOf(int error)
@@ -47,7 +47,7 @@ const char* cureOf(int error)
                                 (strcmp(what, kMade) == 0 ? cureOf(error) : ""));
 }
 
-/// A file beside the one that is to be written, of a name that nobody has. Gone at the end.
+/// Temporary file beside the target, with a random name. The destructor unlinks it.
 struct Temporary {
     explicit Temporary(const std::string& beside) : path(beside + "." + randomHex(8)) {}
     ~Temporary() { unlink(path.c_str()); }
@@ -63,7 +63,8 @@ std::string folderOf(const std::string& path)
     return folder.empty() ? "." : folder;
 }
 
-/// What root replaces stays its owner's: a PIN file that root owns is closed to the service.
+/// Gives the new file the owner of the one that it replaces: the service could not read a PIN file that
+/// root owns.
 bool takesOwner(const Descriptor& file, const std::string& path)
 {
     struct stat status {};
@@ -93,7 +94,7 @@ std::string behindLinks(const std::string& path)
     for (int links = 0; std::filesystem::is_symlink(place, error); links++) {
         if (links == kLinksLimit)
             throw Stop(EXIT_FAILED, path + " is a link to a link without end");
-        // An absolute target takes the place of the folder.
+        // operator/ drops the folder when the target is absolute.
         place = place.parent_path() / std::filesystem::read_symlink(place);
     }
     return place.string();
@@ -114,7 +115,7 @@ void writeFile(const std::string& path, std::string_view bytes, mode_t mode, boo
         if (errno != 0 || fsync(file.fd) != 0)
             fail(path, "written");
     }
-    // A link, unlike a rename, does not replace what somebody has put there meanwhile.
+    // link(), unlike rename(), fails when the file has come into being meanwhile.
     const int result = replace ? rename(temporary.path.c_str(), path.c_str())
                                : link(temporary.path.c_str(), path.c_str());
     if (result != 0 && errno == EEXIST)

@@ -1,5 +1,5 @@
-// lab.cpp - a whole device of its own in a folder: authority, certificates, software token,
-// settings file.
+// lab.cpp - makes a complete device in a folder: authority, certificates, software token, settings
+// file.
 #include "certificates.h"
 #include "commands.h"
 #include "files.h"
@@ -21,10 +21,10 @@ constexpr const char* kLabel = "billing-lab";
 constexpr std::int32_t kKeyId = 7;
 constexpr int kAuthorityDays = 3650;
 constexpr std::size_t kPinBytes = 8;
-/// Of a common name. Clients look at the alternative names alone.
+/// Largest size of a common name. Clients compare the alternative names only.
 constexpr std::size_t kNameLimit = 64;
 
-/// All that a lab has in its folder.
+/// All files of a lab.
 constexpr const char* kNames[] = {"ca.pem",       "ca.key", "server.pem", "server.key",
                                   "bgclient.crt", "pin",    "so-pin",     "softhsm2.conf",
                                   "tokens",       "store",  "seal.key",   "device.conf"};
@@ -67,7 +67,7 @@ public:
         tell("Making a token with a key inside it.");
         makeToken();
         makeCertificates();
-        // Last, so that a folder with it is a whole lab.
+        // Written last: a folder with this file is a complete lab.
         write("device.conf", settings());
     }
 

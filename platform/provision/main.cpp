@@ -37,7 +37,7 @@ struct Options {
     provision::ImportOptions import;
 };
 
-/// What the value must be, as CLI11 wants it.
+/// A CLI11 validator whose message names the wanted form.
 CLI::Validator must(const char* be, bool (*holds)(const std::string& value))
 {
     return {[be, holds](std::string& value) {
@@ -184,7 +184,8 @@ int complain(int code, const char* text)
     return code;
 }
 
-/// What is wrong with a command that there is none of, empty for another mistake.
+/// Message for an unknown command.
+/// @return empty for any other mistake
 std::string unknownCommand(const CLI::App& app)
 {
     const auto words = app.remaining();
@@ -210,9 +211,9 @@ std::string version()
 
 int main(int argc, char** argv)
 {
-    // Keys pass through the memory: no core file, no debugger of the same user.
+    // Keys pass through this memory: forbids core files and debuggers of the same user.
     prctl(PR_SET_DUMPABLE, 0);
-    // For the files that the token's module makes.
+    // Applies to the files that the token's module makes.
     umask(S_IRWXG | S_IRWXO);
     Options options;
     CLI::App app("Gives a device of the billing service its key and its certificate.",
@@ -225,7 +226,7 @@ int main(int argc, char** argv)
            "--conf", [](const std::string& path) { setenv("PLEVO_DEVICE_CONF", path.c_str(), 1); },
            "The device's settings file; else $PLEVO_DEVICE_CONF, else /etc/plevo/device.conf")
         ->trigger_on_parse();
-    // Before the command itself, and after the option that names the settings.
+    // Runs after --conf was read and before the command.
     app.parse_complete_callback(keystore::takeEnvironment);
     describeLab(app, options.lab);
     describeToken(app, options.token);

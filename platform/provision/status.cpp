@@ -1,4 +1,4 @@
-// status.cpp - what the device proves itself with: token, keys, certificate.
+// status.cpp - prints token, keys and certificate of the device.
 #include "certificates.h"
 #include "commands.h"
 #include "common/hex.h"
@@ -38,7 +38,7 @@ std::string kindOf(const pkcs11::Session& session, CK_OBJECT_HANDLE key)
     return modulus ? "RSA with " + std::to_string(modulus->size() * 8) + " bits" : "RSA";
 }
 
-/// Every private key that the token shows.
+/// Prints all private keys that the token shows.
 void printKeys(const pkcs11::Session& session, std::int32_t used)
 {
     pkcs11::Attributes wanted;
@@ -50,7 +50,7 @@ void printKeys(const pkcs11::Session& session, std::int32_t used)
     }
 }
 
-/// The key of [deployment] key_id, proved by a signature.
+/// Reads the key of [deployment] key_id and checks a signature of it.
 /// @return nullopt when there is none
 std::optional<rawrsa::PublicKey> keyInUse(const keystore::Place& place, std::int32_t id)
 {

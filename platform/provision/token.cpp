@@ -1,4 +1,4 @@
-// token.cpp - gives a token its label and its PINs.
+// token.cpp - initialises a token: label and PINs.
 #include "token.h"
 
 #include "commands.h"
@@ -12,7 +12,7 @@ namespace provision {
 
 namespace {
 
-/// The first slot whose token has no label yet.
+/// Finds the first slot with a blank token.
 CK_SLOT_ID blankSlot(const pkcs11::Module& module, const std::string& path)
 {
     for (const CK_SLOT_ID slot : module.slots()) {
@@ -22,7 +22,7 @@ CK_SLOT_ID blankSlot(const pkcs11::Module& module, const std::string& path)
     throw Stop(EXIT_FAILED, path + " has no token that is blank; clear one with its own tool");
 }
 
-/// A session of the security officer. The destructor ends it, and the login with it.
+/// A session of the security officer. The destructor logs out and closes it.
 class OfficerSession {
 public:
     OfficerSession(const pkcs11::Module& module, CK_SLOT_ID slot, secret::Bytes& pin)
@@ -77,7 +77,7 @@ void initialiseToken(const keystore::Place& place, secret::Bytes soPin, secret::
     pkcs11::check(module.calls().C_InitToken(blankSlot(module, place.module), soPin.data(),
                                              soPin.size(), label),
                   "giving a token its label");
-    // The token has another slot now, which the module knows after a new start.
+    // The token has moved to another slot; the module lists it after a restart.
     module.restart();
     const auto slot = module.slotOf(place.token);
     if (!slot)
@@ -104,7 +104,7 @@ void pin(const PinOptions& options)
             const std::string text(after.begin(), after.end());
             writeFile(place.pinFile, text + "\n", kSecretMode, true);
         } catch (const Stop&) {
-            // The file and the token must not differ.
+            // Undoes the change: file and token must have the same PIN.
             session.setPin(after, before);
             throw;
         }

@@ -1,11 +1,11 @@
-// token.h - a token that is given its label and its PINs.
+// token.h - initialises a token: label and PINs.
 #pragma once
 
 #include "keystore/key_store.h"
 
 namespace provision {
 
-/// Gives the first blank token of the module its label, the security officer's PIN and the user's.
+/// Sets label, security officer's PIN and user's PIN of the module's first blank token.
 /// @throw Stop, secure::Error
 void initialiseToken(const keystore::Place& place, secret::Bytes soPin, secret::Bytes pin);
 
