@@ -1,5 +1,5 @@
 // values.cpp - the worked example of a port: a device that keeps each value in a file of one folder,
-// $PLEVO_EXAMPLE_DEVICE or /etc/billing-device. Secure storage and keys are the reference backend's.
+// $PLEVO_EXAMPLE_DEVICE or /etc/billing-device. Secure storage and keys come from platform/keystore.
 #include "common/c_functions.h"
 #include "common/contract.h"
 #include "keystore/configuration.h"
@@ -25,14 +25,16 @@
 
 namespace {
 
-/// Logs what is wrong with a value, by its name alone. @return -1
+/// Logs the fault of a value, by its name only.
+/// @return -1
 int wrong(const char* name, const char* fault)
 {
     __dlog_print(DLOG_ERROR, "BILLING_PLATFORM", "settings: %s %s", name, fault);
     return -1;
 }
 
-/// A file as it is. @return nullopt when there is none
+/// Reads a whole file.
+/// @return nullopt when there is none
 std::optional<std::string> bytesOf(const std::string& name)
 {
     const char* const folder = getenv("PLEVO_EXAMPLE_DEVICE");
@@ -47,7 +49,7 @@ std::optional<std::string> bytesOf(const std::string& name)
 std::optional<std::string> deviceText(const std::string& name)
 {
     auto value = bytesOf(name);
-    // An editor's.
+    // The line break that an editor adds.
     if (value && !value->empty() && value->back() == '\n')
         value->pop_back();
     if (!value || value->empty())
@@ -65,8 +67,8 @@ std::optional<int> numberOf(const std::string& name)
     return value ? contract::wholeNumber(*value) : std::nullopt;
 }
 
-/// Takes the service's colours out, and a line break at the end; what an argument brought in becomes
-/// harmless.
+/// Removes the service's colours and the closing line break, and replaces control characters of
+/// arguments.
 std::string oneLine(const std::string& record)
 {
     std::string line;
@@ -85,7 +87,7 @@ std::string oneLine(const std::string& record)
     return line + "\n";
 }
 
-/// Private values come with the lesser records: only errors are kept, and not even formatted else.
+/// Only errors are written; lesser records hold private values and are not even formatted.
 int print(log_priority prio, const char* tag, const char* format, va_list arguments)
 {
     if (prio < DLOG_ERROR)
@@ -112,8 +114,8 @@ void reportMissing(const char* key, const char* consequence)
 
 }  // namespace
 
-// What the key store asks for is in files of the folder "keystore": module, token, pin_file, the folder of named data (store)
-// and the seal's key.
+// Settings of the key store, each a file of the folder "keystore": module, token, pin_file, store (folder of the named data),
+// seal_key.
 const keystore::Configuration& keystore::configuration()
 {
     static constexpr Configuration kConfiguration{keystoreText, reportMissing};
@@ -129,13 +131,13 @@ int __dlog_print(log_priority prio, const char* tag, const char* format, ...)
     return written;
 }
 
-// An error is printed as it is.
+// Errors are written with their values.
 int log_shows_private(log_priority prio)
 {
     return prio >= DLOG_ERROR ? 1 : 0;
 }
 
-// Its records have no fields.
+// Records of this log have no fields, so the caller is not kept.
 void log_set_caller(const char*) {}
 
 char* vconf_get_str(const char* key)
@@ -195,7 +197,7 @@ int sso_get_login_info(sso_login_info_s* info)
 
 int connection_profile_check_default_gateway(bool* exists)
 {
-    // "up", "down" or the number of an error. A device asks its kernel.
+    // "up", "down" or an error number. A real device asks its kernel.
     return seam::guarded(ENOMEM, [&] {
         const auto state = deviceText("gateway");
         const auto error = numberOf("gateway");
@@ -207,7 +209,7 @@ int connection_profile_check_default_gateway(bool* exists)
 
 bool connection_profile_has_changed(void)
 {
-    // This device never hears of it: idle connections and silent ones are found by their age alone.
+    // This device has no reports of changes: the wrapper finds dead connections by their age only.
     return false;
 }
 

@@ -1,5 +1,5 @@
 // fake_crypto_container.cpp - crypto container of the scriptable backend, and the deployment's
-// share in keys. The sealed key material is whatever text was set: it stands for the device key.
+// share in keys. Any text may be the sealed key material: it stands for the device key.
 #include "fake_state.h"
 
 #include <platform/crypto_container.h>
@@ -22,7 +22,8 @@ Container& of(CryptoCoreContainer* self)
     return *static_cast<Container*>(self);
 }
 
-/// Notes a call. @return the error it is to answer with
+/// Records a call.
+/// @return the error that the call has to return
 int noted(const char* function)
 {
     int failure = 0;

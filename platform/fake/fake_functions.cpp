@@ -19,7 +19,7 @@
 
 namespace {
 
-/// Notes the call and hands out what is to be answered now.
+/// Records the call and returns the present answers.
 fake::Answers answersTo(const std::string& call)
 {
     fake::State& s = fake::state();
@@ -33,8 +33,8 @@ void logWrong(const std::string& name, const char* fault)
     __dlog_print(DLOG_ERROR, "BILLING_PLATFORM", "settings: %s %s", name.c_str(), fault);
 }
 
-/// The text as a reader may have it: nullopt when it is not set, empty or holds a control
-/// character, which is logged by the name of the value.
+/// Checks a text as every backend must. A control character is logged by the name of the value.
+/// @return nullopt when the text is not set, empty or holds a control character
 std::optional<std::string> readable(const std::optional<std::string>& value,
                                     const std::string& name)
 {
@@ -52,7 +52,8 @@ char* heapCopy(const std::optional<std::string>& value)
     return value ? strdup(value->c_str()) : nullptr;
 }
 
-/// Fills *out on success only. @return 0 or -1
+/// Fills *out on success only.
+/// @return 0 or -1
 int give(const std::optional<std::string>& value, char** out)
 {
     if (!value)
@@ -92,7 +93,7 @@ int __dlog_print(log_priority prio, const char* tag, const char* format, ...)
         s.timeline.push_back({fake::Event::LOG, record, {}});
         observer = s.observer;
     }
-    // Without the lock: the observer may ask the platform, or log.
+    // Called without the lock: the observer may call the platform, or log.
     if (observer)
         observer(record);
     return length;
@@ -161,7 +162,7 @@ int sso_get_login_info(sso_login_info_s* info)
     const auto id = readable(answersTo("sso_get_login_info").loginId, "login_id");
     if (!id || id->size() > sizeof info->user_id)
         return -1;
-    // 256 bytes fill the field and leave it unterminated, to try the bound of the reader.
+    // 256 bytes leave no room for the terminator: this tests the bound of the reader.
     memcpy(info->user_id, id->c_str(), std::min(id->size() + 1, sizeof info->user_id));
     return 0;
 }

@@ -1,5 +1,5 @@
-// fake_platform.h - the scriptable backend for unit tests: what the platform answers, what it was
-// asked, what was logged.
+// fake_platform.h - the scriptable backend for unit tests. A test sets the answers, and reads the calls
+// and the log.
 #pragma once
 
 #include <platform/deployment.h>
@@ -18,7 +18,7 @@
 
 namespace fake {
 
-/// One log record, taken apart. The text keeps its colour codes and its trailing line break.
+/// One parsed log record. The text keeps its colour codes and its trailing line break.
 struct LogRecord {
     log_priority ePriority = DLOG_DEBUG;
     std::string strTag;
@@ -27,11 +27,11 @@ struct LogRecord {
     std::string strFunction;
     int iLine = 0;
     std::string strText;
-    std::string strCaller;  ///< on whose behalf; no part of the text
+    std::string strCaller;  ///< bus client that was served; not part of the text
 };
 std::ostream& operator<<(std::ostream& out, const LogRecord& record);
 
-/// One thing that happened: a log record, a call of the platform, or what a test's double noted.
+/// One event: a log record, a call of the platform, or a note of a test's double.
 struct Event {
     enum Kind { LOG, CALL, NOTE };
     Kind kind = NOTE;
@@ -44,7 +44,7 @@ struct SecureCall {
     std::string function;
     ss_credential_s credential{};
     std::string name;
-    std::string data;  ///< what ss_write was given
+    std::string data;  ///< data of ss_write
     std::size_t size = 0;
     int flags = 0;
     std::int32_t keyId = 0;
@@ -66,9 +66,9 @@ public:
     /// "key-material-1", no named data. Log and calls empty, no observer, private values shown.
     void reset();
 
-    // What the platform answers from now on; nullopt makes the read fail. The promises of the
-    // platform headers hold here too: an empty text counts as not set, one that holds a control
-    // character or a host that is not bare is refused.
+    // Answers of the platform from now on; nullopt makes the read fail. The rules of the platform
+    // headers apply: an empty text counts as not set; a control character, or a host that is not bare,
+    // is refused.
     void config(const std::string& key, std::optional<std::string> value);
     void language(std::optional<std::string> value);
     void serverType(std::optional<int> value);
@@ -79,9 +79,9 @@ public:
     void timeZone(std::optional<std::pair<int, int>> utcoffAndDstoff);
     void gateway(bool exists);
     void gatewayFails(int code);
-    /// The network changes, once: the next question hears of it.
+    /// Changes the network once: the next connection_profile_has_changed() returns true.
     void networkChanges();
-    /// What log_shows_private answers; the records are kept as they come all the same.
+    /// Result of log_shows_private. The records keep their private values in any case.
     void logShowsPrivate(bool on);
     void host(deployment_host_e which, std::optional<std::string> value);
 
@@ -90,24 +90,23 @@ public:
     void keyMaterial(std::optional<std::string> sealed);
 
     // Secure storage, key store and crypto container.
-    /// The function answers with this error number, without doing anything, at every call from now;
-    /// 0 lets it work again. Functions: ss_init_credential, ss_read, ss_write, ss_delete,
+    /// Makes every later call of the function return this error number and do nothing; 0 lets it work
+    /// again. Functions: ss_init_credential, ss_read, ss_write, ss_delete,
     /// ss_store_rsa_key, ss_encrypt_by_key, ss_remove_key, create_CryptoCoreContainer,
     /// set_public_key, ae_decrypt, open_key_material, deployment_get_credential,
     /// deployment_get_key_id, deployment_get_key_material.
     void fails(const std::string& function, int error);
-    /// The same for the next call only.
+    /// The same, for the next call only.
     void failsOnce(const std::string& function, int error);
-    /// ss_read answers 0 and hands out no buffer, which no store may.
+    /// ss_read returns 0 without a buffer, against its contract.
     void readGivesNoBuffer(bool on);
-    /// ss_encrypt_by_key answers 0 with a block of so many bytes, its last ones cut off; 256 is
-    /// right.
+    /// ss_encrypt_by_key returns 0 with the first bytes of the block; 256 is the right size.
     void blockSize(std::size_t bytes);
-    /// ss_encrypt_by_key answers 0 with a block that the public key does not take back.
+    /// ss_encrypt_by_key returns 0 with a block that does not verify with the public key.
     void wrongBlock(bool on);
-    /// The id that ss_store_rsa_key hands out, whatever was wanted; nullopt: the one wanted.
+    /// The id that ss_store_rsa_key returns; nullopt: the wanted one.
     void idOfStoredKey(std::optional<std::int32_t> id);
-    /// ae_decrypt answers 0 with a block that has one bit changed.
+    /// ae_decrypt returns 0 with one bit of the block changed.
     void wrongDecryption(bool on);
 
     /// The device's key: a private key of 2048 bits with its public part, as PEM. It is made once
@@ -124,22 +123,21 @@ public:
     void data(const std::string& name, std::optional<std::string> bytes);
     std::optional<std::string> data(const std::string& name) const;
 
-    /// Buffers that were handed out and not released, and containers that were made and not
-    /// destroyed. reset() leaves them.
+    /// Numbers of buffers not yet released and of containers not yet destroyed. reset() keeps them.
     int buffersOut() const;
     int containersOut() const;
     /// Calls of secure storage and key store with their arguments, in order; clearCalls() empties
     /// it.
     std::vector<SecureCall> secureCalls() const;
 
-    /// Called with each record as it is logged, on the thread that logs. Null for none.
+    /// Sets a function that gets each record on the thread that logs it. Null for none.
     void onLog(std::function<void(const LogRecord&)> observer);
 
-    /// Everything that happened, in one order over all threads; clearTimeline() empties it, log()
-    /// and calls() with it.
+    /// All events in one order over all threads. clearTimeline() empties it, together with log() and
+    /// calls().
     std::vector<Event> timeline() const;
     void clearTimeline();
-    /// A test's double puts what it was asked into the timeline.
+    /// Adds a note of a test's double to the timeline.
     void note(std::string what);
 
     std::vector<LogRecord> log() const;
@@ -151,7 +149,7 @@ public:
     void clearCalls();
 };
 
-/// The one platform of the process.
+/// The only platform of the process.
 Platform& platform();
 
 }  // namespace fake

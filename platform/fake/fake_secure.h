@@ -1,4 +1,4 @@
-// fake_secure.h - what the fake's secure storage, key store and crypto container hold and do wrong.
+// fake_secure.h - contents and faults of the fake's secure storage, key store and crypto container.
 #pragma once
 
 #include "common/raw_rsa.h"
@@ -12,7 +12,7 @@
 
 namespace fake {
 
-/// Part of the state, under its lock.
+/// Part of the state; its lock guards this too.
 struct Secure {
     using Key = std::shared_ptr<const rawrsa::PrivateKey>;
 
@@ -20,7 +20,7 @@ struct Secure {
 
     /// Each client has its own names.
     std::map<std::pair<Words, std::string>, std::string> data;
-    /// Null stands for the device key, which is made only when it is used.
+    /// Null means the device key, which is made at its first use.
     std::map<std::int32_t, Key> keys;
 
     std::optional<Words> credential;
@@ -40,18 +40,18 @@ struct Secure {
     int containersOut = 0;
 
     Secure() { reset(); }
-    /// Back to a device that works. Does not forget what is still handed out.
+    /// Restores a working device. Keeps the counts of buffers and containers.
     void reset();
-    /// The error with which the function is to answer now; 0 for none.
+    /// The error that the function has to return now; 0 for none.
     int failureOf(const std::string& function);
-    /// Where the service's own named data are.
+    /// Named data of the service's own client.
     std::pair<Words, std::string> ownName(const std::string& name) const
     {
         return {credential.value_or(Words{}), name};
     }
 };
 
-/// The one device key of the process.
+/// The only device key of the process.
 Secure::Key deviceKey();
 
 }  // namespace fake

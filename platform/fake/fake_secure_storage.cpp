@@ -13,7 +13,8 @@ namespace {
 using fake::Secure;
 using fake::SecureCall;
 
-/// Notes a call with its arguments. @return the lock's holder and the error it is to answer with
+/// Records a call with its arguments.
+/// @return the holder of the lock, and the error that the call has to return
 struct Call {
     std::unique_lock<std::mutex> hold;
     Secure& secure;
@@ -64,7 +65,7 @@ std::pair<Secure::Words, std::string> nameOf(const SecureCall& call)
     return {words, call.name};
 }
 
-/// A buffer that is never null, also for no bytes.
+/// @return never null, also for no bytes
 unsigned char* handOut(Secure& secure, const void* bytes, std::size_t size)
 {
     auto* const buffer = static_cast<unsigned char*>(malloc(size + 1));

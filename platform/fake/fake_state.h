@@ -1,4 +1,4 @@
-// fake_state.h - what the setters write and the platform functions read.
+// fake_state.h - the state that the setters write and the platform functions read.
 #pragma once
 
 #include "fake_platform.h"
@@ -11,7 +11,7 @@
 
 namespace fake {
 
-/// What the platform answers.
+/// Answers of the platform.
 struct Answers {
     std::map<std::string, std::string> config;
     std::optional<std::string> language;
@@ -26,7 +26,7 @@ struct Answers {
     std::optional<std::string> hosts[2];
 };
 
-/// The state of the one platform: take the lock for everything in it.
+/// State of the platform. The lock guards all of it.
 struct State {
     std::mutex lock;
     Answers answers;
@@ -35,14 +35,14 @@ struct State {
     std::function<void(const LogRecord&)> observer;
     Secure secure;
 
-    /// Puts a call or a note into the timeline.
+    /// Adds a call or a note to the timeline.
     void happened(Event::Kind kind, std::string what)
     {
         timeline.push_back({kind, {}, std::move(what)});
     }
 };
 
-/// Made at the first use and never destroyed: threads may still log while the process ends.
+/// Made at the first use and never destroyed: another thread may log while the process ends.
 State& state();
 
 template <typename Change>
@@ -53,7 +53,7 @@ void change(Change what)
     what(s);
 }
 
-/// Takes a formatted message apart.
+/// Parses a formatted message.
 LogRecord parseRecord(log_priority priority, const char* tag, std::string message);
 
 }  // namespace fake

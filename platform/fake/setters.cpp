@@ -9,7 +9,7 @@ namespace fake {
 
 namespace {
 
-/// A device that works; the values stand in fake_platform.h too.
+/// A working device; fake_platform.h documents the values.
 Answers workingDevice()
 {
     Answers answers;
