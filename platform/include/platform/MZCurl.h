@@ -1,11 +1,13 @@
 // platform/include/platform/MZCurl.h - HTTP transfers: one easy handle a transfer, one multi handle
 // that runs many.
 //
-// One implementation serves every backend (platform/curl, on libcurl). It carries what makes the
-// transfers safe: trust comes from the named CA file alone, nothing in the environment steers a
-// transfer, a POST or DELETE has a connection of its own and is never sent twice, a GET that is lost
-// with its connection is sent once more, no server can fill the memory, a header can not smuggle in
-// another one, and handles may be added from any thread.
+// One implementation serves every backend (platform/curl, on libcurl). It makes transfers safe:
+// - trust comes from the named CA file alone; no environment variable has an effect
+// - a POST or DELETE has a connection of its own and is never sent twice
+// - a GET that is lost with its connection is sent once more
+// - the memory for answers has a bound
+// - a header that holds a line break is refused
+// - handles may be added from any thread
 #pragma once
 
 #include <cstddef>
@@ -47,18 +49,18 @@ enum MZCURL_INFO_TYPE {
     MZCURL_INFO_PRIVATE = 39,  ///< void*: what MZCURL_OPT_PRIVATE set
 };
 
-/// Takes size * nmemb bytes of the body. @return the bytes taken; another number ends the transfer
-/// as a failure. What it throws ends the transfer likewise. Thread: the one that performs the
-/// transfer.
+/// Takes size * nmemb bytes of the body.
+/// @return the bytes taken; another number, or an exception, ends the transfer as a failure
+/// Thread: the one that performs the transfer.
 using WriteCallback = unsigned int (*)(char* ptr, unsigned int size, unsigned int nmemb,
                                        void* userdata);
 
 /// Prepares the TLS context of a new connection, an SSL_CTX: installs the client's certificate and
-/// key. Where both are there when it returns, the connection is TLS 1.2 at most and the client signs
-/// with PKCS#1 padding: the one form that a key store which pads by itself can give. Where one is
-/// missing the connection carries this transfer alone and its session is not kept, so that no later
-/// transfer is anonymous because this one was. It reports nothing, and what it throws goes nowhere
-/// further. Thread: the one that performs the transfer.
+/// key. With both installed the connection is TLS 1.2 at most and the client signs with PKCS#1
+/// padding, the only form that a key store with padding of its own can give. Without one of them the
+/// connection serves this transfer only and its session is not kept, so that no later transfer is
+/// anonymous. There is no result; an exception is dropped.
+/// Thread: the one that performs the transfer.
 using SslContextCallback = void (*)(void* sslctx, void* aux);
 
 /// One transfer. Thread: one at a time; between addHandle and removeHandle it belongs to the multi
@@ -70,12 +72,13 @@ public:
     MZCurlEasy(const MZCurlEasy&) = delete;
     MZCurlEasy& operator=(const MZCurlEasy&) = delete;
 
-    /// Makes the handle usable. @return false when there is no memory, or when it was done before.
+    /// Makes the handle usable.
+    /// @return false without memory, or when it was done before
     bool Initialize();
 
-    /// Sets an option. @return false, with getLastError() saying why, when the handle is not
-    /// initialised, the option does not take that type of value, or the value is refused. Texts and
-    /// lists are copied, but for MZCURL_OPT_POSTFIELDS.
+    /// Sets an option. Texts and lists are copied, except MZCURL_OPT_POSTFIELDS.
+    /// @return false when the handle is not initialised, the option does not take that type, or the
+    ///   value is refused; getLastError() has the reason
     bool setOption(MZCURL_OPTION_TYPE eOption, int iValue);
     bool setOption(MZCURL_OPTION_TYPE eOption, long lValue);
     bool setOption(MZCURL_OPTION_TYPE eOption, long long llValue);
@@ -85,8 +88,8 @@ public:
     bool setOption(MZCURL_OPTION_TYPE eOption, SslContextCallback pfnValue);
     bool setOption(MZCURL_OPTION_TYPE eOption, void* pValue);
 
-    /// Reads a pointer that belongs to the transfer. @return false, *ppOut untouched, when there is
-    /// none to read.
+    /// Reads a pointer that belongs to the transfer.
+    /// @return false when there is none; *ppOut is untouched then
     bool getInfo(MZCURL_INFO_TYPE eInfo, void** ppOut);
 
     /// Text of the last error of an option or of send(); empty when there was none.
@@ -96,7 +99,7 @@ public:
     /// @return true when it completed, with whatever HTTP status
     bool send();
 
-    /// Forgets every option; the handle stays initialised. Not while a multi handle has it.
+    /// Removes all options; the handle stays initialised. Precondition: no multi handle has it.
     void reset();
 
 private:
@@ -107,11 +110,10 @@ private:
 
 /// Runs many transfers on one worker thread.
 ///
-/// Who may call what: addHandle() and Stop() any thread; everything else the worker, once Start()
-/// has been called on it. The multi handle never owns an easy handle. An accepted handle is counted
-/// as running from addHandle() to removeHandle(), whether it is waiting, transferring or finished:
-/// so the loop "while running > 0" ends only when each one has been taken out, whatever the order
-/// in which the threads do their part.
+/// Thread: any for addHandle() and Stop(); the worker, which has called Start(), for all others.
+/// The multi handle never owns an easy handle. An accepted handle counts as running from addHandle()
+/// to removeHandle(), whether it waits, transfers or is finished. The loop "while running > 0"
+/// therefore ends only when all handles were removed, in whatever order the threads run.
 class MZCurlMulti {
 public:
     /// One finished transfer.
@@ -119,7 +121,7 @@ public:
         MZCurlEasy* pEasyHandle = nullptr;  ///< null: no message left
         bool bSuccess = false;              ///< the transfer ended with result code 0
         int iResult = 0;                    ///< result code, a CURLcode
-        std::string strError;  ///< its text, of this very transfer where libcurl has one
+        std::string strError;  ///< its text; libcurl's text for this transfer where there is one
     };
 
     MZCurlMulti();
@@ -127,51 +129,50 @@ public:
     MZCurlMulti(const MZCurlMulti&) = delete;
     MZCurlMulti& operator=(const MZCurlMulti&) = delete;
 
-    /// Makes the handle usable. First call of the process: on the main thread, before any other
-    /// thread uses TLS.
-    /// @return false when there is no memory; may be tried again. True, and nothing done, when it
-    ///   was done before.
+    /// Makes the handle usable. The first call of the process comes on the main thread, before any
+    /// other thread uses TLS. A further call does nothing.
+    /// @return false without memory; the call may be repeated
     bool Initialize();
 
-    /// The calling thread is the worker from now on, and handles are accepted. May come before
-    /// Initialize(): the handle then works as soon as that has succeeded.
+    /// Makes the calling thread the worker and accepts handles from now on. It may come before
+    /// Initialize(); transfers start after that has succeeded.
     void Start();
 
-    /// Ends it: a wait under way comes back at once, nothing is handed out any more, the running
-    /// count reads 0, and no handle is accepted until the next Start(). Transfers under way are
-    /// neither completed nor freed.
+    /// Ends the work: a wait under way returns at once, InfoRead() has no messages, the running count
+    /// is 0, and no handle is accepted until the next Start(). Transfers under way are neither
+    /// completed nor freed.
     void Stop();
 
-    /// Hands a transfer over. It starts when the worker gets to it; a failure to start is a failed
-    /// completion.
-    /// @return false when not started, stopped, the handle is null, not initialised or has been
-    ///   added before, or when there are too many transfers of its sender or to its path (16,384 of all, 10,922 and 13,107)
+    /// Queues a transfer, which the worker starts. A failure to start is a failed completion.
+    /// @return false when not started or stopped; when the handle is null, not initialised or already
+    ///   added; or when too many transfers wait: 16,384 in all, 10,922 of a sender, 13,107 to a path
     bool addHandle(MZCurlEasy* pEasy);
 
-    /// Names the sender on whose behalf the calling thread adds handles from now on; null: nobody's. No sender, and no path
-    /// of a server, takes all of the slots from the others: what is over its share waits for its turn, for 20 s at most,
-    /// and ends then as a failure with nothing sent. Thread: any.
+    /// Names the sender of the handles that the calling thread adds from now on; null for none. Slots
+    /// are shared among senders and among paths. A transfer over its share waits for at most 20 s and
+    /// then fails with nothing sent.
+    /// Thread: any.
     static void SetSender(const char* pszSender);
 
-    /// Takes a handle out, in whatever state it is. @return false when it is null or was not added
+    /// Removes a handle in any state.
+    /// @return false when it is null or was not added
     bool removeHandle(MZCurlEasy* pEasy);
 
-    /// Takes over what has been added and counts. No network work is done here.
+    /// Adopts the added handles and counts. Does no network work.
     /// @param[out] iRunning handles added and not yet removed; 0 once stopped
     bool Perform(int& iRunning);
 
-    /// Waits until there is something to do, and does it. Comes back at once when nothing is
-    /// running.
-    /// @param[out] iRunning as above
-    /// @return false when libcurl refused, iRunning being set all the same
+    /// Waits for work and does it. Returns at once when nothing is running.
+    /// @param[out] iRunning as for Perform(), set in any case
+    /// @return false when libcurl has failed
     bool fdSelect(int& iRunning);
 
-    /// Reads the next finished transfer. Each one is handed out once per fdSelect() until it is
-    /// removed: a reader that was not ready for it gets it again.
+    /// Reads the next finished transfer. Each one is returned once per fdSelect() until it is removed,
+    /// so a reader that does not know it yet gets it again.
     /// @return false when not initialised; true also when no message is left
     bool InfoRead(MultiMsg& tMsg);
 
-    /// Releases what the TLS library holds for the calling thread: a worker calls it last.
+    /// Frees the TLS library's data of the calling thread. It is the last call of a worker.
     static void ThreadEnd();
 
 private:
@@ -179,10 +180,11 @@ private:
     std::unique_ptr<Impl> m_pImpl;
 };
 
-/// Counts a body that has left the multi handle and is still in memory. A large answer is received only while few large
-/// bodies are counted (quotas.h). Thread: any; a body is to be counted by the worker, before its next fdSelect().
+/// Counts a body that has left the multi handle and is still in memory. Large answers are received only while few large
+/// bodies are counted (quotas.h).
 /// @param uBytes its size
-/// @return what counts it, until its last copy is gone; null for a body that is not large, and without memory
+/// @return a token: the body counts until the last copy is destroyed; null for a small body, or without memory
+/// Thread: any. The worker calls it before its next fdSelect().
 std::shared_ptr<void> CountBody(std::size_t uBytes) noexcept;
 
 }  // namespace MZCurl

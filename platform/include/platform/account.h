@@ -4,11 +4,11 @@
 extern "C" {
 #endif
 
-/// What the sign-on service tells about the signed-in account: 1408 bytes, of which this system
-/// uses one field.
+/// Record of the sign-on service about the signed-in account: 1408 bytes, of which this system uses
+/// one field.
 typedef struct {
     char reserved1[256];
-    char user_id[256];  ///< NUL-terminated, at byte 256; a reader stops at 256 bytes all the same
+    char user_id[256];  ///< NUL-terminated; a reader stops at 256 bytes in any case
     char reserved2[896];
 } sso_login_info_s;
 
@@ -22,8 +22,8 @@ int sso_get_guid(char** out);
 int sso_get_auth_token(char** out);
 
 /// Reads the login information.
-/// @param[in,out] info zero-filled by the caller, on which nobody should rely; its user_id is set,
-///   terminator included, on success only; not null
+/// @param[in,out] info not null; the service passes it zero-filled, but a platform must not rely on
+///   that. user_id with its terminator is set on success only
 /// @return 0, or another number when nobody is signed in, or the id is longer than 255 bytes or
 ///   holds a control character
 /// Thread: any.

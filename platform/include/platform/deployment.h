@@ -1,4 +1,4 @@
-// platform/include/platform/deployment.h - what the integrator decides for a whole fleet.
+// platform/include/platform/deployment.h - settings of the integrator for a whole fleet.
 #pragma once
 #include <stddef.h>
 #include <stdint.h>
@@ -19,7 +19,7 @@ typedef enum {
 /// Thread: any.
 char* deployment_get_host(deployment_host_e which);
 
-/// Reads the identity that the service has towards secure storage and key store.
+/// Reads the identity under which the service uses secure storage and key store.
 /// @param[out] words set on success only; not null
 /// @return 0, or another number when it is not set or not five 32-bit numbers, which the platform
 ///   has logged
@@ -32,7 +32,7 @@ int deployment_get_credential(uint32_t words[5]);
 /// Thread: any.
 int deployment_get_key_id(int32_t* key_id);
 
-/// Reads the sealed key material, for devices whose key is stored at the first start.
+/// Reads the sealed key material of devices whose key is imported at the first start.
 /// @param[out] sealed on success a heap copy that the caller frees with free(); not null
 /// @param[out] size its bytes
 /// @return 0, or another number when there is none (then the key was made inside the store) or it

@@ -4,7 +4,7 @@
 extern "C" {
 #endif
 
-/// How much a message matters, least first.
+/// Priority of a message, lowest first.
 typedef enum {
     DLOG_DEBUG = 3,
     DLOG_INFO = 4,
@@ -17,27 +17,26 @@ typedef enum {
 ///   is formatted
 /// @param tag short name of the writing program; not null
 /// @param format printf format; not null. Colour codes ("\e[0;31m", "\e[0;33m", "\e[0;m") are
-///   allowed in the format; control characters that come in through an argument are escaped by the
-///   platform. One line break at the end of the text, before a closing colour code too, is allowed
-///   and is not part of the record. Null for a "%s" prints "(null)". Private values (tokens, ids,
-///   bodies) are passed as they are: hiding them is the platform's part.
+///   allowed in the format. The platform escapes control characters of arguments. One line break at
+///   the end of the text, also before a closing colour code, is allowed and is not part of the
+///   record. Null for a "%s" prints "(null)". Private values (tokens, ids, bodies) are passed in
+///   clear: the platform hides them.
 /// @return the number of bytes written, 0 when the record was dropped, -1 when it could not be
 ///   written
 /// Thread: any. Does not block on the reader of the log longer than one write.
 int __dlog_print(log_priority prio, const char* tag, const char* format, ...)
     __attribute__((format(printf, 3, 4)));
 
-/// Says whether a record of that priority would show its private values: where it would not, no text
-/// need be made for them.
+/// Tells whether a record of that priority would show private values. If not, the caller need not
+/// format them.
 /// @return 1, or 0 when the record would be dropped or its private values hidden
 /// Thread: any
 int log_shows_private(log_priority prio);
 
-/// Says on whose behalf the calling thread logs from now on, for a log whose records have fields
-/// beside their text. Where there is none, nothing need be done.
-/// @param name the unique name of a bus client, at most 255 bytes as the bus has it; copied. Null
-///   or empty: nobody's
-/// Thread: any; counts for the calling thread alone.
+/// Sets the bus client that the calling thread serves from now on, for logs whose records have
+/// fields. Other logs do nothing here.
+/// @param name unique name of the client, at most 255 bytes; copied. Null or empty for none
+/// Thread: any; it applies to the calling thread only.
 void log_set_caller(const char* name);
 
 #ifdef __cplusplus

@@ -1,4 +1,4 @@
-// platform/include/platform/network.h - is there a way out of the device, and is it still the same?
+// platform/include/platform/network.h - default route of the device, and changes of its network.
 #pragma once
 #include <stdbool.h>
 #ifdef __cplusplus
@@ -11,12 +11,12 @@ extern "C" {
 /// Thread: any. Does not block on the network.
 int connection_profile_check_default_gateway(bool* exists);
 
-/// Tells whether the way out of the device may have changed since the last call: a default route or an address has come or
-/// gone. Connections made before may be dead without a sign of it, and are not used for new requests after a change.
-/// The first call begins to watch.
-/// @return true after a change, also after one that cannot be told from others; false without one, at the first call, and
-///   on a platform that does not know
-/// Thread: one at a time. Called before each request, so it takes a microsecond at most, and never blocks.
+/// Tells whether the network may have changed since the last call: a default route, an address or a link was added or
+/// removed. Older connections may be dead without a sign, and new requests do not use them after a change.
+/// The first call starts the watch.
+/// @return true after a change, or when one cannot be excluded; false without one, at the first call, and on a platform
+///   without reports
+/// Thread: one at a time. Called before each request: it must take a microsecond at most and never block.
 bool connection_profile_has_changed(void);
 
 #ifdef __cplusplus

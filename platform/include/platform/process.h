@@ -1,27 +1,26 @@
 // platform/include/platform/process.h - start-up, and the main loop that carries both Ecore and
 // GLib.
 //
-// A backend fills this in with code that is linked into the executable itself, beside the shared
-// library of the other platform functions. It also steps in front of ecore_init(),
-// ecore_main_loop_begin() and ecore_main_loop_quit() where the platform's own versions would lose a
-// signal, dispatch after the end, or leave GLib's default context unserved.
+// The code behind this header is linked into the executable itself; the other platform functions are
+// in a shared library. It also replaces ecore_init(), ecore_main_loop_begin() and
+// ecore_main_loop_quit() where the platform's own versions would lose a signal, dispatch after the
+// end, or not run GLib's default context.
 #pragma once
 #ifdef __cplusplus
 extern "C" {
 #endif
 
-/// Makes the process fit to run: call it once, first in main, before any thread exists and any
-/// library is used. Afterwards
-/// - SIGTERM arrives on the main thread only, and only while ecore_main_loop_begin() waits, holding
-///   nothing: the handler may lock, free and join. A SIGTERM that comes earlier stays pending until
-///   then; none is lost.
+/// Prepares the process. It is the first call of main, once, before any thread exists and any library
+/// is used. Afterwards
+/// - SIGTERM arrives on the main thread only, and only while ecore_main_loop_begin() waits without a
+///   lock: the handler may lock, free and join. An earlier SIGTERM stays pending; none is lost.
 /// - SIGPIPE is ignored from ecore_init() on; every other signal keeps its disposition.
-/// - after ecore_main_loop_quit() nothing more is dispatched, by Ecore or by GLib.
-/// - GLib's default main context is run by ecore_main_loop_begin() and by nobody else.
-/// - as many descriptors may be open as the system lets the process have
-/// - a thread that is made without a stack size gets a small one
+/// - after ecore_main_loop_quit() neither Ecore nor GLib dispatches anything.
+/// - only ecore_main_loop_begin() runs GLib's default main context.
+/// - the soft limit of descriptors is the hard one.
+/// - a thread that asks for no stack size gets a small stack.
 /// - environment variables that steer libraries (proxies, key logs, trust, engine configuration)
-///   are gone.
+///   are unset.
 /// Thread: main.
 void platform_process_start(void);
 

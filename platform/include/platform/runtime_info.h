@@ -1,11 +1,11 @@
-// platform/include/platform/runtime_info.h - what the user set and may change while the device
-// runs.
+// platform/include/platform/runtime_info.h - settings of the user, who may change them while the
+// device runs.
 #pragma once
 #ifdef __cplusplus
 extern "C" {
 #endif
 
-/// The number of a value. A platform with numbers of its own gives them here.
+/// Numbers of the values. A platform with other numbers changes them here.
 typedef enum {
     RUNTIME_INFO_KEY_LANGUAGE =
         0,  ///< language of the menus, as a locale name such as "en_US.utf8"

@@ -1,5 +1,5 @@
-// platform/include/platform/secure_storage.h - named data that is kept sealed, and the keys that
-// never leave the store.
+// platform/include/platform/secure_storage.h - sealed named data, and keys that never leave the key
+// store.
 #pragma once
 #include <stddef.h>
 #include <stdint.h>
@@ -7,39 +7,43 @@
 extern "C" {
 #endif
 
-/// Who asks: the identity of a client. Filled by ss_init_credential, passed to every call, copied
-/// freely. Named data belong to the client that wrote them: another one has names of its own. Keys
-/// belong to the device, for any client of the process.
+/// Identity of a client. ss_init_credential fills it; every call takes it; it may be copied. Each
+/// client has its own named data, also under equal names. Keys belong to the device: every client of
+/// the process may use them.
 typedef struct {
     uint32_t words[5];
     uint32_t kind;
     uint32_t reserved;
 } ss_credential_s;
 
-/// What the functions below return besides 0. A platform may return other positive numbers; they
-/// all mean failure.
+/// Results of the functions below besides 0. A platform may return other positive numbers, which mean
+/// failure.
 typedef enum {
     SS_ERROR_NONE = 0,
     SS_ERROR_PARAMETER = 1,  ///< null or out of range
     SS_ERROR_NOT_FOUND = 2,  ///< no data of that name, no key of that id
     SS_ERROR_ACCESS = 3,     ///< the store's secret is missing or refused, or open to others
-    /// The store, or the token behind it, cannot be reached; it may be later. Says nothing about
-    /// whether the data or the key exist.
+    /// The store or its token cannot be reached now. Data and keys may exist all the same.
     SS_ERROR_UNAVAILABLE = 4,
-    SS_ERROR_BROKEN = 5,  ///< what was read, or what the token returned, is not what it must be
+    SS_ERROR_BROKEN = 5,  ///< stored data, or the token's result, are damaged or wrong
     SS_ERROR_NO_MEMORY = 6,
-    SS_ERROR_REFUSED = 7,  ///< the token does not do it: no such mechanism, no import of keys
+    SS_ERROR_REFUSED = 7,  ///< the token lacks the operation: no such mechanism, no import of keys
 } ss_error_e;
 
-/// Key types and uses that ss_store_rsa_key takes.
+/// Types and uses of keys for ss_store_rsa_key.
 enum {
     SS_KEY_RSA = 1055,   ///< an RSA key of 2048 bits, as its modulus and its private exponent
     SS_KEY_SIGN = 1204,  ///< the key is for the raw private operation
 };
 
-/// Fills a credential. @param[out] credential not null @param w0 to w4 the client's identity @param
-/// kind 1 @param reserved 0 @return 0 or an error. Does not touch the store. Settings that name
-/// the key store are read once after it. Thread: any.
+/// Fills a credential, without access to the store. The settings of the key store are read once
+/// after it.
+/// @param[out] credential not null
+/// @param w0 to w4 the client's identity
+/// @param kind 1
+/// @param reserved 0
+/// @return 0 or an error
+/// Thread: any.
 int ss_init_credential(ss_credential_s* credential, uint32_t w0, uint32_t w1, uint32_t w2,
                        uint32_t w3, uint32_t w4, uint32_t kind, uint32_t reserved);
 
@@ -55,33 +59,36 @@ int ss_init_credential(ss_credential_s* credential, uint32_t w0, uint32_t w1, ui
 int ss_read(unsigned char** buffer, size_t* size, int reserved1, int reserved2, const char* name,
             const ss_credential_s* credential, int flags);
 
-/// Stores named data, whole or not at all: after a power cut the name holds the old data or the
-/// new. Replaces.
-/// @param data may be null when size is 0 @param size at most 1 MiB @param reserved1 null @param
-///   reserved2 0
+/// Stores or replaces named data, whole or not at all: after a power cut the name holds either the
+/// old data or the new data.
+/// @param data may be null when size is 0
+/// @param size at most 1 MiB
+/// @param reserved1 null
+/// @param reserved2 0
 /// @return 0 or an error.
 /// Thread: any.
 int ss_write(const unsigned char* data, size_t size, const void* reserved1, int reserved2,
              const char* name, const ss_credential_s* credential, int flags);
 
-/// Deletes named data. @param reserved 0 @return 0 or an error, SS_ERROR_NOT_FOUND when there is no
-/// such name.
+/// Deletes named data.
+/// @param reserved 0
+/// @return 0 or an error, SS_ERROR_NOT_FOUND when there is no such name.
 /// Thread: any.
 int ss_delete(int reserved, const char* name, const ss_credential_s* credential, int flags);
 
-/// Releases what ss_read or ss_encrypt_by_key gave; its bytes are wiped. Null is allowed. Thread:
-/// any.
+/// Overwrites and frees a buffer of ss_read or ss_encrypt_by_key. Null is allowed.
+/// Thread: any.
 void ss_free_buffer(unsigned char* buffer);
 
-/// Stores an RSA key, in place of one that has its id. The store proves by a signature that the key
-/// works before it takes the old one away; when it fails, the old key stays. A power cut between the
-/// two leaves both, and then the id answers SS_ERROR_BROKEN until all but one of them are removed.
+/// Stores an RSA key, or replaces the one with the same id. The store checks a signature of the new
+/// key before it removes the old one; after a failure the old key stays. A power cut in between leaves
+/// both: the id then gives SS_ERROR_BROKEN until all but one key are removed.
 /// @param type SS_KEY_RSA @param use SS_KEY_SIGN
 /// @param modulus, exponent big-endian, a leading zero byte allowed; sizes in bytes, 257 at most.
 ///   Not kept.
 /// @param reserved1 to reserved4 0
-/// @param[in,out] key_id the id that is wanted, 0 for any; on success the id that the key has
-/// @return 0 or an error, SS_ERROR_REFUSED when keys can only be made inside.
+/// @param[in,out] key_id the wanted id, 0 for any; on success the key's id
+/// @return 0 or an error, SS_ERROR_REFUSED when the token takes no keys from outside.
 /// Thread: any.
 int ss_store_rsa_key(const ss_credential_s* credential, int type, int use,
                      const unsigned char* modulus, size_t modulus_size,
@@ -91,16 +98,18 @@ int ss_store_rsa_key(const ss_credential_s* credential, int type, int use,
 /// The raw private-key operation (modular exponentiation, no padding of its own) on one block.
 /// @param[in,out] block on entry the caller's 256 bytes; on success a buffer of the store's, which
 ///   the caller releases with ss_free_buffer. Untouched on failure.
-/// @param[in,out] size 256 @param reserved1, reserved2 0
-/// @return 0 only when the result is 256 bytes and the public key takes it back to the block; an
-///   error on any doubt.
-/// Thread: any; callers wait for each other. May take seconds on a slow token, and is not
+/// @param[in,out] size 256
+/// @param reserved1, reserved2 0
+/// @return 0 only when the result has 256 bytes and the public key turns it into the block again;
+///   else an error
+/// Thread: any; a call waits for the others. It may take seconds on a slow token and cannot be
 /// cancelled.
 int ss_encrypt_by_key(const ss_credential_s* credential, int32_t key_id, unsigned char** block,
                       size_t* size, int reserved1, int reserved2);
 
-/// Removes a key. @return 0 or an error, SS_ERROR_NOT_FOUND when there is none of that id. Thread:
-/// any.
+/// Removes a key.
+/// @return 0 or an error, SS_ERROR_NOT_FOUND when there is none of that id
+/// Thread: any.
 int ss_remove_key(const ss_credential_s* credential, int32_t key_id);
 
 #ifdef __cplusplus

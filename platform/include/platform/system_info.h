@@ -1,13 +1,12 @@
-// platform/include/platform/system_info.h - facts of the device that its maker set.
+// platform/include/platform/system_info.h - facts of the device, set by its maker.
 #pragma once
 #ifdef __cplusplus
 extern "C" {
 #endif
 
-/// The number of a value. A platform with numbers of its own gives them here.
+/// Numbers of the values. A platform with other numbers changes them here.
 typedef enum {
-    SYSTEM_INFO_KEY_VANTOR_SERVER_TYPE =
-        126,  ///< which of the maker's servers the device belongs to
+    SYSTEM_INFO_KEY_VANTOR_SERVER_TYPE = 126,  ///< kind of the maker's servers that the device uses
 } system_info_key_e;
 
 /// Reads a number.

@@ -6,7 +6,7 @@ extern "C" {
 
 /// Reads the offsets in force now.
 /// @param[out] utcoff seconds east of UTC without daylight saving; set on success only; not null
-/// @param[out] dstoff seconds that daylight saving adds now, 0 outside of it; set on success only;
+/// @param[out] dstoff seconds that daylight saving adds now, else 0; set on success only;
 ///   not null
 /// @param reserved null
 /// @return 0, or -1 when the zone cannot be read
