@@ -1,4 +1,4 @@
-"""The shop behind a web server of another maker: plain HTTP, and a count of what it has sold."""
+"""The shop behind an ordinary web server: plain HTTP, and a count of its sales."""
 import collections
 import json
 import socketserver
@@ -10,12 +10,12 @@ from . import server
 
 
 def sold(invoice):
-    """What a purchase is answered with."""
+    """Body of the answer to a purchase."""
     return f"sold {invoice}"
 
 
 def listed(application):
-    """What a list of products is answered with."""
+    """Body of the answer to a list of products."""
     return f"listed {application}"
 
 
@@ -25,8 +25,7 @@ class _Server(socketserver.ThreadingTCPServer):
 
 
 class _Handler(socketserver.StreamRequestHandler):
-    """One request, and the connection's end: a connection that is kept would be one more thing that can
-    be lost."""
+    """Handles one request and closes the connection, since a kept connection could be lost as well."""
 
     def handle(self):
         head = b"".join(iter(self.rfile.readline, b"\r\n"))
@@ -54,12 +53,15 @@ class Backend:
 
     @property
     def purchases(self):
-        """How often each invoice has come."""
+        """Number of requests for each invoice."""
         with self._lock:
             return dict(self._purchases)
 
     def take(self, target, body):
-        """One request. @return its answer"""
+        """Handles one request.
+
+        @return its answer
+        """
         time.sleep(self.delay)
         if not body:
             return listed(*parse_qs(urlsplit(target).query)["appid"])

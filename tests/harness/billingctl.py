@@ -1,4 +1,4 @@
-"""Runs billingctl, the one of the same build as the daemon."""
+"""Runs the billingctl of the daemon's build."""
 import os
 import pty
 import subprocess
@@ -24,14 +24,14 @@ def environment(bus):
 
 
 def run(bus, *arguments, **variables):
-    """@return what came of it, with its output as text"""
+    """@return the finished process, with its output as text"""
     return subprocess.run(
         [program(), *arguments], capture_output=True, text=True, check=False, timeout=120, env={**environment(bus), **variables}
     )
 
 
 def on_a_terminal(bus, *arguments, **variables):
-    """What a terminal would be sent."""
+    """The output on a terminal."""
     ours, theirs = pty.openpty()
     process = subprocess.Popen(
         [program(), *arguments], stdout=theirs, stderr=theirs, env={**environment(bus), "TERM": "xterm", **variables}
@@ -42,7 +42,7 @@ def on_a_terminal(bus, *arguments, **variables):
         while part := os.read(ours, 4096):
             text += part
     except OSError:
-        pass  # that is how the end looks
+        pass  # reading a closed terminal fails
     process.wait()
     os.close(ours)
     return text.decode().replace("\r\n", "\n")

@@ -1,10 +1,10 @@
-"""What must be true after calls at servers in front of a shop: nothing failed, nothing was sold twice."""
+"""Checks after calls through servers in front of a shop: no call failed, nothing was sold twice."""
 import collections
 
 
 def check(outcome, shop, *servers):
-    """Each call was answered with its own answer, and servers and shop saw each purchase once. Ends the
-    servers."""
+    """Checks that each call got its own answer, and that servers and shop saw each purchase once. Stops
+    the servers."""
     check_answers(outcome)
     check_shop(outcome, shop)
     check_log(outcome, *servers)
@@ -21,8 +21,8 @@ def check_answers(outcome):
 
 
 def check_log(outcome, *servers):
-    """They saw each purchase once, the device's certificate with every request, and lists over the
-    protocol that they offer. Ends them."""
+    """Checks that the servers saw each purchase once, the device's certificate with every request, and
+    lists over the protocol that they offer. Stops the servers."""
     purchases = 0
     for server in servers:
         asked = server.stop()

@@ -1,4 +1,4 @@
-"""A throw-away certificate authority and the TLS contexts of servers that it vouches for."""
+"""A certificate authority for one test run, and TLS contexts of servers with its certificates."""
 import datetime
 import ssl
 import tempfile
@@ -11,14 +11,14 @@ from cryptography.hazmat.primitives import hashes, serialization
 RSA = {"key_type": trustme.KeyType.RSA} if hasattr(trustme, "KeyType") else {}
 A_DAY = datetime.timedelta(days=1)
 
-# When certificates begin and end, from now.
+# Begin and end of validity, relative to now.
 VALID = (-A_DAY, 30 * A_DAY)
 EXPIRED = (-30 * A_DAY, -A_DAY)
 NOT_YET = (A_DAY, 30 * A_DAY)
 
 
 def certify(authority, authority_key, public_key, subject, validity, *extensions):
-    """A certificate, signed by the authority. All of them are PEM but the public key.
+    """A certificate signed by the authority. All arguments but the public key are PEM.
 
     @param subject an x509.Name
     """
@@ -59,7 +59,7 @@ def context_of(pem, clients):
 
 
 class Authority:
-    """One root certificate. Nothing of it is kept on disk but what the daemon must read."""
+    """A root certificate. Only the files that the daemon reads are on disk."""
 
     def __init__(self):
         self._ca = trustme.CA(**RSA)
@@ -78,6 +78,6 @@ class Authority:
         return issued.private_key_and_cert_chain_pem.bytes()
 
     def server_context(self, *names, clients, not_after=None):
-        """A context for a server that answers to these names and lets in whoever has a certificate
-        of the authority in the file `clients`; None lets in everybody and asks nobody."""
+        """A context of a server with these names. It demands a certificate of the authority in the file
+        `clients`; with None it asks for no certificate."""
         return context_of(self.server_pem(*names, not_after=not_after), clients)

@@ -1,5 +1,5 @@
-"""The TLS of a server on plain OpenSSL that demands certificates and names no context for its sessions:
-OpenSSL then refuses every handshake that offers one. Python's own module names a context."""
+"""TLS of a server on plain OpenSSL that demands certificates and sets no session id context. OpenSSL
+then refuses every handshake that offers a session. Python's own module always sets a context."""
 import contextlib
 import socket
 
@@ -15,9 +15,9 @@ def _errors_of_python():
 
 
 class _Socket(socket.socket):
-    """A connection with those methods of Python's own that a StoreServer uses."""
+    """A connection with those methods of Python's TLS sockets that StoreServer uses."""
 
-    # No session of this server is ever taken up again.
+    # This server never resumes a session.
     session_reused = False
 
     def __init__(self, context, raw):

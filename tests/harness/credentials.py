@@ -1,4 +1,4 @@
-"""What a device proves itself with: a token with its key, and the certificate for that key."""
+"""Credentials of a device: a token with its key, and the certificate of that key."""
 import configparser
 import os
 import pathlib
@@ -12,12 +12,12 @@ from .certificates import A_DAY
 
 
 def provision_tool():
-    """billing-provision of the same build as the daemon."""
+    """Path of the billing-provision of the daemon's build."""
     return daemon.binary().parents[1] / "platform" / "provision" / "billing-provision"
 
 
 def issue(public_key, subject, authority, begin=-A_DAY, end=A_DAY):
-    """A certificate as a device maker's authority signs it, as PEM.
+    """A certificate in PEM form, signed by the authority of a device maker.
 
     @param authority  the folder with its ca.pem and ca.key
     @param begin, end  of the validity, from now
@@ -28,8 +28,8 @@ def issue(public_key, subject, authority, begin=-A_DAY, end=A_DAY):
 
 
 class Credentials:
-    """A device made by billing-provision, in a folder of the caller's: its authority's root
-    certificate, its own certificate, and its token."""
+    """A device made by billing-provision in a folder of the caller's: root certificate of its authority,
+    its own certificate, and its token."""
 
     def __init__(self, folder):
         self.folder = pathlib.Path(folder)
@@ -45,13 +45,13 @@ class Credentials:
         subprocess.run(
             [provision_tool(), "lab", folder], check=True, capture_output=True, env={**os.environ, **daemon.SANITIZERS}
         )
-        # A folder of its own: the daemon sees nothing else of this one.
+        # A separate folder, since the daemon's view has only this part of the device.
         made.certificates.mkdir()
         shutil.move(made.folder / "bgclient.crt", made.certificate)
         return made
 
     def copy_to(self, folder):
-        """The same device once more, with a token that may be broken or taken away."""
+        """A copy of the device, whose token a test may break or remove."""
         copied = type(self)(folder)
         shutil.copytree(self.folder, copied.folder)
         for name in ("device.conf", "softhsm2.conf"):
@@ -60,22 +60,22 @@ class Credentials:
         return copied
 
     def certify(self, public_key=None, validity=certificates.VALID):
-        """@return a certificate like the device's own, for another key or another time"""
+        """@return a certificate like the device's own, for another key or another validity"""
         own = x509.load_pem_x509_certificate(self.certificate.read_bytes())
         return issue(public_key or own.public_key(), own.subject, self.folder, *validity)
 
     def reissue(self, begin, end):
-        """Another certificate for the same key, valid between these times from now."""
+        """Installs another certificate of the same key, with this validity relative to now."""
         self.install(self.certify(validity=(begin, end)))
 
     def install(self, pem):
-        """Puts another certificate in the place of the device's."""
+        """Replaces the device's certificate."""
         fresh = self.certificates / "new"
         fresh.write_bytes(pem)
         os.replace(fresh, self.certificate)
 
     def pull(self):
-        """Takes the token away, as somebody who unplugs it."""
+        """Removes the token, as if it was unplugged."""
         self.token.rename(self.folder / "pulled")
         self.token.mkdir()
 

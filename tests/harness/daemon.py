@@ -1,4 +1,4 @@
-"""Runs the daemon, with its own view of the paths that are fixed in it."""
+"""Runs the daemon in a file system view of its own, for the paths that are fixed in it."""
 import contextlib
 import os
 import pathlib
@@ -16,7 +16,7 @@ from billing_lab.view import bubblewrap, start
 TREE = pathlib.Path(__file__).resolve().parents[2]
 DEFAULT_BINARY = TREE / "build" / "service" / "billing-service"
 
-# What the runtimes of sanitizers must know, for a daemon that was built with them.
+# Options of the sanitizers' runtimes, for a daemon that was built with one.
 KNOWN = TREE / "tests" / "sanitizers"
 SANITIZERS = {
     "ASAN_OPTIONS": "fast_unwind_on_malloc=0",
@@ -27,23 +27,23 @@ SANITIZERS = {
 
 
 def binary():
-    """The daemon to test: that of $BILLING_SERVICE, else the one of the build folder."""
+    """Path of the daemon to test: $BILLING_SERVICE, else the one of the build folder."""
     return pathlib.Path(os.environ.get("BILLING_SERVICE", DEFAULT_BINARY)).resolve()
 
 
-# A command line that runs it, for instance valgrind's.
+# A command line in front of the daemon's, for instance valgrind.
 UNDER = shlex.split(os.environ.get("BILLING_UNDER", ""))
 
 
 def is_sanitized():
-    """Built with a sanitizer, or run under something like one? Then it is slower and larger."""
+    """True if the daemon has a sanitizer or runs under a similar tool: it is slower and larger then."""
     return bool(UNDER) or b"__sanitizer" in binary().read_bytes()
 
 
 @contextlib.contextmanager
 def term_blocked():
-    """What is started meanwhile begins with SIGTERM blocked, so that none is lost before the first
-    line of its main."""
+    """Blocks SIGTERM in processes that are started meanwhile, so that a signal before the first line of
+    their main is not lost."""
     before = signal.pthread_sigmask(signal.SIG_BLOCK, {signal.SIGTERM})
     try:
         yield
@@ -68,12 +68,12 @@ class Record:
 
 
 class Daemon:
-    """One process. Its log goes to a file. `files` it sees in place of the machine's."""
+    """One daemon process. Its log goes to a file. In its view `files` replace those of the machine."""
 
     def __init__(
         self, folder, bus_address, device, *, view=True, namespace=None, level="debug", environment=None, files=None, tool=None
     ):
-        """@param tool  a command that runs the daemon, instead of $BILLING_UNDER"""
+        """@param tool  command in front of the daemon's, instead of $BILLING_UNDER"""
         self.log_file = pathlib.Path(folder) / f"daemon-{time.monotonic_ns()}.log"
         runtime = pathlib.Path(folder) / "run"
         runtime.mkdir(exist_ok=True)
@@ -119,11 +119,11 @@ class Daemon:
         )
 
     def wait_for_name(self, caller, timeout=20):
-        """Returns when the daemon owns its name."""
+        """Waits until the daemon owns its bus name."""
         self.wait_until(lambda: caller.owner() is not None, "it owns its name", timeout)
 
     def wait_until(self, condition, what, timeout=20):
-        """Polls, while the daemon lives."""
+        """Polls until the condition holds or the daemon has ended."""
         end = time.monotonic() + timeout
         while not condition():
             if not self.is_running():
@@ -142,19 +142,22 @@ class Daemon:
         os.kill(self.pid, number)
 
     def wait(self, timeout):
-        """@return the exit status; that of a signal as subprocess has it, negative"""
+        """@return the exit status; the negative number of a signal"""
         status = self._process.wait(timeout)
-        # bubblewrap says it as a shell does.
+        # bubblewrap reports a signal as 128 and its number, as a shell does.
         return 128 - status if status > 128 and self.pid != self._process.pid else status
 
     def stop(self, timeout=30):
-        """SIGTERM, and the status that comes of it."""
+        """Sends SIGTERM.
+
+        @return the exit status
+        """
         if self.is_running():
             self.send(signal.SIGTERM)
         return self.wait(timeout)
 
     def kill(self):
-        """Makes sure that nothing is left."""
+        """Kills what still runs."""
         if self.is_running():
             with contextlib.suppress(ProcessLookupError):
                 self.send(signal.SIGKILL)
@@ -165,7 +168,7 @@ class Daemon:
         return self.log_file.read_text(encoding="utf-8", errors="backslashreplace")
 
     def log(self):
-        """The complete lines so far, as records."""
+        """The complete lines of the log so far, as records."""
         lines = self.log_text().split("\n")
         return [Record(line) for line in lines[:-1]]
 
@@ -173,11 +176,11 @@ class Daemon:
         return [record.text for record in self.log() if priority in (None, record.priority)]
 
     def failures(self):
-        """What it says about transfers that failed."""
+        """The log's records about failed transfers."""
         return [text for text in self.texts("E") if text.startswith("MZCurl multiResult")]
 
     def status_field(self, name):
-        """A number of /proc/<pid>/status, in the unit that stands there."""
+        """A number of /proc/<pid>/status, in the unit of that file."""
         return int(re.search(rf"^{name}:\s*(\w+)", self._proc("status"), re.MULTILINE)[1])
 
     def switches(self):
@@ -189,20 +192,20 @@ class Daemon:
         return found
 
     def switches_since(self, before):
-        """How many there were since then; a thread that has ended since woke up once to do so."""
+        """Number of context switches since then. A thread that has ended meanwhile counts as one."""
         now = self.switches()
         ended = sum(thread not in now for thread in before)
         return sum(count - before.get(thread, 0) for thread, count in now.items()) + ended
 
     def descriptors(self):
-        """How many are open. Only root may know."""
+        """Number of open descriptors. Needs root."""
         return len(os.listdir(f"/proc/{self.pid}/fd"))
 
     def count(self, symbol):
-        """A 32-bit number of the program's own, as it stands in memory now. Only root may look."""
+        """Present value of a 32-bit variable of the program. Needs root."""
         table = subprocess.run(["nm", str(binary())], check=True, capture_output=True, text=True).stdout
         address = int(re.search(rf"^(\w+) [bBdD] {symbol}$", table, re.MULTILINE)[1], 16)
-        # The first mapping is the program's, and its addresses count from there.
+        # The first mapping is the program's; symbol addresses are relative to it.
         start = int(self._proc("maps").split("-")[0], 16)
         with open(f"/proc/{self.pid}/mem", "rb") as memory:
             memory.seek(start + address)
@@ -213,9 +216,9 @@ class Daemon:
 
 
 class Namespace:
-    """A network of the daemon's own, with two servers' sockets in it and an agent that changes it.
+    """A network namespace of the daemon, with two listening sockets and an agent that changes it.
 
-    Nothing but the loopback interface is there, and no route.
+    It has the loopback interface only, and no route.
     """
 
     def __init__(self):
@@ -225,7 +228,7 @@ class Namespace:
         self.command = [sys.executable, str(pathlib.Path(__file__).with_name("inside.py")), str(self.descriptor)]
 
     def listeners(self, timeout=20):
-        """The two listening sockets in there. Call it once, when the daemon was started."""
+        """The two listening sockets of the namespace. Call it once, after the daemon was started."""
         self._theirs.close()
         if not select.select([self._ours], [], [], timeout)[0]:
             raise AssertionError("the namespace gave no sockets")
@@ -233,7 +236,10 @@ class Namespace:
         return [socket.socket(fileno=descriptor) for descriptor in descriptors]
 
     def run(self, command):
-        """Runs a command line in there, split at its blanks. @return its exit status"""
+        """Runs a command line in the namespace, split at its blanks.
+
+        @return its exit status
+        """
         self._ours.sendall(command.encode())
         return int(self._ours.recv(16))
 

@@ -1,4 +1,4 @@
-"""Callers on the bus that do not read what they are sent, over a socket of their own."""
+"""Bus callers that do not read their messages, on a socket of their own."""
 import contextlib
 import os
 import socket
@@ -11,7 +11,7 @@ SERVICE = (message_bus.SERVICE, message_bus.OBJECT)
 
 
 class DeafCaller:
-    """A connection that sends, and reads when it is told to and not before."""
+    """A connection that sends, and reads only on demand."""
 
     def __init__(self, address):
         self.socket = socket.socket(socket.AF_UNIX)
@@ -32,7 +32,10 @@ class DeafCaller:
         return self.put(message)
 
     def put(self, message):
-        """Sends any message. @return its serial"""
+        """Sends a message.
+
+        @return its serial
+        """
         self._serial += 1
         message.set_serial(self._serial)
         self.socket.sendall(bytes(message.to_blob(Gio.DBusCapabilityFlags.NONE)))
@@ -47,7 +50,7 @@ class DeafCaller:
         return self._send(*SERVICE, "org.freedesktop.DBus.Introspectable", "Introspect")
 
     def pretend_to_answer(self, name, serial):
-        """Sends a reply that nobody has asked for."""
+        """Sends a reply without a call."""
         message = Gio.DBusMessage()
         message.set_message_type(Gio.DBusMessageType.METHOD_RETURN)
         message.set_flags(Gio.DBusMessageFlags.NO_REPLY_EXPECTED)
@@ -56,7 +59,7 @@ class DeafCaller:
         self.put(message)
 
     def messages_until_silent(self, silence=1):
-        """What comes in until nothing did for so many seconds."""
+        """Reads messages until none has come for so many seconds."""
         found = []
         with contextlib.suppress(TimeoutError):
             for message in self.messages(silence):
@@ -64,7 +67,7 @@ class DeafCaller:
         return found
 
     def messages(self, timeout=60):
-        """What comes in, as long as it is asked for and nothing is missing for so many seconds."""
+        """Yields messages until the caller stops, or none has come for so many seconds."""
         self.socket.settimeout(timeout)
         while True:
             while len(self._unread) < 16 or len(self._unread) < self._needed():
@@ -80,7 +83,10 @@ class DeafCaller:
         return Gio.DBusMessage.bytes_needed(self._unread[:16])
 
     def answers(self, serials, timeout=60):
-        """The answer to each of these calls, once all of them are there."""
+        """Waits for the answers to all of these calls.
+
+        @return the answer to each call
+        """
         missing, found = set(serials), {}
         for message in self.messages(timeout):
             if message.get_reply_serial() in missing:

@@ -1,4 +1,4 @@
-"""What a device is to the daemon: its settings file, its CA bundle, its certificate and its key store."""
+"""The device as the daemon sees it: settings file, CA bundle, certificate and key store."""
 import copy
 import pathlib
 
@@ -9,13 +9,13 @@ DUID = "duid-5fb0"
 GUID = "guid-a17e"
 UID = "uid-93d2"
 
-# Texts that nobody but the server may see.
+# Private texts: only the server may get them.
 SECRETS = (TOKEN, DUID, GUID, UID)
 
 
 class Device:
-    """A device in a folder of the caller's, with the credentials that it is given. `settings` takes
-    effect with write()."""
+    """A device in a folder of the caller's, with the given credentials. write() makes changes of
+    `settings` effective."""
 
     def __init__(self, folder, credentials, host="localhost:1", sandbox=None):
         folder = pathlib.Path(folder)
@@ -44,7 +44,7 @@ class Device:
         self.write()
 
     def set(self, group, key, value):
-        """Changes one setting; None takes it away."""
+        """Changes one setting; None removes it."""
         if value is None:
             self.settings[group].pop(key, None)
         else:
@@ -59,7 +59,7 @@ class Device:
         self.write_file("\n".join(lines) + "\n")
 
     def write_file(self, text):
-        """Replaces the whole file, so that no reader sees half of it."""
+        """Replaces the file in one step, so that no reader sees a part of it."""
         replace_file(self.file, text if isinstance(text, bytes) else text.encode())
 
     @property

@@ -1,4 +1,4 @@
-"""Runs billingctl's doctor where the daemon is."""
+"""Runs billingctl's doctor in the view of the daemon."""
 import json
 import re
 import socket
@@ -32,7 +32,7 @@ CHECKS = [
     "request",
 ]
 VERSION = re.search(r"version: .(\S+).,", (daemon.TREE / "meson.build").read_text())[1]
-# The ids that the manual lists.
+# The check ids of the manual.
 KNOWN = set(
     re.findall(
         r"[a-z-]+\.[a-z0-9.-]+",
@@ -46,20 +46,20 @@ ILL = ("warning", "failed")
 
 
 def outcomes(found, outcome):
-    """The checks that came out like this."""
+    """The checks with this outcome."""
     return {check for check in found if found[check]["outcome"] == outcome}
 
 
 def preloaded(name):
-    """The variables that put a module of tests/support before the doctor."""
+    """Variables that preload a module of tests/support into the doctor."""
     module = daemon.binary().parents[1] / "tests" / "support" / f"{name}.so"
     assert module.exists(), module
-    # A sanitizer's runtime would insist on being the first.
+    # A sanitizer's runtime must be the first preloaded library.
     return {"LD_PRELOAD": str(module), "ASAN_OPTIONS": daemon.SANITIZERS["ASAN_OPTIONS"] + ":verify_asan_link_order=0"}
 
 
 def examine(bus, device, *arguments, seconds="5", **variables):
-    """@return its findings by check, and the names of the checks that failed"""
+    """@return the findings by check, and the names of the failed checks"""
     view = daemon.bubblewrap(device.certificates, device.credentials.certificates)
     done = subprocess.run(
         [*view, billingctl.program(), "doctor", "--json", "--timeout", seconds, *arguments],
@@ -78,7 +78,7 @@ def examine(bus, device, *arguments, seconds="5", **variables):
 
 
 def read(done):
-    """What a finished doctor with --json has found, after a look at its form.
+    """Checks the form of the output of `doctor --json` and reads it.
 
     @return as examine()"""
     report = json.loads(done.stdout)

@@ -1,4 +1,4 @@
-"""A store that speaks HTTP/2 with whoever offers it, and does to its streams what a test says."""
+"""A store that speaks HTTP/2 with clients that offer it. A test decides what happens to its streams."""
 import collections
 import contextlib
 
@@ -15,7 +15,7 @@ BODY = b"{}"
 
 
 class Http2:
-    """The HTTP/2 side of one connection. `open` until somebody ends it."""
+    """The HTTP/2 side of one connection. `open` is true until either side ends it."""
 
     def __init__(self, tls):
         self.tls = tls
@@ -38,13 +38,13 @@ class Http2:
         self.flush()
 
     def go_away(self, last):
-        """The connection takes no streams behind this one any more."""
+        """Refuses streams after this one (GOAWAY)."""
         frame = GoAwayFrame(0)
         frame.last_stream_id = last
         self.flush(frame.serialize())
 
 
-# What a store may do with a stream when its request is whole.
+# Actions of a store on a stream with a complete request.
 
 
 def answers(connection, stream):
@@ -60,13 +60,13 @@ def wants_http_1_1(connection, stream):
 
 
 def goes_away_before(connection, stream):
-    """It says that it has not looked at the stream, and closes the connection."""
+    """Reports the stream as not processed (GOAWAY) and closes the connection."""
     connection.go_away(stream - 2)
     connection.open = False
 
 
 def goes_away_after(connection, stream):
-    """It says that this stream is the last, answers it, and closes the connection."""
+    """Announces this stream as the last one (GOAWAY), answers it and closes the connection."""
     connection.go_away(stream)
     connection.reply(stream)
     connection.open = False
@@ -77,15 +77,15 @@ def is_silent(_connection, _stream):
 
 
 def answers_early(connection, stream):
-    """It answers as soon as the request's head is there, and wants no more of it."""
+    """Answers after the head of the request and refuses its body."""
     connection.reply(stream)
-    # The rest may be here already.
+    # The body may have arrived already.
     with contextlib.suppress(h2.exceptions.StreamClosedError):
         connection.refuse(stream, h2.errors.ErrorCodes.NO_ERROR)
 
 
 class Http2Store(server.StoreServer):
-    """`then` has what is done with the next streams, one each; `always` with every other one."""
+    """`then` has one action for each of the next streams; `always` is the action for all others."""
 
     def __init__(self, context):
         context.set_alpn_protocols(["h2", "http/1.1"])
@@ -95,7 +95,7 @@ class Http2Store(server.StoreServer):
         super().__init__(context)
 
     def take_seen(self):
-        """How often each was asked for since the last time: {(protocol, method, path): count}."""
+        """Requests since the last call of this method: {(protocol, method, path): count}."""
         seen, self._streams = self._streams, collections.Counter()
         seen.update(("HTTP/1.1", request.line.split()[0], request.path) for request in self.take_requests())
         return seen

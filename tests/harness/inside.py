@@ -3,8 +3,8 @@
 
 usage: inside.py DESCRIPTOR COMMAND...
 
-Opens two listening sockets there and hands them out on DESCRIPTOR, leaves an agent behind that runs
-what it is told to on the same descriptor, and becomes COMMAND.
+Opens two listening sockets and sends them over DESCRIPTOR. Starts an agent that runs the commands it
+reads from DESCRIPTOR. Then becomes COMMAND.
 """
 import os
 import shutil
@@ -12,12 +12,12 @@ import socket
 import subprocess
 import sys
 
-# As a shell says it.
+# Exit status of a shell for a command that it cannot run.
 MISSING = 127
 
 
 def serve(channel):
-    """The agent: one line, one run, one status, until the other side goes."""
+    """The agent: reads a line, runs it, writes the status; ends when the other side closes."""
     while command := channel.recv(4096):
         program, *arguments = command.decode().split()
         found = shutil.which(program, path="/usr/sbin:/sbin:/usr/bin:/bin")
@@ -30,7 +30,7 @@ def main():
     channel.set_inheritable(False)
     listeners = [socket.create_server(("127.0.0.1", 0), backlog=512) for _ in range(2)]
     socket.send_fds(channel, [b"sockets"], [listener.fileno() for listener in listeners])
-    # Twice, so that the command has no child that it knows nothing of.
+    # Forks twice, so that COMMAND has no unexpected child.
     if os.fork() == 0:
         if os.fork() == 0:
             for listener in listeners:

@@ -1,11 +1,11 @@
-"""Plays the journal for a daemon in its own view."""
+"""A stand-in for the journal in the view of a daemon."""
 import queue
 import socket
 import threading
 
 
 class Journal:
-    """Takes what the daemon that is started with `options` sends to the journal."""
+    """Receives the journal entries of the daemon that is started with `options`."""
 
     def __init__(self, folder):
         path = folder / "journalled" / "systemd" / "journal"
@@ -13,9 +13,9 @@ class Journal:
         self._socket = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
         self._socket.bind(str(path / "socket"))
         self._come = queue.Queue()
-        # The socket holds ten of them, and then the daemon waits.
+        # The socket holds ten entries. This thread empties it, so that the daemon does not wait.
         threading.Thread(target=self._receive, daemon=True).start()
-        # The daemon believes that its standard error is the journal's.
+        # JOURNAL_STREAM makes the daemon take its standard error for the journal.
         self.options = {
             "files": {"/run": folder / "journalled"},
             "tool": ["sh", "-c", 'JOURNAL_STREAM=$(stat -L -c %d:%i /dev/stderr) exec "$0" "$@"'],
@@ -27,7 +27,7 @@ class Journal:
             self._come.put((fields, len(record)))
 
     def records(self, seconds=1):
-        """Those that have come, until none has for a while: (the fields, how many bytes)."""
+        """Reads entries until none has come for a while: (fields, size in bytes)."""
         found = []
         while True:
             try:

@@ -1,4 +1,4 @@
-"""A caller that makes only blocking calls, with the reference library of D-Bus: it answers nothing by itself."""
+"""A caller with only blocking calls of libdbus: it answers no message by itself."""
 import ctypes
 
 from billing_lab import bus as message_bus
@@ -43,7 +43,10 @@ class BlockingCaller:
         return pending
 
     def result(self, pending):
-        """Waits. @return (resp_result, length of resp_info), or the name of an error"""
+        """Waits for a reply.
+
+        @return (resp_result, length of resp_info), or the name of an error
+        """
         self._dbus.dbus_pending_call_block(pending)
         reply = ctypes.c_void_p(self._dbus.dbus_pending_call_steal_reply(pending))
         number, text = ctypes.c_int32(), ctypes.c_char_p()

@@ -1,4 +1,4 @@
-"""Calls of two kinds, some of them at the same time, each with an answer of its own."""
+"""Lists and purchases, several at a time, each with an answer of its own."""
 import itertools
 import time
 import typing
@@ -9,7 +9,7 @@ from .backend import listed, sold
 
 
 class Work(typing.NamedTuple):
-    """A call with its arguments, and the body of its answer. `invoice` only of a purchase."""
+    """A call with its arguments and the body of its answer. Only a purchase has an `invoice`."""
 
     call: tuple
     answer: str
@@ -17,7 +17,7 @@ class Work(typing.NamedTuple):
 
 
 class Outcome(typing.NamedTuple):
-    """`failed` has (method, result, the answer it should be); `invoices` those of all purchases."""
+    """`failed` has (method, result, expected answer); `invoices` has the invoices of all purchases."""
 
     failed: list
     invoices: list
@@ -36,7 +36,7 @@ def product_list(name):
 
 
 def mixed(name):
-    """Lists and purchases in turn, without an end."""
+    """Lists and purchases in turn, endless."""
     for i in itertools.count():
         yield (purchase if i % 2 else product_list)(f"{name}-{i}")
 
@@ -46,7 +46,7 @@ def first(count, work):
 
 
 def for_seconds(seconds, work):
-    """The calls of `work`, until that time is over."""
+    """The calls of `work` until that time."""
     end = time.monotonic() + seconds
     return itertools.takewhile(lambda _: time.monotonic() < end, work)
 
@@ -54,7 +54,7 @@ def for_seconds(seconds, work):
 def run(caller, work, flight=1, meanwhile=lambda: None):
     """Makes the calls in their order, so many at the same time.
 
-    @param meanwhile  is called again and again until the last answer
+    @param meanwhile  called repeatedly until the last answer
     """
     waiting, under_way, outcome = iter(work), [], Outcome([], [], 0)
     count = 0

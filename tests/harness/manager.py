@@ -1,4 +1,4 @@
-"""A service manager on a bus, in the place of systemd, that says of the unit what a test wants."""
+"""A service manager on a bus in the place of systemd. A test sets the unit's properties."""
 import threading
 
 from gi.repository import Gio, GLib
@@ -24,8 +24,10 @@ RUNNING = {"LoadState": "loaded", "ActiveState": "active", "SubState": "running"
 
 
 class Manager:
-    """Answers in a thread of its own until stop(). @param unit the unit's properties, by name; ExecStart is
-    the program alone"""
+    """Answers in a thread of its own until stop().
+
+    @param unit  the unit's properties by name; ExecStart is the program only
+    """
 
     def __init__(self, address, **unit):
         self._address = address

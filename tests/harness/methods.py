@@ -1,8 +1,8 @@
-"""The five methods, each with arguments that a caller might use."""
+"""The five methods, each with ordinary arguments."""
 
 from gi.repository import GLib
 
-# The most that the arguments of one call may have together, as the bus library counts their bytes.
+# Largest size of the arguments of one call, in bytes as the bus library counts them.
 ARGUMENT_BYTES = 8 << 10
 LIMITS_EXCEEDED = "org.freedesktop.DBus.Error.LimitsExceeded"
 
@@ -23,7 +23,7 @@ def argument_bytes(arguments):
 
 
 def filled(arguments, place, character="x", most=ARGUMENT_BYTES):
-    """The arguments with a text of that character in one place, as long as it may be for so many bytes in all.
+    """The arguments with one of them filled by that character, up to the given size of all.
 
     @param character  of one byte
     """
@@ -35,10 +35,10 @@ def filled(arguments, place, character="x", most=ARGUMENT_BYTES):
 
 
 def answers(caller):
-    """What each method answers, one after the other."""
+    """The answers of all methods in order."""
     return {method: caller.call(method, *arguments) for method, arguments in EVERY_CALL.items()}
 
 
 def all_alike(result):
-    """The answers when each is the same."""
+    """The answers when all methods answer the same."""
     return dict.fromkeys(EVERY_CALL, result)

@@ -1,4 +1,4 @@
-"""An nginx that demands the device's certificate, for what the server of our own does not do."""
+"""An nginx that demands the device's certificate, for tests that StoreServer cannot serve."""
 import signal
 
 from . import web_server
@@ -35,7 +35,7 @@ http {{
 
 
 class Nginx(web_server.WebServer):
-    """Answers by itself, unless `answer` is something else for its location."""
+    """Returns a fixed text, unless `answer` is another directive for its location."""
 
     PROGRAM = PROGRAM
     RELOAD, LEAVE = signal.SIGHUP, signal.SIGQUIT

@@ -1,5 +1,5 @@
-"""Web servers as their Debian packages configure them, in front of the same shop: each demands the
-device's certificate and keeps its own idle limit, sessions and tickets unless a test wants others."""
+"""Web servers configured as in their Debian packages, in front of the same shop. Each demands the
+device's certificate and keeps its default idle limit, sessions and tickets unless a test changes them."""
 import pathlib
 import signal
 
@@ -30,7 +30,7 @@ SSLVerifyDepth 10
 ProxyPass / http://127.0.0.1:{backend}/ disablereuse=On
 """
 APACHE_MODULES = pathlib.Path("/usr/lib/apache2/modules")
-# The names of the modules and those of their files.
+# Names of the modules and of their files.
 APACHE_LOADED = {
     "mpm_event_module": "mpm_event",
     "ssl_module": "ssl",
@@ -82,12 +82,12 @@ proxy.server = ("" => (("host" => "127.0.0.1", "port" => {backend})))
 """
 
 
-# As access logs have them, by whether HTTP/2 is offered.
+# Protocols in access logs, by whether HTTP/2 is offered.
 PROTOCOLS = {False: "HTTP/1.1", True: "HTTP/2.0"}
 
 
 class Nginx(nginx.Nginx):
-    """With the parameters of the others."""
+    """Parameters: those of the other servers."""
 
     IDLE = 75
     LIMITS_REQUESTS = True
@@ -108,16 +108,16 @@ class Nginx(nginx.Nginx):
 
 
 class _Ordinary(web_server.WebServer):
-    """What the other three have in common with it.
+    """The common part of the other three servers.
 
     @param backend  the port of the shop
     @param idle  seconds after which an idle connection is closed, None for the server's default
     @param requests  after how many requests a connection is closed, None for the server's default
     """
 
-    # The default of its idle limit, in seconds.
+    # Default idle limit, in seconds.
     IDLE = 5
-    # Whether it closes a connection after a number of requests.
+    # True if the server closes a connection after a number of requests.
     LIMITS_REQUESTS = True
     TEMPLATE = ""
 
@@ -128,11 +128,11 @@ class _Ordinary(web_server.WebServer):
         super().__init__(folder, server_pem)
 
     def _wishes(self):
-        """What the template wants beyond the folder, the ports and the certificates."""
+        """Values of the template besides folder, ports and certificates."""
         raise NotImplementedError
 
     def _limits(self, idle, requests):
-        """Lines for the limits that were asked for."""
+        """Lines of the configuration for the wanted limits."""
         return "\n".join(line.format(value) for line, value in ((idle, self._idle), (requests, self._requests)) if value)
 
     def _configuration(self):
@@ -158,7 +158,7 @@ class Apache(_Ordinary):
 
 
 class HAProxy(_Ordinary):
-    """With `by_itself` it answers before it has read a request's body."""
+    """With `by_itself` the server answers before it has read the request's body."""
 
     PROGRAM = web_server.program("haproxy")
     RELOAD, LEAVE = signal.SIGUSR2, signal.SIGUSR1

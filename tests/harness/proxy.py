@@ -1,4 +1,4 @@
-"""A TCP relay between the daemon and a server that loses connections as lines and middleboxes do."""
+"""A TCP relay between daemon and server. It loses connections as lines and middleboxes do."""
 import contextlib
 import enum
 import socket
@@ -9,7 +9,7 @@ from . import server
 
 
 class State(enum.Enum):
-    """What becomes of the bytes of a connection."""
+    """Treatment of the bytes of a connection."""
 
     FORWARDED = enum.auto()
     SILENT = enum.auto()
@@ -17,7 +17,7 @@ class State(enum.Enum):
 
 
 class _Link:
-    """One connection of the daemon's, and the one to the server that belongs to it."""
+    """A connection of the daemon with its connection to the server."""
 
     def __init__(self, client, target):
         self.client = client
@@ -50,7 +50,7 @@ class _Link:
 
 
 class Proxy:
-    """Forwards to a port of 127.0.0.1. silence() and forget() concern the connections that exist then."""
+    """Forwards to a port of 127.0.0.1. silence() and forget() apply to the connections of that moment."""
 
     def __init__(self, target, listener=None):
         self._target = target
@@ -70,21 +70,21 @@ class Proxy:
 
     @property
     def connections(self):
-        """How many there were so far."""
+        """Number of connections so far."""
         with self._lock:
             return len(self._links)
 
     def ports(self):
-        """The daemon's ports of all connections so far that it has not reset."""
+        """The daemon's ports of all connections so far, without those that the daemon has reset."""
         with self._lock:
             return [link.client.getpeername()[1] for link in self._links]
 
     def silence(self):
-        """Nothing comes through any more, not even an end."""
+        """Drops everything from now on, also the end of a connection."""
         self._all_become(State.SILENT)
 
     def forget(self):
-        """What the daemon sends next is answered with a reset; nothing comes through."""
+        """Forwards nothing and answers the daemon's next bytes with a reset."""
         self._all_become(State.FORGOTTEN)
 
     def _all_become(self, state):

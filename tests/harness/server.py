@@ -1,6 +1,6 @@
-"""An HTTPS server that keeps every byte it is sent, and answers as a test says.
+"""An HTTPS server that keeps all received bytes. A test sets its answers.
 
-It reads HTTP/1.1 no further than it must: requests are compared as bytes.
+It parses only the necessary part of HTTP/1.1: tests compare requests as bytes.
 """
 import contextlib
 import dataclasses
@@ -15,8 +15,8 @@ CHUNK = 1 << 20
 
 @dataclasses.dataclass
 class Request:
-    """One request, taken apart. `raw` is all of it; `client` the subject of the client's
-    certificate, None without one; `resumed` says that no key signed for its connection."""
+    """One parsed request. `raw` has all its bytes; `client` is the subject of the client's certificate,
+    None without one; `resumed` is true for a connection with a resumed session (no signature)."""
 
     raw: bytes
     connection: int
@@ -46,7 +46,7 @@ class Request:
 
 
 class Connection:
-    """One connection of the server, with what came in on it."""
+    """One connection of the server, with its received bytes."""
 
     def __init__(self, number, tls, log):
         self.number = number
@@ -62,7 +62,7 @@ class Connection:
         return bool(data)
 
     def next_request(self):
-        """The next request, or None when the client is gone."""
+        """The next request, or None after the client has closed the connection."""
         while b"\r\n\r\n" not in self._unread:
             if not self._receive():
                 return None
@@ -78,14 +78,14 @@ class Connection:
         self.tls.sendall(data)
 
     def finish(self):
-        """Says that nothing more will come. Without it the end of a body cannot be told from a cut."""
+        """Sends the close alert of TLS. Without it the client cannot tell the end of a body from a cut."""
         self.tls.settimeout(1)
         with contextlib.suppress(OSError):
             self.tls.unwrap()
 
 
 def client_of(tls):
-    """The subject of the certificate that the client has presented, or None."""
+    """The subject of the client's certificate, or None."""
     der = tls.getpeercert(binary_form=True)
     return None if der is None else x509.load_der_x509_certificate(der).subject.rfc4514_string()
 
@@ -98,12 +98,12 @@ def content_length(head):
     return 0
 
 
-# What a server may do with a request. Each returns True when the connection is kept.
+# Actions of a server on a request. Each returns True to keep the connection.
 
 
 @dataclasses.dataclass
 class Reply:
-    """A whole answer, at once or when `gate` opens."""
+    """Sends a whole answer, at once or after `gate` has opened."""
 
     body: bytes = b""
     status: str = "200 OK"
@@ -130,7 +130,7 @@ class Reply:
 
 @dataclasses.dataclass
 class Raw:
-    """These bytes and no others; then the connection ends in an orderly way."""
+    """Sends these bytes only and closes the connection in order."""
 
     data: bytes = b""
 
@@ -142,7 +142,7 @@ class Raw:
 
 @dataclasses.dataclass
 class Truncate:
-    """The beginning of an answer that promises more; the connection ends there."""
+    """Sends a part of an answer and closes the connection."""
 
     body: bytes
     missing: int
@@ -155,20 +155,20 @@ class Truncate:
 
 @dataclasses.dataclass
 class Reset:
-    """The connection is reset, after `data`."""
+    """Resets the connection after `data`."""
 
     data: bytes = b""
 
     def perform(self, connection, _server):
         if self.data:
             connection.send(self.data)
-        # Closing then drops what is unsent and sends a reset.
+        # With this option closing drops unsent bytes and sends a reset.
         connection.tls.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
         return False
 
 
 class Hang:
-    """No answer, for as long as the server lives or the client stays."""
+    """Sends no answer until the server or the client ends the connection."""
 
     def perform(self, connection, server):
         server.wait_for(server.stopping)
@@ -176,7 +176,7 @@ class Hang:
 
 
 class Endless:
-    """A chunked body without an end, until the client has enough."""
+    """Sends an endless chunked body until the client closes the connection."""
 
     def perform(self, connection, server):
         connection.send(b"HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n")
@@ -189,7 +189,7 @@ class Endless:
 class StoreServer:
     """The server. Bound to a free port of 127.0.0.1; answers `{}` until told otherwise.
 
-    `answer` is what is done with a request: an action, or a function from a Request to an action.
+    `answer` is the action on a request, or a function from a Request to an action.
     """
 
     def __init__(self, context, listener=None):
@@ -208,31 +208,31 @@ class StoreServer:
 
     @property
     def requests(self):
-        """Every request so far, in the order in which they were complete."""
+        """All requests so far, in the order of their completion."""
         with self._changed:
             return list(self._requests)
 
     @property
     def connections(self):
-        """All bytes that came in, by connection."""
+        """All received bytes, by connection."""
         with self._changed:
             return [b"".join(parts) for parts in self._bytes]
 
     def take_requests(self):
-        """The requests since the last time."""
+        """The requests since the last call of this method."""
         with self._changed:
             requests, self._requests = self._requests, []
             return requests
 
     def wait_for_requests(self, count, timeout=30):
-        """Returns when so many requests are there."""
+        """Waits for so many requests."""
         with self._changed:
             if not self._changed.wait_for(lambda: len(self._requests) >= count, timeout):
                 raise AssertionError(f"{len(self._requests)} requests came, not {count}")
             return list(self._requests)
 
     def wait_for(self, event):
-        """Waits for the event or the end of the server."""
+        """Waits for the event or the stop of the server."""
         while not event.wait(0.05) and not self.stopping.is_set():
             pass
 
@@ -244,7 +244,7 @@ class StoreServer:
         with self._changed:
             for raw in self._sockets:
                 with contextlib.suppress(OSError):
-                    # Below TLS, whose objects belong to their threads.
+                    # Shuts the TCP socket down: TLS objects may be used by their own thread only.
                     socket.socket.shutdown(raw, socket.SHUT_RDWR)
         for thread in self._threads:
             thread.join(10)
@@ -264,7 +264,7 @@ class StoreServer:
             thread.start()
 
     def _serve(self, raw, number):
-        # A client that goes at any moment is ordinary here.
+        # A client may close the connection at any moment.
         with contextlib.suppress(OSError, ValueError):
             tls = self._context.wrap_socket(raw, server_side=True, do_handshake_on_connect=False)
             with contextlib.closing(tls):
@@ -290,7 +290,7 @@ class StoreServer:
             answer = self.answer(request) if callable(self.answer) else self.answer
             if not answer.perform(connection, self):
                 return
-        # Without a goodbye of its own OpenSSL forgets the session, with which other connections began.
+        # Without a close alert OpenSSL would drop the session, which other connections resume.
         connection.finish()
 
 

@@ -1,4 +1,4 @@
-"""A web server of another maker: its process, its port, and what its access log says."""
+"""An ordinary web server: its process, its port and its access log."""
 import contextlib
 import os
 import pathlib
@@ -10,14 +10,14 @@ import subprocess
 import time
 import typing
 
-# How long a start or a graceful end may take, in seconds.
+# Time limit of a start or a graceful end, in seconds.
 PATIENCE = 20
 PORTS_BELOW = 12_000
 METHODS = ("GET", "POST")
 
 
 def program(name):
-    """Where a server's program is, or None."""
+    """Path of a server's program, or None."""
     return shutil.which(name, path="/usr/sbin:/usr/bin:/sbin:/bin")
 
 
@@ -26,8 +26,8 @@ def is_root():
 
 
 def free_port():
-    """A port of 127.0.0.1 that is free, and stays so while its server is away: the kernel gives ports
-    of this range to nobody who connects."""
+    """A free port of 127.0.0.1 that stays free while its server is down: it is outside of the range from
+    which the kernel takes ports for connections."""
     lowest = int(pathlib.Path("/proc/sys/net/ipv4/ip_local_port_range").read_text().split()[0])
     chooser = random.SystemRandom()
     while True:
@@ -38,7 +38,7 @@ def free_port():
 
 class Entry(typing.NamedTuple):
     """One line of an access log. `client` is the subject of the client's certificate, `resumed` and
-    `connection` are the server's own words for them, "-" where it has none."""
+    `connection` are in the server's own form, "-" when the server does not log them."""
 
     protocol: str
     client: str
@@ -49,8 +49,8 @@ class Entry(typing.NamedTuple):
 
 
 class WebServer:
-    """The process. A subclass names its PROGRAM, its signals, its command line and its configuration,
-    and has it write `access.log` with the fields of an Entry and "|" between them."""
+    """The process. A subclass defines PROGRAM, signals, command line and configuration. Its server writes
+    `access.log` with the fields of an Entry, separated by "|"."""
 
     PROGRAM: str = None
     RELOAD: signal.Signals = None
@@ -77,13 +77,13 @@ class WebServer:
         return self.folder / "access.log"
 
     def certify(self, server_pem):
-        """Puts another key and certificate in the place of its own. reload() makes it look."""
+        """Replaces key and certificate. The server reads them at reload()."""
         fresh = self.folder / "server.pem.new"
         fresh.write_bytes(server_pem)
         os.replace(fresh, self.folder / "server.pem")
 
     def start(self):
-        """Starts the process; returns before it answers. What it prints goes to its logs."""
+        """Starts the process and does not wait for it. Its output goes to its logs."""
         self.leaving = False
         with open(self._access_log, "ab") as access, open(self.folder / "error.log", "ab") as errors:
             self._process = subprocess.Popen(
@@ -107,11 +107,11 @@ class WebServer:
         return (self.folder / "error.log").read_text(errors="replace")
 
     def reload(self):
-        """Has it read its configuration again, without losing a request. Returns at once."""
+        """Makes the server read its configuration again without losing a request. Does not wait."""
         self._process.send_signal(self.RELOAD)
 
     def leave(self):
-        """Has it finish what it does and end. Returns at once."""
+        """Makes the server finish its requests and end. Does not wait."""
         self.leaving = True
         self._process.send_signal(self.LEAVE)
 
@@ -122,7 +122,7 @@ class WebServer:
         self._process.wait(PATIENCE)
 
     def restart(self):
-        """A graceful end and a start on the same port, each waited for."""
+        """Ends the server gracefully and starts it on the same port. Waits for both."""
         self.leave()
         self.wait_until_it_has_left()
         self.start()
@@ -130,15 +130,18 @@ class WebServer:
 
     @property
     def group(self):
-        """The process group of it and its workers."""
+        """The process group of the server and its workers."""
         return self._process.pid
 
     def send(self, number):
-        """A signal to its workers too: SIGSTOP makes it a server that hangs."""
+        """Sends a signal to the server and its workers: SIGSTOP makes it hang."""
         os.killpg(self.group, number)
 
     def stop(self):
-        """Ends it at once. @return each request that it was asked, as an Entry"""
+        """Stops the server at once.
+
+        @return each of its requests as an Entry
+        """
         if not self.has_left():
             self._process.terminate()
         try:
@@ -150,7 +153,7 @@ class WebServer:
         return self.asked()
 
     def asked(self):
-        """What stands in the access log so far. A server may write it late."""
+        """The entries of the access log so far. A server may write them late."""
         if not self._access_log.exists():
             return []
         lines = [line.split("|") for line in self._access_log.read_text().splitlines()]
