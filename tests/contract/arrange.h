@@ -1,5 +1,5 @@
-// arrange.h - how the contract suite brings a backend into a state: one source file for each
-// backend fills this in.
+// arrange.h - functions with which the contract suite sets the state of a backend. Each backend has a
+// source file that defines them.
 #pragma once
 
 #include <platform/deployment.h>
@@ -11,10 +11,10 @@
 
 namespace arrange {
 
-/// A device on which nothing is set, and whose log is empty.
+/// Makes a device without any value and with an empty log.
 void bareDevice();
 
-// What the platform is to answer; nullopt takes the value away.
+// Values of the platform; nullopt removes one.
 void config(const std::string& key, std::optional<std::string> value);
 void language(std::optional<std::string> value);
 void serverType(std::optional<int> value);
@@ -25,19 +25,19 @@ void gateway(bool exists);
 void gatewayFails(int code);
 void host(deployment_host_e which, std::optional<std::string> value);
 
-/// The service's credential and its key's number, as an integrator would write them.
+/// Credential and key id of the service, as an integrator writes them.
 void credential(const std::string& words, const std::string& keyId);
 
-/// A zone two hours east of UTC, one of them for daylight saving, at any time of the year.
+/// Sets a zone two hours east of UTC, one of them daylight saving, all year.
 void zoneWithDaylightSaving();
-/// A zone half past five hours east of UTC without it.
+/// Sets a zone five and a half hours east of UTC without daylight saving.
 void zoneWithoutDaylightSaving();
 void zoneThatCannotBeRead();
 
-/// The texts of the errors that were logged since the last bareDevice(), without their prefix.
+/// Texts of the errors logged since the last bareDevice(), without their prefix.
 std::vector<std::string> errors();
 
-/// The texts of all that was logged.
+/// Texts of all records since then.
 std::vector<std::string> texts();
 
 }  // namespace arrange

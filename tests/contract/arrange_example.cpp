@@ -6,7 +6,7 @@
 
 namespace {
 
-/// Kept until the next device takes its place, and left to the process's end.
+/// Lives until the next device replaces it; never destroyed at the end of the process.
 std::unique_ptr<ExampleDevice> g_device;
 
 }  // namespace

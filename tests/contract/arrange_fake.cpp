@@ -66,7 +66,7 @@ void arrange::host(deployment_host_e which, std::optional<std::string> value)
     platform().host(which, std::move(value));
 }
 
-/// The fake takes numbers: what is none has been refused by whoever reads the text.
+/// The fake takes numbers, so a text that is no number counts as not set.
 void arrange::credential(const std::string& words, const std::string& keyId)
 {
     std::array<std::uint32_t, 5> read{};

@@ -14,7 +14,7 @@ struct Device {
     device::CapturedLog log;
 };
 
-/// Kept until the next device takes its place, and left to the process's end.
+/// Lives until the next device replaces it; never destroyed at the end of the process.
 std::unique_ptr<Device> g_device;
 
 std::optional<std::string> asText(std::optional<int> number)
@@ -87,7 +87,7 @@ void arrange::credential(const std::string& words, const std::string& keyId)
 
 void arrange::zoneWithDaylightSaving()
 {
-    // Summer lasts from a hundred days ago to a hundred days ahead.
+    // Daylight saving lasts from a hundred days ago to a hundred days ahead.
     const time_t now = time(nullptr);
     struct tm today {};
     gmtime_r(&now, &today);

@@ -1,5 +1,5 @@
-// arrange_secure.h - how the contract suite of secure storage, key store and crypto container brings
-// a backend into a state: one source file for each backend fills this in.
+// arrange_secure.h - functions with which the contract suite of secure storage, key store and crypto
+// container sets the state of a backend. Each backend has a source file that defines them.
 #pragma once
 
 #include <optional>
@@ -8,21 +8,21 @@
 
 namespace arrange {
 
-/// Why the suite cannot run here; empty when it can.
+/// Reason why the suite cannot run here; empty when it can.
 std::string missing();
 
-/// A device without named data and without keys, with credential 1 2 3 4 5, key id 7 and the device
-/// key as sealed key material; the log is empty.
+/// Makes a device without named data and keys, with credential 1 2 3 4 5, key id 7, the device key as
+/// sealed key material, and an empty log.
 void secureDevice();
 
-/// The device key: a private key as PEM.
+/// The device's private key in PEM form.
 std::string deviceKeyPem();
 
 void credential(bool isSet);
 void keyId(std::optional<int> id);
 void keyMaterial(bool isSet);
 
-/// The texts of the errors that were logged since the last secureDevice().
+/// Texts of the errors logged since the last secureDevice().
 std::vector<std::string> secureErrors();
 
 }  // namespace arrange

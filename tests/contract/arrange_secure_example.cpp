@@ -12,7 +12,7 @@
 
 namespace {
 
-/// Kept for the process: its token is.
+/// Lives as long as the process, like its token.
 struct Device {
     device::SoftToken token;
     ExampleDevice files;

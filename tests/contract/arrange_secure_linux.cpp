@@ -14,7 +14,7 @@
 
 namespace {
 
-/// Kept for the process: its token is.
+/// Lives as long as the process, like its token.
 struct Device {
     device::Conf conf;
     device::SoftToken token;

@@ -1,5 +1,4 @@
-// example_device.h - the device of the worked example: a folder of files, and standard error for the
-// log.
+// example_device.h - the device of the worked example: a folder of files; the log is standard error.
 #pragma once
 
 #include "device_conf.h"
@@ -14,7 +13,7 @@ class ExampleDevice {
 public:
     ExampleDevice() { setenv("PLEVO_EXAMPLE_DEVICE", m_folder.path().c_str(), 1); }
 
-    /// Writes the file of a value, or takes it away.
+    /// Writes or removes the file of a value.
     void set(const std::string& name, const std::optional<std::string>& value) const
     {
         const std::filesystem::path path = m_folder.path() + "/" + name;

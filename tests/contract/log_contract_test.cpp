@@ -1,4 +1,4 @@
-// log_contract_test.cpp - what log.h promises of records on standard error.
+// log_contract_test.cpp - the contract of log.h for records on standard error.
 #include "arrange.h"
 
 #include <gmock/gmock.h>
@@ -14,7 +14,7 @@ using testing::Not;
 
 namespace {
 
-/// Puts a socket that keeps each write apart in the place of standard error.
+/// Replaces standard error by a socket that keeps writes apart.
 class ALog : public testing::Test {
 protected:
     void SetUp() override
@@ -31,7 +31,7 @@ protected:
             close(descriptor);
     }
 
-    /// What each write since the last call wrote.
+    /// The content of each write since the last call.
     std::vector<std::string> writes() const
     {
         std::vector<std::string> found;

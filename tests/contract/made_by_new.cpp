@@ -1,5 +1,4 @@
-// made_by_new.cpp - operator new for the suite and for the library that it tries, which notes what it
-// hands out.
+// made_by_new.cpp - operator new for the suite and for the tested library. It records its allocations.
 #include "made_by_new.h"
 
 #include <array>
@@ -13,7 +12,7 @@ namespace {
 
 using Address = std::uintptr_t;
 
-/// One of two that share a place is forgotten.
+/// Of two addresses in one place of the table the older one is lost.
 std::atomic<Address>& place(Address address)
 {
     static std::array<std::atomic<Address>, 16381> places{};

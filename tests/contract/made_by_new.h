@@ -1,5 +1,5 @@
-// made_by_new.h - tells memory of new from memory of malloc, also when a port's library has made it.
+// made_by_new.h - tells memory of operator new from memory of malloc, also that of a port's library.
 #pragma once
 
-/// True for memory that operator new or new[] has handed out and nobody has given back.
+/// True for memory of operator new or new[] that is not freed yet.
 bool madeByNew(const void* memory);

@@ -1,4 +1,4 @@
-// named_data_contract_test.cpp - what secure storage promises about named data, tried on a backend.
+// named_data_contract_test.cpp - the contract of named data, tested on a backend.
 #include "rsa_key.h"
 #include "secure_device.h"
 
@@ -22,7 +22,7 @@ protected:
                         0, name.c_str(), &client, kSealed);
     }
     int remove(const std::string& name) { return ss_delete(0, name.c_str(), &client, kSealed); }
-    /// The data, or nullopt with the error number, the outputs being untouched then.
+    /// @return the data; nullopt with the error number after a failure, which leaves the outputs untouched
     std::optional<std::string> read(const std::string& name, int* error = nullptr)
     {
         unsigned char mark = 0;

@@ -1,4 +1,4 @@
-// platform_contract_test.cpp - what the platform's headers promise, tried on a backend.
+// platform_contract_test.cpp - the contract of the platform's headers, tested on a backend.
 #include "arrange.h"
 #include "made_by_new.h"
 
@@ -25,7 +25,7 @@ namespace {
 
 const std::string kControls[] = {"a\rb", "a\nHost: evil", "a\r\nb", "\001", "a\x7f", "a\033[0m"};
 
-/// Takes a text that the platform handed out.
+/// Takes over a text that the platform has returned.
 std::optional<std::string> taken(char* text)
 {
     if (text == nullptr)
@@ -149,7 +149,7 @@ TEST_F(APlatform, KnowsNoOtherSystemInformation)
 
 class AnAccount : public APlatform {
 protected:
-    /// What a record holds before it is filled in.
+    /// Content of a record before the call.
     static constexpr int kFilling = 'x';
 
     static std::optional<std::string> guid()
@@ -164,7 +164,7 @@ protected:
         sso_get_auth_token(&text);
         return taken(text);
     }
-    /// The id, or nullopt when the read failed and left the record as it was.
+    /// @return the id; nullopt after a failure, which leaves the record unchanged
     static std::optional<std::string> loginId()
     {
         sso_login_info_s info;

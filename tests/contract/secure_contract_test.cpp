@@ -1,5 +1,5 @@
-// secure_contract_test.cpp - what key store, crypto container and deployment promise about keys and
-// the client, tried on a backend.
+// secure_contract_test.cpp - the contract of key store, crypto container and deployment for keys and the
+// client, tested on a backend.
 #include "rsa_key.h"
 #include "secure_device.h"
 
@@ -59,7 +59,7 @@ protected:
     {
         return store(withZeroBefore(key.modulus()), withZeroBefore(key.privateExponent()), id);
     }
-    /// The result, or nothing when it failed, the block being untouched then.
+    /// @return the result; empty after a failure, which leaves the block untouched
     Bytes encrypt(std::int32_t id, Bytes block, int* error = nullptr)
     {
         const Bytes before = block;

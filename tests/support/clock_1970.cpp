@@ -1,5 +1,5 @@
-// clock_1970.cpp - preloaded, it takes a program back to the minute after the clock began: as on a
-// device that has no battery and has not asked for the time yet.
+// clock_1970.cpp - a preloaded library that sets a program's clock to January 1970: a device without a
+// battery that has not asked for the time yet.
 #include <ctime>
 
 extern "C" __attribute__((visibility("default"))) time_t time(time_t* result) noexcept

@@ -1,5 +1,5 @@
-// device_certificate.h - a device's certificate, for a key of the test's own. It is self-signed: a
-// server that is to let the device in trusts the certificate itself.
+// device_certificate.h - a self-signed certificate of a device, for a key of the test. A server that
+// lets the device in trusts the certificate itself.
 #pragma once
 
 #include "test_certificates.h"
@@ -8,12 +8,15 @@
 
 namespace test {
 
-/// A new private RSA key, as PEM. @param bits of its modulus
+/// Makes a private RSA key in PEM form.
+/// @param bits of its modulus
 std::string newRsaKeyPem(int bits = 2048);
-/// A new private key on an elliptic curve, as PEM.
+/// Makes a private key on an elliptic curve in PEM form.
 std::string newEcKeyPem();
 
-/// A certificate for the key. @param keyPem a private key @param name its common name
+/// Makes a certificate for the key.
+/// @param keyPem a private key
+/// @param name common name
 Identity selfSigned(const std::string& keyPem, const std::string& name);
 
 std::string pemOf(const X509& certificate);

@@ -17,7 +17,7 @@ namespace device {
 
 namespace {
 
-/// The folders there are. What is left of them goes at the end of the process, but not of a child.
+/// The present folders. The end of the process removes the rest; the end of a child process does not.
 std::set<std::string>& folders()
 {
     static const pid_t s_process = getpid();
@@ -29,7 +29,7 @@ std::set<std::string>& folders()
                     std::filesystem::remove_all(path, ignored);
             }
         });
-        // Never destroyed: static objects tell of their folders after that.
+        // Never destroyed: destructors of static objects use it.
         return new std::set<std::string>;
     }();
     return *s_folders;
@@ -75,7 +75,7 @@ void Conf::set(const std::string& group, const std::string& key, std::optional<s
 
 namespace {
 
-/// Files that are made meanwhile are for nobody else, as those of a device are.
+/// Sets a umask that keeps new files from group and others, as on a device.
 struct Private {
     Private() : before(umask(S_IRWXG | S_IRWXO)) {}
     ~Private() { umask(before); }

@@ -8,7 +8,7 @@
 
 namespace device {
 
-/// A folder of its own under the system's temporary one, removed at the end.
+/// A temporary folder; the destructor removes it.
 class Folder {
 public:
     Folder();
@@ -24,15 +24,15 @@ private:
 /// The settings file that PLEVO_DEVICE_CONF names.
 class Conf {
 public:
-    /// Without a file; the variable is set.
+    /// Sets PLEVO_DEVICE_CONF and makes no file.
     Conf();
 
     std::string path() const { return m_folder.path() + "/device.conf"; }
-    /// Sets one key, or takes it away, and writes the file.
+    /// Sets or removes one key and writes the file.
     void set(const std::string& group, const std::string& key, std::optional<std::string> value);
-    /// Writes the file as given.
+    /// Writes this text into the file.
     void write(const std::string& bytes) const;
-    /// Puts a new file in its place, as an editor does.
+    /// Replaces the file by rename, as an editor does.
     void replace(const std::string& bytes) const;
     void remove() const;
 
@@ -41,7 +41,7 @@ private:
     std::map<std::string, std::map<std::string, std::string>> m_values;
 };
 
-/// Standard error of this process, led into a file while this lives.
+/// Redirects standard error of this process into a file while it lives.
 class CapturedLog {
 public:
     CapturedLog();
@@ -49,10 +49,10 @@ public:
     CapturedLog(const CapturedLog&) = delete;
     CapturedLog& operator=(const CapturedLog&) = delete;
 
-    /// Everything written so far.
+    /// All text written so far.
     std::string text() const;
     std::vector<std::string> lines() const;
-    /// The lines that begin so, without that.
+    /// The lines with this prefix, without it.
     std::vector<std::string> linesWith(const std::string& prefix) const;
     void clear() const;
 

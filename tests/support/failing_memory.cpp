@@ -1,8 +1,8 @@
-// failing_memory.cpp - preloaded, it refuses one allocation of a process: the one that a test asks for.
+// failing_memory.cpp - a preloaded library that refuses one allocation of a process; the test chooses it.
 //
-// The file that $FAILING_MEMORY names is shared with the test: see Page. Allocations are counted while
-// `wanted` is not 0, over all threads; the one whose number is `wanted` gets no memory. Who asked for it
-// is written down: the file of the program or library, and the place in it.
+// $FAILING_MEMORY names a file that is shared with the test: see Page. While `wanted` is not 0, the
+// allocations of all threads are counted, and the one with this number fails. The page then names its
+// caller: the file of the program or library, and the place in it.
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <sys/mman.h>
@@ -14,7 +14,7 @@
 #include <cstdlib>
 #include <cstring>
 
-// The C library's own functions, which are never refused.
+// The C library's own functions, which never fail on purpose.
 extern "C" {
 void* __libc_malloc(size_t size);
 void* __libc_calloc(size_t count, size_t size);

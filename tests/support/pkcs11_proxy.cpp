@@ -1,4 +1,4 @@
-// pkcs11_proxy.cpp - a PKCS#11 module that stands before the software token's.
+// pkcs11_proxy.cpp - a PKCS#11 module in front of the software token's.
 #include "pkcs11_proxy.h"
 
 #include <dlfcn.h>
@@ -27,7 +27,7 @@ const std::map<std::string, Fault> kNames = {{"None", Fault::None},
                                              {"Removed", Fault::Removed},
                                              {"PinFinalTry", Fault::PinFinalTry}};
 
-/// Writes a call down, and does from now on what the test's process says.
+/// Records a call and reads the fault that the test's process has set.
 void enter(const char* call)
 {
     const char* const folder = getenv(proxy::kFolderVariable);

@@ -1,5 +1,5 @@
-// pkcs11_proxy.h - a PKCS#11 module that stands before the software token's, counts what it is asked
-// and goes wrong on demand.
+// pkcs11_proxy.h - a PKCS#11 module in front of the software token's. It counts calls and has faults on
+// demand.
 #pragma once
 
 #include <atomic>
@@ -12,7 +12,7 @@ enum class Fault {
     WrongBlock,      ///< signatures have one bit changed
     NoRawRsa,        ///< CKM_RSA_X_509 is not offered
     RawRsaListed,    ///< CKM_RSA_X_509 is offered and then refused
-    RemovedOnce,     ///< the next signature finds the device removed; the session is gone then
+    RemovedOnce,     ///< the next signature finds the device removed and loses the session
     Removed,         ///< every signature finds the device removed
     FunctionFailed,  ///< every signature fails without a reason
     OneAtATime,      ///< a search gives one object at a time
@@ -25,22 +25,23 @@ enum class Fault {
     ErrorsLeft,      ///< a signature is made, and leaves an error in OpenSSL's queue
 };
 
-/// Filled by the module, set by the test. The module's own: found with its symbol kControlSymbol.
+/// Counters of the module and switches of the test. The object belongs to the module; kControlSymbol is
+/// its symbol.
 struct Control {
     std::atomic<Fault> fault{Fault::None};
-    std::atomic<int> delayMs{0};  ///< how long a signature takes at least
+    std::atomic<int> delayMs{0};  ///< least duration of a signature
     std::atomic<int> logins{0};
     std::atomic<int> sessions{0};
     std::atomic<int> signatures{0};
     std::atomic<int> inside{0};      ///< threads in C_Sign
-    std::atomic<int> mostInside{0};  ///< most of them at once
+    std::atomic<int> mostInside{0};  ///< largest number of threads at once
 };
 
 constexpr const char* kControlSymbol = "test_pkcs11_proxy_control";
-/// Names the module behind it. These variables are among those that the daemon keeps.
+/// Variable with the path of the module behind the proxy. The daemon does not clear it, nor the next one.
 constexpr const char* kRealVariable = "PKCS11_PROXY_REAL";
-/// Names a folder, for a test that is another process: a file "fault" there, when there is one, holds
-/// a fault's name and a delay in milliseconds, and each call appends its line to "calls".
+/// Variable with a folder, for a test in another process. Its file "fault", if any, has the name of a
+/// fault and a delay in milliseconds. Each call appends a line to its file "calls".
 constexpr const char* kFolderVariable = "PKCS11_PROXY_FOLDER";
 
 }  // namespace proxy

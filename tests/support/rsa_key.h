@@ -1,4 +1,4 @@
-// rsa_key.h - an RSA key of a test, as bare numbers.
+// rsa_key.h - an RSA key for tests, as bare numbers.
 #pragma once
 
 #include <openssl/bn.h>
@@ -22,7 +22,8 @@ struct RsaKey {
     };
     std::unique_ptr<EVP_PKEY, Free> key;
 
-    /// A new one. @param exponent the public one
+    /// Makes a key.
+    /// @param exponent public exponent
     static RsaKey make(unsigned bits = 2048, unsigned exponent = 65537)
     {
         const std::unique_ptr<BIGNUM, Free> e(BN_new());
@@ -61,7 +62,7 @@ struct RsaKey {
     Bytes publicExponent() const { return number("e"); }
     Bytes privateExponent() const { return number("d"); }
 
-    /// The public operation on 256 bytes, done by OpenSSL.
+    /// The public operation on 256 bytes, by OpenSSL.
     Bytes publicOperation(const Bytes& in) const
     {
         EVP_PKEY_CTX* const context = EVP_PKEY_CTX_new(key.get(), nullptr);
@@ -86,7 +87,7 @@ private:
     }
 };
 
-/// A block as the service pads it: 0, 1, filling, 0 and so many bytes of content.
+/// A block with the padding of the service: 0, 1, filling, 0 and so many bytes of content.
 inline Bytes paddedBlock(std::size_t content = 51, unsigned char seed = 1)
 {
     Bytes block(256, 0xff);

@@ -1,5 +1,5 @@
-// slow_names.cpp - preloaded, it keeps whoever looks up a name waiting for a minute: as a device does
-// whose name servers do not answer.
+// slow_names.cpp - a preloaded library that delays each look-up of a name by a minute: a device whose name
+// servers do not answer.
 #include <netdb.h>
 #include <unistd.h>
 

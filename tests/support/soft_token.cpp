@@ -1,4 +1,4 @@
-// soft_token.cpp - a software token of the tests' own, in a temporary folder.
+// soft_token.cpp - a software token for tests, in a temporary folder.
 #include "soft_token.h"
 
 #include <sys/stat.h>

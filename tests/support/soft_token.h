@@ -1,4 +1,4 @@
-// soft_token.h - a software token of the tests' own, in a temporary folder.
+// soft_token.h - a software token for tests, in a temporary folder.
 #pragma once
 
 #include "device_conf.h"
@@ -7,11 +7,12 @@
 
 namespace device {
 
-/// Finds the software token's module. @return empty when it is not installed
+/// Finds the software token's module.
+/// @return empty when it is not installed
 std::string softTokenModule();
 
-/// Initialised, without keys. SOFTHSM2_CONF is set for it;
-/// one of these lives in a process at a time.
+/// An initialised token without keys. The constructor sets SOFTHSM2_CONF, so only one object may live
+/// in a process at a time.
 class SoftToken {
 public:
     SoftToken();
@@ -19,9 +20,9 @@ public:
     SoftToken(const SoftToken&) = delete;
     SoftToken& operator=(const SoftToken&) = delete;
 
-    /// Another token beside it, with the same PIN.
+    /// Adds another token with the same PIN.
     void add(const std::string& label) const;
-    /// Away with all tokens, and back.
+    /// Removes all tokens, and brings them back.
     void pull() const;
     void putBack() const;
 
@@ -29,11 +30,12 @@ public:
     const std::string& pin() const { return m_pin; }
     const std::string& pinFile() const { return m_pinFile; }
     void writePin(const std::string& bytes, unsigned mode = 0600) const;
-    /// The folder of all of it.
+    /// The folder with configuration, PIN and tokens.
     const std::string& folder() const { return m_folder.path(); }
     std::string tokens() const { return folder() + "/tokens"; }
 
-    /// Sets the four keys of [keystore] for it. @param module softTokenModule() or one in front of it
+    /// Sets the four keys of [keystore] for this token.
+    /// @param module softTokenModule() or a proxy in front of it
     void use(Conf& conf, const std::string& module) const;
 
 private:

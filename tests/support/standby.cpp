@@ -1,5 +1,5 @@
-// standby.cpp - preloaded, it has the clock that runs on in standby run ahead by as many seconds as stand
-// in the file $STANDBY_FILE: as on a device that has slept so long while no other clock moved.
+// standby.cpp - a preloaded library that adds the seconds in the file $STANDBY_FILE to CLOCK_BOOTTIME,
+// the clock that counts standby: a device that has slept for so long while its other clocks stood still.
 #include <dlfcn.h>
 
 #include <cstdio>
@@ -10,7 +10,7 @@ namespace {
 
 const char* g_name = nullptr;
 
-// The daemon clears what it does not know from its environment.
+// Read in a constructor, since the daemon clears the variable later.
 __attribute__((constructor)) void keepName()
 {
     g_name = std::getenv("STANDBY_FILE");

@@ -40,7 +40,7 @@ void addExtension(X509* certificate, X509* issuer, int id, const char* value)
     X509_EXTENSION_free(extension);
 }
 
-/// A certificate without extensions and signature; a null issuer means itself.
+/// Makes a certificate without extensions and signature. A null issuer makes it self-issued.
 Identity draft(std::string name, X509* issuer)
 {
     Identity made;
@@ -51,7 +51,7 @@ Identity draft(std::string name, X509* issuer)
     static long serial = 0;
     X509_set_version(certificate, 2);
     ASN1_INTEGER_set(X509_get_serialNumber(certificate), ++serial);
-    name += ' ' + std::to_string(serial);  // two authorities must not be taken for one
+    name += ' ' + std::to_string(serial);  // authorities need different names
     X509_gmtime_adj(X509_getm_notBefore(certificate), -3600);
     X509_gmtime_adj(X509_getm_notAfter(certificate), 24L * 3600);
     X509_set_pubkey(certificate, made.key.get());

@@ -1,5 +1,5 @@
-// test_certificates.h - throw-away certificates for the test servers. Keys are made at each run and
-// live in a temporary folder.
+// test_certificates.h - certificates of the test servers. Each run makes new keys in a temporary
+// folder.
 #pragma once
 
 #include <openssl/evp.h>
@@ -22,7 +22,7 @@ struct Identity {
     std::unique_ptr<X509, OpenSslFree> certificate;
 };
 
-/// A folder that goes with its owner.
+/// A temporary folder; the destructor removes it.
 class TemporaryFolder {
 public:
     TemporaryFolder();
@@ -36,12 +36,12 @@ private:
     std::filesystem::path m_path;
 };
 
-/// An authority of its own that nobody else trusts.
+/// A certificate authority for one test.
 class CertificateAuthority {
 public:
     CertificateAuthority();
 
-    /// A server certificate for these names.
+    /// Issues a server certificate for these names.
     Identity issue(const std::string& names = "IP:127.0.0.1,DNS:localhost") const;
 
     void writeTo(const std::string& path) const;
@@ -50,7 +50,7 @@ private:
     Identity m_self;
 };
 
-/// Writes a certificate and its key as PEM, for servers that read files.
+/// Writes a certificate and its key as PEM files.
 void writeIdentity(const Identity& identity, const std::string& certificatePath,
                    const std::string& keyPath);
 

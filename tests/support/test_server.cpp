@@ -1,4 +1,4 @@
-// test_server.cpp - sockets, TLS and as much HTTP/1.1 as the tests need.
+// test_server.cpp - sockets, TLS and the part of HTTP/1.1 that the tests need.
 #include "test_server.h"
 
 #include <arpa/inet.h>

@@ -1,5 +1,5 @@
-// test_server.h - an HTTP/1.1 server on 127.0.0.1 that does just what a test tells it, byte by
-// byte: plain or TLS, a thread for each connection, on a port that the kernel chooses.
+// test_server.h - an HTTP/1.1 server on 127.0.0.1 whose bytes a test decides: plain or TLS, one thread
+// for each connection, on a port that the kernel chooses.
 #pragma once
 
 #include "test_certificates.h"
@@ -18,7 +18,7 @@
 
 namespace test {
 
-/// One request as it came.
+/// One request, unchanged.
 struct Request {
     std::string head;  ///< request line and header lines, up to the empty line
     std::string body;
@@ -36,9 +36,9 @@ public:
     Connection(const Connection&) = delete;
     Connection& operator=(const Connection&) = delete;
 
-    /// @return false when TLS was asked for and the handshake failed
+    /// @return false when the TLS handshake has failed; true without TLS
     bool handshake();
-    /// A TLS session was taken up again instead of being made anew.
+    /// True for a resumed TLS session.
     bool resumed() const;
 
     /// The TLS connection; null without TLS.
@@ -46,12 +46,12 @@ public:
 
     /// @return false at the end of the connection
     bool read(Request& request);
-    /// @return false when the other side has gone
+    /// @return false when the client has closed the connection
     bool write(std::string_view bytes);
     /// Answers with status 200 and a body.
     bool answer(std::string_view body);
 
-    /// Says good-bye, as a server does that ends a connection in order.
+    /// Sends the close alert of TLS, as a server does that ends a connection in order.
     void end();
     /// Ends reads and writes, from any thread.
     void shutDown();
@@ -69,11 +69,11 @@ private:
 };
 
 struct ServerOptions {
-    const Identity* identity = nullptr;  ///< null: plain http
-    int tlsVersion = 0;                  ///< TLS1_2_VERSION or the like; 0: whatever is agreed
-    bool keepsRequests = true;           ///< false: for a great many, which nobody looks at
-    std::function<void(SSL_CTX*)> adjust = {};  ///< whatever else the TLS context is to be like
-    bool tickets = true;                        ///< false: no session can be taken up again
+    const Identity* identity = nullptr;         ///< null: plain http
+    int tlsVersion = 0;                         ///< TLS1_2_VERSION or the like; 0: negotiated
+    bool keepsRequests = true;                  ///< false for tests with very many requests
+    std::function<void(SSL_CTX*)> adjust = {};  ///< changes the TLS context further
+    bool tickets = true;                        ///< false: no session can be resumed
 };
 
 class TestServer {
@@ -94,7 +94,7 @@ public:
     int fullHandshakes() const { return m_fullHandshakes; }
     int resumedHandshakes() const { return m_resumedHandshakes; }
 
-    /// Every request that was read, in the order of arrival.
+    /// All requests in the order of arrival.
     std::vector<Request> requests() const;
 
 private:
@@ -131,7 +131,7 @@ private:
     std::thread m_acceptor;
 };
 
-/// A handler that answers every request of a connection with the same body.
+/// Makes a handler that answers all requests of a connection with the same body.
 TestServer::Handler always(std::string body);
 
 }  // namespace test
