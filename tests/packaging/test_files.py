@@ -251,7 +251,7 @@ def test_the_profile_lets_the_daemon_ask_what_its_callers_have_not_read(installe
     allowed = {(interface, member) for interface, members in rules for member in members.strip("{}").split(",")}
     # The abstraction dbus-strict has these.
     allowed |= {("org.freedesktop.DBus", member) for member in ("AddMatch", "GetNameOwner")}
-    source = (TREE / "service/core/BusFilter.cpp").read_text(encoding="utf-8")
+    source = (TREE / "service/bus/BusFilter.cpp").read_text(encoding="utf-8")
     asked = re.findall(r'(BUS_NAME|"org\.freedesktop\.DBus\.[\w.]+"),\s*"(\w+)"', source)
     asked = {
         ("org.freedesktop.DBus" if interface == "BUS_NAME" else interface.strip('"'), member) for interface, member in asked
