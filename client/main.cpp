@@ -1,10 +1,10 @@
 // main.cpp - billingctl: the commands and their options.
-#include "calls.h"
+#include "base/calls.h"
 #include "common/nearest.h"
-#include "doctor.h"
+#include "doctor/doctor.h"
 #include "monitor.h"
 #include "report.h"
-#include "settings_check.h"
+#include "settings/settings_check.h"
 #include "status.h"
 
 #include <CLI/CLI.hpp>

@@ -1,10 +1,10 @@
 // monitor.cpp - a connection that only listens. Messages arrive on GDBus's thread, one at a time.
 #include "monitor.h"
 
-#include "bus.h"
-#include "calls.h"
-#include "json.h"
-#include "text.h"
+#include "base/bus.h"
+#include "base/calls.h"
+#include "base/json.h"
+#include "base/text.h"
 
 #include <unistd.h>
 

@@ -1,9 +1,9 @@
 // report.cpp - one text with everything that support needs, secrets hidden.
 #include "report.h"
 
-#include "calls.h"
-#include "process.h"
-#include "text.h"
+#include "base/calls.h"
+#include "base/process.h"
+#include "base/text.h"
 
 #include <fcntl.h>
 #include <json/json.h>

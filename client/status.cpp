@@ -1,16 +1,16 @@
 // status.cpp - how the service is, in a few lines.
 #include "status.h"
 
-#include "calls.h"
-#include "certificate.h"
+#include "base/calls.h"
+#include "base/json.h"
+#include "base/platform_log.h"
+#include "base/text.h"
 #include "common/places.h"
-#include "eyes.h"
-#include "identity.h"
-#include "json.h"
+#include "device/certificate.h"
+#include "device/eyes.h"
+#include "device/identity.h"
 #include "linux/settings/settings.h"
-#include "platform_library.h"
-#include "platform_log.h"
-#include "text.h"
+#include "settings/platform_library.h"
 
 #include <platform/account.h>
 #include <platform/deployment.h>

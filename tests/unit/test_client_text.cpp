@@ -1,7 +1,7 @@
 // test_client_text.cpp - how billingctl shows texts of others.
-#include "calls.h"
-#include "json.h"
-#include "text.h"
+#include "base/calls.h"
+#include "base/json.h"
+#include "base/text.h"
 
 #include <gtest/gtest.h>
 

@@ -2,10 +2,10 @@
 // daemon's answer does not tell is its HTTP status and why a handshake failed.
 #include "BillingHttpConnector.h"
 #include "BillingHttpRequest.h"
-#include "certificate.h"
+#include "base/platform_log.h"
+#include "base/text.h"
+#include "device/certificate.h"
 #include "doctor.h"
-#include "platform_log.h"
-#include "text.h"
 
 #include <glib.h>
 

@@ -1,8 +1,8 @@
 // facts.cpp - what the bus, the service manager and the journal know of the service.
 #include "facts.h"
 
-#include "bus.h"
-#include "process.h"
+#include "base/bus.h"
+#include "base/process.h"
 
 #include <algorithm>
 #include <cmath>

@@ -1,7 +1,7 @@
 // store_attempt.h - one request to the store, and how far it came.
 #pragma once
 
-#include "certificate.h"
+#include "device/certificate.h"
 
 #include <curl/curl.h>
 #include <openssl/x509_vfy.h>

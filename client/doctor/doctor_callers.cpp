@@ -1,5 +1,5 @@
 // doctor_callers.cpp - callers that the service holds back or refuses, and what it needs for that.
-#include "bus.h"
+#include "base/bus.h"
 #include "doctor.h"
 
 #include <map>

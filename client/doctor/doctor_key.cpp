@@ -1,11 +1,11 @@
 // doctor_key.cpp - the token, and the device's key in it.
-#include "certificate.h"
+#include "base/platform_log.h"
 #include "common/raw_rsa.h"
+#include "device/certificate.h"
 #include "doctor.h"
 #include "keystore/key_store.h"
 #include "linux/settings/settings.h"
-#include "platform_library.h"
-#include "platform_log.h"
+#include "settings/platform_library.h"
 
 #include <platform/deployment.h>
 #include <platform/secure_storage.h>

@@ -1,14 +1,14 @@
 // doctor.cpp - the order of the checks, how their findings are shown, and what several checks say.
 #include "doctor.h"
 
-#include "calls.h"
-#include "certificate.h"
-#include "json.h"
+#include "base/calls.h"
+#include "base/json.h"
+#include "base/process.h"
+#include "base/text.h"
+#include "device/certificate.h"
 #include "linux/settings/module_environment.h"
 #include "linux/settings/settings.h"
-#include "platform_library.h"
-#include "process.h"
-#include "text.h"
+#include "settings/platform_library.h"
 
 #include <sys/prctl.h>
 #include <sys/stat.h>

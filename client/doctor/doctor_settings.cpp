@@ -1,11 +1,11 @@
 // doctor_settings.cpp - the settings file.
-#include "certificate.h"
+#include "base/platform_log.h"
+#include "device/certificate.h"
 #include "doctor.h"
 #include "linux/settings/settings.h"
 #include "linux/settings/settings_file.h"
-#include "platform_library.h"
-#include "platform_log.h"
-#include "settings_check.h"
+#include "settings/platform_library.h"
+#include "settings/settings_check.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>

@@ -1,11 +1,11 @@
 // settings_check.cpp - what is wrong in a settings file, line by line.
 #include "settings_check.h"
 
-#include "calls.h"
-#include "json.h"
+#include "base/calls.h"
+#include "base/json.h"
+#include "base/text.h"
 #include "linux/settings/settings_file.h"
 #include "linux/settings/settings_known.h"
-#include "text.h"
 
 #include <unistd.h>
 

@@ -2,9 +2,9 @@
 #pragma once
 
 #include "common/places.h"
-#include "eyes.h"
-#include "finding.h"
-#include "identity.h"
+#include "device/eyes.h"
+#include "device/finding.h"
+#include "device/identity.h"
 
 #include <string>
 

@@ -1,7 +1,7 @@
 // eyes.cpp - root's eyes: questions and answers, one JSON line each.
 #include "eyes.h"
 
-#include "json.h"
+#include "base/json.h"
 
 #include <sys/prctl.h>
 #include <sys/socket.h>

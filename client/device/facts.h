@@ -1,7 +1,7 @@
 // facts.h - what the system knows of the service: the process that has its name, its unit, its log.
 #pragma once
 
-#include "process.h"
+#include "base/process.h"
 
 #include <json/json.h>
 

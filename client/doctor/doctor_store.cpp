@@ -1,9 +1,9 @@
 // doctor_store.cpp - the way to the store: one request, taken apart into its stages.
-#include "certificate.h"
+#include "base/platform_log.h"
+#include "device/certificate.h"
 #include "doctor.h"
 #include "linux/settings/settings.h"
-#include "platform_library.h"
-#include "platform_log.h"
+#include "settings/platform_library.h"
 #include "store_attempt.h"
 
 #include <platform/deployment.h>

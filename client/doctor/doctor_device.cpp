@@ -1,6 +1,6 @@
 // doctor_device.cpp - what the device proves itself with, what it trusts, and its clock.
-#include "certificate.h"
 #include "common/raw_rsa.h"
+#include "device/certificate.h"
 #include "doctor.h"
 
 #include <unistd.h>

@@ -1,11 +1,11 @@
 // doctor_service.cpp - the service as its manager and its callers meet it.
-#include "bus.h"
-#include "calls.h"
-#include "certificate.h"
+#include "base/bus.h"
+#include "base/calls.h"
+#include "base/process.h"
+#include "device/certificate.h"
 #include "doctor.h"
 #include "linux/settings/settings.h"
-#include "platform_library.h"
-#include "process.h"
+#include "settings/platform_library.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
