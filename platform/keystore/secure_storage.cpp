@@ -1,11 +1,11 @@
-// secure_storage.cpp - secure storage in the sealed file store of [keystore] store, and the key
-// store on the token of [keystore].
+// secure_storage.cpp - secure storage: named data in the vault at [keystore] store, keys in the key
+// store, which is the token of [keystore].
 #include "answered.h"
 #include "common/raw_rsa.h"
 #include "common/secure_rules.h"
 #include "configuration.h"
-#include "file_store.h"
 #include "key_store.h"
+#include "vault.h"
 
 #include <platform/secure_storage.h>
 
@@ -68,14 +68,14 @@ keystore::Place placeOfKeys()
     return *kept.place;
 }
 
-filestore::Store store()
+keystore::Vault vault()
 {
     const auto folder = keystore::configuration().text("store");
     if (!folder) {
         keystore::configuration().reportMissing("store", "no named data can be kept");
         throw secure::Error(SS_ERROR_UNAVAILABLE, "");
     }
-    return filestore::Store(*folder);
+    return keystore::Vault(*folder);
 }
 
 }  // namespace
@@ -99,7 +99,7 @@ int ss_read(unsigned char** buffer, size_t* size, int, int, const char* name,
     return seam::answered(kStorage, [&] {
         require(buffer != nullptr && size != nullptr &&
                 securerules::areArguments(name, credential, flags));
-        const secret::Bytes data = store().read(*credential, name);
+        const secret::Bytes data = vault().read(*credential, name);
         *buffer = handOut(data);
         *size = data.size();
     });
@@ -111,7 +111,7 @@ int ss_write(const unsigned char* data, size_t size, const void*, int, const cha
     return seam::answered(kStorage, [&] {
         require((data != nullptr || size == 0) && size <= securerules::kDataLimit &&
                 securerules::areArguments(name, credential, flags));
-        store().write(*credential, name, data, size);
+        vault().write(*credential, name, data, size);
     });
 }
 
@@ -119,7 +119,7 @@ int ss_delete(int, const char* name, const ss_credential_s* credential, int flag
 {
     return seam::answered(kStorage, [&] {
         require(securerules::areArguments(name, credential, flags));
-        store().remove(*credential, name);
+        vault().remove(*credential, name);
     });
 }
 

@@ -6,7 +6,7 @@ KEYS = [
     "tests/contract/contract_secure_linux",
     "tests/unit/platform/key_store_test",
     "tests/unit/platform/token_rights_test",
-    "tests/unit/platform/file_store_test",
+    "tests/unit/platform/vault_test",
 ]
 
 # What a program loads when it runs.
@@ -57,7 +57,7 @@ COVERED = [
     ("platform/curl/easy", mzcurl("easy", "refusal")),
     ("platform/curl/options", mzcurl("easy", "refusal", "trust")),
     ("platform/curl/", mzcurl("multi", "refusal", "limits", "resend", "burst", "large")),
-    ("platform/keystore/file_store", ["tests/unit/platform/file_store_test", "tests/contract/contract_secure_linux"]),
+    ("platform/keystore/vault", ["tests/unit/platform/vault_test", "tests/contract/contract_secure_linux"]),
     ("platform/keystore/", KEYS),
 ]
 

@@ -1,4 +1,4 @@
-// file_store.h - named data, each in a sealed file of its own, in one folder.
+// vault.h - named data, each in a sealed file of its own, in one folder.
 //
 // File name: SHA-256 of client and name in hex, then ".data". Content: the eight bytes "BILLDAT1",
 // then the data sealed with AES-256-GCM. The associated data of the seal are these eight bytes, the
@@ -14,13 +14,13 @@
 #include <optional>
 #include <string>
 
-namespace filestore {
+namespace keystore {
 
 /// Each function throws secure::Error. Thread: any, also in several processes at once.
-class Store {
+class Vault {
 public:
     /// @param folder the first write makes it; its parent must exist
-    explicit Store(std::string folder) : m_folder(std::move(folder)) {}
+    explicit Vault(std::string folder) : m_folder(std::move(folder)) {}
 
     /// Throws SS_ERROR_NOT_FOUND, without a text, when there is no such name.
     secret::Bytes read(const ss_credential_s& client, const std::string& name) const;
@@ -37,4 +37,4 @@ private:
     std::string m_folder;
 };
 
-}  // namespace filestore
+}  // namespace keystore

@@ -1,5 +1,5 @@
-// file_store_test.cpp - the sealed file store: power cuts, tampering, rights.
-#include "keystore/file_store.h"
+// vault_test.cpp - the vault: power cuts, tampering, rights.
+#include "keystore/vault.h"
 
 #include "device_conf.h"
 #include "keystore/secure_error.h"
@@ -25,21 +25,21 @@ namespace {
 
 namespace fs = std::filesystem;
 
-class AFileStore : public testing::Test {
+class AVault : public testing::Test {
 protected:
     void write(const std::string& name, const std::string& data) const
     {
-        store.write(client, name, reinterpret_cast<const unsigned char*>(data.data()), data.size());
+        vault.write(client, name, reinterpret_cast<const unsigned char*>(data.data()), data.size());
     }
     std::string read(const std::string& name) const
     {
-        const secret::Bytes data = store.read(client, name);
+        const secret::Bytes data = vault.read(client, name);
         return {data.begin(), data.end()};
     }
     ss_error_e errorOfRead(const std::string& name) const
     {
         try {
-            store.read(client, name);
+            vault.read(client, name);
         } catch (const secure::Error& error) {
             return error.code();
         }
@@ -87,11 +87,11 @@ protected:
 
     device::Folder folder;
     std::string path = folder.path() + "/store";
-    filestore::Store store{path};
+    keystore::Vault vault{path};
     ss_credential_s client{{1, 2, 3, 4, 5}, 1, 0};
 };
 
-TEST_F(AFileStore, HoldsTheOldOrTheNewDataAfterAKillAtAnyMoment)
+TEST_F(AVault, HoldsTheOldOrTheNewDataAfterAKillAtAnyMoment)
 {
     // Long enough for a kill to fall into the middle.
     const std::string values[] = {std::string(300000, 'a'), std::string(200000, 'b')};
@@ -124,7 +124,7 @@ TEST_F(AFileStore, HoldsTheOldOrTheNewDataAfterAKillAtAnyMoment)
 }
 
 // As the service writes: it deletes the name first.
-TEST_F(AFileStore, HoldsTheOldTheNewOrNoDataWhenTheyAreDeletedFirst)
+TEST_F(AVault, HoldsTheOldTheNewOrNoDataWhenTheyAreDeletedFirst)
 {
     const std::string values[] = {std::string(300000, 'a'), std::string(200000, 'b')};
     std::mt19937 random(20240301);
@@ -135,7 +135,7 @@ TEST_F(AFileStore, HoldsTheOldTheNewOrNoDataWhenTheyAreDeletedFirst)
         const pid_t writer = fork();
         if (writer == 0) {
             for (int i = 1;; i++) {
-                store.remove(client, "name");
+                vault.remove(client, "name");
                 write("name", values[(i + round) % 2]);
             }
         }
@@ -158,7 +158,7 @@ TEST_F(AFileStore, HoldsTheOldTheNewOrNoDataWhenTheyAreDeletedFirst)
     EXPECT_GT(seen[2], 0);
 }
 
-TEST_F(AFileStore, KeepsItsFilesFromOthersWhateverTheUmask)
+TEST_F(AVault, KeepsItsFilesFromOthersWhateverTheUmask)
 {
     const mode_t before = umask(0);
     write("name", "data");
@@ -175,7 +175,7 @@ TEST_F(AFileStore, KeepsItsFilesFromOthersWhateverTheUmask)
     EXPECT_EQ(files, 3);
 }
 
-TEST_F(AFileStore, ShowsNeitherNamesNorData)
+TEST_F(AVault, ShowsNeitherNamesNorData)
 {
     write("the-secret-name", "the-secret-data");
     for (const auto& entry : fs::directory_iterator(path)) {
@@ -184,7 +184,7 @@ TEST_F(AFileStore, ShowsNeitherNamesNorData)
     }
 }
 
-TEST_F(AFileStore, ReadsNoFileThatWasChangedAnywhere)
+TEST_F(AVault, ReadsNoFileThatWasChangedAnywhere)
 {
     write("name", "data");
     const fs::path file = dataFiles().at(0);
@@ -203,7 +203,7 @@ TEST_F(AFileStore, ReadsNoFileThatWasChangedAnywhere)
     EXPECT_EQ(read("name"), "data");
 }
 
-TEST_F(AFileStore, ReadsNoFileThatIsPassedOffAsAnother)
+TEST_F(AVault, ReadsNoFileThatIsPassedOffAsAnother)
 {
     write("one", "1");
     const fs::path first = dataFiles().at(0);
@@ -216,7 +216,7 @@ TEST_F(AFileStore, ReadsNoFileThatIsPassedOffAsAnother)
     EXPECT_EQ(errorOfRead("two"), SS_ERROR_BROKEN);
 }
 
-TEST_F(AFileStore, DoesNotBuryDataUnderANewKeyWhenItsKeyIsGone)
+TEST_F(AVault, DoesNotBuryDataUnderANewKeyWhenItsKeyIsGone)
 {
     write("name", "data");
     fs::rename(path + "/store.key", folder.path() + "/kept");
@@ -226,7 +226,7 @@ TEST_F(AFileStore, DoesNotBuryDataUnderANewKeyWhenItsKeyIsGone)
     EXPECT_EQ(read("name"), "data");
 }
 
-TEST_F(AFileStore, DoesNotUseWhatIsOpenToOthers)
+TEST_F(AVault, DoesNotUseWhatIsOpenToOthers)
 {
     write("name", "data");
     chmod((path + "/store.key").c_str(), 0640);
@@ -240,7 +240,7 @@ TEST_F(AFileStore, DoesNotUseWhatIsOpenToOthers)
     EXPECT_EQ(read("name"), "data");
 }
 
-TEST_F(AFileStore, FollowsNoLinkThatSomebodyPutInTheWay)
+TEST_F(AVault, FollowsNoLinkThatSomebodyPutInTheWay)
 {
     write("name", "data");
     const fs::path file = dataFiles().at(0);
@@ -255,9 +255,9 @@ TEST_F(AFileStore, FollowsNoLinkThatSomebodyPutInTheWay)
     EXPECT_EQ(bytesOf(target), "untouched");
 }
 
-TEST_F(AFileStore, SaysWhenItsFolderCannotBeMade)
+TEST_F(AVault, SaysWhenItsFolderCannotBeMade)
 {
-    const filestore::Store nowhere(folder.path() + "/no/such/parent");
+    const keystore::Vault nowhere(folder.path() + "/no/such/parent");
     EXPECT_THROW(nowhere.write(client, "name", nullptr, 0), secure::Error);
     try {
         nowhere.read(client, "name");
@@ -267,7 +267,7 @@ TEST_F(AFileStore, SaysWhenItsFolderCannotBeMade)
     }
 }
 
-TEST_F(AFileStore, KeepsTheOldDataAndNoRemainsWhenThereIsNoRoomForTheNew)
+TEST_F(AVault, KeepsTheOldDataAndNoRemainsWhenThereIsNoRoomForTheNew)
 {
     write("name", "old");
     const auto before = dataFiles();
@@ -292,7 +292,7 @@ TEST_F(AFileStore, KeepsTheOldDataAndNoRemainsWhenThereIsNoRoomForTheNew)
     EXPECT_FALSE(fs::exists(path + "/new"));
 }
 
-TEST_F(AFileStore, GivesTwoWritersAndAReaderWholeData)
+TEST_F(AVault, GivesTwoWritersAndAReaderWholeData)
 {
     const std::string values[] = {std::string(5000, 'a'), std::string(4000, 'b')};
     write("name", values[0]);

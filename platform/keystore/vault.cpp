@@ -1,5 +1,5 @@
-// file_store.cpp - named data, each in a sealed file of its own.
-#include "file_store.h"
+// vault.cpp - named data, each in a sealed file of its own.
+#include "vault.h"
 
 #include "common/hex.h"
 #include "common/secure_rules.h"
@@ -15,7 +15,7 @@
 #include <cerrno>
 #include <memory>
 
-namespace filestore {
+namespace keystore {
 
 namespace {
 
@@ -90,13 +90,13 @@ bool holdsData(const Descriptor& folder)
 
 }  // namespace
 
-bool Store::exists() const
+bool Vault::exists() const
 {
     struct stat status {};
     return stat(m_folder.c_str(), &status) == 0 || errno != ENOENT;
 }
 
-std::optional<secret::Bytes> Store::key(const Descriptor& folder) const
+std::optional<secret::Bytes> Vault::key(const Descriptor& folder) const
 {
     auto found = privatefile::readIn(folder, kKeyFile, seal::kKeySize);
     if (found && found->size() != seal::kKeySize)
@@ -107,7 +107,7 @@ std::optional<secret::Bytes> Store::key(const Descriptor& folder) const
 
 /// Precondition: the caller holds the lock. Never makes a new key while files sealed with the old one
 /// exist.
-secret::Bytes Store::keyOrNew(const Descriptor& folder) const
+secret::Bytes Vault::keyOrNew(const Descriptor& folder) const
 {
     if (auto found = key(folder))
         return *found;
@@ -120,7 +120,7 @@ secret::Bytes Store::keyOrNew(const Descriptor& folder) const
     return made;
 }
 
-secret::Bytes Store::read(const ss_credential_s& client, const std::string& name) const
+secret::Bytes Vault::read(const ss_credential_s& client, const std::string& name) const
 {
     if (!exists())
         throwNotFound();
@@ -142,7 +142,7 @@ secret::Bytes Store::read(const ss_credential_s& client, const std::string& name
                                              " is broken or not of this device; delete it");
 }
 
-void Store::write(const ss_credential_s& client, const std::string& name, const unsigned char* data,
+void Vault::write(const ss_credential_s& client, const std::string& name, const unsigned char* data,
                   std::size_t size) const
 {
     const Descriptor folder = privatefile::openFolder(m_folder);
@@ -152,7 +152,7 @@ void Store::write(const ss_credential_s& client, const std::string& name, const 
     privatefile::replaceIn(folder, fileOf(client, name), bytes.data(), bytes.size());
 }
 
-void Store::remove(const ss_credential_s& client, const std::string& name) const
+void Vault::remove(const ss_credential_s& client, const std::string& name) const
 {
     if (!exists())
         throwNotFound();
@@ -162,4 +162,4 @@ void Store::remove(const ss_credential_s& client, const std::string& name) const
         throwNotFound();
 }
 
-}  // namespace filestore
+}  // namespace keystore
