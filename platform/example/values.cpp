@@ -1,7 +1,7 @@
 // values.cpp - the worked example of a port: a device that keeps each value in a file of one folder,
 // $PLEVO_EXAMPLE_DEVICE or /etc/billing-device. Secure storage and keys come from platform/keystore.
 #include "common/c_functions.h"
-#include "common/contract.h"
+#include "common/value_rules.h"
 #include "keystore/configuration.h"
 
 #include <platform/account.h>
@@ -54,7 +54,7 @@ std::optional<std::string> deviceText(const std::string& name)
         value->pop_back();
     if (!value || value->empty())
         return std::nullopt;
-    if (contract::holdsControl(*value)) {
+    if (valuerules::holdsControl(*value)) {
         wrong(name.c_str(), "holds a control character");
         return std::nullopt;
     }
@@ -64,7 +64,7 @@ std::optional<std::string> deviceText(const std::string& name)
 std::optional<int> numberOf(const std::string& name)
 {
     const auto value = deviceText(name);
-    return value ? contract::wholeNumber(*value) : std::nullopt;
+    return value ? valuerules::wholeNumber(*value) : std::nullopt;
 }
 
 /// Removes the service's colours and the closing line break, and replaces control characters of
@@ -81,7 +81,7 @@ std::string oneLine(const std::string& record)
     if (!line.empty() && line.back() == '\n')
         line.pop_back();
     for (char& c : line) {
-        if (contract::holdsControl({&c, 1}))
+        if (valuerules::holdsControl({&c, 1}))
             c = '?';
     }
     return line + "\n";
@@ -234,7 +234,7 @@ char* deployment_get_host(deployment_host_e which)
         const char* const name =
             which == DEPLOYMENT_HOST_PRODUCTION ? "production_host" : "sandbox_host";
         const auto host = deviceText(name);
-        if (host && contract::isBareHost(*host))
+        if (host && valuerules::isBareHost(*host))
             return seam::heapCopy(host);
         wrong(name, host ? "is not a bare host name" : "is not set");
         return nullptr;
@@ -248,7 +248,7 @@ int deployment_get_credential(uint32_t words[5])
         const auto credential = deviceText("credential");
         if (!credential)
             return wrong("credential", "is not set");
-        if (!contract::numbers32(*credential, read, 5))
+        if (!valuerules::numbers32(*credential, read, 5))
             return wrong("credential", "is not five numbers of 32 bits");
         std::copy(std::begin(read), std::end(read), words);
         return 0;

@@ -1,5 +1,5 @@
 // fake_functions.cpp - the platform functions of the scriptable backend.
-#include "common/contract.h"
+#include "common/value_rules.h"
 #include "fake_state.h"
 
 #include <platform/account.h>
@@ -40,7 +40,7 @@ std::optional<std::string> readable(const std::optional<std::string>& value,
 {
     if (!value || value->empty())
         return std::nullopt;
-    if (contract::holdsControl(*value)) {
+    if (valuerules::holdsControl(*value)) {
         logWrong(name, "holds a control character");
         return std::nullopt;
     }
@@ -121,7 +121,7 @@ int vconf_get_int(const char* key, int* out)
 {
     const fake::Answers answers = answersTo(std::string("vconf_get_int ") + key);
     const auto text = configured(answers, key);
-    const auto number = text ? contract::wholeNumber(*text) : std::nullopt;
+    const auto number = text ? valuerules::wholeNumber(*text) : std::nullopt;
     if (!number)
         return -1;
     *out = *number;
@@ -201,7 +201,7 @@ char* deployment_get_host(deployment_host_e which)
         return nullptr;
     const std::string name = index == 0 ? "production_host" : "sandbox_host";
     const auto host = readable(answers.hosts[index], name);
-    if (host && contract::isBareHost(*host))
+    if (host && valuerules::isBareHost(*host))
         return heapCopy(host);
     logWrong(name, host ? "is not a bare host name" : "is not set");
     return nullptr;

@@ -1,5 +1,5 @@
 // setters.cpp - the setters and the records of the scriptable backend.
-#include "common/contract.h"
+#include "common/value_rules.h"
 #include "fake_platform.h"
 #include "fake_state.h"
 
@@ -202,7 +202,7 @@ LogRecord parseRecord(log_priority priority, const char* tag, std::string messag
         return record;
     }
     const auto line =
-        contract::wholeNumber(std::string_view(message).substr(open + 1, end - open - 1));
+        valuerules::wholeNumber(std::string_view(message).substr(open + 1, end - open - 1));
     if (!line) {
         record.strText = std::move(message);
         return record;

@@ -1,6 +1,6 @@
 // deployment.cpp - the integrator's choices, from [deployment].
 #include "common/c_functions.h"
-#include "common/contract.h"
+#include "common/value_rules.h"
 #include "keystore/answered.h"
 #include "keystore/key_material.h"
 #include "keystore/private_file.h"
@@ -51,7 +51,7 @@ int deployment_get_credential(uint32_t words[5])
     return seam::guarded<int>(-1, [&] {
         const auto text = settings::text(kGroup, kCredential);
         uint32_t read[kWords];
-        if (!text || !contract::numbers32(*text, read, kWords)) {
+        if (!text || !valuerules::numbers32(*text, read, kWords)) {
             settings::reportMissing(kGroup, kCredential, "secure storage knows no client");
             return -1;
         }

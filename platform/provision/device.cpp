@@ -1,9 +1,9 @@
 // device.cpp - provisioning of a device that has its settings file and its token.
 #include "certificates.h"
 #include "commands.h"
-#include "common/contract.h"
 #include "common/hex.h"
 #include "common/places.h"
+#include "common/value_rules.h"
 #include "files.h"
 #include "keystore/key_material.h"
 #include "keystore/key_store.h"
@@ -51,7 +51,7 @@ std::string installedName()
     constexpr std::size_t kNameLimit = 64;
     try {
         std::string name = commonNameOf(readCertificate(places::kDeviceCertificate).get());
-        if (name.size() > kNameLimit || contract::holdsControl(name))
+        if (name.size() > kNameLimit || valuerules::holdsControl(name))
             name.clear();
         return name;
     } catch (const Stop&) {

@@ -1,8 +1,8 @@
 // main.cpp - billing-provision: gives a device its key, its certificate and its sealed key
 // material.
 #include "commands.h"
-#include "common/contract.h"
 #include "common/nearest.h"
+#include "common/value_rules.h"
 #include "keystore/secure_error.h"
 #include "linux/settings/module_environment.h"
 #include "stop.h"
@@ -51,17 +51,17 @@ bool isServerName(const std::string& value)
     in6_addr address{};
     return inet_pton(AF_INET, value.c_str(), &address) == 1 ||
            inet_pton(AF_INET6, value.c_str(), &address) == 1 ||
-           (contract::isBareHost(value) && value.find(':') == std::string::npos);
+           (valuerules::isBareHost(value) && value.find(':') == std::string::npos);
 }
 
 bool isSettingsHost(const std::string& value)
 {
-    return contract::isBareHost(value);
+    return valuerules::isBareHost(value);
 }
 
 bool isOneLine(const std::string& value)
 {
-    return !value.empty() && !contract::holdsControl(value);
+    return !value.empty() && !valuerules::holdsControl(value);
 }
 
 bool isModule(const std::string& value)

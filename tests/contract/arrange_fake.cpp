@@ -1,6 +1,6 @@
 // arrange_fake.cpp - the contract suite on the scriptable backend.
 #include "arrange.h"
-#include "common/contract.h"
+#include "common/value_rules.h"
 
 #include <fake_platform.h>
 
@@ -70,9 +70,9 @@ void arrange::host(deployment_host_e which, std::optional<std::string> value)
 void arrange::credential(const std::string& words, const std::string& keyId)
 {
     std::array<std::uint32_t, 5> read{};
-    const bool known = contract::numbers32(words, read.data(), read.size());
+    const bool known = valuerules::numbers32(words, read.data(), read.size());
     platform().credential(known ? std::optional(read) : std::nullopt);
-    platform().keyId(contract::wholeNumber(keyId));
+    platform().keyId(valuerules::wholeNumber(keyId));
 }
 
 void arrange::zoneWithDaylightSaving()

@@ -1,7 +1,7 @@
 // settings.cpp - keeps the last version of the settings file and reads a changed file again.
 #include "settings.h"
 
-#include "common/contract.h"
+#include "common/value_rules.h"
 #include "settings_file.h"
 
 #include <platform/log.h>
@@ -103,7 +103,7 @@ std::optional<std::string> text(const char* group, const char* key)
 std::optional<int> number(const char* group, const char* key)
 {
     const auto value = shared(group, key);
-    return value != nullptr ? contract::wholeNumber(*value) : std::nullopt;
+    return value != nullptr ? valuerules::wholeNumber(*value) : std::nullopt;
 }
 
 bool isRefused(const char* group, const char* key)

@@ -1,8 +1,8 @@
 // settings_known.cpp - the known settings and the rules for their values.
 #include "settings_known.h"
 
-#include "common/contract.h"
 #include "common/module_variables.h"
+#include "common/value_rules.h"
 
 #include <platform/account.h>
 
@@ -55,21 +55,21 @@ std::string_view faultOfKind(Kind kind, std::string_view value)
         case Kind::Text:
             return {};
         case Kind::Number:
-            return contract::wholeNumber(value) ? "" : "is not a whole number of 32 bits";
+            return valuerules::wholeNumber(value) ? "" : "is not a whole number of 32 bits";
         case Kind::Host:
-            return value.empty() || contract::isBareHost(value)
+            return value.empty() || valuerules::isBareHost(value)
                        ? ""
                        : "is not a bare host name (name or name:port, without scheme or path)";
         case Kind::Gateway:
             return gatewayRule(value) ? "" : "is none of auto, up, down and error:<code>";
         case Kind::Credential: {
             std::uint32_t words[5];
-            return contract::numbers32(value, words, std::size(words))
+            return valuerules::numbers32(value, words, std::size(words))
                        ? ""
                        : "is not five numbers of 32 bits (decimal or 0x..., with blanks between)";
         }
         case Kind::KeyId:
-            return contract::wholeNumber(value).value_or(0) != 0
+            return valuerules::wholeNumber(value).value_or(0) != 0
                        ? ""
                        : "is not a whole number of 32 bits other than 0";
         case Kind::Path:
@@ -106,7 +106,7 @@ bool isKnownGroup(std::string_view group)
 
 std::string_view faultIn(Kind kind, std::string_view value)
 {
-    if (contract::holdsControl(value))
+    if (valuerules::holdsControl(value))
         return "holds a control character";
     if (!g_utf8_validate(value.data(), static_cast<gssize>(value.size()), nullptr))
         return "is not valid UTF-8";
@@ -122,7 +122,7 @@ std::optional<GatewayRule> gatewayRule(std::string_view value)
         return GatewayRule{Source::Fixed, value == "up", 0};
     if (value.substr(0, kErrorPrefix.size()) != kErrorPrefix)
         return std::nullopt;
-    const auto code = contract::wholeNumber(value.substr(kErrorPrefix.size()));
+    const auto code = valuerules::wholeNumber(value.substr(kErrorPrefix.size()));
     if (!code || *code <= 0)
         return std::nullopt;
     return GatewayRule{Source::Failure, false, *code};

@@ -1,4 +1,4 @@
-// platform/common/contract.h - the rules for values that the seam's headers promise, shared by all
+// platform/common/value_rules.h - the rules for values that the seam's headers promise, shared by all
 // backends.
 #pragma once
 
@@ -8,7 +8,7 @@
 #include <optional>
 #include <string_view>
 
-namespace contract {
+namespace valuerules {
 
 /// True if the text holds a control character: a byte below 0x20, or 0x7f. It could add a header
 /// line to a request or a line to the log.
@@ -76,4 +76,4 @@ inline bool isBareHost(std::string_view text)
     return number && *number > 0 && *number < 65536 && port.front() != '0';
 }
 
-}  // namespace contract
+}  // namespace valuerules
