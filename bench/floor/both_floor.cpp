@@ -4,7 +4,7 @@
 // It tells what the daemon could reach. The sum of the other two floors is less than that: each of
 // them runs in a loop of its own, with everything it needs in the processor's caches.
 //
-// usage: both_floor NAME URL CA_FILE CERTIFICATE_AND_KEY [HEADER...]
+// usage: both_floor NAME URL CA_FILE CERTIFICATE KEY [HEADER...]
 #include "fetch.h"
 #include "serve.h"
 
@@ -40,8 +40,8 @@ void answer(GDBusConnection*, const char*, const char*, const char*, const char*
 
 int main(int argc, char** argv)
 {
-    if (argc < 5)
-        fail("usage", "both_floor NAME URL CA_FILE CERTIFICATE_AND_KEY [HEADER...]");
+    if (argc < 6)
+        fail("usage", "both_floor NAME URL CA_FILE CERTIFICATE KEY [HEADER...]");
     curl_global_init(CURL_GLOBAL_DEFAULT);
     Fetcher fetcher{curl_multi_init(), targetOf(argv[2], argv + 3)};
     serve(argv[1], answer, &fetcher);

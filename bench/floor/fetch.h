@@ -9,6 +9,7 @@
 #include <cstdlib>
 #include <memory>
 #include <string>
+#include <string_view>
 
 [[noreturn]] inline void failFetch(const char* why)
 {
@@ -20,6 +21,7 @@ struct Target {
     const char* url;
     const char* caFile;
     const char* certificate;
+    const char* key;  ///< a file, or the URI of a key in a token
     curl_slist* headers;
     CURLSH* share;
 };
@@ -44,7 +46,12 @@ inline void start(CURLM* multi, const Target& target)
     curl_easy_setopt(easy, CURLOPT_CAINFO, target.caFile);
     curl_easy_setopt(easy, CURLOPT_CAPATH, nullptr);
     curl_easy_setopt(easy, CURLOPT_SSLCERT, target.certificate);
-    curl_easy_setopt(easy, CURLOPT_SSLKEY, target.certificate);
+    if (std::string_view(target.key).substr(0, 7) == "pkcs11:") {
+        if (curl_easy_setopt(easy, CURLOPT_SSLENGINE, "pkcs11") != CURLE_OK)
+            failFetch("no engine for PKCS#11");
+        curl_easy_setopt(easy, CURLOPT_SSLKEYTYPE, "ENG");
+    }
+    curl_easy_setopt(easy, CURLOPT_SSLKEY, target.key);
     // As the daemon, whose key store has no other signatures.
     curl_easy_setopt(easy, CURLOPT_SSLVERSION,
                      static_cast<long>(CURL_SSLVERSION_TLSv1_2 | CURL_SSLVERSION_MAX_TLSv1_2));
@@ -74,13 +81,13 @@ inline std::unique_ptr<Fetch> finish(CURLM* multi, const CURLMsg& message)
     return fetch;
 }
 
-/// @param arguments  CA_FILE CERTIFICATE_AND_KEY [HEADER...], null behind the last
+/// @param arguments  CA_FILE CERTIFICATE KEY [HEADER...], null behind the last
 inline Target targetOf(const char* url, char** arguments)
 {
     CURLSH* const share = curl_share_init();
     curl_share_setopt(share, CURLSHOPT_SHARE, CURL_LOCK_DATA_SSL_SESSION);
     curl_slist* headers = nullptr;
-    for (char** header = arguments + 2; *header != nullptr; header++)
+    for (char** header = arguments + 3; *header != nullptr; header++)
         headers = curl_slist_append(headers, *header);
-    return {url, arguments[0], arguments[1], headers, share};
+    return {url, arguments[0], arguments[1], arguments[2], headers, share};
 }

@@ -1,9 +1,10 @@
 // https_floor.cpp - what a request costs with libcurl's multi handle alone: the floor under the
 // daemon's network side.
 //
-// usage: https_floor COUNT IN_FLIGHT URL CA_FILE CERTIFICATE_AND_KEY [HEADER...]
+// usage: https_floor COUNT IN_FLIGHT URL CA_FILE CERTIFICATE KEY [HEADER...]
 //
-// Keeps IN_FLIGHT requests under way until COUNT are answered with status 200. Prints JSON.
+// KEY is a file, or a PKCS#11 URI for libp11's engine. Keeps IN_FLIGHT requests under way until COUNT
+// are answered with status 200. Prints JSON.
 #include "fetch.h"
 
 #include <algorithm>
@@ -40,8 +41,8 @@ void fetchAll(CURLM* multi, const Target& target, int count, int inFlight)
 
 int main(int argc, char** argv)
 {
-    if (argc < 6)
-        failFetch("usage: https_floor COUNT IN_FLIGHT URL CA_FILE CERTIFICATE_AND_KEY [HEADER...]");
+    if (argc < 7)
+        failFetch("usage: https_floor COUNT IN_FLIGHT URL CA_FILE CERTIFICATE KEY [HEADER...]");
     curl_global_init(CURL_GLOBAL_DEFAULT);
     CURLM* const multi = curl_multi_init();
     const Target target = targetOf(argv[3], argv + 4);

@@ -7,9 +7,7 @@ import pathlib
 import re
 import time
 
-from billing_lab import bus
-
-from . import stage
+from . import services, stage
 
 FEW, MANY = 200, 1200
 WARM_UP = 20
@@ -39,20 +37,20 @@ class Callgrind:
         return int(total[1]), allocations
 
 
-def _of_daemon(on, calls, in_flight, size):
-    callgrind = Callgrind(on.folder, f"daemon.{calls}")
-    on.start_daemon(tool=callgrind.tool)
+def _of_service(on, service, calls, in_flight, size):
+    callgrind = Callgrind(on.folder, f"{service.bus_name}.{calls}")
+    service.start(callgrind.tool)
     # A handshake is slow under valgrind: calls at once would not wait for the first one's session.
-    on.call(bus.SERVICE, 1, 1, size)
+    on.call(service.bus_name, 1, 1, size)
     # How many connections a load opens differs from run to run, and each costs as much as several calls.
-    # While the server hangs, each call opens its own.
+    # While the server hangs, each call opens its own, or each of a service's own bound.
     with stage.Hanging(on):
-        callers = on.call(bus.SERVICE, in_flight, in_flight, size, wait=False)
+        callers = on.call(service.bus_name, in_flight, in_flight, size, wait=False)
         time.sleep(CONNECTED_SECONDS)
     callers.communicate()
-    on.call(bus.SERVICE, WARM_UP * in_flight, in_flight, size)
-    on.call(bus.SERVICE, calls, in_flight, size)
-    on.stop_daemon()
+    on.call(service.bus_name, WARM_UP * in_flight, in_flight, size)
+    on.call(service.bus_name, calls, in_flight, size)
+    service.stop()
     return callgrind.counted()
 
 
@@ -71,25 +69,22 @@ def _of_https_floor(on, calls, in_flight, size):
     return callgrind.counted()
 
 
-def _of_both_floor(on, calls, in_flight, size):
-    callgrind = Callgrind(on.folder, f"both.{calls}")
-    process = on.start_both_floor(callgrind.tool)
-    on.call(stage.BOTH, calls, in_flight, size)
-    process.terminate()
-    process.wait()
-    return callgrind.counted()
+def _counters(on):
+    """@return by its label, what counts a program"""
+    counters = {"bus floor": _of_bus_floor, "HTTPS floor": _of_https_floor}
+    for service in services.everyone(on):
+        counters[service.label] = lambda on, *load, service=service: _of_service(on, service, *load)
+    return counters
 
 
-COUNTERS = {
-    "bus floor": _of_bus_floor,
-    "HTTPS floor": _of_https_floor,
-    "both floors in one": _of_both_floor,
-    "daemon": _of_daemon,
-}
+def labels(on):
+    """@return whose calls can be counted"""
+    return list(_counters(on))
 
 
 def of(on, who, in_flight, size):
     """@return what one call costs: {"instructions": ..., "allocations": ...}"""
-    few, many = (COUNTERS[who](on, calls + in_flight, in_flight, size) for calls in (FEW, MANY))
+    count = _counters(on)[who]
+    few, many = (count(on, calls + in_flight, in_flight, size) for calls in (FEW, MANY))
     instructions, allocations = ((m - f) / (MANY - FEW) for f, m in zip(few, many))
     return {"instructions": round(instructions), "allocations": round(allocations, 1)}

@@ -6,30 +6,15 @@ import pathlib
 import platform
 import statistics
 import subprocess
+import time
 
-from . import TREE
+from . import TREE, goals
 
 # Less is better, but for these units.
-MORE_IS_BETTER = ("calls/s",)
+MORE_IS_BETTER = ("calls/s", "x the rate")
 
-# What is aimed at, by the name of the figure: at most this much.
-GOALS = {
-    "latency, http1, 512 bytes, 1 in flight: daemon / (bus + HTTPS)": 1.20,
-    "latency, http2, 512 bytes, 1 in flight: daemon / (bus + HTTPS)": 1.20,
-    "instructions a call, 64 in flight: daemon / (bus + HTTPS)": 1.25,
-    "cold burst of 100, http1: signatures": 1,
-    "cold burst of 100, http2: signatures": 1,
-    "warm burst of 100, http1: signatures": 0,
-    "warm burst of 100, http2: signatures": 0,
-    "10000 outstanding, http1: unanswered": 0,
-    "10000 outstanding, http2: unanswered": 0,
-    "10000 outstanding, http1: resident afterwards / before": 1.10,
-    "10000 outstanding, http2: resident afterwards / before": 1.10,
-    "wake-ups when idle": 0,
-    "resident, idle": 25 * 1024,
-    "exec to the name": 100,
-    "SIGTERM to the end, 100 transfers hang": 100,
-}
+# Of the processors, for others. A machine that does nothing else has some daemons.
+BUSY_PERCENT = 5
 
 
 def machine():
@@ -54,11 +39,18 @@ def revision():
     return told.stdout.strip() or "unknown"
 
 
+def processor_seconds():
+    """@return (of everybody, of this process and the children that it has waited for)"""
+    user, nice, system = map(int, pathlib.Path("/proc/stat").read_text(encoding="utf-8").split()[1:4])
+    return (user + nice + system) / os.sysconf("SC_CLK_TCK"), sum(os.times()[:4])
+
+
 class Figures:
-    """Named values, several of each: one of each round."""
+    """Named values, several of each: one of each round. And how services behaved, in words."""
 
     def __init__(self):
-        self.values = {}
+        self.values, self.behaviour = {}, {}
+        self._began = (*processor_seconds(), time.monotonic())
         self.about = {
             "revision": revision(),
             "machine": machine(),
@@ -68,9 +60,28 @@ class Figures:
     def add(self, name, unit, value):
         self.values.setdefault(name, {"unit": unit, "values": []})["values"].append(round(value, 4))
 
+    def tell(self, behaviour, who, words):
+        self.behaviour.setdefault(behaviour, {})[who] = words
+
+    def _others_share(self):
+        """@return how much of the processors somebody else has had since the beginning, in percent"""
+        everybody, ours, now = (after - before for after, before in zip((*processor_seconds(), time.monotonic()), self._began))
+        return round(max(everybody - ours, 0) / (now * os.cpu_count()) * 100, 1)
+
     def write(self, file):
-        self.about["load after"] = round(os.getloadavg()[0], 2)
-        file.write_text(json.dumps({"about": self.about, "figures": self.values}, indent=1) + "\n", encoding="utf-8")
+        self.about["minutes"] = round((time.monotonic() - self._began[2]) / 60, 1)
+        self.about["percent of others"] = self._others_share()
+        content = {"about": self.about, "figures": self.values, "behaviour": self.behaviour}
+        file.write_text(_lines(content) + "\n", encoding="utf-8")
+
+
+def _lines(content):
+    """@return JSON with a line for each figure, so that a difference of two files can be read"""
+    parts = []
+    for name, part in content.items():
+        lines = (f"  {json.dumps(key)}: {json.dumps(value, ensure_ascii=False)}" for key, value in part.items())
+        parts.append(f" {json.dumps(name)}: {{\n" + ",\n".join(lines) + "\n }")
+    return "{\n" + ",\n".join(parts) + "\n}"
 
 
 def read(file):
@@ -79,12 +90,32 @@ def read(file):
     return content["about"], {name: Figure(name, **figure) for name, figure in content["figures"].items()}
 
 
+def read_behaviour(file):
+    """@return {behaviour: {who: words}}; empty for a run that did not look"""
+    return json.loads(pathlib.Path(file).read_text(encoding="utf-8")).get("behaviour", {})
+
+
+def is_busy(about):
+    """Did others take so much of the machine that times are worth little?"""
+    return about.get("percent of others", 0) > BUSY_PERCENT
+
+
+def circumstances(about):
+    """@return machine, time, and whether the machine was busy with something else, as text"""
+    machine_text = ", ".join(f"{key}: {value}" for key, value in about["machine"].items())
+    share = about.get("percent of others")
+    if share is None:
+        return f"{machine_text}; {about['when']}."
+    care = " The machine was busy with other work: read the times with care." if is_busy(about) else ""
+    return f"{machine_text}; {about['when']}; others took {share} % of the processors.{care}"
+
+
 class Figure:
     """The values of one name."""
 
     def __init__(self, name, unit, values):
         self.name, self.unit, self.values = name, unit, values
-        self.goal = GOALS.get(name)
+        self.goal = goals.GOALS.get(name)
 
     @property
     def median(self):
@@ -101,7 +132,7 @@ class Figure:
     @property
     def reached(self):
         """None where there is no goal."""
-        return None if self.goal is None else self.median <= self.goal
+        return None if self.goal is None else self.goal.is_reached(self.median)
 
 
 def shown(value):
@@ -116,6 +147,6 @@ def table(figures):
     lines = []
     for figure in figures.values():
         low, high = figure.quartiles
-        goal = "" if figure.goal is None else f"   goal {shown(figure.goal)}{'' if figure.reached else ' NOT REACHED'}"
+        goal = "" if figure.goal is None else f"   goal: {figure.goal}{'' if figure.reached else ', NOT REACHED'}"
         lines.append(f"{figure.name:68} {shown(figure.median):>10} {figure.unit:9} [{shown(low)} .. {shown(high)}]{goal}")
     return "\n".join(lines)

@@ -1,10 +1,8 @@
-"""How long calls take, and how many there are in a second: the daemon and its floors by turns, so that what disturbs the
+"""How long calls take, and how many there are in a second: daemon, floors and peers by turns, so that what disturbs the
 machine disturbs all alike."""
 import statistics
 
-from billing_lab import bus
-
-from . import stage
+from . import services, stage
 
 # Size of the body, calls in flight, calls in a round.
 LOADS = (
@@ -17,6 +15,9 @@ LOADS = (
     (1024 * 1024, 1, 40),
     (1024 * 1024, 8, 80),
 )
+ONE = LOADS[0]
+# With more in flight the other services wait for their few connections.
+MOST_OF_ALL = 64
 WARM_UP = 20
 
 
@@ -25,44 +26,73 @@ def percentile(values, share):
     return ordered[min(int(len(ordered) * share), len(ordered) - 1)]
 
 
-def turn(on, size, in_flight, count):
-    """@return for the floors and the daemon what was measured"""
+def _called(on, service, count, in_flight, size):
+    """@return what stage.call does, and the processor time of a call in us"""
+    before = services.processor_seconds(service.pid)
+    run = on.call(service.bus_name, count, in_flight, size)
+    return {**run, "processor": (services.processor_seconds(service.pid) - before) / count * 1e6}
+
+
+def turn(on, callable_services, size, in_flight, count):
+    """@return by its label, what was measured of each"""
     count += WARM_UP
     measured = {
         "bus floor": on.call(stage.floor_name(size), count, in_flight, size),
         "HTTPS floor": on.fetch(count, in_flight, size),
-        "daemon": on.call(bus.SERVICE, count, in_flight, size),
     }
-    if (size, in_flight) == (stage.SMALL, 1):
-        measured["both floors in one"] = on.call(stage.BOTH, count, in_flight)
+    for service in callable_services:
+        measured[service.label] = _called(on, service, count, in_flight, size)
     return measured
 
 
-def measure(on, figures, rounds, loads=LOADS):
-    """Adds to the figures the times of each load on each protocol."""
-    for protocol in stage.PROTOCOLS:
+def _of_load(size, in_flight, running):
+    """@return the services that a load is for: all for small bodies, else the daemon"""
+    everyone = size == stage.SMALL and in_flight <= MOST_OF_ALL
+    return [service for service in running if everyone or service.label == services.DAEMON]
+
+
+def measure(on, figures, rounds, loads=LOADS, protocols=stage.PROTOCOLS, where=""):
+    """Adds to the figures the times of each load on each protocol.
+
+    @param where  stands in the names of the figures
+    """
+    for protocol in protocols:
         on.use(protocol)
-        both = on.start_both_floor()
+        running = services.everyone(on)
+        for service in running:
+            service.start()
         on.settle()
         for size, in_flight, count in loads:
             for _ in range(rounds):
-                _note(figures, f"{protocol}, {size} bytes, {in_flight} in flight", in_flight, turn(on, size, in_flight, count))
-        both.terminate()
-        both.wait()
+                measured = turn(on, _of_load(size, in_flight, running), size, in_flight, count)
+                _note(figures, f"{where}{protocol}, {size} bytes, {in_flight} in flight", in_flight, measured)
+        for service in running:
+            service.stop()
 
 
 def _note(figures, load, in_flight, measured):
-    medians = {}
+    medians, rates = {}, {}
     for who, run in measured.items():
         times = run["us"][WARM_UP:]
         medians[who] = statistics.median(times)
         figures.add(f"latency, {load}: {who}", "us", medians[who])
         figures.add(f"p99, {load}: {who}", "us", percentile(times, 0.99))
         if in_flight > 1:
-            figures.add(f"rate, {load}: {who}", "calls/s", len(run["us"]) / run["seconds"])
+            rates[who] = len(run["us"]) / run["seconds"]
+            figures.add(f"rate, {load}: {who}", "calls/s", rates[who])
+        if "processor" in run:
+            figures.add(f"processor time a call, {load}: {who}", "us", run["processor"])
     if in_flight == 1:
-        figures.add(
-            f"latency, {load}: daemon / (bus + HTTPS)", "", medians["daemon"] / (medians["bus floor"] + medians["HTTPS floor"])
-        )
-    if "both floors in one" in medians:
-        figures.add(f"latency, {load}: daemon / both in one", "", medians["daemon"] / medians["both floors in one"])
+        floors = medians["bus floor"] + medians["HTTPS floor"]
+        figures.add(f"latency, {load}: daemon / (bus + HTTPS)", "", medians[services.DAEMON] / floors)
+    else:
+        figures.add(f"rate, {load}: daemon / bus floor", "x the rate", rates[services.DAEMON] / rates["bus floor"])
+    if services.BOTH in medians:
+        figures.add(f"latency, {load}: daemon / both in one", "", medians[services.DAEMON] / medians[services.BOTH])
+
+
+def compare_protocols(figures, in_flight=64):
+    """Adds the daemon's rate over HTTP/2 by that over HTTP/1.1."""
+    name = "rate, {}, 512 bytes, {} in flight: daemon"
+    rates = [statistics.median(figures.values[name.format(protocol, in_flight)]["values"]) for protocol in ("http2", "http1")]
+    figures.add(f"rate, 512 bytes, {in_flight} in flight: daemon, http2 / http1", "x the rate", rates[0] / rates[1])

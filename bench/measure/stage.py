@@ -9,6 +9,7 @@ import time
 
 from cryptography import x509
 from cryptography.hazmat.primitives.asymmetric import rsa
+from gi.repository import GLib
 from harness import certificates, credentials, daemon, device, nginx, token_proxy
 
 from billing_lab import bus
@@ -29,7 +30,8 @@ LIMITS = {
     "max_outgoing_bytes": 1_000_000_000,
 }
 
-SERVER = """keepalive_requests 100000000; keepalive_timeout 75; open_file_cache max=16;
+# A handshake has 600 seconds: 64 at once under valgrind take a minute and more on a busy machine.
+SERVER = """keepalive_requests 100000000; keepalive_timeout 75; client_header_timeout 600; open_file_cache max=16;
  {log} root {folder};"""
 
 
@@ -43,6 +45,22 @@ def floor_name(size):
 
 
 BOTH = "org.plevo.billingfloor.both"
+# Programs in bench/peers. meson knows those whose libraries are there (scripts/setup bench).
+PEERS = ("sdbus_workers", "gdbus_soup")
+PROGRAMS = (
+    "bench/caller",
+    "bench/bus_floor",
+    "bench/https_floor",
+    "bench/both_floor",
+    "service/billing-service",
+    "platform/provision/billing-provision",
+    "tests/unit/platform/test-pkcs11-proxy.so",
+)
+
+
+def peer_name(program):
+    """The bus name of a peer."""
+    return f"org.plevo.billingpeer.{program}"
 
 
 def programs():
@@ -51,23 +69,13 @@ def programs():
 
 
 def build():
-    """Builds what is measured and what measures."""
-    subprocess.run(
-        [
-            "ninja",
-            "-C",
-            str(daemon.binary().parents[1]),
-            "--quiet",
-            "bench/caller",
-            "bench/bus_floor",
-            "bench/https_floor",
-            "bench/both_floor",
-            "service/billing-service",
-            "platform/provision/billing-provision",
-            "tests/unit/platform/test-pkcs11-proxy.so",
-        ],
-        check=True,
-    )
+    """Builds what is measured and what measures, and the peers whose libraries are there. @return the peers that are not"""
+    folder = str(daemon.binary().parents[1])
+    told = subprocess.run(["ninja", "-C", folder, "-t", "targets", "all"], check=True, capture_output=True, text=True)
+    known = {line.split(":")[0] for line in told.stdout.splitlines()}
+    peers = [f"bench/{program}" for program in PEERS]
+    subprocess.run(["ninja", "-C", folder, "--quiet", *PROGRAMS, *known.intersection(peers)], check=True)
+    return [peer for peer in peers if peer not in known]
 
 
 def raise_descriptors():
@@ -89,7 +97,7 @@ class Stage:
             undo.pop_all()
 
     def _prepare(self, log_handshakes):
-        authority = certificates.Authority()
+        self.authority = certificates.Authority()
         keys = credentials.Credentials.make(self.folder / "lab")
         for size in SIZES:
             (self.folder / f"body-{size}").write_bytes(b"x" * size)
@@ -97,7 +105,7 @@ class Stage:
         for protocol, listen in PROTOCOLS.items():
             self.servers[protocol] = nginx.Nginx(
                 self.folder / protocol,
-                authority.server_pem(HOST),
+                self.authority.server_pem(HOST),
                 keys.authority,
                 listen=listen,
                 extra=extra,
@@ -105,11 +113,12 @@ class Stage:
                 connections=12_000,
             )
         self.device = device.Device(self.folder, keys)
-        self._authority, self._keys = authority.pem, keys
+        self.keys = keys
         self.trust()
         self.proxy = token_proxy.TokenProxy(self.folder, self.device)
         self._make_client_certificate(keys)
-        self.bus = bus.Bus(self.folder, limits=LIMITS, names=(bus.SERVICE, BOTH, *(floor_name(size) for size in SIZES)))
+        names = (bus.SERVICE, BOTH, *map(floor_name, SIZES), *map(peer_name, PEERS))
+        self.bus = bus.Bus(self.folder, limits=LIMITS, names=names)
         self.environment = {"PATH": "/usr/bin:/bin", "DBUS_SYSTEM_BUS_ADDRESS": self.bus.address}
         self.caller = bus.Caller(self.bus.address)
         self.use("http1")
@@ -125,10 +134,10 @@ class Stage:
         """Writes the bundle of authorities: the server's, and so many that vouch for nobody here."""
         public = rsa.generate_private_key(65537, 2048).public_key()
         self.device.ca_file.write_bytes(
-            self._authority
+            self.authority.pem
             + b"".join(
                 credentials.issue(
-                    public, x509.Name([x509.NameAttribute(x509.NameOID.COMMON_NAME, f"Authority {number}")]), self._keys.folder
+                    public, x509.Name([x509.NameAttribute(x509.NameOID.COMMON_NAME, f"Authority {number}")]), self.keys.folder
                 )
                 for number in range(others)
             )
@@ -191,14 +200,12 @@ class Stage:
         return took
 
     def start_bus_floor(self, size, tool=()):
-        return self._serve(floor_name(size), [*tool, programs() / "bus_floor", floor_name(size), str(size)], tool)
-
-    def start_both_floor(self, tool=()):
-        """For small bodies, from the server in use."""
-        return self._serve(BOTH, [*tool, programs() / "both_floor", BOTH, *self._request(SMALL)], tool)
-
-    def _serve(self, name, command, tool):
-        process = subprocess.Popen(command, env=self.environment, stderr=subprocess.DEVNULL if tool else None)
+        name = floor_name(size)
+        process = subprocess.Popen(
+            [*tool, programs() / "bus_floor", name, str(size)],
+            env=self.environment,
+            stderr=subprocess.DEVNULL if tool else None,
+        )
         self.processes.append(process)
         while self.caller.owner(name) is None:
             if process.poll() is not None:
@@ -206,17 +213,62 @@ class Stage:
             time.sleep(0.005)
         return process
 
+    def both_command(self):
+        """Of the service with both floors in one, for small bodies from the server in use."""
+        return [programs() / "both_floor", BOTH, *self._request(SMALL)]
+
     def call(self, name, count, in_flight, size=SMALL, wait=True):
         """Calls a service. @return {"seconds": of all, "us": of each}; without `wait` the process"""
         command = [programs() / "caller", name, str(count), str(in_flight), METHOD, str(size), "", ""]
         return self._measured(command, wait)
 
+    def is_answered(self, name, size, timeout):
+        """Does one call of a service bring the whole body?"""
+        caller = bus.Caller(self.bus.address, name)
+        try:
+            return caller.call(METHOD, str(size), "", "", timeout=timeout) == (0, "x" * size)
+        except GLib.Error:
+            return False
+        finally:
+            caller.close()
+
     def fetch(self, count, in_flight, size=SMALL, tool=()):
         """The same with libcurl alone."""
         return self._measured([*tool, programs() / "https_floor", str(count), str(in_flight), *self._request(size)], True)
 
-    def _request(self, size):
-        """@return URL, files and headers of the daemon's request"""
+    def fetch_with_token(self):
+        """One request with libcurl alone, that proves the device with the key in its token."""
+        credentials_of_device = (self.device.credentials.certificate, self.key_uri())
+        return self._measured(
+            [programs() / "https_floor", "1", "1", *self._request(SMALL, credentials_of_device)], True, self.token_environment()
+        )
+
+    @staticmethod
+    def has_engine():
+        """May programs that know OpenSSL's engines use a token (libengine-pkcs11-openssl)?"""
+        return subprocess.run(["openssl", "engine", "pkcs11"], check=False, capture_output=True).returncode == 0
+
+    def key_uri(self):
+        """@return the device's key in its token, as RFC 7512 has it"""
+        keystore = self.device.settings["keystore"]
+        number = int(self.device.settings["deployment"]["key_id"], 0)
+        name = "".join(f"%{byte:02x}" for byte in number.to_bytes(4, "big"))
+        pin = pathlib.Path(keystore["pin_file"]).read_text(encoding="ascii").strip()
+        return f"pkcs11:token={keystore['token']};id={name};type=private?pin-value={pin}"
+
+    def token_environment(self):
+        """Where programs without the daemon's settings find the token: PKCS11_MODULE_PATH is libp11's engine's."""
+        module = self.device.settings["keystore"]["module"]
+        return {
+            **self.environment,
+            **self.device.credentials.environment,
+            **self.proxy.environment,
+            "PKCS11_MODULE_PATH": module,
+            "BILLING_PKCS11_MODULE": module,
+        }
+
+    def _request(self, size, credentials_of_device=None):
+        """@return URL, files and headers of the daemon's request. @param credentials_of_device  certificate and key"""
         url = (
             f"https://{self.host}/billing/product/v2/products?appid={size}&guid={device.GUID}"
             f"&uid={device.UID}&storeid=1&storeprodcode=1&countrycode=DE&languagecode=de"
@@ -229,10 +281,10 @@ class Stage:
             f"Atoken: {device.TOKEN}",
             "Expect:",
         ]
-        return [url, self.device.ca_file, self.client_pem, *headers]
+        return [url, self.device.ca_file, *(credentials_of_device or (self.client_pem, self.client_pem)), *headers]
 
-    def _measured(self, command, wait):
-        process = subprocess.Popen(command, env=self.environment, stdout=subprocess.PIPE, text=True)
+    def _measured(self, command, wait, environment=None):
+        process = subprocess.Popen(command, env=environment or self.environment, stdout=subprocess.PIPE, text=True)
         if not wait:
             return process
         output, _ = process.communicate()

@@ -136,13 +136,13 @@ class Call:
 
     _answers = itertools.count(1)
 
-    def __init__(self, connection, method, arguments, timeout):
+    def __init__(self, connection, method, arguments, timeout, service=SERVICE):
         signature = "(" + "s" * len(arguments) + ")"
         self.result = None
         self.error = None
         self.place = 0
         connection.call(
-            SERVICE,
+            service,
             OBJECT,
             SERVICE,
             method,
@@ -172,15 +172,16 @@ class Call:
 
 
 class Caller:
-    """A connection to the bus that calls the service."""
+    """A connection to the bus that calls the service, or another one with its interface."""
 
-    def __init__(self, address):
+    def __init__(self, address, service=SERVICE):
+        self._service = service
         self.connection = Gio.DBusConnection.new_for_address_sync(
             address, Gio.DBusConnectionFlags.AUTHENTICATION_CLIENT | Gio.DBusConnectionFlags.MESSAGE_BUS_CONNECTION, None, None
         )
 
     def start(self, method, *arguments, timeout=60):
-        return Call(self.connection, method, arguments, timeout)
+        return Call(self.connection, method, arguments, timeout, self._service)
 
     def call(self, method, *arguments, timeout=60):
         """@return what came back as (resp_result, resp_info)"""

@@ -57,7 +57,7 @@ def test_a_figure_that_only_one_run_has_is_named(tmp_path):
 def test_a_missed_goal_is_said(tmp_path):
     _, figures = results.read(run_of(tmp_path, "a", {"wake-ups when idle": ("a second", [0.5]), "other": ("us", [3])}))
     first, second = results.table(figures).splitlines()
-    assert first.endswith("goal 0 NOT REACHED")
+    assert first.endswith("goal: at most 0, NOT REACHED")
     assert "goal" not in second
 
 
