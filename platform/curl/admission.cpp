@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <string_view>
+#include <utility>
 
 namespace MZCurl {
 namespace {
@@ -194,7 +195,8 @@ Transfer* Admission::next(Clock::time_point now, TransferList& to)
     ++m_taken;
     ++lane.sender->slots;
     ++lane.path->slots;
-    if (transfer.mayBeSentAgain()) {
+    transfer.countsAtHost = transfer.mayBeSentAgain();
+    if (transfer.countsAtHost) {
         lane.host->width.begun();
     }
     return &transfer;
@@ -234,7 +236,7 @@ void Admission::release(Transfer& transfer)
         --m_taken;
         --transfer.lane->sender->slots;
         --transfer.lane->path->slots;
-        if (transfer.mayBeSentAgain()) {
+        if (std::exchange(transfer.countsAtHost, false)) {
             transfer.lane->host->width.ended(transfer.sent, Clock::now());
         }
     }

@@ -129,6 +129,7 @@ struct Transfer {
     Lane* lane = nullptr;
     std::chrono::steady_clock::time_point queued;  // in its lane
     bool hasSlot = false;
+    bool countsAtHost = false;       // among the requests under way to its host
     bool resolving = false;          // the name of its server, as far as is known
     Admission* admission = nullptr;  // while it is attached
     Tickets* tickets = nullptr;      // while it is attached
