@@ -332,7 +332,14 @@ def test_a_catalogue_sets_the_device_and_a_reset_does_it_again(lab, tmp_path):
 def test_a_body_of_ones_own_is_told_and_the_catalogue_can_be_given_back(lab):
     lab.answer("country", b"\xff", status=404)
     assert lab.status()["answers"] == {
-        "country": {"status": 404, "type": "application/json", "bytes": 1, "bodies": 1, "template": False}
+        "country": {
+            "match": {"endpoint": "country"},
+            "status": 404,
+            "type": "application/json",
+            "bytes": 1,
+            "bodies": 1,
+            "template": False,
+        }
     }
     shown = lab.ask("GET", "/api/catalogue")
     assert lab.ask("POST", "/api/catalogue", {"text": json.dumps(shown)})["apps"] == 2
