@@ -1,5 +1,4 @@
-// connector_fixture.cpp - sets a connector up on its doubles, and stands in front of
-// g_main_context_invoke.
+// connector_fixture.cpp - creates a connector on its doubles, and replaces g_main_context_invoke.
 #include "connector_fixture.h"
 
 #include <cerrno>

@@ -1,5 +1,5 @@
-// connector_fixture.h - what the tests of CHttpConnector share: a connector on a double of the curl
-// wrapper, a view of its steps, and a double of GLib's way onto the worker.
+// connector_fixture.h - fixture of the CHttpConnector tests: a connector on a double of the curl wrapper,
+// access to the connector's steps, and a double of g_main_context_invoke, by which code reaches the worker.
 #pragma once
 
 #include "BillingHttpConnector.h"
@@ -13,7 +13,7 @@
 #include <string>
 #include <vector>
 
-/// Reaches the steps that only the worker takes, so that a test can take them in the order it wants.
+/// Gives access to the steps of the worker, so that a test can call them in any order.
 struct ConnectorProbe {
     CHttpConnector& o;
 
@@ -57,15 +57,15 @@ inline const LinesOf CONNECTOR{"BillingHttpConnector.cpp"};
 inline const LinesOf OPTIONS{"BillingHttpConnectorOptions.cpp"};
 inline const std::string SET_OPTIONS = "m_SetEasyHandleOptions";
 
-/// What the connector asked GLib to run on the worker; run there only when a test wants a worker.
+/// Functions that the connector gave to g_main_context_invoke. They run only when bForReal is set.
 struct Invocations {
     bool bForReal = false;
     int iCount = 0;
-    const ConnectorProbe* pBy = nullptr;  ///< the connector that may ask
+    const ConnectorProbe* pBy = nullptr;  ///< the only connector that may call it
 };
 Invocations& Invoked();
 
-/// What becomes of the worker's creation.
+/// Result of the worker's creation.
 struct Threads {
     bool bFail = false;
 };
@@ -76,7 +76,7 @@ struct Answer {
     std::string strBody;
     void* pUser;
 };
-/// What the callback of aRequest() was given, in order.
+/// Arguments that the callback of aRequest() has received, in order.
 std::vector<Answer>& Answers();
 
 class AConnector : public ::testing::Test {
@@ -84,21 +84,22 @@ protected:
     void SetUp() override;
     void TearDown() override;
 
-    /// Makes the connector, in place of the one that is there.
+    /// Makes the connector; replaces the present one.
     void construct();
 
     _BILLING_HTTP_REQ_INFO_T aRequest(int eMethod = HTTP_METHOD_GET);
 
-    /// Submits aRequest(). @return its handler
+    /// Submits aRequest().
+    /// @return its handler
     _BILLING_REQ_HANDLER_t* submit(int eMethod = HTTP_METHOD_GET);
 
-    /// The transfer ends and the worker hears of it.
+    /// Ends the transfer and tells the worker.
     void finish(_BILLING_REQ_HANDLER_t* ptHandler, bool bSuccess, const std::string& strBody);
 
-    /// The options of one record, as the wrapper saw them.
+    /// The options of one record, as the wrapper's double received them.
     std::vector<std::string> optionsOf(_BILLING_HTTP_REQ_INFO_T& tInfo, bool bExpected = true);
 
-    /// The option that a record with this header ends with.
+    /// The last option of a record with this header.
     std::string headerOf(const std::string& strHeader);
 
     std::unique_ptr<CHttpConnector> m_connector;

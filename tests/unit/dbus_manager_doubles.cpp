@@ -1,5 +1,5 @@
-// dbus_manager_doubles.cpp - CBillingEngine and GIO's bus calls as the tests of CDBusManager want
-// them, and the fixture.
+// dbus_manager_doubles.cpp - the doubles of CBillingEngine and of GIO's bus calls for the tests of
+// CDBusManager, and their fixture.
 #include "dbus_manager_doubles.h"
 
 #include "BillingEngine.h"

@@ -1,5 +1,5 @@
-// dbus_manager_doubles.h - what the tests of CDBusManager share: doubles in place of the engine and
-// of GIO's bus calls, and the fixture that calls and answers through them.
+// dbus_manager_doubles.h - fixture of the CDBusManager tests, with doubles of the engine and of GIO's bus
+// calls.
 #pragma once
 
 #include "DBusManager.h"
@@ -22,7 +22,7 @@ struct DBusManagerProbe {
     }
 };
 
-/// What GIO answers, and what it was given. Each call is a note in the timeline.
+/// Answers and arguments of GIO's functions. Each call is a note in the timeline.
 struct BusDouble {
     bool bXmlFails = false;
     guint uOwnId = 7;
@@ -39,7 +39,7 @@ struct BusDouble {
 };
 BusDouble& Bus();
 
-/// What the engine answers, and what it was given. Each call is a note in the timeline.
+/// Answers and arguments of the engine's functions. Each call is a note in the timeline.
 struct EngineDouble {
     bool bResult = true;
     std::function<void()> fails;
@@ -62,10 +62,12 @@ protected:
         return reinterpret_cast<GDBusMethodInvocation*>(&m_invocation);
     }
 
-    /// A call comes from the bus. @param szParameters  in the text form of a GVariant
+    /// Delivers a call from the bus.
+    /// @param szParameters in the text form of a GVariant
     void call(const char* szMethod, const char* szParameters);
 
-    /// A result comes through the pipe. @param data  what the pipe's reader is called with
+    /// Delivers a result through the pipe.
+    /// @param data argument of the pipe's reader
     void deliver(void* data, int iResult, const std::string& strInfo, void* pUser);
 
     CDBusManager m_oManager;

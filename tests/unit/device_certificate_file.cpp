@@ -1,4 +1,4 @@
-// device_certificate_file.cpp - the double in front of BIO_new_file.
+// device_certificate_file.cpp - the double of BIO_new_file.
 #include "device_certificate_file.h"
 
 #include "fake_platform.h"

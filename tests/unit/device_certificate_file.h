@@ -1,12 +1,12 @@
-// device_certificate_file.h - puts the device's certificate file where a test has one. The program
-// is linked with a double in front of BIO_new_file.
+// device_certificate_file.h - redirects the service's certificate file to a file of the test, by a double of
+// BIO_new_file.
 #pragma once
 
 #include "device_certificate.h"
 
 #include <string>
 
-/// Where the service finds its certificate file, for the life of the object; no file at first.
+/// The certificate file of the service during the life of the object. At first the file does not exist.
 /// Opening any other file through OpenSSL fails the test.
 class DeviceCertificateFile {
 public:
@@ -16,7 +16,7 @@ public:
     DeviceCertificateFile& operator=(const DeviceCertificateFile&) = delete;
 
     void holds(const std::string& strText) { test::writeText(m_oFolder.path("crt"), strText); }
-    /// A certificate for the key that the fake's key store has.
+    /// Writes a certificate for the key in the fake's key store.
     void holdsTheDevices();
     void isMissing();
 

@@ -1,5 +1,5 @@
-// ecore_environment.h - Ecore for the tests of code that uses its pipe: initialised once, without
-// the modules that talk to the machine's own bus.
+// ecore_environment.h - initialises Ecore once for tests that use its pipe, without the modules that connect
+// to the machine's own bus.
 #pragma once
 
 #include <Ecore.h>
@@ -18,7 +18,7 @@ public:
     void TearDown() override { ecore_shutdown(); }
 };
 
-/// Turns the main loop until the condition holds, some seconds at most.
+/// Iterates the main loop until the condition holds, for some seconds at most.
 template <typename Condition>
 bool TurnUntil(Condition condition)
 {

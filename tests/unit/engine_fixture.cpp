@@ -1,5 +1,5 @@
-// engine_fixture.cpp - sets an engine up on its doubles, stands in front of Ecore's pipe, and runs
-// the tests with Ecore initialised.
+// engine_fixture.cpp - creates an engine on its doubles, replaces the functions of Ecore's pipe, and runs the
+// tests with Ecore initialised.
 #include "engine_fixture.h"
 
 #include "held_locks.h"
@@ -19,8 +19,8 @@ PipeDouble& Pipe()
 
 namespace {
 
-// Who owns the records that went into the pipe: their reader, or, when the pipe is deleted before
-// they are read, nobody but these books. Reader and writers may meet here in either order.
+// Records in the pipe that no reader has taken. Deleting the pipe frees no record, so freeUnread() frees
+// them. The note of the writer and that of the reader may come in either order.
 class RecordBooks {
 public:
     void written(BILLING_RETURN_INFO_T* pInfo)
@@ -75,7 +75,7 @@ Eina_Bool __wrap_ecore_pipe_write(Ecore_Pipe* pipe, const void* buffer, unsigned
     if (Pipe().bWriteFails || !__real_ecore_pipe_write(pipe, buffer, bytes)) {
         return EINA_FALSE;
     }
-    // Before the lock is free: a reader may have it by now, but not have asked for the books.
+    // Stands before the unlock. The reader may have received the record by now, but not have called read().
     Books().written(*static_cast<BILLING_RETURN_INFO_T* const*>(buffer));
     return EINA_TRUE;
 }

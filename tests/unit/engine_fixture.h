@@ -1,5 +1,5 @@
-// engine_fixture.h - what the tests of CBillingEngine share: an engine on the fake platform, with
-// doubles in place of the protocol layer, and the reader of its pipe.
+// engine_fixture.h - fixture of the CBillingEngine tests: an engine on the fake platform with doubles of the
+// protocol layer, and the reader of its pipe.
 #pragma once
 
 #include "BillingEngine.h"
@@ -13,7 +13,7 @@
 #include <string>
 #include <vector>
 
-/// What Ecore refuses to do for the engine's pipe.
+/// Failures of the pipe's functions.
 struct PipeDouble {
     bool bAddFails = false;
     bool bWriteFails = false;
@@ -26,7 +26,7 @@ struct EngineProbe {
 
 inline const LinesOf ENGINE_LINES{"BillingEngine.cpp"};
 
-/// What a message of the pipe says.
+/// Content of a message in the pipe.
 struct Result {
     int eReqType;
     int iRespResult;
@@ -39,14 +39,15 @@ std::ostream& operator<<(std::ostream& out, const Result& result);
 
 class AnEngine : public ::testing::Test {
 public:
-    /// The reader of the pipe: takes the record over, as the front end does.
+    /// Reader of the pipe: takes ownership of the record, like the front end.
     static void Receive(void* data, void* buffer, unsigned int nbyte);
 
 protected:
     void SetUp() override;
     void TearDown() override;
 
-    /// Turns the loop until so many results have come. @return all that came
+    /// Iterates the loop until that many results have arrived.
+    /// @return all results so far
     std::vector<Result> resultsOnPipe(std::size_t expected);
 
     void* caller() { return &m_caller; }
@@ -57,6 +58,6 @@ protected:
     std::vector<Result> m_results;
     std::vector<unsigned int> m_messageSizes;
     BILLING_RETURN_INFO_T m_last;
-    bool m_bAnswered = false;  // the contexts of the calls are gone
+    bool m_bAnswered = false;  // true once the contexts of the calls are freed
     int m_caller = 0;
 };

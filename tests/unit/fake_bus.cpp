@@ -17,7 +17,7 @@ BusMessagePtr MakeAnswer(GVariant* pBody)
 
 bool ABusFlow::reply(const std::string& strTo, std::size_t uBytes)
 {
-    // "(s)" takes its text and the end of it.
+    // A body of type "(s)" is the text and its final NUL.
     const std::string strText(uBytes - BusLimits::HEADER_BYTES - 1, 'x');
     return replyWith(strTo, g_variant_new("(s)", strText.c_str()));
 }

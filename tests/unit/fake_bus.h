@@ -1,4 +1,4 @@
-// fake_bus.h - a bus, a clock and a process in the hand of a test.
+// fake_bus.h - a bus, a clock and a process that a test controls.
 #pragma once
 
 #include "BusFlow.h"
@@ -14,7 +14,7 @@
 
 constexpr const char* BUS = "org.freedesktop.DBus";
 
-/// What the flow control has asked for, and what it sees.
+/// Records the requests of the flow control and answers its questions.
 class FakeBus : public CBusPort {
 public:
     struct Question {
@@ -55,33 +55,35 @@ public:
     unsigned uEnds = 0;
     unsigned uGivenBack = 0;
     std::optional<gint64> iWakeAt;
-    std::map<guint32, Question> asked;  ///< and not answered
+    std::map<guint32, Question> asked;  ///< not answered yet
     std::vector<std::pair<std::string, guint32>> released;
-    std::vector<std::string> errors;  ///< of what was released
+    std::vector<std::string> errors;  ///< error name of each released reply
 };
 
-/// The flow control on such a bus.
+/// Fixture: the flow control on a FakeBus.
 class ABusFlow : public ::testing::Test {
 protected:
     ABusFlow() { fake::platform().reset(); }
 
-    /// A reply of that many bytes on the bus goes out. @return true when it does so now
+    /// Sends a reply of that many bytes.
+    /// @return true if the reply goes out at once
     bool reply(const std::string& strTo, std::size_t uBytes);
-    /// The same, with this body.
+    /// Sends a reply with this body, like reply().
     bool replyWith(const std::string& strTo, GVariant* pBody);
-    /// How many questions of that kind are open.
+    /// Number of open questions of that kind.
     std::size_t open(BusQuestion eKind) const;
-    /// Answers the open question of that kind about that caller. @return whether it was taken
+    /// Answers the open question of that kind about that caller.
+    /// @return whether the flow control took the answer as its own
     bool answer(BusQuestion eKind, const std::string& strName, BusMessagePtr pAnswer,
                 const char* szFrom = BUS);
-    /// The bus says how much the caller has not read.
+    /// The bus answers how many bytes the caller has not read.
     bool unread(const std::string& strName, guint32 uBytes);
     bool user(const std::string& strName, guint32 uUser);
     bool owner(const std::string& strName);
     bool fails(BusQuestion eKind, const std::string& strName, const char* szError,
                const char* szFrom = BUS);
     bool pong(const std::string& strName);
-    /// Time passes, and the timer runs whenever it was asked for.
+    /// Advances the clock and runs the timer at each time that was requested.
     void pass(gint64 iMilliseconds);
     /// The texts of the log so far.
     std::vector<std::string> texts() const;

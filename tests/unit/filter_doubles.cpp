@@ -1,4 +1,4 @@
-// filter_doubles.cpp - stands in front of the bus library, the clock and the process.
+// filter_doubles.cpp - replaces functions of the bus library, the clock and the process.
 #include "filter_doubles.h"
 
 #include "BusFilter.h"
@@ -14,7 +14,7 @@ FilterDoubles* g_ptDoubles = nullptr;
 
 GVariant* Text(std::size_t uBodyBytes)
 {
-    // "(s)" takes its text and the end of it.
+    // A body of type "(s)" is the text and its final NUL.
     return g_variant_new("(s)", std::string(uBodyBytes - 1, 'x').c_str());
 }
 
@@ -68,7 +68,7 @@ GSource* __wrap_g_timeout_source_new(guint uMilliseconds)
 {
     EXPECT_EQ(HeldLocks(), 1u) << "the timer is behind the flow's lock";
     Filter().timers.push_back(uMilliseconds);
-    // Due at once: the double's clock says when.
+    // The real timer is due at once; the double's clock decides when the test runs it.
     return __real_g_timeout_source_new(0);
 }
 

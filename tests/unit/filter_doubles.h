@@ -11,33 +11,33 @@
 
 constexpr const char* THE_BUS = "org.freedesktop.DBus";
 
-/// A message that the filter sent, with what held at that moment.
+/// A message that the filter sent, with the state at that moment.
 struct SentMessage {
     BusMessagePtr pMessage;
     GDBusSendMessageFlags eFlags;
     std::size_t uLocks;
 };
 
-/// What the doubles answer, and what they were asked.
+/// Answers and arguments of the replaced functions.
 struct FilterDoubles {
     const gchar* szUniqueName = ":1.7";
     bool bSends = true;
     gint64 iMicroseconds = 5'000'000;
-    bool bForeignSource = false;  ///< the source that is dispatched is not the filter's
+    bool bForeignSource = false;  ///< true if the dispatched source is not the filter's
 
-    GDBusConnection* pConnection = nullptr;  ///< of the installed filter
+    GDBusConnection* pConnection = nullptr;  ///< connection on which the filter is installed
     GDBusMessageFilterFunction pfnFilter = nullptr;
     gpointer pFilter = nullptr;
     GDestroyNotify pfnEnd = nullptr;
     std::vector<SentMessage> sent;
-    std::vector<guint> timers;  ///< milliseconds of each timer that was made
+    std::vector<guint> timers;  ///< interval of each timer that was made, in milliseconds
     std::vector<int> signals;
     unsigned uTrims = 0;
 };
 
 FilterDoubles& Filter();
 
-/// A filter on a connection that is an address and nothing more.
+/// Fixture: a filter on a connection that is only an address.
 class ABusFilter : public ::testing::Test {
 protected:
     ABusFilter();
@@ -46,16 +46,18 @@ protected:
     void install();
     void end();
 
-    /// A message passes the filter. The message that comes out; null when it was taken.
+    /// Passes a message through the filter.
+    /// @return the message that comes out; null when the filter took it
     BusMessagePtr incoming(BusMessagePtr pMessage) { return pass(std::move(pMessage), TRUE); }
     BusMessagePtr outgoing(BusMessagePtr pMessage) { return pass(std::move(pMessage), FALSE); }
 
-    /// The bus, or somebody else, answers the question at that place of what was sent.
+    /// Delivers an answer to a sent question, from the bus or from another sender.
+    /// @param uQuestion index among the sent messages
     BusMessagePtr answer(std::size_t uQuestion, GVariant* pBody, const char* szFrom = THE_BUS);
     BusMessagePtr fails(std::size_t uQuestion, const char* szError);
     BusMessagePtr unread(std::size_t uQuestion, guint32 uBytes);
 
-    /// Time passes on the double's clock, and a timer that is there runs once.
+    /// Advances the double's clock and runs the current timer once.
     void pass(gint64 iMilliseconds);
 
 private:

@@ -1,4 +1,4 @@
-// held_locks.cpp - stands in front of locking and unlocking, and keeps the books of each thread.
+// held_locks.cpp - replaces the lock and unlock functions and counts each thread's held mutexes.
 #include "held_locks.h"
 
 #include <algorithm>

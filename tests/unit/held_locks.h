@@ -1,13 +1,13 @@
-// held_locks.h - which mutexes the calling thread holds: doubles look before they answer. A program
-// that asks wraps pthread_mutex_lock and pthread_mutex_unlock.
+// held_locks.h - the mutexes that the calling thread holds, for doubles that check them. A program that uses
+// this wraps pthread_mutex_lock and pthread_mutex_unlock.
 #pragma once
 
 #include <pthread.h>
 
 #include <cstddef>
 
-/// How many mutexes the calling thread has locked and not unlocked, by this program's own code.
+/// Number of mutexes that the program's own code holds on the calling thread.
 std::size_t HeldLocks();
 
-/// Whether that one is among them.
+/// True if the calling thread holds that mutex.
 bool Holds(const pthread_mutex_t& tMutex);

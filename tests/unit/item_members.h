@@ -1,4 +1,4 @@
-// item_members.h - all twenty members of a CBillingItem at once, to compare and to fill.
+// item_members.h - reads and fills all twenty members of a CBillingItem.
 #pragma once
 
 #include "BillingTypes.h"
@@ -17,7 +17,7 @@ inline constexpr std::array<std::string CBillingItem::*, 20> ITEM_MEMBERS{
     &CBillingItem::strSpare11,  &CBillingItem::strSpare12,
 };
 
-/// The members that are not empty, by their place in the record.
+/// The non-empty members, by their index in the record.
 inline std::map<std::size_t, std::string> FilledMembers(const CBillingItem& oItem)
 {
     std::map<std::size_t, std::string> filled;
@@ -29,7 +29,7 @@ inline std::map<std::size_t, std::string> FilledMembers(const CBillingItem& oIte
     return filled;
 }
 
-/// An item with a text of its own in every member.
+/// An item with a different text in each member.
 inline CBillingItem FullItem()
 {
     CBillingItem oItem;

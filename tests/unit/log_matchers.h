@@ -1,5 +1,5 @@
-// log_matchers.h - what the tests say about log records: priority, colour, file, function and text
-// at once; and about the one timeline of records, platform calls and what doubles were asked.
+// log_matchers.h - compares whole log records: priority, colour, file, function and text. Also the timeline
+// of log records, platform calls and calls of doubles.
 #pragma once
 
 #include "fake_platform.h"
@@ -44,7 +44,7 @@ inline std::string Red(const std::string& strText)
     return "\033[0;31m" + strText + "\033[0;m";
 }
 
-/// The lines of one source file, in the words of its own tests.
+/// Makes the expected lines of one source file.
 struct LinesOf {
     std::string strFile;
 
@@ -78,19 +78,19 @@ struct LinesOf {
     }
 };
 
-/// The platform was asked, in the timeline: the function's name and, where it has one, its key.
+/// Timeline entry of a platform call: the function's name and, where there is one, its key.
 inline Line Asked(const std::string& strCall)
 {
     return {log_priority(0), "", "platform", strCall};
 }
 
-/// A double was asked, or a test made a step, in the timeline.
+/// Timeline entry of a double's call or of a test's step.
 inline Line Did(const std::string& strWhat)
 {
     return {log_priority(0), "", "double", strWhat};
 }
 
-/// A double says what it was asked.
+/// Adds a double's call to the timeline.
 inline void Note(const std::string& strWhat)
 {
     fake::platform().note(strWhat);
@@ -98,7 +98,7 @@ inline void Note(const std::string& strWhat)
 
 using Steps = std::vector<Line>;
 
-/// Steps in a list that a macro takes as one argument.
+/// Passes a list of steps to a macro as one argument.
 template <typename... One>
 Steps These(One... one)
 {
@@ -118,8 +118,7 @@ inline Line LineOf(const fake::LogRecord& record)
     return {record.ePriority, record.strFile, record.strFunction, record.strText};
 }
 
-/// Everything that happened so far, in one order: log records, calls of the platform and notes of
-/// the doubles.
+/// All events so far in one order: log records, platform calls and notes of the doubles.
 inline Steps Timeline()
 {
     Steps lines;
@@ -133,7 +132,7 @@ inline Steps Timeline()
     return lines;
 }
 
-/// What doubles were asked so far, in order.
+/// The notes of the doubles so far, in order.
 inline std::vector<std::string> Notes()
 {
     std::vector<std::string> notes;
@@ -145,8 +144,7 @@ inline std::vector<std::string> Notes()
     return notes;
 }
 
-/// The lines logged so far. Every record has the service's tag and a line number, or the test
-/// fails.
+/// The lines logged so far. The test fails for a record without the service's tag or a line number.
 inline std::vector<Line> LoggedLines()
 {
     std::vector<Line> lines;
@@ -156,7 +154,7 @@ inline std::vector<Line> LoggedLines()
     return lines;
 }
 
-/// The same, of one source file only.
+/// The lines of one source file logged so far.
 inline std::vector<Line> LoggedLines(const std::string& strFile)
 {
     std::vector<Line> lines = LoggedLines();

@@ -1,4 +1,4 @@
-// mzcurl_double.cpp - MZCurlEasy and MZCurlMulti as the connector's tests want them.
+// mzcurl_double.cpp - the doubles of MZCurlEasy and MZCurlMulti for the connector's tests.
 #include "mzcurl_double.h"
 
 #include "log_matchers.h"

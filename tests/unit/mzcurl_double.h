@@ -1,5 +1,6 @@
-// mzcurl_double.h - stands in for the curl wrapper in the connector's tests: it records options in
-// order, notes each other call in the timeline, refuses what a test wants refused, and finishes transfers when the test says so.
+// mzcurl_double.h - double of the curl wrapper for the connector's tests. It records options in order, notes
+// every other call in the timeline, fails the calls that a test names, and finishes transfers when the test
+// says so.
 #pragma once
 
 #include <platform/MZCurl.h>
@@ -11,9 +12,9 @@
 #include <vector>
 
 struct CurlDouble {
-    // What fails.
+    // Failures.
     int iMultiInitializeFailures =
-        0;  ///< that many Initialize() calls of the multi handle, from now on
+        0;  ///< number of next Initialize() calls of the multi handle that fail
     bool bEasyInitializeFails = false;
     bool bAddFails = false;
     bool bRemoveFails = false;
@@ -23,9 +24,9 @@ struct CurlDouble {
     bool bSendFails = false;
     int iRefusedOption = 0;  ///< this option number is refused with the text "no"
 
-    // What was seen.
+    // Records of the calls.
     std::vector<std::string> options;  ///< "<number> <value>", in order, of every easy handle
-    /// Which locks the asking thread holds, as each call's note in the timeline is to end.
+    /// Text that ends the note of each call: the locks that the calling thread holds.
     std::function<std::string()> locks;
     void* pPrivate = nullptr;  ///< of the last easy handle
     MZCurl::WriteCallback pfnWrite = nullptr;
@@ -33,12 +34,12 @@ struct CurlDouble {
     MZCurl::SslContextCallback pfnSslContext = nullptr;
     void* pSslContextData = nullptr;
 
-    // What the worker's loop gets.
+    // Input of the worker's loop.
     std::deque<MZCurl::MZCurlMulti::MultiMsg> messages;
-    int iRunning = 0;  ///< count that fdSelect() reports, lowered by each removal
+    int iRunning = 0;  ///< count that fdSelect() reports; each removal lowers it
     std::string strLastError = "no";
 };
 
-/// The one double of the process. Thread: hold the mutex where the worker may be running.
+/// The double of the process. Thread: hold its mutex where the worker may be running.
 CurlDouble& Curl();
 std::mutex& CurlMutex();

@@ -1,4 +1,4 @@
-// protocol_double.cpp - CBillingHttpRequest and CHttpConnector as the engine's tests want them.
+// protocol_double.cpp - the doubles of CBillingHttpRequest and CHttpConnector for the engine's tests.
 #include "protocol_double.h"
 
 #include "BillingHttpConnector.h"

@@ -1,5 +1,5 @@
-// protocol_double.h - stands in for the protocol layer and the connector in the engine's tests: it
-// notes what the engine asks for in the timeline, keeps the arguments, and accepts or refuses.
+// protocol_double.h - double of the protocol layer and the connector for the engine's tests. It notes each
+// call in the timeline, keeps the arguments, and accepts or refuses.
 #pragma once
 
 #include "BillingTypes.h"
@@ -12,8 +12,8 @@ struct ProtocolCall {
     CBillingItem oItem;
     std::vector<std::string> texts;
     ResponseCallback pfnCallback = nullptr;
-    EngineRequestContext* pContext = nullptr;  ///< owned by whoever the answer makes its owner
-    EngineRequestContext tContext{};           ///< as it was at the call
+    EngineRequestContext* pContext = nullptr;  ///< owned by an accepted request, else by the engine
+    EngineRequestContext tContext{};           ///< copy made during the call
 };
 
 struct ProtocolDouble {
@@ -22,5 +22,5 @@ struct ProtocolDouble {
     std::vector<ProtocolCall> calls;
 };
 
-/// The one double of the process.
+/// The double of the process.
 ProtocolDouble& Protocol();

@@ -1,4 +1,4 @@
-// protocol_layer.cpp - the connector's double, and what the tests of all requests share.
+// protocol_layer.cpp - the connector's double, and the fixture of all request tests.
 #include "protocol_layer.h"
 
 #include "allocation_switch.h"

@@ -1,5 +1,5 @@
-// protocol_layer.h - CBillingHttpRequest between a double of the connector and a device that the
-// tests know.
+// protocol_layer.h - fixture for CBillingHttpRequest: a double of the connector and a device with known
+// values.
 #pragma once
 
 #include "BillingHttpRequest.h"
@@ -13,23 +13,23 @@
 #include <string>
 #include <vector>
 
-/// One request as it reached the connector.
+/// One request as the connector's double received it.
 struct Submitted {
     std::string strOperation;  ///< Get or Post
     _BILLING_HTTP_REQ_INFO_T tReqInfo;
     bool bSync;
-    std::size_t lines;  ///< logged before it
+    std::size_t lines;  ///< number of lines logged before the request
 };
 
-/// The connector's double: keeps what it is given and answers as it is told.
+/// Double of the connector: keeps its arguments and answers as the test sets.
 struct ConnectorDouble {
     bool bAccepts = true;
     std::vector<Submitted> submitted;
-    std::vector<std::size_t> constructedAfter;  ///< questions that the platform had heard by then
+    std::vector<std::size_t> constructedAfter;  ///< platform calls before each construction
 };
 
-/// A device with DUID D1, token T1, UID u, GUID g, country US, language en, and an item with
-/// something in each of its members.
+/// A device with DUID D1, token T1, UID u, GUID g, country US, language en, and an item with a text in each
+/// member.
 class ProtocolLayer : public ::testing::Test {
 protected:
     ProtocolLayer();
@@ -43,20 +43,19 @@ protected:
     bool appliedTime();
     bool confirm();
 
-    /// The same, by name.
+    /// The requests of CBillingHttpRequest by name.
     struct Operation {
         const char* szName;
         std::function<bool()> start;
     };
     std::vector<Operation> operations();
 
-    /// The one request that reached the connector since the last look, checked but for what is its
-    /// own: URL, header and body.
+    /// Takes the one request that reached the connector since the last call. Checks every member except URL,
+    /// header and body.
     _BILLING_HTTP_REQ_INFO_T got() { return submitted("Get", 1); }
     _BILLING_HTTP_REQ_INFO_T posted() { return submitted("Post", 2); }
 
-    /// These are the lines of the one request, and all but the last came before the connector got
-    /// it.
+    /// Expects exactly these lines for the one request, all but the last before the connector received it.
     void expectLines(std::initializer_list<std::vector<Line>> parts);
 
     static void noCallback(bool, std::string&, void*);
@@ -76,7 +75,7 @@ inline const char* const COMMON_HEADER =
     "DUID: D1\r\n"
     "Atoken: T1\r\n";
 
-// What the platform is asked, in the words of the fake.
+// Platform calls as the fake names them.
 inline const char* const SERVER_TYPE = "system_info_get_value_int 126";
 inline const char* const SANDBOX = "deployment_get_host 1";
 inline const char* const GUID = "sso_get_guid";
@@ -86,7 +85,7 @@ inline const char* const LANGUAGE = "runtime_info_get_value_string 0";
 inline const char* const DUID = "vconf_get_str db/comss/hwduid";
 inline const char* const ATOKEN = "vconf_get_str db/comss/atoken";
 
-// The lines of Init, and of the getters that log, on that device.
+// Lines of Init and of the getters that log, on that device.
 inline const LinesOf Source{"BillingHttpRequest.cpp"};
 inline const LinesOf Util{"BillingUtil.cpp"};
 inline const std::vector<Line> INIT_LINES = {

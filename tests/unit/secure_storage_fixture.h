@@ -1,5 +1,5 @@
-// secure_storage_fixture.h - one instance of CBillingSecureStorageUtil on a fresh fake platform, with
-// the device's certificate in its place.
+// secure_storage_fixture.h - one instance of CBillingSecureStorageUtil on a fresh fake platform, with the
+// device's certificate file.
 #pragma once
 
 #include "BillingSecureStorageUtil.h"
@@ -32,7 +32,7 @@ protected:
         EXPECT_EQ(ERR_peek_error(), 0u) << "nothing is left for the next TLS call to find";
     }
 
-    // The next instance, and what it does, as after a new start.
+    // Replaces the instance, as a restart of the process does, and forgets earlier calls and lines.
     void restart()
     {
         BillingDeleteInstance<CBillingSecureStorageUtil>();

@@ -1,5 +1,5 @@
-// step_doubles.cpp - the doubles. The framework's two static mutexes are known by who locks them
-// first.
+// step_doubles.cpp - the doubles. The order of the first locks tells the framework's two static mutexes
+// apart.
 #include "step_doubles.h"
 
 #include <sys/time.h>
@@ -40,7 +40,7 @@ int Wait(const std::string& strNote)
     return happens();
 }
 
-// Addresses that nothing looks behind.
+// Objects that serve as addresses only; their content is never read.
 int g_iContext;
 int g_iLoop;
 int g_iSources;

@@ -1,6 +1,6 @@
-// step_doubles.h - locks, condition variables, threads and GLib's loops as the task framework uses
-// them, all on one thread: each call is a note in the timeline and does nothing else, so that the
-// order of all steps can be compared. What a wait or a loop lets happen is in the test's hand.
+// step_doubles.h - doubles of locks, condition variables, threads and GLib's loops for the task framework,
+// all on one thread. Each call is only a note in the timeline, so that a test can compare the order of all
+// steps. The test sets what happens during a wait or a loop.
 #pragma once
 
 #include "BillingTaskBase.h"
@@ -14,15 +14,15 @@
 #include <vector>
 
 struct StepDoubles {
-    bool bOn = false;                       ///< off: every call goes to the real function
-    std::vector<std::string> names;         ///< of the mutexes that are initialised, in that order
-    std::list<std::function<int()>> waits;  ///< what happens in each wait, and its result
-    std::function<void()> run;              ///< what happens while the loop runs
+    bool bOn = false;                       ///< false: every call goes to the real function
+    std::vector<std::string> names;         ///< of mutexes in order of initialisation
+    std::list<std::function<int()>> waits;  ///< action in each wait, returns its result
+    std::function<void()> run;              ///< action while the loop runs
     int iThreadResult = 0;
     bool bNoContext = false;
     bool bNoLoop = false;
     bool bNoSource = false;
-    bool bOwnThread = false;  ///< the thread that is created is the test's own
+    bool bOwnThread = false;  ///< the new thread has the id of the test's thread
 };
 StepDoubles& Doubles();
 
@@ -31,9 +31,9 @@ protected:
     void SetUp() override;
     void TearDown() override;
 
-    /// The notes since the last time, log lines of the framework among them.
+    /// The notes since the last call, with the log lines of the framework.
     static Steps happened();
 };
 
-/// Each word of the list is a note: "lock sync; unlock sync".
+/// Notes from a list with ";" between them, for example "lock sync; unlock sync".
 Steps Did(std::initializer_list<const char*> notes);

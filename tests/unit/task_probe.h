@@ -1,5 +1,5 @@
-// task_probe.h - a task that notes what happens to it, and doubles of what it is made of: threads,
-// contexts, and the scheduling of its queue.
+// task_probe.h - a task that records its events and hooks, and doubles of its threads, contexts and queue
+// scheduling.
 #pragma once
 
 #include "BillingTaskBase.h"
@@ -20,22 +20,22 @@
 inline const LinesOf Source{"BillingTaskBase.cpp"};
 inline const LinesOf Header{"BillingTaskBase.h"};
 
-/// What the doubles do and see.
+/// Failures that the doubles produce, and what they have seen.
 struct TaskDoubles {
     bool bNoThread = false;
-    bool bPretendThread = false;  ///< success without a thread
+    bool bPretendThread = false;  ///< creation succeeds without a thread
     bool bNoContext = false;
     std::size_t stackSize = 0;
-    std::atomic<int> drains{0};  ///< HandleEvent scheduled
+    std::atomic<int> drains{0};  ///< number of times that HandleEvent was scheduled
     GMainContext* pContext = nullptr;
     GMainLoop* pLoop = nullptr;
 };
 
 inline constexpr std::int32_t QUIT = 0;
 inline constexpr std::int32_t HANDSHAKE = 1;
-inline constexpr std::int32_t WORK = 10;  // this one and all above: the task's own
+inline constexpr std::int32_t WORK = 10;  // lowest event id of the task itself
 
-/// Notes what it is given and where.
+/// Notes each event and hook, and counts hooks on other threads.
 class Task : public CBillingTaskBase {
 public:
     bool t_OnEvent(PTEvent* e) override
@@ -70,7 +70,7 @@ public:
         event.receiver = this;
         Send(&event, bSync);
     }
-    /// The orderly end.
+    /// Ends the task in the regular way.
     void end()
     {
         bHoldStart = false;
@@ -87,7 +87,7 @@ public:
     bool bStarts = true;
     std::atomic<bool> bHoldStart{false};
     std::thread::id taskThread;
-    std::atomic<int> elsewhere{0};  ///< hooks that ran on another thread
+    std::atomic<int> elsewhere{0};  ///< number of hooks that ran on another thread than the task's
 
 private:
     bool handle(PTEvent& event)
@@ -124,7 +124,7 @@ protected:
 class ATask : public WithTaskDoubles {
 protected:
     void create() { ASSERT_TRUE(m_task.Create()); }
-    /// Its loop does not run yet, so that events pile up.
+    /// Creates the task with its loop held, so that events stay in the queue.
     void createHeld()
     {
         m_task.bHoldStart = true;

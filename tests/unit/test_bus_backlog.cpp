@@ -1,4 +1,4 @@
-// test_bus_backlog.cpp - a caller that wants no answers has so many calls before the main loop.
+// test_bus_backlog.cpp - the limit on calls before the main loop for a caller that wants no answers.
 #include "BusBacklog.h"
 #include "BusLimits.h"
 

@@ -1,4 +1,4 @@
-// test_bus_filter.cpp - which messages the flow control sees, what it sends over the bus, and its timer.
+// test_bus_filter.cpp - the messages that the flow control sees, its own messages on the bus, and its timer.
 #include "BusFilter.h"
 #include "BusLimits.h"
 #include "filter_doubles.h"
@@ -27,7 +27,7 @@ std::string Or(const gchar* szText)
     return szText != nullptr ? szText : "(none)";
 }
 
-// Who is called: "destination path interface member body".
+// A call as text: "destination path interface member body".
 std::string Shown(GDBusMessage* pMessage)
 {
     GVariant* pBody = g_dbus_message_get_body(pMessage);
@@ -50,14 +50,15 @@ std::string ToBus(const std::string& strInterface, const std::string& strMember,
            strBody;
 }
 
-// What is queued for the main loop is of one priority, and comes up in one turn. The filter's timer is always due:
-// no loop until nothing is left.
+// One iteration serves everything in the queue, since all sources have the same priority. A loop until the
+// queue is empty would not end: the filter's timer is always due.
 void serveAll()
 {
     g_main_context_iteration(nullptr, FALSE);
 }
 
-// A question has a serial of its own that the bus library keeps, and is asked behind the lock.
+// Checks a question: its text, its own serial, kept by the bus library, and that it was sent with the lock
+// held.
 void ExpectQuestion(const SentMessage& tSent, const std::string& strShown)
 {
     EXPECT_EQ(Shown(tSent.pMessage.get()), strShown);
@@ -197,7 +198,7 @@ TEST_F(ABusFilter, HoldsAReplyAndReleasesItPastItself)
     EXPECT_EQ(Last().pMessage.get(), pHeld);
     EXPECT_EQ(Last().eFlags, G_DBUS_SEND_MESSAGE_FLAGS_PRESERVE_SERIAL);
     EXPECT_EQ(Last().uLocks, 1u);
-    // It comes by once more, on the bus library's thread, and is not counted again.
+    // The message passes the filter again on the bus library's thread and is not counted twice.
     BusMessagePtr pAgain(static_cast<GDBusMessage*>(g_object_ref(pHeld)));
     EXPECT_NE(outgoing(MakeReply(":1.1", WINDOW_BYTES - HEADER_BYTES - HEADER_BYTES - 100)),
               nullptr);
@@ -234,7 +235,7 @@ TEST_F(ABusFilter, AsksCallersWhereTheBusDoesNotTell)
     EXPECT_NE(outgoing(MakeReply(":1.1", 100)), nullptr);
     ASSERT_THAT(Filter().sent, SizeIs(2));
     ExpectQuestion(Last(), ":1.1 / org.freedesktop.DBus.Peer Ping -");
-    // The bus has given the ping up: is the caller still there?
+    // The bus gave up the ping, so the filter asks whether the caller still has its name.
     fails(1, "org.freedesktop.DBus.Error.NoReply");
     ASSERT_THAT(Filter().sent, SizeIs(3));
     ExpectQuestion(Last(), ToBus(THE_BUS, "GetNameOwner", "(':1.1',)"));
@@ -265,13 +266,13 @@ TEST_F(ABusFilter, HasOneTimerForTheEarliestTime)
 {
     install();
     incoming(MakeCall(":1.1", ARGUMENT_BYTES + 1));
-    // First the bus's silence, then the end of the refusals, which is at the same time: no second timer.
+    // The silence of the bus and the end of the refusals are due at the same time, so one timer serves both.
     EXPECT_THAT(Filter().timers, ElementsAre(static_cast<guint>(BUS_SILENT_MS)));
     outgoing(MakeReply(":1.2", WINDOW_BYTES));
     outgoing(MakeReply(":1.2", 100));
     EXPECT_THAT(Filter().timers,
                 ElementsAre(static_cast<guint>(BUS_SILENT_MS), static_cast<guint>(FIRST_PAUSE_MS)));
-    // The one that is left is the second: it comes up, and is made again for what is next.
+    // The remaining timer is the second one. It runs and is made again for the next due time.
     unread(0, 0);
     pass(FIRST_PAUSE_MS);
     ASSERT_THAT(Filter().timers, SizeIs(3));
@@ -284,7 +285,7 @@ TEST_F(ABusFilter, RunsATimerAtOnceWhoseTimeIsOver)
     unread(0, 0);
     incoming(MakeCall(":1.1", ARGUMENT_BYTES + 1));
     EXPECT_EQ(answer(2, g_variant_new("(u)", 1000u)), nullptr);
-    // The process slept beyond the end of the refusals.
+    // The process slept past the end of the refusals.
     pass(3 * REFUSALS_OVER_MS);
     EXPECT_EQ(LoggedLines("BusReport.cpp").back().strText,
               "caller :1.1 (user 1000) is no longer refused: 1 calls were");

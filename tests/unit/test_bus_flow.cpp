@@ -1,4 +1,4 @@
-// test_bus_flow.cpp - which reply goes out, which waits, which becomes an error.
+// test_bus_flow.cpp - the decision for each reply: send, hold, or turn into an error.
 #include "fake_bus.h"
 
 #include <gmock/gmock.h>
@@ -18,7 +18,7 @@ constexpr const char* LIMITS = "org.freedesktop.DBus.Error.LimitsExceeded";
 constexpr const char* NO_OWNER = "org.freedesktop.DBus.Error.NameHasNoOwner";
 constexpr std::size_t ORDINARY = 400;
 constexpr std::size_t ASK_BYTES = AskBytes(WINDOW_BYTES);
-// Of what may wait: 1 MiB, unless the totals are lowered.
+// One of 32 parts of the bytes that may wait: 1 MiB, unless the totals are lowered.
 constexpr std::size_t PART = HELD_BYTES / 32;
 
 TEST_F(ABusFlow, AsksNobodyAboutACallerThatIsOwedLittle)
@@ -37,7 +37,7 @@ TEST_F(ABusFlow, AsksTheBusOnceBeyondHalfAWindow)
     EXPECT_TRUE(reply(":1.1", ORDINARY));
     EXPECT_EQ(open(BusQuestion::UNREAD), 1u);
     EXPECT_TRUE(unread(":1.1", ORDINARY + 1));
-    // What came after the question may be unread.
+    // Replies sent after the question still count as unread.
     EXPECT_TRUE(reply(":1.1", ASK_BYTES - 2 * ORDINARY - 1));
     EXPECT_EQ(open(BusQuestion::UNREAD), 0u);
     EXPECT_TRUE(reply(":1.1", ORDINARY));
@@ -112,7 +112,7 @@ TEST_F(ABusFlow, NarrowsTheWindowOfACallerThatStopsReading)
     EXPECT_FALSE(reply(":1.1", WINDOW_BYTES + ORDINARY));
     unread(":1.1", 4 * WINDOW_BYTES);
     pass(LONGEST_PAUSE_MS);
-    // It reads again: the window doubles, from the first one.
+    // The caller reads again: its window doubles, starting from the first size.
     unread(":1.1", WINDOW_BYTES);
     EXPECT_THAT(m_oBus.released, IsEmpty());
 }
@@ -129,7 +129,7 @@ TEST_F(ABusFlow, AsksLessAndLessOftenAboutACallerThatReadsNothing)
         }
         pass(10);
     }
-    // 2, 4, ... 512 ms and then one a second.
+    // Pauses of 2, 4, ... 512 ms, then one question a second.
     EXPECT_GE(uAsked, 17u);
     EXPECT_LE(uAsked, 20u);
 }
@@ -184,14 +184,15 @@ TEST_F(ABusFlow, LetsSmallRepliesPassThoseThatReadNoLargeOnes)
     }
     EXPECT_FALSE(reply(":1.99", LARGE_BYTES + 1));
     EXPECT_TRUE(reply(":1.98", LARGE_BYTES));
-    // One of the deaf has read: there is room again.
+    // One of the callers that did not read has read: there is room again.
     unread(":1.3", 0);
     EXPECT_THAT(m_oBus.released, ElementsAre(Pair(":1.99", 17u)));
 }
 
 TEST_F(ABusFlow, AsksAboutEverybodyWhenTheRoomForAllIsUsedUp)
 {
-    // Owed too little each to be asked about, but for whether they are still there.
+    // Each caller is owed too little for the question about unread bytes; it is asked only whether it is
+    // still there.
     constexpr std::size_t EACH = UNREAD_BYTES / 128;
     for (int i = 0; i < 128; i++) {
         EXPECT_TRUE(reply(":1." + std::to_string(i), EACH));
@@ -231,7 +232,7 @@ TEST_F(ABusFlow, TakesTheAnswersOfWhoMakesNoProgressFirst)
     reply(":1.2", WINDOW_BYTES);
     reply(":1.2", 20 * PART);
     pass(STUCK_MS);
-    // The second one reads, slowly.
+    // The second caller reads slowly.
     unread(":1.2", WINDOW_BYTES / 2);
     unread(":1.1", WINDOW_BYTES);
     reply(":1.3", WINDOW_BYTES);
@@ -299,11 +300,11 @@ TEST_F(ABusFlow, RemembersNoCallersThatAreGone)
             fails(BusQuestion::UNREAD, strName, NO_OWNER);
         }
     }
-    // 64 that are still remembered are not in the way of anything.
+    // The 64 callers still remembered take no room from others.
     EXPECT_TRUE(reply(":1.5000", UNREAD_BYTES - KEPT_CALLERS * ORDINARY));
 }
 
-// --- where the bus does not tell ---
+// --- the bus does not tell what callers have not read ---
 
 class ABusThatDoesNotTell : public ABusFlow {
 protected:
@@ -312,7 +313,7 @@ protected:
         m_oFlow.Start(":1.0");
         fails(BusQuestion::UNREAD, ":1.0", "org.freedesktop.DBus.Error.AccessDenied");
     }
-    /// The first caller shows that callers may be asked.
+    /// The answer of the first caller shows that pings are allowed.
     void pingIsAllowed()
     {
         reply(":1.7", ORDINARY);

@@ -1,4 +1,4 @@
-// test_bus_flow_large.cpp - large replies that wait: until when they count among those on their way.
+// test_bus_flow_large.cpp - large replies that wait: how long they count as on their way.
 #include "ReplyBody.h"
 #include "fake_bus.h"
 
@@ -17,7 +17,7 @@ TEST_F(ABusFlow, HoldsTheLongestReplyForACallerThatReads)
     EXPECT_EQ(m_oBus.errors, std::vector<std::string>{""});
 }
 
-/// A large reply that is held for a caller.
+/// Fixture: a large reply that is held for a caller.
 class AHeldLargeReply : public ABusFlow {
 protected:
     void hold(const std::string& strTo)

@@ -1,4 +1,4 @@
-// test_bus_report.cpp - what the log says of callers, and how often.
+// test_bus_report.cpp - log lines about callers, and their number.
 #include "fake_bus.h"
 
 #include <gmock/gmock.h>

@@ -1,4 +1,4 @@
-// test_bus_users.cpp - whose the callers are, as the log tells it.
+// test_bus_users.cpp - the users of callers in log lines.
 #include "fake_bus.h"
 
 #include <gmock/gmock.h>

@@ -1,4 +1,4 @@
-// test_client_text.cpp - how billingctl shows texts of others.
+// test_client_text.cpp - how billingctl prints texts from other programs.
 #include "base/calls.h"
 #include "base/json.h"
 #include "base/text.h"

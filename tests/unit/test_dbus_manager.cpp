@@ -1,5 +1,5 @@
-// test_dbus_manager.cpp - CDBusManager on the bus: its name, its object, the engine behind it, and
-// the end of all three.
+// test_dbus_manager.cpp - CDBusManager on the bus: its name, its object, the engine, and the end of all
+// three.
 #include "BillingEngine.h"
 #include "BillingTaskBase.h"
 #include "allocation_switch.h"

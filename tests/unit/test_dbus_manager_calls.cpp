@@ -19,7 +19,7 @@ namespace {
 
 const std::string CALL = "m_HandleMethodCall";
 
-// What every call begins with, up to the line of its method.
+// Steps at the start of every call, up to the line of its method.
 Steps Taken(const std::string& strMethod, const std::string& strParameters)
 {
     return {MANAGER.plainInfo(CALL, "method name = " + strMethod + "\n"),
@@ -214,7 +214,7 @@ TEST_F(ADBusManager, AnswersACallWithAnErrorWhenMakingItsRequestThrows)
 
 const std::string ANSWER = "m_PipeCallback";
 
-// How a reply is given, from the record's line to the end.
+// Steps of a reply, from the line of the record to the end.
 Steps Answered(int iResult, const std::string& strInfo, const std::string& strReply)
 {
     return {MANAGER.plainInfo(ANSWER, "START"),
@@ -268,7 +268,7 @@ TEST_F(ADBusManager, LogsOnBehalfOfTheCallerWhileItsCallComesInAndIsAnswered)
                                      "", "", ""));
 }
 
-// Ecore calls its reader so when it has no memory for a message; the pipe is closed then.
+// Ecore calls the reader with null when it has no memory for a message; the pipe is closed then.
 TEST_F(ADBusManager, EndsTheServiceWhenThePipeHasFailed)
 {
     static volatile std::sig_atomic_t g_iTerminated;

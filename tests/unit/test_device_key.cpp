@@ -1,5 +1,5 @@
-// test_device_key.cpp - what CBillingSecureStorageUtil does at its construction: the device's key is
-// found, verified, stored where it is missing, and left alone when the store cannot be reached.
+// test_device_key.cpp - the constructor of CBillingSecureStorageUtil finds, verifies and, where it is
+// missing, stores the device's key. It does nothing while the store cannot be reached.
 #include "BillingSecureStorageUtil.h"
 #include "BillingTaskBase.h"
 #include "device_certificate_file.h"
@@ -56,13 +56,13 @@ Line CannotProcess(int iError)
                  "}. Possibly the key is not present.");
 }
 
-// The lines of a container that gets the certificate's key.
+// Lines for a container that receives the certificate's key.
 std::vector<Line> Reference()
 {
     return {Debug("Set CC key pair"), Debug("Set CC key pair result 0")};
 }
 
-// The lines of a verification that finds the key valid.
+// Lines of a verification that finds the key valid.
 std::vector<Line> Verified()
 {
     return {Info("Verify the private key"),    Debug("Set CC key pair"),
@@ -96,7 +96,7 @@ protected:
         EXPECT_EQ(ERR_peek_error(), 0u);
     }
 
-    // Constructs the instance and forgets how.
+    // Makes the instance, after earlier calls and lines are forgotten.
     void start()
     {
         fake::platform().clearLog();
@@ -104,7 +104,7 @@ protected:
         m_poUtil = std::make_unique<CBillingSecureStorageUtil>();
     }
 
-    // The calls of the key store, in order.
+    // Calls of the key store, in order.
     static std::vector<std::string> keyCalls()
     {
         std::vector<std::string> calls;
@@ -141,7 +141,7 @@ TEST_F(TheDeviceKey, IsFoundAndValid)
     EXPECT_THAT(keyCalls(), ElementsAre("ss_init_credential", "ss_encrypt_by_key 7"));
 }
 
-// Only 0 is no id.
+// 0 is the only number that is no id.
 TEST_F(TheDeviceKey, IsFoundAndStoredUnderAnIdBelowZero)
 {
     fake::platform().keyId(-7);
@@ -199,7 +199,7 @@ TEST_F(TheDeviceKey, IsStoredWithItsTypeUseAndPartsOf257Bytes)
     EXPECT_TRUE(call.restIsZero);
 }
 
-// Both parts, whole, and after the store has them; also when the store refuses them.
+// Both parts are wiped whole after the call of the store, also when the store refuses them.
 TEST_F(TheDeviceKey, IsWipedFromTheProcessOnceItIsStored)
 {
     for (const int iError : {0, 5}) {
@@ -443,7 +443,8 @@ TEST_F(TheDeviceKey, IsUsedAgainOnceTheStoreComesBack)
 {
     fake::platform().failsOnce("ss_encrypt_by_key", SS_ERROR_UNAVAILABLE);
 
-    // The first call of the instance makes it, and finds no token; the operation itself does.
+    // The first call constructs the instance, which finds no token; the operation itself finds the token
+    // again.
     unsigned char from[20] = {};
     unsigned char to[256] = {};
     EXPECT_EQ(CBillingSecureStorageUtil::rsa_private_encrypt(sizeof from, from, to, nullptr, 1),

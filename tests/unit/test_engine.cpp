@@ -1,5 +1,5 @@
-// test_engine.cpp - CBillingEngine's five requests on their way to the protocol layer, or refused,
-// and the engine's own life.
+// test_engine.cpp - the five requests of CBillingEngine, passed to the protocol layer or refused, and
+// creation and end of the engine.
 #include "BillingHttpConnector.h"
 #include "BillingTaskBase.h"
 #include "allocation_switch.h"
@@ -19,7 +19,7 @@ namespace {
 const std::string NO_NETWORK = "Network error, please check!";
 const std::string TRY_LATER = "Try again later.";
 
-// What distinguishes one request from the others, in the engine.
+// The parts in which one request of the engine differs from the others.
 struct Request {
     const char* szName;
     const char* szProtocol;
@@ -76,7 +76,7 @@ class EveryRequest : public AnEngine, public ::testing::WithParamInterface<Reque
 protected:
     bool call() { return GetParam().pfnCall(m_oEngine, anItem(), caller()); }
 
-    /// A request's first steps, up to the gateway's answer.
+    /// First steps of a request, up to the answer about the gateway.
     static Steps asked(const Line& tGateway)
     {
         return {ENGINE_LINES.debug(GetParam().szName, "[START] "),

@@ -1,5 +1,5 @@
-// test_engine_results.cpp - results on their way from the protocol layer's callbacks through
-// CBillingEngine's pipe to its reader, also when there are too many or the engine goes.
+// test_engine_results.cpp - results from the protocol layer's callbacks through CBillingEngine's pipe to its
+// reader, also with a full pipe or while the engine is destroyed.
 #include "allocation_switch.h"
 #include "engine_fixture.h"
 #include "heap_double.h"
@@ -92,7 +92,7 @@ TEST_F(ResponseCallbacks, CheckServerAvailabilityLogsWithAnArrowAndNoTrailingBla
                             ENGINE_LINES.debug(strName, "[END] ")));
 }
 
-// The response's copy for the record, or the record's for the pipe.
+// Allocation 1 copies the response for the record; allocation 2 copies the record for the pipe.
 TEST_F(ResponseCallbacks, AnswerAsFailedWhatFindsNoMemory)
 {
     for (const int iAllocation : {1, 2}) {
@@ -215,7 +215,7 @@ TEST_F(AnEngine, AnswersTenThousandRefusalsThatWereQueuedBeforeTheLoopRan)
 TEST_F(AnEngine, NeverBlocksOnAFullPipe)
 {
     BILLING_RETURN_INFO_T tInfo;
-    // Messages are half as large where pointers have 32 bits.
+    // More messages than the pipe takes, also with pointers of 32 bits, whose messages are half as large.
     constexpr std::size_t MORE_THAN_THE_PIPE_HOLDS = 200000;
     for (std::size_t i = 0; i < MORE_THAN_THE_PIPE_HOLDS; ++i) {
         m_oEngine.m_WriteRequestResultToPipe(REQUEST_TYPE_GET_PRODUCTS, tInfo);

@@ -1,5 +1,5 @@
-// test_http_connector.cpp - requests as CHttpConnector takes them: submitted to the worker, refused,
-// or performed on the calling thread. Every step and its text.
+// test_http_connector.cpp - requests in CHttpConnector: submitted to the worker, refused, or performed on the
+// calling thread. Every step and its text.
 #include "allocation_switch.h"
 #include "connector_fixture.h"
 
@@ -14,7 +14,7 @@ using ::testing::Not;
 
 namespace {
 
-// Everything that happened but the lines of the options' set-up.
+// All events except the lines of setting the options.
 Steps StepsWithoutOptions()
 {
     Steps steps = Timeline();

@@ -1,5 +1,5 @@
-// test_http_connector_completion.cpp - a transfer's way from its end to the callback: who is called
-// back, what is freed, and the loop that turns in between.
+// test_http_connector_completion.cpp - from a transfer's end to the callback: the call, what is freed, and
+// the loop's turns in between.
 #include "connector_fixture.h"
 
 #include <gmock/gmock.h>
@@ -107,7 +107,7 @@ TEST_F(AConnector, RefusesToRemoveWhatIsNotInFlight)
 TEST_F(AConnector, SaysThatARequestWasRemovedUnderItsCallback)
 {
     _BILLING_HTTP_REQ_INFO_T tInfo = aRequest();
-    // Only the lists forget it here; the objects are freed below.
+    // The callback removes the request from the lists only; the test frees the objects below.
     tInfo.pfnCallback = [](bool, std::string&, void* pUser) {
         ConnectorProbe::forget(static_cast<_BILLING_REQ_HANDLER_t*>(pUser));
     };

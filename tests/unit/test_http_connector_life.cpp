@@ -1,5 +1,4 @@
-// test_http_connector_life.cpp - CHttpConnector's life: its multi handle, its worker, and the end of
-// both.
+// test_http_connector_life.cpp - creation and end of CHttpConnector's multi handle and worker.
 #include "connector_fixture.h"
 #include "waiting.h"
 

@@ -1,5 +1,5 @@
-// test_http_connector_options.cpp - the options that CHttpConnector sets for a transfer, and the
-// write and read functions that it gives to it.
+// test_http_connector_options.cpp - the options that CHttpConnector sets for a transfer, and its write and
+// read functions.
 #include "connector_fixture.h"
 
 #include <gmock/gmock.h>

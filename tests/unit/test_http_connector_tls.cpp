@@ -1,5 +1,5 @@
-// test_http_connector_tls.cpp - the device's credentials on their way into a TLS context, and their
-// preparation by CHttpConnector::Create.
+// test_http_connector_tls.cpp - the device's credentials in a TLS context, and their preparation by
+// CHttpConnector::Create.
 #include "BillingHttpConnector.h"
 #include "BillingSecureStorageUtil.h"
 #include "allocation_switch.h"
@@ -48,7 +48,7 @@ protected:
         ERR_clear_error();
     }
 
-    // What the wrapper does with a new context.
+    // Calls the callback as the wrapper does for a new context.
     void prepare() { CHttpConnector::sslctxfun(m_context.get(), this); }
 
     bool hasCertificate() const { return SSL_CTX_get0_certificate(m_context.get()) != nullptr; }

@@ -1,5 +1,5 @@
-// test_http_request.cpp - CBillingHttpRequest: the host, the common header, and the procedure that
-// every request follows.
+// test_http_request.cpp - CBillingHttpRequest: the host, the common header, and the steps that all requests
+// share.
 #include "allocation_switch.h"
 #include "protocol_layer.h"
 #include "waiting.h"

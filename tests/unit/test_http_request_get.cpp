@@ -1,5 +1,5 @@
-// test_http_request_get.cpp - the GET requests byte for byte as they reach the connector, what is
-// asked of the platform for them and in which order, and what is logged.
+// test_http_request_get.cpp - the GET requests byte for byte at the connector, the platform calls for them in
+// their order, and the log lines.
 #include "protocol_layer.h"
 
 #include <gmock/gmock.h>

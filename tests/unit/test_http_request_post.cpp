@@ -1,4 +1,5 @@
-// test_http_request_post.cpp - the POST requests, likewise, with their JSON bodies.
+// test_http_request_post.cpp - the POST requests with their JSON bodies, byte for byte, with platform calls
+// and log lines.
 #include "protocol_layer.h"
 
 #include <gmock/gmock.h>
@@ -89,7 +90,7 @@ TEST_F(ProtocolLayer, PostsEmptyTextsForWhatIsMissing)
               "}\n");
 }
 
-/// The body with other texts in it, as the writer puts them.
+/// The body with other texts, as the JSON writer prints them.
 std::string Body(const std::string& strAppId, const std::string& strCustomId,
                  const std::string& strInvoiceId)
 {

@@ -1,4 +1,4 @@
-// test_log.cpp - the service's log macros: the line they stand on, their file, and their colours.
+// test_log.cpp - line, file and colours of the service's log macros.
 #include "BillingLog.h"
 #include "log_matchers.h"
 

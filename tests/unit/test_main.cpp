@@ -1,5 +1,5 @@
-// test_main.cpp - main, its signal handler and its shutdown, with doubles in place of what it
-// calls. The service's main is compiled for this program under the name service_main.
+// test_main.cpp - main, its signal handler and its shutdown, with doubles of the functions that they call.
+// This program compiles the service's main under the name service_main.
 #include "DBusManager.h"
 #include "allocation_switch.h"
 #include "log_matchers.h"
@@ -100,7 +100,7 @@ int RunMain(std::vector<std::string> arguments = {"billing-service"})
 }
 
 const LinesOf MAIN{"main.cpp"};
-const std::string MAIN_FUNCTION = "service_main";  // as this program compiles it
+const std::string MAIN_FUNCTION = "service_main";  // name under which this program compiles main
 
 const Steps PREPARED{Did("platform_process_start"), Did("signal 15 sig_quit"), Did("umask 0"),
                      Did("chdir /")};

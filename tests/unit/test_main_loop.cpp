@@ -1,5 +1,5 @@
-// test_main_loop.cpp - CBillingMainLoop, on a context of its own and on the default one. Doubles
-// hold the loop at its start, let GLib run out of loops, and note what is let go of.
+// test_main_loop.cpp - CBillingMainLoop on a context of its own and on the default context. Doubles hold the
+// loop at its start, make GLib fail to create a loop, and note releases.
 #include "BillingTaskBase.h"
 #include "log_matchers.h"
 #include "waiting.h"
@@ -23,15 +23,15 @@ namespace {
 const LinesOf Source{"BillingTaskBase.cpp"};
 const LinesOf Header{"BillingTaskBase.h"};
 
-/// What the doubles do and see.
+/// Failures that the doubles produce, and what they have seen.
 struct Doubles {
     std::atomic<bool> bHoldRun{false};  ///< g_main_loop_run waits before it begins
     std::atomic<bool> bRunEntered{false};
     bool bNoContext = false;
     bool bNoLoop = false;
-    GMainContext* pContext = nullptr;  ///< the last ones made
+    GMainContext* pContext = nullptr;  ///< latest context and loop
     GMainLoop* pLoop = nullptr;
-    std::function<bool()> isCreated;  ///< asked when the loop is let go of
+    std::function<bool()> isCreated;  ///< asked when the loop is released
 
     void note(const std::string& strStep)
     {
@@ -145,7 +145,7 @@ protected:
     CBillingMainLoop m_loop;
 };
 
-/// A created loop and, once started, the thread that runs it. Both kinds of context.
+/// Fixture: a created loop and, once started, the thread that runs it, for both kinds of context.
 class AMainLoop : public WithDoubles, public ::testing::WithParamInterface<bool> {
 protected:
     AMainLoop() { EXPECT_TRUE(m_loop.Create(GetParam())); }
@@ -156,13 +156,13 @@ protected:
         m_doubles.bRunEntered = false;
         m_thread = std::thread([this] { m_loop.MainLoopRun(); });
     }
-    /// From now on whoever calls in waits for a loop that dispatches.
+    /// Starts the thread. Later calls into the loop wait until it dispatches.
     void run()
     {
         start();
         ASSERT_TRUE(Eventually([this] { return m_doubles.bRunEntered.load(); }));
     }
-    /// The same, and it does not dispatch until it is released.
+    /// Starts the thread like run(), but the loop does not dispatch until it is released.
     void runHeld()
     {
         m_doubles.bHoldRun = true;
@@ -177,7 +177,7 @@ protected:
         if (m_thread.joinable())
             m_thread.join();
     }
-    /// Runs the function on the loop and waits until it has.
+    /// Runs the function on the loop and waits for its end.
     void onLoop(std::function<void()> function)
     {
         std::promise<void> done;

@@ -1,4 +1,4 @@
-// test_named_data.cpp - CBillingSecureStorageUtil: data that is read, written and deleted by name.
+// test_named_data.cpp - CBillingSecureStorageUtil: reading, writing and deleting data by name.
 #include "secure_storage_fixture.h"
 
 #include <string>
@@ -48,7 +48,7 @@ TEST_F(NamedData, LeavesTheTextAloneWhenTheStoreHandsOutNoBuffer)
     EXPECT_THAT(LoggedLines(), IsEmpty());
 }
 
-// The store takes names that end at a NUL: what stands behind it would be lost.
+// Names of the store end at a NUL, so the rest of such a name would be lost.
 TEST_F(NamedData, IsRefusedUnderANameWithANulAndTheShorterNameIsLeftAlone)
 {
     const std::string strName("name\0x", 6);
@@ -122,7 +122,7 @@ TEST_F(NamedData, IsGoneWhenItCouldNotBeWritten)
                                                       "error num[4]!")));
 }
 
-// Any number but 0 is an error.
+// Every number except 0 is an error.
 TEST_F(NamedData, ReportsErrorsOfEitherSign)
 {
     for (const int iError : {1, -1}) {

@@ -1,4 +1,4 @@
-// test_reply_body.cpp - the text of a reply on its way to the bus: not copied, and counted.
+// test_reply_body.cpp - the text of a reply to the bus: not copied, and its bytes counted.
 #include "BusMessage.h"
 #include "ReplyBody.h"
 
@@ -6,7 +6,7 @@
 
 namespace {
 
-/// A reply with such a body, and who counts its text.
+/// Fixture: a reply with such a body, and the counter of its bytes.
 class AReplyBody : public ::testing::Test {
 protected:
     AReplyBody()
@@ -20,7 +20,7 @@ protected:
     GVariant* body() { return g_dbus_message_get_body(m_pReply.get()); }
     const char* text()
     {
-        // The body keeps it.
+        // The body keeps a reference to the text.
         GVariant* pText = g_variant_get_child_value(body(), 1);
         const char* szText = g_variant_get_string(pText, nullptr);
         g_variant_unref(pText);

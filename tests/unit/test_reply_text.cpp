@@ -1,4 +1,4 @@
-// test_reply_text.cpp - what of a server's body the bus can carry.
+// test_reply_text.cpp - the part of a server's body that the bus can carry.
 #include "ReplyText.h"
 #include "heap_double.h"
 

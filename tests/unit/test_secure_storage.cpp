@@ -1,5 +1,5 @@
-// test_secure_storage.cpp - CBillingSecureStorageUtil: the device's certificate, and the key object
-// that signs in the key store.
+// test_secure_storage.cpp - CBillingSecureStorageUtil: the device's certificate, and the key object that
+// signs in the key store.
 #include "allocation_switch.h"
 #include "secure_storage_fixture.h"
 
@@ -28,7 +28,7 @@ protected:
         s_bMade = s_bMade || m_key != nullptr;
     }
 
-    inline static bool s_bMade = false;  // this process has made a key
+    inline static bool s_bMade = false;  // true once this process has made a key
     std::shared_ptr<X509> m_cert;
     std::shared_ptr<RSA> m_key;
 };
@@ -50,7 +50,8 @@ TEST_F(DeviceCertificate, IsMadeWithAKeyWhosePrivateOperationIsTheKeyStores)
     const void* pDefault =
         reinterpret_cast<const void*>(RSA_meth_get_priv_enc(RSA_get_default_method()));
     const std::string strName = RSA_meth_get0_name(RSA_get_default_method());
-    // The first key of the process finds the library's operation in the record, a later one ours.
+    // The previous operation in the log record: the library's for the first key of the process, the service's
+    // for later keys.
     const void* pOld = s_bMade ? Routine() : pDefault;
 
     get();
@@ -190,7 +191,7 @@ protected:
                                                               m_key.get(), padding);
     }
 
-    // What the certificate's public key makes of the result.
+    // Decrypts the result with the certificate's public key.
     Block undone()
     {
         Block out{};
@@ -301,7 +302,7 @@ TEST_F(PrivateOperation, FailsOnATextTooLongToPad)
                             UTIL.info(ENCRYPT, "rsa_private_encrypt, padding code 3 , flen 256"),
                             UTIL.info(ENCRYPT, "Encrypt by KeyStore"),
                             UTIL.error(ENCRYPT, "256 bytes cannot be padded for a signature")));
-    ERR_clear_error();  // the caller of such an operation reads the reason there
+    ERR_clear_error();  // the caller of such an operation expects the reason in the queue
 }
 
 TEST_F(PrivateOperation, ReturnsTheLengthThatTheStoreGave)

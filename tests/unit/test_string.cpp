@@ -1,5 +1,5 @@
-// test_string.cpp - BillingMem and BillingString: what the C calls do, and what a null pointer does
-// instead.
+// test_string.cpp - BillingMem and BillingString: the C calls that they wrap, and their behaviour for a null
+// pointer.
 #include "BillingString.h"
 #include "log_matchers.h"
 
@@ -142,7 +142,7 @@ TEST_F(Text, SaysNothingWhenThereIsNothingWrong)
     EXPECT_THAT(LoggedLines(), IsEmpty());
 }
 
-// A call with a null pointer: its operation, its condition, and what it gives back.
+// A call with a null pointer: its name, the logged operation and condition, and a check of its return value.
 struct NullCase {
     const char* szName;
     const char* szOperation;
@@ -163,7 +163,7 @@ TEST_P(ANullPointer, IsLoggedAndSurvived)
                 ElementsAre(Source.refused(GetParam().szOperation, GetParam().szCondition)));
 }
 
-// What returns nothing has nothing to be wrong with.
+// Wraps a call without a return value, whose check is always true.
 template <typename Call>
 auto Void(Call call)
 {

@@ -1,5 +1,5 @@
-// test_sync.cpp - CBillingAutoLock, CBillingSync and CBillingSingleton. The clock, the wait and the
-// unlocking of nothing go through doubles.
+// test_sync.cpp - CBillingAutoLock, CBillingSync and CBillingSingleton. Doubles replace the clock, the wait,
+// and the unlocking of a null mutex.
 #include "BillingTaskBase.h"
 #include "log_matchers.h"
 #include "waiting.h"
@@ -29,9 +29,9 @@ const LinesOf Header{"BillingTaskBase.h"};
 
 constexpr unsigned long FOREVER = 0xFFFFFFFF;
 
-/// What the doubles do and see; empty functions leave the call to the C library.
+/// Behaviour of the doubles and what they have seen. An empty function leaves the call to the C library.
 struct Doubles {
-    std::vector<timeval> clock;  ///< what gettimeofday tells next; the last one stays
+    std::vector<timeval> clock;  ///< values of gettimeofday in order; the last one repeats
     std::size_t clockReads = 0;
     std::function<int(pthread_mutex_t*)> timedWait;
     std::vector<timespec> deadlines;
@@ -414,7 +414,7 @@ TEST_F(ASingleton, IsMadeOnceAndOnFirstUseOnly)
     EXPECT_EQ(Counted::deleted, 1);
 }
 
-/// Notes whether the holder's lock was taken while it was made and deleted.
+/// Notes whether the lock was held while the instance was made and deleted.
 struct LockSeen {
     LockSeen() { madeUnderLock = trylock() == EBUSY; }
     ~LockSeen() { deletedUnderLock = trylock() == EBUSY; }

@@ -1,4 +1,4 @@
-// test_task.cpp - CBillingTaskBase: what it refuses, its beginning, and the ways to end.
+// test_task.cpp - CBillingTaskBase: refused calls, the start, and the ways to end.
 #include "task_probe.h"
 
 #include <gmock/gmock.h>

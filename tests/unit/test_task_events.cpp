@@ -112,7 +112,7 @@ TEST_F(ATask, SchedulesAgainWhatComesAfterADrain)
     create();
     for (int round = 1; round <= 3; ++round) {
         m_task.send(WORK, true);
-        // The drain goes on to the end of the queue before the next one can be scheduled.
+        // A drain empties the queue before another can be scheduled, so the send repeats until one is.
         PTEvent event;
         event.id = WORK;
         event.receiver = &m_task;
@@ -179,7 +179,7 @@ TEST_F(ATask, SendsToAnotherTaskAndWaitsForIt)
     EXPECT_EQ(other.elsewhere, 0);
 }
 
-/// The other side of a handshake: it knows the array.
+/// Content of the array that the other side of a handshake passes.
 struct Handshake {
     Handshake()
     {

@@ -1,5 +1,5 @@
-// test_task_steps.cpp - the task framework's steps in their order: which lock is held for what, and
-// what is made and let go of when.
+// test_task_steps.cpp - the steps of the task framework in order: the locks held for each, and when each
+// object is made and released.
 #include "step_doubles.h"
 
 #include <cerrno>
@@ -100,7 +100,7 @@ protected:
         Doubles().names = {"loop"};
         EXPECT_TRUE(m_oLoop.Create(bDefault));
     }
-    // The first dispatch, and the end.
+    // Runs the first dispatch, which unlocks the loop, twice.
     void dispatch()
     {
         EXPECT_EQ(CBillingMainLoop::UnLock(&m_oLoop), FALSE);
@@ -263,7 +263,7 @@ protected:
     void TearDown() override
     {
         if (m_oWorker.FlagCreate()) {
-            // The thread's body, which has nothing to do.
+            // The test runs the thread's body, which has nothing to do.
             m_oWorker.bStarts = false;
             CBillingThreadBase::Main(&m_oWorker);
             m_oWorker.Destroy();

@@ -1,5 +1,5 @@
-// test_text.cpp - BillingUtil's texts and encodings: examples, published vectors, and properties held
-// against a second implementation.
+// test_text.cpp - BillingUtil's texts and encodings: examples, published vectors, and comparison with a
+// second implementation.
 #include "BillingOpenSsl.h"
 #include "BillingUtil.h"
 #include "log_matchers.h"
@@ -22,7 +22,7 @@ namespace {
 const LinesOf Source{"BillingUtil.cpp"};
 
 struct Doubles {
-    int iBiosLeft = -1;  ///< so many are made, then none; -1: as many as are asked for
+    int iBiosLeft = -1;  ///< number of BIOs before creation fails; -1: no limit
     bool bNoWriting = false;
     bool bNoHmac = false;
     bool bNoUtcTime = false;
@@ -63,7 +63,7 @@ time_t __wrap_time(time_t* out)
 
 int __wrap_gettimeofday(timeval* now, void*)
 {
-    *now = {g_tDoubles.lNow + 1, 999999};  // not the same second: it shows which one was asked
+    *now = {g_tDoubles.lNow + 1, 999999};  // differs from time(): it shows which clock was asked
     return 0;
 }
 
@@ -89,7 +89,7 @@ protected:
         EXPECT_EQ(ERR_peek_error(), 0u) << "nothing is left for the next TLS call to find";
     }
 
-    // With as much room as the result needs.
+    // Encodes into a buffer with enough room for the result.
     static std::string base64(const std::string& strIn)
     {
         std::string strBytes = strIn;

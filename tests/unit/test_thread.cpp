@@ -1,5 +1,5 @@
-// test_thread.cpp - CBillingThreadBase: the start gate, the wait for the end, and threads that
-// cannot be had. A double stands before the creation of threads.
+// test_thread.cpp - CBillingThreadBase: the start gate, the wait for the end, and failing creation of
+// threads, by a double.
 #include "BillingTaskBase.h"
 #include "log_matchers.h"
 #include "waiting.h"
@@ -25,10 +25,10 @@ const LinesOf Header{"BillingTaskBase.h"};
 
 constexpr unsigned long STACK_SIZE = 131072;
 
-/// What the double does and sees.
+/// Failures that the double produces, and what it has seen.
 struct Doubles {
-    bool bFail = false;     ///< no thread can be had
-    bool bPretend = false;  ///< success without a thread
+    bool bFail = false;     ///< creation of a thread fails
+    bool bPretend = false;  ///< creation succeeds without a thread
     std::function<void()> afterCreation;
     std::atomic<int> inside{0};
     std::atomic<int> insideAtMost{0};
@@ -66,7 +66,7 @@ int __wrap_pthread_create(pthread_t* thread, const pthread_attr_t* attr, void* (
 
 namespace {
 
-/// A body that notes where it ran, and waits when it is told to.
+/// A body that notes its thread, and waits when the test holds it.
 class Worker : public CBillingThreadBase {
 public:
     void t_Main() override

@@ -1,4 +1,4 @@
-// test_time.cpp - CBillingTime at chosen moments and in chosen zones.
+// test_time.cpp - CBillingTime at fixed moments and in fixed zones.
 #include "BillingTime.h"
 #include "log_matchers.h"
 
@@ -22,15 +22,15 @@ const LinesOf Source{"BillingTime.cpp"};
 constexpr long END_OF_JANUARY = 1706745599;  // 2024-01-31 23:59:59 UTC
 constexpr long A_DAY = 86400;
 
-// The end of 32-bit time is a question only where there is more.
+// Times beyond the range of 32 bits exist only with a larger time_t.
 constexpr bool BIG_TIME = sizeof(time_t) > 4;
 
 struct Clock {
     time_t tNow = END_OF_JANUARY;
     int iUnreadable = 0;
     bool bNoUtcTime = false;
-    const char* szKey = nullptr;  ///< the last one that was asked for
-    int iZoneResult = 0;          ///< what the zone service says beside its offsets
+    const char* szKey = nullptr;  ///< the last key that was read
+    int iZoneResult = 0;          ///< result of the zone service
 };
 Clock g_tClock;
 
@@ -97,7 +97,7 @@ protected:
         }
     }
 
-    // In the form that needs no zone database: west of UTC counts as positive there.
+    // POSIX form, which needs no zone database. An offset west of UTC is positive in it.
     static void zone(const std::string& strZone)
     {
         setenv("TZ", strZone.c_str(), 1);
@@ -111,7 +111,7 @@ protected:
         return szDate;
     }
 
-    // "+0100 CET", say, at this moment.
+    // Offset and name at this moment, for example "+0100 CET".
     std::string zoneAt(time_t tNow)
     {
         g_tClock.tNow = tNow;
@@ -159,7 +159,7 @@ TEST_F(Time, DoesNotSayWhetherItWasSetWhenTheKeyIsMissing)
     int iValue = 7;
     EXPECT_EQ(m_oTime.GetTimeVconf(&iValue), -1);
     EXPECT_EQ(iValue, 7);
-    // The key's address as a number, not its text.
+    // The line prints the address of the key as a number, not its text.
     const auto iKey = static_cast<int>(reinterpret_cast<std::intptr_t>(g_tClock.szKey));
     EXPECT_THAT(LoggedLines(),
                 ElementsAre(Source.error("GetTimeVconf", "Failed to get vconf value key=(" +
@@ -271,7 +271,7 @@ TEST_F(Time, ComesBackFromItsLocalForm)
 {
     for (const char* const szZone : {"UTC0", BERLIN, SYDNEY, KATHMANDU, NEW_YORK}) {
         zone(szZone);
-        // Also in the hour that a change to daylight saving leaves out, and in the doubled one.
+        // Includes the hour that a change to daylight saving skips, and the one that occurs twice.
         for (const long lNow : {0L, END_OF_JANUARY, 1711846800L, 1729987200L, 1729990800L}) {
             g_tClock.tNow = lNow;
             EXPECT_EQ(m_oTime.GetLocalTime(), lNow) << szZone;

@@ -1,5 +1,5 @@
-// test_types.cpp - the records of requests and results: their members' order, their defaults, their
-// copies; and the order of the virtual operations that other code may rely on.
+// test_types.cpp - the records of requests and results: order of members, defaults, copies; and the order of
+// virtual functions that other code may rely on.
 #include "BillingHttpConnector.h"
 #include "BillingTaskBase.h"
 #include "BillingTypes.h"
@@ -109,8 +109,8 @@ TEST(ARequestsDescription, HasItsFieldsInTheirOrder)
     EXPECT_TRUE(std::is_sorted(offsets.begin(), offsets.end()));
 }
 
-// In the C++ ABI that GCC and clang use, a pointer to a virtual member is its slot's place in bytes, and one (on ARM the one stands in the
-// adjustment beside it).
+// In the C++ ABI of GCC and clang a pointer to a virtual member function holds the offset of its slot in
+// bytes plus one. On ARM the one is in the adjustment field instead.
 template <typename Member>
 std::ptrdiff_t SlotOf(Member pfnMember)
 {
@@ -123,7 +123,7 @@ std::ptrdiff_t SlotOf(Member pfnMember)
     return tPointer.iPlace / static_cast<std::ptrdiff_t>(sizeof(void*));
 }
 
-// The destructor takes the first two.
+// The destructor occupies the first two slots.
 TEST(TheVirtualOperations, StandInTheirOrder)
 {
     EXPECT_EQ(SlotOf(&CBillingMainLoop::Destory), 2);

@@ -1,5 +1,5 @@
-// test_util.cpp - BillingUtil: what each getter makes of the platform's answer, the whole language
-// table, and trimming.
+// test_util.cpp - BillingUtil: the result of each getter for the platform's answer, the whole language table,
+// and trimming.
 #include "BillingUtil.h"
 #include "log_matchers.h"
 
@@ -23,7 +23,7 @@ namespace {
 
 const LinesOf Source{"BillingUtil.cpp"};
 
-/// What the platform does instead of what the fake does; empty functions leave it to the fake.
+/// Functions that replace the fake platform's. An empty one leaves the call to the fake.
 struct Doubles {
     std::function<int(char**)> guid;
     std::function<int(char**)> authToken;
@@ -68,7 +68,7 @@ namespace {
 
 using Row = std::pair<std::string, std::string>;
 
-/// Locale and language, in matching order.
+/// Locale and language, in the order of the search.
 const std::vector<Row> LANGUAGES = {
     {"ko_KR.utf8", "ko"},    {"en_US.utf8", "en"},    {"fr_CA.utf8", "fr-US"},
     {"es_MX.utf8", "es-US"}, {"pt_BR.utf8", "pt-US"}, {"bg_BG.utf8", "bg"},
@@ -188,12 +188,12 @@ struct Getter {
     const char* szName;
     std::string (*pfnGet)();
     const char* szCall;
-    const char* szValue;  ///< of the device that works
+    const char* szValue;  ///< value on a device where everything is set
 };
 
 class ADeviceText : public Device, public ::testing::WithParamInterface<Getter> {
 protected:
-    /// Sets the value behind the getter.
+    /// Sets the platform value that the getter reads.
     static void set(std::optional<std::string> value)
     {
         const std::string strCall = GetParam().szCall;

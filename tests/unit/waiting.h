@@ -1,10 +1,11 @@
-// waiting.h - how tests wait for other threads: long enough for a busy machine, never for ever.
+// waiting.h - waits for other threads: long enough for a busy machine, but with an end.
 #pragma once
 
 #include <chrono>
 #include <thread>
 
-/// Looks until the condition holds, half a minute at most. @return whether it does
+/// Checks repeatedly until the condition holds, for half a minute at most.
+/// @return whether it holds
 template <typename Condition>
 bool Eventually(Condition condition)
 {
@@ -17,7 +18,8 @@ bool Eventually(Condition condition)
     return true;
 }
 
-/// Gives another thread the time to do what it must not do. @return whether it did not
+/// Gives another thread time for an action that it must not take.
+/// @return true if the condition stayed false
 template <typename Condition>
 bool NotYet(Condition condition)
 {
