@@ -1,4 +1,4 @@
-// admission_test.cpp - whose turn it is, without any transfer under way.
+// admission_test.cpp - the order in which transfers get slots, without running transfers.
 #include "admission.h"
 
 #include "quotas.h"
@@ -19,7 +19,7 @@ constexpr int kSlots = static_cast<int>(kMostSlots);
 constexpr int kFirst = static_cast<int>(kNarrow);
 constexpr int kResolvers = static_cast<int>(kMostResolving);
 
-/// Transfers that stand in the lists of a multi handle, as far as the admission is concerned.
+/// Fixture: transfers that are in the lists of a multi handle, as the admission requires.
 class AnAdmission : public testing::Test {
 protected:
     ~AnAdmission() override
@@ -30,7 +30,8 @@ protected:
         }
     }
 
-    /// Adds a POST, which waits for no connection. @return null when it was not accepted
+    /// Adds a POST, which waits for no connection.
+    /// @return null when the transfer was not accepted
     Transfer* add(const std::string& sender, const std::string& url, const std::string& host = "h",
                   bool get = false)
     {
@@ -66,7 +67,7 @@ protected:
         }
     }
 
-    /// The host's name is known from now on.
+    /// Resolves the host's name, so that its transfers no longer wait for a look-up.
     void name(const std::string& host)
     {
         Transfer* const transfer = add("opener", host + "/open", host);
@@ -75,7 +76,8 @@ protected:
         admission.release(*transfer);
     }
 
-    /// Gives slots until nobody may have one. @return how many
+    /// Gives slots until no transfer may have one.
+    /// @return number of slots given
     int fill()
     {
         int count = 0;
@@ -86,7 +88,7 @@ protected:
         return count;
     }
 
-    /// So long after it was sent.
+    /// Ends the transfer so long after it was sent.
     void answer(int index, Admission::Clock::duration took)
     {
         Transfer& transfer = *given[static_cast<std::size_t>(index)];
@@ -299,7 +301,8 @@ TEST_F(AnAdmission, AcceptsSoManyOfASenderAndAPath)
 
 TEST_F(AnAdmission, ForgetsSendersThatHaveGone)
 {
-    // Would grow without a bound otherwise; what shows is that it goes on as before.
+    // Kept senders would take memory without a bound. The test sees only that later transfers still get
+    // slots.
     for (int i = 0; i < 10000; ++i) {
         Transfer* const transfer = add(std::to_string(i), "h/" + std::to_string(i));
         ASSERT_EQ(admission.next(now, active), transfer);

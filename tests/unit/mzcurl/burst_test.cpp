@@ -1,4 +1,4 @@
-// burst_test.cpp - the connections of many transfers at once.
+// burst_test.cpp - the number of connections for many transfers at once.
 #include "test_server.h"
 #include "transfers.h"
 
@@ -23,7 +23,7 @@ using test::Worker;
 
 constexpr int kBurst = 100;
 
-/// Runs so many transfers at once, beside those that run already.
+/// Runs that many transfers at once, beside transfers that are already running.
 void runMany(Worker& worker, const std::string& url, int count)
 {
     const auto transfers = several(count, url);
@@ -47,7 +47,7 @@ TEST(AMultiHandle, KeepsEveryConnectionOfABurstWhileItLasts)
         Request request;
         while (connection.read(request)) {
             if (!request.has("GET /hang")) {
-                // Late enough for every transfer to need a connection of its own.
+                // The delay makes each transfer need a connection of its own.
                 std::this_thread::sleep_for(std::chrono::milliseconds(400));
                 connection.answer("ok");
             }
@@ -93,7 +93,7 @@ TEST(AMultiHandle, SharesAFewConnectionsAmongManyWhileAnswersComeBack)
     EXPECT_LT(server.connections(), kBurst / 2);
 }
 
-/// The connection that a request goes over may have got its answer a moment ago, in the same look at the sockets.
+/// A connection may be reused in the same round of network work in which its last answer arrived.
 TEST(AMultiHandle, TakesTheConnectionOfAnAnswerThatIsNotReadOutYet)
 {
     TestServer server([](Connection& connection) {
@@ -124,10 +124,10 @@ TEST(AMultiHandle, TakesTheConnectionOfAnAnswerThatIsNotReadOutYet)
     EXPECT_EQ(server.connections(), 1);
 }
 
-/// How many connections more a transfer makes after so many at once have ended.
+/// Number of further connections that a transfer makes after that many transfers at once have ended.
 int madeAfter(int count)
 {
-    // Late enough for every transfer to need a connection of its own.
+    // The delay makes each transfer need a connection of its own.
     TestServer server([](Connection& connection) {
         Request request;
         while (connection.read(request)) {

@@ -1,5 +1,5 @@
-// client_certificate_test.cpp - TLS client authentication: what a context with a client certificate
-// can do, and that nothing of a transfer without one serves a later transfer.
+// client_certificate_test.cpp - TLS client authentication: the abilities of a context with a client
+// certificate. A transfer without a certificate leaves no state to a later one.
 #include "device_certificate.h"
 #include "test_server.h"
 #include "transfers.h"
@@ -33,7 +33,7 @@ struct RsaFree {
 };
 using RsaPtr = std::unique_ptr<RSA, RsaFree>;
 
-/// A device whose key signs as a key store does: by an RSA method that pads for itself.
+/// A device whose key signs like a key store's: an RSA method that adds the padding itself.
 class Device {
 public:
     Device()
@@ -54,7 +54,7 @@ public:
         return made;
     }
 
-    /// The callback under test's counterpart: installs what the device has.
+    /// The callback that the wrapper calls: installs the device's certificate and key.
     static void install(void* context, void* aux)
     {
         auto& device = *static_cast<Device*>(aux);
@@ -69,7 +69,7 @@ public:
         if (device.hasKey) {
             EXPECT_EQ(SSL_CTX_use_RSAPrivateKey(sslContext, device.m_public.get()), 1);
         }
-        ERR_raise(ERR_LIB_USER, 1);  // a callback may leave something behind
+        ERR_raise(ERR_LIB_USER, 1);  // a callback may leave an error in the queue
     }
 
     static int signatures() { return s_signatures; }
@@ -101,13 +101,13 @@ private:
 
 enum class Asks { No, Optionally, Always };
 
-/// What a server wants.
+/// Requirements of a server.
 struct Wish {
     const char* name;
     int lowest = TLS1_2_VERSION;
     int highest = TLS1_2_VERSION;
-    const char* algorithms = nullptr;  ///< signatures that it takes from a client
-    bool keepsSessions = true;  ///< false: all that it knows of them is in the tickets it gave
+    const char* algorithms = nullptr;  ///< signature algorithms that it accepts from a client
+    bool keepsSessions = true;  ///< false: sessions exist only in the tickets that clients hold
 };
 
 constexpr Wish kTls12{"Tls12"};
@@ -137,7 +137,7 @@ void answerWithTheClient(Connection& connection)
     }
 }
 
-/// The same, for one request; the connection ends then.
+/// Answers one request like answerWithTheClient() and ends the connection.
 void answerOnce(Connection& connection)
 {
     Request request;
@@ -145,7 +145,7 @@ void answerOnce(Connection& connection)
         const std::string client = clientOf(connection);
         connection.write("HTTP/1.1 200 OK\r\nConnection: close\r\nContent-Length: " +
                          std::to_string(client.size()) + "\r\n\r\n" + client);
-        SSL_shutdown(connection.ssl());  // a session whose connection broke is not taken up again
+        SSL_shutdown(connection.ssl());  // without a close alert the session is not resumed
     }
 }
 
@@ -158,7 +158,7 @@ protected:
         EXPECT_EQ(ERR_peek_error(), 0u) << "nothing is left on the error queue";
     }
 
-    /// A server that answers with the name of the client that it sees.
+    /// A server whose answer is the name in the client's certificate.
     std::unique_ptr<TestServer> server(const Wish& wish, Asks asks,
                                        TestServer::Handler handler = answerWithTheClient)
     {
@@ -195,7 +195,8 @@ protected:
         return made;
     }
 
-    /// One call. @return what the server saw, "failed" when there was no answer
+    /// Makes one call.
+    /// @return the name that the server saw, "failed" when there was no answer
     std::string call(Worker& worker, const TestServer& server)
     {
         const auto made = transfer(server);
@@ -214,7 +215,7 @@ protected:
     Device device;
 
 private:
-    /// Notes what the client offers and takes HTTP/1.1.
+    /// Records the protocols that the client offers and selects HTTP/1.1.
     static int chooseProtocol(SSL* /*ssl*/, const unsigned char** chosen, unsigned char* length,
                               const unsigned char* offered, unsigned int size, void* self)
     {
@@ -235,13 +236,13 @@ private:
     std::vector<std::string> m_offers;
 };
 
-// --- which server lets whom in ---
+// --- which server accepts which client ---
 
 struct Case {
     const Wish& wish;
     Asks asks;
     bool hasCredentials;
-    const char* outcome;  ///< what the server saw, "failed" when there was no answer
+    const char* outcome;  ///< name that the server saw, "failed" when there was no answer
 };
 
 constexpr Case kCases[] = {
@@ -306,8 +307,8 @@ TEST_F(AClient, FailsCleanlyWithAServerOfTls13Only)
 
 TEST_F(AClient, SignsOnceForAHundredColdCallsAndNotAtAllForTenWarmOnes)
 {
-    // The first of a burst has a second's start. A busy machine may spoil an attempt; a fault spoils
-    // every one.
+    // The first transfer of a burst starts a second ahead. A busy machine may spoil one attempt; a fault
+    // fails all three.
     int signatures = 0;
     for (int attempt = 0; attempt < 3 && signatures != 1; ++attempt) {
         const auto running = server(kBoth, Asks::Always);

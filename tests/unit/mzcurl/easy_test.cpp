@@ -1,4 +1,4 @@
-// easy_test.cpp - one transfer on the calling thread: options, information, errors.
+// easy_test.cpp - one transfer on the calling thread: options, information, error codes.
 #include "test_server.h"
 #include "transfers.h"
 

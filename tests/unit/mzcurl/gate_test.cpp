@@ -1,4 +1,5 @@
-// gate_test.cpp - one transfer goes ahead to a cold host, and nobody waits for it too long.
+// gate_test.cpp - one transfer goes first to a host without connections; the others wait for it, with a time
+// limit.
 #include "gate.h"
 
 #include "test_server.h"
@@ -33,7 +34,7 @@ void hang(Connection& connection)
     }
 }
 
-/// Lets everybody through but those who ask to hang.
+/// Answers every request except those for a hanging path.
 void hangOnRequest(Connection& connection)
 {
     Request request;
@@ -44,7 +45,7 @@ void hangOnRequest(Connection& connection)
     }
 }
 
-/// Many transfers to few hosts, on a worker of their own.
+/// Many transfers to few hosts on one worker.
 class Burst {
 public:
     explicit Burst(std::string caFile) : m_caFile(std::move(caFile)) {}
@@ -60,14 +61,14 @@ public:
 
     void remove(Transfer& transfer) { EXPECT_TRUE(worker.multi.removeHandle(&transfer.easy)); }
 
-    /// Runs the loop for a while, or until that many transfers have ended and been taken out.
-    /// @return how many
+    /// Runs the loop for that time, or until that many transfers have ended and been removed.
+    /// @return number of ended transfers
     int runFor(double seconds, int enough = 1000000)
     {
         const auto start = Clock::now();
         int ended = 0;
         while (ended < enough && secondsSince(start) < seconds) {
-            // Keeps the wait short: what is looked at is who gets through.
+            // A transfer that fails at once keeps the wait of the loop short.
             Transfer ticker("no address");
             EXPECT_TRUE(worker.multi.addHandle(&ticker.easy));
             int ignored = 0;
@@ -97,23 +98,23 @@ private:
     std::vector<std::unique_ptr<Transfer>> m_transfers;
 
 public:
-    Worker worker;  // goes before the transfers that it may still have
+    Worker worker;  // declared last: destroyed before the transfers that it may still hold
 };
 
-// The gate is shut for a second at most. Where a test asks whether something happened before, a
-// busy machine may spoil an attempt, and a broken gate spoils every one.
+// The gate is shut for a second at most. A busy machine may spoil one attempt to see something happen before
+// that second is over; a broken gate fails all three.
 bool inOneOfThree(const std::function<bool()>& attempt)
 {
     return attempt() || attempt() || attempt();
 }
 
-// TLS 1.2: its sessions can be taken up again from the moment that the handshake is over.
+// TLS 1.2: its sessions can be resumed as soon as the handshake is over.
 class ABurst : public testing::Test {
 protected:
     ABurst() { authority.writeTo(caFile); }
 
-    /// The address of a server that takes a connection and says nothing: to the client, a handshake
-    /// that is under way.
+    /// The address of a server that accepts a connection and sends nothing. The client's handshake stays
+    /// unfinished.
     static std::string silent(const TestServer& server)
     {
         return "https://127.0.0.1:" + std::to_string(server.port());
@@ -198,7 +199,7 @@ TEST_F(ABurst, GoesAfterASecondWhenTheHandshakeHangs)
         burst.add(silent(server), 10);
         burst.runFor(0.5);
         const bool waited = server.connections() == 1 && burst.running() == 10;
-        // Nothing else happens now: it is the wait itself that has to end in time.
+        // No other event ends the wait, so its own time limit has to.
         int running = 0;
         while (server.connections() < 10 && secondsSince(start) < 10) {
             EXPECT_TRUE(burst.worker.multi.fdSelect(running));
@@ -210,7 +211,7 @@ TEST_F(ABurst, GoesAfterASecondWhenTheHandshakeHangs)
 TEST_F(ABurst, GoesAtOnceWhenItsLeaderFails)
 {
     EXPECT_TRUE(inOneOfThree([&] {
-        // It speaks no TLS.
+        // The server speaks no TLS.
         TestServer server([](Connection&) {});
         Burst burst(caFile);
         burst.add("https://127.0.0.1:" + std::to_string(server.port()) + "/", 10);

@@ -1,4 +1,4 @@
-// large_test.cpp - large answers, which wait for each other, and what becomes of those that wait.
+// large_test.cpp - large answers wait for each other; what happens to the waiting ones.
 #include "quotas.h"
 #include "test_server.h"
 #include "transfers.h"
@@ -37,7 +37,8 @@ std::string head(std::size_t length)
     return "HTTP/1.1 200 OK\r\nContent-Length: " + std::to_string(length) + "\r\n\r\n";
 }
 
-/// Whose bytes came, once a body was large: a name for each run of one and the same.
+/// Names of the readers in the order in which bytes of large bodies came; repetitions of one name are left
+/// out.
 std::string g_turns;
 
 struct Reader {
@@ -55,7 +56,7 @@ unsigned int noteTurn(char*, unsigned int size, unsigned int count, void* pointe
     return size * count;
 }
 
-/// Keeps the ticket for huge answers taken, until it is told or destroyed.
+/// Holds the ticket for huge answers until its time is over, it is released, or destroyed.
 class InHand {
 public:
     InHand() : m_body(CountBody(kHuge)) {}
@@ -174,7 +175,7 @@ TEST_F(ALargeAnswer, IsGivenUpWhenItFallsSilentAndOthersWait)
         connection.write(head(kHuge));
         if (isFirst) {
             connection.write(std::string(kSome, 'x'));
-            connection.read(request);  // until the client has gone
+            connection.read(request);  // blocks until the client has closed the connection
         } else {
             while (number == 0) {
                 std::this_thread::sleep_for(milliseconds(10));
@@ -216,7 +217,7 @@ TEST_F(ALargeAnswer, IsNotTakenForLostWhileItWaitsOnAKeptConnection)
     });
     Transfer first(server.url());
     ASSERT_TRUE(worker.run(first).success);
-    // A silent connection is given up after 15 s.
+    // A silent connection is closed after 15 s.
     const InHand body(milliseconds(17000));
     Transfer second(server.url());
     ASSERT_TRUE(second.easy.setOption(MZCURL_OPT_TIMEOUT, 90));

@@ -1,4 +1,4 @@
-// libcurl_double.cpp - the functions that the linker puts in the place of the libraries' own.
+// libcurl_double.cpp - the functions that the linker puts in the place of those of libcurl and OpenSSL.
 #include "libcurl_double.h"
 
 #include <openssl/crypto.h>
@@ -80,7 +80,7 @@ int __wrap_OPENSSL_init_crypto(std::uint64_t options, const OPENSSL_INIT_SETTING
     return __real_OPENSSL_init_crypto(options, settings);
 }
 
-// A number, since an enumeration is no last argument before a list of others.
+// A plain number, because an enumeration must not be the last parameter before variable arguments.
 CURLcode __wrap_curl_easy_setopt(CURL* easy, unsigned int number, ...)
 {
     const auto option = static_cast<CURLoption>(number);
@@ -93,7 +93,7 @@ CURLcode __wrap_curl_easy_setopt(CURL* easy, unsigned int number, ...)
     std::va_list list;
     va_start(list, number);
     CURLcode code = CURLE_OK;
-    // An option's number says what type of value it takes.
+    // The range of an option's number gives the type of its value.
     if (option < CURLOPTTYPE_OBJECTPOINT) {
         code = __real_curl_easy_setopt(easy, option, va_arg(list, long));
     } else if (option < CURLOPTTYPE_OFF_T) {

@@ -1,5 +1,5 @@
-// libcurl_double.h - stands in front of libcurl and OpenSSL in one test program: makes a call fail,
-// and notes what was called by whom.
+// libcurl_double.h - replaces functions of libcurl and OpenSSL in one test program: makes calls fail and
+// records calls with their threads.
 #pragma once
 
 #include <curl/curl.h>
@@ -11,18 +11,18 @@
 namespace test {
 
 struct LibcurlDouble {
-    int failEasyInit = 0;  ///< how many of the next calls fail; likewise below
+    int failEasyInit = 0;  ///< number of next calls that fail; the same for the members below
     int failMultiInit = 0;
     int failAddHandle = 0;
     int failPoll = 0;
     int failGlobalInit = 0;
-    CURLoption failOption = CURLOPT_LASTENTRY;  ///< this option is refused
+    CURLoption failOption = CURLOPT_LASTENTRY;  ///< the option whose setting fails
 
-    std::vector<std::string> setUp;             ///< calls that set a library up, in order
+    std::vector<std::string> setUp;             ///< calls that initialise a library, in order
     std::vector<std::thread::id> shareSetters;  ///< threads that attached or detached the share
 };
 
-/// The one double of the program.
+/// The double of the program.
 LibcurlDouble& libcurl();
 
 }  // namespace test

@@ -1,4 +1,4 @@
-// limits_test.cpp - what a server may send, and what a reader of the body may do.
+// limits_test.cpp - limits on a server's answer, and results of the function that reads the body.
 #include "test_server.h"
 #include "transfers.h"
 
@@ -26,7 +26,7 @@ constexpr int kWriteError = 23;
 
 const char* const kOk = "HTTP/1.1 200 OK\r\n";
 
-/// Answers the first request with a text, and then with another one until nobody listens.
+/// Answers the first request with a text and then repeats another text until the client closes.
 TestServer::Handler endless(const std::string& start, const std::string& repeated)
 {
     return [start, repeated](Connection& connection) {
@@ -38,7 +38,7 @@ TestServer::Handler endless(const std::string& start, const std::string& repeate
     };
 }
 
-/// A chunk of a chunked body.
+/// One chunk of a chunked body.
 std::string chunk(std::size_t size)
 {
     char head[32];
@@ -162,7 +162,7 @@ unsigned int readNothing(char*, unsigned int, unsigned int, void*)
 
 unsigned int askForAPause(char*, unsigned int, unsigned int, void*)
 {
-    return 0x10000001;  // would put the transfer to sleep for good
+    return 0x10000001;  // CURL_WRITEFUNC_PAUSE, which would pause the transfer for ever
 }
 
 unsigned int throwSomething(char*, unsigned int, unsigned int, void*)

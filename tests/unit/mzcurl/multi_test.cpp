@@ -1,4 +1,5 @@
-// multi_test.cpp - the multi handle: who is accepted, what counts as running, what is handed out.
+// multi_test.cpp - the multi handle: transfers that it accepts, that it counts as running, and that it hands
+// out.
 #include "test_server.h"
 #include "transfers.h"
 
@@ -21,7 +22,7 @@ std::atomic<bool> g_resolverStuck{false};
 
 }  // namespace
 
-/// Stands in front of the C library's: libcurl's resolver thread hangs here when a test wants it.
+/// Replaces the C library's function: libcurl's resolver thread blocks here for the name "stuck.test".
 extern "C" int getaddrinfo(const char* name, const char* service, const addrinfo* hints,
                            addrinfo** result)
 {

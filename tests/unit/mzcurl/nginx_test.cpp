@@ -1,4 +1,4 @@
-// nginx_test.cpp - the wrapper against a server as they run out there: HTTP/2 and HTTP/1.1 by nginx.
+// nginx_test.cpp - the wrapper against a widely used server: nginx with HTTP/2 and HTTP/1.1.
 #include "quotas.h"
 #include "test_certificates.h"
 #include "test_server.h"
@@ -42,13 +42,13 @@ using testing::HasSubstr;
 using testing::SizeIs;
 using testing::UnorderedElementsAre;
 
-constexpr int kSkipped = 77;  // what the test harness takes for "skipped"
+constexpr int kSkipped = 77;  // Meson's exit status for a skipped test
 constexpr int kWriteError = 23;
 constexpr std::size_t kBodyLimit = 33554375;
 
 std::string g_nginx;
 
-// A piece of a body has come since the last wait; what the waits after that were.
+// True when a piece of a body has come since the last poll. The counters tell how the next polls were called.
 bool g_pieceMoved = false;
 int g_looksAfterAPiece = 0;
 int g_running = 0;  ///< transfers that have not ended
@@ -62,11 +62,11 @@ unsigned int readAndNote(char* data, unsigned int size, unsigned int count, void
 
 }  // namespace
 
-/// Stands in front of libcurl's: notes how long the wrapper wants to wait.
+/// Replaces libcurl's function: records whether the wrapper polls with or without a wait.
 extern "C" CURLMcode curl_multi_poll(CURLM* multi, curl_waitfd* extra, unsigned int count,
                                      int timeout, int* ready)
 {
-    // Without transfers nobody waits for a piece.
+    // Without running transfers no piece is expected.
     if (g_pieceMoved && g_running > 0) {
         ++(timeout == 0 ? g_looksAfterAPiece : g_waitsAfterAPiece);
         g_pieceMoved = false;
@@ -76,7 +76,7 @@ extern "C" CURLMcode curl_multi_poll(CURLM* multi, curl_waitfd* extra, unsigned 
     return real(multi, extra, count, timeout, ready);
 }
 
-/// The same: a look that no wait came before.
+/// Replaces libcurl's function: counts a call that no poll came before.
 extern "C" CURLMcode curl_multi_perform(CURLM* multi, int* running)
 {
     if (g_pieceMoved) {
@@ -109,12 +109,12 @@ int listenAnywhere(int& port)
     return listener;
 }
 
-/// nginx in a folder of its own. It takes over a socket that listens already, as it does when it
-/// is replaced at run time: so it needs no port of its own, and is ready from the start.
+/// nginx in a folder of its own. It inherits a listening socket, as after a binary upgrade: so it chooses no
+/// port itself and accepts connections from the start.
 class Nginx {
 public:
-    /// @param upstream  where it passes requests for /upstream on to
-    /// @param options  of the files that it serves
+    /// @param upstream where requests for /upstream are passed on to
+    /// @param options for the files that it serves
     Nginx(const test::CertificateAuthority& authority, const std::string& listenOptions,
           const std::string& upstream = "http://127.0.0.1:1", const std::string& options = {})
     {
@@ -140,14 +140,15 @@ public:
 
     std::string url() const { return "https://127.0.0.1:" + std::to_string(m_port); }
 
-    /// A file that it serves.
+    /// Writes a file that nginx serves.
     void put(const std::string& name, const std::string& content)
     {
         std::ofstream(m_folder.path(name)) << content;
     }
 
-    /// Ends it. @return its access log: for each request the protocol, whether the TLS session was
-    /// taken up again ("r" or "."), the number of the connection, the request line
+    /// Stops nginx.
+    /// @return its access log: for each request the protocol, whether the TLS session was resumed ("r" or
+    /// "."), the number of the connection, the request line
     std::vector<std::string> stop()
     {
         if (m_process > 0) {
@@ -195,7 +196,8 @@ class AnNginx : public testing::Test {
 protected:
     AnNginx() { authority.writeTo(caFile); }
 
-    /// Many at once to a host that nobody is talking to. @return how many succeeded
+    /// Runs many transfers at once to a host without connections.
+    /// @return number of successful ones
     int burst(const std::string& url, int count, WriteCallback reader = test::appendBody)
     {
         std::vector<std::unique_ptr<Transfer>> made;
@@ -276,7 +278,7 @@ TEST_F(AnNginx, LeavesNothingOfABurstInHttp2Unread)
 
 TEST_F(AnNginx, GetsABurstInHttp1WithOneFullHandshake)
 {
-    // Answers come late enough for every transfer to need a connection of its own.
+    // The delay of the answers makes each transfer need a connection of its own.
     test::TestServer upstream([](test::Connection& connection) {
         test::Request request;
         connection.read(request);
@@ -314,7 +316,7 @@ TEST_F(AnNginx, CannotSendMoreThanTheLimitInHttp2Either)
     EXPECT_EQ(worker.run(larger).code, kWriteError);
 }
 
-/// Whatever there is of a length is looked at for includes: none is told.
+/// Server-side includes, for which nginx sends no Content-Length.
 constexpr const char* kLengthUnknown = "ssi on; ssi_types *;";
 
 TEST_F(AnNginx, IsAskedAgainOverHttp11ForALargeAnswerThatHasToWait)

@@ -1,4 +1,5 @@
-// platform_double.cpp - the platform in the wrapper's tests: a log that keeps what it is given, and a network that changes.
+// platform_double.cpp - the platform in the wrapper's tests: a log that keeps its records, and a network that
+// a test changes.
 #include "platform_double.h"
 
 #include <platform/log.h>

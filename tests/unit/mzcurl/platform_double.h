@@ -1,11 +1,11 @@
-// platform_double.h - the platform in the wrapper's tests: its log, and a network that changes.
+// platform_double.h - the platform in the wrapper's tests: its log, and a network that a test changes.
 #pragma once
 
 #include <string>
 #include <vector>
 
-/// What was logged since the last time. Thread: any.
+/// Records logged since the last call. Thread: any.
 std::vector<std::string> takeLog();
 
-/// The network changes, once: the wrapper hears of it at its next question. Thread: any.
+/// Changes the network once: the wrapper's next question returns true. Thread: any.
 void changeNetwork();

@@ -1,4 +1,4 @@
-// refusal_test.cpp - the wrapper when a library refuses, and what it asks of the libraries.
+// refusal_test.cpp - the wrapper when a function of a library fails, and its calls of the libraries.
 #include "libcurl_double.h"
 #include "test_server.h"
 #include "transfers.h"
@@ -26,7 +26,7 @@ using testing::IsEmpty;
 using testing::Not;
 using testing::SizeIs;
 
-// The first test: the libraries are set up once in a process.
+// Has to be the first test: the libraries are initialised once in a process.
 TEST(ASetUp, IsTriedAgainAfterAFailureAndThenDoneOnce)
 {
     libcurl().failGlobalInit = 2;

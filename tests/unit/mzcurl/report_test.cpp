@@ -1,4 +1,4 @@
-// report_test.cpp - what the log says of a transfer.
+// report_test.cpp - the log lines of a transfer.
 #include "platform_double.h"
 #include "test_server.h"
 #include "transfers.h"

@@ -1,4 +1,5 @@
-// resend_test.cpp - a kept connection that dies: what is asked again, and what never goes over one.
+// resend_test.cpp - a kept connection that breaks: which requests are sent again, and which never use a kept
+// connection.
 #include "platform_double.h"
 #include "test_certificates.h"
 #include "test_server.h"
@@ -28,8 +29,9 @@ using test::Worker;
 using testing::Contains;
 using testing::HasSubstr;
 
-/// An HTTPS server, as its close alert is what hides a closed connection. It answers one request on its first connection,
-/// and then does what the test says. Later connections answer everything.
+/// An HTTPS server: over TLS the close alert hides a closed connection from the client. It answers one
+/// request on its first connection and then runs `afterwards` of the test. Later connections answer every
+/// request.
 class AServer : public testing::Test {
 protected:
     AServer() { authority.writeTo(caFile); }
@@ -84,7 +86,7 @@ protected:
     Worker worker;
 };
 
-/// It reads one request more and hangs up without a word.
+/// A server that reads a second request and closes without an answer.
 using AServerThatHangsUp = AServer;
 
 TEST_F(AServerThatHangsUp, IsAskedOnceMoreWithAGet)
@@ -169,7 +171,7 @@ TEST_F(AServer, ThatHasClosedABurstOfIdleConnectionsSeesTheNextRequestsOnce)
         [](Connection& connection) {
             Request request;
             connection.read(request);
-            // Every connection is under way before the first is answered.
+            // The delay lets every connection open before the first is answered.
             std::this_thread::sleep_for(std::chrono::milliseconds(300));
             connection.answer("text");
             connection.end();
@@ -214,7 +216,7 @@ TEST_F(AServer, ThatGoesSilentAfterAChangeOfTheNetworkIsAskedOnceMore)
         Request request;
         connection.read(request);
         changeNetwork();
-        connection.read(request);  // The next one never comes.
+        connection.read(request);  // Blocks: no further request comes.
     };
     open();
     const auto start = test::Clock::now();
@@ -274,13 +276,14 @@ TEST_F(AServer, ThatEndsTheFirstRequestOfAConnectionMeansIt)
 
 TEST_F(AServer, ThatRefusesASessionIsAskedWithoutIt)
 {
-    // It asks for a certificate and names no session id context: OpenSSL ends each handshake that takes up a session.
+    // The server asks for a certificate without a session id context, so OpenSSL ends each handshake that
+    // resumes a session.
     TestServer strict(
         [](Connection& connection) {
             Request request;
             connection.read(request);
             connection.answer("text");
-            connection.end();  // Without it OpenSSL forgets the session.
+            connection.end();  // Without the close alert OpenSSL discards the session.
         },
         options([](SSL_CTX* context) { SSL_CTX_set_verify(context, SSL_VERIFY_PEER, nullptr); }));
     takeLog();

@@ -1,4 +1,4 @@
-// tickets_test.cpp - who may go on with a large answer, without any transfer under way.
+// tickets_test.cpp - which transfers may go on with a large answer, without running transfers.
 #include "tickets.h"
 
 #include "admission.h"
@@ -19,7 +19,7 @@ using std::chrono::milliseconds;
 constexpr std::size_t kLarge = kSmallAnswer + 1;
 constexpr std::size_t kHuge = kLargeAnswer + 1;
 
-/// Transfers of a few senders, as far as tickets are concerned.
+/// Fixture: transfers of a few senders, as the tickets require.
 class SomeTickets : public testing::Test {
 protected:
     ~SomeTickets() override
@@ -42,7 +42,7 @@ protected:
         return tickets.mayGrow(transfer, bytes, now);
     }
 
-    /// So many that have tickets for large answers.
+    /// That many transfers with tickets for large answers.
     std::vector<Transfer*> holders(std::size_t count)
     {
         std::vector<Transfer*> all;

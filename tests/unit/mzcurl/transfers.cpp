@@ -1,4 +1,4 @@
-// transfers.cpp - runs transfers as a worker does.
+// transfers.cpp - runs transfers like a worker.
 #include "transfers.h"
 
 #include <gtest/gtest.h>

@@ -1,5 +1,4 @@
-// transfers.h - the tests' way to run transfers: a handle with its body, and the loop that a worker
-// runs.
+// transfers.h - helpers of the wrapper's tests: a handle with its body, and the loop of a worker.
 #pragma once
 
 #include <platform/MZCurl.h>
@@ -16,7 +15,7 @@ namespace test {
 /// Appends to the std::string in userdata.
 unsigned int appendBody(char* data, unsigned int size, unsigned int count, void* userdata);
 
-/// One handle with what it receives. Made ready for a GET; every other option is the test's.
+/// One handle with its received body. Prepared for a GET; the test sets every other option.
 struct Transfer {
     explicit Transfer(const std::string& url, const std::string& caFile = {});
 
@@ -28,20 +27,20 @@ struct Transfer {
     std::string body;
 };
 
-/// How a transfer ended.
+/// End of a transfer.
 struct Outcome {
     bool success = false;
     int code = -1;
     std::string error;
-    int times = 0;  ///< how often it was handed out
+    int times = 0;  ///< number of times that it was handed out
 };
 
-/// A multi handle, started on the thread of the test.
+/// A multi handle, initialised on the test's thread.
 class Worker {
 public:
     Worker();
 
-    /// Adds the transfers and runs the loop until each one was handed out and taken out.
+    /// Adds the transfers and runs the loop until each one was handed out and removed.
     void run(const std::vector<Transfer*>& transfers);
     Outcome run(Transfer& transfer);
 
@@ -53,16 +52,17 @@ private:
     std::map<const MZCurl::MZCurlEasy*, Outcome> m_outcomes;
 };
 
-/// So many of them to one address.
+/// That many transfers to one address.
 std::vector<std::unique_ptr<Transfer>> several(int count, const std::string& url,
                                                const std::string& caFile = {});
 
-/// The first message of this round; without a handle when there is none.
+/// Reads the first message of this round.
+/// @return a message without a handle when there is none
 MZCurl::MZCurlMulti::MultiMsg readOne(MZCurl::MZCurlMulti& multi);
 
 using Clock = std::chrono::steady_clock;
 
-/// Seconds since a moment.
+/// Seconds since that moment.
 inline double secondsSince(Clock::time_point start)
 {
     return std::chrono::duration<double>(Clock::now() - start).count();

@@ -1,4 +1,4 @@
-// trust_test.cpp - whom a transfer trusts, and what can not steer it.
+// trust_test.cpp - the authorities that a transfer trusts, and settings that must not change them.
 #include "test_certificates.h"
 #include "test_server.h"
 #include "transfers.h"
@@ -18,13 +18,13 @@
 
 namespace {
 
-// What libcurl asked OpenSSL to trust.
+// Folders that libcurl asked OpenSSL to trust.
 std::vector<std::string> g_folders;
 std::vector<std::string> g_files;
 
 }  // namespace
 
-/// These two stand in front of OpenSSL's and note what they are asked for.
+/// These two functions replace OpenSSL's and record their arguments.
 extern "C" int X509_STORE_load_path(X509_STORE* store, const char* path)
 {
     g_folders.emplace_back(path);
@@ -95,7 +95,7 @@ TEST_F(ATrustingTransfer, ReachesAServerThatTheNamedFileVouchesFor)
     EXPECT_EQ(transfer.body, "ok");
 }
 
-/// libcurl's handle of the first is kept for the second.
+/// The second transfer reuses libcurl's handle of the first.
 TEST_F(ATrustingTransfer, LeavesNothingOfItselfToTheNext)
 {
     TestServer server(test::always("ok"), {&identity});
@@ -183,8 +183,8 @@ TEST_F(ATrustingTransfer, FailsWithTheNameOfACaFileThatIsEmptyOrNoCertificate)
 
 TEST_F(ATrustingTransfer, UsesAReplacedCaFileForItsNextConnection)
 {
-    // TLS 1.2, where the session of the first transfer is ready when the second begins: taken up
-    // again, it would get around the new file.
+    // TLS 1.2: the session of the first transfer is ready before the second begins. Resuming it would avoid
+    // the check against the new file.
     TestServer server(
         [](Connection& connection) {
             Request request;
@@ -228,7 +228,8 @@ TEST_F(ATrustingTransfer, ReadsTheCaFileOnceForManyConnections)
 
 TEST_F(ATrustingTransfer, KeepsNoConnectionOverAChangeOfTheCaFile)
 {
-    // Absolute or not, the file has a name of its own after each change.
+    // The wrapper gives the file another path alias after each change, for an absolute and for a relative
+    // path.
     const auto back = std::filesystem::current_path();
     std::filesystem::current_path(folder.path(""));
     TestServer server(test::always("ok"), {&identity});
