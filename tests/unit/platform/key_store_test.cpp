@@ -1,5 +1,5 @@
-// key_store_test.cpp - the key store over a token that goes wrong: through a module of the tests'
-// own, in front of the software token's.
+// key_store_test.cpp - the key store with a faulty token: a PKCS#11 module of the tests is put in front of
+// the software token.
 #include "keystore/pkcs11.h"
 #include "keystore/token_keys.h"
 #include "pkcs11_proxy.h"
@@ -29,7 +29,7 @@ using testing::Not;
 
 namespace {
 
-/// One for the process, with one key.
+/// The token of the process, with one key.
 struct Token {
     device::SoftToken soft;
     RsaKey key = RsaKey::make();
@@ -79,10 +79,10 @@ protected:
 
     static proxy::Control& control() { return *token().control; }
 
-    /// The settings that name the key store count from here on.
+    /// Puts changed settings of the key store into effect.
     void start() { ss_init_credential(&client, 1, 2, 3, 4, 5, 1, 0); }
 
-    /// What the next call must open anew, with a login.
+    /// Ends the session, so that the next call has to open one and log in.
     void endSession()
     {
         conf.set("keystore", "token", "nothing");
@@ -101,8 +101,8 @@ protected:
                                 d.size(), 0, 0, &id, 0, 0);
     }
 
-    /// Signs a padded block. @return the error; a result that is handed out is right, and none is
-    /// when it fails
+    /// Signs a padded block and checks a returned result. After a failure nothing is returned.
+    /// @return the error
     int sign(Bytes block = paddedBlock(), std::int32_t id = 7) const
     {
         unsigned char* at = block.data();
@@ -195,7 +195,7 @@ TEST_F(AKeyStore, GivesUpAfterTheSecondLossAndTriesAgainAtTheNextCall)
 TEST_F(AKeyStore, WorksAgainAtTheNextCallWhenATokenWasPulledAndPutBack)
 {
     token().soft.pull();
-    // Not "no such key": nobody may store or remove a key on the strength of it.
+    // The error is not "no such key": callers would store or remove a key because of that one.
     EXPECT_EQ(sign(), SS_ERROR_UNAVAILABLE);
     EXPECT_EQ(sign(), SS_ERROR_UNAVAILABLE);
     EXPECT_EQ(store(token().key), SS_ERROR_UNAVAILABLE);
@@ -429,7 +429,7 @@ TEST_F(AKeyStore, LeavesNoErrorOfItsModuleToAHandshakeOnTheThread)
     ERR_clear_error();
 }
 
-/// A key that wants the PIN before each signature, beside the one that does not.
+/// Fixture: a key that wants the PIN before each signature, beside the ordinary key.
 class AKeyThatAsksEachTime : public AKeyStore {
 protected:
     static constexpr std::int32_t kId = 9;

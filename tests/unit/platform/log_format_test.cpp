@@ -1,4 +1,4 @@
-// log_format_test.cpp - how a log record is written from a format and its arguments.
+// log_format_test.cpp - log records made from a format and its arguments.
 #include "linux/log/log_format.h"
 
 #include "linux/log/log_private.h"
@@ -53,7 +53,7 @@ std::string printed(const char* format, Arguments... arguments)
     return text;
 }
 
-/// A format whose text is public.
+/// A format whose text argument is public.
 #define PUBLIC ORIGIN "CountryCode:[%s]"
 std::string renderPublic(const std::string& argument)
 {
@@ -112,7 +112,7 @@ TEST(LogFormat, KeepsUtf8AndEscapesWhatIsNone)
               "\xc3\xa9 \xe2\x82\xac \xf0\x9f\x98\x80");
     EXPECT_EQ(renderPublic("a\xff\xc3(\xe2\x82"), "a\\xff\\xc3(\\xe2\\x82");
     EXPECT_EQ(renderPublic("\xc0\x8a\xed\xa0\x80"), "\\xc0\\x8a\\xed\\xa0\\x80");
-    // A terminal may take the control characters beyond ASCII for commands.
+    // Terminals may interpret the C1 control characters, beyond ASCII, as commands.
     EXPECT_EQ(renderPublic("\xc2\x9b"
                            "31m\xc2\xa0"),
               "\\xc2\\x9b31m\xc2\xa0");
@@ -228,7 +228,7 @@ const Message kMessages[] = {
 };
 #undef MESSAGE
 
-/// Renders a message with a canary for each of its texts.
+/// Renders a message with a recognisable text for each of its text arguments.
 std::string renderMessage(const FormatOptions& options, const Message& message)
 {
     const char* const canary = "https://h/?CANARY";

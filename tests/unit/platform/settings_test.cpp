@@ -1,5 +1,5 @@
-// settings_test.cpp - the settings file of the Linux backend: what is read, what is refused, what
-// is said about it and how often.
+// settings_test.cpp - the settings file of the Linux backend: what is read, what is refused, the log lines
+// about it and their number.
 #include "linux/settings/settings.h"
 
 #include "device_conf.h"
@@ -45,7 +45,8 @@ protected:
         return m_log.linesWith("E/BILLING_PLATFORM: settings: ");
     }
 
-    /// Writes a file with one setting, reads it, and gives what was logged.
+    /// Reads a file with one setting.
+    /// @return the logged errors
     std::vector<std::string> errorsOf(const std::string& group, const std::string& line)
     {
         m_log.clear();
@@ -333,7 +334,8 @@ TEST_F(SettingsFile, OfOver4GiBIsTooLargeAlsoWhereALongHas32Bits)
     m_conf.write("[config]\ndb/comss/atoken=a\n");
     ASSERT_EQ(truncate(m_conf.path().c_str(), (off_t{1} << 32) + 64), 0) << strerror(errno);
     EXPECT_EQ(token(), std::nullopt);
-    // Not that it cannot be opened, and not the first 64 bytes of it.
+    // The error is not "cannot be opened". The file is not read as 64 bytes either, which is its size cut to
+    // 32 bits.
     EXPECT_THAT(errors(), ElementsAre(HasSubstr("is larger than 64 KiB")));
 }
 
@@ -353,7 +355,7 @@ TEST_F(SettingsFile, ChangedAfterALongQuietIsSeen)
 {
     m_conf.write("[account]\nguid=1\n");
     EXPECT_EQ(guid(), "1");
-    // Until the file's times can no longer hide a change, it is read at each call.
+    // The file is read at each call until its times can no longer hide a change.
     sleep(4);
     EXPECT_EQ(guid(), "1");
     EXPECT_EQ(guid(), "1");

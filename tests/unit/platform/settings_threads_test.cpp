@@ -1,5 +1,4 @@
-// settings_threads_test.cpp - the settings are read by several threads while the file changes under
-// them, and the log is written by all.
+// settings_threads_test.cpp - several threads read the settings and write the log while the file changes.
 #include "device_conf.h"
 #include "linux/settings/settings.h"
 
@@ -18,7 +17,7 @@ namespace {
 
 constexpr int kReads = 20000;
 
-/// A whole value of one version of the file.
+/// True if the value is a whole value of one version of the file.
 bool isWhole(const std::string& value)
 {
     return value == std::string(2000, 'a') || value == std::string(3000, 'b');

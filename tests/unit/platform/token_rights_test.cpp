@@ -1,5 +1,5 @@
-// token_rights_test.cpp - a token that the daemon may read and not write. Each step is a process of
-// its own, since the token's library keeps what it has read.
+// token_rights_test.cpp - a token that the daemon may read but not write. Each step runs in a process of its
+// own, because the token's library caches what it has read.
 #include "rsa_key.h"
 #include "soft_token.h"
 
@@ -23,7 +23,8 @@ using test::Bytes;
 
 constexpr uid_t kNobody = 65534;
 
-/// @return what the step answered
+/// Runs the step as that user in a process of its own.
+/// @return the result of the step
 int inAProcess(uid_t user, const std::function<int()>& step)
 {
     const pid_t child = fork();

@@ -1,4 +1,4 @@
-// vault_test.cpp - the vault: power cuts, tampering, rights.
+// vault_test.cpp - the vault under power cuts, tampering and missing rights.
 #include "keystore/vault.h"
 
 #include "device_conf.h"
@@ -54,8 +54,8 @@ protected:
         }
         return SS_ERROR_NONE;
     }
-    /// Up to which moment a writer is let live, in microseconds: some writes fit, however slow they
-    /// are here.
+    /// Upper limit of a writer's life in microseconds: the time of four writes as measured here, since
+    /// machines differ in speed.
     useconds_t someWrites() const
     {
         const auto start = std::chrono::steady_clock::now();
@@ -93,7 +93,7 @@ protected:
 
 TEST_F(AVault, HoldsTheOldOrTheNewDataAfterAKillAtAnyMoment)
 {
-    // Long enough for a kill to fall into the middle.
+    // Values are long enough for a kill to come in the middle of a write.
     const std::string values[] = {std::string(300000, 'a'), std::string(200000, 'b')};
     std::mt19937 random(20240229);
     std::uniform_int_distribution<useconds_t> moment(0, someWrites());
@@ -123,7 +123,7 @@ TEST_F(AVault, HoldsTheOldOrTheNewDataAfterAKillAtAnyMoment)
     EXPECT_EQ(files, 3) << "data, key and lock; nothing of a killed writer";
 }
 
-// As the service writes: it deletes the name first.
+// The writer deletes the name first, like the service.
 TEST_F(AVault, HoldsTheOldTheNewOrNoDataWhenTheyAreDeletedFirst)
 {
     const std::string values[] = {std::string(300000, 'a'), std::string(200000, 'b')};

@@ -48,7 +48,7 @@ TEST(Zone, ThatNeverLeavesDaylightSavingGivesItsWholeOffset)
 
 TEST(Zone, CannotBeBrokenDownBeyondTheYearsOfTheCalendar)
 {
-    // Where a moment has 32 bits there is none.
+    // The largest 32-bit time is still a year of the calendar; the largest 64-bit time is not.
     zone::Offsets found;
     EXPECT_EQ(zone::offsetsAt(std::numeric_limits<time_t>::max(), found), sizeof(time_t) == 4);
 }
