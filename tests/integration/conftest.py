@@ -1,4 +1,4 @@
-"""The parts of a running system, one set for each test."""
+"""Fixtures of the integration tests: the parts of a running system, one set for each test."""
 import functools
 import pathlib
 import signal
@@ -14,7 +14,7 @@ from harness.doctor import examine  # noqa: E402
 from billing_lab import bus as message_bus  # noqa: E402
 from billing_lab import view  # noqa: E402
 
-# A shell ignores it in what it runs in the background, and a daemon would inherit that.
+# A shell starts background jobs with SIGINT ignored, and a daemon would inherit that.
 signal.signal(signal.SIGINT, signal.default_int_handler)
 
 HOSTS = ("localhost", "production.localhost", "sandbox.localhost")
@@ -28,19 +28,19 @@ def authority():
 
 @pytest.fixture(scope="session")
 def provisioned(tmp_path_factory):
-    """A device's credentials. Not to be changed: each test's device has a copy."""
+    """Credentials of a device. Read-only: each test's device gets a copy."""
     return credentials.Credentials.make(tmp_path_factory.mktemp("device") / "lab")
 
 
 @pytest.fixture(scope="session")
 def server_context(authority, provisioned):
-    """It demands the device's certificate, as the store does."""
+    """TLS context of a server that demands the device's certificate, like the store."""
     return authority.server_context(*HOSTS, clients=provisioned.authority)
 
 
 @pytest.fixture
 def needs_view():
-    """The test's daemon must see a /opt of its own."""
+    """Skips where the test's daemon cannot have its own view of /opt."""
     if NO_VIEW is not None:
         pytest.skip(NO_VIEW)
 
@@ -81,7 +81,7 @@ def store(server_context):
 
 @pytest.fixture
 def other_store(request):
-    """A function that runs one more server, with another certificate or other wishes."""
+    """A function that runs one more server, with a TLS context of its own."""
 
     def make(context):
         running = server.StoreServer(context)
@@ -93,7 +93,7 @@ def other_store(request):
 
 @pytest.fixture
 def start_nginx(tmp_path, authority, provisioned, a_device, request):
-    """A function that runs an nginx and has the device use it."""
+    """A function that runs nginx and sets it as the device's store."""
     if nginx.PROGRAM is None:
         pytest.skip("nginx is not installed (apt install nginx-light)")
 
@@ -108,7 +108,7 @@ def start_nginx(tmp_path, authority, provisioned, a_device, request):
 
 @pytest.fixture
 def shop(request):
-    """What is sold behind the servers of start_server."""
+    """The shop behind the servers of start_server; it counts what it has sold."""
     running = backend.Backend()
     request.addfinalizer(running.stop)
     return running
@@ -116,13 +116,13 @@ def shop(request):
 
 @pytest.fixture
 def start_server(tmp_path, authority, provisioned, a_device, shop, request):
-    """A function that runs a web server of some kind in front of the shop and has the device use it."""
+    """A function that runs a web server of a given kind in front of the shop and sets it as the device's store."""
 
     def make(kind, **options):
         made = ordinary.SERVERS[kind]
         if made.PROGRAM is None:
             pytest.skip(f"{kind} is not installed (scripts/setup)")
-        # lighttpd looks for the certificate's issuer, and serves nobody without it.
+        # lighttpd needs the issuer of its certificate in the file; without it no handshake succeeds.
         chain = authority.server_pem("localhost") + authority.pem
         folder = tmp_path / f"{kind}-{len(list(tmp_path.glob(f'{kind}-*')))}"
         running = made(folder, chain, provisioned.authority, shop.port, **options)
@@ -135,7 +135,7 @@ def start_server(tmp_path, authority, provisioned, a_device, shop, request):
 
 @pytest.fixture
 def a_device(tmp_path, store, authority, provisioned):
-    """A device that knows the store server and trusts it, and that the store server knows."""
+    """A device that knows and trusts the store server, and whose certificate the store server trusts."""
     made = device.Device(
         tmp_path, provisioned.copy_to(tmp_path / "lab"), f"production.localhost:{store.port}", f"sandbox.localhost:{store.port}"
     )
@@ -145,8 +145,9 @@ def a_device(tmp_path, store, authority, provisioned):
 
 @pytest.fixture
 def start_daemon(tmp_path, bus, a_device, request):
-    """A function that starts a daemon on the bus. Those that still run at the end must end cleanly,
-    whatever the test has done to them."""
+    """A function that starts a daemon on the bus. Daemons that still run at the end of the test must stop with exit
+    status 0.
+    """
     started = []
     request.node.daemons = started
 
@@ -162,7 +163,7 @@ def start_daemon(tmp_path, bus, a_device, request):
 
 @pytest.fixture(autouse=True)
 def nothing_is_left(request):
-    """Also when a test has failed, or the end of its daemon."""
+    """Kills the remaining daemons, also after a failure of the test or of another fixture."""
     yield
     for process in getattr(request.node, "daemons", []):
         process.kill()
@@ -170,7 +171,7 @@ def nothing_is_left(request):
 
 @pytest.fixture
 def service(needs_view, start_daemon, caller):
-    """The daemon, with its name owned and everything as it should be."""
+    """A daemon that owns its bus name, on a device where everything is in order."""
     process = start_daemon()
     process.wait_for_name(caller)
     return process
@@ -178,13 +179,13 @@ def service(needs_view, start_daemon, caller):
 
 @pytest.fixture
 def doctor(needs_view, bus, a_device):
-    """A function that runs the doctor where the daemon is."""
+    """A function that runs the doctor in the daemon's environment."""
     return functools.partial(examine, bus, a_device)
 
 
 @pytest.hookimpl(hookwrapper=True)
 def pytest_runtest_makereport(item, call):
-    """A failure shows what the daemons said."""
+    """Adds the logs of the daemons to the report of a failed test."""
     outcome = yield
     report = outcome.get_result()
     if report.failed:

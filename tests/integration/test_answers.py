@@ -1,4 +1,4 @@
-"""What the caller gets for each thing that a server can do."""
+"""The caller's answer for each behaviour of a server."""
 import dataclasses
 import datetime
 import socket
@@ -9,7 +9,7 @@ from harness.daemon import is_sanitized
 from harness.methods import all_alike, answers
 from harness.server import Endless, Raw, Reply, Reset, Truncate
 
-# The longest text that fits a reply on the system bus.
+# Length of the longest text in a reply on the system bus.
 LIMIT = 33_554_375
 
 FAILED = (-1, "")
@@ -42,7 +42,7 @@ def test_a_compressed_body_is_handed_on_as_it_is(service, caller, store):
 
 
 def error_lines(daemon):
-    """The lines of failed transfers, as the connector has them."""
+    """Log lines of failed transfers, in the form of the connector."""
     return [text for text in daemon.texts("E") if text.startswith("MZCurl multiResult ErrorCode")]
 
 
@@ -186,7 +186,7 @@ def test_a_body_that_is_too_long_once_it_is_valid_is_a_failure_without_text(serv
 
 @dataclasses.dataclass
 class Stream:
-    """A beginning, and then the same bytes again and again until the client has enough."""
+    """An answer with a beginning and then the same bytes repeated until the client closes."""
 
     beginning: bytes
     again: bytes
@@ -219,7 +219,7 @@ def test_an_answer_that_grows_and_grows_is_a_failure_and_takes_no_more_memory_th
     result, _ = caller.call("confirm_purchase", "a", "c", "i", "0")
 
     assert result == -1
-    # Four times the longest text, and what the daemon takes anyway.
+    # Four times the longest text, and the daemon's own memory.
     assert service.status_field("VmHWM") < 4 * LIMIT // 1024 + (400_000 if is_sanitized() else 30_000)
     assert still_served(caller, store, owner)
 

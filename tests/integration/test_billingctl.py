@@ -1,4 +1,4 @@
-"""billingctl on the real daemon: answers, exit codes, what is said when there is no answer."""
+"""billingctl on the real daemon: answers, exit codes, and messages when there is no answer."""
 import functools
 import json
 import os
@@ -186,13 +186,13 @@ def test_a_bus_that_is_not_there_is_named(ctl, option):
 
 @pytest.mark.skipif(os.geteuid() != 0, reason="takes another user's part")
 def test_a_bus_that_may_not_be_opened_is_named(tmp_path):
-    # Of a path that all may look into.
+    # Every user may enter the folder, so that only the socket's own rights count.
     with tempfile.TemporaryDirectory(dir="/tmp") as folder, socket.socket(socket.AF_UNIX) as closed:
         os.chmod(folder, 0o755)
         closed.bind(f"{folder}/bus")
         os.chmod(f"{folder}/bus", 0o600)
         closed.listen()
-        # Opened as root: the tree may be anywhere.
+        # Root opens the program, because other users may have no access to the tree.
         done = subprocess.run(
             [
                 sys.executable,
@@ -325,7 +325,7 @@ def test_the_version_names_the_libraries(ctl):
 
 
 def spellings_in_help(ctl, *arguments):
-    """The options that a help text describes, each with all its spellings."""
+    """The options in a help text, each with all its spellings."""
     return [
         [spelling for spelling in word.split(",") if spelling.startswith("--")]
         for word in ctl(*arguments, "--help").stdout.split()
@@ -352,7 +352,7 @@ def test_the_manual_names_every_command_and_every_spelling_of_its_options(ctl):
 
 
 def completions(*words):
-    """What bash offers for the last of these words."""
+    """Completions that bash offers for the last of these words."""
     script = (
         f'. {daemon.TREE / "data" / "completions" / "billingctl"}; COMP_WORDS=("$@"); '
         'COMP_CWORD=$(($# - 1)); _billingctl; printf "%s\\n" "${COMPREPLY[@]}"'

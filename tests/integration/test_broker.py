@@ -1,4 +1,4 @@
-"""The main scenarios on dbus-broker: the service, its limits and its end are the same there."""
+"""The main scenarios on dbus-broker. The service, its limits and its end are the same as on dbus-daemon."""
 import os
 import threading
 
@@ -18,7 +18,7 @@ def bus(tmp_path, needs_view):
     reason = broker.why_not()
     if reason is not None:
         pytest.skip(reason)
-    # Its GetConnectionStats is not dbus-daemon's: the callers are asked.
+    # dbus-broker's GetConnectionStats differs from dbus-daemon's, so the service pings the callers.
     running = broker.Broker(tmp_path, policy=(PING,))
     yield running
     running.stop()

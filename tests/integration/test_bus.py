@@ -1,4 +1,4 @@
-"""The service's name, and a bus that is not there or goes away."""
+"""The service's name, and a bus that is missing or ends."""
 import os
 
 import pytest
@@ -36,7 +36,7 @@ def test_without_a_bus_the_daemon_runs_says_so_and_stops_cleanly(start_daemon, b
     bus.kill()
     process = start_daemon(view=False)
 
-    # GIO names the service and gives no connection.
+    # GIO calls the name-lost callback with the name and without a connection.
     process.wait_for_log(f"Could not acquire the '{NAME}' service name")
     assert not any("Make sure the message bus daemon" in text for text in process.texts())
     assert process.is_running()

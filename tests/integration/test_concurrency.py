@@ -1,4 +1,4 @@
-"""Calls that are under way at the same time."""
+"""Several calls at the same time."""
 import threading
 
 from harness.methods import EVERY_CALL

@@ -1,4 +1,4 @@
-"""The device's certificate, as the server sees it and when there is none that is of use."""
+"""The device's certificate at the server, and the daemon without a usable certificate."""
 import os
 import ssl
 
@@ -37,7 +37,7 @@ def rsa_key(bits):
     return rsa.generate_private_key(65537, bits).public_key()
 
 
-# What is in the certificate's place, and what is said about it at the transfer.
+# Content of the certificate's place, and the log lines of the transfer.
 UNUSABLE = {
     "nothing": (None, ["!bioClient", "use_clientcert  Error!"]),
     "a pipe that nobody writes to": (os.mkfifo, ["!bioClient", "use_clientcert  Error!"]),
@@ -78,7 +78,7 @@ def test_a_certificate_of_no_use_fails_the_call_and_its_successor_needs_no_resta
     assert {request.client for request in store.requests} == {DEVICE}
 
 
-# Certificates that are read and do not do, and a line that says why.
+# Certificates that can be read but not used, each with the log line of the cause.
 REFUSED = {
     "of another key": (lambda device: device.certify(rsa_key(2048)), "alert decrypt error"),
     "of a short key": (lambda device: device.certify(rsa_key(1024)), "Error accepting Certificate"),
@@ -132,9 +132,9 @@ def test_without_a_key_number_nothing_signs_and_without_an_identity_the_key_stor
 
 
 def below(device):
-    """Has the device's certificate signed by an authority below the one that the store knows.
+    """Has the device's certificate signed by an intermediate authority below the one that the store trusts.
 
-    @return that authority's certificate, as PEM
+    @return the certificate of the intermediate authority, as PEM
     """
     key = rsa.generate_private_key(65537, 2048)
     lab = device.credentials.folder
@@ -172,7 +172,7 @@ def test_an_authority_among_those_of_the_store_is_sent_along(needs_view, start_d
 
 @pytest.fixture
 def asking(authority, provisioned, other_store, a_device):
-    """A store that asks for a certificate, and lets in whoever has none."""
+    """A store that asks for a certificate and also accepts clients without one."""
     context = authority.server_context("localhost", clients=provisioned.authority)
     context.verify_mode = ssl.CERT_OPTIONAL
     running = other_store(context)
@@ -205,7 +205,7 @@ def test_nothing_of_a_call_without_a_certificate_is_used_again(
     assert [request.resumed for request in anonymous] == [False] * 3
     assert len({request.connection for request in anonymous}) == 3
 
-    # Once the certificate is there, it is shown; and then a connection is kept.
+    # Once the certificate is installed, the daemon presents it. From then on it also keeps a connection.
     a_device.credentials.install(good)
     for _ in range(3):
         assert caller.call("check_server_availability") == (0, "{}")

@@ -1,5 +1,6 @@
-"""A device whose key comes sealed and is put into its token at the first start; and what of all the
-secrets of a device is in the log."""
+"""A device whose key comes as sealed key material and is stored in its token at the first start. Also the log: it
+contains no secret of the device.
+"""
 import base64
 import os
 import subprocess
@@ -22,7 +23,7 @@ def key():
 
 @pytest.fixture
 def sealed(a_device, key):
-    """The device carries the key, sealed for it; its token has another one."""
+    """A device with its key as sealed key material; its token has another key."""
     device = a_device.credentials
     device.install(device.certify(key.public_key()))
     material = device.folder / "key_material"
@@ -55,7 +56,7 @@ def test_a_sealed_key_is_stored_at_the_first_start_and_found_at_the_next(needs_v
 
 
 def test_what_a_first_start_writes_is_for_nobody_else(needs_view, start_daemon, caller, sealed):
-    # The daemon's own mask is 0, and the token writes its files in the daemon's process.
+    # The daemon's umask is 0, and the token's library writes its files in the daemon's process.
     folder = sealed.credentials.folder
     before = {file: file.stat().st_mtime_ns for file in folder.rglob("*") if file.is_file()}
     process = start_daemon()
@@ -81,7 +82,7 @@ def test_sealed_key_material_of_another_certificate_is_left_alone(needs_view, st
 
 
 def pieces(number):
-    """How eight or more bytes of a number look in a text: as digits, bytes, Base64."""
+    """Forms that eight or more bytes of a number take in a text: digits, bytes, Base64."""
     data = number.to_bytes((number.bit_length() + 7) // 8, "big")
     decimal = str(number)
     found = {decimal[i : i + 20].encode() for i in range(0, len(decimal) - 20)}
@@ -114,7 +115,7 @@ def test_the_log_holds_no_pin_and_no_byte_of_the_key(
     process = start_daemon(level=level, environment=environment)
     process.wait_for_name(caller)
     assert answers(caller) == all_alike(WORKS)
-    # And what is said when something is wrong.
+    # The error messages must not contain the PIN either.
     right = (sealed.credentials.folder / "pin").read_text().strip()
     sealed.credentials.pull()
     cold = other_store(server_context)

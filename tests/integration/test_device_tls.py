@@ -1,4 +1,4 @@
-"""Servers with other wishes than the store's, and servers that are not the store."""
+"""Servers with TLS requirements other than the store's, and servers that are not the store."""
 import pathlib
 import re
 import ssl
@@ -21,11 +21,11 @@ def signatures(process):
 
 @pytest.fixture
 def store_with(authority, provisioned, other_store, a_device):
-    """A function that runs a store of some versions, and has the device use it."""
+    """A function that runs a store with certain TLS versions and sets it as the device's store."""
 
     def make(lowest, highest, wish, ciphers="DEFAULT"):
         context = authority.server_context("localhost", clients=provisioned.authority)
-        # Below 1.2 only a server with old rules talks at all.
+        # OpenSSL speaks a version below 1.2 at security level 0 only.
         context.set_ciphers(ciphers + ":@SECLEVEL=0")
         context.minimum_version, context.maximum_version = lowest, highest
         context.verify_mode = wish
@@ -81,7 +81,7 @@ def test_a_store_of_another_tls_only_is_a_failure_that_says_so(service, caller, 
     assert signatures(service) == 0
     said = service.failures()
     assert len(said) == len(EVERY_CALL)
-    # A server of 1.1 looks at the suites first, and knows none of those that it is offered.
+    # A server of TLS 1.1 checks the cipher suites first and shares none with the client.
     cause = "handshake failure" if only == V11 else " protocol"
     assert all("ErrorCode = 35" in text and cause in text for text in said), said
 
@@ -113,7 +113,7 @@ def test_a_store_that_takes_pss_signatures_only_sees_no_certificate(service, cal
 
 
 def a_server_context(issuer, clients, validity=certificates.VALID, name="localhost"):
-    """A server of an authority, that demands a certificate of a device."""
+    """TLS context of a server whose certificate this authority issued and that demands a device's certificate."""
     key = rsa.generate_private_key(65537, 2048)
     pem = certificates.certify(
         issuer.pem, issuer.key_pem, key.public_key(), Name([]), validity, SubjectAlternativeName([DNSName(name)])
@@ -121,7 +121,7 @@ def a_server_context(issuer, clients, validity=certificates.VALID, name="localho
     return certificates.context_of(pem + certificates.pem_of(key), clients)
 
 
-# Servers that are not the store, and what the log says of each.
+# Servers that are not the store, each with the log line of the cause.
 STRANGERS = {
     "of another authority": (dict(issuer=certificates.Authority()), "unable to get local issuer"),
     "for another host": (dict(name="elsewhere.example"), r"matches target host ?name"),
@@ -144,8 +144,8 @@ def test_a_server_that_is_not_the_store_gets_no_byte(
 
     assert len(store.connections) >= len(EVERY_CALL)
     assert b"".join(store.connections) == b""
-    # The name is compared when the handshake is done: whoever the authority vouches for may learn
-    # which device it is.
+    # libcurl checks the name after the handshake, so any server that the authority has certified can see the device's
+    # certificate.
     assert (signatures(service) > 0) == (stranger == "for another host" and demands)
     said = service.failures()
     assert len(said) == len(EVERY_CALL)
@@ -153,7 +153,7 @@ def test_a_server_that_is_not_the_store_gets_no_byte(
 
 
 def test_the_same_server_with_a_right_certificate_is_the_store(service, caller, authority, provisioned, other_store, a_device):
-    # What makes the test above worth something.
+    # Counter-check of the test above: the same server with a right certificate is accepted.
     store = other_store(a_server_context(authority, provisioned.authority))
     a_device.set("deployment", "production_host", f"localhost:{store.port}")
 

@@ -1,4 +1,4 @@
-"""The token with the device's key: taken away, refusing, wrong, slow; and how often it signs."""
+"""The token with the device's key: removed, refusing, wrong or slow; and the number of its signatures."""
 import os
 import random
 import subprocess
@@ -18,14 +18,13 @@ def signatures(process):
 
 
 def complaints(process):
-    """What the key store has said is wrong."""
+    """Log lines about failures of the key store."""
     return [record.text for record in process.log() if record.priority == "E" and record.tag == "BILLING_PLATFORM"]
 
 
 @pytest.fixture
 def cold_store(server_context, other_store, a_device):
-    """A function that sends the device to a store it has never talked to. The next call needs a
-    signature."""
+    """A function that sets a new store, so that the next call needs a signature."""
 
     def make():
         running = other_store(server_context)
@@ -37,7 +36,7 @@ def cold_store(server_context, other_store, a_device):
 
 @pytest.fixture
 def proxy(tmp_path, a_device):
-    """The token's module goes wrong on demand."""
+    """Control of a PKCS#11 module in front of the token's, which fails on demand."""
     folder = tmp_path / "proxy"
     folder.mkdir()
     return token_proxy.TokenProxy(folder, a_device)
@@ -45,7 +44,7 @@ def proxy(tmp_path, a_device):
 
 @pytest.fixture
 def proxied(needs_view, start_daemon, caller, proxy):
-    """The daemon, with that module."""
+    """A daemon that uses this module."""
     process = start_daemon(environment=proxy.environment)
     process.wait_for_name(caller)
     return process
@@ -59,7 +58,7 @@ def test_a_token_that_is_pulled_fails_new_connections_only_and_comes_back_withou
 
     # A kept connection needs no signature.
     assert answers(caller) == all_alike(WORKS)
-    # Nor does a session that is taken up again.
+    # A resumed session needs no signature either.
     store.answer.keep = False
     assert [caller.call("check_server_availability") for _ in range(3)] == [WORKS] * 3
     assert store.requests[-1].resumed
@@ -135,7 +134,7 @@ def test_a_wrong_pin_is_tried_once_and_the_right_one_is_used_without_a_restart(
     assert "CKR_PIN_INCORRECT" in lines[0]
     assert all("is not tried again" in line for line in lines)
 
-    # Another wrong one is one more try; the first is remembered.
+    # Each further wrong PIN costs one more login; earlier wrong PINs are remembered.
     for pin, logins in (("1111-wrong\n", 2), ("0000-wrong\n", 2), ("1111-wrong\n", 2)):
         pin_file.write_text(pin)
         assert caller.call("check_server_availability") == FAILED
@@ -162,7 +161,7 @@ def test_a_wrong_pin_is_not_tried_again_by_the_next_start(needs_view, start_daem
         while caller.owner() is not None:
             assert time.monotonic() < end
             time.sleep(0.01)
-    # Nothing that the PIN could be read from stays behind.
+    # The remaining file must not contain the PIN.
     left = [file.read_bytes() for file in (a_device.credentials.folder / "store").iterdir()]
     assert len(left) == 1 and b"wrong" not in left[0]
 
@@ -238,7 +237,7 @@ def test_a_short_or_wrong_block_of_the_token_is_never_sent(proxied, caller, stor
     assert store.requests == []
     assert proxy.count("sign") > len(EVERY_CALL)
     assert len([text for text in proxied.texts("E") if "gave a block that is short" in text]) == 5
-    # Nothing that could be a signature was handed to TLS, so the server has seen none.
+    # No block was passed to TLS as a signature, so the server has seen none.
     assert not any("Return KeyStore result" in text for text in proxied.texts())
     assert not any("signature" in failure for failure in store.handshake_failures)
 
@@ -315,8 +314,8 @@ def test_a_hundred_cold_calls_cost_one_signature_and_ten_warm_ones_none(service,
 
 
 def test_a_burst_to_a_cold_store_costs_one_signature(service, caller, cold_store):
-    # The first of a burst has a second's start. A busy machine may spoil an attempt; a fault spoils
-    # every one.
+    # The first transfer of a burst starts a second ahead. A busy machine may spoil one attempt; a fault fails all
+    # three.
     costs = []
     while len(costs) < 3 and 1 not in costs:
         before = signatures(service)
@@ -348,7 +347,7 @@ def test_a_token_that_the_daemon_may_not_write_outlives_a_storm_of_kills(needs_v
         process.kill()
 
     assert contents(token) == before
-    # The last one may own the name for a moment more.
+    # The name of the last killed daemon may stay on the bus for a moment.
     while caller.owner() is not None:
         time.sleep(0.01)
     process = start_daemon()
@@ -361,7 +360,7 @@ def test_a_token_that_the_daemon_may_not_write_outlives_a_storm_of_kills(needs_v
 
 
 def worker_stack(process):
-    """Bytes of the connector's worker's stack that were ever written to, in whole pages."""
+    """Number of bytes of the connector worker's stack that were ever written to, in whole pages."""
     for task in os.listdir(f"/proc/{process.pid}/task"):
         with open(f"/proc/{process.pid}/task/{task}/syscall", encoding="ascii") as file:
             fields = file.read().split()
@@ -372,7 +371,7 @@ def worker_stack(process):
 
 
 def touched(process, address):
-    """Resident bytes of the mapping with this address, if it is as large as the worker's stack."""
+    """Resident bytes of the mapping with this address, if the mapping has the size of the worker's stack."""
     with open(f"/proc/{process.pid}/smaps", encoding="utf-8") as file:
         inside = False
         for line in file:
@@ -385,7 +384,7 @@ def touched(process, address):
     return None
 
 
-if not daemon.is_sanitized():  # which has stacks of its own
+if not daemon.is_sanitized():  # its runtime uses larger stacks
 
     def test_the_workers_stack_is_ample(service, caller, store, cold_store):
         answers(caller)

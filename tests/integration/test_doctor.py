@@ -1,5 +1,4 @@
-"""billingctl doctor where the real daemon runs: each check failing, with its cause and its cure, and
-passing."""
+"""billingctl doctor beside the real daemon: each check when it fails, with cause and cure, and when it passes."""
 import datetime
 import json
 import os
@@ -24,12 +23,12 @@ PIN_FILE = "see [keystore] pin_file in {conf}: the PIN alone on one line, chmod 
 THEN_RESTART = "set [deployment] {} in {{conf}}, then restart the service (systemctl restart billing-service)"
 REFUSED = "until then every call is answered with 1160003"
 NOT_REACHED = "the request did not come that far"
-# Of a bus without a service manager.
+# Findings on a bus without a service manager.
 NO_MANAGER = {"unit": "there is no systemd on this bus"}
 
 
 def of_device(text, device):
-    """A text with the places of the test's device in it."""
+    """Fills the paths of the test's device into a text."""
     return text.format(
         conf=device.file,
         lab=device.credentials.folder,
@@ -64,7 +63,7 @@ def test_nothing_fails_on_a_device_that_works(service, doctor):
         "ping": r"the service lives: it answered in \d+\.\d ms",
         "restart": "the service has started after its certificate was put there",
         "bus": "the system bus is reachable",
-        # Which program that is only root may see, and there is no root in this view.
+        # Only root may see the program that owns the name, and no process in this view has root's rights.
         "name": r"org\.plevo\.billingservice is owned by a program that only root may look at "
         rf"\(process {service.pid}, user \S+\)",
         "call": r"check_server_availability came back with resp_result 0 in \d+\.\d ms",
@@ -395,7 +394,7 @@ def test_no_secret_is_shown(service, doctor, a_device):
     assert [secret for secret in [*secrets, pin, "wrong"] if secret in text] == []
 
 
-# --- time ---
+# --- the clock ---
 
 
 def test_a_clock_before_the_certificate_is_named(service, doctor, a_device):
@@ -471,7 +470,7 @@ def test_a_refused_call_is_said_in_the_service_s_words(service, doctor, a_device
     assert found["call"]["cure"] == ("mend what failed above or below; if nothing did, the service's log says more")
 
 
-# --- for people ---
+# --- output for people ---
 
 
 def test_the_doctor_speaks_to_people_too(bus, tmp_path):

@@ -1,4 +1,4 @@
-"""billingctl doctor on callers that the service holds back or refuses, and on a bus that does not let it see to that."""
+"""billingctl doctor on callers that the service holds back or refuses, and on a bus policy that prevents this."""
 import pytest
 from billing_lab import bus as message_bus
 from gi.repository import Gio
@@ -16,7 +16,7 @@ NO_STATS = (
 
 @pytest.fixture
 def bus(tmp_path, request):
-    """With the policy that a test is parametrized with."""
+    """A bus with the policy rules that the test is parametrized with."""
     running = message_bus.Bus(tmp_path, policy=getattr(request, "param", ()))
     yield running
     running.stop()
@@ -24,7 +24,7 @@ def bus(tmp_path, request):
 
 @pytest.fixture
 def journal(service, tmp_path):
-    """The variable that puts the daemon's own log in the journal's place."""
+    """The variable that makes the doctor read the daemon's log instead of the journal."""
     program = tmp_path / "bin" / "journalctl"
     program.parent.mkdir()
     program.write_text(f"#!/bin/sh\nsed -n 's,^[IWE]/[A-Z_]*: ,,p' {service.log_file}\n")
@@ -73,7 +73,7 @@ def test_a_policy_without_the_rule_is_named(service, doctor, journal, caller):
     assert found["callers"]["id"] == "callers.no-rules"
     assert "GetConnectionStats" in found["callers"]["finding"]
     assert "ReloadConfig" in found["callers"]["cure"]
-    # The doctor sees it by itself, too.
+    # Without the journal the doctor asks the bus itself.
     found, _ = doctor()
     assert found["callers"]["id"] == "callers.no-rules"
     assert found["callers"]["finding"].startswith("the bus's policy does not let the service ask")

@@ -1,4 +1,4 @@
-"""billingctl doctor on devices that are broken in less common ways, and on what will break soon."""
+"""billingctl doctor on devices with less common faults, and on what will fail soon."""
 import datetime
 import subprocess
 import time
@@ -12,7 +12,7 @@ from harness.doctor import outcomes
 CERTIFICATE = "/usr/apps/org.plevo.billing-api/res/certificate/bgclient.crt"
 
 
-# --- what ends soon ---
+# --- validity that ends soon ---
 
 
 def test_a_certificate_that_ends_soon_has_to_be_looked_at(start_daemon, needs_view, caller, doctor, a_device):

@@ -1,5 +1,6 @@
-"""billingctl doctor on a service that is dead, hung, stopped, slow, refused or to be started anew, and on what a
-service manager says of it."""
+"""billingctl doctor on a service that is dead, hung, stopped, slow, refused or in need of a restart, and on the state
+that a service manager reports.
+"""
 import os
 import shutil
 import signal
@@ -16,11 +17,11 @@ from harness.manager import NAME, Manager
 from billing_lab import bus as message_bus
 
 RESTART = "systemctl restart billing-service"
-# What is written so soon after the start may have been read by it.
+# Seconds after the start within which the service may still read a file that the test writes.
 A_MOMENT = 0.7
 
 
-# --- who does not run ---
+# --- services that do not run ---
 
 
 def test_a_service_that_does_not_run_is_found_out(doctor):
@@ -47,7 +48,7 @@ def test_a_service_that_the_bus_cannot_start_is_found_out(doctor, caller, tmp_pa
     assert "exited with status 1" in found["ping"]["finding"]
 
 
-# --- who does not answer ---
+# --- services that do not answer ---
 
 
 def test_a_service_that_is_stopped_is_no_hung_one(service, doctor):
@@ -61,7 +62,7 @@ def test_a_service_that_is_stopped_is_no_hung_one(service, doctor):
 
 
 class Silence:
-    """A process of the bus that takes the service's name and answers nobody."""
+    """A process that owns the service's name on the bus and never answers."""
 
     def __init__(self, address):
         self._process = subprocess.Popen(
@@ -118,7 +119,7 @@ def test_an_answer_that_takes_long_has_to_be_looked_at(service, doctor, store):
 
 
 def activation(caller, folder, program):
-    """Has the bus start this program for the service's name."""
+    """Makes the bus start this program for the service's name."""
     rules = folder / "bus.conf"
     rules.write_text(rules.read_text().replace("<auth>", f"<servicedir>{folder}</servicedir><auth>", 1))
     (folder / "org.plevo.billingservice.service").write_text(
@@ -141,7 +142,7 @@ def test_a_start_is_waited_for(doctor, caller, tmp_path):
 
 @pytest.fixture
 def without_library(tmp_path):
-    """A program whose library is gone."""
+    """A program whose shared library is missing."""
     library = tmp_path / "libbilling-lost.so"
     for source, options in (
         ("int lost(void) { return 0; }", ["-shared", "-o", library]),
@@ -166,7 +167,7 @@ def test_a_start_that_fails_for_a_library_names_it(doctor, caller, manager, tmp_
     assert found["ping"]["cure"] == "install the package that has libbilling-lost.so, or run ldconfig"
 
 
-# --- what a service manager says ---
+# --- the state that a service manager reports ---
 
 
 @pytest.fixture
@@ -178,7 +179,7 @@ def bus(tmp_path):
 
 @pytest.fixture
 def manager(bus, request):
-    """A function that puts a service manager on the bus."""
+    """A function that puts a simulated service manager on the bus."""
 
     def make(**unit):
         running = Manager(bus.address, **unit)
@@ -265,7 +266,7 @@ def test_an_outage_that_only_the_journal_tells_is_named(service, doctor, store, 
     assert doctor(PATH=f"{program.parent}:/usr/bin:/bin")[1] == []
 
 
-# --- what a restart is needed for ---
+# --- faults that need a restart ---
 
 
 def test_a_certificate_that_is_newer_than_the_service_asks_for_a_restart(service, doctor, a_device):
@@ -305,12 +306,12 @@ def test_a_wrong_pin_is_the_cause_of_a_call_that_failed(start_daemon, needs_view
     found, failed = doctor()
     assert failed == ["call", "request"]
     assert found["request"]["id"] == "request.key.pin"
-    # The daemon's start has tried it: nobody tries it again.
+    # The daemon tried this PIN at its start, so the doctor does not try it again.
     assert "was refused before and is not tried again" in found["request"]["finding"]
     assert any("ErrorCode = 35" in text and "the device's key did not sign" in text for text in process.texts("E"))
 
 
-# --- whose eyes it has ---
+# --- the environment that the doctor uses ---
 
 
 def test_the_environment_of_the_unit_is_taken_when_no_process_runs(doctor, manager, a_device):

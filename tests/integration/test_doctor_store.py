@@ -1,5 +1,4 @@
-"""billingctl doctor on the way to the store: stores that are not what they should be, and others that
-are."""
+"""billingctl doctor on the connection to the store: faulty stores and unusual but correct ones."""
 import datetime
 import re
 import ssl
@@ -19,7 +18,7 @@ TLS_12 = (
 
 @pytest.fixture
 def a_store(authority, other_store, a_device):
-    """A function that runs another store, and has the device use it."""
+    """A function that runs another store and sets it as the device's store."""
 
     def make(clients, *names, **options):
         context = authority.server_context(*(names or ("localhost",)), clients=clients, **options)
@@ -191,6 +190,6 @@ def test_names_that_nobody_resolves_are_not_waited_for(service, doctor, a_device
     a_device.set("deployment", "production_host", "store.invalid")
     began = time.monotonic()
     found, failed = doctor(seconds="1", **preloaded("slow-names"))
-    assert time.monotonic() - began < 20  # a look-up takes 60
+    assert time.monotonic() - began < 20  # a look-up takes 60 s
     assert failed == ["name lookup", "call"]
     assert "timed out" in found["name lookup"]["finding"]

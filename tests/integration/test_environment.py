@@ -1,4 +1,4 @@
-"""Variables of the environment that libraries listen to change nothing."""
+"""Environment variables that libraries read do not change the daemon's behaviour."""
 import os
 import socket
 
@@ -44,7 +44,7 @@ def test_credentials_of_a_netrc_are_not_sent(needs_view, start_daemon, caller, s
 
 
 def test_it_writes_no_file(needs_view, start_daemon, caller, store, tmp_path):
-    # Its mask is 0: whatever it made would be everybody's.
+    # The daemon's umask is 0, so every user could write a file that it makes.
     process = start_daemon(environment={"HOME": str(tmp_path), "TMPDIR": str(tmp_path), "XDG_CACHE_HOME": str(tmp_path)})
     process.wait_for_name(caller)
     before = {os.path.join(folder, name) for folder, _, names in os.walk(tmp_path) for name in names}

@@ -1,4 +1,4 @@
-"""Values that try to become a header, a request or a line of the log."""
+"""Values that contain text of a header, a request or a log line."""
 import json
 
 import pytest
@@ -33,7 +33,7 @@ def every_record_is_one_line(process):
 
 
 def nothing_got_in(store):
-    """At the server there are whole requests, of known headers, each once, and nothing between."""
+    """The server has received whole requests only, with known headers, each header once, and no other bytes."""
     requests = store.requests
     by_connection = {}
     for request in requests:
@@ -50,7 +50,7 @@ def nothing_got_in(store):
 @pytest.mark.parametrize("group, key", SETTINGS)
 @pytest.mark.parametrize("byte", [name for name in BYTES if name not in ("LF", "CRLF")])
 def test_a_control_byte_in_a_setting_reaches_nobody(service, caller, store, a_device, group, key, byte):
-    # A setting ends at a line feed: that one cannot be written into the file.
+    # A line feed ends a setting, so the file cannot hold a value with one.
     a_device.set(group, key, evil(BYTES[byte]))
 
     answers(caller)
@@ -109,7 +109,7 @@ def test_header_like_values_stay_values(service, caller, store, a_device):
     assert store.requests[0].headers[-2:] == ["DUID: : x : y", "Atoken: Host: evil"]
 
 
-# Which arguments stand in a query, and which in a body. The others are not sent.
+# Arguments that are part of a query. The others stand in a body or are not sent.
 IN_QUERY = [("get_product_list", 0), ("get_product_list", 2)]
 IN_BODY = [
     (method, i, member)
@@ -180,7 +180,7 @@ def test_a_long_value_in_a_query_is_sent_as_it_is(service, caller, store, method
 @pytest.mark.parametrize("method, place", IN_QUERY)
 @pytest.mark.parametrize("size", [200_000, 1 << 20])
 def test_a_query_that_libcurl_could_not_get_rid_of_is_refused(service, caller, store, method, place, size):
-    # Of over 128 KiB of head it would send the beginning and wait for its time-out.
+    # With more than 128 KiB of head libcurl would send the beginning and wait for the time-out.
     with pytest.raises(GLib.Error, match="at most 8192 are taken"):
         call_with(caller, method, place, "m" * size)
 
@@ -203,7 +203,7 @@ def test_shown_private_values_still_cannot_break_a_line_of_the_log(needs_view, s
 
 
 def test_the_canaries_are_what_the_server_normally_sees(service, caller, store):
-    # What makes the absence of a value elsewhere mean something.
+    # Counter-check: a normal request contains these values, so their absence in other tests proves something.
     answers(caller)
     received = b"".join(store.connections).decode()
     assert all(value in received for value in (TOKEN, DUID, GUID, UID))

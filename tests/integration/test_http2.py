@@ -1,5 +1,6 @@
-"""A store that speaks HTTP/2 and ends or refuses streams as the protocol allows: each call is answered,
-and the store processes each request once."""
+"""A store that speaks HTTP/2 and ends or refuses streams as the protocol allows. Each call is answered, and the store
+processes each request once.
+"""
 import collections
 
 import pytest
@@ -11,7 +12,7 @@ PURCHASE = ("confirm_purchase", "app", "custom", "invoice", "0")
 REQUESTS = {LIST: ("GET", "/billing/product/v2/products"), PURCHASE: ("POST", "/billing/payment/v2/confirm")}
 GOOD = (0, "{}")
 
-# What the store does with a stream that it has not processed.
+# Ways in which the store ends a stream that it has not processed.
 UNPROCESSED = [refuses, wants_http_1_1, goes_away_before]
 PROCESSED = [answers_early, goes_away_after]
 
@@ -25,7 +26,7 @@ def store(authority, provisioned, request):
 
 
 def requests_of(seen, call):
-    """How often the store saw a call's request, by protocol."""
+    """Number of requests of a call at the store, by protocol."""
     return collections.Counter(
         {protocol: count for (protocol, *request), count in seen.items() if tuple(request) == REQUESTS[call]}
     )
@@ -33,7 +34,7 @@ def requests_of(seen, call):
 
 @pytest.fixture(params=["first", "kept"])
 def connected(request, service, caller, store):
-    """With a connection that was used a moment ago, or without any."""
+    """Runs the test once with a recently used connection and once without one."""
     if request.param == "kept":
         assert caller.call(*LIST) == GOOD
         assert requests_of(store.take_seen(), LIST) == {"HTTP/2": 1}

@@ -1,4 +1,4 @@
-"""A daemon that has nothing to do does nothing."""
+"""An idle daemon: no wake-ups, little memory, no further descriptors."""
 import time
 
 import pytest
@@ -8,14 +8,14 @@ from harness.methods import answers
 SECONDS = 5
 
 
-# A sanitizer's runtime has memory of its own and a thread that wakes up.
+# The runtime of a sanitizer uses more memory and has a thread that wakes up.
 if not daemon.is_sanitized():
 
     @pytest.mark.parametrize("used", [False, True])
     def test_an_idle_daemon_does_not_wake_up(service, caller, store, used):
         if used:
             answers(caller)
-        # Kept connections stay open meanwhile; what the calls left behind has settled.
+        # After this pause the work of the calls is over; their connections stay open.
         time.sleep(1)
         before = service.switches()
 

@@ -1,4 +1,4 @@
-"""The log: nothing private, levels, one line for each record, and what is written when."""
+"""The log: no private values, levels, one line for each record, and the order of the records."""
 import json
 import os
 import pathlib
@@ -20,7 +20,7 @@ ARGUMENTS = {
 }
 ANSWER = b'{"body": "canary-body"}'
 
-# What only the device, the caller and the server may know.
+# Private values of device, caller and server.
 CANARIES = [
     *SECRETS,
     "canary-app",
@@ -35,7 +35,7 @@ CANARIES = [
 
 
 def call_everything(caller, store):
-    """Calls that succeed, that fail half-way and that libcurl refuses."""
+    """Makes calls that succeed, that fail during the transfer, and that libcurl refuses."""
     store.answer.body = ANSWER
     for method, arguments in ARGUMENTS.items():
         assert caller.call(method, *arguments) == (0, ANSWER.decode())
@@ -65,7 +65,7 @@ def test_private_values_are_shown_when_that_is_asked_for(needs_view, start_daemo
     call_everything(caller, store)
 
     text = process.log_text()
-    # No request uses the account's token.
+    # The account's token is the only canary that no request uses.
     assert [canary for canary in CANARIES if canary not in text] == ["account-token"]
     assert "<private:" not in text
 
@@ -87,7 +87,7 @@ def test_without_a_level_it_is_info(needs_view, start_daemon, caller, store):
 
 
 def test_one_call_says_what_it_did_in_this_order(service, caller, store):
-    # The bus knows of the name a moment before the daemon does.
+    # The bus shows the name's owner a moment before the daemon knows of its name.
     service.wait_for_log("was acquired")
     before = len(service.log())
     caller.call("get_product_list", "a", "0", "c")
@@ -97,7 +97,7 @@ def test_one_call_says_what_it_did_in_this_order(service, caller, store):
         record.text
         for record in service.log()[before:]
         if record.priority != "D" and record.file in main_thread
-        # The worker's, and pointers.
+        # Leaves out records of the worker and records with pointers.
         and record.function not in ("m_GetProductsCB", "m_WriteRequestResultToPipe")
     ]
     url = f"https://production.localhost:{store.port}/billing/product/v2/products?"
@@ -138,7 +138,8 @@ def test_the_journal_says_who_called_what_and_what_came_of_it(start_daemon, call
     for caller, method in ((first, "get_product_list"), (second, "get_applied_time")):
         name = caller.connection.get_unique_name()
         said = [entry for entry in entries if entry.get("BILLING_SENDER") == name]
-        # Its user may be known before the main loop comes to its call.
+        # The bus library may log the caller's user before the main loop handles its call, so other entries may come
+        # first.
         assert [entry["BILLING_METHOD"] for entry in said if "BILLING_METHOD" in entry] == [method]
         assert [entry["BILLING_RESULT"] for entry in said if "BILLING_RESULT" in entry] == ["-1"]
     assert any("BILLING_SENDER" not in entry for entry in entries)
@@ -152,7 +153,7 @@ def journal(tmp_path):
 
 
 def told(journal):
-    """The texts of what has come to the journal without file, function and line, and their bytes."""
+    """The texts of the journal's records without file, function and line, and the size of the records in bytes."""
     records = journal.records()
     texts = [fields["MESSAGE"].partition(" > ")[2] or fields["MESSAGE"] for fields, _ in records]
     return texts, sum(size for _, size in records)

@@ -1,4 +1,4 @@
-"""Connections that fall silent, that a middlebox forgets, and sessions that a server refuses."""
+"""Connections that fall silent, connections that a middlebox drops, and sessions that a server refuses."""
 import collections
 import time
 
@@ -12,18 +12,18 @@ GOOD = (0, "nginx")
 LIST = ("get_product_list", "app", "0", "check")
 PAYMENTS = ("confirm_purchase", "get_applied_time")
 PROTOCOLS = {"HTTP/1.1": "", "HTTP/2.0": "http2"}
-# As the device names its two servers, by the type of server that chooses them.
+# Server types by which the device chooses one of its two servers.
 KINDS = {"production": "0", "sandbox": "2"}
 
-# How long a device may be without a line before it uses it again, in seconds.
+# Seconds between the loss of the network and the next use of the device.
 AWAY = 30
-# What a call at a server that answers at once may take on a busy machine.
+# Seconds that a call to a server that answers at once may take on a busy machine.
 SOON = 3
 
 
 @pytest.fixture
 def start_behind_proxy(tmp_path, authority, provisioned, a_device, request):
-    """A function that runs an nginx behind a proxy, as one of the device's two servers."""
+    """A function that runs nginx behind a proxy, as one of the device's two servers."""
     if nginx.PROGRAM is None:
         pytest.skip("nginx is not installed (scripts/setup)")
 
@@ -41,7 +41,9 @@ def start_behind_proxy(tmp_path, authority, provisioned, a_device, request):
 
 
 def seen_by(server):
-    """How often the server saw each path, once it is stopped."""
+    """Stops the server.
+    @return number of requests for each path
+    """
     return collections.Counter(entry.target.split("?")[0] for entry in server.stop())
 
 
@@ -61,7 +63,7 @@ def test_a_connection_that_a_middlebox_has_forgotten_costs_no_call(service, call
 
 
 def run_for(seconds):
-    """Lets answers come in meanwhile."""
+    """Runs the main loop for that time, so that answers can arrive."""
     end = time.monotonic() + seconds
     tick = GLib.timeout_add(50, lambda: True)
     while time.monotonic() < end:
@@ -70,7 +72,7 @@ def run_for(seconds):
 
 
 def test_half_a_minute_after_a_silent_loss_every_call_is_answered_at_once(service, caller, a_device, start_behind_proxy):
-    # Both protocols at once, since it takes so long.
+    # One test runs both protocols at once, because it takes long.
     servers = {kind: start_behind_proxy(protocol, kind) for kind, protocol in zip(KINDS, PROTOCOLS)}
 
     def with_each(action):
@@ -132,7 +134,7 @@ def test_a_server_that_refuses_every_session_is_reached(
     assert answers == [(0, "{}")] * len(answers)
     assert len(store.requests) == len(answers)
     assert {request.client for request in store.requests} == {"CN=Billing lab device"}
-    # What makes the test worth something: sessions were offered.
+    # Counter-check: the daemon did offer sessions.
     assert any("session id context" in text for text in store.handshake_failures)
 
 

@@ -1,4 +1,4 @@
-"""billingctl monitor on the real daemon: what is watched, and what stays hidden."""
+"""billingctl monitor on the real daemon: the calls that it shows and the values that it hides."""
 import datetime
 import json
 import re
@@ -16,7 +16,7 @@ TIME = r" \(\d+\.\d ms\)"
 
 @pytest.fixture
 def watch(bus, request):
-    """A function that starts a monitor, which then watches."""
+    """A function that starts a monitor and returns when it watches."""
 
     def start(*arguments, stdout=subprocess.PIPE):
         process = subprocess.Popen(
@@ -35,7 +35,7 @@ def watch(bus, request):
 
 
 def lines_of(process, count):
-    """The next lines. One that does not come ends the process, and with it the waiting."""
+    """Reads the next lines. After 30 s without one it kills the process, and the test fails."""
     limit = threading.Timer(30, process.kill)
     limit.start()
     lines = [process.stdout.readline().rstrip("\n") for _ in range(count)]

@@ -1,4 +1,4 @@
-"""Without a way out of the device every method is refused, and nothing is sent."""
+"""Without a default route each method is refused and no request is sent."""
 import pytest
 from harness import daemon, server
 from harness.methods import EVERY_CALL, NO_NETWORK, all_alike, answers
@@ -12,13 +12,13 @@ def test_every_method_answers_that_there_is_no_network(service, caller, store, a
 
     assert store.connections == []
     assert service.texts().count(said) == len(EVERY_CALL)
-    # It is no failure of a transfer, and nothing of a transfer is begun.
+    # The refusal is not logged as a failed transfer, and no transfer begins.
     assert not any("start Url" in text or "Http error" in text for text in service.texts())
 
 
 @pytest.fixture
 def isolated(needs_view, start_daemon, caller, server_context, a_device):
-    """The daemon in a network of its own without any route, and a store server in there."""
+    """A daemon and a store server in a network namespace without a route."""
     namespace = daemon.Namespace()
     process = start_daemon(namespace=namespace)
     running = server.StoreServer(server_context, namespace.listeners()[0])
@@ -39,7 +39,7 @@ def test_without_a_default_route_no_request_is_made(isolated, caller):
 
 
 def test_without_a_default_route_the_server_would_have_been_reached(isolated, caller, a_device):
-    # What makes the test above worth something: the same server, in the same network.
+    # Counter-check of the test above: the same server in the same network can be reached.
     _, store = isolated
     a_device.set("network", "default_gateway", "up")
 
@@ -50,7 +50,7 @@ def test_without_a_default_route_the_server_would_have_been_reached(isolated, ca
 
 @pytest.fixture
 def cable(isolated):
-    """A pair of devices, as a way out that leads nowhere."""
+    """A veth pair: a default route over it exists but leads to no network."""
     namespace, _ = isolated
     for command in ("ip link add cable type veth peer name wall", "ip link set wall up", "ip link set cable up"):
         status = namespace.run(command)

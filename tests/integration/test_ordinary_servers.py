@@ -1,12 +1,13 @@
-"""Servers as their packages configure them, in front of a shop that counts what it has sold: what time,
-limits, reloads and restarts do to kept connections, and that no purchase is lost or made twice."""
+"""Web servers with the configuration of their packages, in front of a shop that counts what it has sold. Time, limits,
+reloads and restarts affect kept connections; no purchase may be lost or made twice.
+"""
 import time
 
 import pytest
 from harness import books, load, ordinary
 from harness.load import first, for_seconds, mixed, product_list, purchase
 
-# Idle limit of these tests in seconds.
+# Idle limit of the servers in these tests, in seconds.
 IDLE = 1
 KINDS = [
     pytest.param(kind, http2, id=f"{kind}-{protocol}")
@@ -40,7 +41,7 @@ def test_after_a_burst_and_an_idle_close_no_call_fails(service, caller, start_se
     shop.delay = 0.05
     burst = load.run(caller, first(40, mixed("burst")), flight=40)
     shop.delay = 0
-    # lighttpd looks at its clock once a second.
+    # lighttpd checks idle connections once a second.
     time.sleep(IDLE + 1)
 
     later = load.run(caller, [*map(product_list, "abcdefghijkl"), *map(purchase, "abcdefghijkl")])
@@ -62,7 +63,7 @@ def test_a_limit_of_20_requests_a_connection_fails_no_call(service, caller, star
 def test_the_default_limit_of_nginx_fails_no_call(service, caller, start_server, shop, http2, flight):
     server = start_server("nginx", http2=http2)
 
-    # More than 1,000 lists.
+    # More than the 1,000 requests that nginx allows on a connection.
     outcome = load.run(caller, first(2100, mixed("limit")), flight)
 
     books.check(outcome, shop, server)
@@ -80,7 +81,7 @@ def test_an_answer_that_comes_before_the_body_was_read_counts(service, caller, s
 
 
 class Renewal:
-    """Renews a server again and again beside the calls, with a pause after each time."""
+    """Renews a server repeatedly while calls run, with a pause after each renewal."""
 
     FIRST = 0.3
     PAUSE = 0.5
@@ -106,9 +107,9 @@ class Reload(Renewal):
 
 
 class Restart(Renewal):
-    """Has it finish and leave, and starts it as soon as it is gone."""
+    """Stops the server gracefully and starts it again after its end."""
 
-    # A device that waits for the server must find it there for a while.
+    # A device that waits for the server must find it running for a while.
     PAUSE = 1.5
 
     def is_done(self):
@@ -132,7 +133,7 @@ def test_a_server_that_is_renewed_under_load_loses_no_purchase(service, caller, 
     assert renew.count >= 1
     books.check_answers(outcome)
     books.check_shop(outcome, shop)
-    # A worker that ends may take the last lines of its log along.
+    # A worker process of the server that ends may lose the last lines of its log.
     assert sum(entry.method == "POST" for entry in server.stop()) <= len(outcome.invoices)
 
 

@@ -1,4 +1,4 @@
-"""Another platform's library in the place of the daemon's own, without a rebuild: the worked example of a port."""
+"""The daemon with another platform library instead of its own, without a rebuild: the worked example of a port."""
 import json
 import subprocess
 
@@ -12,7 +12,7 @@ LOOK_AT_THE_KEY = "look at the device's key store, and at the number in deployme
 
 @pytest.fixture
 def ported(needs_view, start_daemon, caller, tmp_path, store, a_device):
-    """The daemon on the example's library, and a function that sets a value of its device."""
+    """A daemon with the example's library, and a function that sets a value of its device."""
     folder = tmp_path / "example"
 
     def put(name, value):
@@ -48,7 +48,7 @@ def test_what_the_example_says_is_what_the_daemon_does(ported, caller, store):
 def test_the_doctor_asks_the_ports_functions_and_its_key(ported, bus, a_device, store):
     found, failed = examine(bus, a_device, "--sign", **ported.variables)
     assert failed == []
-    # The settings file of the reference stands there too, with another server: nobody reads it.
+    # The settings file of the reference backend names another server; nothing reads that file here.
     assert found["settings"]["finding"] == "this device's own library has them; its functions are asked"
     assert found["key"]["finding"] == "one signature, and the certificate confirms it"
     assert found["key material"]["finding"] == "the device's own library has no sealed key"

@@ -1,4 +1,4 @@
-"""billingctl report: what is in it, what is hidden, and when it is written."""
+"""billingctl report: its content, the values that it hides, and when it is written."""
 import json
 import subprocess
 
@@ -12,7 +12,7 @@ SECTIONS = ["machine", "versions", "status", "doctor", "settings", "unit", "jour
 
 @pytest.fixture
 def report(needs_view, bus, a_device):
-    """A function that makes one where the daemon is."""
+    """A function that makes a report in the daemon's environment."""
 
     def made(*arguments):
         view = daemon.bubblewrap(a_device.certificates, a_device.credentials.certificates)

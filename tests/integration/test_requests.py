@@ -1,4 +1,4 @@
-"""Each method's request, byte for byte as the server gets it, and the answer that comes back."""
+"""The request of each method, byte for byte as the server receives it, and the answer to the caller."""
 import json
 import os
 
@@ -23,7 +23,7 @@ PAYMENT_BODY = f"""{{
 }}
 """
 
-# request line without its version, further header lines, body
+# Request line without its version, further header lines, body.
 REQUESTS = {
     "check_server_availability": (
         f"GET /billing/service/v2/country?storeid=1&storeprodcode=1&guid={UID}&uid={UID}&lang=de&countrycode=DE",
@@ -103,7 +103,7 @@ def test_the_longest_text_reaches_the_server_whole(service, caller, store):
 
     (request,) = store.requests
     assert json.loads(request.body)["invoiceId"] == arguments[2]
-    # Nobody asks the server for leave to send.
+    # The client sends no "Expect: 100-continue".
     assert not any(line.startswith("Expect") for line in request.headers)
 
 
@@ -158,7 +158,7 @@ def test_values_go_into_a_query_as_they_are(service, caller, store):
 
     (request,) = store.requests
     assert "appid=a&b=c&guid=" in request.line
-    # What stands behind "#" is no part of a request.
+    # A fragment after "#" is not sent, by the rules of URLs.
     assert request.line.endswith("&checkvalue=100%/+? HTTP/1.1")
 
 

@@ -1,4 +1,4 @@
-"""The device's settings: a change takes effect at the next call, a fault gives one clear line."""
+"""The device's settings: a change takes effect at the next call, and each fault gives one clear log line."""
 import os
 
 import pytest
@@ -10,7 +10,7 @@ CA_FILE = "/opt/down/cert/ca.pem"
 
 
 def host_asked(caller, store):
-    """The host that the next request goes to, without its port."""
+    """The host of the next request, without its port."""
     store.take_requests()
     assert caller.call("check_server_availability") == (0, "{}")
     (request,) = store.take_requests()
@@ -52,7 +52,7 @@ def test_the_callers_server_type_plays_no_part(service, caller, store):
 )
 def test_a_changed_value_is_in_the_next_request(service, caller, store, a_device, group, key, old):
     caller.call("confirm_purchase", "a", "c", "i", "0")
-    # The same length: a change must not be seen by the file's size.
+    # The new value has the same length, so the file's size does not show the change.
     new = "".join(chr(ord(c) + 1) for c in old)
     a_device.set(group, key, new)
 
@@ -74,7 +74,7 @@ def complaints(process):
     return [record for record in process.log() if record.priority == "E" and record.tag == "BILLING_PLATFORM"]
 
 
-# What is in the file, and what the line about it must hold.
+# Content of the file, and texts that the log line about it must contain.
 FAULTS = {
     "no file": (None, ["cannot be read", "No such file", "PLEVO_DEVICE_CONF"]),
     "no settings file": ("{\n  'json': 1\n}\n", ["line 1"]),
@@ -110,9 +110,9 @@ def test_settings_that_others_can_read_or_write_are_complained_of(service, calle
     assert f"{a_device.file}: is open to others" in line.text and line.text.endswith("; chmod o= it")
 
 
-# What an editor makes of a long value: a second line, which may look like anything.
+# Second lines that result when an editor wraps a long value.
 WRAPPED = ["{}", "{}==", "{}=", "{}=x", "[{}", "[{}]", "{}[de]=x", "#{}", "{}: x", " {}"]
-# Texts that name a person or a device, or open something. Country, language and places are logged as they are.
+# Private settings: they identify a person or a device, or grant access. Country, language and paths are logged.
 PRIVATE = [
     ("config", "db/comss/atoken"),
     ("config", "db/comss/hwduid"),
@@ -145,7 +145,7 @@ def test_a_fault_in_the_file_gives_one_clear_line(service, caller, store, a_devi
         a_device.write_file(text)
 
     for _ in range(2):
-        # Without a rule the kernel is asked for a gateway, and there may be one or not.
+        # Without the setting the kernel is asked for a gateway, and the machine may have one or not.
         assert caller.call("check_server_availability") in (NO_NETWORK, TRY_LATER)
 
     (line,) = complaints(service)
@@ -216,7 +216,7 @@ def test_a_ca_file_that_was_mended_is_used_without_a_restart(service, caller, st
 
 
 def test_the_machines_own_certificates_are_not_trusted(service, caller, store, a_device, start_daemon):
-    # The environment names a bundle that would vouch for the server; the file does not.
+    # The bundle that the environment names vouches for the server; the configured bundle does not.
     bundle = a_device.ca_file.with_name("other.pem")
     bundle.write_bytes(a_device.ca_file.read_bytes())
     a_device.ca_file.write_bytes(certificates.Authority().pem)

@@ -1,4 +1,4 @@
-"""billingctl settings check, and what the doctor says of the same file."""
+"""billingctl settings check, and the doctor's findings on the same file."""
 import json
 
 import pytest
@@ -27,7 +27,9 @@ pin_file=/etc/plevo/pin
 
 @pytest.fixture
 def check(bus, tmp_path):
-    """A function that checks a file with these bytes. @return exit code and mistakes"""
+    """A function that checks a file with these bytes.
+    @return exit code and mistakes
+    """
 
     def checked(content):
         file = tmp_path / "settings"

@@ -1,4 +1,4 @@
-"""SIGTERM stops the daemon cleanly at whatever moment it comes; SIGINT does not."""
+"""SIGTERM stops the daemon cleanly at any moment; SIGINT ends it by its default action."""
 import os
 import random
 import signal
@@ -12,7 +12,7 @@ from harness import daemon, shutdown
 from harness.methods import EVERY_CALL
 from harness.server import Hang, Reply
 
-# All kinds together. A sanitizer's runtime makes starts and ends many times slower.
+# Number of rounds of all kinds together. The runtime of a sanitizer makes starts and ends many times slower.
 ROUNDS = int(os.environ.get("BILLING_SIGNAL_ROUNDS", "60" if daemon.is_sanitized() else "200"))
 LIMIT = 10 if daemon.is_sanitized() else 2
 
@@ -22,7 +22,7 @@ def pause(seconds):
 
 
 class Scene:
-    """One round: a daemon, brought to some point, and the signals that it gets there."""
+    """One round: starts a daemon, brings it to a certain point, and sends the signals there."""
 
     def __init__(self, start_daemon, caller, store):
         self.caller, self.store = caller, store
@@ -55,7 +55,7 @@ class Scene:
         return 1
 
     def handshaking(self):
-        # A connection for each call, and a signature of the key store for the first of them.
+        # Each call needs a connection of its own, and the first one a signature of the key store.
         self.store.answer = Reply(b"{}", keep=False)
         self.process.wait_for_name(self.caller)
         self.call(50)
@@ -81,7 +81,7 @@ class Scene:
         return 2
 
     def end(self, signals):
-        """@return what was wrong with the end, None when nothing was"""
+        """@return description of a fault at the end, None for a clean end"""
         began = time.monotonic()
         try:
             status = self.process.wait(30)
@@ -108,7 +108,7 @@ def test_sigterm_stops_it_cleanly(needs_view, start_daemon, caller, store, kind,
         scene = Scene(start_daemon, caller, store)
         fault = scene.end(getattr(scene, kind)())
         if fault is not None:
-            # Its log is the one to show.
+            # A failure shows the log of this daemon only.
             request.node.daemons = [scene.process]
         assert fault is None, f"round {number} of {rounds}, seed {seed}: {fault}"
     print(f"{rounds} clean ends of {rounds}")
@@ -119,7 +119,7 @@ def test_sigterm_while_the_server_says_nothing_in_the_handshake(service, caller,
         a_device.set("deployment", "production_host", f"localhost:{mute.getsockname()[1]}")
         calls = [caller.start("check_server_availability") for _ in range(10)]
         connection, _ = mute.accept()
-        # The client's first words are there, and it waits for ours.
+        # The ClientHello has arrived, so the client waits for the server's answer.
         assert connection.recv(1) == b"\x16"
 
         began = time.monotonic()

@@ -1,4 +1,4 @@
-"""billingctl status on the real daemon, with a journal in place of the machine's."""
+"""billingctl status on the real daemon, with a journal of the test instead of the machine's."""
 import json
 import subprocess
 import time
@@ -21,7 +21,9 @@ esac
 
 @pytest.fixture
 def status(needs_view, bus, a_device):
-    """A function that asks for it where the daemon is. @return exit code and lines by name"""
+    """A function that runs billingctl status in the daemon's environment.
+    @return exit code, and lines by name
+    """
 
     def asked(**variables):
         view = daemon.bubblewrap(a_device.certificates, a_device.credentials.certificates)
@@ -41,7 +43,7 @@ def status(needs_view, bus, a_device):
 
 @pytest.fixture
 def journal(tmp_path):
-    """The variable that puts a journal there."""
+    """The variable that selects the test's journal."""
     program = tmp_path / "bin" / "journalctl"
     program.parent.mkdir()
     program.write_text(JOURNAL)

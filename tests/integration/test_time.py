@@ -1,5 +1,4 @@
-"""What time does to a daemon that runs: a standby between two calls, and a server's certificate that
-expires."""
+"""Effects of time on a running daemon: a standby between two calls, and certificates that expire."""
 import datetime
 import time
 
@@ -16,7 +15,7 @@ A_SECOND = datetime.timedelta(seconds=1)
 
 @pytest.fixture
 def standby(tmp_path):
-    """A function that has the device sleep for some seconds, as far as a daemon with its library sees."""
+    """A function that simulates a standby of some seconds, for a daemon with its preloaded library."""
     file = tmp_path / "standby"
 
     def sleep(seconds):
@@ -56,12 +55,12 @@ def wait_until(moment):
 
 @pytest.fixture
 def soon():
-    """The whole second in which a certificate ends."""
+    """The whole second in which a certificate ends, four seconds from now."""
     return datetime.datetime.utcnow().replace(microsecond=0) + datetime.timedelta(seconds=4)
 
 
 def test_a_servers_certificate_that_expires_is_a_failure_until_it_is_renewed(service, caller, authority, start_nginx, soon):
-    # No session is taken up again there: each connection shows the certificate.
+    # The server resumes no session, so each connection shows the certificate.
     server = start_nginx(authority.server_pem("localhost", not_after=soon), extra="ssl_session_tickets off;")
     assert [caller.call(*LIST), caller.call(*PURCHASE)] == [GOOD, GOOD]
     wait_until(soon + A_SECOND)
@@ -83,7 +82,7 @@ def test_a_devices_certificate_that_expires_is_a_failure_that_says_so(
     a_device.credentials.reissue(-certificates.A_DAY, soon - datetime.datetime.utcnow())
     pem = tmp_path / "server.pem"
     pem.write_bytes(authority.server_pem("localhost"))
-    # It looks at the device's certificate with each connection, since it takes no session up again.
+    # The server resumes no session, so it checks the device's certificate at each connection.
     store = other_store(contextless.Context(pem, a_device.credentials.authority))
     a_device.set("deployment", "production_host", f"localhost:{store.port}")
     process = start_daemon()

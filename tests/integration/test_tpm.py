@@ -1,4 +1,4 @@
-"""A device whose key is made inside a TPM, by a PKCS#11 module that is not the usual one."""
+"""A device whose key is generated inside a TPM, with a PKCS#11 module other than SoftHSM."""
 import glob
 import os
 import pathlib
@@ -21,7 +21,7 @@ pytestmark = pytest.mark.skipif(
 )
 
 
-# There is one user here, the test's.
+# All commands run as the test's own user.
 IN_PLACE_OF_RUNUSER = 'runuser() { while [ "$1" != -- ]; do shift; done; shift; "$@"; }'
 
 
@@ -40,7 +40,7 @@ class Tpm:
     def __init__(self, folder):
         self.state = folder / "tpm"
         self.state.mkdir()
-        # The module looks for the control socket under this name.
+        # Name under which the module looks for the control socket.
         socket = folder / "tpm.sock"
         self._process = subprocess.Popen(
             [
@@ -73,7 +73,7 @@ class Tpm:
             time.sleep(0.01)
 
     def run(self, *command, environment=None):
-        """One command. What it leaves in the TPM is taken away, as a resource manager would."""
+        """Runs one command. Removes its transient objects from the TPM afterwards, like a resource manager."""
         done = subprocess.run(
             [str(part) for part in command],
             check=False,
@@ -91,7 +91,7 @@ class Tpm:
 
 
 class TpmCredentials(credentials.Credentials):
-    """The parts of a device that its TPM holds, or that are made for it."""
+    """Credentials of a device that are in its TPM or made for the key there."""
 
     def __init__(self, folder, tpm, authority_folder):
         super().__init__(folder)
@@ -142,7 +142,7 @@ class TpmCredentials(credentials.Credentials):
 
 
 def sign(request_file, authority_folder):
-    """What the authority of a device maker does with a certificate request."""
+    """Signs a certificate request, as the authority of a device maker does."""
     request = x509.load_pem_x509_csr(request_file.read_bytes())
     assert request.is_signature_valid
     return credentials.issue(request.public_key(), request.subject, authority_folder)
@@ -173,7 +173,7 @@ def test_a_key_made_inside_a_tpm_opens_the_store(service, caller, store):
     assert caller.call("confirm_purchase", "a", "c", "i", "0") == (0, "{}")
     warm = time.monotonic() - began
 
-    # Once to verify the key at the start, by another way; once for the first connection.
+    # One signature, for the first connection. The check of the key at the start takes another path.
     assert service.texts("I").count("Encrypt by KeyStore") == 1
     assert service.texts("I").count("Private key is valid") == 1
     print(f"first call {cold * 1000:.1f} ms, second {warm * 1000:.1f} ms")
@@ -190,7 +190,9 @@ def test_a_tpm_that_is_gone_fails_the_call_and_says_so(service, caller, store, t
 
 
 def in_place(block, a_device, tpm):
-    """A block of docs/RENEWAL.md for the places of the test's device. The restart and the doctor are the test's."""
+    """A block of docs/RENEWAL.md with the paths of the test's device. The test itself restarts the daemon and runs the
+    doctor.
+    """
     page = (pathlib.Path(__file__).parents[2] / "docs/RENEWAL.md").read_text(encoding="utf-8")
     (text,) = re.findall(rf"```sh {block}\n(.*?)```", page, re.DOTALL)
     left_out = (
@@ -243,6 +245,6 @@ def test_a_new_key_of_the_tpm_takes_over_and_gives_way_again(
     assert answered() != first
     do("rekey-back")
     assert answered() == first
-    # The module of another user is not shut out.
+    # The module leaves no lock file that would exclude the module of another user.
     assert [path.name for path in tpm.state.glob("tpm2_pkcs11*.lock")] == []
     assert len(store.requests) == 4

@@ -1,4 +1,4 @@
-"""Each row of docs/TROUBLESHOOTING.md on a device that is broken so: the doctor's id and cure, and the journal."""
+"""Each row of docs/TROUBLESHOOTING.md on a device with that fault: the doctor's id and cure, and the journal."""
 import datetime
 import os
 import pathlib
@@ -15,10 +15,11 @@ from harness.doctor import ILL, preloaded
 
 TESTS = pathlib.Path(__file__).resolve().parents[1]
 
-# What is written so soon after the start may have been read by it.
+# Seconds after the start within which the service may still read a file that the test writes.
 A_MOMENT = 0.7
 
-# Rows that other tests break a device for: with several users, a service manager, a process in the service's place.
+# Rows whose faults other tests produce: those need several users, a service manager, or a process in the service's
+# place.
 ELSEWHERE = {
     "packaging/test_doctor_users.py": {"settings.closed", "ping.denied", "ping.no-policy"},
     "integration/test_doctor_service.py": {
@@ -44,7 +45,7 @@ class Scene:
         self.process = None
 
     def start(self):
-        """The service at the journal's default level, and an app's call."""
+        """Starts the service at the journal's default level and makes an app's call."""
         self.process = self._start(level="call")
         self.process.wait_for_name(self.caller)
         self.caller.call("check_server_availability")
@@ -55,7 +56,7 @@ class Scene:
         return self._doctor(*arguments, **variables)[0]
 
     def with_store(self, **options):
-        """Another store, with a certificate of its own."""
+        """Sets another store with a certificate of its own."""
         running = self._other_store(self.authority.server_context("localhost", **{"clients": None, **options}))
         self.set("deployment", "production_host", f"localhost:{running.port}")
         return running
@@ -324,16 +325,16 @@ def test_a_transfer_that_fails_so_has_the_number_of_the_page(scene, number):
 
 
 def test_each_number_is_tried():
-    """The one of 90 seconds in the long form."""
+    """Number 28, which takes 90 seconds, is tested in the long form."""
     assert set(NUMBERS) | {28} == page.NUMBERS
 
 
-# Words of systemd's and OpenSSL's, and a field.
+# Words of systemd and OpenSSL, and the name of a field.
 NOT_OURS = {"status=127", "status=226/NAMESPACE", "status=228/SECCOMP", "SIGKILL", "alert decrypt error", "ErrMsg"}
 
 
 def test_the_further_tables_quote_messages_of_the_service():
-    """With what a message fills in left out: names, numbers, and what stands for them."""
+    """Compares the quoted messages without the parts that are filled in: names, numbers, and their placeholders."""
     folders = ("service", "platform/curl", "platform/keystore", "platform/linux", "platform/process")
     sources = "\n".join(
         file.read_text(encoding="utf-8") for folder in folders for file in sorted((TESTS.parent / folder).rglob("*.cpp"))
