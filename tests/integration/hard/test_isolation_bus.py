@@ -1,7 +1,7 @@
-"""What one caller does with its connection costs the others nothing that they notice.
+"""Whatever one caller does with its connection, other callers do not notice it.
 
-Each test asserts what a bystander meets, another app's confirm_purchase: the store answers it, it
-reaches the store once, and it takes no longer than its figure.
+Each test observes a bystander: confirm_purchase of another app. The store answers it and receives it once, and it
+takes no longer than a limit.
 """
 import os
 import pathlib
@@ -19,7 +19,7 @@ from harness.server import Reply
 
 MIB = 1 << 20
 WINDOW = MIB
-# What a sanitizer takes.
+# Factor for the times of a sanitizer build.
 SLOWER = 10 if daemon.is_sanitized() else 1
 
 NO_STATS = (
@@ -27,13 +27,13 @@ NO_STATS = (
     ' send_member="GetConnectionStats"/>'
 )
 PING = '<allow send_type="method_call" send_interface="org.freedesktop.DBus.Peer" send_member="Ping"/>'
-# How the service tells that a device's policy lacks these rules.
+# Log texts of the service for a bus policy without these rules.
 CALLERS_ASKED, NOBODY_ASKED = "the callers are asked", "neither the bus nor its clients tell"
 
 
 @pytest.fixture
 def bus(tmp_path, request):
-    """With the policy that a test is parametrized with."""
+    """A bus with the policy rules that the test is parametrized with."""
     running = message_bus.Bus(tmp_path, policy=getattr(request, "param", ()))
     yield running
     running.stop()
@@ -49,7 +49,7 @@ def with_policy(*rules):
 
 
 class Bystander:
-    """Another app, whose purchases are confirmed beside all that."""
+    """Another app, whose purchases are confirmed during the test."""
 
     def __init__(self, caller, store):
         self._caller, self._store = caller, store
@@ -68,7 +68,10 @@ class Bystander:
         return self._caller.owner()
 
     def took_at_most(self, median, longest):
-        """In seconds. The longest may be one in which the machine did something else. @return the figures"""
+        """Checks the times of the purchases, in seconds.
+        @param longest has room for one in which the machine was busy with other work
+        @return the figures as text
+        """
         middle, worst = sorted(self.took)[len(self.took) // 2], max(self.took)
         assert middle < median * SLOWER and worst < longest * SLOWER, self.took
         return f"bystander {middle * 1000:.0f} ms, at most {worst * 1000:.0f}"
@@ -84,7 +87,7 @@ def bystander(service, callers, store):
 
 @pytest.fixture
 def deaf(bus, request):
-    """A function that makes callers that read nothing."""
+    """A function that makes callers that never read."""
 
     def make(count):
         made = [DeafCaller(bus.address) for _ in range(count)]
@@ -101,21 +104,25 @@ def product_lists_of(store, size):
 
 
 def resident(pid, field="VmRSS"):
-    """MiB."""
+    """Memory of a process in MiB."""
     status = pathlib.Path(f"/proc/{pid}/status").read_text(encoding="utf-8")
     return int(re.search(rf"{field}:\s*(\d+)", status)[1]) / 1024
 
 
 def memory_at_most(service, most):
-    """@return what the daemon had at most so far, as text"""
+    """Checks the peak of the daemon's memory.
+    @return the peak as text
+    """
     seen = resident(service.pid, "VmHWM")
-    # A sanitizer's runtime has memory of its own.
+    # The runtime of a sanitizer uses memory of its own.
     assert daemon.is_sanitized() or seen < most, f"{seen:.0f} MiB"
     return f"daemon at most {seen:.0f} MiB"
 
 
 def ask(callers, times, store, step=2):
-    """Each caller asks for product lists, a few at a time. @return the serials of each"""
+    """Each caller asks for product lists, a few at a time.
+    @return the serials of each caller
+    """
     serials = [[] for _ in callers]
     before = len(store.requests)
     for done in range(0, times, step):
@@ -126,7 +133,9 @@ def ask(callers, times, store, step=2):
 
 
 def result_of(message):
-    """(resp_result, length of resp_info), or the name of an error; None for what is no answer of a method."""
+    """@return (resp_result, length of resp_info) or the name of an error; None for a message that is no answer of a
+    method
+    """
     if message.get_message_type() == Gio.DBusMessageType.ERROR:
         return message.get_error_name()
     if message.get_signature() != "is":
@@ -174,7 +183,7 @@ def test_a_hundred_and_twenty_callers_that_read_nothing(service, bystander, deaf
 
 
 def test_descriptions_that_nobody_reads(service, bystander, deaf, size, figure):
-    """The bus library answers these by itself."""
+    """The bus library itself answers introspection."""
     (caller,) = deaf(1)
     count = size(4_000, 100_000)
     for number in range(count):
@@ -200,7 +209,7 @@ def test_what_is_too_much_becomes_an_error_in_its_place(service, bystander, deaf
     product_lists_of(store, MIB)
     callers = deaf(1)
     (serials,) = ask(callers, 60, store)
-    # Large answers go on coming once it has read nothing for 2 s.
+    # Large answers still arrive after the caller has read nothing for 2 s.
     bystander.confirms(20, pause=0.25)
     seen = callers[0].answers(serials)
     results = [result_of(message) for message in seen]
@@ -256,7 +265,7 @@ def test_an_answer_that_is_made_up_opens_no_window(service, bystander, deaf, sto
                     caller.pretend_to_answer(owner, serial)
     bystander.confirms(3)
     received = [sum(result_of(message) == (0, MIB) for message in caller.messages_until_silent()) for caller in callers]
-    # The first one has a window for itself.
+    # The first answer fills its caller's window.
     assert received == [1, 1, 1]
     figure(
         f"answers of 1 MiB that came before the caller answered: {received}; {bystander.took_at_most(0.1, 1)}; "
@@ -276,12 +285,12 @@ def test_a_bus_that_does_not_read_any_more_ends_the_service(service, bystander, 
     took = time.monotonic() - began
     assert len(lines_with(service, "does not tell")) + len(lines_with(service, NOBODY_ASKED)) == 1
     assert len(lines_with(service, "the bus has not answered for 10000 ms, the service ends")) == 1
-    # What its manager does. The bus lets go of the name once the next one has come.
+    # The service's manager starts it again. The bus releases the old name when the new daemon is ready to own it.
     again = start_small_daemon()
     again.wait_until(lambda: bystander.owner() not in (None, before), "it owns its name")
     bystander.confirms(3)
     figure(f"the service ended {took:.1f} s after the last call of those that read nothing")
-    # And what the machine needs to send all that.
+    # The limit includes the time that the machine needs to send all the data.
     assert took < 20 * SLOWER
 
 
@@ -300,7 +309,7 @@ def test_arguments_as_long_as_the_bus_carries(service, bystander, callers, figur
 def test_a_thousand_calls_of_the_longest_arguments(service, bystander, callers, method, place, figure):
     blank = [""] * (4 if method == "confirm_purchase" else 6)
     took = []
-    # The store's part is the same in both: what the machine does besides, too.
+    # Time of the store and of the machine is part of both measurements.
     for arguments in (blank, filled(blank, place, "\x01")):
         flooding = [callers() for _ in range(8)]
         calls = [caller.start(method, *arguments, timeout=100) for caller in flooding for _ in range(125)]

@@ -1,5 +1,6 @@
-"""A store whose answers are large, many at once, beside another app that buys something: the daemon's memory
-has a bound, and each answer comes whole or as failed."""
+"""Many large answers of a store at once, beside purchases of another app. The daemon's memory has a bound, and each
+answer arrives whole or as failed.
+"""
 import statistics
 import time
 
@@ -8,27 +9,29 @@ from harness import daemon
 from harness.server import Reply
 
 MIB = 1 << 20
-# Nearly the longest text that the bus carries.
+# Almost the longest text that the bus carries.
 LARGE = 32 * MIB - 1024
 AT_ONCE = 20
-# A purchase beside them, in seconds: most of them, and the slowest on a machine that does other things too.
+# Seconds that most purchases may take beside them, and that the slowest may take on a busy machine.
 SOON, LATEST = 1, 3
-# MiB that the daemon takes at most.
+# MiB that the daemon may use at most.
 MOST = 200
 
-# Bytes that a process of 32 bits can address, where the kernel keeps a quarter.
+# Address space of a process of 32 bits, where the kernel keeps a quarter.
 ADDRESSES = 3 << 30
 
 PRODUCTS = "/billing/product/v2/products"
 
 
 def memory(service, field="VmHWM"):
-    """MiB; at most so far, or another field of the process's status."""
+    """A field of the process's status in MiB; by default the peak of its memory."""
     return service.status_field(field) / 1024
 
 
 def assert_whole_or_failed(calls, body):
-    """@return how many were whole"""
+    """Checks that each answer is whole or failed.
+    @return number of whole answers
+    """
     whole = 0
     for call in calls:
         assert call.error is None, call.error
@@ -39,7 +42,9 @@ def assert_whole_or_failed(calls, body):
 
 
 def run_beside_purchases(caller, calls, pause=0.1):
-    """Another app buys until the calls are answered. @return the seconds that each purchase took"""
+    """Another app makes purchases until the calls are answered.
+    @return seconds that each purchase took
+    """
     took = []
     while not all(call.done for call in calls):
         began = time.monotonic()
@@ -51,10 +56,10 @@ def run_beside_purchases(caller, calls, pause=0.1):
 
 @pytest.fixture
 def large_store(start_nginx, tmp_path):
-    """A function that runs a server whose product lists have so many bytes."""
+    """A function that runs a server whose product lists have that size in bytes."""
 
     def make(size, http2=False, length_known=True):
-        # Includes are looked for in each list, so its length is not told.
+        # With server-side includes nginx does not send the length of a list.
         options = "" if length_known else "ssi on; ssi_types *;"
         (tmp_path / "list").write_bytes(b"x" * size)
         start_nginx(
@@ -125,7 +130,7 @@ def test_one_large_answer_costs_at_most_two_and_a_half_times_its_size(service, s
 
 
 class AllButTheEnd:
-    """A large answer whose last byte never comes."""
+    """A large answer whose last byte is never sent."""
 
     def perform(self, connection, server):
         connection.send(b"HTTP/1.1 200 OK\r\nContent-Length: %d\r\n\r\n" % (LARGE + 1) + b"x" * LARGE)
@@ -159,6 +164,6 @@ def test_answers_that_stop_before_their_end_hold_nobody_up(service, store, calle
         f"a purchase took {max(took):.2f} s at most; daemon at most {memory(service):.0f} MiB"
     )
     if not daemon.is_sanitized():
-        # Two turns of the silent ones at most, and the machine's own delays.
+        # Two turns of the silent answers at most, and delays of the machine.
         assert waited < 25
         assert memory(service) < MOST and max(took) < LATEST

@@ -1,4 +1,4 @@
-"""One app, one endpoint or one store that takes what it can get, beside another app that buys something."""
+"""One app, one path or one store that uses all it can get, beside purchases of another app."""
 import statistics
 import time
 
@@ -8,11 +8,11 @@ from gi.repository import Gio, GLib
 from harness import daemon
 from harness.server import Hang, Reply
 
-# A purchase beside all of it, in seconds, on a machine that does other things too.
+# Seconds that a purchase may take beside the load, on a busy machine.
 SOON = 1
-# What the bus lets one connection have outstanding, nearly.
+# Almost the number of outstanding calls that the bus allows one connection.
 OF_ONE = 125
-# Until a call that waits for its turn is given up, and the look at it, in seconds.
+# Seconds until a call that waits for a slot is given up, and until the test checks that.
 TURN = 20 + 3
 PURCHASES = 20
 
@@ -23,12 +23,14 @@ def service(small_service):
 
 
 def hanging(part):
-    """A store that never answers what has this in its path."""
+    """A store that never answers a request with this part in its path."""
     return lambda request: Hang() if part in request.path else Reply(b"ok")
 
 
 def purchases(service, caller):
-    """Another app's. @return the seconds that each took"""
+    """Another app makes purchases.
+    @return seconds that each took
+    """
     took = []
     for number in range(PURCHASES):
         began = time.monotonic()
@@ -39,9 +41,11 @@ def purchases(service, caller):
 
 
 def memory_at_most(service, most):
-    """@return what the daemon had at most so far, as text"""
+    """Checks the peak of the daemon's memory.
+    @return the peak as text
+    """
     seen = service.status_field("VmHWM") // 1024
-    # A sanitizer's runtime has memory of its own.
+    # The runtime of a sanitizer uses memory of its own.
     assert daemon.is_sanitized() or seen < most, f"{seen} MiB"
     return f"{seen} MiB"
 
@@ -71,7 +75,7 @@ def test_an_endpoint_that_hangs_costs_the_others_nothing(service, store, callers
             GLib.MainContext.default().iteration(False)
             time.sleep(0.01)
         asked = sum("products" in request.path for request in store.requests)
-        # Those at the store go on; the others have ended and were never there.
+        # Calls whose requests are at the store go on. The other calls have ended, and the store never received them.
         ended = [call for call in calls if call.done]
         assert {call.result for call in ended} == {(-1, "")}
         assert len(ended) == len(calls) - asked

@@ -1,5 +1,4 @@
-"""Lines between the device and the store that lose, swallow, cut off or only trickle, and name servers
-that do not answer."""
+"""Network lines that lose packets, drop everything, reset connections or are slow, and name servers that do not answer."""
 import os
 import signal
 import statistics
@@ -10,21 +9,21 @@ import pytest
 from harness import daemon, server
 from harness.server import Reply
 
-# What the daemon's own second may take on a machine that is busy with other things.
+# Seconds for the daemon's own work on a busy machine.
 SOON = 1
-# Until a call that nobody answers is given up, in seconds.
+# Seconds until an unanswered call is given up.
 GIVEN_UP = 90
-# Pauses before a connection that was refused is given up, in seconds.
+# Sum of the pauses before a refused connection is given up, in seconds.
 REFUSED = 3.75
-# Names that are looked up at a time, each by a thread.
+# Number of names that are looked up at a time, each by a thread.
 RESOLVING = 16
-# Until a call is answered once names come back: the resolver asks again after 5 s at most, twice.
+# Seconds until a call is answered after names are back: the resolver repeats a question after 5 s, twice.
 NAMED = 12
 RESOLVER = "/etc/resolv.conf"
 
 
 class Line:
-    """The daemon's network, with rules for what goes over it."""
+    """The daemon's network, with rules for its packets."""
 
     def __init__(self, namespace, stores):
         self._namespace = namespace
@@ -45,8 +44,9 @@ class Line:
 
 @pytest.fixture
 def names(tmp_path):
-    """What the daemon sees in place of the machine's resolver settings. Without any, the resolver asks
-    this same machine."""
+    """Replaces the machine's resolver settings in the daemon's view: the name server is the local machine.
+    A machine without the file needs none, because the resolver then asks the local machine by itself.
+    """
     file = tmp_path / "resolv.conf"
     file.write_text("nameserver 127.0.0.1\n")
     return {RESOLVER: file} if os.path.exists(RESOLVER) else {}
@@ -54,7 +54,7 @@ def names(tmp_path):
 
 @pytest.fixture
 def service(needs_view, start_daemon, caller, server_context, a_device, names, request):
-    """The daemon in a network of its own, with a store for each of the two server types."""
+    """A daemon in a network namespace, with a store for each of the two server types."""
     namespace = daemon.Namespace()
     request.addfinalizer(namespace.close)
     process = start_daemon(namespace=namespace, files=names)
@@ -74,7 +74,7 @@ def line(service):
 
 @pytest.fixture
 def bystander(caller, a_device):
-    """A function that calls the other server, and says how long that took."""
+    """A function that calls the other server and returns how long that took."""
 
     def call():
         a_device.set("system", "vantor_server_type", "2")
@@ -87,7 +87,7 @@ def bystander(caller, a_device):
 
 
 def pending(service, caller, count):
-    """Calls that the daemon has begun and that nobody will answer soon."""
+    """Starts calls whose answers take long, and waits until the daemon has begun each."""
 
     def begun():
         return sum("start Url" in text for text in service.texts())
@@ -99,12 +99,14 @@ def pending(service, caller, count):
 
 
 def wait_for_lookups(service):
-    """Returns when the names of several calls are looked up: these wait a second for the first one."""
+    """Waits until the names of several calls are looked up. These wait a second for the first look-up."""
     service.wait_until(lambda: service.status_field("Threads") > RESOLVING, "it looks names up")
 
 
 def ends_at_once(service, calls, caller):
-    """SIGTERM. @return the seconds until its end"""
+    """Sends SIGTERM and checks the time until the daemon's end.
+    @return that time in seconds
+    """
     began = time.monotonic()
     service.send(signal.SIGTERM)
     assert service.wait(30) == 0
@@ -175,17 +177,17 @@ def test_a_line_that_cuts_connections_off_fails_their_calls_soon(service, line, 
     assert caller.call("check_server_availability") == (-1, "")
     assert caller.call("confirm_purchase", "a", "c", "i", "0") == (-1, "")
 
-    # Each is tried four times more, as a store that restarts refuses connections, too.
+    # The daemon repeats each connection four times, because a store that restarts refuses connections as well.
     assert time.monotonic() - began < 2 * REFUSED + SOON
     assert bystander() < SOON
     line.is_whole_again()
     assert caller.call("confirm_purchase", "a", "c", "i", "0") == (0, "{}")
-    # The payment that failed was not sent again.
+    # The failed payment was not sent again.
     assert [request.line.split()[0] for request in line.production.requests] == ["GET", "POST"]
 
 
 class Half:
-    """Half of a body when the gate opens, and no more."""
+    """An answer of which half is sent when the gate opens, and the rest never."""
 
     def __init__(self):
         self.gate = threading.Event()
@@ -202,7 +204,7 @@ def test_an_answer_that_is_cut_off_by_the_line_fails_with_what_came(service, lin
     call = caller.start("confirm_purchase", "a", "c", "i", "0")
     line.production.wait_for_requests(1)
 
-    # The line cuts the connection off as soon as the daemon acknowledges what came.
+    # The line resets the connection as soon as the daemon acknowledges the first half.
     line.rule(f"tcp dport {line.production.port} reject with tcp reset")
     line.production.answer.gate.set()
 
@@ -244,7 +246,7 @@ def test_name_servers_that_do_not_answer_hold_only_their_own_calls(
     assert beside < SOON
     assert not any(call.done for call in calls)
     threads, memory = service.status_field("Threads"), service.status_field("VmHWM") // 1024
-    # Sixteen of the resolver, and the service's own.
+    # Sixteen threads of the resolver, and the service's own.
     assert threads <= 32
     assert daemon.is_sanitized() or memory < 96
     took = ends_at_once(service, calls, caller)
@@ -263,7 +265,7 @@ def test_names_that_come_back_are_found_soon(service, line, caller, callers, a_d
     line.is_whole_again()
     began = time.monotonic()
 
-    # Nobody listens there: this machine answers at once that it is no name.
+    # No name server runs on this machine, so the resolver reports at once that the name does not exist.
     assert caller.call("check_server_availability", timeout=60) == (-1, "")
 
     took = time.monotonic() - began
@@ -272,7 +274,7 @@ def test_names_that_come_back_are_found_soon(service, line, caller, callers, a_d
 
 
 def test_a_call_without_a_name_server_is_answered_in_the_end(service, line, caller, a_device, size, figure):
-    # Nobody listens there: the answer of this machine comes at once, and it is no name.
+    # No name server runs on this machine, so the resolver reports at once that the name does not exist.
     a_device.set("deployment", "production_host", "store.example")
     assert caller.call("check_server_availability", timeout=120) == (-1, "")
     if size(False, True):

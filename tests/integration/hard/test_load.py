@@ -1,4 +1,4 @@
-"""Many calls at once, and for long."""
+"""Many calls at once, and calls for a long time."""
 import random
 import signal
 import statistics
@@ -12,12 +12,12 @@ from harness import daemon
 from harness.methods import NO_NETWORK
 from harness.server import Hang, Raw, Reply, Reset
 
-# What the bus lets one connection have outstanding.
+# Number of outstanding calls that the bus allows one connection.
 PER_CONNECTION = 128
 
 
 class Drip:
-    """A body that comes byte by byte and never ends."""
+    """A body that is sent byte by byte and never ends."""
 
     def perform(self, connection, server):
         connection.send(b"HTTP/1.1 200 OK\r\nContent-Length: 100000\r\n\r\n")
@@ -27,7 +27,7 @@ class Drip:
 
 
 class Held:
-    """No answer until it is let go, and then none either."""
+    """No answer: the connection stays silent until the gate opens, and then closes."""
 
     def __init__(self):
         self.gate = threading.Event()
@@ -38,7 +38,7 @@ class Held:
 
 
 def as_root(look):
-    """What only root may know; None for others."""
+    """Calls a function that needs root's rights; returns None without them."""
     try:
         return look()
     except PermissionError:
@@ -46,13 +46,14 @@ def as_root(look):
 
 
 def unanswered(service):
-    """How many calls the service itself counts as unanswered."""
+    """Number of unanswered calls by the service's own count."""
     return as_root(lambda: service.count("g_iPendingCallCount"))
 
 
 def settled_memory(service, caller):
-    """KiB: the least of three looks, each after a burst that has been cleared away. What another thread holds
-    in that moment, on a machine that does other things too, keeps its pages until the next."""
+    """KiB: the smallest of three samples, each after a burst of calls. A sample may include pages that another thread
+    still holds at that moment on a busy machine.
+    """
     seen = []
     for _ in range(3):
         caller.finish([caller.start("check_server_availability") for _ in range(100)])
@@ -62,7 +63,7 @@ def settled_memory(service, caller):
 
 
 def bad_server(request):
-    """Mostly good, often not."""
+    """Answers of a server that mostly works and often fails."""
     choice = random.random()
     if choice < 0.7:
         return Reply(b"x" * random.randrange(2000))
@@ -103,15 +104,15 @@ def test_every_call_to_a_bad_server_is_answered(service, callers, store, size, f
     )
     assert unanswered(service) in (0, None)
     if not daemon.is_sanitized():
-        # A short run is still on its way to its level.
+        # The short form ends before the memory has reached its level.
         assert grown < size(8192, 1024)
-    # More connections than 64 are kept only while as many calls are under way.
+    # More than 64 connections are kept only while as many calls are under way.
     assert before is None or left - before <= 64
 
 
 @pytest.fixture
 def bus(tmp_path):
-    """With more room than the system bus has: for what is outstanding here."""
+    """A bus that allows more outstanding calls than the system bus."""
     running = message_bus.Bus(
         tmp_path,
         limits={
@@ -134,7 +135,7 @@ def test_thousands_of_calls_to_a_stalled_server_are_all_answered(service, caller
     store.answer = Held()
 
     calls = [caller.start("get_product_list", str(i), "", "", timeout=300) for i in range(count)]
-    # The others wait for a slot.
+    # The other calls wait for a slot.
     store.wait_for_requests(150, timeout=120)
     most = service.status_field("VmRSS")
     began = time.monotonic()
@@ -145,7 +146,7 @@ def test_thousands_of_calls_to_a_stalled_server_are_all_answered(service, caller
     assert {call.error and call.error.message for call in calls} == {None}
     store.answer = Reply(b"{}")
     after = settled_memory(service, caller)
-    # Without a free descriptor the settings cannot be read, and a call is refused.
+    # Without a free descriptor the daemon cannot read the settings and refuses the call.
     refused = sum(call.result[0] == 1160003 for call in calls)
     assert refused + sum(call.result[0] == -1 for call in calls) == count
     figure(
@@ -180,7 +181,7 @@ def test_a_burst_of_refusals_is_answered_whole(service, callers, a_device, size,
     a_device.set("network", "default_gateway", "down")
     count = size(2_000, 10_000)
     connections = [callers() for _ in range(count // 125 + 1)]
-    # All of them are there before it looks at the first one.
+    # The daemon is stopped until all calls are in its queue.
     service.send(signal.SIGSTOP)
     calls = [connections[i // 125].start("check_server_availability") for i in range(count)]
     for connection in connections:

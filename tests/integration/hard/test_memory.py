@@ -1,9 +1,9 @@
-"""One allocation of a call gets no memory: each of them in its turn.
+"""Each allocation of a call fails in its turn.
 
-Allowed are an answer that is described, the end of the process by a library that ends it for want of memory
-(GLib, and SoftHSM as a token), and a call without an answer where the service gives none by design. A TLS library
-without a buffer may leave its transfer waiting; that is answered when the transfer's time is over. The next calls
-are as good as ever, but for one case: what libcrypto could not set up for the first call it does not try again.
+Allowed results are a described answer, the end of the process by a library that aborts when memory is short (GLib,
+and SoftHSM as a token), and no answer where the service gives none by design. A TLS library without a buffer may
+leave its transfer waiting; that call is answered when the transfer times out. The next calls succeed as before, with
+one exception: libcrypto does not repeat a failed set-up of its first use.
 """
 import collections
 import mmap
@@ -20,18 +20,18 @@ from harness.server import Reply
 
 CALL = ("confirm_purchase", "app-1", "custom-1", "invoice-1", "1")
 GOOD = (0, "{}")
-# What a service without memory may answer; more than this is no answer of it.
+# Answers that a service without memory may give; every other one is a fault.
 ANSWERS = (GOOD, (-1, ""), (-1, "{}"), NO_NETWORK, TRY_LATER)
 NO_MEMORY = "org.freedesktop.DBus.Error.NoMemory"
-# SoftHSM ends the whole process with this status.
+# Exit status with which SoftHSM ends the process.
 SOFTHSM_STATUS = 5
-# What a library says that ends the process for want of memory, and what the language does.
+# Texts with which libraries and the C++ runtime end the process when memory is short.
 ENDS = ("failed to allocate", "std::bad_alloc")
 SOON, TRANSFER_SECONDS = 3, 90
 
 
 class Refusals:
-    """The memory of one daemon, from outside."""
+    """Controls the failing allocator of one daemon from outside."""
 
     SIZE, ALL = 128, (1 << 64) - 1
 
@@ -46,25 +46,25 @@ class Refusals:
         }
 
     def refuse(self, number):
-        """The allocation of this number, from now on."""
+        """Makes the allocation of this number fail, counted from now."""
         self._page[8:] = bytes(self.SIZE - 8)
         self._page[:8] = struct.pack("Q", number)
 
     def stop(self):
-        """@return how many allocations there were since"""
+        """@return number of allocations since then"""
         self._page[:8] = bytes(8)
         return struct.unpack("Q", self._page[8:16])[0]
 
     @property
     def culprit(self):
-        """Who got no memory: program or library, and the place in it."""
+        """The program or library whose allocation failed, and the place in it."""
         (place,) = struct.unpack("Q", self._page[16:24])
         library = self._page[24:].split(b"\0")[0].decode()
         return f"{pathlib.Path(library).name}+{place:#x}"
 
 
 class Torture:
-    """Calls of one kind, each with another allocation refused."""
+    """Calls of one kind, each with a different allocation refused."""
 
     def __init__(self, start, caller, refusals, *, fresh):
         self._start, self._caller, self._refusals, self._fresh = start, caller, refusals, fresh
@@ -74,7 +74,7 @@ class Torture:
         self.faults = []
 
     def serve(self):
-        """A daemon that has had one good call, or none where that is what is to be tried."""
+        """A daemon after one successful call, or a fresh one where its first call is tested."""
         if self._service is not None and self._service.is_running():
             if not self._fresh:
                 return
@@ -85,7 +85,7 @@ class Torture:
             assert self._caller.call(*CALL) == GOOD
 
     def count(self):
-        """How many allocations one call makes."""
+        """Number of allocations of one call."""
         self.serve()
         self._refusals.refuse(Refusals.ALL)
         assert self._caller.call(*CALL) == GOOD
@@ -105,7 +105,7 @@ class Torture:
             self.faults.append(f"{number}: {self._refusals.culprit}: {call.result or call.error}; {self.ending() or 'it runs'}")
 
     def outcome(self, call):
-        """What came of it, None where that is a fault."""
+        """The outcome of a call; None for a fault."""
         if not call.done:
             self._waiting.append((call, self._service, self._refusals.culprit))
             return "waiting" if self.is_good_again() else None
@@ -120,7 +120,7 @@ class Torture:
         return None
 
     def lasting(self):
-        """libcrypto remembers for the life of the process that it has no such algorithm."""
+        """libcrypto remembers for the life of the process that an algorithm is missing."""
         at_fault = self._fresh and "libcrypto" in self._refusals.culprit and self._service.is_running()
         return "answered, and libcrypto stays without an algorithm" if at_fault else None
 
@@ -129,7 +129,9 @@ class Torture:
         return None if ending is None or "fault" in ending else ending
 
     def is_good_again(self):
-        """The calls after it. The first may meet a connection that is dead: it is not sent twice."""
+        """Checks that the service works after the call. The first of two calls may use a broken connection, and is not
+        sent twice.
+        """
         for _ in range(2):
             call = self._caller.start(*CALL, timeout=20)
             self._caller.finish([call])
@@ -138,8 +140,9 @@ class Torture:
         return False
 
     def settle(self):
-        """Waits for the calls that have no answer yet: their transfers end in time. None comes where
-        the service itself had no memory for the answer."""
+        """Waits for the calls without an answer, whose transfers time out. There is no answer where the service itself
+        had no memory for it.
+        """
         self._caller.finish([call for call, _, _ in self._waiting])
         for call, service, culprit in self._waiting:
             if call.result == (-1, ""):
@@ -159,7 +162,7 @@ class Torture:
             time.sleep(0.0005)
 
     def ending(self):
-        """How the process has ended; None when it runs."""
+        """The way in which the process has ended; None while it runs."""
         if self._service.is_running() and not self._is_gone():
             return None
         status = self._service.wait(30)
@@ -178,7 +181,7 @@ class Torture:
         return self._caller.owner() is None
 
 
-# Every how many allocations, in the short form and in the long one.
+# Step between the refused allocations, in the short form and in the long one.
 KINDS = {"a kept connection": (3, 1), "a new connection": (9, 1), "the first call": (60, 8)}
 
 

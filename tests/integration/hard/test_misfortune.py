@@ -1,4 +1,4 @@
-"""What happens to the daemon's surroundings while it works."""
+"""Changes in the daemon's environment while it works."""
 import os
 import pathlib
 import random
@@ -25,7 +25,7 @@ def test_the_end_of_the_bus_ends_the_daemon_cleanly(needs_view, tmp_path, a_devi
         process = daemon.Daemon(folder, bus.address, a_device)
         request.node.daemons = [process]
         caller = message_bus.Caller(bus.address)
-        # It is not our own end.
+        # The end of the bus must not end the test's own process.
         caller.connection.set_exit_on_close(False)
         process.wait_for_name(caller)
         calls = [caller.start("check_server_availability") for _ in range(number % 5)]
@@ -81,7 +81,7 @@ def test_a_new_ca_bundle_counts_for_new_connections(service, caller, store, a_de
     assert caller.call("check_server_availability") == (0, "{}")
     a_device.ca_file.write_bytes(certificates.Authority().pem)
     store.answer.keep = False
-    # The connection that was kept was made with the old one.
+    # The kept connection was opened with the old bundle; this call closes it.
     caller.call("check_server_availability")
     store.answer.keep = True
     assert caller.call("check_server_availability") == (-1, "")
@@ -90,7 +90,7 @@ def test_a_new_ca_bundle_counts_for_new_connections(service, caller, store, a_de
 
 
 def test_no_core_and_no_neighbour_sees_its_memory(service):
-    """What the kernel shows of a process that may not be dumped belongs to root."""
+    """The files of a process in /proc belong to root when it may not be dumped."""
     status = pathlib.Path(f"/proc/{service.pid}/status")
     assert status.exists()
     assert os.stat(f"/proc/{service.pid}/mem").st_uid == 0
@@ -100,7 +100,7 @@ def test_no_core_and_no_neighbour_sees_its_memory(service):
 
 
 class Fuzz:
-    """Messages that no client sends, the same ones for the same seed."""
+    """Messages that no regular client sends. The same seed makes the same messages."""
 
     TYPES = ["s", "i", "u", "b", "d", "as", "a{sv}", "(ss)", "v", "ay", "o"]
     VALUES = {
@@ -166,7 +166,7 @@ def test_messages_that_no_client_sends_harm_nobody(service, callers, store, size
     for number in range(count):
         fuzz.send(connection)
         if number % 100 == 99:
-            # Every second one goes without waiting for anything.
+            # Half of the connections close without a flush.
             if fuzz.draw.random() < 0.5:
                 connection.flush_sync(None)
             connection.close_sync(None)

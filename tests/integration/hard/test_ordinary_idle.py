@@ -1,13 +1,13 @@
-"""Servers with the idle limits of their packages: the pauses last as long as those."""
+"""Servers with the idle limits of their packages, and pauses as long as those limits."""
 import heapq
 import time
 
 from harness import books, load, ordinary
 from harness.load import product_list, purchase
 
-# Around a limit, in seconds.
+# Offsets of the pauses from a limit, in seconds.
 PAUSES = (-0.5, 0, 0.5)
-# What the short form waits for.
+# The short form tests servers with a limit up to this, in seconds.
 A_SHORT_LIMIT = 5
 
 
@@ -30,7 +30,7 @@ def test_pauses_around_the_default_idle_limits_fail_no_call(service, caller, a_d
         return load.run(caller, [purchase(each), product_list(each)])
 
     outcome = load.Outcome([], [], 0)
-    # Pauses under way, of all servers at the same time: the end, the server, how many it has had.
+    # Heap of pauses of all servers at the same time: end of the pause, server, number of its pauses so far.
     waiting = [(0, number, 0) for number in range(len(servers))]
     while waiting:
         due, number, pause = heapq.heappop(waiting)

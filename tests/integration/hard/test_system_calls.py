@@ -1,5 +1,6 @@
-"""A system call fails in the middle of a call: the caller is answered, or the process ends and its manager
-starts it again. Each kind fails in its first and second use by each thread, and more in the long form."""
+"""A system call fails during a call: the caller is answered, or the process ends and its manager starts it again. Each
+kind fails in its first two uses by each thread, and in more uses in the long form.
+"""
 import collections
 import signal
 import subprocess
@@ -13,8 +14,8 @@ from harness.server import Reply
 CALL = ("confirm_purchase", "app-1", "custom-1", "invoice-1", "1")
 GOOD = (0, "{}")
 ANSWERS = (GOOD, (-1, ""), (-1, "{}"), NO_NETWORK, TRY_LATER)
-# What a descriptor, the network, the memory or a signal can do to each; a write to a pipe of one's own or to an
-# event counter cannot fail otherwise. "?" is for the kernels of other machines, which do not have them all.
+# Errors of each system call that descriptors, network, memory or a signal can cause; writing to the process's own pipe
+# or event counter has no other errors. "?" is for machines whose kernel lacks the call.
 FAILURES = {
     "openat": "EMFILE EIO",
     "read": "EIO EINTR",
@@ -38,16 +39,16 @@ FAILURES = {
     "mprotect": "ENOMEM EACCES",
     "futex": "EINTR EAGAIN",
 }
-# These are made by a daemon's first call alone.
+# Only the first call of a daemon makes these.
 FIRST = ("mprotect",)
-# From one call to the end of its transfer's time.
+# Seconds from a call to the time-out of its transfer.
 LONGEST_SECONDS = 120
-# What the run time says that ends the process.
+# Texts with which a library ends the process.
 SAID = ("GLib-ERROR", "GLib-GIO-ERROR", "failed to allocate")
 
 
 class Tracer:
-    """strace at a running process, and one failure that it makes."""
+    """strace, attached to a running process to inject one failure."""
 
     def __init__(self, process, calls, error, when, file):
         self._file = file
@@ -78,7 +79,7 @@ class Tracer:
         try:
             self._strace.communicate(timeout=3)
         except subprocess.TimeoutExpired:
-            # It may wait for ever for the last thread of a process that has just ended.
+            # strace may wait for ever for the last thread of a process that has just ended.
             self._strace.kill()
             self._strace.communicate()
 
@@ -88,7 +89,7 @@ class Tracer:
 
 @pytest.fixture
 def tracer(tmp_path):
-    """A function that makes one; whatever happens, none stays behind."""
+    """A function that attaches a tracer; all tracers are detached at the end of the test."""
     made = []
 
     def make(*arguments):
@@ -110,7 +111,7 @@ def wait(call, seconds):
 
 
 def is_good(caller):
-    """One of two calls. The first may meet a connection that is dead: it is not sent twice."""
+    """Checks that the service answers. The first of two calls may use a broken connection, and is not sent twice."""
     calls = [caller.start(*CALL, timeout=20)]
     caller.finish(calls)
     if calls[0].result != GOOD:
@@ -120,7 +121,7 @@ def is_good(caller):
 
 
 def ending(service):
-    """What is wrong with the end of the process; None for one that is allowed."""
+    """Describes an end of the process that is a fault; None for an allowed one."""
     status = service.wait(30)
     if status == 0 or (status in (-signal.SIGABRT, -signal.SIGTRAP) and any(text in service.log_text() for text in SAID)):
         return None
@@ -128,7 +129,7 @@ def ending(service):
 
 
 def outcome(service, caller, call):
-    """@return what came of it, and whether that is a fault"""
+    """@return outcome of the call, and whether it is a fault"""
     wait(call, 5)
     if not call.done:
         return "waiting", not is_good(caller)
