@@ -1,4 +1,4 @@
-"""A file of tests of which some were skipped counts as skipped, never as passed."""
+"""Skipped tests make their file count as skipped instead of passed."""
 SKIPPED = 77
 
 

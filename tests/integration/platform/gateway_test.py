@@ -1,4 +1,4 @@
-"""The default gateway as the kernel's routing tables have it, and its changes, in network namespaces of our own."""
+"""The default gateway by the kernel's routing tables, and its changes, in network namespaces of the test."""
 import os
 import subprocess
 
@@ -6,7 +6,7 @@ import pytest
 
 PROBE = os.environ["PLATFORM_PROBE"]
 NAMESPACE = ["unshare", "--net"] + ([] if os.geteuid() == 0 else ["--map-root-user"])
-# Two devices joined by a cable, both plugged in.
+# A veth pair: two connected network devices, both up.
 CABLE = """
 ip link set lo up
 ip link add v0 type veth peer name v1
@@ -16,7 +16,7 @@ ip addr add 10.9.0.2/24 dev v0
 ip -6 addr add fd09::2/64 dev v0 nodad
 """
 
-# Without addresses that the kernel makes by itself, some seconds later.
+# Without the addresses that the kernel adds by itself some seconds later.
 QUIET_CABLE = "".join(
     f"ip link set {line.split()[3]} addrgenmode none\n{line}" if line.endswith(" up\n") else line
     for line in CABLE.splitlines(keepends=True)
@@ -30,7 +30,9 @@ def settings(tmp_path, rule):
 
 
 def gateway(tmp_path, commands, rule="default_gateway=auto"):
-    """Return value and answer after the commands, in a namespace of its own."""
+    """Runs the commands in a network namespace.
+    @return return value and answer of the platform there
+    """
     if subprocess.run(NAMESPACE + ["true"], capture_output=True, check=False).returncode != 0:
         pytest.skip("no network namespace can be had here (needs root or user namespaces)")
     done = subprocess.run(
@@ -103,7 +105,7 @@ def test_the_settings_may_say_otherwise(tmp_path):
 
 
 def test_a_process_without_a_free_descriptor_gets_an_error_number(tmp_path):
-    # A search for leaks at the end would need descriptors.
+    # A leak check at the end would need descriptors.
     env = {**settings(tmp_path, "default_gateway=auto"), "ASAN_OPTIONS": "detect_leaks=0"}
     done = subprocess.run([PROBE, "starved"], env=env, stdout=subprocess.PIPE, timeout=60, check=True)
     assert done.stdout == b"24 0\n"
@@ -117,7 +119,9 @@ def test_many_routes_take_several_messages(tmp_path):
 
 
 def changes(tmp_path, before, commands):
-    """For each command, run in a namespace of its own, whether the network has changed with it."""
+    """Runs the commands in a network namespace.
+    @return for each one whether the platform reported a change of the network
+    """
     if subprocess.run(NAMESPACE + ["true"], capture_output=True, check=False).returncode != 0:
         pytest.skip("no network namespace can be had here (needs root or user namespaces)")
     script = f'{before}\ncoproc PROBE {{ "$0" changes; }}\nread -u "${{PROBE[0]}}" line\n' + "".join(

@@ -1,7 +1,7 @@
-"""Plays the journal for one program: run it in a mount namespace of its own.
+"""Acts as the journal for one program; runs in a mount namespace of its own.
 
 usage: journal_receiver.py PROGRAM [ARGUMENT ...]
-Prints the entries that the program sent, as a list of objects. SIGTERM is handed on to it.
+Prints the entries that the program sent, as a list of objects. Forwards SIGTERM to the program.
 """
 import json
 import os
@@ -30,7 +30,7 @@ def main():
     entries = []
     journal.settimeout(0.2)
     while True:
-        # What was sent before the program ended is there by now.
+        # Entries that were sent before the program ended have arrived at this point.
         ended = program.poll() is not None
         try:
             lines = journal.recv(1 << 20).decode().splitlines()

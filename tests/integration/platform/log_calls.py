@@ -1,11 +1,12 @@
-"""The calls of the platform log in C++ sources, and the whole format of each one.
+"""Finds the calls of the platform log in C++ sources, with the whole format of each.
 
-Macros are followed through all sources: what a macro puts around a format, and which of its arguments the format is.
+Macros are followed through all sources: the text that a macro adds around a format, and the position of the format
+among its arguments.
 """
 import ast
 import re
 
-# The one function that everything is logged with, and the place of its format.
+# The function behind every log call, and the index of its format argument.
 FUNCTION, PLACE = "__dlog_print", 2
 DEFINE = re.compile(r"^[ \t]*#[ \t]*define[ \t]+(\w+)(?:\(([^)]*)\))?((?:[^\n]*\\\n)*[^\n]*)", re.M)
 STRING = r'"(?:\\.|[^"\\\n])*"'
@@ -19,12 +20,12 @@ def text_of(literal):
 
 
 def without_comments(source):
-    """The source with as many lines."""
+    """The source without comments; line numbers stay."""
     return COMMENT.sub(lambda found: found[1] or "\n" * found[0].count("\n") or " ", source)
 
 
 def arguments(source, start):
-    """The arguments of a call as lists of tokens, from behind its opening bracket."""
+    """The arguments of a call as lists of tokens, starting after its opening bracket."""
     found, depth = [[]], 0
     for token in TOKEN.finditer(source, start):
         piece = token[0]
@@ -39,7 +40,7 @@ def arguments(source, start):
 
 
 class Macros:
-    """What the macros of some sources make of a format."""
+    """The logging macros of some sources, and the text that each adds to a format."""
 
     def __init__(self, sources):
         defines = [found.groups() for source in sources for found in DEFINE.finditer(without_comments(source))]
@@ -48,7 +49,7 @@ class Macros:
             tokens = [token for token in TOKEN.findall(body) if not token.isspace() and token != "\\"]
             if parameters is None and tokens and all(LITERAL.fullmatch(token) for token in tokens):
                 self.strings[name] = "".join(map(text_of, tokens))
-        # Each name that logs: {(place of the format among the arguments, text before it, text behind it)}
+        # Each name that logs: {(index of the format argument, text before it, text after it)}
         self.names = {FUNCTION: {(PLACE, "", "")}}
         before = None
         while before != (before := {name: set(forms) for name, forms in self.names.items()}):
@@ -62,12 +63,13 @@ class Macros:
                     self.names.setdefault(name, set()).add((parameters.index(slot), text, rest))
 
     def found(self, source):
-        """Each place where a name that logs stands."""
+        """Each occurrence of a name that logs."""
         return re.finditer(rf"\b({'|'.join(self.names)})\b(\s*\()?", source)
 
     def formats(self, source, call, parameters):
-        """(text, parameter, text behind it) of a call's format; the parameter is None in a format that is complete.
-        (None, None, tokens) where the format cannot be read from the source."""
+        """Yields (text, parameter, text after it) for a call's format; the parameter is None in a complete format.
+        Yields (None, None, tokens) for a format that the source does not contain.
+        """
         given = arguments(source, call.end())
         for place, before, behind in self.names[call[1]]:
             tokens = given[place] if place < len(given) else []
@@ -90,7 +92,7 @@ class Macros:
                 yield text, slot, rest
 
     def messages(self, source):
-        """(line, format, what is wrong) of each message that a source logs; one of the last two is None."""
+        """Yields (line, format, error) for each message that a source logs; one of the last two is None."""
         source = without_comments(source)
         defines = [(found.span(), split(found[2])) for found in DEFINE.finditer(source)]
         for call in self.found(source):

@@ -1,7 +1,7 @@
-"""Every message that prints a text is classified: each of its arguments is known to be public or private.
+"""Every message that prints a text is classified: each of its arguments is public or private.
 
-Reads the sources of everything that is installed, and the tables beside the log. At run time the texts of a message
-that is not in the table are hidden (log_format_test.cpp, log_test.py).
+Reads the sources of all installed programs, and the tables beside the log. At run time the log hides the texts of a
+message that is not in the table (log_format_test.cpp, log_test.py).
 """
 import os
 import pathlib
@@ -15,11 +15,11 @@ FOLDERS = ("client", "platform", "service")
 TABLES = {"MESSAGE": "log_private.inc", "FIELDS": "log_fields.inc", "STEP": "log_steps.inc"}
 TEXT = r'"(?:\\.|[^"\\])*"'
 CONVERSION = re.compile(r"%(?:%|[-+ #0]*(?:\d+|\*)?(?:\.(?:\d+|\*))?(?:hh|h|ll|l|z|j|t|L)?([a-zA-Z]))")
-# What the log writes; any other conversion would stand in the record as it is.
+# Conversions that the log supports; it prints any other one unchanged.
 WRITTEN = re.compile(r"%(?:%|[sp]|(?:l|ll|z)?[dux])")
 ORIGIN = "%s: %s(%d) > "
 COLOURS = ["\033[0;33m", "\033[0;31m", "\033[0;m"]
-# Of the files that the samples below need.
+# The file with the macros that the samples below use.
 MACROS = ROOT / "service/common/common/BillingLog.h"
 
 
@@ -53,7 +53,7 @@ def sources():
 
 
 def messages(given):
-    """(place, text, what is wrong) of each message of the sources; one of the last two is None."""
+    """(place, text, error) of each message in the sources; one of the last two is None."""
     macros = Macros(given.values())
     for path, source in given.items():
         for line, text, wrong in macros.messages(source):
@@ -100,7 +100,7 @@ def test_the_tables_give_each_conversion_its_part():
 
 
 def test_a_text_without_words_stands_at_one_place():
-    """Its row would make the values of any other message of this text public."""
+    """A row for it would make the values of every other message with this text public."""
     logged = [text for _, text, _ in messages(sources())]
     wordless = [text for text, _ in rows("MESSAGE") if not re.search("[A-Za-z]", CONVERSION.sub("", text))]
     assert {text: logged.count(text) for text in wordless} == dict.fromkeys(wordless, 1)

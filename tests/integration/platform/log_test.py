@@ -1,5 +1,4 @@
-"""The Linux backend's log as it comes out of a process: levels, private values, terminal, journal,
-and what happens when nobody can take it."""
+"""Output of the Linux backend's log: levels, private values, terminal, journal, and a log that cannot be written."""
 import json
 import os
 import pty
@@ -136,7 +135,7 @@ def test_a_journal_stream_of_another_file_is_not_believed():
 
 
 def journal_entries(*arguments, **variables):
-    """What arrives at a journal's socket, in a mount namespace of its own."""
+    """The records at a journal's socket, in a mount namespace."""
     namespace = ["unshare", "--mount"] + ([] if os.geteuid() == 0 else ["--map-root-user"])
     if subprocess.run(namespace + ["true"], capture_output=True, check=False).returncode != 0:
         pytest.skip("no mount namespace can be had here (needs root or user namespaces)")

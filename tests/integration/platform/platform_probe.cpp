@@ -94,7 +94,7 @@ int logFields()
 
 int showProcess()
 {
-    // The loop's functions are not called, but they are part of what is linked.
+    // The functions for the main loop are linked but not called.
     platform_process_start();
     for (char** variable = environ; *variable != nullptr; variable++)
         puts(*variable);

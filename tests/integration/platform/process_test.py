@@ -1,4 +1,4 @@
-"""What the start of the process leaves of its environment, signals and descriptors."""
+"""Environment, signals and descriptors after the start of the process."""
 import os
 import shutil
 import subprocess
@@ -6,7 +6,7 @@ import subprocess
 import pytest
 
 PROBE = os.environ["PLATFORM_PROBE"]
-# Where the program's libraries are, in a build folder.
+# Variables that locate the program's libraries in a build folder or configure a sanitizer.
 LOADER = {k: v for k, v in os.environ.items() if k.startswith(("LD_", "ASAN", "LSAN", "TSAN"))}
 STEERING = [
     "https_proxy",
@@ -84,7 +84,7 @@ def test_the_soft_limit_of_descriptors_is_raised_to_the_hard_one():
 def test_threads_without_a_stack_size_get_a_small_one():
     _, facts = started()
     (stack,) = (int(fact.split()[1]) for fact in facts if fact.startswith("stack "))
-    # And what libraries keep for each thread, of which a sanitizer's runtime has more.
+    # The size includes memory that libraries keep for each thread; the runtime of a sanitizer has more of it.
     assert 256 << 10 <= stack < 4 << 20
 
 
@@ -94,7 +94,7 @@ def test_a_traced_program_stays_open_to_its_tracer(tmp_path):
     command = ["strace", "-o", str(tmp_path / "trace"), PROBE, "process"]
     if subprocess.run(["strace", "-o", "/dev/null", "true"], check=False, capture_output=True).returncode != 0:
         pytest.skip("tracing is not allowed here")
-    # The search for leaks traces the program itself.
+    # The leak check traces the program itself, so it cannot run under strace.
     _, facts = started(command, ASAN_OPTIONS="detect_leaks=0")
     assert "dumpable 1" in facts
 
