@@ -1,5 +1,6 @@
-"""The lab's page in a real browser, as its tests use it. Pictures of it go to $DASHBOARD_PICTURES, or to the test's
-folder."""
+"""The lab's page in a real browser, for its tests. Screenshots are saved in $DASHBOARD_PICTURES, or in the test's
+folder.
+"""
 import os
 import pathlib
 import shutil
@@ -28,7 +29,7 @@ WIDE, NARROW = (1280, 1500), (390, 1500)
 
 @pytest.fixture(scope="session")
 def browser_of_the_run(tmp_path_factory):
-    """One browser for all tests."""
+    """One browser for all tests of the run."""
     options = webdriver.ChromeOptions()
     options.binary_location = CHROMIUM
     home = tmp_path_factory.mktemp("browser")
@@ -55,7 +56,7 @@ class Page:
 
     def open(self, size=WIDE):
         self.driver.set_window_size(*size)
-        # Another address of the same page would not load it again.
+        # The browser would not reload the page for another fragment of the same address.
         self.driver.get("about:blank")
         self.driver.get(self.lab.info["control"]["dashboard"])
         self.wait(lambda: self.text("#link") == "live")
@@ -92,11 +93,11 @@ class Page:
         return self.text("#call .answer p"), self.text("#call .daemon")
 
     def rows(self):
-        """What stands in the rows that can be seen."""
+        """Texts of the visible rows."""
         return self.driver.execute_script("return [...document.querySelectorAll('.row')].map(row => row.textContent)")
 
     def selected(self):
-        """The places of the chosen rows among those that can be seen."""
+        """Indexes of the selected rows among the visible ones."""
         return self.driver.execute_script(
             "return [...document.querySelectorAll('.row')].flatMap("
             "(row, at) => row.getAttribute('aria-selected') === 'true' ? [at] : [])"
@@ -117,7 +118,7 @@ def page(request, lab, tmp_path):
     opened = Page(driver, lab, pictures)
     yield opened
     assert opened.complaints() == []
-    # A page of the next test remembers nothing of this one.
+    # Clears the page's storage, so that the next test starts without state.
     if driver.current_url.startswith("http"):
         driver.execute_script("sessionStorage.clear()")
     driver.execute_cdp_cmd("Emulation.setEmulatedMedia", {"features": []})

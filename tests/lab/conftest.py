@@ -1,4 +1,4 @@
-"""A store server in this process with its clients, and whole labs."""
+"""A store server in the test's process with its clients, and whole labs."""
 import asyncio
 import contextlib
 import http.client
@@ -66,7 +66,7 @@ class RunningStore:
             self.told.append(entry)
 
     def do(self, function, *arguments, **options):
-        """Calls a function in the store's thread."""
+        """Calls a function in the server's thread."""
 
         async def called():
             return function(*arguments, **options)
@@ -80,7 +80,7 @@ class RunningStore:
 
 
 class Client:
-    """One connection of a program that sends what the daemon sends."""
+    """One connection of a client that sends the same bytes as the daemon."""
 
     def __init__(self, store, context, session=None):
         raw = socket.create_connection(("127.0.0.1", store.port), timeout=20)
@@ -88,14 +88,18 @@ class Client:
         self._store = store
 
     def send(self, raw):
-        """These bytes. @return status and body, as bytes"""
+        """Sends these bytes.
+        @return status and body, as bytes
+        """
         self.tls.sendall(raw)
         response = http.client.HTTPResponse(self.tls)
         response.begin()
         return response.status, response.read()
 
     def request(self, endpoint, **values):
-        """A request as it should be, with some values changed. @return status and JSON"""
+        """Sends a correct request with some values changed.
+        @return status and JSON
+        """
         status, body = self.send(request(endpoint, self._store.device, **values))
         return status, json.loads(body)
 
@@ -104,7 +108,7 @@ class Client:
 
 
 def request(endpoint, device, appid="app-1", checkvalue="", invoice="INV-SEED-2", custom="me", page="pagesize=20&startidx=1"):
-    """The bytes that the daemon sends for an endpoint."""
+    """The bytes that the daemon sends to an endpoint."""
     country, guid, uid = device["country"], device["guid"], device["uid"]
     paths = {
         "country": f"GET /billing/service/v2/country?storeid=1&storeprodcode=1&guid={uid}&uid={uid}"
@@ -169,11 +173,11 @@ def store(tmp_path, certificates):
 
 @pytest.fixture
 def device_context(store):
-    """TLS as the device does it."""
+    """TLS settings of the device."""
     context = ssl.create_default_context(cafile=store.folder / "ca.pem")
     context.load_cert_chain(store.folder / "client.pem")
     context.maximum_version = ssl.TLSVersion.TLSv1_2
-    # An end that is none in TLS is told apart from one that is.
+    # Reports a connection that ends without TLS's close alert as an error.
     context.options &= ~ssl.OP_IGNORE_UNEXPECTED_EOF
     return context
 
@@ -205,7 +209,7 @@ NO_VIEW = view.why_no_view()
 
 @pytest.fixture(scope="session")
 def needs_view():
-    """The test's daemon must see a /opt of its own."""
+    """Skips where the test's daemon cannot have its own view of /opt."""
     if NO_VIEW is not None:
         pytest.skip(NO_VIEW)
 
@@ -217,7 +221,7 @@ def lab(needs_view, billing_lab):
 
 @pytest.fixture
 def cli(tmp_path):
-    """A function that runs the command, with a folder of the test's for everything that it may write."""
+    """A function that runs the command; everything that it writes goes to a folder of the test."""
     home = tmp_path / "home"
     home.mkdir()
     environment = {

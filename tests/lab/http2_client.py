@@ -1,4 +1,4 @@
-"""A client that speaks HTTP/2 to the store, one frame at a time."""
+"""A client that speaks HTTP/2 to the store, frame by frame."""
 import contextlib
 import dataclasses
 import socket
@@ -14,7 +14,9 @@ from conftest import HOST, request
 
 
 def request_headers(endpoint, device, **values):
-    """The daemon's request in HTTP/2. @return its headers and its body"""
+    """The daemon's request in HTTP/2 form.
+    @return its headers and its body
+    """
     head, _, body = request(endpoint, device, **values).partition(b"\r\n\r\n")
     line, *others = head.decode().split("\r\n")
     method, path, _ = line.split(" ")
@@ -25,13 +27,13 @@ def request_headers(endpoint, device, **values):
 
 @dataclasses.dataclass
 class Answer:
-    """What has come of one stream."""
+    """The answer received on one stream."""
 
     status: int | None = None
     headers: dict = dataclasses.field(default_factory=dict)
     body: bytes = b""
     whole: bool = False
-    # Did the end stand in the last frame of the body?
+    # True if the last frame of the body carried the end of the stream.
     end_in_body: bool = False
     reset: int | None = None
 
@@ -39,7 +41,7 @@ class Answer:
 class Http2Client:
     """One connection.
 
-    @param window of each stream and the connection, in bytes; what comes is acknowledged by `allow`
+    @param window size for each stream and for the connection, in bytes; `allow` acknowledges received data
     """
 
     def __init__(self, store, context, window=None, session=None):
@@ -51,7 +53,7 @@ class Http2Client:
         self._manual = window is not None
         self.h2 = h2.connection.H2Connection(h2.config.H2Configuration(header_encoding="utf-8"))
         self.answers, self.away, self.end = {}, None, None
-        # hyper-h2 would take nothing more after a GOAWAY.
+        # hyper-h2 would refuse every frame after a GOAWAY.
         self.h2._frame_dispatch_table[GoAwayFrame] = self._gone_away
         self.h2.initiate_connection()
         if window is not None:
@@ -63,12 +65,14 @@ class Http2Client:
         return [], []
 
     def flush(self):
-        # What the store has ended is seen by the next read.
+        # The next read reports a connection that the store has closed.
         with contextlib.suppress(OSError):
             self.tls.sendall(self.h2.data_to_send())
 
     def start(self, endpoint, **values):
-        """Begins a request as it should be. @return the number of its stream"""
+        """Begins a correct request.
+        @return the number of its stream
+        """
         headers, body = request_headers(endpoint, self._store.device, **values)
         return self.send(headers, body)
 
@@ -82,7 +86,9 @@ class Http2Client:
         return number
 
     def ask(self, endpoint, **values):
-        """@return the answer to a request, when it is finished"""
+        """Sends a request and waits for its end.
+        @return the answer
+        """
         return self.finish(self.start(endpoint, **values))
 
     def finish(self, number):
@@ -93,7 +99,9 @@ class Http2Client:
         return answer
 
     def until_end(self):
-        """Reads until the connection ends. @return how: "" for an end with TLS's notice"""
+        """Reads until the connection ends.
+        @return the error; "" for an end with TLS's close alert
+        """
         while self.end is None:
             self.read()
         return self.end
@@ -130,7 +138,7 @@ class Http2Client:
                 answer.reset = event.error_code
 
     def allow(self, number, count):
-        """Room for so many more bytes, for a stream and the connection."""
+        """Enlarges the windows of a stream and of the connection by that many bytes."""
         self.h2.increment_flow_control_window(count, number)
         self.h2.increment_flow_control_window(count)
         self.flush()

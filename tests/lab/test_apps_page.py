@@ -1,4 +1,4 @@
-"""The programs of docs/APPS.md, run as they stand there, and what the page says of arguments."""
+"""The programs of docs/APPS.md, run unchanged, and the page's statements about arguments."""
 import json
 import os
 import pathlib
@@ -15,7 +15,7 @@ from conftest import LAB
 
 PAGE = (LAB.parent / "docs" / "APPS.md").read_text(encoding="utf-8")
 PROGRAMS = dict(re.findall(r"```(python|c|cpp|javascript)\n(.*?)```", PAGE, re.DOTALL))
-# Where npm puts dbus-next; no package of Debian has it.
+# Folders in which npm installs dbus-next; Debian has no package of it.
 MODULES = [*os.environ.get("NODE_PATH", "").split(os.pathsep), str(pathlib.Path(__file__).with_name("node") / "node_modules")]
 
 pytestmark = pytest.mark.usefixtures("needs_view")
@@ -37,7 +37,7 @@ def built(folder, language, compiler, library):
 
 @pytest.fixture(scope="module", params=["python", "c", "cpp", "javascript"])
 def program(request, tmp_path_factory):
-    """The command of a program of the page."""
+    """The command that runs a program of the page."""
     folder = tmp_path_factory.mktemp(request.param)
     if request.param == "c":
         return built(folder, "c", ["cc"], "gio-2.0")

@@ -6,7 +6,7 @@ from billing_lab.bus import Caller
 
 
 def calls(lab, count):
-    """The calls, once the last of so many is answered."""
+    """The calls in the journal, after that many have been answered."""
     end = time.monotonic() + 20
     while len(found := lab.calls()) < count or not all("milliseconds" in call for call in found):
         assert time.monotonic() < end, found

@@ -1,4 +1,4 @@
-"""The five methods in front of the lab's store: the real daemon, bus and token."""
+"""The five methods with the lab's store: the real daemon, bus and token."""
 import json
 import time
 
@@ -16,14 +16,14 @@ METHODS = {
 
 
 def called(lab, method, **values):
-    """The store's JSON, of a call that went well."""
+    """The store's JSON for a call that must succeed."""
     result, text = lab.call(method, **values)
     assert result == 0, text
     return json.loads(text)
 
 
 def wait_for_ends(lab, count=1):
-    """The entries of the journal, when so many are finished."""
+    """The entries of the journal, after that many have ended."""
     end = time.monotonic() + 20
     while True:
         entries = lab.journal()
@@ -50,7 +50,7 @@ def test_a_purchase_goes_its_way_through_the_five_methods(lab):
 
 
 def test_every_request_of_the_daemon_is_exact_and_presents_the_device(lab):
-    # What `reset` ended is found out and replaced.
+    # The connections that `reset` has closed are detected and replaced by this call.
     lab.call("check_server_availability")
     first = len(lab.journal())
     for method in METHODS:
@@ -61,12 +61,12 @@ def test_every_request_of_the_daemon_is_exact_and_presents_the_device(lab):
     assert [entry["differences"] for entry in entries] == [[]] * 5
     assert {entry["certificate"]["subject"] for entry in entries} == {"CN=Billing lab device"}
     assert [entry["protocol"] for entry in entries] == ["HTTP/2"] * 3 + ["HTTP/1.1"] * 2
-    # Questions share a connection; each payment has its own.
+    # GET requests share a connection; each POST has its own.
     connections = [entry["connection"] for entry in entries]
     assert len(set(connections)) == 3 and len(set(connections[:3])) == 1
 
 
-# What the caller gets for each fault: the result, and what its text must be, of the store's own body.
+# The caller's answer for each fault: its result, and a check of its text against the store's own body.
 SEEN = {
     "status": ({"code": 503}, 0, lambda text, body: json.loads(text)["code"] == "fault"),
     "malformed": ({}, 0, lambda text, body: body.startswith(text) and text != body),
@@ -79,7 +79,7 @@ SEEN = {
     "huge": ({"mib": 40}, -1, lambda text, body: set(text) <= {"x"}),
     "goaway": ({}, -1, lambda text, body: text == ""),
 }
-# A question whose connection ends with its fault is asked once more, and is answered then.
+# A GET whose connection ends with its fault is sent once more and then succeeds.
 ASKED_AGAIN = [("hang", "get_product_list")]
 
 
@@ -132,7 +132,7 @@ def test_a_payment_whose_connection_is_reset_reaches_the_store_once(lab):
     lab.fault("reset", endpoint="confirm", done=True)
     assert lab.call("confirm_purchase", invoiceid="INV-SEED-2") == (-1, "")
     assert [entry["endpoint"] for entry in wait_for_ends(lab)] == ["country", "confirm"]
-    # The store did its work; only the answer was lost.
+    # The store has done the work; only the answer was lost.
     lab.clear_faults()
     assert "confirmed" in called(lab, "get_purchase_history")["invoices"][0]
 
@@ -147,7 +147,7 @@ def test_a_hanging_answer_ends_when_the_fault_is_cleared(lab):
 
 
 def keep_a_connection(lab):
-    """The daemon has a connection for questions that was used a moment ago."""
+    """Makes the daemon keep a recently used connection for GET requests."""
     lab.call("check_server_availability")
     lab.call("check_server_availability")
 
@@ -232,7 +232,7 @@ def test_the_device_s_switches_take_effect_at_the_next_call(lab):
     assert said("signed-in", "second@example.org", "get_purchase_history")[1]["total"] == 0
     said("server", "sandbox", "check_server_availability")
     assert lab.journal()[-1]["url"].startswith(lab.info["store"]["sandbox"])
-    # Each of them was exactly what the device had to send then.
+    # Each request was exactly the one that the device had to send at that moment.
     assert [entry["differences"] for entry in lab.journal()] == [[]] * len(lab.journal())
 
 
@@ -291,7 +291,7 @@ def test_settings_that_were_broken_by_hand_are_said_and_mended_by_reset(lab):
     lab.folder.settings.write_text("country=DE\n")
     with pytest.raises(LabError, match="cannot be read .*; mend it, or `billing-lab reset`"):
         lab.device()
-    # The service knows no host now, and says so without the store.
+    # Without a host the service refuses the call and does not ask the store.
     assert lab.call("check_server_availability")[0] != 0
     lab.reset()
     assert lab.device() == before

@@ -1,4 +1,4 @@
-"""The catalogue file: what is read, and what is said about one that is wrong."""
+"""The catalogue file: its content after reading, and the messages about errors."""
 import json
 import pathlib
 import time
@@ -26,7 +26,7 @@ GOOD = """{
 
 @pytest.fixture
 def problems(tmp_path):
-    """What is said about a text."""
+    """The messages about a text."""
 
     def of(text):
         file = tmp_path / "shop.json"
@@ -169,7 +169,7 @@ def test_a_title_is_told_in_the_nearest_language():
 
 
 def test_a_catalogue_of_20000_products_is_read_in_the_time_of_20000():
-    """Ten times the products take ten times the time, not a hundred times."""
+    """Ten times as many products take about ten times as long, not a hundred times."""
 
     def seconds(count):
         products = [

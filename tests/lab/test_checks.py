@@ -1,4 +1,4 @@
-"""Checks of an app: what was asked and how often, near misses, rules, and the forms of the report."""
+"""Checks of an app: which requests were made and how often, near misses, rules, and the forms of the report."""
 import json
 from xml.etree import ElementTree
 
@@ -106,7 +106,7 @@ def test_a_confirmation_needs_an_application_first():
     known = [{"id": "A", "status": "confirmed", "applied": "t"}]
     assert rules.applied_first([confirmed, applied], known, 0) == [("A was confirmed before it was applied", [1])]
     assert rules.applied_first([entry(1, "apply", "A"), entry(2, "confirm", "A")], known, 0) == []
-    # The catalogue had applied it.
+    # The invoice is applied in the catalogue already.
     assert rules.applied_first([confirmed], known, 0) == []
 
 
@@ -149,7 +149,7 @@ def test_rules_are_chosen_and_an_unknown_one_refused():
         report.make([], [], [], {"rules": ["polite"]})
 
 
-# In front of the real daemon
+# With the real daemon
 
 
 def buy_and_confirm(lab, times=1):
@@ -233,7 +233,7 @@ def test_a_scenario_sets_the_lab_and_demands(lab, tmp_path):
     assert lab.call("confirm_purchase", invoiceid=coins)[0] == 0
     assert lab.call("confirm_purchase", invoiceid=coins)[0] == -1
     assert [check["ok"] for check in lab.verify(rules=["exact"])["checks"]] == [True, True]
-    # The same, as it is.
+    # The same scenario can be used again.
     assert lab.scenario(SCENARIO)["expectations"] == 1
 
 
@@ -276,7 +276,7 @@ APP = "billing-lab call get_applied_time invoiceid=INV-SEED-2 && billing-lab cal
 
 @pytest.fixture
 def run(needs_view, cli, tmp_path):
-    """`billing-lab run` with a shell's words for an app."""
+    """A function that runs `billing-lab run` with a shell command as the app."""
 
     def ran(words, *options):
         from conftest import LAB

@@ -1,4 +1,4 @@
-"""The command: what it prints, how it ends, and what it says about wrong words."""
+"""The command: its output, its exit status, and its messages about wrong arguments."""
 import json
 import sqlite3
 import subprocess
@@ -12,7 +12,7 @@ from conftest import LAB
 
 @pytest.fixture
 def run(lab, cli):
-    """A function that runs the command on the lab that is up."""
+    """A function that runs the command on the running lab."""
 
     def command(*arguments, **more):
         return cli(*arguments, folder=lab.folder.path, **more)
@@ -26,7 +26,7 @@ def printed(answer, code=0):
 
 
 def every_command():
-    """All commands, those below `fault` too."""
+    """All commands, including those of `fault`."""
     found = [()]
     for name, parser in words.parser()._subparsers._group_actions[0].choices.items():
         found.append((name,))
@@ -304,7 +304,7 @@ def test_check_says_which_request_is_not_exact(run, lab):
     lab.call("check_server_availability")
     number = lab.journal()[0]["seq"]
     assert printed(run("check")) == f"{number:>5}  country  exact\n1 exact, 0 not\n"
-    # As a request of another program would stand there.
+    # Makes the entry look like the request of another program.
     with sqlite3.connect(lab.folder.state) as db:
         db.execute("UPDATE journal SET entry = json_set(entry, '$.differences[0]', 'no header')")
     assert printed(run("check"), 1) == (f"{number:>5}  country  NOT EXACT\n         no header\n0 exact, 1 not\n")
@@ -350,7 +350,7 @@ def test_a_reader_that_has_enough_is_no_failure(lab, cli):
 
 @pytest.fixture
 def build(tmp_path):
-    """A build that has a billingctl which shows where it runs."""
+    """A build with a billingctl that prints where it runs."""
     made = tmp_path / "build"
     for name, text in (
         ("service/billing-service", "exit 0"),

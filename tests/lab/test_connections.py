@@ -1,4 +1,4 @@
-"""How connections of the lab end, idle, go silent and come back, on the wire."""
+"""How the lab's connections end, idle, fall silent and recover, as seen on the network."""
 import socket
 import ssl
 import struct
@@ -13,7 +13,7 @@ from http2_client import Http2Client
 
 
 class OneOfHttp1(Client):
-    """The same words for both protocols."""
+    """HTTP/1.1 with the methods of the HTTP/2 client."""
 
     def __init__(self, store, context):
         super().__init__(store, context)
@@ -79,7 +79,7 @@ def stays(client, seconds):
 
 
 def unacknowledged(client):
-    """How many segments the other side has not acknowledged, as the kernel counts them."""
+    """Number of sent segments that the other side has not acknowledged, by the kernel's count."""
     information = client.tls.getsockopt(socket.IPPROTO_TCP, socket.TCP_INFO, 104)
     return struct.unpack_from("I", information, 24)[0]
 
@@ -87,7 +87,7 @@ def unacknowledged(client):
 def test_an_idle_connection_is_closed_after_five_seconds(store, device_context):
     start = time.monotonic()
     clients = [kind(store, device_context) for kind in (OneOfHttp1, OneOfHttp2, OneOfHttp1)]
-    # The third never asks for anything.
+    # The third client sends no request.
     assert [client.ask("country") for client in clients[:2]] == [200, 200]
     for client in clients:
         assert client.until_end() == "", "an end with TLS's notice"

@@ -1,9 +1,9 @@
-"""A lab where nobody may make namespaces, as in an ordinary container."""
+"""A lab where namespaces cannot be created, as in an ordinary container."""
 import subprocess
 
 import pytest
 
-# A user namespace in which no further one can be made, and in which root has no rights.
+# Enters a user namespace in which no further namespace can be created and root has no capabilities.
 WITHOUT_RIGHTS = [
     "unshare",
     "--user",
@@ -17,7 +17,7 @@ WITHOUT_RIGHTS = [
 
 @pytest.fixture
 def container(needs_view):
-    """A prefix for commands."""
+    """A command prefix that removes these rights."""
     tried = subprocess.run([*WITHOUT_RIGHTS, "true"], capture_output=True, text=True, check=False)
     if tried.returncode != 0:
         pytest.skip(f"no user namespace can be had to take rights away in: {tried.stderr}")

@@ -1,6 +1,6 @@
-"""The control interface under requests of a generator: each is answered or refused, and the lab goes on.
+"""The control interface with generated requests: each is answered or refused, and the lab goes on.
 
-`BILLING_FUZZ_SECONDS=600 BILLING_FUZZ_SEED=5 python3 -m pytest tests/lab/test_control_fuzz.py` goes on for longer.
+A longer run: `BILLING_FUZZ_SECONDS=600 BILLING_FUZZ_SEED=5 python3 -m pytest tests/lab/test_control_fuzz.py`
 """
 import http.client
 import json
@@ -10,7 +10,7 @@ import time
 
 from billing_lab import openapi
 
-# It would end the lab, never end itself, or wait for a call.
+# Requests that would end the lab, never end themselves, or wait for a call of the daemon.
 LEFT_OUT = {"/api/stop", "/api/events", "/api/call"}
 OPERATIONS = [
     (method.upper(), path, told)
@@ -59,7 +59,7 @@ ENOUGH = 200
 
 
 class Generator:
-    """Requests near to what the description of the interface allows. The same seed makes the same ones."""
+    """Makes requests that are close to the interface's description. The same seed makes the same requests."""
 
     def __init__(self, seed):
         self._chance = random.Random(seed)

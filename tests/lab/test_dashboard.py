@@ -1,4 +1,4 @@
-"""The lab's page: what a developer sees and does."""
+"""The lab's page: what a developer sees and can do."""
 import http.client
 import json
 import urllib.parse
@@ -161,7 +161,7 @@ def test_a_catalogue_is_changed_and_a_wrong_one_refused(page, lab):
     page.click("catalogue", "Seed the lab with this")
     page.wait(lambda: page.text("#catalogue .said") != "")
     assert page.text("#catalogue .said").startswith("the catalogue:1: the catalogue lacks")
-    page.complaints()  # the browser's own line about the refusal
+    page.complaints()  # discards the browser's own line about the refusal
     catalogue["apps"] = catalogue["apps"][:1]
     catalogue["invoices"] = []
     page.driver.execute_script(write, text, json.dumps(catalogue))
@@ -213,7 +213,7 @@ def test_everything_can_be_reached_with_the_keyboard(page, lab):
     page.wait(lambda: len(page.rows()) == 3)
     reached = set()
     for _ in range(120):
-        # Not to the element: a chooser of files would take it for the name of one.
+        # Keys are not sent to the element: a file chooser would take them for a file name.
         ActionChains(page.driver).send_keys(Keys.TAB).perform()
         reached.add(
             page.driver.execute_script(
@@ -246,7 +246,7 @@ def test_a_narrow_window_and_both_schemes_are_readable(page, lab, scheme):
 
 
 def contrast(*colours):
-    """Of two colours, as the accessibility guidelines compute it."""
+    """Contrast ratio of two colours by the accessibility guidelines (WCAG)."""
 
     def light(colour):
         parts = [int(part) / 255 for part in colour.removeprefix("rgb(").rstrip(")").split(",")]
@@ -299,13 +299,13 @@ def test_a_lab_that_is_gone_is_named(page, cli, request):
     page.wait(lambda: "billing-lab up" in page.text("#problem"))
     assert page.text("#link") in ("reconnecting ...", "not connected")
     page.picture("gone")
-    # It has its address and its token again, so the page goes on by itself.
+    # The new lab has the same address and token, so the page reconnects by itself.
     assert cli("up").returncode == 0
     page.wait(lambda: page.text("#link") == "live" and page.one("#problem").text == "")
     assert cli("buy", "coins-100").returncode == 0
     page.wait(lambda: "coins-100 of app-1" in page.text("#invoices ul"))
     page.driver.get("about:blank")
-    page.complaints()  # the browser's own lines about the lost connection
+    page.complaints()  # discards the browser's own lines about the lost connection
 
 
 @in_a_browser
@@ -321,7 +321,7 @@ def test_a_wrong_token_is_named(page, lab):
 
 @pytest.fixture
 def ask(lab):
-    """A function that asks the control interface as a browser would."""
+    """A function that sends requests to the control interface like a browser."""
 
     def run(method, path, token=True, **headers):
         host = urllib.parse.urlsplit(lab.info["control"]["address"]).netloc

@@ -1,4 +1,4 @@
-"""The lab's page when others change the lab, while one uses it with the keyboard, and its checks."""
+"""The lab's page while other clients change the lab and a person uses it with the keyboard, and its checks."""
 import threading
 import time
 
@@ -47,7 +47,7 @@ def test_a_request_that_hangs_is_shown_while_it_hangs(page, lab):
 
 @in_a_browser
 def test_the_answer_beside_a_call_is_its_own_or_none(page, lab):
-    """Other apps ask at the same time."""
+    """Other apps send requests at the same time."""
     lab.fault("delay", ms=400, endpoint="products", app="app-1")
     page.open()
     others, stop = [], threading.Event()
@@ -158,7 +158,7 @@ def test_the_app_is_judged_the_clock_moved_and_a_scenario_begun(page, lab):
         page.click("checks", "Reset the lab and begin it")
         page.wait(lambda: said in page.text("#checks .said"))
     assert lab.invoices()[0]["product"] == "no-ads"
-    # Two were refused, and the browser says so.
+    # discards the browser's lines about the two refusals
     page.complaints()
 
 
@@ -187,7 +187,7 @@ def test_a_name_for_a_mock_is_added_and_removed_on_the_page(page, lab):
     page.open()
     page.field("device", "Name for a mock").send_keys("nodots\n")
     page.wait(lambda: "is no name of a service" in page.text("#device .said"))
-    page.driver.get_log("browser")  # the refusal
+    page.driver.get_log("browser")  # discards the line about the refusal
     page.field("device", "Name for a mock").send_keys("." + "mock\n")
     page.wait(lambda: "nodots.mock" in page.text("#device ul"))
     assert lab.names() == ["nodots.mock"]

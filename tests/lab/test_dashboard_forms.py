@@ -1,4 +1,4 @@
-"""What the lab's page can do by forms: faults with conditions, own answers, expectations."""
+"""The forms of the lab's page: faults with conditions, own answers, expectations."""
 import json
 
 from browser import Select, in_a_browser

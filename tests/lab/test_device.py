@@ -1,4 +1,4 @@
-"""The device's settings file: what a switch changes, and what it leaves alone."""
+"""The device's settings file: the settings that a switch changes, and those that it keeps."""
 from billing_lab import device
 
 FILE = """# made by hand

@@ -1,4 +1,4 @@
-"""Each fault as a client meets it, the wire included."""
+"""Each fault at a client, down to the bytes on the network."""
 import socket
 import ssl
 import time
@@ -23,7 +23,9 @@ def ask(store, client, endpoint="country"):
 
 
 def everything(client):
-    """All that comes until the server ends the connection, and how it ends it."""
+    """Reads everything until the server closes the connection.
+    @return the bytes, and how the connection ended
+    """
     received = b""
     try:
         while data := client.tls.recv(65536):
@@ -46,7 +48,7 @@ def test_a_malformed_body_is_cut_and_its_answer_is_whole(store, client, fault):
     fault("malformed")
     status, cut = ask(store, client)
     assert status == 200 and whole.startswith(cut) and 0 < len(cut) < len(whole)
-    # The connection is as good as before.
+    # The connection can still be used.
     assert ask(store, client)[0] == 200
 
 
@@ -82,7 +84,7 @@ def test_a_truncated_answer_promises_more_than_comes(store, client, fault):
 
 
 def is_reset(client):
-    """Below TLS, which takes any end for the same."""
+    """Checks for a TCP reset on the plain socket, because TLS does not tell it from another end."""
     try:
         return socket.socket.recv(client.tls, 1) and False
     except ConnectionResetError:

@@ -1,4 +1,4 @@
-"""Faults: whom they hit, how often, and that a run repeats."""
+"""Faults: which requests they affect, how often, and that a run can be repeated."""
 import statistics
 
 import pytest

@@ -1,4 +1,4 @@
-"""The store over HTTP/2, each fault included, as a client meets it on the wire."""
+"""The store over HTTP/2, with each fault, at a client on the network."""
 import socket
 import subprocess
 import time
@@ -38,7 +38,7 @@ def entries(store):
 
 
 def wait_for_end(store, number=0):
-    """The entry of the journal, when it is finished."""
+    """The entry of the journal, after its request has ended."""
     end = time.monotonic() + 20
     while len(known := entries(store)) <= number or "milliseconds" not in known[number]["answer"]:
         assert time.monotonic() < end, known
@@ -60,7 +60,7 @@ def test_a_request_is_answered_as_over_http_1_1_and_is_exact(store, client, http
 
 
 def test_a_client_of_another_make_is_served(store):
-    """curl, whose library the daemon uses."""
+    """curl uses the same library as the daemon."""
     url = f"https://{store.device['host']}/billing/service/v2/country?countrycode=US"
     done = subprocess.run(
         [
@@ -174,7 +174,7 @@ def test_a_client_that_gives_up_a_stream_is_noted(store, http2, fault):
     assert client.ask("products").status == 200
 
 
-# Faults of an answer
+# Faults in an answer
 
 
 def test_a_status_a_malformed_and_an_invalid_body(http2, fault):
@@ -273,7 +273,9 @@ def test_goaway_lets_what_is_under_way_come_to_its_end(http2, fault):
 
 
 def test_goaway_never_denies_what_was_done(store, http2, fault):
-    """A higher stream was taken up before the struck one was whole: that one is refused by itself."""
+    """A stream with a higher number was accepted before the affected request was complete, so only the affected stream
+    is refused.
+    """
     client = http2()
     fault("delay", ms=300, endpoint="country")
     fault("goaway", endpoint="confirm")

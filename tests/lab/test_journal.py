@@ -1,4 +1,4 @@
-"""The journal, and the check that says whether a request is exactly what it should be."""
+"""The journal, and the check that a request is exactly as it should be."""
 import socket
 import ssl
 import time
@@ -23,7 +23,7 @@ def wait_for(store, count):
 
 def test_a_request_is_kept_whole_with_its_answer(store, client):
     status, body = client.send(request("confirm", store.device))
-    # The caller has its answer a moment before the journal knows how long it took.
+    # The caller has its answer a moment before the journal contains its duration.
     end = time.monotonic() + 20
     while "milliseconds" not in (entry := entries(store)[0])["answer"]:
         assert time.monotonic() < end, entry
@@ -45,7 +45,7 @@ def test_a_kept_connection_and_a_resumed_session_are_told_apart(store, clients):
     clients(first.tls.session).request("country")
     found = [(entry["connection"], entry["handshake"]) for entry in entries(store)]
     assert found == [(1, "full"), (1, "full"), (2, "resumed")]
-    # The certificate is known, though it was not sent again.
+    # The resumed session carries the certificate, which was not sent again.
     assert entries(store)[2]["certificate"]["sha256"] == store.device["certificate"]
 
 
@@ -171,7 +171,7 @@ def test_the_journal_is_bounded_by_bytes_too(store, monkeypatch, client):
     kept = entries(store)
     assert [entry["seq"] for entry in kept] == [5, 6, 7]
     assert store.do(lambda: journal.span(store.db)) == {"entries": 3, "first": 5, "last": 7}
-    # One that is longer than all may be stays alone.
+    # An entry larger than the limit for all entries is kept as the only one.
     monkeypatch.setattr(journal, "KEPT_TOTAL_BYTES", 1)
     client.request("country")
     assert [entry["seq"] for entry in entries(store)] == [8]

@@ -1,4 +1,4 @@
-"""Labs start, live side by side, and leave nothing behind, whatever ends them."""
+"""Labs start, run side by side, and leave nothing behind, however they end."""
 import http.client
 import json
 import os
@@ -21,7 +21,7 @@ pytestmark = pytest.mark.usefixtures("needs_view")
 
 
 def processes_of(folder):
-    """The processes that live and name the folder in their command line or environment."""
+    """Running processes with the folder in their command line or environment."""
     found = set()
     for process in pathlib.Path("/proc").glob("[0-9]*"):
         try:
@@ -50,7 +50,7 @@ def wait_until(condition, what, seconds=20):
 
 def assert_nothing_is_left(folder, info):
     pids = [info["pid"], info["bus_pid"], info["daemon_pid"]]
-    # A process counts as dead when its first thread is; what it holds is free when all are.
+    # A process counts as dead when its main thread is; its resources are free when all its threads are.
     wait_until(
         lambda: not any(map(is_alive, pids)) and not processes_of(folder) and not Folder(folder).is_up(),
         f"{processes_of(folder)} of {pids} are left",
@@ -96,7 +96,7 @@ def test_nothing_is_left_when_a_part_is_killed(folder, part):
     info.update(bubblewrap=bubblewrap, guard=parent_of(bubblewrap))
     os.kill(info[part], signal.SIGKILL)
     assert_nothing_is_left(folder, info)
-    # And the next one starts as if nothing had been.
+    # The next lab in the folder starts normally.
     with client.running(folder) as lab:
         assert lab.call("check_server_availability")[0] == 0
 
@@ -147,7 +147,7 @@ def test_a_start_that_is_interrupted_leaves_nothing(folder, cli):
     wait_until(lambda: (folder / "bus").exists() or starting.poll() is not None, "no bus was started")
     starting.send_signal(signal.SIGINT)
     starting.wait(20)
-    if starting.returncode == 0:  # it was faster
+    if starting.returncode == 0:  # the start was complete before the signal
         client.stop(Folder(folder))
     wait_until(lambda: not processes_of(folder), f"{processes_of(folder)} are left")
 
@@ -161,7 +161,7 @@ def test_two_labs_know_nothing_of_each_other(tmp_path):
         assert json.loads(two.call("get_purchase_history")[1])["code"] == "fault"
         assert (len(two.invoices()), two.device()["country"], one.faults()) == (2, "US", [])
         assert [len(lab.journal()) for lab in (one, two)] == [1, 1]
-        # A client of the one is nobody to the other: its certificate is of another authority.
+        # The two labs have different authorities, so the certificate of one client is not valid in the other lab.
         assert one.journal()[0]["certificate"]["sha256"] != two.journal()[0]["certificate"]["sha256"]
 
 
@@ -299,7 +299,7 @@ def test_without_a_daemon_it_is_said_how_to_build_one(cli):
 
 
 def test_a_daemon_that_does_not_start_is_said(folder, cli, tmp_path):
-    # What is started in its place must be beside the rest of a build.
+    # The lab expects a replaced daemon inside a build folder.
     build = tools.service().parents[1]
     fake = tmp_path / "build" / "service" / "billing-service"
     fake.parent.mkdir(parents=True)
@@ -316,7 +316,7 @@ def test_a_daemon_that_does_not_start_is_said(folder, cli, tmp_path):
 
 
 def test_a_program_in_a_virtual_environment_starts_the_lab_and_calls(folder, tmp_path):
-    """Such a Python has none of what the lab's own process imports."""
+    """Python in a virtual environment lacks the modules that the lab's own process imports."""
     subprocess.run(["/usr/bin/python3", "-m", "venv", "--without-pip", tmp_path / "venv"], check=True, timeout=60)
     program = (
         "import sys; from billing_lab import client\n"

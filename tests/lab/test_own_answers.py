@@ -1,4 +1,4 @@
-"""Answers of a team's own: whom they are for, one after the other, and as templates with the lab's state."""
+"""Answers defined by an app team: which requests they match, sequences, and templates with the lab's state."""
 import json
 
 import pytest
@@ -32,7 +32,7 @@ def test_the_most_conditions_win_and_of_several_the_latest(memory):
     assert picked(memory, app="b", invoice="I") == "invoice"
     assert picked(memory, endpoint="apply") is None
     answers.put(memory, {"endpoint": "confirm", "app": "a", "invoice": "I"})
-    # The app's was set last.
+    # The answer for the app was set last.
     assert picked(memory, app="a", invoice="I") == "app"
 
 

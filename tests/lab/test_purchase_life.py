@@ -1,4 +1,4 @@
-"""The life of purchases on the lab's clock, as an app sees it that polls."""
+"""The states of purchases on the lab's clock, for an app that polls."""
 import json
 import sqlite3
 

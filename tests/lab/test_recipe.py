@@ -1,4 +1,4 @@
-"""docs/LAB.md's line for a forge, as it stands there, with an app that is right and one that confirms twice."""
+"""The line of docs/LAB.md for a CI job, run unchanged, with a correct app and with one that confirms twice."""
 import os
 import re
 import shlex

@@ -1,4 +1,4 @@
-"""docs/LAB-REFERENCE.md and the OpenAPI description say what there is, all of it and nothing else."""
+"""docs/LAB-REFERENCE.md and the OpenAPI description are complete and contain nothing that does not exist."""
 import re
 
 from billing_lab import cli, client, control, openapi
@@ -48,5 +48,5 @@ def test_a_lab_that_is_up_describes_itself(lab):
     told = lab.ask("GET", "/api/openapi.json")
     fault = told["paths"]["/api/faults"]["post"]["requestBody"]["content"]["application/json"]["schema"]
     assert (told["openapi"], fault["required"], "invoice" in fault["properties"]) == ("3.1.0", ["kind"], True)
-    # What it names is taken.
+    # The lab accepts each property that the description names.
     lab.fault("delay", **{name: 1 for name in ("ms", "spread", "skip", "count", "seconds", "chance", "seed")})

@@ -1,4 +1,4 @@
-"""A run as a file: written, taken by another lab, and compared with another run."""
+"""A run as a file: exported, imported by another lab, and compared with another run."""
 import json
 
 import pytest
@@ -20,7 +20,7 @@ SCENARIO = {
 
 
 def used(lab):
-    """A lab in which something of everything has happened."""
+    """A lab in which each kind of event has happened."""
     coins = lab.scenario(SCENARIO)["invoices"]["coins"]
     lab.device("token", "valid")
     lab.call("confirm_purchase", invoiceid=coins, customId="customer-77", appid="app-1")
@@ -30,7 +30,7 @@ def used(lab):
 
 
 def told_of(lab):
-    """What a lab is, but for what a lab has of its own."""
+    """An export without the parts that differ between labs."""
     known = lab.export()
     return {name: value for name, value in known.items() if name not in ("made", "journal", "calls")}
 
@@ -57,7 +57,7 @@ def test_an_export_is_the_same_lab_again_and_its_numbers_go_on(lab):
     assert [call["requests"] for call in again["calls"]] == [
         [base + seq] for call in written["calls"] for seq in call["requests"]
     ]
-    # It goes on as the other one would have.
+    # The imported run continues like the original one.
     assert lab.call("confirm_purchase", invoiceid=coins, customId="hidden-custom-id-1")[0] == 0
     assert lab.verify()["checks"][0]["ok"] and lab.faults()[0]["left"] == 0
     lab.advance("1d")
@@ -151,7 +151,7 @@ def test_two_runs_are_compared_by_what_was_asked(lab):
     assert "second" not in gone and gone["request"].startswith("country")
     assert "first" not in new and new["request"].startswith("confirm, ")
     assert {"what": "status", "first": 200, "second": 503} in changed["differs"]
-    # Journals alone do too.
+    # Files with journals alone can be compared too.
     told = lab.diff({"journal": first["journal"]}, {"journal": lab.journal()})
     assert (told["settings"], len(told["requests"])) == ([], 3)
     assert told["compared"] == ["journal"]

@@ -1,4 +1,4 @@
-"""The call samples and the sample test, run as an app team would run them."""
+"""The call samples and the sample test, run in the way of an app team."""
 import os
 import subprocess
 import sys
@@ -63,7 +63,7 @@ def test_a_sample_delivers_later_what_a_fault_prevented(lab, sample, run, kind, 
     lab.fault(kind, endpoint="confirm", done=True)
     assert run(sample, "app-1") == (1, f"INV-SEED-2 season later: {said}\n", "")
     lab.clear_faults()
-    # The store had confirmed it; the history says so, and nothing is delivered twice.
+    # The store had confirmed it. The sample sees that in the history and delivers nothing twice.
     assert run(sample, "app-1") == (0, "", "")
 
 

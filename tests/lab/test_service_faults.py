@@ -1,4 +1,4 @@
-"""The service as a part of the device that fails."""
+"""The service itself fails: faults of the part of the device."""
 import threading
 import time
 
@@ -66,7 +66,9 @@ def test_a_service_that_cannot_submit_a_request_says_so(lab, cli):
 
 
 def owned(lab, name):
-    """Asks for a name as a mock does. @return the connection that owns it"""
+    """Requests a bus name, like a mock of a service.
+    @return the connection that owns it
+    """
     connection = Gio.DBusConnection.new_for_address_sync(
         lab.bus, Gio.DBusConnectionFlags.AUTHENTICATION_CLIENT | Gio.DBusConnectionFlags.MESSAGE_BUS_CONNECTION, None, None
     )
@@ -88,7 +90,7 @@ def test_a_mock_of_another_service_owns_a_listed_name_and_is_called(lab, cli):
     caller = Gio.DBusConnection.new_for_address_sync(
         lab.bus, Gio.DBusConnectionFlags.AUTHENTICATION_CLIENT | Gio.DBusConnectionFlags.MESSAGE_BUS_CONNECTION, None, None
     )
-    # GIO answers a ping for whoever has a connection.
+    # GIO answers a ping for every connection.
     ping = (name, "/", "org.freedesktop.DBus.Peer", "Ping", None, None, Gio.DBusCallFlags.NONE, 10_000, None)
     caller.call_sync(*ping)
     lab.reset()

@@ -1,4 +1,4 @@
-"""What the store answers, over TLS, and what it remembers."""
+"""The store's answers over TLS, and its state."""
 import pytest
 from billing_lab import purchases, state
 from billing_lab.life import purchase
@@ -75,7 +75,7 @@ def test_a_step_is_taken_once_and_said_as_often_as_it_is_asked(store, client, en
     name = buy(store)["id"]
     first, again = (client.request(endpoint, invoice=name) for _ in "12")
     assert first == again == (200, {"status": "ok", "invoice": name, step: store.do(state.invoice, store.db, name)[step]})
-    # An earlier time stays.
+    # A time set earlier is kept.
     assert client.request(endpoint)[1][step] == "2001-02-03T04:05:06Z"
 
 
