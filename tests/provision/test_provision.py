@@ -1,4 +1,4 @@
-"""billing-provision, from outside: what it makes, what it refuses, and who may read it."""
+"""billing-provision, run as a program: its files and their rights, and what it refuses."""
 
 import os
 import pathlib
@@ -35,7 +35,7 @@ pytestmark = pytest.mark.skipif(
 
 
 def sign_request(folder, request):
-    """What an authority does with a request."""
+    """Signs a request, like an authority."""
     authority = certificate(folder / "ca.pem")
     signer = serialization.load_pem_private_key((folder / "ca.key").read_bytes(), None)
     return (
@@ -159,7 +159,7 @@ def test_token_takes_its_pins_from_files_or_standard_input(lab, tmp_path):
         result = must(run("token", "--so-pin", arguments, folder=lab, stdin=stdin))
         assert b"officer" not in result.stdout + result.stderr
         must(run("request", folder=lab))
-        # The officer's PIN is the one that was given: no other one sets the user's PIN anew.
+        # The officer's PIN is the given one: only with it can the user's PIN be set again.
         for pin, works in (("officer-4712", False), ("officer-4711", True)):
             done = subprocess.run(
                 [
@@ -336,7 +336,7 @@ def test_install_leaves_a_certificate_alone_unless_forced(lab, tmp_path):
 
 @pytest.mark.parametrize("target", ["data/crt", "../other/crt", "{tmp_path}/data/crt"])
 def test_install_follows_a_link_and_leaves_it(lab, tmp_path, target):
-    """The fixed path on a read-only file system, with a link to where the device may write."""
+    """The fixed path is on a read-only file system and links to a place where the device may write."""
     target = target.format(tmp_path=tmp_path)
     image = tmp_path / "image"
     place = image / target
@@ -345,7 +345,7 @@ def test_install_follows_a_link_and_leaves_it(lab, tmp_path, target):
     (image / "first").symlink_to(target)
     (image / "link").symlink_to("first")
     arguments = ("install", lab / "bgclient.crt", "--to", image / "link")
-    # The target is not there yet, and then it is.
+    # The first call creates the link's target; the second finds it.
     must(run(*arguments, folder=lab))
     assert place.read_bytes() == (lab / "bgclient.crt").read_bytes()
     must(run(*arguments, folder=lab), EXISTS)
@@ -420,7 +420,7 @@ def test_seal_refuses_keys_that_do_not_fit(lab, key, tmp_path):
 
 @pytest.fixture(name="sealed")
 def make_sealed(lab, key, tmp_path):
-    """A lab whose token has no key of the number, and sealed key material for one."""
+    """A lab with sealed key material for the key's number, and without a key of that number in its token."""
     (tmp_path / "crt").write_bytes(self_signed(key))
     change_setting(lab, "key_id", f"9\nkey_material={tmp_path}/material")
     must(run("seal", "--certificate", tmp_path / "crt", "--out", tmp_path / "material", folder=lab, stdin=pem_of(key)))
@@ -470,7 +470,7 @@ def test_help_tells_units_and_exit_codes():
 
 
 def completions(*words):
-    """What bash offers for the last of these words."""
+    """Completions that bash offers for the last of these words."""
     file = pathlib.Path(__file__).resolve().parents[2] / "data/completions/billing-provision"
     script = f'. {file}; COMP_WORDS=("$@"); COMP_CWORD=$(($# - 1)); _billing_provision; ' 'printf "%s\\n" "${COMPREPLY[@]}"'
     done = subprocess.run(

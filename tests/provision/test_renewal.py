@@ -1,4 +1,6 @@
-"""billing-provision on a device that has its key: names, PINs, what it proves itself with."""
+"""billing-provision on a device that already has its key: names, PINs, and the key and certificate that it uses as
+proof.
+"""
 
 import datetime
 import hashlib
@@ -47,13 +49,13 @@ def test_a_pin_whose_file_cannot_be_written_is_taken_back(lab, tmp_path):
     result = must(run("pin", fresh, folder=lab, prefix=closed), FAILED)
     assert b"pin cannot be made: Device or resource busy" in result.stderr
     must(run("request", "--existing", folder=lab))
-    # A PIN that the token does not take changes nothing.
+    # A PIN that the token refuses changes nothing.
     must(run("pin", secret(tmp_path / "short", "1"), folder=lab), FAILED)
     must(run("request", "--existing", folder=lab))
 
 
 def status(lab, code=DONE):
-    """@return what the command says of a device whose certificates are in the lab's folder, by name"""
+    """@return output of the command for a device whose certificates are in the lab's folder, by name"""
     result = must(run("status", folder=lab, prefix=view.bubblewrap(lab, lab / "certificate")), code)
     found = {}
     for line in result.stdout.decode().splitlines():
@@ -123,7 +125,7 @@ def test_a_renewal_asks_for_the_name_of_the_installed_certificate(lab):
     seen = view.bubblewrap(lab, lab / "certificate")
     result = must(run("request", "--existing", folder=lab, prefix=seen))
     assert name_in(result.stdout) == "Billing lab device" and b'the name "Billing lab device"' in result.stderr
-    # One that is of no use keeps nobody from asking for another.
+    # An unusable installed certificate does not prevent a request for a new one.
     for instead in (
         lambda file: file.write_text("no certificate"),
         pathlib.Path.unlink,

@@ -1,4 +1,4 @@
-"""billing-provision as these tests run it, and what they make for it."""
+"""Helpers of these tests: run billing-provision and make its input."""
 
 import datetime
 import os
