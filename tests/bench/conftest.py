@@ -1,4 +1,4 @@
-"""Finds the modules of the measurement."""
+"""Adds the modules of the measurement to Python's path."""
 import pathlib
 import sys
 

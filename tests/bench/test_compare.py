@@ -1,4 +1,4 @@
-"""bench/compare tells two runs apart; the page of plots holds a run whole."""
+"""bench/compare finds differences between two runs; the page of plots contains a whole run."""
 import json
 import pathlib
 import subprocess

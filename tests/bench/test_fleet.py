@@ -1,4 +1,4 @@
-"""The simulated fleet loses nobody, and does what its clients are said to do."""
+"""The simulated fleet loses no TV, and each client behaves as described."""
 import dataclasses
 import math
 import pathlib

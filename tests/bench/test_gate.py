@@ -1,6 +1,6 @@
-"""A call takes no more instructions and no more allocations than it did."""
+"""A call takes no more instructions and allocations than recorded."""
 import pytest
-from measure import gate, stage  # first: finds the harness
+from measure import gate, stage  # first: adds the harness to Python's path
 
 from harness import daemon
 

@@ -1,9 +1,11 @@
-"""A peer does the daemon's work, or its figures mean nothing; how services behave is told from what was seen."""
+"""A peer does the same work as the daemon, so that its figures can be compared; the behaviour table is made from
+observations.
+"""
 import json
 import urllib.parse
 
 import pytest
-from measure import behaviour, services, stage  # first: finds the harness
+from measure import behaviour, services, stage  # first: adds the harness to Python's path
 
 from harness.methods import EVERY_CALL
 
@@ -25,7 +27,7 @@ def peer_of(on, label):
 
 
 def essence(request):
-    """What the store reads of a request, without the order of what has none."""
+    """The parts of a request that the store reads. Parts without an order are compared without one."""
     target = urllib.parse.urlsplit(request.line.split(" ")[1])
     headers = dict(line.split(": ", 1) for line in request.headers if ": " in line)
     kept = {name.lower(): value for name, value in headers.items() if name.lower() in HEADERS}
@@ -34,7 +36,7 @@ def essence(request):
 
 
 def asked(on, service):
-    """@return what each method answers, what it asked the store, and whether the token signed"""
+    """@return answer of each method, its request at the store, and whether the token signed"""
     before = on.proxy.count("sign")
     answers, requests = {}, {}
     with behaviour.Scene(on, service) as scene:

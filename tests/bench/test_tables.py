@@ -1,4 +1,4 @@
-"""The tables of docs/PERFORMANCE.md say what the results file says."""
+"""The tables of docs/PERFORMANCE.md contain the values of the results file."""
 import json
 
 import pytest
