@@ -1,4 +1,4 @@
-"""Makes calls on a bus as whoever runs it, and prints how each ends, as JSON.
+"""Makes calls on a bus as the user that runs it, and prints the end of each, as JSON.
 
 usage: ask.py ADDRESS OWNER     OWNER: the service's unique name
 Each call ends with "answered" or with the name of its error.
@@ -17,7 +17,7 @@ def texts(count):
 
 
 def calls(owner, client):
-    """Name, destination, path, interface, method, arguments."""
+    """Yields name of the call, destination, path, interface, method, arguments."""
     for method, count in (
         ("get_product_list", 3),
         ("get_purchase_history", 6),

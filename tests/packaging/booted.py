@@ -1,4 +1,4 @@
-"""A device under a systemd of its own: how it is made, and what is asked of it."""
+"""A device with a booted systemd: its set-up, and questions to it."""
 import time
 
 from first_answer import PIN, SETTINGS, SIGN, SO_PIN, STORE
@@ -9,7 +9,7 @@ NAMED = '{"asked by": "billing device '
 
 
 def prepare(machine):
-    """Installation, users and the store that the device asks."""
+    """Sets up the installation, the users, and the store that the device calls."""
     machine.do(
         """
         cp -a /tmp/installed/. /
@@ -33,7 +33,7 @@ def prepare(machine):
 
 
 def provision(machine, steps, settings):
-    """Runs commands of the page. The settings that they need are the page's."""
+    """Runs commands of the page, with the settings that the page gives for them."""
     port = machine.do("cat /tmp/home/port")
     machine.write("/tmp/home/device.conf", SETTINGS.replace("PORT", port) + settings)
     shown = machine.run(
@@ -45,7 +45,7 @@ def provision(machine, steps, settings):
     )
     assert shown.returncode == 0, shown.stderr
     assert "billing-provision token" in shown.stderr
-    # A shell that traces shows the arguments of its commands.
+    # The shell traces its commands, so a PIN among their arguments would be in its output.
     assert PIN not in shown.stderr and SO_PIN not in shown.stderr
 
 

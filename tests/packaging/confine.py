@@ -1,10 +1,10 @@
-"""Runs a program as a unit's sandbox would let it run, without a service manager.
+"""Runs a program inside a unit's sandbox, without a service manager.
 
 usage: confine.py UNIT UID GID PROGRAM [ARGUMENT...]
 
-Started as root in a mount namespace of its own. Does what the kernel is asked for by a process about itself: the user and
-its rights, system-call filters, limits, /proc. What the file system shows is bubblewrap's work, before. A directive of
-the unit is only done when it stands there; CONFINED says which ones are known here.
+Needs to be started as root in a mount namespace of its own. Applies the directives with which a process confines
+itself: user and rights, system-call filters, limits, /proc. bubblewrap has set up the view of the file system before.
+A directive is only applied when the unit contains it; CONFINED lists the supported ones.
 """
 import ctypes
 import os
@@ -35,7 +35,7 @@ def check(result):
 
 
 def without(*rules, error=EPERM):
-    """A filter that refuses what its rules name."""
+    """Loads a filter that refuses the calls of its rules."""
     made = seccomp.SyscallFilter(ALLOW)
     for name, *arguments in rules:
         made.add_rule(ERRNO(error), name, *arguments)
@@ -43,7 +43,7 @@ def without(*rules, error=EPERM):
 
 
 def syscalls_of(group):
-    """The calls of one of systemd's groups, those of its sub-groups too."""
+    """The system calls of one of systemd's groups, including its sub-groups."""
     text = subprocess.run(
         ["systemd-analyze", "syscall-filter", "--no-pager", group], check=True, capture_output=True, text=True
     ).stdout
@@ -59,14 +59,14 @@ def filter_of(lines):
     for line in lines:
         groups = [syscalls_of(name) if name.startswith("@") else {name} for name in line.lstrip("~").split()]
         allowed = allowed - set().union(*groups) if line.startswith("~") else allowed.union(*groups)
-    # systemd lets these pass always, for the start of the program.
+    # systemd always allows these, so that it can start the program.
     allowed |= syscalls_of("@default") | {"execve"}
     made = seccomp.SyscallFilter(ERRNO(EPERM))
     for name in sorted(allowed):
         try:
             made.add_rule(ALLOW, name)
         except RuntimeError:
-            pass  # a call of other machines
+            pass  # the machine's architecture lacks this call
     return made
 
 
@@ -82,7 +82,9 @@ def families(value):
 
 
 def no_code_elsewhere(allowed):
-    """NoExecPaths=/, but for what may run. Each of that is a mount of its own, without the mark."""
+    """Applies NoExecPaths=/ with the exceptions of ExecPaths. Each exception becomes a mount of its own without the
+    noexec flag.
+    """
     folders = [str(os.path.realpath(path.lstrip("-"))) for path in allowed.split()]
     for folder in filter(os.path.exists, folders):
         check(libc.mount(folder.encode(), folder.encode(), None, 0x5000, None))  # MS_BIND | MS_REC
@@ -100,8 +102,8 @@ def restrict_namespaces(_):
 
 
 def own_users(uid, gid):
-    """PrivateUsers: of all users only itself is there."""
-    check(libc.prctl(PR_SET_DUMPABLE, 1, 0, 0, 0))  # who has changed its user may not write its own maps
+    """Applies PrivateUsers: the namespace contains only the process's own user."""
+    check(libc.prctl(PR_SET_DUMPABLE, 1, 0, 0, 0))  # a process that changed its user may not write its id maps otherwise
     check(libc.unshare(0x10000000))
     for name, text in (("setgroups", "deny"), ("uid_map", f"{uid} {uid} 1"), ("gid_map", f"{gid} {gid} 1")):
         with open(f"/proc/self/{name}", "w", encoding="ascii") as file:
@@ -113,16 +115,16 @@ def drop_rights(_):
         libc.prctl(PR_CAPBSET_DROP, right, 0, 0, 0)
 
 
-# In this order; the first ones need rights that the later ones take.
+# Order matters: the first directives need rights that later ones remove.
 CONFINED = {
     "LimitCORE": lambda value: resource.setrlimit(resource.RLIMIT_CORE, (int(value), int(value))),
     "LimitNOFILE": lambda value: resource.setrlimit(resource.RLIMIT_NOFILE, (int(value), int(value))),
     "UMask": lambda value: os.umask(int(value, 8)),
     "ExecPaths": no_code_elsewhere,
-    "NoExecPaths": lambda _: None,  # with ExecPaths
-    "KeyringMode": lambda _: libc.syscall(250, 1, None),  # a session keyring of its own
+    "NoExecPaths": lambda _: None,  # done by ExecPaths
+    "KeyringMode": lambda _: libc.syscall(250, 1, None),  # starts a session keyring of its own
     "ProcSubset": lambda _: check(libc.mount(b"proc", b"/proc", b"proc", 0xE, b"hidepid=invisible,subset=pid")),
-    "ProtectProc": lambda _: None,  # with ProcSubset
+    "ProtectProc": lambda _: None,  # done by ProcSubset
     "User": None,
     "Group": None,
     "PrivateUsers": None,
@@ -146,14 +148,16 @@ CONFINED = {
         ("shmat", Arg(2, MASKED_EQ, SHM_EXEC, SHM_EXEC)),
     ),
     "RestrictAddressFamilies": families,
-    # A call by another machine's numbers finds a filter that knows only its own, and is killed.
+    # A filter kills calls of a foreign architecture by itself.
     "SystemCallArchitectures": lambda _: None,
-    "SystemCallErrorNumber": lambda _: None,  # with SystemCallFilter
+    "SystemCallErrorNumber": lambda _: None,  # done by SystemCallFilter
 }
 
 
 def read(unit, wanted="[Service]"):
-    """The directives of one group of the unit. @return each with its values"""
+    """Reads one section of the unit.
+    @return its directives, each with its values
+    """
     found, group = {}, ""
     with open(unit, encoding="utf-8") as lines:
         for line in map(str.strip, lines):
@@ -174,7 +178,8 @@ def main(unit, uid, gid, *program):
             os.setgroups([])
             os.setresgid(gid, gid, gid)
             os.setresuid(uid, uid, uid)
-            # The change has taken it away: this process ends with bubblewrap, also when a test fails.
+            # Changing the user has cleared this setting. With it the process ends together with bubblewrap, also after
+            # a failed test.
             check(libc.prctl(PR_SET_PDEATHSIG, signal.SIGKILL, 0, 0, 0))
         elif name == "PrivateUsers" and name in directives:
             own_users(uid, gid)

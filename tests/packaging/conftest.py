@@ -1,6 +1,6 @@
-"""The tree as it is installed, and a bus with the policy and the accounts that come with it.
+"""The installed tree, and a bus with the installed policy and accounts.
 
-Tests in which several users take part run as root; elsewhere they are skipped.
+Tests with several users run as root; without root they are skipped.
 """
 import contextlib
 import os
@@ -30,7 +30,7 @@ def needs_root():
 
 @pytest.fixture(scope="session")
 def session_folder():
-    """Other users may look into it, unlike those of pytest."""
+    """A folder that other users can enter, unlike those of pytest."""
     with tempfile.TemporaryDirectory(prefix="billing-") as name:
         os.chmod(name, 0o755)
         yield pathlib.Path(name)
@@ -38,7 +38,7 @@ def session_folder():
 
 @pytest.fixture
 def folder(session_folder):
-    """The test's own, likewise."""
+    """A folder for one test that other users can enter."""
     with tempfile.TemporaryDirectory(dir=session_folder) as name:
         os.chmod(name, 0o755)
         yield pathlib.Path(name)
@@ -63,7 +63,9 @@ def policy_bus(folder, installed, accounts):
 
 @pytest.fixture
 def run_service(folder, installed, request):
-    """A function that runs the installed daemon, as its user or behind a prefix. @return the process"""
+    """A function that runs the installed daemon, as its user or with a command prefix.
+    @return the process
+    """
     started = []
 
     def run(address, prefix=None, **environment):
@@ -115,7 +117,9 @@ def store(authority, provisioned):
 
 @pytest.fixture
 def device(folder, store, authority, provisioned, accounts):
-    """A device whose token and settings the service may only read, and whose PIN is its own."""
+    """A device as documented: the service may only read the token and the settings, and only the service may read the
+    PIN.
+    """
     made = Device(folder, provisioned.copy_to(folder / "lab"), f"production.localhost:{store.port}")
     made.ca_file.write_bytes(authority.pem)
     for path in [made.file, *folder.rglob("*")]:
@@ -144,7 +148,7 @@ def needs_systemd(needs_root):
 
 @pytest.fixture
 def machine(needs_systemd, folder, installed):
-    """A booted systemd with the installation, and users that may and may not call."""
+    """A booted systemd with the installation, a user who may call the service, and one who may not."""
     try:
         made = manager.Machine(folder / "machine", installed.root)
     except (OSError, PermissionError) as error:

@@ -1,4 +1,4 @@
-"""What docs/INTEGRATION.md says of a device that is made from nothing, and who stands around that device."""
+"""The commands of docs/INTEGRATION.md for a new device, and the parties that such a device needs."""
 import pathlib
 import re
 from typing import NamedTuple
@@ -22,7 +22,7 @@ production_host=localhost:PORT
 
 PIN, SO_PIN = "123456", "87654321"
 
-# Whoever runs the store: its server demands a certificate of its authority, which signs requests.
+# The operator of the store: its server demands a certificate of its authority, and the authority signs requests.
 STORE = """\
 import http.server, json, pathlib, ssl
 class Answer(http.server.BaseHTTPRequestHandler):
@@ -68,7 +68,7 @@ def renewal():
 
 
 class Documented(NamedTuple):
-    """What the page says: commands, block by block, settings, and the doctor's command."""
+    """Content of the page: commands by block, settings, and the doctor's command."""
 
     folders: str
     token: str
@@ -80,7 +80,7 @@ class Documented(NamedTuple):
 
 
 def documented():
-    """@return what docs/INTEGRATION.md says of a device that is made from nothing"""
+    """@return the commands of docs/INTEGRATION.md for a new device"""
     page = (TREE / "docs/INTEGRATION.md").read_text(encoding="utf-8")
     section = page.split("## From nothing to a first answer")[1].split("\n## ")[0]
     blocks = re.findall(r"```sh\n(.*?)```", section, re.DOTALL)

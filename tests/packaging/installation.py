@@ -1,4 +1,4 @@
-"""What an installation puts on a machine, and a bus that has it: files, accounts, policy."""
+"""The effects of an installation on a machine, and a bus with them: files, accounts, policy."""
 import contextlib
 import os
 import pathlib
@@ -11,16 +11,16 @@ from harness import daemon
 
 TREE = pathlib.Path(__file__).resolve().parents[2]
 SERVICE_USER, CALLERS = "billing-service", "billing"
-# Accounts of the tests' own, with numbers that no file of the machine has.
+# Accounts of the tests, with ids that no installed file contains.
 MEMBER, MAIN_MEMBER, STRANGER = 61001, 61002, 61003
 
 
-# As the system bus has it.
+# The system bus has the same rule.
 NO_STATISTICS = '    <deny send_destination="org.freedesktop.DBus" send_interface="org.freedesktop.DBus.Debug.Stats"/>\n'
 
 
 class Installed:
-    """What `meson install` puts into a folder."""
+    """The files that `meson install` puts into a folder."""
 
     def __init__(self, folder):
         build = daemon.binary().parents[1]
@@ -32,18 +32,18 @@ class Installed:
         self.libraries = self.one("libbilling-platform.so.1").parent
 
     def one(self, end):
-        """The file whose path ends so."""
+        """The only file whose path ends like this."""
         found = [path for path in self.root.rglob("*") if str(path).endswith("/" + end)]
         assert len(found) == 1, (end, found)
         return found[0]
 
     def place(self, path):
-        """Where it is on a machine that this was installed on."""
+        """Path of the file on a machine with this installation."""
         return pathlib.Path("/") / path.relative_to(self.root)
 
 
 class Accounts:
-    """/etc/passwd and /etc/group of a machine that this was installed on."""
+    """/etc/passwd and /etc/group of a machine with this installation."""
 
     def __init__(self, folder, rules):
         etc = pathlib.Path(folder) / "etc"
@@ -60,7 +60,7 @@ class Accounts:
                 f"pack-main:x:{MAIN_MEMBER}:{self.callers}::/:/bin/sh\n"
                 f"pack-stranger:x:{STRANGER}:{STRANGER}::/:/bin/sh\n"
             )
-        # The bus asks the database who is in the group; the kernel knows it from setpriv.
+        # The bus reads the members of a group from the database; the kernel gets a process's groups from setpriv.
         lines = self.group.read_text(encoding="utf-8").splitlines()
         self.group.write_text(
             "".join(line + ("pack-member" if line.startswith(f"{CALLERS}:") else "") + "\n" for line in lines)
@@ -72,7 +72,7 @@ class Accounts:
         return [int(field) if field.isdigit() else field for field in fields]
 
     def run_as(self, who):
-        """A command that runs what follows it as somebody."""
+        """A command prefix that runs a command as this user."""
         uid, gid, groups = {
             "service": (self.service, self.service_group, None),
             "member": (MEMBER, MEMBER, self.callers),
@@ -84,7 +84,7 @@ class Accounts:
 
     @contextlib.contextmanager
     def acting_as_member(self):
-        """What this process connects to meanwhile takes it for somebody who may call the service."""
+        """Connections that this process opens meanwhile come from a user who may call the service."""
         before = os.getegid(), os.geteuid()
         os.setegid(self.callers)
         os.seteuid(MAIN_MEMBER)
@@ -96,7 +96,7 @@ class Accounts:
 
 
 class PolicyBus:
-    """A bus of the system kind with the installed policy and activation file, that knows the accounts."""
+    """A bus like the system bus with the installed policy, the activation file and the accounts."""
 
     def __init__(self, folder, installed, accounts, names=(), arguments=()):
         self.address = f"unix:path={folder}/bus"

@@ -1,7 +1,7 @@
-"""A machine of its own under a real systemd: the files of this one, with a layer over them that is thrown away.
+"""A machine with a booted systemd: the files of this machine with a writable layer that is discarded at the end.
 
-Processes, mounts, network, control group and names are the machine's own. Needs root and a control group of the second
-version in which a folder may be made.
+Its processes, mounts, network, control group and host name are separate. Needs root and cgroup v2 with a control
+group in which a sub-group can be created.
 """
 import os
 import pathlib
@@ -40,7 +40,9 @@ exec env -i container=billing PATH=/usr/sbin:/usr/bin:/sbin:/bin \
 
 
 def cgroup_root():
-    """Where control groups of the second version are. @return None when they are not mounted"""
+    """Path of the cgroup v2 file system.
+    @return None when it is not mounted
+    """
     for line in pathlib.Path("/proc/self/mounts").read_text(encoding="utf-8").splitlines():
         _, place, kind, options = line.split()[:4]
         if kind == "cgroup2" and "rw" in options.split(","):
@@ -49,7 +51,7 @@ def cgroup_root():
 
 
 class Machine:
-    """A booted systemd."""
+    """A machine with a booted systemd."""
 
     def __init__(self, folder, installed):
         self._group = cgroup_root() / f"billing-test-{os.getpid()}-{time.monotonic_ns()}"
@@ -94,7 +96,7 @@ class Machine:
         return children.read_text(encoding="ascii").split()[0]
 
     def run(self, *command, timeout=60, check=False):
-        """One command in the machine, as root."""
+        """Runs one command in the machine, as root."""
         try:
             init = self._init()
         except (OSError, IndexError):
@@ -124,13 +126,15 @@ class Machine:
         )
 
     def do(self, script, timeout=120):
-        """A shell script in the machine. @return what it printed"""
+        """Runs a shell script in the machine.
+        @return its output
+        """
         done = self.run("sh", "-ec", script, timeout=timeout)
         assert done.returncode == 0, f"{script}\n{done.stdout[-4000:]}\n{done.stderr[-4000:]}"
         return done.stdout
 
     def write(self, path, text):
-        """A file in the machine, with the folders above it."""
+        """Writes a file in the machine and makes its parent folders."""
         self.do(
             f"mkdir -p {pathlib.Path(path).parent} && cat >{path} <<'END-OF-FILE'\n{text}\nEND-OF-FILE\n"
             f"truncate -s -1 {path}"

@@ -1,7 +1,7 @@
-"""Tries what a sandbox is to forbid, and prints how each ended, as JSON.
+"""Tries the actions that a sandbox has to forbid, and prints the result of each, as JSON.
 
 usage: probe.py OTHER OUTSIDE STATE FOLDER
-OTHER is the process of another user, OUTSIDE a file in /tmp, STATE a folder of the service's own, FOLDER the one around it.
+OTHER is a process of another user, OUTSIDE a file in /tmp, STATE a folder of the service, FOLDER its parent.
 """
 import ctypes
 import json
@@ -18,7 +18,7 @@ libc.mmap.argtypes = [ctypes.c_void_p, ctypes.c_size_t, *[ctypes.c_int] * 3, cty
 
 
 def did(result):
-    """Of a C function: 0 or more is good."""
+    """Raises the error of a C function that returned a negative number."""
     if result < 0:
         raise OSError(ctypes.get_errno(), os.strerror(ctypes.get_errno()))
 
@@ -29,7 +29,7 @@ def has(condition):
 
 
 def child(action):
-    """In a process of its own: what it changes is gone with it."""
+    """Runs the action in a child process, so that its changes end with it."""
     pid = os.fork()
     if pid == 0:
         try:
@@ -54,7 +54,7 @@ def write(path):
 
 
 def code_of(file):
-    """Maps machine code of a file. Nothing calls it."""
+    """Maps machine code of a file as executable, without calling it."""
     os.write(file, b"\xc3" * 4096)
     address = libc.mmap(None, 4096, mmap.PROT_READ | mmap.PROT_EXEC, mmap.MAP_PRIVATE, file, 0)
     os.close(file)

@@ -1,4 +1,4 @@
-"""What is built for others: packages in a folder of theirs, and a platform of their own."""
+"""Building for other places: packages in a chosen folder, and a platform of one's own."""
 import json
 import re
 import shutil
@@ -21,7 +21,7 @@ def test_packages_go_into_no_folder_with_other_things_in_it(tmp_path):
 
 @pytest.fixture(scope="module")
 def port(tmp_path_factory):
-    """A tree with the copies that docs/PORTING.md begins with, configured."""
+    """A tree with the copies from the beginning of docs/PORTING.md, configured."""
     tree = tmp_path_factory.mktemp("port")
     listed = subprocess.run(["git", "-C", TREE, "ls-files", "-z"], check=True, capture_output=True, text=True)
     for name in filter(None, listed.stdout.split("\0")):

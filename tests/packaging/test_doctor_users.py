@@ -1,4 +1,4 @@
-"""The doctor as each user starts it, with the installed policy, real users and nothing prepared."""
+"""The doctor started by each user, with the installed policy and real users, without preparation."""
 import os
 import subprocess
 
@@ -13,7 +13,7 @@ CLOSED = {"settings", "token", "key", "route", "name lookup", "TCP", "TLS", "HTT
 
 @pytest.fixture
 def service(device, policy_bus, accounts, run_service):
-    """The daemon as its user, with certificates and variables that nobody else has."""
+    """The daemon under its user, with certificates and variables that only the daemon sees."""
     os.chmod(device.file, 0o640)
     os.chown(device.file, 0, accounts.service_group)
     return run_service(
@@ -27,7 +27,7 @@ def service(device, policy_bus, accounts, run_service):
 
 @pytest.fixture
 def doctor(policy_bus, accounts, device, installed):
-    """A function that starts the doctor as somebody, on a machine with the installation's accounts."""
+    """A function that starts the doctor as a user, on a machine with the installation's accounts."""
 
     def started(who, *arguments, has_policy=True):
         name = "system.d/org.plevo.billingservice.conf"

@@ -1,4 +1,4 @@
-"""Manuals, completions, unit and profile, as the programs that read them see them."""
+"""Manuals, completions, unit and profile, read by the programs that use them."""
 import os
 import pathlib
 import pty
@@ -39,7 +39,7 @@ def test_a_manual_renders_without_a_warning(name, installed):
     assert (done.returncode, done.stderr) == (0, "")
     assert "NAME" in done.stdout
     needs("mandoc")
-    # Without a date, so that a build can be repeated.
+    # A manual has no date, so that builds are reproducible.
     complaints = [
         line for line in run("mandoc", "-T", "lint", "-W", "warning", manual).stdout.splitlines() if "missing date" not in line
     ]
@@ -82,7 +82,7 @@ def test_the_manual_of_the_interface_says_which_result_comes_when(installed):
         "NoReply",
     ]
     assert set(said.values()) == {"yes", "no", "perhaps"}
-    # Each error is described below it.
+    # The text below the table describes each error.
     errors = set(re.findall(r"^\.B org\.freedesktop\.DBus\.Error\.(\w+)$", manual, re.MULTILINE))
     assert {result.split(",")[0] for result in said if result[0].isalpha()} <= errors
 
@@ -106,7 +106,7 @@ def test_a_completion_parses(shell, end, installed):
 
 
 class Zsh:
-    """A shell at a terminal, with the installed completion."""
+    """A zsh on a terminal, with the installed completion."""
 
     def __init__(self, completions, home):
         self._pid, self._terminal = pty.fork()
@@ -123,7 +123,9 @@ class Zsh:
         self._read_until("ready")
 
     def completed(self, line):
-        """What is shown when Tab is pressed behind a line; at the end the line that it became, in angles."""
+        """Types the line and presses Tab.
+        @return the shown text; at its end the completed line in angle brackets
+        """
         self._send(f"{line}\t\x18")
         return self._read_until(">")
 
@@ -190,7 +192,7 @@ def test_the_profile_is_for_the_installed_daemon(installed):
 
 
 def rights(profile, path, is_own):
-    """What the file rules of a profile let the daemon do with a file."""
+    """The rights that the profile's file rules give the daemon for a file."""
     found = set()
     for owner, pattern, letters in re.findall(r"^ +(owner )?(/\S+) ([a-z]+),$", profile, re.MULTILINE):
         pattern = re.escape(pattern).replace(r"\*\*", ".+").replace(r"\*", "[^/]+")
@@ -235,7 +237,7 @@ def test_the_profile_allows_no_more(path, is_own, refused, installed):
 
 
 def test_the_profile_lets_the_daemon_own_its_name(installed):
-    # For the bus that is a call and a binding.
+    # Owning a name needs the right to call RequestName and the right to bind the name.
     profile = " ".join(installed.one("examples/apparmor").read_text().split())
     assert "dbus bind bus=system name=org.plevo.billingservice," in profile
     (calls,) = re.findall(r"dbus send bus=system path=/org/freedesktop/DBus [^,]*?member=\{([^}]*)\}", profile)
@@ -243,13 +245,13 @@ def test_the_profile_lets_the_daemon_own_its_name(installed):
 
 
 def test_the_profile_lets_the_daemon_ask_what_its_callers_have_not_read(installed):
-    """Denied, it could not bound what a caller that reads nothing costs the others."""
+    """Without these calls the service could not limit the cost of a caller that reads nothing."""
     rules = re.findall(
         r"dbus send bus=system path=\S+ interface=(\S+) member=(\{[^}]*\}|\w+)",
         " ".join(installed.one("examples/apparmor").read_text().split()),
     )
     allowed = {(interface, member) for interface, members in rules for member in members.strip("{}").split(",")}
-    # The abstraction dbus-strict has these.
+    # The abstraction dbus-strict allows these calls.
     allowed |= {("org.freedesktop.DBus", member) for member in ("AddMatch", "GetNameOwner")}
     source = (TREE / "service/bus/BusFilter.cpp").read_text(encoding="utf-8")
     asked = re.findall(r'(BUS_NAME|"org\.freedesktop\.DBus\.[\w.]+"),\s*"(\w+)"', source)
@@ -269,7 +271,7 @@ def test_the_unit_is_exposed_little(installed):
 
 
 def test_the_unit_is_one_that_systemd_understands(installed, folder):
-    """In a root of its own, where what the unit names is there."""
+    """Verifies the unit in a root folder that contains the files it names."""
     unit = installed.one("billing-service.service")
     root = folder / "root"
     there = root / "etc/systemd/system/billing-service.service"

@@ -1,4 +1,4 @@
-"""What the built programs have against faults of memory, whatever flags the packager gives."""
+"""Protection of the built programs against memory faults, whatever flags a packager sets."""
 import json
 import os
 import pathlib
@@ -15,7 +15,7 @@ BUILD = daemon.binary().parents[1]
 PROGRAMS = ["service/billing-service", "client/billingctl", "platform/provision/billing-provision"]
 LIBRARY = "platform/linux/libbilling-platform.so"
 
-# The first instruction of what may be jumped to, where the processor checks that.
+# First instruction of a function that may be the target of an indirect jump, where the processor checks that.
 LANDING = {"x86_64": "endbr64", "aarch64": "(bti|paciasp)"}.get(platform.machine())
 
 
@@ -29,7 +29,9 @@ def option(name, build=BUILD):
 
 
 def lacks(path, entry="main"):
-    """What the file lacks. @param entry  the function that is looked at for its first instruction"""
+    """The protections that a file lacks.
+    @param entry function whose first instruction is checked
+    """
     told = run("readelf", "--wide", "--file-header", "--segments", "--dynamic", "--dyn-syms", path)
     found = {
         "position independent": re.search(r"Type: +DYN", told),

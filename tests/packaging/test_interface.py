@@ -1,4 +1,4 @@
-"""The introspection XML is what the live object shows."""
+"""The introspection XML equals that of the live object."""
 from gi.repository import Gio
 
 from billing_lab import bus as message_bus
@@ -7,7 +7,7 @@ NAME = "org.plevo.billingservice"
 
 
 def described(node):
-    """All that a caller can see of an interface: methods, arguments, their types; signals and properties."""
+    """The parts of an interface that a caller sees: methods, arguments, their types; signals and properties."""
     interface = node.lookup_interface(NAME)
     return {
         "methods": [

@@ -24,7 +24,7 @@ def test_calls_start_the_unit_and_it_comes_back_and_ends(device):
     assert NAMED in device.do(AS_APP)
     first = wait_until(device, "running")
     assert device.do(f"stat -c %U /proc/{first['MainPID']}").strip() == "billing-service"
-    # The version is that of what runs, whatever lies in its place by now.
+    # The printed version is that of the running program, although another file has its path now.
     daemon = "/usr/local/libexec/billing-service"
     version = device.do(f"{daemon} --version; mv {daemon} /usr/local/before; touch {daemon}").split()[1]
     assert re.search(rf"^version +{version}$", device.do("billingctl status"), re.MULTILINE)
@@ -57,7 +57,7 @@ def test_callers_are_answered_however_often_it_ends(device):
 
 
 def test_a_call_waits_for_a_service_that_cannot_start_and_is_answered_after_the_repair(device):
-    """A library that is missing for a while. The bus waits 25 s for a service that it starts, and then says so."""
+    """A library is missing for a while. The bus waits 25 s for the service that it starts, and then reports an error."""
     device.do(f"mv {FOLDER}/libbilling-platform.so.1 /tmp/away")
     said = device.run("sh", "-c", AS_APP).stderr
     assert "Failed to activate service" in said and "systemctl start billing-service" in said
@@ -67,7 +67,7 @@ def test_a_call_waits_for_a_service_that_cannot_start_and_is_answered_after_the_
 
 
 def journalled(machine, since):
-    """What the service has told the journal since then: (records, bytes of them with journald's own fields)."""
+    """The service's records in the journal since that time: (records, their size in bytes with journald's own fields)."""
     text = machine.do(
         f"journalctl --sync && journalctl -t BILLING_SERVICE -t BILLING_PLATFORM --no-pager -o export --since=@{since}"
     )
@@ -148,7 +148,7 @@ def test_the_unit_s_sandbox_forbids_what_its_directives_say(device):
     device.write("/usr/local/lib/probe.py", (HERE / "probe.py").read_text(encoding="utf-8"))
     other = device.do("touch /tmp/outside; systemctl show -p MainPID --value store").strip()
     asked = f"/usr/bin/python3 /usr/local/lib/probe.py {other} /tmp/outside /var/lib/billing-service /etc/plevo"
-    # The probe is a program in Python; the daemon needs no interpreter.
+    # The probe is a Python program, so the interpreter needs the right to run; the daemon needs none.
     said = json.loads(device.do(PROBE.format(program=asked, more="ExecPaths=/usr/bin/python3")))
     assert said.pop("writes its own state") == "done"
     user = device.do("id -u billing-service; id -g billing-service").split()
@@ -179,7 +179,7 @@ def test_anybody_may_have_the_service_started_and_nobody_else_is_answered(device
 
 
 def maintain(machine, script, argument, prefix=""):
-    """Runs a script of the package, for the place where the daemon is here."""
+    """Runs a maintainer script of the package, with the daemon's path on this machine."""
     text = (TREE / f"debian/billing-service.{script}").read_text(encoding="utf-8")
     assert "#DEBHELPER#" in text
     machine.write("/run/maintain", text.replace("/usr/libexec/", "/usr/local/libexec/"))

@@ -1,4 +1,4 @@
-"""Who may be the service and who may call it, with the installed policy and real users."""
+"""Who may own the service's name and who may call it, with the installed policy and real users."""
 import json
 import pathlib
 import shutil
@@ -32,8 +32,9 @@ REFUSED = [
 ]
 TO_A_MEMBER = {**ALLOWED, **dict.fromkeys(REFUSED, DENIED)}
 TO_OTHERS = dict.fromkeys(TO_A_MEMBER, DENIED)
-# RequestName answers that somebody else owns it.
-# What a caller has not read it may ask. A refusal of its own name would also meet the doctor, which looks as this user.
+# RequestName answers that another connection owns the name.
+# The service may ask what a caller has not read. A rule that refuses calls of its own name would also affect the
+# doctor, which runs as this user.
 TO_THE_SERVICE = {
     **TO_OTHERS,
     "own its name": ANSWERED,
@@ -45,7 +46,7 @@ TO_THE_SERVICE = {
 
 @pytest.fixture
 def ask(folder, policy_bus, accounts):
-    """A function that makes every kind of call as somebody."""
+    """A function that makes every kind of call as a user."""
     script = folder / "ask.py"
     shutil.copy(pathlib.Path(__file__).with_name("ask.py"), script)
 
@@ -88,7 +89,7 @@ def test_nobody_else_may_be_the_service_when_it_is_not_there(who, ask):
 
 @pytest.fixture
 def managed_bus(folder, installed, accounts):
-    """A bus that starts what is called by a service manager, in whose place the test is."""
+    """A bus that starts services by a service manager; the test acts as the manager."""
     running = PolicyBus(folder, installed, accounts, names=["org.freedesktop.systemd1"], arguments=["--systemd-activation"])
     yield running
     running.stop()
@@ -146,6 +147,6 @@ def test_the_first_call_starts_the_unit_if_the_caller_may_call(who, units, error
         GLib.MainContext.default().iteration(False)
         time.sleep(0.01)
     assert started_units == units
-    # Here nobody starts the unit, so the call of who may call it is never answered.
+    # The unit does not start here, so a permitted call gets no answer.
     assert f"org.freedesktop.DBus.Error.{error}" in call.stderr.read()
     call.stderr.close()

@@ -1,4 +1,4 @@
-"""The commands of docs/RENEWAL.md, as they stand there, on a booted device."""
+"""The commands of docs/RENEWAL.md, run unchanged on a booted device."""
 import json
 
 import pytest
@@ -16,7 +16,7 @@ def home(machine, *steps):
 
 
 def answer(machine):
-    """@return who the store says has asked, and by which certificate"""
+    """@return name and serial number of the client's certificate, as the store reports them"""
     found = json.loads(machine.do(AS_APP))
     return found["asked by"], found["serial"]
 
@@ -45,7 +45,7 @@ def test_a_new_key_takes_over_from_the_old_one_and_gives_way_again(device):
     home(device, PAGE["rekey"])
     assert answer(device) == first
     home(device, "python3 sign.py")
-    # A power cut in the middle is seen, and the old pair still works in what runs.
+    # After a power cut in the middle the status reports the mismatch, and the running service still uses the old pair.
     before, after = PAGE["rekeyed"].split("mv ", 1)
     home(device, before)
     assert status(device)[0] == 4 and answer(device) == first
@@ -116,7 +116,7 @@ PLACE = "/usr/apps/org.plevo.billing-api/res/certificate"
 
 
 def image(machine, *made):
-    """Makes the running system that of an image, with a data partition and /usr read-only."""
+    """Turns the running system into one with a read-only /usr and a data partition."""
     machine.do("mkdir -p /data && mount -t tmpfs tmpfs /data")
     machine.write("/tmp/fstab", PAGE["fstab"])
     machine.do(

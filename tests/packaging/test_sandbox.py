@@ -1,4 +1,4 @@
-"""The unit's sandbox, as far as it can be had without a service manager, around the real daemon with its token."""
+"""The unit's sandbox around the real daemon with its token, as far as it can be set up without a service manager."""
 import json
 import os
 import pathlib
@@ -18,7 +18,7 @@ from harness import server
 
 HERE = pathlib.Path(__file__).parent
 
-# What bubblewrap and the test's own set-up do of the unit.
+# Directives that bubblewrap and the test's own set-up apply.
 SURROUNDED = {
     "ProtectSystem",
     "ProtectHome",
@@ -38,29 +38,31 @@ SURROUNDED = {
     "BusName",
     "ExecStart",
 }
-# What only a service manager does: test_manager.py.
+# Directives that only a service manager applies; test_manager.py tests them.
 MANAGED = {"Restart", "RestartSec"}
-# What nothing here provokes. The documentation lists them.
+# Directives that no test triggers. The documentation lists them.
 UNTRIED = {"DevicePolicy", "MemoryHigh", "MemoryMax", "RemoveIPC", "TasksMax", "TimeoutStartSec", "TimeoutStopSec"}
 
 
 def let_service_read(device, accounts):
-    """As the documentation has it: root's, and readable for the service alone."""
+    """Sets the documented rights: root owns the file, and only the service may read it."""
     os.chown(device.file, 0, accounts.service_group)
     os.chmod(device.file, 0o640)
 
 
 def readable(path):
-    """Folders that bubblewrap would make for their owner alone, of a path and those above it."""
+    """Arguments that make bubblewrap create a path and its parents for all users; by default only their owner could
+    enter them.
+    """
     folders = [path, *pathlib.Path(path).parents][-3::-1]
     return [word for folder in folders for word in ("--perms", "0755", "--dir", str(folder))]
 
 
 @pytest.fixture
 def sandbox(folder, installed, accounts, device):
-    """The command that runs what follows it as the unit says."""
+    """The command prefix that runs a program inside the unit's sandbox."""
     unit = folder / "billing-service.service"
-    # What runs here, runs by Python, and lies in a folder of the tests' own.
+    # Programs of the test need Python and lie in a folder of the tests.
     unit.write_text(
         installed.one("billing-service.service")
         .read_text(encoding="utf-8")
@@ -70,7 +72,7 @@ def sandbox(folder, installed, accounts, device):
     for name in ("confine.py", "probe.py"):
         shutil.copy(HERE / name, folder)
     command = view.bubblewrap(device.certificates, device.credentials.certificates)
-    # The whole system can only be read, and of devices, homes and temporary files nothing is there.
+    # The whole system is read-only; devices, home folders and temporary files are hidden.
     command[command.index("--dev-bind") : command.index("--tmpfs")] = [
         "--ro-bind",
         "/",
@@ -141,7 +143,7 @@ def test_the_daemon_works_in_its_sandbox(sandbox, folder, run_service, policy_bu
     store.answer = server.Reply(b'{"in": "a sandbox"}')
     assert caller.call("get_product_list", "app", "", "") == (0, '{"in": "a sandbox"}')
     assert store.requests[-1].client is not None
-    # From now on the kernel's routing table is asked.
+    # From here on the daemon asks the kernel's routing table.
     device.set("network", "default_gateway", "auto")
     let_service_read(device, accounts)
     assert caller.call("check_server_availability")[0] in (0, 1160003)
@@ -157,7 +159,7 @@ def test_the_daemon_works_in_its_sandbox(sandbox, folder, run_service, policy_bu
 
 @pytest.fixture
 def probed(sandbox, folder):
-    """What a program in the sandbox could do. The probe's parts are asked all at once."""
+    """Results of the probe in the sandbox. The probe tries all its actions in one run."""
     outside = folder.parent / "outside"
     outside.write_text("x", encoding="ascii")
     os.chmod(outside, 0o644)
@@ -184,7 +186,8 @@ def test_the_sandbox_forbids_what_its_directives_say(probed, accounts, folder):
     assert probed.pop("writes its own state") == "done"
     assert probed.pop("is") == [accounts.service, accounts.service_group]
     assert {what for what, outcome in probed.items() if outcome == "done"} == set()
-    # Without the sandbox these work, so it is the sandbox that refuses them. A container may refuse some by itself.
+    # Actions that succeed without the sandbox: those are refused by the sandbox itself. A container may refuse some on
+    # its own.
     shown = {what for what in probed if allowed[what] == "done"}
     print("refused by the machine too:", sorted(set(probed) - shown))
     assert len(shown) > len(probed) / 2

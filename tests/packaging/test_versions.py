@@ -1,4 +1,4 @@
-"""The version stands in one place for each language, and all of them say the same."""
+"""The version is defined once for each language, and all definitions are equal."""
 import re
 import subprocess
 import sys

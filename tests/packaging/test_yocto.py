@@ -1,4 +1,4 @@
-"""The Yocto recipe beside the tree: nothing here parses it as bitbake does, but it says what the tree does."""
+"""The Yocto recipe of the tree. Only its forms and facts are checked, because bitbake does not run here."""
 import fnmatch
 import hashlib
 import json
@@ -10,7 +10,7 @@ import pytest
 from installation import CALLERS, SERVICE_USER, TREE
 
 RECIPES = TREE / "packaging/yocto/recipes-billing/billing-service"
-# Of bitbake's own, as they are on a system whose prefix is /usr.
+# Variables of bitbake, with their values for the prefix /usr.
 KNOWN = {
     "PN": "billing-service",
     "D": "",
@@ -35,7 +35,7 @@ def expand(text):
 
 @pytest.fixture(scope="module")
 def recipe():
-    """The variables that are set, with what is added to them."""
+    """The variables of the recipe, with the values that are appended to them."""
     text = next(RECIPES.glob("*.bb")).read_text(encoding="utf-8").replace("\\\n", " ")
     found = {}
     for name, value in re.findall(r'^(\S+) (?:\?=|\+=|=\+|=) "([^"]*)"$', text, re.MULTILINE):
@@ -46,7 +46,7 @@ def recipe():
 
 @pytest.fixture(scope="module")
 def files(tmp_path_factory, recipe):
-    """What is installed where the recipe's options hold, but for what it takes away."""
+    """The installed files with the recipe's options, without those that the recipe removes."""
     folder = tmp_path_factory.mktemp("yocto")
     subprocess.run(
         ["meson", "setup", folder / "build", TREE, "--prefix=/usr", "--libdir=lib", *recipe["EXTRA_OEMESON"].split()],
@@ -108,7 +108,7 @@ def test_users_are_those_of_the_unit_and_of_the_bus_policy(recipe):
     assert "--home-dir /var/lib/billing-service " in recipe["USERADD_PARAM:billing-service"]
 
 
-# The forms of lines that bitbake knows, of those that a recipe like this one needs.
+# The forms of lines in bitbake's syntax that a recipe like this one needs.
 LINE = re.compile(
     r"""\#.*|inherit(\ [a-z]+[a-z_0-9]*)+|[A-Z_]+(:\$\{PN\}|:[a-z]+)?(-[a-z]+)?\ (\?=|\+=|=\+|=)\ "[^"]*"|""", re.VERBOSE
 )
@@ -116,7 +116,9 @@ FUNCTION = re.compile(r"^[a-z_]+(:append)?\(\) \{\n(.*?)^\}\n", re.MULTILINE | r
 
 
 def test_its_syntax_is_bitbakes():
-    """As far as it can be told without it: the form of each line, shell and Python, and that each variable is known."""
+    """The checks that are possible without bitbake: the form of each line, shell and Python, and that each variable is
+    known.
+    """
     text = next(RECIPES.glob("*.bb")).read_text(encoding="utf-8")
     for _, body in FUNCTION.findall(text):
         subprocess.run(["sh", "-n"], input=re.sub(r"\$\{\w+\}", "x", body), check=True, text=True)
@@ -127,7 +129,7 @@ def test_its_syntax_is_bitbakes():
     assert set(re.findall(r"\$\{(\w+)\}", text)) <= set(KNOWN)
 
 
-# What pkg-config calls what a recipe provides.
+# pkg-config's names of what a recipe provides.
 PROVIDED = {
     "glib-2.0": "glib-2.0",
     "gio-2.0": "glib-2.0",

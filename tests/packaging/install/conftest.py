@@ -1,5 +1,6 @@
 """The Debian packages, and a bare Debian to install them in. Needs root and a Debian mirror; the bare root is kept in
-build/cache for the next run."""
+build/cache for the next run.
+"""
 import os
 import pathlib
 import re
@@ -15,7 +16,7 @@ OURS = "billing-service billingctl billing-lab billing-service-dev"
 
 @pytest.fixture(scope="session")
 def packages():
-    """The folder with the packages: that of $BILLING_PACKAGES, else just built."""
+    """The folder with the packages: $BILLING_PACKAGES, or a fresh build."""
     if "BILLING_PACKAGES" in os.environ:
         return pathlib.Path(os.environ["BILLING_PACKAGES"])
     folder = TREE / "build" / "packages"
@@ -25,7 +26,7 @@ def packages():
 
 @pytest.fixture(scope="session")
 def bare_root():
-    """An archive of a Debian that has what every Debian has, and nothing more."""
+    """An archive of a minimal Debian."""
     if os.geteuid() != 0:
         pytest.skip("a root of its own needs root")
     archive = TREE / "build" / "cache" / f"{SUITE}.tar"
@@ -41,7 +42,7 @@ def bare_root():
 
 @pytest.fixture(scope="session")
 def machine(bare_root, packages):
-    """A bare Debian with the packages at hand and what they depend on installed."""
+    """A minimal Debian with the package files, whose dependencies are installed."""
     with tempfile.TemporaryDirectory(prefix="billing-") as folder:
         made = Machine(pathlib.Path(folder))
         run("tar", "--extract", "--file", bare_root, "--directory", folder)
@@ -63,14 +64,16 @@ def machine(bare_root, packages):
 
 @pytest.fixture
 def installed(machine):
-    """The machine with the packages installed; afterwards nothing is left of them but two names."""
+    """The machine with the packages installed. After the test they are purged, and only the service's user and group may
+    remain.
+    """
     before, users = machine.files(), machine.users()
     machine.do("dpkg --install /packages/*.deb")
     yield machine
     machine.do(f"rm -rf /tmp/home && dpkg --purge {OURS}")
     after = machine.files()
     assert (sorted(after - before), sorted(before - after)) == ([], [])
-    # The service's user and the group stay: nobody else is to get their numbers.
+    # The service's user and group stay, so that no other account gets their ids.
     ours = re.compile(r"^billing(-service)?:.*\n", re.MULTILINE)
     assert [ours.sub("", text) for text in machine.users()] == [ours.sub("", text) for text in users]
     assert [len(ours.findall(text)) for text in machine.users()] == [1, 2]

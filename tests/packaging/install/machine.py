@@ -14,8 +14,8 @@ def run(*command, **options):
 class Machine:
     """A Debian in a folder."""
 
-    # With processes of its own, all of which end with the command. Not by chroot: the kernel gives no namespaces to
-    # users in one, and the lab needs them.
+    # Enters a PID namespace, so that all processes end with the command. chroot is no choice: in a chroot the kernel
+    # denies users new namespaces, and the lab needs them.
     ENTER = [
         "unshare",
         "--mount",
@@ -33,7 +33,9 @@ class Machine:
         self.root = root
 
     def do(self, script, timeout=300):
-        """Runs a shell script there, as root. @return what it printed"""
+        """Runs a shell script in that Debian, as root.
+        @return its output
+        """
         return run(
             *self.ENTER,
             self.root,
@@ -50,13 +52,13 @@ class Machine:
         )
 
     def files(self):
-        """Every file and folder with its type, rights and owner, but for records of what was installed when."""
+        """Every file and folder with its type, rights and owner, without the records of package managers and logs."""
         listed = self.do(
             r"find / -xdev \( -path /proc -o -path /dev -o -path /run -o -path /sys -o -path /tmp "
             r"-o -path /var/log -o -path /var/cache -o -path /var/lib/dpkg -o -path /var/lib/apt "
             r"-o -path /packages \) -prune -o -printf '%p %y%m %u:%g %l\n'"
         )
-        # Backups of the databases of users stay, as after every change of them.
+        # Backup files of the user database remain, as after each change of it.
         return {
             line
             for line in listed.splitlines()

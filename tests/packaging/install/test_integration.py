@@ -1,4 +1,4 @@
-"""A device is made on a bare Debian with the commands of docs/INTEGRATION.md, taken from there."""
+"""The commands of docs/INTEGRATION.md, taken from the page, set up a device on a bare Debian."""
 from first_answer import PIN, SETTINGS, SIGN, SO_PIN, STORE, documented
 
 
@@ -17,7 +17,7 @@ def test_a_device_is_made_as_the_page_says_and_the_doctor_finds_nothing(installe
     said = installed.do(
         "\n".join(
             [
-                # A shell that traces shows the arguments of its commands.
+                # The shell traces its commands, so a PIN among their arguments would be in its output.
                 "cd /tmp/home && chmod 600 pin so-pin && exec 2>shown && set -x",
                 "billing-provision lab made --host localhost >/dev/null",
                 "cp made/ca.pem made/ca.key made/server.pem made/server.key .",
@@ -29,7 +29,7 @@ def test_a_device_is_made_as_the_page_says_and_the_doctor_finds_nothing(installe
                 "python3 sign.py",
                 page.install,
                 "mkdir -p /run/dbus && dbus-daemon --system --nopidfile",
-                # In place of the unit, with its environment.
+                # The command replaces the unit and uses its environment.
                 "setpriv --reuid=billing-service --regid=billing-service --clear-groups /usr/libexec/billing-service 2>log &",
                 "for i in $(seq 100); do grep -q 'was acquired' log && break; sleep 0.1; done",
                 page.doctor + " 2>&1 || { cat log store.log shown; exit 1; }",

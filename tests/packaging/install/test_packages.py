@@ -1,4 +1,4 @@
-"""The Debian packages on a machine that never saw this tree."""
+"""The Debian packages on a machine without the source tree."""
 import hashlib
 import json
 import os
@@ -12,7 +12,7 @@ from machine import TREE, run
 
 PORTING = dict(re.findall(r"```sh ([a-z]+)\n(.*?)```", (TREE / "docs/PORTING.md").read_text(encoding="utf-8"), re.DOTALL))
 
-# An ordinary user, with a home and nothing else.
+# An ordinary user with a home folder.
 A_USER = (
     "mkdir -p /tmp/home && chown 12346 /tmp/home && cd /tmp/home && "
     "setpriv --reuid=12346 --regid=12346 --clear-groups env HOME=/tmp/home PATH=/usr/bin:/bin sh -ec"
@@ -61,7 +61,7 @@ def test_a_user_s_lab_runs_on_what_is_installed(installed):
 
 
 def test_the_bus_starts_the_service_for_who_may_call_it(installed):
-    """The machine's own system bus, with the rules and the activation that were installed."""
+    """The machine's own system bus with the installed policy and activation."""
     said = installed.do(
         """
         mkdir -p /run/dbus && dbus-daemon --system --nopidfile
@@ -78,7 +78,7 @@ def test_the_bus_starts_the_service_for_who_may_call_it(installed):
     )
     denied, status, refused, refused_status = said.splitlines()[:4]
     assert "error" in json.loads(denied) and status == "status 5"
-    # It has no settings yet, so it says that nothing can be asked.
+    # The device has no settings yet, so the service refuses the call.
     assert json.loads(refused)["resp_result"] == 1160003 and refused_status == "status 4"
     user = installed.do("id -u billing-service").strip()
     assert f"owner {user}" in said
@@ -169,7 +169,7 @@ def test_every_header_can_be_used_alone(packages, tmp_path):
     headers = sorted((tmp_path / "usr/include/billing-service/platform").glob("*.h"))
     assert len(headers) > 10
     for header in headers:
-        # The curl wrapper is C++; all others are C.
+        # The header of the curl wrapper is C++; all others are C.
         languages = ["c++"] if header.name == "MZCurl.h" else ["c", "c++"]
         for language in languages:
             run(
@@ -187,7 +187,7 @@ def test_every_header_can_be_used_alone(packages, tmp_path):
 
 
 def test_reinstallation_and_upgrade_end_a_daemon_that_runs_without_systemd(installed):
-    """The next call starts the one that was installed. With systemd: tests/packaging/test_manager.py."""
+    """The next call starts the newly installed daemon. tests/packaging/test_manager.py tests this with systemd."""
     said = installed.do(
         """
         mkdir -p /run/dbus && dbus-daemon --system --nopidfile
@@ -245,7 +245,7 @@ def test_the_debug_symbols_name_functions_in_a_core_that_root_takes(packages, tm
         },
     ) as service:
         try:
-            # The worker runs by then.
+            # The worker thread runs once this line is logged.
             assert any("was acquired" in line for line in service.stderr)
             commands = CORE.replace("/usr/libexec/billing-service", str(program)).replace(
                 "gdb -batch", f"gdb -batch -iex 'set debug-file-directory {tmp_path}/usr/lib/debug'"
