@@ -1,14 +1,14 @@
-// connector_stress.cpp - the connector and the curl wrapper under load: every request that is
-// accepted has to be answered once, whatever the two threads do at the same moment.
+// connector_stress.cpp - the connector and the curl wrapper under load: every accepted request has to be
+// answered exactly once, for any timing of the two threads.
 //
 //   connector_stress [requests [seed]]
 //
-// Requests come from the main thread, with one to a thousand in flight, of many senders and to many
-// paths, over http and https, good ones mixed with addresses that fail at once and with servers that
-// hang up. More are in flight than there are slots at times. Then one sender asks until it is
-// refused, while another one is not. At the end the connector is stopped, several times and in
-// whatever state, with transfers that would never end. Exit status 0: nothing lost, nothing answered
-// twice or after the stop, no wrong answer, no hang.
+// The main thread submits requests of many senders to many paths, over http and https, with one to a thousand
+// in flight and sometimes more than there are slots. Some have URLs that fail at once, some go to paths where
+// the server hangs up. Then one sender submits until it is refused, while another one is still accepted. At
+// the end the connector is stopped several times at random moments, with transfers that never end. Exit
+// status 0: no request was lost, answered twice, answered after the stop or answered wrongly, and nothing
+// hung.
 #include "BillingHttpConnector.h"
 #include "test_server.h"
 
@@ -39,10 +39,10 @@ using Clock = std::chrono::steady_clock;
 
 constexpr std::chrono::seconds STALLED{60};
 
-/// More than there are slots, and fewer than the wrapper accepts.
+/// More than the number of slots, and fewer than the wrapper accepts.
 constexpr unsigned MOST_AT_ONCE = 4 * BILLING_TRANSFERS;
 
-/// The wrapper accepts fewer of one sender.
+/// More than the wrapper accepts of one sender.
 constexpr unsigned MOST_ACCEPTED = 20000;
 
 std::atomic<unsigned> g_uOfferedEarly{0};
@@ -57,8 +57,8 @@ double SecondsSince(Clock::time_point start)
 
 extern "C" {
 
-/// In place of the platform's: formats nothing, and counts the completions that came before their
-/// request was on the list. They are what the stress is about.
+/// Replaces the platform's function: formats nothing, and counts completions that came before their request
+/// was on the list. The stress exists because of those.
 int __dlog_print(log_priority, const char*, const char* format, ...)
 {
     if (std::strstr(format, "This handle has been processed before") != nullptr) {
@@ -67,7 +67,7 @@ int __dlog_print(log_priority, const char*, const char* format, ...)
     return 0;
 }
 
-/// In place of OpenSSL's: the connector names a CA file of the device, which a test cannot write.
+/// Replaces OpenSSL's function: the connector names the device's CA file, which a test cannot write.
 int X509_STORE_load_file(X509_STORE* store, const char*)
 {
     using Function = int (*)(X509_STORE*, const char*);
@@ -88,14 +88,14 @@ struct ConnectorProbe {
 
 namespace {
 
-/// One request and what came back.
+/// One request and its answers.
 struct Ticket {
-    std::string strExpected;  ///< the body; empty: a failure
+    std::string strExpected;  ///< the expected body; empty: a failure
     unsigned uCalls = 0;
     bool bRight = false;
 };
 
-/// All requests of the run. Callbacks come on the worker, submissions on the main thread.
+/// All requests of the run. Threads: callbacks come on the worker, submissions on the main thread.
 class Ledger {
 public:
     explicit Ledger(std::size_t count) : m_tickets(count) {}
@@ -133,7 +133,7 @@ public:
         return m_answers;
     }
 
-    /// @return whether every request got the one right answer
+    /// @return whether every request got exactly one right answer
     bool report(double seconds)
     {
         const std::lock_guard<std::mutex> guard(m_lock);
@@ -178,7 +178,7 @@ void OnResponseAfterStop(bool, std::string&, void*)
     ++g_uAnsweredAfterStop;
 }
 
-/// Ends the process when nothing is answered any more: a hang is a failure, not a time-out.
+/// Ends the process with an error when no answer comes for a minute, so that a hang is reported as a failure.
 class Watchdog {
 public:
     explicit Watchdog(Ledger& ledger) : m_thread([this, &ledger] { watch(ledger); }) {}
@@ -214,11 +214,11 @@ private:
     std::mutex m_lock;
     std::condition_variable m_changed;
     bool m_done = false;
-    std::thread m_thread;  // last: it uses the others
+    std::thread m_thread;  // last member: the thread uses the others
 };
 
-/// Answers a GET with its path and anything else with its body; hangs up, or stops half-way, or
-/// says nothing, when it is asked to.
+/// Answers a GET with its path and any other method with its body. Special paths make it close, send half an
+/// answer, or never answer.
 void Serve(test::Connection& connection)
 {
     test::Request request;
@@ -239,7 +239,7 @@ void Serve(test::Connection& connection)
     }
 }
 
-/// Makes requests of every kind.
+/// Makes requests of all kinds.
 class Mix {
 public:
     Mix(const std::string& plain, const std::string& tls, unsigned seed)
@@ -256,7 +256,7 @@ public:
     {
         tRequest.bSSL = upTo(8) == 1;
         const std::string& strServer = tRequest.bSSL ? m_tls : m_plain;
-        // Many lanes, of which some are busy: the smaller number is the more frequent one.
+        // Many lanes with different load: smaller numbers are drawn more often.
         const std::string strSender = ":1." + std::to_string(upTo(upTo(30)));
         MZCurl::MZCurlMulti::SetSender(strSender.c_str());
         const std::string strName =
@@ -278,12 +278,12 @@ public:
 private:
     std::string badUrl(const std::string& strServer)
     {
-        // Most of them fail at once: the completion then races with the submission.
+        // Most bad URLs fail at once, so that the completion races with the submission.
         switch (upTo(12)) {
             case 1:
                 return "ftp://127.0.0.1/";
             case 2:
-                // Few: the wrapper tries such a connection for 3.75 s.
+                // Rarely a port that refuses: the wrapper repeats such a connection for 3.75 s.
                 return upTo(20) == 1 ? "http://127.0.0.1:1/" : "http://127.0.0.1:99999/";
             case 3:
                 return strServer + "/hangup";
@@ -318,11 +318,11 @@ void Submit(CHttpConnector& oConnector, Ledger& ledger, Mix& mix, std::size_t co
             ledger.refused();
         }
     }
-    // One in flight, and it is this one that leaves.
+    // Returns when no request is in flight.
     ledger.waitForRoom(1);
 }
 
-/// @return whether the connector comes to rest
+/// @return whether the connector becomes idle
 bool ComesToRest(CHttpConnector& oConnector)
 {
     const auto start = Clock::now();
@@ -336,7 +336,8 @@ bool ComesToRest(CHttpConnector& oConnector)
     return true;
 }
 
-/// A request that nobody will answer, of this sender. @return whether it was accepted
+/// Submits a request of this sender that the server never answers.
+/// @return whether it was accepted
 bool AskInVain(CHttpConnector& oConnector, const std::string& strUrl, const char* szSender)
 {
     static int iUser = 0;
@@ -349,7 +350,7 @@ bool AskInVain(CHttpConnector& oConnector, const std::string& strUrl, const char
     return oConnector.Get(&tRequest, false);
 }
 
-/// @return whether the connector stops in time, with requests that nobody will answer
+/// @return whether the connector stops in time while requests are unanswered
 bool StopsInTime(CHttpConnector& oConnector, unsigned hung)
 {
     const unsigned answered = g_uAnsweredAfterStop;
@@ -362,12 +363,12 @@ bool StopsInTime(CHttpConnector& oConnector, unsigned hung)
     return seconds < 2 && g_uAnsweredAfterStop == answered;
 }
 
-/// @return whether one sender is refused at last, with two thirds of what there is, and another not
+/// @return whether one sender is refused in the end while another sender is still accepted
 bool RefusesOneSender(CHttpConnector& oConnector, const std::string& strUrl, unsigned& accepted)
 {
     const auto start = Clock::now();
     while (AskInVain(oConnector, strUrl, ":1.1")) {
-        // More than any bound of this build: it would go on for ever.
+        // Ends the loop when no bound exists: this is more than any bound of this build.
         if (++accepted > MOST_ACCEPTED) {
             std::printf("one sender had %u requests accepted\n", accepted);
             return false;
@@ -379,7 +380,7 @@ bool RefusesOneSender(CHttpConnector& oConnector, const std::string& strUrl, uns
     return bOther;
 }
 
-/// @return whether the connector stops again and again, in whatever state
+/// @return whether the connector can be stopped again and again, in any state
 bool StopsAtAnyMoment(const std::string& strUrl, Mix& mix)
 {
     for (int iRound = 0; iRound < 10; ++iRound) {
@@ -416,7 +417,7 @@ bool Run(std::size_t count, unsigned seed)
     options.identity = &identity;
     test::TestServer tls(Serve, options);
 
-    // The one of the process: each new connection's TLS context asks for it.
+    // The instance of the process: the TLS context of each new connection asks it for the credentials.
     auto& oConnector = *BillingInstance<CHttpConnector>();
     if (!oConnector.Create()) {
         return false;

@@ -1,13 +1,13 @@
-// main_loop_target.cpp - a process that has everything a SIGTERM handler can trip over, and a
-// handler that does a whole teardown. Driven by main_loop_torture.py, which sends the signals.
+// main_loop_target.cpp - a process in which a SIGTERM handler could fail in many ways, with a handler that
+// does a whole teardown. main_loop_torture.py starts it and sends the signals.
 //
 // usage: main_loop_target idle|busy|again
 //   idle   sleeps in the loop
-//   busy   never sleeps, and a second thread writes the pipe
+//   busy   never sleeps, and a second thread writes to the pipe
 //   again  like idle, and a second SIGTERM comes while the first one is handled
-// Prints "ready" when the loop is about to begin (busy: when both Ecore and GLib have dispatched
-// something), and at the end how often the handler ran and what was dispatched, before and after
-// the end of the loop. Ends by SIGALRM when all that takes longer than a minute.
+// Prints "ready" when the loop is about to begin (busy: when both Ecore and GLib have dispatched an event).
+// At the end it prints how often the handler ran and the number of dispatched events, before and after the
+// end of the loop. SIGALRM ends it after a minute.
 #include <platform/log.h>
 #include <platform/process.h>
 
@@ -27,7 +27,7 @@
 
 namespace {
 
-std::mutex g_lock;  // held in every dispatch: a handler that came there would wait for ever
+std::mutex g_lock;  // held in every dispatch: a handler inside a dispatch would deadlock
 std::vector<std::string>* g_texts;
 Ecore_Pipe* g_pipe;
 std::thread* g_writer;
@@ -40,7 +40,7 @@ long g_dispatchedByGlib;
 long g_dispatchedByEcore;
 long g_late;
 
-/// The log is written from the handler, too.
+/// Writes to the log; the handler calls it as well.
 void note(const char* what, long number)
 {
     __dlog_print(DLOG_INFO, "TARGET", "%s: %s(%d) > CountryCode:[%s] %ld", "target.cpp", what, 1,
@@ -132,7 +132,7 @@ void onTerm(int)
     ecore_main_loop_quit();
 }
 
-/// A descriptor that is always ready: the wait ends at once, and never by a signal.
+/// Adds a descriptor that is always readable, so that a signal never ends the wait.
 bool keepReadable()
 {
     int ends[2];

@@ -1,11 +1,11 @@
 #!/usr/bin/python3
-"""Sends signals to main_loop_target at random moments and counts what is not a clean end.
+"""Sends signals to main_loop_target at random moments and counts the ends that are not clean.
 
 usage: main_loop_torture.py TARGET [--rounds N] [--seed N]
 
-A clean end after SIGTERM: exit status 0 within ten seconds, the handler ran, nothing was dispatched
-after the loop was quit. SIGTERM is blocked when the target starts, so that none comes before the
-first line of its main. SIGINT must end the target by its default action.
+A clean end after SIGTERM: exit status 0 within ten seconds, the handler ran, nothing was dispatched after the loop
+was quit. SIGTERM is blocked when the target starts, so that it is not delivered before the first line of main. SIGINT
+must end the target by its default action.
 """
 import argparse
 import collections
@@ -31,7 +31,7 @@ def start(target, mode):
 
 
 def pause(seconds):
-    """Sleeps for a random part of the time."""
+    """Sleeps for a random time below that number of seconds."""
     time.sleep(random.random() * seconds)
 
 
@@ -59,14 +59,14 @@ def interrupt(process):
     process.send_signal(signal.SIGINT)
 
 
-# name, mode of the target, what is sent, handler runs that are right, share of the rounds
+# name, mode of the target, function that sends the signals, correct numbers of handler runs, share of the rounds
 KINDS = [
     ("start-up", "idle", send_while_starting, {1}, 0.30),
     ("start-up, busy", "busy", send_while_starting, {1}, 0.20),
     ("idle", "idle", send_when_ready, {1}, 0.10),
     ("busy", "busy", send_when_ready, {1}, 0.15),
     ("second while the first is handled", "again", send_when_ready, {2}, 0.05),
-    # Two that are pending together are one.
+    # The kernel merges two pending signals of one kind into one.
     ("twice, idle", "idle", send_twice, {1, 2}, 0.05),
     ("twice, busy", "busy", send_twice, {1, 2}, 0.10),
     ("SIGINT", "idle", interrupt, set(), 0.05),
@@ -74,7 +74,7 @@ KINDS = [
 
 
 def fault(process, handler_runs):
-    """What was wrong with the end of the target; nothing when it was clean."""
+    """Description of an unclean end of the target; None for a clean end."""
     try:
         out, _ = process.communicate(timeout=LIMIT)
     except subprocess.TimeoutExpired:
