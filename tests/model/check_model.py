@@ -1,6 +1,7 @@
 #!/usr/bin/python3
-"""Checks the models with spin: as they are, nothing may go wrong; with any of their rules turned off,
-something must, or the check itself would be worth nothing."""
+"""Checks the models with spin. The whole models must hold. With a rule turned off a model must fail, which proves that
+the check can find a fault.
+"""
 
 import re
 import shutil
@@ -9,9 +10,9 @@ import sys
 import tempfile
 from pathlib import Path
 
-SKIPPED = 77  # what the test harness takes for "skipped"
+SKIPPED = 77  # Meson's exit status for a skipped test
 
-# Models, rules turned off, and whether the model must then still hold.
+# Models, rules turned off, and whether the model must still hold.
 RUNS = [
     ("connector", (), True),
     ("connector", ("STOP",), True),
@@ -32,13 +33,14 @@ RUNS = [
     ("slots", ("LOSE_LANE",), False),
 ]
 
-# Is an assertion broken or does somebody wait for ever?
+# Finds a broken assertion or a deadlock.
 SAFETY = ("safety", ["-DSAFETY"])
-# Can the threads run for ever without answering anybody?
+# Finds an endless execution in which no request is answered.
 PROGRESS = ("progress", ["-DNP", "-DNFAIR=4"])
 SEARCHES = {
     "connector": [(SAFETY, ["-m200000"]), (PROGRESS, ["-l", "-f", "-m400000"])],
-    # Its environment may do nothing for ever; who waits too long breaks an assertion.
+    # No search for progress: the model's environment may do nothing for ever, and a wait that is too long breaks an
+    # assertion.
     "slots": [(SAFETY, ["-m1000000"])],
 }
 
@@ -49,7 +51,9 @@ def run(command, folder):
 
 
 def search(folder, name, flags, arguments):
-    """Returns the number of errors and of states that one search found."""
+    """Runs one search.
+    @return number of errors and number of states
+    """
     output = run(["gcc", "-w", *flags, "-o", name, "pan.c"], folder)
     output += run([f"./{name}", *arguments], folder)
     errors = re.search(r"errors: (\d+)", output)
@@ -60,7 +64,9 @@ def search(folder, name, flags, arguments):
 
 
 def check(model, rules, optimize):
-    """Searches until something is broken. Returns what, if anything, and the numbers of states as text."""
+    """Runs the searches until one finds an error.
+    @return name of that search or None, and the numbers of states as text
+    """
     source = Path(__file__).resolve().parent / f"{model}.pml"
     counts = []
     with tempfile.TemporaryDirectory() as folder:
@@ -82,7 +88,7 @@ def main():
             return SKIPPED
     failed = False
     for model, rules, holds in RUNS:
-        # What breaks is found at once: the compiler would take longer than the search.
+        # Errors are found quickly, so compiling with optimisation would take longer than the search.
         broken, states = check(model, rules, "-O1" if holds else "-O0")
         right = (broken is None) == holds
         failed |= not right

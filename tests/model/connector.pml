@@ -1,39 +1,39 @@
 /* connector.pml - the connector's two threads over the curl wrapper, for the model checker spin.
  *
- * The question: can a request be stranded, answered twice, or answered after a stop, in whatever
- * order the submitting thread and the worker take their steps? The submitter hands a transfer to the
- * multi handle first and puts it on the connector's list second; the worker may finish it in between.
+ * Checks that no request is left unanswered, answered twice, or answered after a stop, for every order of the
+ * steps of the submitting thread and the worker. The submitter gives a transfer to the multi handle first and
+ * puts it on the connector's list second; the worker may finish it in between.
  *
- * Each name below turns one rule off. check_model.py runs the model as it is, where nothing may go
- * wrong, and then with each name defined, where something must:
- *   COUNT_UNFINISHED  "running" counts what is still transferring, as libcurl's own count does
- *   OFFER_ONCE        a finished transfer is handed out a single time, as libcurl's own queue does
- *   SHUT_GATE         only a handshake opens the gate: not its leader's end, and no deadline
+ * Each name below turns one rule off. check_model.py checks that the whole model holds, and that the model fails
+ * with the names that it lists:
+ *   COUNT_UNFINISHED  "running" counts unfinished transfers only, like libcurl's own count
+ *   OFFER_ONCE        a finished transfer is handed out only once, like by libcurl's own queue
+ *   SHUT_GATE         only a handshake opens the gate: neither the end of its leader nor a deadline does
  *   NO_LIST_CHECK     a transfer that is not on the list yet is completed all the same
- *   DEAF_TO_STOP      a stop is not looked at when a finished transfer is handed out
- *   LATE_BOUND        what is over the queue's bound is dropped by the worker, not refused to the submitter
- *   SILENT_END        a transfer that waited for too long is taken out without an answer
- * STOP adds a thread that stops the wrapper at any moment. Which of those that wait for a slot gets one is open
- * here: slots.pml is about that.
+ *   DEAF_TO_STOP      a finished transfer is handed out without a check for a stop
+ *   LATE_BOUND        the worker drops transfers over the queue's bound; the submitter is not refused
+ *   SILENT_END        a transfer that waited too long is removed without an answer
+ * STOP adds a thread that stops the wrapper at any moment. This model leaves open which waiting transfer gets a
+ * free slot; slots.pml models that.
  */
 #define REQUESTS 3
 #define SLOTS    1
-#define BOUND    2     /* transfers that the wrapper has at a time; beyond, it refuses */
+#define BOUND    2     /* most transfers of the wrapper at a time; it refuses more */
 
-/* Where the wrapper has a transfer. */
+/* State of a transfer in the wrapper. */
 mtype = { Unsent, Pending, Waiting, Queued, Active, Ready, Given, Gone };
 
 mtype at[REQUESTS] = Unsent;
 bool listed[REQUESTS];        /* on the connector's list of requests in flight */
 byte calls[REQUESTS];         /* callbacks made */
-byte accepted;                /* transfers that the wrapper took */
-byte inside;                  /* those of them that it still has */
-bool submitted;               /* the submitter is through */
+byte accepted;                /* transfers that the wrapper accepted */
+byte inside;                  /* accepted transfers that it still has */
+bool submitted;               /* the submitter has finished */
 bool idle = true;             /* the connector's flag: no loop is scheduled or running */
-byte scheduled;               /* calls of HandleRequest that wait on the worker's context */
+byte scheduled;               /* calls of HandleRequest queued on the worker's context */
 bool stopped;
 
-/* The gate of the one host that all of them go to. */
+/* The gate of the one host that all transfers go to. */
 byte members;
 bool gateOpen;
 
@@ -47,7 +47,7 @@ bool gateOpen;
 #define anyDone    (DONE(0) || DONE(1) || DONE(2))
 #define noneListed (!listed[0] && !listed[1] && !listed[2])
 
-/* What the caller of the wrapper reads as "running". */
+/* The number that the wrapper reports as "running". */
 inline count(running) {
     d_step {
         running = 0; k = 0;
@@ -69,7 +69,7 @@ inline count(running) {
     }
 }
 
-/* Slots for those whose turn it is, whichever these are. */
+/* Gives free slots to queued transfers, in any order. */
 inline giveSlots() {
     do
     :: slotsTaken < SLOTS && at[0] == Queued -> at[0] = Active
@@ -79,7 +79,7 @@ inline giveSlots() {
     od
 }
 
-/* The worker takes over what was added. The first one to a cold host leads. */
+/* The worker takes over added transfers. The first one to a host without connections is the leader. */
 inline adopt() {
     atomic {
         k = 0;
@@ -118,8 +118,8 @@ inline adopt() {
 #define OVERDUE(i) END(i)
 #endif
 
-/* A round of network work: any of the active ones may pass its handshake, and may end. After a wait
- * at least one thing has happened; if nothing ever can, only an addition or a stop ends the wait. */
+/* A round of network work: each active transfer may finish its handshake, and may end. After a wait at
+ * least one of these has happened; where none is possible, only an addition or a stop ends the wait. */
 inline perform(waited) {
     atomic {
         if
@@ -160,7 +160,7 @@ inline letThrough() {
     }
 }
 
-/* Those that were handed out and not taken are offered again. */
+/* Offers transfers again that were handed out and not removed. */
 inline offerAgain() {
 #ifndef OFFER_ONCE
     d_step {
@@ -176,8 +176,8 @@ inline offerAgain() {
 #endif
 }
 
-/* fdSelect: it comes back at once when nothing runs; otherwise it waits, unless something is unclaimed,
- * has just been added, or a stop wakes it. */
+/* fdSelect: returns at once when nothing runs. Otherwise it waits, unless a finished transfer is
+ * unclaimed, one has just been added, or a stop wakes it. */
 inline waitAndWork(running) {
     offerAgain();
     adopt();
@@ -194,7 +194,7 @@ inline waitAndWork(running) {
     count(running)
 }
 
-/* m_RemoveEasyHandle: the last one out of a host lets it be forgotten. */
+/* m_RemoveEasyHandle: the wrapper forgets a host when its last transfer is removed. */
 inline takeOut(i) {
     atomic {
         at[i] = Gone;
@@ -247,7 +247,7 @@ progress:       calls[j]++;
     j = 0
 }
 
-/* m_HttpAsyncRequest for each request, one after the other. */
+/* m_HttpAsyncRequest for each request in turn. */
 proctype Submitter() {
     byte i;
     bool taken;
@@ -305,7 +305,7 @@ init {
         run Stopper()
 #endif
     }
-    /* Nobody can take a step any more. */
+    /* Final state: no thread can take another step. */
     end_all:
     do
     :: timeout ->
@@ -314,7 +314,7 @@ init {
         assert(calls[0] <= 1 && calls[1] <= 1 && calls[2] <= 1);
         if
         :: !stopped ->
-            /* All that were accepted, and none that was refused. */
+            /* Every accepted request was answered, and no refused one. */
             assert(accepted >= BOUND);
             assert(calls[0] + calls[1] + calls[2] == accepted);
             assert(inside == 0 && members == 0);

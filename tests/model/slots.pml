@@ -1,36 +1,35 @@
 /* slots.pml - the wrapper's slots and lanes, for the model checker spin.
  *
- * The question: does every lane get on, whatever the other senders and the servers do? A lane is the line of one
- * sender's transfers to one path. Transfers are counted here, not named: that each one is answered once is the
- * question of connector.pml.
+ * Checks that no lane starves, whatever the other senders and the servers do. A lane is the queue of one sender's
+ * transfers to one path. This model only counts transfers; connector.pml checks that each one is answered once.
  *
  *   lane 0   the first greedy sender, to a path that hangs
  *   lane 1   the second greedy sender, to the same path
  *   lane 2   the first greedy sender, to a path that answers, with two transfers at a time
  *   lane 3   a modest sender, to the path that answers, with one transfer at a time
  *
- * Each name below turns one rule off; with it the model must not hold:
- *   NO_TURNS        the first lane that may have a slot gets it, and stays the first
- *   NO_SHARES       a free slot is all that a lane needs
- *   NO_JOIN_SHARES  room in the queue is all that a sender needs
+ * Each name below turns one rule off; the model must fail with it:
+ *   NO_TURNS        the first lane that may take a slot gets it, and stays the first
+ *   NO_SHARES       a lane may take any free slot, without a limit for its sender and path
+ *   NO_JOIN_SHARES  a transfer is accepted while there is room, without a limit for its sender and path
  *   NO_BOUND        every transfer is accepted
- *   NO_END          a transfer waits for its slot as long as it takes
- *   LOSE_LANE       a lane that was served goes, though more of its transfers wait
+ *   NO_END          a transfer waits for its slot without a time limit
+ *   LOSE_LANE       a lane leaves the turns when it is served, even if more of its transfers wait
  */
 #define LANES     4
 #define MODEST    3
 #define SLOTS     5
 #define BOUND     10    /* transfers accepted at a time */
-#define MOST      5     /* what one lane submits at a time at most, if nobody refuses it */
-#define END_TICKS 3     /* from the beginning of a wait to its end, as 20 s */
+#define MOST      5     /* most transfers that one lane submits at a time */
+#define END_TICKS 3     /* length of the longest wait; stands for 20 s */
 
 byte waiting[LANES];
 byte slots[LANES];
-byte age[LANES];                    /* of the first that waits, in ticks */
-byte passed[LANES];                 /* slots that others got while this one might have had them */
-chan turns = [LANES] of { byte };   /* lanes in which somebody waits; the front one is next */
+byte age[LANES];                    /* of the lane's first waiting transfer, in ticks */
+byte passed[LANES];                 /* slots that others got while this lane could take one */
+chan turns = [LANES] of { byte };   /* lanes with waiting transfers; the front one is next */
 
-/* Of a lane's sender, and of its path: in slots, and accepted. */
+/* Numbers of a lane's sender and of its path: slots taken, and transfers accepted. */
 #define AS_SENDER(of, l) (l == 0 || l == 2 -> of(0) + of(2) : of(l))
 #define AS_PATH(of, l)   (l < 2 -> of(0) + of(1) : of(2) + of(3))
 #define IN_SLOT(l)       slots[l]
@@ -53,7 +52,7 @@ chan turns = [LANES] of { byte };   /* lanes in which somebody waits; the front 
 #define MAY_JOIN(l) (WITHIN(AS_SENDER(ACCEPTED, l), 2, FREE_PLACES) && WITHIN(AS_PATH(ACCEPTED, l), 4, FREE_PLACES))
 #endif
 
-/* A lane is among the turns once, and only while somebody waits in it. */
+/* A lane is in the turns at most once, and only while transfers wait in it. */
 inline enqueue(l) {
     if
     :: MAY_JOIN(l) ->
@@ -62,12 +61,12 @@ inline enqueue(l) {
         :: else
         fi;
         waiting[l]++
-    :: else -> assert(l != MODEST)      /* it has nothing in the house, and is let in */
+    :: else -> assert(l != MODEST)      /* it has no transfers, so it is accepted */
     fi;
     assert(FREE_PLACES >= 0)
 }
 
-/* The first of those that wait in a lane leaves it. The next one came later, or at the same time. */
+/* The first waiting transfer of a lane leaves it. The next one came later or at the same time. */
 inline shift(l) {
     waiting[l]--;
     if
@@ -82,7 +81,7 @@ inline endOverdue() {
     :: k < LANES ->
         if
         :: waiting[k] > 0 && age[k] >= END_TICKS ->
-            assert(k != MODEST);        /* it got its slot in time */
+            assert(k != MODEST);        /* it gets its slot in time */
             shift(k);
             if :: waiting[k] == 0 -> turns??eval(k); passed[k] = 0 :: else fi
         :: else -> k++
@@ -91,7 +90,7 @@ inline endOverdue() {
     od
 }
 
-/* Somebody else gets the slot that these lanes might have had. */
+/* Counts, for each other lane that may take a slot, that it was passed over. */
 inline passOthers(l) {
     d_step {
         n = 0;
@@ -108,7 +107,7 @@ inline passOthers(l) {
     }
 }
 
-/* Takes the lane out of the turns; puts it at their end if more wait in it. */
+/* Removes the lane from the turns; appends it again if more transfers wait in it. */
 inline serve(l) {
     passOthers(l);
     passed[l] = 0;
@@ -124,7 +123,7 @@ inline serve(l) {
 #endif
 }
 
-/* Those before the first that may take a slot keep their places. */
+/* Lanes before the first one that may take a slot keep their places. */
 inline giveSlots() {
     left = len(turns);
     do
@@ -132,7 +131,7 @@ inline giveSlots() {
         d_step {
             k = 0;
             found = LANES;
-            /* Turned once round, the list is as it was. */
+            /* A full rotation leaves the list unchanged. */
             do
             :: k < len(turns) ->
                 turns?n; turns!n; k++;
@@ -160,7 +159,7 @@ inline check() {
             :: turns??[eval(k)] -> assert(waiting[k] > 0)
             :: else -> assert(waiting[k] == 0)
             fi;
-            assert(waiting[k] == 0 || !MAY_TAKE(k));     /* nobody waits for nothing */
+            assert(waiting[k] == 0 || !MAY_TAKE(k));     /* no lane waits that may take a slot */
             assert(age[k] < END_TICKS || waiting[k] == 0);
             k++
         :: else -> break
@@ -169,7 +168,7 @@ inline check() {
     }
 }
 
-/* A round of the worker. */
+/* One round of the worker. */
 inline work() {
 #ifndef NO_END
     endOverdue();
@@ -178,7 +177,7 @@ inline work() {
     check()
 }
 
-/* Time passes: what goes to the path that answers ends, and who waits grows older. */
+/* Time passes: transfers to the answering path end, and waiting transfers grow older. */
 inline tick() {
     d_step {
         slots[2] = 0;
