@@ -1,5 +1,6 @@
-"""Which test programs look at which source: the first prefix that fits counts. A name without a folder is a unit test of
-the service; the others are targets of the build."""
+"""Maps sources to the test programs that cover them; the first matching prefix counts. A name without a folder is a unit
+test of the service; other names are build targets.
+"""
 
 MZCURL = "tests/unit/mzcurl/mzcurl_"
 KEYS = [
@@ -9,7 +10,7 @@ KEYS = [
     "tests/unit/platform/vault_test",
 ]
 
-# What a program loads when it runs.
+# Files that a program loads at run time.
 LOADED = {
     "tests/unit/platform/key_store_test": [
         "tests/unit/platform/test-pkcs11-proxy.so",
@@ -63,12 +64,12 @@ COVERED = [
 
 
 def target(program):
-    """The build's name of it."""
+    """The build target of a program."""
     return program if "/" in program else "tests/unit/test-" + program
 
 
 def targets(program):
-    """What to build before it runs."""
+    """All targets that have to be built before a program runs."""
     return [target(program), *LOADED.get(program, [])]
 
 

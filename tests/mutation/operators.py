@@ -1,11 +1,11 @@
-"""Edits of C++ sources that a good test notices: each operator finds its places in one file."""
+"""Mutation operators for C++ sources: each one yields its possible edits of a file."""
 
 import dataclasses
 import re
 
 LITERAL = re.compile(r'R"\((?:.|\n)*?\)"|"(?:\\.|[^"\\\n])*"|\'(?:\\.|[^\'\\\n])+\'|//[^\n]*|/\*(?:.|\n)*?\*/')
 DIRECTIVE = re.compile(r"^[ \t]*#(?:[^\n]*\\\n)*[^\n]*", re.MULTILINE)
-# What begins a line that is no plain statement, or that declares something.
+# First words of lines that are no plain statement, or that declare something.
 KEYWORDS = (
     "if",
     "else",
@@ -49,7 +49,7 @@ LOCK = re.compile(r"(?:const )?(?:CBillingAutoLock|std::lock_guard<std::mutex>|s
 
 @dataclasses.dataclass(frozen=True)
 class Mutant:
-    """One edit of one file: the text between two offsets is replaced."""
+    """One edit of one file: replaces the text between two offsets."""
 
     file: str
     operator: str
@@ -68,7 +68,7 @@ class Mutant:
 
 
 def blanked(text):
-    """The source with literals, comments and directives as blanks; offsets stay."""
+    """The source with blanks in place of literals, comments and directives; offsets stay the same."""
 
     def blanks(match):
         return re.sub(r"[^\n]", " ", match.group())
@@ -77,7 +77,7 @@ def blanked(text):
 
 
 def lines_of(text, start, end):
-    """The whole lines that the range touches, with single blanks."""
+    """The whole lines of a range, with runs of white space reduced to one blank."""
     first = text.rfind("\n", 0, start) + 1
     last = text.find("\n", end)
     return " ".join(text[first : last if last >= 0 else len(text)].split())
@@ -138,7 +138,7 @@ def arithmetic(file, text, code):
 
 
 def statements(text, code):
-    """Plain statements inside of functions: (start, end, indent), each of whole lines."""
+    """Plain statements inside functions: (start, end, indent), in whole lines."""
     found = []
     position = 0
     lines = code.splitlines(keepends=True)
@@ -215,7 +215,7 @@ def swaps(file, text, code):
         one, two = text[first[0] : first[1]], text[second[0] : second[1]]
         if one == two or DECLARATION.match(one.strip()):
             continue
-        # A variable that is only declared earlier is no change.
+        # Moving a declaration without a call up by a line has no effect.
         if DECLARATION.match(two.strip()) and "(" not in code[second[0] : second[1]]:
             continue
         yield Mutant(
@@ -242,6 +242,6 @@ OPERATORS = {
 
 
 def mutants(file, text):
-    """All mutants of one file, in the order of the operators."""
+    """All mutants of one file, grouped by operator."""
     code = blanked(text)
     return [mutant for operator in OPERATORS.values() for mutant in operator(file, text, code)]

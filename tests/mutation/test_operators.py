@@ -1,4 +1,4 @@
-"""The mutation runner itself: what its operators find in a source, and what they leave alone."""
+"""The mutation runner itself: the edits that its operators find in a source, and the texts that they leave alone."""
 
 import pathlib
 import sys

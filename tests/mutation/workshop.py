@@ -1,4 +1,4 @@
-"""A copy of the tree in which mutants are built and tried."""
+"""A copy of the tree in which mutants are built and tested."""
 
 import pathlib
 import re
@@ -10,19 +10,19 @@ import subprocess
 from covering import target, targets
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
-SECONDS = 90  # for one test program; the slowest takes 15 on a busy machine
-BYTES = 4 << 30  # of address space
+SECONDS = 90  # limit of one test program; the slowest takes 15 s on a busy machine
+BYTES = 4 << 30  # limit of address space
 
 
 class Workshop:
-    """Thread: one. The folder may be kept: a second run builds only what changed."""
+    """Thread: use by one thread. A kept folder makes later runs faster: they build only what changed."""
 
     def __init__(self, folder):
         self.tree = folder / "tree"
         self.build = folder / "build"
 
     def prepare(self, programs):
-        """Copies what git knows of, as it stands in the folder, and builds the programs."""
+        """Copies the files that git tracks, with their uncommitted changes, and builds the programs."""
         listed = subprocess.run(
             ["git", "ls-files", "-z", "--cached", "--others", "--exclude-standard"],
             cwd=ROOT,
@@ -64,7 +64,9 @@ class Workshop:
         )
 
     def run(self, program):
-        """Returns the name of the test that fails, or None."""
+        """Runs a program.
+        @return the name of the failing test, or None
+        """
         process = subprocess.Popen(
             [str(self.build / target(program)), "--gtest_fail_fast", "--gtest_brief=0", "--gtest_color=no"],
             stdout=subprocess.PIPE,
@@ -91,12 +93,14 @@ class Workshop:
         return (failed[0] if failed else program) + ending
 
     def trial(self, mutant, programs):
-        """Returns ('killed', test), ('survived', '') or ('invalid', '') for what does not compile."""
+        """Builds and tests one mutant.
+        @return ('killed', test), ('survived', ''), or ('invalid', '') when it does not compile
+        """
         source = self.tree / mutant.file
         text = source.read_text()
         source.write_text(mutant.applied(text))
         try:
-            # One after the other: most mutants are killed by the first, and the others need not be linked.
+            # Programs are built one at a time: the first kills most mutants, and the others need not be linked then.
             for program in programs:
                 if self.make([program]).returncode != 0:
                     return "invalid", ""
