@@ -1,5 +1,5 @@
-// arguments.cpp - the arguments of a call on their way into a query, a body and the log. The input is the
-// application, the customer, the invoice and the check value, with a NUL between them.
+// arguments.cpp - the arguments of a call in the query, the body and the log. The input is application,
+// customer, invoice and check value, with a NUL between them.
 #include "ParametersText.h"
 #include "fuzz.h"
 #include "protocol_layer.h"
@@ -10,7 +10,7 @@
 
 namespace {
 
-// The bus carries valid UTF-8 and nothing else.
+// The bus carries only valid UTF-8.
 std::string valid(const std::string& strText)
 {
     const std::unique_ptr<gchar, decltype(&g_free)> made(
@@ -53,7 +53,7 @@ public:
         FUZZ_REQUIRE(oBody["invoiceId"] == m_item.strInvoiceId);
     }
 
-    // Where the log hides them, it has their size and nothing of them.
+    // The log prints hidden arguments as blanks of the same size.
     void isPrinted() const
     {
         fake::platform().logShowsPrivate(false);

@@ -1,4 +1,4 @@
-// base64.cpp - Base64Encode against GLib's, with room and without.
+// base64.cpp - Base64Encode compared with GLib's, with enough room and with too little.
 #include "BillingUtil.h"
 #include "fake_platform.h"
 #include "fuzz.h"
@@ -13,7 +13,7 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)
     const std::unique_ptr<gchar, decltype(&g_free)> expected(g_base64_encode(data, size), g_free);
     const std::string strExpected = expected.get();
     std::vector<unsigned char> in(data, data + size);
-    in.push_back(0);  // so that there is a pointer for nothing
+    in.push_back(0);  // gives an empty input a valid pointer
     const auto uiIn = static_cast<unsigned int>(size);
     const auto uiNeeded = static_cast<unsigned int>(strExpected.size());
 

@@ -1,5 +1,5 @@
-// fuzz.h - what every fuzz target is made of. A target is one function; libFuzzer calls it with what
-// it finds, and the ordinary test run with the files of the corpus.
+// fuzz.h - declarations that all fuzz targets share. A target is one function. libFuzzer calls it with
+// generated inputs, the ordinary test run with the files of the corpus.
 #pragma once
 
 #include <cstddef>
@@ -8,10 +8,11 @@
 #include <cstdlib>
 #include <string>
 
-/// The target. Ends the process when a property does not hold. @return 0
+/// The target. Ends the process when a property does not hold.
+/// @return 0
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size);
 
-/// What must hold for every input.
+/// Checks a property that holds for every input.
 #define FUZZ_REQUIRE(condition)                                                                 \
     do {                                                                                        \
         if (!(condition)) {                                                                     \
@@ -27,7 +28,7 @@ inline std::string text(const std::uint8_t* data, std::size_t size)
     return std::string(reinterpret_cast<const char*>(data), size);
 }
 
-/// Cuts an input in two at its first NUL, for targets with two arguments.
+/// Takes the part before the first NUL from an input, for targets with several arguments.
 inline std::string cut(std::string& rest)
 {
     const std::size_t end = rest.find('\0');

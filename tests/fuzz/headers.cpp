@@ -1,4 +1,4 @@
-// headers.cpp - the header list that the connector makes of a header text.
+// headers.cpp - the header list that the connector makes from a header text.
 #include "connector_fixture.h"
 #include "fuzz.h"
 
@@ -12,7 +12,7 @@ std::string trimmed(std::string strLine)
     return strLine;
 }
 
-// The option as the double of the wrapper writes it down.
+// The option in the form that the wrapper's double records.
 std::string expected(const std::string& strHeader)
 {
     std::string strList = "75 ";

@@ -1,5 +1,5 @@
-// http.cpp - a server's answer as it comes to the curl wrapper. The input is every byte that the server sends before it
-// ends the connection.
+// http.cpp - a server's answer to the curl wrapper. The input is all bytes that the server sends before it
+// closes the connection.
 #include "fuzz.h"
 #include "mzcurl/transfers.h"
 #include "test_server.h"
@@ -27,7 +27,7 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)
     FUZZ_REQUIRE(outcome.times == 1);
     FUZZ_REQUIRE(transfer.body.size() <= size);
     FUZZ_REQUIRE(outcome.success == (outcome.code == 0));
-    // What is handed on stands in the answer; of a chunked one only its parts do.
+    // The body is a part of the answer; a chunked body consists of several parts.
     const bool bChunked = strAnswer.find("hunked") != std::string::npos;
     FUZZ_REQUIRE(bChunked || strAnswer.find(transfer.body) != std::string::npos);
     return 0;

@@ -1,4 +1,4 @@
-// pkcs11.cpp - a key of a module that lies. The input is what it answers, call by call.
+// pkcs11.cpp - a key in a PKCS#11 module with wrong answers. The input is the sequence of its answers.
 #include "keystore/pkcs11.h"
 
 #include "fuzz.h"
@@ -19,7 +19,7 @@ Feed feedOf(const char* module)
     return reinterpret_cast<Feed>(dlsym(library, "test_pkcs11_feed"));
 }
 
-// What is wrong is said, by the one kind of exception that the key store expects.
+// Failures are reported by the one exception type that the key store expects, with a text.
 template <typename Step>
 void saysWhy(Step step)
 {

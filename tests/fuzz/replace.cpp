@@ -1,4 +1,4 @@
-// replace.cpp - the two replacements. The input is the value, a NUL, and the text.
+// replace.cpp - the two text replacements. The input is the value, a NUL, and the text.
 #include "BillingUtil.h"
 #include "fake_platform.h"
 #include "fuzz.h"
@@ -18,7 +18,7 @@ void breaks(const std::string& strText)
     }
     fake::platform().clearLog();
     FUZZ_REQUIRE(bRaised == strText.empty());
-    // Walked side by side: what was replaced, and nothing else.
+    // Compares text and result side by side: only line ends are replaced.
     std::size_t at = 0;
     for (std::size_t i = 0; i < strText.size(); ++i) {
         if (strText.compare(i, 2, "\r\n") == 0) {

@@ -15,7 +15,7 @@ int main(int argc, char** argv)
     for (const auto& entry : std::filesystem::directory_iterator(argv[1])) {
         std::ifstream file(entry.path(), std::ios::binary);
         const std::string bytes((std::istreambuf_iterator<char>(file)), {});
-        // A copy on the heap, so that a sanitizer sees a step over its end.
+        // A heap copy of the exact size, so that a sanitizer finds an access past its end.
         auto* const data = new std::uint8_t[bytes.size()];
         std::copy(bytes.begin(), bytes.end(), data);
         LLVMFuzzerTestOneInput(data, bytes.size());

@@ -1,4 +1,5 @@
-// reply.cpp - what is made of a server's body for the bus. The input is a limit of two bytes, and the body.
+// reply.cpp - the text of a reply on the bus, made from a server's body. The input is a limit in two bytes,
+// and the body.
 #include "ReplyText.h"
 #include "fuzz.h"
 

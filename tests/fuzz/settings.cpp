@@ -1,5 +1,5 @@
-// settings.cpp - the settings file of the Linux backend: whatever stands in it, the service sees only
-// values that are what they must be, and hears of what is wrong without the value.
+// settings.cpp - the settings file of the Linux backend. Whatever the file contains, the service gets only
+// valid values, and messages about invalid ones do not contain the value.
 #include "fuzz.h"
 #include "linux/settings/settings_file.h"
 #include "linux/settings/settings_known.h"
@@ -18,12 +18,12 @@ bool isClean(const std::string& strText)
     });
 }
 
-// A secret that was spoilt on its way into the file, behind whatever stands there.
+// Appends a secret with an invalid byte to the contents; no message may contain it.
 void saysNoRefusedValue(settings::Contents contents)
 {
     const std::string strSecret = "canary-7f3a";
     if (contents.bytes.find(strSecret) != std::string::npos) {
-        return;  // as the name of a key it may be said
+        return;  // as the name of a key it may be printed
     }
     contents.bytes += "\n[config]\ndb/comss/atoken=" + strSecret + "\x01\n";
     const settings::Values values = settings::parse("/device.conf", contents);
