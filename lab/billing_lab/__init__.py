@@ -1,3 +1,3 @@
-"""The store lab: a store of one's own, with a device in front of it."""
+"""The store lab: a test store with a device in front of it, for developers of apps."""
 
 __version__ = "0.1.0"

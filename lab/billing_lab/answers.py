@@ -1,4 +1,7 @@
-"""Sends an answer, or what a fault makes of it. Each way returns how it ended, in a few words."""
+"""Sends the store's answers, as they are or as a fault spoils them.
+
+Each function of _WAYS sends an answer with one fault, and returns how that ended in a few words, for the journal.
+"""
 import asyncio
 import json
 
@@ -8,14 +11,14 @@ from .store import Reply
 
 _CHUNK = b"x" * (1 << 20)
 _HANG_STEP = 0.05  # seconds
-# Statuses whose answers have no body.
+# Statuses whose answers have no body by the rules of HTTP.
 _BODILESS = (204, 304)
-# Faults for which no answer is sent.
+# Faults that send no answer.
 WITHOUT_ANSWER = ("reset", "hang", "goaway", "refuse-stream", "lost")
 
 
 async def send(exchange: Exchange, reply: Reply, fault: Fault | None) -> str:
-    """@return how it ended"""
+    """Sends an answer. @return how that ended, in a few words"""
     way = _whole if fault is None else _WAYS.get(fault.kind, _whole)
     try:
         return await way(exchange, reply, fault)
@@ -28,7 +31,7 @@ def _lost_client(exchange: Exchange) -> str:
 
 
 def spoilt(reply: Reply, fault: Fault | None) -> Reply:
-    """The answer as this fault wants it to be sent."""
+    """@return the answer with status and body changed by the fault"""
     if fault is None:
         return reply
     if fault.kind == "status":
@@ -90,7 +93,7 @@ async def _huge(exchange, reply, fault):
         for _ in range(fault.options["mib"]):
             await exchange.write(_CHUNK)
             sent += 1
-            # A reader that keeps up must not keep the others out.
+            # If the client reads fast, write() never waits: other connections get their turn here.
             await asyncio.sleep(0)
         await exchange.end()
     except ConnectionError:

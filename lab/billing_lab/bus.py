@@ -1,4 +1,4 @@
-"""A private message bus of the system kind, and callers on it."""
+"""Starts a private message bus with the rules of a system bus, and calls the service on a bus."""
 import contextlib
 import itertools
 import os
@@ -14,8 +14,8 @@ from .folder import LabError
 SERVICE = "org.plevo.billingservice"
 OBJECT = "/org/plevo/billingservice"
 
-# The rules of the system bus: nothing may be owned or called but what is named here. Where no limit
-# is set the built-in ones hold, which are those of the system bus.
+# The rules of the system bus: only the names listed here may be owned or called. A limit that is not set has
+# dbus-daemon's built-in value, as on the system bus.
 CONFIGURATION = """<!DOCTYPE busconfig PUBLIC "-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN"
  "http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd">
 <busconfig>
@@ -43,7 +43,7 @@ _NAME = re.compile(r"[A-Za-z_-][A-Za-z0-9_-]*(\.[A-Za-z_-][A-Za-z0-9_-]*)+")
 
 
 def check_name(name):
-    """@return the name, which another service than ours may own. @throw LabError"""
+    """Checks a name that a mock of another service wants to own. @return the name. @throw LabError"""
     if not isinstance(name, str) or len(name) > 255 or not _NAME.fullmatch(name):
         raise LabError(f"{name!r} is no name of a service; write one such as org.example.Downloads")
     if name == SERVICE or name.startswith("org.freedesktop.DBus"):
@@ -52,22 +52,22 @@ def check_name(name):
 
 
 class Bus:
-    """The bus, with its socket and its configuration in a folder of the caller's.
+    """A running bus, with its socket and its configuration in a folder.
 
-    @param limits by their names in the bus's configuration, for tests beyond those of the system bus
-    @param policy  further rules, which count more than those before them
+    @param limits limits other than those of the system bus, by their names in the bus's configuration
+    @param policy further rules; they override the earlier ones
     """
 
     def __init__(self, folder, names=(SERVICE,), limits=None, policy=()):
         folder = pathlib.Path(folder)
         self.socket = folder / "bus"
-        # What may stand in an address as it is.
+        # A D-Bus address may contain these characters unescaped, but no "~".
         self.address = "unix:path=" + quote(str(self.socket), safe="/-_.").replace("~", "%7E")
         self._configuration = folder / "bus.conf"
         self._names, self._limits, self._policy = tuple(names), limits or {}, policy
         self._write(())
-        # It ends with us, however we end and be it at this moment, and knows nothing of our terminal's
-        # Ctrl-C.
+        # The kernel ends the bus with this process; the shell covers an end before setpriv has run. A session of its own
+        # keeps the terminal's Ctrl-C away from the bus.
         self.process = subprocess.Popen(
             [
                 "setpriv",
@@ -104,7 +104,7 @@ class Bus:
         )
 
     def allow(self, further):
-        """Lets programs own these names too, and call them, from when this returns; others than these no more."""
+        """Sets the names that programs may own and call besides those of the constructor. In effect on return."""
         self._write(further)
         caller = Caller(self.address)
         caller.connection.call_sync(
@@ -121,7 +121,7 @@ class Bus:
         caller.close()
 
     def kill(self):
-        """Without any notice, as a crash would."""
+        """Ends the bus with SIGKILL, as a crash would."""
         self.process.kill()
         self.process.wait()
 
@@ -132,7 +132,7 @@ class Bus:
 
 
 class Call:
-    """One method call, under way or answered."""
+    """One method call. `place` is its number in the order of answers, 0 while it is under way."""
 
     _answers = itertools.count(1)
 
@@ -172,7 +172,7 @@ class Call:
 
 
 class Caller:
-    """A connection to the bus that calls the service, or another one with its interface."""
+    """A connection to the bus that calls the service, or another program with the same interface."""
 
     def __init__(self, address, service=SERVICE):
         self._service = service
@@ -184,7 +184,7 @@ class Caller:
         return Call(self.connection, method, arguments, timeout, self._service)
 
     def call(self, method, *arguments, timeout=60):
-        """@return what came back as (resp_result, resp_info)"""
+        """Calls a method and waits for its answer. @return (resp_result, resp_info)"""
         call = self.start(method, *arguments, timeout=timeout)
         self.finish([call])
         if call.error is not None:
@@ -193,12 +193,12 @@ class Caller:
 
     @staticmethod
     def finish(calls):
-        """Waits until all of them are answered. Each has a time-out of its own."""
+        """Waits until all calls are answered. Each call has its own time-out."""
         while not all(call.done for call in calls):
             GLib.MainContext.default().iteration(True)
 
     def ask_bus(self, method, *arguments):
-        """One question to the bus itself, with texts for arguments."""
+        """Calls a method of the bus itself; the arguments are texts."""
         signature = "(" + "s" * len(arguments) + ")"
         reply = self.connection.call_sync(
             "org.freedesktop.DBus",
@@ -214,7 +214,7 @@ class Caller:
         return reply.unpack()[0]
 
     def owner(self, name=SERVICE):
-        """The unique name that owns the service's, or None."""
+        """The unique name of the owner of a name, or None."""
         with contextlib.suppress(GLib.Error):
             return self.ask_bus("GetNameOwner", name)
         return None

@@ -1,6 +1,6 @@
-"""The catalogue: what the store sells and where, who its users are, and what they have bought.
+"""Reads and checks a catalogue: a JSON file with the store's countries, apps, products, users and invoices.
 
-One JSON file. Whatever is wrong with it is said at once, each with its line and its cure.
+All errors are reported at once, each with its line and how to correct it.
 """
 import base64
 import datetime
@@ -20,7 +20,7 @@ LARGEST_FILE = 16 << 20
 
 
 def _with_definitions(schema: object, definitions: dict) -> object:
-    """The schema with every "$ref" replaced by what it names: the validator would look it up for each value."""
+    """@return the schema with each "$ref" replaced by its definition: the validator would resolve it for each value"""
     if isinstance(schema, list):
         return [_with_definitions(part, definitions) for part in schema]
     if not isinstance(schema, dict):
@@ -39,11 +39,11 @@ _SCHEMA = _read_schema()
 
 
 class CatalogueError(Exception):
-    """One line for each thing that is wrong: file, line, cause and cure."""
+    """The errors in a catalogue, one a line: file, line, cause and correction."""
 
 
 def load(file: pathlib.Path) -> dict:
-    """Reads a catalogue, with the bodies that it names in files."""
+    """Reads a catalogue, and the bodies of answers from the files that it names. @throw CatalogueError"""
     try:
         if file.stat().st_size > LARGEST_FILE:
             raise CatalogueError(f"{file}: larger than 16 MiB; leave out what no test needs")
@@ -56,17 +56,19 @@ def load(file: pathlib.Path) -> dict:
 
 
 def parse(text: str, name: str, folder: pathlib.Path) -> dict:
-    """@param name what errors call it. @param folder where the files of `answers` are looked for"""
+    """@param name the catalogue's name in errors
+    @param folder where the relative paths of `answers` begin
+    @throw CatalogueError"""
     try:
-        catalogue = json.loads(text, object_pairs_hook=_without_doubles, parse_constant=_no_constant)
+        catalogue = json.loads(text, object_pairs_hook=_refuse_duplicates, parse_constant=_refuse_constant)
         _refuse_problems(catalogue, text, name, folder)
     except json.JSONDecodeError as error:
         raise CatalogueError(
             f"{name}:{error.lineno}: no valid JSON ({error.msg}); look at column {error.colno} and just before it"
         ) from None
-    except _Double as error:
+    except _DuplicateName as error:
         raise CatalogueError(f"{name}: the name {error} stands twice in one object; take one out") from None
-    except _NoJson as error:
+    except _NoJsonNumber as error:
         raise CatalogueError(f"{name}: {error} is no JSON; write a number or null") from None
     except RecursionError:
         raise CatalogueError(
@@ -79,28 +81,28 @@ def _refuse_problems(catalogue: object, text: str, name: str, folder: pathlib.Pa
     problems = list(_against_schema(catalogue)) or list(_against_itself(catalogue, folder))
     if problems:
         lines = lines_of(text)
-        # What lacks several members is reported once for each of them.
+        # The validator reports an object once for each member that it lacks: the set removes the repetitions.
         numbered = sorted({(lines.get(path, 1), problem) for path, problem in problems})
         raise CatalogueError("\n".join(f"{name}:{line}: {problem}" for line, problem in numbered))
 
 
-class _Double(Exception):
-    pass
+class _DuplicateName(Exception):
+    """An object has two members of this name."""
 
 
-class _NoJson(Exception):
-    pass
+class _NoJsonNumber(Exception):
+    """NaN or Infinity, which Python's json module would accept."""
 
 
-def _no_constant(name: str) -> None:
-    raise _NoJson(name)
+def _refuse_constant(name: str) -> None:
+    raise _NoJsonNumber(name)
 
 
-def _without_doubles(pairs: list) -> dict:
+def _refuse_duplicates(pairs: list) -> dict:
     read = dict(pairs)
     if len(read) < len(pairs):
         names = [name for name, _ in pairs]
-        raise _Double(json.dumps(next(name for name in names if names.count(name) > 1)))
+        raise _DuplicateName(json.dumps(next(name for name in names if names.count(name) > 1)))
     return read
 
 
@@ -109,13 +111,13 @@ _FORMATS = jsonschema.FormatChecker(formats=())
 
 @_FORMATS.checks("utc-time", raises=ValueError)
 def _is_time(text: object) -> bool:
-    """The pattern of the schema knows digits alone, not how many months there are."""
+    """@return True. @throw ValueError for a date that does not exist: the schema's pattern checks digits only"""
     if isinstance(text, str) and text.endswith("Z"):
         datetime.datetime.strptime(text, "%Y-%m-%dT%H:%M:%SZ")
     return True
 
 
-# The first form of it. Anything else is about paths that exist then.
+# First step: the schema. The second step may rely on the members that the schema demands.
 
 
 def _against_schema(catalogue: object) -> Iterator[tuple[Path, str]]:
@@ -171,17 +173,17 @@ def _short(value: object) -> str:
     return text if len(text) <= 60 else text[:57] + "..."
 
 
-# What one place says about another.
+# Second step: references from one part of the catalogue to another.
 
 
 def _against_itself(catalogue: dict, folder: pathlib.Path) -> Iterator[tuple[Path, str]]:
-    yield from _doubles(catalogue)
+    yield from _duplicate_ids(catalogue)
     yield from _products(catalogue)
     yield from _invoices(catalogue)
     yield from _answers(catalogue, folder)
 
 
-def _doubles(catalogue: dict) -> Iterator[tuple[Path, str]]:
+def _duplicate_ids(catalogue: dict) -> Iterator[tuple[Path, str]]:
     lists: list[tuple[Path, list, str]] = [
         (("apps",), catalogue["apps"], "id"),
         (("users",), catalogue["users"], "uid"),
@@ -242,7 +244,7 @@ def _answers(catalogue: dict, folder: pathlib.Path) -> Iterator[tuple[Path, str]
 
 
 def _with_bodies(catalogue: dict, folder: pathlib.Path) -> dict:
-    """Every answer with its body as bytes' text (latin-1), wherever it came from."""
+    """Replaces text, json, base64 or file of each answer by `body`, its bytes as a latin-1 text."""
     for answer in catalogue.get("answers", {}).values():
         if "file" in answer:
             body = (folder / answer.pop("file")).read_bytes()
@@ -257,7 +259,7 @@ def _with_bodies(catalogue: dict, folder: pathlib.Path) -> dict:
 
 
 def as_file(catalogue: dict) -> dict:
-    """What load() made, in the form of the file again."""
+    """@return a catalogue of load() in the form of its file"""
     answers = {}
     for endpoint, answer in catalogue.get("answers", {}).items():
         body = answer["body"].encode("latin-1")
@@ -270,8 +272,8 @@ def as_file(catalogue: dict) -> dict:
 
 
 def text_in(title: str | dict, language: str) -> str:
-    """A title in a language, else in its main language, else in that of another region, else in English, else
-    in any."""
+    """@return a title in the language; else in the language without its region, in that of another region, in English, or
+    in any language, the first that there is"""
     if isinstance(title, str):
         return title
     main = language.split("-")[0]

@@ -1,11 +1,11 @@
-"""Is a request exactly what it should be? Line, headers and body are compared byte for byte; what the
-caller of a method chooses may be anything."""
+"""Compares a request with the one that the service sends on this device. Request line, headers and body are compared byte
+for byte; a value that the caller of a method chooses may be anything."""
 import dataclasses
 import re
 
 from .store import PATHS
 
-# What a caller chooses. A "&" or "#" of its own would add, replace or cut off other parts of the query.
+# A value that a caller chooses. A "&" or "#" in it would change other parts of the query, so it is a difference.
 _ANY = r"[^&#]*"
 _TEXT = r'(?:[^"\\]|\\.)*'
 _BODY_KEYS = ("GUID", "UID", "appId", "countryCode", "customId", "invoiceId", "languageCode", "storeId", "storeProdCode")
@@ -13,7 +13,7 @@ _BODY_KEYS = ("GUID", "UID", "appId", "countryCode", "customId", "invoiceId", "l
 
 @dataclasses.dataclass
 class Sent:
-    """A request as it came, its texts in lines. HTTP/2 has no request line; method and path make one here."""
+    """A request as received, with its texts as lines. HTTP/2 has no request line: one is made of method and path."""
 
     line: str
     headers: list[str]
@@ -28,7 +28,7 @@ class Sent:
 
     @classmethod
     def of_http2(cls, headers: list[tuple[bytes, bytes]], body: bytes = b"") -> "Sent":
-        """The order of the pseudo headers is the library's own choice, so here they stand in one of ours."""
+        """Sorts the pseudo headers: their order is the choice of the client's HTTP library, and must not be a difference."""
         named = [(_text(name), _text(value)) for name, value in headers]
         pseudo = dict(pair for pair in named if pair[0].startswith(":"))
         line = f"{pseudo.pop(':method', '')} {pseudo.pop(':path', '')} HTTP/2"
@@ -41,8 +41,8 @@ def _text(data: bytes) -> str:
 
 
 def languages(locale: str) -> str:
-    """A pattern of the codes that may stand for a locale: a language of its own name, with a region or
-    not; "no" for Nynorsk; "ko" where the locale cannot be read, "en" where it is not known."""
+    """@return a pattern of the language codes that the service may send for a locale: the locale's language, with or
+    without a region; "no" for Nynorsk; "ko" if the device has no locale; "en" for a locale that the service does not know"""
     language = re.escape(re.split("[_.-]", locale)[0])
     own = f"{language}(?:-[A-Z]{{2}})?" if locale else "ko"
     return f"(?:{own}|no|en)" if locale.startswith("nn") else f"(?:{own}|en)"
@@ -101,7 +101,7 @@ def _body(device: dict) -> str:
 
 
 def _headers(endpoint: str, device: dict, size: int) -> list[tuple[str, str]]:
-    """Names and values; the host is where the protocol wants it."""
+    """The expected headers, names and values, without the host: its header differs between the protocols."""
     pairs = [
         ("Content-Type", "application/json; charset=utf-8"),
         ("Accept", "application/json"),
@@ -126,9 +126,9 @@ def _header_lines(sent: Sent, endpoint: str, device: dict) -> list[str]:
 
 
 def differences(sent: Sent, endpoint: str | None, device: dict, certificate: dict | None) -> list[str]:
-    """What differs from the request that the service sends on this device; nothing when it is exact.
+    """@return one text for each difference from the request that the service sends on this device; empty if there is none
 
-    @param device its host, certificate (a SHA-256), token, duid, guid, uid, country and locale
+    @param device the device's host, certificate (its SHA-256), token, duid, guid, uid, country and locale
     """
     if endpoint is None:
         return ["the service asks for no such thing"]

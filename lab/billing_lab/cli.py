@@ -1,4 +1,4 @@
-"""The command line: its words, and what is said about them."""
+"""The command line of billing-lab: its commands, their options and their help texts."""
 import argparse
 import importlib.metadata
 import os
@@ -354,6 +354,6 @@ def main(arguments: list[str]) -> int:
     except KeyboardInterrupt:
         return 130
     except BrokenPipeError:
-        # Whoever read has enough. Nothing may be written at the exit either.
+        # The reader has closed the pipe. Python flushes standard output once more at its exit, which must not fail.
         os.dup2(os.open(os.devnull, os.O_WRONLY), sys.stdout.fileno())
         return 0

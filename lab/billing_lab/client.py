@@ -1,5 +1,5 @@
-"""Starts a lab, and asks things of one that is up. Nothing in here needs more than Python itself,
-but for calls, which need PyGObject."""
+"""The Python interface of a lab: starts and stops one, and controls one that is up. It imports the standard library only;
+calls use PyGObject where it is installed."""
 import contextlib
 import http.client
 import importlib.util
@@ -19,7 +19,7 @@ from .methods import arguments_of
 
 START_SECONDS = 90
 STOP_SECONDS = 30
-# What the lab's own process imports, and a virtual environment of an app does not have.
+# Modules that the lab's own process imports. An app's virtual environment usually lacks them.
 _NEEDED = ("aiohttp", "cryptography", "gi", "h2", "jinja2", "jsonschema", "trustme")
 _SYSTEM_PYTHON = "/usr/bin/python3"
 
@@ -35,27 +35,27 @@ class Lab:
 
     @property
     def bus(self) -> str:
-        """For DBUS_SYSTEM_BUS_ADDRESS."""
+        """The address of the lab's bus, for DBUS_SYSTEM_BUS_ADDRESS."""
         return self.info["bus"]
 
     # Calls of the five methods, as an app makes them
 
     def call(self, method: str, timeout: float = 100, **values: str) -> tuple[int, str]:
-        """@param values the method's arguments by name; what is not said is a default
+        """@param values the method's arguments by name; an argument that is left out has its default
         @return (resp_result, resp_info)"""
         if importlib.util.find_spec("gi") is None:
             return self._call_by_lab(method, timeout, values)
         return self.finish_call(self.start_call(method, timeout, **values))
 
     def _call_by_lab(self, method: str, timeout: float, values: dict[str, str]) -> tuple[int, str]:
-        """Where PyGObject is missing, as in a virtual environment, the lab's process calls."""
+        """Lets the lab's process make the call: PyGObject is missing here, as in most virtual environments."""
         told = self.ask("POST", "/api/call", {"method": method, "arguments": values, "seconds": timeout}, timeout + 10)
         if "error" in told:
             raise LabError(f"no answer: {told['error']['cause']}")
         return told["resp_result"], told["resp_info"]
 
     def start_call(self, method: str, timeout: float = 100, **values: str):
-        """A call that is answered later. @return what finish_call() takes"""
+        """Starts a call and does not wait for its answer. @return the call, for finish_call()"""
         arguments = arguments_of(method, values)
         if self._caller is None:
             from .bus import Caller
@@ -115,7 +115,7 @@ class Lab:
         return self.ask("POST", "/api/reset", {})
 
     def usual(self) -> None:
-        """Ends all that is not as usual: faults, own answers, switches of the device. Purchases and journal stay."""
+        """Sets faults, own answers and switches of the device back to what the catalogue has. Purchases and journal stay."""
         self.ask("POST", "/api/usual", {})
 
     def answer(
@@ -127,8 +127,11 @@ class Lab:
         template: bool = False,
         **match: str,
     ) -> None:
-        """A body of one's own for an endpoint or method, or several, given one after the other; None for the
-        built-in one again. @param template the bodies are templates
+        """Replaces the built-in answer of an endpoint.
+
+        @param endpoint an endpoint's or a method's name
+        @param bodies one for each request in turn, and the last for all further ones; None restores the built-in answer
+        @param template True if the bodies are templates
         @param match app, user, invoice, product, custom_id, header"""
         texts = [body.decode("latin-1") for body in bodies if body is not None]
         self.ask(
@@ -156,7 +159,7 @@ class Lab:
         )
 
     def step(self, invoice: str, step: str, after: str | int | None = None) -> dict:
-        """A step of life/purchase.py's STEPS, now or after a span of the lab's clock."""
+        """Takes a step of life/purchase.py's STEPS, now or after a span of the lab's clock. @return the invoice"""
         return self.ask("POST", "/api/step", {"invoice": invoice, "step": step, "after": after})
 
     def cancel(self, invoice: str, after: str | int | None = None) -> dict:
@@ -166,32 +169,38 @@ class Lab:
         return self.step(invoice, "refund", after)
 
     def clock(self) -> dict:
-        """now, and ahead_seconds of the machine's clock."""
+        """@return now, the lab's time, and ahead_seconds, by how much it is ahead of the machine's"""
         return self.ask("GET", "/api/clock")
 
     def advance(self, span: str | int) -> dict:
-        """Moves the lab's clock forward by a span such as "30d" or seconds, and does what is due then."""
+        """Moves the lab's clock forward by a span such as "30d" or seconds, and takes the steps that are then due."""
         return self.ask("POST", "/api/clock", {"advance": span})
 
     def invoices(self, user: str | None = None) -> list[dict]:
         return self.ask("GET", _with_query("/api/invoices", user=user))
 
     def device(self, switch: str | None = None, value: str = "") -> dict:
-        """What the device is like, after a switch was set if one is named."""
+        """Sets a switch of the device, if one is named. @return the device's settings"""
         if switch is None:
             return self.ask("GET", "/api/device")
         return self.ask("POST", "/api/device", {"switch": switch, "value": value})
 
     def names(self, *names: str, remove: bool = False) -> list[str]:
-        """What programs may own on the lab's bus, after these were added, or removed: for mocks of other services."""
+        """Adds names that programs may own on the lab's bus, for mocks of other services, or removes them.
+
+        @param remove removes the names; without any name, all
+        @return the names that may then be owned"""
         if remove:
             query = urllib.parse.urlencode([("name", name) for name in names])
             return self.ask("DELETE", f"/api/names?{query}")
         return self.ask("POST", "/api/names", {"names": names}) if names else self.ask("GET", "/api/names")
 
     def fault(self, kind: str, **options) -> dict:
-        """Adds a fault: its own options; whom it strikes (endpoint or method, app, user, invoice, product,
-        custom_id, header); skip, count, seconds, chance, seed, done."""
+        """Adds a fault.
+
+        @param options options of the kind; conditions of the requests that it strikes (endpoint, or a method's name, app,
+        user, invoice, product, custom_id, header); skip, count, seconds, chance, seed, done
+        @return the fault"""
         return self.ask("POST", "/api/faults", {"kind": kind, **options})
 
     def faults(self) -> list[dict]:
@@ -201,43 +210,50 @@ class Lab:
         return self.ask("DELETE", _with_query("/api/faults", number=number))["ended"]
 
     def connection(self, fault: str, **options: int) -> None:
-        """A fault of every connection with its options, or "none"."""
+        """Sets the fault of all connections and its options; "none" ends it."""
         self.ask("POST", "/api/connection", {"fault": fault, **options})
 
     # Checks of an app
 
     def scenario(self, wanted: dict | pathlib.Path | str) -> dict:
-        """Resets the lab and begins a scenario. @param wanted its file, or what would stand in it
-        @return invoices by the names of the purchases, faults, expectations"""
+        """Resets the lab and begins a scenario.
+
+        @param wanted the scenario's file, or its content
+        @return invoices, by the names of the purchases; the numbers of faults and expectations"""
         from .checks import scenario
 
         told = wanted if isinstance(wanted, dict) else scenario.read(pathlib.Path(wanted))
         return self.ask("POST", "/api/scenario", told)
 
     def asked(self, endpoint: str | None = None, **wanted) -> dict:
-        """How often something was asked. @param endpoint an endpoint's or a method's name
+        """Counts the requests that fit.
+
+        @param endpoint an endpoint's or a method's name; None for all
         @param wanted app, user, invoice, product, custom_id, header; times, or at_least and at_most; after
-        @return ok, found (numbers of the journal), near, message"""
+        @return ok, found (numbers of the journal), near (requests that differ in one condition), message"""
         return self.ask("POST", "/api/asked", {"endpoint": endpoint, **wanted})
 
     def assert_asked(self, endpoint: str | None = None, **wanted) -> list[int]:
-        """Fails unless asked() is ok. @return the numbers of the entries found"""
+        """Raises AssertionError unless asked() is ok. @return the numbers of the entries found"""
         told = self.asked(endpoint, **wanted)
         if not told["ok"]:
             raise AssertionError(told["message"])
         return told["found"]
 
     def expect(self, endpoint: str | None = None, **wanted) -> dict:
-        """What asked() is told, judged by verify()."""
+        """Adds an expectation that verify() judges. @param wanted as for asked(); name, its name in reports
+        @return the expectation"""
         return self.ask("POST", "/api/expectations", {"endpoint": endpoint, **wanted})
 
     def verify(self, **wanted) -> dict:
-        """@param wanted rules, more (names of rules), polls. @return ok, requests and checks, as checks/report.py
-        makes them"""
+        """Judges the requests since the last reset.
+
+        @param wanted rules, more (names of rules), polls
+        @return ok, requests and checks, as checks/report.py makes them"""
         return self.ask("POST", "/api/verify", wanted)
 
     def assert_verified(self, **wanted) -> None:
-        """Fails where verify() finds something bad."""
+        """Raises AssertionError unless every check of verify() is good."""
         told = self.verify(**wanted)
         if not told["ok"]:
             raise AssertionError(
@@ -245,7 +261,7 @@ class Lab:
             )
 
     def report(self, form: str, **wanted) -> str:
-        """The same as a text: "junit" or "page"."""
+        """The result of verify() as a text. @param form "junit" (XML) or "page" (HTML)"""
         return self.ask_text("POST", f"/api/verify?form={form}", wanted)
 
     def journal(self, after: int = 0, last: int | None = None) -> list[dict]:
@@ -258,27 +274,33 @@ class Lab:
     # Whole runs
 
     def export(self, file: pathlib.Path | str | None = None, last: int | None = None) -> dict:
-        """All that the lab is and has seen, with tokens and ids of device and users hidden.
+        """The lab's whole state and journal, with tokens and ids of device and users hidden.
 
-        @param file is written too. @param last only so many entries of the journal"""
+        @param file a file that the export is also written to
+        @param last the most entries of the journal; None for all"""
         told = self.ask("GET", _with_query("/api/export", last=last))
         if file is not None:
             pathlib.Path(file).write_text(json.dumps(told, ensure_ascii=False, indent=1) + "\n", encoding="utf-8")
         return told
 
     def import_(self, wanted: dict | pathlib.Path | str) -> dict:
-        """Puts an export in the place of all that the lab has. @param wanted its file, or what stands in it
-        @return how many of each part there are, and left_out"""
+        """Replaces the lab's whole state by that of an export.
+
+        @param wanted the export's file, or its content
+        @return the number of members of each part, and left_out, what could not be set"""
         return self.ask("POST", "/api/import", _read_run(wanted))
 
     def diff(self, first: dict | pathlib.Path | str, second: dict | pathlib.Path | str | None = None) -> dict:
-        """@param first an export or {"journal": entries}, or the file of either. @param second another; None for this lab
+        """Compares two runs.
+
+        @param first an export or {"journal": entries}, or the file of either
+        @param second another; None for this lab
         @return same, settings, requests, as runs/compare.py makes them"""
         told = {"first": _read_run(first)} | ({} if second is None else {"second": _read_run(second)})
         return self.ask("POST", "/api/diff", told)
 
     def follow(self, after: int | None = None) -> Iterator[dict]:
-        """New entries of the journal, as they come, until the lab ends."""
+        """Yields new entries of the journal as they are added, until the lab ends."""
         connection, response = self._connect("GET", _with_query("/api/events", after=after), None, None)
         with contextlib.closing(connection):
             event = b""
@@ -303,13 +325,17 @@ def _with_query(path: str, **values: object) -> str:
 
 
 def _interpreter() -> str:
-    """The Python of the lab's process: this one, unless it is a virtual environment without what the lab needs."""
+    """The interpreter for the lab's process: this one, or the system's if this one lacks a module that the lab needs."""
     missing = [name for name in _NEEDED if importlib.util.find_spec(name) is None]
     return _SYSTEM_PYTHON if missing and os.access(_SYSTEM_PYTHON, os.X_OK) else sys.executable
 
 
 def start(folder: Folder, level: str = "info", lifeline: int | None = None) -> Lab:
-    """Starts a lab there. It ends when the other side of the pipe `lifeline` is closed."""
+    """Starts a lab in a folder.
+
+    @param level the daemon's log level
+    @param lifeline the reading end of a pipe; the lab ends when the last writing end is closed. None: it stays
+    """
     problem = view.why_no_view()
     if problem is not None:
         raise LabError(problem)
@@ -339,12 +365,12 @@ def start(folder: Folder, level: str = "info", lifeline: int | None = None) -> L
     if said != "up":
         process.wait(STOP_SECONDS)
         raise LabError(said or f"the lab did not start: {last_line(folder.logs / 'lab.log')}")
-    # It is nobody's child that waits for it: that it has ended is seen by its lock.
+    # The lab outlives this process, so its exit status is not waited for: the lock of its folder tells whether it is up.
     return Lab(folder.path)
 
 
 def stop(folder: Folder) -> bool:
-    """Ends the lab there and waits for its end. @return whether there was one"""
+    """Ends the lab of a folder and waits for its end. @return whether a lab was up"""
     if not folder.is_up():
         return False
     pid = folder.read_info()["pid"]
@@ -363,7 +389,7 @@ def stop(folder: Folder) -> bool:
 
 @contextlib.contextmanager
 def running(path: pathlib.Path | str, level: str = "info") -> Iterator[Lab]:
-    """A lab for as long as the block, and no longer than this process."""
+    """Starts a lab for the time of the block. It ends with this process even if this process is killed."""
     folder = Folder.at(path)
     held, kept = os.pipe()
     try:

@@ -1,4 +1,4 @@
-"""What each command does with a lab. Each returns its exit status."""
+"""The functions behind the commands of billing-lab. Each returns the command's exit status."""
 import argparse
 import collections
 import contextlib
@@ -17,7 +17,7 @@ from .faults import CONNECTION_FAULTS
 from .folder import Folder, LabError, named_errors
 from .matching import WORDS
 
-# As `billingctl` has them.
+# The exit statuses of `billingctl`.
 EXIT_BY_RESULT = {0: 0, -1: 3, 1160003: 4}
 EXIT_UNREACHABLE = 5
 
@@ -68,7 +68,7 @@ def _stay(folder: Folder, options: argparse.Namespace) -> int:
         print("It stays until Ctrl-C.", flush=True)
         while folder.is_up():
             time.sleep(0.2)
-        lab.folder.read_info()  # says why it is gone
+        lab.folder.read_info()  # raises LabError with the reason why the lab has ended
     return 0
 
 
@@ -133,7 +133,7 @@ def logs(options: argparse.Namespace) -> int:
 
 
 def doctor(options: argparse.Namespace) -> int:
-    """billingctl's, with the daemon's view and environment."""
+    """Runs `billingctl doctor` with the daemon's environment, and its view of the certificates' folders."""
     lab, tool = _lab(options), tools.tool("billingctl")
     if tool is None:
         raise LabError("billingctl is not built; build it with `ninja -C build client/billingctl`")
@@ -237,7 +237,7 @@ def call(options: argparse.Namespace) -> int:
         result, text = lab.call(options.method, options.timeout, **values)
     except LabError:
         raise
-    except Exception as error:  # GLib.Error, of a module that only calls need
+    except Exception as error:  # GLib.Error; PyGObject is not imported here, since only calls need it
         print(f"billing-lab: no answer: {error}", file=sys.stderr)
         return EXIT_UNREACHABLE
     if options.json:
@@ -326,7 +326,7 @@ def _given(options: argparse.Namespace, *names: str) -> dict:
 
 
 def _connection_line(told: dict, what: str = "") -> str:
-    """The fault of all connections, and what else is not as usual with them."""
+    """The fault of all connections, silent connections, and whether the store is down."""
     parts = [told["connection"] + what, *(f"{name} {value}" for name, value in told["connection_options"].items())]
     if told["connections"]["silent"]:
         parts.append(f"{told['connections']['silent']} silent")

@@ -1,4 +1,4 @@
-"""A connection of a client, and a request with the way of its answer, whichever protocol they speak."""
+"""A client's connection, and a request with the means to answer it, for both protocols."""
 import abc
 import asyncio
 import contextlib
@@ -9,9 +9,9 @@ from collections.abc import Callable, Iterator
 
 from . import check, tls
 
-# What Apache, HAProxy and lighttpd have as they come, so that an app meets it.
+# The default of Apache, HAProxy and lighttpd, so that an app meets a usual server.
 IDLE_SECONDS = 5
-# Seconds. A silent connection ends at last, so that forgotten ones do not pile up.
+# Seconds after which a silent connection ends, so that their number stays bounded.
 SILENT_SECONDS = 300
 
 _SO_ATTACH_FILTER = 26
@@ -20,9 +20,9 @@ _DROP_ALL = ctypes.create_string_buffer(struct.pack("HBBI", 6, 0, 0, 0))
 
 
 class Link:
-    """One connection: what the journal tells of it, and how it ends, idles or goes silent.
+    """One connection: its facts for the journal, its idle timer, and the ways to end or silence it.
 
-    @param idle_seconds after which an idle connection is closed
+    @param idle_seconds time after which an idle connection is closed
     @param gone called with this link when the connection has ended
     """
 
@@ -36,9 +36,9 @@ class Link:
         self.certificate = tls.presented(session)
         self.silent = False
         self.left = asyncio.Event()
-        # It has ended, and so has every request on it.
+        # Set when the connection and every request on it have ended.
         self.done = asyncio.Event()
-        # What the protocol tells the client before an idle connection is closed.
+        # Called before an idle connection is closed, so that the protocol can send its notice.
         self.farewell: Callable[[], None] = lambda: None
         self._gone = gone
         self._idle_seconds = idle_seconds
@@ -48,7 +48,7 @@ class Link:
 
     @contextlib.contextmanager
     def busy(self) -> Iterator[None]:
-        """A request is under way: the connection does not idle."""
+        """Stops the idle timer while a request is under way."""
         self._under_way += 1
         if not self.silent:
             self._stop_timer()
@@ -60,7 +60,8 @@ class Link:
             self._settle()
 
     def asked(self) -> None:
-        """A part of a request has come, or may come at last. Its rest has the usual time at least."""
+        """Restarts the idle timer at a part of a request, and when the connection is new. However short the idle time is,
+        the rest of a request may take IDLE_SECONDS."""
         self._idle(max(self._idle_seconds, IDLE_SECONDS))
 
     def _idle(self, seconds: float) -> None:
@@ -89,15 +90,15 @@ class Link:
             self.done.set()
 
     def close(self) -> None:
-        """Ends it with TLS's notice and a FIN, as a server does that wants no more of it."""
+        """Ends the connection with TLS's close_notify and a FIN, as servers close idle connections."""
         if self.silent:
             return
         self.transport.close()
-        # Without this, asyncio would wait for the client's notice before it sends the FIN.
+        # close() alone would wait for the client's close_notify before it sends the FIN.
         self.transport.abort()
 
     def cut(self) -> None:
-        """Ends it with a FIN alone."""
+        """Ends the connection with a FIN, without close_notify."""
         if not self.silent:
             self.transport.abort()
 
@@ -106,26 +107,26 @@ class Link:
             self._reset()
 
     def _reset(self) -> None:
-        # Closing then drops what is unsent and sends a reset.
+        # With a linger time of 0, closing drops unsent data and sends a TCP reset.
         raw = self.transport.get_extra_info("socket")
         raw.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
         self.transport.abort()
 
     def silence(self) -> None:
-        """From now on nothing that the client sends arrives or is acknowledged, nothing is sent, and
-        neither side is told of an end."""
+        """Makes the connection silent: the client's packets are dropped unacknowledged, nothing is sent, and no end of the
+        connection is signalled."""
         if self.silent:
             return
         self._stop_timer()
         self.silent = True
         self._timer = asyncio.get_running_loop().call_later(SILENT_SECONDS, self.drop)
         raw = self.transport.get_extra_info("socket")
-        # A kernel without such filters acknowledges what arrives; it is thrown away all the same.
+        # A kernel without socket filters acknowledges the data; the protocol classes then ignore it.
         with contextlib.suppress(OSError):
             raw.setsockopt(socket.SOL_SOCKET, _SO_ATTACH_FILTER, struct.pack("HL", 1, ctypes.addressof(_DROP_ALL)))
 
     def drop(self) -> None:
-        """Ends it, a silent one too: that one by a reset, since a FIN would wait for acknowledgements."""
+        """Ends the connection, even a silent one: by a reset, since a FIN would wait for acknowledgements."""
         if self.silent:
             self._reset()
         else:
@@ -133,16 +134,16 @@ class Link:
 
 
 class Exchange(abc.ABC):
-    """One request, and the way of its answer. Each step of the answer raises ConnectionError where the
-    client has left or the connection is silent.
+    """One request, and the functions that send its answer. Each of them raises ConnectionError if the client has left or
+    the connection is silent.
 
-    @param headers names and values as they came
+    @param headers names and values as received
     """
 
-    # What is compared, and the body as the store understands it.
+    # The request for check.py, and its body for the store.
     sent: check.Sent
     body: bytes
-    # Is the fault over that holds the answer back?
+    # Tells whether the fault that holds the answer back is over.
     is_over: Callable[[], bool]
 
     def __init__(self, link: Link, method: str, authority: str, target: str, headers: list[list[str]]):
@@ -151,7 +152,7 @@ class Exchange(abc.ABC):
         self.authority = authority
         self.target = target
         self.headers = headers
-        # How much of the answer's body was sent.
+        # Bytes of the answer's body that were sent.
         self.sent_bytes = 0
 
     @property
@@ -168,26 +169,26 @@ class Exchange(abc.ABC):
 
     @abc.abstractmethod
     async def head(self, status: int, type: str, length: int) -> None:
-        """Status and headers."""
+        """Sends status and headers."""
 
     @abc.abstractmethod
     async def write(self, data: bytes) -> None:
-        """A part of the body. It returns when there is room for more."""
+        """Sends a part of the body. Returns when there is room for more."""
 
     @abc.abstractmethod
     async def end(self, data: bytes = b"") -> None:
-        """The last part of the body."""
+        """Sends the last part of the body."""
 
     @abc.abstractmethod
     async def left_within(self, seconds: float) -> bool:
-        """Waits. @return whether the client left meanwhile"""
+        """Waits at most so many seconds. @return whether the client left meanwhile"""
 
     @abc.abstractmethod
     def go_away(self) -> None:
-        """Tells the client that this request was not taken up, and ends the connection."""
+        """Tells the client that this request was not processed, and ends the connection."""
 
     def refuse(self) -> None:
-        """Refuses this request alone. HTTP/1.1 has no such thing, and its requests never come here."""
+        """Refuses this request alone. HTTP/1.1 cannot do that; the fault refuse-stream strikes HTTP/2 only."""
         raise NotImplementedError
 
 

@@ -1,4 +1,4 @@
-"""The store's listening side: who is connected, and the faults of every connection."""
+"""Accepts the store's connections, keeps the open ones, and applies the faults of all connections."""
 import asyncio
 import contextlib
 import errno
@@ -12,29 +12,30 @@ from .connection import IDLE_SECONDS, Link
 
 HANDSHAKE_SECONDS = 30
 _BACKLOG = 512
-# handshake_failure, as a record of its own.
+# A TLS record with the alert handshake_failure.
 _ALERT = b"\x15\x03\x03\x00\x02\x02\x28"
 
 
 def listen(port: int = 0) -> socket.socket:
-    """A listening socket on this port, or on a free one where it is 0 or taken."""
+    """@return a listening socket on this port of 127.0.0.1, or on a free one if it is 0 or taken"""
     with socket.socket() as probe:
         probe.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
         with contextlib.suppress(OSError, OverflowError):
-            # A port that somebody listens on is refused here.
+            # Fails if another socket listens on the port.
             probe.bind(("127.0.0.1", port))
         if probe.getsockname()[1] == 0:
             probe.bind(("127.0.0.1", 0))
-        # A port that was asked for by its number stays taken while its socket does not listen.
+        # Bound to an explicit number even if any free port will do: the kernel frees an automatic one when a restart shuts
+        # the socket down.
         return socket.create_server(probe.getsockname(), backlog=_BACKLOG)
 
 
 class Connections:
-    """All of it runs in one event loop.
+    """The listening socket and its connections. Its methods are called from one event loop only.
 
-    @param certificates the folder that tls.server_context wants
-    @param speak makes what speaks the protocol of a new connection
-    @param failed told why a handshake failed
+    @param certificates the folder for tls.server_context()
+    @param speak makes the protocol object of a new connection
+    @param failed called with the reason of a failed handshake
     """
 
     def __init__(
@@ -46,7 +47,7 @@ class Connections:
     ):
         self.fault = "none"
         self.options: dict[str, int] = {}
-        # Called when the store is back by itself.
+        # Called when the store listens again after a restart.
         self.changed: Callable[[], None] = lambda: None
         self._listener = listener
         self._certificates = certificates
@@ -70,11 +71,11 @@ class Connections:
                 try:
                     accepted, _ = await loop.sock_accept(self._listener)
                 except OSError as error:
-                    # The store was told to restart.
+                    # EINVAL: a restart has shut the socket down.
                     if error.errno != errno.EINVAL:
                         raise
                     continue
-                # asyncio does this only for sockets of its own making.
+                # asyncio does this only for sockets that it accepts itself.
                 accepted.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
                 task = loop.create_task(self._open(accepted))
                 self._opening.add(task)
@@ -104,7 +105,7 @@ class Connections:
         self._failed("refused, as the fault refuse-tls wants it")
 
     def opened(self, transport: asyncio.Transport) -> asyncio.Protocol:
-        """A handshake is done. @return what speaks the protocol that it chose"""
+        """Registers a connection whose handshake is done. @return the protocol object for the protocol that it negotiated"""
         self._number += 1
         idle = self.options["ms"] / 1000 if self.fault == "idle-close" else IDLE_SECONDS
         link = Link(self._number, transport, idle, self._links.discard)
@@ -123,7 +124,7 @@ class Connections:
         }
 
     def unusual(self) -> list[str]:
-        """What is not as usual with all connections, each in a few words."""
+        """One short text for each way in which connections are not as usual."""
         told = [] if self.fault == "none" else [f"connections: {faults.CONNECTION_FAULTS[self.fault].what}"]
         silent = sum(link.silent for link in self._links)
         if silent:
@@ -137,14 +138,15 @@ class Connections:
             link.drop()
 
     async def dropped(self) -> None:
-        """Waits until what was dropped has ended, and the journal knows how."""
+        """Waits until the dropped connections and their requests have ended, and the journal has them."""
         for link in [link for link in self._links if link.transport.is_closing()]:
             with contextlib.suppress(asyncio.TimeoutError):
                 await asyncio.wait_for(link.done.wait(), HANDSHAKE_SECONDS)
         await asyncio.sleep(0)
 
     def switch(self, fault: str, **options: int) -> None:
-        """All but "silent" drop what is connected, and no TLS session of before is taken up again."""
+        """Sets a fault of all connections. Each but "silent" drops the open connections and makes a new TLS context, so that
+        no earlier session is resumed."""
         name, read = faults.read_connection({"fault": fault, **options})
         if name == "silent":
             for link in list(self._links):
@@ -160,7 +162,7 @@ class Connections:
 
     def _stop_listening(self, seconds: float) -> None:
         self._listening.clear()
-        # The socket keeps the port meanwhile, and the kernel refuses who connects to it.
+        # The socket keeps the port meanwhile, and the kernel refuses new connections.
         self._listener.shutdown(socket.SHUT_RD)
         self._return = asyncio.get_running_loop().call_later(seconds, self._come_back)
 
@@ -175,7 +177,7 @@ class Connections:
 
 
 class _Opening(asyncio.Protocol):
-    """Stands for the protocol until the handshake has chosen it."""
+    """The protocol object of a connection until the handshake has negotiated its protocol."""
 
     def __init__(self, connections: Connections):
         self._connections = connections

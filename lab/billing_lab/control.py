@@ -42,10 +42,10 @@ _WRONG = (
     scenario.ScenarioError,
     TemplateError,
 )
-# What comes of a member that is missing, or is a text where a number belongs, and the like.
+# Exceptions in a handler that come from a missing member of the request, or from a value of a wrong type.
 _OF_ANOTHER_KIND = (AttributeError, KeyError, OverflowError, TypeError, ValueError, sqlite3.ProgrammingError)
 HEARTBEAT_SECONDS = 15
-# Two exports with full journals.
+# Bytes: two exports with full journals fit.
 LARGEST_REQUEST = 640 << 20
 
 
@@ -189,10 +189,10 @@ async def _step(request: web.Request) -> web.Response:
 
 
 def _one_step(name: str) -> Handler:
-    async def undo(request: web.Request) -> web.Response:
+    async def take_step(request: web.Request) -> web.Response:
         return web.json_response(_core(request).step({**await _body(request), "step": name}))
 
-    return undo
+    return take_step
 
 
 async def _clock(request: web.Request) -> web.Response:
@@ -311,7 +311,7 @@ async def _diff(request: web.Request) -> web.Response:
 
 
 async def _large(request: web.Request) -> dict:
-    """A body that takes long to parse; the store answers meanwhile."""
+    """The JSON of a large body. It is parsed in a thread, so that the store answers meanwhile."""
     return await asyncio.to_thread(json.loads, await request.read())
 
 
@@ -320,8 +320,8 @@ async def _openapi(_request: web.Request) -> web.Response:
 
 
 async def _events(request: web.Request) -> web.StreamResponse:
-    """Server-sent events: as "journal" the entries behind `after` or Last-Event-ID, if one is given, and then
-    each new one; as "begun" one whose answer a fault spoils; as "state" what GET /api/status answers."""
+    """Sends server-sent events: "journal", each new entry, and first the entries after `after` or Last-Event-ID if one is
+    given; "begun", an entry whose answer a fault starts to act on; "state", the answer of GET /api/status after a change."""
     core = _core(request)
     after = request.query.get("after") or request.headers.get("Last-Event-ID")
     response = web.StreamResponse(headers={"Content-Type": "text/event-stream", "Cache-Control": "no-store"})
@@ -351,13 +351,13 @@ async def _events(request: web.Request) -> web.StreamResponse:
 
 
 def _event(event: str, about: dict) -> bytes:
-    # A browser that comes back asks for what is behind the last number.
+    # A browser that reconnects sends the last id as Last-Event-ID.
     number = f"id: {about['seq']}\n" if event == "journal" else ""
     return f"{number}event: {event}\ndata: {json.dumps(about)}\n\n".encode()
 
 
 async def serve(core: Core, token: str, listener: socket.socket) -> web.AppRunner:
-    """Starts it on a listening socket."""
+    """Starts the control interface on a listening socket."""
     runner = web.AppRunner(application(core, token), access_log=None)
     await runner.setup()
     await web.SockSite(runner, listener, shutdown_timeout=1).start()

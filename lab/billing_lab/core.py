@@ -1,5 +1,4 @@
-"""A lab that is up, as its control interface sees it: the store, the device in front of it, and who
-follows the journal."""
+"""The operations of a lab that is up, for its control interface: on the store, the device, the bus, and the checks."""
 import asyncio
 import pathlib
 import shutil
@@ -17,14 +16,14 @@ from .own import answers
 from .service import Service
 from .simulator import Simulator
 
-# What `buy` says of the life that a purchase will have.
+# The members of a request for `buy` that plan the purchase's life.
 LIFE_WORDS = ("pending", "approve_after", "decline_after", "after", "period", "grace")
-# Changes that come closer together are told as one.
+# Changes within this time are reported to followers as one.
 BURST_SECONDS = 0.1
 
 
 class Core:
-    """What can be asked of a lab, and done with it."""
+    """A lab's parts, and the operations on them. Its methods are called from the event loop only."""
 
     def __init__(self, folder: Folder, listener: socket.socket, info: dict, service: Service, own_bus: Bus):
         self.folder = folder
@@ -34,7 +33,7 @@ class Core:
         self.db = state.open_state(folder.state)
         self.certificate = tls.fingerprint(folder.certificate_view / "bgclient.crt")
         self.followers = journal.Followers()
-        self.simulator = Simulator(self.db, listener, folder.device, self.device_facts, self._told)
+        self.simulator = Simulator(self.db, listener, folder.device, self.device_facts, self._on_entry)
         self.simulator.connections.changed = self.changed
         self._change: asyncio.TimerHandle | None = None
         self._seeds = 0
@@ -44,15 +43,15 @@ class Core:
         if state.fact(self.db, "catalogue") is None:
             self.take(catalogue.load(catalogue.DEFAULT_FILE), catalogue.DEFAULT_FILE)
 
-    # Who follows
+    # Followers of the journal and of the state
 
-    def _told(self, event: str, entry: dict) -> None:
+    def _on_entry(self, event: str, entry: dict) -> None:
         self.followers.tell(event, entry)
         if entry.get("fault") or entry.get("endpoint") in PAYMENTS:
             self.changed()
 
     def changed(self) -> None:
-        """Something other than the journal is new. Those who follow are told once for a burst of changes."""
+        """Reports to followers that something other than the journal has changed: once for a burst of changes."""
         if self._change is None:
             self._change = asyncio.get_running_loop().call_later(BURST_SECONDS, self._tell_change)
 
@@ -89,11 +88,11 @@ class Core:
         return {**told, "service": "refusing" if refusing else self.service.state}
 
     async def turn(self, name: str, wanted: str) -> dict:
-        """A switch of the device, or the state of its service."""
+        """Sets a switch of the device, or the state of its service. @return the device"""
         if name != "service":
             return self.switch(name, wanted)
         await self.service.switch("up" if wanted == "refusing" else wanted)
-        # Without a host the service cannot submit a request: "Try again later."
+        # Without the store's host the service cannot submit a request, and answers "Try again later."
         hosts = dict.fromkeys(device.HOSTS) if wanted == "refusing" else self._hosts()
         device.change(self.folder.settings, hosts)
         return self.device()
@@ -111,15 +110,17 @@ class Core:
     # The bus
 
     def names(self) -> list[str]:
-        """What programs may own on the lab's bus beside the service, for mocks of other services."""
+        """The names that programs may own on the lab's bus besides the service's, for mocks of other services."""
         return state.fact(self.db, "names", [])
 
     async def allow(self, *names: str) -> list[str]:
-        """Lets programs own these too."""
+        """Adds names that programs may own. @return all such names"""
         return await self._set_names([*self.names(), *(check_name(name) for name in names if name not in self.names())])
 
     async def forbid(self, *names: str) -> list[str]:
-        """Programs may own these no more, without any of them none at all. Who owns one keeps it."""
+        """Removes names that programs may own; without an argument, all. A program that owns one keeps it.
+
+        @return the names that are left"""
         for name in names:
             if name not in self.names():
                 raise LabError(f"{name!r} is none of the names of the bus: {', '.join(self.names()) or 'none'}")
@@ -133,11 +134,13 @@ class Core:
     # The store
 
     async def seed(self, file: pathlib.Path) -> dict:
-        """A new catalogue. It is read in a thread: a large one takes seconds, in which the store answers."""
+        """Replaces the catalogue by that of a file. A large file takes seconds: it is read in a thread, so that the store
+        answers meanwhile."""
         return self.take(await asyncio.to_thread(catalogue.load, file), file)
 
     def take(self, read: dict, file: pathlib.Path) -> dict:
-        """A catalogue that was read. Somebody of it is signed in, unless nobody was."""
+        """Replaces the catalogue by one that was read. If the user who is signed in is not in it, its first user is signed
+        in."""
         state.seed(self.db, read)
         signed_in = self.device()["signed_in"]
         if signed_in and signed_in not in [user["uid"] for user in read["users"]]:
@@ -149,7 +152,7 @@ class Core:
         return self.summary()
 
     def _usual_settings(self) -> Settings:
-        """The device as it was made, with what the catalogue sets."""
+        """The settings of a new device, changed by the switches that the catalogue sets."""
         made = device.read(self.folder.settings.with_name("device.initial"))
         device.apply(made, self._hosts())
         read, token = state.fact(self.db, "catalogue"), state.fact(self.db, "token")
@@ -161,7 +164,7 @@ class Core:
         return made
 
     def unusual(self) -> list[str]:
-        """All that is not as the catalogue and a new device have it, each in a few words."""
+        """One short text for each setting that differs from the catalogue and from a new device."""
         usual = {**device.describe(self._usual_settings(), state.fact(self.db, "token")), "service": "up"}
         now = asyncio.get_running_loop().time()
         told = [
@@ -190,7 +193,7 @@ class Core:
         return told + self.simulator.connections.unusual()
 
     async def usual(self) -> None:
-        """Ends all of that, but for the clock: purchases are dated by it. Purchases and journal stay."""
+        """Sets back what unusual() lists, except the clock, which has dated purchases. Purchases and journal stay."""
         self.simulator.clear_faults()
         self.simulator.connections.switch("none")
         state.set_fact(self.db, "answers", state.fact(self.db, "catalogue").get("answers", {}))
@@ -209,7 +212,7 @@ class Core:
         }
 
     def reset(self) -> None:
-        """As it was after the last seed: no purchase, fault or entry since, the device as it was made."""
+        """Restores the state after the last seed: removes later purchases, faults and entries, and sets the device back."""
         self.simulator.reset()
         self.expectations = []
         self.calls.clear()
@@ -218,23 +221,25 @@ class Core:
         device.write(self.folder.settings, self._usual_settings())
 
     async def reset_whole(self) -> None:
-        """As reset(), and what was connected has ended when it returns."""
+        """Does reset(), starts the service, and waits until all connections have ended."""
         self.reset()
         await self.service.switch("up")
         await self.simulator.connections.dropped()
 
     def step(self, wanted: dict) -> dict:
-        """A step of a purchase, now or later."""
+        """Takes a step of a purchase, or plans it. @return the invoice"""
         purchase.happen(self.db)
         return purchase.step(self.db, wanted["invoice"], wanted["step"], wanted.get("after"))
 
     def advance(self, span: object) -> dict:
-        """The lab's clock, moved forward, and what is due then."""
+        """Moves the lab's clock forward and takes the steps that are then due. @return clock and number of steps"""
         clock.advance(self.db, clock.seconds_of(span, "advance"))
         return {**clock.describe(self.db), "happened": purchase.happen(self.db)}
 
     def buy(self, wanted: dict) -> dict:
-        """What is not said is the device's, or the first of the catalogue."""
+        """Buys a product. User and country default to the device's, the app to the first one that sells the product.
+
+        @return the invoice"""
         now, apps = self.device(), state.fact(self.db, "catalogue")["apps"]
         product = wanted["product"]
         sellers = [app["id"] for app in apps if product in [p["id"] for p in app["products"]]]
@@ -250,13 +255,13 @@ class Core:
         )
 
     def set_answer(self, wanted: dict) -> None:
-        """A body of one's own for an endpoint; without a body the built-in one again."""
+        """Sets an own answer of an endpoint; without a body restores the built-in one."""
         answers.put(self.db, wanted)
 
     # Checks of the app
 
     def report(self, wanted: dict) -> tuple[dict, list[dict]]:
-        """@return what report.make() says of the run since the last reset, and the journal"""
+        """@return the result of report.make() for the run since the last reset, and the journal"""
         entries = journal.entries(self.db)
         return report.make(entries, state.invoices(self.db), self.expectations, wanted), entries
 
@@ -266,7 +271,11 @@ class Core:
 
 
 def prepare_device(folder: Folder, port: int) -> str:
-    """Points the device at the store. @return the token that the store takes from it"""
+    """Prepares the files that the daemon reads: copies the certificates into its view, keeps a copy of the device's first
+    settings, and sets the store's hosts in the present ones.
+
+    @return the token that the store accepts
+    """
     for source, shown in (
         (folder.device / "ca.pem", folder.ca_view),
         (folder.device / "bgclient.crt", folder.certificate_view),
@@ -275,7 +284,7 @@ def prepare_device(folder: Folder, port: int) -> str:
     initial = folder.settings.with_name("device.initial")
     if not initial.exists():
         made = device.read(folder.settings)
-        # The daemon's default is the sandbox; a shop is tried where it will stand.
+        # The daemon's default is the sandbox server. An app is tested against the production one, which it will use.
         made["system"][device.SERVER[1]] = device.SERVERS["production"]
         device.write(initial, made)
         device.write(folder.settings, made)

@@ -1,7 +1,6 @@
-"""The lab's page, and what only the page asks for.
+"""Serves the lab's web page, and the routes of the control interface that only the page uses.
 
-The page itself holds no secret, so its files need no token; everything that they show is asked for with
-the one that stands in the page's address.
+The page's files hold no secret and need no token. The page requests its data with the token in its own address.
 """
 import asyncio
 import json
@@ -17,7 +16,7 @@ from .methods import METHODS, arguments_of
 
 PAGE = pathlib.Path(__file__).with_name("page")
 CALL_SECONDS = 100
-# Nothing comes from elsewhere, and nobody frames the page.
+# The page loads nothing from another origin, and no site may show it in a frame.
 HEADERS = {
     "Content-Security-Policy": "default-src 'none'; script-src 'self'; style-src 'self' 'unsafe-inline'; "
     "connect-src 'self'; img-src data:; base-uri 'none'; form-action 'none'; "
@@ -41,12 +40,12 @@ def routes() -> list[web.RouteDef]:
 
 
 def is_public(request: web.Request) -> bool:
-    """The page's own files."""
+    """@return whether the request is for one of the page's files, which need no token"""
     return request.method == "GET" and (request.path == "/" or request.path.startswith("/page/"))
 
 
 def is_foreign(request: web.Request) -> bool:
-    """Does another site ask, in its user's browser?"""
+    """@return whether a browser makes the request for another site"""
     origin = request.headers.get("Origin")
     site = request.headers.get("Sec-Fetch-Site", "none")
     return site not in ("none", "same-origin") or (origin is not None and origin != f"http://{request.headers.get('Host', '')}")
@@ -87,7 +86,7 @@ async def _meta(_request: web.Request) -> web.Response:
 
 
 async def _seed(request: web.Request) -> web.Response:
-    """A catalogue as text. It is kept in the lab's folder."""
+    """Seeds a catalogue that is given as text, and keeps it in the lab's folder."""
     core: Core = request.app["core"]
     file = core.folder.path / "catalogue.json"
     text = (await request.json())["text"].encode()
@@ -104,7 +103,7 @@ async def _seed(request: web.Request) -> web.Response:
 
 
 async def _call(request: web.Request) -> web.Response:
-    """A call of the service, by billingctl: the answer, or why there is none."""
+    """Calls the service with billingctl. @return the answer, or the reason why there is none"""
     wanted = await request.json()
     method, values = wanted["method"], wanted.get("arguments", {})
     texts = arguments_of(method, values)
@@ -133,7 +132,7 @@ async def _call(request: web.Request) -> web.Response:
 
 
 def _option(argument: str) -> str:
-    """The name of a method's argument as an option of billingctl: ItemType is --item-type."""
+    """@return the option of billingctl for a method's argument: --item-type for ItemType"""
     return "--" + "".join(
         f"-{letter.lower()}" if letter.isupper() and at else letter.lower() for at, letter in enumerate(argument)
     )

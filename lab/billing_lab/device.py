@@ -1,4 +1,4 @@
-"""The device in front of the store: its settings file, and the switches that change it.
+"""The device in front of the store: reads and writes its settings file, and defines the switches that change it.
 
 The daemon reads the file again before each request, so a switch is seen at the next call.
 """
@@ -23,14 +23,15 @@ ACCOUNT_TOKEN = ("account", "auth_token")
 GATEWAY = ("network", "default_gateway")
 HOSTS = (("deployment", "production_host"), ("deployment", "sandbox_host"))
 
-# The value that the file has, by what is said.
+# The values of the settings file, by the names that users write.
 SERVERS = {"production": "0", "sandbox": "1"}
-# A short language stands for the first locale that begins with it, which these do not mean.
+# The daemon takes a language without a region as the first locale of its table that begins with it. For these that is not the
+# usual one, so the lab writes the whole locale.
 _LOCALES = {"es": "es_ES.utf8", "fr": "fr_FR.utf8", "pt": "pt_PT.utf8"}
 
 
 class DeviceError(ValueError):
-    """Why a switch cannot be set so, in one line."""
+    """The reason why a switch cannot be set, in one line."""
 
 
 def read(file: pathlib.Path) -> Settings:
@@ -56,7 +57,7 @@ def value(settings: Settings, key: tuple[str, str]) -> str:
 
 
 def change(file: pathlib.Path, changes: Changes) -> None:
-    """Sets values; None takes one out."""
+    """Sets values in the settings file; None removes one."""
     settings = read(file)
     apply(settings, changes)
     write(file, settings)
@@ -71,7 +72,7 @@ def apply(settings: Settings, changes: Changes) -> None:
 
 
 def facts(settings: Settings, certificate: str) -> dict:
-    """What a request of this device must say, as check.differences wants it."""
+    """The values that this device's requests must have, in the form that check.differences takes."""
     sandbox = value(settings, SERVER) in ("", "1", "2")
     host = "sandbox_host" if sandbox else "production_host"
     return {
@@ -87,7 +88,7 @@ def facts(settings: Settings, certificate: str) -> dict:
 
 
 def describe(settings: Settings, valid_token: str) -> dict:
-    """What people are told about it."""
+    """The device's state, by the names of its switches."""
     token = value(settings, TOKEN)
     kinds = {valid_token: "valid", "": "none"}
     return {
@@ -102,9 +103,11 @@ def describe(settings: Settings, valid_token: str) -> dict:
 
 
 def switched(name: str, wanted: str, users: list[dict], valid_token: str) -> dict:
-    """What a switch changes in the settings.
+    """@return the changes of the settings that a switch makes
 
-    @param users those of the catalogue. @param valid_token the one that the store takes
+    @param users the users of the catalogue
+    @param valid_token the token that the store accepts
+    @throw DeviceError
     """
     if name not in SWITCHES:
         raise DeviceError(f"{name!r} is no switch of the device; known are {', '.join(SWITCHES)}")
@@ -160,6 +163,6 @@ def _gateway(wanted: str) -> dict:
 
 
 _SIMPLE = {"signed-out": _signed_out, "country": _country, "language": _language, "server": _server, "gateway": _gateway}
-# The daemon itself: there, not answering, not on the bus, and there without being able to submit a request.
+# The daemon runs; runs but does not answer; is not on the bus; answers, but cannot submit a request.
 SERVICE_STATES = ("up", "hanging", "absent", "refusing")
 SWITCHES = (*_SIMPLE, "signed-in", "token", "service")

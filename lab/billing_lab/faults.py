@@ -1,6 +1,6 @@
-"""Faults: what goes wrong with an answer, for whom, and for how long.
+"""Faults: what goes wrong with an answer, which requests it strikes, and how often.
 
-A fault draws its own random numbers from its own seed, so that a run repeats.
+Each fault has its own random number generator with its own seed, so that a run can be repeated.
 """
 import dataclasses
 import random
@@ -8,16 +8,16 @@ from collections.abc import Iterable
 
 from .matching import PAYMENTS, WORDS, Asked, Match, MatchError, read_match
 
-# Product ids that force an outcome begin with this, so that nobody ships one.
+# The beginning of product ids that force an outcome; the name is a warning against shipping one.
 RESERVED = "NEVER-SHIP."
 MOST_CHOICES = 1000
-# How many of the requests that a fault struck are told.
+# The most numbers of struck requests that describe() has.
 TOLD_STRUCK = 100
 
 
 @dataclasses.dataclass(frozen=True)
 class Option:
-    """A number that a kind of fault takes, in `unit`, or `many` of them. Without a default it counts only where it is said."""
+    """A number that a kind of fault takes, in `unit`; a list of them if `many`. Without a default it is optional."""
 
     default: int | None
     least: int
@@ -28,8 +28,11 @@ class Option:
 
 @dataclasses.dataclass(frozen=True)
 class Kind:
-    """What goes wrong with an answer. `done`: does the store do its work first, unless told otherwise?
-    `says_undone`: does it tell the client that nothing was done, so that nothing may be?"""
+    """A kind of fault of answers.
+
+    `done`: by default the store does the request's work first. `says_undone`: the fault tells the client that nothing was
+    done, so the store must never do the work. `protocol`: the only protocol that the fault exists in.
+    """
 
     what: str
     options: dict[str, Option]
@@ -77,8 +80,7 @@ KINDS = {
 
 @dataclasses.dataclass(frozen=True)
 class ConnectionKind:
-    """What goes wrong with every connection of the lab. `once`: it happens at that moment, and what
-    was set before stays set."""
+    """A kind of fault of all connections. `once`: it acts once, and the fault that was set stays set."""
 
     what: str
     options: dict[str, Option] = dataclasses.field(default_factory=dict)
@@ -105,12 +107,12 @@ CONNECTION_FAULTS = {
 
 
 class FaultError(ValueError):
-    """What is wrong with a fault that was asked for, in one line."""
+    """The error in the description of a fault, in one line."""
 
 
 @dataclasses.dataclass
 class Fault:
-    """One fault. What is None does not restrict it."""
+    """One fault. A limit that is None does not restrict it."""
 
     kind: str
     options: dict[str, int | list[int]]
@@ -130,7 +132,7 @@ class Fault:
         return self.left == 0 or (self.until is not None and now >= self.until)
 
     def strikes(self, asked: Asked, protocol: str) -> bool:
-        """Does it strike this request? Counted as used if so."""
+        """@return whether the fault strikes this request, which then counts as one of its hits"""
         if KINDS[self.kind].protocol not in (None, protocol) or self.match.misses(asked):
             return False
         if self.skip > 0:
@@ -144,11 +146,11 @@ class Fault:
         return True
 
     def struck_entry(self, seq: int) -> None:
-        """The number in the journal of a request that it struck."""
+        """Keeps the journal's number of a request that the fault struck."""
         self.struck = [*self.struck, seq][-TOLD_STRUCK:]
 
     def describe(self, now: float) -> dict:
-        """What people and programs are told about it."""
+        """The fault as a JSON object, for the control interface and exports."""
         told = {
             "number": self.number,
             "kind": self.kind,
@@ -167,8 +169,11 @@ class Fault:
 
 
 def make(wanted: dict, number: int, now: float) -> Fault:
-    """A fault from its description: kind, its options, the words of matching.WORDS, skip, count, seconds,
-    chance, seed, done."""
+    """Makes a fault.
+
+    @param wanted kind, its options, the words of matching.WORDS, skip, count, seconds, chance, seed, done
+    @throw FaultError
+    """
     unknown = set(wanted) - {"kind", *WORDS, "skip", "count", "seconds", "chance", "seed", "done"}
     kind = KINDS.get(wanted.get("kind", ""))
     if kind is None:
@@ -201,13 +206,14 @@ def make(wanted: dict, number: int, now: float) -> Fault:
 
 
 def restored(told: dict, now: float, base: int) -> Fault:
-    """A fault as describe() told it. Its random numbers begin anew. @param base what is added to numbers of the journal"""
+    """Makes a fault of what describe() returned. Its random numbers begin anew. @param base is added to numbers of the
+    journal"""
     known = {"number", "left", "seconds_left", "hits", "struck"}
     wanted = {name: value for name, value in told.items() if name not in known}
     numbers = [told["number"], told["hits"], *told["struck"]]
     if not all(isinstance(number, int) for number in numbers):
         raise FaultError(f"fault {told['number']!r} is none of an export")
-    # A moment that was left is told as 0.
+    # describe() rounds a rest of some milliseconds to 0, which make() refuses.
     seconds = max(told["seconds_left"], 0.1) if "seconds_left" in told else None
     fault = make({**wanted, "count": told.get("left"), "seconds": seconds}, told["number"], now)
     fault.hits, fault.struck = told["hits"], [base + seq for seq in told["struck"]]
@@ -215,7 +221,7 @@ def restored(told: dict, now: float, base: int) -> Fault:
 
 
 def _check_target(wanted: dict, kind: Kind, match: Match) -> None:
-    """Refuses a fault that could not strike, or would lie."""
+    """Refuses a fault that could never strike, or that would tell the client wrongly that nothing was done."""
     payments = match.endpoint in PAYMENTS or match.invoice or match.product or match.custom_id
     if kind.protocol == "HTTP/2" and payments:
         raise FaultError(
@@ -229,9 +235,10 @@ def _check_target(wanted: dict, kind: Kind, match: Match) -> None:
 
 
 def read_connection(wanted: dict) -> tuple[str, dict[str, int]]:
-    """A fault of every connection, from its description: fault, and its options.
+    """Reads the description of a fault of all connections: fault, and its options.
 
-    @return its name and its options
+    @return the fault's name and its options
+    @throw FaultError
     """
     name = wanted.get("fault", "")
     kind = CONNECTION_FAULTS.get(name)
@@ -277,12 +284,12 @@ def _number(wanted: dict, name: str, least: float, most: float, default: float |
 
 
 def pick(faults: Iterable[Fault], asked: Asked, now: float, protocol: str = "HTTP/1.1") -> Fault | None:
-    """The first fault that this request gets, counted as used. Those behind it are as if it had not come."""
+    """@return the first fault that strikes this request, or None. Later faults do not count the request"""
     return next((fault for fault in faults if not fault.is_over(now) and fault.strikes(asked, protocol)), None)
 
 
 def of_product(product: str, endpoint: str) -> Fault | None:
-    """What a reserved product id forces at this endpoint: NEVER-SHIP.confirm.status.503"""
+    """@return the fault that a reserved product id such as NEVER-SHIP.confirm.status.503 forces at this endpoint, or None"""
     if not product.startswith(RESERVED):
         return None
     where, _, forced = product.removeprefix(RESERVED).partition(".")
@@ -301,7 +308,7 @@ def _forced(endpoint: str, text: str) -> Fault:
 
 
 def check_product(product: str) -> None:
-    """Refuses a reserved product id that forces nothing."""
+    """Checks a reserved product id. @throw FaultError if it forces nothing"""
     where, _, forced = product.removeprefix(RESERVED).partition(".")
     if (where, forced) == ("buy", "declined"):
         return
@@ -314,7 +321,7 @@ def check_product(product: str) -> None:
 
 
 def delay_of(fault: Fault) -> float:
-    """The milliseconds of this delay, drawn by the fault."""
+    """@return the milliseconds by which to delay an answer, drawn from the fault's distribution"""
     options = fault.options
     if "choices" in options:
         return fault.draw.choice(options["choices"])
@@ -324,9 +331,9 @@ def delay_of(fault: Fault) -> float:
 
 
 def damage(fault: Fault, body: bytes) -> bytes:
-    """The body as a malformed or an invalid one. Where it breaks is drawn by the fault."""
+    """@return the body made malformed, or invalid UTF-8, at a place that the fault draws"""
     place = fault.draw.randrange(1, len(body)) if len(body) > 1 else 0
     if fault.kind == "malformed":
-        # Never in the middle of a character: that is the other fault.
+        # Not in the middle of a character: the body must stay valid UTF-8.
         return body[:place].decode("utf-8", "ignore").encode()
     return body[:place] + b"\xff\xc3(\xed\xa0\x80" + body[place:]

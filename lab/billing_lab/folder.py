@@ -1,4 +1,4 @@
-"""A lab's folder: everything that a lab has, and nothing elsewhere."""
+"""A lab's folder, which holds all files of the lab: their paths, its lock, and its checks."""
 import contextlib
 import dataclasses
 import fcntl
@@ -9,12 +9,12 @@ import stat
 from collections.abc import Iterator
 
 
-# What stands in a folder before a lab has lived there.
+# Folders that make() makes: they are there without a lock file after a start that failed early.
 _MADE = {"logs", "run", "view"}
 
 
 class LabError(Exception):
-    """What went wrong and what to do about it, in one line."""
+    """An error for the user: what went wrong and what to do, in one line."""
 
 
 def default_path() -> pathlib.Path:
@@ -25,7 +25,7 @@ def default_path() -> pathlib.Path:
 
 @dataclasses.dataclass(frozen=True)
 class Folder:
-    """Where things are in it."""
+    """The folder and the paths in it."""
 
     path: pathlib.Path
 
@@ -49,7 +49,7 @@ class Folder:
 
     @property
     def device(self) -> pathlib.Path:
-        """What billing-provision makes."""
+        """The device's files, which billing-provision makes."""
         return self.path / "device"
 
     @property
@@ -58,7 +58,7 @@ class Folder:
 
     @property
     def ca_view(self) -> pathlib.Path:
-        """What the daemon sees in place of its folder of trusted authorities."""
+        """The folder that the daemon sees as its folder of trusted authorities."""
         return self.path / "view" / "ca"
 
     @property
@@ -67,16 +67,16 @@ class Folder:
 
     @property
     def addresses(self) -> pathlib.Path:
-        """Ports and token of the last lab here, so that the next one has them again."""
+        """The file with ports and token of the last lab in this folder, so that the next one has the same."""
         return self.path / "addresses.json"
 
     @property
     def reason(self) -> pathlib.Path:
-        """Why the last lab here ended by itself."""
+        """The file with the reason why the last lab in this folder ended by itself."""
         return self.path / "ended"
 
     def check_owner(self) -> None:
-        """A folder of somebody else's could name a daemon and a module that would run as this user."""
+        """Refuses a folder that another user owns or may access: its files name programs and modules that this user runs."""
         status = os.stat(self.path)
         if status.st_uid != os.geteuid():
             raise LabError(f"{self.path} is another user's; name a folder of your own with --dir")
@@ -107,7 +107,7 @@ class Folder:
             raise LabError(f"{error.filename}: {error.strerror}; choose another folder with --dir") from None
 
     def lock(self) -> int | None:
-        """Takes the folder for as long as this process lives. @return None when another has it"""
+        """Locks the folder until this process ends. @return the lock's descriptor; None if another process has the lock"""
         taken = os.open(self.path / "lock", os.O_RDWR | os.O_CREAT | os.O_CLOEXEC, 0o600)
         try:
             fcntl.flock(taken, fcntl.LOCK_EX | fcntl.LOCK_NB)
@@ -117,7 +117,7 @@ class Folder:
         return taken
 
     def is_up(self) -> bool:
-        """Does a lab live here?"""
+        """@return whether a lab is up in this folder. @throw LabError if the folder is another user's"""
         try:
             if not (self.path / "lock").exists():
                 return False
@@ -131,7 +131,7 @@ class Folder:
         return False
 
     def read_info(self) -> dict:
-        """How to reach the lab that lives here."""
+        """@return addresses and process ids of the lab that is up in this folder. @throw LabError if none is"""
         if self.is_up():
             with contextlib.suppress(FileNotFoundError):
                 return json.loads(self.info.read_text(encoding="utf-8"))
@@ -143,13 +143,13 @@ class Folder:
 
 
 def last_line(log: pathlib.Path) -> str:
-    """What a log ends with: the cause, of a program that ended by an error."""
+    """@return the last line of a log that is not empty: usually the error that ended a program"""
     lines = log.read_text(encoding="utf-8", errors="backslashreplace").split("\n")
     return next((line.strip() for line in reversed(lines) if line.strip()), f"nothing stands in {log}")
 
 
 def replace_file(file: pathlib.Path, data: bytes) -> None:
-    """Replaces a whole file, so that no reader sees half of it. Only its owner may read it."""
+    """Replaces a file at once, so that no reader sees a part of it. Only its owner may read it."""
     fresh = file.with_name(file.name + ".new")
     with open(fresh, "wb", opener=_private) as out:
         out.write(data)
@@ -162,7 +162,7 @@ def _private(path: str, flags: int) -> int:
 
 @contextlib.contextmanager
 def named_errors() -> Iterator[None]:
-    """Errors of the machine as errors of the lab."""
+    """Raises an OSError of the block as LabError, with the file's name."""
     try:
         yield
     except OSError as error:

@@ -1,4 +1,4 @@
-"""HTTP/1.1, by aiohttp."""
+"""The store's HTTP/1.1, with aiohttp."""
 import asyncio
 from collections.abc import Awaitable, Callable
 
@@ -8,12 +8,12 @@ from . import check
 from .connection import Exchange, Link, is_set_within
 
 LARGEST_REQUEST = 64 << 20
-# Seconds. The link closes idle connections, long before aiohttp would.
+# Seconds. Link closes idle connections, so aiohttp's own limit must never be reached.
 _NEVER = 1 << 30
 
 
 class Http1(web.RequestHandler):
-    """aiohttp's protocol, with what it does not keep: the bytes as they came."""
+    """aiohttp's protocol, which also keeps each request's bytes as received: check.py compares them."""
 
     def __init__(self, link: Link, manager: web.Server, refused: Callable[[Link, bytes, BaseException | None], None]):
         super().__init__(
@@ -42,12 +42,12 @@ class Http1(web.RequestHandler):
     def handle_error(
         self, request: web.BaseRequest, status: int = 500, exc: BaseException | None = None, message: str | None = None
     ):
-        """What is no request at all stands in the journal too."""
+        """Reports bytes that are not a valid request, so that the journal has them too."""
         self._refused(self.link, self.take_received(), exc)
         return super().handle_error(request, status, exc, message)
 
     def take_received(self) -> bytes:
-        """The bytes since the last request. Nobody here sends a second one before the answer."""
+        """@return the bytes since the last request. Requests are not pipelined, so all of them belong to one request"""
         taken, self._received = self._received, b""
         return taken
 
@@ -60,7 +60,7 @@ class _Exchange(Exchange):
         super().__init__(request.protocol.link, request.method, request.headers.get("Host", ""), request.raw_path, headers)
         self.sent = check.Sent.of_http1(raw)
         self.body = body
-        # What aiohttp takes for the answer when no head was sent.
+        # aiohttp demands a response object also if a fault sends no headers.
         self.response: web.StreamResponse = web.Response()
         self._request = request
 
@@ -88,7 +88,7 @@ class _Exchange(Exchange):
 
 
 def manager_of(handle: Callable[[Exchange], Awaitable[None]]) -> web.Server:
-    """aiohttp's part that is the same for all connections."""
+    """@return aiohttp's server object, which all connections share"""
 
     async def answered(request: web.BaseRequest) -> web.StreamResponse:
         link = request.protocol.link
@@ -97,7 +97,7 @@ def manager_of(handle: Callable[[Exchange], Awaitable[None]]) -> web.Server:
             exchange = _Exchange(request, request.protocol.take_received(), body)
             await handle(exchange)
         if link.silent:
-            # aiohttp sends what is returned.
+            # aiohttp would send the response as soon as this function returns.
             await link.left.wait()
         return exchange.response
 

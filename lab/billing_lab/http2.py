@@ -1,4 +1,4 @@
-"""HTTP/2, by hyper-h2."""
+"""The store's HTTP/2, with hyper-h2."""
 import asyncio
 import contextlib
 import logging
@@ -16,7 +16,7 @@ from . import check
 from .connection import Exchange, Link, is_set_within
 
 LARGEST_BODY = 64 << 20
-# As nginx has it, but for longer headers: an id may be long.
+# Streams of a connection: nginx's default. Headers may be longer than nginx's, since an id may be long.
 _STREAMS = 128
 _HEADER_BYTES = 1 << 20
 
@@ -33,7 +33,7 @@ class Stream(Exchange):
         self.sent = check.Sent.of_http2(headers)
         self.number = number
         self.received = bytearray()
-        # The highest number that was taken up before this one.
+        # The highest stream number that was served before this one.
         self.before = 0
         self.gone = asyncio.Event()
         self._connection = connection
@@ -48,8 +48,8 @@ class Stream(Exchange):
         await self._send(data, end=False)
 
     async def end(self, data: bytes = b"") -> None:
-        # The end stands in the last frame of the body, as ordinary servers have it: a client that counts
-        # the bytes does not wait for another frame.
+        # END_STREAM is set in the last frame of the body, as usual servers do: a client that counts the bytes does not wait
+        # for another frame.
         if data:
             await self._send(data, end=True)
         else:
@@ -81,16 +81,16 @@ class Stream(Exchange):
         self._connection.reset_stream(self.number, ErrorCodes.REFUSED_STREAM)
 
     def go_away(self) -> None:
-        # A higher stream that was taken up must be covered, so this one is then refused by itself.
+        # GOAWAY must name the highest stream that is served. If that is above this one, this stream is refused as well.
         if self._connection.go_away(self.before, self.number):
             self.refuse()
 
 
 class Http2(asyncio.Protocol):
-    """One connection. Each stream is handled by a task of its own.
+    """One connection. Each stream is handled by its own task.
 
     @param handle answers a request
-    @param refused told of what is no HTTP/2
+    @param refused called with bytes that are not valid HTTP/2
     """
 
     def __init__(
@@ -106,12 +106,12 @@ class Http2(asyncio.Protocol):
         self._streams: dict[int, Stream] = {}
         self._tasks: set[asyncio.Task] = set()
         self._taken = 0
-        # The highest stream that is still served, once the client was told to go away.
+        # The highest stream that is still served after GOAWAY; None before.
         self._last: int | None = None
         self._room = asyncio.Event()
         self._paused = False
 
-    # The client's side
+    # From the client
 
     def connection_made(self, transport: asyncio.BaseTransport) -> None:
         self._h2.local_settings = h2.settings.Settings(
@@ -189,7 +189,7 @@ class Http2(asyncio.Protocol):
         for stream in list(self._streams.values()):
             self._forget(stream)
 
-    # Our side
+    # To the client
 
     def pause_writing(self) -> None:
         self._paused = True
@@ -199,14 +199,14 @@ class Http2(asyncio.Protocol):
         self._room.set()
 
     def room_of(self, number: int) -> int:
-        """How many bytes of a body may be sent now."""
+        """@return how many bytes of a body flow control lets be sent now"""
         if self._paused:
             return 0
         window = self._try(self._h2.local_flow_control_window, number)
         return min(window, self._h2.max_outbound_frame_size)
 
     async def more_room(self) -> None:
-        """Waits until there may be room again, or the client has left."""
+        """Waits until there may be room again, or a stream has ended."""
         self._room.clear()
         await self._room.wait()
 
@@ -221,7 +221,8 @@ class Http2(asyncio.Protocol):
             self._try(self._h2.reset_stream, number, code)
 
     def _try(self, function: Callable, *arguments, **options):
-        """Whoever sends must not be surprised by a client that has reset or ended what it sends on."""
+        """Calls a function of hyper-h2 and sends what it makes. ProtocolError means that the client has ended the stream or
+        the connection: it is raised as ConnectionResetError, which senders expect."""
         try:
             done = function(*arguments, **options)
         except h2.exceptions.ProtocolError as error:
@@ -235,14 +236,14 @@ class Http2(asyncio.Protocol):
             self.link.transport.write(data)
 
     def go_away(self, last: int, number: int) -> bool:
-        """Serves nothing above `last`. @return whether that covers a stream all the same"""
+        """Sends GOAWAY once; streams above `last` are not served. @return whether the stream `number` is still served"""
         if self._last is None:
             self._last = last
             self._tell_away(last)
         return number <= self._last
 
     def _tell_away(self, last: int) -> None:
-        # hyper-h2 would answer no stream any more after a GOAWAY of its own.
+        # Written by hand: after a GOAWAY that hyper-h2 itself sends, it refuses to send on the streams that are still open.
         self._flush()
         if not self.link.silent:
             self.link.transport.write(GoAwayFrame(0, last_stream_id=last).serialize())

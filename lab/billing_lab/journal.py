@@ -1,6 +1,6 @@
-"""The journal: every request and every failed handshake, as it was.
+"""The journal: every request with its answer, and every failed handshake.
 
-The lab's tokens, ids and certificates are its own, so nothing in it is hidden.
+Nothing in it is hidden: tokens, ids and certificates are test values of the lab.
 """
 import asyncio
 import base64
@@ -8,14 +8,14 @@ import json
 import sqlite3
 
 KEPT_ENTRIES = 10_000
-# Of all entries together, as they are stored.
+# The stored length of all entries together.
 KEPT_TOTAL_BYTES = 256 << 20
 WAITING_ENTRIES = 1000
 KEPT_BYTES = 1 << 20
 
 
 def add(db: sqlite3.Connection, entry: dict) -> int:
-    """Files an entry. @return its number"""
+    """Adds an entry. @return its number"""
     text = json.dumps(entry)
     cursor = db.execute("INSERT INTO journal (entry) VALUES (?)", (text,))
     db.journal_bytes += len(text)
@@ -25,13 +25,13 @@ def add(db: sqlite3.Connection, entry: dict) -> int:
 
 
 def newest(db: sqlite3.Connection) -> int:
-    """The number of the newest entry that ever was, also after clear()."""
+    """The highest number that an entry has had, also after clear(); 0 if there was none."""
     row = db.execute("SELECT COALESCE(MAX(seq), 0) AS seq FROM sqlite_sequence WHERE name = 'journal'").fetchone()
     return row["seq"]
 
 
 def put(db: sqlite3.Connection, seq: int, entry: dict) -> None:
-    """Files an entry of another lab under a number behind all others."""
+    """Adds an entry of another lab. @param seq its number, higher than all others"""
     text = json.dumps({name: value for name, value in entry.items() if name != "seq"})
     db.execute("INSERT INTO journal (seq, entry) VALUES (?, ?)", (seq, text))
     db.journal_bytes += len(text)
@@ -39,7 +39,7 @@ def put(db: sqlite3.Connection, seq: int, entry: dict) -> None:
 
 
 def _bound(db: sqlite3.Connection, newest: int) -> None:
-    """Lets the oldest go while there are too many, or all together are too long. The newest stays."""
+    """Deletes the oldest entries while there are too many, or all together are too long. The newest stays."""
     while True:
         oldest = db.execute("SELECT seq, LENGTH(entry) AS size FROM journal ORDER BY seq LIMIT 1").fetchone()
         if oldest["seq"] == newest or (db.journal_bytes <= KEPT_TOTAL_BYTES and oldest["seq"] > newest - KEPT_ENTRIES):
@@ -58,7 +58,7 @@ def change(db: sqlite3.Connection, seq: int, entry: dict) -> None:
 
 
 def entries(db: sqlite3.Connection, after: int = 0, last: int | None = None) -> list[dict]:
-    """Those behind a number, or the last ones of them, in their order."""
+    """The entries with higher numbers than `after`, the oldest first. @param last at most so many, the newest of them"""
     rows = db.execute(
         "SELECT seq, entry FROM journal WHERE seq > ? ORDER BY seq DESC LIMIT ?", (after, -1 if last is None else last)
     )
@@ -66,13 +66,14 @@ def entries(db: sqlite3.Connection, after: int = 0, last: int | None = None) -> 
 
 
 def span(db: sqlite3.Connection) -> dict:
-    """How many entries are kept, and the numbers of the first and the last; 0 where there is none."""
+    """The number of entries, and the numbers of the first and the last one; all 0 if there is none."""
     row = db.execute("SELECT COUNT(*), COALESCE(MIN(seq), 0), COALESCE(MAX(seq), 0) FROM journal").fetchone()
     return dict(zip(("entries", "first", "last"), row))
 
 
 def last_before(db: sqlite3.Connection, moment: str) -> int:
-    """The number of the last entry that is from before a moment; of the last 20, the one before them at least."""
+    """The number of the last entry that is older than a moment. Only the last 20 are searched: if all of them are newer, it
+    is the number before them."""
     row = db.execute(
         "SELECT MIN(seq) - 1 AS seq FROM (SELECT seq, entry FROM journal ORDER BY seq DESC LIMIT 20)"
         " WHERE json_extract(entry, '$.time') >= ?",
@@ -82,13 +83,13 @@ def last_before(db: sqlite3.Connection, moment: str) -> int:
 
 
 def clear(db: sqlite3.Connection) -> None:
-    """Empties it. Numbers go on, so that a reader that follows misses nothing."""
+    """Deletes all entries. Numbers continue, so that a follower misses no entry."""
     db.execute("DELETE FROM journal")
     db.journal_bytes = 0
 
 
 def body_of(data: bytes) -> dict:
-    """A body as JSON can carry it, and at most a MiB of it."""
+    """@return bytes, the body's length, and its first MiB as text, or as base64 if it is not UTF-8"""
     kept = data[:KEPT_BYTES]
     told: dict = {"bytes": len(data)}
     try:
@@ -99,7 +100,7 @@ def body_of(data: bytes) -> dict:
 
 
 def line_of(entry: dict) -> str:
-    """An entry as one line for people."""
+    """An entry as one line for a terminal."""
     start = f"{entry['seq']:>5}  {entry['time']}"
     if entry["kind"] == "handshake":
         return f"{start}  no connection: {entry['reason']}"
@@ -110,7 +111,7 @@ def line_of(entry: dict) -> str:
         str(answer["status"] or "-"),
         f"{answer['bytes']} bytes",
         answer["end"],
-        # Entries of an older lab name no protocol.
+        # Entries of older versions of the lab name no protocol.
         entry.get("protocol", "HTTP/1.1"),
         f"connection {entry['connection']} ({entry['handshake']})",
     ]
@@ -122,13 +123,13 @@ def line_of(entry: dict) -> str:
 
 
 class Followers:
-    """Who is told of every event as it comes: its name, and what it is about."""
+    """The queues of those who follow the lab. Each gets every event as a pair of its name and its object."""
 
     def __init__(self) -> None:
         self._queues: set[asyncio.Queue] = set()
 
     def add(self) -> asyncio.Queue:
-        """A queue of the events from now on; None in it is the end, also of one that reads too slowly."""
+        """@return a queue of the events from now on. None in it is the end: the lab ends, or the reader was too slow"""
         queue: asyncio.Queue = asyncio.Queue()
         self._queues.add(queue)
         return queue

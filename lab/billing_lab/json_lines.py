@@ -1,4 +1,4 @@
-"""Where things stand in a JSON text: JSON's own reader knows values, this one their lines."""
+"""Finds the line of each value in a JSON text, which Python's json module does not tell."""
 import json
 import re
 from collections.abc import Iterator
@@ -9,8 +9,8 @@ Path = tuple[str | int, ...]
 
 
 def _tokens(text: str) -> Iterator[tuple[str, int]]:
-    """Each token with its line. Lines are counted on from token to token: from the start for each, a long
-    text would take minutes."""
+    """Yields each token with its line. Lines are counted from token to token: counting from the start of the text for each
+    token takes minutes for a long text."""
     line, counted = 1, 0
     for match in _TOKEN.finditer(text):
         line += text.count("\n", counted, match.start())
@@ -19,8 +19,8 @@ def _tokens(text: str) -> Iterator[tuple[str, int]]:
 
 
 def lines_of(text: str) -> dict[Path, int]:
-    """The line of every value of a JSON text, by its path: ("apps", 0, "id"). A member's line is that
-    of its name. The text must be valid."""
+    """@return the line of each value of a JSON text by its path, such as ("apps", 0, "id"). A member's line is that of its
+    name. The text must be valid JSON."""
     found: dict[Path, int] = {}
     tokens = list(_tokens(text))
     tokens.reverse()

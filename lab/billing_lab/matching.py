@@ -1,9 +1,9 @@
-"""Which requests are meant: the same words for faults, for own answers and for checks of the app."""
+"""Conditions that choose requests. Faults, own answers and checks of an app have the same ones."""
 import dataclasses
 
 PAYMENTS = ("apply", "confirm")
 ENDPOINTS = ("country", "products", "invoices", *PAYMENTS)
-# The five methods by the endpoint that each asks.
+# The endpoint of each of the five methods.
 ENDPOINT_OF = {
     "check_server_availability": "country",
     "get_product_list": "products",
@@ -11,7 +11,7 @@ ENDPOINT_OF = {
     "get_applied_time": "apply",
     "confirm_purchase": "confirm",
 }
-# What a request may be told by, and the endpoints whose requests say it.
+# The conditions besides the endpoint, each with the endpoints whose requests have such a value.
 SAID_BY = {
     "app": ("products", *PAYMENTS),
     "user": ENDPOINTS,
@@ -24,12 +24,12 @@ WORDS = ("endpoint", *SAID_BY)
 
 
 class MatchError(ValueError):
-    """Why nothing can match, in one line."""
+    """The reason why no request can match, in one line."""
 
 
 @dataclasses.dataclass(frozen=True)
 class Asked:
-    """What a request says of itself. `product` is that of its invoice."""
+    """The values of a request that conditions are compared with. `product` is that of its invoice."""
 
     endpoint: str
     app: str = ""
@@ -40,14 +40,14 @@ class Asked:
     headers: tuple[tuple[str, str], ...] = ()
 
     def describe(self) -> dict[str, str]:
-        """What the journal tells; what was not said is left out."""
+        """The values that the journal keeps; empty ones are left out."""
         told = {name: getattr(self, name) for name in ("app", "user", "invoice", "product", "custom_id")}
         return {name: value for name, value in told.items() if value}
 
 
 @dataclasses.dataclass(frozen=True)
 class Match:
-    """Conditions; what is None does not restrict. `header` is a name, or "name: value"."""
+    """Conditions; None means any. `header` is a name, or "name: value"."""
 
     endpoint: str | None = None
     app: str | None = None
@@ -61,7 +61,7 @@ class Match:
         return {word: getattr(self, word) for word in WORDS if getattr(self, word) is not None}
 
     def misses(self, asked: Asked) -> list[str]:
-        """The words in which a request differs; nothing when it fits."""
+        """The conditions that a request does not meet; empty if it fits."""
         return [word for word in self.describe() if not self._fits(word, asked)]
 
     def _fits(self, word: str, asked: Asked) -> bool:
@@ -74,7 +74,7 @@ class Match:
 
 
 def read_match(wanted: dict) -> Match:
-    """The conditions in a description that may say more. A method's name stands for its endpoint.
+    """Reads the conditions of a description; its other members are ignored. A method's name stands for its endpoint.
 
     @throw MatchError for what no request can fit
     """

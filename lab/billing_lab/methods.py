@@ -1,7 +1,7 @@
-"""The five methods, with what a caller may leave out."""
+"""The five methods of the service, with the lab's defaults of their arguments."""
 from .folder import LabError
 
-# The arguments in their order. The store of the lab takes app-1 of its own catalogue.
+# The arguments in their order, with defaults that fit the lab's own catalogue.
 METHODS: dict[str, dict[str, str]] = {
     "check_server_availability": {},
     "get_product_list": {"appid": "app-1", "serverType": "1", "CheckValue": ""},
@@ -19,7 +19,7 @@ METHODS: dict[str, dict[str, str]] = {
 
 
 def arguments_of(method: str, values: dict[str, str]) -> list[str]:
-    """The arguments of a call in their order."""
+    """@return the arguments of a call in their order, defaults included. @throw LabError"""
     known = METHODS.get(method)
     if known is None:
         raise LabError(f"{method!r} is no method; known are {', '.join(METHODS)}")

@@ -1,4 +1,4 @@
-"""The control interface in OpenAPI's form. Names and ranges are those of the code that reads them."""
+"""The OpenAPI description of the control interface. Names and ranges are taken from the code that checks them."""
 from . import __version__, device
 from .checks.rules import POLLS, RULES
 from .faults import CONNECTION_FAULTS, KINDS
@@ -42,7 +42,7 @@ _BUY = {
 
 
 def _options(kinds: dict) -> dict:
-    """The numbers that faults take, each with the bounds of all of them together."""
+    """The schemas of the faults' options. An option of several faults has bounds that include those of all of them."""
     found: dict[str, dict] = {}
     for name, kind in kinds.items():
         for option, known in kind.options.items():
@@ -96,7 +96,7 @@ _SCENARIO = {
     "expect": _list_of({"type": "object", "properties": _CHECK}),
 }
 
-# Method, path, what it does, members of the body or None, those that are needed, parameters of the query.
+# Method, path, summary, members of the body or None, required members, parameters of the query.
 _OPERATIONS = [
     (
         "get",
@@ -208,7 +208,7 @@ _PROBLEM = {
 
 
 def describe() -> dict:
-    """The whole description, ready for JSON."""
+    """@return the whole description, as an object for json.dumps()"""
     paths: dict[str, dict] = {}
     for method, path, what, members, needed, query in _OPERATIONS:
         told: dict = {

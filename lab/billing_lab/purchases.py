@@ -1,4 +1,4 @@
-"""What happens to purchases outside the five methods: on the store's own pages, by hand or by a test."""
+"""Buys a product, as a user does on the store's own pages."""
 import sqlite3
 
 from . import faults, state, store
@@ -17,7 +17,7 @@ def buy(
     custom_id: str | None = None,
     life: dict | None = None,
 ) -> dict:
-    """A user pays for a product. @param life what purchase.begin() takes. @return the new invoice"""
+    """A user pays for a product. @param life as for purchase.begin(). @return the new invoice"""
     purchase.happen(db)
     catalogue = state.fact(db, "catalogue")
     sold = store.find_app(catalogue, app)
@@ -51,7 +51,7 @@ def buy(
 
 
 def _life_of(app: dict, product: str, wanted: dict) -> dict:
-    """With the period of a subscription, where the catalogue has one."""
+    """@return `wanted`, with period and grace of the catalogue's product where it does not name them"""
     sold = next((known for known in app["products"] if known["id"] == product), {})
     return {**{key: sold[key] for key in ("period", "grace") if key in sold}, **wanted}
 

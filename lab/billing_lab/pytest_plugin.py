@@ -24,15 +24,15 @@ def billing_lab_catalogue() -> pathlib.Path:
 
 @pytest.fixture(scope="session")
 def billing_lab_running(tmp_path_factory) -> Iterator[client.Lab]:
-    """One lab for all the tests. It ends with them, however they end."""
+    """One lab for all tests of the session. It ends with the session, even if pytest is killed."""
     with client.running(tmp_path_factory.mktemp("billing-lab")) as lab:
         yield lab
 
 
 @pytest.fixture
 def billing_lab(billing_lab_running, billing_lab_catalogue, monkeypatch) -> client.Lab:
-    """A lab as it is after `seed`: no purchase, fault or journal entry of another test. Programs that
-    the test starts find its bus in DBUS_SYSTEM_BUS_ADDRESS."""
+    """The lab in its state after `seed`: without purchases, faults or journal entries of another test. Programs that the
+    test starts find the lab's bus in DBUS_SYSTEM_BUS_ADDRESS."""
     billing_lab_running.seed(billing_lab_catalogue)
     billing_lab_running.reset()
     monkeypatch.setitem(os.environ, "DBUS_SYSTEM_BUS_ADDRESS", billing_lab_running.bus)
@@ -41,6 +41,6 @@ def billing_lab(billing_lab_running, billing_lab_catalogue, monkeypatch) -> clie
 
 @pytest.fixture
 def billing_lab_verified(billing_lab) -> Iterator[client.Lab]:
-    """The same lab; at its end the test fails where the app broke one of the usual rules, or an expectation."""
+    """The lab of `billing_lab`. The test fails at its end if the app has broken a usual rule or an expectation."""
     yield billing_lab
     billing_lab.assert_verified()

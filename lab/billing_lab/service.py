@@ -1,4 +1,4 @@
-"""The daemon as a part of the device that may fail: there, hanging, absent, or ended in the middle of a call."""
+"""Starts the daemon, and puts it into the states that an app may meet: up, hanging, absent, or killed during a call."""
 import asyncio
 import contextlib
 import os
@@ -16,9 +16,9 @@ STOP_SECONDS = 10
 
 
 class Daemon:
-    """The daemon's process, behind those of bubblewrap and its guard.
+    """The daemon's process, run by bubblewrap and a guard (view.py).
 
-    @param again its log goes on where that of the one before ended
+    @param again True if the daemon was started before: its log is then appended to
     """
 
     def __init__(self, folder: Folder, bus_address: str, level: str, again: bool = False):
@@ -57,7 +57,7 @@ class Daemon:
                 os.kill(self.pid or self.process.pid, number)
 
     def stop(self, number: int = signal.SIGTERM) -> None:
-        """Ends it, also one that hangs, and waits for its end."""
+        """Ends the process and waits for its end. SIGCONT lets a stopped process take the signal."""
         self.send(number)
         self.send(signal.SIGCONT)
         try:
@@ -68,21 +68,21 @@ class Daemon:
 
 
 class Service:
-    """What the daemon is at this moment.
+    """The present daemon and its state, which a switch of the device changes.
 
-    @param start makes another daemon
+    @param start starts a new daemon
     """
 
     def __init__(self, start: Callable[[], Daemon], daemon: Daemon):
         self.state = "up"
         self.daemon = daemon
-        # Called with the process of every further daemon.
+        # Called with the process of each daemon that is started later.
         self.watch: Callable[[subprocess.Popen], None] = lambda process: None
         self._start = start
         self._turn = asyncio.Lock()
 
     async def switch(self, wanted: str) -> None:
-        """@param wanted one of SERVICE_STATES, or "restart": ended as by a crash, whatever it does, and up again"""
+        """@param wanted one of SERVICE_STATES, or "restart": kills the daemon, as a crash does, and starts it again"""
         if wanted not in (*SERVICE_STATES, "restart"):
             raise DeviceError(f"service {wanted!r} is not known; write one of {', '.join(SERVICE_STATES)}, restart")
         async with self._turn:
@@ -94,7 +94,7 @@ class Service:
 
     async def _have(self, wanted: str) -> None:
         if self.state == "absent":
-            # Here and not in a thread: the kernel ends it with the thread that started it.
+            # Not in a thread: PR_SET_PDEATHSIG acts when the thread that started the process ends.
             self.daemon = self._start()
             await asyncio.to_thread(self.daemon.wait_for_name)
             self.state = "up"
@@ -105,7 +105,7 @@ class Service:
         self.state = wanted
 
     def is_wanted(self, process: subprocess.Popen) -> bool:
-        """Is the end of this process the end of the lab?"""
+        """@return whether this process is the present daemon, and should run: its end then ends the lab"""
         return self.state != "absent" and process is self.daemon.process
 
     def stop(self) -> None:

@@ -1,5 +1,5 @@
-"""The store: an HTTPS server that demands the device's certificate, keeps a journal, and answers as the
-catalogue and the faults want it."""
+"""The store: an HTTPS server that demands the device's certificate, writes a journal, and answers from the catalogue and
+the faults that are set."""
 import asyncio
 import datetime
 import json
@@ -18,12 +18,12 @@ from .life import purchase
 
 
 class Simulator:
-    """The server. All of it runs in one event loop.
+    """The server. Its methods are called from one event loop only.
 
     @param certificates the folder that tls.server_context wants
-    @param device what the device is like at this moment, as check.differences wants it
-    @param tell called with "begun" and an entry of the journal whose answer a fault spoils, and with "journal"
-    and every entry that is whole
+    @param device returns the device's present settings, in the form that check.differences takes
+    @param tell called with ("begun", entry) when a fault starts to act on the answer of an entry of the journal, and with
+    ("journal", entry) when an entry is complete
     """
 
     def __init__(
@@ -57,7 +57,7 @@ class Simulator:
         return made
 
     def clear_faults(self, number: int | None = None) -> int:
-        """Ends one or all of them, and the hanging answers that they hold. @return how many"""
+        """Removes one fault or all, and so ends the answers that they hold back. @return how many were removed"""
         kept = [fault for fault in self.faults if number not in (None, fault.number)]
         ended = len(self.faults) - len(kept)
         self.faults = kept
@@ -65,18 +65,19 @@ class Simulator:
         return ended
 
     def restore_faults(self, kept: list[faults.Fault]) -> None:
-        """Faults of another lab, in their order and with their numbers."""
+        """Replaces the faults by those of another lab; their order and their numbers are kept."""
         self.faults = kept
         self._fault_number = max([self._fault_number, *(fault.number for fault in kept)])
 
     def reset(self) -> None:
-        """As it was at the start."""
+        """Removes all faults, also that of the connections. The next fault has the number 1."""
         self.clear_faults()
         self._fault_number = 0
         self.connections.switch("none")
 
     def end_of(self, fault: faults.Fault) -> Callable[[], bool]:
-        """A question: is it over? One that was forced by a product ends when any is cleared."""
+        """@return a function that tells whether the fault is over. A fault forced by a product id is in no list: it is
+        over when any fault is cleared."""
         cleared = self._cleared
 
         def is_over() -> bool:
@@ -120,7 +121,7 @@ class Simulator:
             reply = ask
         reply = answers.spoilt(reply, fault)
         entry["fault"] = fault.kind if fault else None
-        # The caller may look into the journal as soon as it has its answer.
+        # The entry is complete before the answer is sent: a caller may read the journal as soon as it has the answer.
         end = "under way" if fault else "whole"
         entry["answer"] = {"status": reply.status, "end": end, **journal.body_of(reply.body)}
         if fault:
@@ -134,7 +135,7 @@ class Simulator:
         seq = journal.add(self.db, entry)
         if fault:
             fault.struck_entry(seq)
-            # One that hangs is seen while it hangs.
+            # A request whose answer hangs is shown while it hangs.
             self._tell("begun", {"seq": seq, **entry})
         began = time.monotonic()
         end = await answers.send(exchange, reply, fault)
@@ -166,7 +167,7 @@ class Simulator:
             return [str(error)]
 
     def _refused(self, link: Link, raw: bytes, error: BaseException | None) -> None:
-        """What came is no request, or none that can be answered."""
+        """Adds an entry for bytes that are not a valid request."""
         self._file(
             {
                 "time": _now(),
@@ -191,7 +192,7 @@ class Simulator:
 
 
 def _told(link: Link) -> dict:
-    """What the journal tells of a connection."""
+    """The members of a journal entry that describe its connection."""
     return {
         "connection": link.number,
         "protocol": link.protocol,
@@ -207,7 +208,7 @@ def _now() -> str:
 
 
 def _ask_of(exchange: Exchange, endpoint: str | None) -> store.Ask | store.Reply:
-    """The request as the store understands it, or what it answers to one that it does not."""
+    """@return the request's values for the store, or the error answer to a request that the store cannot read"""
     if endpoint is None:
         return store.failure(404, "unknown_request", f"no {exchange.method} {exchange.path} here")
     if endpoint in matching.PAYMENTS:

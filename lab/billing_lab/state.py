@@ -1,4 +1,4 @@
-"""The lab's memory: one SQLite file with the catalogue, the invoices and the journal."""
+"""The lab's state: one SQLite file with the catalogue, the invoices and the journal."""
 import json
 import pathlib
 import sqlite3
@@ -6,7 +6,7 @@ import sqlite3
 STEPS = ("bought", "applied", "confirmed", "cancelled", "refunded")
 COLUMNS = ("id", "user", "app", "product", "country", "custom_id", *STEPS)
 
-# What an invoice is, by the first of these that it has.
+# The status of an invoice: that of the first of these members (the values) that it has.
 _STATUSES = {
     "later": "appears",
     "refunded": "refunded",
@@ -34,7 +34,7 @@ CREATE TABLE IF NOT EXISTS journal (seq INTEGER PRIMARY KEY AUTOINCREMENT, entry
 
 
 class _Connection(sqlite3.Connection):
-    """With the facts that were read, since parsing a large catalogue for every request would be slow, and with
+    """A connection with two caches: the facts that were read, since parsing a large catalogue for each request is slow, and
     the length of all entries of the journal."""
 
     def __init__(self, *arguments, **options):
@@ -44,7 +44,7 @@ class _Connection(sqlite3.Connection):
 
 
 def open_state(file: pathlib.Path | str) -> sqlite3.Connection:
-    """Opens or makes it. A crash of the lab loses nothing that was written; one of the machine may."""
+    """Opens or makes the file. A crash of the lab loses no write; a crash of the machine may."""
     db = sqlite3.connect(file, isolation_level=None, factory=_Connection)
     db.row_factory = sqlite3.Row
     db.executescript("PRAGMA journal_mode=WAL; PRAGMA synchronous=OFF;" + _TABLES)
@@ -56,7 +56,7 @@ def open_state(file: pathlib.Path | str) -> sqlite3.Connection:
 
 
 def fact(db: sqlite3.Connection, name: str, default: object = None):
-    """What it returns belongs to the memory: change a copy, and set that."""
+    """@return a value by its name. It belongs to the cache: change a copy of it, and set that"""
     if name not in db.facts:
         row = db.execute("SELECT value FROM facts WHERE name = ?", (name,)).fetchone()
         if row is None:
@@ -72,7 +72,7 @@ def set_fact(db: sqlite3.Connection, name: str, value: object) -> None:
 
 
 def seed(db: sqlite3.Connection, catalogue: dict) -> None:
-    """Puts a catalogue in place of everything that was sold and bought."""
+    """Replaces catalogue, own answers, clock and all purchases by those of a catalogue."""
     db.execute("BEGIN")
     set_fact(db, "catalogue", catalogue)
     set_fact(db, "answers", catalogue.get("answers", {}))
@@ -85,7 +85,7 @@ def seed(db: sqlite3.Connection, catalogue: dict) -> None:
 
 
 def forget_purchases(db: sqlite3.Connection) -> None:
-    """All invoices, and what lies ahead of them."""
+    """Deletes all invoices, and the steps that are planned for them."""
     db.execute("DELETE FROM events")
     db.execute("DELETE FROM invoices")
     db.execute("DELETE FROM sqlite_sequence WHERE name = 'invoices'")
@@ -95,7 +95,7 @@ _SEEN = "json_extract(life, '$.appears') IS NULL"
 
 
 def set_life(db: sqlite3.Connection, name: str, **changes: object) -> None:
-    """Sets what an invoice's life is about; None takes it out."""
+    """Sets members of an invoice's life; None removes one."""
     row = db.execute("SELECT life FROM invoices WHERE id = ?", (name,)).fetchone()
     life = {key: value for key, value in {**json.loads(row["life"]), **changes}.items() if value is not None}
     db.execute("UPDATE invoices SET life = ? WHERE id = ?", (json.dumps(life), name))
@@ -110,7 +110,7 @@ def add_event(db: sqlite3.Connection, at: str, name: str, step: str) -> None:
 
 
 def next_event(db: sqlite3.Connection, now: str) -> dict | None:
-    """Takes the first one that is due."""
+    """Removes the earliest event that is due. @return the event, or None"""
     row = db.execute("SELECT * FROM events WHERE at <= ? ORDER BY at, number LIMIT 1", (now,)).fetchone()
     if row is not None:
         db.execute("DELETE FROM events WHERE number = ?", (row["number"],))
@@ -123,7 +123,7 @@ def drop_events(db: sqlite3.Connection, name: str, *steps: str) -> None:
 
 
 def events(db: sqlite3.Connection) -> list[dict]:
-    """What lies ahead, the next first."""
+    """The steps that are planned, the next first."""
     return [dict(row) for row in db.execute("SELECT at, invoice, step FROM events ORDER BY at, number")]
 
 
@@ -135,7 +135,7 @@ def add_invoice(db: sqlite3.Connection, invoice: dict) -> None:
 
 
 def next_invoice_id(db: sqlite3.Connection) -> str:
-    """Ids count up, so that a run repeats."""
+    """@return a new id. Ids count up, so that a run can be repeated"""
     row = db.execute("SELECT COALESCE(MAX(number), 0) + 1 AS next FROM invoices").fetchone()
     number = row["next"]
     while invoice(db, f"INV-{number:06}") is not None:
@@ -149,8 +149,8 @@ def invoice(db: sqlite3.Connection, name: str) -> dict | None:
 
 
 def invoices(db: sqlite3.Connection, user: str | None = None, start: int = 1, size: int = -1) -> list[dict]:
-    """Those of a user or of all, the newest first, from the `start`-th on. A user does not see those that have not
-    appeared."""
+    """The invoices of a user, or all if None: the newest first, beginning with number `start`. Those of a user are without
+    the ones that have not appeared yet."""
     rows = db.execute(
         f"SELECT * FROM invoices WHERE ?1 IS NULL OR (user = ?1 AND {_SEEN}) ORDER BY number DESC LIMIT ? OFFSET ?",
         (user, size, start - 1),
@@ -159,12 +159,12 @@ def invoices(db: sqlite3.Connection, user: str | None = None, start: int = 1, si
 
 
 def count_invoices(db: sqlite3.Connection, user: str | None = None) -> int:
-    """Those of a user or of all."""
+    """The number of a user's invoices, or of all, as invoices() has them."""
     return db.execute(f"SELECT COUNT(*) FROM invoices WHERE ?1 IS NULL OR (user = ?1 AND {_SEEN})", (user,)).fetchone()[0]
 
 
 def mark(db: sqlite3.Connection, name: str, step: str, now: str) -> dict:
-    """An invoice takes a step. A step that was taken keeps its time."""
+    """Sets the time of an invoice's step, if it has none. @return the invoice"""
     if step not in STEPS:
         raise ValueError(step)
     db.execute(f"UPDATE invoices SET {step} = COALESCE({step}, ?) WHERE id = ?", (now, name))

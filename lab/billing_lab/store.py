@@ -1,4 +1,4 @@
-"""What the store answers. The JSON is the lab's own: the daemon hands any body on as it is."""
+"""The store's answers to the five requests. Their JSON is the lab's own, since the daemon hands on any body unchanged."""
 import dataclasses
 import json
 import sqlite3
@@ -23,7 +23,7 @@ LARGEST_PAGE = 1000
 
 @dataclasses.dataclass(frozen=True)
 class Ask:
-    """One request: the values of its query or of its JSON body, by name."""
+    """One request: its endpoint, the values of its query or its JSON body by name, and the device's token."""
 
     endpoint: str
     values: dict[str, str]
@@ -43,12 +43,12 @@ class Reply:
     status: int
     body: bytes
     type: str = "application/json"
-    # Did the store do what it was asked for?
+    # Whether the store did what was asked.
     done: bool = True
 
 
 class Refusal(Exception):
-    """The store says no."""
+    """The store refuses a request, with an HTTP status, an error code and a message."""
 
     def __init__(self, status: int, code: str, message: str):
         super().__init__(message)
@@ -60,10 +60,9 @@ def failure(status: int, code: str, message: str) -> Reply:
 
 
 def answer(db: sqlite3.Connection, ask: Ask, asked: Asked) -> Reply:
-    """Does what the request asks for, and says so. A team's own body stands for whatever came of it,
-    but for a token that is not good.
+    """Does what the request asks for. An own answer replaces the built-in one, also a refusal, except that of a bad token.
 
-    @param asked the same request as own answers are chosen by
+    @param asked the same request, as conditions of own answers are compared with it
     """
     try:
         _check_token(db, ask)
@@ -85,7 +84,7 @@ def answer(db: sqlite3.Connection, ask: Ask, asked: Asked) -> Reply:
 
 
 def _values(db: sqlite3.Connection, ask: Ask, asked: Asked, reply: Reply) -> dict:
-    """What a template may name."""
+    """The variables of a template."""
     return {
         "answer": json.loads(reply.body),
         "status": reply.status,
@@ -138,7 +137,7 @@ def _country(_db: sqlite3.Connection, catalogue: dict, ask: Ask) -> dict:
 
 
 def check_country(catalogue: dict, name: str) -> dict:
-    """The country, where the store is there for it."""
+    """@return the country. @throw Refusal if the store is not available there"""
     country = catalogue["countries"].get(name)
     if country is None or not country.get("available", True):
         raise Refusal(403, "country_unavailable", f"the store is not there for the country {name!r}")
@@ -185,7 +184,7 @@ def _number(ask: Ask, name: str, most: int) -> int:
     return int(text)
 
 
-# Statuses in which nothing is applied or confirmed.
+# Statuses in which an invoice cannot be applied or confirmed, as texts for the refusal.
 _NO_MORE = {
     "cancelled": "was cancelled",
     "refunded": "was refunded",
@@ -199,7 +198,7 @@ def _invoice_of(db: sqlite3.Connection, catalogue: dict, ask: Ask) -> dict:
     _check_user(catalogue, ask)
     name = ask.values.get("invoiceId", "")
     found = state.invoice(db, name)
-    # Another user's invoice is nobody's business.
+    # Another user's invoice is reported as unknown, as a real store must do.
     if found is None or found["status"] == "later" or (found["user"], found["app"]) != (ask.user, ask.app):
         raise Refusal(404, "unknown_invoice", f"the user has no invoice {name!r} in this app")
     if found.get("custom_id", ask.values.get("customId")) != ask.values.get("customId"):

@@ -1,12 +1,11 @@
-"""The process that is a lab: it runs the store itself, and the bus and the daemon as its children.
+"""A lab's process: runs the store in itself, and the bus and the daemon as its children.
 
-When a part ends, the rest is ended. The children ask the kernel to be ended with this process, so that
-nothing is left when it is killed.
+When one part ends, the others are ended. The kernel ends the children when this process is killed.
 
 usage: python3 -m billing_lab.supervisor FOLDER LEVEL REPORT [LIFELINE]
 
-REPORT is a descriptor on which one line says "up", or why not. When the other side of the descriptor
-LIFELINE is closed, the lab ends.
+REPORT is a descriptor to which one line is written: "up", or the reason why the lab did not start. LIFELINE is the reading
+end of a pipe: the lab ends when the last writing end is closed.
 """
 import asyncio
 import contextlib
@@ -23,12 +22,12 @@ from .calls import monitor
 from .folder import Folder, LabError, named_errors, replace_file
 from .service import Daemon, Service
 
-# As long as a lab may be kept.
+# Longer than any lab is kept.
 CERTIFICATE_DAYS = 3650
 
 
 def provision(folder: Folder) -> None:
-    """Makes the lab's device, once."""
+    """Makes the lab's device, unless the folder has one."""
     if folder.settings.exists():
         return
     tool = tools.tool("billing-provision")
@@ -45,7 +44,7 @@ def provision(folder: Folder) -> None:
 
 
 def run(folder: Folder, level: str, report, lifeline: int | None) -> str | None:
-    """A whole life of a lab. @return why it ended by itself, if it did"""
+    """Runs a lab to its end. @return the reason if it ended by itself, None if it was told to end"""
     kept = read_addresses(folder)
     listener, controls = connections.listen(kept.get("store", 0)), connections.listen(kept.get("control", 0))
     provision(folder)
@@ -67,7 +66,7 @@ def run(folder: Folder, level: str, report, lifeline: int | None) -> str | None:
         }
         secret = kept.get("token") or control.new_token()
         address = f"http://127.0.0.1:{controls.getsockname()[1]}"
-        # Behind "#": a browser sends that part to nobody.
+        # The token is in the fragment, behind "#": a browser sends that part to no server.
         info["control"] = {"address": address, "token": secret, "dashboard": f"{address}/#token={secret}"}
         replace_file(
             folder.addresses,
@@ -77,7 +76,7 @@ def run(folder: Folder, level: str, report, lifeline: int | None) -> str | None:
 
 
 def read_addresses(folder: Folder) -> dict:
-    """The last lab's ports and token; nothing where there was none, or where the file was broken."""
+    """The last lab's ports and token; empty if the file is missing or cannot be read."""
     with contextlib.suppress(OSError, ValueError):
         kept = json.loads(folder.addresses.read_text(encoding="utf-8"))
         if isinstance(kept, dict) and all(isinstance(kept.get(name), int) for name in ("store", "control")):
@@ -94,7 +93,11 @@ async def _live(
     report,
     lifeline: int | None,
 ) -> str | None:
-    """@param listeners the store's and the control interface's"""
+    """Serves store and control interface until the lab ends.
+
+    @param listeners the store's socket, and the control interface's
+    @return as run()
+    """
     with contextlib.closing(state.open_state(folder.state)) as db:
         state.set_fact(db, "token", token)
     lab = core.Core(folder, listeners[0], info, parts[1], parts[0])
@@ -122,7 +125,7 @@ async def _live(
 
 
 def _watch_calls(lab: core.Core, address: str) -> monitor.Monitor:
-    """The monitor sees calls in a thread of its own; the book is the loop's."""
+    """Starts the monitor of calls. Its callbacks come in GIO's thread and are handed to the event loop, as Book needs."""
     loop = asyncio.get_running_loop()
 
     def handed_on(function):
@@ -136,7 +139,7 @@ def _watch_calls(lab: core.Core, address: str) -> monitor.Monitor:
 
 
 def _watch(lab: core.Core, parts: tuple[bus.Bus, Service], why: list[str], lifeline: int | None) -> None:
-    """Ends the lab on a signal, with the one who holds its lifeline, or with a part of it."""
+    """Ends the lab on a signal, at the end of the lifeline, or when the bus or the daemon ends."""
     loop = asyncio.get_running_loop()
     for number in (signal.SIGTERM, signal.SIGINT):
         loop.add_signal_handler(number, lab.end)
@@ -168,7 +171,7 @@ def _watch(lab: core.Core, parts: tuple[bus.Bus, Service], why: list[str], lifel
 def main(arguments: list[str]) -> int:
     os.umask(0o077)
     os.chdir("/")
-    # A shell ignores it in what it runs in the background, and the daemon would inherit that.
+    # A shell starts background commands with SIGINT ignored, and the daemon would inherit that.
     signal.signal(signal.SIGINT, signal.SIG_DFL)
     folder, level = Folder(pathlib.Path(arguments[0])), arguments[1]
     report = os.fdopen(int(arguments[2]), "w", encoding="utf-8")

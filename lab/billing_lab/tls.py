@@ -1,4 +1,4 @@
-"""The server's certificates, right and wrong, and the TLS contexts made of them."""
+"""Makes the server's TLS contexts, with a valid certificate or with one that a fault asks for."""
 import datetime
 import pathlib
 import ssl
@@ -11,10 +11,9 @@ HOSTS = ("production.localhost", "sandbox.localhost")
 
 
 def server_context(fault: str, folder: pathlib.Path) -> ssl.SSLContext:
-    """A context that demands a client certificate. A new one knows no session of those before it.
+    """A context that demands a client certificate. A new context resumes no session of an earlier one.
 
-    @param folder with ca.pem and ca.key, which vouch for the server and for its clients, and with
-    server.pem and server.key
+    @param folder has ca.pem and ca.key, the authority of server and clients, and server.pem and server.key
     """
     context = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
     if fault in ("expired", "wrong-host", "untrusted"):
@@ -38,7 +37,7 @@ def _wrong_certificate(fault: str, folder: pathlib.Path) -> trustme.LeafCert:
 
 
 def presented(tls: ssl.SSLObject) -> dict | None:
-    """The client's certificate in a few words."""
+    """Subject, issuer, end of validity and SHA-256 of the client's certificate; None if it sent none."""
     der = tls.getpeercert(binary_form=True)
     if der is None:
         return None
@@ -52,5 +51,5 @@ def presented(tls: ssl.SSLObject) -> dict | None:
 
 
 def fingerprint(file: pathlib.Path) -> str:
-    """The same number of a certificate in a PEM file."""
+    """The SHA-256 of the certificate in a PEM file, as presented() gives it."""
     return x509.load_pem_x509_certificate(file.read_bytes()).fingerprint(hashes.SHA256()).hex()

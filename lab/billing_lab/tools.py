@@ -1,4 +1,4 @@
-"""The programs that a lab runs, those of a build or those that are installed, and what they are told."""
+"""Finds the programs that a lab runs, in the build folder or installed, and makes the daemon's environment."""
 import os
 import pathlib
 import shutil
@@ -12,7 +12,7 @@ _IN_BUILD = {"billing-provision": "platform/provision/billing-provision", "billi
 
 
 def service() -> pathlib.Path:
-    """The daemon: that of $BILLING_SERVICE, else the one of the build folder, else the installed one."""
+    """@return the daemon: $BILLING_SERVICE, else the one in the build folder, else the installed one. @throw LabError"""
     named = os.environ.get("BILLING_SERVICE")
     built = TREE / "build" / "service" / "billing-service"
     for candidate in [pathlib.Path(named)] if named else [built, INSTALLED_SERVICE]:
@@ -25,7 +25,7 @@ def service() -> pathlib.Path:
 
 
 def tool(name: str) -> pathlib.Path | None:
-    """Another program, of the same build or prefix as the daemon; None when it is not there."""
+    """@return another program: from the daemon's build folder or prefix, else from PATH; None if there is none"""
     home = service().parents[1]
     for candidate in (home / _IN_BUILD[name], home / "bin" / name, home / "sbin" / name):
         if os.access(candidate, os.X_OK):
@@ -35,7 +35,7 @@ def tool(name: str) -> pathlib.Path | None:
 
 
 def environment(folder: Folder, bus_address: str, level: str) -> dict[str, str]:
-    """What the daemon is told. Its private values are the lab's own, so its log shows them."""
+    """The daemon's environment. Its log shows private values: they are test values of the lab."""
     return {
         "PATH": "/usr/bin:/bin",
         "DBUS_SYSTEM_BUS_ADDRESS": bus_address,

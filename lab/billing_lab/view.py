@@ -1,4 +1,4 @@
-"""The daemon's own view of the two paths that are fixed in it, without root."""
+"""Gives the daemon its own files at the two paths that are fixed in it, by a mount namespace and without root."""
 import json
 import os
 import pathlib
@@ -18,8 +18,8 @@ NO_NAMESPACES = (
 
 
 def bubblewrap(ca_folder: pathlib.Path | str, certificates: pathlib.Path | str) -> list[str]:
-    """A command line that gives what follows it a /opt of its own, and a /usr that is the machine's
-    with the device's certificate in it."""
+    """@return a command line to put before a command, which then sees the two folders at the fixed paths: /opt is otherwise
+    empty, /usr otherwise the machine's"""
     command = [
         "bwrap",
         "--die-with-parent",
@@ -45,7 +45,7 @@ def bubblewrap(ca_folder: pathlib.Path | str, certificates: pathlib.Path | str) 
 
 
 def why_no_view() -> str | None:
-    """None where bubblewrap works, else what to do about it."""
+    """@return None if bubblewrap works, else the reason and what to do"""
     if shutil.which("bwrap") is None:
         return "bubblewrap is not installed (apt install bubblewrap)"
     if not os.path.isdir("/opt"):
@@ -54,9 +54,9 @@ def why_no_view() -> str | None:
     return None if tried.returncode == 0 else f"{NO_NAMESPACES} ({tried.stderr.strip()})"
 
 
-# bubblewrap binds itself and its command to their parents' lives, but late: for some milliseconds each would
-# outlive its own. So a shell runs it, and a second one waits for the end of the pipe that is the first one's
-# input, which is the end of who started it, and then ends all of them.
+# bubblewrap asks the kernel to end it with its parent (--die-with-parent), but only some milliseconds after its start. A
+# parent that ends earlier would leave it running. So a shell runs bubblewrap, and a second shell reads from a pipe whose
+# writing end the starter has: when the pipe ends, it kills the whole process group.
 _GUARD = """exec 3<&0
 (read -r _ <&3; kill -KILL 0) &
 "$@" </dev/null 3<&-
@@ -69,9 +69,9 @@ GUARD = ("setpriv", "--pdeathsig", "KILL", "sh", "-c", _GUARD, "guard")
 def start(
     prefix: Sequence[str], command: Sequence[str], *, handed_on: Sequence[int] = (), **options
 ) -> tuple[subprocess.Popen, int]:
-    """Starts a command behind a prefix that ends with bubblewrap().
+    """Starts a command with a prefix that ends with bubblewrap().
 
-    @return the prefix's process, and the number of the command's own
+    @return the prefix's process, and the process id of the command; 0 if it did not start
     """
     told, tell = os.pipe()
     process = subprocess.Popen(
@@ -80,7 +80,7 @@ def start(
     os.close(tell)
     with open(told, encoding="utf-8") as info:
         text = ""
-        # Not to its end: a guard has the descriptor too.
+        # Not read to its end: a guard keeps the writing end open.
         while not text.endswith("}\n") and (line := info.readline()):
             text += line
     return process, json.loads(text or "{}").get("child-pid", 0)

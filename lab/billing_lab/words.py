@@ -1,4 +1,4 @@
-"""What the parts of the command line have in common."""
+"""Helpers with which each part of the command line adds its commands, options and ranges of numbers."""
 import argparse
 
 from .matching import ENDPOINT_OF, ENDPOINTS
@@ -19,7 +19,7 @@ def add(words, name: str, run, what: str, json: bool = True, **options) -> argpa
 
 
 def match_options(made: argparse.ArgumentParser, endpoint: bool = True) -> None:
-    """Which requests are meant: the words of matching.py."""
+    """Adds the options that choose requests: the conditions of matching.py."""
     if endpoint:
         made.add_argument(
             "--endpoint",

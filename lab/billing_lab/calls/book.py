@@ -1,4 +1,4 @@
-"""The calls, each with its answer and the requests that it became."""
+"""Records the calls on the lab's bus, each with its answer and the requests that the daemon sent for it."""
 import collections
 import datetime
 import sqlite3
@@ -10,9 +10,9 @@ from ..methods import METHODS
 
 KEPT_CALLS = 2000
 KEPT_TEXT = 64 << 10
-# On a busy machine the bus tells of a call later than the store of its request.
+# On a busy machine the monitor reports a call after the store has added its request to the journal: at most so much later.
 LATE = datetime.timedelta(seconds=2)
-# The words of a request that a method's arguments say.
+# The words of matching.py by the method's argument of the same value.
 _WORDS = {"appid": "app", "invoiceid": "invoice", "customId": "custom_id"}
 _SENT = {"get_product_list": ("appid",), "get_applied_time": tuple(_WORDS), "confirm_purchase": tuple(_WORDS)}
 
@@ -31,7 +31,7 @@ def check(told: list[dict]) -> None:
 
 
 class Book:
-    """The calls since the last reset. All of it runs in one event loop."""
+    """The calls since the last reset. Its methods are called from one event loop only."""
 
     def __init__(self, db: sqlite3.Connection):
         self._db = db
@@ -60,11 +60,12 @@ class Book:
         self._calls.append(call)
         self._open[sender, serial] = call
         if len(self._open) > KEPT_CALLS:
-            # Its caller may have left.
+            # A caller that has left the bus is never answered.
             del self._open[next(iter(self._open))]
 
     def _last_before(self, call: dict, moment: str) -> int:
-        """The number of the last entry that is from before the moment, or of an earlier call with the same words."""
+        """The number of the last entry that cannot be of this call: it is older than the moment, or belongs to an earlier
+        call with the same values."""
         return max(
             [
                 journal.last_before(self._db, moment),
@@ -88,22 +89,27 @@ class Book:
         self._number = 0
 
     def dump(self) -> list[dict]:
-        """The calls as another lab takes them: what describe() tells, and between which numbers their requests are."""
+        """The calls in the form that load() takes: those of describe(), with the range of the journal of their requests."""
         kept = [{name: call[name] for name in ("after", "until", "rivals") if name in call} for call in self._calls]
         return [{**told, **more} for told, more in zip(self.describe(), kept)]
 
     def load(self, told: list[dict], base: int) -> None:
-        """Calls of another lab. One that was under way there never ends. @param base is added to numbers of the journal"""
+        """Adds the calls of another lab. A call without an answer stays without one. @param base is added to numbers of the
+        journal"""
         for call in told:
             kept = {name: value for name, value in call.items() if name not in ("requests", "fault")}
             places = {name: base + call[name] for name in ("after", "until") if name in call}
-            # Answered there or not, no answer of it comes here.
+            # No later request can belong to such a call.
             self._calls.append({**kept, "until": base, "began": 0.0, **places})
         self._number = max([self._number, *(call["number"] for call in told)])
 
     def describe(self, last: int | None = None) -> list[dict]:
-        """The calls, or the last ones, the oldest first. `requests` are numbers of the journal, None where calls of
-        the same words at the same time make it impossible to tell; `fault` is the first fault that struck one."""
+        """The calls, or the last ones, the oldest first.
+
+        @return for each its members, and: requests, numbers of the journal, None if another call with the same values was
+        under way at the same time, so that the requests cannot be assigned; fault, the kind of the first fault that struck
+        one of them
+        """
         entries = {entry["seq"]: entry for entry in journal.entries(self._db)}
         calls = list(self._calls)
         return [self._told(call, entries) for call in (calls if last is None else calls[max(0, len(calls) - last) :])]
@@ -130,7 +136,7 @@ def _text_of(moment: datetime.datetime) -> str:
 
 
 def _said(call: dict) -> tuple:
-    """What of a call its request says: two calls with the same cannot be told apart."""
+    """Method and arguments of a call as far as its request has them: requests of calls with the same key look alike."""
     arguments = call["arguments"] if isinstance(call["arguments"], dict) else {}
     return call["method"], tuple(arguments.get(name, "") for name in _SENT.get(call["method"], ()))
 
@@ -143,7 +149,7 @@ def _fits(call: dict, entry: dict) -> bool:
 
 
 def line_of(told: dict) -> str:
-    """A call as one line for people."""
+    """A call as one line for a terminal."""
     arguments = told["arguments"]
     words = " ".join(f"{name}={value}" for name, value in arguments.items()) if isinstance(arguments, dict) else str(arguments)
     if "milliseconds" not in told:

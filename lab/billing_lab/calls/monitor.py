@@ -1,4 +1,4 @@
-"""Sees every call of the service on the lab's bus, and its answer."""
+"""Reports each call of the service on the lab's bus and its answer, as a D-Bus monitor."""
 import contextlib
 from collections.abc import Callable
 
@@ -10,10 +10,11 @@ _RULES = [f"type='method_call',interface='{SERVICE}'", "type='method_return'", "
 
 
 class Monitor:
-    """Sees them in a thread of GIO's own.
+    """A monitor connection. Its callbacks are called in GIO's worker thread.
 
-    @param called told of a call: sender, serial, member, arguments
-    @param answered told of an answer: destination, serial of the call, (resp_result, resp_info) or None, error's name
+    @param called called for a call with sender, serial, member, arguments
+    @param answered called for an answer with destination, serial of the call, (resp_result, resp_info) or None, name of
+    the error or None
     """
 
     def __init__(self, address: str, called: Callable, answered: Callable):
@@ -50,10 +51,10 @@ class Monitor:
             self._answered(message.get_destination(), message.get_reply_serial(), values if good else None, None)
         else:
             self._answered(message.get_destination(), message.get_reply_serial(), None, message.get_error_name())
-        # A monitor must not answer what it sees.
+        # None drops the message: GIO would answer a method call with an error, and the bus would disconnect the monitor.
         return None
 
     def close(self) -> None:
-        # The bus may have ended before.
+        # The bus may have ended already.
         with contextlib.suppress(GLib.Error):
             self._connection.close_sync(None)

@@ -1,1 +1,1 @@
-"""Checks of an app: what it asked, judged by the journal."""
+"""Checks of an app: the journal's requests are compared with rules and expectations."""

@@ -1,16 +1,16 @@
-"""Was something asked, and how often? What nearly fits is named."""
+"""Counts the requests that fit an expectation, and names those that nearly fit."""
 import dataclasses
 
 from ..matching import WORDS, Asked, Match, MatchError, read_match
 
-# How many near misses are told.
+# The most near misses in a result.
 TOLD_NEAR = 5
 _COUNTS = ("times", "at_least", "at_most")
 
 
 @dataclasses.dataclass(frozen=True)
 class Expectation:
-    """How often a request that fits is wanted. `most` None is without end."""
+    """The least and the most requests that must fit. `most` is None without an upper bound."""
 
     match: Match
     least: int
@@ -30,8 +30,8 @@ class Expectation:
 
 
 def read_expectation(wanted: dict) -> Expectation:
-    """@param wanted the words of matching.WORDS; times, or at_least and at_most (at_least 1 without any); after,
-    a number in the journal; name
+    """@param wanted the words of matching.WORDS; times, or at_least and at_most (at_least is 1 if all three are missing);
+    after, the number of the last entry of the journal that does not count; name
 
     @throw MatchError
     """
@@ -59,13 +59,13 @@ def _count(wanted: dict, name: str) -> int | None:
 
 
 def asked_of(entry: dict) -> Asked:
-    """What a request in the journal said of itself."""
+    """The values of a journal entry that conditions are compared with."""
     said = entry.get("asked", {})
     return Asked(entry["endpoint"] or "", **said, headers=tuple((name, value) for name, value in entry["headers"]))
 
 
 def judge(entries: list[dict], expectation: Expectation) -> dict:
-    """@return ok, the numbers of the entries found, near misses, and a message for people"""
+    """@return ok; found, the numbers of the entries that fit; near, the near misses; message, the same for people"""
     later = [entry for entry in entries if entry["kind"] == "request" and entry["seq"] > expectation.after]
     misses = {entry["seq"]: expectation.match.misses(asked_of(entry)) for entry in later}
     found = [seq for seq, words in misses.items() if not words]
@@ -80,7 +80,7 @@ def judge(entries: list[dict], expectation: Expectation) -> dict:
 
 
 def _near(entry: dict, word: str, match: Match) -> dict:
-    """An entry that differs in one word."""
+    """A near miss: an entry that differs in one condition, which is `word`."""
     was = [": ".join(pair) for pair in entry["headers"]] if word == "header" else getattr(asked_of(entry), word)
     return {"seq": entry["seq"], "endpoint": entry["endpoint"], "differs": word, "wanted": getattr(match, word), "was": was}
 

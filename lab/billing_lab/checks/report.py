@@ -17,9 +17,9 @@ pre { white-space: pre-wrap; overflow-wrap: anywhere; border: 1px solid #8886; p
 def make(entries: list[dict], invoices: list[dict], expectations: list[Expectation], wanted: dict) -> dict:
     """Judges a run.
 
-    @param wanted rules, names of rules (default: the usual ones); more, further ones; polls, the most questions of
-    an endpoint within a minute
-    @return ok; checks, each with kind, name, ok, message and the numbers of entries; how many requests there were
+    @param wanted rules, names of rules (default: the usual ones); more, names of additional rules; polls, the most
+    requests to an endpoint within a minute
+    @return ok; checks, each with kind, name, ok, message and the numbers of entries; requests, their number
     """
     names = list(wanted.get("rules") or USUAL) + list(wanted.get("more") or ())
     for name in names:
@@ -63,7 +63,7 @@ def as_json(told: object) -> str:
 
 
 def text(report: dict) -> str:
-    """For people, on a terminal."""
+    """The report as lines for a terminal."""
     lines = []
     for check in report["checks"]:
         lines.append(f"{'good' if check['ok'] else 'BAD '}  {check['name']}")
@@ -74,7 +74,7 @@ def text(report: dict) -> str:
 
 
 def junit(report: dict) -> str:
-    """The form that forges read."""
+    """The report as JUnit XML, which CI systems read."""
     bad = sum(not check["ok"] for check in report["checks"])
     suite = ElementTree.Element(
         "testsuite", name="billing-lab", tests=str(len(report["checks"])), failures=str(bad), errors="0", skipped="0"
@@ -90,14 +90,14 @@ def junit(report: dict) -> str:
 
 
 def _xml(text: str) -> str:
-    """Without the characters that XML cannot have."""
+    """The text with U+FFFD in place of each character that XML forbids."""
     return "".join(
         c if c in "\t\n" or " " <= c <= "\ud7ff" or "\ue000" <= c <= "\ufffd" or c > "\uffff" else "\ufffd" for c in text
     )
 
 
 def page(report: dict, entries: list[dict]) -> str:
-    """One file of HTML: the checks, and the journal in lines."""
+    """The report as one HTML file: the checks, then the journal with one line an entry."""
     checks = "".join(
         f'<h2 class="{"good" if check["ok"] else "bad"}">{"good" if check["ok"] else "bad"}: '
         f'{html.escape(check["name"])}</h2><pre>{html.escape(check["message"])}</pre>'

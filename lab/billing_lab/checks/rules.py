@@ -1,14 +1,17 @@
-"""Rules for every app that sells. Each looks at the whole journal and tells what broke it."""
+"""Rules for every app that sells. Each rule is a function of the whole journal that returns what violates it.
+
+The docstring of a rule is its text in help and reports.
+"""
 import collections
 import datetime
 from collections.abc import Callable, Iterable
 
 from ..matching import PAYMENTS
 
-# Questions of one endpoint within a minute that are not too many.
+# The most requests to one endpoint within a minute, unless a report asks for another number.
 POLLS = 30
 _MINUTE = 60.0
-# Faults with which the app has the whole answer all the same.
+# Faults with which the app still receives the whole answer.
 _HARMLESS = (None, "pass", "delay", "drip")
 
 Finding = tuple[str, list[int]]
@@ -23,7 +26,7 @@ def _invoice(entry: dict) -> str:
 
 
 def _went_well(entry: dict) -> bool:
-    """The store did it, and the app was told so."""
+    """@return whether the store did what was asked, and the app received the whole answer"""
     return bool(entry.get("work")) and entry["answer"]["end"] == "whole" and entry["fault"] in _HARMLESS
 
 
@@ -46,7 +49,7 @@ def confirmed_once(entries: list[dict], _invoices: list[dict], _polls: int) -> l
 def applied_first(entries: list[dict], invoices: list[dict], _polls: int) -> list[Finding]:
     """No purchase is confirmed before it was applied."""
     asked = {_invoice(entry) for entry in _requests(entries, "apply")}
-    # What the catalogue had applied needs no request.
+    # A purchase that is applied in the catalogue needs no request.
     applied = {invoice["id"] for invoice in invoices if "applied" in invoice and invoice["id"] not in asked}
     found = []
     for entry in _requests(entries, *PAYMENTS):
@@ -98,10 +101,10 @@ RULES: dict[str, Callable[[list[dict], list[dict], int], list[Finding]]] = {
     "exact": exact,
     "all-confirmed": all_confirmed,
 }
-# What holds for every app in every test.
+# Rules that hold for every app in every test.
 USUAL = ("confirmed-once", "applied-first", "polled", "exact")
 
 
 def what(name: str) -> str:
-    """A rule in one sentence."""
+    """The text of a rule, for help and reports."""
     return " ".join((RULES[name].__doc__ or "").split())

@@ -1,4 +1,4 @@
-"""A command in front of a lab of its own: starts both, ends both, and judges."""
+"""Runs a command with a lab of its own, ends both, and judges the command's requests."""
 import contextlib
 import os
 import pathlib
@@ -19,8 +19,9 @@ _END_SECONDS = 5
 def run(
     command: list[str], folder: str | None, seconds: int | None, begin: Callable[[Lab], None], judge: Callable[[Lab], dict]
 ) -> int:
-    """@param folder where the lab lives; None for one that goes with it
-    @param begin sets the lab before the command starts
+    """@param folder the lab's folder; None for a temporary one
+    @param seconds after which the command is ended; None for no limit
+    @param begin prepares the lab before the command starts
     @param judge makes the report when the command has ended
     @return the exit status that `billing-lab run` describes
     """
@@ -50,7 +51,7 @@ def _place(folder: str | None) -> Iterator[pathlib.Path]:
 
 
 def _status(words: list[str], lab: Lab, seconds: int | None) -> int:
-    """Runs the command to its end, and ends what it has left of its process group."""
+    """Runs the command, and then ends the processes that are left of its process group. @return its exit status"""
     environment = {**os.environ, "DBUS_SYSTEM_BUS_ADDRESS": lab.bus, "BILLING_LAB_DIR": str(lab.folder.path)}
     try:
         process = subprocess.Popen(words, env=environment, process_group=0)

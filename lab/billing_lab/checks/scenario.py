@@ -1,4 +1,4 @@
-"""A scenario: how a test begins and what it demands, as a file beside the test."""
+"""Reads and begins a scenario: a JSON file with the lab's state at the start of a test, and what the app must ask for."""
 import json
 import pathlib
 
@@ -7,7 +7,7 @@ from ..folder import LabError
 from ..matching import WORDS
 from .asked import read_expectation
 
-# In the order in which they are done; then the expectations.
+# In the order in which they are applied.
 _PARTS = ("device", "buy", "steps", "advance", "answers", "faults", "connection", "expect")
 _FORM = {
     "device": dict,
@@ -22,11 +22,11 @@ _FORM = {
 
 
 class ScenarioError(ValueError):
-    """What is wrong with a scenario: the part, its place and the cause."""
+    """An error in a scenario: the part, its place and the cause."""
 
 
 def read(file: pathlib.Path) -> dict:
-    """A scenario's file; bodies of answers that it names in files stand in it afterwards."""
+    """Reads a scenario. The bodies of answers that it names as files are put into it."""
     try:
         wanted = json.loads(file.read_text(encoding="utf-8"))
     except OSError as error:
@@ -46,10 +46,10 @@ def read(file: pathlib.Path) -> dict:
 
 
 async def begin(core, wanted: dict) -> dict:
-    """Resets the lab and sets all of it, or resets it and says what is wrong.
+    """Resets the lab and applies a scenario. If a part of it is wrong, the lab is reset once more, and the error raised.
 
     @param core a core.Core
-    @return the invoices by the names of the purchases, and how many faults and expectations there are
+    @return the invoices by the names of the purchases, and the numbers of faults and expectations
     """
     _check(wanted)
     await core.reset_whole()
@@ -92,7 +92,7 @@ def _set(core, wanted: dict) -> dict[str, str]:
         _try("faults", place, core.simulator.add_fault, _named(fault, names))
     if "connection" in wanted:
         _try("connection", "", lambda: core.simulator.connections.switch(**wanted["connection"]))
-    # What was asked before is none of it.
+    # Requests from before the scenario do not count.
     after = journal.span(core.db)["last"]
     for place, expected in enumerate(wanted.get("expect", [])):
         core.expectations.append(_try("expect", place, read_expectation, {"after": after, **_named(expected, names)}))
@@ -100,7 +100,7 @@ def _set(core, wanted: dict) -> dict[str, str]:
 
 
 def _try(part: str, place: int | str, function, *arguments):
-    """Errors say where in the scenario they come from."""
+    """Calls a function. An error that it raises is raised again with its place in the scenario."""
     try:
         return function(*arguments)
     except (KeyError, TypeError, AttributeError) as error:
@@ -114,7 +114,7 @@ def _where(part: str, place: int | str) -> str:
 
 
 def _named(wanted: dict, names: dict[str, str]) -> dict:
-    """With "$name" replaced by the invoice of the purchase of that name."""
+    """@return a copy with each "$name" replaced by the invoice of the purchase of that name"""
 
     def one(word: str, value: object) -> object:
         if word not in (*WORDS, "invoice") or not isinstance(value, str) or not value.startswith("$"):

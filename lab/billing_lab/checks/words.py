@@ -1,4 +1,4 @@
-"""The words of the command line for checks of an app."""
+"""The commands that check an app: asked, expect, scenario, record, verify, run."""
 import argparse
 import pathlib
 
@@ -123,7 +123,7 @@ def given(options: argparse.Namespace, *names: str) -> dict:
 
 
 def write_reports(lab: Lab, options: argparse.Namespace) -> dict:
-    """Writes the files that were asked for. @return the report"""
+    """Writes the files of --junit and --page. @return the report"""
     wanted = given(options, "rules", "more", "polls")
     with named_errors():
         for form in ("junit", "page"):

@@ -1,1 +1,1 @@
-"""The life of purchases, on a clock of the lab's own."""
+"""The life of purchases: steps such as approval, renewal and refund, planned on the lab's own clock."""

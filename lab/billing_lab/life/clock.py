@@ -1,5 +1,5 @@
-"""The lab's clock: the machine's, moved forward. It dates purchases and starts what is due; the journal keeps the
-machine's time."""
+"""The lab's clock: the machine's clock, moved forward. Purchases and planned steps have its time, the journal the
+machine's."""
 import datetime
 import re
 import sqlite3
@@ -7,16 +7,18 @@ import sqlite3
 from .. import state
 
 _UNITS = {"s": 1, "m": 60, "h": 3600, "d": 86_400}
-# Ten years: further on no certificate of the lab is good.
+# Ten years, about as long as the lab's certificates are valid.
 MOST_SECONDS = 3660 * 86_400
 
 
 class LifeError(ValueError):
-    """What cannot become of a purchase or of the clock, in one line."""
+    """The reason why a step of a purchase or a change of the clock is refused, in one line."""
 
 
 def seconds_of(text: object, name: str = "a time span") -> int:
-    """A span such as "30d", "12h", "5m", "90s", or a number of seconds."""
+    """@return the seconds of a span such as "30d", "12h", "5m", "90s", or of a number of seconds. @throw LifeError
+
+    @param name the span's name in errors"""
     if isinstance(text, int) and not isinstance(text, bool):
         text = str(text)
     found = re.fullmatch(r"([0-9]{1,10})([smhd]?)", text) if isinstance(text, str) else None
@@ -43,7 +45,7 @@ def describe(db: sqlite3.Connection) -> dict:
 
 
 def advance(db: sqlite3.Connection, seconds: int) -> None:
-    """Only forward: what has happened has happened. A reset sets it right."""
+    """Moves the clock forward. It is not moved back: steps that were taken stay. A reset sets it to the machine's time."""
     ahead = state.fact(db, "clock_ahead", 0) + seconds
     if ahead > MOST_SECONDS:
         raise LifeError(

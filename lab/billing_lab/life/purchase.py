@@ -1,7 +1,7 @@
-"""What becomes of a purchase in time: pending and decided, appearing later, renewed, in grace, expired, given back.
+"""The steps of a purchase's life: approved or declined, appearing later, renewed, in grace, expired, cancelled, refunded.
 
-Each step that lies ahead is an event with its time. `happen()` runs those that are due; it is called before
-everything that looks at invoices, so that purchases change while an app polls.
+A planned step is an event with its time. `happen()` takes the steps that are due. It is called before each access to
+invoices, so that purchases change while an app polls.
 """
 import sqlite3
 
@@ -11,15 +11,16 @@ from . import clock
 from .clock import LifeError
 
 GRACE = "3d"
-# A clock that is moved by ten years must not renew for minutes.
+# Bounds the number of renewals when the clock is moved by ten years, which would otherwise take minutes.
 _SHORTEST_PERIOD = 86_400
 
 
 def begin(db: sqlite3.Connection, name: str, wanted: dict) -> None:
-    """The life of a new invoice.
+    """Begins the life of a new invoice and plans its steps.
 
-    @param wanted after, when it appears (bought on another device); pending with approve_after or decline_after;
-    period of a subscription, and grace after a payment that failed. All spans as clock.seconds_of() takes them
+    @param wanted after, when it appears (bought on another device); pending, alone or with approve_after or decline_after;
+    period, of a subscription; grace, how long it lasts after a failed payment. Spans are those of clock.seconds_of()
+    @throw LifeError
     """
     now = clock.now(db)
     if wanted.get("decline_after") is not None and wanted.get("approve_after") is not None:
@@ -54,7 +55,7 @@ def _plan(db: sqlite3.Connection, name: str, step: str, seconds: int) -> None:
 
 
 def happen(db: sqlite3.Connection) -> int:
-    """Does everything that is due, in the order of its times. @return how much that was"""
+    """Takes all steps that are due, in the order of their times. @return their number"""
     count, now = 0, clock.now(db)
     while (event := state.next_event(db, now)) is not None:
         _STEPS[event["step"]](db, state.invoice(db, event["invoice"]), event["at"])
@@ -63,7 +64,9 @@ def happen(db: sqlite3.Connection) -> int:
 
 
 def step(db: sqlite3.Connection, name: str, what: str, after: object = None) -> dict:
-    """A step that a user or the store takes, now or later. @return the invoice"""
+    """Takes a step of a purchase, or plans it for later. @return the invoice. @throw Refusal, LifeError
+
+    @param after the span after which it is taken; None for now"""
     found = state.invoice(db, name)
     if found is None:
         raise Refusal(404, "unknown_invoice", f"there is no invoice {name!r}")
@@ -77,7 +80,9 @@ def step(db: sqlite3.Connection, name: str, what: str, after: object = None) -> 
 
 
 def _needs(found: dict, by_hand: bool, good: bool, why: str) -> bool:
-    """May the step be taken? What was planned and has become impossible is dropped; by hand it is refused."""
+    """@return `good`: whether the step may be taken. A planned step that has become impossible is ignored
+
+    @throw Refusal for a step by hand that is impossible"""
     if not good and by_hand:
         raise Refusal(409, found["status"], f"{found['id']} is {found['status']}; {why}")
     return good
@@ -167,7 +172,7 @@ _STEPS = {
     "resume": _resume,
     "fail-payment": _fail_payment,
 }
-# What each is, for those who choose.
+# The description of each step, for help texts.
 STEPS = {
     "appear": "a purchase that was bought to appear later is there",
     "approve": "a pending payment is approved",

@@ -1,4 +1,4 @@
-"""All purchases of a lab, as an export has them and as another lab takes them."""
+"""Exports all purchases of a lab, and imports them into another lab."""
 import json
 import re
 import sqlite3
@@ -13,14 +13,14 @@ _SUBSCRIBED = {"period": int, "grace": int, "renewed": int, "renews": bool, "pay
 
 
 def dump(db: sqlite3.Connection) -> dict:
-    """The invoices in the order in which they were made, each with its life, and the steps that lie ahead."""
+    """The invoices in the order in which they were made, each with its life, and the planned steps."""
     rows = db.execute("SELECT * FROM invoices ORDER BY number")
     made = [{**{key: row[key] for key in state.COLUMNS}, "life": json.loads(row["life"])} for row in rows]
     return {"invoices": made, "ahead": state.events(db)}
 
 
 def check(told: dict) -> None:
-    """@throw LifeError for what put() cannot take"""
+    """Checks what dump() made. @throw LifeError"""
     names = set()
     for place, made in enumerate(told["invoices"]):
         texts = [made[name] for name in ("id", "user", "app", "product", "country", "bought")]
@@ -40,13 +40,13 @@ def _is_moment(text: object) -> bool:
 def _is_life(told: dict) -> bool:
     if set(told) - {*_MOMENTS, *_SUBSCRIBED} or not all(_is_moment(told[name]) for name in _MOMENTS if name in told):
         return False
-    # A subscription has all of its members, and is renewed at a time.
+    # A subscription has all members of _SUBSCRIBED, and a time at which it is renewed.
     kinds = {name: type(told[name]) for name in _SUBSCRIBED if name in told}
     return not kinds or (kinds == _SUBSCRIBED and "expires" in told)
 
 
 def put(db: sqlite3.Connection, told: dict) -> None:
-    """In the place of all purchases. @param told what check() has found good"""
+    """Replaces all purchases. @param told what check() has accepted"""
     db.execute("BEGIN")
     state.forget_purchases(db)
     for made in told["invoices"]:

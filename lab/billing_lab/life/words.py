@@ -1,4 +1,4 @@
-"""The words of the command line for the life of purchases."""
+"""The commands for the life of purchases: cancel, refund, step, clock, and options of buy."""
 import argparse
 import json
 

@@ -1,1 +1,1 @@
-"""Answers of a team's own in place of the built-in ones."""
+"""Own answers: bodies that the lab's user sets in place of the built-in ones."""

@@ -1,4 +1,4 @@
-"""Which answer of a team's own a request gets, and how often each was given."""
+"""Stores own answers, chooses the one for a request, and counts how often each was given."""
 import sqlite3
 
 from .. import state
@@ -9,17 +9,17 @@ _MEMBERS = ("endpoint", *WORDS[1:], "body", "bodies", "status", "type", "templat
 
 
 def name_of(match: Match) -> str:
-    """What an answer is called: its conditions. One of the same name takes its place."""
+    """The name of an answer, made of its conditions. A new answer replaces one of the same name."""
     words = match.describe()
     return " ".join([words.pop("endpoint"), *(f"{word}={value}" for word, value in words.items())])
 
 
 def put(db: sqlite3.Connection, wanted: dict) -> str:
-    """Sets an answer; without body and bodies the built-in one again.
+    """Sets an own answer; without `body` and `bodies` the built-in answer is restored.
 
-    @param wanted endpoint and further words of matching.WORDS; body, as bytes in a latin-1 text, or bodies, given one
-    after the other, the last for ever; status, type; template, true where the bodies are templates
-    @return its name
+    @param wanted endpoint and further words of matching.WORDS; body, bytes as a latin-1 text, or bodies, one for each
+    request in turn and the last for all further ones; status, type; template, true if the bodies are templates
+    @return the answer's name
     @throw MatchError, TemplateError
     """
     unknown = sorted(set(wanted) - set(_MEMBERS))
@@ -29,7 +29,7 @@ def put(db: sqlite3.Connection, wanted: dict) -> str:
         raise MatchError("an answer needs an endpoint")
     match = read_match(wanted)
     answers, name = dict(state.fact(db, "answers", {})), name_of(match)
-    # A new one is the latest, also where it takes an older one's place.
+    # pick() prefers the latest answer: a replaced one moves to the end.
     answers.pop(name, None)
     bodies = wanted.get("bodies") or ([wanted["body"]] if wanted.get("body") is not None else [])
     if bodies:
@@ -46,7 +46,7 @@ def put(db: sqlite3.Connection, wanted: dict) -> str:
 def _checked(body: object, wanted: dict) -> str:
     if not isinstance(body, str):
         raise MatchError(f"a body is {body!r:.40}; it must be a text")
-    # Raises for a character that is no byte.
+    # Raises if a character does not stand for a byte.
     raw = body.encode("latin-1")
     if wanted.get("template"):
         template.read(raw.decode())
@@ -54,7 +54,7 @@ def _checked(body: object, wanted: dict) -> str:
 
 
 def pick(db: sqlite3.Connection, asked: Asked) -> dict | None:
-    """The answer with the most conditions that fit; of several the latest. @return it with its body"""
+    """@return the answer that fits with the most conditions, the latest of several, with the body to send; None if none"""
     answers = state.fact(db, "answers", {})
     fitting = [
         (len(known["match"]), place, name)
@@ -72,24 +72,24 @@ def pick(db: sqlite3.Connection, asked: Asked) -> dict | None:
 
 
 def _with_matches(answers: dict) -> dict:
-    """Those of a catalogue are named by their endpoint alone."""
+    """Adds the conditions of answers that come from a catalogue: these have their endpoint as name, and no `match`."""
     return {name: {"match": {"endpoint": name}, **known} for name, known in answers.items()}
 
 
 def filled(own: dict, values: dict) -> bytes:
-    """The body of an answer. @param values what a template may name"""
+    """The body of an answer. @param values the variables of a template"""
     raw = own["body"].encode("latin-1")
     return template.filled(raw.decode(), {**values, "count": own["count"]}) if own.get("template") else raw
 
 
 def whole(db: sqlite3.Connection) -> list[dict]:
-    """Those that are set, the latest last, as checked() takes them."""
+    """The own answers that are set, the latest last, in the form that checked() takes."""
     known = _with_matches(state.fact(db, "answers", {}))
     return [{**own, "given": own.get("given", 0)} for own in known.values()]
 
 
 def checked(told: list[dict]) -> dict:
-    """Answers of another lab, by their names. @throw MatchError, TemplateError"""
+    """Checks the answers of an export. @return the answers by their names. @throw MatchError, TemplateError"""
     known = {}
     for each in told:
         match = read_match(each["match"])
@@ -103,7 +103,7 @@ def checked(told: list[dict]) -> dict:
 
 
 def describe(db: sqlite3.Connection) -> dict:
-    """Those that are set, without their bodies."""
+    """The own answers that are set, without their bodies."""
     told = {}
     for name, own in _with_matches(state.fact(db, "answers", {})).items():
         bodies = own.get("bodies") or [own["body"]]

@@ -1,4 +1,4 @@
-"""A recording of a real store as a scenario: the answers of a HAR file, with secrets hidden."""
+"""Makes a scenario of a recording of a real store: the answers in a HAR file, with secrets hidden."""
 import base64
 import json
 import pathlib
@@ -10,7 +10,7 @@ from . import secrets
 
 
 def scenario_of(file: pathlib.Path) -> dict:
-    """Reads a HAR file. @return a scenario with its answers to the five requests, in their order
+    """Reads a HAR file. @return a scenario with the recorded answers to the five requests, in their order
 
     @throw LabError for a file that is no HAR, or has none of the five requests in it
     """
@@ -43,7 +43,7 @@ def _endpoint(request: dict) -> str | None:
 
 
 def _secrets(requests: list[dict]) -> dict[str, str]:
-    """What stands for each secret value, the longest first: one may stand in another."""
+    """@return the replacement of each secret value, the longest value first: a value may be a part of another one"""
     said: dict[str, set[str]] = {name: set() for name in secrets.SAID}
     for request in requests:
         headers = [(header["name"], header["value"]) for header in request.get("headers", [])]
@@ -53,7 +53,7 @@ def _secrets(requests: list[dict]) -> dict[str, str]:
     found: dict[str, str] = {}
     for name, shown in secrets.SAID.items():
         for value in said[name]:
-            # The history says the user's id as its custom id too.
+            # The history's request has the user's id as custom id too. The first replacement is kept.
             found.setdefault(value, f"hidden-{shown}")
     return dict(sorted(found.items(), key=lambda pair: -len(pair[0])))
 
@@ -72,5 +72,5 @@ def _answer(response: dict, hidden: dict[str, str]) -> dict:
 
 
 def _as_one(told: list[dict]) -> dict:
-    """One answer with all bodies in their order. It has one status and one type: the last one's."""
+    """@return one own answer with all bodies in their order, and status and type of the last one"""
     return {"bodies": [answer["body"] for answer in told], "status": told[-1]["status"], "type": told[-1]["type"]}

@@ -1,4 +1,4 @@
-"""Values that tell a device, an account or a user apart, and what stands for them where others will read."""
+"""Hides the values that identify a device, an account or a user in texts that are passed on."""
 import base64
 import itertools
 import json
@@ -6,14 +6,14 @@ import re
 import urllib.parse
 from collections.abc import Iterable, Iterator
 
-# What a request says of its device and of its user, in headers, in the query and in the body.
+# The headers, query values and body members of a request that identify its device and user, with the kind of each.
 SAID = {"atoken": "token", "duid": "device", "guid": "account", "uid": "user", "customid": "custom-id"}
-# A shorter value stands in texts by chance.
+# A shorter value may be in a text by chance, so it is not replaced there.
 SHORTEST = 4
 _HIDDEN = re.compile(f"hidden-({'|'.join(SAID.values())})-[0-9]+")
 _ONE_DEVICE = ("hidden-token-", "hidden-device-")
 
-# Members whose whole value is such a value, and members that are texts in which one may stand.
+# Members whose value is such a value, and members that are texts in which such a value may occur.
 _WHOLE = {
     **{name: "user" for name in ("uid", "user", "signed_in", "signed-in")},
     "guid": "account",
@@ -23,15 +23,15 @@ _TEXTS = ("url", "text", "base64", "body", "bodies", "resp_info", "header", "hea
 
 
 def pairs(headers: Iterable, url: str, body: str) -> Iterator[tuple[str, str]]:
-    """What a request names, header by header and value by value. @param headers pairs of name and value"""
+    """Yields name and value of each header, query value and body member of a request. @param headers names and values"""
     yield from headers
     yield from urllib.parse.parse_qsl(urllib.parse.urlsplit(url).query)
     yield from re.findall(r'"(\w+)"\s*:\s*"([^"]*)"', body)
 
 
 class Names:
-    """What stands for each value: the same name wherever the value stands, `hidden-user-1`, in the order of
-    note()."""
+    """The replacements of values: each value has one name, such as `hidden-user-1`, everywhere. Names are numbered in the
+    order of note()."""
 
     def __init__(self) -> None:
         self._kinds: dict[str, str] = {}
@@ -40,13 +40,14 @@ class Names:
         self._pattern: re.Pattern | None = None
 
     def note(self, kind: str, value: str | None) -> None:
-        """A value that is to be hidden. @param kind one of SAID's values"""
+        """Adds a value to hide. @param kind one of SAID's values"""
         if value:
             self._kinds.setdefault(value, kind)
             self._pattern = None
 
     def _give_names(self) -> None:
-        # What was hidden before keeps its name. A device is one device, whichever lab it was in.
+        # A value that was hidden in an earlier export keeps its name. Names of token and device may be used twice: there is
+        # one device, in whichever lab.
         self._names = {value: value for value in self._kinds if _HIDDEN.fullmatch(value)}
         taken = {name for name in self._names if not name.startswith(_ONE_DEVICE)}
         counts = {kind: itertools.count(1) for kind in SAID.values()}
@@ -56,11 +57,12 @@ class Names:
                 self._names[value] = next(name for name in names if name not in taken)
         long = {value: name for value, name in self._names.items() if len(value) >= SHORTEST}
         self._forms = {form: name for value, name in long.items() for form in _forms(value)}
-        # All at once, so that no name is hidden again; the longest first, as one may stand in another.
+        # One pattern for all values, so that a replacement is not replaced again; the longest value first, since a value
+        # may be a part of another one.
         self._pattern = re.compile("|".join(map(re.escape, sorted(self._forms, key=len, reverse=True))) or r"(?!)")
 
     def note_all(self, told: object) -> None:
-        """Those of all members, at any depth, that hold such a value."""
+        """Adds the values of all members of _WHOLE, at any depth."""
         if isinstance(told, list):
             for each in told:
                 self.note_all(each)
@@ -71,13 +73,13 @@ class Names:
                 self.note_all(value)
 
     def note_request(self, entry: dict) -> None:
-        """Those that a request of the journal names."""
+        """Adds the values in a request of the journal."""
         for name, value in pairs(entry["headers"], entry["url"], entry["body"].get("text", "")):
             if name.lower() in SAID:
                 self.note(SAID[name.lower()], value)
 
     def hidden(self, told: object, member: str = ""):
-        """The same with the values hidden. @param member the name of the member that `told` is"""
+        """@return a copy with the values hidden. @param member the name of the member that has the value `told`"""
         if self._pattern is None:
             self._give_names()
         if isinstance(told, dict):
@@ -99,7 +101,7 @@ class Names:
 
 
 def _forms(value: str) -> set[str]:
-    """As it stands in a text, an address, JSON, and in bytes that are told as a latin-1 text."""
+    """The encodings of a value: plain, in a URL, in JSON, and each of them as UTF-8 bytes in a latin-1 text."""
     known = {value, urllib.parse.quote(value, safe=""), urllib.parse.quote_plus(value)}
     known |= {json.dumps(value)[1:-1], json.dumps(value, ensure_ascii=False)[1:-1]}
     return known | {form.encode(errors="replace").decode("latin-1") for form in known}

@@ -1,11 +1,11 @@
-"""Bodies with places that are filled in: the real store's form around the lab's state. The language is Jinja's."""
+"""Renders own answers that are Jinja templates: the real store's JSON with values of the lab's state."""
 import functools
 import json
 
 import jinja2
 import jinja2.sandbox
 
-# A template of a team's own may loop; what it makes must fit an answer.
+# Bytes. A template may have loops; its result is limited as a request is.
 LARGEST_BODY = 64 << 20
 
 
@@ -26,7 +26,7 @@ _ENVIRONMENT = _environment()
 
 @functools.lru_cache(maxsize=64)
 def read(text: str) -> jinja2.Template:
-    """@throw TemplateError with the line of what cannot be read"""
+    """Parses a template. @throw TemplateError with the line of a syntax error"""
     try:
         return _ENVIRONMENT.from_string(text)
     except jinja2.TemplateSyntaxError as error:
@@ -34,7 +34,7 @@ def read(text: str) -> jinja2.Template:
 
 
 def filled(text: str, values: dict) -> bytes:
-    """@throw TemplateError for a name that is not there, or what Python cannot do"""
+    """Renders a template. @throw TemplateError for an unknown name, or for any error while it runs"""
     try:
         body = read(text).render(values).encode()
     except TemplateError:

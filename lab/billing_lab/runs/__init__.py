@@ -1,1 +1,1 @@
-"""Whole runs: a lab as one file, and what is different between two."""
+"""Whole runs: exports a lab into one file, imports such a file, and compares two."""

@@ -1,4 +1,4 @@
-"""What is different between two runs: how the labs were set, what was asked, and what was answered."""
+"""Compares two runs: the labs' settings, the requests, and the answers."""
 import json
 import pathlib
 import re
@@ -10,9 +10,9 @@ from collections.abc import Iterator
 from ..folder import LabError
 from .export import check, check_journal, hidden
 
-# How a lab was set, as far as an export tells it.
+# The parts of an export that are settings.
 SETTINGS = ("catalogue", "device", "connection", "faults", "answers", "expectations", "clock", "purchases")
-# They say when, not what.
+# Members that depend on the time of a run; they are not compared.
 _PASSING = ("seconds_left", "after", "given", "struck")
 _TIME = re.compile(r"[0-9]{4}-[0-9]{2}-[0-9]{2}T[0-9:.]{8,15}(Z|[+-][0-9:]{4,6})")
 _ABSENT = object()
@@ -20,14 +20,15 @@ TOLD_DIFFERENCES = 20
 
 
 def compare(first: dict, second: dict) -> dict:
-    """Two exports, or two that have only a journal; times are not compared.
+    """Compares two exports, or objects that have only a journal. Times are not compared.
 
-    @return same; settings, each a path with `first` and `second`, of which one is missing where only the other run has
-    it; requests, those that differ: `first` and `second` are numbers of the journals, `differs` the paths
+    @return same; settings, those that differ, each with a path in `what`, and its values in `first` and `second`, of which
+    one is missing if only the other run has it; requests, those that differ: `first` and `second` are numbers of the
+    journals, `differs` is as settings
     """
-    first, second = _ready(first), _ready(second)
+    first, second = _as_export(first), _as_export(second)
     known = [part for part in SETTINGS if part in first and part in second]
-    settings = [told for part in known for told in _differences(_settled(first[part]), _settled(second[part]), part)]
+    settings = [told for part in known for told in _differences(_timeless(first[part]), _timeless(second[part]), part)]
     requests, same = _requests(first["journal"], second["journal"])
     return {
         "same": not settings and not requests,
@@ -38,8 +39,8 @@ def compare(first: dict, second: dict) -> dict:
     }
 
 
-def _ready(told: dict) -> dict:
-    """With its secrets hidden as in an export, so that a journal can be compared with one."""
+def _as_export(told: dict) -> dict:
+    """Checks a run, and hides the secrets of one that is only a journal: it can then be compared with an export."""
     if "export" in told:
         check(told)
         return told
@@ -47,11 +48,12 @@ def _ready(told: dict) -> dict:
     return hidden({"journal": told["journal"]})
 
 
-def _settled(told: object) -> object:
+def _timeless(told: object) -> object:
+    """@return a copy without members and texts that depend on the time of a run"""
     if isinstance(told, dict):
-        return {name: _settled(value) for name, value in told.items() if name not in _PASSING}
+        return {name: _timeless(value) for name, value in told.items() if name not in _PASSING}
     if isinstance(told, list):
-        return [_settled(each) for each in told]
+        return [_timeless(each) for each in told]
     return _TIME.sub("(time)", told) if isinstance(told, str) else told
 
 
@@ -72,7 +74,7 @@ def _differences(first: object, second: object, path: str) -> Iterator[dict]:
 
 
 def _requests(first: list[dict], second: list[dict]) -> tuple[list[dict], int]:
-    """@return those that differ in the order of the runs, and how many are the same"""
+    """@return the requests that differ, in the order of the runs, and the number of those that are the same"""
     told, same = [], 0
     left, right = iter(first), iter(second)
     for kind in _paired(first, second):
@@ -90,9 +92,9 @@ def _requests(first: list[dict], second: list[dict]) -> tuple[list[dict], int]:
 
 
 def _paired(first: list[dict], second: list[dict]) -> str:
-    """For each request in turn: "=" in both, "-" only in the first, "+" only in the second.
+    """@return one character for each request in turn: "=" in both runs, "-" only in the first, "+" only in the second
 
-    difflib takes 20 seconds for 10,000 requests that are mostly alike; the tool takes a moment.
+    The program diff is much faster than Python's difflib, which takes 20 seconds for 10,000 requests that are mostly alike.
     """
     with tempfile.TemporaryDirectory() as folder:
         files = [pathlib.Path(folder) / name for name in ("first", "second")]
@@ -106,19 +108,19 @@ def _paired(first: list[dict], second: list[dict]) -> str:
 
 
 def _asked(entry: dict) -> list:
-    """What makes two requests of two runs the same request."""
+    """The values by which requests of two runs are paired."""
     if entry["kind"] != "request":
         return [entry["kind"]]
     return [entry["method"], entry["endpoint"] or urllib.parse.urlsplit(entry["url"]).path, entry.get("asked", {})]
 
 
 def _outcome(entry: dict) -> dict:
-    """The rest of it, but for what is another one in each run: times, ports, connections."""
+    """The other values of an entry, which are compared: without times, ports and connections, which differ in each run."""
     if entry["kind"] != "request":
         return {"reason": entry["reason"]}
     answer = entry["answer"]
     url = urllib.parse.urlsplit(entry["url"])
-    return _settled(
+    return _timeless(
         {
             "query": urllib.parse.parse_qsl(url.query, keep_blank_values=True),
             "headers": [[name, value] for name, value in entry["headers"] if name.lower() not in ("host", ":authority")],
@@ -149,7 +151,7 @@ def name_of(entry: dict) -> str:
 
 
 def text(told: dict) -> str:
-    """For people, on a terminal."""
+    """The result of compare() as lines for a terminal."""
     lines = [f"{each['what']}: {_side(each, 'first')} | {_side(each, 'second')}" for each in told["settings"]]
     for each in told["requests"]:
         if "differs" in each:

@@ -1,4 +1,4 @@
-"""Everything of a lab as one file, and such a file as the state of another lab."""
+"""Exports the whole state of a lab as one JSON object, and imports it into another lab."""
 import asyncio
 import datetime
 import json
@@ -16,7 +16,7 @@ from ..own import answers
 from ..own.secrets import Names
 
 FORM = 1
-# Of the journal, what those that show an entry look at.
+# The members that each kind of journal entry must have, since the page and the command line show them.
 _ENTRY = {
     "request": ("endpoint", "method", "url", "headers", "body", "connection", "handshake", "differences", "fault", "answer")
 }
@@ -38,11 +38,12 @@ _PARTS = {
 
 
 class ExportError(ValueError):
-    """What is wrong with an export, and where."""
+    """An error in an export: its place and the cause."""
 
 
 async def make(core, last: int | None = None) -> dict:
-    """@param core a core.Core. @param last so many entries of the journal; None for all"""
+    """Makes an export, with secrets hidden. @param core a core.Core. @param last the most entries of the journal; None for
+    all"""
     now, db = asyncio.get_running_loop().time(), core.db
     told = {
         "export": FORM,
@@ -61,12 +62,12 @@ async def make(core, last: int | None = None) -> dict:
         "journal": journal.entries(db, last=last),
         "calls": core.calls.dump(),
     }
-    # A full journal takes seconds, in which the store answers.
+    # A full journal takes seconds: a thread hides its values, so that the store answers meanwhile.
     return await asyncio.to_thread(hidden, told, core.device_facts())
 
 
 def hidden(told: dict, facts: dict | None = None) -> dict:
-    """The same with the values hidden that tell device and users apart. @param facts what the device says of itself"""
+    """@return a copy with the values hidden that identify device and users. @param facts the device's own values"""
     names = Names()
     names.note_all(told.get("catalogue"))
     for fact, kind in (("uid", "user"), ("guid", "account"), ("token", "token"), ("duid", "device")):
@@ -79,7 +80,7 @@ def hidden(told: dict, facts: dict | None = None) -> dict:
 
 
 def check(told: object) -> None:
-    """@throw ExportError for what is no export, or none of this form"""
+    """Checks the form of an export. @throw ExportError"""
     if not isinstance(told, dict) or told.get("export") != FORM:
         raise ExportError(f'an export begins with "export": {FORM}, the version of its form; `billing-lab export` makes one')
     for name, kind in _PARTS.items():
@@ -101,13 +102,14 @@ def check_journal(entries: list) -> None:
 
 
 async def take(core, told: dict) -> dict:
-    """Puts an export in the place of all that the lab has. Where something is wrong with it, nothing changes.
+    """Replaces the lab's whole state by that of an export. The export is checked first: on an error nothing changes.
 
-    @return how many of each part there are, and `left_out`, what could not be set
+    @return the number of members of each part, and `left_out`, what could not be set
+    @throw ExportError, and the errors of the parts
     """
     check(told)
     read = _catalogue_of(core, told["catalogue"])
-    # The journal's numbers go on for those who follow it. In a new lab they are those of the export.
+    # Followers need numbers that grow, so the export's are added to the newest one. A new lab gets the export's numbers.
     base = journal.newest(core.db)
     try:
         expected = [read_expectation({**each, "after": each.get("after", 0) + base}) for each in told["expectations"]]
@@ -137,7 +139,7 @@ async def take(core, told: dict) -> dict:
         journal.put(core.db, base + entry["seq"], entry)
         core.followers.tell("journal", {**entry, "seq": base + entry["seq"]})
         if place % 100 == 99:
-            # Those who follow are cut off when they fall behind.
+            # A follower that falls behind is disconnected: the pause lets it read.
             await asyncio.sleep(0.01)
     core.calls.load(told["calls"], base)
     core.expectations = expected
@@ -158,7 +160,7 @@ def _catalogue_of(core, told: dict) -> dict:
 
 
 def _switches(core, read: dict, told: dict) -> tuple[dict[str, str], list[str]]:
-    """The device as switches, and what of it no switch can set."""
+    """@return the switches that set an export's device, and a text for each value that no switch can set"""
     wanted = {name: told.get(name) or "none" for name in ("country", "language", "server", "gateway", "token")}
     wanted |= {"signed-in": told["signed_in"]} if told.get("signed_in") else {"signed-out": ""}
     left_out = []
@@ -168,24 +170,24 @@ def _switches(core, read: dict, told: dict) -> tuple[dict[str, str], list[str]]:
         try:
             device.switched(name, value, read["users"], state.fact(core.db, "token"))
         except device.DeviceError:
-            # Set in the device's file, where anything can stand.
+            # Such a value was written into the device's file by hand.
             left_out.append(f"device: {name} {wanted.pop(name)}")
     return wanted, left_out
 
 
 def read_file(file: pathlib.Path) -> dict:
-    """An export, or a journal as `journal --json` prints it, as an export that has only a journal."""
+    """Reads an export, or the output of `journal --json` as an object that has only a journal. @throw LabError"""
     try:
         text = file.read_text(encoding="utf-8")
     except (OSError, UnicodeDecodeError) as error:
         raise LabError(f"{file} cannot be read: {error}") from None
     try:
-        return json.loads(text) if re.match(r'\s*{\s*"export"', text) else _lines(text)
+        return json.loads(text) if re.match(r'\s*{\s*"export"', text) else _journal_of(text)
     except ValueError as error:
         raise LabError(f"{file} is neither an export nor a journal: {error}") from None
 
 
-def _lines(text: str) -> dict:
+def _journal_of(text: str) -> dict:
     entries = [json.loads(line) for line in text.splitlines() if line.strip()]
     check_journal(entries)
     return {"journal": entries}

@@ -1,4 +1,4 @@
-"""The words of the command line for whole runs."""
+"""The commands for whole runs: export, import, diff."""
 import argparse
 import json
 import pathlib
