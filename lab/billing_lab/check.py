@@ -131,7 +131,7 @@ def differences(sent: Sent, endpoint: str | None, device: dict, certificate: dic
     @param device the device's host, certificate (its SHA-256), token, duid, guid, uid, country and locale
     """
     if endpoint is None:
-        return ["the service asks for no such thing"]
+        return ["the service sends no request to this path"]
     found = []
     if (certificate or {}).get("sha256") != device["certificate"]:
         found.append("the certificate is not the device's")

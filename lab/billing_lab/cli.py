@@ -19,8 +19,8 @@ from .runs import words as runs
 from .words import add, decimal, match_options, number, numbers
 
 _DESCRIPTION = """\
-A store of your own with a device in front of it: a private bus, the billing service, a software token and a store
-that demands its certificate. It lives in one folder and touches nothing else."""
+A test store with a device in front of it: a private bus, the billing service, a software token, and a store server
+that demands the service's certificate. All files of a lab are in one folder; nothing else is changed."""
 
 _EPILOG = """\
 Five minutes:
@@ -35,14 +35,14 @@ Five minutes:
 
 In any CI: billing-lab run -- COMMAND
 
-Exit status: 0 done, 1 failed (the reason is on standard error), 2 wrong usage; others stand with their command."""
+Exit status: 0 done, 1 failed (the reason is on standard error), 2 wrong usage; a command's help lists its others."""
 
 _OUTCOMES = f"""\
-Products that are in no catalogue and force an outcome:
+Product ids that force an outcome; they are in no catalogue:
   {RESERVED}buy.declined            the payment is declined
-  {RESERVED}confirm.FAULT           the invoice's confirmation gets this fault
-  {RESERVED}apply.FAULT             the question when it was applied gets this fault
-FAULT is a fault of `billing-lab fault`, with its number behind it where it takes one: status.503, delay.2000, hang."""
+  {RESERVED}confirm.FAULT           this fault strikes confirm_purchase for the invoice
+  {RESERVED}apply.FAULT             this fault strikes get_applied_time for the invoice
+FAULT is a kind of `billing-lab fault`, followed by its number if it takes one: status.503, delay.2000, hang."""
 
 
 def parser() -> argparse.ArgumentParser:
@@ -55,7 +55,7 @@ def parser() -> argparse.ArgumentParser:
         help=f"the lab's folder; several labs have several (default: $BILLING_LAB_DIR, else {default_path()})",
     )
     made.add_argument(
-        "--version", action="version", version=_version(), help="print the version, and those of what the lab is built on"
+        "--version", action="version", version=_version(), help="print the versions of the lab and of the libraries it uses"
     )
     words = made.add_subparsers(dest="command", metavar="COMMAND", required=True)
     _life(words)
@@ -104,7 +104,7 @@ def _life(words) -> None:
         "doctor",
         commands.doctor,
         "run `billingctl doctor` where the daemon runs, with the "
-        "daemon's view of files and its environment; it is told all further words",
+        "daemon's view of files and its environment; all further arguments are passed to it",
         json=False,
     )
     made = add(
@@ -134,10 +134,10 @@ def _store(words) -> None:
         words,
         "seed",
         commands.seed,
-        "read a catalogue in place of all products, users and invoices",
+        "replace all products, users and invoices by those of a catalogue",
         json=False,
         epilog=f"A catalogue to begin with: {DEFAULT_FILE}\n"
-        "Its form: catalogue.schema.json beside it. What is wrong is said with line and cure.",
+        "Its schema: catalogue.schema.json beside it. Errors are reported with their line and how to correct them.",
     )
     made.add_argument("file", metavar="FILE", help="the catalogue, a JSON file")
     add(words, "reset", commands.reset, "go back to the state after the last seed", json=False)
@@ -145,7 +145,7 @@ def _store(words) -> None:
         words,
         "usual",
         commands.usual,
-        "end all that is not as usual: faults, own answers, switches of the device; purchases and journal stay",
+        "set back what is not as usual: faults, own answers, switches of the device; purchases and journal stay",
         json=False,
     )
     made = add(words, "buy", commands.buy, "buy a product: makes an invoice", epilog=_OUTCOMES)
@@ -162,20 +162,23 @@ def _store(words) -> None:
         words,
         "answer",
         commands.answer,
-        "answer an endpoint with a body of your own; the store still does its work",
+        "replace the built-in answer of an endpoint by your own; the store still does what is asked",
         json=False,
     )
     made.add_argument(
         "endpoint", choices=(*ENDPOINTS, *METHODS), metavar="ENDPOINT", help=f"{', '.join(ENDPOINTS)}, or the method's name"
     )
     made.add_argument(
-        "file", nargs="*", metavar="FILE", help="the body, any bytes; several are given one after the other, the last for ever"
+        "file",
+        nargs="*",
+        metavar="FILE",
+        help="the body, any bytes; of several, one for each request, the last for all further",
     )
-    made.add_argument("--template", action="store_true", help="the bodies are templates (default: given as they are)")
+    made.add_argument("--template", action="store_true", help="the bodies are templates (default: they are sent unchanged)")
     match_options(made, endpoint=False)
     made.add_argument("--status", type=number(200, 599), metavar="N", help="HTTP status, 200 to 599 (default: 200)")
     made.add_argument("--type", metavar="TYPE", help="content type (default: application/json)")
-    made.add_argument("--built-in", action="store_true", help="answer as the lab does again")
+    made.add_argument("--built-in", action="store_true", help="restore the built-in answer")
 
 
 def _device(words) -> None:
@@ -187,17 +190,17 @@ def _device(words) -> None:
         epilog="""\
 Switches:
   signed-out               nobody is signed in
-  signed-in UID            a user of the catalogue is
+  signed-in UID            this user of the catalogue is signed in
   country XX|none          two capitals
   language LOCALE|none     de_DE.utf8, or de
   server sandbox|production
   gateway up|down|auto|error:N
-                           whether there is a way out; auto asks the kernel; error:N fails with N, 0 to 999999999
+                           the default gateway; auto asks the kernel; error:N fails with N, 0 to 999999999
   token valid|expired|none the device's access token
   service up|hanging|absent|refusing|restart
-                           the service itself: hanging, it keeps its name and answers nothing until it is up; refusing,
-                           it answers 1160003, "Try again later."; restart ends it as a crash does, with the calls
-                           under way, and starts it again""",
+                           the service itself: hanging, it keeps its name but does not answer until it is up again;
+                           refusing, it answers 1160003, "Try again later."; restart kills it with the calls under
+                           way, as a crash does, and starts it again""",
     )
     made.add_argument("switch", nargs="?", choices=device.SWITCHES, metavar="SWITCH", help=", ".join(device.SWITCHES))
     made.add_argument("value", nargs="?", default="", metavar="VALUE", help="see below")
@@ -207,8 +210,8 @@ Switches:
         "names",
         commands.names,
         "show or change the names that programs may own on the lab's bus, for mocks of other services",
-        epilog="The lab keeps them until they are removed, over `reset` and `down`. As on a device's system bus, nobody may "
-        "own or call a name that is not listed.",
+        epilog="The lab keeps them until they are removed, over `reset` and `down`. As on a device's system bus, no program "
+        "may own or call a name that is not listed.",
     )
     made.add_argument("names", nargs="*", metavar="NAME", help="a name to add, such as org.example.Downloads")
     made.add_argument("--remove", action="store_true", help="remove these in place of adding them; without any, all")
@@ -221,9 +224,9 @@ def _faults(words) -> None:
         commands.fault,
         "make answers or connections go wrong",
         json=False,
-        epilog="The first fault that fits a request strikes; those behind it are as if it had not come. So faults "
-        "with --count 1 are a sequence, and `pass` in it lets an answer through. Each draws its random numbers from its "
-        "seed, so that a run repeats.",
+        epilog="Of the faults that fit a request the first strikes it; the others do not count this request. So faults "
+        "with --count 1 are a sequence, in which `pass` leaves an answer unchanged. Each fault draws its random numbers "
+        "from its own seed, so that a run can be repeated.",
     )
     kinds = made.add_subparsers(dest="kind", metavar="KIND", required=True)
     for name, kind in KINDS.items():
@@ -238,7 +241,7 @@ def _faults(words) -> None:
         )
         _options_of(each, kind)
     kinds.add_parser("list", help="show the faults").add_argument("--json", action="store_true", help="print JSON")
-    each = kinds.add_parser("clear", help="end faults, and the hanging answers that they hold")
+    each = kinds.add_parser("clear", help="end faults, and the answers that they hold back")
     each.add_argument(
         "number", nargs="?", type=number(1), metavar="NUMBER", help="the one to end (default: all, those of the connection too)"
     )
@@ -252,8 +255,8 @@ def _of_all(name: str, kind: ConnectionKind) -> str:
             "connections work."
         )
     return (
-        f"Strikes every connection of the lab: {kind.what}. What is connected is dropped, and no TLS "
-        "session of before is taken up again."
+        f"Strikes every connection of the lab: {kind.what}. Open connections are dropped, and earlier TLS "
+        "sessions are not resumed."
     )
 
 
@@ -273,17 +276,19 @@ def _fault_options(made: argparse.ArgumentParser, kind: Kind) -> None:
         "--skip",
         type=number(0, 1_000_000),
         metavar="N",
-        help="how many requests that fit pass first, 0 to 1000000 (default: 0)",
+        help="how many requests that fit it lets pass first, 0 to 1000000 (default: 0)",
     )
-    made.add_argument("--count", type=number(1, 1_000_000), metavar="N", help="how often, 1 to 1000000 (default: without end)")
+    made.add_argument("--count", type=number(1, 1_000_000), metavar="N", help="how often, 1 to 1000000 (default: no limit)")
     made.add_argument(
         "--seconds",
         type=decimal(0.001, 86_400),
         metavar="S",
-        help="how long from now, 0.001 to 86400 seconds (default: without end)",
+        help="how long from now, 0.001 to 86400 seconds (default: no limit)",
     )
-    made.add_argument("--chance", type=decimal(0, 1), metavar="P", help="how likely for each request, 0 to 1 (default: 1)")
-    made.add_argument("--seed", type=number(0, 2**63 - 1), metavar="N", help="of its random numbers, 0 or more (default: 1)")
+    made.add_argument("--chance", type=decimal(0, 1), metavar="P", help="probability for each request, 0 to 1 (default: 1)")
+    made.add_argument(
+        "--seed", type=number(0, 2**63 - 1), metavar="N", help="seed of its random numbers, 0 or more (default: 1)"
+    )
     if kind.says_undone:
         return
     work = made.add_mutually_exclusive_group()
@@ -311,7 +316,7 @@ def _journal(words) -> None:
         commands.show_journal,
         "show every request: when, what, with which "
         "certificate and handshake, and its answer. Nothing is hidden: the values are the lab's own",
-        epilog="With --json, each entry is one line and whole: headers, bodies and certificate too.",
+        epilog="With --json, each entry is one line with all of its members: headers, bodies and certificate too.",
     )
     made.add_argument("--follow", action="store_true", help="go on until Ctrl-C")
     made.add_argument(

@@ -114,7 +114,7 @@ def _guard(token: str):
         except _WRONG as wrong:
             return _problem(422, str(wrong))
         except _OF_ANOTHER_KIND as wrong:
-            return _problem(400, f"this cannot be asked so: {wrong!r}")
+            return _problem(400, f"the request has a wrong form: {wrong!r}")
         except web.HTTPException:
             raise
         except Exception as wrong:

@@ -43,13 +43,13 @@ class Kind:
 
 KINDS = {
     "status": Kind("an HTTP status with an error body", {"code": Option(500, 200, 599, "HTTP status")}, False),
-    "malformed": Kind("the body is JSON that breaks off, in an answer that is whole", {}, True),
-    "invalid-utf8": Kind("the body holds bytes that are no UTF-8", {}, True),
+    "malformed": Kind("the body is JSON that breaks off, in a complete answer", {}, True),
+    "invalid-utf8": Kind("the body has bytes that are not UTF-8", {}, True),
     "delay": Kind(
         "the answer comes late",
         {
             "ms": Option(1000, 1, 600_000, "milliseconds"),
-            "spread": Option(0, 0, 600_000, "milliseconds at most that are drawn and added, each as likely"),
+            "spread": Option(0, 0, 600_000, "milliseconds: the most that is added, uniformly distributed"),
             "deviation": Option(0, 0, 600_000, "milliseconds: the standard deviation of a normal distribution around ms"),
             "choices": Option(None, 0, 600_000, "milliseconds, of which one is drawn", many=True),
         },
@@ -61,20 +61,20 @@ KINDS = {
     "hang": Kind("no answer; the connection ends when the fault does", {}, False),
     "lost": Kind("no answer; the connection goes silent and does not end", {}, False),
     "goaway": Kind(
-        "the server ends the connection without taking the request up: HTTP/2 says so by GOAWAY, HTTP/1.1 just closes",
+        "the server ends the connection without processing the request: HTTP/2 with GOAWAY, HTTP/1.1 by closing it",
         {},
         False,
         says_undone=True,
     ),
     "refuse-stream": Kind(
-        "HTTP/2 refuses the stream, untouched; requests over HTTP/1.1 pass it by",
+        "HTTP/2 refuses the stream without processing the request; HTTP/1.1 requests are not struck",
         {},
         False,
         says_undone=True,
         protocol="HTTP/2",
     ),
-    "huge": Kind("the body is this long and means nothing", {"mib": Option(40, 1, 4096, "MiB")}, True),
-    "pass": Kind("nothing: the answer is as it should be, and no later fault strikes it", {}, True),
+    "huge": Kind("the body is this long and is no JSON", {"mib": Option(40, 1, 4096, "MiB")}, True),
+    "pass": Kind("no fault: the answer is unchanged, and no later fault strikes it", {}, True),
 }
 
 
@@ -97,7 +97,7 @@ CONNECTION_FAULTS = {
         "a connection is closed after this time without a request, not after five seconds",
         {"ms": Option(1000, 0, 3_600_000, "milliseconds")},
     ),
-    "silent": ConnectionKind("the connections of this moment go silent and do not end; new ones work", once=True),
+    "silent": ConnectionKind("the connections that are open go silent and do not end; new ones work", once=True),
     "restart": ConnectionKind(
         "the store ends with all its connections, and comes back on its port",
         {"ms": Option(500, 0, 60_000, "milliseconds")},

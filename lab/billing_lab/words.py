@@ -25,7 +25,7 @@ def match_options(made: argparse.ArgumentParser, endpoint: bool = True) -> None:
             "--endpoint",
             choices=(*ENDPOINTS, *ENDPOINT_OF),
             metavar="ENDPOINT",
-            help=f"only there: {', '.join(ENDPOINTS)}, or the method's name (default: everywhere)",
+            help=f"only at this endpoint: {', '.join(ENDPOINTS)}, or the method's name (default: every one)",
         )
     made.add_argument("--app", metavar="ID", help="only of this app (default: every app)")
     made.add_argument("--user", metavar="UID", help="only of this user (default: every user)")

@@ -243,8 +243,11 @@ def test_a_scenario_sets_the_lab_and_demands(lab, tmp_path):
         ({"scenario": 2}, 'a scenario begins with "scenario": 1'),
         ({"shop": 1}, "a scenario has no 'shop'"),
         ({"faults": [{"kind": "reset"}, {"kind": "fire"}]}, r"faults\[1\]: 'fire' is no fault"),
-        ({"faults": [{"kind": "reset", "invoice": "$who"}]}, "no purchase of it is called 'who'; known are coins, pass"),
-        ({"buy": [{}]}, r"buy\[0\]: this cannot be asked so"),
+        (
+            {"faults": [{"kind": "reset", "invoice": "$who"}]},
+            "no purchase of the scenario is called 'who'; known are coins, pass",
+        ),
+        ({"buy": [{}]}, r"buy\[0\]: wrong form"),
         ({"device": {"server": "none"}}, "device.server: server 'none'"),
         ({"expect": {}}, "expect is {}"),
         ({"expect": [{"often": 1}]}, r"expect\[0\]: a check takes no 'often'"),

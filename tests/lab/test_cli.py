@@ -229,7 +229,7 @@ def test_faults_of_the_connection_are_set_with_their_numbers_and_shown(run, lab)
         "idle-close: a connection is closed after this time without a request, not after five seconds\n"
     )
     lab.call("check_server_availability")
-    assert printed(run("fault", "silent")).startswith("silent: the connections of this moment go silent")
+    assert printed(run("fault", "silent")).startswith("silent: the connections that are open go silent")
     silent = lab.status()["connections"]["silent"]
     assert silent > 0
     assert printed(run("fault", "list")) == f"connection: idle-close, ms 60000, {silent} silent\n"

@@ -412,7 +412,7 @@ def test_the_control_interface_wants_its_token_and_its_own_name(lab, headers, qu
     "path, body, said",
     [
         ("/api/buy", {}, "KeyError('product')"),
-        ("/api/buy", [], "this cannot be asked so"),
+        ("/api/buy", [], "the request has a wrong form"),
         ("/api/seed", {"file": "catalogue.json"}, "the file's path must be absolute"),
         ("/api/faults", {"kind": "reset", "count": 0}, "count is 0"),
         ("/api/connection", {"fault": "fire"}, "'fire' is no fault of the connection"),

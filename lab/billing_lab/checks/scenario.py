@@ -104,7 +104,7 @@ def _try(part: str, place: int | str, function, *arguments):
     try:
         return function(*arguments)
     except (KeyError, TypeError, AttributeError) as error:
-        raise ScenarioError(f"{_where(part, place)}: this cannot be asked so: {error!r}") from None
+        raise ScenarioError(f"{_where(part, place)}: wrong form: {error!r}") from None
     except Exception as error:
         raise ScenarioError(f"{_where(part, place)}: {error}") from None
 
@@ -120,7 +120,7 @@ def _named(wanted: dict, names: dict[str, str]) -> dict:
         if word not in (*WORDS, "invoice") or not isinstance(value, str) or not value.startswith("$"):
             return value
         if value[1:] not in names:
-            raise ScenarioError(f"no purchase of it is called {value[1:]!r}; known are {', '.join(names) or 'none'}")
+            raise ScenarioError(f"no purchase of the scenario is called {value[1:]!r}; known are {', '.join(names) or 'none'}")
         return names[value[1:]]
 
     return {word: one(word, value) for word, value in wanted.items()}

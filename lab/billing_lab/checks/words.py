@@ -21,10 +21,10 @@ def add_all(words) -> None:
         (
             "asked",
             _asked,
-            "say whether something was asked, as often as wanted",
-            "Exit status 1 when it was not; requests that differ in one word are named then.",
+            "count the requests that fit, and compare with the wanted number",
+            "Exit status 1 when the number is wrong; requests that differ in one condition are then named.",
         ),
-        ("expect", _expect, "demand that something is asked; `verify` and the end of a `run` judge it", None),
+        ("expect", _expect, "demand that requests are made; `verify` and the end of a `run` judge it", None),
     ):
         made = add(words, name, command, help_text, epilog=how)
         made.add_argument(
@@ -44,9 +44,9 @@ def add_all(words) -> None:
         )
         made.add_argument("--at-most", type=number(0), metavar="N", help="so often or less, 0 or more")
         made.add_argument(
-            "--after", type=number(0), metavar="N", help="only behind this number of the journal, 0 or more (default: 0)"
+            "--after", type=number(0), metavar="N", help="only entries after this number of the journal, 0 or more (default: 0)"
         )
-        made.add_argument("--name", help="what a report calls it (default: the condition)")
+        made.add_argument("--name", help="its name in reports (default: the conditions)")
     made = add(
         words,
         "scenario",
@@ -59,11 +59,11 @@ def add_all(words) -> None:
         words,
         "record",
         _record,
-        "make a scenario of a HAR file that a real store was recorded in; tokens and ids of device and user are hidden",
+        "make a scenario of a HAR file, the recording of a real store; tokens and ids of device and user are hidden",
         json=False,
         epilog="Replay it with `scenario`, or `run --scenario`: each "
-        "endpoint gives its recorded bodies one after the other. Look at the file before you pass it on: what "
-        "no request names as a secret is not hidden.",
+        "endpoint gives its recorded bodies one after the other. Read the file before you pass it on: only secrets "
+        "that a request has in a known place are hidden.",
     )
     made.add_argument("har", metavar="HAR", help="the recording")
     made.add_argument("file", metavar="FILE", help="the scenario to write")
@@ -71,7 +71,7 @@ def add_all(words) -> None:
         words,
         "verify",
         _verify,
-        "judge what the app asked since the last reset, by rules and expectations",
+        "judge the app's requests since the last reset by rules and expectations",
         epilog=f"{_RULES}\n\nExit status 1 when something is bad.",
     )
     report_options(made)
@@ -79,7 +79,7 @@ def add_all(words) -> None:
         words,
         "run",
         _run,
-        "start a lab and a command in front of it, end both, and judge",
+        "start a lab and a command that uses it, end both, and judge the command's requests",
         json=False,
         epilog=f"""\
 The command finds the lab's bus in DBUS_SYSTEM_BUS_ADDRESS and its folder in BILLING_LAB_DIR.
@@ -90,7 +90,7 @@ Exit status: the command's when it is not 0 (128 and the signal's number after o
 the command took too long; 0 otherwise.""",
     )
     made.add_argument("--seed", metavar="FILE", help="read this catalogue first, as `seed` does")
-    made.add_argument("--scenario", metavar="FILE", help="begin this scenario, as `scenario` does; it expects things too")
+    made.add_argument("--scenario", metavar="FILE", help="begin this scenario, as `scenario` does; it may have expectations")
     made.add_argument(
         "--timeout", type=number(1), metavar="SECONDS", help="end the command after so long, 1 or more (default: never)"
     )
@@ -109,10 +109,7 @@ def report_options(made: argparse.ArgumentParser) -> None:
     )
     made.add_argument("--more", action="append", choices=RULES, metavar="RULE", help="this rule too; may be repeated")
     made.add_argument(
-        "--polls",
-        type=number(1),
-        metavar="N",
-        help=f"questions of an endpoint within a minute that are not too many (default: {POLLS})",
+        "--polls", type=number(1), metavar="N", help=f"the most requests to an endpoint within a minute (default: {POLLS})"
     )
     made.add_argument("--junit", metavar="FILE", help="write the report there in JUnit's form")
     made.add_argument("--page", metavar="FILE", help="write the report there as a page, with the journal")

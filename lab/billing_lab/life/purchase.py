@@ -174,14 +174,14 @@ _STEPS = {
 }
 # The description of each step, for help texts.
 STEPS = {
-    "appear": "a purchase that was bought to appear later is there",
+    "appear": "a purchase that was to appear later appears",
     "approve": "a pending payment is approved",
     "decline": "a pending payment is declined",
-    "cancel": "a purchase that was not confirmed is called off",
+    "cancel": "a purchase that is not confirmed is cancelled",
     "refund": "the money goes back",
     "renew": "a subscription is renewed, also one in grace",
     "expire": "a subscription ends",
     "unsubscribe": "the user ends a subscription; it lasts until it expires",
-    "resume": "the user takes that back",
+    "resume": "the user takes an unsubscribe back",
     "fail-payment": "the next renewal's payment fails: grace, then expiry",
 }

@@ -49,9 +49,9 @@ def add_all(words) -> None:
         "clock",
         _clock,
         "show the lab's clock, or move it forward",
-        epilog="It dates purchases and starts what is due; the journal keeps the machine's time. `reset` sets it right.",
+        epilog="Purchases and planned steps have its time; the journal has the machine's. `reset` sets it to the machine's.",
     )
-    made.add_argument("--advance", metavar="SPAN", help=f"{_SPAN}, 3660d at most in all (default: stays)")
+    made.add_argument("--advance", metavar="SPAN", help=f"{_SPAN}, 3660d at most in all (default: not moved)")
 
 
 def _step(options: argparse.Namespace) -> int:

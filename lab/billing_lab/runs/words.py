@@ -14,24 +14,24 @@ def add_all(words) -> None:
         words,
         "export",
         _export,
-        "write all that the lab is and has seen into one file, for a bug report; tokens and ids of device and users are hidden",
+        "write the lab's state and journal into one file, for a bug report; tokens and ids of device and users are hidden",
         json=False,
-        epilog="Each id gets one name wherever it stands, so that the file can be imported. Look at it before you pass it "
-        "on: ids of fewer than four characters and what no member names as an id stay in texts.",
+        epilog="Each id is replaced by one name everywhere, so that the file can be imported. Read it before you pass it "
+        "on: texts keep ids of fewer than four characters, and ids that are in no member for ids.",
     )
     made.add_argument("file", nargs="?", metavar="FILE", help="the file to write (default: standard output)")
     made.add_argument(
         "--last", type=number(0), metavar="N", help="only the last N entries of the journal, 0 or more (default: all)"
     )
-    made = add(words, "import", _import, "put an export in the place of all that the lab has")
+    made = add(words, "import", _import, "replace the lab's whole state by that of an export")
     made.add_argument("file", metavar="FILE", help="the export")
     made = add(
         words,
         "diff",
         _diff,
         "say what is different between two runs: settings, requests and their answers; times are not compared",
-        epilog="Requests are paired by what they ask for: ~ was answered otherwise, - is only in the first run, + only in "
-        "the second.\n\nExit status 1 when they differ.",
+        epilog="Requests are paired by what they ask for: ~ has another answer, - is only in the first run, + only in the "
+        "second.\n\nExit status 1 when the runs differ.",
     )
     made.add_argument("first", metavar="FIRST", help="an export, or what `journal --json` printed")
     made.add_argument("second", nargs="?", metavar="SECOND", help="another (default: the lab that is up)")
