@@ -1,4 +1,4 @@
-"""What an app's own tests need: the lab's fixtures, and the app's catalogue."""
+"""Gives an app's tests the lab's fixtures and the app's own catalogue."""
 import pathlib
 
 import pytest

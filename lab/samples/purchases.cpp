@@ -1,12 +1,12 @@
-// purchases.cpp - a sample: an app that delivers what its user has bought. Prints a line for each
+// purchases.cpp - a sample app that delivers what its user has bought, and prints a line for each
 // purchase.
 //
 // usage: purchases APP NOTES
 //
-// It asks the billing service for the user's purchases, applies each that was not confirmed yet, and
-// confirms it. NOTES is a file of its own, made when it is missing: the service tells the newest 20
-// purchases of the account alone, so what is not confirmed yet is noted before anything is done with it.
-// The service is found on the system bus, or on that of DBUS_SYSTEM_BUS_ADDRESS.
+// The app asks the billing service for the user's purchases, and applies and confirms each that is
+// not confirmed yet. NOTES is the app's own file, made if it is missing. The service returns only
+// the newest 20 purchases of the account, so the file keeps each purchase until it is confirmed.
+// The service is called on the system bus, or on the bus named by DBUS_SYSTEM_BUS_ADDRESS.
 #include <gio/gio.h>
 #include <json/json.h>
 
@@ -24,7 +24,7 @@ constexpr const char* SERVICE = "org.plevo.billingservice";
 constexpr const char* OBJECT = "/org/plevo/billingservice";
 // The device's setting chooses the server; this argument is not used.
 constexpr const char* SERVER_TYPE = "";
-// The service itself gives a transfer up after 90 seconds.
+// The service ends a transfer after 90 seconds.
 constexpr int TIMEOUT_MS = 100000;
 
 constexpr int SUCCESS = 0;
@@ -38,12 +38,12 @@ struct Unref {
 template <typename T>
 using Pointer = std::unique_ptr<T, Unref>;
 
-/// The store cannot be asked now. Nothing is lost: ask again later.
+/// The store cannot be reached, or has refused. No purchase is lost: the app asks again later.
 struct StoreError : std::runtime_error {
     using std::runtime_error::runtime_error;
 };
 
-/// The service is not there.
+/// The service cannot be called.
 struct BusError : std::runtime_error {
     using std::runtime_error::runtime_error;
 };
@@ -84,7 +84,7 @@ Json::Value ask(GDBusConnection* bus, const char* method, const std::vector<std:
         !answer.isObject()) {
         throw StoreError("the store's answer cannot be read");
     }
-    // An HTTP error comes as a success of the transfer: the body alone says so.
+    // An HTTP error is a successful transfer for the service: only the body tells of it.
     if (answer["status"] != "ok")
         throw StoreError(answer.get("message", "the store refused").asString());
     return answer;
@@ -97,8 +97,8 @@ bool deliverOne(GDBusConnection* bus, const std::string& app, const std::string&
     std::cout << id << " " << product;
     try {
         ask(bus, "get_applied_time", {app, "", id, SERVER_TYPE});
-        // Here the app unlocks what was bought. Then, and not before, it confirms. A confirmation
-        // whose answer was lost is simply made again: the store keeps the first.
+        // An app unlocks here what was bought, and confirms only after that. If the answer of a
+        // confirmation is lost, the app confirms again: the store keeps the first confirmation.
         ask(bus, "confirm_purchase", {app, "", id, SERVER_TYPE});
         std::cout << " delivered\n";
         return true;
@@ -108,7 +108,7 @@ bool deliverOne(GDBusConnection* bus, const std::string& app, const std::string&
     }
 }
 
-/// The product of each invoice that is not confirmed yet.
+/// @return the product of each invoice that is not confirmed yet, by the invoice's id
 Json::Value readNotes(const std::string& file)
 {
     Json::Value notes(Json::objectValue);
@@ -118,7 +118,7 @@ Json::Value readNotes(const std::string& file)
     return notes;
 }
 
-/// Whole, or not at all.
+/// Replaces the file at once, so that a crash leaves the old notes or the new ones.
 void writeNotes(const std::string& file, const Json::Value& notes)
 {
     const std::string fresh = file + ".new";
@@ -130,7 +130,7 @@ void writeNotes(const std::string& file, const Json::Value& notes)
 
 void noteHistory(GDBusConnection* bus, const std::string& app, Json::Value& notes)
 {
-    // No argument of it counts: the answer is the account's, of all its apps.
+    // The service uses no argument of this method: it returns the account's purchases of all apps.
     const Json::Value history =
         ask(bus, "get_purchase_history", {app, "", "", "", "", SERVER_TYPE});
     for (const Json::Value& invoice : history["invoices"]) {

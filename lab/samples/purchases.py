@@ -1,12 +1,12 @@
 #!/usr/bin/python3
-"""A sample: an app that delivers what its user has bought. Prints a line for each purchase.
+"""A sample app that delivers what its user has bought, and prints a line for each purchase.
 
 usage: purchases.py APP NOTES
 
-It asks the billing service for the user's purchases, applies each that was not confirmed yet, and
-confirms it. NOTES is a file of its own, made when it is missing: the service tells the newest 20 purchases of the
-account alone, so what is not confirmed yet is noted before anything is done with it. The service is found on the
-system bus, or on that of DBUS_SYSTEM_BUS_ADDRESS.
+The app asks the billing service for the user's purchases, and applies and confirms each that is not confirmed yet. NOTES
+is the app's own file, made if it is missing. The service returns only the newest 20 purchases of the account, so each
+purchase is noted in the file until it is confirmed. The service is called on the system bus, or on the bus named by
+DBUS_SYSTEM_BUS_ADDRESS.
 """
 import json
 import os
@@ -19,14 +19,14 @@ SERVICE = "org.plevo.billingservice"
 OBJECT = "/org/plevo/billingservice"
 # The device's setting chooses the server; this argument is not used.
 SERVER_TYPE = ""
-# The service itself gives a transfer up after 90 seconds.
+# The service ends a transfer after 90 seconds.
 TIMEOUT_MS = 100_000
 
 SUCCESS, TRANSFER_FAILED, REFUSED = 0, -1, 1160003
 
 
 class StoreError(Exception):
-    """The store cannot be asked now. Nothing is lost: ask again later."""
+    """The store cannot be reached, or has refused. No purchase is lost: the app asks again later."""
 
 
 def ask(bus: Gio.DBusConnection, method: str, *arguments: str) -> dict:
@@ -52,26 +52,26 @@ def ask(bus: Gio.DBusConnection, method: str, *arguments: str) -> dict:
         answer = json.loads(text)
     except ValueError:
         raise StoreError("the store's answer cannot be read") from None
-    # An HTTP error comes as a success of the transfer: the body alone says so.
+    # An HTTP error is a successful transfer for the service: only the body tells of it.
     if answer.get("status") != "ok":
         raise StoreError(answer.get("message", "the store refused"))
     return answer
 
 
 def read_notes(file: pathlib.Path) -> dict[str, str]:
-    """The product of each invoice that is not confirmed yet."""
+    """@return the product of each invoice that is not confirmed yet, by the invoice's id"""
     return json.loads(file.read_text(encoding="utf-8")) if file.exists() else {}
 
 
 def write_notes(file: pathlib.Path, notes: dict[str, str]) -> None:
-    """Whole, or not at all."""
+    """Replaces the file at once, so that a crash leaves the old notes or the new ones."""
     fresh = file.with_name(file.name + ".new")
     fresh.write_text(json.dumps(notes), encoding="utf-8")
     os.replace(fresh, file)
 
 
 def note_history(bus: Gio.DBusConnection, app: str, notes: dict[str, str]) -> None:
-    # No argument of it counts: the answer is the account's, of all its apps.
+    # The service uses no argument of this method: it returns the account's purchases of all apps.
     history = ask(bus, "get_purchase_history", app, "", "", "", "", SERVER_TYPE)
     for invoice in history["invoices"]:
         if invoice["app"] != app:
@@ -90,8 +90,8 @@ def deliver(bus: Gio.DBusConnection, app: str, file: pathlib.Path) -> int:
     for name, product in list(notes.items()):
         try:
             ask(bus, "get_applied_time", app, "", name, SERVER_TYPE)
-            # Here the app unlocks what was bought. Then, and not before, it confirms. A confirmation
-            # whose answer was lost is simply made again: the store keeps the first.
+            # An app unlocks here what was bought, and confirms only after that. If the answer of a confirmation is lost, the
+            # app confirms again: the store keeps the first confirmation.
             ask(bus, "confirm_purchase", app, "", name, SERVER_TYPE)
             del notes[name]
             write_notes(file, notes)

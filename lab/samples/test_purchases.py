@@ -10,7 +10,7 @@ APP = pathlib.Path(__file__).with_name("purchases.py")
 
 @pytest.fixture
 def deliver(tmp_path):
-    """The app, which finds the lab's bus in its environment."""
+    """@return a function that runs the app, with the lab's bus in its environment, and returns its output"""
 
     def run():
         return subprocess.run(

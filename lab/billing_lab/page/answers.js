@@ -1,10 +1,10 @@
-// answers.js - answers of a team's own in place of the lab's.
+// answers.js - sets own answers in place of the built-in ones.
 import { send } from "./api.js";
 import { conditions, numbers, textOf } from "./conditions.js";
 import { byId, field, make, refill } from "./dom.js";
 import { voice } from "./controls.js";
 
-// The control interface has bytes as a latin-1 text.
+// The control interface takes bytes as a latin-1 text.
 const bytesOf = (text) => Array.from(new TextEncoder().encode(text), (byte) => String.fromCharCode(byte)).join("");
 
 export function startAnswers(meta) {

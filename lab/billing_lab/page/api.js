@@ -1,5 +1,5 @@
-// api.js - the lab's control interface. The token stands in the page's address, behind "#", where no server
-// and no other page sees it.
+// api.js - calls the lab's control interface. The token is in the fragment of the page's address, behind "#", which a
+// browser sends to no server.
 import { memory } from "./dom.js";
 
 const given = new URLSearchParams(location.hash.slice(1)).get("token");
@@ -9,6 +9,7 @@ if (given) {
 }
 const token = memory.get("token", "");
 
+// A page that the browser restores from its back/forward cache has closed its event stream.
 addEventListener("pageshow", (event) => { if (event.persisted) location.reload(); });
 
 export class Problem extends Error {}
@@ -41,7 +42,7 @@ export function follow(after, on) {
   source.addEventListener("state", (event) => on.state(JSON.parse(event.data)));
   source.addEventListener("open", on.up);
   source.addEventListener("error", () => on.down(source.readyState === EventSource.CLOSED));
-  // A browser keeps six connections to a server, also those of pages that it has put aside.
+  // A browser opens six connections to a server at most, those of pages in its back/forward cache included.
   addEventListener("pagehide", () => source.close(), { once: true });
   return source;
 }

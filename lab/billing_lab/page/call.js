@@ -1,4 +1,4 @@
-// call.js - a call of the service, made from the page; what the daemon answered beside what the store sent.
+// call.js - makes a call of the service, and shows the daemon's answer beside that of the store.
 import { send } from "./api.js";
 import { byId, field, make, memory, options, readable } from "./dom.js";
 import { bodyOf } from "./detail.js";
@@ -11,7 +11,7 @@ const DEFAULTS = {
 };
 // The journal's entry may arrive a moment after the answer.
 const ENTRY_WAIT_MS = 1500;
-// Nothing was sent.
+// The resp_result of a call for which no request was sent.
 const REFUSED = 1160003;
 
 /** @param endpointOf the endpoint that each method asks */
@@ -58,7 +58,7 @@ export function start(methods, endpointOf) {
   }
 }
 
-/** The requests that this call may have become: those that say what was sent. One is known by its answer. */
+/** The requests of the journal that may be this call's: those with its arguments; of these, those with its answer, if any. */
 async function entriesAfter(seq, endpoint, sent, told) {
   const end = performance.now() + ENTRY_WAIT_MS;
   for (;;) {
@@ -74,7 +74,7 @@ async function entriesAfter(seq, endpoint, sent, told) {
   }
 }
 
-/** Does a request say what a call was given? What its endpoint does not send is not looked at. */
+/** Whether a request has the arguments of a call. Arguments that its endpoint does not send are not compared. */
 function says(asked, sent) {
   return [["app", sent.appid], ["invoice", sent.invoiceid]].every(([word, value]) => !(word in asked) || asked[word] === value)
     && !("invoice" in asked && (asked.custom_id ?? "") !== (sent.customId ?? ""));

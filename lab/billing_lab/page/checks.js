@@ -1,4 +1,4 @@
-// checks.js - what the app did wrong, the lab's clock, and scenarios.
+// checks.js - judges the app, sets expectations, moves the lab's clock, and begins scenarios.
 import { ask, send } from "./api.js";
 import { conditions, numbers, textOf } from "./conditions.js";
 import { byId, field, make, refill } from "./dom.js";
@@ -53,7 +53,7 @@ export function startChecks(meta) {
   };
 }
 
-/** What the app must ask for. */
+/** The form and the list of expectations: the requests that the app must make. */
 function startExpectations(meta, said) {
   const match = conditions(meta, "every endpoint");
   const often = numbers([

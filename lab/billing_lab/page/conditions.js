@@ -1,10 +1,10 @@
-// conditions.js - which requests are meant: the same fields for faults, own answers and expectations.
+// conditions.js - fields for the conditions that choose requests: of faults, own answers and expectations.
 import { field, make, options } from "./dom.js";
 
 const LABELS = { app: "App", user: "User", invoice: "Invoice", product: "Product", custom_id: "Custom id", header: "Header" };
 const HINTS = { header: "name, or name: value" };
 
-/** @param first the text of the choice of no endpoint, or nothing where one must be named */
+/** @param first the text of the option for every endpoint; undefined if an endpoint must be chosen */
 export function conditions(meta, first) {
   const endpoint = make("select");
   const methods = Object.entries(meta.endpoint_of).map(([method, name]) => [method, `${method} (${name})`]);
@@ -22,7 +22,7 @@ export function conditions(meta, first) {
   };
 }
 
-/** Numbers that count where they are said. @param known name, label and attributes of each */
+/** Fields for optional numbers; an empty field is left out. @param known name, label and attributes of each */
 export function numbers(known) {
   const inputs = known.map(([name, label, attributes]) => [name, label, make("input", { type: "number", ...attributes })]);
   return {
@@ -34,7 +34,7 @@ export function numbers(known) {
   };
 }
 
-/** Conditions as people read them. */
+/** Conditions as a text. */
 export function textOf(match) {
   const one = ([name, value]) => (name === "endpoint" ? value : `${LABELS[name] ?? name} ${value}`);
   return Object.entries(match).map(one).join(", ");

@@ -1,8 +1,8 @@
-// controls.js - the device's switches.
+// controls.js - the device's switches, and the names that mocks may own on its bus.
 import { ask, send } from "./api.js";
 import { byId, field, make, options, refill, whenChosen } from "./dom.js";
 
-/** A line under a form that says what went wrong, or nothing. */
+/** A line under a form, for the result of an action or its error. hear() runs an action and shows its error. */
 export function voice() {
   const line = make("p", { class: "said", role: "status" });
   return {
@@ -55,7 +55,7 @@ export function startDevice(meta, users, device) {
     form.append(...field(LABELS[name], input));
   }
   const mocks = startNames(said);
-  // What one is just writing or choosing is one's own, until it is set.
+  // A field with the focus keeps its value: the user may be changing it.
   function showIt(now, known, isSet = false, names = undefined) {
     if (names) mocks(names);
     const set = (name, value) => {
@@ -77,7 +77,7 @@ export function startDevice(meta, users, device) {
   return showIt;
 }
 
-/** The names that mocks of other services may own. @return shows them */
+/** The form and the list of names that mocks of other services may own. @return a function that shows the names */
 function startNames(said) {
   const name = make("input", { autocomplete: "off", placeholder: "org.example.Downloads" });
   const list = make("ul", { class: "plain" });

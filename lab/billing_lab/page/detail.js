@@ -1,4 +1,4 @@
-// detail.js - everything about one entry.
+// detail.js - shows all members of the chosen entry of the journal.
 import { byId, make, readable } from "./dom.js";
 
 let shown;

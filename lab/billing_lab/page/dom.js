@@ -1,4 +1,4 @@
-// dom.js - making elements. Texts become text nodes, never markup: a body may say anything.
+// dom.js - makes elements. Texts become text nodes, never markup, since a body may contain anything.
 
 /** make("button", {class: "main", onclick: f}, "Buy", child, ...) */
 export function make(name, properties = {}, ...children) {
@@ -27,8 +27,8 @@ export function field(text, input) {
   return [make("label", { htmlFor: input.id }, text), input];
 }
 
-/** Another content for a list, or a line for an empty one. What is the same stays as it is; the focus stays at the button of
- * the same name, or in the list where that is gone. */
+/** Replaces the items of a list; without items, shows the line `empty`. A list that would not change is left alone. If an
+ * element in it had the focus, the button of the same name gets it, else the first button, else the list. */
 export function refill(list, empty, ...items) {
   if (!items.length) items.push(make("li", { class: "faint" }, empty));
   if (list.innerHTML === items.map((item) => item.outerHTML).join("")) return;
@@ -43,8 +43,8 @@ export function refill(list, empty, ...items) {
 
 const nameOf = (element) => element.getAttribute("aria-label") ?? element.textContent;
 
-/** Calls act when a choice is made: at once with a pointer; with arrow keys not while one goes through the values,
- * but at Enter or when the field is left. */
+/** Calls act when the user has made a choice. With the pointer that is at once. Arrow keys change a select at each press:
+ * then it is at Enter, or when the field loses the focus. */
 export function whenChosen(input, act) {
   let waiting = false;
   let arrows = false;
@@ -61,7 +61,7 @@ export function whenChosen(input, act) {
   input.addEventListener("blur", () => { arrows = false; done(); });
 }
 
-/** JSON indented where it is JSON, with no value rewritten beyond what JSON.stringify does; else the text. */
+/** A text with JSON indented; another text unchanged. */
 export function readable(text) {
   try {
     return JSON.stringify(JSON.parse(text), null, 2);
@@ -70,12 +70,12 @@ export function readable(text) {
   }
 }
 
-/** What must be kept over a reload. */
+/** Values that stay over a reload of the page, in the session's storage. */
 export const memory = {
   get(key, fallback) {
     try { return JSON.parse(sessionStorage.getItem(key)) ?? fallback; } catch { return fallback; }
   },
   set(key, value) {
-    try { sessionStorage.setItem(key, JSON.stringify(value)); } catch { /* a private window */ }
+    try { sessionStorage.setItem(key, JSON.stringify(value)); } catch { /* a private window may refuse storage */ }
   },
 };

@@ -1,4 +1,4 @@
-// faults.js - what goes wrong with answers and with connections.
+// faults.js - sets, lists and ends the faults of answers and of connections.
 import { ask, send } from "./api.js";
 import { conditions, numbers } from "./conditions.js";
 import { byId, field, make, options, refill } from "./dom.js";
@@ -6,7 +6,7 @@ import { voice } from "./controls.js";
 
 const UNSHOWN = ["over", "chance", "seed", "done", "struck"];
 
-/** A list of faults, and what the chosen one takes. */
+/** A choice of a kind of fault, with fields for the options of the chosen kind. */
 function faultChoice(kinds) {
   const kind = make("select");
   options(kind, Object.entries(kinds).map(([name, fault]) => [name, `${name}: ${fault.what}`]));
@@ -22,7 +22,7 @@ function faultChoice(kinds) {
     inputs.hidden = !inputs.children.length;
   }
 
-  /** What is left empty is as usual. */
+  /** The options whose fields are not empty; the others have their defaults. */
   function chosen() {
     const said = [...inputs.querySelectorAll("input")].filter((input) => input.value.trim());
     return Object.fromEntries(said.map((input) =>
@@ -101,7 +101,7 @@ function connections(meta, said, refresh) {
   }
 }
 
-/** What is not as usual with all connections, or nothing. */
+/** A text about the fault of all connections, silent connections and a restart; empty if all is as usual. */
 function ofConnections(meta, { connection: fault, connection_options: set, connections: now }) {
   const parts = fault === "none" ? [] : [`${fault}: ${meta.connection_faults[fault].what}`, ...pairs(set)];
   if (now.silent) parts.push(`${now.silent} silent ${now.silent === 1 ? "connection" : "connections"}`);

@@ -1,9 +1,9 @@
-// journal.js - the list of requests. Only the rows that can be seen exist, so that ten thousand cost as much
-// as thirty.
+// journal.js - the list of the journal's entries. Only visible rows have elements, so that ten thousand entries cost as
+// much as thirty.
 import { byId, make, memory, options } from "./dom.js";
 import { showDetail } from "./detail.js";
 
-// Two lines a row where there is no room for one.
+// On a narrow screen a row has two lines.
 const narrow = matchMedia("(max-width: 900px)");
 let ROW = 28;
 const KEPT = 10000;
@@ -67,7 +67,7 @@ function changed() {
   schedule();
 }
 
-/** A new entry, or a known one that has changed. */
+/** Adds a new entry, or updates a known one. */
 export function add(entry) {
   const known = places.get(entry.seq);
   if (known) {
@@ -92,7 +92,7 @@ export function clear() {
   schedule();
 }
 
-/** Lets those go that the lab no longer has. @param first the number of its first entry, 0 where it has none */
+/** Removes entries that the lab no longer has. @param first the number of the lab's first entry, 0 if it has none */
 export function forgetBefore(first) {
   const kept = first === 0 ? [] : entries.filter((entry) => entry.seq >= first);
   if (kept.length === entries.length) return;

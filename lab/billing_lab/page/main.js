@@ -87,7 +87,7 @@ function listen(show) {
     up() {
       state("up", "live");
       problem("");
-      // What was not told while the lab was away.
+      // No event has told of changes while the connection was lost.
       ask("status").then(told).catch((error) => problem(error.message));
     },
     down(ended) {

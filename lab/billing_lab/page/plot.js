@@ -1,4 +1,4 @@
-// plot.js - requests a second, and how long the store took for each, over five minutes.
+// plot.js - draws the requests a second, and the store's time for each request, of the last five minutes.
 import { byId, make } from "./dom.js";
 
 const SPAN = 300;
@@ -19,7 +19,7 @@ export function start() {
   draw();
 }
 
-// The journal's time zone.
+// In UTC, as the journal's times.
 const clock = (at) => new Date(at * 1000).toISOString().slice(11, 19);
 
 export function add(entry) {
@@ -42,7 +42,7 @@ function svg(name, attributes, text = "") {
   return element;
 }
 
-/** 1, 2 or 5 times a power of ten: three to eight steps up to the largest value. */
+/** The distance of the labels of an axis: 1, 2 or 5 times a power of ten, so that there are three to eight. */
 function step(most) {
   const ten = 10 ** Math.floor(Math.log10(most / 2));
   return [5, 2, 1].map((factor) => factor * ten).find((size) => most / size >= 3) ?? ten;

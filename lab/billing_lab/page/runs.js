@@ -1,4 +1,4 @@
-// runs.js - the whole lab as one file, taken from one, and compared with one.
+// runs.js - exports the lab into a file, imports such a file, and compares the lab with one.
 import { ask, send } from "./api.js";
 import { byId, make } from "./dom.js";
 import { voice } from "./controls.js";

@@ -1,9 +1,9 @@
-// shop.js - the catalogue and the invoices.
+// shop.js - buys products, lists the invoices with their steps, and edits the catalogue.
 import { ask, send } from "./api.js";
 import { byId, field, make, options, refill } from "./dom.js";
 import { voice } from "./controls.js";
 
-// Nothing can be taken back any more.
+// Statuses in which a purchase can no longer be cancelled or refunded.
 const OVER = ["cancelled", "refunded", "declined", "expired"];
 
 export function startInvoices() {
