@@ -1,4 +1,4 @@
-"""The demonstration behind scripts/demo: a lab, and all five methods called in it by billingctl."""
+"""The part of scripts/demo after the build: starts a lab, calls all five methods with billingctl, and shows the requests."""
 import contextlib
 import json
 import pathlib
@@ -19,7 +19,7 @@ APP = "app-1"
 
 
 def calls(invoice):
-    """The five methods, with the words of billingctl for them."""
+    """The five methods as subcommands of billingctl, with their options."""
     payment = ("--appid", APP, "--custom-id", "custom-1", "--invoiceid", invoice)
     return {
         "check-server-availability": (),
@@ -36,13 +36,13 @@ def show(title, text):
 
 
 def question(entry):
-    """A request as the journal has it."""
+    """A request of the journal as text."""
     headers = "".join(f"\n{name}: {value}" for name, value in entry["headers"])
     return f"{entry['method']} {entry['url']}{headers}\n\n{entry['body']['text']}"
 
 
 def call_all(lab, program):
-    """@return how many methods came back with the store's body, and how many there are"""
+    """@return how many methods returned the store's body, and how many there are"""
     good = 0
     invoice = lab.buy("coins-100")["id"]
     for method, words in calls(invoice).items():
@@ -93,7 +93,7 @@ def stay(lab, program):
 
 
 def main():
-    # Stopped in any way, it stops what it has started.
+    # SIGTERM raises KeyboardInterrupt as Ctrl-C does, so that the lab is ended too.
     signal.signal(signal.SIGTERM, signal.default_int_handler)
     with tempfile.TemporaryDirectory(prefix="billing-demo-") as folder:
         try:
