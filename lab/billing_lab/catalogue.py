@@ -123,31 +123,31 @@ def _is_time(text: object) -> bool:
 def _against_schema(catalogue: object) -> Iterator[tuple[Path, str]]:
     validator = jsonschema.Draft202012Validator(_SCHEMA, format_checker=_FORMATS)
     for error in validator.iter_errors(catalogue):
-        yield from _explain(error)
+        yield from _problems_of(error)
 
 
-def _explain(error: jsonschema.ValidationError) -> Iterator[tuple[Path, str]]:
+def _problems_of(error: jsonschema.ValidationError) -> Iterator[tuple[Path, str]]:
     path = tuple(error.absolute_path)
-    where = _name(path)
+    where = _path_text(path)
     if error.validator == "required":
         missing = [name for name in error.validator_value if name not in error.instance]
-        yield path, f"{where} lacks {_list(missing)}; add {'it' if len(missing) == 1 else 'them'}"
+        yield path, f"{where} lacks {_joined(missing)}; add {'it' if len(missing) == 1 else 'them'}"
     elif error.validator == "additionalProperties" and isinstance(error.validator_value, bool):
         known = list(error.schema["properties"])
         for name in error.instance:
             if name not in known:
                 close = difflib.get_close_matches(name, known, 1)
-                cure = f"did you mean {json.dumps(close[0])}?" if close else f"known are {_list(known)}"
+                cure = f"did you mean {json.dumps(close[0])}?" if close else f"known are {_joined(known)}"
                 yield (*path, name), f"{where} has an unknown member {json.dumps(name)}; {cure}"
     elif "propertyNames" in error.absolute_schema_path:
-        yield (*path, error.instance), f"{json.dumps(error.instance)} in {where}: {_cure(error)}"
+        yield (*path, error.instance), f"{json.dumps(error.instance)} in {where}: {_correction(error)}"
     else:
-        yield path, f"{where} is {_short(error.instance)}; {_cure(error)}"
+        yield path, f"{where} is {_shortened(error.instance)}; {_correction(error)}"
 
 
-def _cure(error: jsonschema.ValidationError) -> str:
+def _correction(error: jsonschema.ValidationError) -> str:
     if error.validator == "enum":
-        return f"write one of {_list(error.validator_value)}"
+        return f"write one of {_joined(error.validator_value)}"
     if error.validator in ("minItems", "minProperties"):
         return "put at least one in"
     if "description" in error.schema:
@@ -158,17 +158,17 @@ def _cure(error: jsonschema.ValidationError) -> str:
     return f"write {kind}"
 
 
-def _name(path: Path) -> str:
+def _path_text(path: Path) -> str:
     if not path:
         return "the catalogue"
     return "".join(f"[{part}]" if isinstance(part, int) else f".{part}" for part in path).lstrip(".")
 
 
-def _list(names: list) -> str:
+def _joined(names: list) -> str:
     return ", ".join(json.dumps(name) for name in names)
 
 
-def _short(value: object) -> str:
+def _shortened(value: object) -> str:
     text = json.dumps(value, ensure_ascii=False)
     return text if len(text) <= 60 else text[:57] + "..."
 
@@ -195,7 +195,10 @@ def _duplicate_ids(catalogue: dict) -> Iterator[tuple[Path, str]]:
         seen: set[str] = set()
         for i, item in enumerate(items):
             if item[key] in seen:
-                yield ((*path, i, key), f"{_name((*path, i, key))} {json.dumps(item[key])} is there already; give it another")
+                yield (
+                    (*path, i, key),
+                    f"{_path_text((*path, i, key))} {json.dumps(item[key])} is there already; give it another",
+                )
             seen.add(item[key])
 
 
@@ -228,7 +231,7 @@ def _invoices(catalogue: dict) -> Iterator[tuple[Path, str]]:
                 yield (
                     ("invoices", i, key),
                     f"invoices[{i}].{key} {json.dumps(invoice[key])} is none "
-                    f"of the {what}; add it there, or name one of {_list(sorted(names))}",
+                    f"of the {what}; add it there, or name one of {_joined(sorted(names))}",
                 )
 
 
@@ -236,11 +239,11 @@ def _answers(catalogue: dict, folder: pathlib.Path) -> Iterator[tuple[Path, str]
     for endpoint, answer in catalogue.get("answers", {}).items():
         path = ("answers", endpoint)
         if len({"text", "json", "base64", "file"} & set(answer)) != 1:
-            yield path, f'{_name(path)} needs exactly one of "text", "json", "base64" and "file"'
+            yield path, f'{_path_text(path)} needs exactly one of "text", "json", "base64" and "file"'
         elif "file" in answer and not (folder / answer["file"]).is_file():
             yield ((*path, "file"), f"there is no file {folder / answer['file']}; its path begins at the catalogue's folder")
         elif len(answer.get("base64", "")) % 4:
-            yield (*path, "base64"), f"{_name(path)}.base64 is no Base64; its length must be a multiple of four"
+            yield (*path, "base64"), f"{_path_text(path)}.base64 is no Base64; its length must be a multiple of four"
 
 
 def _with_bodies(catalogue: dict, folder: pathlib.Path) -> dict:

@@ -58,11 +58,11 @@ def parser() -> argparse.ArgumentParser:
         "--version", action="version", version=_version(), help="print the versions of the lab and of the libraries it uses"
     )
     words = made.add_subparsers(dest="command", metavar="COMMAND", required=True)
-    _life(words)
-    _store(words)
-    _device(words)
-    _faults(words)
-    _journal(words)
+    _add_lab_commands(words)
+    _add_store_commands(words)
+    _add_device_commands(words)
+    _add_fault_commands(words)
+    _add_journal_commands(words)
     checks.add_all(words)
     runs.add_all(words)
     return made
@@ -83,7 +83,7 @@ def _version() -> str:
     )
 
 
-def _life(words) -> None:
+def _add_lab_commands(words) -> None:
     made = add(words, "up", commands.up, "start the lab, or say how to reach it when it is up")
     made.add_argument("--seed", metavar="FILE", help="read this catalogue, as `seed` does")
     made.add_argument("--stay", action="store_true", help="stay, and end the lab at Ctrl-C")
@@ -129,7 +129,7 @@ def _life(words) -> None:
     )
 
 
-def _store(words) -> None:
+def _add_store_commands(words) -> None:
     made = add(
         words,
         "seed",
@@ -181,7 +181,7 @@ def _store(words) -> None:
     made.add_argument("--built-in", action="store_true", help="restore the built-in answer")
 
 
-def _device(words) -> None:
+def _add_device_commands(words) -> None:
     made = add(
         words,
         "device",
@@ -217,7 +217,7 @@ Switches:
     made.add_argument("--remove", action="store_true", help="remove these in place of adding them; without any, all")
 
 
-def _faults(words) -> None:
+def _add_fault_commands(words) -> None:
     made = add(
         words,
         "fault",
@@ -231,15 +231,15 @@ def _faults(words) -> None:
     kinds = made.add_subparsers(dest="kind", metavar="KIND", required=True)
     for name, kind in KINDS.items():
         each = kinds.add_parser(name, help=kind.what, description=kind.what[0].upper() + kind.what[1:] + ".")
-        _options_of(each, kind)
-        _fault_options(each, kind)
+        _add_options_of_kind(each, kind)
+        _add_options_of_fault(each, kind)
     for name, kind in CONNECTION_FAULTS.items():
         each = kinds.add_parser(
             name,
             help=f"of the whole lab: {kind.what}" if name != "none" else "ends a fault of the whole lab",
-            description=_of_all(name, kind),
+            description=_connection_description(name, kind),
         )
-        _options_of(each, kind)
+        _add_options_of_kind(each, kind)
     kinds.add_parser("list", help="show the faults").add_argument("--json", action="store_true", help="print JSON")
     each = kinds.add_parser("clear", help="end faults, and the answers that they hold back")
     each.add_argument(
@@ -247,7 +247,7 @@ def _faults(words) -> None:
     )
 
 
-def _of_all(name: str, kind: ConnectionKind) -> str:
+def _connection_description(name: str, kind: ConnectionKind) -> str:
     if name == "silent":
         return (
             "Strikes every connection of the lab that is open at this moment: nothing that is sent on it "
@@ -260,7 +260,7 @@ def _of_all(name: str, kind: ConnectionKind) -> str:
     )
 
 
-def _options_of(made: argparse.ArgumentParser, kind: Kind | ConnectionKind) -> None:
+def _add_options_of_kind(made: argparse.ArgumentParser, kind: Kind | ConnectionKind) -> None:
     for option, known in kind.options.items():
         made.add_argument(
             f"--{option}",
@@ -270,7 +270,7 @@ def _options_of(made: argparse.ArgumentParser, kind: Kind | ConnectionKind) -> N
         )
 
 
-def _fault_options(made: argparse.ArgumentParser, kind: Kind) -> None:
+def _add_options_of_fault(made: argparse.ArgumentParser, kind: Kind) -> None:
     match_options(made)
     made.add_argument(
         "--skip",
@@ -309,7 +309,7 @@ def _default(text: str) -> str:
     return f"({text})" if text else ""
 
 
-def _journal(words) -> None:
+def _add_journal_commands(words) -> None:
     made = add(
         words,
         "journal",

@@ -368,7 +368,7 @@ def _fault_line(told: dict) -> str:
 def show_journal(options: argparse.Namespace) -> int:
     lab = _lab(options)
     known = lab.journal(last=options.last)
-    for entry in _followed(lab, known) if options.follow else known:
+    for entry in _entries_and_new_ones(lab, known) if options.follow else known:
         print(json.dumps(entry) if options.json else journal.line_of(entry), flush=True)
     return 0
 
@@ -379,7 +379,7 @@ def show_calls(options: argparse.Namespace) -> int:
     return 0
 
 
-def _followed(lab: client.Lab, known: list[dict]) -> Iterator[dict]:
+def _entries_and_new_ones(lab: client.Lab, known: list[dict]) -> Iterator[dict]:
     yield from known
     with contextlib.suppress(KeyboardInterrupt):
         yield from lab.follow(after=known[-1]["seq"] if known else 0)

@@ -52,14 +52,14 @@ def is_foreign(request: web.Request) -> bool:
 
 
 async def _index(_request: web.Request) -> web.StreamResponse:
-    return _sent(PAGE / "index.html")
+    return _file_response(PAGE / "index.html")
 
 
 async def _file(request: web.Request) -> web.StreamResponse:
-    return _sent(PAGE / request.match_info["name"])
+    return _file_response(PAGE / request.match_info["name"])
 
 
-def _sent(file: pathlib.Path) -> web.StreamResponse:
+def _file_response(file: pathlib.Path) -> web.StreamResponse:
     if not file.is_file() or file.suffix not in TYPES:
         raise web.HTTPNotFound
     return web.Response(body=file.read_bytes(), content_type=TYPES[file.suffix], charset="utf-8", headers=HEADERS)

@@ -156,7 +156,7 @@ class Simulator:
             "url": f"https://{exchange.authority}{exchange.target}",
             "headers": exchange.headers,
             "body": journal.body_of(exchange.body),
-            **_told(link),
+            **_connection_members(link),
             "differences": self._differences(exchange.sent, endpoint, link.certificate),
         }
 
@@ -177,7 +177,7 @@ class Simulator:
                 "url": "?",
                 "headers": [],
                 "body": journal.body_of(raw),
-                **_told(link),
+                **_connection_members(link),
                 "differences": [f"it cannot be read: {error!r}"],
                 "fault": None,
                 "answer": {"status": 400 if link.protocol == "HTTP/1.1" else None, "end": "whole", "bytes": 0, "text": ""},
@@ -191,7 +191,7 @@ class Simulator:
         self._tell("journal", {"seq": journal.add(self.db, entry), **entry})
 
 
-def _told(link: Link) -> dict:
+def _connection_members(link: Link) -> dict:
     """The members of a journal entry that describe its connection."""
     return {
         "connection": link.number,

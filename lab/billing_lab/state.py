@@ -145,7 +145,7 @@ def next_invoice_id(db: sqlite3.Connection) -> str:
 
 def invoice(db: sqlite3.Connection, name: str) -> dict | None:
     row = db.execute("SELECT * FROM invoices WHERE id = ?", (name,)).fetchone()
-    return None if row is None else _told(row)
+    return None if row is None else _invoice_of(row)
 
 
 def invoices(db: sqlite3.Connection, user: str | None = None, start: int = 1, size: int = -1) -> list[dict]:
@@ -155,7 +155,7 @@ def invoices(db: sqlite3.Connection, user: str | None = None, start: int = 1, si
         f"SELECT * FROM invoices WHERE ?1 IS NULL OR (user = ?1 AND {_SEEN}) ORDER BY number DESC LIMIT ? OFFSET ?",
         (user, size, start - 1),
     )
-    return [_told(row) for row in rows]
+    return [_invoice_of(row) for row in rows]
 
 
 def count_invoices(db: sqlite3.Connection, user: str | None = None) -> int:
@@ -174,7 +174,7 @@ def mark(db: sqlite3.Connection, name: str, step: str, now: str) -> dict:
     return found
 
 
-def _told(row: sqlite3.Row) -> dict:
+def _invoice_of(row: sqlite3.Row) -> dict:
     told = {key: row[key] for key in row.keys() if key not in ("number", "life") and row[key] is not None}
     told.update(json.loads(row["life"]))
     told["status"] = next(status for status, key in _STATUSES.items() if key in told)

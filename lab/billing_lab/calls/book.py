@@ -53,9 +53,9 @@ class Book:
             "began": time.monotonic(),
             "rivals": False,
         }
-        call["after"] = self._last_before(call, _text_of(now - LATE))
+        call["after"] = self._last_of_others(call, _text_of(now - LATE))
         for other in self._open.values():
-            if _said(other) == _said(call):
+            if _key_of(other) == _key_of(call):
                 other["rivals"] = call["rivals"] = True
         self._calls.append(call)
         self._open[sender, serial] = call
@@ -63,13 +63,13 @@ class Book:
             # A caller that has left the bus is never answered.
             del self._open[next(iter(self._open))]
 
-    def _last_before(self, call: dict, moment: str) -> int:
+    def _last_of_others(self, call: dict, moment: str) -> int:
         """The number of the last entry that cannot be of this call: it is older than the moment, or belongs to an earlier
         call with the same values."""
         return max(
             [
                 journal.last_before(self._db, moment),
-                *(other["until"] for other in self._calls if "until" in other and _said(other) == _said(call)),
+                *(other["until"] for other in self._calls if "until" in other and _key_of(other) == _key_of(call)),
             ]
         )
 
@@ -112,9 +112,9 @@ class Book:
         """
         entries = {entry["seq"]: entry for entry in journal.entries(self._db)}
         calls = list(self._calls)
-        return [self._told(call, entries) for call in (calls if last is None else calls[max(0, len(calls) - last) :])]
+        return [self._described(call, entries) for call in (calls if last is None else calls[max(0, len(calls) - last) :])]
 
-    def _told(self, call: dict, entries: dict[int, dict]) -> dict:
+    def _described(self, call: dict, entries: dict[int, dict]) -> dict:
         endpoint = ENDPOINT_OF.get(call["method"])
         last = call.get("until", max(entries, default=0))
         found = [
@@ -135,7 +135,7 @@ def _text_of(moment: datetime.datetime) -> str:
     return moment.isoformat(timespec="milliseconds").replace("+00:00", "Z")
 
 
-def _said(call: dict) -> tuple:
+def _key_of(call: dict) -> tuple:
     """Method and arguments of a call as far as its request has them: requests of calls with the same key look alike."""
     arguments = call["arguments"] if isinstance(call["arguments"], dict) else {}
     return call["method"], tuple(arguments.get(name, "") for name in _SENT.get(call["method"], ()))

@@ -95,13 +95,13 @@ def _message(expectation: Expectation, told: dict) -> str:
     ]
     if not told["ok"]:
         lines += [
-            f"  near: journal {near['seq']}, {near['endpoint']}, but {near['differs']} was {_was(near)}"
+            f"  near: journal {near['seq']}, {near['endpoint']}, but {near['differs']} was {_actual(near)}"
             for near in told["near"]
         ]
     return "\n".join(lines)
 
 
-def _was(near: dict) -> str:
+def _actual(near: dict) -> str:
     return repr(near["was"]) if near["differs"] != "header" else "not among its headers"
 
 

@@ -30,9 +30,9 @@ def run(
         raise LabError("name the command to run: billing-lab run -- COMMAND")
     for number in (signal.SIGTERM, signal.SIGHUP):
         signal.signal(number, signal.default_int_handler)
-    with _place(folder) as place, named_errors(), running(place) as lab:
+    with _lab_folder(folder) as place, named_errors(), running(place) as lab:
         begin(lab)
-        status = _status(words, lab, seconds)
+        status = _run_command(words, lab, seconds)
         told = judge(lab)
         print(report.text(told), file=sys.stderr)
     if status != 0:
@@ -42,7 +42,7 @@ def run(
 
 
 @contextlib.contextmanager
-def _place(folder: str | None) -> Iterator[pathlib.Path]:
+def _lab_folder(folder: str | None) -> Iterator[pathlib.Path]:
     if folder is not None:
         yield pathlib.Path(folder)
         return
@@ -50,7 +50,7 @@ def _place(folder: str | None) -> Iterator[pathlib.Path]:
         yield pathlib.Path(made) / "lab"
 
 
-def _status(words: list[str], lab: Lab, seconds: int | None) -> int:
+def _run_command(words: list[str], lab: Lab, seconds: int | None) -> int:
     """Runs the command, and then ends the processes that are left of its process group. @return its exit status"""
     environment = {**os.environ, "DBUS_SYSTEM_BUS_ADDRESS": lab.bus, "BILLING_LAB_DIR": str(lab.folder.path)}
     try:
@@ -63,11 +63,11 @@ def _status(words: list[str], lab: Lab, seconds: int | None) -> int:
         print(f"billing-lab: {words[0]} took longer than {seconds} seconds", file=sys.stderr)
         status = TOO_LONG
     finally:
-        _end(process)
+        _end_group(process)
     return 128 - status if status < 0 else status
 
 
-def _end(process: subprocess.Popen) -> None:
+def _end_group(process: subprocess.Popen) -> None:
     for number in (signal.SIGTERM, signal.SIGKILL):
         with contextlib.suppress(ProcessLookupError):
             os.killpg(process.pid, number)

@@ -54,7 +54,7 @@ async def begin(core, wanted: dict) -> dict:
     _check(wanted)
     await core.reset_whole()
     try:
-        names = _set(core, wanted)
+        names = _apply(core, wanted)
     except Exception:
         await core.reset_whole()
         raise
@@ -75,31 +75,31 @@ def _check(wanted: dict) -> None:
             raise ScenarioError(f"{name} is {json.dumps(part)[:60]}; see the reference for its form")
 
 
-def _set(core, wanted: dict) -> dict[str, str]:
+def _apply(core, wanted: dict) -> dict[str, str]:
     names: dict[str, str] = {}
     for switch, value in wanted.get("device", {}).items():
-        _try("device", switch, core.switch, switch, value)
+        _call("device", switch, core.switch, switch, value)
     for place, purchase in enumerate(wanted.get("buy", [])):
-        made = _try("buy", place, core.buy, {key: value for key, value in purchase.items() if key != "as"})
+        made = _call("buy", place, core.buy, {key: value for key, value in purchase.items() if key != "as"})
         names[purchase.get("as", made["id"])] = made["id"]
     for place, step in enumerate(wanted.get("steps", [])):
-        _try("steps", place, core.step, _named(step, names))
+        _call("steps", place, core.step, _with_invoices(step, names))
     if "advance" in wanted:
-        _try("advance", "", core.advance, wanted["advance"])
+        _call("advance", "", core.advance, wanted["advance"])
     for place, answer in enumerate(wanted.get("answers", [])):
-        _try("answers", place, core.set_answer, _named(answer, names))
+        _call("answers", place, core.set_answer, _with_invoices(answer, names))
     for place, fault in enumerate(wanted.get("faults", [])):
-        _try("faults", place, core.simulator.add_fault, _named(fault, names))
+        _call("faults", place, core.simulator.add_fault, _with_invoices(fault, names))
     if "connection" in wanted:
-        _try("connection", "", lambda: core.simulator.connections.switch(**wanted["connection"]))
+        _call("connection", "", lambda: core.simulator.connections.switch(**wanted["connection"]))
     # Requests from before the scenario do not count.
     after = journal.span(core.db)["last"]
     for place, expected in enumerate(wanted.get("expect", [])):
-        core.expectations.append(_try("expect", place, read_expectation, {"after": after, **_named(expected, names)}))
+        core.expectations.append(_call("expect", place, read_expectation, {"after": after, **_with_invoices(expected, names)}))
     return names
 
 
-def _try(part: str, place: int | str, function, *arguments):
+def _call(part: str, place: int | str, function, *arguments):
     """Calls a function. An error that it raises is raised again with its place in the scenario."""
     try:
         return function(*arguments)
@@ -113,7 +113,7 @@ def _where(part: str, place: int | str) -> str:
     return f"{part}[{place}]" if isinstance(place, int) else f"{part}.{place}".rstrip(".")
 
 
-def _named(wanted: dict, names: dict[str, str]) -> dict:
+def _with_invoices(wanted: dict, names: dict[str, str]) -> dict:
     """@return a copy with each "$name" replaced by the invoice of the purchase of that name"""
 
     def one(word: str, value: object) -> object:

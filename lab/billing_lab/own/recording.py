@@ -34,7 +34,7 @@ def scenario_of(file: pathlib.Path) -> dict:
     return {
         "scenario": 1,
         "about": f"recorded: {file.name}",
-        "answers": [{"endpoint": endpoint, **_as_one(told)} for endpoint, told in bodies.items()],
+        "answers": [{"endpoint": endpoint, **_one_answer(told)} for endpoint, told in bodies.items()],
     }
 
 
@@ -71,6 +71,6 @@ def _answer(response: dict, hidden: dict[str, str]) -> dict:
     }
 
 
-def _as_one(told: list[dict]) -> dict:
+def _one_answer(told: list[dict]) -> dict:
     """@return one own answer with all bodies in their order, and status and type of the last one"""
     return {"bodies": [answer["body"] for answer in told], "status": told[-1]["status"], "type": told[-1]["type"]}

@@ -77,7 +77,7 @@ def _requests(first: list[dict], second: list[dict]) -> tuple[list[dict], int]:
     """@return the requests that differ, in the order of the runs, and the number of those that are the same"""
     told, same = [], 0
     left, right = iter(first), iter(second)
-    for kind in _paired(first, second):
+    for kind in _pairing(first, second):
         if kind != "=":
             side, entry = ("first", next(left)) if kind == "-" else ("second", next(right))
             told.append({side: entry["seq"], "request": name_of(entry)})
@@ -91,7 +91,7 @@ def _requests(first: list[dict], second: list[dict]) -> tuple[list[dict], int]:
     return told, same
 
 
-def _paired(first: list[dict], second: list[dict]) -> str:
+def _pairing(first: list[dict], second: list[dict]) -> str:
     """@return one character for each request in turn: "=" in both runs, "-" only in the first, "+" only in the second
 
     The program diff is much faster than Python's difflib, which takes 20 seconds for 10,000 requests that are mostly alike.
@@ -99,7 +99,9 @@ def _paired(first: list[dict], second: list[dict]) -> str:
     with tempfile.TemporaryDirectory() as folder:
         files = [pathlib.Path(folder) / name for name in ("first", "second")]
         for file, entries in zip(files, (first, second)):
-            file.write_text("".join(json.dumps(_asked(entry), sort_keys=True) + "\n" for entry in entries), encoding="utf-8")
+            file.write_text(
+                "".join(json.dumps(_pairing_key(entry), sort_keys=True) + "\n" for entry in entries), encoding="utf-8"
+            )
         formats = [f"--{kind}-line-format={mark}" for kind, mark in (("unchanged", "="), ("old", "-"), ("new", "+"))]
         done = subprocess.run(["diff", *formats, *files], capture_output=True, text=True, check=False)
     if done.returncode > 1:
@@ -107,7 +109,7 @@ def _paired(first: list[dict], second: list[dict]) -> str:
     return done.stdout
 
 
-def _asked(entry: dict) -> list:
+def _pairing_key(entry: dict) -> list:
     """The values by which requests of two runs are paired."""
     if entry["kind"] != "request":
         return [entry["kind"]]
