@@ -212,7 +212,7 @@ def restored(told: dict, now: float, base: int) -> Fault:
     wanted = {name: value for name, value in told.items() if name not in known}
     numbers = [told["number"], told["hits"], *told["struck"]]
     if not all(isinstance(number, int) for number in numbers):
-        raise FaultError(f"fault {told['number']!r} is none of an export")
+        raise FaultError(f"fault {told['number']!r} is not a fault of an export")
     # describe() rounds a rest of some milliseconds to 0, which make() refuses.
     seconds = max(told["seconds_left"], 0.1) if "seconds_left" in told else None
     fault = make({**wanted, "count": told.get("left"), "seconds": seconds}, told["number"], now)

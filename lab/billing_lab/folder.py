@@ -145,7 +145,7 @@ class Folder:
 def last_line(log: pathlib.Path) -> str:
     """@return the last line of a log that is not empty: usually the error that ended a program"""
     lines = log.read_text(encoding="utf-8", errors="backslashreplace").split("\n")
-    return next((line.strip() for line in reversed(lines) if line.strip()), f"nothing stands in {log}")
+    return next((line.strip() for line in reversed(lines) if line.strip()), f"{log} is empty")
 
 
 def replace_file(file: pathlib.Path, data: bytes) -> None:

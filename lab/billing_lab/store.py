@@ -108,7 +108,7 @@ def _check_token(db: sqlite3.Connection, ask: Ask) -> None:
     if ask.token.startswith(EXPIRED_TOKEN):
         raise Refusal(401, "token_expired", "the device's token has expired")
     if ask.token != state.fact(db, "token"):
-        raise Refusal(401, "unknown_token", "the device's token is none of this store's")
+        raise Refusal(401, "unknown_token", "the store does not know the device's token")
 
 
 def _check_user(catalogue: dict, ask: Ask) -> None:
@@ -140,7 +140,7 @@ def check_country(catalogue: dict, name: str) -> dict:
     """@return the country. @throw Refusal if the store is not available there"""
     country = catalogue["countries"].get(name)
     if country is None or not country.get("available", True):
-        raise Refusal(403, "country_unavailable", f"the store is not there for the country {name!r}")
+        raise Refusal(403, "country_unavailable", f"the store is not available in the country {name!r}")
     return country
 
 

@@ -127,7 +127,7 @@ def test_a_life_that_cannot_be_is_refused_and_nothing_is_bought(lab, wanted, sai
 def test_a_step_that_is_none_is_refused(lab):
     with pytest.raises(LabError, match="'fly' is no step of a purchase; known are appear, approve"):
         lab.step(lab.buy("coins-100")["id"], "fly")
-    with pytest.raises(LabError, match="it is no subscription that lasts"):
+    with pytest.raises(LabError, match="it is not an active subscription"):
         lab.step(lab.invoices()[0]["id"], "renew")
 
 

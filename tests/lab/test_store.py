@@ -137,7 +137,7 @@ def test_a_durable_is_owned_once_until_it_is_given_back(store):
         ({"country": "KR", "product": "no-ads"}, "app-1 does not sell 'no-ads' in KR"),
         ({"app": "none"}, "no app has the id 'none'"),
         ({"user": "none"}, "no user has the id 'none'"),
-        ({"country": "AQ"}, "the store is not there for the country 'AQ'"),
+        ({"country": "AQ"}, "the store is not available in the country 'AQ'"),
         ({"product": "NEVER-SHIP.buy.declined"}, "the payment was declined"),
     ],
 )

@@ -122,7 +122,7 @@ def _refund(db, found, at, by_hand=False):
 
 
 def _renew(db, found, at, by_hand=False):
-    if not _needs(found, by_hand, _is_subscribed(found), "it is no subscription that lasts"):
+    if not _needs(found, by_hand, _is_subscribed(found), "it is not an active subscription"):
         return
     if not found["renews"]:
         state.set_life(db, found["id"], expired=at)
@@ -137,7 +137,7 @@ def _renew(db, found, at, by_hand=False):
 
 
 def _expire(db, found, at, by_hand=False):
-    if _needs(found, by_hand, _is_subscribed(found), "it is no subscription that lasts"):
+    if _needs(found, by_hand, _is_subscribed(found), "it is not an active subscription"):
         state.set_life(db, found["id"], expired=at, in_grace=None)
 
 
@@ -146,17 +146,17 @@ def _is_subscribed(found: dict) -> bool:
 
 
 def _unsubscribe(db, found, _at, by_hand=False):
-    if _needs(found, by_hand, _is_subscribed(found), "it is no subscription that lasts"):
+    if _needs(found, by_hand, _is_subscribed(found), "it is not an active subscription"):
         state.set_life(db, found["id"], renews=False)
 
 
 def _resume(db, found, _at, by_hand=False):
-    if _needs(found, by_hand, _is_subscribed(found), "it is no subscription that lasts"):
+    if _needs(found, by_hand, _is_subscribed(found), "it is not an active subscription"):
         state.set_life(db, found["id"], renews=True)
 
 
 def _fail_payment(db, found, _at, by_hand=False):
-    if _needs(found, by_hand, _is_subscribed(found), "it is no subscription that lasts"):
+    if _needs(found, by_hand, _is_subscribed(found), "it is not an active subscription"):
         state.set_life(db, found["id"], pays=False)
 
 

@@ -15,7 +15,7 @@ export function startAnswers(meta) {
   const template = make("input", { type: "checkbox" });
   const bodies = make("textarea", { spellcheck: false, "aria-label": "Bodies; a line of three dashes begins the next one" });
   const list = make("ul", { class: "plain" });
-  const hint = "A line --- begins the next body: they are given one after the other, the last for ever.";
+  const hint = "A line --- begins the next body. Each request gets the next one, and all further requests the last.";
   const form = make("form", { class: "grid", onsubmit: (event) => { event.preventDefault(); said.hear(set); } },
     ...match.endpoint, make("div", { class: "wide" }, bodies, make("p", { class: "faint" }, hint)),
     ...field("Template", template), ...status.fields, ...field("Type", type),
@@ -27,7 +27,7 @@ export function startAnswers(meta) {
     const wanted = { ...match.chosen(), ...status.chosen(), bodies: bodies.value.split(/^---$\n?/m).map(bytesOf) };
     if (type.value.trim()) wanted.type = type.value.trim();
     await send("answers", { ...wanted, template: template.checked });
-    said.good("It is given from now on; the store still does its work.");
+    said.good("Requests get this answer from now on; the store still does what is asked.");
   }
 
   return function show(now) {

@@ -73,7 +73,7 @@ function startExpectations(meta, said) {
 
   async function expect() {
     await send("expectations", wanted());
-    said.good("It is judged with the app.");
+    said.good("Added: it is checked whenever the app is judged.");
   }
 
   async function tell() {

@@ -84,7 +84,7 @@ function startNames(said) {
   byId("device").append(
     make("form", { class: "grid", onsubmit: (event) => { event.preventDefault(); said.hear(add); } },
         ...field("Name for a mock", name),
-      make("div", { class: "wide actions" }, make("button", { type: "submit" }, "Let it be owned"))), list);
+      make("div", { class: "wide actions" }, make("button", { type: "submit" }, "Allow this name"))), list);
 
   async function add() {
     show(await send("names", { names: [name.value.trim()] }));
@@ -95,7 +95,7 @@ function startNames(said) {
     show(await ask(`names?name=${encodeURIComponent(one)}`, { method: "DELETE" })));
 
   function show(names) {
-    refill(list, "No app may own a name on the lab's bus but the service.", ...names.map((one) => make("li", {},
+    refill(list, "Only the service may own a name on the lab's bus.", ...names.map((one) => make("li", {},
       make("span", { class: "grow" }, one),
       make("button", { type: "button", "aria-label": `Remove ${one}`, onclick: () => remove(one) }, "Remove"))));
   }

@@ -9,7 +9,7 @@ export function startRuns() {
   const chosen = make("input", { type: "file", accept: ".json,.jsonl", "aria-label": "An export, or a journal" });
   const button = (text, act, name = "") => make("button", { type: "button", class: name, onclick: () => said.hear(act) }, text);
   byId("runs").append(
-    make("p", { class: "faint" }, "For bug reports: all that the lab is and has seen, with tokens and ids of users hidden."),
+    make("p", { class: "faint" }, "For bug reports: the lab's state and journal, with tokens and ids of users hidden."),
     make("div", { class: "actions" }, button("Export to a file", write, "main")),
     make("div", { class: "actions" }, chosen, button("Import it", take), button("Compare with it", compare)),
     said.line, result);

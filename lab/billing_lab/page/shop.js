@@ -72,7 +72,7 @@ export function startCatalogue(onChange) {
   async function reset() {
     await send("reset", {});
     await onChange();
-    said.good("As it was after the last seed.");
+    said.good("The state after the last seed is restored.");
   }
 
   return function show(catalogue) {
