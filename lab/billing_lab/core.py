@@ -123,7 +123,7 @@ class Core:
         @return the names that are left"""
         for name in names:
             if name not in self.names():
-                raise LabError(f"{name!r} is none of the names of the bus: {', '.join(self.names()) or 'none'}")
+                raise LabError(f"{name!r} is not among the names of the bus: {', '.join(self.names()) or 'none'}")
         return await self._set_names([name for name in self.names() if names and name not in names])
 
     async def _set_names(self, names: list[str]) -> list[str]:

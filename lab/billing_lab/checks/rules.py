@@ -31,8 +31,8 @@ def _went_well(entry: dict) -> bool:
 
 
 def confirmed_once(entries: list[dict], _invoices: list[dict], _polls: int) -> list[Finding]:
-    """No purchase is confirmed again after the store said that it is confirmed. To ask again after a lost answer is
-    right."""
+    """No purchase is confirmed again after the store has answered that it is confirmed. Confirming again after a lost answer
+    is correct."""
     done: dict[str, int] = {}
     found = []
     for entry in _requests(entries, "confirm"):
@@ -63,7 +63,7 @@ def applied_first(entries: list[dict], invoices: list[dict], _polls: int) -> lis
 
 
 def polled(entries: list[dict], _invoices: list[dict], polls: int) -> list[Finding]:
-    """No question is asked more than so many times within a minute."""
+    """No endpoint gets more requests within a minute than the limit `polls`."""
     found = []
     for endpoint in ("country", "products", "invoices"):
         window: collections.deque[tuple[float, int]] = collections.deque()
@@ -81,12 +81,12 @@ def polled(entries: list[dict], _invoices: list[dict], polls: int) -> list[Findi
 
 
 def exact(entries: list[dict], _invoices: list[dict], _polls: int) -> list[Finding]:
-    """Each request is what the service sends on this device: no argument of the app's broke it."""
+    """Each request is exactly what the service sends on this device: no argument of the app has changed other parts of it."""
     return [("; ".join(entry["differences"]), [entry["seq"]]) for entry in entries if entry.get("differences")]
 
 
 def all_confirmed(_entries: list[dict], invoices: list[dict], _polls: int) -> list[Finding]:
-    """At the end no purchase is left that is paid and not confirmed."""
+    """At the end every paid purchase is confirmed."""
     return [
         (f"{invoice['id']} ({invoice['product']}) is {invoice['status']} at the end, not confirmed", [])
         for invoice in invoices
