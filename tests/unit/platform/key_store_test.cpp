@@ -51,9 +51,10 @@ Token& token()
     return *instance;
 }
 
-pkcs11::Module& proxyModule()
+pkcs11::Session sessionOfToken(bool writes)
 {
-    return pkcs11::Module::at(PROXY_MODULE);
+    const pkcs11::Module& module = pkcs11::Module::at(PROXY_MODULE);
+    return pkcs11::Session(module, module.slotOf(token().soft.label()).value(), writes);
 }
 
 class AKeyStore : public testing::Test {
@@ -314,8 +315,7 @@ TEST_F(AKeyStore, KeepsTheOldKeyWhenTheNewOneDoesNotProveItself)
 
 TEST_F(AKeyStore, ImportsKeysThatTheTokenDoesNotGiveAway)
 {
-    const pkcs11::Module& module = proxyModule();
-    const pkcs11::Session session(module, module.slotOf(token().soft.label()).value(), false);
+    const pkcs11::Session session = sessionOfToken(false);
     pkcs11::Attributes wanted;
     wanted.number(CKA_CLASS, CKO_PRIVATE_KEY).text(CKA_ID, std::string("\0\0\0\7", 4));
     const auto keys = session.find(wanted);
@@ -328,8 +328,7 @@ TEST_F(AKeyStore, ImportsKeysThatTheTokenDoesNotGiveAway)
 TEST_F(AKeyStore, RemovesThePublicObjectToo)
 {
     EXPECT_EQ(ss_remove_key(&client, 7), 0);
-    const pkcs11::Module& module = proxyModule();
-    const pkcs11::Session session(module, module.slotOf(token().soft.label()).value(), false);
+    const pkcs11::Session session = sessionOfToken(false);
     pkcs11::Attributes any;
     any.text(CKA_ID, std::string("\0\0\0\7", 4));
     EXPECT_THAT(session.find(any), IsEmpty());
@@ -339,8 +338,7 @@ TEST_F(AKeyStore, RemovesThePublicObjectToo)
 
 TEST_F(AKeyStore, IsNotMisledByAPublicObjectLeftOfAnotherKey)
 {
-    const pkcs11::Module& module = proxyModule();
-    const pkcs11::Session session(module, module.slotOf(token().soft.label()).value(), true);
+    const pkcs11::Session session = sessionOfToken(true);
     pkcs11::Attributes any;
     any.number(CKA_CLASS, CKO_PUBLIC_KEY).text(CKA_ID, std::string("\0\0\0\7", 4));
     const auto own = session.find(any);
@@ -366,8 +364,7 @@ TEST_F(AKeyStore, IsNotMisledByAPublicObjectLeftOfAnotherKey)
 
 TEST_F(AKeyStore, SeesEveryObjectOfATokenThatNamesThemOneByOne)
 {
-    const pkcs11::Module& module = proxyModule();
-    const pkcs11::Session session(module, module.slotOf(token().soft.label()).value(), false);
+    const pkcs11::Session session = sessionOfToken(false);
     pkcs11::Attributes any;
     any.text(CKA_ID, std::string("\0\0\0\7", 4));
     control().fault = Fault::OneAtATime;
@@ -389,8 +386,7 @@ TEST_F(AKeyStore, BelievesNoNumberThatCannotBe)
 
 TEST_F(AKeyStore, LeavesNothingOfAKeyThatWasMadeAndDoesNotWork)
 {
-    const pkcs11::Module& module = proxyModule();
-    const pkcs11::Session session(module, module.slotOf(token().soft.label()).value(), true);
+    const pkcs11::Session session = sessionOfToken(true);
     control().fault = Fault::WrongBlock;
     EXPECT_THROW(tokenkeys::generate(session, 8), secure::Error);
     pkcs11::Attributes any;
@@ -442,8 +438,7 @@ protected:
         const Bytes n = token().key.modulus();
         const Bytes d = token().key.privateExponent();
         const auto key = rawrsa::recover(n.data(), n.size(), d.data(), d.size()).value();
-        const std::string path = PROXY_MODULE;
-        const pkcs11::Module& module = pkcs11::Module::at(path);
+        const pkcs11::Module& module = pkcs11::Module::at(PROXY_MODULE);
         m_session = std::make_unique<pkcs11::Session>(
             module, module.slotOf(token().soft.label()).value(), true);
         pkcs11::Attributes attributes;
