@@ -5,7 +5,7 @@
 
 #include <glib.h>
 
-/// One call's place in the main context's queue.
+/// A queued call: an idle source of the main context that runs just before the call.
 struct CBusBacklog::Place {
     std::shared_ptr<CBusBacklog> pBacklog;
     std::string strSender;
@@ -27,7 +27,7 @@ bool CBusBacklog::Enter(const std::string& strSender)
         }
         ++uWaiting;
     }
-    // The bus library queues calls with the same priority: this one comes up just before the call.
+    // Sources of one priority run in the order of arrival: this one runs just before the call.
     const auto leave = [](gpointer pGiven) -> gboolean {
         const auto* pWaited = static_cast<const Place*>(pGiven);
         pWaited->pBacklog->Leave(pWaited->strSender);

@@ -7,13 +7,13 @@
 #include <mutex>
 #include <string>
 
-/// For calls that want no answer: the bus bounds the others. Thread: any.
+/// Bounds the queued calls that expect no reply; the bus bounds the others. Thread: any.
 class CBusBacklog : public std::enable_shared_from_this<CBusBacklog> {
 public:
     static std::shared_ptr<CBusBacklog> Make();
 
-    /// A call is about to be queued for the default main context, which lets it out of the count.
-    /// @return false when its caller has too many there already
+    /// Counts a call that is about to be queued for the default main context, until its turn comes.
+    /// @return false when too many calls of this sender are queued; the call is not counted then
     bool Enter(const std::string& strSender);
 
 private:

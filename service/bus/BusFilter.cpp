@@ -19,10 +19,10 @@ constexpr const char* LIMITS_EXCEEDED = "org.freedesktop.DBus.Error.LimitsExceed
 constexpr const char* OWNERS_CHANGE =
     "type='signal',sender='org.freedesktop.DBus',member='NameOwnerChanged'";
 
-// Marks a message that has waited: it goes out as it is.
+// Marks a message that the flow control has released: the filter lets it pass.
 constexpr const char* RELEASED = "billing-released";
 
-// What a question to the bus calls.
+// The bus method that a question calls.
 struct BusMethod {
     const char* szInterface;
     const char* szName;
@@ -116,7 +116,7 @@ GDBusMessage* CBusFilter::OnMessage(GDBusConnection*, GDBusMessage* pMessage, gb
             poFilter->Outgoing(pOwned);
         }
     } catch (const std::exception&) {
-        // What has not been taken yet passes.
+        // A message that the flow control has not taken passes unchanged.
         BILLING_ERROR("no memory for the flow control, a message passes it by");
     }
     return pOwned.release();
@@ -233,7 +233,7 @@ gboolean CBusFilter::OnTimer(gpointer pFilter) noexcept
     auto* poFilter = static_cast<CBusFilter*>(pFilter);
     try {
         const std::lock_guard<std::mutex> oLock(poFilter->m_oLock);
-        // An older one may have waited for the lock while it was replaced.
+        // A replaced timer may have fired already and waited for the lock.
         if (g_main_current_source() == poFilter->m_pTimer) {
             poFilter->StopTimer();
             poFilter->m_iTimerAt = 0;
@@ -254,6 +254,6 @@ void CBusFilter::GiveBack()
 
 void CBusFilter::EndService()
 {
-    // On the main thread, whose wait lets it in.
+    // Raised on the main thread, which takes the signal when it next waits for events.
     raise(SIGTERM);
 }

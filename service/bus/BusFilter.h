@@ -10,11 +10,11 @@
 #include <mutex>
 #include <random>
 
-/// Sees each message of a connection as it comes in and goes out, also those that the bus library
-/// makes by itself. Messages pass on the bus library's thread, the timer runs on the main loop.
+/// Sees each incoming and outgoing message of a connection, those of the bus library itself included.
+/// Thread: messages pass on the bus library's thread, the timer runs on the main loop.
 class CBusFilter : private CBusPort {
 public:
-    /// Installs one, for the life of the connection. Call it before the first method call can come.
+    /// Installs a filter for the life of the connection. Precondition: no method call has come in yet.
     static void Install(GDBusConnection* pConnection);
 
 private:
@@ -40,8 +40,8 @@ private:
     void EndService() override;
     void StopTimer();
 
-    GDBusConnection* m_pConnection;  // it owns this
-    std::mutex m_oLock;              // around the flow and the timer
+    GDBusConnection* m_pConnection;  // owns this filter
+    std::mutex m_oLock;              // guards the flow and the timer
     CBusFlow m_oFlow;
     const std::shared_ptr<CBusBacklog> m_pBacklog = CBusBacklog::Make();
     GSource* m_pTimer = nullptr;

@@ -10,7 +10,7 @@ using namespace BusLimits;
 
 namespace {
 
-// The caller learns what has become of its request: it must not take this for "not done".
+// States that the request was carried out: the caller must not take the error for "not done".
 constexpr const char* ANSWER_DROPPED =
     "the request was made, but its answer is dropped: earlier answers to this caller are not read; "
     "read them before asking more";
@@ -26,7 +26,7 @@ void CBusFlow::Start(const std::string& strOwnName)
 
 void CBusFlow::Called(const std::string& strSender)
 {
-    // No timer: a bus that does not answer is found out by what the flow control needs to know.
+    // No timer for this question: a silent bus is detected by the questions that replies depend on.
     if (!m_users.Knows(strSender) &&
         m_questions.Ask({BusQuestion::USER, strSender, 0, m_oPort.Now()})) {
         m_users.Asked(strSender);
@@ -89,7 +89,7 @@ void CBusFlow::Hold(BusCaller& tCaller, BusMessagePtr pReply, std::size_t uBytes
         }
     }
     if (bWindow) {
-        // It waits for what others have not read.
+        // The caller's own window has room: what other callers have not read blocks the reply.
         AskAboutOthers(iNow);
     }
 }
@@ -99,7 +99,7 @@ void CBusFlow::RefuseExcess(BusCaller& tCaller, gint64 iNow)
     while (m_ledger.HoldsTooMuch()) {
         BusHeldReply* ptHeld = m_ledger.ToBeRefused(iNow);
         if (ptHeld == nullptr) {
-            // Nothing but errors and the like wait, thousands of them.
+            // Thousands of held replies, all too small to be refused (REFUSABLE_BYTES).
             ++tCaller.uRefusedReplies;
             m_ledger.DropLast(tCaller);
             return;
@@ -123,7 +123,7 @@ void CBusFlow::Known(BusCaller& tCaller, std::size_t uUnread, gint64 iNow)
     if (tCaller.held.empty()) {
         m_ledger.ForgetIfSettled(tCaller);
     } else if (m_eMeans == Means::PING && bProgress && !tCaller.bAsked && tCaller.uUnread > 0) {
-        // Its next answer comes when it reads on.
+        // No pause: a caller that is still behind answers the next ping only after it has read more.
         AskAbout(tCaller, iNow);
     } else if (!tCaller.bAsked) {
         tCaller.iAskAt = iNow + tCaller.iPause;
@@ -145,7 +145,7 @@ void CBusFlow::ReleaseAll(gint64 iNow)
         if (tCaller.held.empty()) {
             IsOver(tCaller);
         } else if (bSome && !tCaller.bAsked) {
-            // The bus comes to the question behind them.
+            // The bus reads the question after the released replies.
             AskAbout(tCaller, iNow);
         }
     }
@@ -209,7 +209,7 @@ void CBusFlow::Timer()
         AskForProof(iNow);
     }
     if (m_iPingReportAt <= iNow) {
-        // A refusal would have come by now.
+        // A bus that refuses pings would have said so by now.
         ReportPing();
     }
     bool bShort = false;
@@ -230,7 +230,7 @@ void CBusFlow::Timer()
     WakeAt(iStill != 0 ? iStill + BUS_SILENT_MS : 0);
 }
 
-// Between two bursts it would only be taken from the system again.
+// At rest only: between two bursts the freed memory would be requested from the system again.
 void CBusFlow::GiveBackAtRest(gint64 iNow)
 {
     if (m_iGiveBackAt == 0 || iNow < m_iGiveBackAt) {
@@ -244,8 +244,8 @@ void CBusFlow::GiveBackAtRest(gint64 iNow)
     m_oPort.GiveBack();
 }
 
-// While callers read on, the next large answer is not received before those that wait have left. What
-// waits for a caller that reads nothing, or while nobody reads, does not hold it up.
+// While callers make progress, the next large answer is not received before the held ones were sent.
+// Held replies without progress are no longer counted, so that they do not block further answers.
 void CBusFlow::StopCountingStuck(gint64 iNow)
 {
     for (const auto& [strName, tCaller] : m_ledger.Callers()) {
@@ -266,7 +266,7 @@ void CBusFlow::StopCountingStuck(gint64 iNow)
     }
 }
 
-// Returns true when it waits for what others have not read.
+// @return true when the caller's window has room, and what other callers have not read blocks it
 bool CBusFlow::TendCaller(BusCaller& tCaller, gint64 iNow)
 {
     if (tCaller.held.empty()) {

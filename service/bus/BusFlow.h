@@ -1,9 +1,9 @@
 // BusFlow.h - the flow control of the service's bus connection: which reply goes out now,
 // which waits, which becomes an error.
 //
-// A caller that reads nothing costs the others nothing: what it has not read is asked of the bus, and
-// beyond a window its replies wait here, in their order. Where the bus does not tell, the caller
-// itself is asked (Peer.Ping); an answer says that it has read what came before.
+// A caller that reads nothing must not delay the others. The flow control asks the bus how many bytes a
+// caller has not read; beyond a window it holds the caller's replies back, in their order. Where the bus
+// does not tell, it pings the caller (Peer.Ping): an answer proves that everything before it was read.
 #pragma once
 
 #include "BusLedger.h"
@@ -14,31 +14,34 @@
 
 #include <string>
 
-/// Thread: one at a time; the caller sees to it.
+/// Thread: one at a time; the user of this class serialises the calls.
 class CBusFlow {
 public:
-    /// @param oPort outlives it
+    /// @param oPort must outlive this object
     explicit CBusFlow(CBusPort& oPort);
 
-    /// Finds out whether the bus tells what is unread. @param strOwnName the service's unique name
+    /// Tests whether the bus tells how many bytes are unread.
+    /// @param strOwnName the service's unique name
     void Start(const std::string& strOwnName);
 
-    /// A call has come in. @param strSender asked about once: whose it is
+    /// Records an incoming call. The bus is asked once for the user of each sender.
+    /// @param strSender the caller's unique name
     void Called(const std::string& strSender);
 
-    /// A call was refused. @param uArgumentBytes what it has too many of; 0: too many calls that want
-    ///   no answer wait
+    /// Records a refused call.
+    /// @param uArgumentBytes size of its arguments when they were too long; 0 when too many calls that
+    ///   expect no reply were queued
     void RefusedCall(const std::string& strSender, std::size_t uArgumentBytes);
 
-    /// A reply is about to go out. @param[in,out] pReply has a destination; emptied when the reply
-    ///   must not go out now
+    /// Handles a reply that is about to be sent.
+    /// @param[in,out] pReply has a destination; null afterwards when the reply was held back
     void Reply(BusMessagePtr& pReply);
 
-    /// A reply has come in. @return true when it was the answer to a question of the service's own:
-    ///   nobody else is to see it
+    /// Handles an incoming reply.
+    /// @return true when it answers a question of the flow control: the bus library must not see it
     bool Answer(GDBusMessage* pMessage);
 
-    /// To be called at the time that was asked of the port. Thread: main
+    /// Runs what is due. Called at the time given to the port. Thread: main.
     void Timer();
 
 private:
@@ -79,17 +82,17 @@ private:
     CBusReport m_report;
     CBusUsers m_users;
     Means m_eMeans = Means::BUS;
-    std::string m_strBusError;  // how the bus refused to tell
-    // No caller has answered a ping yet, and the log does not know that callers are asked.
+    std::string m_strBusError;  // the error with which the bus refused to tell
+    // True from the switch to pings until the first ping is sent.
     bool m_bPingUntried = false;
     gint64 m_iPingReportAt = 0;
 
-    std::size_t m_uUnknown = 0;  // bytes sent since nobody tells what is read
-    bool m_bUnproven = false;    // some were sent after the last question for a proof
+    std::size_t m_uUnknown = 0;  // bytes sent since nothing tells what is read
+    bool m_bUnproven = false;    // bytes were sent after the last PROOF question
     bool m_bProofAsked = false;
     gint64 m_iProofAt = 0;
     gint64 m_iLastProof = 0;
-    gint64 m_iProgress = 0;    // when a caller read on, or nothing waited yet
-    gint64 m_iGiveBackAt = 0;  // much has waited
+    gint64 m_iProgress = 0;    // last time that a caller read, or that nothing was held
+    gint64 m_iGiveBackAt = 0;  // when to give memory back; 0: too little was held
     bool m_bEnded = false;
 };

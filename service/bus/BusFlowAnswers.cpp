@@ -1,4 +1,4 @@
-// BusFlowAnswers.cpp - the flow control: its questions and what is made of their answers.
+// BusFlowAnswers.cpp - the flow control: sends its questions and handles the answers.
 #include "BusFlow.h"
 #include "BusLimits.h"
 
@@ -10,21 +10,21 @@ namespace {
 
 constexpr const char* UNKNOWN_USER = "unknown";
 
-// The bus says so of a name that nobody has.
+// The bus reports that the name has no owner.
 bool IsGone(const std::string& strError)
 {
     return strError == "org.freedesktop.DBus.Error.NameHasNoOwner" ||
            strError == "org.freedesktop.DBus.Error.ServiceUnknown";
 }
 
-// For the moment; nothing is known by it.
+// A passing lack of resources: the error tells nothing about the caller.
 bool IsPassing(const std::string& strError)
 {
     return strError == "org.freedesktop.DBus.Error.NoMemory" ||
            strError == "org.freedesktop.DBus.Error.LimitsExceeded";
 }
 
-// The bus says so when the caller leaves without an answer, and of a call that it gives up.
+// Sent by the bus when the caller left without an answer, or when the call timed out.
 bool IsNoReply(const std::string& strError)
 {
     return strError == "org.freedesktop.DBus.Error.NoReply";
@@ -34,7 +34,7 @@ bool IsNoReply(const std::string& strError)
 
 void CBusFlow::AskAbout(BusCaller& tCaller, gint64 iNow)
 {
-    // Should it not be sent, it is tried again.
+    // The time of the next attempt, in case the question cannot be sent.
     tCaller.iAskAt = iNow + LONGEST_PAUSE_MS;
     const BusQuestion eKind = m_eMeans == Means::BUS ? BusQuestion::UNREAD : BusQuestion::PING;
     if (!m_questions.Ask({eKind, tCaller.strName, tCaller.uUnread, iNow})) {
@@ -69,7 +69,7 @@ void CBusFlow::AskWhetherThere(BusCaller& tCaller, gint64 iNow)
         AskAbout(tCaller, iNow);
         return;
     }
-    // A ping that is never answered would take a place for good.
+    // No ping: one that is never answered would occupy a place among the open questions for good.
     tCaller.bAsked = m_questions.Ask({BusQuestion::OWNER, tCaller.strName, tCaller.uUnread, iNow});
     m_oPort.WakeAt(iNow + BUS_SILENT_MS);
 }
@@ -145,7 +145,7 @@ void CBusFlow::OnUnread(const BusOpenQuestion& tQuestion, const BusAnswer& tAnsw
     if (ptCaller == nullptr) {
         return;
     }
-    // What was sent after the question may be unread.
+    // Bytes sent after the question count as unread.
     const std::size_t uSince = ptCaller->uUnread - tQuestion.uUnread;
     const std::size_t uThen = tAnswer.bValue
                                   ? std::min<std::size_t>(tQuestion.uUnread, tAnswer.uValue)
@@ -172,7 +172,7 @@ void CBusFlow::OnPing(const BusOpenQuestion& tQuestion, const BusAnswer& tAnswer
     } else if (!bCaller && !IsPassing(tAnswer.strError)) {
         PingIsNoMeans(tAnswer.strError);
     } else if (ptCaller != nullptr) {
-        // Whatever the caller itself answers, it has read what came before.
+        // Any answer of the caller itself, an error included, proves that it has read what came before.
         Known(*ptCaller, ptCaller->uUnread - (bCaller ? tQuestion.uUnread : 0), iNow);
     }
 }
@@ -213,7 +213,7 @@ void CBusFlow::OnUser(const BusOpenQuestion& tQuestion, const BusAnswer& tAnswer
     }
 }
 
-// Callers may be asked.
+// Logs that callers are asked, once it is known that they may be.
 void CBusFlow::ReportPing()
 {
     if (m_iPingReportAt != 0) {
@@ -250,11 +250,11 @@ void CBusFlow::PingIsNoMeans(const std::string& strError)
     m_iPingReportAt = 0;
     m_report.AsksNobody(strError.c_str());
     const gint64 iNow = m_oPort.Now();
-    // A bus that has stopped reading does not see its client end either, and the next service would
-    // not get the name. It sees it when it has something to tell it: that the next one has come.
-    // Later, behind all the replies, the question might not be read.
+    // A bus that does not read from the service does not notice its exit, and keeps the bus name from the
+    // next instance. A bus that has a signal to deliver notices it; the next instance's arrival is such a
+    // signal. The subscription goes out now: behind all the held replies the bus might not read it.
     m_questions.Ask({BusQuestion::WATCH, "", 0, iNow});
-    // As before there was any flow control: the bus takes what it takes.
+    // From here on every reply is sent at once; only the total is watched.
     for (auto& [strName, tCaller] : m_ledger.Callers()) {
         for (const BusHeldReply& tHeld : tCaller.held) {
             SentUnknown(tHeld.uBytes, iNow);

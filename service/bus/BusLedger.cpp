@@ -1,4 +1,4 @@
-// BusLedger.cpp - what is unread by each caller, and what waits for each of them.
+// BusLedger.cpp - the unread bytes and the held replies of each caller.
 #include "BusLedger.h"
 
 #include "BusLimits.h"

@@ -1,5 +1,5 @@
-// BusLedger.h - what the service has sent to each caller that is not known to be read, and what waits
-// for each of them.
+// BusLedger.h - the account of each caller: bytes that were sent and are not known to be read, and
+// replies that are held back.
 #pragma once
 
 #include "BusLimits.h"
@@ -13,81 +13,83 @@
 
 struct BusCaller;
 
-/// A reply that waits.
+/// A reply that is held back.
 struct BusHeldReply {
     BusMessagePtr pMessage;
-    std::size_t uBytes = 0;    ///< on the bus
-    std::uint64_t uOrder = 0;  ///< counts up over all callers
+    std::size_t uBytes = 0;    ///< of the whole message, as estimated for the bus
+    std::uint64_t uOrder = 0;  ///< order of arrival over all callers
     BusCaller* ptCaller = nullptr;
 };
 
-/// What the log has been told of a caller that is held back.
+/// State of the log's lines about a caller that is held back.
 enum class BusStory {
     NONE,
-    ASKING,  ///< whose it is, is being asked
+    ASKING,  ///< the bus is being asked for the caller's user
     TOLD,
-    MUTED,  ///< there are too many stories
+    MUTED,  ///< the limit of the log (BusLimits::REPORTS) was reached
 };
 
-/// One caller. Times are milliseconds of the port's clock; 0 is "never" and "not planned".
+/// One caller. Times are milliseconds of the port's clock; 0 means never, or not planned.
 struct BusCaller {
     std::string strName;
     std::size_t uUnread = 0;                        ///< bytes sent and not known to be read
-    std::size_t uWindow = BusLimits::WINDOW_BYTES;  ///< bytes that may be unread before one waits
-    std::size_t uHeldBytes = 0;  ///< what its waiting replies take in the service
+    std::size_t uWindow = BusLimits::WINDOW_BYTES;  ///< unread bytes beyond which replies are held
+    std::size_t uHeldBytes = 0;                     ///< memory of its held replies
     std::list<BusHeldReply> held;
-    gint64 iLastSeen = 0;  ///< when it was last sent something, or found to be there
-    gint64 iProgress = 0;  ///< when it was last seen to read, or appeared
+    gint64 iLastSeen = 0;  ///< last reply sent to it, or last proof that it exists
+    gint64 iProgress = 0;  ///< last proof that it reads; at first its first reply
     gint64 iHeldSince = 0;
 
-    // What the flow control plans for it.
-    bool bAsked = false;  ///< a question about it is under way
+    // The next question about the caller.
+    bool bAsked = false;  ///< a question about it is open
     gint64 iAskedAt = 0;
     gint64 iAskAt = 0;
     gint64 iPause = 0;
-    // What has become of its replies since the first of them had to wait, and what the log knows.
+    // Counted since its first held reply, for the log.
     BusStory eStory = BusStory::NONE;
     std::string strUser;
     unsigned uHeldReplies = 0;
     unsigned uRefusedReplies = 0;
 };
 
-/// Holds no clock and sends nothing: every operation says what is to be done.
-/// Thread: one at a time; the caller sees to it.
+/// Pure bookkeeping: it has no clock and sends nothing.
+/// Thread: one at a time; the user of this class serialises the calls.
 class CBusLedger {
 public:
-    /// The caller's account, made at need.
+    /// @return the caller's account, created when there is none
     BusCaller& Of(const std::string& strName, gint64 iNow);
     /// @return null when there is none
     BusCaller* Find(const std::string& strName);
-    /// Forgets the caller and drops what waits for it. @return how many replies that were
+    /// Removes the caller and drops its held replies.
+    /// @return how many replies were dropped
     std::size_t Forget(const std::string& strName);
-    /// Forgets it if there is nothing to remember.
+    /// Removes the caller when it has nothing unread, held or asked.
     void ForgetIfSettled(BusCaller& tCaller);
-    /// The caller that was answered longest ago and may be forgotten, if more are remembered than
-    /// BusLimits::KEPT_CALLERS. Null otherwise.
+    /// @return the idle caller that was answered longest ago, when more than BusLimits::KEPT_CALLERS are
+    ///   remembered; null otherwise
     BusCaller* Superfluous();
 
-    /// May a reply of that size go out? Those that wait go first.
+    /// @return whether a reply of this size may be sent. Held replies of the caller go first.
     bool HasRoom(const BusCaller& tCaller, std::size_t uBytes) const;
-    /// Would it fit if the other callers had read everything? A reply larger than the window goes out
-    /// when nothing else is unread.
+    /// @return whether the reply would fit if the other callers had read everything. A reply larger than
+    ///   the window fits when the caller has nothing unread.
     bool FitsWindow(const BusCaller& tCaller, std::size_t uBytes) const;
     void Sent(BusCaller& tCaller, std::size_t uBytes, gint64 iNow);
-    /// So many bytes are not read, as is known now.
+    /// Sets the number of unread bytes, as it was found out.
     void SetUnread(BusCaller& tCaller, std::size_t uUnread, gint64 iNow);
 
     void Hold(BusCaller& tCaller, BusMessagePtr pMessage, std::size_t uBytes, gint64 iNow);
-    /// Takes the next waiting reply, counted as sent, when there is room for it. Null otherwise.
+    /// Takes the caller's next held reply and counts it as sent.
+    /// @return null when there is none, or no room for it
     BusMessagePtr TakeNext(BusCaller& tCaller, gint64 iNow);
-    /// More waits than the service keeps.
+    /// @return whether more bytes are held than BusLimits::HELD_BYTES
     bool HoldsTooMuch() const;
-    /// The waiting reply that is to become an error: the largest of those whose callers have made no
-    /// progress, or the largest of all. Null when none is worth it.
+    /// @return the held reply that is to be replaced by an error: the largest one of callers without
+    ///   progress, else the largest of all; null when all are too small
     BusHeldReply* ToBeRefused(gint64 iNow) const;
-    /// Puts another message in the place of a waiting one.
+    /// Replaces the message of a held reply.
     void Replace(BusHeldReply& tHeld, BusMessagePtr pMessage, std::size_t uBytes);
-    /// Drops the reply that was held last.
+    /// Drops the caller's newest held reply.
     void DropLast(BusCaller& tCaller);
 
     std::size_t Unread() const { return m_uUnread; }

@@ -1,4 +1,4 @@
-// BusMessage.cpp - what the flow control does with messages of the bus library.
+// BusMessage.cpp - helpers of the flow control for messages of the bus library.
 #include "BusMessage.h"
 
 namespace {

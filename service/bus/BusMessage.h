@@ -1,5 +1,5 @@
-// BusMessage.h - what the flow control does with messages of the bus library: owns them, weighs them,
-// makes errors in their place, reads answers to its own questions.
+// BusMessage.h - helpers of the flow control for messages of the bus library: ownership, size, errors in
+// place of replies, and answers to its own questions.
 #pragma once
 
 #include <gio/gio.h>
@@ -13,19 +13,18 @@ struct BusMessageUnref {
 };
 using BusMessagePtr = std::unique_ptr<GDBusMessage, BusMessageUnref>;
 
-/// Bytes of a message's body. Its parts need not be serialised for that.
+/// @return bytes of a message's body; the body is not serialised for that
 std::size_t BodyBytes(GDBusMessage* pMessage);
 
-/// An error of the bus's kind "LimitsExceeded" in place of an answer. It has the serial of the answer
-/// and goes to the same caller.
+/// Makes an error LimitsExceeded that replaces a reply: it has the reply's serial and destination.
 BusMessagePtr MakeRefusal(GDBusMessage* pReply, const char* szText);
 
-/// What came back for a question of the service's own.
+/// The answer to a question of the flow control.
 struct BusAnswer {
-    std::string strSender;  ///< who answered; empty where the message does not say
-    std::string strError;   ///< the error's name; empty when there is none
-    guint32 uValue = 0;     ///< the number, or "OutgoingBytes" of a dictionary
-    bool bValue = false;    ///< the answer has one
+    std::string strSender;  ///< sender of the answer; empty where the message has none
+    std::string strError;   ///< name of the error; empty when there is none
+    guint32 uValue = 0;     ///< the number, or the entry "OutgoingBytes" of a dictionary
+    bool bValue = false;    ///< the answer has a number
 };
 
 BusAnswer ReadAnswer(GDBusMessage* pMessage);

@@ -1,4 +1,4 @@
-// BusQuestions.cpp - the service's own questions that have no answer yet.
+// BusQuestions.cpp - the open questions of the flow control.
 #include "BusQuestions.h"
 
 #include "BusLimits.h"
@@ -35,7 +35,7 @@ std::optional<BusOpenQuestion> CBusQuestions::Take(guint32 uSerial, const std::s
     if (it == m_open.end()) {
         return std::nullopt;
     }
-    // The bus answers for a caller that is gone or may not be asked.
+    // The bus answers in place of a caller that has left or must not be asked.
     const bool bCaller = it->second.eKind == BusQuestion::PING && strSender == it->second.strName;
     if (!bCaller && strSender != BUS_NAME) {
         return std::nullopt;

@@ -1,4 +1,4 @@
-// BusQuestions.h - the service's own questions that have no answer yet.
+// BusQuestions.h - the open questions of the flow control.
 #pragma once
 
 #include "BusPort.h"
@@ -11,21 +11,21 @@
 struct BusOpenQuestion {
     BusQuestion eKind;
     std::string strName;      ///< the caller that it is about; empty for a proof
-    std::size_t uUnread = 0;  ///< what the caller had not read when it was asked
+    std::size_t uUnread = 0;  ///< bytes that the caller had not read when the question was sent
     gint64 iSince = 0;
 };
 
-/// Thread: one at a time; the caller sees to it.
+/// Thread: one at a time; the user of this class serialises the calls.
 class CBusQuestions {
 public:
     explicit CBusQuestions(CBusPort& oPort);
 
-    /// @return false when too many are under way, or when it cannot be sent
+    /// @return false when too many questions are open, or when it cannot be sent
     bool Ask(const BusOpenQuestion& tQuestion);
-    /// Takes the question that this is the answer to. Only who was asked may answer.
+    /// Takes the question that an answer with this serial belongs to. Only the one that was asked may answer.
     /// @return nullopt when there is none
     std::optional<BusOpenQuestion> Take(guint32 uSerial, const std::string& strSender);
-    /// When the oldest question to the bus was asked; 0 when none is under way.
+    /// @return when the oldest open question to the bus was sent; 0 when none is open
     gint64 OldestToBus() const;
     bool IsFull(BusQuestion eKind) const;
 

@@ -1,4 +1,4 @@
-// BusReport.cpp - the lines of the log about callers that are held back, refused or gone.
+// BusReport.cpp - the log's lines about callers that are held back or refused.
 #include "BusReport.h"
 
 #include "BillingLog.h"

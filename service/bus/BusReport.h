@@ -1,5 +1,5 @@
-// BusReport.h - what the log says of callers that are held back, refused or gone: at most so much of
-// it a minute, whatever they do.
+// BusReport.h - the log's lines about callers that are held back or refused. Their number within a
+// minute is bounded, whatever the callers do.
 #pragma once
 
 #include <glib.h>
@@ -10,32 +10,37 @@
 
 struct BusCaller;
 
-/// Thread: one at a time; the caller sees to it. Times are milliseconds of the port's clock.
+/// Thread: one at a time; the user of this class serialises the calls. Times: ms of the port's clock.
 class CBusReport {
 public:
-    /// May another story begin? If not, it is counted among those that are left out.
+    /// @return whether lines about another caller may begin; if not, the caller is counted as left out
     bool MayBegin(gint64 iNow);
 
     void HeldBack(const BusCaller& tCaller) const;
     void GoesOn(const BusCaller& tCaller) const;
     void HasLeft(const BusCaller& tCaller) const;
-    /// The bus does not say what is unread. @param szError how it refused
+    /// Logs that the bus does not tell what is unread, and that callers are asked instead.
+    /// @param szError the bus's error
     void AsksCallers(const char* szError) const;
-    /// Nobody says it.
+    /// Logs that callers cannot be asked either.
+    /// @param szError the error of the ping
     void AsksNobody(const char* szError) const;
     void BusIsSilent() const;
 
-    /// A call was refused. @param uBytes as of CBusFlow::RefusedCall @return true when whose the caller is has to be asked
+    /// Counts a refused call.
+    /// @param uBytes as for CBusFlow::RefusedCall
+    /// @return true when the bus has to be asked for the caller's user: a line waits for it
     bool RefusedCall(const std::string& strName, std::size_t uBytes, gint64 iNow);
-    /// Tells of the caller's refused calls, if that waits for it.
+    /// Logs the refused calls of a caller whose user has become known, if a line waits for it.
     void IsOf(const std::string& strName, const std::string& strUser);
-    /// Tells of those that are over. @return when to look again, 0 for never
+    /// Logs the refusals that have ended.
+    /// @return when to call again, 0 for never
     gint64 TellOver(gint64 iNow);
 
 private:
     struct Refused {
         std::string strUser;
-        std::size_t uBytes = 0;  ///< of the first one; 0: too many waited
+        std::size_t uBytes = 0;  ///< of the first refused call; 0: too many were queued
         unsigned uCalls = 0;
         gint64 iLast = 0;
         bool bTold = false;

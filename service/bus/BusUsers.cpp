@@ -1,4 +1,4 @@
-// BusUsers.cpp - the lines of the log about whose the callers are.
+// BusUsers.cpp - the log's lines about the users of callers.
 #include "BusUsers.h"
 
 #include "BillingLog.h"

@@ -1,4 +1,4 @@
-// BusUsers.h - whose the callers are, as the log tells it: a unique name says nothing once its owner has left the bus.
+// BusUsers.h - the user of each caller in the log: a unique name tells nothing once its owner has left the bus.
 #pragma once
 
 #include <glib.h>
@@ -8,14 +8,14 @@
 #include <string>
 #include <unordered_map>
 
-/// Thread: one at a time; the caller sees to it. Times are milliseconds of the port's clock.
+/// Thread: one at a time; the user of this class serialises the calls. Times: ms of the port's clock.
 class CBusUsers {
 public:
-    /// Has its user been asked for? At most BusLimits::TOLD_CALLERS are remembered.
+    /// @return whether the bus was asked for its user; at most BusLimits::TOLD_CALLERS are remembered
     bool Knows(const std::string& strName) const { return m_told.count(strName) != 0; }
-    /// Its user is being asked for.
+    /// Records that the bus is being asked for its user.
     void Asked(const std::string& strName);
-    /// Tells of a caller whose user was asked for: once, and at most BusLimits::TOLD_LINES of one user
+    /// Logs the user of a caller: once for each caller, and at most BusLimits::TOLD_LINES lines of one user
     /// within BusLimits::REPORT_PERIOD_MS.
     void IsOf(const std::string& strName, guint32 uUser, gint64 iNow);
 
@@ -28,7 +28,7 @@ private:
 
     bool MayTell(guint32 uUser, gint64 iNow);
 
-    std::unordered_map<std::string, bool> m_told;  // false: its user is not known yet
-    std::deque<std::string> m_order;               // of m_told, the oldest first
+    std::unordered_map<std::string, bool> m_told;  // true: its user is known
+    std::deque<std::string> m_order;               // keys of m_told, oldest first
     std::map<guint32, Lines> m_lines;
 };

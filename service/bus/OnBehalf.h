@@ -1,10 +1,10 @@
-// OnBehalf.h - on whose behalf a thread logs and adds transfers.
+// OnBehalf.h - marks log lines and transfers of a thread with the caller that they serve.
 #pragma once
 
 #include <platform/MZCurl.h>
 #include <platform/log.h>
 
-/// While it lives, the log and the requests of this thread are on a bus client's behalf.
+/// For its lifetime, log lines and new transfers of this thread carry a bus client's name.
 class COnBehalf {
 public:
     /// @param szSender the client's unique name; null for nobody

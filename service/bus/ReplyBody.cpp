@@ -1,4 +1,4 @@
-// ReplyBody.cpp - the body of a reply on its way to the bus.
+// ReplyBody.cpp - reply bodies that are handed to the bus library without a copy.
 #include "ReplyBody.h"
 
 #include <algorithm>
@@ -16,8 +16,8 @@ struct CountedText {
 
 using CountedTexts = std::list<CountedText>;
 
-// The bus library frees bodies on a thread of its own, at the end of the process as well: neither is
-// destroyed.
+// Neither is ever destroyed: the bus library frees bodies on a thread of its own, also while the process
+// exits.
 std::mutex& Lock()
 {
     static auto& lock = *new std::mutex;
@@ -39,7 +39,7 @@ CountedTexts::iterator Find(const void* pText)
 
 void Free(void* pText)
 {
-    CountedTexts freed;  // outside of the lock
+    CountedTexts freed;  // destroyed after the lock is released
     const std::lock_guard<std::mutex> oLock(Lock());
     freed.splice(freed.end(), Texts(), Find(pText));
 }
@@ -55,7 +55,7 @@ GVariant* MakeCountedBody(int iResult, std::string& strText, std::shared_ptr<voi
     try {
         made.resize(1);
     } catch (const std::bad_alloc&) {
-        return nullptr;  // called from C code, which lets none through
+        return nullptr;  // no exception may pass the C code of the caller
     }
     CountedText& tText = made.front();
     tText.strText = std::move(strText);
@@ -76,7 +76,7 @@ void StopCounting(GDBusMessage* pReply)
     if (pBody == nullptr || !g_variant_is_of_type(pBody, G_VARIANT_TYPE("(is)"))) {
         return;
     }
-    // Not g_variant_get, which copies the whole body for "&s".
+    // g_variant_get would copy the whole body for "&s".
     GVariant* pString = g_variant_get_child_value(pBody, 1);
     const void* pText = g_variant_get_data(pString);
     g_variant_unref(pString);

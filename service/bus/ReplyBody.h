@@ -1,4 +1,4 @@
-// ReplyBody.h - the body of a reply on its way to the bus.
+// ReplyBody.h - reply bodies that are handed to the bus library without a copy.
 #pragma once
 
 #include <gio/gio.h>
@@ -6,14 +6,14 @@
 #include <memory>
 #include <string>
 
-/// Makes the body "(is)" of a reply whose text is counted. The text is not copied, and freed with the
-/// body.
-/// @param[in,out] strText valid UTF-8 without NUL; emptied when it is taken
-/// @param[in,out] pCount counts the text among the large ones in memory, until the body is freed
-/// @return a floating reference; null when pCount is, or there is no memory: nothing is taken then
+/// Makes the body "(is)" of a reply whose text is counted. The text is moved, not copied, and freed with
+/// the body.
+/// @param[in,out] strText valid UTF-8 without NUL; empty after success
+/// @param[in,out] pCount the count of a large text in memory (CountBody); released with the body
+/// @return a floating reference; null when pCount is null or memory is short: nothing is moved then
 GVariant* MakeCountedBody(int iResult, std::string& strText,
                           std::shared_ptr<void>& pCount) noexcept;
 
-/// The reply waits for nobody knows how long, in the flow control, which has a bound of its own: its
-/// text is not counted any more. Thread: any
+/// Ends the counting of a reply's text: the flow control may hold the reply without a time limit, and
+/// has a limit of its own for held bytes. Thread: any.
 void StopCounting(GDBusMessage* pReply);
