@@ -1,9 +1,8 @@
-// BillingLog.h - every line that the service writes to the platform log is written through these
-// macros.
+// BillingLog.h - the macros through which the service writes every line of the platform log.
 //
-// A line is "<file>: <function>(<line>) > <text>". Debug opens and closes an operation, info is
-// progress, warning is the shutdown, error is a failure. Info and error texts carry a colour; the
-// _PLAIN forms are for the few that do not.
+// A line is "<file>: <function>(<line>) > <text>". Debug marks the beginning and the end of an operation,
+// info its progress, warning the shutdown, error a failure. Info and error texts are coloured, except
+// those of the _PLAIN forms.
 #pragma once
 
 #include <platform/log.h>
@@ -15,15 +14,15 @@
 #define BILLING_COLOUR_ERROR "\033[0;31m"
 #define BILLING_COLOUR_END "\033[0;m"
 
-/// Base name of a source file, suffix included. @param szPath as __FILE__ gives it; not null. The
-/// result points into it.
+/// @param szPath __FILE__; not null
+/// @return the file's name without its folder; points into szPath
 inline const char* BillingLogFile(const char* szPath)
 {
     const char* szSlash = std::strrchr(szPath, '/');
     return szSlash != nullptr ? szSlash + 1 : szPath;
 }
 
-// The _AS form names the operation: for code that several operations share.
+// The _AS forms take the name of the operation: for functions that several operations share.
 #define BILLING_LOG_AS(function, priority, format, ...)                                       \
     __dlog_print(priority, BILLING_LOG_TAG, "%s: %s(%d) > " format, BillingLogFile(__FILE__), \
                  function, __LINE__, ##__VA_ARGS__)
@@ -45,12 +44,11 @@ inline const char* BillingLogFile(const char* szPath)
 #define BILLING_ERROR(text, ...) BILLING_ERROR_AS(__func__, text, ##__VA_ARGS__)
 #define BILLING_ERROR_PLAIN(text, ...) BILLING_LOG_AS(__func__, DLOG_ERROR, text, ##__VA_ARGS__)
 
-/// Logs that the operation refuses to go on, with the condition as text: for a condition that
-/// cannot be written as code.
+/// Logs that the operation is refused, with a text for the condition: for conditions that cannot be
+/// written as code.
 #define BILLING_REFUSED(condition) BILLING_REFUSED_AS(__func__, condition)
 
-/// The precondition: if the condition holds, logs it as text and returns the value that follows, if
-/// any.
+/// Precondition: if the condition holds, logs its text and returns the value that follows, if any.
 #define BILLING_RETURN_IF(condition, ...)             \
     do {                                              \
         if (condition) {                              \

@@ -1,8 +1,8 @@
 // BillingOpenSsl.h - OpenSSL's headers, holders for its objects, and a guard for its error queue.
 #pragma once
 
-// The key store is reached through an RSA method. Version 3 still carries those calls out, but calls
-// them deprecated.
+// The key store signs through an RSA method. OpenSSL 3 still calls such methods, but marks their
+// functions as deprecated.
 #define OPENSSL_SUPPRESS_DEPRECATED
 
 #include <openssl/bio.h>
@@ -30,8 +30,8 @@ struct BillingOpenSslFree {
 template <typename T>
 using BillingOpenSslPtr = std::unique_ptr<T, BillingOpenSslFree>;
 
-/// What fails in its scope leaves nothing on the thread's error queue, where the next TLS call would
-/// take it for its own.
+/// Removes the errors of its scope from the thread's error queue, where the next TLS call would take
+/// them for its own.
 class CBillingOpenSslErrors {
 public:
     CBillingOpenSslErrors() { ERR_set_mark(); }

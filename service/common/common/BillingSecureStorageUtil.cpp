@@ -1,5 +1,5 @@
 // BillingSecureStorageUtil.cpp - named data, the device's certificate, and the key object that signs
-// in the key store. BillingSecureStorageUtilKey.cpp sees to it that the store has the key.
+// in the key store. BillingSecureStorageUtilKey.cpp puts the key into the key store.
 #include "BillingSecureStorageUtil.h"
 
 #include "BillingLog.h"
@@ -19,14 +19,14 @@ const void* Address(RsaPrivateOperation pfnOperation)
     return reinterpret_cast<const void*>(pfnOperation);
 }
 
-// The one method record of the process. It is never freed: a key may still be in use when main ends.
+// The process's only method record; never freed, since a key may still be in use when main ends.
 RSA_METHOD* MethodRecord(const RSA* pRsa)
 {
     static RSA_METHOD* const s_pRecord = RSA_meth_dup(RSA_get_method(pRsa));
     return s_pRecord;
 }
 
-// The store would take the part before it for the name.
+// The secure storage would take the part before the NUL for the name.
 bool HoldsNul(const std::string& strName)
 {
     return strName.find('\0') != std::string::npos;
@@ -127,7 +127,7 @@ void CBillingSecureStorageUtil::m_getDevCertAndPKey(std::shared_ptr<X509>& cert,
     BILLING_DEBUG("Get Public Key from DevCert");
     const BillingOpenSslPtr<EVP_PKEY> pPublicKey(X509_get_pubkey(cert.get()));
     if (pPublicKey == nullptr) {
-        return;  // no certificate: there is no key to take the RSA part of
+        return;  // without a certificate there is no public key
     }
     BillingOpenSslPtr<RSA> pRsa(EVP_PKEY_get1_RSA(pPublicKey.get()));
     if (pRsa == nullptr) {
@@ -136,7 +136,7 @@ void CBillingSecureStorageUtil::m_getDevCertAndPKey(std::shared_ptr<X509>& cert,
     BILLING_INFO("Public RSA");
     RSA_METHOD* pRecord = MethodRecord(pRsa.get());
     if (pRecord == nullptr) {
-        return;  // no memory: a key that would sign by itself is none of ours
+        return;  // without our method OpenSSL would sign with a private part that is not there
     }
     BILLING_INFO("Update default RSA methods {%s}, old=%p, new=%p", RSA_meth_get0_name(pRecord),
                  Address(RSA_meth_get_priv_enc(pRecord)), Address(rsa_private_encrypt));
@@ -159,8 +159,7 @@ int CBillingSecureStorageUtil::rsa_private_encrypt(int flen, const unsigned char
         return -1;
     }
     BILLING_INFO("Encrypt by KeyStore");
-    // The store does the bare operation, so the padding is ours, and always the one of a PKCS#1
-    // signature.
+    // The key store does the raw RSA operation only: the padding is added here, always PKCS#1 type 1.
     std::array<unsigned char, BILLING_KEY_BYTES> aPadded;
     if (RSA_padding_add_PKCS1_type_1(aPadded.data(), BILLING_KEY_BYTES, from, flen) != 1) {
         BILLING_ERROR("%d bytes cannot be padded for a signature", flen);
@@ -172,7 +171,7 @@ int CBillingSecureStorageUtil::rsa_private_encrypt(int flen, const unsigned char
         return -1;
     }
     const BillingStoreBuffer pOwner(pBlock);
-    // A certificate of a shorter key leaves less room than the store's key fills.
+    // The certificate's key may be shorter than the key in the store: the caller's buffer is then smaller.
     const int iRoom =
         rsa != nullptr ? std::min(RSA_size(rsa), BILLING_KEY_BYTES) : BILLING_KEY_BYTES;
     if (uBlockSize > static_cast<size_t>(iRoom)) {

@@ -1,5 +1,5 @@
-// BillingSecureStorageUtil.h - the service's one gateway to secure storage and key store: named
-// data, and the device's certificate with the private key that never leaves the store.
+// BillingSecureStorageUtil.h - the service's access to secure storage and key store: named data, and the
+// device's certificate with the private key that never leaves the key store.
 #pragma once
 
 #include "BillingOpenSsl.h"
@@ -11,39 +11,44 @@
 #include <memory>
 #include <string>
 
-/// Held by CBillingSingleton<CBillingSecureStorageUtil>. Thread: named data any; the certificate and
-/// the key one, the worker; rsa_private_encrypt any.
+/// Held by CBillingSingleton<CBillingSecureStorageUtil>. Thread: named data and rsa_private_encrypt any;
+/// certificate and key only the connector's worker.
 class CBillingSecureStorageUtil {
 public:
-    /// Makes the credential and sees to the device's key in the key store; may take seconds on a
-    /// slow token. What is missing is logged, and shows as a failed handshake.
+    /// Makes the credential, and verifies or stores the device's key in the key store; may take seconds with
+    /// a slow token. Failures are logged only; a missing key later makes TLS handshakes fail.
     CBillingSecureStorageUtil();
     /// Releases the cached certificate and key.
     ~CBillingSecureStorageUtil() = default;
     CBillingSecureStorageUtil(const CBillingSecureStorageUtil&) = delete;
     CBillingSecureStorageUtil& operator=(const CBillingSecureStorageUtil&) = delete;
 
-    /// Reads named data. A name that holds a NUL is refused, here and below.
-    /// @param[out] strData as it was when there is none @return false when the
-    /// store refused
+    /// Reads named data. This and the two below refuse a name that contains a NUL.
+    /// @param[out] strData unchanged when there is no data
+    /// @return false when the secure storage refused
     bool SecureRead(const std::string& strName, std::string& strData);
-    /// Replaces named data. @return false when the store refused; the name is then deleted
+    /// Replaces named data.
+    /// @return false when the secure storage refused; the old data are deleted then
     bool SecureWrite(const std::string& strName, const std::string& strData);
-    /// Deletes named data. @return false when the store refused
+    /// Deletes named data.
+    /// @return false when the secure storage refused
     bool SecureClear(const std::string& strName);
 
-    /// The device's certificate, and a key that has its public part and signs in the key store.
-    /// Each is empty when there is none; both are shared with the cache, and made again as long as
-    /// one is missing.
+    /// Hands out the device's certificate, and a key with its public part that signs in the key store.
+    /// Both are shared with a cache; as long as one of them is missing, both are made again.
+    /// @param[out] cert empty when there is none
+    /// @param[out] key empty when there is none
     void getDevCertAndPKey(std::shared_ptr<X509>& cert, std::shared_ptr<RSA>& key);
 
-    /// The private operation of that key, for OpenSSL: pads flen bytes (PKCS#1 type 1, whatever the
-    /// padding code) and has the key store work on the block. @param to takes RSA_size(rsa) bytes
-    /// @return the bytes written, -1 when the key store did not do it, 0 without an instance
+    /// OpenSSL's private operation of that key: pads the bytes (PKCS#1 type 1, whatever the padding code)
+    /// and has the key store sign the block.
+    /// @param to room for RSA_size(rsa) bytes
+    /// @return bytes written; -1 when the key store failed; 0 without an instance of this class
     static int rsa_private_encrypt(int flen, const unsigned char* from, unsigned char* to, RSA* rsa,
                                    int padding);
 
-    /// The key is seen to by the constructor. @return true
+    /// Does nothing: the constructor has stored the key.
+    /// @return true
     bool SecureStore_rsa_key();
 
 private:
@@ -61,17 +66,18 @@ private:
     std::shared_ptr<RSA> m_pDevKey;
 };
 
-/// The device's certificate file.
+/// Path of the device's certificate.
 inline constexpr char BILLING_DEVICE_CERTIFICATE[] =
     "/usr/apps/org.plevo.billing-api/res/certificate/bgclient.crt";
-/// Opens it. @return null when it cannot be opened, or might have no end, as a pipe: the thread of all
-/// transfers would wait for that
+/// Opens the device's certificate.
+/// @return null when the file cannot be opened or may have no end, such as a pipe: reading that would
+///   block the thread of all transfers
 BillingOpenSslPtr<BIO> OpenDeviceCertificate();
-/// Bytes of the device's key, and of a block that it works on.
+/// Bytes of the device's key, and of the blocks that it signs.
 inline constexpr int BILLING_KEY_BYTES = 256;
 
 struct BillingStoreFree {
     void operator()(unsigned char* pBuffer) const { ss_free_buffer(pBuffer); }
 };
-/// Owns a buffer of the store's.
+/// Owns a buffer of the secure storage.
 using BillingStoreBuffer = std::unique_ptr<unsigned char, BillingStoreFree>;

@@ -1,10 +1,10 @@
-// BillingSecureStorageUtilKey.cpp - the device's key in the key store: found, held against the
-// device's certificate, and stored from the device's sealed key material where it is missing.
+// BillingSecureStorageUtilKey.cpp - the device's key in the key store: verified against the device's
+// certificate, and stored from the device's sealed key material when it is missing.
 //
-//   valid                     nothing more to do
-//   absent, or not the        stored, where the device carries key material, and verified again
-//   certificate's
-//   cannot be told            left alone, the id stays: a token that comes back works at once
+//   valid                      nothing to do
+//   absent, or another key     stored, if the device has key material, and verified again
+//   than the certificate's
+//   cannot be determined       unchanged, the key's id is kept: it works once the token is back
 #include "BillingLog.h"
 #include "BillingSecureStorageUtil.h"
 
@@ -20,7 +20,7 @@ namespace {
 using Block = std::array<unsigned char, BILLING_KEY_BYTES>;
 
 constexpr int KEY_PART_BYTES = BILLING_KEY_BYTES + 1;
-// The steps below are one operation in the log.
+// The functions below log under one name, as one operation.
 constexpr const char* OPERATION = "CBillingSecureStorageUtil";
 
 struct ContainerDestroy {
@@ -35,7 +35,7 @@ struct HeapFree {
     void operator()(unsigned char* pBytes) const { std::free(pBytes); }
 };
 
-// The parts of the private key, deciphered. They do not outlive their scope.
+// The decrypted parts of the private key, erased at the end of the scope.
 struct KeyParts {
     KeyParts() = default;
     ~KeyParts()
@@ -50,7 +50,7 @@ struct KeyParts {
     std::array<unsigned char, KEY_PART_BYTES> aSecond{};
 };
 
-// The public key that the store's key must belong to.
+// The certificate's public key, which the key in the store has to match.
 struct PublicKey {
     Block aModulus{};
     Block aExponent{};
@@ -77,7 +77,7 @@ bool ReadPublicKey(PublicKey& tKey)
     return BN_bn2bin(pModulus, tKey.aModulus.data()) == BILLING_KEY_BYTES;
 }
 
-// A container with the certificate's public key. Null when there is none; the log says why.
+// @return a container with the certificate's public key; null, with a line in the log, when there is none
 ContainerPtr ReferenceContainer()
 {
     PublicKey tKey;
@@ -99,7 +99,7 @@ ContainerPtr ReferenceContainer()
     return pContainer;
 }
 
-// What the key is tried on: any text will do, padded as a signature is, for the tokens that look.
+// Makes the block for a test signature: any text, with signature padding, which some tokens check.
 bool TestBlock(Block& aBlock)
 {
     constexpr unsigned char TEXT[] = "billing service, verification of the device key";
@@ -111,7 +111,7 @@ bool TestBlock(Block& aBlock)
 CBillingSecureStorageUtil::CBillingSecureStorageUtil()
     : m_tCredential{}, m_iStorageFlags(33), m_iKeyId(0)
 {
-    // Without an identity the zeros own nothing, and the store says so.
+    // The credential stays zero when the platform has none: secure storage then refuses each access.
     std::uint32_t aWords[5] = {};
     deployment_get_credential(aWords);
     ss_init_credential(&m_tCredential, aWords[0], aWords[1], aWords[2], aWords[3], aWords[4], 1, 0);
@@ -124,7 +124,7 @@ void CBillingSecureStorageUtil::m_PrepareDevKey()
     const CBillingOpenSslErrors oErrors;
     const KeyState eState = m_VerifyKey();
     const bool bMissing = eState == KeyState::Absent || eState == KeyState::Invalid;
-    // A key stored under no known id would not be found again, and each start would leave another.
+    // No id, no key: a key under an unknown id is never found again, and each start would add another.
     if (bMissing && m_iKeyId != 0 && m_StoreKey()) {
         m_VerifyKey();
     }
@@ -180,7 +180,7 @@ bool CBillingSecureStorageUtil::m_StoreKey()
     unsigned char* pMaterial = nullptr;
     size_t uMaterialSize = 0;
     if (deployment_get_key_material(&pMaterial, &uMaterialSize) != 0) {
-        return false;  // the key is made inside the store, and only there
+        return false;  // no key material: the key was generated inside the key store
     }
     const std::unique_ptr<unsigned char, HeapFree> pOwner(pMaterial);
     const ContainerPtr pContainer = ReferenceContainer();

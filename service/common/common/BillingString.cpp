@@ -1,4 +1,4 @@
-// BillingString.cpp - each function: the guard, then the C call.
+// BillingString.cpp - each function checks its pointers and then makes the C call.
 #include "BillingString.h"
 
 #include "BillingLog.h"
@@ -81,7 +81,7 @@ int BillingString::Snprintf(char* str, int size, const char* format, ...)
     BILLING_RETURN_IF(str == NULL, 0);
     va_list arguments;
     va_start(arguments, format);
-    // A negative size would be taken for an endless buffer.
+    // A negative size would convert to a huge unsigned one.
     const auto uSize = static_cast<std::size_t>(std::max(size, 0));
     const int iLength = std::vsnprintf(str, uSize, format, arguments);
     va_end(arguments);

@@ -1,11 +1,10 @@
-// BillingString.h - the C memory and string calls behind a guard: a null pointer is logged and
-// survived.
+// BillingString.h - C memory and string functions that accept null pointers: they log an error then.
 #pragma once
 
 #include <string>
 
-/// Every function looks at its pointers first, destination before source. A null one is logged as
-/// an error, and the C call is not made. Thread: any.
+/// Every function checks its pointers first, destination before source. For a null pointer it logs an
+/// error and does not make the C call. Thread: any.
 class BillingMem {
 public:
     BillingMem() = delete;
@@ -14,33 +13,34 @@ public:
     /// @return as memcmp; 0, as for equal bytes, when a pointer is null
     static int Diff(const void* dest, const void* source, unsigned long n);
     static void Copy(void* dest, const void* source, unsigned long n);
-    /// The two may overlap.
+    /// Copies n bytes; the two ranges may overlap.
     static void Move(void* dest, const void* source, unsigned long n);
 };
 
-/// The same for texts that end in NUL.
+/// The same for texts that end with NUL.
 class BillingString {
 public:
     BillingString() = delete;
 
     /// Appends at most n characters and a NUL.
     static void Concate(char* dest, const char* source, unsigned long n);
-    /// Does dest start with source? @return 0 when it does, and when a pointer is null; else as
-    /// strncmp
+    /// Compares the beginning of dest with source.
+    /// @return 0 when dest starts with source or a pointer is null; else as strncmp
     static int Diff(const char* dest, const char* source);
-    /// Compares at most n characters. @return as strncmp; 0 when a pointer is null
+    /// Compares at most n characters.
+    /// @return as strncmp; 0 when a pointer is null
     static int Diff(const char* dest, const char* source, unsigned long n);
-    /// Writes n bytes, NUL bytes behind a shorter source; a longer one is cut and gets no NUL.
+    /// Copies as strncpy: pads a shorter source with NUL bytes, cuts a longer one without a final NUL.
     static void Copy(char* dest, const char* source, unsigned long n);
-    /// @return 0 for null
+    /// @return length in bytes; 0 for null
     static unsigned long Length(const char* str);
-    /// @return the first c in the text, null when there is none
+    /// @return the first c in the text; null when there is none
     static const char* Char(const char* str, char c);
-    /// Prints into size bytes, the NUL included; a size below 1 writes nothing.
-    /// @return the length that the whole text has, negative when the format failed, 0 for null
+    /// Prints into a buffer of size bytes, including the NUL; a size below 1 writes nothing.
+    /// @return length of the whole text, also when it was cut; negative when the format failed; 0 for null
     static int Snprintf(char* str, int size, const char* format, ...)
         __attribute__((format(printf, 3, 4)));
-    /// Decimal numbers, read up to the first other character and bounded by the type; 0 for null.
+    /// Converts a decimal number up to the first other character, limited to the type's range; 0 for null.
     static long Integer(const char* str);
     static unsigned long UlInteger(const char* str);
     static std::string IntegerToString(int i);

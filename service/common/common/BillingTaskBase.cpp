@@ -1,5 +1,5 @@
-// BillingTaskBase.cpp - sync objects, the main loop, threads and event tasks. Each lock and each
-// order of steps here is part of the hand-over between threads.
+// BillingTaskBase.cpp - sync objects, the main loop, threads and event tasks. The hand-over between
+// threads depends on each lock and on the order of the steps.
 #include "BillingTaskBase.h"
 
 #include <sys/time.h>
@@ -10,17 +10,17 @@
 
 namespace {
 
-/// Guards every CBillingSync of the process.
+/// Guards all CBillingSync objects of the process.
 pthread_mutex_t g_tSyncLock = PTHREAD_MUTEX_INITIALIZER;
-/// One thread is created at a time.
+/// Allows the creation of one thread at a time.
 pthread_mutex_t g_tThreadLock = PTHREAD_MUTEX_INITIALIZER;
 
 constexpr unsigned long WAIT_FOREVER = 0xFFFFFFFF;
 constexpr unsigned long TASK_STACK_SIZE = 0x20000;
 constexpr unsigned long HANDSHAKE_MS = 1000;
 
-/// The wall clock ulMs milliseconds from now. One second may stand as 1000000 microseconds: the
-/// wait refuses it and the caller's loop asks the clock again.
+/// @return the wall-clock time in ulMs milliseconds. tv_nsec may be a whole second: the timed wait refuses
+///   it, and its loop computes the time again.
 timespec DeadlineIn(unsigned long ulMs)
 {
     timeval tNow{};
@@ -71,7 +71,7 @@ void CBillingSync::Give()
     const CBillingAutoLock oLock(&g_tSyncLock);
     BILLING_RETURN_IF(!FlagCreate());
     ++m_iCount;
-    // Under the lock: whoever is woken may delete this object as soon as the lock is free.
+    // Signalled under the lock: the woken thread may delete this object as soon as the lock is free.
     pthread_cond_signal(&m_tCond);
 }
 
@@ -106,7 +106,7 @@ bool CBillingMainLoop::Create(bool bDefaultContext)
         m_pContext = g_main_context_new();
         if (m_pContext == nullptr)
             return false;
-        // The first thing that the loop will dispatch.
+        // The first source that the loop dispatches.
         g_main_context_invoke_full(m_pContext, G_PRIORITY_HIGH, UnLock, this, nullptr);
     }
     m_pLoop = g_main_loop_new(m_pContext, FALSE);
@@ -127,8 +127,8 @@ void CBillingMainLoop::MainLoopRun()
     }
     m_bLocked = true;
     if (m_pContext == nullptr) {
-        // Not invoked: on a context that this thread may run, GLib would call it here and now, and
-        // a Destory() could come before the loop runs.
+        // Attached, not invoked: this thread may own the default context, and g_main_context_invoke would
+        // then call UnLock at once, so that Destory() could run before the loop does.
         GSource* const pSource = g_idle_source_new();
         g_source_set_priority(pSource, G_PRIORITY_HIGH);
         g_source_set_callback(pSource, UnLock, this, nullptr);
@@ -219,7 +219,7 @@ void* CBillingThreadBase::Main(void* arg)
     auto* const pThread = static_cast<CBillingThreadBase*>(arg);
     pThread->m_tSync[0].Take();
     pThread->t_Main();
-    // The last touch: the owner may delete the object from now on.
+    // The last access to the object: from here on its owner may delete it.
     pThread->m_tSync[1].Give();
     return nullptr;
 }
@@ -238,7 +238,7 @@ bool CBillingTaskBase::Create()
     pthread_mutex_init(&m_tEventMutex, nullptr);
     if (!m_oMainLoop.Create(false))
         return false;
-    // Before there is a thread: the first event that it handles may be the quit.
+    // Reset before the thread exists: its first event may be the quit event.
     m_bQuit = false;
     if (CBillingThreadBase::Create(TASK_STACK_SIZE))
         return true;
@@ -260,7 +260,7 @@ void CBillingTaskBase::PutEvent(PTEvent* e)
 {
     const CBillingAutoLock oLock(&m_tEventMutex);
     if (e->sync != nullptr && !FlagCreate()) {
-        // Came after the last Destroy() has discarded the queue: nobody would ever give it.
+        // Destroy() has emptied the queue already: nothing else would ever signal this sync.
         e->sync->Give();
         return;
     }
@@ -292,7 +292,7 @@ bool CBillingTaskBase::PopFrontEvent(PTEvent& e)
 {
     const CBillingAutoLock oLock(&m_tEventMutex);
     if (m_dqEvents.empty()) {
-        // Under the same lock as the test: an event that is posted right after is scheduled again.
+        // Set under the lock of the test: the next PutEvent schedules HandleEvent again.
         m_bIdle = true;
         return false;
     }
@@ -329,7 +329,7 @@ bool CBillingTaskBase::t_OnEvent(PTEvent* e)
     auto* const pSyncs = static_cast<CBillingSync*>(e->param);
     pSyncs[0].Give();
     const bool ret = pSyncs[1].SyncTry(HANDSHAKE_MS);
-    // Not answered in time: the other side still holds the array, and keeps it.
+    // Not answered in time: the other side still uses the array, and becomes its owner.
     BILLING_RETURN_IF(!ret, false);
     pSyncs[0].Destroy();
     pSyncs[1].Destroy();

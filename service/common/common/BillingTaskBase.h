@@ -1,5 +1,5 @@
-// BillingTaskBase.h - the task framework: scoped locks, counting sync objects, the singletons'
-// holder, a GLib main loop, threads, and event tasks made of the last two.
+// BillingTaskBase.h - the task framework: scoped locks, counting sync objects, the holder of singletons,
+// a GLib main loop, threads, and event tasks that combine the last two.
 #pragma once
 
 #include "BillingLog.h"
@@ -13,16 +13,17 @@
 #include <new>
 #include <vector>
 
-/// Holds a mutex for the life of a scope.
+/// Holds a mutex for the lifetime of a scope.
 class CBillingAutoLock {
 public:
-    /// Locks. @param mutex outlives this object; a null one is logged and not locked
+    /// Locks the mutex.
+    /// @param mutex outlives this object; a null one is logged and not locked
     explicit CBillingAutoLock(pthread_mutex_t* mutex) : m_pMutex(mutex)
     {
         BILLING_RETURN_IF(mutex == NULL);
         pthread_mutex_lock(mutex);
     }
-    /// Unlocks, with no second look at the pointer.
+    /// Unlocks, without checking for null.
     virtual ~CBillingAutoLock() { pthread_mutex_unlock(m_pMutex); }
     CBillingAutoLock(const CBillingAutoLock&) = delete;
     CBillingAutoLock& operator=(const CBillingAutoLock&) = delete;
@@ -31,28 +32,28 @@ private:
     pthread_mutex_t* m_pMutex;
 };
 
-/// Counts signals: each Give lets one Take pass, also when it came first. Thread: any for all of
-/// it; one mutex serves all objects of the process.
+/// A counting semaphore: each Give lets one Take pass, earlier or later. Thread: any for all functions;
+/// one mutex serves all objects of the process.
 class CBillingSync {
 public:
     CBillingSync() = default;
-    /// Logs an object that was not destroyed; its condition variable is left alone.
+    /// Logs an object that was not destroyed, and leaves its condition variable as it is.
     virtual ~CBillingSync() { BILLING_RETURN_IF(FlagCreate() != false); }
     CBillingSync(const CBillingSync&) = delete;
     CBillingSync& operator=(const CBillingSync&) = delete;
 
-    /// @return false when it was created before
+    /// @return false when it is created already
     bool Create();
-    /// Forgets the signals that nobody took. Nobody may be waiting.
+    /// Discards the signals that were not taken. Precondition: no thread waits.
     void Destroy();
     /// Waits for a signal and takes it. Returns at once when not created.
     void Take();
-    /// Wakes one waiter, or lets the next one pass.
+    /// Adds a signal: wakes one waiting thread, or lets the next Take pass.
     void Give();
-    /// Waits at most ulMs milliseconds; 0 asks only, 0xFFFFFFFF waits as Take does. A wake-up
-    /// without a signal starts a full interval again.
-    /// @return whether a signal was taken (true as well when there is nothing to wait for: not
-    /// created, and 0xFFFFFFFF); false when the time is over, or when not created
+    /// Waits for a signal and takes it. A wake-up without a signal starts the full interval again.
+    /// @param ulMs longest wait in milliseconds; 0 does not wait, 0xFFFFFFFF waits as Take does
+    /// @return whether a signal was taken. 0xFFFFFFFF returns true also for an object that is not created;
+    ///   any other interval returns false for it.
     bool SyncTry(unsigned long ulMs);
 
     bool FlagCreate() const { return m_bCreate; }
@@ -63,8 +64,7 @@ private:
     std::int32_t m_iCount = 0;
 };
 
-/// The one instance of a T. Who needs it makes it, or reads it, or deletes and clears it, under the
-/// lock, which is held for nothing else.
+/// The single instance of a T. The lock is held only to create, read or delete it.
 template <typename T>
 class CBillingSingleton {
 public:
@@ -72,8 +72,8 @@ public:
     inline static pthread_mutex_t m_tSingletonLock = PTHREAD_MUTEX_INITIALIZER;
 };
 
-/// Gets the one T, making it on first use. The constructor runs under the lock.
-/// @return null when there is no memory for it. Thread: any
+/// Returns the single T, created at the first call. The constructor runs under the lock.
+/// @return null when there is no memory. Thread: any
 template <typename T>
 T* BillingInstance()
 {
@@ -84,7 +84,7 @@ T* BillingInstance()
     return CBillingSingleton<T>::m_pObj;
 }
 
-/// Deletes the one T, where there is one. Thread: any, when nobody uses the instance any more
+/// Deletes the single T, if there is one. Thread: any. Precondition: no thread uses the instance.
 template <typename T>
 void BillingDeleteInstance()
 {
@@ -93,52 +93,53 @@ void BillingDeleteInstance()
     CBillingSingleton<T>::m_pObj = nullptr;
 }
 
-/// A GLib main loop that other threads may hand work to.
+/// A GLib main loop to which other threads hand work.
 ///
-/// The mutex is held from the moment the loop is about to run until it dispatches, so whoever calls
-/// in between waits for a loop that runs. Thread: one runs the loop and all callbacks; everything
-/// else any.
+/// The mutex is held from just before the loop runs until its first dispatch: a call in between waits
+/// until the loop runs. Thread: the loop and all callbacks one; everything else any.
 class CBillingMainLoop {
 public:
     CBillingMainLoop() = default;
-    /// Logs a loop that was not destroyed; it is left alone.
+    /// Logs a loop that was not destroyed, and leaves it as it is.
     virtual ~CBillingMainLoop() { BILLING_RETURN_IF(FlagCreate() != false); }
     CBillingMainLoop(const CBillingMainLoop&) = delete;
     CBillingMainLoop& operator=(const CBillingMainLoop&) = delete;
 
-    /// Makes the loop, on GLib's default context or on one of its own; nothing runs yet.
-    /// @return false when it was created before, or GLib has none to give
+    /// Makes the loop on GLib's default context or on a context of its own; nothing runs yet.
+    /// @return false when it is created already, or GLib fails
     bool Create(bool bDefaultContext);
-    /// Quits the loop and lets go of everything; Create may follow.
+    /// Quits the loop and releases everything; Create may be called again.
     virtual void Destory();
 
     /// Runs the loop on the calling thread until Destory(). Returns at once when not created.
     void MainLoopRun();
-    /// Runs func(data) once on the loop's thread: at once for a caller that is this thread. Nothing
-    /// happens when not created.
+    /// Runs func(data) once on the loop's thread; immediately when called from that thread. Does nothing
+    /// when not created.
     void MainContextInvoke(GSourceFunc func, gpointer data);
-    /// Calls func(data) every uiInterval milliseconds for as long as it returns TRUE.
+    /// Calls func(data) every uiInterval milliseconds as long as it returns TRUE.
     /// @return the source, for DeleteSource(); null when not created
     GSource* AddTimeoutSource(unsigned int uiInterval, GSourceFunc func, gpointer data);
-    /// Lets go of a source; one that was not added here is ignored. It keeps firing until its
+    /// Releases a source of AddTimeoutSource(); any other is ignored. The source stays active until its
     /// callback returns FALSE.
     void DeleteSource(GSource* source);
 
     bool FlagCreate() const { return m_bCreate; }
 
-    /// The loop's first dispatch: ends the start-up. @param data the wrapper. @return FALSE
+    /// First dispatch of the loop: releases the mutex.
+    /// @param data the CBillingMainLoop
+    /// @return FALSE
     static gboolean UnLock(gpointer data);
 
 private:
     std::atomic<bool> m_bCreate{false};
     pthread_mutex_t m_tMutex = PTHREAD_MUTEX_INITIALIZER;
-    GMainContext* m_pContext = nullptr;  // null: the default one
+    GMainContext* m_pContext = nullptr;  // null: the default context
     GMainLoop* m_pLoop = nullptr;
-    std::vector<GSource*> m_vecSources;  // holds one reference to each
+    std::vector<GSource*> m_vecSources;  // one reference to each
     bool m_bLocked = false;              // MainLoopRun holds m_tMutex until UnLock
 };
 
-/// A thread that runs one body. Order of calls: Create, the body is made to return, Destroy.
+/// A thread that runs one function. Calling order: Create, t_Main is made to return, Destroy.
 class CBillingThreadBase {
 public:
     CBillingThreadBase() = default;
@@ -146,60 +147,64 @@ public:
     CBillingThreadBase(const CBillingThreadBase&) = delete;
     CBillingThreadBase& operator=(const CBillingThreadBase&) = delete;
 
-    /// Starts the thread. @return false when it was created before or cannot be started
+    /// Starts the thread.
+    /// @param ulStackSize bytes
+    /// @return false when it is created already or cannot be started
     bool Create(unsigned long ulStackSize);
-    /// Waits until the body has returned.
+    /// Waits until t_Main has returned.
     virtual void Destroy();
-    /// The body. Thread: the new one.
+    /// The thread's function. Thread: the new one.
     virtual void t_Main() = 0;
 
     bool FlagCreate() const { return m_tSync[0].FlagCreate(); }
 
-    /// The thread's entry. @param arg the object
+    /// Entry point of the thread.
+    /// @param arg the object
     static void* Main(void* arg);
 
 protected:
     pthread_t m_tThread{};
-    CBillingSync m_tSync[2];  // the start gate, the end signal
+    CBillingSync m_tSync[2];  // [0] start signal, [1] end signal
 };
 
 class CBillingTaskBase;
 
-/// What an event asks for, in the base class.
+/// Events of the base class.
 enum BILLING_EVENT_ID : std::int32_t {
     BILLING_EVENT_QUIT = 0,
-    BILLING_EVENT_HANDSHAKE = 1,  ///< param: a new[] array of two CBillingSync, both created
+    BILLING_EVENT_HANDSHAKE = 1,  ///< param: a new[] array of two created CBillingSync
 };
 
-/// One event; the queue holds a copy.
+/// An event; the queue holds a copy.
 struct PTEvent {
-    std::int32_t id = 0;  ///< BILLING_EVENT_ID, or a number of a subclass's own
+    std::int32_t id = 0;  ///< BILLING_EVENT_ID, or a number defined by a subclass
     CBillingTaskBase* receiver = nullptr;
-    CBillingSync* sync = nullptr;  ///< filled by Send: given when the event has been handled
-    void* param = nullptr;         ///< owned as the id says
+    CBillingSync* sync = nullptr;  ///< set by Send: signalled when the event has been handled
+    void* param = nullptr;         ///< ownership depends on the id
     std::uint32_t param2 = 0;
 };
 
-/// A thread that handles events, one after the other, on a main loop of its own. Order of calls:
-/// Create, events, the quit event, Destroy. Thread: the hooks run on the task's own thread;
-/// PutEvent and Send any; the rest the owner's.
+/// A thread that handles events one by one on a main loop of its own. Calling order: Create, events, the
+/// quit event, Destroy. Thread: the virtual functions run on the task's thread; PutEvent and Send any; the
+/// rest the owner's.
 class CBillingTaskBase : public CBillingThreadBase {
 public:
     CBillingTaskBase() = default;
     /// Logs a task that was not destroyed.
     ~CBillingTaskBase() override { BILLING_RETURN_IF(FlagCreate() == true); }
 
-    /// Starts the task. @return false when it was created before or cannot be started
+    /// Starts the task.
+    /// @return false when it is created already or cannot be started
     bool Create();
-    /// Waits for the end of the thread, which the quit event brings, and discards the events that
-    /// came behind it; who waits for one of them in Send is released.
+    /// Waits for the thread, which the quit event ends. Discards the events behind the quit event, and
+    /// releases the callers of Send that wait for them.
     void Destroy() override;
     void t_Main() override;
-    /// Handles an event; a subclass passes the ids that are not its own on to here.
-    /// @return whether it was handled
+    /// Handles an event; a subclass hands ids that it does not know to this function.
+    /// @return whether the event was handled
     virtual bool t_OnEvent(PTEvent* e);
-    /// Called first and last on the thread. @return false from t_Create ends the thread at once,
-    /// without t_Destroy
+    /// First function called on the thread.
+    /// @return false ends the thread at once, without t_Destroy
     virtual bool t_Create()
     {
         BILLING_RETURN_IF(FlagCreate() != true, false);
@@ -211,20 +216,23 @@ public:
         return true;
     }
 
-    /// Queues a copy of *e. The caller keeps *e. With a sync, and nobody to handle it any more, it is
-    /// given at once.
+    /// Queues a copy of *e; the caller keeps *e. The event's sync is signalled at once when the task is
+    /// destroyed already.
     void PutEvent(PTEvent* e);
-    /// Queues a copy of *e at e->receiver, which may be another task. bSync: returns when it has
-    /// been handled, or discarded; from the receiver's own thread, at once.
+    /// Queues a copy of *e at e->receiver, which may be another task.
+    /// @param bSync true: returns when the event was handled or discarded; immediately on the receiver's
+    ///   own thread
     void Send(PTEvent* e, bool bSync);
-    /// Takes the first event. @return false when there is none; the next PutEvent then schedules
-    /// HandleEvent again
+    /// Takes the first event.
+    /// @return false when the queue is empty; the next PutEvent then schedules HandleEvent again
     bool PopFrontEvent(PTEvent& e);
-    /// Handles what is queued; scheduled on the loop. @param pUser the task. @return FALSE
+    /// Handles the queued events; runs on the loop.
+    /// @param pUser the task
+    /// @return FALSE
     static gboolean HandleEvent(void* pUser);
 
 private:
-    bool m_bIdle = true;  // no HandleEvent is scheduled; guarded by m_tEventMutex
+    bool m_bIdle = true;  // HandleEvent is not scheduled; guarded by m_tEventMutex
     CBillingMainLoop m_oMainLoop;
     pthread_mutex_t m_tEventMutex = PTHREAD_MUTEX_INITIALIZER;
     std::deque<PTEvent> m_dqEvents;

@@ -1,4 +1,4 @@
-// BillingTime.cpp - each reading asks the clock at the moment of the call.
+// BillingTime.cpp - each function reads the clock when it is called.
 #include "BillingTime.h"
 
 #include "BillingLog.h"
@@ -19,7 +19,7 @@ constexpr const char* KEY_SET_TIME = "memory/menu/network/set_time";
 constexpr long long SECONDS_OF_A_DAY = 86400;
 constexpr int DATE_BYTES = 512;
 
-/// The nearest time that the type can hold: with 32 bits they end in 2038.
+/// @return the nearest time that time_t can hold; a 32-bit time_t ends in 2038
 time_t Bounded(long long llTime)
 {
     using Limits = std::numeric_limits<time_t>;
@@ -36,7 +36,7 @@ int CBillingTime::GetTimeVconf(int* ptvalue)
     }
     int iValue = 0;
     if (vconf_get_int(KEY_SET_TIME, &iValue) != 0) {
-        // The number is the address of the key's text, as much of it as an int holds.
+        // The logged number is the address of the key's text, cut to an int.
         BILLING_ERROR("Failed to get vconf value key=(%d)",
                       static_cast<int>(reinterpret_cast<std::intptr_t>(KEY_SET_TIME)));
         return -1;
@@ -111,8 +111,7 @@ std::string CBillingTime::GetDuringTime(long long llStart)
     if (llNow == -1) {
         return "";
     }
-    // A start far before 1970 is further away than the type can say: the count wraps, as the
-    // processor's does.
+    // Unsigned arithmetic: the difference to a start far before 1970 may overflow, and wraps then.
     const auto llElapsed = static_cast<long long>(static_cast<unsigned long long>(llNow) -
                                                   static_cast<unsigned long long>(llStart));
     char szText[32] = {};

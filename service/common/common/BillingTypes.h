@@ -1,5 +1,4 @@
-// BillingTypes.h - the records that one billing request and its result travel in, and the result
-// codes.
+// BillingTypes.h - the records that carry a billing request and its result, and the result codes.
 #pragma once
 
 #include <cstdint>
@@ -8,8 +7,7 @@
 
 class CBillingEngine;
 
-/// The parameters of one call, in the order that copies keep. The spare members hold the places of
-/// members that this system does not use; they stay empty.
+/// The parameters of one call. The spare members keep the record's layout; they stay empty.
 struct CBillingItem {
     std::string strSpare0;
     std::string strSpare1;
@@ -21,10 +19,10 @@ struct CBillingItem {
     std::string strSpare6;
     std::string strSpare7;
     std::string strAppId;
-    std::string strServerType;  ///< carried, read by no request
+    std::string strServerType;  ///< not used by any request
     std::string strCheckValue;
-    std::string strItemType;    ///< carried, read by no request that is in use
-    std::string strPageNumber;  ///< carried, read by no request that is in use
+    std::string strItemType;    ///< not used by any request that a method sends
+    std::string strPageNumber;  ///< not used by any request that a method sends
     std::string strSpare8;
     std::string strSpare9;
     std::string strSpare10;
@@ -33,7 +31,7 @@ struct CBillingItem {
     std::string strSpare12;
 };
 
-/// Which request a result belongs to. 0 to 4 are reserved.
+/// The request that a result belongs to. 0 to 4 are reserved.
 enum REQUEST_TYPE : std::int32_t {
     REQUEST_TYPE_PURCHASE_HISTORY = 5,
     REQUEST_TYPE_GET_PRODUCTS = 6,
@@ -50,8 +48,7 @@ enum BILLING_RESULT : std::int32_t {
     BILLING_RESULT_ENGINE_REFUSED = 1160003,  ///< nothing was sent; the text says why
 };
 
-/// One result on its way to the caller. The writer of the result pipe allocates it, its reader
-/// deletes it.
+/// One result on its way to the caller. Allocated by the writer of the result pipe, deleted by its reader.
 struct BILLING_RETURN_INFO_T {
     REQUEST_TYPE eReqType = REQUEST_TYPE(0);  ///< set by the writer of the result pipe
     std::string strSpare1;
@@ -64,19 +61,19 @@ struct BILLING_RETURN_INFO_T {
     std::string strSpare6;
     std::string strRespInfo;
     void* pUser =
-        nullptr;  ///< the caller's token: the bus call to answer; the engine never looks behind it
+        nullptr;  ///< the caller's token, here the bus call to answer; opaque to the engine
     std::int32_t iRespResult = 0;
-    std::shared_ptr<void> pCount;  ///< counts a large text while it is in memory; see CountBody
+    std::shared_ptr<void> pCount;  ///< counts a large text while it is in memory (CountBody)
 };
 
-/// Called exactly once for every request that was accepted, on the connector's worker thread.
-/// @param bSuccess the exchange completed, with whatever HTTP status
-/// @param strRsp response body, as far as it came
-/// @param pUserData given with the request; the callee owns it
+/// Called exactly once for each accepted request. Thread: the connector's worker.
+/// @param bSuccess true when the exchange completed, with any HTTP status
+/// @param strRsp response body, as far as it was received
+/// @param pUserData as given with the request; owned by the callee
 using ResponseCallback = void (*)(bool bSuccess, std::string& strRsp, void* pUserData);
 
-/// What the engine hands to the protocol layer with a request. The response callback frees it; when
-/// the request was not accepted the engine does.
+/// The engine's context of a request. Freed by the response callback; by the engine when the request was
+/// not accepted.
 struct EngineRequestContext {
     CBillingEngine* pOwner;
     void* pUser;

@@ -1,5 +1,4 @@
-// BillingUtil.cpp - each getter asks the platform at the moment of the call; texts and encodings
-// follow.
+// BillingUtil.cpp - getters that ask the platform at each call, and helpers for texts and encodings.
 #include "BillingUtil.h"
 
 #include "BillingLog.h"
@@ -29,7 +28,7 @@ struct LanguageOfLocale {
     const char* szLanguage;
 };
 
-/// In matching order: a value that is the beginning of several locales takes the first one.
+/// Searched in this order: a value that is the prefix of several locales takes the first one.
 constexpr LanguageOfLocale LANGUAGES[] = {
     {"ko_KR.utf8", "ko"},    {"en_US.utf8", "en"},    {"fr_CA.utf8", "fr-US"},
     {"es_MX.utf8", "es-US"}, {"pt_BR.utf8", "pt-US"}, {"bg_BG.utf8", "bg"},
@@ -63,7 +62,7 @@ constexpr LanguageOfLocale LANGUAGES[] = {
 };
 constexpr const char* OTHER_LANGUAGE = "en";
 
-/// The language of the first locale that the value is, or begins. The empty value begins them all.
+/// @return the language of the first locale that starts with the value. The empty value matches the first.
 const char* LanguageOf(const std::string& strValue)
 {
     for (const LanguageOfLocale& tRow : LANGUAGES) {
@@ -73,14 +72,14 @@ const char* LanguageOf(const std::string& strValue)
     return OTHER_LANGUAGE;
 }
 
-/// Copies and frees a text of the platform's. Null is the empty text.
+/// Copies and frees a text of the platform; null becomes the empty text.
 std::string Taken(char* szText)
 {
     const std::unique_ptr<char, decltype(&std::free)> pText(szText, &std::free);
     return pText ? std::string(pText.get()) : std::string();
 }
 
-// What the string library throws for a text made of a null pointer.
+// The exception that std::string throws when it is made from a null pointer.
 [[noreturn]] void RejectNullText()
 {
     throw std::logic_error("basic_string: construction from null is not valid");
@@ -100,7 +99,7 @@ bool WriteAll(BIO* pBio, const unsigned char* pBytes, unsigned int uiLength)
     return BIO_flush(pBio) == 1;
 }
 
-/// Reads a text whose reader fills a pointer; the pointer alone tells whether there is one.
+/// Reads a text through a function that sets a pointer; its return code is ignored.
 std::string AccountText(int (*pfnRead)(char** out))
 {
     char* szText = nullptr;
