@@ -1,5 +1,5 @@
-// BillingHttpConnector.cpp - the connector's life, and one request's way through it. The options of
-// its transfer are set in BillingHttpConnectorOptions.cpp.
+// BillingHttpConnector.cpp - the connector's worker, and each request from its submission to its callback.
+// The options of a transfer are set in BillingHttpConnectorOptions.cpp.
 #include "BillingHttpConnector.h"
 
 #include "BillingLog.h"
@@ -15,12 +15,12 @@ using MZCurl::MZCurlMulti;
 
 namespace {
 
-// A TLS handshake whose signature is made by the key store needs 20 KiB.
+// Stack of the worker: a TLS handshake that the key store signs needs 20 KiB of it.
 constexpr unsigned long WORKER_STACK_BYTES = 131072;
-// The sources that wake the worker go first: Create waits for this one.
+// Create waits for this source: it runs before the sources that wake the worker for requests.
 constexpr int START_PRIORITY = G_PRIORITY_HIGH;
 
-// Null when it is not there. The caller holds the lists' lock.
+// @return null when the handler is not listed. Precondition: the caller holds the lists' lock.
 _BILLING_REQ_HANDLER_t* Find(const std::list<_BILLING_REQ_HANDLER_t*>& lstHandlers,
                              const _BILLING_REQ_HANDLER_t* ptReqHandler)
 {
@@ -28,7 +28,7 @@ _BILLING_REQ_HANDLER_t* Find(const std::list<_BILLING_REQ_HANDLER_t*>& lstHandle
     return it != lstHandlers.end() ? *it : nullptr;
 }
 
-// The worker's first turn: from here on the multi handle takes requests, and Create may return.
+// The worker's first dispatch: the multi handle then takes requests, and Create returns.
 struct WorkerStart {
     MZCurlMulti& oMulti;
     CBillingSync& oStarted;
@@ -37,7 +37,7 @@ struct WorkerStart {
     {
         auto* ptStart = static_cast<WorkerStart*>(pData);
         ptStart->oMulti.Start();
-        ptStart->oStarted.Give();  // releases Create, and with it *ptStart
+        ptStart->oStarted.Give();  // Create returns now, and *ptStart with it is invalid
         return FALSE;
     }
 };
@@ -86,8 +86,8 @@ bool CHttpConnector::Create()
     return true;
 }
 
-// A request, or a quit, that comes before the loop runs would be lost, or run on the wrong thread:
-// so the worker's first turn is waited for.
+// Waits for the worker's first dispatch: a request or a quit before the loop runs would be lost, or run on
+// the wrong thread.
 bool CHttpConnector::m_StartWorker()
 {
     CBillingSync oStarted;
@@ -112,7 +112,7 @@ bool CHttpConnector::m_StartWorker()
 void CHttpConnector::Destroy()
 {
     BILLING_DEBUG("[START] ");
-    // The worker may be deep in a transfer that takes another minute: it is told to let go first.
+    // Ends the worker's wait first: a transfer may take another minute.
     m_oMulti.Stop();
     if (m_pLoop != nullptr) {
         g_main_loop_quit(m_pLoop);
@@ -132,7 +132,7 @@ void CHttpConnector::Destroy()
 void CHttpConnector::t_Main()
 {
     g_main_loop_run(m_pLoop);
-    // Now, not beside exit(): the thread is detached and may outlive main.
+    // Frees OpenSSL's data of this thread before exit(): the thread is detached and may outlive main.
     MZCurlMulti::ThreadEnd();
 }
 
@@ -173,7 +173,7 @@ bool CHttpConnector::m_HttpAsyncRequest(_BILLING_HTTP_REQ_INFO_T* ptReqInfo)
                                                             _BILLING_HTTP_REQ_INFO_T);
     BILLING_RETURN_IF(NULL == ptRequest, false);
     *ptRequest = *ptReqInfo;
-    // Declared last, freed first: the transfer reads the body out of the record.
+    // Declared last, so freed first: the transfer reads the body from the record.
     std::unique_ptr<MZCurlEasy> pEasyHandle(new (std::nothrow) MZCurlEasy);
     if (pEasyHandle == nullptr) {
         BILLING_REFUSED("NULL ==pEasyHandle");
@@ -187,15 +187,15 @@ bool CHttpConnector::m_HttpAsyncRequest(_BILLING_HTTP_REQ_INFO_T* ptReqInfo)
         BILLING_ERROR("Fail to init request.");
         return false;
     }
-    // What will stand at the ends of the lists: once the transfer is handed over nothing may fail.
+    // List nodes are allocated now: after the transfer is handed over nothing may fail.
     RequestList tEntry{ptReqHandler.get()};
     RequestList tEntryBak{ptReqHandler.get()};
     if (!m_AddEasyHandle(pEasyHandle.get())) {
         pEasyHandle->reset();
         return false;
     }
-    // From here on the three belong to the worker, which may finish before the next line runs: the
-    // multi handle then offers the transfer again until it is found on the lists.
+    // From here on the three belong to the worker. It may finish the transfer before the next line runs: the
+    // multi handle then reports the transfer again until the lists contain it.
     static_cast<void>(pEasyHandle.release());
     static_cast<void>(ptRequest.release());
     static_cast<void>(ptReqHandler.release());
@@ -328,8 +328,8 @@ int CHttpConnector::HandleRequest(void* pUser)
     BILLING_RETURN_IF(NULL == pUser, 0);
     auto* poConnector = static_cast<CHttpConnector*>(pUser);
     int iRunningHandles = 0;
-    // Once, before the loop: it takes over the transfers that wait and does no network work. The
-    // network work, and the transfers that come later, are fdSelect's.
+    // Called once, before the loop: it takes over waiting transfers and does no network work. fdSelect does
+    // the network work, and takes over the transfers that come later.
     poConnector->m_DoMultiPerform(iRunningHandles);
     do {
         poConnector->m_CurlMultiSelect(iRunningHandles);
@@ -383,7 +383,7 @@ void CHttpConnector::m_HandleRequestResult(_BILLING_REQ_HANDLER_t* ptReqHandler,
     const _BILLING_REQ_HANDLER_t* pstHandle = nullptr;
     const _BILLING_REQ_HANDLER_t* pstHandle01 = nullptr;
     {
-        // The submitting thread may be appending: the lists are locked for the search alone.
+        // Locked for the search only: the submitting thread may append at the same time.
         CBillingAutoLock oLock(&m_ReqInfoLock);
         pstHandle = Find(m_ReqInfoList, ptReqHandler);
         pstHandle01 = Find(m_ReqInfoListBak, ptReqHandler);

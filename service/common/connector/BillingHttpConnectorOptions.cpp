@@ -1,4 +1,4 @@
-// BillingHttpConnectorOptions.cpp - the options of a transfer, made from a request record.
+// BillingHttpConnectorOptions.cpp - sets the options of a transfer from a request record.
 #include "BillingHttpConnector.h"
 #include "BillingLog.h"
 #include "BillingUtil.h"
@@ -13,10 +13,10 @@ namespace {
 
 constexpr int TIMEOUT_S = 90;
 constexpr const char* CA_BUNDLE = "/opt/down/cert/ca.pem";
-// The steps below are one operation in the log.
+// The functions below log under one name, as one operation.
 constexpr const char* OPERATION = "m_SetEasyHandleOptions";
 
-// Sets an option, or logs the text with the wrapper's reason and gives up.
+// Sets an option; on failure logs the text with the wrapper's reason and returns false.
 #define SET_OR_RETURN(option, value, text)                                   \
     do {                                                                     \
         if (!oEasy.setOption(MZCurl::option, value)) {                       \
@@ -46,7 +46,7 @@ bool SetMethod(MZCurlEasy& oEasy, const _BILLING_HTTP_REQ_INFO_T& tReqInfo)
         case HTTP_METHOD_GET:
             SET_OR_RETURN(MZCURL_OPT_HTTPGET, 1, "Set MZCurl::HTTPGET error = [%s]");
             return true;
-        default:  // the record carries a plain number, and any caller may have set it
+        default:  // the record holds a plain number, which may have any value
             BILLING_ERROR_AS(OPERATION, "Http Request Method Error: %d", tReqInfo.eMethod);
             return false;
     }
@@ -91,7 +91,7 @@ std::list<std::string> HeaderList(const std::string& strHeader)
         }
         uBegin = uEnd + 1;
     }
-    // Sent without a value: no server is asked for leave before it gets the body.
+    // A header without a value stops libcurl from sending "Expect: 100-continue" before a body.
     lstHeader.emplace_back("Expect:");
     return lstHeader;
 }

@@ -1,5 +1,5 @@
-// BillingHttpConnectorTls.cpp - the device's certificate and key go into the TLS context of each new
-// connection, from memory.
+// BillingHttpConnectorTls.cpp - installs the device's certificate and key, from memory, into the TLS
+// context of each new connection.
 #include "BillingHttpConnector.h"
 #include "BillingLog.h"
 #include "BillingSecureStorageUtil.h"

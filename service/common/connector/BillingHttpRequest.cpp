@@ -1,5 +1,5 @@
-// BillingHttpRequest.cpp - the requests. Each one: begin, URL, header and body, log, send. The
-// getters are asked in the order in which their values stand in the request.
+// BillingHttpRequest.cpp - the requests. Each one: begin, URL, header and body, log, send. The getters are
+// called in the order in which their values appear in the request.
 #include "BillingHttpRequest.h"
 
 #include "BillingLog.h"
@@ -18,7 +18,7 @@
 
 namespace {
 
-/// The pieces with "&" between them.
+/// @return the pieces, joined by "&"
 std::string Query(std::initializer_list<std::string> pieces)
 {
     std::string strQuery;
@@ -30,7 +30,7 @@ std::string Query(std::initializer_list<std::string> pieces)
     return strQuery;
 }
 
-// The server knows this writer's layout; its successor writes another one.
+// The deprecated writer stays: the server depends on its layout, and its replacement has another one.
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wdeprecated-declarations"
 std::string Styled(const Json::Value& oValue)
@@ -39,8 +39,8 @@ std::string Styled(const Json::Value& oValue)
 }
 #pragma GCC diagnostic pop
 
-/// The body of both payment requests: members sorted by key, every value a text.
-/// @throw std::bad_alloc also where the JSON library has an exception of its own for it
+/// @return the body of both payment requests: members sorted by key, every value a text
+/// @throw std::bad_alloc also where the JSON library throws an exception of its own for it
 std::string PaymentBody(const CBillingItem& oItem)
 try {
     const std::string strInvoiceId = oItem.strInvoiceId;
@@ -61,7 +61,8 @@ try {
     throw std::bad_alloc();
 }
 
-/// What every request begins with. @return null when there is no connector; that is logged
+/// First step of every request.
+/// @return null when there is no connector; that is logged
 CHttpConnector* Begin(const char* szOperation)
 {
     BILLING_DEBUG_AS(szOperation, "[START] ");
@@ -73,7 +74,8 @@ CHttpConnector* Begin(const char* szOperation)
     return poInstance;
 }
 
-/// What every request ends with. @return true when the connector has accepted it
+/// Last step of every request.
+/// @return true when the connector has accepted it
 bool Send(const char* szOperation, CHttpConnector& oConnector, _BILLING_HTTP_REQ_INFO_T& tReqInfo)
 {
     const bool bStarted = tReqInfo.eMethod == HTTP_METHOD_POST ? oConnector.Post(&tReqInfo, false)
@@ -82,7 +84,7 @@ bool Send(const char* szOperation, CHttpConnector& oConnector, _BILLING_HTTP_REQ
     return bStarted;
 }
 
-/// Both forms of the purchase history say the same.
+/// The log of a purchase history request, the same for both forms.
 void LogPurchaseHistory(const char* szOperation, const _BILLING_HTTP_REQ_INFO_T& tReqInfo)
 {
     BILLING_INFO_AS(szOperation, "RequestPurchaseHistory start Url[%s]", tReqInfo.strUrl.c_str());
@@ -96,7 +98,7 @@ bool CBillingHttpRequest::Init()
 {
     BILLING_DEBUG("[START] ");
     m_bSSL = true;
-    // Unsigned: zero and everything below wraps around and is none of the two.
+    // Unsigned: 0 and negative types wrap around and so choose the production host.
     const unsigned int uType = static_cast<unsigned int>(BillingUtil::GetiVantorSerType());
     const deployment_host_e eHost =
         uType - 1 <= 1 ? DEPLOYMENT_HOST_SANDBOX : DEPLOYMENT_HOST_PRODUCTION;
@@ -120,7 +122,7 @@ std::string CBillingHttpRequest::m_Url(const char* szPath) const
     return "https://" + m_strServerHost + szPath;
 }
 
-/// A record without URL, header and body. The host is picked anew for each.
+/// @return a record without URL, header and body; the server's host is read anew for each request
 _BILLING_HTTP_REQ_INFO_T CBillingHttpRequest::m_NewRequest(HTTP_METHOD eMethod,
                                                            ResponseCallback pfnCallback,
                                                            void* pUserData)
@@ -143,7 +145,7 @@ bool CBillingHttpRequest::RequestCheckServerAvailability(std::string&, ResponseC
         return false;
     }
     _BILLING_HTTP_REQ_INFO_T tReqInfo = m_NewRequest(HTTP_METHOD_GET, pfnCallback, pUserData);
-    // The server takes the UID for both ids here.
+    // This URL carries the UID for both ids: the server expects that here.
     const std::string strQuery =
         Query({"storeid=1", "storeprodcode=1", "guid=" + BillingUtil::GetSSOUID(),
                "uid=" + BillingUtil::GetSSOUID(), "lang=" + BillingUtil::GetLanguage()});
@@ -188,7 +190,7 @@ bool CBillingHttpRequest::RequestPurchaseHistory(std::string strPageSize, std::s
         return false;
     }
     _BILLING_HTTP_REQ_INFO_T tReqInfo = m_NewRequest(HTTP_METHOD_GET, pfnCallback, pUserData);
-    // The custom id is the account's, whatever the caller named.
+    // The custom id is the account's, not the caller's.
     tReqInfo.strUrl =
         m_Url("/billing/service/v2/user/invoices?") +
         Query({"customid=" + BillingUtil::GetSSOUID(),
@@ -255,7 +257,7 @@ bool CBillingHttpRequest::RequestConfirmPurchase(CBillingItem& oItem, ResponseCa
     return Send(__func__, *poConnector, tReqInfo);
 }
 
-/// URL, header and body of a payment request.
+/// Sets URL, header and body of a payment request.
 void CBillingHttpRequest::m_FillPayment(_BILLING_HTTP_REQ_INFO_T& tReqInfo, const char* szPath,
                                         const CBillingItem& oItem)
 {

@@ -1,5 +1,5 @@
-// BillingHttpRequest.h - the protocol layer: turns a request of the engine into one HTTP request to
-// the billing server.
+// BillingHttpRequest.h - the protocol layer: makes one HTTP request to the billing server of each request of
+// the engine.
 #pragma once
 
 #include "BillingHttpConnector.h"
@@ -7,29 +7,32 @@
 
 #include <string>
 
-/// Lives inside the engine. Thread: main.
+/// A member of the engine. Thread: main.
 ///
-/// Every request returns true when the connector accepted it: the callback will then run once, with
-/// pUserData. False means that nothing was started and that the callback will not run. No value is
-/// checked or encoded on its way.
+/// Every request returns true when the connector has accepted it: the callback then runs once, with
+/// pUserData. After false nothing was started and the callback does not run. Values are neither checked nor
+/// encoded.
 class CBillingHttpRequest {
 public:
-    /// Reads the device's server type and picks the host; every request does so first. @return true
+    /// Reads the device's server type and chooses the host. Called by every request.
+    /// @return true
     bool Init();
 
-    /// Replaces strCommonHeader by the header lines that every request carries. @return true
+    /// Makes the header lines that every request carries.
+    /// @param[out] strCommonHeader is replaced
+    /// @return true
     bool m_GetOSBCommonHeader(std::string& strCommonHeader);
 
-    /// @param strText not read
+    /// @param strText not used
     bool RequestCheckServerAvailability(std::string& strText, ResponseCallback pfnCallback,
                                         void* pUserData);
     bool RequestGetProducts(CBillingItem& oItem, ResponseCallback pfnCallback, void* pUserData);
-    /// The invoices of the signed-in account. @param strPageSize, strStartIdx, strReqType decimal
-    /// numbers
+    /// Requests the invoices of the signed-in account.
+    /// @param strPageSize, strStartIdx, strReqType decimal numbers
     bool RequestPurchaseHistory(std::string strPageSize, std::string strStartIdx,
                                 std::string strReqType, ResponseCallback pfnCallback,
                                 void* pUserData);
-    /// The invoices of one application. No method of the service asks for them.
+    /// Requests the invoices of one application. No method of the service uses it.
     bool RequestPurchaseHistory(CBillingItem& oItem, ResponseCallback pfnCallback, void* pUserData);
     bool RequestGetAppliedTime(CBillingItem& oItem, ResponseCallback pfnCallback, void* pUserData);
     bool RequestConfirmPurchase(CBillingItem& oItem, ResponseCallback pfnCallback, void* pUserData);
