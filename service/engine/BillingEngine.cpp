@@ -1,5 +1,5 @@
-// BillingEngine.cpp - the five requests, their results, and the pipe that carries the results to the
-// main loop.
+// BillingEngine.cpp - the five requests, their results, and the pipe that carries the results to the main
+// loop.
 #include "BillingEngine.h"
 
 #include "BillingHttpConnector.h"
@@ -20,7 +20,7 @@
 
 namespace {
 
-// The engine always asks for the first page of the account's invoices.
+// The engine always requests the first page of the account's invoices.
 constexpr const char* PAGE_SIZE = "20";
 constexpr const char* START_INDEX = "1";
 constexpr const char* INVOICE_REQUEST_TYPE = "2";
@@ -28,22 +28,23 @@ constexpr const char* INVOICE_REQUEST_TYPE = "2";
 constexpr const char* TEXT_NO_NETWORK = "Network error, please check!";
 constexpr const char* TEXT_TRY_LATER = "Try again later.";
 
-// Room for more results than the bus lets calls of one user be outstanding, 32,768. Also the most
-// that an ordinary user may ask of Linux (/proc/sys/fs/pipe-max-size).
+// Holds more results than the 32,768 calls that the bus lets one user have open. Also the largest pipe of an
+// ordinary user on Linux (/proc/sys/fs/pipe-max-size).
 constexpr int PIPE_BYTES = 1024 * 1024;
 
-// A message is two writes, and both the worker and the main thread write: one at a time, and never
-// beside the deletion of the pipe. Not a member: a result may come while the engine goes.
+// Each message takes two writes, by the worker or the main thread: the lock keeps messages whole, and writes
+// apart from the pipe's deletion. Global: a result may come while the engine is being destroyed.
 pthread_mutex_t g_tPipeLock = PTHREAD_MUTEX_INITIALIZER;
 
 bool HasRoom(Ecore_Pipe* pPipe)
 {
-    // The write end blocks when the pipe is full, and the main thread would wait for itself.
+    // A full pipe would block the writer; the main thread is also its reader and would wait for itself.
     pollfd tPoll{ecore_pipe_write_fd(pPipe), POLLOUT, 0};
     return poll(&tPoll, 1, 0) == 1 && (tPoll.revents & POLLOUT) != 0;
 }
 
-// What every response callback begins with. @return null where no call is to be answered
+// First step of every response callback.
+// @return null where there is no call to answer
 std::unique_ptr<EngineRequestContext> TakeContext(const char* szOperation, void* pUserData)
 {
     BILLING_DEBUG_AS(szOperation, "[START] ");
@@ -58,15 +59,14 @@ std::unique_ptr<EngineRequestContext> TakeContext(const char* szOperation, void*
     return ptReq;
 }
 
-// The log of a response, as three of the five callbacks write it.
+// The log of a response, shared by three of the five callbacks.
 void LogResponse(const char* szOperation, bool bSuccess, const std::string& strRsp)
 {
     BILLING_INFO_AS(szOperation, "bResponseCode :%d", bSuccess);
     BILLING_INFO_AS(szOperation, "strRsp :%s", strRsp.c_str());
 }
 
-// What every response callback ends with. No exception comes out: the callbacks are called from C
-// code.
+// Last step of every response callback. No exception may leave it: C code calls the callbacks.
 void SendResult(const char* szOperation, REQUEST_TYPE eType, const EngineRequestContext& tReq,
                 bool bSuccess, std::string& strRsp) noexcept
 {
@@ -75,7 +75,7 @@ void SendResult(const char* szOperation, REQUEST_TYPE eType, const EngineRequest
     tInfo.pUser = tReq.pUser;
     tInfo.pCount = MZCurl::CountBody(strRsp.size());
     try {
-        // Copies of a large text would add up.
+        // A large text is moved: copies would add up.
         if (tInfo.pCount != nullptr) {
             tInfo.strRespInfo.swap(strRsp);
         } else {
@@ -159,9 +159,8 @@ void CBillingEngine::m_Refuse(REQUEST_TYPE eType, const char* szText, void* pUse
     m_WriteRequestResultToPipe(eType, tInfo);
 }
 
-// What every request begins with: its context, and the check for a way out of the device.
-// @return null where the request ends here. The refusal is on its way then, unless memory was
-//   missing.
+// First step of every request: creates its context and checks for a default route.
+// @return null where the request ends here. Its refusal was sent then, unless memory was short.
 std::unique_ptr<EngineRequestContext> CBillingEngine::m_Begin(const char* szOperation,
                                                               REQUEST_TYPE eType, void* pUser)
 {
@@ -180,7 +179,7 @@ std::unique_ptr<EngineRequestContext> CBillingEngine::m_Begin(const char* szOper
     return ptReq;
 }
 
-// What every request ends with.
+// Last step of every request.
 // @param bSubmitted  the protocol layer's result. True: the callback owns the context, and may have
 //   freed it already.
 // @return bSubmitted
@@ -280,7 +279,7 @@ void CBillingEngine::m_WriteRequestResultToPipe(REQUEST_TYPE eType, BILLING_RETU
         BILLING_ERROR("the result pipe is full, a reply is lost");
         return;
     }
-    static_cast<void>(pReturnInfo.release());  // the reader's now
+    static_cast<void>(pReturnInfo.release());  // owned by the reader now
 }
 
 void CBillingEngine::m_PurchaseHistoryCB(bool bSuccess, std::string& strRsp, void* pUserData)
