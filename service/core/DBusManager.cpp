@@ -1,4 +1,4 @@
-// DBusManager.cpp - the service on the bus: its name, its object, its method calls and their replies.
+// DBusManager.cpp - the service on the bus: its name, its object, its methods and their replies.
 #include "DBusManager.h"
 
 #include "BillingLog.h"
@@ -67,7 +67,7 @@ constexpr const char* INTERFACE_XML = R"(<node>
 </node>
 )";
 
-// After this many unanswered calls the count starts again at 1.
+// Largest count of unanswered calls; the next one sets it to 1.
 constexpr guint32 PENDING_CALLS_END = 65279;
 
 using ItemMember = std::string CBillingItem::*;
@@ -75,7 +75,7 @@ constexpr std::size_t MAX_ARGUMENTS = 6;
 
 constexpr const char* HANDLER = "m_HandleMethodCall";
 
-// In what the five methods differ. The members stand in the order of the method's arguments.
+// The differences between the five methods. The members are in the order of the method's arguments.
 struct Method {
     const char* szName;
     void (*pfnLogHandle)();
@@ -84,7 +84,7 @@ struct Method {
     void (*pfnCall)(CBillingEngine& oEngine, const CBillingItem& oItem, void* pUser);
 };
 
-// In the order in which names are compared.
+// FindMethod compares the names in this order.
 const std::array<Method, 5> METHODS{{
     {"get_product_list",
      [] { BILLING_INFO_AS(HANDLER, "handle get_product_list"); },
@@ -141,11 +141,11 @@ const Method* FindMethod(const char* szName)
     return nullptr;
 }
 
-// The bus has compared the arguments with the interface before the call comes here.
+// Precondition: GDBus has checked the arguments' types against the interface.
 CBillingItem Unpack(const Method& tMethod, GVariant* pParameters)
 {
     std::array<gchar*, MAX_ARGUMENTS> arTexts{};
-    // It takes as many of the pointers as the signature has arguments.
+    // g_variant_get sets as many of the pointers as the signature has arguments.
     g_variant_get(pParameters, tMethod.szSignature, &arTexts[0], &arTexts[1], &arTexts[2],
                   &arTexts[3], &arTexts[4], &arTexts[5]);
     CBillingItem oItem;
@@ -276,7 +276,7 @@ void CDBusManager::m_HandleMethodCall(GDBusConnection*, const char* sender, cons
         g_dbus_method_invocation_return_dbus_error(
             invocation, "org.freedesktop.DBus.Error.NoMemory", "no memory for the arguments");
         return;
-    } catch (const std::exception& oError) {  // nothing may be thrown through GIO
+    } catch (const std::exception& oError) {  // no exception may pass through GIO
         BILLING_ERROR("the call cannot be made, it is answered with an error: %s", oError.what());
         g_dbus_method_invocation_return_dbus_error(invocation, "org.freedesktop.DBus.Error.Failed",
                                                    "the call cannot be made");
@@ -289,7 +289,7 @@ void CDBusManager::m_PipeCallback(void* data, void* buffer, unsigned int)
 {
     BILLING_INFO_PLAIN("START");
     if (buffer == nullptr) {
-        // Ecore had no memory for the message and closes the pipe: no call could be answered again.
+        // Ecore had no memory for a message and closes the pipe: no further call could be answered.
         BILLING_ERROR("the result pipe has failed for want of memory, the service ends");
         raise(SIGTERM);
         return;
@@ -312,7 +312,7 @@ void CDBusManager::m_PipeCallback(void* data, void* buffer, unsigned int)
         BILLING_ERROR_PLAIN("GDBusMethodInvocation invocation is NULL");
         return;
     }
-    // What the bus cannot carry would cost the service its connection.
+    // The bus disconnects the sender of a message that is too long or not valid.
     if (!MakeReplyText(strRespInfo,
                        ReplyTextLimit(g_dbus_method_invocation_get_sender(pInvocation)))) {
         BILLING_ERROR("the response does not fit the bus or the memory, it is answered as failed");

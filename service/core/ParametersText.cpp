@@ -1,4 +1,4 @@
-// ParametersText.cpp - the arguments of a call, as the log prints them.
+// ParametersText.cpp - the arguments of a call as text for the log.
 #include "ParametersText.h"
 
 #include "BusLimits.h"
@@ -10,7 +10,7 @@
 
 namespace {
 
-// Calls whose printed arguments are much longer are not taken.
+// Arguments with a much longer text are refused before.
 constexpr std::size_t LONGEST = BusLimits::ARGUMENT_BYTES + 64;
 
 constexpr std::array<char, LONGEST + 1> MakeBlanks()
@@ -24,7 +24,7 @@ constexpr std::array<char, LONGEST + 1> MakeBlanks()
 
 constexpr std::array<char, LONGEST + 1> BLANKS = MakeBlanks();
 
-// The size of "('a', 'b')"; escapes and annotations are not counted.
+// @return length of a text such as "('a', 'b')", without escapes and type annotations
 std::size_t PrintedSize(GVariant* pParameters)
 {
     const gsize uTexts = g_variant_n_children(pParameters);
@@ -34,7 +34,7 @@ std::size_t PrintedSize(GVariant* pParameters)
     std::size_t uSize = uTexts == 1 ? 3 : 2 * uTexts;
     for (gsize i = 0; i < uTexts; ++i) {
         GVariant* pText = g_variant_get_child_value(pParameters, i);
-        // A text's own size has its end, for which there are two quotes.
+        // The text's size includes its NUL; in print it has two quotes instead.
         uSize += g_variant_get_size(pText) + 1;
         g_variant_unref(pText);
     }

@@ -1,12 +1,12 @@
-// ParametersText.h - the arguments of a call, as the log prints them.
+// ParametersText.h - the arguments of a call as text for the log.
 #pragma once
 
 #include <gio/gio.h>
 
 #include <memory>
 
-/// Their printed form with type annotations. Where the log would hide it, blanks of about its size
-/// stand for it: printing a MiB of control characters takes 88 ms.
+/// The printed arguments with type annotations. When the log hides private values, blanks of about the same
+/// length replace them: printing 1 MiB of control characters takes 88 ms.
 class CParametersText {
 public:
     /// @param pParameters a tuple

@@ -1,4 +1,4 @@
-// ReplyText.cpp - makes of a server's body what the bus can carry in a reply.
+// ReplyText.cpp - makes a server's body fit for a reply on the bus.
 #include "ReplyText.h"
 
 #include <glib.h>
@@ -10,7 +10,7 @@
 namespace {
 
 constexpr std::size_t MESSAGE_BYTES = std::size_t{32} * 1024 * 1024;  // header and body
-constexpr std::size_t LONGEST_NAME = 255;     // D-Bus specification, bus names
+constexpr std::size_t LONGEST_NAME = 255;     // longest bus name, D-Bus specification
 constexpr std::size_t REPLACEMENT_BYTES = 3;  // U+FFFD in UTF-8
 
 constexpr std::size_t Aligned(std::size_t uBytes)
@@ -18,7 +18,7 @@ constexpr std::size_t Aligned(std::size_t uBytes)
     return (uBytes + 7) & ~std::size_t{7};
 }
 
-// Length of the valid text, counted without making it: a hostile body triples in size.
+// @return length of the text after each bad byte was replaced. Counted first: a hostile body triples.
 std::size_t ValidLength(const std::string& strText)
 {
     std::size_t uBad = 0;
@@ -35,9 +35,9 @@ std::size_t ValidLength(const std::string& strText)
 
 std::size_t ReplyTextLimit(const char* szDestination)
 {
-    // Fixed part and length of the fields; then the fields, each aligned to 8: reply serial (8
-    // bytes), signature (8) and destination (4 + length + name + NUL). The body is the number, the
-    // text's length, the text and its NUL.
+    // Header: a fixed part and the length of the fields, 16 bytes; then the fields, each aligned to 8 bytes:
+    // reply serial (8), signature (8) and destination (4 + length + name + NUL). Body: the number, the text's
+    // length, the text and its NUL.
     const std::size_t uName = szDestination != nullptr ? std::strlen(szDestination) : LONGEST_NAME;
     const std::size_t uHeader = 16 + 8 + 8 + Aligned(4 + 4 + uName + 1);
     return MESSAGE_BYTES - uHeader - (4 + 4 + 1);
@@ -53,10 +53,10 @@ bool MakeReplyText(std::string& strText, std::size_t uLimit) noexcept
     if (uLength != strText.size()) {
         const std::unique_ptr<char, decltype(&g_free)> szValid(
             g_utf8_make_valid(strText.data(), static_cast<gssize>(strText.size())), g_free);
-        std::string().swap(strText);  // before its successor is made: both may be large
+        std::string().swap(strText);  // freed before the copy is made: both may be large
         try {
             strText.assign(szValid.get(), uLength);
-        } catch (const std::bad_alloc&) {  // called from C code, which lets none through
+        } catch (const std::bad_alloc&) {  // no exception may pass the C code of the caller
             std::string().swap(strText);
             return false;
         }

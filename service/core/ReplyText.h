@@ -1,18 +1,17 @@
-// ReplyText.h - makes of a server's body what the bus can carry in a reply.
+// ReplyText.h - makes a server's body fit for a reply on the bus.
 #pragma once
 
 #include <cstddef>
 #include <string>
 
-/// The longest text, in bytes, that fits a "(is)" reply to that caller: one byte more and the bus
-/// disconnects the sender. A message is at most 32 MiB on the system bus (max_message_size of dbus-
-/// daemon), its header included.
-/// @param szDestination the caller's unique bus name; null counts as the longest name there can be,
-///   255 bytes
+/// @param szDestination the caller's unique bus name; null counts as the longest possible name, 255 bytes
+/// @return bytes of the longest text that fits a "(is)" reply to that caller. A message on the system bus has
+///   at most 32 MiB with its header (max_message_size of dbus-daemon); the bus disconnects the sender of a
+///   longer one.
 std::size_t ReplyTextLimit(const char* szDestination);
 
-/// Makes the text valid UTF-8 without NUL: each byte that is not becomes U+FFFD. A text that is
-/// valid stays as it is.
-/// @param[in,out] strText emptied when false is returned
-/// @return false when the text, made valid, is longer than the limit or finds no memory
+/// Makes the text valid UTF-8 without NUL: each bad byte becomes U+FFFD. A valid text does not change.
+/// @param[in,out] strText empty after false
+/// @param uLimit bytes
+/// @return false when the resulting text is longer than the limit, or memory is short
 bool MakeReplyText(std::string& strText, std::size_t uLimit) noexcept;

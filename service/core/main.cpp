@@ -15,7 +15,7 @@
 
 namespace {
 
-// Found in the file of a process that runs as well, which is not asked (billingctl status).
+// billingctl status searches the program's file for this text: it learns the version without running it.
 [[gnu::used]] const char VERSION_TEXT[] = "billing-service-version=" BILLING_VERSION;
 
 bool isAskedForVersion(int count, char** arguments)
@@ -25,7 +25,7 @@ bool isAskedForVersion(int count, char** arguments)
 
 }  // namespace
 
-// Null before the front end exists and after the teardown, which reads and clears it.
+// Null before the front end exists and after billing_service_quit has deleted it.
 CDBusManager* g_pDbusMan = nullptr;
 
 void billing_service_quit()
@@ -41,8 +41,8 @@ void billing_service_quit()
     BILLING_WARN(" quit ecore_main_loop end");
 }
 
-// Runs only while the main thread waits for events and holds nothing: the platform lets SIGTERM in
-// nowhere else. That is what makes a whole teardown in a signal handler safe.
+// Runs only while the main thread waits for events: the platform blocks SIGTERM at all other times. So the
+// handler may do the whole shutdown, since the thread holds no lock and no object is half changed.
 void sig_quit(int iSignal)
 {
     BILLING_INFO("received SIGTERM signal %d", iSignal);
@@ -67,7 +67,7 @@ int main(int count, char** arguments)
         return 0;
     }
     g_pDbusMan->Initialize();
-    // The platform's, which calls Ecore's with the signals kept as they are: SIGTERM's handler stays.
+    // The platform's replacement: it calls Ecore's ecore_init and keeps the handler of SIGTERM.
     ecore_init();
     g_pDbusMan->InitEcorePipe();
     ecore_main_loop_begin();
