@@ -1,4 +1,4 @@
-// admission.cpp - who gets a slot, and who waits too long for one.
+// admission.cpp - gives slots to waiting transfers, and ends transfers that waited too long for one.
 #include "admission.h"
 
 #include "gate.h"
@@ -13,7 +13,7 @@
 namespace MZCurl {
 namespace {
 
-/// Slots for which this process has the descriptors.
+/// @return how many slots the process's limit of descriptors allows
 std::size_t affordableSlots()
 {
     rlimit limit{};
@@ -24,13 +24,13 @@ std::size_t affordableSlots()
     return std::max(kFewestSlots, most > kOtherDescriptors ? most - kOtherDescriptors : 0);
 }
 
-/// A URL without its query: the path at a host.
+/// @return the URL without its query: scheme, host and path
 std::string_view pathOf(const std::string& url)
 {
     return std::string_view(url).substr(0, url.find_first_of("?#"));
 }
 
-/// The share of this name, made when there is none.
+/// @return the share of this name; created when there is none
 template <class Shares>
 Share& shareOf(Shares& shares, std::string_view name)
 {
@@ -46,7 +46,7 @@ void eraseUnused(Map& map)
     }
 }
 
-/// The name needs no thread of the resolver: libcurl remembers it.
+/// @return whether libcurl still has the name in its cache: the transfer then needs no resolver thread
 bool isNamed(const Share& host, Admission::Clock::time_point now)
 {
     return host.named != Admission::Clock::time_point{} && now - host.named < kNameLife;
@@ -139,7 +139,7 @@ bool Admission::hasSlotFor(const Lane& lane, Clock::time_point now) const
 
 bool Admission::hasRoomAtHost(const Lane& lane, Clock::time_point now)
 {
-    // Another request than a GET has a connection of its own: there is none to wait for.
+    // Only GETs wait for a kept connection: any other request opens a connection of its own.
     return !lane.waiting.front()->mayBeSentAgain() || lane.host->width.hasRoom(now);
 }
 
@@ -183,7 +183,7 @@ Transfer* Admission::next(Clock::time_point now, TransferList& to)
     if (turn == m_turns.end()) {
         return nullptr;
     }
-    // Those before it may not take one now, and keep their places.
+    // Lanes in front of it cannot take a slot now; they keep their places.
     Lane& lane = **turn;
     m_turns.splice(m_turns.end(), m_turns, turn);
     Transfer& transfer = *lane.waiting.front();

@@ -1,7 +1,7 @@
-// admission.h - whose turn it is: transfers wait in lanes, and no sender, path or name server takes all of the slots.
+// admission.h - the order of transfers: they wait in lanes, and no sender, path or name server takes all of the slots.
 //
-// A transfer in a slot has a connection, memory for it, and perhaps a thread that looks up a name. One that waits has none
-// of them. A lane holds the waiting transfers of one sender to one path; lanes are served in turn.
+// A transfer in a slot has a connection, memory for it, and sometimes a thread that resolves a name. A waiting one has none
+// of these. A lane holds the waiting transfers of one sender to one path; the lanes take turns.
 #pragma once
 
 #include "transfer.h"
@@ -17,13 +17,13 @@
 
 namespace MZCurl {
 
-/// What one sender, one path or one host has.
+/// What one sender, one path or one host uses.
 struct Share {
-    std::size_t members = 0;   // transfers that were accepted and not yet taken out
-    std::size_t slots = 0;     // those in a slot; not counted for a host, which has its width
-    std::uint64_t served = 0;  // of a sender: number of its last ticket for a large answer
-    std::chrono::steady_clock::time_point named{};  // when the name of a host was known last
-    Width width;                                    // of a host
+    std::size_t members = 0;   // transfers accepted and not yet taken out
+    std::size_t slots = 0;     // of these, in a slot; not counted for hosts, which have a width
+    std::uint64_t served = 0;  // senders: number of the last ticket for a large answer
+    std::chrono::steady_clock::time_point named{};  // hosts: last time that the name was resolved
+    Width width;                                    // hosts
 };
 
 /// The transfers of one sender to one path.
@@ -33,10 +33,10 @@ struct Lane {
     Share* host = nullptr;
     std::size_t members = 0;
     TransferList waiting;
-    std::list<Lane*> turn;  // its place among the lanes, while nobody waits in it
+    std::list<Lane*> turn;  // holds the lane's node of m_turns while no transfer waits in it
 };
 
-/// Members named "any thread" are called with the multi handle's lock held; the others belong to the worker.
+/// Thread: "any" marks what needs the multi handle's lock and runs on any thread; the rest is the worker's.
 class Admission {
 public:
     using Clock = std::chrono::steady_clock;
@@ -45,29 +45,32 @@ public:
     Admission(const Admission&) = delete;
     Admission& operator=(const Admission&) = delete;
 
-    /// Any thread: makes a place for a transfer. @return false when there are too many, for its sender or its path
-    /// @throw std::bad_alloc, nothing being changed
+    /// Accepts a transfer. Thread: any, with the lock held.
+    /// @return false when too many transfers of its sender or to its path are accepted already
+    /// @throw std::bad_alloc; nothing has changed then
     bool join(Transfer& transfer, const std::string& sender);
 
-    /// Gives up the place of a transfer, whose node is in no list any more. Called with the lock held.
+    /// Takes a transfer out. Precondition: its node is in no list. Thread: the worker, with the lock held.
     void leave(Transfer& transfer);
 
     /// Puts a transfer at the end of its lane.
     void enqueue(Transfer& transfer, Clock::time_point now);
 
-    /// Gives a slot to the transfer whose turn it is, and moves it to a list. @return null when none may have one now
+    /// Gives a slot to the next transfer and moves it to a list.
+    /// @return null when no waiting transfer may have a slot now
     Transfer* next(Clock::time_point now, TransferList& to);
 
-    /// Moves a transfer that has waited for too long to a list. @return null when there is none
+    /// Moves a transfer that has waited for kLongestTurn to a list.
+    /// @return null when there is none
     Transfer* overdue(Clock::time_point now, TransferList& to);
 
-    /// The transfer gets on: the name of its server is known.
+    /// Records that the name of the transfer's server is resolved.
     void resolved(Transfer& transfer);
 
-    /// The transfer needs its slot no more.
+    /// Takes back the transfer's slot, if it has one.
     void release(Transfer& transfer);
 
-    /// Moves all that wait to another list.
+    /// Moves all waiting transfers to another list.
     void drain(TransferList& to);
 
     bool isWaiting() const { return !m_turns.empty(); }
@@ -75,10 +78,10 @@ public:
     /// @return whether `next` would give a slot
     bool mayGive(Clock::time_point now) const { return turn(now) != m_turns.end(); }
 
-    /// Lets more requests go at the same time to hosts from which nothing comes back.
+    /// Raises the limit of simultaneous GETs to hosts from which no answer comes quickly.
     void widen(Clock::time_point now);
 
-    /// @return how long until `widen` may have something to do, in milliseconds; `most` when that is longer
+    /// @return milliseconds until `widen` may have to raise a limit; `most` when that is longer
     int waitBound(Clock::time_point now, int most) const;
 
 private:
@@ -87,7 +90,7 @@ private:
     std::size_t freeSlots() const { return m_slots - m_taken; }
     bool hasSlotFor(const Lane& lane, Clock::time_point now) const;
     static bool hasRoomAtHost(const Lane& lane, Clock::time_point now);
-    /// @return whether the first of a lane has everything but room at its host
+    /// @return whether a lane's first transfer lacks nothing but room at its host
     bool waitsForHost(const Lane& lane, Clock::time_point now) const;
     std::list<Lane*>::const_iterator turn(Clock::time_point now) const;
     void unlistIfEmpty(Lane& lane);
@@ -95,13 +98,13 @@ private:
     void forgetUnused();
 
     const std::size_t m_slots;
-    std::size_t m_members = 0;  // any thread
-    Shares m_senders;           // any thread, but for `slots`
+    std::size_t m_members = 0;  // thread: any
+    Shares m_senders;           // thread: any, except `slots`
     Shares m_paths;
     Shares m_hosts;
-    // any thread, but for `slots`
-    std::map<std::pair<Share*, Share*>, Lane> m_lanes;  // any thread, but for what waits in them
-    std::list<Lane*> m_turns;  // lanes in which somebody waits; the front one is next
+    // thread: any, except `slots`
+    std::map<std::pair<Share*, Share*>, Lane> m_lanes;  // thread: any, except `waiting` and `turn`
+    std::list<Lane*> m_turns;  // lanes with waiting transfers; the front one is next
     std::size_t m_taken = 0;
     std::size_t m_resolving = 0;
 };

@@ -1,4 +1,4 @@
-// callbacks.cpp - the limits on what a server may send, and the guard against a request sent twice.
+// callbacks.cpp - enforces the limits of an answer, and stops libcurl from sending a request twice.
 #include "callbacks.h"
 
 #include "admission.h"
@@ -32,15 +32,17 @@ void noteMove(const Transfer& transfer)
     }
 }
 
-/// A stream that pauses would stop the others of its connection: libcurl 7.88 reads no further than its next piece. So an
-/// answer that has to wait is asked for again, over a connection of its own, and nothing of it may be handed on before that
-/// is settled. Only GETs share a connection.
+/// @return whether the beginning of the answer has to be kept, since the answer may be requested again. A paused HTTP/2
+///   stream would stop the other streams of its connection (libcurl 7.88 reads no further), so an answer that has to wait
+///   is requested again over a connection of its own; until then the reader must not get any of it. Only GETs share a
+///   connection.
 bool mayBePostponed(const Transfer& transfer)
 {
     return isShared(transfer) && transfer.toldBytes == 0 && transfer.ticket.has != Ticket::Huge;
 }
 
-/// @return how many bytes the body will have at least, another piece having come
+/// @param piece bytes that have just arrived
+/// @return the body's length as far as it is known, at least what has arrived
 std::size_t foreseen(Transfer& transfer, std::size_t piece)
 {
     curl_off_t told = -1;
@@ -54,7 +56,8 @@ std::size_t foreseen(Transfer& transfer, std::size_t piece)
     return std::max(transfer.toldBytes, transfer.bodyBytes + piece);
 }
 
-/// The transfer has to wait for a ticket. @return what libcurl is to be told
+/// Makes the transfer wait for a ticket.
+/// @return the result for libcurl
 std::size_t await(Transfer& transfer)
 {
     if (!isShared(transfer)) {
@@ -65,15 +68,16 @@ std::size_t await(Transfer& transfer)
     return refuse(transfer, "Too many large answers at once");
 }
 
-/// Hands on what has come. @return what libcurl is to be told
+/// Hands a piece of the body to the reader.
+/// @return the result for libcurl
 std::size_t deliver(Transfer& transfer, char* data, std::size_t length)
 {
     if (transfer.write == nullptr) {
         return length;
     }
     try {
-        // The limit of a body makes the narrowing harmless. Any other number than the length is a
-        // refusal, the one that would pause the transfer included.
+        // The cast is safe: a body has at most kMaxBodyBytes. Any result other than the length is a refusal, also the
+        // one with which libcurl would pause the transfer.
         const unsigned int taken =
             transfer.write(data, 1, static_cast<unsigned int>(length), transfer.writeData);
         return taken == length ? length
@@ -83,7 +87,8 @@ std::size_t deliver(Transfer& transfer, char* data, std::size_t length)
     }
 }
 
-/// Keeps what has come of an answer that may have to be asked for again. @return what libcurl is to be told
+/// Keeps a piece of an answer that may have to be requested again.
+/// @return the result for libcurl
 std::size_t keep(Transfer& transfer, const char* data, std::size_t length)
 {
     try {

@@ -1,4 +1,4 @@
-// connections.cpp - what becomes of a connection between and during its requests.
+// connections.cpp - watches kept connections while they are idle and while requests use them.
 #include "connections.h"
 
 #include "admission.h"
@@ -22,27 +22,27 @@ namespace {
 using std::chrono::milliseconds;
 using std::chrono::seconds;
 
-// A connection that was idle for longer is not used: a middlebox may have forgotten it. Common servers close theirs after
-// 5 to 75 s; a new connection takes up the TLS session and costs no signature.
+// Idle connections are not used after this time: a middlebox may have forgotten them. Common servers close theirs after 5
+// to 75 s. A new connection resumes the TLS session and costs no signature.
 constexpr BootTime kLongestIdle = seconds(10);
 
-// A connection that was used a moment ago is not asked whether it lives: in a burst that would cost a system call a request.
+// Connections used within this time are not polled: in a burst that would cost a system call for each request.
 constexpr BootTime kJustUsed = milliseconds(50);
 
-// A new request does not join a shared connection that owes an answer and has been silent for so long.
+// A new request does not join a shared connection that owes an answer and was silent for this time.
 constexpr BootTime kDoubtAfter = seconds(5);
 
-// A kept connection that owes an answer and has been silent for so long is given up. With the longest idle time this
-// bounds the time after a silent loss in which requests still meet the lost connection: 25 s.
+// A kept connection that owes an answer and was silent for this time is closed. Together with the longest idle time this is
+// how long requests may meet a connection that was lost silently: 25 s.
 constexpr BootTime kLostAfter = seconds(15);
 
-// The same for a connection from before a change of the network.
+// The same for a connection that is older than a change of the network or a standby.
 constexpr BootTime kDoubtfulLostAfter = seconds(5);
 
-// Connections are looked at so often while requests wait.
+// Interval of the checks while requests wait.
 constexpr BootTime kLookEvery = seconds(1);
 
-// A standby counts from this length on. The two clocks are not read at the same moment.
+// Shortest standby that counts: the two clocks are not read at the same moment.
 constexpr BootTime kStandby = seconds(2);
 
 BootTime read(clockid_t clock)
@@ -63,7 +63,8 @@ BootTime standbyTime()
     return read(CLOCK_BOOTTIME) - read(CLOCK_MONOTONIC);
 }
 
-/// Port of a socket address, and its text where the caller wants it; 0 for other than Internet addresses.
+/// @param text set to the address; may be null
+/// @return port of an Internet address; 0 for any other
 int portOf(const sockaddr_storage& address, std::string* text)
 {
     char buffer[INET6_ADDRSTRLEN] = "";
@@ -83,7 +84,7 @@ int portOf(const sockaddr_storage& address, std::string* text)
     return port;
 }
 
-/// Fills in both ends of a connection once the socket has them.
+/// Sets both ends of a connection, if its socket is connected.
 void askEnds(Connection& connection)
 {
     sockaddr_storage local{};
@@ -98,7 +99,7 @@ void askEnds(Connection& connection)
     }
 }
 
-/// How long the connection has owed an answer without a byte from the other side.
+/// @return how long the connection has owed an answer without receiving a byte
 BootTime silenceOf(const Connection& connection, BootTime now)
 {
     tcp_info info{};
@@ -109,8 +110,8 @@ BootTime silenceOf(const Connection& connection, BootTime now)
     return std::min(now - connection.since, BootTime(info.tcpi_last_data_recv));
 }
 
-/// Ends a connection at its socket. What is left to read is taken away: libcurl takes a closed connection with unread
-/// bytes for one that lives.
+/// Closes a connection at its socket. Reads what is left: libcurl takes a closed connection with unread bytes for a live
+/// one.
 void giveUp(Connection& connection)
 {
     constexpr int kMostReads = 64;
@@ -138,7 +139,7 @@ int Connections::opened(void* pointer, curl_socket_t descriptor, curlsocktype /*
         auto made = std::make_shared<Connection>();
         made->descriptor = descriptor;
         self.m_open.push_back(std::move(made));
-        // Retiring connections needs no memory then.
+        // Reserved here, so that retireIdle needs no memory.
         self.m_polled.reserve(self.m_open.size());
         self.m_idle.reserve(self.m_open.size());
     } catch (const std::bad_alloc&) {
@@ -219,8 +220,8 @@ bool Connections::begin(Transfer& transfer, const char* localAddress, int localP
         transfer.refusal = "There is no memory for a connection";
         return false;
     }
-    // libcurl's own mistake needs a host that has spoken HTTP/2. Elsewhere the other request has its answer already, in the
-    // same look at the sockets, and has not been read out yet.
+    // libcurl's fault occurs only at hosts that speak HTTP/2. At any other host the earlier request has its answer already:
+    // both events came in one round, and its end has not been collected yet.
     if (connection->users > 0 && !connection->shared &&
         m_sharingHosts.count(connection->host) != 0) {
         transfer.crowded = true;

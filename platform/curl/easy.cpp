@@ -1,4 +1,4 @@
-// easy.cpp - MZCurlEasy: one transfer, and the way to perform it on the calling thread.
+// easy.cpp - MZCurlEasy: one transfer, also performed on the calling thread.
 #include "easy.h"
 
 #include "global.h"
@@ -10,7 +10,7 @@
 namespace MZCurl {
 namespace {
 
-/// Sets an option of a handle that may not be there, or not be usable yet.
+/// Sets an option, also of a handle that does not exist or is not initialized.
 template <class Set, class Value>
 bool setGuarded(Transfer* transfer, Set set, MZCURL_OPTION_TYPE option, const Value& value)
 {

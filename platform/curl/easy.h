@@ -1,4 +1,4 @@
-// easy.h - the easy handle's inside, for the multi handle.
+// easy.h - the easy handle's transfer, for the multi handle.
 #pragma once
 
 #include "transfer.h"

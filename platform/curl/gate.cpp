@@ -1,4 +1,4 @@
-// gate.cpp - who leads, who waits, and when the waiting ends.
+// gate.cpp - lets the first transfer to a host go ahead of the others.
 #include "gate.h"
 
 #include <algorithm>
@@ -19,7 +19,7 @@ struct CurlFree {
     void operator()(char* text) const { curl_free(text); }
 };
 
-/// What a URL has before its path, its query or its fragment: all that its host key depends on.
+/// @return the URL up to its path, query or fragment: its host key depends on nothing else
 std::string_view startOf(const std::string& url)
 {
     const std::size_t scheme = url.find("://");
@@ -46,7 +46,7 @@ std::string keyOf(const std::string& url)
     return key;
 }
 
-/// A URL with another byte in it is none.
+/// @return whether the URL has no blanks and no control characters: with one it is not valid
 bool isPlain(const std::string& url)
 {
     return std::all_of(url.begin(), url.end(),
@@ -88,7 +88,7 @@ bool Gate::enter(Transfer& transfer, Clock::time_point now)
             return false;
         }
     } catch (const std::bad_alloc&) {
-        // A host that cannot be remembered has no gate.
+        // Without memory for the host its transfers do not wait.
     }
     return true;
 }

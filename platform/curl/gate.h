@@ -1,6 +1,5 @@
-// gate.h - the leader gate: when many transfers go to a host that nobody is talking to, one goes
-// first, so that the others find its TLS session, or its connection, instead of each making a
-// handshake with the device's key.
+// gate.h - the leader gate: of several transfers to a host without any transfer under way, one goes first. The others then
+// find its TLS session, or its connection, instead of a handshake with the device's key for each.
 #pragma once
 
 #include "transfer.h"
@@ -12,22 +11,22 @@
 
 namespace MZCurl {
 
-/// A host that transfers are under way to, or waiting for.
+/// A host with transfers under way or waiting.
 struct Host {
-    std::size_t members = 0;  // transfers let through or waiting, until they are removed
-    bool open = false;        // the leader has done its part: nobody waits any more
-    std::chrono::steady_clock::time_point deadline;  // nobody waits longer for it
+    std::size_t members = 0;  // let through or waiting, until they are taken out
+    bool open = false;        // the leader has sent its request or ended: all may go
+    std::chrono::steady_clock::time_point deadline;  // from then on all may go
     TransferList waiting;
 };
 
-/// Scheme, host and port of a URL; empty when it is none. Remembers the last one: as a rule all go
-/// to the same host. Thread: one at a time.
+/// Computes scheme, host and port of a URL; empty when it is not valid. The last one is cached: usually all
+/// transfers go to the same host. Thread: one at a time.
 class HostKey {
 public:
     const std::string& of(const std::string& url);
 
 private:
-    std::string m_start;  // of the last URL, up to its path
+    std::string m_start;  // the last URL, up to its path
     std::string m_key;
 };
 
@@ -36,29 +35,28 @@ class Gate {
 public:
     using Clock = std::chrono::steady_clock;
 
-    /// A transfer arrives. @return true when it may go; false when it was put among those that wait
+    /// Admits a transfer, or puts it among the waiting ones of its host.
+    /// @return true when it may go
     bool enter(Transfer& transfer, Clock::time_point now);
 
-    /// A transfer has ended, with or without success: it holds nobody up.
+    /// Records that a transfer has ended, with any result: the others need not wait for it.
     static void finished(Transfer& transfer);
 
-    /// A transfer has been taken out, in whatever state: its node is gone from its home list, and
-    /// home still says which one that was.
+    /// Takes a transfer out. Precondition: its node is erased; `home` still names its list.
     void leave(Transfer& transfer);
 
-    /// Moves those that need not wait any more to another list.
+    /// Moves the transfers that may go now to another list.
     void release(TransferList& to, Clock::time_point now);
 
-    /// @return how long the first of those that wait may still have to, in milliseconds; `most`
-    ///   when nobody waits so long
+    /// @return milliseconds until the first waiting transfer may go; `most` when that is longer or none waits
     int waitBound(Clock::time_point now, int most) const;
 
 private:
     std::map<std::string, Host> m_hosts;
 };
 
-/// @return milliseconds until then, rounded up: a wait that ends a moment too early would be followed by many short
-///   ones; 0 when it has passed
+/// @return milliseconds until then, rounded up; 0 when it has passed. Rounded down, the wait would end early and many
+///   short waits would follow
 int millisecondsUntil(Gate::Clock::time_point then, Gate::Clock::time_point now);
 
 }  // namespace MZCurl

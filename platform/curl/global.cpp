@@ -1,4 +1,4 @@
-// global.cpp - the libraries' set-up. It is never undone: threads of the resolver may outlive main.
+// global.cpp - initialization of the libraries. It is never undone: resolver threads may still run when main has returned.
 #include "global.h"
 
 #include "heap.h"
@@ -17,7 +17,7 @@ bool initializeLibraries()
     const std::lock_guard<std::mutex> guard(lock);
     if (!done) {
         keepLargeBlocksApart();
-        // OpenSSL's own exit handler would free what a thread that is still alive uses.
+        // OpenSSL's exit handler would free what a running thread still uses.
         done = OPENSSL_init_crypto(OPENSSL_INIT_NO_ATEXIT, nullptr) == 1 &&
                curl_global_init(CURL_GLOBAL_DEFAULT) == CURLE_OK;
     }

@@ -1,9 +1,10 @@
-// global.h - what is set up once for the process.
+// global.h - initialization of the libraries, once for the process.
 #pragma once
 
 namespace MZCurl {
 
-/// Sets up libcurl and OpenSSL, once. @return false when that failed; may be tried again
+/// Initializes libcurl and OpenSSL, once. May be called again after a failure.
+/// @return false when the initialization failed
 bool initializeLibraries();
 
 }  // namespace MZCurl

@@ -1,4 +1,4 @@
-// handles.cpp - the few handles that are kept.
+// handles.cpp - the pool of kept handles.
 #include "handles.h"
 
 #include <array>
@@ -9,7 +9,7 @@
 namespace MZCurl {
 namespace {
 
-/// Handles that are kept at most. Each takes some 6 KiB. More are wanted only between the calls of a burst.
+/// Size of the pool. Each handle takes some 6 KiB. Only a burst leaves more handles unused, for a moment.
 constexpr std::size_t kMostHandles = 32;
 
 struct Kept {
@@ -18,7 +18,7 @@ struct Kept {
     std::size_t count = 0;
 };
 
-/// Never destroyed: transfers may end while the process does.
+/// Never destroyed: transfers may end while the process exits.
 Kept& kept()
 {
     static Kept* const instance = new Kept;

@@ -1,4 +1,4 @@
-// handles.h - libcurl's handles that are kept for the next transfers, since making one costs as much as all its options.
+// handles.h - a pool of libcurl's handles for the next transfers: making a handle costs as much as setting all its options.
 #pragma once
 
 #include <curl/curl.h>
@@ -12,14 +12,15 @@ struct EasyCleanup {
 };
 using EasyHandle = std::unique_ptr<CURL, EasyCleanup>;
 
-/// @return a handle that was kept; null when there is none. Any thread
+/// Takes a handle from the pool. Thread: any.
+/// @return null when the pool is empty
 EasyHandle takeHandle();
 
-/// Keeps a handle for another transfer, or frees it when enough are kept. Any thread.
-/// Precondition: nothing of the transfer is left in it: options, sessions, connections.
+/// Puts a handle into the pool, or frees it when the pool is full. Thread: any.
+/// Precondition: the handle has nothing left of its transfer: no options, sessions or connections.
 void keepHandle(EasyHandle handle);
 
-/// Frees the handles that are kept. Any thread.
+/// Frees the handles of the pool. Thread: any.
 void dropHandles();
 
 }  // namespace MZCurl

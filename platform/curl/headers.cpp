@@ -1,4 +1,4 @@
-// headers.cpp - puts header lines together for libcurl.
+// headers.cpp - builds the list of header lines for libcurl.
 #include "headers.h"
 
 #include <cstddef>

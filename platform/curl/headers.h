@@ -9,18 +9,18 @@
 
 namespace MZCurl {
 
-/// libcurl reads the list while a transfer that names it is under way; it changes nothing in it.
+/// libcurl reads the list during the transfer that uses it, and does not change it.
 class Headers {
 public:
     Headers() = default;
     /// @throw std::bad_alloc
     explicit Headers(const std::list<std::string>& lines);
 
-    /// @return null for none. Valid as long as this object, or the one that it is moved to
+    /// @return null when there are no lines. Valid for the life of this object, and of the one that it is moved to
     const curl_slist* list() const { return m_nodes.empty() ? nullptr : m_nodes.data(); }
 
 private:
-    std::vector<char> m_text;  // vectors keep their memory when they are moved
+    std::vector<char> m_text;  // a move keeps a vector's memory in place
     std::vector<curl_slist> m_nodes;
 };
 

@@ -1,14 +1,14 @@
-// heap.h - memory that transfers leave behind.
+// heap.h - returns memory that transfers have freed to the system.
 #pragma once
 
 namespace MZCurl {
 
-/// Gives free memory back to the system, where the C library can; the build picks the file. Takes
-/// milliseconds. Thread: any.
+/// Returns free memory to the system, if the C library can (the build selects the file). Takes milliseconds.
+/// Thread: any.
 void giveBackMemory();
 
-/// Has the memory of each large body given back as soon as it is freed, where the C library can. Otherwise it gets used to
-/// large blocks and keeps them. Thread: any, at the process's start.
+/// Makes the C library return the memory of each large body as soon as it is freed, if it can. Without this it adapts to
+/// large blocks and keeps them. Thread: any, at the start of the process.
 void keepLargeBlocksApart();
 
 }  // namespace MZCurl

@@ -1,4 +1,4 @@
-// heap_keep.cpp - for a C library that has nothing to be told.
+// heap_keep.cpp - for C libraries without such controls: does nothing.
 #include "heap.h"
 
 namespace MZCurl {

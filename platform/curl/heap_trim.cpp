@@ -1,4 +1,4 @@
-// heap_trim.cpp - for a C library that keeps what was freed until it is told to let go.
+// heap_trim.cpp - for C libraries that keep freed memory until malloc_trim.
 #include "heap.h"
 
 #include <malloc.h>
@@ -6,12 +6,12 @@
 namespace MZCurl {
 namespace {
 
-// Bytes. glibc makes a mapping of its own for a block from here on, which grows without being copied. Left alone it
-// raises its limit to the largest block that was freed, up to 32 MiB.
+// Bytes. glibc allocates blocks from this size on as mappings of their own, which grow without a copy. The value is fixed:
+// by default glibc raises it to the size of the largest freed block, up to 32 MiB.
 constexpr int kOwnMapping = 2 * 1024 * 1024;
 
-// Bytes free at the end of the heap that stay with the process. Fewer would be given back and asked for again by
-// ordinary calls.
+// Bytes of free memory at the end of the heap that the process keeps. With fewer, ordinary calls would return memory and
+// request it again.
 constexpr int kKept = kOwnMapping;
 
 }  // namespace

@@ -42,7 +42,7 @@ std::shared_ptr<void> CountBody(std::size_t uBytes) noexcept
     try {
         return {static_cast<void*>(&count), countDown};
     } catch (const std::bad_alloc&) {
-        // It has been counted down again.
+        // The constructor that failed has called countDown.
         return nullptr;
     }
 }

@@ -1,4 +1,4 @@
-// in_hand.h - large bodies that have left the multi handle and are still in memory (CountBody).
+// in_hand.h - counts large bodies that have left the multi handle and are still in memory (CountBody).
 #pragma once
 
 #include "quotas.h"
@@ -7,7 +7,7 @@
 
 namespace MZCurl {
 
-/// How large an answer is, and the ticket that it needs.
+/// The size class of an answer, and the ticket that it needs.
 enum class Ticket { None, Large, Huge };
 
 inline Ticket ticketFor(std::size_t bytes)
@@ -18,7 +18,7 @@ inline Ticket ticketFor(std::size_t bytes)
     return bytes <= kLargeAnswer ? Ticket::Large : Ticket::Huge;
 }
 
-/// @return how many bodies of that size are counted. Thread: any
+/// @return number of counted bodies of that size class. Thread: any
 std::size_t inHand(Ticket ticket);
 
 }  // namespace MZCurl

@@ -1,4 +1,4 @@
-// multi.cpp - the multi handle's inside: many transfers on one worker, added from any thread.
+// multi.cpp - the implementation of the multi handle: many transfers on one worker, added from any thread.
 #include "multi.h"
 
 #include "callbacks.h"
@@ -15,27 +15,26 @@
 namespace MZCurl {
 namespace {
 
-// libcurl knows its own deadlines, and additions and stops end a wait. This is for what it forgets, and for the connections
-// that it does not look at.
+// Longest wait. libcurl's own deadlines, additions and stops end a wait earlier; the limit is for deadlines that libcurl
+// misses, and for the checks of kept connections.
 constexpr int kLongestPollMs = 1000;
 
-// A finished transfer that its reader is not ready for yet will be wanted in a moment.
+// Wait while a finished transfer was handed out and not taken out: its owner needs only a moment.
 constexpr int kUnclaimedPollMs = 1;
 
-// Connections that are kept for the next transfers while there are any. Fewer than are under way
-// would make a handshake of every further call.
+// Connections that libcurl keeps. With fewer than there are transfers under way, each further call would need a
+// handshake.
 constexpr long kMostKeptConnections = static_cast<long>(kMostSlots);
 
-// After more than that many at once their connections are closed, and the memory that they took is
-// given back, when the last one has gone and no other came for a while: between the calls of a busy
-// burst there are moments without any.
+// Transfers at once that make a burst. After a burst the connections are closed and their memory is returned, once the
+// last transfer was taken out and none came for kAfterBurstMs: a busy burst has moments without a transfer.
 constexpr std::size_t kBurst = 64;
 constexpr int kAfterBurstMs = 500;
 
-// What timeLeft tells when there is none.
+// The result of timeLeft when no time is left.
 constexpr std::chrono::milliseconds kNoTime{1};
 
-// A wait that fails does not wait: without a pause the caller's loop would spin.
+// A wait that fails returns at once: without this pause the caller's loop would spin.
 constexpr std::chrono::milliseconds kPauseAfterFailure{10};
 
 }  // namespace
@@ -131,7 +130,7 @@ bool MZCurlMulti::Impl::add(MZCurlEasy& easy, Transfer& transfer, const std::str
     transfer.easy = &easy;
     transfer.node = entry.begin();
     transfer.home = &m_pending;
-    // The worker takes all of them at once: only the first has to wake it, and only from its wait.
+    // The worker takes all pending transfers at once: only the first one wakes it, and only while it waits.
     const bool wake = m_waits && m_pending.empty();
     m_pending.splice(m_pending.end(), entry);
     ++m_added;
@@ -280,7 +279,7 @@ void MZCurlMulti::Impl::beginAgain(Transfer& transfer, Again reason)
     }
     m_tickets.leave(transfer);
     if (pause.count() > 0) {
-        // The host may need a leader again by then.
+        // The host may need a new leader after the pause.
         m_gate.leave(transfer);
         m_admission.release(transfer);
         transfer.due = Gate::Clock::now() + pause;
@@ -314,7 +313,7 @@ void MZCurlMulti::Impl::goOn(Transfer& transfer)
         return;
     }
     Connections::resume(transfer);
-    // Hands on the piece for which the transfer had to wait, which may have it wait again.
+    // Delivers the piece for which the transfer waited. The transfer may have to wait again at once.
     const CURLcode code = curl_easy_pause(transfer.curl.get(), CURLPAUSE_CONT);
     m_begun = true;
     if (code != CURLE_OK) {
@@ -349,9 +348,8 @@ void MZCurlMulti::Impl::offerAgain()
 
 int MZCurlMulti::Impl::waitLimit() const
 {
-    // One transfer that reads from an HTTP/2 connection can leave pieces for the others in
-    // libcurl's buffers, where no wait sees them: one burst in a hundred stood still like that. A
-    // look without a wait finds them.
+    // Reading one HTTP/2 stream may leave pieces of other streams in libcurl's buffers, where no wait sees them: without
+    // this one burst in a hundred stalled. A round without a wait finds them.
     if (m_http2Moved) {
         return 0;
     }
@@ -385,7 +383,7 @@ bool MZCurlMulti::Impl::endBurst()
             return ok;
         }
         m_most = 0;
-        // libcurl closes kept connections one by one, as others are used; a new handle has none.
+        // libcurl closes kept connections only one by one, when others are used; a new handle has none.
         if (Multi fresh = newMulti(); fresh != nullptr) {
             m_multi.swap(fresh);
             old = std::move(fresh);
@@ -420,7 +418,7 @@ bool MZCurlMulti::Impl::select()
         return endBurst();
     }
     const TlsErrorScope errors;
-    // A transfer that has begun has something to do already.
+    // A transfer that was just attached needs a round of libcurl at once.
     bool ok = m_begun || wait(waitLimit());
     if (stopped()) {
         return ok;

@@ -1,12 +1,11 @@
-// multi.h - the multi handle's inside: where each transfer stands, and who moves it on.
+// multi.h - the implementation of the multi handle: the state of each transfer and its transitions.
 //
 //   add --> pending --> (waiting at the gate) --> (in a lane) --> active --> ready <--> given --> removed
 //               later <-------------- begun again <-------------------'
 //           postponed <---------'
 //
-// Only `pending` is touched by other threads; the rest belongs to the worker. A finished transfer
-// is ready to be handed out; once handed out it is given, and ready again in the next round: a
-// reader that could not take it yet finds it then.
+// Other threads touch only `pending`; the rest belongs to the worker. A finished transfer is `ready`; when it was handed out
+// it is `given`, and `ready` again in the next round, in case its owner could not take it out yet.
 #pragma once
 
 #include "admission.h"
@@ -40,13 +39,14 @@ struct MZCurlMulti::Impl {
     bool add(MZCurlEasy& easy, Transfer& transfer, const std::string& sender);
     bool remove(Transfer& transfer);
 
-    /// Takes over what other threads have added.
+    /// Takes over the transfers that other threads have added.
     void adopt();
-    /// Waits, performs, and collects what has ended. @return false when libcurl refused
+    /// Waits, performs, and collects the transfers that have ended.
+    /// @return false when libcurl failed
     bool select();
-    /// The next one to be handed out, null when none is left.
+    /// @return the next finished transfer; null when there is none
     Transfer* next();
-    /// The count that callers see.
+    /// @return number of transfers that are not taken out; 0 when stopped
     int running();
 
 private:
@@ -58,7 +58,9 @@ private:
 
     static Multi newMulti();
     bool stopped();
-    /// Waits for something to do, so many milliseconds at most. @return false when libcurl refused
+    /// Waits for something to do.
+    /// @param limit milliseconds at most
+    /// @return false when libcurl failed
     bool wait(int limit);
     void offerAgain();
     int waitLimit() const;
@@ -77,28 +79,28 @@ private:
 
     SessionShare m_share;
     Connections m_connections;
-    Multi m_multi;  // replaced by the worker under the lock, when no transfer is attached
+    Multi m_multi;  // the worker replaces it, with the lock, when no transfer is attached
 
-    Admission m_admission;  // in part guarded by the lock
-    std::mutex m_lock;      // guards the following seven
+    Admission m_admission;  // partly guarded by the lock
+    std::mutex m_lock;      // guards the next seven
     bool m_started = false;
     bool m_stopped = false;
     std::size_t m_added = 0;
-    std::size_t m_most = 0;  // of m_added, since memory was given back
+    std::size_t m_most = 0;  // largest m_added since memory was returned
     TransferList m_pending;
-    bool m_waits = false;  // the worker does: an addition has to wake it
+    bool m_waits = false;  // the worker waits: an addition has to wake it
     HostKey m_lastKey;
 
-    unsigned int m_transfers = 0;  // begun so far
+    unsigned int m_transfers = 0;  // number of transfers begun so far
     Gate m_gate;
     Tickets m_tickets;
-    TransferList m_later;      // to be begun again when they are due
-    TransferList m_postponed;  // to be begun again when they have their tickets
-    TransferList m_going;      // to be queued next
+    TransferList m_later;      // begun again when they are due
+    TransferList m_postponed;  // begun again when they have their tickets
+    TransferList m_going;      // queued next
     TransferList m_active;
     TransferList m_ready;
     TransferList m_given;
-    bool m_begun = false;  // a transfer was attached that libcurl has not looked at yet
+    bool m_begun = false;  // a transfer was attached since libcurl's last round
     bool m_http2Moved = false;
 };
 

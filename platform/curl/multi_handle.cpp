@@ -1,4 +1,4 @@
-// multi_handle.cpp - MZCurlMulti as its callers see it.
+// multi_handle.cpp - the public functions of MZCurlMulti.
 #include "easy.h"
 #include "multi.h"
 
@@ -10,7 +10,7 @@
 namespace MZCurl {
 namespace {
 
-/// On whose behalf this thread adds handles.
+/// The sender of the handles that this thread adds.
 thread_local std::string t_sender;
 
 }  // namespace
@@ -96,7 +96,7 @@ bool MZCurlMulti::InfoRead(MultiMsg& tMsg)
         try {
             tMsg.strError = transfer->resultText(transfer->result);
         } catch (const std::bad_alloc&) {
-            // The result counts without its text.
+            // The result is reported without its text.
         }
     }
     return true;

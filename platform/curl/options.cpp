@@ -1,4 +1,4 @@
-// options.cpp - the table of options and what is refused before libcurl sees it.
+// options.cpp - the table of options, and the values that are refused before libcurl gets them.
 #include "options.h"
 
 #include <algorithm>
@@ -26,7 +26,7 @@ enum class Kind {
 struct Option {
     MZCURL_OPTION_TYPE id;
     Kind kind;
-    CURLoption curl;  // of no meaning where the wrapper keeps the value itself
+    CURLoption curl;  // ignored where the wrapper keeps the value itself
 };
 
 constexpr CURLoption kKept = CURLOPT_LASTENTRY;
@@ -48,7 +48,7 @@ constexpr Option kOptions[] = {
     {MZCURL_OPT_URL, Kind::Text, CURLOPT_URL},
     {MZCURL_OPT_POSTFIELDS, Kind::Body, CURLOPT_POSTFIELDS},
     {MZCURL_OPT_CAINFO, Kind::Text, CURLOPT_CAINFO},
-    // An empty text would be taken for a file without a name and fail every TLS transfer.
+    // Not set when empty: libcurl would take "" for the name of a file, and every TLS transfer would fail.
     {MZCURL_OPT_SSLCERT, Kind::TextOrNone, CURLOPT_SSLCERT},
     {MZCURL_OPT_SSLCERTTYPE, Kind::TextOrNone, CURLOPT_SSLCERTTYPE},
     {MZCURL_OPT_SSLKEY, Kind::TextOrNone, CURLOPT_SSLKEY},
@@ -61,7 +61,7 @@ constexpr Option kOptions[] = {
     {MZCURL_OPT_PRIVATE, Kind::Pointer, kKept},
 };
 
-/// The option, when it is one of the given kinds; null otherwise, the reason being recorded.
+/// @return the option; null, with the reason in lastError, when there is none or it is of another kind
 const Option* find(Transfer& transfer, MZCURL_OPTION_TYPE id, std::initializer_list<Kind> kinds)
 {
     const auto* const option = std::find_if(std::begin(kOptions), std::end(kOptions),
@@ -84,7 +84,7 @@ bool apply(Transfer& transfer, CURLoption option, Value value)
     return code == CURLE_OK || transfer.fail(curl_easy_strerror(code));
 }
 
-/// What a number means beside its own option.
+/// Applies what a number implies besides its own option.
 bool follow(Transfer& transfer, MZCURL_OPTION_TYPE id, long value)
 {
     const bool on = value != 0;
@@ -106,7 +106,7 @@ bool isMethodName(const std::string& text)
            std::all_of(text.begin(), text.end(), [](char c) { return c > ' ' && c < '\x7f'; });
 }
 
-/// libcurl would skip the third slash and ask a host named like the first part of the path.
+/// @return whether the URL has no host. libcurl would skip the third slash and take the path's first part for the host.
 bool lacksHost(const std::string& url)
 {
     for (const char* const start : {"http:///", "https:///"}) {

@@ -1,4 +1,4 @@
-// options.h - the wrapper's options, as libcurl's.
+// options.h - the wrapper's options and their counterparts in libcurl.
 #pragma once
 
 #include "transfer.h"
@@ -8,8 +8,9 @@
 
 namespace MZCurl {
 
-/// Each sets one option. @return false, with the reason in the transfer's lastError, when the
-/// option does not take that type of value or the value is refused
+/// Each sets one option.
+/// @return false, with the reason in the transfer's lastError, when the option takes another type of value or
+///   the value is refused
 bool setNumber(Transfer& transfer, MZCURL_OPTION_TYPE option, long long value);
 bool setText(Transfer& transfer, MZCURL_OPTION_TYPE option, const std::string& value);
 bool setList(Transfer& transfer, MZCURL_OPTION_TYPE option, const std::list<std::string>& value);

@@ -1,4 +1,4 @@
-// repeat.cpp - what is sent again, how often and why.
+// repeat.cpp - decides which transfers are begun again.
 #include "repeat.h"
 
 #include "connections.h"
@@ -16,11 +16,11 @@ using std::chrono::milliseconds;
 
 constexpr const char* kTag = "BILLING_PLATFORM";
 
-// A server that is restarted refuses connections for some milliseconds (nginx) to a second (Apache), longer when it is busy.
+// A restarting server refuses connections for some milliseconds (nginx) to a second (Apache), longer under load.
 constexpr std::array kRefusedPauses{milliseconds(250), milliseconds(500), milliseconds(1000),
                                     milliseconds(2000)};
 
-// With less time left an attempt is not worth its handshake.
+// Least time left for another attempt: with less a handshake is not worth its cost.
 constexpr milliseconds kLeastTime{1000};
 
 bool hasTime(const Transfer& transfer)
@@ -28,7 +28,7 @@ bool hasTime(const Transfer& transfer)
     return transfer.timeout.count() == 0 || timeLeft(transfer) >= kLeastTime;
 }
 
-/// The server has sent nothing of an answer, and will not: the connection, or the stream of an HTTP/2 one, has ended.
+/// @return whether the connection, or the HTTP/2 stream, ended after the request was sent and before any byte of the body
 bool endedWithoutAnswer(const Transfer& transfer)
 {
     if (transfer.bodyBytes > 0 || transfer.sendings == 0) {
@@ -42,14 +42,15 @@ bool endedWithoutAnswer(const Transfer& transfer)
         case CURLE_HTTP2:
         case CURLE_HTTP2_STREAM:
             return true;
-        case CURLE_ABORTED_BY_CALLBACK:  // libcurl's own repetition was stopped
+        case CURLE_ABORTED_BY_CALLBACK:  // a callback has stopped libcurl's own repetition
             return transfer.sendings > 1;
         default:
             return false;
     }
 }
 
-/// The end may be the connection's and not the answer's: a server that ends the first request of a connection means it.
+/// @return whether the connection may have caused the end. A server that ends the first request of a connection of its own
+///   does so on purpose.
 bool connectionIsSuspect(const Transfer& transfer)
 {
     return transfer.keptConnection || transfer.sendings > 1 ||

@@ -1,4 +1,4 @@
-// repeat.h - what is sent again, how often and why: every repetition of a transfer is decided here.
+// repeat.h - decides every repetition of a transfer: what is sent again, how often and why.
 //
 // | reason  | what has happened                                             | which requests | how often, and how           |
 // |---------|---------------------------------------------------------------|----------------|------------------------------|
@@ -21,17 +21,20 @@ namespace MZCurl {
 
 enum class Again { No, Lost, Session, Refused, Ticket };
 
-/// @return why the transfer, whose attempt has ended with its `result`, is to be begun again; No when it has ended
+/// @param transfer its attempt has ended with its `result`
+/// @return why it is to be begun again; No when the transfer has ended
 Again whyAgain(const Transfer& transfer);
 
-/// Counts one more repetition for this reason, and logs it. @return the pause before it
+/// Counts a repetition for this reason and logs it.
+/// @return the pause before it
 std::chrono::milliseconds countRepeat(Transfer& transfer, Again reason);
 
-/// libcurl is about to send the request of an attempt once more on its own, over another connection. Counted as a
-/// repetition when it may. @return whether it may
+/// Called when libcurl is about to send the request of an attempt a second time, over another connection. Counts a
+/// repetition that is allowed.
+/// @return whether it is allowed
 bool mayBeSentOnceMore(Transfer& transfer);
 
-/// @return what is left of the time for all attempts, at least 1 ms; 0 without a limit
+/// @return time left for all attempts, at least 1 ms; 0 when there is no limit
 std::chrono::milliseconds timeLeft(const Transfer& transfer);
 
 }  // namespace MZCurl

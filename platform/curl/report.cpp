@@ -1,4 +1,4 @@
-// report.cpp - what the log says of a transfer when it has ended.
+// report.cpp - the line of the log about a transfer that has ended.
 #include "report.h"
 
 #include <platform/log.h>
@@ -7,7 +7,7 @@ namespace MZCurl {
 namespace {
 
 constexpr const char* kTag = "BILLING_PLATFORM";
-constexpr long kFirstRefusal = 400;  // HTTP
+constexpr long kFirstRefusal = 400;  // HTTP status
 
 long number(const Transfer& transfer, CURLINFO info)
 {
@@ -16,7 +16,7 @@ long number(const Transfer& transfer, CURLINFO info)
     return value;
 }
 
-/// Since the beginning of the transfer, in microseconds; 0 for what did not happen.
+/// @return microseconds since the transfer's beginning; 0 for what did not happen
 long microseconds(const Transfer& transfer, CURLINFO info)
 {
     curl_off_t value = 0;
@@ -24,7 +24,7 @@ long microseconds(const Transfer& transfer, CURLINFO info)
     return static_cast<long>(value);
 }
 
-/// A refusal of the server's is a success for libcurl, and no other line names it.
+/// An HTTP error status is a success for libcurl, and only this line names it: so it is a warning.
 log_priority priorityOf(CURLcode result, long status)
 {
     if (status >= kFirstRefusal)

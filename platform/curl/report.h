@@ -1,13 +1,12 @@
-// report.h - what the log says of a transfer when it has ended.
+// report.h - the line of the log about a transfer that has ended.
 #pragma once
 
 #include "transfer.h"
 
 namespace MZCurl {
 
-/// Logs one line: which transfer it was, libcurl's code, the HTTP status, the connection, and how long each part took.
-/// At warning level when the HTTP status is 400 or more, at info level when the transfer failed otherwise, at debug
-/// level when it is a success.
+/// Logs one line with the transfer, libcurl's code, the HTTP status, the connection, and the time of each phase. Level:
+/// warning when the HTTP status is 400 or more, info when the transfer failed otherwise, debug when it succeeded.
 void report(const Transfer& transfer);
 
 }  // namespace MZCurl

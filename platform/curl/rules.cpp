@@ -1,4 +1,4 @@
-// rules.cpp - the options of libcurl that hold for every transfer, and for each of its attempts.
+// rules.cpp - libcurl's options that hold for every transfer, and those of each attempt.
 #include "callbacks.h"
 #include "repeat.h"
 #include "tls.h"
@@ -7,9 +7,9 @@
 namespace MZCurl {
 namespace {
 
-// libcurl 7.88 keeps the connections of a host in one bundle. Once one of them speaks HTTP/2 it puts requests onto any of
-// them that are in use, those of HTTP/1.1 as well: the answers would be swapped. The scope is part of the bundle's name, and
-// the kernel looks at it only for link-local addresses.
+// libcurl 7.88 keeps the connections of a host in one bundle. Once one of them speaks HTTP/2, libcurl puts requests onto any
+// connection in use, HTTP/1.1 included, and the answers would be swapped. The address scope separates bundles, and the
+// kernel uses it for link-local addresses only.
 constexpr long kApart = 1;
 
 }  // namespace
@@ -21,22 +21,20 @@ bool Transfer::applyRules()
     const auto set = [&](CURLoption option, auto value) {
         ok = curl_easy_setopt(handle, option, value) == CURLE_OK && ok;
     };
-    // The process is threaded: no signal for a time-out, and no wait for a name look-up that is
-    // stuck when its transfer goes.
+    // For a process with threads: no signal for a time-out, and no wait for a stuck name look-up when its transfer ends.
     set(CURLOPT_NOSIGNAL, 1L);
     set(CURLOPT_QUICK_EXIT, 1L);
-    // Nothing from outside steers a transfer: no proxy, no password file, no redirect.
+    // No proxy, password file or redirect may influence a transfer.
     set(CURLOPT_PROTOCOLS_STR, "https");
     set(CURLOPT_PROXY, "");
     set(CURLOPT_NETRC, static_cast<long>(CURL_NETRC_IGNORED));
     set(CURLOPT_FOLLOWLOCATION, 0L);
-    // An older version would be taken from a server that has nothing newer: no token goes over it.
+    // Refuses TLS below 1.2: libcurl would accept it.
     set(CURLOPT_SSLVERSION, static_cast<long>(CURL_SSLVERSION_TLSv1_2));
-    // Of TLS 1.2 the suites of fresh keys and authenticated encryption; all of TLS 1.3 are such.
+    // TLS 1.2: only suites with fresh keys and authenticated encryption. All suites of TLS 1.3 are such.
     set(CURLOPT_SSL_CIPHER_LIST, "ECDHE+AESGCM:ECDHE+CHACHA20:DHE+AESGCM:DHE+CHACHA20:!aNULL:!PSK");
-    // Trust is what CAINFO names and nothing else: the distribution's bundle and folder would be
-    // trusted beside it. The file is read for each new connection, so that a new one counts, unless
-    // somebody watches it.
+    // Only the file of CAINFO is trusted: by default libcurl also trusts the distribution's bundle and folder. Each new
+    // connection reads the file, so that a changed one counts, unless a SessionShare watches it.
     set(CURLOPT_CAINFO, static_cast<const char*>(nullptr));
     set(CURLOPT_CAPATH, static_cast<const char*>(nullptr));
     set(CURLOPT_CA_CACHE_TIMEOUT, 0L);
@@ -78,8 +76,8 @@ void Transfer::begin(bool fresh)
     const auto set = [this](CURLoption option, long value) {
         curl_easy_setopt(curl.get(), option, value);
     };
-    // A request that must not be sent twice has a connection of its own: over a kept one it could be lost without a way
-    // to tell whether the server has processed it.
+    // A request that must not be sent twice gets a connection of its own. A kept one could be lost without telling whether
+    // the server has processed the request.
     set(CURLOPT_FRESH_CONNECT, fresh || onlyHttp11 ? 1L : 0L);
     set(CURLOPT_FORBID_REUSE, onlyHttp11 ? 1L : 0L);
     set(CURLOPT_HTTP_VERSION, onlyHttp11 ? CURL_HTTP_VERSION_1_1 : CURL_HTTP_VERSION_NONE);

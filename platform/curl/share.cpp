@@ -1,5 +1,4 @@
-// share.cpp - sessions outlive the easy handle that made them, but not the CA file that they were
-// verified with; and that file is read once while it stays the same.
+// share.cpp - keeps TLS sessions and the loaded CA file for as long as the CA file stays the same.
 #include "share.h"
 
 #include <cstdio>
@@ -9,7 +8,7 @@
 namespace MZCurl {
 namespace {
 
-// What libcurl has read from a CA file holds until it hears another name.
+// libcurl keeps a loaded CA file until the file's name changes.
 constexpr long kForever = -1;
 
 auto identity(const struct stat& file)
@@ -18,8 +17,8 @@ auto identity(const struct stat& file)
                            file.st_mtim.tv_nsec, file.st_ctim.tv_sec, file.st_ctim.tv_nsec);
 }
 
-/// Another name of the same file, another one for each number. libcurl keeps what it has read from a
-/// CA file by the file's name, and finds connections by it: under another name it reads the file again.
+/// @return an alias of the path, different for each number. libcurl identifies a loaded CA file, and the connections
+///   verified with it, by the file's name: for another name it reads the file again.
 std::string otherName(const std::string& path, unsigned int number)
 {
     if (number == 0) {
@@ -54,7 +53,7 @@ bool SessionShare::attach(Transfer& transfer)
     if (stat(transfer.caFile.c_str(), &file) != 0) {
         file = {};
     } else if (!S_ISREG(file.st_mode) && !S_ISDIR(file.st_mode)) {
-        // libcurl opens it and reads to its end, on the thread of all transfers.
+        // libcurl would read it to its end on the worker, which might never come.
         std::snprintf(
             transfer.errorBuffer.data(), transfer.errorBuffer.size(),
             "the CA file %s is a pipe, a socket or a device; put a file of certificates there",
@@ -71,7 +70,7 @@ bool SessionShare::attach(Transfer& transfer)
             curl_easy_setopt(transfer.curl.get(), CURLOPT_CA_CACHE_TIMEOUT, kForever);
         }
     } catch (const std::bad_alloc&) {
-        // Without a share there are handshakes more, and nothing else.
+        // Without a share there are more handshakes; nothing else fails.
         m_trust = {};
         m_share.reset();
     }

@@ -1,5 +1,5 @@
-// share.h - what the transfers of one multi handle have in common about trust: the TLS sessions, which
-// would otherwise die with the easy handle that made them, and what was read from the CA file.
+// share.h - the TLS sessions and the loaded CA file that the transfers of one multi handle share. Without a share the
+// sessions would be lost with the easy handle that made them.
 #pragma once
 
 #include "transfer.h"
@@ -12,19 +12,18 @@
 
 namespace MZCurl {
 
-/// Thread: one. There are no locks: a transfer holds the share only while the worker has it.
+/// Thread: one, the worker. There are no locks: a transfer has the share only while the worker performs it.
 class SessionShare {
 public:
-    /// Gives a transfer that names a CA file the sessions. When the file is not the one that they
-    /// were verified with, it and those after it start with none, over new connections that read it:
-    /// a session that is taken up again is not verified again, nor is a connection that is kept.
-    /// @return false, with the reason in the transfer's error text, for a CA file whose reader might
-    /// wait for ever
+    /// Gives the shared sessions to a transfer that names a CA file. When the file has changed since the sessions were
+    /// verified, this transfer and later ones start without sessions, over new connections that read the file: resumed
+    /// sessions and kept connections are not verified again.
+    /// @return false, with the reason in the transfer's error text, for a CA file that may have no end
     bool attach(Transfer& transfer);
     static void detach(Transfer& transfer);
 
 private:
-    /// Which file the sessions were verified with; changes when it is written or replaced.
+    /// The CA file that the sessions were verified with; differs when the file was written or replaced.
     struct Trust {
         std::string path;
         struct stat file;
@@ -33,8 +32,8 @@ private:
 
     std::shared_ptr<CURLSH> m_share;
     Trust m_trust{};
-    std::string m_caFile;        // what libcurl calls that file
-    unsigned int m_changes = 0;  // of it
+    std::string m_caFile;        // path alias under which libcurl has the CA file
+    unsigned int m_changes = 0;  // number of its changes
 };
 
 }  // namespace MZCurl

@@ -1,4 +1,4 @@
-// tickets.cpp - who gets a ticket for a large answer, and who has to give it up.
+// tickets.cpp - gives tickets for large answers, and takes them back.
 #include "tickets.h"
 
 #include "admission.h"
@@ -23,7 +23,7 @@ std::uint64_t servedOf(const Transfer& transfer)
 
 Tickets::Tickets()
 {
-    // Every transfer that waits or has a ticket has a slot: nothing is allocated in a callback.
+    // A transfer that waits for a ticket or has one is in a slot: the callbacks need no memory.
     m_waiting.reserve(kMostSlots);
     m_holders.reserve(kMostSlots);
 }

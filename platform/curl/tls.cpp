@@ -1,4 +1,4 @@
-// tls.cpp - the bridge between libcurl's TLS context callback and the wrapper's.
+// tls.cpp - prepares TLS contexts: runs the caller's callback and completes its result.
 #include "tls.h"
 
 #include "transfer.h"
@@ -15,21 +15,21 @@ namespace {
 
 bool hasCredentials(const SSL_CTX* context)
 {
-    // A certificate without its key is not presented.
+    // OpenSSL presents a certificate only together with its key.
     return SSL_CTX_get0_certificate(context) != nullptr &&
            SSL_CTX_get0_privatekey(context) != nullptr;
 }
 
-/// The key store pads by itself, as PKCS#1 signatures are padded. Left alone, the library would
-/// choose PSS and do the padding: TLS 1.3 has nothing else, and TLS 1.2 prefers it.
+/// Limits signatures to PKCS#1 padding, the only one of the key store. OpenSSL would choose PSS and pad by itself: TLS 1.2
+/// prefers PSS, and TLS 1.3 has nothing else.
 void signWithPkcs1(SSL_CTX* context)
 {
     SSL_CTX_set_max_proto_version(context, TLS1_2_VERSION);
     SSL_CTX_set1_client_sigalgs_list(context, "RSA+SHA256:RSA+SHA384:RSA+SHA512");
 }
 
-/// libcurl asks servers for no tickets, whatever the reason was once. Where the sessions are kept by
-/// nobody else, as in a store of many servers, every connection would cost a signature.
+/// Lets the server send session tickets: libcurl turns them off. A server without a session cache of its own, such as one of
+/// many behind one name, would otherwise cost a signature for each connection.
 void takeTickets(SSL_CTX* context)
 {
     SSL_CTX_clear_options(context, SSL_OP_NO_TICKET);
@@ -42,9 +42,9 @@ int transferIndex()
     return index;
 }
 
-/// Runs when the handshake begins: notes whether it does so with a session, and offers what the transfer may speak. It is
-/// the last moment for that: libcurl 8 makes its own offer after it has handed out the context. The transfer may be gone
-/// when the connection begins another handshake, so this runs once.
+/// Called at the beginning of the handshake. Notes whether the handshake offers a session, and limits the protocols (ALPN) to
+/// what the transfer may speak: libcurl 8 sets its own list after it has handed out the context. Runs once: at a later
+/// handshake of the connection the transfer may not exist any more.
 void onHandshake(const SSL* ssl, int where, int /*value*/)
 {
     constexpr unsigned char kOnlyHttp11[] = "\x08http/1.1";
@@ -67,8 +67,8 @@ void watchHandshake(SSL_CTX* context, Transfer& transfer)
     }
 }
 
-/// A server that only asks for a certificate lets this transfer in. Nothing of it may serve another:
-/// no session, no connection that is kept, and no HTTP/2, whose connections are shared while in use.
+/// For a transfer without a client certificate, which a server may still accept: other transfers must not use its session or
+/// its connection. HTTP/2 is off, since its connections are shared while in use.
 void useOnce(Transfer& transfer, SSL_CTX* context)
 {
     SSL_CTX_set_session_cache_mode(context, SSL_SESS_CACHE_OFF);
@@ -91,7 +91,7 @@ CURLcode onSslContext(CURL* /*curl*/, void* context, void* pointer)
     try {
         transfer.sslContext(context, transfer.sslContextData);
     } catch (...) {
-        // The context is completed for what was installed before.
+        // The context is completed with what the callback has installed so far.
     }
     if (hasCredentials(sslContext)) {
         signWithPkcs1(sslContext);
@@ -129,8 +129,8 @@ void endInOrder(void* ssl)
 
 std::string tlsCause(CURL* curl, CURLcode code, const std::string& text)
 {
-    // The device's key is the only one that is asked for a signature, and OpenSSL has no word for one
-    // that gives none: it shows whatever stood last in its queue.
+    // Only the device's key makes signatures here. OpenSSL has no error of its own for a signature that failed: it reports
+    // the last error of its queue.
     if (code == CURLE_SSL_CONNECT_ERROR &&
         (text.find("EVP lib") != std::string::npos ||
          text.find("DSO support routines") != std::string::npos)) {
@@ -148,7 +148,7 @@ std::string tlsCause(CURL* curl, CURLcode code, const std::string& text)
         std::strftime(said, sizeof said, "%Y-%m-%d %H:%M UTC", gmtime_r(&now, &parts));
         return std::string(" (the clock of this device says ") + said + ")";
     }
-    // Its words for this alert are those for a server that failed the verification.
+    // libcurl's text for this alert of the server is the same as for a server certificate that failed the verification.
     return text == "SSL certificate verification failed"
                ? " (the server says that the certificate of this device has expired)"
                : "";

@@ -1,4 +1,4 @@
-// transfer.cpp - the life of a libcurl handle and what the wrapper knows of it.
+// transfer.cpp - creates, resets and keeps libcurl's handle of a transfer.
 #include "transfer.h"
 
 #include <utility>

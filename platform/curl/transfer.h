@@ -1,5 +1,4 @@
-// transfer.h - what stands behind one easy handle: libcurl's handle, what its callbacks need, and
-// the place that the multi handle keeps for it.
+// transfer.h - the data behind one easy handle: libcurl's handle, what its callbacks need, and its place in the multi handle.
 #pragma once
 
 #include "handles.h"
@@ -28,8 +27,7 @@ struct Host;
 struct Lane;
 struct Transfer;
 
-/// Transfers in one state. A transfer's node moves from list to list without being allocated again,
-/// so that only accepting a handle can run out of memory.
+/// Transfers in one state. A transfer's list node moves from list to list, so that only accepting a transfer needs memory.
 using TransferList = std::list<Transfer*>;
 
 /// How often a transfer was begun again, by reason (repeat.h).
@@ -55,27 +53,28 @@ struct Transfer {
     Transfer(const Transfer&) = delete;
     Transfer& operator=(const Transfer&) = delete;
 
-    /// Makes libcurl's handle, or takes one that was kept, with the rules that no option can lift. @return false when there
-    /// is no memory
+    /// Creates libcurl's handle, or takes one from the pool, and sets the rules that no option can change.
+    /// @return false when there is no memory
     bool initialize();
 
-    /// Forgets the options and keeps the rules. A handle that could not keep them is gone.
+    /// Clears the options and sets the rules again; without memory for the rules the handle is freed.
     void reset();
 
-    /// Forgets what the transfer before left behind: to be called once, when the transfer is handed over.
+    /// Clears the state of the previous transfer. Called once, when the transfer is handed over.
     void start();
 
-    /// Prepares one attempt: to be called at the beginning of each. @param fresh it goes over a new connection, whatever
-    /// the connections that are kept
+    /// Prepares an attempt. Called at the beginning of each.
+    /// @param fresh true: uses a new connection even if one is kept
     void begin(bool fresh);
 
-    /// @return whether the request asks for something and changes nothing: a GET
+    /// @return whether the request may be sent again: a GET, which changes nothing on the server
     bool mayBeSentAgain() const { return !sendsBody && !namesMethod; }
 
-    /// Text for the way a transfer ended; empty for success.
+    /// @return text for the result of a transfer; empty for success
     std::string resultText(CURLcode code) const;
 
-    /// Records why something failed. @return false
+    /// Records the reason of a failure.
+    /// @return false
     bool fail(const char* reason);
 
     Headers headers;  // libcurl reads it until the very end

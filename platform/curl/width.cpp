@@ -1,4 +1,4 @@
-// width.cpp - when a host gets more requests at the same time, and when fewer again.
+// width.cpp - raises and lowers the limit of simultaneous requests to a host.
 #include "width.h"
 
 #include "quotas.h"
@@ -8,7 +8,7 @@
 namespace MZCurl {
 namespace {
 
-// More halvings leave nothing of any width.
+// After this many halvings the width is 0.
 constexpr Width::Clock::rep kMostHalvings = 20;
 
 }  // namespace
