@@ -48,7 +48,7 @@ std::string isUtf8(std::string& text)
                : "is not UTF-8, which the bus asks for";
 }
 
-/// CLI::Range would let "nan" pass, which is neither below nor above.
+/// Checks a number of seconds. CLI::Range would accept "nan", for which every comparison is false.
 std::string isSeconds(std::string& text)
 {
     double seconds = 0;
@@ -57,7 +57,7 @@ std::string isSeconds(std::string& text)
                : "\"" + text + "\" is no number of seconds from 0.1 to 86400";
 }
 
-/// As an option of this program and as the interface spells it.
+/// @return the argument's option of this program, and its name on the bus as a second one
 std::string optionOf(const Argument& argument)
 {
     const std::string own = std::string("--") + argument.name;
@@ -139,7 +139,7 @@ void describeSettings(CLI::App& app, Options& options)
     });
 }
 
-/// "help COMMAND", as many programs have it: wordsOf() makes "COMMAND --help" of it.
+/// Adds "help COMMAND", which many programs have: wordsOf() turns it into "COMMAND --help".
 void describeHelp(CLI::App& app)
 {
     CLI::App* const command = app.add_subcommand("help", "Print the options of a command");
@@ -147,7 +147,7 @@ void describeHelp(CLI::App& app)
     command->callback([] { throw CLI::ValidationError("help stands before everything else"); });
 }
 
-/// The arguments, in the order in which the parser takes them: the last one first.
+/// @return the arguments in the parser's order: the last one first
 std::vector<std::string> wordsOf(int argc, char** argv)
 {
     std::vector<std::string> words(argv + 1, argv + argc);
@@ -179,7 +179,8 @@ std::string version()
            "\njsoncpp " + JSONCPP_VERSION_STRING;
 }
 
-/// The command that was probably meant, empty when none is near. @param word as it was typed
+/// @param word as it was typed
+/// @return the most similar command; empty when none is similar
 std::string nearestCommand(const CLI::App& app, std::string word)
 {
     std::replace(word.begin(), word.end(), '_', '-');
@@ -191,8 +192,7 @@ std::string nearestCommand(const CLI::App& app, std::string word)
     return nearest::to(word, names);
 }
 
-/// What is wrong with the arguments. CLI11 asks first whether there is a command, and does not say
-/// that it knows none of that name.
+/// @return what is wrong with the arguments. CLI11 reports only that a command is missing when it does not know the name.
 std::string causeOf(const CLI::App& app, const CLI::ParseError& error)
 {
     const auto words = app.remaining();
@@ -212,7 +212,7 @@ int wrongUsage(const CLI::App& app, const CLI::ParseError& error, bool json)
     return EXIT_USAGE;
 }
 
-/// An answer that nobody could read is no success.
+/// @return the exit code; a failure when the output could not be written
 int finished(int exitCode)
 {
     const bool flushed = std::fflush(stdout) == 0;
@@ -275,7 +275,7 @@ int main(int argc, char** argv)
     } catch (const CLI::Success& help) {
         return finished(app.exit(help));
     } catch (const CLI::ParseError& error) {
-        // Not from the options: what is wrong may stand before it.
+        // Searched for here: the parser may have stopped before this option.
         const bool json = std::any_of(
             argv, argv + argc, [](const char* word) { return word == std::string("--json"); });
         return finished(wrongUsage(app, error, json));

@@ -1,4 +1,4 @@
-// monitor.cpp - a connection that only listens. Messages arrive on GDBus's thread, one at a time.
+// monitor.cpp - a connection that only listens. GDBus delivers messages on its own thread, one at a time.
 #include "monitor.h"
 
 #include "base/bus.h"
@@ -28,7 +28,7 @@ struct Pending {
     }
 };
 
-/// Caller and serial.
+/// The caller's bus name and the call's serial.
 using Key = std::pair<std::string, guint32>;
 
 std::string orEmpty(const char* text)
@@ -44,7 +44,7 @@ std::string nowAs(const char* format)
     return orEmpty(text.get());
 }
 
-/// What is shown of an event: the line, and for programs the value.
+/// The output for an event: a line for people, a JSON value for programs.
 struct Event {
     Event(const char* kind, const Key& key, const std::string& method)
     {
@@ -59,7 +59,7 @@ struct Event {
     std::string line;
 };
 
-/// The arguments of a call, each as it would be typed where it is no text.
+/// @return the arguments of a call; those that are not texts in GVariant's text form
 Json::Value argumentsOf(GVariant* body)
 {
     Json::Value arguments(Json::arrayValue);
@@ -160,7 +160,7 @@ private:
             (m_options.showPrivate ? shown(info, false) : std::to_string(info.size()) + " bytes");
     }
 
-    /// Whoever leaves the bus gets no answer any more.
+    /// Ends the calls of a caller that has left the bus: they get no answer.
     void seeSignal(GDBusMessage* message)
     {
         GVariant* const body = g_dbus_message_get_body(message);
@@ -208,11 +208,11 @@ private:
 
     const MonitorOptions m_options;
     const Style m_style;
-    GMainLoop* const m_loop;  // the caller's
+    GMainLoop* const m_loop;  // not owned
     std::map<Key, Pending> m_pending;
 };
 
-// A call that is watched does not go on to GDBus, which would answer it.
+// Takes watched calls away from GDBus, which would answer them.
 GDBusMessage* onMessage(GDBusConnection*, GDBusMessage* message, gboolean incoming,
                         gpointer watcher)
 {
@@ -238,7 +238,7 @@ void becomeMonitor(GDBusConnection* connection)
         std::string("type='method_call',interface='") + kService + "'",
         std::string("type='method_return',sender='") + kService + "'",
         std::string("type='error',sender='") + kService + "'",
-        // Where nobody takes the call, or nobody is left to answer it.
+        // Errors of the bus: nobody owns the name, or the service has left without an answer.
         std::string("type='error',sender='") + kBus + "'",
         std::string("type='signal',sender='") + kBus + "',member='NameOwnerChanged'",
     };

@@ -6,12 +6,12 @@
 namespace client {
 
 struct MonitorOptions {
-    std::string bus;  ///< address; empty: the system's
+    std::string bus;  ///< address; empty: the system bus
     bool json = false;
-    bool showPrivate = false;  ///< arguments and answers, which are private values
+    bool showPrivate = false;  ///< show arguments and answers, which are private values
 };
 
-/// Prints each call and each answer until the bus goes away or the program is interrupted.
+/// Prints each call and each answer until the bus closes the connection or the program is interrupted.
 /// @return the exit code
 int monitor(const MonitorOptions& options);
 

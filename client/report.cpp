@@ -1,4 +1,4 @@
-// report.cpp - one text with everything that support needs, secrets hidden.
+// report.cpp - collects what support needs into one text, without secrets.
 #include "report.h"
 
 #include "base/calls.h"
@@ -22,7 +22,7 @@ namespace {
 
 constexpr const char* kJournalLines = "--lines=300";
 
-/// Values that say nothing of who uses the device.
+/// Groups without private values.
 constexpr const char* kOpenGroups[] = {"[network]", "[runtime]", "[system]", "[keystore]"};
 constexpr const char* kOpenKeys[] = {"production_host", "sandbox_host", "key_id", "key_material"};
 
@@ -54,7 +54,8 @@ std::vector<std::string> environment()
     return variables;
 }
 
-/// What this program says to other arguments, in a process of its own: the doctor becomes the service.
+/// Runs this program with other arguments in a process of its own, since the doctor changes its identity.
+/// @return its output
 std::string own(const ReportOptions& options, std::vector<std::string> arguments)
 {
     arguments.insert(arguments.begin(), "/proc/self/exe");
@@ -121,7 +122,7 @@ bool isAgreed(const ReportOptions& options)
     return answer == 'y' || answer == 'Y';
 }
 
-/// @return false with errno set
+/// @return false when the file cannot be written, with errno set
 bool write(const std::string& path, const std::string& text)
 {
     const int file = open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, 0600);

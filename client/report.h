@@ -1,4 +1,4 @@
-// report.h - one text with everything that support needs, secrets hidden.
+// report.h - collects what support needs into one text, without secrets.
 #pragma once
 
 #include <string>
@@ -6,15 +6,16 @@
 namespace client {
 
 struct ReportOptions {
-    std::string bus;   ///< address; empty: the system's
-    std::string file;  ///< where it is written; empty: it is only shown
-    bool yes = false;  ///< written without a question
+    std::string bus;   ///< address; empty: the system bus
+    std::string file;  ///< path of the written file; empty: the report is only shown
+    bool yes = false;  ///< true: writes without asking
 };
 
-/// Shows the report, and writes it when that was agreed to. @return the exit code
+/// Shows the report, and writes it when the user agrees.
+/// @return the exit code
 int report(const ReportOptions& options);
 
-/// A settings file with the values hidden that are private: ids, tokens, the credential.
+/// @return a settings file without its private values: ids, tokens, the credential
 std::string hidden(const std::string& settings);
 
 }  // namespace client

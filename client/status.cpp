@@ -1,4 +1,4 @@
-// status.cpp - how the service is, in a few lines.
+// status.cpp - prints the state of the service.
 #include "status.h"
 
 #include "base/calls.h"
@@ -32,7 +32,7 @@ namespace {
 
 constexpr const char* kNotKnown = "not known";
 
-/// The lines, by their names.
+/// Lines by their names.
 using Lines = std::vector<std::pair<std::string, std::string>>;
 
 std::string whenOf(double seconds)
@@ -51,10 +51,10 @@ std::string whenOf(double seconds)
 
 using Text = std::unique_ptr<char, decltype(&std::free)>;
 
-/// Which of the two servers is chosen, and its host.
+/// @return which of the two servers is chosen, with its host
 std::string serverText()
 {
-    int type = 1;  // what the service takes where the device does not say
+    int type = 1;  // the service's default
     system_info_get_value_int(SYSTEM_INFO_KEY_VANTOR_SERVER_TYPE, &type);
     const bool sandbox = type == 1 || type == 2;
     const Text host(

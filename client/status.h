@@ -1,4 +1,4 @@
-// status.h - how the service is, in a few lines.
+// status.h - prints the state of the service.
 #pragma once
 
 #include <string>
@@ -7,11 +7,11 @@ namespace client {
 
 struct StatusOptions {
     std::string bus;      ///< address; empty: the system's
-    double timeout = 10;  ///< seconds, for what waits for somebody
+    double timeout = 10;  ///< seconds, for each step that waits
     bool json = false;
 };
 
-/// Prints it. Asks the bus, the service manager, /proc and the journal, not the service.
+/// Prints the state. Asks the bus, the service manager, /proc and the journal, not the service.
 /// @return EXIT_DONE when the service runs, else EXIT_UNREACHABLE
 int status(const StatusOptions& options);
 

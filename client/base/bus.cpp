@@ -1,4 +1,4 @@
-// bus.cpp - connecting, calling, and what to say when it does not work.
+// bus.cpp - connects to the bus, calls the service, and explains failures.
 #include "bus.h"
 
 #include <chrono>
@@ -21,8 +21,8 @@ constexpr const char* kOpenBus =
 constexpr const char* kStartService =
     "start the service (systemctl start billing-service) and look at its log";
 
-/// Cancels what waits, once the time is over. GDBus has no time-out for becoming connected: what
-/// listens there may take the connection and say nothing.
+/// Cancels an operation when its time is over. GDBus has no time-out for connecting: a listener may accept the connection
+/// and never answer.
 class Deadline {
 public:
     explicit Deadline(double seconds)
@@ -67,7 +67,7 @@ std::string inTime(double seconds)
     return text;
 }
 
-/// The text of an error without the name that D-Bus puts before it.
+/// @return the text of an error without the D-Bus error name in front of it
 std::string messageOf(GError* error)
 {
     g_dbus_error_strip_remote_error(error);

@@ -25,7 +25,7 @@ struct GFree {
 template <typename T>
 using GPtr = std::unique_ptr<T, GFree>;
 
-/// Why a call has no answer: the cause and the cure, one line each.
+/// The reason why a call has no answer: cause and cure, one line each.
 class Unreachable : public std::runtime_error {
 public:
     Unreachable(const std::string& cause, const std::string& cure)
@@ -38,20 +38,20 @@ private:
     std::string m_cure;
 };
 
-/// What the service answers to each of its methods.
+/// The service's answer to a call of any method.
 struct Answer {
     int result = 0;
     std::string info;
     double milliseconds = 0;
 };
 
-/// Who owns a name of the bus.
+/// The owner of a bus name.
 struct Owner {
-    std::optional<unsigned> pid;  ///< where the bus tells
+    std::optional<unsigned> pid;  ///< empty where the bus does not tell
     std::optional<unsigned> uid;
 };
 
-/// What came of a ping.
+/// The result of a ping.
 struct Ping {
     enum Outcome {
         Answered,
@@ -66,27 +66,32 @@ struct Ping {
 /// A connection to the system bus. Thread: one.
 class Bus {
 public:
-    /// @param address empty: $DBUS_SYSTEM_BUS_ADDRESS, else the system's own @param timeout seconds
+    /// @param address empty: $DBUS_SYSTEM_BUS_ADDRESS, else the system bus
+    /// @param timeout seconds
     /// @throw Unreachable
     Bus(const std::string& address, double timeout);
 
-    /// Calls a method of the service with texts for arguments. @param timeout seconds @throw
-    /// Unreachable
+    /// Calls a method of the service; all arguments are texts.
+    /// @param timeout seconds
+    /// @throw Unreachable
     Answer call(const std::string& method, const std::vector<std::string>& arguments,
                 double timeout) const;
-    /// Asks the service for a sign of life, which nothing else is needed for; the bus starts it.
+    /// Pings the service, which needs neither key nor store for its answer. The bus starts the service for it.
     /// @param timeout seconds
     Ping ping(double timeout) const;
-    /// Asks the bus who owns the service's name. @return nullopt when nobody does @throw
-    /// Unreachable
+    /// Asks the bus for the owner of the service's name.
+    /// @return nullopt when the name has no owner
+    /// @throw Unreachable
     std::optional<Owner> owner() const;
-    /// Does the bus start the service when somebody calls it?
+    /// @return whether the bus starts the service when it is called
     bool startsService() const;
 
     GDBusConnection* connection() const { return m_connection.get(); }
 
 private:
-    /// A method of the bus itself. @param arguments may be floating @return null when it refused
+    /// Calls a method of the bus itself.
+    /// @param arguments may be floating
+    /// @return null when the bus answered with an error
     GPtr<GVariant> ask(const char* method, GVariant* arguments) const;
     std::optional<unsigned> numberOf(const char* method, const char* name) const;
 

@@ -16,7 +16,7 @@ namespace {
 constexpr int kResultTransferFailed = -1;
 constexpr int kResultRefused = 1160003;
 
-// They reach the server, or the account's device data stand in their place.
+// Only application and invoice are required; any other argument is the empty text when it is not given.
 constexpr Argument kAppId{"appid", "--appid", "Application whose products or purchases these are",
                           true};
 constexpr Argument kServerType{"serverType", "--server-type",

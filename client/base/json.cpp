@@ -1,4 +1,4 @@
-// json.cpp - JSON in one line.
+// json.cpp - writes JSON on one line.
 #include "json.h"
 
 #include "text.h"
@@ -21,8 +21,8 @@ std::string lineOf(const Json::Value& value, bool ascii)
 void printLine(const Json::Value& value)
 {
     std::string line = lineOf(value, false);
-    // The same value in other letters, for the few texts that need it: JSON may leave C1 controls
-    // and the marks that change the direction of writing as they are.
+    // On a terminal such texts are written as escapes, with the same value: JSON allows C1 controls and marks of the
+    // writing direction unescaped.
     if (isatty(STDOUT_FILENO) != 0 && shown(line, false) != line) {
         line = lineOf(value, true);
     }

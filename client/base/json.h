@@ -1,4 +1,4 @@
-// json.h - JSON in one line, for programs that read the output.
+// json.h - writes JSON on one line, for programs that read the output.
 #pragma once
 
 #include <json/json.h>
@@ -7,10 +7,11 @@
 
 namespace client {
 
-/// The value in one line, its members sorted by name. @param ascii every other character escaped
+/// @param ascii true: escapes every character outside ASCII
+/// @return the value on one line, its members sorted by name
 std::string lineOf(const Json::Value& value, bool ascii);
 
-/// Prints it on standard output. On a terminal nothing in it can steer the terminal.
+/// Prints the value on standard output. On a terminal it contains no control characters.
 void printLine(const Json::Value& value);
 
 }  // namespace client

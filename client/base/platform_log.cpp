@@ -1,5 +1,4 @@
-// platform_log.cpp - the platform log of this program: nothing is printed, an error becomes the cause
-// of a failed check.
+// platform_log.cpp - the platform log of this program: prints nothing; the first error becomes the cause of a failed check.
 #include "platform_log.h"
 
 #include <platform/log.h>
@@ -18,7 +17,7 @@ struct Log {
     std::vector<std::string> records;
 };
 
-/// Never destroyed: the service's worker may still log at the end.
+/// Never destroyed: the service's worker may still log while the process exits.
 Log& log()
 {
     static Log* const instance = new Log;

@@ -1,4 +1,4 @@
-// platform_log.h - what the platform and the service's own steps say while the doctor runs them.
+// platform_log.h - log records of the platform and of the service's code, while the doctor runs them.
 #pragma once
 
 #include <string>
@@ -6,12 +6,13 @@
 
 namespace client {
 
-/// The first error that was logged since the last time, empty when there was none. Thread: any.
+/// Takes the first error that was logged since the last call. Thread: any.
+/// @return empty when there was none
 std::string takeComplaint();
 
-/// From now on every record is kept. Thread: any.
+/// Starts keeping all records. Thread: any.
 void keepRecords();
-/// The records since then, as texts. They hold private values. Thread: any.
+/// @return the texts of the kept records; they contain private values. Thread: any
 std::vector<std::string> records();
 
 }  // namespace client

@@ -1,4 +1,4 @@
-// process.cpp - a process as /proc shows it, and programs that are asked.
+// process.cpp - reads the state of a process from /proc, and runs programs.
 #include "process.h"
 
 #include "bus.h"
@@ -25,8 +25,9 @@ std::string programOf(const std::string& folder)
     return length > 0 ? std::string(path, static_cast<std::size_t>(length)) : "";
 }
 
-/// The version that the service's file tells, without running it: root would run what the service's
-/// user may have started in its place. @return empty when this user may not read it
+/// Reads the version from the service's program file. The program is not run: root would run a file that the service's user
+/// may have replaced.
+/// @return empty when this user may not read the file
 std::string versionOf(const std::string& folder)
 {
     constexpr std::string_view kMark = "billing-service-version=";
@@ -35,10 +36,11 @@ std::string versionOf(const std::string& folder)
     return at == std::string::npos ? "" : bytes.substr(at + kMark.size()).c_str();
 }
 
-/// When a process began, by the clock as it is now. Its record counts from the boot.
+/// @param record content of /proc/PID/stat, whose start time counts from the boot
+/// @return start of the process by the current clock, seconds since 1970; 0 when it is not known
 double startOf(const std::string& record)
 {
-    // The name may hold anything; what follows its bracket are numbers.
+    // The program's name may contain anything; only numbers follow its closing bracket.
     std::istringstream fields(record.substr(record.rfind(')') + 1));
     std::string field;
     for (int i = 3; i <= 22 && fields >> field; ++i) {
@@ -55,7 +57,7 @@ double startOf(const std::string& record)
     return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) / 1e9 - age;
 }
 
-/// Users, groups and state, from /proc/PID/status.
+/// Reads users, groups and state from /proc/PID/status.
 void readStatus(const std::string& folder, Process& process)
 {
     std::istringstream lines(contentOf(folder + "/status"));

@@ -1,4 +1,4 @@
-// process.h - a process as /proc shows it.
+// process.h - the state of a process from /proc, and the output of programs.
 #pragma once
 
 #include <functional>
@@ -14,28 +14,28 @@ struct Process {
     unsigned uid = 0;
     unsigned gid = 0;
     std::vector<unsigned> groups;
-    std::string program;                   ///< empty: only root may see it
-    std::string version;                   ///< the same
+    std::string program;                   ///< empty: only root may read it
+    std::string version;                   ///< empty: as for `program`
     std::vector<std::string> environment;  ///< "NAME=value"
     bool environmentKnown = false;
     bool stopped = false;  ///< by a signal, or by a debugger
-    double started = 0;    ///< seconds since 1970, by the clock as it is now; 0: not known
+    double started = 0;    ///< seconds since 1970 by the current clock; 0: not known
 };
 
 Process processOf(unsigned pid);
 
-/// How many connections over TCP the process has; nullopt when this user may not look.
+/// @return number of TCP connections of the process; nullopt when this user may not read it
 std::optional<int> connectionsOf(unsigned pid);
 
-/// The whole file; empty when it cannot be read.
+/// @return the whole file; empty when it cannot be read
 std::string contentOf(const std::string& path);
 
-/// Runs a program and hands out each line of its standard output.
-/// @param arguments the first is the program, looked for in the usual folders
+/// Runs a program and passes each line of its standard output on.
+/// @param arguments the first one is the program, searched for in the usual folders
 void forEachLine(const std::vector<std::string>& arguments,
                  const std::vector<std::string>& environment,
                  const std::function<void(const std::string&)>& take);
-/// The whole output.
+/// @return the whole standard output of a program
 std::string outputOf(const std::vector<std::string>& arguments,
                      const std::vector<std::string>& environment);
 

@@ -1,4 +1,4 @@
-// text.cpp - what is shown of a text, and how.
+// text.cpp - makes texts safe to show, and indents JSON.
 #include "text.h"
 
 #include <glib.h>
@@ -21,7 +21,7 @@ bool isPlain(gunichar character, bool lines)
     }
     switch (g_unichar_type(character)) {
         case G_UNICODE_CONTROL:
-        case G_UNICODE_FORMAT:  // the marks that change the direction, among others
+        case G_UNICODE_FORMAT:  // among others the marks of the writing direction
         case G_UNICODE_SURROGATE:
         case G_UNICODE_LINE_SEPARATOR:
         case G_UNICODE_PARAGRAPH_SEPARATOR:
@@ -43,7 +43,8 @@ std::string lineOf(std::size_t depth)
     return "\n" + std::string(2 * depth, ' ');
 }
 
-/// The end of the JSON text that begins at this quote, behind its closing one.
+/// @param at place of a quote that begins a JSON text
+/// @return the place behind its closing quote
 std::size_t endOfText(const std::string& json, std::size_t at)
 {
     for (++at; at < json.size() && json[at] != '"'; ++at) {
@@ -52,7 +53,7 @@ std::size_t endOfText(const std::string& json, std::size_t at)
     return at + 1;
 }
 
-/// Does nothing but blanks stand between this bracket and the closing one?
+/// @return whether only blanks stand between this bracket and the closing one
 bool isEmpty(const std::string& json, std::size_t at)
 {
     const char next = json[json.find_first_not_of(" \t\r\n", at + 1)];
@@ -68,7 +69,7 @@ std::string shown(const std::string& text, bool lines)
     const char* const end = at + text.size();
     while (at < end) {
         const gunichar character = g_utf8_get_char_validated(at, end - at);
-        if (character >= 0x110000 || character == 0) {  // no UTF-8, or NUL
+        if (character >= 0x110000 || character == 0) {  // not UTF-8, or NUL
             result += escaped("\\x%02x", static_cast<unsigned char>(*at));
             ++at;
             continue;
@@ -94,7 +95,7 @@ bool isJson(const std::string& text)
     try {
         return reader->parse(text.data(), text.data() + text.size(), &value, nullptr);
     } catch (const Json::Exception&) {
-        return false;  // nested too deep
+        return false;  // too many nested levels
     }
 }
 

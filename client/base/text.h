@@ -1,28 +1,27 @@
-// text.h - texts of others on a terminal: nothing in them moves its cursor, colours it or reorders
-// it.
+// text.h - texts from outside on a terminal: they cannot move its cursor, change colours or reorder the line.
 #pragma once
 
 #include <string>
 
 namespace client {
 
-/// What is dangerous to show stands as "\x1b" or "\u{202e}": control characters, bytes that are no
-/// UTF-8, and the marks that change the direction of writing. @param lines line feeds and tabs stay
+/// Writes dangerous characters as "\x1b" or "\u{202e}": control characters, bytes that are not UTF-8, and marks of the
+/// writing direction.
+/// @param lines true: line feeds and tabs stay
 std::string shown(const std::string& text, bool lines);
 
-/// Is this a whole JSON document?
+/// @return whether the text is one whole JSON document
 bool isJson(const std::string& text);
 
-/// The same document in lines, indented. No value is rewritten: numbers and texts stay as they
-/// stand. @param json isJson()
+/// Puts the members of a JSON document on indented lines. Numbers and texts are not rewritten.
+/// @param json isJson() is true for it
 std::string indented(const std::string& json);
 
-/// Colours, where they are wanted: on a terminal that has them (TERM is neither empty nor dumb), and
-/// not with NO_COLOR in the environment.
+/// Colours. Used on a terminal that has them (TERM is neither empty nor dumb), unless NO_COLOR is in the environment.
 class Style {
 public:
     explicit Style(bool colours) : m_colours(colours) {}
-    /// @param descriptor where the text goes
+    /// @param descriptor destination of the text
     static Style of(int descriptor);
 
     std::string good(const std::string& text) const { return paint("32", text); }

@@ -1,4 +1,4 @@
-// certificate.cpp - certificates as the doctor reads and describes them.
+// certificate.cpp - reads and describes certificates for the doctor.
 #include "certificate.h"
 
 #include <arpa/inet.h>
@@ -135,7 +135,7 @@ int daysLeft(const X509* certificate)
 {
     int days = 0;
     int seconds = 0;
-    // From now on.
+    // A null start time means now.
     ASN1_TIME_diff(&days, &seconds, nullptr, X509_get0_notAfter(certificate));
     return seconds < 0 ? days - 1 : days;
 }

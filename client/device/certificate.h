@@ -1,4 +1,4 @@
-// certificate.h - certificates as the doctor reads and describes them.
+// certificate.h - reads and describes certificates for the doctor.
 #pragma once
 
 #include <openssl/x509.h>
@@ -14,33 +14,33 @@ struct CertificateFree {
 };
 using Certificate = std::unique_ptr<X509, CertificateFree>;
 
-/// False for a pipe, a socket or a device, whose reader might wait for ever.
+/// @return false for a pipe, a socket or a device, which might never end
 bool hasAnEnd(const char* path);
-/// In place of an errno value: the file has no end.
+/// Stands in place of an errno value: the file might never end.
 constexpr int kNoFile = -1;
 
-/// What a PEM file holds.
+/// The content of a PEM file.
 struct PemFile {
     std::vector<Certificate> certificates;
-    int error = 0;        ///< of opening it, an errno value or kNoFile
-    bool broken = false;  ///< something follows that looks like a certificate and is none
+    int error = 0;        ///< errno value of opening it, or kNoFile
+    bool broken = false;  ///< has a block that looks like a certificate and is not valid
 };
 
 PemFile readPem(const char* path);
 
 /// "valid from 2026-01-31 to 2027-01-31"
 std::string validityOf(const X509* certificate);
-/// The common name, or where there is none what hostsOf() says.
+/// @return the common name; without one the result of hostsOf()
 std::string nameOf(const X509* certificate);
-/// The common name of who signed it, or another part of the name.
+/// @return the issuer's common name; without one another part of its name
 std::string issuerOf(const X509* certificate);
-/// The host names and addresses that a server's certificate is for, with commas between them.
+/// @return host names and addresses of a server's certificate, separated by commas
 std::string hostsOf(const X509* certificate);
 
 /// "an EC key with 256 bits"
 std::string kindOf(const EVP_PKEY* key);
 
-/// Whole days until it ends, by the clock of this machine; less than 0 when it has ended.
+/// @return whole days until the certificate expires, by this machine's clock; negative when it has expired
 int daysLeft(const X509* certificate);
 /// "12 days left"
 std::string daysText(int days);
@@ -48,7 +48,7 @@ std::string daysText(int days);
 bool isOver(const X509* certificate);
 bool isBeforeItsTime(const X509* certificate);
 
-/// What the clock of this machine says.
+/// @return this machine's date and time
 std::string clockText();
 
 }  // namespace client

@@ -1,4 +1,4 @@
-// eyes.cpp - root's eyes: questions and answers, one JSON line each.
+// eyes.cpp - the root helper: questions and answers are one JSON line each.
 #include "eyes.h"
 
 #include "base/json.h"
@@ -40,7 +40,7 @@ Json::Value parsed(const std::string& line)
     return value;
 }
 
-/// @return empty at the end
+/// @return a line of the channel; empty at its end
 std::string readLine(int channel)
 {
     std::string line;

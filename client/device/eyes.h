@@ -1,4 +1,4 @@
-// eyes.h - root's eyes: a process that stays root when the doctor becomes the service.
+// eyes.h - the root helper: a process that stays root when the doctor takes the service's identity.
 #pragma once
 
 #include "facts.h"
@@ -10,8 +10,8 @@
 
 namespace client {
 
-/// Answers questions about the system. As root it does so from a process of its own, started by the
-/// constructor: before this process has a second thread. Thread: one.
+/// Answers questions about the system. As root it uses a helper process, which the constructor forks: this process must
+/// have only one thread then. Thread: one.
 class Eyes {
 public:
     explicit Eyes(bool ownProcess);

@@ -1,4 +1,4 @@
-// facts.cpp - what the bus, the service manager and the journal know of the service.
+// facts.cpp - data about the service from the bus, the service manager and the journal.
 #include "facts.h"
 
 #include "base/bus.h"
@@ -16,10 +16,10 @@ namespace {
 constexpr const char* kManager = "org.freedesktop.systemd1";
 constexpr const char* kManagerPath = "/org/freedesktop/systemd1";
 constexpr const char* kUnit = "billing-service.service";
-// An error record of every request, which is no complaint.
+// Logged as an error for every request, but not a failure.
 constexpr const char* kNoComplaint = "Setup SSL options";
 
-/// The properties of one interface of the unit.
+/// The properties of one interface of the systemd unit.
 class Properties {
 public:
     Properties(GDBusConnection* connection, const char* path, const char* interface, int timeout)
@@ -33,7 +33,7 @@ public:
         }
     }
 
-    /// @return null when there is none of this type
+    /// @return null when there is no property of this name and type
     GPtr<GVariant> get(const char* name, const char* type) const
     {
         return GPtr<GVariant>(m_values == nullptr ? nullptr
@@ -71,7 +71,8 @@ private:
     GPtr<GVariant> m_values;
 };
 
-/// "NAME=value" lines of an EnvironmentFile=. @param path a "-" before it is taken off already
+/// Adds the "NAME=value" lines of an EnvironmentFile=.
+/// @param path without the "-" that may stand before it
 void addFile(const std::string& path, std::vector<std::string>& environment)
 {
     std::ifstream file(path);
@@ -112,7 +113,7 @@ void readProgram(const Properties& properties, Unit& unit)
 
 std::optional<Unit> unitOf(GDBusConnection* connection, int timeout)
 {
-    // The flag: what is not there is not started for this.
+    // NO_AUTO_START: a missing systemd must not be started for this question.
     const GPtr<GVariant> reply(g_dbus_connection_call_sync(
         connection, kManager, kManagerPath, "org.freedesktop.systemd1.Manager", "LoadUnit",
         g_variant_new("(s)", kUnit), G_VARIANT_TYPE("(o)"), G_DBUS_CALL_FLAGS_NO_AUTO_START,
@@ -240,7 +241,7 @@ Unit unitFrom(const Json::Value& value)
     return unit;
 }
 
-/// Keeps what the service says of its callers, without what stands before it; whose each is, is no complaint.
+/// Keeps a line of the service about its callers, without its prefix. A line that only names a caller's user is skipped.
 void noteCaller(Record& record, const std::string& line)
 {
     if (line.find(" is of user ") != std::string::npos) {
@@ -269,7 +270,7 @@ Facts factsOf(const std::string& bus, double timeout)
             facts.process = processOf(*owner->pid);
         }
     } catch (const Unreachable&) {
-        return facts;  // the check of the bus says it
+        return facts;  // the check of the bus reports it
     }
     return facts;
 }

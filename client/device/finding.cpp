@@ -1,4 +1,4 @@
-// finding.cpp - one check of the doctor and what came of it.
+// finding.cpp - one check of the doctor and its result.
 #include "finding.h"
 
 #include <algorithm>

@@ -1,4 +1,4 @@
-// finding.h - one check of the doctor and what came of it.
+// finding.h - one check of the doctor and its result.
 #pragma once
 
 #include <json/json.h>
@@ -10,7 +10,7 @@ namespace client {
 
 enum class Outcome {
     Ok,
-    Warning,  ///< it works, but somebody has to look at it
+    Warning,  ///< it works, but needs attention
     Failed,
     NotChecked,
 };
@@ -19,8 +19,8 @@ struct Finding {
     std::string check;
     Outcome outcome;
     std::string reason;  ///< second half of the id: "expired" in "ca-bundle.expired"
-    std::string text;    ///< what was found, the cause of a failure, or why it was not checked
-    std::string cure;    ///< for a warning and a failure: what to do
+    std::string text;    ///< the result, the cause of a failure, or why it was not checked
+    std::string cure;    ///< for a warning or a failure: what to do
 };
 using Findings = std::vector<Finding>;
 
@@ -31,7 +31,7 @@ Finding failed(const std::string& check, const std::string& reason, const std::s
 Finding warning(const std::string& check, const std::string& reason, const std::string& cause,
                 const std::string& cure);
 
-/// The stable name of what was found, such as "ca-bundle.expired".
+/// @return the stable id of a result, such as "ca-bundle.expired"
 std::string idOf(const Finding& finding);
 /// "ok", "warning", "failed" or "not checked".
 const char* nameOf(Outcome outcome);

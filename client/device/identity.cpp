@@ -1,4 +1,4 @@
-// identity.cpp - who the service is on this device, and becoming it.
+// identity.cpp - finds out the service's user and groups, and changes this process to them.
 #include "identity.h"
 
 #include <fcntl.h>
@@ -19,7 +19,7 @@ namespace client {
 namespace {
 
 constexpr const char* kCheck = "identity";
-/// The bus is the caller's own, and so are the terminal's wishes and a sanitizer's.
+/// Variables kept from the caller's environment: the bus address, and settings of the terminal and of sanitizers.
 constexpr const char* kKept[] = {
     "DBUS_SYSTEM_BUS_ADDRESS", "NO_COLOR", "TERM", "ASAN_OPTIONS", "LSAN_OPTIONS", "UBSAN_OPTIONS"};
 
@@ -36,7 +36,7 @@ void add(Identity& identity, gid_t group)
     }
 }
 
-/// User and groups by their names, as the account database has them.
+/// Sets user and groups from the account database.
 void fillFromAccount(Identity& identity, const std::string& user)
 {
     const passwd* const entry = getpwnam(user.c_str());
@@ -82,7 +82,7 @@ void fillFromUnit(Identity& identity, const Unit& unit)
     identity.environmentKnown = true;
 }
 
-/// Takes a namespace of the service's process when it is another one than ours.
+/// Joins a namespace of the service's process, unless this process is in it.
 void join(unsigned pid, const char* kind, int type)
 {
     const std::string own = std::string("/proc/self/ns/") + kind;
@@ -166,7 +166,7 @@ Identity identityOf(const Facts& facts)
         identity.source = "the account";
         fillFromAccount(identity, BILLING_USER);
     }
-    // The service's user alone may not call the service.
+    // The service's own user has no right to call the service; the group of the callers has.
     if (const auto callers = groupOf(BILLING_CALLERS)) {
         add(identity, *callers);
     }

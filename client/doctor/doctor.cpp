@@ -1,4 +1,4 @@
-// doctor.cpp - the order of the checks, how their findings are shown, and what several checks say.
+// doctor.cpp - the order of the checks, the output of their findings, and findings that several checks share.
 #include "doctor.h"
 
 #include "base/calls.h"
@@ -56,7 +56,7 @@ void print(const Finding& finding)
     std::fflush(stdout);
 }
 
-/// One line, and only for what is not well.
+/// Prints a line, only for warnings and failures.
 void printTersely(const Finding& finding)
 {
     if (!finding.cure.empty()) {
@@ -72,7 +72,7 @@ int count(const Findings& findings, Outcome outcome)
                       [outcome](const Finding& finding) { return finding.outcome == outcome; }));
 }
 
-/// Where this machine names a proxy, which the service does not use.
+/// @return where this machine names a proxy, which the service does not use
 std::string proxyNamedIn()
 {
     for (const char* const name :
@@ -123,7 +123,7 @@ void printSummary(const Findings& findings)
     }
 }
 
-/// As whom the checks look.
+/// Takes the service's identity for the checks.
 Finding takeIdentity(Patient& patient)
 {
     const bool root = geteuid() == 0;
@@ -151,8 +151,8 @@ void identify(Findings& findings, Patient& patient)
         keystore::takeEnvironment();
     }
     if (patient.options.sign) {
-        // The PIN passes through the memory: no core file, no debugger of the same user. The mode is
-        // for the files that the token's module writes when it logs in.
+        // The PIN will be in memory: no core file and no debugger of the same user may read it. The umask is for files that
+        // the token's module writes at its login.
         prctl(PR_SET_DUMPABLE, 0);
         umask(S_IRWXG | S_IRWXO);
     }

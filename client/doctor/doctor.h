@@ -1,4 +1,4 @@
-// doctor.h - looks for what keeps the service from working, from the bus to the store.
+// doctor.h - checks everything that the service needs, from the bus to the store.
 #pragma once
 
 #include "common/places.h"
@@ -12,19 +12,19 @@ namespace client {
 
 class Bus;
 
-/// What vouches for the store. The service has the same.
+/// Path of the trusted certificates for the store, the same as the service's.
 inline constexpr const char* kCaBundle = "/opt/down/cert/ca.pem";
 using places::kFewDays;
 
 struct DoctorOptions {
-    std::string bus;      ///< address; empty: the system's
-    double timeout = 10;  ///< seconds, for each check that waits for somebody
+    std::string bus;      ///< address; empty: the system bus
+    double timeout = 10;  ///< seconds, for each check that waits
     bool json = false;
-    bool terse = false;  ///< only what is not well
-    bool sign = false;   ///< sign with the device's key, and ask the store with it
+    bool terse = false;  ///< print warnings and failures only
+    bool sign = false;   ///< sign with the device's key, and use it for a request to the store
 };
 
-/// What the checks know of each other.
+/// Results that the checks share.
 struct Patient {
     Patient(const DoctorOptions& wanted, const Eyes& rootsEyes) : options(wanted), eyes(rootsEyes)
     {
@@ -34,49 +34,52 @@ struct Patient {
     const Eyes& eyes;
     Facts facts;
     Identity identity;
-    bool asService = false;       ///< looked at as the service's user
+    bool asService = false;       ///< this process runs as the service's user
     bool settingsClosed = false;  ///< this user may not read the settings
-    std::string noLibrary;        ///< why the device's library cannot be loaded; empty: it is
-    bool keyWorks = false;        ///< it has signed, and the certificate confirms it
+    std::string noLibrary;  ///< why the device's library cannot be loaded; empty: it is loaded
+    bool keyWorks = false;  ///< it has signed, and the signature fits the certificate
     bool tokenThere = false;
-    bool storeReached = false;  ///< the TLS stage is well
-    bool callIll = false;       ///< the service's own request failed, or its answer is odd
-    std::string proxy;  ///< where a proxy is named that the service does not use; empty: nowhere
+    bool storeReached = false;  ///< the check of TLS has passed
+    bool callIll = false;       ///< the service's own request failed, or its answer was not valid
+    std::string proxy;  ///< where a proxy is named that the service does not use; empty: none
 };
 
-/// Why a setting has no value: it is not there, or it was refused.
-/// @param complaint what the device's library has logged of it
+/// Tells why a setting has no value: it is missing, or it was refused.
+/// @param complaint the error that the device's library has logged
 std::string whyMissing(const char* group, const char* key, const std::string& complaint);
-/// "since this user may not read the settings; run it as root": for checks that depend on them
+/// A check that was not made because this user may not read the settings.
 Finding settingsClosed(const char* check);
-/// A file that cannot be opened. @param error errno value, or kNoFile @param cure when it is missing
+/// A file that cannot be opened.
+/// @param error errno value, or kNoFile
+/// @param cure used when the file is missing
 Finding unreadable(const Patient& patient, const char* check, const std::string& path, int error,
                    const char* cure);
 
 void checkSettings(Findings& findings, Patient& patient);
-/// Certificate, CA bundle, clock.
+/// Checks certificate, CA bundle and clock.
 void checkDevice(Findings& findings, Patient& patient);
-/// Token, and with `sign` the key.
+/// Checks the token, and with `sign` the key.
 void checkKeyStore(Findings& findings, Patient& patient);
-/// One signature, held against the certificate.
+/// Makes one signature and verifies it with the certificate.
 Finding checkKey(Patient& patient);
-/// Default route, and the store's host: name, TCP, TLS, HTTP, time.
+/// Checks the default route and the way to the store: name, TCP, TLS, HTTP, time.
 void checkStore(Findings& findings, Patient& patient);
-/// Bus, unit, owner of the name, ping, one call, whether the service has to start anew, callers.
+/// Checks bus, unit, owner of the name, ping, one call, whether the service needs a restart, callers.
 void checkService(Findings& findings, Patient& patient);
-/// Callers that are held back or refused, and the rules of the bus that the service needs for it.
+/// Checks for callers that are held back or refused, and for the bus rules that the service needs for that.
 Finding checkCallers(const Patient& patient, const Bus& bus);
-/// The service's own request, with the device's key: with `sign`, or when the call was ill.
+/// Makes the service's own request with the device's key, if `sign` is set or the call has failed.
 void checkRequest(Findings& findings, Patient& patient);
-/// "HTML or XML", "no JSON", "nothing", or empty for an answer that apps can read.
+/// @return "HTML or XML", "no JSON" or "nothing"; empty for an answer that apps can read
 std::string oddityOf(const std::string& body);
-/// An answer that oddityOf() has something to say of: a page has failed. @param text before its
-/// first bytes
+/// The finding for an answer for which oddityOf() is not empty; a web page counts as a failure.
+/// @param text stands before the answer's first bytes
 Finding oddAnswer(const char* check, const std::string& text, const std::string& body);
-/// The first bytes of an answer, in one line.
+/// @return the first bytes of an answer, on one line
 std::string beginningOf(const std::string& body);
 
-/// Runs all of them and prints what they found. @return the exit code
+/// Runs all checks and prints their findings.
+/// @return the exit code
 int doctor(const DoctorOptions& options);
 
 }  // namespace client

@@ -1,4 +1,4 @@
-// doctor_callers.cpp - callers that the service holds back or refuses, and what it needs for that.
+// doctor_callers.cpp - checks for callers that the service holds back or refuses, and for the bus rules that it needs.
 #include "base/bus.h"
 #include "doctor.h"
 
@@ -10,12 +10,12 @@ namespace {
 
 constexpr const char* kCheck = "callers";
 
-/// What the log says of callers, and is not over.
+/// Lines of the log about callers whose trouble is not over.
 struct Complaints {
-    std::map<std::string, std::string> held;     ///< the line, by the caller's bus name
-    std::map<std::string, std::string> refused;  ///< the same
-    std::string policy;                          ///< the line on a missing rule of the bus policy
-    std::string last;                            ///< the last line of what is over
+    std::map<std::string, std::string> held;     ///< line by the caller's bus name
+    std::map<std::string, std::string> refused;  ///< line by the caller's bus name
+    std::string policy;                          ///< line about a missing rule of the bus policy
+    std::string last;                            ///< last line about trouble that is over
 };
 
 bool startsWith(const std::string& text, const char* start)
@@ -30,7 +30,7 @@ void note(Complaints& complaints, const std::string& line)
     const std::size_t end = line.find(") ");
     const std::string said = end == std::string::npos ? "" : line.substr(end + 2);
     if (!startsWith(line, "caller :")) {
-        // A bus without statistics has no rule that could be missing.
+        // A bus without statistics needs no rule for them.
         const bool missing =
             startsWith(line, "neither") || line.find("AccessDenied") != std::string::npos;
         complaints.policy = missing ? line : "";
@@ -45,7 +45,7 @@ void note(Complaints& complaints, const std::string& line)
     }
 }
 
-/// Does the bus's policy let the service ask what its callers have not read? This is its user.
+/// @return whether the bus's policy lets the service's user, which is this process's, ask for unread bytes
 bool mayAskTheBus(const Bus& bus)
 {
     GError* error = nullptr;
@@ -67,7 +67,7 @@ Finding policyLacksRules(const std::string& cause)
                        "service");
 }
 
-/// One of several, and how many there are.
+/// @return one of the lines, with the number of the others
 std::string oneOf(const std::map<std::string, std::string>& lines)
 {
     const std::size_t more = lines.size() - 1;

@@ -1,4 +1,4 @@
-// doctor_device.cpp - what the device proves itself with, what it trusts, and its clock.
+// doctor_device.cpp - checks the device's certificate, its CA bundle and its clock.
 #include "common/raw_rsa.h"
 #include "device/certificate.h"
 #include "doctor.h"
@@ -12,7 +12,7 @@ namespace client {
 
 namespace {
 
-// 2024-01-01: no clock of a device that was built is before it.
+// 2024-01-01: an earlier clock is wrong on any device.
 constexpr time_t kEarliest = 1704067200;
 
 Finding checkCertificate(const Patient& patient, Certificate& certificate)
@@ -53,7 +53,7 @@ Finding checkCertificate(const Patient& patient, Certificate& certificate)
 
 using Certificates = std::vector<Certificate>;
 
-/// What is wrong with the dates of the authorities.
+/// Checks the dates of the CA bundle.
 Finding datesOf(const Certificates& certificates)
 {
     const char* const check = "CA bundle";
@@ -72,7 +72,7 @@ Finding datesOf(const Certificates& certificates)
                                        [](const Certificate& a, const Certificate& b) {
                                            return daysLeft(a.get()) < daysLeft(b.get());
                                        });
-    // A large bundle always has some that end soon; the store's own is looked at with the server.
+    // Single authorities that expire soon are normal in a large bundle; the store's own is checked with the server.
     if (daysLeft(last->get()) < kFewDays) {
         return warning(check, "expires",
                        text + ", the last of them ends: " + daysText(daysLeft(last->get())),

@@ -1,4 +1,4 @@
-// doctor_key.cpp - the token, and the device's key in it.
+// doctor_key.cpp - checks the token and the device's key in it.
 #include "base/platform_log.h"
 #include "common/raw_rsa.h"
 #include "device/certificate.h"
@@ -30,7 +30,7 @@ std::string seeSettings()
     return "see [keystore] in " + settings::filePath() + ", and billing-provision(8)";
 }
 
-/// What is wrong, in the words of who noticed it first.
+/// @return why a setting of [keystore] is missing, if one is; else the error's own text
 std::string causeOf(const secure::Error& error)
 {
     for (const char* const key : {"module", "token", "pin_file"}) {
@@ -41,7 +41,7 @@ std::string causeOf(const secure::Error& error)
     return error.what();
 }
 
-/// The labels of the tokens that the module has, quoted, with commas between them.
+/// @return the labels of the module's tokens, quoted, separated by commas
 std::string tokensOf(const pkcs11::Module& module)
 {
     std::string labels;
@@ -79,14 +79,14 @@ Finding checkToken()
     }
 }
 
-/// True when the token gets the device's key from the sealed material at the service's next start.
+/// @return whether the service will store the device's key from sealed material at its next start
 bool isSealed()
 {
     const auto path = settings::text("deployment", "key_material");
     return path && access(path->c_str(), F_OK) == 0;
 }
 
-/// "an EC key", where the token has a key with the wanted id that is none of RSA; else empty.
+/// @return such as "an EC key" when the token has a key with this id that is not RSA; else empty
 std::string otherKindOf(std::int32_t id)
 {
     std::string kind;
@@ -157,7 +157,8 @@ Finding withoutSignature(int error, std::int32_t id)
     }
 }
 
-/// What the service signs with. @return the finding when a setting is missing
+/// Reads the settings with which the service signs.
+/// @return a finding when a setting is missing
 std::optional<Finding> credentialOf(ss_credential_s& credential, std::int32_t& id)
 {
     std::uint32_t words[5] = {};
@@ -181,7 +182,7 @@ Finding sign(const rawrsa::PublicKey& key, ss_credential_s& credential, std::int
     std::fill(std::begin(block), std::end(block), static_cast<unsigned char>(0xff));
     block[0] = 0;
     block[1] = 1;
-    block[sizeof block - 1] = 0;  // type 1 padding around nothing
+    block[sizeof block - 1] = 0;  // PKCS#1 type 1 padding without data
     unsigned char* result = block;
     std::size_t size = sizeof block;
     const int error = ss_encrypt_by_key(&credential, id, &result, &size, 0, 0);
@@ -213,7 +214,7 @@ Finding checkSignature()
                : notChecked("key", "there is no certificate to hold it against");
 }
 
-/// What the device's own library hands out.
+/// Checks whether the device's own library hands out sealed key material.
 Finding checkHandedMaterial()
 {
     unsigned char* sealed = nullptr;
@@ -228,7 +229,7 @@ Finding checkHandedMaterial()
                                        : "the device's own library has no sealed key");
 }
 
-/// Sealed key material gives the private key, once its secret is read as well.
+/// Checks for sealed key material on the device: together with its secret it gives the private key away.
 Finding checkKeyMaterial()
 {
     if (!platformReadsDeviceConf()) {

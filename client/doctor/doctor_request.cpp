@@ -1,5 +1,5 @@
-// doctor_request.cpp - the service's own request, made by its own steps in this process: what the
-// daemon's answer does not tell is its HTTP status and why a handshake failed.
+// doctor_request.cpp - makes the service's own request with the service's code in this process: the daemon's answer leaves
+// out the HTTP status and the reason of a failed handshake.
 #include "BillingHttpConnector.h"
 #include "BillingHttpRequest.h"
 #include "base/platform_log.h"
@@ -23,16 +23,16 @@ namespace {
 constexpr const char* kCheck = "request";
 constexpr std::size_t kShown = 100;
 
-/// What came of the request. Until the connector is destroyed, its worker may write here.
+/// The result of the request. The connector's worker may write here until the connector is destroyed.
 struct Exchange {
     std::mutex lock;
     std::condition_variable changed;
     bool over = false;
-    bool whole = false;  ///< the store answered, with whatever status
+    bool whole = false;  ///< the store answered, with any HTTP status
     std::string body;
 };
 
-/// What the service's log said of it.
+/// What the service's log says about the request.
 struct Verdict {
     bool answered = false;
     bool inTime = true;
@@ -51,7 +51,7 @@ void onResponse(bool success, std::string& body, void* pointer)
     exchange->changed.notify_all();
 }
 
-/// The text between two marks of a record, "" when they are not there.
+/// @return the part of a record between two marks; empty when it lacks them
 std::string between(const std::string& record, const std::string& before, const std::string& after)
 {
     const std::size_t begin = record.rfind(before);
@@ -75,7 +75,7 @@ void readRecords(Verdict& verdict)
     }
 }
 
-/// The daemon's steps: connector with its worker, the device's key, request, transfer.
+/// Runs the daemon's steps: connector with its worker, device's key, request, transfer.
 Verdict ask(double seconds)
 {
     Verdict verdict;
@@ -109,7 +109,7 @@ bool holds(const std::string& text, const char* part)
     return text.find(part) != std::string::npos;
 }
 
-/// Why the exchange did not come to its end.
+/// @return the finding for an exchange that was not completed
 Finding notAnswered(const Verdict& verdict)
 {
     const std::string& error = verdict.error;

@@ -1,4 +1,4 @@
-// doctor_service.cpp - the service as its manager and its callers meet it.
+// doctor_service.cpp - checks the service through its manager and as a caller.
 #include "base/bus.h"
 #include "base/calls.h"
 #include "base/process.h"
@@ -21,11 +21,11 @@ namespace client {
 
 namespace {
 
-/// What a bus and a service manager need to give up a start.
+/// Seconds after which bus and service manager give up a start.
 constexpr double kStartSeconds = 35;
-/// An answer that takes longer is one to look at.
+/// An answer that takes longer is a warning.
 constexpr double kSlowMilliseconds = 5000;
-/// The kernel's record of a start is exact to 10 ms, and the certificate is read a moment later.
+/// Seconds. The kernel's start time is exact to 10 ms, and the service reads the certificate a moment later.
 constexpr double kStartDoubt = 0.5;
 constexpr int kJournalLines = 3;
 constexpr const char* kLook = "journalctl -u billing-service -n 50";
@@ -38,7 +38,7 @@ std::string describe(const Owner& owner, const Facts& facts)
            ", user " + (owner.uid ? userName(*owner.uid) : "not known") + ")";
 }
 
-/// What the journal says last, behind a text.
+/// @return the text, followed by the last lines of the journal
 std::string withJournal(const Patient& patient, const std::string& text)
 {
     std::string result = text;
@@ -48,13 +48,13 @@ std::string withJournal(const Patient& patient, const std::string& text)
     return result;
 }
 
-/// The library that the program of the service lacks, empty when it lacks none or none can be told.
+/// @return a shared library that the service's program lacks; empty when it lacks none or that is not known
 std::string missingLibrary(const Facts& facts)
 {
     const std::string program = facts.unit && !facts.unit->program.empty()
                                     ? facts.unit->program
                                     : std::string(BILLING_DAEMON);
-    // The loader alone: no line of the program runs.
+    // Runs the dynamic loader only, no code of the program.
     std::istringstream lines(outputOf({program}, {"LD_TRACE_LOADED_OBJECTS=1"}));
     for (std::string line; std::getline(lines, line);) {
         const std::size_t arrow = line.find(" => not found");
@@ -111,14 +111,14 @@ Finding checkUnit(const Patient& patient)
     return good(check, text);
 }
 
-/// Is the installation's policy of the bus there?
+/// @return whether the installation's bus policy exists
 bool hasPolicy()
 {
     return access(BILLING_POLICY, F_OK) == 0 ||
            access("/etc/dbus-1/system.d/org.plevo.billingservice.conf", F_OK) == 0;
 }
 
-/// Why the bus lets nobody through.
+/// @return the finding for a bus that lets no call through
 Finding denied(const char* check, const std::string& cause)
 {
     const std::string user = userName(geteuid());
@@ -173,7 +173,7 @@ Finding notStarted(const Patient& patient, const std::string& cause)
                   std::string("mend what its log names: ") + kLook);
 }
 
-/// The first sign of life. A service that is not there yet is started by it.
+/// Checks for an answer to a ping, which starts the service if it does not run.
 Finding checkPing(const Patient& patient, const Bus& bus)
 {
     const char* const check = "ping";
@@ -207,8 +207,8 @@ Finding checkPing(const Patient& patient, const Bus& bus)
                  : notStarted(patient, ping.error);
 }
 
-/// The HTTP status of 400 or more that the journal has of a transfer since then, 0 where it has none.
-/// @param before the journal's end before the call
+/// @param before the end of the journal before the call
+/// @return the HTTP status of 400 or more that the journal has for a transfer since then; 0 when it has none
 long refusalSince(const Patient& patient, const std::vector<std::string>& before)
 {
     const std::string mark = ", HTTP ";
@@ -240,7 +240,7 @@ Finding judgedCall(Patient& patient, const Answer& answer)
                              "look at the network and the store")
                    : good(check, text);
     }
-    // A refusal is in the service's own words; anything else would be the server's.
+    // The text of a refusal is the service's own; any other comes from the server.
     const bool refused = exitCodeOf(answer.result) == EXIT_REFUSED;
     patient.callIll = !refused;
     return failed(check, refused ? "refused" : "transfer",
@@ -271,7 +271,7 @@ Finding checkCall(Patient& patient, const Bus& bus)
     }
 }
 
-/// When a file got what it holds: written in place, or put there under its name.
+/// @return when the file got its content: by a write, or by a rename of a new file; 0 when that is not known
 double changeOf(const std::string& path)
 {
     struct statx status {};

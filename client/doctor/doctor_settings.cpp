@@ -1,4 +1,4 @@
-// doctor_settings.cpp - the settings file.
+// doctor_settings.cpp - checks the settings file.
 #include "base/platform_log.h"
 #include "device/certificate.h"
 #include "doctor.h"
@@ -23,7 +23,7 @@ namespace {
 
 constexpr const char* kCheck = "settings";
 
-/// Why the file cannot be opened: 0 when it can.
+/// @return errno of opening the file; 0 when it can be opened
 int errorOf(const std::string& path)
 {
     const int file = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY);
@@ -37,7 +37,7 @@ int errorOf(const std::string& path)
 /// "mode 644, of root:root"
 std::string rightsOf(const Patient& patient, const struct stat& status)
 {
-    // The machine's names may be out of sight by now.
+    // Account names may not be readable from here: the known ones are used.
     const Identity& service = patient.identity;
     const std::string group =
         status.st_gid == service.gid ? service.group : groupName(status.st_gid);
@@ -46,7 +46,7 @@ std::string rightsOf(const Patient& patient, const struct stat& status)
     return std::string(mode) + ", of " + userName(status.st_uid) + ":" + group;
 }
 
-/// False when the service may have its settings in a place that this user does not know.
+/// @return false when the service may have its settings at a path that this user does not know
 bool mayBeNamed(const Patient& patient)
 {
     return patient.asService || patient.identity.environmentKnown ||
@@ -133,7 +133,7 @@ void checkSettings(Findings& findings, Patient& patient)
     } else {
         findings.push_back(judged(patient, path, settings::readFile(path)));
     }
-    // What the platform says of the same is said.
+    // Discards the platform's own complaint about the same mistakes.
     settings::text("deployment", "production_host");
     takeComplaint();
 }

@@ -1,4 +1,4 @@
-// doctor_store.cpp - the way to the store: one request, taken apart into its stages.
+// doctor_store.cpp - checks the way to the store stage by stage, with one request.
 #include "base/platform_log.h"
 #include "device/certificate.h"
 #include "doctor.h"
@@ -19,7 +19,7 @@ namespace client {
 
 namespace {
 
-/// A device whose clock is further off than this has trouble with certificates and tokens soon.
+/// Seconds of difference from which certificates and tokens soon fail.
 constexpr double kClockSeconds = 300;
 constexpr const char* kStages[] = {"name lookup", "TCP", "TLS", "HTTP", "time"};
 constexpr const char* kNotReached = "the request did not come that far";
@@ -55,7 +55,7 @@ Finding checkRoute()
                   "connect the device to its network; " + refused);
 }
 
-/// Why the server's certificate was refused.
+/// @return the finding for a server certificate that was refused
 Finding certificateRefused(const Server& server, const Handshake& handshake,
                            const std::string& error)
 {
@@ -139,7 +139,7 @@ Finding checkHttp(const Attempt& made)
     return good(check, status + ", without the device's certificate and headers");
 }
 
-/// The clock of this machine against the store's.
+/// Compares this machine's clock with the store's.
 Finding checkTime(const Attempt& made)
 {
     const char* const check = "time";
@@ -158,7 +158,7 @@ Finding checkTime(const Attempt& made)
         "set the clock, and let it be kept (timedatectl set-ntp true)");
 }
 
-/// What is behind a stage that failed was not looked at.
+/// Adds a finding, and marks the stages behind it as not checked.
 void endWith(Findings& findings, const Finding& last)
 {
     findings.push_back(last);
@@ -171,7 +171,7 @@ void endWith(Findings& findings, const Finding& last)
     }
 }
 
-/// A proxy that is named somewhere is the cause when nothing else gets out.
+/// @return the cause, completed by a proxy that is configured: it may be the only way out
 std::string withProxy(const Patient& patient, const std::string& cause)
 {
     return patient.proxy.empty() ? cause

@@ -1,4 +1,4 @@
-// store_attempt.cpp - one request to the store, taken apart into its stages.
+// store_attempt.cpp - makes one request to the store and records its stages.
 #include "store_attempt.h"
 
 #include <glib.h>
@@ -48,7 +48,7 @@ Handshake& handshakeOf(SSL* ssl)
 int onClientCertificate(SSL* ssl, X509**, EVP_PKEY**)
 {
     handshakeOf(ssl).askedForCertificate = true;
-    return 0;  // none
+    return 0;  // no certificate
 }
 
 int onVerify(int good, X509_STORE_CTX* store)
@@ -79,7 +79,7 @@ curl_socket_t onSocket(void* pointer, curlsocktype, curl_sockaddr* wanted)
     return made;
 }
 
-/// The other end of the socket that is connected, "" when none is.
+/// @return the peer's address of the connected socket; empty when none is connected
 std::string peerOf(const std::vector<curl_socket_t>& sockets)
 {
     for (const curl_socket_t socket : sockets) {
@@ -99,15 +99,15 @@ CURLcode onContext(CURL*, void* context, void* pointer)
 {
     auto* const sslContext = static_cast<SSL_CTX*>(context);
     auto* const handshake = static_cast<Handshake*>(pointer);
-    // Only a connection that is there gets a context.
+    // A context is made only after TCP is connected.
     handshake->began = true;
-    // A newer libcurl forgets the address of a connection that fails.
+    // Kept here: newer versions of libcurl forget the address of a connection that fails.
     handshake->address = peerOf(handshake->sockets);
     SSL_CTX_set_app_data(sslContext, handshake);
     SSL_CTX_set_client_cert_cb(sslContext, onClientCertificate);
     SSL_CTX_set_verify(sslContext, SSL_VERIFY_PEER, onVerify);
-    // libcurl looks at the name after the handshake only, and a store that demands a certificate
-    // ends it before.
+    // OpenSSL checks the name during the handshake: libcurl would check it afterwards, and a store that demands a
+    // certificate ends the handshake first.
     X509_VERIFY_PARAM* const wanted = SSL_CTX_get0_param(sslContext);
     const char* const name = handshake->name.c_str();
     const bool set = X509_VERIFY_PARAM_set1_ip_asc(wanted, name) == 1 ||
@@ -132,14 +132,14 @@ Attempt attempt(const Server& server, const char* bundle, double timeout)
     curl_easy_setopt(handle, CURLOPT_ERRORBUFFER, error.data());
     curl_easy_setopt(handle, CURLOPT_TIMEOUT_MS, std::lround(timeout * 1000));
     curl_easy_setopt(handle, CURLOPT_NOSIGNAL, 1L);
-    // A name look-up that hangs would be waited for at the end.
+    // Without this libcurl would wait for a stuck name look-up when it ends.
     curl_easy_setopt(handle, CURLOPT_QUICK_EXIT, 1L);
     curl_easy_setopt(handle, CURLOPT_PROXY, "");
     curl_easy_setopt(handle, CURLOPT_PROTOCOLS_STR, "https");
-    // What the service speaks once it has a certificate: the key store signs for nothing newer.
+    // As the service with a certificate: the key store has no signatures for TLS 1.3.
     curl_easy_setopt(handle, CURLOPT_SSLVERSION,
                      static_cast<long>(CURL_SSLVERSION_TLSv1_2) | CURL_SSLVERSION_MAX_TLSv1_2);
-    // Nothing is in it either way, and libcurl would wait for a pipe.
+    // A file that might never end is replaced by an empty one: libcurl would read it for ever.
     curl_easy_setopt(handle, CURLOPT_CAINFO, hasAnEnd(bundle) ? bundle : "/dev/null");
     curl_easy_setopt(handle, CURLOPT_CAPATH, static_cast<const char*>(nullptr));
     curl_easy_setopt(handle, CURLOPT_WRITEFUNCTION, keepBody);

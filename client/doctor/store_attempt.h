@@ -1,4 +1,4 @@
-// store_attempt.h - one request to the store, and how far it came.
+// store_attempt.h - one request to the store, with the stages that it reached.
 #pragma once
 
 #include "device/certificate.h"
@@ -11,29 +11,29 @@
 
 namespace client {
 
-/// The server that the settings name.
+/// The store's server in the settings.
 struct Server {
-    std::string key;   ///< of [deployment]
-    std::string host;  ///< with its port, where it has one
-    std::string name;  ///< without
+    std::string key;   ///< its key in [deployment]
+    std::string host;  ///< with the port, if there is one
+    std::string name;  ///< without the port
 };
 
-/// What its TLS context tells.
+/// The course of the TLS handshake.
 struct Handshake {
-    std::string name;  ///< that the server must have
+    std::string name;  ///< expected name of the server
     bool began = false;
-    bool askedForCertificate = false;  ///< the server was proven before it asked
+    bool askedForCertificate = false;  ///< after the server's certificate was verified
     int verdict = X509_V_OK;
-    Certificate refused;  ///< what the verdict is on
+    Certificate refused;  ///< certificate that the verdict is about
     Certificate server;
-    std::vector<curl_socket_t> sockets;  ///< that were made; libcurl closes them
-    std::string address;                 ///< of the server, once connected
+    std::vector<curl_socket_t> sockets;  ///< opened ones; libcurl closes them
+    std::string address;                 ///< of the server, set when connected
 };
 
-/// How far a request came.
+/// The stages that a request reached.
 struct Attempt {
-    std::string body;  ///< its beginning
-    std::string date;  ///< the store's clock, as HTTP has it
+    std::string body;  ///< its first bytes
+    std::string date;  ///< the store's time, in HTTP's format
     CURLcode code = CURLE_FAILED_INIT;
     std::string error;
     bool resolved = false;
@@ -42,7 +42,8 @@ struct Attempt {
     long status = 0;
 };
 
-/// Asks the store without the device's certificate and headers. @param bundle path of the CA bundle
+/// Makes a request to the store without the device's certificate and headers.
+/// @param bundle path of the CA bundle
 /// @param timeout seconds
 Attempt attempt(const Server& server, const char* bundle, double timeout);
 

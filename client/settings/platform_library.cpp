@@ -1,4 +1,4 @@
-// platform_library.cpp - the functions of the seam, by the library of the device.
+// platform_library.cpp - the platform's functions, forwarded to the device's library.
 #include "platform_library.h"
 
 #include "linux/settings/settings.h"
@@ -21,12 +21,12 @@
 namespace {
 
 constexpr const char* kLibrary = "libbilling-platform.so.1";
-/// A number, not a name of its list: the functions return numbers.
+/// An int, not the enumerator: the functions return int.
 constexpr int kUnavailable = SS_ERROR_UNAVAILABLE;
 
 std::atomic<void*> g_library{nullptr};
 
-/// @return null when the library, or the function in it, is not there
+/// @return null when there is no library or no such function in it
 template <typename Function>
 Function* inLibrary(const char* name)
 {
@@ -34,7 +34,8 @@ Function* inLibrary(const char* name)
     return library != nullptr ? reinterpret_cast<Function*>(dlsym(library, name)) : nullptr;
 }
 
-/// Asks the library. @param leftOut what a function answers that is not there
+/// Calls a function of the library.
+/// @param leftOut the result when there is no such function
 template <typename Function, typename Result, typename... Arguments>
 Result ask(const char* name, Result leftOut, Arguments... arguments)
 {
@@ -135,7 +136,7 @@ int ss_delete(int reserved, const char* name, const ss_credential_s* credential,
     return ASK(ss_delete, kUnavailable, reserved, name, credential, flags);
 }
 
-// The doctor signs, and changes no key.
+// Not forwarded: the doctor signs, but must not change a key.
 int ss_store_rsa_key(const ss_credential_s*, int, int, const unsigned char*, size_t,
                      const unsigned char*, size_t, int, int, int32_t*, int, int)
 {

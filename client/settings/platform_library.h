@@ -1,21 +1,21 @@
-// platform_library.h - the library with the device's functions, which the service has and this program loads. Every function
-// of the seam is defined here too: it asks the library, and answers as one that is left out while there is none.
+// platform_library.h - the device's platform library, which this program loads as the service does. The functions of the
+// seam defined here forward to the library; without one they answer as a function that the device leaves out.
 #pragma once
 
 #include <string>
 
 namespace client {
 
-/// Loads the library that the service would load. For root: after the service's identity was taken, since the library is code
-/// of the device's.
-/// @return why it cannot be loaded, empty when it is. Thread: main, before any other exists.
+/// Loads the library that the service would load. As root, call it only after taking the service's identity: the library is
+/// the device's code. Thread: main, before any other thread exists.
+/// @return why the library cannot be loaded; empty when it is loaded
 std::string loadPlatform();
 
-/// True when the values stand in the file of device.conf(5), which this program then reads itself; also while no library is
-/// loaded. Thread: any.
+/// @return whether the values come from the file of device.conf(5), which this program then reads itself; true also without
+///   a library. Thread: any
 bool platformReadsDeviceConf();
 
-/// Where a value of this device is set: the file of device.conf(5), or a function of the device's own library.
+/// @return where a value of this device is set: the file of device.conf(5), or a function of the device's own library
 std::string placeOf(const std::string& function);
 
 }  // namespace client

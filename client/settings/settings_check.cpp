@@ -1,4 +1,4 @@
-// settings_check.cpp - what is wrong in a settings file, line by line.
+// settings_check.cpp - finds the mistakes of a settings file.
 #include "settings_check.h"
 
 #include "base/calls.h"
@@ -29,7 +29,7 @@ constexpr const char* kMarked =
     "begins with a byte order mark (EF BB BF), which makes its first line unreadable: write it as "
     "UTF-8 without one";
 
-/// Without these no call reaches the store.
+/// Settings without which no call reaches the store.
 constexpr std::pair<const char*, const char*> kNeeded[] = {
     {"deployment", "credential"}, {"deployment", "key_id"}, {"keystore", "module"},
     {"keystore", "token"},        {"keystore", "pin_file"},
@@ -50,7 +50,7 @@ bool isUtf16(const std::string& bytes)
            (bytes.size() > 3 && (bytes[1] == '\0' || bytes[0] == '\0') && bytes[0] != bytes[1]);
 }
 
-/// Walks through the lines of a file.
+/// Reads a file line by line.
 class Reader {
 public:
     void read(const std::string& bytes)
@@ -125,7 +125,7 @@ private:
     std::map<Name, std::size_t> m_lines;
 };
 
-/// The service's own verdict, for what the lines did not show.
+/// Adds the service's own error, if the lines show no mistake that explains it.
 void addVerdict(const std::string& bytes, std::vector<Mistake>& mistakes)
 {
     settings::Contents contents;
