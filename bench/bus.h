@@ -1,4 +1,4 @@
-// bus.h - what the programs of the measurement have in common: the bus, and the way to give up.
+// bus.h - the bus connection and the error exit of the benchmark programs.
 #pragma once
 
 #include <gio/gio.h>
@@ -22,7 +22,7 @@ using Connection = std::unique_ptr<GDBusConnection, Unref<GDBusConnection>>;
     std::exit(1);
 }
 
-/// To the bus of DBUS_SYSTEM_BUS_ADDRESS.
+/// Connects to the bus of DBUS_SYSTEM_BUS_ADDRESS.
 inline Connection connectToBus()
 {
     GError* error = nullptr;

@@ -1,8 +1,8 @@
-// caller.cpp - calls a service on the bus and takes the time of each call.
+// caller.cpp - calls a service on the bus and measures the time of each call.
 //
 // usage: caller NAME COUNT IN_FLIGHT METHOD [TEXT...]
 //
-// Keeps IN_FLIGHT calls outstanding until COUNT are answered, each with result 0. Prints JSON.
+// Keeps IN_FLIGHT calls open until COUNT were answered, each with result 0. Prints JSON.
 #include "bus.h"
 #include "samples.h"
 
@@ -10,7 +10,7 @@
 
 namespace {
 
-// Longer than the daemon waits for a server.
+// Longer than the daemon's own time-out for a server.
 constexpr int kTimeoutMs = 300'000;
 
 struct Run {

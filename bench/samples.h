@@ -1,4 +1,4 @@
-// samples.h - how long each of many took, and all of them together.
+// samples.h - the duration of each of many operations, and of all together.
 #pragma once
 
 #include <chrono>
@@ -15,7 +15,7 @@ public:
             std::chrono::duration<double, std::micro>(Clock::now() - began).count());
     }
 
-    /// As JSON: {"seconds": of all, "us": [of each]}
+    /// Prints JSON: {"seconds": of all, "us": [of each]}
     void print() const
     {
         const std::chrono::duration<double> all = Clock::now() - m_began;

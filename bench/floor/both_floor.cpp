@@ -1,8 +1,8 @@
-// both_floor.cpp - the smallest service that does what the daemon is for: it takes the call, fetches
-// the answer, and only then takes the next. One thread, no log, no settings, no key store.
+// both_floor.cpp - the smallest service with the daemon's task: takes a call, fetches the answer, and only then takes the
+// next call. One thread; no log, no settings, no key store.
 //
-// It tells what the daemon could reach. The sum of the other two floors is less than that: each of
-// them runs in a loop of its own, with everything it needs in the processor's caches.
+// This is the lower limit of the daemon's time. The sum of the other two floors is less: each of them runs alone in a loop,
+// with all its data in the processor's caches.
 //
 // usage: both_floor NAME URL CA_FILE CERTIFICATE KEY [HEADER...]
 #include "fetch.h"

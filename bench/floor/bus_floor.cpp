@@ -1,5 +1,4 @@
-// bus_floor.cpp - what a call costs when its service does nothing: the floor under the daemon's bus
-// side.
+// bus_floor.cpp - the cost of a call whose service does nothing: the lower limit of the daemon's bus side.
 //
 // usage: bus_floor NAME SIZE     owns NAME and answers every method of the daemon's interface with
 //                                (0, SIZE letters) at once, until SIGTERM

@@ -1,5 +1,5 @@
-// fetch.h - requests with libcurl's multi handle alone, as the daemon sends them: an easy handle for
-// each, connections that are kept, a session cache.
+// fetch.h - requests with libcurl's multi handle alone, as the daemon sends them: an easy handle for each, kept
+// connections, a session cache.
 #pragma once
 
 #include "../samples.h"
@@ -21,7 +21,7 @@ struct Target {
     const char* url;
     const char* caFile;
     const char* certificate;
-    const char* key;  ///< a file, or the URI of a key in a token
+    const char* key;  ///< path of a file, or URI of a key in a token
     curl_slist* headers;
     CURLSH* share;
 };
@@ -52,7 +52,7 @@ inline void start(CURLM* multi, const Target& target)
         curl_easy_setopt(easy, CURLOPT_SSLKEYTYPE, "ENG");
     }
     curl_easy_setopt(easy, CURLOPT_SSLKEY, target.key);
-    // As the daemon, whose key store has no other signatures.
+    // As the daemon, whose key store has no signatures for TLS 1.3.
     curl_easy_setopt(easy, CURLOPT_SSLVERSION,
                      static_cast<long>(CURL_SSLVERSION_TLSv1_2 | CURL_SSLVERSION_MAX_TLSv1_2));
     curl_easy_setopt(easy, CURLOPT_SHARE, target.share);
@@ -63,7 +63,7 @@ inline void start(CURLM* multi, const Target& target)
     curl_multi_add_handle(multi, easy);
 }
 
-/// @return what was fetched
+/// @return the fetch that has ended
 inline std::unique_ptr<Fetch> finish(CURLM* multi, const CURLMsg& message)
 {
     CURL* const easy = message.easy_handle;
@@ -81,7 +81,7 @@ inline std::unique_ptr<Fetch> finish(CURLM* multi, const CURLMsg& message)
     return fetch;
 }
 
-/// @param arguments  CA_FILE CERTIFICATE KEY [HEADER...], null behind the last
+/// @param arguments  CA_FILE CERTIFICATE KEY [HEADER...], with a null behind the last
 inline Target targetOf(const char* url, char** arguments)
 {
     CURLSH* const share = curl_share_init();

@@ -1,5 +1,4 @@
-// https_floor.cpp - what a request costs with libcurl's multi handle alone: the floor under the
-// daemon's network side.
+// https_floor.cpp - the cost of a request with libcurl's multi handle alone: the lower limit of the daemon's network side.
 //
 // usage: https_floor COUNT IN_FLIGHT URL CA_FILE CERTIFICATE KEY [HEADER...]
 //

@@ -25,7 +25,7 @@ inline gboolean quit(void* loop)
     return G_SOURCE_REMOVE;
 }
 
-/// @param answer  called for each method with `data`
+/// @param answer  called with `data` for each method call
 inline void serve(const char* name, GDBusInterfaceMethodCallFunc answer, void* data)
 {
     const Connection connection = connectToBus();

@@ -1,8 +1,8 @@
-// gdbus_soup.cpp - the service as somebody would write it in a day with GDBus and libsoup 3: all of
-// it on one main loop, nothing blocks.
+// gdbus_soup.cpp - the service as a programmer could write it in a day with GDBus and libsoup 3: everything on one main loop,
+// nothing blocks.
 //
-// Measured beside the daemon and part of no product: no log, no settings, no look at what comes in.
-// Its environment says everything: see bench/measure/peers.py.
+// Only measured beside the daemon, never installed: no log, no settings, no checks of its input. Its configuration is its
+// environment: see bench/measure/services.py.
 #include <glib-unix.h>
 #include <gnutls/pkcs11.h>
 #include <json-glib/json-glib.h>
@@ -73,7 +73,7 @@ struct Service {
 
 struct Request {
     std::string path;
-    std::string body;  ///< a POST when not empty
+    std::string body;  ///< not empty: a POST
     bool history = false;
 };
 
@@ -96,7 +96,7 @@ void answered(GObject* source, GAsyncResult* outcome, void* data)
     }
     gsize size = 0;
     const auto* const text = static_cast<const char*>(g_bytes_get_data(bytes, &size));
-    // D-Bus takes valid UTF-8 only.
+    // D-Bus accepts valid UTF-8 only.
     g_autofree char* body =
         g_utf8_make_valid(text != nullptr ? text : "", static_cast<gssize>(size));
     reply(invocation, 0, body);
@@ -189,7 +189,7 @@ void called(GDBusConnection*, const char*, const char*, const char*, const char*
                                      invocation);
 }
 
-/// @return the device's certificate, with the key in the token; null and `error` when there is none
+/// @return the device's certificate with its key in the token; null, with `error` set, when there is none
 GTlsCertificate* load(GError** error)
 {
     gnutls_pkcs11_init(GNUTLS_PKCS11_FLAG_MANUAL, nullptr);

@@ -1,8 +1,8 @@
-// sdbus_workers.cpp - the service as somebody would write it in a day with sdbus-c++ and libcurl:
-// eight workers, each with an easy handle that it keeps.
+// sdbus_workers.cpp - the service as a programmer could write it in a day with sdbus-c++ and libcurl: eight workers, each
+// keeps an easy handle.
 //
-// Measured beside the daemon and part of no product: no log, no settings, no look at what comes in.
-// Its environment says everything: see bench/measure/peers.py.
+// Only measured beside the daemon, never installed: no log, no settings, no checks of its input. Its configuration is its
+// environment: see bench/measure/services.py.
 #include <curl/curl.h>
 #include <json/json.h>
 #include <sdbus-c++/sdbus-c++.h>
@@ -47,7 +47,7 @@ using Result = sdbus::Result<int32_t, std::string>;
 struct Job {
     Result result;
     std::string path;
-    std::string body;  ///< a POST when not empty
+    std::string body;  ///< not empty: a POST
     bool history = false;
 };
 
@@ -57,7 +57,7 @@ std::size_t append(char* data, std::size_t size, std::size_t count, void* body)
     return size * count;
 }
 
-/// Ends a transfer when the service ends.
+/// Aborts a transfer when the service ends.
 int stopped(void* stop, curl_off_t, curl_off_t, curl_off_t, curl_off_t)
 {
     return static_cast<const std::atomic<bool>*>(stop)->load() ? 1 : 0;
@@ -135,7 +135,7 @@ class Pool {
 public:
     explicit Pool(const Settings& settings)
     {
-        // One after the other: OpenSSL's loading of an engine is not for several threads at once.
+        // Created one by one: OpenSSL must not load an engine on several threads at once.
         for (int i = 0; i < kWorkers; i++)
             m_clients.push_back(std::make_unique<Client>(settings, m_stop));
         for (const auto& client : m_clients)
