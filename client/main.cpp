@@ -91,9 +91,9 @@ void describeCall(CLI::App& app, const Method& method, std::vector<std::string>&
 void describeDoctor(CLI::App& app, Options& options)
 {
     CLI::App* const command =
-        app.add_subcommand("doctor", "Look for what keeps the service from working");
+        app.add_subcommand("doctor", "Find out why the service does not work");
     command->add_flag("--sign", options.sign,
-                      "Sign with the device's key, and ask the store with it as the service does");
+                      "Sign with the device's key, and make the service's own request with it");
     command->callback([&options] {
         DoctorOptions doctor;
         doctor.bus = options.bus;
@@ -108,7 +108,7 @@ void describeDoctor(CLI::App& app, Options& options)
 void describeStatus(CLI::App& app, Options& options)
 {
     CLI::App* const command = app.add_subcommand(
-        "status", "Show how the service is: since when, its calls, its last failure");
+        "status", "Show the state of the service: its start, its calls, its last failure");
     command->callback([&options] {
         options.exitCode = client::status(
             {options.bus, options.timeout.value_or(StatusOptions().timeout), options.json});
@@ -120,8 +120,8 @@ void describeReport(CLI::App& app, Options& options)
     CLI::App* const command = app.add_subcommand(
         "report", "Show, and write to a file, what support needs; secrets are hidden");
     command->add_option("FILE", options.reportFile,
-                        "Written after a question; without it only shown");
-    command->add_flag("--yes", options.yes, "Write it without a question");
+                        "File to write after a confirmation; without it only shown");
+    command->add_flag("--yes", options.yes, "Write without a confirmation");
     command->callback([&options] {
         options.exitCode = client::report({options.bus, options.reportFile, options.yes});
     });
@@ -129,10 +129,10 @@ void describeReport(CLI::App& app, Options& options)
 
 void describeSettings(CLI::App& app, Options& options)
 {
-    CLI::App* const command = app.add_subcommand("settings", "Look at settings files");
+    CLI::App* const command = app.add_subcommand("settings", "Check settings files");
     command->require_subcommand(1);
-    CLI::App* const check = command->add_subcommand(
-        "check", "Print all mistakes in a settings file, with their lines, before it is deployed");
+    CLI::App* const check =
+        command->add_subcommand("check", "Print all mistakes in a settings file, with their lines");
     check->add_option("FILE", options.settingsFile, "The file")->required();
     check->callback([&options] {
         options.exitCode = client::checkSettingsFile(options.settingsFile, options.json);
@@ -162,7 +162,7 @@ std::vector<std::string> wordsOf(int argc, char** argv)
 void describeMonitor(CLI::App& app, Options& options)
 {
     CLI::App* const command =
-        app.add_subcommand("monitor", "Show calls live, where the bus lets this user watch");
+        app.add_subcommand("monitor", "Show calls live, if the bus lets this user monitor it");
     command->add_flag("--show-private", options.showPrivate,
                       "Show arguments and answers, which are private values");
     command->callback([&options] {

@@ -20,13 +20,12 @@ constexpr int kResultRefused = 1160003;
 constexpr Argument kAppId{"appid", "--appid", "Application whose products or purchases these are",
                           true};
 constexpr Argument kServerType{"serverType", "--server-type",
-                               "Carried along; the device decides which server is asked", false};
-constexpr Argument kCheckValue{"CheckValue", "--check-value", "Check value, passed on as it is",
-                               false};
+                               "Not used: the device's settings choose the server", false};
+constexpr Argument kCheckValue{"CheckValue", "--check-value", "Check value, sent unchanged", false};
 constexpr Argument kCustomId{"customId", "--custom-id", "Customer of the application", false};
-constexpr Argument kItemType{"ItemType", "--item-type", "Carried along, read by nobody", false};
+constexpr Argument kItemType{"ItemType", "--item-type", "Not used", false};
 constexpr Argument kPageNumber{"PageNumber", "--page-number",
-                               "Carried along: the first page of 20 is always asked for", false};
+                               "Not used: the answer is always the first page of 20", false};
 constexpr Argument kInvoiceId{"invoiceid", "--invoiceid", "Invoice of the purchase", true};
 
 void printForPeople(const Method& method, const Answer& answer)
@@ -68,7 +67,7 @@ const std::vector<Method>& methods()
          {kAppId, kCustomId, kInvoiceId, kServerType}},
         {"check_server_availability",
          "check-server-availability",
-         "Ask whether the store is there for the device's country",
+         "Ask whether the store is available in the device's country",
          {}},
     };
     return list;

@@ -21,10 +21,10 @@ namespace {
 constexpr const char* kFooter =
     "Secrets come from files or standard input, never from arguments; files that hold one get\n"
     "mode 0600. Keys are RSA with 2048 bits. Validity is counted in days.\n"
-    "Exit codes: 0 done, 1 failed, 2 usage, 3 something is there and was left alone (--force),\n"
+    "Exit codes: 0 done, 1 failed, 2 usage, 3 an object exists and was not changed (--force),\n"
     "4 certificate and key do not belong together.";
 
-constexpr const char* kForce = "Replace what is there";
+constexpr const char* kForce = "Replace existing files";
 
 struct Options {
     std::string conf;
@@ -73,10 +73,10 @@ void describeLab(CLI::App& app, provision::LabOptions& options)
 {
     CLI::App* const lab = app.add_subcommand(
         "lab",
-        "Make a whole lab device in DIR: authority, server and device certificates, a "
+        "Make a complete test device in DIR: authority, server and device certificates, a "
         "software token with a key made inside it, and a settings file");
     const auto host = must("a host name, with :port or without", isSettingsHost);
-    lab->add_option("DIR", options.folder, "Folder of the lab, made when it is missing")
+    lab->add_option("DIR", options.folder, "Folder of the test device, created when it is missing")
         ->required()
         ->check(must("one line of text", isOneLine));
     lab->add_option("--host", options.hosts, "Names and addresses of the server certificate")
@@ -100,7 +100,7 @@ void describeLab(CLI::App& app, provision::LabOptions& options)
 void describeToken(CLI::App& app, provision::TokenOptions& options)
 {
     CLI::App* const token = app.add_subcommand(
-        "token", "Make the token that the settings name; its PIN is that of [keystore] pin_file");
+        "token", "Initialize the token of the settings, with the PIN of [keystore] pin_file");
     token
         ->add_option("--so-pin", options.soPin,
                      "File with the security officer's PIN, mode 0600, - for standard input")
@@ -111,7 +111,7 @@ void describeToken(CLI::App& app, provision::TokenOptions& options)
 void describePin(CLI::App& app, provision::PinOptions& options)
 {
     CLI::App* const pin =
-        app.add_subcommand("pin", "Give the token another PIN, and [keystore] pin_file with it");
+        app.add_subcommand("pin", "Change the PIN of the token and of [keystore] pin_file");
     pin->add_option("NEW", options.pin, "File with the new PIN, mode 0600, - for standard input")
         ->required();
     pin->callback([&options] { provision::pin(options); });
@@ -120,7 +120,7 @@ void describePin(CLI::App& app, provision::PinOptions& options)
 void describeDevice(CLI::App& app, Options& options)
 {
     CLI::App* const request = app.add_subcommand(
-        "request", "Make the device's key inside its token, and a certificate request for it");
+        "request", "Generate the device's key in its token, and a certificate request for it");
     request->add_option("--out", options.request.out, "File for the request, - for standard output")
         ->capture_default_str();
     request
@@ -133,24 +133,26 @@ void describeDevice(CLI::App& app, Options& options)
             },
             "1 to 64 bytes"));
     request->add_flag("--existing", options.request.existing,
-                      "For the key that the token has; make none");
+                      "Use the existing key of the token, generate none");
     request->add_flag("--may-decrypt", options.request.mayDecrypt,
-                      "The key may do more than sign; a TPM signs by decrypting");
+                      "Allow the key to decrypt; a TPM needs that to sign");
     request->add_flag("--force", options.request.force, "Replace the file, never the key");
     request->callback([&options] { provision::request(options.request); });
 
     CLI::App* const install = app.add_subcommand(
-        "install", "Put the device's certificate in its place, when it is for the token's key");
+        "install", "Install the device's certificate, if it belongs to the token's key");
     install
         ->add_option("CERTIFICATE", options.install.certificate, "PEM file, - for standard input")
         ->required();
-    install->add_option("--to", options.install.to, "Where the service reads it")
+    install
+        ->add_option("--to", options.install.to,
+                     "Destination, by default the file that the service reads")
         ->capture_default_str();
     install->add_flag("--force", options.install.force, kForce);
     install->callback([&options] { provision::install(options.install); });
 
     CLI::App* const seal = app.add_subcommand(
-        "seal", "Seal a private key for a device whose token takes it at the first start");
+        "seal", "Seal (encrypt) a private key for a device whose token cannot generate one");
     seal->add_option("--certificate", options.seal.certificate, "Certificate of the key, PEM")
         ->required();
     seal->add_option("--key", options.seal.key, "Private key, PEM, - for standard input")
@@ -163,7 +165,7 @@ void describeDevice(CLI::App& app, Options& options)
 void describeImport(CLI::App& app, provision::ImportOptions& options)
 {
     CLI::App* const import = app.add_subcommand(
-        "import", "Put the sealed private key into the token, and remove the two files it was in");
+        "import", "Store the sealed private key in the token, and remove its two files");
     import->add_option("CERTIFICATE", options.certificate, "The key's certificate, PEM")
         ->required();
     import->callback([&options] { provision::import(options);
