@@ -87,11 +87,11 @@ std::string filePath()
 
 std::shared_ptr<const std::string> shared(const char* group, const char* key)
 {
-    Snapshot values = current();
+    const Snapshot values = current();
     const auto found = values->texts.find(ByName::View{group, key});
     if (found == values->texts.end() || found->second.empty())
         return nullptr;
-    return {std::move(values), &found->second};
+    return {values, &found->second};
 }
 
 std::optional<std::string> text(const char* group, const char* key)
