@@ -235,6 +235,7 @@ class Lab:
 
     def assert_asked(self, endpoint: str | None = None, **wanted) -> list[int]:
         """Raises AssertionError unless asked() is ok. @return the numbers of the entries found"""
+        __tracebackhide__ = True
         told = self.asked(endpoint, **wanted)
         if not told["ok"]:
             raise AssertionError(told["message"])
@@ -254,6 +255,7 @@ class Lab:
 
     def assert_verified(self, **wanted) -> None:
         """Raises AssertionError unless every check of verify() is good."""
+        __tracebackhide__ = True
         told = self.verify(**wanted)
         if not told["ok"]:
             raise AssertionError(

@@ -42,5 +42,6 @@ def billing_lab(billing_lab_running, billing_lab_catalogue, monkeypatch) -> clie
 @pytest.fixture
 def billing_lab_verified(billing_lab) -> Iterator[client.Lab]:
     """The lab of `billing_lab`. The test fails at its end if the app has broken a usual rule or an expectation."""
+    __tracebackhide__ = True
     yield billing_lab
     billing_lab.assert_verified()

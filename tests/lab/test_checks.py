@@ -282,11 +282,7 @@ def run(needs_view, cli, tmp_path):
     """A function that runs `billing-lab run` with a shell command as the app."""
 
     def ran(words, *options):
-        from conftest import LAB
-
-        return cli(
-            "run", *options, "--", "sh", "-c", words.replace("billing-lab", str(LAB / "billing-lab")), folder=tmp_path / "lab"
-        )
+        return cli("run", *options, "--", "sh", "-c", words, folder=tmp_path / "lab")
 
     return ran
 
@@ -309,6 +305,11 @@ def test_a_run_judges_the_expectations_of_a_scenario(run, tmp_path):
 def test_a_run_of_an_app_that_confirms_twice_fails(run):
     bad = run(f"{APP} && billing-lab call confirm_purchase invoiceid=INV-SEED-2")
     assert (bad.returncode, "INV-SEED-2 was confirmed again" in bad.stderr) == (1, True), bad.stderr
+
+
+def test_a_run_names_a_command_that_made_no_request(run):
+    assert "the command made no request" in run("true").stderr
+    assert "the command made no request" not in run(APP).stderr
 
 
 def test_a_run_hands_the_status_on_and_ends_what_lasts(run):

@@ -93,7 +93,7 @@ def _message(expectation: Expectation, told: dict) -> str:
         f"{what}: asked {_times(count)}, wanted {_wanted(expectation)}"
         + (f" (journal {', '.join(map(str, told['found']))})" if count else "")
     ]
-    if not told["ok"]:
+    if count < expectation.least:
         lines += [
             f"  near: journal {near['seq']}, {near['endpoint']}, but {near['differs']} was {_actual(near)}"
             for near in told["near"]

@@ -13,6 +13,7 @@ from ..folder import LabError, named_errors
 from . import report
 
 TOO_LONG = 124
+NO_REQUEST = "the command made no request; an app calls the service on the bus of DBUS_SYSTEM_BUS_ADDRESS"
 _END_SECONDS = 5
 
 
@@ -35,6 +36,8 @@ def run(
         status = _run_command(words, lab, seconds)
         told = judge(lab)
         print(report.text(told), file=sys.stderr)
+        if told["requests"] == 0:
+            print(f"billing-lab: {NO_REQUEST}", file=sys.stderr)
     if status != 0:
         print(f"billing-lab: {words[0]} ended with status {status}", file=sys.stderr)
         return status
@@ -52,7 +55,13 @@ def _lab_folder(folder: str | None) -> Iterator[pathlib.Path]:
 
 def _run_command(words: list[str], lab: Lab, seconds: int | None) -> int:
     """Runs the command, and then ends the processes that are left of its process group. @return its exit status"""
-    environment = {**os.environ, "DBUS_SYSTEM_BUS_ADDRESS": lab.bus, "BILLING_LAB_DIR": str(lab.folder.path)}
+    environment = {
+        **os.environ,
+        # A script around the app calls this billing-lab by its name.
+        "PATH": f"{pathlib.Path(sys.argv[0]).resolve().parent}{os.pathsep}{os.environ.get('PATH', os.defpath)}",
+        "DBUS_SYSTEM_BUS_ADDRESS": lab.bus,
+        "BILLING_LAB_DIR": str(lab.folder.path),
+    }
     try:
         process = subprocess.Popen(words, env=environment, process_group=0)
     except OSError as error:
