@@ -238,7 +238,7 @@ void becomeMonitor(GDBusConnection* connection)
         std::string("type='method_call',interface='") + kService + "'",
         std::string("type='method_return',sender='") + kService + "'",
         std::string("type='error',sender='") + kService + "'",
-        // Errors of the bus: nobody owns the name, or the service has left without an answer.
+        // Errors of the bus: the name has no owner, or the service left the bus before its answer.
         std::string("type='error',sender='") + kBus + "'",
         std::string("type='signal',sender='") + kBus + "',member='NameOwnerChanged'",
     };

@@ -108,7 +108,7 @@ constexpr std::size_t UNKNOWN_BYTES = 96 * MIB;
 constexpr gint64 PROOF_MS = 1000;
 
 /// Milliseconds within which the bus has to answer a question. After that the service ends, since such a
-/// bus answers nobody, and its manager restarts it. A bus under load answers in under 0.1 s.
+/// bus answers no client, and the service manager restarts it. A bus under load answers in under 0.1 s.
 constexpr gint64 BUS_SILENT_MS = 10000;
 
 // --- the log ---

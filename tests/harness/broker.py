@@ -25,7 +25,7 @@ def why_not():
 
 
 class Broker:
-    """The bus, in a folder of the caller's. It needs a journal's socket, and gets one of ours in a /run of its own.
+    """The bus, in a folder of the caller's. The broker needs a journal's socket: it runs with a /run of its own, which has one.
 
     @param policy  further rules, which count more than those of the system bus
     """

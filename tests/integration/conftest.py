@@ -108,7 +108,7 @@ def start_nginx(tmp_path, authority, provisioned, a_device, request):
 
 @pytest.fixture
 def shop(request):
-    """The shop behind the servers of start_server; it counts what it has sold."""
+    """The application behind the servers of start_server. It counts the requests for each invoice."""
     running = backend.Backend()
     request.addfinalizer(running.stop)
     return running
