@@ -292,7 +292,8 @@ async def _journal(request: web.Request) -> web.Response:
 
 async def _calls(request: web.Request) -> web.Response:
     last = request.query.get("last")
-    return web.json_response(_core(request).calls.describe(None if last is None else int(last)))
+    book = await _core(request).all_calls()
+    return web.json_response(book.describe(None if last is None else int(last)))
 
 
 async def _export(request: web.Request) -> web.Response:

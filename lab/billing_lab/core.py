@@ -7,6 +7,7 @@ import socket
 from . import catalogue, device, journal, purchases, state, tls
 from .bus import Bus, check_name
 from .calls.book import Book
+from .calls.monitor import Monitor
 from .checks import asked, report
 from .device import Changes, Settings
 from .folder import Folder, LabError
@@ -39,6 +40,7 @@ class Core:
         self._seeds = 0
         self.expectations: list[asked.Expectation] = []
         self.calls = Book(self.db)
+        self.monitor: Monitor | None = None
         self.ending = asyncio.Event()
         if state.fact(self.db, "catalogue") is None:
             self.take(catalogue.load(catalogue.DEFAULT_FILE), catalogue.DEFAULT_FILE)
@@ -211,6 +213,14 @@ class Core:
             "invoices": state.count_invoices(self.db),
         }
 
+    def watch_calls(self) -> None:
+        self.monitor = Monitor(self.info["bus"], self.calls)
+
+    async def all_calls(self) -> Book:
+        """The calls on the bus, with every answer that its caller has."""
+        await self.monitor.catch_up()
+        return self.calls
+
     def reset(self) -> None:
         """Restores the state after the last seed: removes later purchases, faults and entries, and sets the device back."""
         self.simulator.reset()
@@ -222,6 +232,7 @@ class Core:
 
     async def reset_whole(self) -> None:
         """Does reset(), starts the service, and waits until all connections have ended."""
+        await self.all_calls()
         self.reset()
         await self.service.switch("up")
         await self.simulator.connections.dropped()

@@ -18,7 +18,6 @@ import subprocess
 import sys
 
 from . import bus, connections, control, core, state, tls, tools
-from .calls import monitor
 from .folder import Folder, LabError, named_errors, replace_file
 from .service import Daemon, Service
 
@@ -104,7 +103,7 @@ async def _live(
     if lab.names():
         await lab.allow()
     why: list[str] = []
-    watcher = _watch_calls(lab, info["bus"])
+    lab.watch_calls()
     _watch(lab, parts, why, lifeline)
     store = asyncio.create_task(lab.simulator.connections.run())
     store.add_done_callback(lambda _: lab.end())
@@ -115,27 +114,13 @@ async def _live(
     await lab.ending.wait()
     lab.simulator.clear_faults()
     await runner.cleanup()
-    watcher.close()
+    lab.monitor.close()
     store.cancel()
     await asyncio.wait([store])
     lab.db.close()
     if not store.cancelled():
         why.append(f"the store failed: {store.exception()!r}")
     return why[0] if why else None
-
-
-def _watch_calls(lab: core.Core, address: str) -> monitor.Monitor:
-    """Starts the monitor of calls. Its callbacks come in GIO's thread and are handed to the event loop, as Book needs."""
-    loop = asyncio.get_running_loop()
-
-    def handed_on(function):
-        def hand(*arguments) -> None:
-            with contextlib.suppress(RuntimeError):  # the loop has ended
-                loop.call_soon_threadsafe(function, *arguments)
-
-        return hand
-
-    return monitor.Monitor(address, handed_on(lab.calls.called), handed_on(lab.calls.answered))
 
 
 def _watch(lab: core.Core, parts: tuple[bus.Bus, Service], why: list[str], lifeline: int | None) -> None:

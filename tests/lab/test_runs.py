@@ -1,5 +1,6 @@
 """A run as a file: exported, imported by another lab, and compared with another run."""
 import json
+import time
 
 import pytest
 from billing_lab.folder import LabError
@@ -62,6 +63,19 @@ def test_an_export_is_the_same_lab_again_and_its_numbers_go_on(lab):
     assert lab.verify()["checks"][0]["ok"] and lab.faults()[0]["left"] == 0
     lab.advance("1d")
     assert next(one for one in lab.invoices() if one["id"] == coins)["status"] == "refunded"
+
+
+def test_a_call_under_way_is_exported_with_its_request(lab):
+    lab.fault("delay", ms=1500)
+    under_way = lab.start_call("check_server_availability")
+    while not (entries := lab.journal()):
+        time.sleep(0.02)
+    written = lab.export()
+    assert [(call["requests"], "milliseconds" in call) for call in written["calls"]] == [([entries[0]["seq"]], False)]
+    lab.finish_call(under_way)
+    lab.import_(written)
+    (again,) = lab.calls()
+    assert (again["requests"], "milliseconds" in again) == ([lab.journal()[0]["seq"]], False)
 
 
 def test_no_secret_stands_in_an_export(lab):

@@ -90,7 +90,9 @@ class Book:
 
     def dump(self) -> list[dict]:
         """The calls in the form that load() takes: those of describe(), with the range of the journal of their requests."""
-        kept = [{name: call[name] for name in ("after", "until", "rivals") if name in call} for call in self._calls]
+        # A call under way is exported with the requests that it has made so far.
+        last = {"until": journal.span(self._db)["last"]}
+        kept = [last | {name: call[name] for name in ("after", "until", "rivals") if name in call} for call in self._calls]
         return [{**told, **more} for told, more in zip(self.describe(), kept)]
 
     def load(self, told: list[dict], base: int) -> None:

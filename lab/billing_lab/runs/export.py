@@ -44,6 +44,7 @@ class ExportError(ValueError):
 async def make(core, last: int | None = None) -> dict:
     """Makes an export, with secrets hidden. @param core a core.Core. @param last the most entries of the journal; None for
     all"""
+    calls = (await core.all_calls()).dump()
     now, db = asyncio.get_running_loop().time(), core.db
     told = {
         "export": FORM,
@@ -60,7 +61,7 @@ async def make(core, last: int | None = None) -> dict:
         "purchases": whole.dump(db),
         "scenario": state.fact(db, "scenario"),
         "journal": journal.entries(db, last=last),
-        "calls": core.calls.dump(),
+        "calls": calls,
     }
     # A full journal takes seconds: a thread hides its values, so that the store answers meanwhile.
     return await asyncio.to_thread(hidden, told, core.device_facts())
