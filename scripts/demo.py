@@ -12,7 +12,8 @@ import textwrap
 TREE = pathlib.Path(__file__).resolve().parents[1]
 sys.path.insert(0, str(TREE / "lab"))
 
-from billing_lab import client, tools  # noqa: E402
+from billing_lab import client  # noqa: E402
+from billing_lab.device import tools  # noqa: E402
 from billing_lab.folder import LabError  # noqa: E402
 
 APP = "app-1"

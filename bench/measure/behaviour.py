@@ -12,7 +12,7 @@ from gi.repository import Gio, GLib
 from harness.methods import EVERY_CALL
 from harness.server import Hang, Reply, Reset, StoreServer
 
-from billing_lab import bus
+from billing_lab.device import bus
 
 from . import services, stage
 

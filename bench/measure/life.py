@@ -2,7 +2,7 @@
 import json
 import time
 
-from billing_lab import bus
+from billing_lab.device import bus
 
 from . import services, stage
 

@@ -12,7 +12,7 @@ import time
 
 from harness import device
 
-from billing_lab import bus
+from billing_lab.device import bus
 
 from . import stage
 

@@ -12,7 +12,7 @@ from cryptography.hazmat.primitives.asymmetric import rsa
 from gi.repository import GLib
 from harness import certificates, credentials, daemon, device, nginx, token_proxy
 
-from billing_lab import bus
+from billing_lab.device import bus
 
 HOST = "localhost"
 SIZES = (512, 32 * 1024, 1024 * 1024)

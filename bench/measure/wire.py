@@ -6,7 +6,7 @@ import select
 import socket
 import threading
 
-from billing_lab import bus
+from billing_lab.device import bus
 
 from . import stage
 

@@ -13,9 +13,9 @@ import time
 import urllib.parse
 from collections.abc import Iterator
 
-from . import view
+from .device import view
+from .device.methods import arguments_of
 from .folder import Folder, LabError, last_line
-from .methods import arguments_of
 
 START_SECONDS = 90
 STOP_SECONDS = 30
@@ -58,7 +58,7 @@ class Lab:
         """Starts a call and does not wait for its answer. @return the call, for finish_call()"""
         arguments = arguments_of(method, values)
         if self._caller is None:
-            from .bus import Caller
+            from .device.bus import Caller
 
             self._caller = Caller(self.bus)
         return self._caller.start(method, *arguments, timeout=timeout)

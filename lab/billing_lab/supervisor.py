@@ -17,9 +17,12 @@ import socket
 import subprocess
 import sys
 
-from . import bus, connections, control, core, state, tls, tools
+from .control import control, core
+from .device import bus, tools
+from .device.service import Daemon, Service
 from .folder import Folder, LabError, named_errors, replace_file
-from .service import Daemon, Service
+from .server import connections, tls
+from .shop import state
 
 # Longer than any lab is kept.
 CERTIFICATE_DAYS = 3650

@@ -6,7 +6,7 @@ import socket
 import subprocess
 import sys
 
-from billing_lab import bus as message_bus
+from billing_lab.device import bus as message_bus
 
 # The launcher takes its listening socket as a service manager hands one over, and looks for its own number there.
 LAUNCH = """

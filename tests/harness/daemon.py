@@ -11,7 +11,7 @@ import subprocess
 import sys
 import time
 
-from billing_lab.view import bubblewrap, start
+from billing_lab.device.view import bubblewrap, start
 
 TREE = pathlib.Path(__file__).resolve().parents[2]
 DEFAULT_BINARY = TREE / "build" / "service" / "billing-service"

@@ -3,7 +3,7 @@ import contextlib
 import os
 import socket
 
-from billing_lab import bus as message_bus
+from billing_lab.device import bus as message_bus
 from gi.repository import Gio, GLib
 
 BUS = ("org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus")

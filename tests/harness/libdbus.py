@@ -1,7 +1,7 @@
 """A caller with only blocking calls of libdbus: it answers no message by itself."""
 import ctypes
 
-from billing_lab import bus as message_bus
+from billing_lab.device import bus as message_bus
 
 METHOD_RETURN = 2
 _STRING, _END = ord("s"), 0

@@ -3,7 +3,7 @@ import threading
 
 from gi.repository import Gio, GLib
 
-from billing_lab import bus as message_bus
+from billing_lab.device import bus as message_bus
 
 NAME, PATH = "org.freedesktop.systemd1", "/org/freedesktop/systemd1"
 UNIT_PATH = PATH + "/unit/billing_2dservice_2eservice"

@@ -11,8 +11,8 @@ sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1]))
 from harness import backend, certificates, credentials, daemon, device, nginx, ordinary, server  # noqa: E402
 from harness.doctor import examine  # noqa: E402
 
-from billing_lab import bus as message_bus  # noqa: E402
-from billing_lab import view  # noqa: E402
+from billing_lab.device import bus as message_bus  # noqa: E402
+from billing_lab.device import view  # noqa: E402
 
 # A shell starts background jobs with SIGINT ignored, and a daemon would inherit that.
 signal.signal(signal.SIGINT, signal.default_int_handler)

@@ -14,7 +14,7 @@ from harness import billingctl, daemon, server
 from harness.billingctl import DONE, FAILED, REFUSED, TRANSFER, UNREACHABLE, USAGE
 from harness.methods import EVERY_CALL
 
-from billing_lab import bus as message_bus
+from billing_lab.device import bus as message_bus
 
 ARGUMENTS = {
     "--appid": "app-1",

@@ -1,6 +1,6 @@
 """billingctl doctor on callers that the service holds back or refuses, and on a bus policy that prevents this."""
 import pytest
-from billing_lab import bus as message_bus
+from billing_lab.device import bus as message_bus
 from gi.repository import Gio
 from harness.deaf import DeafCaller
 from harness.doctor import outcomes

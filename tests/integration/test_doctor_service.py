@@ -14,7 +14,7 @@ from harness import server
 from harness.doctor import outcomes
 from harness.manager import NAME, Manager
 
-from billing_lab import bus as message_bus
+from billing_lab.device import bus as message_bus
 
 RESTART = "systemctl restart billing-service"
 # Seconds after the start within which the service may still read a file that the test writes.

@@ -3,7 +3,7 @@ import json
 import os
 
 import pytest
-from billing_lab.bus import OBJECT, SERVICE
+from billing_lab.device.bus import OBJECT, SERVICE
 from gi.repository import Gio, GLib
 from harness.device import DUID, GUID, TOKEN, UID
 from harness.methods import ARGUMENT_BYTES, EVERY_CALL, LIMITS_EXCEEDED, argument_bytes, filled

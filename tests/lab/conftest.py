@@ -18,7 +18,9 @@ import trustme
 LAB = pathlib.Path(__file__).resolve().parents[2] / "lab"
 sys.path.insert(0, str(LAB))
 
-from billing_lab import catalogue, connections, simulator, state, tls, view  # noqa: E402
+from billing_lab.device import view  # noqa: E402
+from billing_lab.server import connections, simulator, tls  # noqa: E402
+from billing_lab.shop import catalogue, state  # noqa: E402
 
 HOST = "production.localhost"
 TOKEN, DUID, GUID, UID = "token-1", "duid-1", "lab-guid", "lab@example.org"

@@ -9,7 +9,7 @@ import subprocess
 import sys
 
 import pytest
-from billing_lab.methods import METHODS
+from billing_lab.device.methods import METHODS
 
 from conftest import LAB
 
@@ -76,7 +76,7 @@ def test_a_program_of_the_page_tells_the_three_results(lab, program):
 
 
 def test_a_program_of_the_page_says_when_the_service_is_not_there(program, tmp_path):
-    from billing_lab.bus import Bus
+    from billing_lab.device.bus import Bus
 
     empty = Bus(tmp_path)
     try:

@@ -1,6 +1,6 @@
 """The journal of calls on the lab's bus."""
 import pytest
-from billing_lab.bus import Caller
+from billing_lab.device.bus import Caller
 
 
 def calls(lab, count):

@@ -3,8 +3,8 @@ import json
 import time
 
 import pytest
-from billing_lab import catalogue
 from billing_lab.folder import LabError
+from billing_lab.shop import catalogue
 
 METHODS = {
     "check_server_availability": "country",

@@ -4,8 +4,8 @@ import pathlib
 import time
 
 import pytest
-from billing_lab import catalogue
-from billing_lab.json_lines import lines_of
+from billing_lab.shop import catalogue
+from billing_lab.shop.json_lines import lines_of
 
 GOOD = """{
   "lab": 1,

@@ -5,7 +5,7 @@ from xml.etree import ElementTree
 import pytest
 from billing_lab.checks import asked, report, rules
 from billing_lab.folder import LabError
-from billing_lab.matching import MatchError
+from billing_lab.shop.matching import MatchError
 
 
 def entry(seq, endpoint, invoice="", second=0, work=True, fault=None, end="whole", **said):

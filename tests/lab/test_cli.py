@@ -4,7 +4,7 @@ import sqlite3
 import subprocess
 
 import pytest
-from billing_lab import cli as words
+from billing_lab.command import cli as words
 from billing_lab.folder import Folder, default_path
 
 from conftest import LAB

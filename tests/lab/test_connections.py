@@ -5,8 +5,8 @@ import struct
 import time
 
 import pytest
-from billing_lab import state
-from billing_lab.faults import FaultError, make
+from billing_lab.shop import state
+from billing_lab.shop.faults import FaultError, make
 
 from conftest import Client, request
 from http2_client import Http2Client

@@ -8,7 +8,7 @@ import os
 import random
 import time
 
-from billing_lab import openapi
+from billing_lab.control import openapi
 
 # Requests that would end the lab, never end themselves, or wait for a call of the daemon.
 LEFT_OUT = {"/api/stop", "/api/events", "/api/call"}

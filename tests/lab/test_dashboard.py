@@ -4,7 +4,8 @@ import json
 import urllib.parse
 
 import pytest
-from billing_lab import faults, methods
+from billing_lab.device import methods
+from billing_lab.shop import faults
 
 from browser import ActionChains, NARROW, WIDE, By, Keys, Select, in_a_browser
 

@@ -1,5 +1,5 @@
 """The device's settings file: the settings that a switch changes, and those that it keeps."""
-from billing_lab import device
+from billing_lab.device import device
 
 FILE = """# made by hand
 [config]

@@ -4,8 +4,8 @@ import ssl
 import time
 
 import pytest
-from billing_lab import purchases, state
-from billing_lab.faults import FaultError
+from billing_lab.shop import purchases, state
+from billing_lab.shop.faults import FaultError
 
 from conftest import Client, request
 

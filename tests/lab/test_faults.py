@@ -2,8 +2,8 @@
 import statistics
 
 import pytest
-from billing_lab import faults
-from billing_lab.matching import Asked
+from billing_lab.shop import faults
+from billing_lab.shop.matching import Asked
 
 ASKED = {
     "endpoint": "apply",

@@ -4,7 +4,7 @@ import subprocess
 import time
 
 import pytest
-from billing_lab import journal, purchases, state
+from billing_lab.shop import journal, purchases, state
 from h2.errors import ErrorCodes
 
 from conftest import HOST, request

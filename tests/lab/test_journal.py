@@ -4,7 +4,7 @@ import ssl
 import time
 
 import pytest
-from billing_lab import check, journal
+from billing_lab.shop import check, journal
 
 from conftest import HOST, Client, request
 

@@ -12,7 +12,8 @@ import threading
 import time
 
 import pytest
-from billing_lab import client, tools
+from billing_lab import client
+from billing_lab.device import tools
 from billing_lab.folder import Folder, LabError
 
 from conftest import LAB

@@ -2,10 +2,10 @@
 import json
 
 import pytest
-from billing_lab import state
 from billing_lab.folder import LabError
-from billing_lab.matching import Asked
 from billing_lab.own import answers, template
+from billing_lab.shop import state
+from billing_lab.shop.matching import Asked
 
 
 @pytest.fixture

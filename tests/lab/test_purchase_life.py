@@ -3,9 +3,9 @@ import json
 import sqlite3
 
 import pytest
-from billing_lab import state
 from billing_lab.folder import LabError
 from billing_lab.life import clock
+from billing_lab.shop import state
 
 
 def history(lab):

@@ -1,7 +1,9 @@
 """docs/LAB-REFERENCE.md and the OpenAPI description are complete and contain nothing that does not exist."""
 import re
 
-from billing_lab import cli, client, control, openapi
+from billing_lab import client
+from billing_lab.command import cli
+from billing_lab.control import control, openapi
 
 from conftest import LAB
 

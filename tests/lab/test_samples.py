@@ -4,7 +4,7 @@ import subprocess
 import sys
 
 import pytest
-from billing_lab import tools
+from billing_lab.device import tools
 
 from conftest import LAB
 

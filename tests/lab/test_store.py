@@ -1,8 +1,8 @@
 """The store's answers over TLS, and its state."""
 import pytest
-from billing_lab import purchases, state
 from billing_lab.life import purchase
-from billing_lab.store import Refusal
+from billing_lab.shop import purchases, state
+from billing_lab.shop.store import Refusal
 
 
 def buy(store, **changes):

@@ -6,7 +6,7 @@ import shutil
 import subprocess
 import time
 
-from billing_lab import bus as message_bus
+from billing_lab.device import bus as message_bus
 from harness import daemon
 
 TREE = pathlib.Path(__file__).resolve().parents[2]

@@ -6,7 +6,7 @@ import pytest
 from harness import billingctl, daemon
 from harness.doctor import outcomes, read
 
-from billing_lab import view
+from billing_lab.device import view
 
 CLOSED = {"settings", "token", "key", "route", "name lookup", "TCP", "TLS", "HTTP", "time", "request"}
 

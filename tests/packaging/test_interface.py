@@ -1,7 +1,7 @@
 """The introspection XML equals that of the live object."""
 from gi.repository import Gio
 
-from billing_lab import bus as message_bus
+from billing_lab.device import bus as message_bus
 
 NAME = "org.plevo.billingservice"
 

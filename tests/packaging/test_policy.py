@@ -9,7 +9,7 @@ import time
 import pytest
 from gi.repository import Gio, GLib
 
-from billing_lab import bus as message_bus
+from billing_lab.device import bus as message_bus
 from installation import PolicyBus
 
 ANSWERED, DENIED = "answered", "org.freedesktop.DBus.Error.AccessDenied"

@@ -10,8 +10,8 @@ import sys
 
 import pytest
 
-from billing_lab import bus as message_bus
-from billing_lab import view
+from billing_lab.device import bus as message_bus
+from billing_lab.device import view
 from confine import CONFINED, read
 from installation import TREE
 from harness import server

@@ -14,7 +14,7 @@ from cryptography.x509.oid import NameOID
 
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[2] / "lab"))
 
-from billing_lab import view  # noqa: E402
+from billing_lab.device import view  # noqa: E402
 
 TOOL = os.environ["BILLING_PROVISION"]
 DONE, FAILED, USAGE, EXISTS, MISMATCH = range(5)

@@ -4,9 +4,9 @@ import datetime
 import sqlite3
 import time
 
-from .. import journal
-from ..matching import ENDPOINT_OF
-from ..methods import METHODS
+from ..device.methods import METHODS
+from ..shop import journal
+from ..shop.matching import ENDPOINT_OF
 
 KEPT_CALLS = 2000
 KEPT_TEXT = 64 << 10

@@ -5,7 +5,7 @@ import contextlib
 
 from gi.repository import Gio, GLib
 
-from ..bus import OBJECT, SERVICE, Caller
+from ..device.bus import OBJECT, SERVICE, Caller
 from .book import Book
 
 # The bus answers in milliseconds. Without an answer the list of calls may lack the last ones.

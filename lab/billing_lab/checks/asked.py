@@ -1,7 +1,7 @@
 """Counts the requests that fit an expectation, and names those that nearly fit."""
 import dataclasses
 
-from ..matching import WORDS, Asked, Match, MatchError, read_match
+from ..shop.matching import WORDS, Asked, Match, MatchError, read_match
 
 # The most near misses in a result.
 TOLD_NEAR = 5

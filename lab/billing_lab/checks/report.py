@@ -3,8 +3,8 @@ import html
 import json
 from xml.etree import ElementTree
 
-from .. import journal
-from ..matching import MatchError
+from ..shop import journal
+from ..shop.matching import MatchError
 from .asked import Expectation, judge
 from .rules import POLLS, RULES, USUAL, what
 

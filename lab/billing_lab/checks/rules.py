@@ -6,7 +6,7 @@ import collections
 import datetime
 from collections.abc import Callable, Iterable
 
-from ..matching import PAYMENTS
+from ..shop.matching import PAYMENTS
 
 # The most requests to one endpoint within a minute, unless a report asks for another number.
 POLLS = 30

@@ -2,9 +2,9 @@
 import json
 import pathlib
 
-from .. import journal, state
 from ..folder import LabError
-from ..matching import WORDS
+from ..shop import journal, state
+from ..shop.matching import WORDS
 from .asked import read_expectation
 
 # In the order in which they are applied.

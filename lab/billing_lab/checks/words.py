@@ -3,10 +3,10 @@ import argparse
 import pathlib
 
 from ..client import Lab
+from ..command.words import add, match_options, number
 from ..folder import named_errors
-from ..matching import ENDPOINT_OF, ENDPOINTS, WORDS
 from ..own import recording
-from ..words import add, match_options, number
+from ..shop.matching import ENDPOINT_OF, ENDPOINTS, WORDS
 from . import report, run
 from .rules import POLLS, RULES, USUAL, what
 

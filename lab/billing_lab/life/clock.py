@@ -4,7 +4,7 @@ import datetime
 import re
 import sqlite3
 
-from .. import state
+from ..shop import state
 
 _UNITS = {"s": 1, "m": 60, "h": 3600, "d": 86_400}
 # Ten years, about as long as the lab's certificates are valid.

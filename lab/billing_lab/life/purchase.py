@@ -5,8 +5,8 @@ invoices, so that purchases change while an app polls.
 """
 import sqlite3
 
-from .. import state
-from ..store import Refusal
+from ..shop import state
+from ..shop.store import Refusal
 from . import clock
 from .clock import LifeError
 

@@ -3,7 +3,7 @@ import json
 import re
 import sqlite3
 
-from .. import state
+from ..shop import state
 from .clock import LifeError
 from .purchase import STEPS
 

@@ -3,8 +3,8 @@ import argparse
 import json
 
 from ..client import Lab
-from ..commands import show_invoice
-from ..words import add
+from ..command.commands import show_invoice
+from ..command.words import add
 from .purchase import GRACE, STEPS
 
 _SPAN = "a span of the lab's clock such as 30d, 12h, 5m or 90s"

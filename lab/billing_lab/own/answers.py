@@ -1,8 +1,8 @@
 """Stores own answers, chooses the one for a request, and counts how often each was given."""
 import sqlite3
 
-from .. import state
-from ..matching import WORDS, Asked, Match, MatchError, read_match
+from ..shop import state
+from ..shop.matching import WORDS, Asked, Match, MatchError, read_match
 from . import template
 
 _MEMBERS = ("endpoint", *WORDS[1:], "body", "bodies", "status", "type", "template")

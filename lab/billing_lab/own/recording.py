@@ -5,7 +5,7 @@ import pathlib
 import urllib.parse
 
 from ..folder import LabError
-from ..store import PATHS
+from ..shop.store import PATHS
 from . import secrets
 
 

@@ -6,14 +6,16 @@ import pathlib
 import platform
 import re
 
-from .. import __version__, catalogue, device, faults, journal, state
-from ..bus import check_name
+from .. import __version__
 from ..calls import book
 from ..checks.asked import read_expectation
+from ..device import device
+from ..device.bus import check_name
 from ..folder import LabError, replace_file
 from ..life import clock, whole
 from ..own import answers
 from ..own.secrets import Names
+from ..shop import catalogue, faults, journal, state
 
 FORM = 1
 # The members that each kind of journal entry must have, since the page and the command line show them.

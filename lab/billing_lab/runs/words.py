@@ -4,8 +4,8 @@ import json
 import pathlib
 
 from ..client import Lab
+from ..command.words import add, number
 from ..folder import LabError, named_errors
-from ..words import add, number
 from . import compare, export
 
 

@@ -9,7 +9,7 @@ import re
 import time
 
 import pytest
-from billing_lab import bus as message_bus
+from billing_lab.device import bus as message_bus
 from gi.repository import Gio
 from harness import daemon
 from harness.deaf import DeafCaller

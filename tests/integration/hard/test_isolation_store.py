@@ -3,7 +3,7 @@ import statistics
 import time
 
 import pytest
-from billing_lab import bus as message_bus
+from billing_lab.device import bus as message_bus
 from gi.repository import Gio, GLib
 from harness import daemon
 from harness.server import Hang, Reply

@@ -7,7 +7,7 @@ import threading
 import time
 
 import pytest
-from billing_lab import bus as message_bus
+from billing_lab.device import bus as message_bus
 from harness import daemon
 from harness.methods import NO_NETWORK
 from harness.server import Hang, Raw, Reply, Reset

@@ -6,7 +6,7 @@ import signal
 import threading
 import time
 
-from billing_lab import bus as message_bus
+from billing_lab.device import bus as message_bus
 from gi.repository import Gio, GLib
 from harness import certificates, daemon
 from harness.methods import EVERY_CALL, LIMITS_EXCEEDED, NO_NETWORK, TRY_LATER

@@ -11,11 +11,13 @@ import sys
 import time
 from collections.abc import Iterator
 
-from . import client, journal, tools, view
-from .calls import book
-from .faults import CONNECTION_FAULTS
-from .folder import Folder, LabError, named_errors
-from .matching import WORDS
+from .. import client
+from ..calls import book
+from ..device import tools, view
+from ..folder import Folder, LabError, named_errors
+from ..shop import journal
+from ..shop.faults import CONNECTION_FAULTS
+from ..shop.matching import WORDS
 
 # The exit statuses of `billingctl`.
 EXIT_BY_RESULT = {0: 0, -1: 3, 1160003: 4}

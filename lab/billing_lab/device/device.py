@@ -6,8 +6,8 @@ import configparser
 import pathlib
 import re
 
-from .folder import replace_file
-from .store import EXPIRED_TOKEN
+from ..folder import replace_file
+from ..shop.store import EXPIRED_TOKEN
 
 Settings = dict[str, dict[str, str]]
 Changes = dict[tuple[str, str], str | None]

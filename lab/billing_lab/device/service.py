@@ -7,9 +7,9 @@ import subprocess
 import time
 from collections.abc import Callable
 
+from ..folder import Folder, LabError, last_line
 from . import bus, tools, view
 from .device import SERVICE_STATES, DeviceError
-from .folder import Folder, LabError, last_line
 
 START_SECONDS = 30
 STOP_SECONDS = 10

@@ -7,7 +7,8 @@ import socket
 import struct
 from collections.abc import Callable, Iterator
 
-from . import check, tls
+from ..shop import check
+from . import tls
 
 # The default of Apache, HAProxy and lighttpd, so that an app meets a usual server.
 IDLE_SECONDS = 5

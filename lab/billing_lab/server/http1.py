@@ -4,7 +4,7 @@ from collections.abc import Awaitable, Callable
 
 from aiohttp import web
 
-from . import check
+from ..shop import check
 from .connection import Exchange, Link, is_set_within
 
 LARGEST_REQUEST = 64 << 20

@@ -5,9 +5,9 @@ Each function of _WAYS sends an answer with one fault, and returns how that ende
 import asyncio
 import json
 
+from ..shop.faults import Fault, damage, delay_of
+from ..shop.store import Reply
 from .connection import Exchange
-from .faults import Fault, damage, delay_of
-from .store import Reply
 
 _CHUNK = b"x" * (1 << 20)
 _HANG_STEP = 0.05  # seconds

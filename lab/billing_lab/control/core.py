@@ -4,18 +4,20 @@ import pathlib
 import shutil
 import socket
 
-from . import catalogue, device, journal, purchases, state, tls
-from .bus import Bus, check_name
-from .calls.book import Book
-from .calls.monitor import Monitor
-from .checks import asked, report
-from .device import Changes, Settings
-from .folder import Folder, LabError
-from .life import clock, purchase
-from .matching import PAYMENTS
-from .own import answers
-from .service import Service
-from .simulator import Simulator
+from ..calls.book import Book
+from ..calls.monitor import Monitor
+from ..checks import asked, report
+from ..device import device
+from ..device.bus import Bus, check_name
+from ..device.device import Changes, Settings
+from ..device.service import Service
+from ..folder import Folder, LabError
+from ..life import clock, purchase
+from ..own import answers
+from ..server import tls
+from ..server.simulator import Simulator
+from ..shop import catalogue, journal, purchases, state
+from ..shop.matching import PAYMENTS
 
 # The members of a request for `buy` that plan the purchase's life.
 LIFE_WORDS = ("pending", "approve_after", "decline_after", "after", "period", "grace")

@@ -1,10 +1,11 @@
 """The OpenAPI description of the control interface. Names and ranges are taken from the code that checks them."""
-from . import __version__, device
-from .checks.rules import POLLS, RULES
-from .faults import CONNECTION_FAULTS, KINDS
-from .life.purchase import STEPS
-from .matching import ENDPOINT_OF, ENDPOINTS, WORDS
-from .methods import METHODS
+from .. import __version__
+from ..checks.rules import POLLS, RULES
+from ..device import device
+from ..device.methods import METHODS
+from ..life.purchase import STEPS
+from ..shop.faults import CONNECTION_FAULTS, KINDS
+from ..shop.matching import ENDPOINT_OF, ENDPOINTS, WORDS
 
 _TEXT, _BOOL, _OBJECT = {"type": "string"}, {"type": "boolean"}, {"type": "object"}
 _COUNT = {"type": "integer", "minimum": 0}

@@ -3,9 +3,9 @@ import os
 import pathlib
 import shutil
 
-from .folder import Folder, LabError
+from ..folder import Folder, LabError
 
-TREE = pathlib.Path(__file__).resolve().parents[2]
+TREE = pathlib.Path(__file__).resolve().parents[3]
 # An installed lab lies in PREFIX/share/billing-lab.
 INSTALLED_SERVICE = TREE.parent / "libexec" / "billing-service"
 _IN_BUILD = {"billing-provision": "platform/provision/billing-provision", "billingctl": "client/billingctl"}

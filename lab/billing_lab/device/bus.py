@@ -9,7 +9,7 @@ from urllib.parse import quote
 
 from gi.repository import Gio, GLib
 
-from .folder import LabError
+from ..folder import LabError
 
 SERVICE = "org.plevo.billingservice"
 OBJECT = "/org/plevo/billingservice"

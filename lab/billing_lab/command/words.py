@@ -1,7 +1,7 @@
 """Helpers with which each part of the command line adds its commands, options and ranges of numbers."""
 import argparse
 
-from .matching import ENDPOINT_OF, ENDPOINTS
+from ..shop.matching import ENDPOINT_OF, ENDPOINTS
 
 
 def add(words, name: str, run, what: str, json: bool = True, **options) -> argparse.ArgumentParser:

@@ -7,7 +7,8 @@ import socket
 import ssl
 from collections.abc import Callable
 
-from . import faults, tls
+from ..shop import faults
+from . import tls
 from .connection import IDLE_SECONDS, Link
 
 HANDSHAKE_SECONDS = 30

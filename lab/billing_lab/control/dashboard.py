@@ -8,13 +8,14 @@ import pathlib
 
 from aiohttp import web
 
-from . import catalogue, device, faults, tools
+from ..device import device, tools
+from ..device.methods import METHODS, arguments_of
+from ..folder import replace_file
+from ..shop import catalogue, faults
+from ..shop.matching import ENDPOINT_OF, ENDPOINTS
 from .core import Core
-from .folder import replace_file
-from .matching import ENDPOINT_OF, ENDPOINTS
-from .methods import METHODS, arguments_of
 
-PAGE = pathlib.Path(__file__).with_name("page")
+PAGE = pathlib.Path(__file__).parents[1] / "page"
 CALL_SECONDS = 100
 # The page loads nothing from another origin, and no site may show it in a frame.
 HEADERS = {

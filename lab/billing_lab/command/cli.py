@@ -7,15 +7,17 @@ import sqlite3
 import ssl
 import sys
 
-from . import __version__, commands, device
-from .catalogue import DEFAULT_FILE
-from .checks import words as checks
-from .faults import CONNECTION_FAULTS, KINDS, RESERVED, ConnectionKind, Kind
-from .folder import LabError, default_path
-from .life import words as life
-from .matching import ENDPOINTS
-from .methods import METHODS
-from .runs import words as runs
+from .. import __version__
+from ..checks import words as checks
+from ..device import device
+from ..device.methods import METHODS
+from ..folder import LabError, default_path
+from ..life import words as life
+from ..runs import words as runs
+from ..shop.catalogue import DEFAULT_FILE
+from ..shop.faults import CONNECTION_FAULTS, KINDS, RESERVED, ConnectionKind, Kind
+from ..shop.matching import ENDPOINTS
+from . import commands
 from .words import add, decimal, match_options, number, numbers
 
 _DESCRIPTION = """\

@@ -3,12 +3,12 @@ import dataclasses
 import json
 import sqlite3
 
+from ..life import clock
+from ..own import answers as own_answers
+from ..own.template import TemplateError
 from . import catalogue as goods
 from . import state
-from .life import clock
 from .matching import Asked
-from .own import answers as own_answers
-from .own.template import TemplateError
 
 PATHS = {
     ("GET", "/billing/service/v2/country"): "country",

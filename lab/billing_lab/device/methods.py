@@ -1,5 +1,5 @@
 """The five methods of the service, with the lab's defaults of their arguments."""
-from .folder import LabError
+from ..folder import LabError
 
 # The arguments in their order, with defaults that fit the lab's own catalogue.
 METHODS: dict[str, dict[str, str]] = {

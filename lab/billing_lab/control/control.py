@@ -15,18 +15,19 @@ from collections.abc import Awaitable, Callable
 
 from aiohttp import web
 
-from . import catalogue, dashboard, journal, openapi, state
-from .catalogue import CatalogueError
-from .checks import asked, report, scenario
+from ..checks import asked, report, scenario
+from ..device.device import DeviceError
+from ..folder import LabError
+from ..life import clock, purchase
+from ..own.template import TemplateError
+from ..runs import compare, export
+from ..shop import catalogue, journal, state
+from ..shop.catalogue import CatalogueError
+from ..shop.faults import FaultError
+from ..shop.matching import MatchError
+from ..shop.store import Refusal
+from . import dashboard, openapi
 from .core import Core
-from .device import DeviceError
-from .faults import FaultError
-from .folder import LabError
-from .life import clock, purchase
-from .matching import MatchError
-from .own.template import TemplateError
-from .runs import compare, export
-from .store import Refusal
 
 Handler = Callable[[web.Request], Awaitable[web.StreamResponse]]
 

@@ -10,11 +10,12 @@ import time
 import urllib.parse
 from collections.abc import Callable
 
-from . import answers, check, faults, http1, http2, journal, matching, state, store
+from ..device.device import DeviceError
+from ..life import purchase
+from ..shop import check, faults, journal, matching, state, store
+from . import answers, http1, http2
 from .connection import Exchange, Link
 from .connections import Connections
-from .device import DeviceError
-from .life import purchase
 
 
 class Simulator:

@@ -14,7 +14,7 @@ import jsonschema
 from .faults import RESERVED
 from .json_lines import Path, lines_of
 
-_HERE = pathlib.Path(__file__).parent
+_HERE = pathlib.Path(__file__).parents[1]
 DEFAULT_FILE = _HERE / "catalogue.json"
 LARGEST_FILE = 16 << 20
 

@@ -1,9 +1,9 @@
 """Buys a product, as a user does on the store's own pages."""
 import sqlite3
 
+from ..life import clock, purchase
 from . import faults, state, store
 from .faults import RESERVED
-from .life import clock, purchase
 from .store import Refusal
 
 

@@ -12,7 +12,7 @@ from h2.errors import ErrorCodes
 from h2.settings import SettingCodes
 from hyperframe.frame import GoAwayFrame
 
-from . import check
+from ..shop import check
 from .connection import Exchange, Link, is_set_within
 
 LARGEST_BODY = 64 << 20

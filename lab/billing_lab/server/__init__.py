@@ -1,0 +1,1 @@
+"""The HTTPS server in front of the shop: connections, protocols, and answers spoiled by faults."""
