@@ -10,7 +10,7 @@ import time
 
 from gi.repository import Gio, GLib
 from harness.methods import EVERY_CALL
-from harness.server import Hang, Reply, Reset, StoreServer
+from harness.store.server import Hang, Reply, Reset, StoreServer
 
 from billing_lab.device import bus
 

@@ -10,7 +10,7 @@ import signal
 import subprocess
 import time
 
-from harness import device
+from harness.device import device
 
 from billing_lab.device import bus
 

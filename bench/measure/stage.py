@@ -10,7 +10,9 @@ import time
 from cryptography import x509
 from cryptography.hazmat.primitives.asymmetric import rsa
 from gi.repository import GLib
-from harness import certificates, credentials, daemon, device, nginx, token_proxy
+from harness import daemon
+from harness.device import certificates, credentials, device, token_proxy
+from harness.store import nginx
 
 from billing_lab.device import bus
 

@@ -8,8 +8,10 @@ import pytest
 
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1]))
 
-from harness import backend, certificates, credentials, daemon, device, nginx, ordinary, server  # noqa: E402
-from harness.doctor import examine  # noqa: E402
+from harness import daemon  # noqa: E402
+from harness.device import certificates, credentials, device  # noqa: E402
+from harness.store import backend, nginx, ordinary, server  # noqa: E402
+from harness.tools.doctor import examine  # noqa: E402
 
 from billing_lab.device import bus as message_bus  # noqa: E402
 from billing_lab.device import view  # noqa: E402

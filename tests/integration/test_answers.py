@@ -4,10 +4,10 @@ import datetime
 import socket
 
 import pytest
-from harness import certificates
 from harness.daemon import is_sanitized
+from harness.device import certificates
 from harness.methods import all_alike, answers
-from harness.server import Endless, Raw, Reply, Reset, Truncate
+from harness.store.server import Endless, Raw, Reply, Reset, Truncate
 
 # Length of the longest text in a reply on the system bus.
 LIMIT = 33_554_375

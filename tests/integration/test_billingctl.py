@@ -10,9 +10,11 @@ import tempfile
 
 import pytest
 from gi.repository import Gio
-from harness import billingctl, daemon, server
-from harness.billingctl import DONE, FAILED, REFUSED, TRANSFER, UNREACHABLE, USAGE
+from harness import daemon
 from harness.methods import EVERY_CALL
+from harness.store import server
+from harness.tools import billingctl
+from harness.tools.billingctl import DONE, FAILED, REFUSED, TRANSFER, UNREACHABLE, USAGE
 
 from billing_lab.device import bus as message_bus
 

@@ -4,10 +4,11 @@ import threading
 
 import pytest
 from gi.repository import GLib
-from harness import broker, shutdown
-from harness.deaf import DeafCaller
+from harness import shutdown
+from harness.bus import broker
+from harness.bus.deaf import DeafCaller
 from harness.methods import ARGUMENT_BYTES, EVERY_CALL, LIMITS_EXCEEDED, answers, filled
-from harness.server import Hang, Reply
+from harness.store.server import Hang, Reply
 
 MIB = 1 << 20
 PING = '<allow send_type="method_call" send_interface="org.freedesktop.DBus.Peer" send_member="Ping"/>'

@@ -4,7 +4,7 @@ import os
 import pytest
 from gi.repository import GLib
 from harness import shutdown
-from harness.server import Hang
+from harness.store.server import Hang
 
 NAME = "org.plevo.billingservice"
 

@@ -2,7 +2,7 @@
 import threading
 
 from harness.methods import EVERY_CALL
-from harness.server import Hang, Reply
+from harness.store.server import Hang, Reply
 
 
 def test_two_calls_are_answered_in_the_order_of_their_results(service, caller, store):

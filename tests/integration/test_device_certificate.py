@@ -6,7 +6,7 @@ import pytest
 from cryptography import x509
 from cryptography.hazmat.primitives.asymmetric import ec, rsa
 from cryptography.x509.oid import NameOID
-from harness import certificates
+from harness.device import certificates
 from harness.methods import EVERY_CALL, all_alike, answers
 
 DEVICE = "CN=Billing lab device"

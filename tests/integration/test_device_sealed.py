@@ -7,8 +7,8 @@ import subprocess
 
 import pytest
 from cryptography.hazmat.primitives.asymmetric import rsa
-from harness import certificates, credentials
-from harness.device import SECRETS
+from harness.device import certificates, credentials
+from harness.device.device import SECRETS
 from harness.methods import all_alike, answers
 
 WORKS = (0, "{}")

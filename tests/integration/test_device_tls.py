@@ -6,7 +6,8 @@ import ssl
 import pytest
 from cryptography.hazmat.primitives.asymmetric import rsa
 from cryptography.x509 import DNSName, Name, SubjectAlternativeName
-from harness import certificates, daemon
+from harness import daemon
+from harness.device import certificates
 from harness.methods import EVERY_CALL, all_alike, answers
 
 DEVICE = "CN=Billing lab device"

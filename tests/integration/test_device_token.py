@@ -5,7 +5,8 @@ import subprocess
 import time
 
 import pytest
-from harness import daemon, token_proxy
+from harness import daemon
+from harness.device import token_proxy
 from harness.methods import EVERY_CALL, all_alike, answers
 
 FAILED = (-1, "")

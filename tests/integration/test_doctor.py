@@ -6,9 +6,10 @@ import re
 import subprocess
 
 import pytest
-from harness import billingctl, certificates, credentials
-from harness.billingctl import FAILED
-from harness.doctor import outcomes, preloaded
+from harness.device import certificates, credentials
+from harness.tools import billingctl
+from harness.tools.billingctl import FAILED
+from harness.tools.doctor import outcomes, preloaded
 
 CERTIFICATE = "/usr/apps/org.plevo.billing-api/res/certificate/bgclient.crt"
 BUNDLE = "/opt/down/cert/ca.pem"

@@ -2,10 +2,10 @@
 import pytest
 from billing_lab.device import bus as message_bus
 from gi.repository import Gio
-from harness.deaf import DeafCaller
-from harness.doctor import outcomes
+from harness.bus.deaf import DeafCaller
 from harness.methods import LIMITS_EXCEEDED
-from harness.server import Reply
+from harness.store.server import Reply
+from harness.tools.doctor import outcomes
 
 MIB = 1 << 20
 NO_STATS = (

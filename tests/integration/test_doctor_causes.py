@@ -5,9 +5,10 @@ import time
 
 import pytest
 from cryptography import x509
-from harness import certificates, server
-from harness.credentials import A_DAY
-from harness.doctor import outcomes
+from harness.device import certificates
+from harness.device.credentials import A_DAY
+from harness.store import server
+from harness.tools.doctor import outcomes
 
 CERTIFICATE = "/usr/apps/org.plevo.billing-api/res/certificate/bgclient.crt"
 

@@ -10,9 +10,9 @@ import time
 
 import pytest
 from gi.repository import Gio
-from harness import server
-from harness.doctor import outcomes
-from harness.manager import NAME, Manager
+from harness.bus.manager import NAME, Manager
+from harness.store import server
+from harness.tools.doctor import outcomes
 
 from billing_lab.device import bus as message_bus
 

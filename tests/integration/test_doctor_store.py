@@ -5,8 +5,9 @@ import ssl
 import time
 
 import pytest
-from harness import certificates, server
-from harness.doctor import preloaded
+from harness.device import certificates
+from harness.store import server
+from harness.tools.doctor import preloaded
 
 BUNDLE = "/opt/down/cert/ca.pem"
 NOT_REACHED = "the request did not come that far"

@@ -2,7 +2,7 @@
 import os
 import socket
 
-from harness.device import TOKEN
+from harness.device.device import TOKEN
 
 
 def test_a_proxy_in_the_environment_is_not_asked(needs_view, start_daemon, caller, store):

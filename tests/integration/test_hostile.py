@@ -3,7 +3,7 @@ import json
 
 import pytest
 from gi.repository import GLib
-from harness.device import DUID, GUID, TOKEN, UID
+from harness.device.device import DUID, GUID, TOKEN, UID
 from harness.methods import EVERY_CALL, answers, filled
 
 BYTES = {"CR": "\r", "LF": "\n", "CRLF": "\r\n", "0x01": "\x01", "0x7f": "\x7f", "tab": "\t", "escape": "\x1b[31m"}

@@ -4,8 +4,8 @@ processes each request once.
 import collections
 
 import pytest
-from harness import http2_store
-from harness.http2_store import answers_early, goes_away_after, goes_away_before, is_silent, refuses, wants_http_1_1
+from harness.store import http2_store
+from harness.store.http2_store import answers_early, goes_away_after, goes_away_before, is_silent, refuses, wants_http_1_1
 
 LIST = ("get_product_list", "app", "0", "check")
 PURCHASE = ("confirm_purchase", "app", "custom", "invoice", "0")

@@ -6,10 +6,10 @@ import subprocess
 import sys
 
 import pytest
-from harness.device import SECRETS
+from harness.device.device import SECRETS
 from harness.journal import Journal
 from harness.methods import answers
-from harness.server import Truncate
+from harness.store.server import Truncate
 
 ARGUMENTS = {
     "get_product_list": ("canary-app", "0", "canary-check"),

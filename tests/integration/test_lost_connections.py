@@ -4,9 +4,9 @@ import time
 
 import pytest
 from gi.repository import GLib
-from harness import contextless, nginx, proxy
 from harness.methods import EVERY_CALL
-from harness.server import Reply
+from harness.store import contextless, nginx, proxy
+from harness.store.server import Reply
 
 GOOD = (0, "nginx")
 LIST = ("get_product_list", "app", "0", "check")

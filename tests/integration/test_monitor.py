@@ -7,8 +7,9 @@ import threading
 
 import pytest
 from gi.repository import Gio, GLib
-from harness import billingctl, server
-from harness.billingctl import FAILED, UNREACHABLE
+from harness.store import server
+from harness.tools import billingctl
+from harness.tools.billingctl import FAILED, UNREACHABLE
 
 CLOCK = r"\d\d:\d\d:\d\d\.\d{6}"
 TIME = r" \(\d+\.\d ms\)"

@@ -1,7 +1,8 @@
 """Without a default route each method is refused and no request is sent."""
 import pytest
-from harness import daemon, server
+from harness import daemon
 from harness.methods import EVERY_CALL, NO_NETWORK, all_alike, answers
+from harness.store import server
 
 
 @pytest.mark.parametrize("gateway, said", [("down", "Get Network status: 0"), ("error:5", "Get Network status failed: 5")])

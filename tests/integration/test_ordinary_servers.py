@@ -4,8 +4,8 @@ reloads and restarts affect kept connections; no purchase may be lost or made tw
 import time
 
 import pytest
-from harness import books, load, ordinary
-from harness.load import first, for_seconds, mixed, product_list, purchase
+from harness.store import books, load, ordinary
+from harness.store.load import first, for_seconds, mixed, product_list, purchase
 
 # Idle limit of the servers in these tests, in seconds.
 IDLE = 1

@@ -3,9 +3,10 @@ import json
 import subprocess
 
 import pytest
-from harness import billingctl, daemon
-from harness.doctor import examine, outcomes
+from harness import daemon
 from harness.methods import EVERY_CALL, NO_NETWORK, all_alike, answers
+from harness.tools import billingctl
+from harness.tools.doctor import examine, outcomes
 
 LOOK_AT_THE_KEY = "look at the device's key store, and at the number in deployment_get_key_id() of the device's own library"
 

@@ -3,9 +3,10 @@ import json
 import subprocess
 
 import pytest
-from harness import billingctl, daemon
-from harness.billingctl import DONE, FAILED
-from harness.device import SECRETS
+from harness import daemon
+from harness.device.device import SECRETS
+from harness.tools import billingctl
+from harness.tools.billingctl import DONE, FAILED
 
 SECTIONS = ["machine", "versions", "status", "doctor", "settings", "unit", "journal"]
 

@@ -5,7 +5,7 @@ import os
 import pytest
 from billing_lab.device.bus import OBJECT, SERVICE
 from gi.repository import Gio, GLib
-from harness.device import DUID, GUID, TOKEN, UID
+from harness.device.device import DUID, GUID, TOKEN, UID
 from harness.methods import ARGUMENT_BYTES, EVERY_CALL, LIMITS_EXCEEDED, argument_bytes, filled
 
 COMMON = ["Content-Type: application/json; charset=utf-8", "Accept: application/json", f"DUID: {DUID}", f"Atoken: {TOKEN}"]

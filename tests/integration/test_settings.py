@@ -2,8 +2,8 @@
 import os
 
 import pytest
-from harness import certificates
-from harness.device import DUID, GUID, TOKEN, UID
+from harness.device import certificates
+from harness.device.device import DUID, GUID, TOKEN, UID
 from harness.methods import NO_NETWORK, TRY_LATER, all_alike, answers
 
 CA_FILE = "/opt/down/cert/ca.pem"

@@ -2,8 +2,8 @@
 import json
 
 import pytest
-from harness import billingctl
-from harness.billingctl import DONE, FAILED, WARNING
+from harness.tools import billingctl
+from harness.tools.billingctl import DONE, FAILED, WARNING
 
 GOOD = """\
 # a device

@@ -10,7 +10,7 @@ import time
 import pytest
 from harness import daemon, shutdown
 from harness.methods import EVERY_CALL
-from harness.server import Hang, Reply
+from harness.store.server import Hang, Reply
 
 # Number of rounds of all kinds together. The runtime of a sanitizer makes starts and ends many times slower.
 ROUNDS = int(os.environ.get("BILLING_SIGNAL_ROUNDS", "60" if daemon.is_sanitized() else "200"))

@@ -4,9 +4,10 @@ import subprocess
 import time
 
 import pytest
-from harness import billingctl, daemon
-from harness.billingctl import DONE, UNREACHABLE
-from harness.doctor import VERSION
+from harness import daemon
+from harness.tools import billingctl
+from harness.tools.billingctl import DONE, UNREACHABLE
+from harness.tools.doctor import VERSION
 
 JOURNAL = """#!/bin/sh
 case "$*" in

@@ -4,7 +4,9 @@ import time
 
 import pytest
 from billing_lab.folder import replace_file
-from harness import certificates, contextless, daemon
+from harness import daemon
+from harness.device import certificates
+from harness.store import contextless
 
 LIST = ("get_product_list", "app", "0", "check")
 PURCHASE = ("confirm_purchase", "app", "custom", "invoice", "0")

@@ -9,7 +9,9 @@ import time
 
 import pytest
 from cryptography import x509
-from harness import credentials, daemon, device, server
+from harness import daemon
+from harness.device import credentials, device
+from harness.store import server
 
 MODULES = glob.glob("/usr/lib/*/libtpm2_pkcs11.so.1")
 PROGRAMS = ("swtpm", "pkcs11-tool", "tpm2_flushcontext")

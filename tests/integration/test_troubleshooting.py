@@ -9,9 +9,11 @@ import subprocess
 import time
 
 import pytest
-from harness import certificates, page, server
-from harness.credentials import A_DAY
-from harness.doctor import ILL, preloaded
+from harness.device import certificates
+from harness.device.credentials import A_DAY
+from harness.store import server
+from harness.tools import page
+from harness.tools.doctor import ILL, preloaded
 
 TESTS = pathlib.Path(__file__).resolve().parents[1]
 

@@ -13,8 +13,9 @@ import pytest
 
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1]))
 
-from harness import certificates, credentials, server  # noqa: E402
-from harness.device import Device  # noqa: E402
+from harness.device import certificates, credentials  # noqa: E402
+from harness.device.device import Device  # noqa: E402
+from harness.store import server  # noqa: E402
 
 import booted  # noqa: E402
 import manager  # noqa: E402

@@ -3,8 +3,9 @@ import os
 import subprocess
 
 import pytest
-from harness import billingctl, daemon
-from harness.doctor import outcomes, read
+from harness import daemon
+from harness.tools import billingctl
+from harness.tools.doctor import outcomes, read
 
 from billing_lab.device import view
 

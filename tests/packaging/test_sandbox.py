@@ -14,7 +14,7 @@ from billing_lab.device import bus as message_bus
 from billing_lab.device import view
 from confine import CONFINED, read
 from installation import TREE
-from harness import server
+from harness.store import server
 
 HERE = pathlib.Path(__file__).parent
 

@@ -12,10 +12,10 @@ import pytest
 from billing_lab.device import bus as message_bus
 from gi.repository import Gio
 from harness import daemon
-from harness.deaf import DeafCaller
-from harness.libdbus import BlockingCaller
+from harness.bus.deaf import DeafCaller
+from harness.bus.libdbus import BlockingCaller
 from harness.methods import ARGUMENT_BYTES, LIMITS_EXCEEDED, filled
-from harness.server import Reply
+from harness.store.server import Reply
 
 MIB = 1 << 20
 WINDOW = MIB

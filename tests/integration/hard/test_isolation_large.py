@@ -6,7 +6,7 @@ import time
 
 import pytest
 from harness import daemon
-from harness.server import Reply
+from harness.store.server import Reply
 
 MIB = 1 << 20
 # Almost the longest text that the bus carries.

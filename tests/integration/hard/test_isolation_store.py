@@ -6,7 +6,7 @@ import pytest
 from billing_lab.device import bus as message_bus
 from gi.repository import Gio, GLib
 from harness import daemon
-from harness.server import Hang, Reply
+from harness.store.server import Hang, Reply
 
 # Seconds that a purchase may take beside the load, on a busy machine.
 SOON = 1

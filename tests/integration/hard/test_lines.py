@@ -6,8 +6,9 @@ import threading
 import time
 
 import pytest
-from harness import daemon, server
-from harness.server import Reply
+from harness import daemon
+from harness.store import server
+from harness.store.server import Reply
 
 # Seconds for the daemon's own work on a busy machine.
 SOON = 1

@@ -10,7 +10,7 @@ import pytest
 from billing_lab.device import bus as message_bus
 from harness import daemon
 from harness.methods import NO_NETWORK
-from harness.server import Hang, Raw, Reply, Reset
+from harness.store.server import Hang, Raw, Reply, Reset
 
 # Number of outstanding calls that the bus allows one connection.
 PER_CONNECTION = 128

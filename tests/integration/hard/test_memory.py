@@ -16,7 +16,7 @@ import pytest
 from gi.repository import GLib
 from harness import daemon
 from harness.methods import NO_NETWORK, TRY_LATER
-from harness.server import Reply
+from harness.store.server import Reply
 
 CALL = ("confirm_purchase", "app-1", "custom-1", "invoice-1", "1")
 GOOD = (0, "{}")

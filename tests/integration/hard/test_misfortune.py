@@ -8,7 +8,8 @@ import time
 
 from billing_lab.device import bus as message_bus
 from gi.repository import Gio, GLib
-from harness import certificates, daemon
+from harness import daemon
+from harness.device import certificates
 from harness.methods import EVERY_CALL, LIMITS_EXCEEDED, NO_NETWORK, TRY_LATER
 
 SERVICE, OBJECT = message_bus.SERVICE, message_bus.OBJECT

@@ -2,8 +2,8 @@
 import heapq
 import time
 
-from harness import books, load, ordinary
-from harness.load import product_list, purchase
+from harness.store import books, load, ordinary
+from harness.store.load import product_list, purchase
 
 # Offsets of the pauses from a limit, in seconds.
 PAUSES = (-0.5, 0, 0.5)

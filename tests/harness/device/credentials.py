@@ -7,7 +7,8 @@ import subprocess
 
 from cryptography import x509
 
-from . import certificates, daemon
+from .. import daemon
+from . import certificates
 from .certificates import A_DAY
 
 

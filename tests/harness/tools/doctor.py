@@ -4,7 +4,8 @@ import re
 import socket
 import subprocess
 
-from . import billingctl, daemon, page
+from .. import daemon
+from . import billingctl, page
 from .billingctl import DONE, FAILED, WARNING
 
 CHECKS = [

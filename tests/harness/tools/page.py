@@ -1,7 +1,7 @@
 """The table of docs/TROUBLESHOOTING.md: symptom, journal, the doctor's id, cure."""
 import re
 
-from . import daemon
+from .. import daemon
 
 
 class Row:

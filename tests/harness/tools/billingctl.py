@@ -3,7 +3,7 @@ import os
 import pty
 import subprocess
 
-from . import daemon
+from .. import daemon
 
 DONE, FAILED, USAGE, TRANSFER, REFUSED, UNREACHABLE, WARNING = range(7)
 

@@ -1,7 +1,7 @@
 """A PKCS#11 module between the daemon and its token, with faults on demand."""
 import os
 
-from . import daemon
+from .. import daemon
 
 
 def module():

@@ -1,0 +1,1 @@
+"""Message buses, and the other parties on them."""

@@ -1,0 +1,1 @@
+"""The device of a daemon: settings, certificates, credentials and token."""

@@ -1,0 +1,1 @@
+"""billingctl and its doctor."""
