@@ -8,6 +8,7 @@ import pytest
 
 from booted import AS_APP, ASK, NAMED, provision, unit, wait_until
 from first_answer import TREE, documented
+from manager import Machine, Refused
 
 HERE = pathlib.Path(__file__).parent
 AS_STRANGER = f"runuser -u stranger -g stranger -- {ASK}"
@@ -211,3 +212,16 @@ def test_no_old_daemon_goes_on_where_there_is_no_systemd(device, argument):
     assert len(daemons(device)) == 1
     maintain(device, "prerm", argument, "unshare --mount sh -c 'mount -t tmpfs tmpfs /run/systemd; exec \"$@\"' x")
     assert daemons(device) == []
+
+
+@pytest.mark.parametrize(
+    ("setup", "raised"),
+    [
+        ("echo 'mount: /mnt: permission denied.' >&2; exit 32", Refused),
+        ("unknown-command", AssertionError),
+        ("echo 'the machine is set up' >&2; echo 'Operation not permitted' >&2; exit 1", AssertionError),
+    ],
+)
+def test_only_a_refusal_of_this_machine_is_no_failure(setup, raised, needs_systemd, folder):
+    with pytest.raises(raised):
+        Machine(folder / "machine", folder, setup)
