@@ -1,10 +1,12 @@
 """The Debian packages on a machine without the source tree."""
+import contextlib
 import hashlib
 import json
 import os
 import re
 import shutil
 import subprocess
+import threading
 
 import pytest
 
@@ -225,18 +227,33 @@ def test_reinstallation_and_upgrade_end_a_daemon_that_runs_without_systemd(insta
 CORE = re.search(r"```sh core\n(.*?)```", (TREE / "docs/TROUBLESHOOTING.md").read_text(encoding="utf-8"), re.DOTALL)[1]
 
 
+@contextlib.contextmanager
+def running(command, seconds=300, **options):
+    """A process that is killed at the end. It is also killed after some time, so that a read of its output ends."""
+    with subprocess.Popen(command, text=True, **options) as process:
+        limit = threading.Timer(seconds, process.kill)
+        limit.start()
+        try:
+            yield process
+        finally:
+            limit.cancel()
+            process.kill()
+
+
+def test_a_read_of_a_process_that_says_nothing_ends():
+    with running(["sleep", "600"], seconds=0.2, stdout=subprocess.PIPE) as silent:
+        assert silent.stdout.readline() == ""
+
+
 @pytest.mark.skipif(shutil.which("gcore") is None, reason="gdb is not installed (apt install gdb)")
 def test_the_debug_symbols_name_functions_in_a_core_that_root_takes(packages, tmp_path):
     for package in ("billing-service_*.deb", "billing-service-dbgsym_*.deb"):
         run("dpkg", "--extract", next(packages.glob(package)), tmp_path)
     (library,) = (tmp_path / "usr/lib").rglob("libbilling-platform.so.1")
     program = tmp_path / "usr/libexec/billing-service"
-    with subprocess.Popen(
-        ["dbus-daemon", "--session", "--nofork", "--print-address"], stdout=subprocess.PIPE, text=True
-    ) as bus, subprocess.Popen(
+    with running(["dbus-daemon", "--session", "--nofork", "--print-address"], stdout=subprocess.PIPE) as bus, running(
         [program],
         stderr=subprocess.PIPE,
-        text=True,
         env={
             "PATH": "/usr/bin:/bin",
             "DBUS_SYSTEM_BUS_ADDRESS": bus.stdout.readline().strip(),
@@ -244,16 +261,12 @@ def test_the_debug_symbols_name_functions_in_a_core_that_root_takes(packages, tm
             "PLEVO_LOG_LEVEL": "info",
         },
     ) as service:
-        try:
-            # The worker thread runs once this line is logged.
-            assert any("was acquired" in line for line in service.stderr)
-            commands = CORE.replace("/usr/libexec/billing-service", str(program)).replace(
-                "gdb -batch", f"gdb -batch -iex 'set debug-file-directory {tmp_path}/usr/lib/debug'"
-            )
-            said = run("bash", "-ec", commands, cwd=tmp_path, timeout=120)
-        finally:
-            service.kill()
-            bus.kill()
+        # The worker thread runs once this line is logged.
+        assert any("was acquired" in line for line in service.stderr)
+        commands = CORE.replace("/usr/libexec/billing-service", str(program)).replace(
+            "gdb -batch", f"gdb -batch -iex 'set debug-file-directory {tmp_path}/usr/lib/debug'"
+        )
+        said = run("bash", "-ec", commands, cwd=tmp_path, timeout=120)
     assert re.search(r"main\(.*service/core/main\.cpp:\d+", said), said
     assert re.search(r"CHttpConnector::\w+.*BillingHttpConnector\.cpp:\d+", said), said
     (core,) = tmp_path.glob("core.*")
