@@ -34,19 +34,19 @@ class Tree:
         self.write("bin/meson", f"#!/bin/sh\ncat <<'LIST'\n{listed}\nLIST\n")
         (self.folder / "bin" / "meson").chmod(0o755)
 
-    def _run(self, *arguments):
+    def run(self, *arguments):
         environment = {**os.environ, "PATH": f"{self.folder}/bin:{os.environ['PATH']}"}
         command = [self.folder / "scripts" / "stamps", *arguments]
         return subprocess.run(command, env=environment, capture_output=True, text=True, check=True)
 
     def chosen(self):
-        answer = self._run("choose", self.build, self.build / "keys")
+        answer = self.run("choose", self.build, self.build / "keys")
         return answer.stdout.split(), answer.stderr
 
     def end(self, **results):
         lines = [json.dumps({"name": f"billing-service:unit / {name}", "result": result}) for name, result in results.items()]
         self.write("build/log.json", "\n".join(lines))
-        self._run("record", self.build, self.build / "keys", self.build / "log.json")
+        self.run("record", self.build, self.build / "keys", self.build / "log.json")
 
 
 @pytest.fixture
@@ -92,3 +92,15 @@ def test_the_content_that_passed_before_is_known_again(tree):
     tree.chosen()
     tree.write("corpus", "first")
     assert "program" not in tree.chosen()[0]
+
+
+def test_a_key_is_of_all_its_files(tree):
+    def key(*paths):
+        return tree.run("key", *(tree.folder / path for path in paths)).stdout
+
+    assert key("service") == key("service") != key("service", "data")
+    before = key("service", "corpus")
+    tree.write("data/other", "new")
+    assert key("service", "corpus") == before
+    tree.write("service/main.cpp", "second")
+    assert key("service", "corpus") != before
