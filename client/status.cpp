@@ -69,7 +69,7 @@ std::string accountText()
     char* guid = nullptr;
     const bool known = sso_get_guid(&guid) == 0;
     const Text owner(guid, std::free);
-    return known ? "signed in" : "nobody is signed in";
+    return known ? "signed in" : "no user is signed in";
 }
 
 std::string certificateText()

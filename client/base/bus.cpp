@@ -79,7 +79,7 @@ Unreachable explained(GError* error, double timeout)
     const GPtr<GError> owner(error);
     if (g_error_matches(error, G_DBUS_ERROR, G_DBUS_ERROR_SERVICE_UNKNOWN) ||
         g_error_matches(error, G_DBUS_ERROR, G_DBUS_ERROR_NAME_HAS_NO_OWNER)) {
-        return {std::string("nobody owns the name ") + kService + " on the bus", kStartService};
+        return {std::string("the name ") + kService + " has no owner on the bus", kStartService};
     }
     if (g_error_matches(error, G_DBUS_ERROR, G_DBUS_ERROR_NO_REPLY)) {
         return {"the service left the bus before it answered",

@@ -105,7 +105,7 @@ std::string issuerOf(const X509* certificate)
             return name;
         }
     }
-    return "somebody without a name";
+    return "an issuer without a name";
 }
 
 std::string hostsOf(const X509* certificate)
@@ -117,7 +117,7 @@ std::string hostsOf(const X509* certificate)
         const std::string text = nameText(sk_GENERAL_NAME_value(names.get(), i));
         result += (result.empty() || text.empty() ? "" : ", ") + text;
     }
-    return result.empty() ? "nobody" : result;
+    return result.empty() ? "no host" : result;
 }
 
 std::string kindOf(const EVP_PKEY* key)

@@ -85,7 +85,7 @@ Finding checkUnit(const Patient& patient)
     const Unit& unit = *patient.facts.unit;
     const std::string text = "billing-service.service is " + unit.active + " (" + unit.sub + ")";
     if (unit.load == "masked") {
-        return failed(check, "masked", "billing-service.service is masked: nobody may start it",
+        return failed(check, "masked", "billing-service.service is masked: it cannot be started",
                       "systemctl unmask billing-service");
     }
     if (unit.load != "loaded") {
@@ -150,12 +150,12 @@ Finding checkName(const Patient& patient, const Bus& bus)
         return good(check, name + " is owned by " + describe(*owner, patient.facts));
     }
     if (bus.startsService()) {
-        return good(check, "nobody owns " + name + " now; the bus starts it for a call");
+        return good(check, name + " has no owner now; the bus starts it for a call");
     }
     if (patient.facts.unit && patient.facts.unit->active == "active" && !hasPolicy()) {
         return denied(check, "");
     }
-    return failed(check, "not-owned", "nobody owns the name " + name,
+    return failed(check, "not-owned", "the name " + name + " has no owner",
                   "start the service (systemctl start billing-service) and look at its log");
 }
 
@@ -321,8 +321,8 @@ void checkService(Findings& findings, Patient& patient)
         findings.push_back(checkUnit(patient));
         findings.push_back(checkName(patient, bus));
         if (findings.back().outcome == Outcome::Failed) {
-            findings.push_back(notChecked("ping", "there is nobody to answer it"));
-            findings.push_back(notChecked("call", "there is nobody to answer it"));
+            findings.push_back(notChecked("ping", "there is no service to answer it"));
+            findings.push_back(notChecked("call", "there is no service to answer it"));
         } else {
             findings.push_back(checkPing(patient, bus));
             findings.push_back(findings.back().outcome == Outcome::Ok

@@ -40,7 +40,7 @@ Finding checkRoute()
     if (error == 0 && exists) {
         return good(check, rule == "auto" ? "there is a default route"
                                           : "[network] default_gateway says " + rule +
-                                                "; nobody asks the kernel");
+                                                "; the kernel is not asked");
     }
     if (rule != "auto") {
         return failed(check, "off", "[network] default_gateway says " + rule,

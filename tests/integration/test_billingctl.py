@@ -171,7 +171,7 @@ def test_a_service_that_is_not_there_is_named(ctl):
     done = ctl("check-server-availability")
     assert done.returncode == UNREACHABLE
     assert done.stderr == (
-        "check_server_availability: nobody owns the name org.plevo.billingservice on the bus; start "
+        "check_server_availability: the name org.plevo.billingservice has no owner on the bus; start "
         "the service (systemctl start billing-service) and look at its log\n"
     )
 

@@ -55,7 +55,7 @@ def test_nothing_fails_on_a_device_that_works(service, doctor):
         "key material": "no sealed key is left on the device",
         "token": '"billing-lab" is there',
         "key": "one signature, and the certificate confirms it",
-        "route": r"\[network\] default_gateway says up; nobody asks the kernel",
+        "route": r"\[network\] default_gateway says up; the kernel is not asked",
         "name lookup": r"production\.localhost is known",
         "TCP": r"connected to 127\.0\.0\.1",
         "TLS": r"the CA bundle vouches for production\.localhost",

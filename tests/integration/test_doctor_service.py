@@ -27,9 +27,9 @@ A_MOMENT = 0.7
 def test_a_service_that_does_not_run_is_found_out(doctor):
     found, failed = doctor()
     assert failed == ["name"]
-    assert found["name"]["finding"] == "nobody owns the name org.plevo.billingservice"
+    assert found["name"]["finding"] == "the name org.plevo.billingservice has no owner"
     assert found["name"]["cure"] == ("start the service (systemctl start billing-service) and look at its log")
-    assert found["call"]["finding"] == "there is nobody to answer it"
+    assert found["call"]["finding"] == "there is no service to answer it"
 
 
 def test_a_service_that_the_bus_cannot_start_is_found_out(doctor, caller, tmp_path):
@@ -43,7 +43,7 @@ def test_a_service_that_the_bus_cannot_start_is_found_out(doctor, caller, tmp_pa
     )
     found, failed = doctor()
     assert failed == ["ping"]
-    assert found["name"]["finding"] == ("nobody owns org.plevo.billingservice now; the bus starts it for a call")
+    assert found["name"]["finding"] == ("org.plevo.billingservice has no owner now; the bus starts it for a call")
     assert found["ping"]["id"] == "ping.not-started"
     assert "exited with status 1" in found["ping"]["finding"]
 
@@ -199,7 +199,7 @@ def test_a_unit_that_runs_is_well(service, doctor, manager):
     "unit, name, finding",
     [
         ({"LoadState": "not-found"}, "unit.not-installed", "billing-service.service is not-found"),
-        ({"LoadState": "masked"}, "unit.masked", "billing-service.service is masked: nobody may start it"),
+        ({"LoadState": "masked"}, "unit.masked", "billing-service.service is masked: it cannot be started"),
         (
             {
                 "ActiveState": "failed",

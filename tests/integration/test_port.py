@@ -121,7 +121,7 @@ def test_status_and_methods_need_no_settings_file(ported, bus, a_device):
     status = said("status")
     assert status["settings"] == "the device's own library"
     assert status["server"].startswith("sandbox, sandbox.localhost:")
-    assert status["account"] == "nobody is signed in"
+    assert status["account"] == "no user is signed in"
     ported("guid", "somebody")
     assert said("status")["account"] == "signed in"
     assert said("check-server-availability")["resp_result"] == 0

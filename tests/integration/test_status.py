@@ -73,7 +73,7 @@ def test_what_the_settings_say_is_followed(service, status, a_device):
     a_device.set("account", "guid", None)
     a_device.set("system", "vantor_server_type", "2")
     _, lines = status()
-    assert lines["account"] == "nobody is signed in"
+    assert lines["account"] == "no user is signed in"
     assert lines["server"].startswith("sandbox, sandbox.localhost:")
 
 

@@ -204,7 +204,7 @@ def test_the_device_is_shown_and_switched(run):
     assert printed(run("device", "country", "DE")) == (
         "lab@example.org (lab-guid), country DE, language en_US.utf8, production server, gateway up, token valid\n"
     )
-    assert printed(run("device", "signed-out")).startswith("nobody is signed in, country DE")
+    assert printed(run("device", "signed-out")).startswith("no user is signed in, country DE")
     assert json.loads(printed(run("device", "--json")))["signed_in"] is None
 
 

@@ -191,7 +191,7 @@ def _add_device_commands(words) -> None:
         "show the device, or set one of its switches; it takes effect at the next call",
         epilog="""\
 Switches:
-  signed-out               nobody is signed in
+  signed-out               no user is signed in
   signed-in UID            this user of the catalogue is signed in
   country XX|none          two capitals
   language LOCALE|none     de_DE.utf8, or de

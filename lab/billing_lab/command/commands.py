@@ -264,7 +264,7 @@ def device(options: argparse.Namespace) -> int:
 
 
 def _device_line(told: dict) -> str:
-    who = f"{told['signed_in']} ({told['guid']})" if told["signed_in"] else "nobody is signed in"
+    who = f"{told['signed_in']} ({told['guid']})" if told["signed_in"] else "no user is signed in"
     return (
         f"{who}, country {told['country'] or 'none'}, language {told['language'] or 'none'}, "
         f"{told['server']} server, gateway {told['gateway']}, token {told['token']}"

@@ -61,7 +61,7 @@ export function startDevice(meta, users, device) {
     const set = (name, value) => {
       if (isSet || document.activeElement !== inputs[name] || inputs[name].value === "") inputs[name].value = value;
     };
-    if (known) options(inputs["signed-in"], [["", "nobody"], ...known.map((user) => [user.uid, user.uid])]);
+    if (known) options(inputs["signed-in"], [["", "no user"], ...known.map((user) => [user.uid, user.uid])]);
     set("signed-in", now.signed_in ?? "");
     set("country", now.country ?? "");
     set("language", now.language ?? "");

@@ -31,7 +31,7 @@ export function startInvoices() {
   }
 
   async function refresh() {
-    refill(list, "Nobody has bought anything yet.", ...(await ask("invoices")).map(itemOf));
+    refill(list, "No purchases yet.", ...(await ask("invoices")).map(itemOf));
   }
 
   function itemOf({ id, product: what, app, user: who, status }) {

@@ -114,7 +114,7 @@ def _check_token(db: sqlite3.Connection, ask: Ask) -> None:
 def _check_user(catalogue: dict, ask: Ask) -> None:
     guid = ask.values.get("GUID", "")
     if not ask.user and not guid:
-        raise Refusal(401, "signed_out", "nobody is signed in on the device")
+        raise Refusal(401, "signed_out", "no user is signed in on the device")
     if not any((user["uid"], user["guid"]) == (ask.user, guid) for user in catalogue["users"]):
         raise Refusal(403, "unknown_user", f"no user has the id {ask.user!r} and the account {guid!r}")
 
