@@ -29,7 +29,7 @@ IN_PLACE_OF_RUNUSER = 'runuser() { while [ "$1" != -- ]; do shift; done; shift; 
 
 def documented():
     """The page's commands for a device with a TPM; the folder of the module's database is the test's own."""
-    page = (pathlib.Path(__file__).parents[2] / "docs/INTEGRATION.md").read_text(encoding="utf-8")
+    page = (pathlib.Path(__file__).parents[3] / "docs/INTEGRATION.md").read_text(encoding="utf-8")
     commands = re.search(r"```sh tpm\n(.*?)```", page, re.DOTALL)[1].splitlines()
     folder = [at for at, line in enumerate(commands) if "$TPM2_PKCS11_STORE" in line or line.startswith("export")]
     assert folder == [0, 1] and len(commands) == 4
@@ -195,7 +195,7 @@ def in_place(block, a_device, tpm):
     """A block of docs/RENEWAL.md with the paths of the test's device. The test itself restarts the daemon and runs the
     doctor.
     """
-    page = (pathlib.Path(__file__).parents[2] / "docs/RENEWAL.md").read_text(encoding="utf-8")
+    page = (pathlib.Path(__file__).parents[3] / "docs/RENEWAL.md").read_text(encoding="utf-8")
     (text,) = re.findall(rf"```sh {block}\n(.*?)```", page, re.DOTALL)
     left_out = (
         "systemctl",

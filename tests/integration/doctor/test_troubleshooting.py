@@ -15,7 +15,7 @@ from harness.store import server
 from harness.tools import page
 from harness.tools.doctor import ILL, preloaded
 
-TESTS = pathlib.Path(__file__).resolve().parents[1]
+TESTS = pathlib.Path(__file__).resolve().parents[2]
 
 # Seconds after the start within which the service may still read a file that the test writes.
 A_MOMENT = 0.7
@@ -24,7 +24,7 @@ A_MOMENT = 0.7
 # place.
 ELSEWHERE = {
     "packaging/test_doctor_users.py": {"settings.closed", "ping.denied", "ping.no-policy"},
-    "integration/test_doctor_service.py": {
+    "integration/doctor/test_doctor_service.py": {
         "ping.hung",
         "ping.library",
         "unit.library",
@@ -33,8 +33,8 @@ ELSEWHERE = {
         "call.slow",
         "call.outage",
     },
-    "integration/test_doctor_store.py": {"request.slow"},
-    "integration/test_doctor_callers.py": {"callers.held-back", "callers.refused", "callers.no-rules"},
+    "integration/doctor/test_doctor_store.py": {"request.slow"},
+    "integration/doctor/test_doctor_callers.py": {"callers.held-back", "callers.refused", "callers.no-rules"},
 }
 
 

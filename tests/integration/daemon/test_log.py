@@ -123,7 +123,7 @@ def test_one_call_says_what_it_did_in_this_order(service, caller, store):
 
 
 def test_the_journal_says_who_called_what_and_what_came_of_it(start_daemon, callers):
-    receiver = pathlib.Path(__file__).with_name("platform") / "journal_receiver.py"
+    receiver = pathlib.Path(__file__).parents[1] / "platform" / "journal_receiver.py"
     namespace = ["unshare", "--mount"] + ([] if os.geteuid() == 0 else ["--map-root-user"])
     if subprocess.run([*namespace, "true"], capture_output=True, check=False).returncode != 0:
         pytest.skip("no mount namespace can be had here (needs root or user namespaces)")
