@@ -1,5 +1,6 @@
 // log.cpp - the platform log. It allocates nothing and takes no lock, so every thread may log, and so
-// may a signal handler that runs while its thread waits. The caller's name is its only state.
+// may a signal handler that runs while its thread waits. The caller's name and number are its only state.
+#include "common/served_call.h"
 #include "log_format.h"
 #include "log_sink.h"
 #include "log_steps.h"
@@ -9,7 +10,6 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
@@ -122,5 +122,9 @@ int log_shows_private(log_priority prio)
 
 void log_set_caller(const char* name)
 {
-    snprintf(t_caller.data(), t_caller.size(), "%s", name != nullptr ? name : "");
+    const std::size_t length = name != nullptr ? strnlen(name, t_caller.size() - 1) : 0;
+    if (length > 0)
+        memcpy(t_caller.data(), name, length);
+    t_caller[length] = '\0';
+    servedcall::set(length > 0);
 }

@@ -1,11 +1,13 @@
 // settings.cpp - keeps the last version of the settings file and reads a changed file again.
 #include "settings.h"
 
+#include "common/served_call.h"
 #include "common/value_rules.h"
 #include "settings_file.h"
 
 #include <platform/log.h>
 
+#include <cstdint>
 #include <cstdlib>
 #include <memory>
 #include <mutex>
@@ -23,7 +25,8 @@ struct Cache {
     std::string path;
     Contents contents;
     Snapshot values;
-    std::set<Name> missing;  ///< already reported as not set in this version
+    std::set<Name> missing;        ///< already reported as not set in this version
+    std::uint32_t checkedFor = 0;  ///< the bus call for which the file was compared last
 };
 
 /// Never destroyed: another thread may read a setting while the process ends.
@@ -51,27 +54,42 @@ bool isCurrent(const Cache& cache, const char* path)
            stat(path, &status) == 0 && Stamp::of(status) == cache.contents.stamp;
 }
 
-/// The values of the present file. Faults of a new version are logged after the lock is released,
-/// since the log may wait for its reader.
-Snapshot current()
+/// Brings the cache up to date with the file. Precondition: the caller holds the lock.
+/// @return true when the file has other values than before
+bool refresh(Cache& c)
 {
     const char* const path = configuredPath();
+    if (isCurrent(c, path))
+        return false;
+    Contents contents = readFile(path);
+    if (c.values != nullptr && c.path == path && contents.sameAs(c.contents)) {
+        c.contents = std::move(contents);
+        return false;
+    }
+    c.values = std::make_shared<const Values>(parse(path, contents));
+    c.path = path;
+    c.contents = std::move(contents);
+    c.missing.clear();
+    return true;
+}
+
+/// The values of the present file. The file is compared once for each bus call: a call reads ten
+/// settings. Faults of a new version are logged after the lock is released, since the log may wait for
+/// its reader.
+Snapshot current()
+{
+    const std::uint32_t call = servedcall::number();
     Cache& c = cache();
     Snapshot values;
     {
         const std::lock_guard<std::mutex> hold(c.lock);
-        if (isCurrent(c, path))
+        if (call != 0 && c.checkedFor == call)
             return c.values;
-        Contents contents = readFile(path);
-        if (c.values != nullptr && c.path == path && contents.sameAs(c.contents)) {
-            c.contents = std::move(contents);
+        const bool isNew = refresh(c);
+        c.checkedFor = call;
+        if (!isNew)
             return c.values;
-        }
-        values = std::make_shared<const Values>(parse(path, contents));
-        c.path = path;
-        c.contents = std::move(contents);
-        c.values = values;
-        c.missing.clear();
+        values = c.values;
     }
     for (const std::string& problem : values->problems)
         logProblem(problem);

@@ -8,6 +8,7 @@
 #include <platform/account.h>
 #include <platform/config.h>
 #include <platform/deployment.h>
+#include <platform/log.h>
 #include <platform/network.h>
 
 #include <gmock/gmock.h>
@@ -349,6 +350,20 @@ TEST_F(SettingsFile, ChangedTwiceWithinATickAndWithinItsSizeIsSeenEachTime)
             m_conf.replace("[account]\nguid=" + value + "\n");
         ASSERT_EQ(guid(), value);
     }
+}
+
+TEST_F(SettingsFile, IsOfOneVersionForTheSettingsOfACall)
+{
+    m_conf.write("[config]\ndb/comss/atoken=one\n[account]\nguid=one\n");
+    log_set_caller(":1.7");
+    EXPECT_EQ(token(), "one");
+    m_conf.write("[config]\ndb/comss/atoken=two\n[account]\nguid=two\n");
+    EXPECT_EQ(guid(), "one") << "the call has begun";
+    log_set_caller(":1.7");
+    EXPECT_EQ(guid(), "two") << "the next call of the same caller";
+    log_set_caller(nullptr);
+    m_conf.write("[account]\nguid=three\n");
+    EXPECT_EQ(guid(), "three") << "no call is served";
 }
 
 TEST_F(SettingsFile, ChangedAfterALongQuietIsSeen)
