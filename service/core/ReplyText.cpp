@@ -3,6 +3,7 @@
 
 #include <glib.h>
 
+#include <cstdint>
 #include <cstring>
 #include <memory>
 #include <new>
@@ -18,12 +19,30 @@ constexpr std::size_t Aligned(std::size_t uBytes)
     return (uBytes + 7) & ~std::size_t{7};
 }
 
+// @return length of the beginning, in whole words, that is ASCII without NUL. Most bodies are ASCII, and
+//   GLib looks at one byte at a time.
+std::size_t PlainLength(const std::string& strText)
+{
+    constexpr std::uint64_t ONES = 0x0101010101010101;
+    constexpr std::uint64_t HIGH_BITS = 0x8080808080808080;
+    std::size_t uAt = 0;
+    for (; uAt + sizeof(std::uint64_t) <= strText.size(); uAt += sizeof(std::uint64_t)) {
+        std::uint64_t uWord = 0;
+        std::memcpy(&uWord, strText.data() + uAt, sizeof uWord);
+        // The subtraction sets the high bit of a byte that is 0.
+        if (((uWord | (uWord - ONES)) & HIGH_BITS) != 0) {
+            break;
+        }
+    }
+    return uAt;
+}
+
 // @return length of the text after each bad byte was replaced. Counted first: a hostile body triples.
 std::size_t ValidLength(const std::string& strText)
 {
     std::size_t uBad = 0;
     const char* pEnd = strText.data() + strText.size();
-    const char* pBad = strText.data();
+    const char* pBad = strText.data() + PlainLength(strText);
     while (!g_utf8_validate_len(pBad, static_cast<gsize>(pEnd - pBad), &pBad)) {
         ++uBad;
         ++pBad;

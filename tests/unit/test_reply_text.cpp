@@ -47,6 +47,22 @@ TEST_F(ReplyText, ReplacesEachBadByte)
     EXPECT_EQ(made("\xC0\x80"), "\uFFFD\uFFFD") << "an overlong form";
 }
 
+TEST_F(ReplyText, FindsABadByteAtEachPlaceOfALongText)
+{
+    for (const char cBad : {'\0', '\x80', '\xff'}) {
+        for (std::size_t uAt = 0; uAt < 26; uAt++) {
+            std::string strText(26, '\x01');
+            strText[uAt] = cBad;
+            std::string strMade = strText;
+            strMade.replace(uAt, 1, "\uFFFD");
+            EXPECT_EQ(made(strText), strMade) << "at " << uAt;
+        }
+    }
+    EXPECT_EQ(made("12345678é"), "12345678é");
+    EXPECT_EQ(made("1234567é90123456"), "1234567é90123456") << "across the end of a word";
+    EXPECT_EQ(made(std::string(24, '\x7f')), std::string(24, '\x7f'));
+}
+
 TEST_F(ReplyText, TakesATextOfExactlyTheLimit)
 {
     EXPECT_EQ(made("12345", 5), "12345");
