@@ -14,20 +14,33 @@
 #include <initializer_list>
 #include <memory>
 #include <new>
+#include <string_view>
 #include <utility>
 
 namespace {
 
-/// @return the pieces, joined by "&"
-std::string Query(std::initializer_list<std::string> pieces)
+// Room for the header of a usual request; longer tokens make it grow.
+constexpr std::size_t HEADER_BYTES = 256;
+
+/// A piece of a query: a name with its "=", and the value behind it.
+struct QueryPiece {
+    std::string_view szName;
+    std::string strValue;
+};
+
+/// Appends the pieces, joined by "&".
+void AppendQuery(std::string& strUrl, std::initializer_list<QueryPiece> pieces)
 {
-    std::string strQuery;
-    for (const std::string& strPiece : pieces) {
-        if (!strQuery.empty())
-            strQuery += '&';
-        strQuery += strPiece;
+    std::size_t uSize = strUrl.size();
+    for (const QueryPiece& tPiece : pieces) {
+        uSize += tPiece.szName.size() + tPiece.strValue.size() + 1;
     }
-    return strQuery;
+    strUrl.reserve(uSize);
+    const char* szJoin = "";
+    for (const QueryPiece& tPiece : pieces) {
+        strUrl.append(szJoin).append(tPiece.szName).append(tPiece.strValue);
+        szJoin = "&";
+    }
 }
 
 // The deprecated writer stays: the server depends on its layout, and its replacement has another one.
@@ -110,10 +123,11 @@ bool CBillingHttpRequest::Init()
 
 bool CBillingHttpRequest::m_GetOSBCommonHeader(std::string& strCommonHeader)
 {
+    strCommonHeader.reserve(HEADER_BYTES);
     strCommonHeader = "Content-Type: application/json; charset=utf-8\r\n";
     strCommonHeader += "Accept: application/json\r\n";
-    strCommonHeader += "DUID: " + BillingUtil::GetDUID() + "\r\n";
-    strCommonHeader += "Atoken: " + BillingUtil::GetAToken() + "\r\n";
+    strCommonHeader.append("DUID: ").append(BillingUtil::GetDUID()).append("\r\n");
+    strCommonHeader.append("Atoken: ").append(BillingUtil::GetAToken()).append("\r\n");
     return true;
 }
 
@@ -146,11 +160,14 @@ bool CBillingHttpRequest::RequestCheckServerAvailability(std::string&, ResponseC
     }
     _BILLING_HTTP_REQ_INFO_T tReqInfo = m_NewRequest(HTTP_METHOD_GET, pfnCallback, pUserData);
     // This URL carries the UID for both ids: the server expects that here.
-    const std::string strQuery =
-        Query({"storeid=1", "storeprodcode=1", "guid=" + BillingUtil::GetSSOUID(),
-               "uid=" + BillingUtil::GetSSOUID(), "lang=" + BillingUtil::GetLanguage()});
+    tReqInfo.strUrl = m_Url("/billing/service/v2/country?");
+    AppendQuery(tReqInfo.strUrl, {{"storeid=1", ""},
+                                  {"storeprodcode=1", ""},
+                                  {"guid=", BillingUtil::GetSSOUID()},
+                                  {"uid=", BillingUtil::GetSSOUID()},
+                                  {"lang=", BillingUtil::GetLanguage()}});
     const std::string strCountry = "countrycode=" + BillingUtil::GetCountryCode();
-    tReqInfo.strUrl = m_Url("/billing/service/v2/country?") + Query({strQuery, strCountry});
+    tReqInfo.strUrl += "&" + strCountry;
     BILLING_INFO("CountryCode:[%s]", strCountry.c_str());
     m_GetOSBCommonHeader(tReqInfo.strHeader);
     BILLING_INFO(">>CheckServerAvailability Url[%s]", tReqInfo.strUrl.c_str());
@@ -167,14 +184,14 @@ bool CBillingHttpRequest::RequestGetProducts(CBillingItem& oItem, ResponseCallba
         return false;
     }
     _BILLING_HTTP_REQ_INFO_T tReqInfo = m_NewRequest(HTTP_METHOD_GET, pfnCallback, pUserData);
-    const std::string strAppId = oItem.strAppId;
-    const std::string strCheckValue = oItem.strCheckValue;
-    tReqInfo.strUrl =
-        m_Url("/billing/product/v2/products?") +
-        Query({"appid=" + strAppId, "guid=" + BillingUtil::GetSSOGUID(),
-               "uid=" + BillingUtil::GetSSOUID(), "storeid=1&storeprodcode=1",
-               "countrycode=" + BillingUtil::GetCountryCode(),
-               "languagecode=" + BillingUtil::GetLanguage(), "checkvalue=" + strCheckValue});
+    tReqInfo.strUrl = m_Url("/billing/product/v2/products?");
+    AppendQuery(tReqInfo.strUrl, {{"appid=", oItem.strAppId},
+                                  {"guid=", BillingUtil::GetSSOGUID()},
+                                  {"uid=", BillingUtil::GetSSOUID()},
+                                  {"storeid=1&storeprodcode=1", ""},
+                                  {"countrycode=", BillingUtil::GetCountryCode()},
+                                  {"languagecode=", BillingUtil::GetLanguage()},
+                                  {"checkvalue=", oItem.strCheckValue}});
     m_GetOSBCommonHeader(tReqInfo.strHeader);
     BILLING_INFO("RequestGetProducts start Url[%s]", tReqInfo.strUrl.c_str());
     BILLING_INFO("RequestGetProducts start Header: %s", tReqInfo.strHeader.c_str());
@@ -191,14 +208,15 @@ bool CBillingHttpRequest::RequestPurchaseHistory(std::string strPageSize, std::s
     }
     _BILLING_HTTP_REQ_INFO_T tReqInfo = m_NewRequest(HTTP_METHOD_GET, pfnCallback, pUserData);
     // The custom id is the account's, not the caller's.
-    tReqInfo.strUrl =
-        m_Url("/billing/service/v2/user/invoices?") +
-        Query({"customid=" + BillingUtil::GetSSOUID(),
-               "countrycode=" + BillingUtil::GetCountryCode(),
-               "languagecode=" + BillingUtil::GetLanguage(), "GUID=" + BillingUtil::GetSSOGUID(),
-               "UID=" + BillingUtil::GetSSOUID(),
-               "storeid=1&storeprodcode=1&pagesize=" + std::move(strPageSize),
-               "startidx=" + std::move(strStartIdx), "reqtype=" + std::move(strReqType)});
+    tReqInfo.strUrl = m_Url("/billing/service/v2/user/invoices?");
+    AppendQuery(tReqInfo.strUrl, {{"customid=", BillingUtil::GetSSOUID()},
+                                  {"countrycode=", BillingUtil::GetCountryCode()},
+                                  {"languagecode=", BillingUtil::GetLanguage()},
+                                  {"GUID=", BillingUtil::GetSSOGUID()},
+                                  {"UID=", BillingUtil::GetSSOUID()},
+                                  {"storeid=1&storeprodcode=1&pagesize=", std::move(strPageSize)},
+                                  {"startidx=", std::move(strStartIdx)},
+                                  {"reqtype=", std::move(strReqType)}});
     m_GetOSBCommonHeader(tReqInfo.strHeader);
     tReqInfo.strHeader += "TvYear: 15\r\n";
     tReqInfo.strHeader += "TvVersion: 1.2\r\n";
@@ -214,14 +232,18 @@ bool CBillingHttpRequest::RequestPurchaseHistory(CBillingItem& oItem, ResponseCa
         return false;
     }
     _BILLING_HTTP_REQ_INFO_T tReqInfo = m_NewRequest(HTTP_METHOD_GET, pfnCallback, pUserData);
-    tReqInfo.strUrl =
-        m_Url("/billing/service/v2/user/app/invoices?") +
-        Query({"storeid=1&storeprodcode=1", "GUID=" + BillingUtil::GetSSOGUID(),
-               "UID=" + BillingUtil::GetSSOUID(), "appid=" + oItem.strAppId,
-               "customid=" + oItem.strCustomId, "countrycode=" + BillingUtil::GetCountryCode(),
-               "languagecode=" + BillingUtil::GetLanguage(), "itemtype=" + oItem.strItemType,
-               "pagenumber=" + oItem.strPageNumber, "checkvalue=" + oItem.strCheckValue}) +
-        "&";
+    tReqInfo.strUrl = m_Url("/billing/service/v2/user/app/invoices?");
+    AppendQuery(tReqInfo.strUrl, {{"storeid=1&storeprodcode=1", ""},
+                                  {"GUID=", BillingUtil::GetSSOGUID()},
+                                  {"UID=", BillingUtil::GetSSOUID()},
+                                  {"appid=", oItem.strAppId},
+                                  {"customid=", oItem.strCustomId},
+                                  {"countrycode=", BillingUtil::GetCountryCode()},
+                                  {"languagecode=", BillingUtil::GetLanguage()},
+                                  {"itemtype=", oItem.strItemType},
+                                  {"pagenumber=", oItem.strPageNumber},
+                                  {"checkvalue=", oItem.strCheckValue}});
+    tReqInfo.strUrl += '&';
     m_GetOSBCommonHeader(tReqInfo.strHeader);
     LogPurchaseHistory(__func__, tReqInfo);
     return Send(__func__, *poConnector, tReqInfo);
