@@ -118,12 +118,17 @@ def logic(file, text, code):
     yield from replacing(file, text, code, "logic", r"(?<=[( ])!(?=[\w(])", lambda match: "")
 
 
+def one_more(number):
+    base = 8 if re.fullmatch("0[0-7]+", number) else 0
+    return oct(int(number, 8) + 1).replace("o", "") if base == 8 else str(int(number, 0) + 1)
+
+
 def constants(file, text, code):
     yield from replacing(
         file, text, code, "constant", r"\b(?:true|false)\b", lambda match: "false" if match.group() == "true" else "true"
     )
     yield from replacing(
-        file, text, code, "constant", r"(?<![\w.])(?:0x[0-9A-Fa-f]+|\d+)(?![\w.])", lambda match: str(int(match.group(), 0) + 1)
+        file, text, code, "constant", r"(?<![\w.])(?:0x[0-9A-Fa-f]+|\d+)(?![\w.])", lambda match: one_more(match.group())
     )
 
 

@@ -1,13 +1,18 @@
 """The mutation runner itself: the edits that its operators find in a source, and the texts that they leave alone."""
 
 import pathlib
+import subprocess
 import sys
 import tomllib
+
+import pytest
 
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent))
 
 import covering  # noqa: E402
 import operators  # noqa: E402
+import programs  # noqa: E402
+import schemata  # noqa: E402
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 SOURCE = """\
@@ -66,6 +71,86 @@ def test_an_edit_changes_its_place_alone():
     assert mutant.applied(SOURCE) == SOURCE.replace(
         "    First(a,\n          a);\n    Second();\n", "    Second();\n    First(a,\n          a);\n"
     )
+
+
+def test_an_octal_constant_stays_octal():
+    assert operators.one_more("0700") == "0701"
+    assert operators.one_more("0x0f") == "16"
+    assert operators.one_more("0") == "1"
+
+
+TWO = """\
+constexpr int Five()
+{
+    return 5;
+}
+int Sign(int a)
+{
+    if (a < 0) {
+        return __LINE__;
+    }
+    return 1;
+}
+"""
+
+
+def tried_together():
+    mutants = [each for each in operators.mutants("x.cpp", TWO) if schemata.body_of(each, schemata.bodies(TWO)) is not None]
+    return dict(enumerate(mutants, 1))
+
+
+def test_the_bodies_are_found_and_a_constexpr_function_has_none():
+    assert [TWO[start:end].split()[0] for start, end in schemata.bodies(TWO)] == ["if"]
+    assert [mutant.line for mutant in tried_together().values()] == [7, 7, 10]
+
+
+def output_of(tmp_path, number):
+    """Compiles all mutants of TWO, and runs one of them."""
+    source, program = tmp_path / "x.cpp", tmp_path / "x"
+    calls = 'int main() { std::printf("%d %d %d\\n", Sign(0), Sign(1), Sign(-1)); }\n'
+    source.write_text(schemata.combined("x.cpp", TWO, tried_together()) + calls)
+    subprocess.run(["c++", "-w", "-o", program, source], check=True)
+    run = subprocess.run([program], env={"BILLING_MUTANT": str(number)}, stdout=subprocess.PIPE, text=True, check=True)
+    return run.stdout
+
+
+def test_one_program_holds_all_mutants_and_keeps_the_lines(tmp_path):
+    shown = {number: output_of(tmp_path, number) for number in (0, *tried_together())}
+    assert shown[0] == "1 1 8\n"
+    assert {tried_together()[number].after: text for number, text in shown.items() if number} == {
+        "if (a <= 0) {": "8 1 8\n",
+        "if (a < 1) {": "8 1 8\n",
+        "return 2;": "2 2 8\n",
+    }
+    assert output_of(tmp_path, schemata.TRACE).count("@0\n") == 3
+
+
+def test_the_compiler_names_the_mutants_that_it_refuses():
+    said = "mutant12/service/x.cpp:7:9: error: no\nmutant3/x.cpp:1:1: warning: yes\nx.cpp:1:2: error: other\n"
+    assert schemata.refused(said) == {12}
+
+
+def test_a_trace_tells_which_tests_reach_a_function():
+    said = "@0\n[ RUN      ] A.One\n\n@1\n@1\n[       OK ] A.One (0 ms)\n[ RUN      ] A.Two\n@0\n@1\n"
+    assert schemata.reached(said) == {0: [None, "A.Two"], 1: ["A.One", "A.Two"]}
+
+
+@pytest.mark.parametrize(
+    "script, killer",
+    [
+        ("exit 0", None),
+        ("echo '[  FAILED  ] A.One (1 ms)'; exit 1", "A.One"),
+        ("echo '[ RUN      ] A.Two'; kill -9 $$", "A.Two (signal 9)"),
+        ("echo '[ RUN      ] A.Three'; sleep 100", "A.Three (no end)"),
+        ("test $BILLING_MUTANT = 0", None),
+    ],
+)
+def test_a_program_that_fails_crashes_or_does_not_end_names_its_test(tmp_path, monkeypatch, script, killer):
+    program = tmp_path / "program"
+    program.write_text(f"#!/bin/sh\n{script}\n")
+    program.chmod(0o755)
+    monkeypatch.setattr(programs, "IDLE_SECONDS", 2)
+    assert programs.killer(*programs.run(program), "program") == killer
 
 
 def test_every_source_has_programs_that_are_built():

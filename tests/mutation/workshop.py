@@ -1,28 +1,35 @@
 """A copy of the tree in which mutants are built and tested."""
 
+import concurrent.futures
+import os
 import pathlib
-import re
-import resource
 import shutil
-import signal
 import subprocess
+import threading
 
+import programs
+import schemata
 from covering import target, targets
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
-SECONDS = 90  # limit of one test program; the slowest takes 15 s on a busy machine
-BYTES = 4 << 30  # limit of address space
+# Tests that have killed most mutants of a function run before its other tests.
+FIRST = 4
+
+
+def text_of(output, limit=4000):
+    return output[-limit:]
 
 
 class Workshop:
     """Thread: use by one thread. A kept folder makes later runs faster: they build only what changed."""
 
-    def __init__(self, folder):
+    def __init__(self, folder, jobs):
         self.tree = folder / "tree"
         self.build = folder / "build"
+        self.jobs = jobs
 
-    def prepare(self, programs):
-        """Copies the files that git tracks, with their uncommitted changes, and builds the programs."""
+    def prepare(self):
+        """Copies the files that git tracks, with their uncommitted changes."""
         listed = subprocess.run(
             ["git", "ls-files", "-z", "--cached", "--others", "--exclude-standard"],
             cwd=ROOT,
@@ -42,76 +49,129 @@ class Workshop:
             if copy.is_file() and copy not in kept:
                 copy.unlink()
         if not (self.build / "build.ninja").exists():
+            linker = ["-Dcpp_link_args=-fuse-ld=lld"] if shutil.which("ld.lld") else []
             subprocess.run(
-                ["meson", "setup", str(self.build), str(self.tree), "-Dtests=true", "-Dbuildtype=plain", "-Dcpp_args=-O0"],
+                ["meson", "setup", str(self.build), str(self.tree), "-Dtests=true", "-Dbuildtype=plain"]
+                + ["-Dcpp_args=-O0 -g0 -w", *linker],
                 check=True,
                 stdout=subprocess.DEVNULL,
             )
-        built = self.make(programs)
-        if built.returncode != 0:
-            raise SystemExit(built.stdout)
-        for program in programs:
-            killer = self.run(program)
-            if killer is not None:
-                raise SystemExit(f"{program} fails without a mutant: {killer}")
 
-    def make(self, programs):
+    def make(self, names):
         return subprocess.run(
-            ["ninja", "-C", str(self.build), *(each for name in programs for each in targets(name))],
+            ["ninja", "-C", str(self.build), *(each for name in names for each in targets(name))],
             stdout=subprocess.PIPE,
             stderr=subprocess.STDOUT,
             text=True,
+            env={**os.environ, "CCACHE_DISABLE": "1"},
         )
 
-    def run(self, program):
-        """Runs a program.
-        @return the name of the failing test, or None
-        """
-        process = subprocess.Popen(
-            [str(self.build / target(program)), "--gtest_fail_fast", "--gtest_brief=0", "--gtest_color=no"],
-            stdout=subprocess.PIPE,
-            stderr=subprocess.STDOUT,
-            stdin=subprocess.DEVNULL,
-            start_new_session=True,
-            cwd=self.build,
-            preexec_fn=limited,
-        )
-        try:
-            output, _ = process.communicate(timeout=SECONDS)
-            ending = "" if process.returncode >= 0 else " (signal %d)" % -process.returncode
-        except subprocess.TimeoutExpired:
-            process.send_signal(signal.SIGKILL)
-            output, _ = process.communicate()
-            ending = " (no end)"
-        if process.returncode == 0:
-            return None
-        text = output.decode(errors="replace")
-        failed = (
-            re.findall(r"^\[  FAILED  \] (\S+)", text, re.MULTILINE)
-            or re.findall(r"^\[ RUN      \] (\S+)", text, re.MULTILINE)[-1:]
-        )
-        return (failed[0] if failed else program) + ending
+    def run(self, name, tests=None, number=0):
+        return programs.run(self.build / target(name), tests, number)
 
-    def trial(self, mutant, programs):
-        """Builds and tests one mutant.
-        @return ('killed', test), ('survived', ''), or ('invalid', '') when it does not compile
+    def check(self, names):
+        """Each program passes without a mutant, or the run ends."""
+        for name in names:
+            status, output = self.run(name)
+            if status != 0:
+                raise SystemExit(f"{name} fails without a mutant: {text_of(output)}")
+
+    def trials(self, file, mutants, names):
+        """Builds and tests the mutants of one file with these programs.
+        @return yields (mutant, 'killed', test), (mutant, 'survived', '') or (mutant, 'invalid', '')
         """
-        source = self.tree / mutant.file
+        source = self.tree / file
         text = source.read_text()
-        source.write_text(mutant.applied(text))
+        found = schemata.bodies(text)
+        numbered = {number: mutant for number, mutant in enumerate(mutants, 1) if schemata.body_of(mutant, found) is not None}
         try:
-            # Programs are built one at a time: the first kills most mutants, and the others need not be linked then.
-            for program in programs:
-                if self.make([program]).returncode != 0:
-                    return "invalid", ""
-                killer = self.run(program)
-                if killer is not None:
-                    return "killed", killer
-            return "survived", ""
+            for mutant in [mutant for mutant in mutants if mutant not in numbered.values()]:
+                yield mutant, *self.alone(source, text, mutant, names)
+            yield from self.together(source, text, numbered, names)
         finally:
             source.write_text(text)
 
+    def alone(self, source, text, mutant, names):
+        """One mutant that lies outside of a function's body."""
+        source.write_text(mutant.applied(text))
+        # Programs are built one at a time: the first kills most mutants, and the others need not be linked then.
+        for name in names:
+            if self.make([name]).returncode != 0:
+                return "invalid", ""
+            killer = programs.killer(*self.run(name), name)
+            if killer is not None:
+                return "killed", killer
+        return "survived", ""
 
-def limited():
-    resource.setrlimit(resource.RLIMIT_AS, (BYTES, BYTES))
-    resource.setrlimit(resource.RLIMIT_CORE, (0, 0))
+    def together(self, source, text, numbered, names):
+        valid = dict(numbered)
+        file = str(source.relative_to(self.tree))
+        while valid:
+            source.write_text(schemata.combined(file, text, valid))
+            built = self.make(names)
+            if built.returncode == 0:
+                break
+            refused = schemata.refused(built.stdout) & set(valid)
+            if not refused:
+                raise SystemExit(f"{file} does not compile with its mutants: {text_of(built.stdout)}")
+            for number in refused:
+                yield valid.pop(number), "invalid", ""
+        if not valid:
+            return
+        self.check(names)
+        plan = Plan(schemata.bodies(text), {name: schemata.reached(self.run(name, None, schemata.TRACE)[1]) for name in names})
+        with concurrent.futures.ThreadPoolExecutor(self.jobs) as pool:
+            waiting = {pool.submit(self.trial, number, mutant, plan): mutant for number, mutant in valid.items()}
+            for done in concurrent.futures.as_completed(waiting):
+                killer = done.result()
+                yield waiting[done], *(("killed", killer) if killer is not None else ("survived", ""))
+        # A test that fails by itself would have counted as a killer.
+        self.check(names)
+
+    def trial(self, number, mutant, plan):
+        """@return the test that kills the mutant, or None"""
+        for name, tests in plan.runs(mutant):
+            killer = programs.killer(*self.run(name, tests, number), name)
+            if killer is not None:
+                plan.killed(mutant, name, killer)
+                return killer
+        return None
+
+
+class Plan:
+    """Which tests run for a mutant, and in which order.
+    Thread: use by any thread.
+    """
+
+    def __init__(self, found, reached):
+        self._found = found
+        self._reached = reached
+        self._kills = {}
+        self._lock = threading.Lock()
+
+    def runs(self, mutant):
+        """@return yields a program with its tests, None for all of them, the likeliest to kill first"""
+        function = schemata.body_of(mutant, self._found)
+        tests = {name: reached[function] for name, reached in self._reached.items() if function in reached}
+        with self._lock:
+            kills = self._kills.get(function, {})
+            likely = sorted(kills, key=kills.get, reverse=True)[:FIRST]
+        for name in tests:
+            chosen = [test for of, test in likely if of == name]
+            if chosen:
+                yield name, chosen
+        for name, each in tests.items():
+            rest = [test for test in each if (name, test) not in likely]
+            if None in rest:
+                yield name, None
+            elif rest:
+                yield name, rest
+
+    def killed(self, mutant, name, killer):
+        function = schemata.body_of(mutant, self._found)
+        test = killer.split()[0]
+        with self._lock:
+            known = any(test in tests for tests in self._reached[name].values())
+            if known:
+                kills = self._kills.setdefault(function, {})
+                kills[name, test] = kills.get((name, test), 0) + 1
