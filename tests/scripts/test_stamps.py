@@ -46,6 +46,9 @@ class Tree:
     def end(self, **results):
         lines = [json.dumps({"name": f"billing-service:unit / {name}", "result": result}) for name, result in results.items()]
         self.write("build/log.json", "\n".join(lines))
+        self.record()
+
+    def record(self):
         self.run("record", self.build, self.build / "keys", self.build / "log.json")
 
 
@@ -65,6 +68,15 @@ def test_what_passed_is_left_out_by_name(tree):
 def test_what_did_not_pass_is_run_again(tree, result):
     tree.end(program=result, reader=result)
     assert tree.chosen()[0] == ["program", "reader"]
+
+
+def test_a_program_that_skips_all_of_its_tests_has_not_passed(tree):
+    said = "[  SKIPPED ] A.One (0 ms)\n[==========] 1 test from 1 test suite ran.\n[  PASSED  ] 0 tests.\n"
+    for text in (said, said.replace("PASSED  ] 0", "PASSED  ] 10")):
+        line = {"name": "billing-service:unit / program", "result": "OK", "stdout": text}
+        tree.write("build/log.json", json.dumps(line))
+        tree.record()
+        assert ("program" in tree.chosen()[0]) == (text == said)
 
 
 @pytest.mark.parametrize("name", ["build/program", "build/libseam.so", "corpus", "data/new"])
