@@ -11,7 +11,10 @@ import subprocess
 import sys
 import time
 
+import pytest
 from billing_lab.device.view import bubblewrap, start
+
+from .inside import MISSING
 
 TREE = pathlib.Path(__file__).resolve().parents[2]
 DEFAULT_BINARY = TREE / "build" / "service" / "billing-service"
@@ -215,6 +218,10 @@ class Daemon:
         return pathlib.Path(f"/proc/{self.pid}/{name}").read_text(encoding="utf-8")
 
 
+# What ip, tc and nft say on a machine whose kernel or whose rights do not allow what they were asked for.
+NOT_ALLOWED = ("Operation not permitted", "Permission denied", "not supported", "Unknown device type", "qdisc kind is unknown")
+
+
 class Namespace:
     """A network namespace of the daemon, with two listening sockets and an agent that changes it.
 
@@ -240,8 +247,19 @@ class Namespace:
 
         @return its exit status
         """
+        return self._ask(command)[0]
+
+    def arrange(self, command):
+        """Runs a command line that has to succeed. A machine that does not allow it skips the test."""
+        status, said = self._ask(command)
+        if status == MISSING or any(text in said for text in NOT_ALLOWED):
+            pytest.skip(f"`{command}` ends with {status} here: {said}")
+        assert status == 0, f"`{command}` ends with {status}: {said}"
+
+    def _ask(self, command):
         self._ours.sendall(command.encode())
-        return int(self._ours.recv(16))
+        status, _, said = self._ours.recv(4096).decode(errors="replace").partition(" ")
+        return int(status), said.strip()
 
     def close(self):
         self._ours.close()

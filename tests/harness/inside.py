@@ -17,12 +17,15 @@ MISSING = 127
 
 
 def serve(channel):
-    """The agent: reads a line, runs it, writes the status; ends when the other side closes."""
+    """The agent: reads a line, runs it, writes the status and what was said; ends when the other side closes."""
     while command := channel.recv(4096):
         program, *arguments = command.decode().split()
         found = shutil.which(program, path="/usr/sbin:/sbin:/usr/bin:/bin")
-        status = MISSING if found is None else subprocess.run([found, *arguments], check=False).returncode
-        channel.sendall(str(status).encode())
+        if found is None:
+            channel.sendall(f"{MISSING} {program} is not installed".encode())
+            continue
+        done = subprocess.run([found, *arguments], stderr=subprocess.PIPE, check=False)
+        channel.sendall(f"{done.returncode} ".encode() + done.stderr[:3000])
 
 
 def main():
