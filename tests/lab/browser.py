@@ -109,6 +109,12 @@ class Page:
     def complaints(self):
         return [line["message"] for line in self.driver.get_log("browser")]
 
+    def expects(self, *texts):
+        """Checks that the browser has complained, and that each complaint has one of the texts."""
+        complaints = self.complaints()
+        assert complaints
+        assert [line for line in complaints if not any(text in line for text in texts)] == []
+
 
 @pytest.fixture
 def page(request, lab, tmp_path):
