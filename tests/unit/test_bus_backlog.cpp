@@ -41,6 +41,26 @@ TEST(ABusBacklog, TakesAsManyAgainOnceTheMainLoopHasServedThem)
     RunMainLoop();
 }
 
+TEST(ABusBacklog, CountsTheCallsThatStillWaitWhenOneIsServed)
+{
+    const auto pBacklog = CBusBacklog::Make();
+    struct Probe {
+        CBusBacklog* pBacklog;
+        int iEntered;
+    } oProbe{pBacklog.get(), -1};
+    // Runs between the two calls: sources of one priority run in the order of arrival.
+    const auto look = [](gpointer pGiven) -> gboolean {
+        auto* const pProbe = static_cast<Probe*>(pGiven);
+        pProbe->iEntered = Enter(*pProbe->pBacklog, ":1.1", BusLimits::UNANSWERED_CALLS);
+        return G_SOURCE_REMOVE;
+    };
+    EXPECT_TRUE(pBacklog->Enter(":1.1"));
+    g_idle_add_full(G_PRIORITY_DEFAULT, look, &oProbe, nullptr);
+    EXPECT_TRUE(pBacklog->Enter(":1.1"));
+    RunMainLoop();
+    EXPECT_EQ(oProbe.iEntered, static_cast<int>(BusLimits::UNANSWERED_CALLS) - 1);
+}
+
 TEST(ABusBacklog, MayGoBeforeItsCalls)
 {
     auto pBacklog = CBusBacklog::Make();

@@ -141,7 +141,7 @@ TEST(AMultiHandle, ComesBackAtOnceWhenNothingRuns)
         EXPECT_TRUE(worker.multi.fdSelect(running));
     }
     EXPECT_EQ(running, 0);
-    EXPECT_LT(secondsSince(start), 1.0);
+    EXPECT_LT(secondsSince(start), 20.0) << "full waits take more than three minutes";
     EXPECT_EQ(readOne(worker.multi).pEasyHandle, nullptr);
 }
 
@@ -372,17 +372,19 @@ TEST(AMultiHandle, WakesForAHandleThatIsAddedDuringTheWait)
     EXPECT_LT(fastest, 1.0) << "a wait that nobody ends lasts two seconds";
 }
 
-TEST(AStoppedMultiHandle, LeavesItsWaitAtOnceAndHandsNothingOut)
+/// Stops a worker that waits for ten answers.
+/// @return seconds from the stop to the end of the wait
+double stops(TestServer& server)
 {
-    TestServer server(hang);
     auto transfers = several(10, server.url());
     Worker worker;
     for (auto& transfer : transfers) {
-        ASSERT_TRUE(worker.multi.addHandle(&transfer->easy));
+        EXPECT_TRUE(worker.multi.addHandle(&transfer->easy));
     }
+    const std::size_t before = server.requests().size();
     int running = 0;
-    while (server.requests().size() < transfers.size()) {
-        ASSERT_TRUE(worker.multi.fdSelect(running));
+    while (server.requests().size() < before + transfers.size()) {
+        EXPECT_TRUE(worker.multi.fdSelect(running));
     }
     Clock::time_point stopped;
     std::thread stopper([&] {
@@ -391,13 +393,25 @@ TEST(AStoppedMultiHandle, LeavesItsWaitAtOnceAndHandsNothingOut)
         worker.multi.Stop();
     });
     while (running > 0) {
-        ASSERT_TRUE(worker.multi.fdSelect(running));
+        EXPECT_TRUE(worker.multi.fdSelect(running));
     }
     stopper.join();
-    EXPECT_LT(secondsSince(stopped), 0.5);
+    const double took = secondsSince(stopped);
     EXPECT_TRUE(worker.multi.Perform(running));
     EXPECT_EQ(running, 0);
     EXPECT_FALSE(worker.multi.addHandle(&transfers[0]->easy));
+    return took;
+}
+
+TEST(AStoppedMultiHandle, LeavesItsWaitAtOnceAndHandsNothingOut)
+{
+    TestServer server(hang);
+    // The stop comes 50 ms after the wait's begin, so that a wait that nobody ends lasts nearly two seconds.
+    double fastest = 100;
+    for (int i = 0; i < 5; ++i) {
+        fastest = std::min(fastest, stops(server));
+    }
+    EXPECT_LT(fastest, 1.0);
 }
 
 TEST(AStoppedMultiHandle, KeepsAFinishedTransferToItself)
@@ -438,7 +452,7 @@ TEST(AMultiHandle, IsDestroyedQuicklyWithTransfersUnderWay)
     const auto start = Clock::now();
     worker->multi.Stop();
     worker.reset();
-    EXPECT_LT(secondsSince(start), 1.0);
+    EXPECT_LT(secondsSince(start), 4.0) << "the look-up itself takes eight seconds";
     EXPECT_EQ(transfers[0]->easy.getLastError(), "") << "the handles are still their owner's";
 }
 
