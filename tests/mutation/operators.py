@@ -212,6 +212,23 @@ def locks(file, text, code):
             )
 
 
+ASSIGNMENT = re.compile(r"((\w+)(?:(?:\.|->)\w+)*) = [^()+-]*;")
+
+
+def is_apart(one, two):
+    """True if the first statement sets a value of a local variable, calls nothing, and the second one is of the same kind or
+    writes a log line without that value: their order makes no difference.
+    """
+    match = ASSIGNMENT.fullmatch(one)
+    if match is None or match[2].startswith(("m_", "g_")):
+        return False
+    other = ASSIGNMENT.fullmatch(two)
+    if other is None and not re.fullmatch(r"BILLING_(?:DEBUG|INFO|WARN|ERROR)\w*\([^()]*\);", two):
+        return False
+    of_other = other is not None and (re.search(rf"\b{re.escape(other[1])}\b", one) or other[2].startswith(("m_", "g_")))
+    return not of_other and not re.search(rf"\b{re.escape(match[1])}\b|\b{match[2]}\b(?!\.|->)", two)
+
+
 def swaps(file, text, code):
     plain = statements(text, code)
     for first, second in zip(plain, plain[1:]):
@@ -219,6 +236,9 @@ def swaps(file, text, code):
             continue
         one, two = text[first[0] : first[1]], text[second[0] : second[1]]
         if one == two or DECLARATION.match(one.strip()):
+            continue
+        blank = [" ".join(code[each[0] : each[1]].split()) for each in (first, second)]
+        if is_apart(*blank) or is_apart(*reversed(blank)):
             continue
         # Moving a declaration without a call up by a line has no effect.
         if DECLARATION.match(two.strip()) and "(" not in code[second[0] : second[1]]:

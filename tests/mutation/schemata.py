@@ -8,6 +8,7 @@ from operators import blanked
 
 # Number that selects no mutant and prints which functions each test reaches.
 TRACE = -1
+SLOW_MS = 60
 PRELUDE = """\
 #include <cstdio>
 #include <cstdlib>
@@ -74,6 +75,13 @@ def combined(file, text, numbered):
 def refused(output):
     """Numbers of the mutants that the compiler refuses."""
     return {int(number) for number in ERROR.findall(output)}
+
+
+def slow(output):
+    """Tests that take so long that they run after the others."""
+    return {
+        name for name, took in re.findall(r"^\[       OK \] (\S+) \((\d+) ms\)", output, re.MULTILINE) if int(took) > SLOW_MS
+    }
 
 
 def reached(output):

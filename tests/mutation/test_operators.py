@@ -13,6 +13,7 @@ import covering  # noqa: E402
 import operators  # noqa: E402
 import programs  # noqa: E402
 import schemata  # noqa: E402
+import workshop  # noqa: E402
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 SOURCE = """\
@@ -60,6 +61,26 @@ def test_calls_are_removed_whole():
 
 def test_neighbours_are_swapped():
     assert edits("swap") == [("First(a, a); Second();", "Second(); First(a, a);")]
+
+
+@pytest.mark.parametrize(
+    "one, two, apart",
+    [
+        ("tInfo.a = 1;", "tInfo.b = 2;", True),
+        ("tInfo.a = 1;", "tInfo.b = tInfo.a;", False),
+        ("tInfo.a = 1;", "tInfo.a = 2;", False),
+        ("tInfo.a = 1;", "tInfo = tOther;", False),
+        ("tInfo.a = 1;", "m_iOf = 2;", False),
+        ("tInfo.a = Call();", "tInfo.b = 2;", False),
+        ("m_iOf = 1;", "tInfo.b = 2;", False),
+        ('BILLING_INFO("a");', "tInfo.b = 2;", False),
+        ("tInfo.b = 2;", 'BILLING_INFO("a", tInfo.a);', True),
+        ("tInfo.b = 2;", 'BILLING_INFO("a", tInfo.b);', False),
+        ("tInfo.b = 2;", "Send();", False),
+    ],
+)
+def test_statements_without_a_common_value_are_not_swapped(one, two, apart):
+    assert operators.is_apart(one, two) == apart
 
 
 def test_locks_are_dropped():
@@ -133,6 +154,18 @@ def test_the_compiler_names_the_mutants_that_it_refuses():
 def test_a_trace_tells_which_tests_reach_a_function():
     said = "@0\n[ RUN      ] A.One\n\n@1\n@1\n[       OK ] A.One (0 ms)\n[ RUN      ] A.Two\n@0\n@1\n"
     assert schemata.reached(said) == {0: [None, "A.Two"], 1: ["A.One", "A.Two"]}
+
+
+def test_the_likely_tests_run_first_and_the_slow_ones_last():
+    said = "".join(
+        f"[ RUN      ] A.{name}\n@0\n[       OK ] A.{name} ({took} ms)\n"
+        for name, took in (("Slow", 900), ("One", 3), ("Two", 4))
+    )
+    mutant = next(iter(tried_together().values()))
+    plan = workshop.Plan(schemata.bodies(TWO), {"program": said, "other": "[ RUN      ] B.One\n@1\n"})
+    assert list(plan.runs(mutant)) == [("program", ["A.One", "A.Two"]), ("program", ["A.Slow"])]
+    plan.killed(mutant, "program", "A.Two (signal 6)")
+    assert list(plan.runs(mutant)) == [("program", ["A.Two"]), ("program", ["A.One"]), ("program", ["A.Slow"])]
 
 
 @pytest.mark.parametrize(

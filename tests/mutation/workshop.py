@@ -85,9 +85,9 @@ class Workshop:
         found = schemata.bodies(text)
         numbered = {number: mutant for number, mutant in enumerate(mutants, 1) if schemata.body_of(mutant, found) is not None}
         try:
+            yield from self.together(source, text, numbered, names)
             for mutant in [mutant for mutant in mutants if mutant not in numbered.values()]:
                 yield mutant, *self.alone(source, text, mutant, names)
-            yield from self.together(source, text, numbered, names)
         finally:
             source.write_text(text)
 
@@ -119,7 +119,7 @@ class Workshop:
         if not valid:
             return
         self.check(names)
-        plan = Plan(schemata.bodies(text), {name: schemata.reached(self.run(name, None, schemata.TRACE)[1]) for name in names})
+        plan = Plan(schemata.bodies(text), {name: self.run(name, None, schemata.TRACE)[1] for name in names})
         with concurrent.futures.ThreadPoolExecutor(self.jobs) as pool:
             waiting = {pool.submit(self.trial, number, mutant, plan): mutant for number, mutant in valid.items()}
             for done in concurrent.futures.as_completed(waiting):
@@ -143,9 +143,11 @@ class Plan:
     Thread: use by any thread.
     """
 
-    def __init__(self, found, reached):
+    def __init__(self, found, traces):
+        """@param traces  output of each program in a traced run"""
         self._found = found
-        self._reached = reached
+        self._reached = {name: schemata.reached(trace) for name, trace in traces.items()}
+        self._slow = {name: schemata.slow(trace) for name, trace in traces.items()}
         self._kills = {}
         self._lock = threading.Lock()
 
@@ -160,12 +162,14 @@ class Plan:
             chosen = [test for of, test in likely if of == name]
             if chosen:
                 yield name, chosen
-        for name, each in tests.items():
-            rest = [test for test in each if (name, test) not in likely]
-            if None in rest:
-                yield name, None
-            elif rest:
-                yield name, rest
+        for slow in (False, True):
+            for name, each in tests.items():
+                rest = [test for test in each if (name, test) not in likely and (test in self._slow[name]) == slow]
+                if None in rest:
+                    # The function runs outside of the tests as well: any test may show the mutant.
+                    yield name, None
+                elif rest:
+                    yield name, rest
 
     def killed(self, mutant, name, killer):
         function = schemata.body_of(mutant, self._found)
