@@ -4,8 +4,11 @@
 
 #include "held_locks.h"
 
+#include <fcntl.h>
 #include <gmock/gmock.h>
 
+#include <cerrno>
+#include <cstdarg>
 #include <memory>
 #include <mutex>
 #include <unordered_set>
@@ -79,10 +82,26 @@ Eina_Bool __wrap_ecore_pipe_write(Ecore_Pipe* pipe, const void* buffer, unsigned
     Books().written(*static_cast<BILLING_RETURN_INFO_T* const*>(buffer));
     return EINA_TRUE;
 }
+// The name of fcntl with 64-bit file offsets.
+int __real_fcntl64(int fd, int command, ...);
+int __wrap_fcntl64(int fd, int command, ...)
+{
+    va_list arguments;
+    va_start(arguments, command);
+    const long value = va_arg(arguments, long);
+    va_end(arguments);
+    if (command == F_SETPIPE_SZ && Pipe().bSizeFails) {
+        errno = EPERM;
+        return -1;
+    }
+    return __real_fcntl64(fd, command, value);
+}
 void* __real_ecore_pipe_del(Ecore_Pipe* pipe);
 void* __wrap_ecore_pipe_del(Ecore_Pipe* pipe)
 {
-    Note(HeldLocks() == 1 ? "pipe del" : "pipe del without its lock");
+    Note(pipe == nullptr    ? "pipe del of no pipe"
+         : HeldLocks() == 1 ? "pipe del"
+                            : "pipe del without its lock");
     return __real_ecore_pipe_del(pipe);
 }
 }
@@ -120,8 +139,7 @@ void AnEngine::SetUp()
 
 void AnEngine::TearDown()
 {
-    Pipe().bAddFails = false;
-    Pipe().bWriteFails = false;
+    Pipe() = PipeDouble();
     for (const ProtocolCall& call : Protocol().calls) {
         if (Protocol().bAccepts && !m_bAnswered) {
             delete call.pContext;

@@ -17,6 +17,7 @@
 struct PipeDouble {
     bool bAddFails = false;
     bool bWriteFails = false;
+    bool bSizeFails = false;  ///< with EPERM
 };
 PipeDouble& Pipe();
 

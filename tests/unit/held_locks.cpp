@@ -2,16 +2,22 @@
 #include "held_locks.h"
 
 #include <algorithm>
+#include <utility>
 #include <vector>
 
 namespace {
 thread_local std::vector<const pthread_mutex_t*> t_held;
-}
+thread_local int t_iLocksUntil = 0;
+thread_local std::function<void()> t_action;
+}  // namespace
 
 extern "C" {
 int __real_pthread_mutex_lock(pthread_mutex_t* mutex);
 int __wrap_pthread_mutex_lock(pthread_mutex_t* mutex)
 {
+    if (t_iLocksUntil > 0 && --t_iLocksUntil == 0) {
+        std::exchange(t_action, nullptr)();
+    }
     const int iResult = __real_pthread_mutex_lock(mutex);
     t_held.push_back(mutex);
     return iResult;
@@ -30,6 +36,12 @@ int __wrap_pthread_mutex_unlock(pthread_mutex_t* mutex)
 std::size_t HeldLocks()
 {
     return t_held.size();
+}
+
+void BeforeLock(int n, std::function<void()> action)
+{
+    t_iLocksUntil = n;
+    t_action = std::move(action);
 }
 
 bool Holds(const pthread_mutex_t& tMutex)

@@ -5,9 +5,13 @@
 #include <pthread.h>
 
 #include <cstddef>
+#include <functional>
 
 /// Number of mutexes that the program's own code holds on the calling thread.
 std::size_t HeldLocks();
 
 /// True if the calling thread holds that mutex.
 bool Holds(const pthread_mutex_t& tMutex);
+
+/// Runs the action before the n-th lock from now on that this thread takes, 1 for the next one. Once.
+void BeforeLock(int n, std::function<void()> action);

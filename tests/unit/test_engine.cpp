@@ -265,7 +265,7 @@ protected:
         fake::platform().reset();
         Protocol() = ProtocolDouble();
     }
-    void TearDown() override { Pipe().bAddFails = false; }
+    void TearDown() override { Pipe() = PipeDouble(); }
 };
 
 TEST_F(AnEnginesLife, BeginsWithAnEmptyItemAndNoPipeAndEndsWithALine)
@@ -287,6 +287,22 @@ TEST_F(AnEnginesLife, SaysThatThereIsNoPipe)
     EXPECT_THAT(Timeline(),
                 ElementsAre(Did("pipe add"), ENGINE_LINES.error("RegisterPipeCallback",
                                                                 "ecore_pipe_add() return NULL!")));
+}
+
+TEST_F(AnEnginesLife, KeepsAPipeOfTheDefaultSize)
+{
+    CBillingEngine oEngine;
+    Pipe().bSizeFails = true;
+
+    EXPECT_TRUE(oEngine.RegisterPipeCallback(AnEngine::Receive, nullptr));
+
+    EXPECT_THAT(Timeline(),
+                ElementsAre(Did("pipe add"),
+                            ENGINE_LINES.error(
+                                "RegisterPipeCallback",
+                                "the result pipe keeps its default size, results may be lost "
+                                "in a burst: Operation not permitted")));
+    oEngine.Destroy();
 }
 
 TEST_F(AnEnginesLife, CreateGivesTheConnectorsOwnResult)

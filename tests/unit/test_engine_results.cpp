@@ -3,6 +3,7 @@
 #include "allocation_switch.h"
 #include "engine_fixture.h"
 #include "heap_double.h"
+#include "held_locks.h"
 
 #include <gmock/gmock.h>
 
@@ -185,6 +186,34 @@ TEST_F(AnEngine, DropsAResultThatComesAfterDestroy)
 
     EXPECT_THAT(Timeline(),
                 ElementsAre(ENGINE_LINES.refused("m_WriteRequestResultToPipe", "NULL == m_pPipe")));
+}
+
+TEST_F(AnEngine, DropsAResultWhosePipeGoesBetweenTheTwoLocks)
+{
+    BILLING_RETURN_INFO_T tInfo;
+    BeforeLock(2, [this] {
+        m_oEngine.Destroy();
+        fake::platform().clearTimeline();
+    });
+
+    m_oEngine.m_WriteRequestResultToPipe(REQUEST_TYPE_GET_PRODUCTS, tInfo);
+
+    EXPECT_THAT(Timeline(),
+                ElementsAre(ENGINE_LINES.refused("m_WriteRequestResultToPipe", "NULL == m_pPipe")));
+}
+
+TEST_F(AnEngine, TakesThePipesLockToLookAndToWrite)
+{
+    // The fixture takes a lock for each record that is written.
+    Pipe().bWriteFails = true;
+    BILLING_RETURN_INFO_T tInfo;
+    bool bTwice = false;
+    BeforeLock(2, [&] { bTwice = true; });
+
+    m_oEngine.m_WriteRequestResultToPipe(REQUEST_TYPE_GET_PRODUCTS, tInfo);
+
+    EXPECT_TRUE(bTwice);
+    BeforeLock(0, nullptr);
 }
 
 TEST_F(AnEngine, SaysThatAReplyIsLostWhenThePipeDoesNotTakeIt)
