@@ -1,8 +1,7 @@
-// ReplyBody.cpp - the bodies of replies. A large text is handed to the bus library without a copy.
+// ReplyBody.cpp - reply bodies that are handed to the bus library without a copy.
 #include "ReplyBody.h"
 
 #include <algorithm>
-#include <cstring>
 #include <list>
 #include <mutex>
 #include <new>
@@ -46,18 +45,6 @@ void Free(void* pText)
 }
 
 }  // namespace
-
-GVariant* MakeBody(int iResult, const std::string& strText)
-{
-    // The serialised form: the number, then the text with its NUL. g_variant_new would check the text
-    // again, and make each part by itself.
-    const gint32 iNumber = iResult;
-    const std::size_t uSize = sizeof iNumber + strText.size() + 1;
-    auto* pBytes = static_cast<char*>(g_malloc(uSize));
-    std::memcpy(pBytes, &iNumber, sizeof iNumber);
-    std::memcpy(pBytes + sizeof iNumber, strText.c_str(), strText.size() + 1);
-    return g_variant_new_from_data(G_VARIANT_TYPE("(is)"), pBytes, uSize, TRUE, g_free, pBytes);
-}
 
 GVariant* MakeCountedBody(int iResult, std::string& strText, std::shared_ptr<void>& pCount) noexcept
 {

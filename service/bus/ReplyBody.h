@@ -1,15 +1,10 @@
-// ReplyBody.h - the bodies of replies. A large text is handed to the bus library without a copy.
+// ReplyBody.h - reply bodies that are handed to the bus library without a copy.
 #pragma once
 
 #include <gio/gio.h>
 
 #include <memory>
 #include <string>
-
-/// Makes the body "(is)" of a reply.
-/// @param strText valid UTF-8 without NUL: it is not checked again
-/// @return a floating reference
-GVariant* MakeBody(int iResult, const std::string& strText);
 
 /// Makes the body "(is)" of a reply whose text is counted. The text is moved, not copied, and freed with
 /// the body.

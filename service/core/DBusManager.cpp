@@ -9,7 +9,6 @@
 #include "ReplyBody.h"
 #include "ReplyText.h"
 
-#include <algorithm>
 #include <array>
 #include <csignal>
 #include <exception>
@@ -80,6 +79,7 @@ constexpr const char* HANDLER = "m_HandleMethodCall";
 struct Method {
     const char* szName;
     void (*pfnLogHandle)();
+    const char* szSignature;
     std::array<ItemMember, MAX_ARGUMENTS> arMembers;
     void (*pfnCall)(CBillingEngine& oEngine, const CBillingItem& oItem, void* pUser);
 };
@@ -88,12 +88,14 @@ struct Method {
 const std::array<Method, 5> METHODS{{
     {"get_product_list",
      [] { BILLING_INFO_AS(HANDLER, "handle get_product_list"); },
+     "(sss)",
      {&CBillingItem::strAppId, &CBillingItem::strServerType, &CBillingItem::strCheckValue},
      [](CBillingEngine& oEngine, const CBillingItem& oItem, void* pUser) {
          BILLING_INFO_AS(HANDLER, "GetProducts return %d", oEngine.GetProducts(oItem, pUser));
      }},
     {"get_applied_time",
      [] { BILLING_INFO_AS(HANDLER, "handle get_applied_time"); },
+     "(ssss)",
      {&CBillingItem::strAppId, &CBillingItem::strCustomId, &CBillingItem::strInvoiceId,
       &CBillingItem::strServerType},
      [](CBillingEngine& oEngine, const CBillingItem& oItem, void* pUser) {
@@ -101,6 +103,7 @@ const std::array<Method, 5> METHODS{{
      }},
     {"get_purchase_history",
      [] { BILLING_INFO_AS(HANDLER, "handle get_purchase_history"); },
+     "(ssssss)",
      {&CBillingItem::strAppId, &CBillingItem::strCustomId, &CBillingItem::strItemType,
       &CBillingItem::strPageNumber, &CBillingItem::strCheckValue, &CBillingItem::strServerType},
      [](CBillingEngine& oEngine, const CBillingItem& oItem, void* pUser) {
@@ -109,6 +112,7 @@ const std::array<Method, 5> METHODS{{
      }},
     {"confirm_purchase",
      [] { BILLING_INFO_AS(HANDLER, "handle confirm_purchase"); },
+     "(ssss)",
      {&CBillingItem::strAppId, &CBillingItem::strCustomId, &CBillingItem::strInvoiceId,
       &CBillingItem::strServerType},
      [](CBillingEngine& oEngine, const CBillingItem& oItem, void* pUser) {
@@ -117,6 +121,7 @@ const std::array<Method, 5> METHODS{{
      }},
     {"check_server_availability",
      [] { BILLING_INFO_AS(HANDLER, "handle check_server_availability"); },
+     "()",
      {},
      [](CBillingEngine& oEngine, const CBillingItem&, void* pUser) {
          std::string strText;
@@ -136,22 +141,17 @@ const Method* FindMethod(const char* szName)
     return nullptr;
 }
 
-struct VariantUnref {
-    void operator()(GVariant* pVariant) const { g_variant_unref(pVariant); }
-};
-
-// Takes each argument by itself: g_variant_get reads its format anew for each call.
-// Precondition: GDBus has checked the arguments' number and types against the interface.
+// Precondition: GDBus has checked the arguments' types against the interface.
 CBillingItem Unpack(const Method& tMethod, GVariant* pParameters)
 {
+    std::array<gchar*, MAX_ARGUMENTS> arTexts{};
+    // g_variant_get sets as many of the pointers as the signature has arguments.
+    g_variant_get(pParameters, tMethod.szSignature, &arTexts[0], &arTexts[1], &arTexts[2],
+                  &arTexts[3], &arTexts[4], &arTexts[5]);
     CBillingItem oItem;
-    const std::size_t uArguments = std::min(g_variant_n_children(pParameters), MAX_ARGUMENTS);
-    for (std::size_t i = 0; i < uArguments; ++i) {
-        const std::unique_ptr<GVariant, VariantUnref> pText(
-            g_variant_get_child_value(pParameters, i));
-        gsize uLength = 0;
-        const gchar* szText = g_variant_get_string(pText.get(), &uLength);
-        (oItem.*tMethod.arMembers[i]).assign(szText, uLength);
+    for (std::size_t i = 0; i < MAX_ARGUMENTS && arTexts[i] != nullptr; ++i) {
+        oItem.*tMethod.arMembers[i] = arTexts[i];
+        g_free(arTexts[i]);
     }
     return oItem;
 }
@@ -320,7 +320,7 @@ void CDBusManager::m_PipeCallback(void* data, void* buffer, unsigned int)
     }
     GVariant* pBody = MakeCountedBody(iRespResult, strRespInfo, pCount);
     if (pBody == nullptr) {
-        pBody = MakeBody(iRespResult, strRespInfo);
+        pBody = g_variant_new("(is)", iRespResult, strRespInfo.c_str());
     }
     g_dbus_method_invocation_return_value(pInvocation, pBody);
     BILLING_INFO_PLAIN("g_dbus_method_invocation_return_value");
