@@ -4,22 +4,26 @@
 #include "mzcurl/transfers.h"
 #include "test_server.h"
 
+#include <atomic>
 #include <csignal>
+#include <memory>
 
 int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)
 {
-    static std::string strAnswer;
+    // The server may still write it when the wrapper has read enough and the next input comes.
+    static std::shared_ptr<const std::string> pShared;
     static test::TestServer server(
         [](test::Connection& connection) {
             test::Request request;
             if (connection.read(request)) {
-                connection.write(strAnswer);
+                connection.write(*std::atomic_load(&pShared));
                 connection.end();
             }
         },
         {nullptr, 0, false});
     static test::Worker worker;
-    strAnswer = fuzz::text(data, size);
+    const std::string strAnswer = fuzz::text(data, size);
+    std::atomic_store(&pShared, std::make_shared<const std::string>(strAnswer));
 
     test::Transfer transfer(server.url() + "/");
     const test::Outcome outcome = worker.run(transfer);
