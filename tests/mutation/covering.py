@@ -32,6 +32,7 @@ COVERED = [
     ("service/core/ParametersText", ["dbus_manager"]),
     ("service/bus/OnBehalf", ["dbus_manager"]),
     ("service/bus/BusLedger", ["bus_ledger", "bus_flow"]),
+    ("service/bus/BusReport", ["bus_report", "bus_flow"]),
     ("service/bus/BusFilter", ["bus_filter"]),
     ("service/bus/", ["bus_flow", "bus_filter"]),
     ("service/engine/", ["engine", "dbus_manager"]),
