@@ -8,6 +8,8 @@
 #include <gmock/gmock.h>
 #include <sys/time.h>
 
+#include <algorithm>
+#include <climits>
 #include <cstring>
 #include <random>
 #include <stdexcept>
@@ -22,8 +24,8 @@ namespace {
 const LinesOf Source{"BillingUtil.cpp"};
 
 struct Doubles {
-    int iBiosLeft = -1;  ///< number of BIOs before creation fails; -1: no limit
-    bool bNoWriting = false;
+    int iBiosLeft = -1;          ///< number of BIOs before creation fails; -1: no limit
+    int iMostWritten = INT_MAX;  ///< bytes that one write takes; without any it returns this number
     bool bNoHmac = false;
     bool bNoUtcTime = false;
     long lNow = 1706745599;  ///< 2024-01-31 23:59:59 UTC
@@ -47,7 +49,8 @@ BIO* __wrap_BIO_new(const BIO_METHOD* method)
 int __real_BIO_write(BIO* bio, const void* bytes, int length);
 int __wrap_BIO_write(BIO* bio, const void* bytes, int length)
 {
-    return g_tDoubles.bNoWriting ? -1 : __real_BIO_write(bio, bytes, length);
+    const int iMost = g_tDoubles.iMostWritten;
+    return iMost <= 0 ? iMost : __real_BIO_write(bio, bytes, std::min(length, iMost));
 }
 
 HMAC_CTX* __real_HMAC_CTX_new(void);
@@ -198,12 +201,21 @@ TEST_F(Text, IsNotEncodedInPart)
     unsigned char aIn[] = {'a', 'b', 'c'};
     unsigned char aOut[5] = "####";
     unsigned int uiLength = 4;
-    g_tDoubles.bNoWriting = true;
-    EXPECT_FALSE(BillingUtil::Base64Encode(aIn, 3, aOut, &uiLength));
-    EXPECT_STREQ(reinterpret_cast<char*>(aOut), "####");
-    EXPECT_EQ(uiLength, 4u);
-    EXPECT_THAT(LoggedLines(),
-                ElementsAre(Source.error("Base64Encode", "no memory for the encoded text")));
+    const Line tLine = Source.error("Base64Encode", "no memory for the encoded text");
+    for (const int iRefused : {-1, 0}) {
+        fake::platform().clearTimeline();
+        g_tDoubles.iMostWritten = iRefused;
+        EXPECT_FALSE(BillingUtil::Base64Encode(aIn, 3, aOut, &uiLength));
+        EXPECT_STREQ(reinterpret_cast<char*>(aOut), "####");
+        EXPECT_EQ(uiLength, 4u);
+        EXPECT_THAT(LoggedLines(), ElementsAre(tLine));
+    }
+}
+
+TEST_F(Text, IsEncodedWholeByWritesOfAFewBytes)
+{
+    g_tDoubles.iMostWritten = 5;
+    EXPECT_EQ(base64("twelve bytes"), "dHdlbHZlIGJ5dGVz");
 }
 
 // --- check value ---
