@@ -65,8 +65,8 @@ bool Admission::join(Transfer& transfer, const std::string& sender)
 {
     forgetUnused();
     Share& ofSender = shareOf(m_senders, sender);
-    Share& ofPath = shareOf(m_paths, pathOf(transfer.url));
-    Share& ofHost = shareOf(m_hosts, transfer.hostKey);
+    Share& ofPath = shareOf(m_paths, pathOf(transfer.options.url));
+    Share& ofHost = shareOf(m_hosts, transfer.place.hostKey);
     const std::size_t free = kMostAccepted - m_members;
     if (!isWithin(ofSender.members, kSenderShare, free) ||
         !isWithin(ofPath.members, kPathShare, free)) {
@@ -84,7 +84,7 @@ bool Admission::join(Transfer& transfer, const std::string& sender)
     ++ofPath.members;
     ++ofHost.members;
     ++m_members;
-    transfer.lane = &lane;
+    transfer.place.lane = &lane;
     return true;
 }
 
@@ -101,21 +101,21 @@ void Admission::forgetUnused()
 
 void Admission::leave(Transfer& transfer)
 {
-    release(transfer);
-    Lane& lane = *transfer.lane;
+    release(transfer, {});
+    Lane& lane = *transfer.place.lane;
     unlistIfEmpty(lane);
     --lane.members;
     --lane.sender->members;
     --lane.path->members;
     --lane.host->members;
     --m_members;
-    transfer.lane = nullptr;
+    transfer.place.lane = nullptr;
 }
 
 void Admission::enqueue(Transfer& transfer, Clock::time_point now)
 {
-    Lane& lane = *transfer.lane;
-    transfer.queued = now;
+    Lane& lane = *transfer.place.lane;
+    transfer.place.queued = now;
     moveTo(transfer, lane.waiting);
     if (!lane.turn.empty()) {
         m_turns.splice(m_turns.end(), lane.turn);
@@ -159,7 +159,7 @@ void Admission::widen(Clock::time_point now)
 {
     for (const Lane* const lane : m_turns) {
         if (waitsForHost(*lane, now) &&
-            now >= lane->host->width.widensAt(lane->waiting.front()->queued)) {
+            now >= lane->host->width.widensAt(lane->waiting.front()->place.queued)) {
             lane->host->width.widen(now);
         }
     }
@@ -170,7 +170,7 @@ int Admission::waitBound(Clock::time_point now, int most) const
     int bound = most;
     for (const Lane* const lane : m_turns) {
         if (waitsForHost(*lane, now)) {
-            const auto then = lane->host->width.widensAt(lane->waiting.front()->queued);
+            const auto then = lane->host->width.widensAt(lane->waiting.front()->place.queued);
             bound = std::min(bound, millisecondsUntil(then, now));
         }
     }
@@ -189,14 +189,14 @@ Transfer* Admission::next(Clock::time_point now, TransferList& to)
     Transfer& transfer = *lane.waiting.front();
     moveTo(transfer, to);
     unlistIfEmpty(lane);
-    transfer.hasSlot = true;
-    transfer.resolving = !isNamed(*lane.host, now);
-    m_resolving += transfer.resolving ? 1U : 0U;
+    transfer.place.hasSlot = true;
+    transfer.place.resolving = !isNamed(*lane.host, now);
+    m_resolving += transfer.place.resolving ? 1U : 0U;
     ++m_taken;
     ++lane.sender->slots;
     ++lane.path->slots;
-    transfer.countsAtHost = transfer.mayBeSentAgain();
-    if (transfer.countsAtHost) {
+    transfer.place.countsAtHost = transfer.mayBeSentAgain();
+    if (transfer.place.countsAtHost) {
         lane.host->width.begun();
     }
     return &transfer;
@@ -205,7 +205,7 @@ Transfer* Admission::next(Clock::time_point now, TransferList& to)
 Transfer* Admission::overdue(Clock::time_point now, TransferList& to)
 {
     for (Lane* const lane : m_turns) {
-        if (Transfer& first = *lane->waiting.front(); now - first.queued >= kLongestTurn) {
+        if (Transfer& first = *lane->waiting.front(); now - first.place.queued >= kLongestTurn) {
             moveTo(first, to);
             unlistIfEmpty(*lane);
             return &first;
@@ -217,27 +217,27 @@ Transfer* Admission::overdue(Clock::time_point now, TransferList& to)
 void Admission::resolved(Transfer& transfer)
 {
     stopResolving(transfer);
-    transfer.lane->host->named = Clock::now();
+    transfer.place.lane->host->named = Clock::now();
 }
 
 void Admission::stopResolving(Transfer& transfer)
 {
-    if (transfer.resolving) {
-        transfer.resolving = false;
+    if (transfer.place.resolving) {
+        transfer.place.resolving = false;
         --m_resolving;
     }
 }
 
-void Admission::release(Transfer& transfer)
+void Admission::release(Transfer& transfer, Clock::time_point sent)
 {
     stopResolving(transfer);
-    if (transfer.hasSlot) {
-        transfer.hasSlot = false;
+    if (transfer.place.hasSlot) {
+        transfer.place.hasSlot = false;
         --m_taken;
-        --transfer.lane->sender->slots;
-        --transfer.lane->path->slots;
-        if (std::exchange(transfer.countsAtHost, false)) {
-            transfer.lane->host->width.ended(transfer.sent, Clock::now());
+        --transfer.place.lane->sender->slots;
+        --transfer.place.lane->path->slots;
+        if (std::exchange(transfer.place.countsAtHost, false)) {
+            transfer.place.lane->host->width.ended(sent, Clock::now());
         }
     }
 }

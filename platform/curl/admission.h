@@ -68,7 +68,8 @@ public:
     void resolved(Transfer& transfer);
 
     /// Takes back the transfer's slot, if it has one.
-    void release(Transfer& transfer);
+    /// @param sent  when its request was sent; the clock's epoch when it was not
+    void release(Transfer& transfer, Clock::time_point sent);
 
     /// Moves all waiting transfers to another list.
     void drain(TransferList& to);

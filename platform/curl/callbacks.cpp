@@ -1,12 +1,7 @@
 // callbacks.cpp - enforces the limits of an answer, and stops libcurl from sending a request twice.
 #include "callbacks.h"
 
-#include "admission.h"
-#include "connections.h"
-#include "gate.h"
-#include "repeat.h"
-#include "tickets.h"
-#include "transfer.h"
+#include "attempt.h"
 
 #include <algorithm>
 #include <new>
@@ -14,21 +9,16 @@
 namespace MZCurl {
 namespace {
 
-std::size_t refuse(Transfer& transfer, const char* reason)
+std::size_t refuse(Attempt& attempt, const char* reason)
 {
-    transfer.refusal = reason;
+    attempt.refusal = reason;
     return CURL_WRITEFUNC_ERROR;
 }
 
-bool isShared(const Transfer& transfer)
+void noteMove(const Attempt& attempt)
 {
-    return transfer.connection != nullptr && transfer.connection->shared;
-}
-
-void noteMove(const Transfer& transfer)
-{
-    if (isShared(transfer) && transfer.http2Moved != nullptr) {
-        *transfer.http2Moved = true;
+    if (attempt.use.isShared()) {
+        attempt.performer.moved();
     }
 }
 
@@ -36,66 +26,64 @@ void noteMove(const Transfer& transfer)
 ///   stream would stop the other streams of its connection (libcurl 7.88 reads no further), so an answer that has to wait
 ///   is requested again over a connection of its own; until then the reader must not get any of it. Only GETs share a
 ///   connection.
-bool mayBePostponed(const Transfer& transfer)
+bool mayBePostponed(const Attempt& attempt, Growth growth)
 {
-    return isShared(transfer) && transfer.toldBytes == 0 && transfer.ticket.has != Ticket::Huge;
+    return attempt.use.isShared() && attempt.toldBytes == 0 && growth == Growth::ForNow;
 }
 
 /// @param piece bytes that have just arrived
 /// @return the body's length as far as it is known, at least what has arrived
-std::size_t foreseen(Transfer& transfer, std::size_t piece)
+std::size_t foreseen(Attempt& attempt, std::size_t piece)
 {
     curl_off_t told = -1;
-    if (transfer.bodyBytes == 0 &&
-        curl_easy_getinfo(transfer.curl.get(), CURLINFO_CONTENT_LENGTH_DOWNLOAD_T, &told) ==
+    if (attempt.bodyBytes == 0 &&
+        curl_easy_getinfo(attempt.curl.get(), CURLINFO_CONTENT_LENGTH_DOWNLOAD_T, &told) ==
             CURLE_OK &&
         told > 0) {
-        transfer.toldBytes =
+        attempt.toldBytes =
             static_cast<std::size_t>(std::min(told, static_cast<curl_off_t>(kMaxBodyBytes)));
     }
-    return std::max(transfer.toldBytes, transfer.bodyBytes + piece);
+    return std::max(attempt.toldBytes, attempt.bodyBytes + piece);
 }
 
 /// Makes the transfer wait for a ticket.
 /// @return the result for libcurl
-std::size_t await(Transfer& transfer)
+std::size_t await(Attempt& attempt)
 {
-    if (!isShared(transfer)) {
-        Connections::pause(transfer);
+    if (!attempt.use.isShared()) {
         return CURL_WRITEFUNC_PAUSE;
     }
-    transfer.postponed = true;
-    return refuse(transfer, "Too many large answers at once");
+    attempt.postponed = true;
+    return refuse(attempt, "Too many large answers at once");
 }
 
 /// Hands a piece of the body to the reader.
 /// @return the result for libcurl
-std::size_t deliver(Transfer& transfer, char* data, std::size_t length)
+std::size_t deliver(Attempt& attempt, char* data, std::size_t length)
 {
-    if (transfer.write == nullptr) {
+    if (attempt.options.write == nullptr) {
         return length;
     }
     try {
         // The cast is safe: a body has at most kMaxBodyBytes. Any result other than the length is a refusal, also the
-        // one with which libcurl would pause the transfer.
-        const unsigned int taken =
-            transfer.write(data, 1, static_cast<unsigned int>(length), transfer.writeData);
-        return taken == length ? length
-                               : refuse(transfer, "The response was refused by its reader");
+        // one with which libcurl would pause the attempt.
+        const unsigned int taken = attempt.options.write(data, 1, static_cast<unsigned int>(length),
+                                                         attempt.options.writeData);
+        return taken == length ? length : refuse(attempt, "The response was refused by its reader");
     } catch (...) {
-        return refuse(transfer, "The reader of the response failed");
+        return refuse(attempt, "The reader of the response failed");
     }
 }
 
 /// Keeps a piece of an answer that may have to be requested again.
 /// @return the result for libcurl
-std::size_t keep(Transfer& transfer, const char* data, std::size_t length)
+std::size_t keep(Attempt& attempt, const char* data, std::size_t length)
 {
     try {
-        transfer.early.append(data, length);
+        attempt.early.append(data, length);
         return length;
     } catch (const std::bad_alloc&) {
-        return refuse(transfer, "No memory for the response");
+        return refuse(attempt, "No memory for the response");
     }
 }
 
@@ -103,61 +91,63 @@ std::size_t keep(Transfer& transfer, const char* data, std::size_t length)
 
 std::size_t onBody(char* data, std::size_t size, std::size_t count, void* pointer)
 {
-    Transfer& transfer = *static_cast<Transfer*>(pointer);
+    Attempt& attempt = *static_cast<Attempt*>(pointer);
     const std::size_t length = size * count;
-    noteMove(transfer);
-    if (length > kMaxBodyBytes - transfer.bodyBytes) {
-        return refuse(transfer, "The response is larger than 33554375 bytes");
+    noteMove(attempt);
+    if (length > kMaxBodyBytes - attempt.bodyBytes) {
+        return refuse(attempt, "The response is larger than 33554375 bytes");
     }
-    if (transfer.tickets != nullptr) {
-        const auto now = Tickets::Clock::now();
-        if (!transfer.tickets->mayGrow(transfer, foreseen(transfer, length), now)) {
-            return await(transfer);
-        }
+    const Growth growth = attempt.performer.mayGrow(attempt.transfer, foreseen(attempt, length));
+    if (growth == Growth::Wait) {
+        return await(attempt);
     }
-    transfer.bodyBytes += length;
-    if (transfer.tickets != nullptr && mayBePostponed(transfer)) {
-        return keep(transfer, data, length);
+    attempt.bodyBytes += length;
+    if (mayBePostponed(attempt, growth)) {
+        return keep(attempt, data, length);
     }
-    return deliverEarly(transfer) ? deliver(transfer, data, length) : CURL_WRITEFUNC_ERROR;
+    return deliverEarly(attempt) ? deliver(attempt, data, length) : CURL_WRITEFUNC_ERROR;
 }
 
-bool deliverEarly(Transfer& transfer)
+bool deliverEarly(Attempt& attempt)
 {
     std::string early;
-    early.swap(transfer.early);
-    return early.empty() || deliver(transfer, early.data(), early.size()) == early.size();
+    early.swap(attempt.early);
+    return early.empty() || deliver(attempt, early.data(), early.size()) == early.size();
 }
 
 std::size_t onHeader(char* /*data*/, std::size_t size, std::size_t count, void* pointer)
 {
-    Transfer& transfer = *static_cast<Transfer*>(pointer);
+    Attempt& attempt = *static_cast<Attempt*>(pointer);
     const std::size_t length = size * count;
-    noteMove(transfer);
-    transfer.headerBytes += length;
-    return transfer.headerBytes <= kMaxHeaderBytes
+    noteMove(attempt);
+    attempt.headerBytes += length;
+    return attempt.headerBytes <= kMaxHeaderBytes
                ? length
-               : refuse(transfer, "The response has more than 300 KiB of headers");
+               : refuse(attempt, "The response has more than 300 KiB of headers");
+}
+
+int onSocket(void* pointer, curl_socket_t descriptor, curlsocktype /*purpose*/)
+{
+    const Attempt& attempt = *static_cast<Attempt*>(pointer);
+    return attempt.performer.opened(attempt.transfer, descriptor) ? CURL_SOCKOPT_OK
+                                                                  : CURL_SOCKOPT_ERROR;
 }
 
 int onRequest(void* pointer, char* /*remoteAddress*/, char* localAddress, int remotePort,
               int localPort)
 {
-    Transfer& transfer = *static_cast<Transfer*>(pointer);
-    if (transfer.connections != nullptr) {
-        transfer.admission->resolved(transfer);
-        if (!transfer.connections->begin(transfer, localAddress, localPort, remotePort)) {
-            return CURL_PREREQFUNC_ABORT;
-        }
+    Attempt& attempt = *static_cast<Attempt*>(pointer);
+    const char* refusal =
+        attempt.performer.sending(attempt.transfer, localAddress, localPort, remotePort);
+    if (refusal == nullptr && ++attempt.sendings > 1 &&
+        !attempt.performer.maySendAgain(attempt.transfer)) {
+        refusal = "The connection was lost, and the request is not sent a second time";
     }
-    if (++transfer.sendings > 1 && !mayBeSentOnceMore(transfer)) {
-        transfer.refusal = "The connection was lost, and the request is not sent a second time";
+    if (refusal != nullptr) {
+        attempt.refusal = refusal;
         return CURL_PREREQFUNC_ABORT;
     }
-    transfer.sent = std::chrono::steady_clock::now();
-    if (transfer.host != nullptr) {
-        transfer.host->open = true;
-    }
+    attempt.sent = std::chrono::steady_clock::now();
     return CURL_PREREQFUNC_OK;
 }
 

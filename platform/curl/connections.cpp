@@ -1,7 +1,6 @@
 // connections.cpp - watches kept connections while they are idle and while requests use them.
 #include "connections.h"
 
-#include "admission.h"
 #include "tls.h"
 
 #include <platform/network.h>
@@ -130,22 +129,19 @@ void giveUp(Connection& connection)
 
 Connections::Connections() : m_standby(standbyTime()) {}
 
-int Connections::opened(void* pointer, curl_socket_t descriptor, curlsocktype /*purpose*/)
+bool Connections::opened(curl_socket_t descriptor)
 {
-    Transfer& transfer = *static_cast<Transfer*>(pointer);
-    Connections& self = *transfer.connections;
-    transfer.admission->resolved(transfer);
     try {
         auto made = std::make_shared<Connection>();
         made->descriptor = descriptor;
-        self.m_open.push_back(std::move(made));
+        m_open.push_back(std::move(made));
         // Reserved here, so that retireIdle needs no memory.
-        self.m_polled.reserve(self.m_open.size());
-        self.m_idle.reserve(self.m_open.size());
+        m_polled.reserve(m_open.size());
+        m_idle.reserve(m_open.size());
     } catch (const std::bad_alloc&) {
-        return CURL_SOCKOPT_ERROR;
+        return false;
     }
-    return CURL_SOCKOPT_OK;
+    return true;
 }
 
 int Connections::closed(void* pointer, curl_socket_t descriptor)
@@ -158,23 +154,10 @@ int Connections::closed(void* pointer, curl_socket_t descriptor)
     return ::close(descriptor);
 }
 
-void Connections::follow(Transfer& transfer)
+void Connections::follow(CURL* curl)
 {
-    CURL* const curl = transfer.curl.get();
-    transfer.connections = this;
-    curl_easy_setopt(curl, CURLOPT_SOCKOPTFUNCTION, &Connections::opened);
-    curl_easy_setopt(curl, CURLOPT_SOCKOPTDATA, &transfer);
     curl_easy_setopt(curl, CURLOPT_CLOSESOCKETFUNCTION, &Connections::closed);
     curl_easy_setopt(curl, CURLOPT_CLOSESOCKETDATA, this);
-}
-
-void Connections::unfollow(Transfer& transfer)
-{
-    CURL* const curl = transfer.curl.get();
-    transfer.connections = nullptr;
-    curl_easy_setopt(curl, CURLOPT_SOCKOPTFUNCTION, static_cast<curl_sockopt_callback>(nullptr));
-    curl_easy_setopt(curl, CURLOPT_CLOSESOCKETFUNCTION,
-                     static_cast<curl_closesocket_callback>(nullptr));
 }
 
 std::shared_ptr<Connection> Connections::find(const char* localAddress, int localPort,
@@ -192,12 +175,12 @@ std::shared_ptr<Connection> Connections::find(const char* localAddress, int loca
     return nullptr;
 }
 
-bool Connections::learn(Connection& connection, const Transfer& transfer)
+bool Connections::learn(Connection& connection, const Request& request)
 {
-    connection.tls = tlsOf(transfer.curl.get());
+    connection.tls = tlsOf(request.curl);
     connection.shared = speaksHttp2(connection.tls);
     try {
-        connection.host = transfer.hostKey;
+        connection.host = request.hostKey;
         if (connection.shared) {
             m_sharingHosts.insert(connection.host);
         }
@@ -207,63 +190,60 @@ bool Connections::learn(Connection& connection, const Transfer& transfer)
     return true;
 }
 
-bool Connections::begin(Transfer& transfer, const char* localAddress, int localPort, int remotePort)
+const char* Connections::begin(ConnectionUse& use, const Request& request, const char* localAddress,
+                               int localPort, int remotePort)
 {
-    end(transfer);
+    end(use);
     std::shared_ptr<Connection> connection =
         localAddress != nullptr ? find(localAddress, localPort, remotePort) : nullptr;
     if (connection == nullptr) {
         m_blind = true;
-        return true;
+        return nullptr;
     }
-    if (connection->requests == 0 && !learn(*connection, transfer)) {
-        transfer.refusal = "There is no memory for a connection";
-        return false;
+    if (connection->requests == 0 && !learn(*connection, request)) {
+        return "There is no memory for a connection";
     }
     // libcurl's fault occurs only at hosts that speak HTTP/2. At any other host the earlier request has its answer already:
     // both events came in one round, and its end has not been collected yet.
     if (connection->users > 0 && !connection->shared &&
         m_sharingHosts.count(connection->host) != 0) {
-        transfer.crowded = true;
-        transfer.refusal = "Another request is under way on the connection";
-        return false;
+        use.crowded = true;
+        return "Another request is under way on the connection";
     }
     if (connection->users++ == 0) {
         connection->since = bootTime();
     }
     ++connection->requests;
-    connection->single = connection->single || !transfer.mayBeSentAgain();
-    transfer.keptConnection = connection->requests > 1;
-    transfer.connection = std::move(connection);
-    return true;
+    connection->single = connection->single || !request.mayBeSentAgain;
+    use.kept = connection->requests > 1;
+    use.connection = std::move(connection);
+    return nullptr;
 }
 
-void Connections::end(Transfer& transfer)
+void Connections::end(ConnectionUse& use)
 {
-    if (transfer.connection == nullptr) {
+    if (use.connection == nullptr) {
         return;
     }
-    transfer.connection->paused = false;
-    if (--transfer.connection->users == 0) {
-        transfer.connection->since = bootTime();
+    use.connection->paused = false;
+    if (--use.connection->users == 0) {
+        use.connection->since = bootTime();
     }
-    transfer.connection.reset();
+    use.connection.reset();
 }
 
-void Connections::pause(Transfer& transfer)
+void Connections::pause(const ConnectionUse& use)
 {
-    transfer.paused = true;
-    if (transfer.connection != nullptr) {
-        transfer.connection->paused = true;
+    if (use.connection != nullptr) {
+        use.connection->paused = true;
     }
 }
 
-void Connections::resume(Transfer& transfer)
+void Connections::resume(const ConnectionUse& use)
 {
-    transfer.paused = false;
-    if (transfer.connection != nullptr) {
-        transfer.connection->paused = false;
-        transfer.connection->since = bootTime();
+    if (use.connection != nullptr) {
+        use.connection->paused = false;
+        use.connection->since = bootTime();
     }
 }
 

@@ -6,7 +6,7 @@
 // then finds such a connection dead.
 #pragma once
 
-#include "transfer.h"
+#include "connection.h"
 
 #include <curl/curl.h>
 #include <poll.h>
@@ -21,25 +21,11 @@
 
 namespace MZCurl {
 
-/// A time on the clock that continues in standby.
-using BootTime = std::chrono::milliseconds;
-
-/// One TCP connection. libcurl owns its descriptor.
-struct Connection {
-    curl_socket_t descriptor = CURL_SOCKET_BAD;
-    std::string localAddress;  // as libcurl reports it; empty until the socket is connected
-    int localPort = 0;
-    int remotePort = 0;
-    void* tls = nullptr;       // OpenSSL's SSL, owned by libcurl; set at the first request
-    std::string host;          // host key of its requests
-    std::size_t requests = 0;  // requests sent over it so far
-    std::size_t users = 0;     // requests that have not ended
-    BootTime since{0};         // of the last change of `users` from or to 0
-    bool shared = false;       // HTTP/2: several requests at a time
-    bool single = false;       // has carried a request that must not be sent twice
-    bool paused = false;       // no one reads from it: silence proves nothing
-    bool doubtful = false;     // opened before a change of the network or a standby
-    bool given = false;        // closed at the socket by the wrapper
+/// What a connection has to know of a request.
+struct Request {
+    CURL* curl;
+    const std::string& hostKey;
+    bool mayBeSentAgain;
 };
 
 /// Thread: the worker.
@@ -49,24 +35,26 @@ public:
     Connections(const Connections&) = delete;
     Connections& operator=(const Connections&) = delete;
 
-    /// Makes libcurl report the sockets of a transfer. Called before each attempt. This object must outlive the multi
-    /// handle.
-    void follow(Transfer& transfer);
+    /// Makes libcurl tell this object what it closes. This object must outlive the multi handle.
+    void follow(CURL* curl);
 
-    /// Undoes `follow`. Precondition: the transfer was removed from the multi handle.
-    static void unfollow(Transfer& transfer);
+    /// Records that libcurl has opened a socket.
+    /// @return false without memory
+    bool opened(curl_socket_t descriptor);
 
     /// Records that a request is about to be sent over the connection with these ends.
-    /// @return false when it must not be sent, with the reason in the transfer's `refusal`: another request may be under way
-    ///   on the connection, and HTTP/1.1 could not tell their answers apart
-    bool begin(Transfer& transfer, const char* localAddress, int localPort, int remotePort);
+    /// @param[out] use  the connection; none when it was not found
+    /// @return null; or the reason, a literal, why it must not be sent: another request may be under way on the connection,
+    ///   and HTTP/1.1 could not tell their answers apart
+    const char* begin(ConnectionUse& use, const Request& request, const char* localAddress,
+                      int localPort, int remotePort);
 
-    /// Records that the request of a transfer has ended, with any result.
-    void end(Transfer& transfer);
+    /// Records that the request has ended, with any result.
+    static void end(ConnectionUse& use);
 
-    /// Records that the transfer's answer is not read, until `resume`: the connection's silence proves nothing.
-    static void pause(Transfer& transfer);
-    static void resume(Transfer& transfer);
+    /// Records that the answer is not read, until `resume`: the connection's silence proves nothing.
+    static void pause(const ConnectionUse& use);
+    static void resume(const ConnectionUse& use);
 
     /// Closes the idle connections on which a new request could fail: those that are idle for too long, that have
     /// something to read, or that are older than a change of the network or a standby. Called before a request begins.
@@ -81,10 +69,9 @@ public:
     bool isInDoubt(const std::string& host) const;
 
 private:
-    static int opened(void* transfer, curl_socket_t descriptor, curlsocktype purpose);
     static int closed(void* connections, curl_socket_t descriptor);
     std::shared_ptr<Connection> find(const char* localAddress, int localPort, int remotePort);
-    bool learn(Connection& connection, const Transfer& transfer);
+    bool learn(Connection& connection, const Request& request);
     void lookAround();
 
     std::list<std::shared_ptr<Connection>> m_open;

@@ -3,6 +3,8 @@
 
 #include "global.h"
 #include "options.h"
+#include "repeat.h"
+#include "rules.h"
 #include "tls.h"
 
 #include <new>
@@ -10,17 +12,39 @@
 namespace MZCurl {
 namespace {
 
+constexpr const char* kNoMemory = "There is no memory";
+
+/// Performs one transfer on the calling thread, without a multi handle.
+class Alone : public Performer {
+public:
+    bool opened(Transfer& /*transfer*/, curl_socket_t /*descriptor*/) override { return true; }
+    const char* sending(Transfer& /*transfer*/, const char* /*localAddress*/, int /*localPort*/,
+                        int /*remotePort*/) override
+    {
+        return nullptr;
+    }
+    bool maySendAgain(Transfer& transfer) override { return mayBeSentOnceMore(transfer, true); }
+    void moved() override {}
+    Growth mayGrow(Transfer& /*transfer*/, std::size_t /*bytes*/) override
+    {
+        return Growth::ForGood;
+    }
+};
+
 /// Sets an option, also of a handle that does not exist or is not initialized.
-template <class Set, class Value>
-bool setGuarded(Transfer* transfer, Set set, MZCURL_OPTION_TYPE option, const Value& value)
+template <class Impl, class Set, class Value>
+bool setGuarded(Impl* impl, Set set, MZCURL_OPTION_TYPE option, const Value& value)
 {
-    if (transfer == nullptr) {
+    if (impl == nullptr) {
         return false;
     }
-    transfer->pristine = false;
     try {
-        return transfer->curl != nullptr ? set(*transfer, option, value)
-                                         : transfer->fail("The handle is not initialised");
+        const char* const problem =
+            impl->initialized ? set(impl->options, option, value) : "The handle is not initialised";
+        if (problem != nullptr) {
+            impl->lastError = problem;
+        }
+        return problem == nullptr;
     } catch (const std::bad_alloc&) {
         return false;
     }
@@ -37,8 +61,11 @@ bool MZCurlEasy::Initialize()
     if (m_pImpl == nullptr) {
         m_pImpl.reset(new (std::nothrow) Impl);
     }
-    return m_pImpl != nullptr && m_pImpl->curl == nullptr && initializeLibraries() &&
-           m_pImpl->initialize();
+    if (m_pImpl == nullptr || m_pImpl->initialized) {
+        return false;
+    }
+    m_pImpl->initialized = initializeLibraries();
+    return m_pImpl->initialized;
 }
 
 bool MZCurlEasy::setOption(MZCURL_OPTION_TYPE eOption, int iValue)
@@ -83,17 +110,17 @@ bool MZCurlEasy::setOption(MZCURL_OPTION_TYPE eOption, void* pValue)
 
 bool MZCurlEasy::getInfo(MZCURL_INFO_TYPE eInfo, void** ppOut)
 {
-    if (m_pImpl == nullptr || m_pImpl->curl == nullptr || eInfo != MZCURL_INFO_PRIVATE ||
-        m_pImpl->userPointer == nullptr || ppOut == nullptr) {
+    if (m_pImpl == nullptr || eInfo != MZCURL_INFO_PRIVATE ||
+        m_pImpl->options.userPointer == nullptr || ppOut == nullptr) {
         return false;
     }
-    *ppOut = m_pImpl->userPointer;
+    *ppOut = m_pImpl->options.userPointer;
     return true;
 }
 
 std::string MZCurlEasy::getLastError() const
 {
-    return m_pImpl != nullptr ? m_pImpl->lastError : "There is no memory";
+    return m_pImpl != nullptr ? m_pImpl->lastError : kNoMemory;
 }
 
 bool MZCurlEasy::send()
@@ -101,21 +128,31 @@ bool MZCurlEasy::send()
     if (m_pImpl == nullptr) {
         return false;
     }
-    if (m_pImpl->curl == nullptr || m_pImpl->owner != nullptr) {
-        return m_pImpl->fail("The handle is not initialised, or a multi handle has it");
+    Impl& impl = *m_pImpl;
+    if (!impl.initialized || impl.place.owner != nullptr) {
+        impl.lastError = "The handle is not initialised, or a multi handle has it";
+        return false;
     }
     const TlsErrorScope errors;
-    m_pImpl->start();
-    m_pImpl->begin(false);
-    const CURLcode code = curl_easy_perform(m_pImpl->curl.get());
-    m_pImpl->lastError = m_pImpl->resultText(code);
-    return code == CURLE_OK;
+    Alone performer;
+    impl.progress = {};
+    impl.attempt = prepare(impl.options, impl, performer);
+    if (impl.attempt == nullptr) {
+        impl.lastError = kNoMemory;
+        return false;
+    }
+    begin(*impl.attempt, conditionsOf(impl));
+    impl.progress.result = curl_easy_perform(impl.attempt->curl.get());
+    impl.lastError = impl.resultText();
+    impl.attempt.reset();
+    return impl.progress.result == CURLE_OK;
 }
 
 void MZCurlEasy::reset()
 {
-    if (m_pImpl != nullptr && m_pImpl->curl != nullptr) {
-        m_pImpl->reset();
+    if (m_pImpl != nullptr && m_pImpl->initialized) {
+        m_pImpl->options = {};
+        m_pImpl->lastError.clear();
     }
 }
 

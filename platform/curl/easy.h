@@ -3,8 +3,13 @@
 
 #include "transfer.h"
 
+#include <string>
+
 namespace MZCurl {
 
-struct MZCurlEasy::Impl : Transfer {};
+struct MZCurlEasy::Impl : Transfer {
+    bool initialized = false;
+    std::string lastError;
+};
 
 }  // namespace MZCurl

@@ -73,13 +73,13 @@ const std::string& HostKey::of(const std::string& url)
 
 bool Gate::enter(Transfer& transfer, Clock::time_point now)
 {
-    if (transfer.hostKey.empty()) {
+    if (transfer.place.hostKey.empty()) {
         return true;
     }
     try {
-        const auto [entry, cold] = m_hosts.try_emplace(transfer.hostKey);
+        const auto [entry, cold] = m_hosts.try_emplace(transfer.place.hostKey);
         Host& host = entry->second;
-        transfer.host = &host;
+        transfer.place.host = &host;
         ++host.members;
         if (cold) {
             host.deadline = now + kLongestWait;
@@ -93,25 +93,25 @@ bool Gate::enter(Transfer& transfer, Clock::time_point now)
     return true;
 }
 
-void Gate::finished(Transfer& transfer)
+void Gate::open(const Transfer& transfer)
 {
-    if (transfer.host != nullptr) {
-        transfer.host->open = true;
+    if (transfer.place.host != nullptr) {
+        transfer.place.host->open = true;
     }
 }
 
 void Gate::leave(Transfer& transfer)
 {
-    Host* const host = transfer.host;
+    Host* const host = transfer.place.host;
     if (host == nullptr) {
         return;
     }
-    transfer.host = nullptr;
-    if (transfer.home != &host->waiting) {
+    transfer.place.host = nullptr;
+    if (transfer.place.home != &host->waiting) {
         host->open = true;
     }
     if (--host->members == 0) {
-        m_hosts.erase(transfer.hostKey);
+        m_hosts.erase(transfer.place.hostKey);
     }
 }
 

@@ -39,8 +39,9 @@ public:
     /// @return true when it may go
     bool enter(Transfer& transfer, Clock::time_point now);
 
-    /// Records that a transfer has ended, with any result: the others need not wait for it.
-    static void finished(Transfer& transfer);
+    /// Records that a transfer's request is about to be sent, or that it has ended with any result: the others need not
+    /// wait for it.
+    static void open(const Transfer& transfer);
 
     /// Takes a transfer out. Precondition: its node is erased; `home` still names its list.
     void leave(Transfer& transfer);

@@ -1,15 +1,14 @@
 // in_hand.h - counts large bodies that have left the multi handle and are still in memory (CountBody).
 #pragma once
 
+#include "place.h"
 #include "quotas.h"
 
 #include <cstddef>
 
 namespace MZCurl {
 
-/// The size class of an answer, and the ticket that it needs.
-enum class Ticket { None, Large, Huge };
-
+/// @return the ticket that an answer of this size needs
 inline Ticket ticketFor(std::size_t bytes)
 {
     if (bytes <= kSmallAnswer) {

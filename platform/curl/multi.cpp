@@ -111,25 +111,26 @@ bool MZCurlMulti::Impl::add(MZCurlEasy& easy, Transfer& transfer, const std::str
 {
     TransferList entry{&transfer};
     const std::lock_guard<std::mutex> guard(m_lock);
-    std::string key = m_lastKey.of(transfer.url);
+    std::string key = m_lastKey.of(transfer.options.url);
     const void* nobody = nullptr;
-    if (m_multi == nullptr || !m_started || !transfer.owner.compare_exchange_strong(nobody, this)) {
+    if (m_multi == nullptr || !m_started ||
+        !transfer.place.owner.compare_exchange_strong(nobody, this)) {
         return false;
     }
-    transfer.hostKey = std::move(key);
+    transfer.place.hostKey = std::move(key);
     try {
         if (!m_admission.join(transfer, sender)) {
-            transfer.owner = nullptr;
+            transfer.place.owner = nullptr;
             return false;
         }
     } catch (...) {
-        transfer.owner = nullptr;
+        transfer.place.owner = nullptr;
         throw;
     }
-    transfer.start();
-    transfer.easy = &easy;
-    transfer.node = entry.begin();
-    transfer.home = &m_pending;
+    transfer.progress = {};
+    transfer.place.easy = &easy;
+    transfer.place.node = entry.begin();
+    transfer.place.home = &m_pending;
     // The worker takes all pending transfers at once: only the first one wakes it, and only while it waits.
     const bool wake = m_waits && m_pending.empty();
     m_pending.splice(m_pending.end(), entry);
@@ -143,7 +144,7 @@ bool MZCurlMulti::Impl::add(MZCurlEasy& easy, Transfer& transfer, const std::str
 
 bool MZCurlMulti::Impl::remove(Transfer& transfer)
 {
-    if (transfer.owner != this) {
+    if (transfer.place.owner != this) {
         return false;
     }
     takeOut(transfer);
@@ -152,30 +153,34 @@ bool MZCurlMulti::Impl::remove(Transfer& transfer)
 
 void MZCurlMulti::Impl::detach(Transfer& transfer)
 {
-    if (transfer.attached) {
+    if (transfer.attempt != nullptr && transfer.attempt->attached) {
         const TlsErrorScope errors;
-        m_connections.end(transfer);
-        curl_multi_remove_handle(m_multi.get(), transfer.curl.get());
-        SessionShare::detach(transfer);
-        Connections::unfollow(transfer);
-        transfer.admission = nullptr;
-        transfer.tickets = nullptr;
-        transfer.attached = false;
+        Connections::end(transfer.attempt->use);
+        curl_multi_remove_handle(m_multi.get(), transfer.attempt->curl.get());
+        SessionShare::detach(*transfer.attempt);
+        transfer.attempt->attached = false;
     }
+}
+
+void MZCurlMulti::Impl::release(Transfer& transfer)
+{
+    m_admission.release(transfer, transfer.attempt != nullptr ? transfer.attempt->sent
+                                                              : Admission::Clock::time_point{});
 }
 
 void MZCurlMulti::Impl::takeOut(Transfer& transfer)
 {
     detach(transfer);
     m_tickets.leave(transfer);
+    release(transfer);
+    transfer.attempt.reset();
     const std::lock_guard<std::mutex> guard(m_lock);
-    transfer.home->erase(transfer.node);
+    transfer.place.home->erase(transfer.place.node);
     m_gate.leave(transfer);
     m_admission.leave(transfer);
-    transfer.home = nullptr;
-    transfer.http2Moved = nullptr;
+    transfer.place.home = nullptr;
     --m_added;
-    transfer.owner = nullptr;
+    transfer.place.owner = nullptr;
 }
 
 void MZCurlMulti::Impl::adopt()
@@ -189,7 +194,7 @@ void MZCurlMulti::Impl::adopt()
     const auto now = Gate::Clock::now();
     for (auto it = m_later.begin(); it != m_later.end();) {
         Transfer& transfer = **it++;
-        if (transfer.due <= now) {
+        if (transfer.place.due <= now) {
             moveTo(transfer, m_going);
         }
     }
@@ -209,8 +214,8 @@ void MZCurlMulti::Impl::giveSlots()
     }
     const auto now = Gate::Clock::now();
     while (Transfer* const transfer = m_admission.overdue(now, m_active)) {
-        transfer->startFailure = "The call waited 20 s for its turn: too many calls are under way";
-        finish(*transfer, CURLE_OPERATION_TIMEDOUT);
+        failToStart(*transfer, "The call waited 20 s for its turn: too many calls are under way",
+                    CURLE_OPERATION_TIMEDOUT);
     }
     m_admission.widen(now);
     if (!m_admission.mayGive(now)) {
@@ -224,48 +229,63 @@ void MZCurlMulti::Impl::giveSlots()
 
 void MZCurlMulti::Impl::attach(Transfer& transfer)
 {
-    transfer.admission = &m_admission;
-    transfer.tickets = &m_tickets;
-    m_connections.follow(transfer);
-    const bool trusted = m_share.attach(transfer);
-    transfer.begin(m_connections.isInDoubt(transfer.hostKey));
-    if (transfer.number == 0) {
-        transfer.number = ++m_transfers;
+    if (transfer.progress.number == 0) {
+        transfer.progress.number = ++m_transfers;
     }
-    transfer.http2Moved = &m_http2Moved;
+    if (transfer.attempt == nullptr) {
+        transfer.attempt = prepare(transfer.options, transfer, *this);
+    }
+    if (transfer.attempt == nullptr) {
+        failToStart(transfer, "There is no memory for the transfer", CURLE_OUT_OF_MEMORY);
+        return;
+    }
+    Attempt& attempt = *transfer.attempt;
+    m_connections.follow(attempt.curl.get());
+    const bool trusted = m_share.attach(attempt);
+    Conditions conditions = conditionsOf(transfer);
+    conditions.freshConnection = m_connections.isInDoubt(transfer.place.hostKey);
+    begin(attempt, conditions);
     if (!trusted) {
         finish(transfer, CURLE_SSL_CACERT_BADFILE);
         return;
     }
-    const CURLMcode code = curl_multi_add_handle(m_multi.get(), transfer.curl.get());
+    const CURLMcode code = curl_multi_add_handle(m_multi.get(), attempt.curl.get());
     if (code != CURLM_OK) {
-        SessionShare::detach(transfer);
-        transfer.startFailure = curl_multi_strerror(code);
-        finish(transfer, CURLE_FAILED_INIT);
+        SessionShare::detach(attempt);
+        failToStart(transfer, curl_multi_strerror(code), CURLE_FAILED_INIT);
         return;
     }
-    transfer.attached = true;
+    attempt.attached = true;
     m_begun = true;
     moveTo(transfer, m_active);
 }
 
+void MZCurlMulti::Impl::failToStart(Transfer& transfer, const char* reason, CURLcode code)
+{
+    transfer.progress.failure = reason;
+    finish(transfer, code);
+}
+
 void MZCurlMulti::Impl::finish(Transfer& transfer, CURLcode result)
 {
-    transfer.result = result;
+    transfer.progress.result = result;
     const Again reason = whyAgain(transfer);
-    if (reason == Again::No && !deliverEarly(transfer)) {
-        transfer.result = CURLE_WRITE_ERROR;
+    Attempt* const attempt = transfer.attempt.get();
+    if (reason == Again::No && attempt != nullptr && !deliverEarly(*attempt)) {
+        transfer.progress.result = CURLE_WRITE_ERROR;
     }
     report(transfer);
-    m_connections.end(transfer);
+    if (attempt != nullptr) {
+        Connections::end(attempt->use);
+    }
     if (reason != Again::No) {
         beginAgain(transfer, reason);
         return;
     }
     m_tickets.ended(transfer);
-    m_admission.release(transfer);
+    release(transfer);
     moveTo(transfer, m_ready);
-    Gate::finished(transfer);
+    Gate::open(transfer);
 }
 
 void MZCurlMulti::Impl::beginAgain(Transfer& transfer, Again reason)
@@ -281,8 +301,9 @@ void MZCurlMulti::Impl::beginAgain(Transfer& transfer, Again reason)
     if (pause.count() > 0) {
         // The host may need a new leader after the pause.
         m_gate.leave(transfer);
-        m_admission.release(transfer);
-        transfer.due = Gate::Clock::now() + pause;
+        release(transfer);
+        transfer.attempt.reset();
+        transfer.place.due = Gate::Clock::now() + pause;
         moveTo(transfer, m_later);
         return;
     }
@@ -300,7 +321,7 @@ void MZCurlMulti::Impl::giveTickets()
     }
     for (auto it = m_postponed.begin(); it != m_postponed.end();) {
         Transfer& transfer = **it++;
-        if (transfer.timeout.count() > 0 && timeLeft(transfer) <= kNoTime) {
+        if (transfer.options.timeout > 0 && timeLeft(transfer) <= kNoTime) {
             cutOff(transfer, "The answer waited for its turn until its time was over");
         }
     }
@@ -308,13 +329,14 @@ void MZCurlMulti::Impl::giveTickets()
 
 void MZCurlMulti::Impl::goOn(Transfer& transfer)
 {
-    if (transfer.postponed) {
+    Attempt& attempt = *transfer.attempt;
+    if (attempt.postponed) {
         attach(transfer);
         return;
     }
-    Connections::resume(transfer);
+    Connections::resume(attempt.use);
     // Delivers the piece for which the transfer waited. The transfer may have to wait again at once.
-    const CURLcode code = curl_easy_pause(transfer.curl.get(), CURLPAUSE_CONT);
+    const CURLcode code = curl_easy_pause(attempt.curl.get(), CURLPAUSE_CONT);
     m_begun = true;
     if (code != CURLE_OK) {
         detach(transfer);
@@ -325,7 +347,7 @@ void MZCurlMulti::Impl::goOn(Transfer& transfer)
 void MZCurlMulti::Impl::cutOff(Transfer& transfer, const char* reason)
 {
     detach(transfer);
-    transfer.refusal = reason;
+    transfer.attempt->refusal = reason;
     finish(transfer, CURLE_OPERATION_TIMEDOUT);
 }
 
@@ -362,7 +384,7 @@ int MZCurlMulti::Impl::waitLimit() const
         bound = std::min(bound, static_cast<int>(kInHandLook.count()));
     }
     for (const Transfer* const transfer : m_later) {
-        bound = std::min(bound, millisecondsUntil(transfer->due, now));
+        bound = std::min(bound, millisecondsUntil(transfer->place.due, now));
     }
     return bound;
 }
@@ -442,9 +464,9 @@ void MZCurlMulti::Impl::collect()
 {
     int left = 0;
     while (const CURLMsg* const message = curl_multi_info_read(m_multi.get(), &left)) {
-        Transfer* transfer = nullptr;
-        curl_easy_getinfo(message->easy_handle, CURLINFO_PRIVATE, &transfer);
-        finish(*transfer, message->data.result);
+        Attempt* attempt = nullptr;
+        curl_easy_getinfo(message->easy_handle, CURLINFO_PRIVATE, &attempt);
+        finish(attempt->transfer, message->data.result);
     }
 }
 

@@ -12,6 +12,7 @@
 #include "connections.h"
 #include "gate.h"
 #include "repeat.h"
+#include "rules.h"
 #include "share.h"
 #include "tickets.h"
 #include "transfer.h"
@@ -26,7 +27,7 @@
 
 namespace MZCurl {
 
-struct MZCurlMulti::Impl {
+struct MZCurlMulti::Impl : private Performer {
     Impl() = default;
     ~Impl();
     Impl(const Impl&) = delete;
@@ -56,6 +57,14 @@ private:
 
     using Multi = std::unique_ptr<CURLM, Cleanup>;
 
+    // What libcurl's callbacks ask and tell (events.cpp).
+    bool opened(Transfer& transfer, curl_socket_t descriptor) override;
+    const char* sending(Transfer& transfer, const char* localAddress, int localPort,
+                        int remotePort) override;
+    bool maySendAgain(Transfer& transfer) override;
+    void moved() override { m_http2Moved = true; }
+    Growth mayGrow(Transfer& transfer, std::size_t bytes) override;
+
     static Multi newMulti();
     bool stopped();
     /// Waits for something to do.
@@ -70,7 +79,9 @@ private:
     void goOn(Transfer& transfer);
     void cutOff(Transfer& transfer, const char* reason);
     void attach(Transfer& transfer);
+    void failToStart(Transfer& transfer, const char* reason, CURLcode code);
     void detach(Transfer& transfer);
+    void release(Transfer& transfer);
     void finish(Transfer& transfer, CURLcode result);
     void beginAgain(Transfer& transfer, Again reason);
     void collect();

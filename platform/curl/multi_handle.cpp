@@ -44,7 +44,7 @@ void MZCurlMulti::Stop()
 bool MZCurlMulti::addHandle(MZCurlEasy* pEasy)
 {
     if (m_pImpl == nullptr || pEasy == nullptr || pEasy->m_pImpl == nullptr ||
-        pEasy->m_pImpl->curl == nullptr) {
+        !pEasy->m_pImpl->initialized) {
         return false;
     }
     try {
@@ -90,11 +90,11 @@ bool MZCurlMulti::InfoRead(MultiMsg& tMsg)
     }
     const Transfer* const transfer = m_pImpl->next();
     if (transfer != nullptr) {
-        tMsg.pEasyHandle = transfer->easy;
-        tMsg.bSuccess = transfer->result == CURLE_OK;
-        tMsg.iResult = transfer->result;
+        tMsg.pEasyHandle = transfer->place.easy;
+        tMsg.bSuccess = transfer->progress.result == CURLE_OK;
+        tMsg.iResult = transfer->progress.result;
         try {
-            tMsg.strError = transfer->resultText(transfer->result);
+            tMsg.strError = transfer->resultText();
         } catch (const std::bad_alloc&) {
             // The result is reported without its text.
         }

@@ -1,103 +1,109 @@
-// options.cpp - the table of options, and the values that are refused before libcurl gets them.
+// options.cpp - the table of options, and the values that are refused.
 #include "options.h"
 
 #include <algorithm>
 #include <iterator>
+#include <limits>
 #include <string_view>
-#include <utility>
+#include <variant>
 
 namespace MZCurl {
 namespace {
 
-enum class Kind {
-    Ignored,
-    Number,
-    Size,
-    Text,
-    TextOrNone,
-    Method,
-    Body,
-    List,
-    Writer,
-    SslContext,
-    Pointer
+struct Ignored {};
+struct Post {};
+struct Get {};
+struct Size {};
+struct Body {};
+struct Lines {};
+
+/// libcurl counts milliseconds in an int.
+struct Seconds {
+    long Options::*field;
 };
+
+/// Where the value of an option is kept, or what it does.
+using Field =
+    std::variant<Ignored, Post, Get, Size, Seconds, long Options::*, Body, std::string Options::*,
+                 Lines, WriteCallback Options::*, SslContextCallback Options::*, void * Options::*>;
 
 struct Option {
     MZCURL_OPTION_TYPE id;
-    Kind kind;
-    CURLoption curl;  // ignored where the wrapper keeps the value itself
+    Field field;
 };
-
-constexpr CURLoption kKept = CURLOPT_LASTENTRY;
 
 constexpr std::string_view kLineBreakers("\r\n\0", 3);
 
-constexpr Option kOptions[] = {
-    {MZCURL_OPT_RESERVED_1, Kind::Ignored, kKept},
-    {MZCURL_OPT_RESERVED_3, Kind::Ignored, kKept},
-    {MZCURL_OPT_POST, Kind::Number, CURLOPT_POST},
-    {MZCURL_OPT_HTTPGET, Kind::Number, CURLOPT_HTTPGET},
-    {MZCURL_OPT_TIMEOUT, Kind::Number, CURLOPT_TIMEOUT},
-    {MZCURL_OPT_CONNECTTIMEOUT, Kind::Number, CURLOPT_CONNECTTIMEOUT},
-    {MZCURL_OPT_RESERVED_34, Kind::Ignored, kKept},
-    {MZCURL_OPT_SSL_VERIFYHOST, Kind::Number, CURLOPT_SSL_VERIFYHOST},
-    {MZCURL_OPT_SSL_VERIFYPEER, Kind::Number, CURLOPT_SSL_VERIFYPEER},
-    {MZCURL_OPT_POSTFIELDSIZE, Kind::Size, CURLOPT_POSTFIELDSIZE_LARGE},
-    {MZCURL_OPT_CUSTOMREQUEST, Kind::Method, CURLOPT_CUSTOMREQUEST},
-    {MZCURL_OPT_URL, Kind::Text, CURLOPT_URL},
-    {MZCURL_OPT_POSTFIELDS, Kind::Body, CURLOPT_POSTFIELDS},
-    {MZCURL_OPT_CAINFO, Kind::Text, CURLOPT_CAINFO},
-    // Not set when empty: libcurl would take "" for the name of a file, and every TLS transfer would fail.
-    {MZCURL_OPT_SSLCERT, Kind::TextOrNone, CURLOPT_SSLCERT},
-    {MZCURL_OPT_SSLCERTTYPE, Kind::TextOrNone, CURLOPT_SSLCERTTYPE},
-    {MZCURL_OPT_SSLKEY, Kind::TextOrNone, CURLOPT_SSLKEY},
-    {MZCURL_OPT_SSLKEYTYPE, Kind::TextOrNone, CURLOPT_SSLKEYTYPE},
-    {MZCURL_OPT_HTTPHEADER, Kind::List, CURLOPT_HTTPHEADER},
-    {MZCURL_OPT_WRITEFUNCTION, Kind::Writer, kKept},
-    {MZCURL_OPT_SSL_CTX_FUNCTION, Kind::SslContext, kKept},
-    {MZCURL_OPT_WRITEDATA, Kind::Pointer, kKept},
-    {MZCURL_OPT_SSL_CTX_DATA, Kind::Pointer, kKept},
-    {MZCURL_OPT_PRIVATE, Kind::Pointer, kKept},
+constexpr long kMostSeconds = std::numeric_limits<int>::max() / 1000;
+
+// libcurl takes no longer texts.
+constexpr std::size_t kMostText = 8000000;
+
+const Option kOptions[] = {
+    {MZCURL_OPT_RESERVED_1, Ignored{}},
+    {MZCURL_OPT_RESERVED_3, Ignored{}},
+    {MZCURL_OPT_POST, Post{}},
+    {MZCURL_OPT_HTTPGET, Get{}},
+    {MZCURL_OPT_TIMEOUT, Seconds{&Options::timeout}},
+    {MZCURL_OPT_CONNECTTIMEOUT, Seconds{&Options::connectTimeout}},
+    {MZCURL_OPT_RESERVED_34, Ignored{}},
+    {MZCURL_OPT_SSL_VERIFYHOST, &Options::verifyHost},
+    {MZCURL_OPT_SSL_VERIFYPEER, &Options::verifyPeer},
+    {MZCURL_OPT_POSTFIELDSIZE, Size{}},
+    {MZCURL_OPT_CUSTOMREQUEST, &Options::method},
+    {MZCURL_OPT_URL, &Options::url},
+    {MZCURL_OPT_POSTFIELDS, Body{}},
+    {MZCURL_OPT_CAINFO, &Options::caFile},
+    {MZCURL_OPT_SSLCERT, &Options::certificate},
+    {MZCURL_OPT_SSLCERTTYPE, &Options::certificateType},
+    {MZCURL_OPT_SSLKEY, &Options::key},
+    {MZCURL_OPT_SSLKEYTYPE, &Options::keyType},
+    {MZCURL_OPT_HTTPHEADER, Lines{}},
+    {MZCURL_OPT_WRITEFUNCTION, &Options::write},
+    {MZCURL_OPT_SSL_CTX_FUNCTION, &Options::sslContext},
+    {MZCURL_OPT_WRITEDATA, &Options::writeData},
+    {MZCURL_OPT_SSL_CTX_DATA, &Options::sslContextData},
+    {MZCURL_OPT_PRIVATE, &Options::userPointer},
 };
 
-/// @return the option; null, with the reason in lastError, when there is none or it is of another kind
-const Option* find(Transfer& transfer, MZCURL_OPTION_TYPE id, std::initializer_list<Kind> kinds)
+const Option* find(MZCURL_OPTION_TYPE id)
 {
     const auto* const option = std::find_if(std::begin(kOptions), std::end(kOptions),
                                             [id](const Option& o) { return o.id == id; });
-    if (option == std::end(kOptions)) {
-        transfer.fail("There is no such option");
-        return nullptr;
-    }
-    if (std::find(kinds.begin(), kinds.end(), option->kind) == kinds.end()) {
-        transfer.fail("The option takes another type of value");
-        return nullptr;
-    }
-    return option;
+    return option != std::end(kOptions) ? option : nullptr;
 }
 
-template <class Value>
-bool apply(Transfer& transfer, CURLoption option, Value value)
+/// @return why an option does not take the type of a value
+const char* mismatch(const Option* option)
 {
-    const CURLcode code = curl_easy_setopt(transfer.curl.get(), option, value);
-    return code == CURLE_OK || transfer.fail(curl_easy_strerror(code));
+    return option == nullptr ? "There is no such option" : "The option takes another type of value";
 }
 
-/// Applies what a number implies besides its own option.
-bool follow(Transfer& transfer, MZCURL_OPTION_TYPE id, long value)
+const char* badValue()
 {
-    const bool on = value != 0;
-    if (id == MZCURL_OPT_POST) {
-        transfer.sendsBody = on;
-    } else if (id == MZCURL_OPT_HTTPGET && on) {
-        transfer.sendsBody = false;
-    } else if (id == MZCURL_OPT_TIMEOUT) {
-        transfer.timeout = std::chrono::seconds(value);
-    } else if (id == MZCURL_OPT_SSL_VERIFYPEER) {
-        return apply(transfer, CURLOPT_PROTOCOLS_STR, on ? "https" : "http,https");
+    return curl_easy_strerror(CURLE_BAD_FUNCTION_ARGUMENT);
+}
+
+template <class Type>
+const char* store(Options& options, MZCURL_OPTION_TYPE id, Type value)
+{
+    const Option* const option = find(id);
+    const auto* const field =
+        option != nullptr ? std::get_if<Type Options::*>(&option->field) : nullptr;
+    if (field == nullptr) {
+        return mismatch(option);
     }
-    return true;
+    options.*(*field) = value;
+    return nullptr;
+}
+
+const char* setSeconds(Options& options, const Seconds& seconds, long value)
+{
+    if (value < 0 || value > kMostSeconds) {
+        return badValue();
+    }
+    options.*seconds.field = value;
+    return nullptr;
 }
 
 bool isMethodName(const std::string& text)
@@ -109,117 +115,107 @@ bool isMethodName(const std::string& text)
 /// @return whether the URL has no host. libcurl would skip the third slash and take the path's first part for the host.
 bool lacksHost(const std::string& url)
 {
-    for (const char* const start : {"http:///", "https:///"}) {
-        if (url.rfind(start, 0) == 0) {
-            return true;
-        }
+    return url.rfind("http:///", 0) == 0 || url.rfind("https:///", 0) == 0;
+}
+
+/// @return why a text is refused; null when it is not
+const char* problemOf(MZCURL_OPTION_TYPE id, const std::string& value)
+{
+    if (value.find('\0') != std::string::npos) {
+        return "The text holds a NUL byte";
     }
-    return false;
+    if (value.size() > kMostText) {
+        return badValue();
+    }
+    if (id == MZCURL_OPT_CUSTOMREQUEST && !isMethodName(value)) {
+        return "The text is not the name of a method";
+    }
+    return id == MZCURL_OPT_URL && lacksHost(value) ? "The URL names no host" : nullptr;
 }
 
 }  // namespace
 
-bool setNumber(Transfer& transfer, MZCURL_OPTION_TYPE id, long long value)
+const char* setNumber(Options& options, MZCURL_OPTION_TYPE id, long long value)
 {
-    const Option* const option = find(transfer, id, {Kind::Ignored, Kind::Number, Kind::Size});
+    const Option* const option = find(id);
     if (option == nullptr) {
-        return false;
+        return mismatch(option);
     }
-    if (option->kind == Kind::Ignored) {
-        return true;
-    }
-    if (option->kind == Kind::Size) {
-        return apply(transfer, option->curl, static_cast<curl_off_t>(value));
+    const Field& field = option->field;
+    if (std::holds_alternative<Size>(field)) {
+        if (value < -1) {
+            return badValue();
+        }
+        options.bodySize = value;
+        return nullptr;
     }
     const auto number = static_cast<long>(value);
     if (number != value) {
-        return transfer.fail("The number is out of range");
+        return "The number is out of range";
     }
-    return apply(transfer, option->curl, number) && follow(transfer, id, number);
+    if (const auto* const seconds = std::get_if<Seconds>(&field)) {
+        return setSeconds(options, *seconds, number);
+    }
+    if (const auto* const plain = std::get_if<long Options::*>(&field)) {
+        options.*(*plain) = number;
+    } else if (std::holds_alternative<Post>(field)) {
+        options.sendsBody = number != 0;
+    } else if (std::holds_alternative<Get>(field)) {
+        options.sendsBody = options.sendsBody && number == 0;
+    } else if (!std::holds_alternative<Ignored>(field)) {
+        return mismatch(option);
+    }
+    return nullptr;
 }
 
-bool setText(Transfer& transfer, MZCURL_OPTION_TYPE id, const std::string& value)
+const char* setText(Options& options, MZCURL_OPTION_TYPE id, const std::string& value)
 {
-    const Option* const option =
-        find(transfer, id, {Kind::Text, Kind::TextOrNone, Kind::Method, Kind::Body});
-    if (option == nullptr) {
-        return false;
+    const Option* const option = find(id);
+    if (option != nullptr && std::holds_alternative<Body>(option->field)) {
+        options.sendsBody = true;
+        options.body = value.data();
+        return nullptr;
     }
-    if (option->kind == Kind::Body) {
-        transfer.sendsBody = true;
-        return apply(transfer, option->curl, value.data());
+    const auto* const field =
+        option != nullptr ? std::get_if<std::string Options::*>(&option->field) : nullptr;
+    if (field == nullptr) {
+        return mismatch(option);
     }
-    if (value.find('\0') != std::string::npos) {
-        return transfer.fail("The text holds a NUL byte");
+    if (const char* const problem = problemOf(id, value)) {
+        return problem;
     }
-    if (option->kind == Kind::Method) {
-        if (!isMethodName(value)) {
-            return transfer.fail("The text is not the name of a method");
-        }
-        transfer.namesMethod = true;
-    }
-    if (id == MZCURL_OPT_URL) {
-        if (lacksHost(value)) {
-            return transfer.fail("The URL names no host");
-        }
-        transfer.url = value;
-    } else if (id == MZCURL_OPT_CAINFO) {
-        transfer.caFile = value;
-    }
-    const bool none = option->kind == Kind::TextOrNone && value.empty();
-    return apply(transfer, option->curl, none ? nullptr : value.c_str());
+    options.*(*field) = value;
+    return nullptr;
 }
 
-bool setList(Transfer& transfer, MZCURL_OPTION_TYPE id, const std::list<std::string>& value)
+const char* setList(Options& options, MZCURL_OPTION_TYPE id, const std::list<std::string>& value)
 {
-    const Option* const option = find(transfer, id, {Kind::List});
-    if (option == nullptr) {
-        return false;
+    const Option* const option = find(id);
+    if (option == nullptr || !std::holds_alternative<Lines>(option->field)) {
+        return mismatch(option);
     }
     for (const std::string& line : value) {
         if (line.find_first_of(kLineBreakers) != std::string::npos) {
-            return transfer.fail("A header holds a CR, LF or NUL byte");
+            return "A header holds a CR, LF or NUL byte";
         }
     }
-    Headers lines(value);
-    if (!apply(transfer, option->curl, lines.list())) {
-        return false;
-    }
-    transfer.headers = std::move(lines);
-    return true;
+    options.headers = Headers(value);
+    return nullptr;
 }
 
-bool setWriter(Transfer& transfer, MZCURL_OPTION_TYPE id, WriteCallback value)
+const char* setWriter(Options& options, MZCURL_OPTION_TYPE id, WriteCallback value)
 {
-    if (find(transfer, id, {Kind::Writer}) == nullptr) {
-        return false;
-    }
-    transfer.write = value;
-    return true;
+    return store(options, id, value);
 }
 
-bool setSslContext(Transfer& transfer, MZCURL_OPTION_TYPE id, SslContextCallback value)
+const char* setSslContext(Options& options, MZCURL_OPTION_TYPE id, SslContextCallback value)
 {
-    if (find(transfer, id, {Kind::SslContext}) == nullptr) {
-        return false;
-    }
-    transfer.sslContext = value;
-    return true;
+    return store(options, id, value);
 }
 
-bool setPointer(Transfer& transfer, MZCURL_OPTION_TYPE id, void* value)
+const char* setPointer(Options& options, MZCURL_OPTION_TYPE id, void* value)
 {
-    if (find(transfer, id, {Kind::Pointer}) == nullptr) {
-        return false;
-    }
-    if (id == MZCURL_OPT_PRIVATE) {
-        transfer.userPointer = value;
-    } else if (id == MZCURL_OPT_SSL_CTX_DATA) {
-        transfer.sslContextData = value;
-    } else {
-        transfer.writeData = value;
-    }
-    return true;
+    return store(options, id, value);
 }
 
 }  // namespace MZCurl

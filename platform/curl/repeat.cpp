@@ -1,8 +1,6 @@
 // repeat.cpp - decides which transfers are begun again.
 #include "repeat.h"
 
-#include "connections.h"
-
 #include <platform/log.h>
 
 #include <algorithm>
@@ -25,16 +23,16 @@ constexpr milliseconds kLeastTime{1000};
 
 bool hasTime(const Transfer& transfer)
 {
-    return transfer.timeout.count() == 0 || timeLeft(transfer) >= kLeastTime;
+    return transfer.options.timeout == 0 || timeLeft(transfer) >= kLeastTime;
 }
 
 /// @return whether the connection, or the HTTP/2 stream, ended after the request was sent and before any byte of the body
-bool endedWithoutAnswer(const Transfer& transfer)
+bool endedWithoutAnswer(const Attempt& attempt, CURLcode result)
 {
-    if (transfer.bodyBytes > 0 || transfer.sendings == 0) {
+    if (attempt.bodyBytes > 0 || attempt.sendings == 0) {
         return false;
     }
-    switch (transfer.result) {
+    switch (result) {
         case CURLE_SEND_ERROR:
         case CURLE_RECV_ERROR:
         case CURLE_GOT_NOTHING:
@@ -43,7 +41,7 @@ bool endedWithoutAnswer(const Transfer& transfer)
         case CURLE_HTTP2_STREAM:
             return true;
         case CURLE_ABORTED_BY_CALLBACK:  // a callback has stopped libcurl's own repetition
-            return transfer.sendings > 1;
+            return attempt.sendings > 1;
         default:
             return false;
     }
@@ -51,90 +49,98 @@ bool endedWithoutAnswer(const Transfer& transfer)
 
 /// @return whether the connection may have caused the end. A server that ends the first request of a connection of its own
 ///   does so on purpose.
-bool connectionIsSuspect(const Transfer& transfer)
+bool connectionIsSuspect(const Attempt& attempt)
 {
-    return transfer.keptConnection || transfer.sendings > 1 ||
-           (transfer.connection != nullptr &&
-            (transfer.connection->shared || transfer.connection->given));
+    const ConnectionUse& use = attempt.use;
+    return use.kept || attempt.sendings > 1 || use.isShared() ||
+           (use.connection != nullptr && use.connection->given);
 }
 
-bool wasRefused(const Transfer& transfer)
+bool wasRefused(const Attempt& attempt, CURLcode result)
 {
     long error = 0;
-    curl_easy_getinfo(transfer.curl.get(), CURLINFO_OS_ERRNO, &error);
-    return transfer.result == CURLE_COULDNT_CONNECT && error == ECONNREFUSED;
+    curl_easy_getinfo(attempt.curl.get(), CURLINFO_OS_ERRNO, &error);
+    return result == CURLE_COULDNT_CONNECT && error == ECONNREFUSED;
 }
 
 }  // namespace
 
 Again whyAgain(const Transfer& transfer)
 {
-    const Repeats& repeats = transfer.repeats;
-    if (transfer.result == CURLE_OK || !transfer.attached || !hasTime(transfer)) {
+    const CURLcode result = transfer.progress.result;
+    if (result == CURLE_OK || transfer.attempt == nullptr || !transfer.attempt->attached ||
+        !hasTime(transfer)) {
         return Again::No;
     }
-    if (transfer.postponed) {
+    const Attempt& attempt = *transfer.attempt;
+    const Repeats& repeats = transfer.progress.repeats;
+    if (attempt.postponed) {
         return Again::Ticket;
     }
-    const bool lost =
-        transfer.mayBeSentAgain() && endedWithoutAnswer(transfer) && connectionIsSuspect(transfer);
-    if (repeats.lost == 0 && (transfer.crowded || lost)) {
+    const bool lost = transfer.mayBeSentAgain() && endedWithoutAnswer(attempt, result) &&
+                      connectionIsSuspect(attempt);
+    if (repeats.lost == 0 && (attempt.use.crowded || lost)) {
         return Again::Lost;
     }
-    if (repeats.session == 0 && transfer.result == CURLE_SSL_CONNECT_ERROR &&
-        transfer.sendings == 0 && transfer.offeredSession) {
+    if (repeats.session == 0 && result == CURLE_SSL_CONNECT_ERROR && attempt.sendings == 0 &&
+        attempt.offeredSession) {
         return Again::Session;
     }
-    return repeats.refused < kRefusedPauses.size() && wasRefused(transfer) ? Again::Refused
-                                                                           : Again::No;
+    return repeats.refused < kRefusedPauses.size() && wasRefused(attempt, result) ? Again::Refused
+                                                                                  : Again::No;
 }
 
 milliseconds countRepeat(Transfer& transfer, Again reason)
 {
     if (reason == Again::Lost) {
-        ++transfer.repeats.lost;
+        ++transfer.progress.repeats.lost;
         __dlog_print(DLOG_INFO, kTag, "transfer %u begins again: its connection was lost",
-                     transfer.number);
+                     transfer.progress.number);
     } else if (reason == Again::Session) {
-        ++transfer.repeats.session;
+        ++transfer.progress.repeats.session;
         __dlog_print(DLOG_INFO, kTag,
                      "transfer %u begins again: the server refused its TLS session",
-                     transfer.number);
+                     transfer.progress.number);
     } else if (reason == Again::Ticket) {
-        ++transfer.repeats.postponed;
+        ++transfer.progress.repeats.postponed;
         __dlog_print(DLOG_INFO, kTag,
                      "transfer %u will begin again: its answer is large and others are under way",
-                     transfer.number);
+                     transfer.progress.number);
     } else {
-        const milliseconds pause = kRefusedPauses[transfer.repeats.refused++];
+        const milliseconds pause = kRefusedPauses[transfer.progress.repeats.refused++];
         __dlog_print(DLOG_INFO, kTag,
                      "transfer %u begins again in %ld ms: the server refused the connection",
-                     transfer.number, static_cast<long>(pause.count()));
+                     transfer.progress.number, static_cast<long>(pause.count()));
         return pause;
     }
     return milliseconds(0);
 }
 
-bool mayBeSentOnceMore(Transfer& transfer)
+bool mayBeSentOnceMore(Transfer& transfer, bool ownConnection)
 {
-    const bool newHttp11 = transfer.connections == nullptr ||
-                           (!transfer.keptConnection && transfer.connection != nullptr &&
-                            !transfer.connection->shared);
-    if (!transfer.mayBeSentAgain() || transfer.repeats.lost > 0 || !newHttp11) {
+    if (!transfer.mayBeSentAgain() || transfer.progress.repeats.lost > 0 || !ownConnection) {
         return false;
     }
     countRepeat(transfer, Again::Lost);
     return true;
 }
 
+Conditions conditionsOf(const Transfer& transfer)
+{
+    const Repeats& repeats = transfer.progress.repeats;
+    return {false, !transfer.mayBeSentAgain() || repeats.lost > 0 || repeats.postponed > 0,
+            repeats.session == 0, timeLeft(transfer)};
+}
+
 milliseconds timeLeft(const Transfer& transfer)
 {
-    if (transfer.timeout.count() == 0) {
+    if (transfer.options.timeout == 0) {
         return milliseconds(0);
     }
     const auto spent = std::chrono::duration_cast<milliseconds>(std::chrono::steady_clock::now() -
-                                                                transfer.started);
-    return std::max(transfer.timeout - spent, milliseconds(1));
+                                                                transfer.progress.started);
+    return std::max<milliseconds>(std::chrono::seconds(transfer.options.timeout) - spent,
+                                  milliseconds(1));
 }
 
 }  // namespace MZCurl

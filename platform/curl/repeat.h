@@ -13,6 +13,7 @@
 // A POST or DELETE is sent at most once: it is repeated only where no byte of it was sent.
 #pragma once
 
+#include "rules.h"
 #include "transfer.h"
 
 #include <chrono>
@@ -21,7 +22,7 @@ namespace MZCurl {
 
 enum class Again { No, Lost, Session, Refused, Ticket };
 
-/// @param transfer its attempt has ended with its `result`
+/// @param transfer its attempt has ended with its `result`, or it has none
 /// @return why it is to be begun again; No when the transfer has ended
 Again whyAgain(const Transfer& transfer);
 
@@ -31,8 +32,12 @@ std::chrono::milliseconds countRepeat(Transfer& transfer, Again reason);
 
 /// Called when libcurl is about to send the request of an attempt a second time, over another connection. Counts a
 /// repetition that is allowed.
+/// @param ownConnection  the other connection is new and speaks HTTP/1.1
 /// @return whether it is allowed
-bool mayBeSentOnceMore(Transfer& transfer);
+bool mayBeSentOnceMore(Transfer& transfer, bool ownConnection);
+
+/// @return what a transfer's next attempt has to keep to. `freshConnection` is up to the caller
+Conditions conditionsOf(const Transfer& transfer);
 
 /// @return time left for all attempts, at least 1 ms; 0 when there is no limit
 std::chrono::milliseconds timeLeft(const Transfer& transfer);

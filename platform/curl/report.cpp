@@ -12,7 +12,9 @@ constexpr long kFirstRefusal = 400;  // HTTP status
 long number(const Transfer& transfer, CURLINFO info)
 {
     long value = 0;
-    curl_easy_getinfo(transfer.curl.get(), info, &value);
+    if (transfer.attempt != nullptr) {
+        curl_easy_getinfo(transfer.attempt->curl.get(), info, &value);
+    }
     return value;
 }
 
@@ -20,7 +22,9 @@ long number(const Transfer& transfer, CURLINFO info)
 long microseconds(const Transfer& transfer, CURLINFO info)
 {
     curl_off_t value = 0;
-    curl_easy_getinfo(transfer.curl.get(), info, &value);
+    if (transfer.attempt != nullptr) {
+        curl_easy_getinfo(transfer.attempt->curl.get(), info, &value);
+    }
     return static_cast<long>(value);
 }
 
@@ -38,15 +42,17 @@ void report(const Transfer& transfer)
 {
     const long status = number(transfer, CURLINFO_RESPONSE_CODE);
     __dlog_print(
-        priorityOf(transfer.result, status), kTag,
+        priorityOf(transfer.progress.result, status), kTag,
         "transfer %u: %s, curl %d, HTTP %ld, new connections %ld, name %ld us, connect %ld us, "
         "TLS %ld us, first byte %ld us, whole %ld us, %ld bytes",
-        transfer.number, transfer.url.c_str(), static_cast<int>(transfer.result), status,
-        number(transfer, CURLINFO_NUM_CONNECTS), microseconds(transfer, CURLINFO_NAMELOOKUP_TIME_T),
+        transfer.progress.number, transfer.options.url.c_str(),
+        static_cast<int>(transfer.progress.result), status, number(transfer, CURLINFO_NUM_CONNECTS),
+        microseconds(transfer, CURLINFO_NAMELOOKUP_TIME_T),
         microseconds(transfer, CURLINFO_CONNECT_TIME_T),
         microseconds(transfer, CURLINFO_APPCONNECT_TIME_T),
         microseconds(transfer, CURLINFO_STARTTRANSFER_TIME_T),
-        microseconds(transfer, CURLINFO_TOTAL_TIME_T), static_cast<long>(transfer.bodyBytes));
+        microseconds(transfer, CURLINFO_TOTAL_TIME_T),
+        transfer.attempt != nullptr ? static_cast<long>(transfer.attempt->bodyBytes) : 0L);
 }
 
 }  // namespace MZCurl

@@ -1,8 +1,10 @@
-// rules.cpp - libcurl's options that hold for every transfer, and those of each attempt.
+// rules.cpp - sets libcurl's options.
+#include "rules.h"
+
 #include "callbacks.h"
-#include "repeat.h"
 #include "tls.h"
-#include "transfer.h"
+
+#include <new>
 
 namespace MZCurl {
 namespace {
@@ -12,20 +14,37 @@ namespace {
 // kernel uses it for link-local addresses only.
 constexpr long kApart = 1;
 
-}  // namespace
+/// Sets options of one handle, and remembers whether each was accepted.
+class Setter {
+public:
+    explicit Setter(CURL* curl) : m_curl(curl) {}
 
-bool Transfer::applyRules()
-{
-    CURL* const handle = curl.get();
+    template <class Value>
+    void operator()(CURLoption option, Value value)
+    {
+        ok = curl_easy_setopt(m_curl, option, value) == CURLE_OK && ok;
+    }
+
+    /// Leaves libcurl's default for an empty text: it would take "" for the name of a file.
+    void text(CURLoption option, const std::string& value)
+    {
+        if (!value.empty()) {
+            (*this)(option, value.c_str());
+        }
+    }
+
     bool ok = true;
-    const auto set = [&](CURLoption option, auto value) {
-        ok = curl_easy_setopt(handle, option, value) == CURLE_OK && ok;
-    };
+
+private:
+    CURL* m_curl;
+};
+
+void setRules(Setter& set)
+{
     // For a process with threads: no signal for a time-out, and no wait for a stuck name look-up when its transfer ends.
     set(CURLOPT_NOSIGNAL, 1L);
     set(CURLOPT_QUICK_EXIT, 1L);
     // No proxy, password file or redirect may influence a transfer.
-    set(CURLOPT_PROTOCOLS_STR, "https");
     set(CURLOPT_PROXY, "");
     set(CURLOPT_NETRC, static_cast<long>(CURL_NETRC_IGNORED));
     set(CURLOPT_FOLLOWLOCATION, 0L);
@@ -41,64 +60,97 @@ bool Transfer::applyRules()
     set(CURLOPT_WRITEFUNCTION, onBody);
     set(CURLOPT_HEADERFUNCTION, onHeader);
     set(CURLOPT_SSL_CTX_FUNCTION, onSslContext);
+    set(CURLOPT_SOCKOPTFUNCTION, onSocket);
     set(CURLOPT_PREREQFUNCTION, onRequest);
-    return ok;
 }
 
-bool Transfer::applyOwnRules()
+void setOwner(Setter& set, Attempt& attempt)
 {
-    bool ok = curl_easy_setopt(curl.get(), CURLOPT_ERRORBUFFER, errorBuffer.data()) == CURLE_OK;
-    for (const CURLoption option : {CURLOPT_PRIVATE, CURLOPT_WRITEDATA, CURLOPT_HEADERDATA,
-                                    CURLOPT_SSL_CTX_DATA, CURLOPT_PREREQDATA}) {
-        ok = curl_easy_setopt(curl.get(), option, static_cast<void*>(this)) == CURLE_OK && ok;
+    set(CURLOPT_ERRORBUFFER, attempt.errorBuffer.data());
+    for (const CURLoption option :
+         {CURLOPT_PRIVATE, CURLOPT_WRITEDATA, CURLOPT_HEADERDATA, CURLOPT_SSL_CTX_DATA,
+          CURLOPT_SOCKOPTDATA, CURLOPT_PREREQDATA}) {
+        set(option, static_cast<void*>(&attempt));
     }
-    return ok;
 }
 
-void Transfer::begin(bool fresh)
+void setOptions(Setter& set, const Options& options)
 {
-    pristine = false;
-    lonely = lonely || share == nullptr;
-    bodyBytes = 0;
-    toldBytes = 0;
-    early.clear();
-    paused = false;
-    postponed = false;
-    headerBytes = 0;
-    sendings = 0;
-    sent = {};
-    refusal = nullptr;
-    offeredSession = false;
-    keptConnection = false;
-    crowded = false;
-    const bool single = !mayBeSentAgain();
-    onlyHttp11 = single || repeats.lost > 0 || repeats.postponed > 0;
-    const auto set = [this](CURLoption option, long value) {
-        curl_easy_setopt(curl.get(), option, value);
-    };
+    set(CURLOPT_PROTOCOLS_STR, options.verifyPeer != 0 ? "https" : "http,https");
+    set.text(CURLOPT_URL, options.url);
+    if (options.sendsBody) {
+        set(CURLOPT_POST, 1L);
+        set(CURLOPT_POSTFIELDSIZE_LARGE, options.bodySize);
+        if (options.body != nullptr) {
+            set(CURLOPT_POSTFIELDS, options.body);
+        }
+    }
+    set.text(CURLOPT_CUSTOMREQUEST, options.method);
+    set(CURLOPT_HTTPHEADER, options.headers.list());
+    set(CURLOPT_CONNECTTIMEOUT, options.connectTimeout);
+    set.text(CURLOPT_CAINFO, options.caFile);
+    set.text(CURLOPT_SSLCERT, options.certificate);
+    set.text(CURLOPT_SSLCERTTYPE, options.certificateType);
+    set.text(CURLOPT_SSLKEY, options.key);
+    set.text(CURLOPT_SSLKEYTYPE, options.keyType);
+    set(CURLOPT_SSL_VERIFYHOST, options.verifyHost);
+    set(CURLOPT_SSL_VERIFYPEER, options.verifyPeer);
+}
+
+}  // namespace
+
+Attempt::~Attempt()
+{
+    if (curl != nullptr && !unshared) {
+        curl_easy_reset(curl.get());
+        keepHandle(std::move(curl));
+    }
+}
+
+std::unique_ptr<Attempt> prepare(const Options& options, Transfer& transfer, Performer& performer)
+{
+    std::unique_ptr<Attempt> attempt(new (std::nothrow) Attempt(options, transfer, performer));
+    if (attempt == nullptr) {
+        return nullptr;
+    }
+    attempt->curl = takeHandle();
+    if (attempt->curl == nullptr) {
+        attempt->curl.reset(curl_easy_init());
+    }
+    if (attempt->curl == nullptr) {
+        return nullptr;
+    }
+    Setter set(attempt->curl.get());
+    setRules(set);
+    setOwner(set, *attempt);
+    setOptions(set, options);
+    return set.ok ? std::move(attempt) : nullptr;
+}
+
+void begin(Attempt& attempt, const Conditions& conditions)
+{
+    attempt.unshared = attempt.unshared || attempt.share == nullptr;
+    attempt.bodyBytes = 0;
+    attempt.toldBytes = 0;
+    attempt.early.clear();
+    attempt.postponed = false;
+    attempt.headerBytes = 0;
+    attempt.sendings = 0;
+    attempt.sent = {};
+    attempt.refusal = nullptr;
+    attempt.use = {};
+    attempt.offeredSession = false;
+    attempt.onlyHttp11 = conditions.onlyHttp11;
+    const bool apart = conditions.onlyHttp11;
+    Setter set(attempt.curl.get());
     // A request that must not be sent twice gets a connection of its own. A kept one could be lost without telling whether
     // the server has processed the request.
-    set(CURLOPT_FRESH_CONNECT, fresh || onlyHttp11 ? 1L : 0L);
-    set(CURLOPT_FORBID_REUSE, onlyHttp11 ? 1L : 0L);
-    set(CURLOPT_HTTP_VERSION, onlyHttp11 ? CURL_HTTP_VERSION_1_1 : CURL_HTTP_VERSION_NONE);
-    set(CURLOPT_ADDRESS_SCOPE, onlyHttp11 ? kApart : 0L);
-    set(CURLOPT_SSL_SESSIONID_CACHE, repeats.session == 0 ? 1L : 0L);
-    set(CURLOPT_TIMEOUT_MS, static_cast<long>(timeLeft(*this).count()));
-}
-
-std::string Transfer::resultText(CURLcode code) const
-{
-    if (code == CURLE_OK) {
-        return {};
-    }
-    if (startFailure != nullptr) {
-        return startFailure;
-    }
-    if (refusal != nullptr) {
-        return refusal;
-    }
-    const std::string text = errorBuffer[0] != '\0' ? errorBuffer.data() : curl_easy_strerror(code);
-    return text + tlsCause(curl.get(), code, text);
+    set(CURLOPT_FRESH_CONNECT, conditions.freshConnection || apart ? 1L : 0L);
+    set(CURLOPT_FORBID_REUSE, apart ? 1L : 0L);
+    set(CURLOPT_HTTP_VERSION, apart ? CURL_HTTP_VERSION_1_1 : CURL_HTTP_VERSION_NONE);
+    set(CURLOPT_ADDRESS_SCOPE, apart ? kApart : 0L);
+    set(CURLOPT_SSL_SESSIONID_CACHE, conditions.offersSession ? 1L : 0L);
+    set(CURLOPT_TIMEOUT_MS, static_cast<long>(conditions.timeLeft.count()));
 }
 
 }  // namespace MZCurl

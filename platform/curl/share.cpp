@@ -44,46 +44,47 @@ void SessionShare::renew()
     }
 }
 
-bool SessionShare::attach(Transfer& transfer)
+bool SessionShare::attach(Attempt& attempt)
 {
-    if (transfer.caFile.empty()) {
+    const std::string& caFile = attempt.options.caFile;
+    if (caFile.empty()) {
         return true;
     }
     struct stat file {};
-    if (stat(transfer.caFile.c_str(), &file) != 0) {
+    if (stat(caFile.c_str(), &file) != 0) {
         file = {};
     } else if (!S_ISREG(file.st_mode) && !S_ISDIR(file.st_mode)) {
         // libcurl would read it to its end on the worker, which might never come.
         std::snprintf(
-            transfer.errorBuffer.data(), transfer.errorBuffer.size(),
+            attempt.errorBuffer.data(), attempt.errorBuffer.size(),
             "the CA file %s is a pipe, a socket or a device; put a file of certificates there",
-            transfer.caFile.c_str());
+            caFile.c_str());
         return false;
     }
     try {
-        if (transfer.caFile != m_trust.path || identity(file) != identity(m_trust.file)) {
-            m_trust = {transfer.caFile, file};
-            m_caFile = otherName(transfer.caFile, m_changes++);
+        if (caFile != m_trust.path || identity(file) != identity(m_trust.file)) {
+            m_trust = {caFile, file};
+            m_caFile = otherName(caFile, m_changes++);
             renew();
         }
-        if (curl_easy_setopt(transfer.curl.get(), CURLOPT_CAINFO, m_caFile.c_str()) == CURLE_OK) {
-            curl_easy_setopt(transfer.curl.get(), CURLOPT_CA_CACHE_TIMEOUT, kForever);
+        if (curl_easy_setopt(attempt.curl.get(), CURLOPT_CAINFO, m_caFile.c_str()) == CURLE_OK) {
+            curl_easy_setopt(attempt.curl.get(), CURLOPT_CA_CACHE_TIMEOUT, kForever);
         }
     } catch (const std::bad_alloc&) {
         // Without a share there are more handshakes; nothing else fails.
         m_trust = {};
         m_share.reset();
     }
-    transfer.share = m_share;
-    curl_easy_setopt(transfer.curl.get(), CURLOPT_SHARE, m_share.get());
+    attempt.share = m_share;
+    curl_easy_setopt(attempt.curl.get(), CURLOPT_SHARE, m_share.get());
     return true;
 }
 
-void SessionShare::detach(Transfer& transfer)
+void SessionShare::detach(Attempt& attempt)
 {
-    curl_easy_setopt(transfer.curl.get(), CURLOPT_CA_CACHE_TIMEOUT, 0L);
-    curl_easy_setopt(transfer.curl.get(), CURLOPT_SHARE, static_cast<CURLSH*>(nullptr));
-    transfer.share.reset();
+    curl_easy_setopt(attempt.curl.get(), CURLOPT_CA_CACHE_TIMEOUT, 0L);
+    curl_easy_setopt(attempt.curl.get(), CURLOPT_SHARE, static_cast<CURLSH*>(nullptr));
+    attempt.share.reset();
 }
 
 }  // namespace MZCurl

@@ -2,7 +2,7 @@
 // sessions would be lost with the easy handle that made them.
 #pragma once
 
-#include "transfer.h"
+#include "attempt.h"
 
 #include <curl/curl.h>
 #include <sys/stat.h>
@@ -19,8 +19,8 @@ public:
     /// verified, this transfer and later ones start without sessions, over new connections that read the file: resumed
     /// sessions and kept connections are not verified again.
     /// @return false, with the reason in the transfer's error text, for a CA file that may have no end
-    bool attach(Transfer& transfer);
-    static void detach(Transfer& transfer);
+    bool attach(Attempt& attempt);
+    static void detach(Attempt& attempt);
 
 private:
     /// The CA file that the sessions were verified with; differs when the file was written or replaced.

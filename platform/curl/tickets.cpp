@@ -16,7 +16,7 @@ void drop(std::vector<Transfer*>& transfers, const Transfer* transfer)
 
 std::uint64_t servedOf(const Transfer& transfer)
 {
-    return transfer.lane->sender->served;
+    return transfer.place.lane->sender->served;
 }
 
 }  // namespace
@@ -37,52 +37,52 @@ bool Tickets::isFree(Ticket ticket) const
 bool Tickets::isWantedByAny(Ticket ticket) const
 {
     return std::any_of(m_waiting.begin(), m_waiting.end(),
-                       [ticket](const Transfer* t) { return t->ticket.wants == ticket; });
+                       [ticket](const Transfer* t) { return t->place.ticket.wants == ticket; });
 }
 
 bool Tickets::mayGrow(Transfer& transfer, std::size_t bytes, Clock::time_point now)
 {
     const Ticket needed = ticketFor(bytes);
-    if (needed <= transfer.ticket.has) {
-        transfer.ticket.moved = now;
+    if (needed <= transfer.place.ticket.has) {
+        transfer.place.ticket.moved = now;
         return true;
     }
-    if (transfer.ticket.wants == needed) {
+    if (transfer.place.ticket.wants == needed) {
         return false;
     }
     if (!isWantedByAny(needed) && isFree(needed)) {
         give(transfer, needed, now);
         return true;
     }
-    transfer.ticket.wants = needed;
+    transfer.place.ticket.wants = needed;
     m_waiting.push_back(&transfer);
     return false;
 }
 
 void Tickets::give(Transfer& transfer, Ticket ticket, Clock::time_point now)
 {
-    if (transfer.ticket.has == Ticket::None) {
+    if (transfer.place.ticket.has == Ticket::None) {
         m_holders.push_back(&transfer);
     } else {
-        --taken(transfer.ticket.has);
+        --taken(transfer.place.ticket.has);
     }
     ++taken(ticket);
-    transfer.ticket = {ticket, Ticket::None, now, now};
-    transfer.lane->sender->served = ++m_served;
+    transfer.place.ticket = {ticket, Ticket::None, now, now};
+    transfer.place.lane->sender->served = ++m_served;
 }
 
 Transfer* Tickets::next(Clock::time_point now)
 {
     Transfer* chosen = nullptr;
     for (Transfer* const transfer : m_waiting) {
-        if (isFree(transfer->ticket.wants) &&
+        if (isFree(transfer->place.ticket.wants) &&
             (chosen == nullptr || servedOf(*transfer) < servedOf(*chosen))) {
             chosen = transfer;
         }
     }
     if (chosen != nullptr) {
         drop(m_waiting, chosen);
-        give(*chosen, chosen->ticket.wants, now);
+        give(*chosen, chosen->place.ticket.wants, now);
     }
     return chosen;
 }
@@ -90,7 +90,7 @@ Transfer* Tickets::next(Clock::time_point now)
 Transfer* Tickets::overdue(Clock::time_point now) const
 {
     const auto isOverdue = [this, now](const Transfer* transfer) {
-        const TicketHold& ticket = transfer->ticket;
+        const TicketHold& ticket = transfer->place.ticket;
         const bool isSilent = ticket.wants == Ticket::None && now - ticket.moved >= kSilentTurn;
         return (isSilent || now - ticket.since >= kLongestAnswer) && isWantedByAny(ticket.has);
     };
@@ -100,10 +100,10 @@ Transfer* Tickets::overdue(Clock::time_point now) const
 
 void Tickets::giveBack(Transfer& transfer)
 {
-    if (transfer.ticket.has != Ticket::None) {
+    if (transfer.place.ticket.has != Ticket::None) {
         drop(m_holders, &transfer);
-        --taken(transfer.ticket.has);
-        transfer.ticket.has = Ticket::None;
+        --taken(transfer.place.ticket.has);
+        transfer.place.ticket.has = Ticket::None;
     }
 }
 
@@ -111,7 +111,7 @@ void Tickets::ended(Transfer& transfer)
 {
     drop(m_waiting, &transfer);
     drop(m_holders, &transfer);
-    transfer.ticket.wants = Ticket::None;
+    transfer.place.ticket.wants = Ticket::None;
 }
 
 void Tickets::leave(Transfer& transfer)

@@ -1,7 +1,7 @@
 // tls.cpp - prepares TLS contexts: runs the caller's callback and completes its result.
 #include "tls.h"
 
-#include "transfer.h"
+#include "attempt.h"
 
 #include <openssl/err.h>
 #include <openssl/ssl.h>
@@ -35,7 +35,7 @@ void takeTickets(SSL_CTX* context)
     SSL_CTX_clear_options(context, SSL_OP_NO_TICKET);
 }
 
-int transferIndex()
+int attemptIndex()
 {
     static const int index =
         CRYPTO_get_ex_new_index(CRYPTO_EX_INDEX_SSL_CTX, 0, nullptr, nullptr, nullptr, nullptr);
@@ -53,28 +53,28 @@ void onHandshake(const SSL* ssl, int where, int /*value*/)
     }
     SSL_CTX* const context = SSL_get_SSL_CTX(ssl);
     SSL_CTX_set_info_callback(context, nullptr);
-    Transfer& transfer = *static_cast<Transfer*>(SSL_CTX_get_ex_data(context, transferIndex()));
-    transfer.offeredSession = SSL_get_session(ssl) != nullptr;
-    if (transfer.onlyHttp11) {
+    Attempt& attempt = *static_cast<Attempt*>(SSL_CTX_get_ex_data(context, attemptIndex()));
+    attempt.offeredSession = SSL_get_session(ssl) != nullptr;
+    if (attempt.onlyHttp11) {
         SSL_set_alpn_protos(const_cast<SSL*>(ssl), kOnlyHttp11, sizeof kOnlyHttp11 - 1);
     }
 }
 
-void watchHandshake(SSL_CTX* context, Transfer& transfer)
+void watchHandshake(SSL_CTX* context, Attempt& attempt)
 {
-    if (SSL_CTX_set_ex_data(context, transferIndex(), &transfer) == 1) {
+    if (SSL_CTX_set_ex_data(context, attemptIndex(), &attempt) == 1) {
         SSL_CTX_set_info_callback(context, onHandshake);
     }
 }
 
 /// For a transfer without a client certificate, which a server may still accept: other transfers must not use its session or
 /// its connection. HTTP/2 is off, since its connections are shared while in use.
-void useOnce(Transfer& transfer, SSL_CTX* context)
+void useOnce(Attempt& attempt, SSL_CTX* context)
 {
     SSL_CTX_set_session_cache_mode(context, SSL_SESS_CACHE_OFF);
     SSL_CTX_set_options(context, SSL_OP_NO_TICKET);
-    transfer.onlyHttp11 = true;
-    curl_easy_setopt(transfer.curl.get(), CURLOPT_FORBID_REUSE, 1L);
+    attempt.onlyHttp11 = true;
+    curl_easy_setopt(attempt.curl.get(), CURLOPT_FORBID_REUSE, 1L);
 }
 
 }  // namespace
@@ -82,14 +82,14 @@ void useOnce(Transfer& transfer, SSL_CTX* context)
 CURLcode onSslContext(CURL* /*curl*/, void* context, void* pointer)
 {
     const TlsErrorScope errors;
-    Transfer& transfer = *static_cast<Transfer*>(pointer);
+    Attempt& attempt = *static_cast<Attempt*>(pointer);
     auto* const sslContext = static_cast<SSL_CTX*>(context);
-    watchHandshake(sslContext, transfer);
-    if (transfer.sslContext == nullptr) {
+    watchHandshake(sslContext, attempt);
+    if (attempt.options.sslContext == nullptr) {
         return CURLE_OK;
     }
     try {
-        transfer.sslContext(context, transfer.sslContextData);
+        attempt.options.sslContext(context, attempt.options.sslContextData);
     } catch (...) {
         // The context is completed with what the callback has installed so far.
     }
@@ -97,7 +97,7 @@ CURLcode onSslContext(CURL* /*curl*/, void* context, void* pointer)
         signWithPkcs1(sslContext);
         takeTickets(sslContext);
     } else {
-        useOnce(transfer, sslContext);
+        useOnce(attempt, sslContext);
     }
     return CURLE_OK;
 }

@@ -9,9 +9,9 @@ namespace MZCurl {
 
 /// Hands a new TLS context to the transfer's own callback, if there is one, and completes it.
 /// @param context the SSL_CTX
-/// @param transfer the Transfer
+/// @param attempt the Attempt
 /// @return CURLE_OK always: a missing certificate or key makes the handshake fail
-CURLcode onSslContext(CURL* curl, void* context, void* transfer);
+CURLcode onSslContext(CURL* curl, void* context, void* attempt);
 
 /// @return OpenSSL's SSL of the transfer's connection, owned by libcurl; null without TLS
 void* tlsOf(CURL* curl);

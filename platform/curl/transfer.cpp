@@ -1,76 +1,33 @@
-// transfer.cpp - creates, resets and keeps libcurl's handle of a transfer.
+// transfer.cpp - the text of a transfer's result, and its way from list to list.
 #include "transfer.h"
 
-#include <utility>
+#include "tls.h"
 
 namespace MZCurl {
 
-Transfer::~Transfer()
+std::string Transfer::resultText() const
 {
-    if (curl != nullptr && pristine && !lonely) {
-        keepHandle(std::move(curl));
+    if (progress.result == CURLE_OK) {
+        return {};
     }
-}
-
-bool Transfer::initialize()
-{
-    curl = takeHandle();
-    if (curl == nullptr) {
-        curl.reset(curl_easy_init());
-        if (curl != nullptr && !applyRules()) {
-            curl.reset();
-        }
+    if (progress.failure != nullptr) {
+        return progress.failure;
     }
-    if (curl != nullptr && !applyOwnRules()) {
-        curl.reset();
+    if (attempt == nullptr) {
+        return curl_easy_strerror(progress.result);
     }
-    return curl != nullptr;
-}
-
-void Transfer::reset()
-{
-    curl_easy_reset(curl.get());
-    headers = {};
-    url.clear();
-    caFile.clear();
-    lastError.clear();
-    write = nullptr;
-    writeData = nullptr;
-    sslContext = nullptr;
-    sslContextData = nullptr;
-    userPointer = nullptr;
-    timeout = {};
-    sendsBody = false;
-    namesMethod = false;
-    start();
-    if (!applyRules() || !applyOwnRules()) {
-        curl.reset();
+    if (attempt->refusal != nullptr) {
+        return attempt->refusal;
     }
-    pristine = true;
-}
-
-void Transfer::start()
-{
-    started = std::chrono::steady_clock::now();
-    repeats = {};
-    number = 0;
-    bodyBytes = 0;
-    headerBytes = 0;
-    refusal = nullptr;
-    startFailure = nullptr;
-    result = CURLE_OK;
-}
-
-bool Transfer::fail(const char* reason)
-{
-    lastError = reason;
-    return false;
+    const std::string text = attempt->errorBuffer[0] != '\0' ? attempt->errorBuffer.data()
+                                                             : curl_easy_strerror(progress.result);
+    return text + tlsCause(attempt->curl.get(), progress.result, text);
 }
 
 void moveTo(Transfer& transfer, TransferList& list)
 {
-    list.splice(list.end(), *transfer.home, transfer.node);
-    transfer.home = &list;
+    list.splice(list.end(), *transfer.place.home, transfer.place.node);
+    transfer.place.home = &list;
 }
 
 }  // namespace MZCurl

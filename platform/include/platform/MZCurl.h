@@ -76,7 +76,8 @@ public:
     /// @return false without memory, or when it was done before
     bool Initialize();
 
-    /// Sets an option. Texts and lists are copied, except MZCURL_OPT_POSTFIELDS.
+    /// Sets an option; libcurl gets it when the transfer begins. Texts and lists are copied, except
+    /// MZCURL_OPT_POSTFIELDS.
     /// @return false when the handle is not initialised, the option does not take that type, or the
     ///   value is refused; getLastError() has the reason
     bool setOption(MZCURL_OPTION_TYPE eOption, int iValue);

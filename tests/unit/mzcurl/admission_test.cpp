@@ -38,16 +38,16 @@ protected:
     {
         made.push_back(std::make_unique<Transfer>());
         Transfer& transfer = *made.back();
-        transfer.sendsBody = !get;
-        transfer.url = url;
-        transfer.hostKey = host;
+        transfer.options.sendsBody = !get;
+        transfer.options.url = url;
+        transfer.place.hostKey = host;
         if (!admission.join(transfer, sender)) {
             made.pop_back();
             return nullptr;
         }
         active.push_back(&transfer);
-        transfer.node = std::prev(active.end());
-        transfer.home = &active;
+        transfer.place.node = std::prev(active.end());
+        transfer.place.home = &active;
         admission.enqueue(transfer, now);
         return &transfer;
     }
@@ -74,7 +74,7 @@ protected:
         Transfer* const transfer = add("opener", host + "/open", host);
         ASSERT_EQ(admission.next(now, active), transfer);
         admission.resolved(*transfer);
-        admission.release(*transfer);
+        admission.release(*transfer, {});
     }
 
     /// Gives slots until no transfer may have one.
@@ -93,14 +93,13 @@ protected:
     void answer(int index, Admission::Clock::duration took)
     {
         Transfer& transfer = *given[static_cast<std::size_t>(index)];
-        transfer.sent = Admission::Clock::now() - took;
-        admission.release(transfer);
+        admission.release(transfer, Admission::Clock::now() - took);
     }
 
     void leave(Transfer& transfer)
     {
-        if (transfer.lane != nullptr) {
-            transfer.home->erase(transfer.node);
+        if (transfer.place.lane != nullptr) {
+            transfer.place.home->erase(transfer.place.node);
             admission.leave(transfer);
         }
     }
@@ -121,7 +120,8 @@ TEST_F(AnAdmission, ServesTheLanesInTurn)
     EXPECT_EQ(fill(), 6);
     std::vector<std::string> order;
     for (const Transfer* const transfer : given) {
-        order.push_back(transfer->url + (transfer->lane == given[1]->lane ? " b" : " a"));
+        order.push_back(transfer->options.url +
+                        (transfer->place.lane == given[1]->place.lane ? " b" : " a"));
     }
     EXPECT_THAT(order, testing::ElementsAre("h/list a", "h/list b", "h/confirm?x=1 a", "h/list a",
                                             "h/list b", "h/list a"));
@@ -159,7 +159,7 @@ TEST_F(AnAdmission, GivesAReleasedSlotToTheNext)
     add(kSlots, "a", "h/a");
     const int taken = fill();
     ASSERT_LT(taken, kSlots);
-    admission.release(*given.front());
+    admission.release(*given.front(), {});
     EXPECT_EQ(fill(), 1);
     EXPECT_EQ(fill(), 0);
     leave(*given.back());
@@ -170,7 +170,7 @@ TEST_F(AnAdmission, LetsFewLookUpANameAtATime)
 {
     add(100, "a", "mute/a", "mute");
     EXPECT_EQ(fill(), kResolvers);
-    admission.release(*given.front());
+    admission.release(*given.front(), {});
     EXPECT_EQ(fill(), 1) << "a look-up that has failed makes room";
     admission.resolved(*given.back());
     EXPECT_GT(fill(), kResolvers) << "the name is known";
@@ -255,7 +255,7 @@ TEST_F(AnAdmission, TakesTheRoomBackAfterAWhile)
     EXPECT_EQ(fill(), kFirst);
     EXPECT_EQ(admission.waitBound(now, 1000), 1000) << "nobody waits";
     for (Transfer* const transfer : given) {
-        admission.release(*transfer);
+        admission.release(*transfer, {});
     }
     now += kWideFor;
     addGets(2 * kFirst, "a", "h/a");

@@ -40,31 +40,36 @@ TEST(ASetUp, IsTriedAgainAfterAFailureAndThenDoneOnce)
     EXPECT_THAT(libcurl().setUp, ElementsAre("OpenSSL without exit handler", "libcurl"));
 }
 
-TEST(ARefusal, LeavesAnEasyHandleToBeInitialisedAgain)
+TEST(ARefusal, OfAHandleIsTheEndOfItsTransferOnly)
 {
-    MZCurlEasy easy;
+    TestServer server(test::always("ok"));
+    Transfer first(server.url());
+    Transfer second(server.url());
+    Worker worker;
     libcurl().failEasyInit = 1;
-    EXPECT_FALSE(easy.Initialize());
-    EXPECT_FALSE(easy.setOption(MZCURL_OPT_POST, 1));
-    EXPECT_TRUE(easy.Initialize());
-    EXPECT_TRUE(easy.setOption(MZCURL_OPT_POST, 1));
+    worker.run({&first, &second});
+    EXPECT_EQ(worker.outcome(first).times, 1);
+    EXPECT_EQ(worker.outcome(first).code, CURLE_OUT_OF_MEMORY);
+    EXPECT_EQ(worker.outcome(first).error, "There is no memory for the transfer");
+    EXPECT_TRUE(worker.outcome(second).success);
+    EXPECT_TRUE(worker.run(first).success);
 }
 
-TEST(ARefusal, OfARuleLeavesNoHandleThatWouldWorkWithoutIt)
+TEST(ARefusal, OfARuleOrAnOptionLetsNoTransferBeginWithoutIt)
 {
+    TestServer server(test::always("ok"));
     Worker worker;
-    for (const auto rule : {CURLOPT_CAPATH, CURLOPT_PROXY, CURLOPT_PROTOCOLS_STR,
-                            CURLOPT_PREREQFUNCTION, CURLOPT_HEADERFUNCTION, CURLOPT_QUICK_EXIT}) {
-        MZCurlEasy fresh;
-        MZCurlEasy used;
-        EXPECT_TRUE(used.Initialize());
+    for (const auto rule :
+         {CURLOPT_CAPATH, CURLOPT_PROXY, CURLOPT_PROTOCOLS_STR, CURLOPT_PREREQFUNCTION,
+          CURLOPT_HEADERFUNCTION, CURLOPT_QUICK_EXIT, CURLOPT_SSL_VERIFYPEER, CURLOPT_URL}) {
+        Transfer transfer(server.url());
         libcurl().failOption = rule;
-        EXPECT_FALSE(fresh.Initialize()) << rule;
-        used.reset();
+        const Outcome& outcome = worker.run(transfer);
+        EXPECT_FALSE(outcome.success) << rule;
+        EXPECT_EQ(outcome.code, CURLE_OUT_OF_MEMORY) << rule;
+        EXPECT_FALSE(transfer.easy.send()) << rule;
         libcurl().failOption = CURLOPT_LASTENTRY;
-        EXPECT_FALSE(worker.multi.addHandle(&fresh)) << rule;
-        EXPECT_FALSE(worker.multi.addHandle(&used)) << rule;
-        EXPECT_FALSE(used.send()) << rule;
+        EXPECT_EQ(server.requests().size(), 0U) << rule;
     }
 }
 

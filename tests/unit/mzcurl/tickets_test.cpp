@@ -32,7 +32,7 @@ protected:
     Transfer& add(const std::string& sender = "a")
     {
         made.push_back(std::make_unique<Transfer>());
-        made.back()->url = "h/path";
+        made.back()->options.url = "h/path";
         EXPECT_TRUE(admission.join(*made.back(), sender));
         return *made.back();
     }

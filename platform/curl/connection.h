@@ -1,0 +1,43 @@
+// connection.h - what is known of one TCP connection, and what a request notes of the connection that it uses.
+#pragma once
+
+#include <curl/curl.h>
+
+#include <chrono>
+#include <cstddef>
+#include <memory>
+#include <string>
+
+namespace MZCurl {
+
+/// A time on the clock that continues in standby.
+using BootTime = std::chrono::milliseconds;
+
+/// One TCP connection. libcurl owns its descriptor. Writer: Connections.
+struct Connection {
+    curl_socket_t descriptor = CURL_SOCKET_BAD;
+    std::string localAddress;  // as libcurl reports it; empty until the socket is connected
+    int localPort = 0;
+    int remotePort = 0;
+    void* tls = nullptr;       // OpenSSL's SSL, owned by libcurl; set at the first request
+    std::string host;          // host key of its requests
+    std::size_t requests = 0;  // requests sent over it so far
+    std::size_t users = 0;     // requests that have not ended
+    BootTime since{0};         // of the last change of `users` from or to 0
+    bool shared = false;       // HTTP/2: several requests at a time
+    bool single = false;       // has carried a request that must not be sent twice
+    bool paused = false;       // no one reads from it: silence proves nothing
+    bool doubtful = false;     // opened before a change of the network or a standby
+    bool given = false;        // closed at the socket by the wrapper
+};
+
+/// The connection of one attempt. Writer: Connections.
+struct ConnectionUse {
+    std::shared_ptr<Connection> connection;  // while its request is under way
+    bool kept = false;                       // another request went over the connection before
+    bool crowded = false;  // libcurl chose an HTTP/1.1 connection with a request under way
+
+    bool isShared() const { return connection != nullptr && connection->shared; }
+};
+
+}  // namespace MZCurl
