@@ -133,8 +133,13 @@ void Admission::unlistIfEmpty(Lane& lane)
 bool Admission::hasSlotFor(const Lane& lane, Clock::time_point now) const
 {
     return m_taken < m_slots && (m_resolving < kMostResolving || isNamed(*lane.host, now)) &&
-           isWithin(lane.sender->slots, kSenderShare, freeSlots()) &&
+           mayOpenConnection(lane) && isWithin(lane.sender->slots, kSenderShare, freeSlots()) &&
            isWithin(lane.path->slots, kPathShare, freeSlots());
+}
+
+bool Admission::mayOpenConnection(const Lane& lane)
+{
+    return !lane.waiting.front()->mayBeSentAgain() || lane.opening < kMostOpening;
 }
 
 bool Admission::hasRoomAtHost(const Lane& lane, Clock::time_point now)
@@ -198,6 +203,8 @@ Transfer* Admission::next(Clock::time_point now, TransferList& to)
     transfer.place.countsAtHost = transfer.mayBeSentAgain();
     if (transfer.place.countsAtHost) {
         lane.host->width.begun();
+        transfer.place.opening = true;
+        ++lane.opening;
     }
     return &transfer;
 }
@@ -220,6 +227,19 @@ void Admission::resolved(Transfer& transfer)
     transfer.place.lane->host->named = Clock::now();
 }
 
+void Admission::sending(Transfer& transfer)
+{
+    resolved(transfer);
+    stopOpening(transfer);
+}
+
+void Admission::stopOpening(Transfer& transfer)
+{
+    if (std::exchange(transfer.place.opening, false)) {
+        --transfer.place.lane->opening;
+    }
+}
+
 void Admission::stopResolving(Transfer& transfer)
 {
     if (transfer.place.resolving) {
@@ -231,6 +251,7 @@ void Admission::stopResolving(Transfer& transfer)
 void Admission::release(Transfer& transfer, Clock::time_point sent)
 {
     stopResolving(transfer);
+    stopOpening(transfer);
     if (transfer.place.hasSlot) {
         transfer.place.hasSlot = false;
         --m_taken;

@@ -32,6 +32,7 @@ struct Lane {
     Share* path = nullptr;
     Share* host = nullptr;
     std::size_t members = 0;
+    std::size_t opening = 0;  // GETs in a slot whose request is not sent yet
     TransferList waiting;
     std::list<Lane*> turn;  // holds the lane's node of m_turns while no transfer waits in it
 };
@@ -67,6 +68,9 @@ public:
     /// Records that the name of the transfer's server is resolved.
     void resolved(Transfer& transfer);
 
+    /// Records that the transfer's request is about to be sent.
+    void sending(Transfer& transfer);
+
     /// Takes back the transfer's slot, if it has one.
     /// @param sent  when its request was sent; the clock's epoch when it was not
     void release(Transfer& transfer, Clock::time_point sent);
@@ -90,12 +94,14 @@ private:
 
     std::size_t freeSlots() const { return m_slots - m_taken; }
     bool hasSlotFor(const Lane& lane, Clock::time_point now) const;
+    static bool mayOpenConnection(const Lane& lane);
     static bool hasRoomAtHost(const Lane& lane, Clock::time_point now);
     /// @return whether a lane's first transfer lacks nothing but room at its host
     bool waitsForHost(const Lane& lane, Clock::time_point now) const;
     std::list<Lane*>::const_iterator turn(Clock::time_point now) const;
     void unlistIfEmpty(Lane& lane);
     void stopResolving(Transfer& transfer);
+    static void stopOpening(Transfer& transfer);
     void forgetUnused();
 
     const std::size_t m_slots;

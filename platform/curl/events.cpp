@@ -12,7 +12,7 @@ bool MZCurlMulti::Impl::opened(Transfer& transfer, curl_socket_t descriptor)
 const char* MZCurlMulti::Impl::sending(Transfer& transfer, const char* localAddress, int localPort,
                                        int remotePort)
 {
-    m_admission.resolved(transfer);
+    m_admission.sending(transfer);
     const Request request{transfer.attempt->curl.get(), transfer.place.hostKey,
                           transfer.mayBeSentAgain()};
     const char* const refusal =

@@ -45,6 +45,7 @@ struct Place {
     std::chrono::steady_clock::time_point queued;  // in its lane
     bool hasSlot = false;
     bool countsAtHost = false;  // among the requests under way to its host
+    bool opening = false;       // a GET whose request is not sent yet
     bool resolving = false;     // the name of its server, as far as is known
 };
 

@@ -46,6 +46,10 @@ constexpr std::size_t kRemembered = 64;
 /// GETs under way to one host while its answers come quickly. Over HTTP/1.1 each takes a connection.
 constexpr std::size_t kNarrow = 16;
 
+/// GETs of one sender to one path whose request is not sent yet. While a store takes connections and makes no handshake, each
+/// holds 71 KiB, and a waiting GET 4 KiB. GETs of others, and requests that were sent, do not count.
+constexpr std::size_t kMostOpening = std::max(kNarrow, kMostSlots / 4);
+
 /// An answer within this time is quick: its connection is free again soon. 16 GETs at a time are then at least 800 a second;
 /// over a line with 64 ms of delay they would be 250.
 constexpr std::chrono::milliseconds kQuick{20};

@@ -279,6 +279,31 @@ TEST_F(AnAdmission, HasACallBesideManyThatHangWaitAMoment)
     EXPECT_EQ(fill(), 1);
 }
 
+TEST_F(AnAdmission, OpensFewConnectionsForASenderWhileNoneIsReady)
+{
+    name("h");
+    addGets(kSlots, "a", "h/a");
+    for (fill(); admission.waitBound(now, 1000) < 1000; fill()) {
+        now += kPatience;
+        admission.widen(now);
+    }
+    EXPECT_THAT(given, testing::SizeIs(kMostOpening)) << "and no timer runs for the others";
+
+    addGets(2, "b", "h/a");
+    add(1, "a", "h/a");
+    now += kPatience;
+    admission.widen(now);
+    EXPECT_EQ(fill(), 2) << "those of another sender; the POST is behind its lane's GETs";
+
+    for (int i = 0; i < 3; ++i) {
+        admission.sending(*given[static_cast<std::size_t>(i)]);
+    }
+    admission.release(*given[3], {});
+    now += kPatience;
+    admission.widen(now);
+    EXPECT_EQ(fill(), 4);
+}
+
 TEST_F(AnAdmission, HasNeitherAPostNorAnotherHostWaitForGets)
 {
     name("h");
