@@ -83,9 +83,10 @@ std::list<std::string> HeaderList(const std::string& strHeader)
 {
     std::list<std::string> lstHeader;
     const std::string strBlanks = "\r\n\t\v";
+    std::string strLine;  // keeps its memory from line to line
     for (std::size_t uBegin = 0; uBegin < strHeader.size();) {
         const std::size_t uEnd = std::min(strHeader.find('\n', uBegin), strHeader.size());
-        std::string strLine = strHeader.substr(uBegin, uEnd - uBegin);
+        strLine.assign(strHeader, uBegin, uEnd - uBegin);
         if (strLine.find(':') != std::string::npos) {
             lstHeader.push_back(BillingUtil::StringTrim(strLine, strBlanks));
         }

@@ -19,8 +19,9 @@
 
 namespace {
 
-// Room for the header of a usual request; longer tokens make it grow.
+// Room for the header and the URL of a usual request. Longer values make them grow.
 constexpr std::size_t HEADER_BYTES = 256;
+constexpr std::size_t URL_BYTES = 384;
 
 /// A piece of a query: a name with its "=", and the value behind it.
 struct QueryPiece {
@@ -133,7 +134,9 @@ bool CBillingHttpRequest::m_GetOSBCommonHeader(std::string& strCommonHeader)
 
 std::string CBillingHttpRequest::m_Url(const char* szPath) const
 {
-    return "https://" + m_strServerHost + szPath;
+    std::string strUrl;
+    strUrl.reserve(URL_BYTES);
+    return strUrl.append("https://").append(m_strServerHost).append(szPath);
 }
 
 /// @return a record without URL, header and body; the server's host is read anew for each request
