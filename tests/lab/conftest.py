@@ -205,7 +205,7 @@ def client(clients):
 
 # Whole labs
 
-pytest_plugins = ["billing_lab.pytest_plugin", "browser"]
+pytest_plugins = ["billing_lab.pytest_plugin", "page.browser"]
 NO_VIEW = view.why_no_view()
 
 

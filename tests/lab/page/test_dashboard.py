@@ -7,7 +7,7 @@ import pytest
 from billing_lab.device import methods
 from billing_lab.shop import faults
 
-from browser import ActionChains, NARROW, WIDE, By, Keys, Select, in_a_browser
+from page.browser import ActionChains, NARROW, WIDE, By, Keys, Select, in_a_browser
 
 HOSTILE = b'<img src=x onerror="document.title=1"><script>document.title=2</script>'
 

@@ -16,7 +16,7 @@ from conftest import LAB
 PAGE = (LAB.parent / "docs" / "APPS.md").read_text(encoding="utf-8")
 PROGRAMS = dict(re.findall(r"```(python|c|cpp|javascript)\n(.*?)```", PAGE, re.DOTALL))
 # Folders in which npm installs dbus-next; Debian has no package of it.
-MODULES = [*os.environ.get("NODE_PATH", "").split(os.pathsep), str(pathlib.Path(__file__).with_name("node") / "node_modules")]
+MODULES = [*os.environ.get("NODE_PATH", "").split(os.pathsep), str(pathlib.Path(__file__).parents[1] / "node" / "node_modules")]
 
 pytestmark = pytest.mark.usefixtures("needs_view")
 

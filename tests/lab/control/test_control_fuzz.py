@@ -1,6 +1,6 @@
 """The control interface with generated requests: each is answered or refused, and the lab goes on.
 
-A longer run: `BILLING_FUZZ_SECONDS=600 BILLING_FUZZ_SEED=5 python3 -m pytest tests/lab/test_control_fuzz.py`
+A longer run: `BILLING_FUZZ_SECONDS=600 BILLING_FUZZ_SEED=5 python3 -m pytest tests/lab/control/test_control_fuzz.py`
 """
 import http.client
 import json

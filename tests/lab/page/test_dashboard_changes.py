@@ -4,7 +4,7 @@ import time
 
 import pytest
 
-from browser import NARROW, Keys, in_a_browser
+from page.browser import NARROW, Keys, in_a_browser
 
 
 @in_a_browser

@@ -1,7 +1,7 @@
 """The forms of the lab's page: faults with conditions, own answers, expectations."""
 import json
 
-from browser import Select, in_a_browser
+from page.browser import Select, in_a_browser
 
 
 def unfold(page, section):
