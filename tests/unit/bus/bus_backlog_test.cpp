@@ -1,0 +1,75 @@
+// bus_backlog_test.cpp - the limit on calls before the main loop for a caller that wants no answers.
+#include "BusBacklog.h"
+#include "BusLimits.h"
+
+#include <glib.h>
+#include <gtest/gtest.h>
+
+namespace {
+
+int Enter(CBusBacklog& oBacklog, const char* szSender, std::size_t uTimes)
+{
+    int iEntered = 0;
+    for (std::size_t i = 0; i < uTimes; ++i) {
+        iEntered += oBacklog.Enter(szSender) ? 1 : 0;
+    }
+    return iEntered;
+}
+
+void RunMainLoop()
+{
+    while (g_main_context_iteration(nullptr, FALSE) != FALSE) {
+    }
+}
+
+TEST(ABusBacklog, RefusesOneCallerAndNoOther)
+{
+    const auto pBacklog = CBusBacklog::Make();
+    EXPECT_EQ(Enter(*pBacklog, ":1.1", 2 * BusLimits::UNANSWERED_CALLS),
+              static_cast<int>(BusLimits::UNANSWERED_CALLS));
+    EXPECT_TRUE(pBacklog->Enter(":1.2"));
+    RunMainLoop();
+}
+
+TEST(ABusBacklog, TakesAsManyAgainOnceTheMainLoopHasServedThem)
+{
+    const auto pBacklog = CBusBacklog::Make();
+    Enter(*pBacklog, ":1.1", BusLimits::UNANSWERED_CALLS);
+    RunMainLoop();
+    EXPECT_EQ(Enter(*pBacklog, ":1.1", BusLimits::UNANSWERED_CALLS + 1),
+              static_cast<int>(BusLimits::UNANSWERED_CALLS));
+    RunMainLoop();
+}
+
+TEST(ABusBacklog, CountsTheCallsThatStillWaitWhenOneIsServed)
+{
+    const auto pBacklog = CBusBacklog::Make();
+    struct Probe {
+        CBusBacklog* pBacklog;
+        int iEntered;
+    } oProbe{pBacklog.get(), -1};
+    // Runs between the two calls: sources of one priority run in the order of arrival.
+    const auto look = [](gpointer pGiven) -> gboolean {
+        auto* const pProbe = static_cast<Probe*>(pGiven);
+        pProbe->iEntered = Enter(*pProbe->pBacklog, ":1.1", BusLimits::UNANSWERED_CALLS);
+        return G_SOURCE_REMOVE;
+    };
+    EXPECT_TRUE(pBacklog->Enter(":1.1"));
+    g_idle_add_full(G_PRIORITY_DEFAULT, look, &oProbe, nullptr);
+    EXPECT_TRUE(pBacklog->Enter(":1.1"));
+    RunMainLoop();
+    EXPECT_EQ(oProbe.iEntered, static_cast<int>(BusLimits::UNANSWERED_CALLS) - 1);
+}
+
+TEST(ABusBacklog, MayGoBeforeItsCalls)
+{
+    auto pBacklog = CBusBacklog::Make();
+    const std::weak_ptr<CBusBacklog> pStill = pBacklog;
+    EXPECT_TRUE(pBacklog->Enter(":1.1"));
+    pBacklog.reset();
+    EXPECT_FALSE(pStill.expired());
+    RunMainLoop();
+    EXPECT_TRUE(pStill.expired());
+}
+
+}  // namespace

@@ -1,0 +1,77 @@
+// bus_flow_large_test.cpp - large replies that wait: how long they count as on their way.
+#include "ReplyBody.h"
+#include "fake_bus.h"
+
+#include <gmock/gmock.h>
+
+using namespace BusLimits;
+using ::testing::IsEmpty;
+
+namespace {
+
+TEST_F(ABusFlow, HoldsTheLongestReplyForACallerThatReads)
+{
+    reply(":1.1", 400);
+    EXPECT_FALSE(reply(":1.1", 32 * MIB));
+    EXPECT_TRUE(unread(":1.1", 0));
+    EXPECT_EQ(m_oBus.errors, std::vector<std::string>{""});
+}
+
+/// Fixture: a large reply that is held for a caller.
+class AHeldLargeReply : public ABusFlow {
+protected:
+    void hold(const std::string& strTo)
+    {
+        std::string strText(2 * MIB, 'x');
+        std::shared_ptr<void> pCount = std::make_shared<int>();
+        m_pCount = pCount;
+        EXPECT_FALSE(replyWith(strTo, MakeCountedBody(0, strText, pCount)));
+    }
+
+    static constexpr guint32 STEP = WINDOW_BYTES / 4;
+    std::weak_ptr<void> m_pCount;
+};
+
+TEST_F(AHeldLargeReply, IsCountedWhileItsCallerReadsOn)
+{
+    reply(":1.1", WINDOW_BYTES);
+    hold(":1.1");
+    for (guint32 uLeft = WINDOW_BYTES - STEP; uLeft > 0; uLeft -= STEP) {
+        unread(":1.1", uLeft);
+        pass(STUCK_MS - 500);
+        EXPECT_FALSE(m_pCount.expired());
+    }
+    pass(500);
+    EXPECT_TRUE(m_pCount.expired());
+    EXPECT_THAT(m_oBus.released, IsEmpty()) << "it waits on";
+}
+
+TEST_F(AHeldLargeReply, IsNotCountedForACallerThatReadsNothingWhileOthersDo)
+{
+    reply(":1.1", WINDOW_BYTES);
+    hold(":1.1");
+    reply(":1.2", WINDOW_BYTES);
+    pass(STUCK_MS - 1);
+    unread(":1.2", STEP);
+    EXPECT_FALSE(m_pCount.expired());
+    pass(1);
+    EXPECT_TRUE(m_pCount.expired());
+}
+
+TEST_F(AHeldLargeReply, IsCountedWhileThoseReadForWhomItWaits)
+{
+    for (int i = 0; i < 2; i++) {
+        EXPECT_TRUE(reply(":1.2" + std::to_string(i), UNREAD_BYTES / 2));
+    }
+    pass(STUCK_MS);
+    hold(":1.1");
+    pass(STUCK_MS - 1);
+    EXPECT_FALSE(m_pCount.expired());
+    unread(":1.21", UNREAD_BYTES / 2 - MIB);
+    pass(STUCK_MS - 1);
+    EXPECT_FALSE(m_pCount.expired());
+    pass(1);
+    EXPECT_TRUE(m_pCount.expired());
+}
+
+}  // namespace
