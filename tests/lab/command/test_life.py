@@ -239,7 +239,7 @@ def test_the_lab_of_somebody_else_is_said_to_be_so(cli):
                 f"PYTHONPATH={LAB}",
                 sys.executable,
                 "-c",
-                "import sys; from billing_lab import cli; sys.exit(cli.main(sys.argv[1:]))",
+                "import sys; from billing_lab.command import cli; sys.exit(cli.main(sys.argv[1:]))",
                 "--dir",
                 "/proc/1/root",
                 command,

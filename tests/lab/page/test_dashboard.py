@@ -306,7 +306,8 @@ def test_a_lab_that_is_gone_is_named(page, cli, request):
     assert cli("buy", "coins-100").returncode == 0
     page.wait(lambda: "coins-100 of app-1" in page.text("#invoices ul"))
     page.driver.get("about:blank")
-    page.expects("ERR_")
+    # Chromium complains only if a request, not the stream of events, met the lab that is gone.
+    page.accepts("ERR_")
 
 
 @in_a_browser
