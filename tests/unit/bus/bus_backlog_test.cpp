@@ -1,9 +1,13 @@
 // bus_backlog_test.cpp - the limit on calls before the main loop for a caller that wants no answers.
 #include "BusBacklog.h"
 #include "BusLimits.h"
+#include "held_locks.h"
 
 #include <glib.h>
 #include <gtest/gtest.h>
+#include <malloc.h>
+
+#include <string>
 
 namespace {
 
@@ -59,6 +63,34 @@ TEST(ABusBacklog, CountsTheCallsThatStillWaitWhenOneIsServed)
     EXPECT_TRUE(pBacklog->Enter(":1.1"));
     RunMainLoop();
     EXPECT_EQ(oProbe.iEntered, static_cast<int>(BusLimits::UNANSWERED_CALLS) - 1);
+}
+
+TEST(ABusBacklog, HoldsItsLockToEnterAndToLeave)
+{
+    const auto pBacklog = CBusBacklog::Make();
+    int iLocks = 0;
+    BeforeLock(1, [&] { ++iLocks; });
+    EXPECT_TRUE(pBacklog->Enter(":1.1"));
+    EXPECT_EQ(iLocks, 1);
+    BeforeLock(1, [&] { ++iLocks; });
+    RunMainLoop();
+    EXPECT_EQ(iLocks, 2);
+}
+
+TEST(ABusBacklog, ForgetsCallersThatWereServed)
+{
+    const auto pBacklog = CBusBacklog::Make();
+    const auto serve = [&](int iFrom, int iCount) {
+        for (int i = iFrom; i < iFrom + iCount; ++i) {
+            EXPECT_TRUE(pBacklog->Enter("a long name of a caller " + std::to_string(i)));
+            RunMainLoop();
+        }
+    };
+    serve(0, 100);
+    const std::size_t uBefore = mallinfo2().uordblks;
+    serve(100, 5000);
+    // A remembered caller takes more than 100 bytes.
+    EXPECT_LT(mallinfo2().uordblks, uBefore + 100000);
 }
 
 TEST(ABusBacklog, MayGoBeforeItsCalls)
