@@ -1,10 +1,12 @@
 """A device whose key is generated inside a TPM, with a PKCS#11 module other than SoftHSM."""
+import concurrent.futures
 import glob
 import os
 import pathlib
 import re
 import shutil
 import subprocess
+import tempfile
 import time
 
 import pytest
@@ -27,10 +29,17 @@ pytestmark = pytest.mark.skipif(
 IN_PLACE_OF_RUNUSER = 'runuser() { while [ "$1" != -- ]; do shift; done; shift; "$@"; }'
 
 
+INTEGRATION = pathlib.Path(__file__).parents[3] / "docs/INTEGRATION.md"
+
+
+def page_commands():
+    """The page's commands for a device with a TPM."""
+    return re.search(r"```sh tpm\n(.*?)```", INTEGRATION.read_text(encoding="utf-8"), re.DOTALL)[1].splitlines()
+
+
 def documented():
-    """The page's commands for a device with a TPM; the folder of the module's database is the test's own."""
-    page = (pathlib.Path(__file__).parents[3] / "docs/INTEGRATION.md").read_text(encoding="utf-8")
-    commands = re.search(r"```sh tpm\n(.*?)```", page, re.DOTALL)[1].splitlines()
+    """The page's commands; the folder of the module's database is the test's own."""
+    commands = page_commands()
     folder = [at for at, line in enumerate(commands) if "$TPM2_PKCS11_STORE" in line or line.startswith("export")]
     assert folder == [0, 1] and len(commands) == 4
     return commands[2:]
@@ -75,15 +84,24 @@ class Tpm:
             time.sleep(0.01)
 
     def run(self, *command, environment=None):
-        """Runs one command. Removes its transient objects from the TPM afterwards, like a resource manager."""
-        done = subprocess.run(
+        """Runs one command, which must succeed."""
+        done = self.attempt(*command, environment=environment)
+        self.flush()
+        assert done.returncode == 0, done.stderr
+
+    def attempt(self, *command, environment=None):
+        """Runs one command, which leaves its transient objects in the TPM."""
+        return subprocess.run(
             [str(part) for part in command],
             check=False,
             capture_output=True,
             text=True,
+            timeout=60,
             env={**os.environ, **daemon.SANITIZERS, **self.environment, **(environment or {})},
         )
-        assert done.returncode == 0, done.stderr
+
+    def flush(self):
+        """Removes the transient objects of commands that have ended, like a resource manager."""
         for kind in ("--transient-object", "--loaded-session"):
             subprocess.run(["tpm2_flushcontext", kind], check=True, env={**os.environ, **self.environment})
 
@@ -250,3 +268,127 @@ def test_a_new_key_of_the_tpm_takes_over_and_gives_way_again(
     # The module leaves no lock file that would exclude the module of another user.
     assert [path.name for path in tpm.state.glob("tpm2_pkcs11*.lock")] == []
     assert len(store.requests) == 4
+
+
+SERVICE, STRANGER, TSS = 61001, 61002, 61003
+DATABASE = "tpm2_pkcs11.sqlite3"
+
+# runuser for the users of the test, which are only numbers. It accepts the calls of the page alone.
+AS_SERVICE = f"""runuser() {{
+    [ "$1 $2" = "-u billing-service" ]; shift 2
+    groups=--clear-groups
+    if [ "$1" = -G ]; then [ "$2" = tss ]; groups=--groups={TSS}; shift 2; fi
+    [ "$1" = -- ]; shift
+    setpriv --reuid={SERVICE} --regid={SERVICE} $groups "$@"
+}}"""
+
+
+class OwnedToken:
+    """A TPM whose device belongs to a group, and the token of the service's user in it, made with the page's commands."""
+
+    def __init__(self, folder):
+        self.folder = folder
+        self.database = folder / "state/tpm"
+        self.tpm = Tpm(folder)
+        self.tpm.environment["TPM2_PKCS11_STORE"] = str(self.database)
+        for name in ("tpm.sock", "tpm.sock.ctrl"):
+            os.chown(folder / name, 0, TSS)
+            os.chmod(folder / name, 0o660)
+        # Another user may not enter the folder of the build.
+        (folder / "bin").mkdir()
+        shutil.copy2(credentials.provision_tool(), folder / "bin/billing-provision")
+        (folder / "state").mkdir(mode=0o700)
+        os.chown(folder / "state", SERVICE, SERVICE)
+        self._write("so-pin", "so-pin", 0o600, 0)
+        self._write("pin", PIN, 0o600, SERVICE)
+        self._write(
+            "device.conf",
+            "[deployment]\ncredential=1 2 3 4 5\nkey_id=7\n"
+            f"[keystore]\nmodule={MODULES[0]}\ntoken={LABEL}\npin_file={folder}/pin\nstore={folder}/state/store\n",
+            0o640,
+            0,
+        )
+        make_folder, *commands = page_commands()[1:]
+        for command in (make_folder, *commands):
+            self.tpm.run("sh", "-ec", f"{AS_SERVICE}\ncd {folder}\n{command}", environment=self._environment())
+
+    def _write(self, name, text, mode, owner):
+        path = self.folder / name
+        path.touch(mode=mode)
+        path.write_text(text, encoding="utf-8")
+        os.chown(path, owner, SERVICE)
+
+    def _environment(self):
+        return {"PATH": f"{self.folder}/bin:{os.environ['PATH']}", "PLEVO_DEVICE_CONF": str(self.folder / "device.conf")}
+
+    def sign(self, user=SERVICE, groups=f"--groups={TSS}"):
+        """Signs a file with the device's key, as a user.
+        @return the errors, or the signature's size
+        """
+        with tempfile.NamedTemporaryFile(dir=self.folder) as signature:
+            os.chmod(signature.name, 0o666)
+            done = self.tpm.attempt(
+                *["setpriv", f"--reuid={user}", f"--regid={user}", groups],
+                *["pkcs11-tool", "--module", MODULES[0], "--token-label", LABEL, "--login", "--pin", PIN],
+                *["--sign", "--mechanism", "SHA256-RSA-PKCS", "--id", "00000007"],
+                *["--input-file", self.folder / "device.csr", "--output-file", signature.name],
+            )
+            return done.stderr if done.returncode else os.path.getsize(signature.name)
+
+    def sign_alone(self, *arguments):
+        done = self.sign(*arguments)
+        self.tpm.flush()
+        return done
+
+
+@pytest.fixture
+def owned():
+    if os.geteuid() != 0:
+        pytest.skip("several users take part, so this needs root")
+    with tempfile.TemporaryDirectory(prefix="billing-") as name:
+        os.chmod(name, 0o755)
+        made = OwnedToken(pathlib.Path(name))
+        yield made
+        made.tpm.stop()
+
+
+SIGNED = 256
+
+
+def test_the_token_is_for_the_service_s_user_with_the_group_of_the_tpm(owned):
+    assert owned.sign_alone() == SIGNED
+    assert "Cannot connect to swtpm TPM socket" in owned.sign_alone(SERVICE, "--clear-groups")
+    # The group opens the TPM, but not the database.
+    assert "unable to open database file" in owned.sign_alone(STRANGER)
+    assert "unable to open database file" in owned.sign_alone(STRANGER, "--clear-groups")
+    facts = [(path.stat().st_uid, path.stat().st_mode & 0o777) for path in (owned.database, owned.database / DATABASE)]
+    assert facts == [(SERVICE, 0o700), (SERVICE, 0o600)]
+
+
+def test_two_processes_use_the_token_at_once(owned):
+    for _ in range(3):
+        with concurrent.futures.ThreadPoolExecutor(2) as both:
+            done = list(both.map(lambda _: owned.sign(), range(2)))
+        owned.tpm.flush()
+        assert done == [SIGNED, SIGNED]
+
+
+def test_a_lock_file_that_root_leaves_shuts_the_service_out_until_it_is_removed(owned):
+    """A command of root removes the lock file at its end. Only a killed one leaves it."""
+    owned.tpm.run("pkcs11-tool", "--module", MODULES[0], "--list-token-slots")
+    assert [path.name for path in owned.database.iterdir()] == [DATABASE]
+    assert owned.sign_alone() == SIGNED
+
+    lock = owned.database / f"{DATABASE}.lock"
+    lock.touch(mode=0o644)
+    assert lock.stat().st_uid == 0
+    assert f'Could not open lock file "{lock}"' in owned.sign_alone()
+
+    (cure,) = re.findall(r"`(rm -f [^`]*lock)`", INTEGRATION.read_text(encoding="utf-8"))
+    owned.tpm.run("sh", "-ec", cure.replace("/var/lib/billing-service/tpm", str(owned.database)))
+    assert owned.sign_alone() == SIGNED
+
+    # A lock file of the service's user itself, left by a killed process, shuts nobody out.
+    lock.touch()
+    os.chown(lock, SERVICE, SERVICE)
+    assert owned.sign_alone() == SIGNED
