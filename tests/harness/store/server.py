@@ -142,14 +142,17 @@ class Raw:
 
 @dataclasses.dataclass
 class Truncate:
-    """Sends a part of an answer and closes the connection."""
+    """Sends a part of an answer and closes the connection, with or without the close alert of TLS."""
 
     body: bytes
     missing: int
+    alert: bool = True
 
     def perform(self, connection, _server):
         size = len(self.body) + self.missing
         connection.send(b"HTTP/1.1 200 OK\r\nContent-Length: %d\r\n\r\n" % size + self.body)
+        if self.alert:
+            connection.finish()
         return False
 
 

@@ -100,8 +100,9 @@ def test_a_connection_that_is_reset_is_a_failure(service, caller, store):
     assert answers(caller) == all_alike(FAILED)
 
 
-def test_an_answer_that_is_cut_off_is_a_failure_with_what_came(service, caller, store):
-    store.answer = Truncate(b'{"half": ', missing=100)
+@pytest.mark.parametrize("alert", [True, False])
+def test_an_answer_that_is_cut_off_is_a_failure_with_what_came(alert, service, caller, store):
+    store.answer = Truncate(b'{"half": ', missing=100, alert=alert)
     assert answers(caller) == all_alike((-1, '{"half": '))
 
 
