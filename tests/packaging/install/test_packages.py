@@ -164,6 +164,31 @@ def test_the_packages_are_the_same_from_another_folder(packages, tmp_path):
     assert digests[0] == digests[1] and len(digests[0]) > 5
 
 
+def places(packages, folder):
+    """@return the folder with the unpacked package, by the package's name, and the packages of ours that each needs"""
+    rooms, needs = {}, {}
+    for path in packages.glob("*.deb"):
+        name, depends = (run("dpkg-deb", "--field", path, field).strip() for field in ("Package", "Depends"))
+        rooms[name] = folder / name
+        needs[name] = {re.split(r"[ (:]", part.strip())[0] for part in depends.split(",")}
+        run("dpkg", "--extract", path, rooms[name])
+    return rooms, {name: [name, *sorted(of & set(rooms))] for name, of in needs.items()}
+
+
+def test_each_link_of_an_installed_page_leads_to_an_installed_file(packages, tmp_path):
+    rooms, needs = places(packages, tmp_path)
+    links, lost = 0, []
+    for name, room in rooms.items():
+        for page in room.rglob("*.md*"):
+            assert page.suffix == ".md", f"{page} is compressed, so its name is not the one in links"
+            for target in re.findall(r"\]\(([^)#:]+)(?:#[^)]*)?\)", page.read_text(encoding="utf-8")):
+                place = os.path.normpath(page.parent.relative_to(room) / target)
+                links += 1
+                if not any((rooms[one] / place).exists() for one in needs[name]):
+                    lost.append((name, page.name, target))
+    assert (lost, links > 10) == ([], True)
+
+
 def test_every_header_can_be_used_alone(packages, tmp_path):
     run("dpkg", "--extract", next(packages.glob("billing-service-dev_*.deb")), tmp_path)
     (description,) = tmp_path.rglob("billing-platform.pc")
