@@ -1,11 +1,11 @@
 // easy.cpp - MZCurlEasy: one transfer, also performed on the calling thread.
 #include "easy.h"
 
+#include "curl/transfer/options.h"
+#include "curl/transfer/repeat.h"
+#include "curl/transfer/rules.h"
+#include "curl/transfer/tls.h"
 #include "global.h"
-#include "options.h"
-#include "repeat.h"
-#include "rules.h"
-#include "tls.h"
 
 #include <new>
 

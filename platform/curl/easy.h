@@ -1,7 +1,7 @@
 // easy.h - the easy handle's transfer, for the multi handle.
 #pragma once
 
-#include "transfer.h"
+#include "curl/transfer/transfer.h"
 
 #include <string>
 

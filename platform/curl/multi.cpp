@@ -1,12 +1,12 @@
 // multi.cpp - the implementation of the multi handle: many transfers on one worker, added from any thread.
 #include "multi.h"
 
-#include "callbacks.h"
+#include "curl/queue/quotas.h"
+#include "curl/transfer/callbacks.h"
+#include "curl/transfer/tls.h"
 #include "global.h"
 #include "heap.h"
-#include "quotas.h"
 #include "report.h"
-#include "tls.h"
 
 #include <algorithm>
 #include <new>

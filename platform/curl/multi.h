@@ -8,14 +8,14 @@
 // it is `given`, and `ready` again in the next round, in case its owner could not take it out yet.
 #pragma once
 
-#include "admission.h"
-#include "connections.h"
-#include "gate.h"
-#include "repeat.h"
-#include "rules.h"
-#include "share.h"
-#include "tickets.h"
-#include "transfer.h"
+#include "curl/connection/connections.h"
+#include "curl/connection/share.h"
+#include "curl/queue/admission.h"
+#include "curl/queue/gate.h"
+#include "curl/queue/tickets.h"
+#include "curl/transfer/repeat.h"
+#include "curl/transfer/rules.h"
+#include "curl/transfer/transfer.h"
 
 #include <curl/curl.h>
 

@@ -1,7 +1,7 @@
 // report.h - the line of the log about a transfer that has ended.
 #pragma once
 
-#include "transfer.h"
+#include "curl/transfer/transfer.h"
 
 namespace MZCurl {
 

@@ -1,7 +1,7 @@
 // admission_test.cpp - the order in which transfers get slots, without running transfers.
-#include "admission.h"
+#include "curl/queue/admission.h"
 
-#include "quotas.h"
+#include "curl/queue/quotas.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

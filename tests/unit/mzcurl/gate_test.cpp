@@ -1,6 +1,6 @@
 // gate_test.cpp - one transfer goes first to a host without connections; the others wait for it, with a time
 // limit.
-#include "gate.h"
+#include "curl/queue/gate.h"
 
 #include "test_server.h"
 #include "transfers.h"

@@ -1,5 +1,5 @@
 // large_test.cpp - large answers wait for each other; what happens to the waiting ones.
-#include "quotas.h"
+#include "curl/queue/quotas.h"
 #include "test_server.h"
 #include "transfers.h"
 

@@ -1,5 +1,5 @@
 // nginx_test.cpp - the wrapper against a widely used server: nginx with HTTP/2 and HTTP/1.1.
-#include "quotas.h"
+#include "curl/queue/quotas.h"
 #include "test_certificates.h"
 #include "test_server.h"
 #include "transfers.h"

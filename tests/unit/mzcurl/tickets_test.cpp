@@ -1,8 +1,8 @@
 // tickets_test.cpp - which transfers may go on with a large answer, without running transfers.
-#include "tickets.h"
+#include "curl/queue/tickets.h"
 
-#include "admission.h"
-#include "quotas.h"
+#include "curl/queue/admission.h"
+#include "curl/queue/quotas.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

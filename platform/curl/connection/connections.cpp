@@ -1,7 +1,7 @@
 // connections.cpp - watches kept connections while they are idle and while requests use them.
 #include "connections.h"
 
-#include "tls.h"
+#include "curl/transfer/tls.h"
 
 #include <platform/network.h>
 

@@ -1,7 +1,7 @@
 // in_hand.h - counts large bodies that have left the multi handle and are still in memory (CountBody).
 #pragma once
 
-#include "place.h"
+#include "curl/transfer/place.h"
 #include "quotas.h"
 
 #include <cstddef>

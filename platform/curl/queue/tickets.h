@@ -4,8 +4,8 @@
 // ticket waits. It keeps its ticket until it is taken out of the multi handle; then the body itself is counted (in_hand.h).
 #pragma once
 
+#include "curl/transfer/transfer.h"
 #include "in_hand.h"
-#include "transfer.h"
 
 #include <chrono>
 #include <cstddef>

@@ -2,7 +2,7 @@
 // sessions would be lost with the easy handle that made them.
 #pragma once
 
-#include "attempt.h"
+#include "curl/transfer/attempt.h"
 
 #include <curl/curl.h>
 #include <sys/stat.h>

@@ -2,7 +2,7 @@
 // find its TLS session, or its connection, instead of a handshake with the device's key for each.
 #pragma once
 
-#include "transfer.h"
+#include "curl/transfer/transfer.h"
 
 #include <chrono>
 #include <cstddef>

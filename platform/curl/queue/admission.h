@@ -4,7 +4,7 @@
 // of these. A lane holds the waiting transfers of one sender to one path; the lanes take turns.
 #pragma once
 
-#include "transfer.h"
+#include "curl/transfer/transfer.h"
 #include "width.h"
 
 #include <chrono>

@@ -6,7 +6,7 @@
 // then finds such a connection dead.
 #pragma once
 
-#include "connection.h"
+#include "curl/transfer/connection.h"
 
 #include <curl/curl.h>
 #include <poll.h>
