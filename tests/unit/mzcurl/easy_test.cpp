@@ -8,6 +8,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <memory>
+
 namespace {
 
 using namespace MZCurl;
@@ -104,6 +106,13 @@ TEST_F(AnInitialisedEasyHandle, PassesOnWhatLibcurlSaysOfAValue)
 {
     refuses(MZCURL_OPT_TIMEOUT, -1, curl_easy_strerror(CURLE_BAD_FUNCTION_ARGUMENT));
     refuses(MZCURL_OPT_POSTFIELDSIZE, -2LL, curl_easy_strerror(CURLE_BAD_FUNCTION_ARGUMENT));
+    // The longest time, in seconds, whose milliseconds fit into libcurl's int.
+    refuses(MZCURL_OPT_CONNECTTIMEOUT, 2147484, curl_easy_strerror(CURLE_BAD_FUNCTION_ARGUMENT));
+    const std::unique_ptr<CURL, decltype(&curl_easy_cleanup)> plain(curl_easy_init(),
+                                                                    curl_easy_cleanup);
+    EXPECT_TRUE(easy.setOption(MZCURL_OPT_CONNECTTIMEOUT, 2147483));
+    EXPECT_EQ(curl_easy_setopt(plain.get(), CURLOPT_CONNECTTIMEOUT, 2147483L), CURLE_OK);
+    EXPECT_NE(curl_easy_setopt(plain.get(), CURLOPT_CONNECTTIMEOUT, 2147484L), CURLE_OK);
 }
 
 TEST_F(AnInitialisedEasyHandle, RefusesAHeaderThatHoldsALineEndOrANul)
