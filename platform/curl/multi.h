@@ -27,7 +27,7 @@
 
 namespace MZCurl {
 
-struct MZCurlMulti::Impl : private Performer {
+struct MZCurlMulti::Impl final : private Performer {
     Impl() = default;
     ~Impl();
     Impl(const Impl&) = delete;

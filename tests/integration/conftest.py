@@ -146,9 +146,12 @@ def a_device(tmp_path, store, authority, provisioned):
 
 
 @pytest.fixture
-def start_daemon(tmp_path, bus, a_device, request):
+def start_daemon(tmp_path, bus, a_device, other_store, request):
     """A function that starts a daemon on the bus. Daemons that still run at the end of the test must stop with exit
     status 0.
+
+    They stop before the stores do: the end of a store ends its calls, and a result in the moment of SIGTERM has no reader. Its
+    message would then be reported as a leak.
     """
     started = []
     request.node.daemons = started
