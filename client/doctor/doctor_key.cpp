@@ -59,7 +59,7 @@ Finding checkToken()
     const char* const check = "token";
     try {
         const keystore::Place place = keystore::placeFromSettings();
-        const pkcs11::Module& module = pkcs11::Module::at(place.module);
+        const pkcs11::Module& module = pkcs11::Module::at(place.module.c_str());
         if (module.slotOf(place.token)) {
             return good(check, "\"" + place.token + "\" is there");
         }

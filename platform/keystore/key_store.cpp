@@ -101,7 +101,7 @@ void KeyStore::run(const Place& place, const Body& body)
 
 void KeyStore::open(const Place& place)
 {
-    pkcs11::Module& module = pkcs11::Module::at(place.module);
+    pkcs11::Module& module = pkcs11::Module::at(place.module.c_str());
     m_place = place;
     try {
         connect(module, place);

@@ -143,7 +143,7 @@ void check(CK_RV answer, const char* doing)
         throw Failure(answer, doing);
 }
 
-Module& Module::at(const std::string& path)
+Module& Module::at(const char* path)
 {
     // Never destroyed, like the modules in it.
     static auto* const modules = new std::map<std::string, std::unique_ptr<Module>>;

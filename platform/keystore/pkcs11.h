@@ -39,7 +39,7 @@ public:
     /// Loads and initialises a module. Later calls with the same path return the same one.
     /// @param path absolute
     /// @throw secure::Error
-    static Module& at(const std::string& path);
+    static Module& at(const char* path);
 
     CK_FUNCTION_LIST& calls() const { return *m_calls; }
     /// Finalises and initialises the module, which ends all its sessions. Some modules look for

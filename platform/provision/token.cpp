@@ -70,7 +70,7 @@ void initialiseToken(const keystore::Place& place, secret::Bytes soPin, secret::
         throw Stop(EXIT_FAILED, "[keystore] token must have at most 32 bytes");
     std::fill(std::begin(label), std::end(label), static_cast<CK_UTF8CHAR>(' '));
     std::copy(place.token.begin(), place.token.end(), std::begin(label));
-    const pkcs11::Module& module = pkcs11::Module::at(place.module);
+    const pkcs11::Module& module = pkcs11::Module::at(place.module.c_str());
     if (module.slotOf(place.token))
         throw Stop(EXIT_EXISTS,
                    "there is a token \"" + place.token + "\" already, which was left alone");
