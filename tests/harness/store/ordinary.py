@@ -62,6 +62,7 @@ backend shop
     server shop 127.0.0.1:{backend}
 """
 
+# lighttpd of Debian 13 demands TLS 1.3 by default; with a device's certificate the service uses TLS 1.2.
 LIGHTTPD = """
 server.modules = ("mod_openssl", "mod_accesslog", "mod_proxy")
 server.bind = "127.0.0.1"
@@ -74,6 +75,7 @@ accesslog.filename = "{folder}/access.log"
 accesslog.format = "%H|%{{SSL_CLIENT_S_DN}}e|-|-|%U|%m"
 ssl.engine = "enable"
 ssl.pemfile = "{folder}/server.pem"
+ssl.openssl.ssl-conf-cmd = ("MinProtocol" => "TLSv1.2")
 ssl.verifyclient.activate = "enable"
 ssl.verifyclient.enforce = "enable"
 ssl.verifyclient.ca-file = "{clients}"
