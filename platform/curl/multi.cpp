@@ -112,9 +112,9 @@ bool MZCurlMulti::Impl::add(MZCurlEasy& easy, Transfer& transfer, const std::str
     TransferList entry{&transfer};
     const std::lock_guard<std::mutex> guard(m_lock);
     std::string key = m_lastKey.of(transfer.options.url);
-    const void* nobody = nullptr;
+    const void* none = nullptr;
     if (m_multi == nullptr || !m_started ||
-        !transfer.place.owner.compare_exchange_strong(nobody, this)) {
+        !transfer.place.owner.compare_exchange_strong(none, this)) {
         return false;
     }
     transfer.place.hostKey = std::move(key);

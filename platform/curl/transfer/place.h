@@ -24,7 +24,7 @@ enum class Ticket { None, Large, Huge };
 struct TicketHold {
     Ticket has = Ticket::None;
     Ticket wants = Ticket::None;                  // it waits for this one
-    std::chrono::steady_clock::time_point since;  // it has what it has
+    std::chrono::steady_clock::time_point since;  // when it got the ticket that it has
     std::chrono::steady_clock::time_point moved;  // when its body grew last
 };
 

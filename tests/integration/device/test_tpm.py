@@ -388,7 +388,7 @@ def test_a_lock_file_that_root_leaves_shuts_the_service_out_until_it_is_removed(
     owned.tpm.run("sh", "-ec", cure.replace("/var/lib/billing-service/tpm", str(owned.database)))
     assert owned.sign_alone() == SIGNED
 
-    # A lock file of the service's user itself, left by a killed process, shuts nobody out.
+    # A lock file of the service's user itself, left by a killed process, keeps no process out.
     lock.touch()
     os.chown(lock, SERVICE, SERVICE)
     assert owned.sign_alone() == SIGNED

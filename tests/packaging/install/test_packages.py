@@ -165,7 +165,7 @@ def test_the_packages_are_the_same_from_another_folder(packages, tmp_path):
 
 
 def places(packages, folder):
-    """@return the folder with the unpacked package, by the package's name, and the packages of ours that each needs"""
+    """@return the folder with the unpacked package, by the package's name, and the packages of this tree that each needs"""
     rooms, needs = {}, {}
     for path in packages.glob("*.deb"):
         name, depends = (run("dpkg-deb", "--field", path, field).strip() for field in ("Package", "Depends"))

@@ -406,7 +406,7 @@ double stops(TestServer& server)
 TEST(AStoppedMultiHandle, LeavesItsWaitAtOnceAndHandsNothingOut)
 {
     TestServer server(hang);
-    // The stop comes 50 ms after the wait's begin, so that a wait that nobody ends lasts nearly two seconds.
+    // The stop comes 50 ms after the wait's begin, so that a wait without an early end lasts nearly two seconds.
     double fastest = 100;
     for (int i = 0; i < 5; ++i) {
         fastest = std::min(fastest, stops(server));
