@@ -14,7 +14,8 @@ using std::chrono::milliseconds;
 
 constexpr const char* kTag = "BILLING_PLATFORM";
 
-// A restarting server refuses connections for some milliseconds (nginx) to a second (Apache), longer under load.
+// A restarting server refuses connections for some milliseconds (nginx) to a second (Apache), longer under load. Before
+// that it resets the connections that it has not accepted.
 constexpr std::array kRefusedPauses{milliseconds(250), milliseconds(500), milliseconds(1000),
                                     milliseconds(2000)};
 
@@ -56,11 +57,14 @@ bool connectionIsSuspect(const Attempt& attempt)
            (use.connection != nullptr && use.connection->given);
 }
 
+/// @return whether the server's kernel refused the connection, or reset it before a byte of the request was sent
 bool wasRefused(const Attempt& attempt, CURLcode result)
 {
     long error = 0;
     curl_easy_getinfo(attempt.curl.get(), CURLINFO_OS_ERRNO, &error);
-    return result == CURLE_COULDNT_CONNECT && error == ECONNREFUSED;
+    const bool inHandshake = result == CURLE_SSL_CONNECT_ERROR && attempt.sendings == 0;
+    return (result == CURLE_COULDNT_CONNECT && (error == ECONNREFUSED || error == ECONNRESET)) ||
+           (inHandshake && error == ECONNRESET);
 }
 
 }  // namespace

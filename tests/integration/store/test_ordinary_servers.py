@@ -1,6 +1,10 @@
 """Web servers with the configuration of their packages, in front of a shop that counts what it has sold. Time, limits,
 reloads and restarts affect kept connections; no purchase may be lost or made twice.
 """
+import contextlib
+import select
+import signal
+import socket
 import time
 
 import pytest
@@ -152,3 +156,57 @@ def test_a_server_that_is_away_for_a_second_is_waited_for(service, caller, start
 
     books.check(before + meanwhile, shop, server)
     assert time.monotonic() >= comes_back
+
+
+@contextlib.contextmanager
+def place_of(server, backlog):
+    """A socket that listens at the port of a server that has left, and that accepts no connection. Its end resets those
+    that wait."""
+    server.leave()
+    server.wait_until_it_has_left()
+    with socket.create_server(("127.0.0.1", server.port), backlog=backlog) as listener:
+        yield listener
+
+
+def waits(listener, seconds):
+    """True once a connection waits to be accepted."""
+    return bool(select.select([listener], [], [], seconds)[0])
+
+
+# A server that ends resets the connections that it has not accepted.
+BOTH = [purchase("meanwhile"), product_list("meanwhile")]
+
+
+def test_connections_that_a_server_resets_in_the_handshake_cost_no_call(service, caller, start_server, shop):
+    server = start_server("nginx")
+    with place_of(server, backlog=10) as listener:
+        under_way = [caller.start(*each.call) for each in BOTH]
+        assert waits(listener, 20)
+        # The second connection and both handshakes begin.
+        time.sleep(0.5)
+    server.start()
+
+    caller.finish(under_way)
+
+    assert [call.result for call in under_way] == [(0, each.answer) for each in BOTH]
+    assert shop.purchases == {"meanwhile": 1}
+
+
+def test_connections_that_a_server_resets_before_the_handshake_cost_no_call(service, caller, start_server, shop):
+    server = start_server("nginx")
+    with place_of(server, backlog=0) as listener, socket.create_connection(("127.0.0.1", server.port)):
+        # The kernel establishes no further connection.
+        under_way = caller.start(*BOTH[0].call)
+        time.sleep(0.5)
+        service.send(signal.SIGSTOP)
+        listener.accept()[0].close()
+        # The kernel asks for the connection once more after one second, or three.
+        assert waits(listener, 20)
+    server.start()
+    server.wait_until_it_answers()
+    service.send(signal.SIGCONT)
+
+    caller.finish([under_way])
+
+    assert under_way.result == (0, BOTH[0].answer)
+    assert shop.purchases == {"meanwhile": 1}
