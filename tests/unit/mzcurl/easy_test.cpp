@@ -239,6 +239,65 @@ TEST(ATransfer, KeepsNothingOfAnOptionThatAResetForgot)
     EXPECT_EQ(server.requests()[0].body, "");
 }
 
+std::size_t dropBody(char* /*data*/, std::size_t size, std::size_t count, void* /*user*/)
+{
+    return size * count;
+}
+
+TEST(ATransfer, SendsTheTargetThatLibcurlAloneWouldSend)
+{
+    TestServer server(test::always("ok"));
+    for (const char* const rest : {"",
+                                   "/",
+                                   "/a/b?c=d&e=f",
+                                   "/a?b=http://other/x?y",
+                                   "/a#part",
+                                   "/a?b#part",
+                                   "?a=/b",
+                                   "/a?",
+                                   "/a/../b",
+                                   "/a/./b?c",
+                                   "/.a",
+                                   "/%2e%2e/a",
+                                   "/a%20b?c%20d",
+                                   "/a?b=../c",
+                                   "/\xc3\xa4?\xc3\xa4",
+                                   "/a?{b}[c]|d\\e",
+                                   "\\a",
+                                   "/a\\..\\b",
+                                   "//a",
+                                   "/a?b?c",
+                                   "/a:b@c",
+                                   "#part"}) {
+        const std::string url = server.url() + rest;
+        const std::unique_ptr<CURL, decltype(&curl_easy_cleanup)> plain(curl_easy_init(),
+                                                                        curl_easy_cleanup);
+        curl_easy_setopt(plain.get(), CURLOPT_URL, url.c_str());
+        curl_easy_setopt(plain.get(), CURLOPT_PROXY, "");
+        curl_easy_setopt(plain.get(), CURLOPT_WRITEFUNCTION, dropBody);
+        const bool sent = curl_easy_perform(plain.get()) == CURLE_OK;
+        Transfer transfer(url);
+        EXPECT_EQ(transfer.easy.send(), sent) << url;
+        const auto requests = server.requests();
+        if (sent) {
+            EXPECT_EQ(requests[requests.size() - 1].head, requests[requests.size() - 2].head)
+                << url;
+        }
+    }
+    EXPECT_GE(server.requests().size(), 38U) << "most of the URLs are valid";
+}
+
+TEST(ATransfer, SendsNoUrlThatLibcurlRefuses)
+{
+    TestServer server(test::always("ok"));
+    for (const char* const rest : {"/a b", "/a\tb", "/a\x7f", "/a?b=c d", "/a?b\r\nX: 1"}) {
+        Transfer transfer(server.url() + rest);
+        EXPECT_FALSE(transfer.easy.send()) << rest;
+        EXPECT_THAT(transfer.easy.getLastError(), HasSubstr("URL")) << rest;
+    }
+    EXPECT_TRUE(server.requests().empty());
+}
+
 TEST(ATransfer, SaysWhyItFailed)
 {
     Transfer transfer("http://127.0.0.1:1/");
