@@ -1,6 +1,7 @@
 // admission.cpp - gives slots to waiting transfers, and ends transfers that waited too long for one.
 #include "admission.h"
 
+#include "curl/transfer/url.h"
 #include "gate.h"
 #include "quotas.h"
 
@@ -22,12 +23,6 @@ std::size_t affordableSlots()
     }
     const auto most = static_cast<std::size_t>(limit.rlim_cur);
     return std::max(kFewestSlots, most > kOtherDescriptors ? most - kOtherDescriptors : 0);
-}
-
-/// @return the URL without its query: scheme, host and path
-std::string_view pathOf(const std::string& url)
-{
-    return std::string_view(url).substr(0, url.find_first_of("?#"));
 }
 
 /// @return the share of this name; created when there is none

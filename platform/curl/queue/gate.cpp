@@ -1,6 +1,9 @@
 // gate.cpp - lets the first transfer to a host go ahead of the others.
 #include "gate.h"
 
+#include "curl/transfer/url.h"
+#include "quotas.h"
+
 #include <algorithm>
 #include <memory>
 #include <new>
@@ -18,14 +21,6 @@ struct UrlCleanup {
 struct CurlFree {
     void operator()(char* text) const { curl_free(text); }
 };
-
-/// @return the URL up to its path, query or fragment: its host key depends on nothing else
-std::string_view startOf(const std::string& url)
-{
-    const std::size_t scheme = url.find("://");
-    const std::size_t host = scheme == std::string::npos ? 0 : scheme + 3;
-    return std::string_view(url).substr(0, url.find_first_of("/?#\\", host));
-}
 
 std::string keyOf(const std::string& url)
 {
@@ -77,11 +72,10 @@ bool Gate::enter(Transfer& transfer, Clock::time_point now)
         return true;
     }
     try {
-        const auto [entry, cold] = m_hosts.try_emplace(transfer.place.hostKey);
-        Host& host = entry->second;
+        Host& host = m_hosts[transfer.place.hostKey];
         transfer.place.host = &host;
-        ++host.members;
-        if (cold) {
+        if (++host.members == 1) {
+            host.open = false;
             host.deadline = now + kLongestWait;
         } else if (!mayGo(host, now)) {
             moveTo(transfer, host.waiting);
@@ -110,7 +104,7 @@ void Gate::leave(Transfer& transfer)
     if (transfer.place.home != &host->waiting) {
         host->open = true;
     }
-    if (--host->members == 0) {
+    if (--host->members == 0 && m_hosts.size() > kRemembered) {
         m_hosts.erase(transfer.place.hostKey);
     }
 }

@@ -11,7 +11,7 @@
 
 namespace MZCurl {
 
-/// A host with transfers under way or waiting.
+/// A host with transfers under way or waiting, or remembered without one.
 struct Host {
     std::size_t members = 0;  // let through or waiting, until they are taken out
     bool open = false;        // the leader has sent its request or ended: all may go

@@ -37,7 +37,7 @@ constexpr std::size_t kMostAccepted = 64 * kMostSlots;
 /// Longest wait for a slot. The transfer then ends and nothing was sent: D-Bus libraries give up after 25 s.
 constexpr std::chrono::seconds kLongestTurn{20};
 
-/// Senders, paths and lanes that are remembered without a transfer, so that an ordinary call allocates none. The number is
+/// Senders, paths, lanes and hosts that are remembered without a transfer, so that an ordinary call allocates none. The number is
 /// above the number of apps on a TV.
 constexpr std::size_t kRemembered = 64;
 

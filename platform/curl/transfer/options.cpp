@@ -32,8 +32,6 @@ struct Option {
     Field field;
 };
 
-constexpr std::string_view kLineBreakers("\r\n\0", 3);
-
 constexpr long kMostSeconds = std::numeric_limits<int>::max() / 1000;
 
 // libcurl takes no longer texts.
@@ -104,6 +102,13 @@ const char* setSeconds(Options& options, const Seconds& seconds, long value)
     }
     options.*seconds.field = value;
     return nullptr;
+}
+
+/// @return whether a header would end before its end, or add another one
+bool breaksLine(const std::string& header)
+{
+    return std::any_of(header.begin(), header.end(),
+                       [](char c) { return c == '\r' || c == '\n' || c == '\0'; });
 }
 
 bool isMethodName(const std::string& text)
@@ -195,7 +200,7 @@ const char* setList(Options& options, MZCURL_OPTION_TYPE id, const std::list<std
         return mismatch(option);
     }
     for (const std::string& line : value) {
-        if (line.find_first_of(kLineBreakers) != std::string::npos) {
+        if (breaksLine(line)) {
             return "A header holds a CR, LF or NUL byte";
         }
     }

@@ -3,8 +3,8 @@
 
 #include "callbacks.h"
 #include "tls.h"
+#include "url.h"
 
-#include <algorithm>
 #include <new>
 #include <string>
 #include <string_view>
@@ -77,39 +77,16 @@ void setOwner(Setter& set, Attempt& attempt)
     }
 }
 
-/// @return whether libcurl sends the part of a URL behind its host unchanged as the target of the request
-bool isPlainTarget(std::string_view text)
-{
-    const std::string_view path = text.substr(0, text.find('?'));
-    return !text.empty() && text.front() == '/' && text.back() != '?' &&
-           path.find("/.") == std::string_view::npos && path.find('%') == std::string_view::npos &&
-           std::all_of(text.begin(), text.end(),
-                       [](char c) { return c > ' ' && c < '\x7f' && c != '#'; });
-}
-
-/// @return where the host of an HTTP URL ends; 0 when libcurl has to find that out
-std::size_t hostEnd(const std::string& url)
-{
-    const std::size_t scheme = url.find("://");
-    if (url.rfind("http", 0) != 0 || scheme > std::string_view("https").size()) {
-        return 0;
-    }
-    const auto end =
-        std::find_if(url.begin() + static_cast<std::ptrdiff_t>(scheme) + 3, url.end(),
-                     [](char c) { return c == '/' || c == '?' || c == '#' || c == '\\'; });
-    return static_cast<std::size_t>(end - url.begin());
-}
-
 /// libcurl 7.88 writes a URL three times for each request, at 85 instructions a character. A target of its own is copied.
 void setUrl(Setter& set, const std::string& url)
 {
-    const std::size_t end = hostEnd(url);
-    if (end == 0 || !isPlainTarget(std::string_view(url).substr(end))) {
+    const std::string_view target = targetOf(url);
+    if (target.empty()) {
         set.text(CURLOPT_URL, url);
         return;
     }
-    set(CURLOPT_URL, url.substr(0, end).c_str());
-    set(CURLOPT_REQUEST_TARGET, url.c_str() + end);
+    set(CURLOPT_URL, std::string(startOf(url)).c_str());
+    set(CURLOPT_REQUEST_TARGET, target.data());  // it ends where the URL ends, with a NUL
 }
 
 void setOptions(Setter& set, const Options& options)
