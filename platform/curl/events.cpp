@@ -13,7 +13,7 @@ const char* MZCurlMulti::Impl::sending(Transfer& transfer, const char* localAddr
                                        int remotePort)
 {
     m_admission.sending(transfer);
-    const Request request{transfer.attempt->curl.get(), transfer.place.hostKey,
+    const Request request{transfer.attempt->curl.get(), *transfer.place.hostKey,
                           transfer.mayBeSentAgain()};
     const char* const refusal =
         m_connections.begin(transfer.attempt->use, request, localAddress, localPort, remotePort);

@@ -111,7 +111,7 @@ bool MZCurlMulti::Impl::add(MZCurlEasy& easy, Transfer& transfer, const std::str
 {
     TransferList entry{&transfer};
     const std::lock_guard<std::mutex> guard(m_lock);
-    std::string key = m_lastKey.of(transfer.options.url);
+    auto key = m_lastKey.of(transfer.options.url);
     const void* none = nullptr;
     if (m_multi == nullptr || !m_started ||
         !transfer.place.owner.compare_exchange_strong(none, this)) {
@@ -243,7 +243,7 @@ void MZCurlMulti::Impl::attach(Transfer& transfer)
     m_connections.follow(attempt.curl.get());
     const bool trusted = m_share.attach(attempt);
     Conditions conditions = conditionsOf(transfer);
-    conditions.freshConnection = m_connections.isInDoubt(transfer.place.hostKey);
+    conditions.freshConnection = m_connections.isInDoubt(*transfer.place.hostKey);
     begin(attempt, conditions);
     if (!trusted) {
         finish(transfer, CURLE_SSL_CACERT_BADFILE);

@@ -61,7 +61,7 @@ bool Admission::join(Transfer& transfer, const std::string& sender)
     forgetUnused();
     Share& ofSender = shareOf(m_senders, sender);
     Share& ofPath = shareOf(m_paths, pathOf(transfer.options.url));
-    Share& ofHost = shareOf(m_hosts, transfer.place.hostKey);
+    Share& ofHost = shareOf(m_hosts, *transfer.place.hostKey);
     const std::size_t free = kMostAccepted - m_members;
     if (!isWithin(ofSender.members, kSenderShare, free) ||
         !isWithin(ofPath.members, kPathShare, free)) {

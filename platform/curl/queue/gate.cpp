@@ -55,11 +55,11 @@ bool mayGo(const Host& host, Gate::Clock::time_point now)
 
 }  // namespace
 
-const std::string& HostKey::of(const std::string& url)
+std::shared_ptr<const std::string> HostKey::of(const std::string& url)
 {
     const std::string_view start = startOf(url);
-    if (m_key.empty() || start != m_start || !isPlain(url)) {
-        std::string key = keyOf(url);
+    if (m_key == nullptr || m_key->empty() || start != m_start || !isPlain(url)) {
+        auto key = std::make_shared<const std::string>(keyOf(url));
         m_start = start;
         m_key = std::move(key);
     }
@@ -68,11 +68,11 @@ const std::string& HostKey::of(const std::string& url)
 
 bool Gate::enter(Transfer& transfer, Clock::time_point now)
 {
-    if (transfer.place.hostKey.empty()) {
+    if (transfer.place.hostKey->empty()) {
         return true;
     }
     try {
-        Host& host = m_hosts[transfer.place.hostKey];
+        Host& host = m_hosts[*transfer.place.hostKey];
         transfer.place.host = &host;
         if (++host.members == 1) {
             host.open = false;
@@ -105,7 +105,7 @@ void Gate::leave(Transfer& transfer)
         host->open = true;
     }
     if (--host->members == 0 && m_hosts.size() > kRemembered) {
-        m_hosts.erase(transfer.place.hostKey);
+        m_hosts.erase(*transfer.place.hostKey);
     }
 }
 

@@ -7,6 +7,7 @@
 #include <chrono>
 #include <cstddef>
 #include <map>
+#include <memory>
 #include <string>
 
 namespace MZCurl {
@@ -23,11 +24,12 @@ struct Host {
 /// transfers go to the same host. Thread: one at a time.
 class HostKey {
 public:
-    const std::string& of(const std::string& url);
+    /// @return never null
+    std::shared_ptr<const std::string> of(const std::string& url);
 
 private:
     std::string m_start;  // the last URL, up to its path
-    std::string m_key;
+    std::shared_ptr<const std::string> m_key;
 };
 
 /// Thread: the worker.

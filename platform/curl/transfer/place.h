@@ -6,6 +6,7 @@
 #include <atomic>
 #include <chrono>
 #include <list>
+#include <memory>
 #include <string>
 
 namespace MZCurl {
@@ -34,7 +35,8 @@ struct Place {
     MZCurlEasy* easy = nullptr;
     TransferList* home = nullptr;  // also written by moveTo
     TransferList::iterator node;
-    std::string hostKey;
+    std::shared_ptr<const std::string>
+        hostKey;                                // never null once the multi handle has the transfer
     std::chrono::steady_clock::time_point due;  // when it is begun again
 
     Host* host = nullptr;  // writer: Gate

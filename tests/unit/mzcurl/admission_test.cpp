@@ -40,7 +40,7 @@ protected:
         Transfer& transfer = *made.back();
         transfer.options.sendsBody = !get;
         transfer.options.url = url;
-        transfer.place.hostKey = host;
+        transfer.place.hostKey = std::make_shared<const std::string>(host);
         if (!admission.join(transfer, sender)) {
             made.pop_back();
             return nullptr;

@@ -33,6 +33,7 @@ protected:
     {
         made.push_back(std::make_unique<Transfer>());
         made.back()->options.url = "h/path";
+        made.back()->place.hostKey = std::make_shared<const std::string>("h");
         EXPECT_TRUE(admission.join(*made.back(), sender));
         return *made.back();
     }
