@@ -12,7 +12,7 @@ using MZCurl::MZCurlEasy;
 namespace {
 
 constexpr int TIMEOUT_S = 90;
-constexpr const char* CA_BUNDLE = "/opt/down/cert/ca.pem";
+const std::string CA_BUNDLE = "/opt/down/cert/ca.pem";
 // The functions below log under one name, as one operation.
 constexpr const char* OPERATION = "m_SetEasyHandleOptions";
 
@@ -64,7 +64,7 @@ bool SetSsl(MZCurlEasy& oEasy, bool bSSL, CHttpConnector* poConnector)
     BILLING_ERROR_AS(OPERATION, "Setup SSL options");
     oEasy.setOption(MZCurl::MZCURL_OPT_RESERVED_34, 3);
     oEasy.setOption(MZCurl::MZCURL_OPT_RESERVED_1, 1);
-    SET_OR_RETURN(MZCURL_OPT_CAINFO, std::string(CA_BUNDLE), "Set MZCurl::CAINFO error = [%s]");
+    SET_OR_RETURN(MZCURL_OPT_CAINFO, CA_BUNDLE, "Set MZCurl::CAINFO error = [%s]");
     SET_OR_RETURN(MZCURL_OPT_SSLCERT, strNone, "Set MZCurl::SSLCERT error = [%s]");
     SET_OR_RETURN(MZCURL_OPT_SSLKEY, strNone, "Set MZCurl::SSLKEY error = [%s]");
     BILLING_INFO_AS(OPERATION, "Set MZCurl::SSL_CTX_FUNCTION %p for this %p",
