@@ -15,6 +15,25 @@ BusMessagePtr MakeAnswer(GVariant* pBody)
 
 }  // namespace
 
+std::string NameOf(BusQuestion eKind)
+{
+    switch (eKind) {
+        case BusQuestion::UNREAD:
+            return "unread";
+        case BusQuestion::PING:
+            return "ping";
+        case BusQuestion::OWNER:
+            return "owner";
+        case BusQuestion::USER:
+            return "user";
+        case BusQuestion::PROOF:
+            return "proof";
+        case BusQuestion::WATCH:
+            return "watch";
+    }
+    return "";
+}
+
 bool ABusFlow::reply(const std::string& strTo, std::size_t uBytes)
 {
     // A body of type "(s)" is the text and its final NUL.
@@ -106,5 +125,15 @@ std::vector<std::string> ABusFlow::texts() const
     for (const Line& line : LoggedLines()) {
         found.push_back(line.strText);
     }
+    return found;
+}
+
+std::vector<std::string> ABusFlow::steps()
+{
+    std::vector<std::string> found;
+    for (const Line& line : Timeline()) {
+        found.push_back(line.strText);
+    }
+    fake::platform().clearTimeline();
     return found;
 }

@@ -14,7 +14,10 @@
 
 constexpr const char* BUS = "org.freedesktop.DBus";
 
-/// Records the requests of the flow control and answers its questions.
+/// The question's name in the timeline.
+std::string NameOf(BusQuestion eKind);
+
+/// Records the requests of the flow control, in the timeline as well, and answers its questions.
 class FakeBus : public CBusPort {
 public:
     struct Question {
@@ -30,6 +33,7 @@ public:
             return false;
         }
         EXPECT_TRUE(asked.emplace(uSerial, Question{eKind, strName}).second);
+        Note(NameOf(eKind) + (strName.empty() ? "" : " " + strName));
         return true;
     }
     void Release(GDBusMessage* pMessage) override
@@ -38,16 +42,26 @@ public:
                               g_dbus_message_get_serial(pMessage));
         const gchar* szError = g_dbus_message_get_error_name(pMessage);
         errors.emplace_back(szError != nullptr ? szError : "");
+        Note("release " + std::to_string(released.back().second));
     }
     void WakeAt(gint64 iTime) override
     {
         EXPECT_GE(iTime, iNow) << "a time that is over";
+        Note("wake in " + std::to_string(iTime - iNow));
         if (!iWakeAt || iTime < *iWakeAt) {
             iWakeAt = iTime;
         }
     }
-    void GiveBack() override { ++uGivenBack; }
-    void EndService() override { ++uEnds; }
+    void GiveBack() override
+    {
+        ++uGivenBack;
+        Note("give back");
+    }
+    void EndService() override
+    {
+        ++uEnds;
+        Note("end");
+    }
 
     gint64 iNow = 1'000'000;
     guint32 uRandom = 7;
@@ -87,6 +101,8 @@ protected:
     void pass(gint64 iMilliseconds);
     /// The texts of the log so far.
     std::vector<std::string> texts() const;
+    /// The steps since the last call of this: requests to the port and texts of the log, in one order.
+    std::vector<std::string> steps();
 
     FakeBus m_oBus;
     CBusFlow m_oFlow{m_oBus};
