@@ -220,6 +220,7 @@ TEST_F(ABusFilter, SeesRepliesAndErrorsToACallerAlone)
         g_dbus_message_set_destination(pToNobody.get(), nullptr);
         EXPECT_NE(outgoing(std::move(pToNobody)), nullptr);
     }
+    EXPECT_THAT(LoggedLines(), IsEmpty());
     EXPECT_THAT(Filter().sent, SizeIs(1));
     EXPECT_NE(outgoing(MakeReply(":1.1", uBytes)), nullptr);
     BusMessagePtr pError = MakeReply(":1.1", 100);
@@ -257,6 +258,7 @@ TEST_F(ABusFilter, WatchesTheBusAndAsksItForAProofWhereNobodyTells)
     for (std::size_t uSent = 0; uSent <= UNKNOWN_BYTES; uSent += 24 * MIB) {
         EXPECT_NE(outgoing(MakeReply(":1.1", 24 * MIB)), nullptr);
     }
+    EXPECT_EQ(Filter().timers.back(), 0u) << "the first proof is due at once";
     pass(PROOF_MS);
     ASSERT_THAT(Filter().sent, SizeIs(4));
     ExpectQuestion(Last(), ToBus(THE_BUS, "GetId", "-"));
@@ -312,6 +314,32 @@ TEST_F(ABusFilter, EndsTheServiceWhenTheBusIsSilent)
     EXPECT_EQ(Filter().timers.back(), 1u) << "again, for the rest";
     pass(1);
     EXPECT_THAT(Filter().signals, ElementsAre(SIGTERM));
+}
+
+TEST_F(ABusFilter, HasAClockThatIsNeverZero)
+{
+    // A question of the time 0 would count as none, and the silence of the bus would not end the service.
+    Filter().iMicroseconds = 1000;
+    install();
+    incoming(MakeCall(":1.1", ARGUMENT_BYTES + 1));
+    pass(BUS_SILENT_MS);
+    EXPECT_THAT(Filter().signals, ElementsAre(SIGTERM));
+}
+
+TEST_F(ABusFilter, LetsAReleasedReplyPass)
+{
+    install();
+    for (int i = 0; i < 2; ++i) {
+        outgoing(MakeReply(":1.1", 2 * WINDOW_BYTES));
+    }
+    unread(1, 0);
+    ASSERT_THAT(Filter().sent, SizeIs(3));
+    EXPECT_TRUE(Last().bReleased);
+    EXPECT_FALSE(Filter().sent.front().bReleased);
+    const BusMessagePtr pReleased(static_cast<GDBusMessage*>(g_object_ref(Last().pMessage.get())));
+    EXPECT_EQ(outgoing(BusMessagePtr(static_cast<GDBusMessage*>(g_object_ref(pReleased.get())))),
+              pReleased);
+    EXPECT_THAT(Filter().sent, SizeIs(3)) << "nor is it counted twice";
 }
 
 TEST_F(ABusFilter, GivesMemoryBackOnceMuchHasWaited)

@@ -53,8 +53,9 @@ gboolean __wrap_g_dbus_connection_send_message(GDBusConnection* pConnection, GDB
     EXPECT_EQ(pConnection, CONNECTION);
     EXPECT_EQ(puSerial, nullptr);
     EXPECT_EQ(ptError, nullptr);
-    Filter().sent.push_back(
-        {BusMessagePtr(static_cast<GDBusMessage*>(g_object_ref(pMessage))), eFlags, HeldLocks()});
+    const bool bReleased = g_object_get_data(G_OBJECT(pMessage), "billing-released") != nullptr;
+    Filter().sent.push_back({BusMessagePtr(static_cast<GDBusMessage*>(g_object_ref(pMessage))),
+                             eFlags, HeldLocks(), bReleased});
     return Filter().bSends ? TRUE : FALSE;
 }
 
@@ -69,7 +70,17 @@ GSource* __wrap_g_timeout_source_new(guint uMilliseconds)
     EXPECT_EQ(HeldLocks(), 1u) << "the timer is behind the flow's lock";
     Filter().timers.push_back(uMilliseconds);
     // The real timer is due at once; the double's clock decides when the test runs it.
-    return __real_g_timeout_source_new(0);
+    GSource* const pTimer = __real_g_timeout_source_new(0);
+    g_source_set_dispose_function(pTimer, [](GSource*) { ++Filter().uTimersGone; });
+    return pTimer;
+}
+
+guint __real_g_source_attach(GSource* pSource, GMainContext* pContext);
+guint __wrap_g_source_attach(GSource* pSource, GMainContext* pContext)
+{
+    EXPECT_EQ(pContext, nullptr);
+    EXPECT_NE(pSource->callback_data, nullptr) << "the main thread may dispatch it at once";
+    return __real_g_source_attach(pSource, pContext);
 }
 
 GSource* __real_g_main_current_source();
@@ -102,6 +113,7 @@ ABusFilter::~ABusFilter()
 {
     end();
     EXPECT_EQ(g_main_context_pending(nullptr), FALSE) << "a timer is left";
+    EXPECT_EQ(Filter().uTimersGone, Filter().timers.size()) << "a timer's memory is kept";
     delete g_ptDoubles;
     g_ptDoubles = nullptr;
 }

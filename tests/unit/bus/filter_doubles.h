@@ -16,6 +16,7 @@ struct SentMessage {
     BusMessagePtr pMessage;
     GDBusSendMessageFlags eFlags;
     std::size_t uLocks;
+    bool bReleased;  ///< marked as released
 };
 
 /// Answers and arguments of the replaced functions.
@@ -30,7 +31,8 @@ struct FilterDoubles {
     gpointer pFilter = nullptr;
     GDestroyNotify pfnEnd = nullptr;
     std::vector<SentMessage> sent;
-    std::vector<guint> timers;  ///< interval of each timer that was made, in milliseconds
+    std::vector<guint> timers;    ///< interval of each timer that was made, in milliseconds
+    std::size_t uTimersGone = 0;  ///< number of timers without a reference
     std::vector<int> signals;
     unsigned uTrims = 0;
 };

@@ -14,6 +14,7 @@ std::atomic<int> g_callbacks{0};
 
 bool Submit(const char* szOperation, const _BILLING_HTTP_REQ_INFO_T& tReqInfo, bool bSync)
 {
+    Note(szOperation);
     g_pConnector->submitted.push_back(
         {szOperation, tReqInfo, bSync, fake::platform().log().size()});
     return g_pConnector->bAccepts;
@@ -38,6 +39,7 @@ void ExpectDefaults(const _BILLING_HTTP_REQ_INFO_T& tReqInfo)
 
 CHttpConnector::CHttpConnector() : m_tMultiLock(PTHREAD_MUTEX_INITIALIZER)
 {
+    Note("connector");
     g_pConnector->constructedAfter.push_back(fake::platform().calls().size());
 }
 
