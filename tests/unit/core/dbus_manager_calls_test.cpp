@@ -6,6 +6,7 @@
 #include "item_members.h"
 
 #include <gmock/gmock.h>
+#include <malloc.h>
 
 #include <csignal>
 #include <new>
@@ -132,6 +133,23 @@ TEST_F(ADBusManager, PrintsNoParametersForALogThatHidesThem)
     EXPECT_THAT(shown, ElementsAre(std::string(24, ' ') + "\n", std::string(8, ' ') + "\n",
                                    std::string(2, ' ') + "\n"))
         << "blanks in their size";
+}
+
+TEST_F(ADBusManager, KeepsNoMemoryOfACall)
+{
+    fake::platform().logShowsPrivate(false);
+    const std::string strParameters = "('app', 'type', '" + std::string(8000, 'c') + "')";
+    const auto take = [&](int iCalls) {
+        for (int i = 0; i < iCalls; ++i) {
+            call("get_product_list", strParameters.c_str());
+            fake::platform().clearTimeline();
+        }
+    };
+    take(10);
+    const std::size_t uBefore = mallinfo2().uordblks;
+    take(300);
+    // Each call that is kept takes more than 8,000 bytes.
+    EXPECT_LT(mallinfo2().uordblks, uBefore + 1000000);
 }
 
 TEST_F(ADBusManager, IgnoresAnUnknownMethod)
@@ -274,6 +292,9 @@ TEST_F(ADBusManager, EndsTheServiceWhenThePipeHasFailed)
     static volatile std::sig_atomic_t g_iTerminated;
     g_iTerminated = 0;
     const auto pfnBefore = std::signal(SIGTERM, [](int) { ++g_iTerminated; });
+    fake::platform().onLog([](const fake::LogRecord&) {
+        EXPECT_EQ(g_iTerminated, 0) << "the signal comes after the last line";
+    });
 
     CDBusManager::m_PipeCallback(&m_oManager, nullptr, 0);
 
