@@ -54,12 +54,14 @@ void __real_g_main_context_unref(GMainContext* context);
 void __wrap_g_main_context_unref(GMainContext* context)
 {
     Note("unref context");
+    EXPECT_NE(context, nullptr);
     __real_g_main_context_unref(context);
 }
 void __real_g_main_loop_unref(GMainLoop* loop);
 void __wrap_g_main_loop_unref(GMainLoop* loop)
 {
     Note("unref loop");
+    EXPECT_NE(loop, nullptr);
     __real_g_main_loop_unref(loop);
 }
 }

@@ -37,6 +37,12 @@ struct ConnectorProbe {
         CHttpConnector::m_ReqInfoList.remove(pt);
         CHttpConnector::m_ReqInfoListBak.remove(pt);
     }
+    /// @return true if the lists' lock is usable and free
+    static bool listsCanBeLocked()
+    {
+        const bool bLocked = pthread_mutex_trylock(&CHttpConnector::m_ReqInfoLock) == 0;
+        return bLocked && pthread_mutex_unlock(&CHttpConnector::m_ReqInfoLock) == 0;
+    }
     static void dropFromBak() { CHttpConnector::m_ReqInfoListBak.clear(); }
     static _BILLING_REQ_HANDLER_t* last() { return CHttpConnector::m_ReqInfoList.back(); }
     bool init(_BILLING_REQ_HANDLER_t* pt) { return o.m_InitRequest(pt); }

@@ -46,8 +46,12 @@ TEST_F(AConnector, IsCreatedRunningAndStopsTheWrapperFirst)
     EXPECT_EQ(timeline[1], Did("thread of 131072 bytes"));
     EXPECT_EQ(timeline[2], Did("Start"));
     EXPECT_EQ(timeline[3], Asked("deployment_get_credential")) << "the device's key is verified";
+    fake::platform().clearTimeline();
+    GMainContext* const pContext = m_probe->context();
     EXPECT_FALSE(m_connector->Create()) << "it is running already";
-    EXPECT_EQ(LoggedLines().back(), CONNECTOR.refused("Create", "FlagCreate()"));
+    EXPECT_THAT(Timeline(), ElementsAre(CONNECTOR.debug("Create", "[START] "),
+                                        CONNECTOR.refused("Create", "FlagCreate()")));
+    EXPECT_EQ(m_probe->context(), pContext);
     fake::platform().clearTimeline();
 
     m_connector->Destroy();
@@ -60,6 +64,22 @@ TEST_F(AConnector, IsCreatedRunningAndStopsTheWrapperFirst)
                                   CONNECTOR.debug("Destroy", "[END] ")));
     EXPECT_EQ(Timeline().back(), CONNECTOR.debug("Destroy", "[END] "));
     EXPECT_EQ(m_probe->context(), nullptr);
+    m_connector->Destroy();
+    EXPECT_THAT(Notes(), Contains("quit loop").Times(1)) << "the second time nothing is left";
+}
+
+TEST_F(AConnector, BeginsWithEmptyListsAndAFreeLock)
+{
+    std::vector<_BILLING_REQ_HANDLER_t*> left{submit(), submit()};
+    construct();
+    EXPECT_EQ(ConnectorProbe::inFlight(), 0u);
+    EXPECT_EQ(ConnectorProbe::inFlightBak(), 0u);
+    EXPECT_TRUE(ConnectorProbe::listsCanBeLocked());
+    for (_BILLING_REQ_HANDLER_t* ptHandler : left) {
+        delete ptHandler->ptReqInfo;
+        delete ptHandler->pEasyHandle;
+        delete ptHandler;
+    }
 }
 
 TEST_F(AConnector, IsNotCreatedWithoutItsWorker)
