@@ -19,6 +19,7 @@ constexpr const char* NOBODY_ASKED =
     "a caller that reads nothing can stop the service: the bus policy should allow this user "
     "GetConnectionStats and Ping";
 constexpr std::size_t ORDINARY = 400;
+constexpr std::size_t ASK_BYTES = AskBytes(WINDOW_BYTES);
 
 using Given = std::vector<std::string>;
 
@@ -229,6 +230,45 @@ TEST_F(ABusFlow, GivesMemoryBackASecondAfterALargeReplyThatWaited)
     EXPECT_EQ(steps(), (Given{"give back"}));
     pass(60000);
     EXPECT_EQ(steps(), Given());
+}
+
+TEST_F(ABusFlow, GivesNoMemoryBackForExactlySoMuch)
+{
+    reply(":1.1", WINDOW_BYTES);
+    EXPECT_FALSE(reply(":1.1", GIVE_BACK_BYTES - HELD_EXTRA_BYTES));
+    unread(":1.1", 0);
+    pass(60000);
+    EXPECT_EQ(m_oBus.uGivenBack, 0u);
+}
+
+TEST_F(ABusFlow, AsksAtOnceAboutACallerWithOneUnreadByte)
+{
+    reply(":1.1", ASK_BYTES + ORDINARY);
+    unread(":1.1", 1);
+    reply(":1.2", UNREAD_BYTES - ORDINARY);
+    unread(":1.2", UNREAD_BYTES - ORDINARY);
+    steps();
+    EXPECT_FALSE(reply(":1.1", LARGE_BYTES + 1));
+    EXPECT_EQ(steps(), (Given{"wake in 2", "unread :1.1", "wake in 10000"}));
+}
+
+TEST_F(ABusFlow, WeighsAnErrorAndReportsHowManyThereWere)
+{
+    // Header, and a text of 122 characters with its NUL.
+    constexpr std::size_t ERROR_BYTES = HEADER_BYTES + 123;
+    reply(":1.1", WINDOW_BYTES);
+    EXPECT_FALSE(reply(":1.1", HELD_BYTES));
+    pass(REPORT_MS);
+    user(":1.1", 1000);
+    unread(":1.1", WINDOW_BYTES - ERROR_BYTES + 1);
+    EXPECT_TRUE(m_oBus.released.empty());
+    steps();
+    pass(FIRST_PAUSE_MS);
+    unread(":1.1", WINDOW_BYTES - ERROR_BYTES);
+    EXPECT_EQ(m_oBus.errors, Given{"org.freedesktop.DBus.Error.LimitsExceeded"});
+    EXPECT_EQ(steps().back(),
+              "caller :1.1 (user 1000) goes on: 1 answers had to wait, 1 of them "
+              "were refused");
 }
 
 TEST_F(ABusFlow, SwitchesToPingsByAnAnswerAboutAForgottenCaller)
