@@ -20,9 +20,9 @@ TEST_F(ABusFlow, HoldsTheLongestReplyForACallerThatReads)
 /// Fixture: a large reply that is held for a caller.
 class AHeldLargeReply : public ABusFlow {
 protected:
-    void hold(const std::string& strTo)
+    void hold(const std::string& strTo, std::size_t uText = 2 * MIB)
     {
-        std::string strText(2 * MIB, 'x');
+        std::string strText(uText, 'x');
         std::shared_ptr<void> pCount = std::make_shared<int>();
         m_pCount = pCount;
         EXPECT_FALSE(replyWith(strTo, MakeCountedBody(0, strText, pCount)));
@@ -72,6 +72,36 @@ TEST_F(AHeldLargeReply, IsCountedWhileThoseReadForWhomItWaits)
     EXPECT_FALSE(m_pCount.expired());
     pass(1);
     EXPECT_TRUE(m_pCount.expired());
+}
+
+TEST_F(AHeldLargeReply, IsCountedOnWhenItIsNotLarger)
+{
+    // A body of type "(is)" is the number, the text and its NUL.
+    constexpr std::size_t LARGEST_TEXT = LARGE_BYTES - HEADER_BYTES - 5;
+    reply(":1.1", WINDOW_BYTES);
+    hold(":1.1", LARGEST_TEXT);
+    pass(STUCK_MS);
+    EXPECT_FALSE(m_pCount.expired());
+    hold(":1.1", LARGEST_TEXT + 1);
+    pass(FIRST_PAUSE_MS);
+    EXPECT_TRUE(m_pCount.expired());
+}
+
+TEST_F(AHeldLargeReply, IsCountedWhileOthersLeave)
+{
+    EXPECT_TRUE(reply(":1.2", UNREAD_BYTES - 400));
+    EXPECT_TRUE(reply(":1.3", 400));
+    unread(":1.2", UNREAD_BYTES - 400);
+    hold(":1.1");
+    pass(STUCK_MS - 1);
+    EXPECT_FALSE(m_pCount.expired());
+    fails(BusQuestion::UNREAD, ":1.3", "org.freedesktop.DBus.Error.NameHasNoOwner");
+    pass(STUCK_MS - 1);
+    EXPECT_FALSE(m_pCount.expired()) << "somebody left: there may soon be room";
+    pass(1);
+    EXPECT_TRUE(m_pCount.expired());
+    fails(BusQuestion::UNREAD, ":1.2", "org.freedesktop.DBus.Error.NameHasNoOwner");
+    EXPECT_EQ(m_oBus.errors, std::vector<std::string>{""}) << "there is room now";
 }
 
 }  // namespace

@@ -11,6 +11,7 @@ using ::testing::IsEmpty;
 namespace {
 
 constexpr std::size_t ORDINARY = 400;
+constexpr std::size_t ASK_BYTES = AskBytes(WINDOW_BYTES);
 
 TEST_F(ABusFlow, AsksAboutTheOthersAgainASecondAfterItAsked)
 {
@@ -54,6 +55,43 @@ TEST_F(ABusFlow, LeavesTheAnswersToOtherQuestionsToOthers)
         g_dbus_message_set_reply_serial(pAnswer.get(), uSerial);
         EXPECT_FALSE(m_oFlow.Answer(pAnswer.get())) << uSerial;
     }
+}
+
+TEST_F(ABusFlow, BeginsAnewWithACallerThatIsHeldBackAgain)
+{
+    for (int i = 0; i < 2; i++) {
+        EXPECT_TRUE(reply(":1.1", WINDOW_BYTES));
+        EXPECT_FALSE(reply(":1.1", (1 + 3 * i) * WINDOW_BYTES));
+        EXPECT_EQ(open(BusQuestion::UNREAD), 1u) << "it is asked about at once";
+        pass(REPORT_MS);
+        user(":1.1", 1000);
+        unread(":1.1", 0);
+        EXPECT_EQ(texts().back(),
+                  "caller :1.1 (user 1000) goes on: 1 answers had to wait, 0 of them were refused");
+        EXPECT_EQ(texts().size(), 2u * (i + 1));
+    }
+}
+
+TEST_F(ABusFlow, AsksAboutAHeldReplyAtOnceThoughTheOneBeforeHasGone)
+{
+    reply(":1.1", WINDOW_BYTES);
+    reply(":1.1", ORDINARY);
+    unread(":1.1", 0);
+    reply(":1.2", 1 + ASK_BYTES);
+    EXPECT_FALSE(reply(":1.1", 2 * WINDOW_BYTES));
+    EXPECT_THAT(open(BusQuestion::UNREAD), 2u);
+}
+
+TEST_F(ABusFlow, TakesACallerThatWasSeenLatelyForNoOldOne)
+{
+    for (std::size_t i = 0; i < KEPT_CALLERS; i++) {
+        reply(":2." + std::to_string(i), i == 0 ? ASK_BYTES + 1 : ORDINARY);
+        pass(1);
+    }
+    unread(":2.0", ORDINARY);
+    reply(":3.1", ORDINARY);
+    ASSERT_EQ(m_oBus.asked.size(), 1u);
+    EXPECT_EQ(m_oBus.asked.begin()->second.strName, ":2.1");
 }
 
 class ABusThatAsksCallers : public ABusFlow {
@@ -101,6 +139,54 @@ TEST_F(ABusThatAsksCallers, PingsACallerThatIsThereASecondLater)
     EXPECT_EQ(open(BusQuestion::PING), 0u);
     pass(1);
     EXPECT_EQ(open(BusQuestion::PING), 1u);
+}
+
+TEST_F(ABusThatAsksCallers, WaitsForOthersAfterAnAnswerWithoutPingingAgain)
+{
+    EXPECT_TRUE(reply(":1.2", UNREAD_BYTES - ASK_BYTES));
+    EXPECT_TRUE(reply(":1.1", ASK_BYTES));
+    m_oBus.asked.clear();
+    EXPECT_TRUE(reply(":1.1", ORDINARY)) << "a small one passes the large ones";
+    EXPECT_FALSE(reply(":1.1", LARGE_BYTES + 1));
+}
+
+TEST_F(ABusFlow, TakesTheAnswerToItsFirstSerial)
+{
+    m_oBus.uRandom = 0;
+    reply(":1.1", WINDOW_BYTES);
+    ASSERT_EQ(m_oBus.asked.begin()->first, FIRST_SERIAL);
+    EXPECT_TRUE(unread(":1.1", 0));
+}
+
+TEST_F(ABusThatAsksCallers, TakesACallerThatIsThereForNoOldOne)
+{
+    for (std::size_t i = 0; i <= KEPT_CALLERS; i++) {
+        pass(1);
+        reply(":2." + std::to_string(i), ORDINARY);
+    }
+    ASSERT_EQ(m_oBus.asked.size(), 1u);
+    const std::string strOldest = m_oBus.asked.begin()->second.strName;
+    EXPECT_TRUE(owner(strOldest));
+    pass(1);
+    reply(":3.1", ORDINARY);
+    ASSERT_EQ(m_oBus.asked.size(), 1u);
+    EXPECT_NE(m_oBus.asked.begin()->second.strName, strOldest);
+}
+
+TEST_F(ABusThatAsksCallers, CountsWhatItReleasesWhereNobodyTells)
+{
+    constexpr std::size_t HELD = 8 * MIB;
+    reply(":1.1", WINDOW_BYTES);
+    EXPECT_FALSE(reply(":1.1", HELD));
+    fails(BusQuestion::PING, ":1.1", "org.freedesktop.DBus.Error.AccessDenied");
+    for (std::size_t uSent = HELD; uSent < UNKNOWN_BYTES; uSent += MIB) {
+        EXPECT_TRUE(reply(":1.1", MIB));
+    }
+    pass(FIRST_PAUSE_MS);
+    EXPECT_EQ(open(BusQuestion::PROOF), 0u);
+    reply(":1.1", ORDINARY);
+    pass(0);
+    EXPECT_EQ(open(BusQuestion::PROOF), 1u);
 }
 
 }  // namespace

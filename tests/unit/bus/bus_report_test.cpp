@@ -94,4 +94,23 @@ TEST_F(ABusFlow, WritesNoMoreThanSoManyLinesAMinute)
     EXPECT_THAT(texts(), Not(Contains(HasSubstr(":1.299"))));
 }
 
+TEST_F(ABusFlow, CountsACallerOnceThatIsNotReported)
+{
+    for (unsigned i = 0; i <= REPORTS; i++) {
+        const std::string strName = ":1." + std::to_string(i);
+        reply(strName, WINDOW_BYTES);
+        reply(strName, 400);
+        pass(REPORT_MS);
+        if (i < REPORTS) {
+            user(strName, 1000);
+        }
+        unread(strName, WINDOW_BYTES);
+        pass(2 * FIRST_PAUSE_MS);
+        fails(BusQuestion::UNREAD, strName, NO_OWNER);
+    }
+    pass(REPORT_PERIOD_MS);
+    m_oFlow.RefusedCall(":1.999", 70000);
+    EXPECT_THAT(texts(), Contains("1 more callers were held back or refused"));
+}
+
 }  // namespace

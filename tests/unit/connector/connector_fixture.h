@@ -37,6 +37,7 @@ struct ConnectorProbe {
         CHttpConnector::m_ReqInfoList.remove(pt);
         CHttpConnector::m_ReqInfoListBak.remove(pt);
     }
+    static std::size_t timesListsLocked() { return TimesLocked(CHttpConnector::m_ReqInfoLock); }
     /// @return true if the lists' lock is usable and free
     static bool listsCanBeLocked()
     {

@@ -3,6 +3,7 @@
 #include "connector_fixture.h"
 
 #include <gmock/gmock.h>
+#include <malloc.h>
 
 #include <cstdio>
 
@@ -30,6 +31,36 @@ TEST_F(AConnector, CallsBackOnceWithTheBodyAndFreesTheRequest)
                     Did("reset"), Did("callback"), CONNECTOR.debug("m_RemoveRequest", "[START] "),
                     Did("destruct (lists)"), CONNECTOR.debug("m_RemoveRequest", "[END] "),
                     CONNECTOR.debug("m_HandleRequestResult", "[END] ")));
+}
+
+TEST_F(AConnector, KeepsNoMemoryOfARequest)
+{
+    const auto make = [&](int iRequests) {
+        for (int i = 0; i < iRequests; ++i) {
+            _BILLING_HTTP_REQ_INFO_T tInfo = aRequest();
+            tInfo.strBody.assign(10000, 'b');
+            EXPECT_TRUE(m_connector->Get(&tInfo, false));
+            finish(ConnectorProbe::last(), true, "");
+            Answers().clear();
+            Curl().options.clear();
+            fake::platform().clearTimeline();
+        }
+    };
+    make(10);
+    const std::size_t uBefore = mallinfo2().uordblks;
+    make(200);
+    // Each request that is kept takes more than 10,000 bytes.
+    EXPECT_LT(mallinfo2().uordblks, uBefore + 1000000);
+}
+
+TEST_F(AConnector, LocksTheListsForTheSearchAndForTheRemoval)
+{
+    _BILLING_REQ_HANDLER_t* const ptHandler = submit();
+    const std::size_t uBefore = ConnectorProbe::timesListsLocked();
+
+    finish(ptHandler, true, "");
+
+    EXPECT_EQ(ConnectorProbe::timesListsLocked(), uBefore + 2);
 }
 
 TEST_F(AConnector, CallsBackWithFailureAndWhateverArrived)
@@ -180,6 +211,8 @@ TEST_F(AConnector, OnlyLogsThatTheMultiHandleFailed)
     int iRunning = 0;
     m_probe->perform(iRunning);
     EXPECT_FALSE(m_probe->select(iRunning));
+    Curl().bSelectFails = false;
+    EXPECT_TRUE(m_probe->select(iRunning));
 
     EXPECT_THAT(
         LoggedLines(),
@@ -204,6 +237,8 @@ TEST_F(AConnector, SaysThatAHandleWasNotRemoved)
         ElementsAre(Did("remove (multi)"),
                     CONNECTOR.error("m_RemoveEasyHandle",
                                     "[MZCurl][MZCurlMulti][removeHandle()] return false!")));
+    Curl().bRemoveFails = false;
+    EXPECT_TRUE(m_probe->remove(&oEasy));
 }
 
 }  // namespace

@@ -17,6 +17,9 @@ namespace {
 TEST_F(AConnector, SetsTheOptionsOfATlsGetInOrder)
 {
     _BILLING_HTTP_REQ_INFO_T tInfo = aRequest();
+    std::vector<std::size_t> optionsBefore;
+    fake::platform().onLog(
+        [&](const fake::LogRecord&) { optionsBefore.push_back(Curl().options.size()); });
 
     EXPECT_THAT(optionsOf(tInfo),
                 ElementsAre("17 1", "50 'https://host/path'", "78 callback", "86 pointer", "30 90",
@@ -34,18 +37,23 @@ TEST_F(AConnector, SetsTheOptionsOfATlsGetInOrder)
     EXPECT_THAT(LoggedLines(), ElementsAre(OPTIONS.error(SET_OPTIONS, "Setup SSL options"),
                                            OPTIONS.info(SET_OPTIONS, szAddresses),
                                            OPTIONS.debug(SET_OPTIONS, "[END] ")));
+    EXPECT_THAT(optionsBefore, ElementsAre(10u, 15u, 20u)) << "each line stands in its place";
 }
 
 TEST_F(AConnector, VerifiesNothingWithoutTls)
 {
     _BILLING_HTTP_REQ_INFO_T tInfo = aRequest();
     tInfo.bSSL = false;
+    std::vector<std::size_t> optionsBefore;
+    fake::platform().onLog(
+        [&](const fake::LogRecord&) { optionsBefore.push_back(Curl().options.size()); });
 
     EXPECT_THAT(
         optionsOf(tInfo),
         ElementsAre("17 1", "50 'https://host/path'", "78 callback", "86 pointer", "30 90", "33 90",
                     "92 pointer", "3 1", "67 ''", "69 ''", "39 0", "38 0", "75 'A: 1''Expect:'"));
     EXPECT_THAT(LoggedLines(), Contains(OPTIONS.error(SET_OPTIONS, "No SSL options are set")));
+    EXPECT_THAT(optionsBefore, ElementsAre(10u, 13u));
 }
 
 TEST_F(AConnector, PostsTheBodyWithItsLength)

@@ -2,11 +2,13 @@
 #include "held_locks.h"
 
 #include <algorithm>
+#include <map>
 #include <utility>
 #include <vector>
 
 namespace {
 thread_local std::vector<const pthread_mutex_t*> t_held;
+thread_local std::map<const pthread_mutex_t*, std::size_t> t_taken;
 thread_local int t_iLocksUntil = 0;
 thread_local std::function<void()> t_action;
 }  // namespace
@@ -20,6 +22,7 @@ int __wrap_pthread_mutex_lock(pthread_mutex_t* mutex)
     }
     const int iResult = __real_pthread_mutex_lock(mutex);
     t_held.push_back(mutex);
+    ++t_taken[mutex];
     return iResult;
 }
 int __real_pthread_mutex_unlock(pthread_mutex_t* mutex);
@@ -47,4 +50,9 @@ void BeforeLock(int n, std::function<void()> action)
 bool Holds(const pthread_mutex_t& tMutex)
 {
     return std::find(t_held.begin(), t_held.end(), &tMutex) != t_held.end();
+}
+
+std::size_t TimesLocked(const pthread_mutex_t& tMutex)
+{
+    return t_taken[&tMutex];
 }

@@ -13,5 +13,8 @@ std::size_t HeldLocks();
 /// True if the calling thread holds that mutex.
 bool Holds(const pthread_mutex_t& tMutex);
 
+/// How many times the calling thread has locked that mutex.
+std::size_t TimesLocked(const pthread_mutex_t& tMutex);
+
 /// Runs the action before the n-th lock from now on that this thread takes, 1 for the next one. Once.
 void BeforeLock(int n, std::function<void()> action);
