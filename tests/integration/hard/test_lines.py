@@ -10,8 +10,9 @@ from harness import daemon
 from harness.store import server
 from harness.store.server import Reply
 
-# Seconds for the daemon's own work on a busy machine.
-SOON = 1
+# Seconds for the daemon's own work on a busy machine. A call that had to wait for a lost line or for a mute name server
+# would take at least the 5 s of one question to a name server.
+SOON = 3
 # Seconds until an unanswered call is given up.
 GIVEN_UP = 90
 # Sum of the pauses before a refused connection is given up, in seconds.
