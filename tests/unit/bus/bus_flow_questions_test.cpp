@@ -141,13 +141,15 @@ TEST_F(ABusThatAsksCallers, PingsACallerThatIsThereASecondLater)
     EXPECT_EQ(open(BusQuestion::PING), 1u);
 }
 
-TEST_F(ABusThatAsksCallers, WaitsForOthersAfterAnAnswerWithoutPingingAgain)
+TEST_F(ABusThatAsksCallers, PingsNoCallerThatHasReadEverythingAndWaitsForOthers)
 {
-    EXPECT_TRUE(reply(":1.2", UNREAD_BYTES - ASK_BYTES));
-    EXPECT_TRUE(reply(":1.1", ASK_BYTES));
-    m_oBus.asked.clear();
-    EXPECT_TRUE(reply(":1.1", ORDINARY)) << "a small one passes the large ones";
-    EXPECT_FALSE(reply(":1.1", LARGE_BYTES + 1));
+    EXPECT_TRUE(reply(":1.2", UNREAD_BYTES - WINDOW_BYTES));
+    EXPECT_TRUE(reply(":1.1", WINDOW_BYTES));
+    EXPECT_FALSE(reply(":1.1", 2 * WINDOW_BYTES));
+    EXPECT_EQ(open(BusQuestion::PING), 2u);
+    EXPECT_TRUE(pong(":1.1"));
+    EXPECT_THAT(m_oBus.released, IsEmpty()) << "what the other has not read blocks it";
+    EXPECT_EQ(open(BusQuestion::PING), 1u);
 }
 
 TEST_F(ABusFlow, TakesTheAnswerToItsFirstSerial)
