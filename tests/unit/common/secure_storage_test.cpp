@@ -132,6 +132,17 @@ TEST_F(DeviceCertificate, IsEmptyWithoutAFileAndSoIsTheKey)
                             UTIL.debug(GET, "Use recreated")));
 }
 
+TEST_F(DeviceCertificate, IsEmptyWhereTheFileIsAPipe)
+{
+    m_oFile.isAPipe();
+
+    get();
+
+    EXPECT_EQ(m_cert, nullptr);
+    EXPECT_EQ(LoggedLines()[3], UTIL.error(MAKE, "!bioClient"))
+        << "the open would wait for a writer";
+}
+
 TEST_F(DeviceCertificate, IsEmptyWhenTheFileHoldsNone)
 {
     m_oFile.holds("no certificate");
@@ -171,6 +182,8 @@ TEST_F(DeviceCertificate, OfAnotherKindOfKeyGivesNoKey)
     EXPECT_EQ(m_key, nullptr);
     EXPECT_EQ(LoggedLines()[LoggedLines().size() - 2],
               UTIL.debug(MAKE, "Get Public Key from DevCert"));
+    get();
+    EXPECT_EQ(LoggedLines().back(), UTIL.debug(GET, "Use recreated")) << "half is not cached";
 }
 
 // --- the private operation ---

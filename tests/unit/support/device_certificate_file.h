@@ -1,5 +1,5 @@
-// device_certificate_file.h - redirects the service's certificate file to a file of the test, by a double of
-// BIO_new_file.
+// device_certificate_file.h - redirects the service's certificate file to a file of the test, by doubles of
+// BIO_new_file and stat.
 #pragma once
 
 #include "device_certificate.h"
@@ -19,6 +19,8 @@ public:
     /// Writes a certificate for the key in the fake's key store.
     void holdsTheDevices();
     void isMissing();
+    /// Makes a named pipe without a writer.
+    void isAPipe();
 
 private:
     test::TemporaryFolder m_oFolder;
