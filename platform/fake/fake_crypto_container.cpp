@@ -79,6 +79,8 @@ int openKeyMaterial(CryptoCoreContainer* self, const unsigned char* sealed, std:
         return failure;
     const auto device = fake::deviceKey();
     const auto material = setting(&fake::Secure::keyMaterial);
+    if (modulus == nullptr || exponent == nullptr)
+        return kFailed;
     if (!material || sealed == nullptr || sealedSize != material->size() ||
         memcmp(sealed, material->data(), sealedSize) != 0)
         return kFailed;

@@ -363,6 +363,18 @@ TEST_F(ACryptoContainer, OpensKeyMaterialForItsOwnPublicKeyOnly)
     EXPECT_EQ(exponent, Bytes(257, 0xee));
 }
 
+TEST_F(ACryptoContainer, OpensNoKeyMaterialWithoutItsArguments)
+{
+    ASSERT_EQ(set(device), 0);
+    const Bytes sealed = material();
+    unsigned char* const n = modulus.data();
+    unsigned char* const d = exponent.data();
+    EXPECT_GT(container->open_key_material(container, nullptr, sealed.size(), n, d), 0);
+    EXPECT_GT(container->open_key_material(container, sealed.data(), sealed.size(), nullptr, d), 0);
+    EXPECT_GT(container->open_key_material(container, sealed.data(), sealed.size(), n, nullptr), 0);
+    EXPECT_EQ(modulus, Bytes(257, 0xee));
+}
+
 TEST_F(ACryptoContainer, OpensNoKeyMaterialThatWasChangedAnywhere)
 {
     ASSERT_EQ(set(device), 0);

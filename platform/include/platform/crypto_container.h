@@ -31,7 +31,8 @@ typedef struct CryptoCoreContainer {
     /// Opens sealed key material for the public key that was set.
     /// @param[out] modulus, exponent 257 bytes each of the caller's: a zero byte and 256 bytes,
     ///   big-endian. The caller wipes them.
-    /// @return 0, or a positive number when the material is for another key, damaged or forged
+    /// @return 0, or a positive number when the material is for another key, damaged or forged, or when an
+    ///   argument is null
     int (*open_key_material)(struct CryptoCoreContainer* self, const unsigned char* sealed,
                              size_t sealed_size, unsigned char modulus[257],
                              unsigned char exponent[257]);
