@@ -373,6 +373,34 @@ TEST_F(TheDeviceKey, IsLeftAloneWithoutACertificateToHoldItAgainst)
     EXPECT_THAT(keyCalls(), ElementsAre("ss_init_credential", "ss_encrypt_by_key 7"));
 }
 
+// A certificate with an odd public exponent of that many bits. Its signature is not valid.
+std::string WithExponent(int iBits)
+{
+    const test::Identity tIdentity = test::selfSigned(fake::Platform::deviceKeyPem(), "Long");
+    const BillingOpenSslPtr<EVP_PKEY> pKey(X509_get_pubkey(tIdentity.certificate.get()));
+    const BillingOpenSslPtr<RSA> pRsa(EVP_PKEY_get1_RSA(pKey.get()));
+    BIGNUM* const pExponent = BN_new();
+    EXPECT_EQ(BN_set_bit(pExponent, iBits - 1) + BN_set_bit(pExponent, 0), 2);
+    EXPECT_EQ(RSA_set0_key(pRsa.get(), nullptr, pExponent, nullptr), 1);
+    const BillingOpenSslPtr<EVP_PKEY> pLong(EVP_PKEY_new());
+    EXPECT_EQ(EVP_PKEY_set1_RSA(pLong.get(), pRsa.get()), 1);
+    EXPECT_EQ(X509_set_pubkey(tIdentity.certificate.get(), pLong.get()), 1);
+    return test::pemOf(*tIdentity.certificate);
+}
+
+TEST_F(TheDeviceKey, IsHeldAgainstAnExponentOfAtMost256Bytes)
+{
+    m_oFile.holds(WithExponent(256 * 8));
+    start();
+    EXPECT_THAT(LoggedLines(), Contains(Debug("Set CC key pair")));
+
+    m_oFile.holds(WithExponent(256 * 8 + 1));
+    start();
+    EXPECT_THAT(LoggedLines(),
+                ElementsAre(Info("Verify the private key"),
+                            Error("Internal error, OpenSSL objects are not created")));
+}
+
 TEST_F(TheDeviceKey, IsNotStoredWithoutACertificateThatItBelongsTo)
 {
     m_oFile.isMissing();
