@@ -13,6 +13,33 @@ namespace {
 constexpr std::size_t ORDINARY = 400;
 constexpr std::size_t ASK_BYTES = AskBytes(WINDOW_BYTES);
 
+TEST(ABusMessage, HasTheBytesOfItsBodyOrNone)
+{
+    const BusMessagePtr pMessage(g_dbus_message_new());
+    EXPECT_EQ(BodyBytes(pMessage.get()), 0u);
+    g_dbus_message_set_body(pMessage.get(), g_variant_new("(s)", "text"));
+    EXPECT_EQ(BodyBytes(pMessage.get()), 5u);
+}
+
+TEST(ABusMessage, IsRefusedByAnErrorInItsPlace)
+{
+    const BusMessagePtr pReply(g_dbus_message_new());
+    g_dbus_message_set_destination(pReply.get(), ":1.1");
+    g_dbus_message_set_serial(pReply.get(), 7);
+    g_dbus_message_set_reply_serial(pReply.get(), 8);
+
+    const BusMessagePtr pError = MakeRefusal(pReply.get(), "the text");
+
+    EXPECT_EQ(g_dbus_message_get_message_type(pError.get()), G_DBUS_MESSAGE_TYPE_ERROR);
+    EXPECT_EQ(g_dbus_message_get_flags(pError.get()), G_DBUS_MESSAGE_FLAGS_NO_REPLY_EXPECTED);
+    EXPECT_STREQ(g_dbus_message_get_destination(pError.get()), ":1.1");
+    EXPECT_EQ(g_dbus_message_get_serial(pError.get()), 7u);
+    EXPECT_EQ(g_dbus_message_get_reply_serial(pError.get()), 8u);
+    EXPECT_STREQ(g_dbus_message_get_error_name(pError.get()),
+                 "org.freedesktop.DBus.Error.LimitsExceeded");
+    EXPECT_STREQ(g_dbus_message_get_arg0(pError.get()), "the text");
+}
+
 TEST_F(ABusFlow, AsksAboutTheOthersAgainASecondAfterItAsked)
 {
     constexpr int CALLERS = 16;

@@ -139,6 +139,10 @@ TEST_F(TheDeviceKey, IsFoundAndValid)
 
     EXPECT_EQ(LoggedLines(), Verified());
     EXPECT_THAT(keyCalls(), ElementsAre("ss_init_credential", "ss_encrypt_by_key 7"));
+    const std::vector<std::string> calls = fake::platform().calls();
+    EXPECT_EQ(std::vector<std::string>(calls.begin(), calls.begin() + 3),
+              (std::vector<std::string>{"deployment_get_credential", "ss_init_credential",
+                                        "deployment_get_key_id"}));
 }
 
 // 0 is the only number that is no id.
