@@ -170,6 +170,7 @@ TEST_F(TheDeviceKey, IsAskedForWithTheFiveWordsFollowedByOneAndZero)
         EXPECT_EQ(call.credential.reserved, 0u) << szFunction;
     }
     EXPECT_EQ(callOf("ss_encrypt_by_key").size, 256u);
+    EXPECT_TRUE(callOf("ss_encrypt_by_key").restIsZero);
 }
 
 TEST_F(TheDeviceKey, IsStoredWhenItIsAbsentAndVerifiedThen)
@@ -332,6 +333,10 @@ TEST_F(TheDeviceKey, IsRemovedAgainWhenItGotAnotherId)
                       {Info("Store key result 0"), Error("key is stored with the wrong id!")}}));
     EXPECT_THAT(keyCalls(), ElementsAre("ss_init_credential", "ss_encrypt_by_key 7",
                                         "ss_store_rsa_key 7", "ss_remove_key 9"));
+    const Steps steps = Timeline();
+    EXPECT_THAT(Steps(steps.end() - 4, steps.end()),
+                ElementsAre(LoggedLines().back(), Asked("ss_remove_key 9"), Did("wipe 257 bytes"),
+                            Did("wipe 257 bytes")));
     EXPECT_THAT(fake::platform().storedKeyIds(), IsEmpty());
 }
 
