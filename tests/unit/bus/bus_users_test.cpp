@@ -81,6 +81,28 @@ TEST_F(ABusFlow, RemembersSoManyCallersThatWereTold)
     EXPECT_THAT(m_oBus.asked, IsEmpty()) << "it is remembered";
     m_oFlow.Called(":1.0");
     EXPECT_EQ(open(BusQuestion::USER), 1u) << "the oldest is forgotten";
+    m_oFlow.Called(":1.1");
+    EXPECT_EQ(open(BusQuestion::USER), 2u) << "and for it the next one";
+}
+
+TEST_F(ABusFlow, TellsOfOneCallerThatWasLeftOutAMinuteAfterTheFirst)
+{
+    const auto tell = [&](unsigned i) {
+        const std::string strName = ":1." + std::to_string(i);
+        m_oFlow.Called(strName);
+        user(strName, 1000);
+    };
+    m_oBus.iNow = REPORT_PERIOD_MS / 2;
+    for (unsigned i = 0; i < TOLD_LINES; i++) {
+        tell(i);
+    }
+    pass(REPORT_PERIOD_MS - 1);
+    tell(TOLD_LINES);
+    EXPECT_THAT(texts(), SizeIs(TOLD_LINES)) << "a minute counts from its first line";
+    pass(1);
+    tell(900);
+    EXPECT_THAT(texts(), Contains("1 more callers were of user 1000"));
+    EXPECT_THAT(texts(), SizeIs(TOLD_LINES + 2));
 }
 
 }  // namespace
