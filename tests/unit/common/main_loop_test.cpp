@@ -464,4 +464,19 @@ TEST_P(AMainLoop, SurvivesADestoryAtAnyMomentOfItsStart)
     }
 }
 
+TEST_F(AnUncreatedMainLoop, GivesEachSourceBackOnce)
+{
+    ASSERT_TRUE(m_loop.Create(false));
+    GSource* const pSource = m_loop.AddTimeoutSource(60000, CountUp, nullptr);
+    ASSERT_NE(g_source_ref(pSource), nullptr);
+    EXPECT_FALSE(m_loop.Create(false)) << "it keeps its sources";
+    EXPECT_EQ(pSource->ref_count, 3u) << "of the context, the loop and the test";
+
+    m_loop.Destory();
+    EXPECT_EQ(pSource->ref_count, 1u);
+    m_loop.DeleteSource(pSource);
+    EXPECT_EQ(pSource->ref_count, 1u) << "the loop has forgotten it";
+    g_source_unref(pSource);
+}
+
 }  // namespace

@@ -46,6 +46,15 @@ TEST_F(ASync, IsGivenTakenAndDestroyedUnderTheOneLock)
     EXPECT_EQ(happened(), Did({CREATED, GIVEN, TAKEN, DESTROYED}));
 }
 
+TEST_F(ASync, IsNotMadeTwice)
+{
+    const Line tRefused = LinesOf{"BillingTaskBase.cpp"}.refused("Create", "FlagCreate()");
+
+    EXPECT_FALSE(m_oSync.Create());
+
+    EXPECT_EQ(happened(), Did({"lock sync"}) + These(tRefused) + Did({"unlock sync"}));
+}
+
 TEST_F(ASync, WaitsAgainAfterAWakeUpWithoutASignal)
 {
     Doubles().waits = {[] { return 0; }, [] { return 0; }, [this] { return give(); }};
@@ -285,6 +294,15 @@ protected:
 };
 
 const char* const LOOP_GONE = "lock loop; quit; context gone; loop gone; unlock loop";
+
+TEST_F(AWorker, IsNotMadeTwice)
+{
+    create();
+
+    EXPECT_FALSE(m_oWorker.Create());
+
+    EXPECT_EQ(happened(), These(LinesOf{"BillingTaskBase.cpp"}.refused("Create", "FlagCreate()")));
+}
 
 TEST_F(AWorker, IsMadeOfALoopAndAThreadAndEndsWithItsQuitEvent)
 {
