@@ -295,6 +295,14 @@ protected:
 
 const char* const LOOP_GONE = "lock loop; quit; context gone; loop gone; unlock loop";
 
+TEST_F(AWorker, IsNotDestroyedBeforeItIsMade)
+{
+    m_oWorker.Destroy();
+
+    EXPECT_EQ(happened(),
+              These(LinesOf{"BillingTaskBase.cpp"}.refused("Destroy", "FlagCreate() != true")));
+}
+
 TEST_F(AWorker, IsNotMadeTwice)
 {
     create();
