@@ -8,6 +8,7 @@
 #include <gmock/gmock.h>
 #include <malloc.h>
 
+#include <algorithm>
 #include <csignal>
 #include <new>
 #include <stdexcept>
@@ -15,6 +16,13 @@
 using ::testing::ElementsAre;
 
 namespace {
+
+const guint32 PENDING_AT_START = CDBusManager::GetDbusProcessListNum();
+
+TEST(PendingCalls, AreNoneAtTheStart)
+{
+    EXPECT_EQ(PENDING_AT_START, 0u);
+}
 
 // --- calls ---
 
@@ -133,6 +141,19 @@ TEST_F(ADBusManager, PrintsNoParametersForALogThatHidesThem)
     EXPECT_THAT(shown, ElementsAre(std::string(24, ' ') + "\n", std::string(8, ' ') + "\n",
                                    std::string(2, ' ') + "\n"))
         << "blanks in their size";
+}
+
+TEST_F(ADBusManager, PrintsNoMoreBlanksThanTheLongestArgumentsHave)
+{
+    fake::platform().logShowsPrivate(false);
+    for (const std::size_t uText : {8000, 8192, 9000}) {
+        call("get_product_list", ("('', '', '" + std::string(uText, 'c') + "')").c_str());
+        // Three texts have 12 characters besides: brackets, quotes, commas and blanks.
+        EXPECT_EQ(
+            LoggedLines().at(1).strText,
+            "parameters = " + std::string(std::min<std::size_t>(uText + 12, 8256), ' ') + "\n");
+        fake::platform().clearLog();
+    }
 }
 
 TEST_F(ADBusManager, KeepsNoMemoryOfACall)
