@@ -40,8 +40,9 @@ TEST(AnEasyHandle, RefusesEverythingBeforeItIsInitialised)
     EXPECT_FALSE(easy.setOption(MZCURL_OPT_PRIVATE, pointer));
     EXPECT_FALSE(easy.getInfo(MZCURL_INFO_PRIVATE, &pointer));
     EXPECT_FALSE(easy.send());
-    EXPECT_THAT(easy.getLastError(), Not(IsEmpty()));
+    EXPECT_EQ(easy.getLastError(), "The handle is not initialised, or a multi handle has it");
     easy.reset();
+    EXPECT_THAT(easy.getLastError(), Not(IsEmpty())) << "there is nothing to reset";
     EXPECT_EQ(pointer, &easy);
 }
 
@@ -93,6 +94,14 @@ TEST_F(AnInitialisedEasyHandle, RefusesAValueOfTheWrongType)
     refuses(MZCURL_OPT_WRITEDATA, &test::appendBody, reason);
     refuses(MZCURL_OPT_WRITEFUNCTION, static_cast<void*>(&easy), reason);
     refuses(MZCURL_OPT_PRIVATE, 1, reason);
+}
+
+TEST_F(AnInitialisedEasyHandle, ForgetsItsErrorByAReset)
+{
+    refuses(MZCURL_OPT_URL, 1, "");
+    EXPECT_THAT(easy.getLastError(), Not(IsEmpty()));
+    easy.reset();
+    EXPECT_THAT(easy.getLastError(), IsEmpty());
 }
 
 TEST_F(AnInitialisedEasyHandle, RefusesOptionsThatItDoesNotKnow)
