@@ -44,6 +44,7 @@ class Link:
         self._gone = gone
         self._idle_seconds = idle_seconds
         self._under_way = 0
+        self._aborted = False
         self._timer: asyncio.TimerHandle | None = None
         self.asked()
 
@@ -90,28 +91,40 @@ class Link:
         if self.left.is_set() and not self._under_way:
             self.done.set()
 
+    def _abort(self) -> None:
+        # In Python 3.11 the abort() of a TLS transport raises after a second close(), which aiohttp may have called.
+        if not self._aborted:
+            self._aborted = True
+            self.transport.abort()
+
     def close(self) -> None:
         """Ends the connection with TLS's close_notify and a FIN, as servers close idle connections."""
-        if self.silent:
+        if self.silent or self._aborted:
             return
         self.transport.close()
         # close() alone would wait for the client's close_notify before it sends the FIN.
-        self.transport.abort()
+        self._abort()
 
     def cut(self) -> None:
         """Ends the connection with a FIN, without close_notify."""
-        if not self.silent:
-            self.transport.abort()
+        if self.silent or self._aborted:
+            return
+        # Closing with unread data, such as a client's HTTP/2 acknowledgement, would send a reset in place of the FIN.
+        with contextlib.suppress(OSError):
+            self.transport.get_extra_info("socket").shutdown(socket.SHUT_WR)
+        self._abort()
 
     def reset(self) -> None:
         if not self.silent:
             self._reset()
 
     def _reset(self) -> None:
+        if self._aborted:
+            return
         # With a linger time of 0, closing drops unsent data and sends a TCP reset.
         raw = self.transport.get_extra_info("socket")
         raw.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
-        self.transport.abort()
+        self._abort()
 
     def silence(self) -> None:
         """Makes the connection silent: the client's packets are dropped unacknowledged, nothing is sent, and no end of the
@@ -131,7 +144,7 @@ class Link:
         if self.silent:
             self._reset()
         else:
-            self.transport.abort()
+            self._abort()
 
 
 class Exchange(abc.ABC):

@@ -245,3 +245,38 @@ def test_an_option_that_cannot_be_is_refused_with_a_reason(store, switch, fault,
         switch(fault, **options)
     assert said in str(caught.value)
     assert described(store) == before
+
+
+def end_of_tcp(tls):
+    """Reads to the FIN, below TLS. A reset raises."""
+    while data := socket.socket.recv(tls, 65536):
+        pass
+    return data
+
+
+def test_a_connection_is_cut_with_a_fin_also_before_the_client_s_bytes_are_read(store, client):
+    client.request("country")
+
+    def cut():
+        (link,) = store.simulator.connections._links
+        client.tls.sendall(b"GET /")
+        link.cut()
+
+    # The server's thread reads nothing while it calls this function.
+    store.do(cut)
+    assert end_of_tcp(client.tls) == b""
+
+
+def test_a_connection_can_be_ended_again(store, client):
+    client.request("country")
+
+    def end():
+        (link,) = store.simulator.connections._links
+        link.cut()
+        # As aiohttp does at the end of a request.
+        link.transport.close()
+        for again in (link.close, link.cut, link.reset, link.drop):
+            again()
+
+    store.do(end)
+    assert end_of_tcp(client.tls) == b""
