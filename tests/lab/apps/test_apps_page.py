@@ -28,9 +28,20 @@ def flags(library):
     return shlex.split(found.stdout)
 
 
+def of_sdbus_2(program):
+    """The C++ program with the line that the page gives for sdbus-c++ 2."""
+    line = re.search(r"\n```\n(.*createProxy.*\n)```", PAGE)[1]
+    changed, count = re.subn(r".*createProxy.*\n", lambda _: line, program)
+    assert count == 1
+    return changed
+
+
 def built(folder, language, compiler, library):
     source = folder / f"app.{language}"
-    source.write_text(PROGRAMS[language], encoding="utf-8")
+    program = PROGRAMS[language]
+    if library == "sdbus-c++" and subprocess.run(["pkg-config", "--atleast-version=2", library], check=False).returncode == 0:
+        program = of_sdbus_2(program)
+    source.write_text(program, encoding="utf-8")
     subprocess.run([*compiler, "-Wall", "-Werror", source, "-o", folder / "app", *flags(library)], check=True, timeout=200)
     return [folder / "app"]
 
