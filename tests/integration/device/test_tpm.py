@@ -15,7 +15,8 @@ from harness import daemon
 from harness.device import credentials, device
 from harness.store import server
 
-MODULES = glob.glob("/usr/lib/*/libtpm2_pkcs11.so.1")
+# Debian 13 has it in the folder pkcs11.
+MODULES = glob.glob("/usr/lib/*/libtpm2_pkcs11.so.1") + glob.glob("/usr/lib/*/pkcs11/libtpm2_pkcs11.so.1")
 PROGRAMS = ("swtpm", "pkcs11-tool", "tpm2_flushcontext")
 LABEL, PIN = "billing-tpm", "user-pin-4711"
 
