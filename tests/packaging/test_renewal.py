@@ -110,7 +110,7 @@ SLOT = """
 mkdir -p /run/slot-{name}/upper /run/slot-{name}/work
 mount -t overlay overlay -o lowerdir=/usr,upperdir=/run/slot-{name}/upper,workdir=/run/slot-{name}/work /usr
 echo {name} >/usr/slot
-mount -o remount,ro /usr
+mount -o remount,bind,ro /usr
 """
 PLACE = "/usr/apps/org.plevo.billing-api/res/certificate"
 
