@@ -127,7 +127,7 @@ def test_a_sealed_key_is_imported_and_gone_before_the_service_starts(machine):
     assert machine.do("cat /tmp/home/modes") == "root 600\n" * 2
     assert '{"asked by": "sealed device"' in machine.do(AS_APP)
     left = machine.do(
-        "find / -xdev \\( -name key-material -o -name seal.key \\) -not -path '/tmp/home/made/*' "
+        "find / -xdev -newer /tmp/home/maker.conf \\( -name key-material -o -name seal.key \\) -not -path '/tmp/home/made/*' "
         "-not -path '/proc/*'; find /tmp/home -maxdepth 1 -name 'seal.key'"
     )
     assert left == ""
