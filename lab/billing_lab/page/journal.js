@@ -92,12 +92,12 @@ export function clear() {
   schedule();
 }
 
-/** Removes entries that the lab no longer has. @param first the number of the lab's first entry, 0 if it has none */
+/** Removes entries that the lab no longer has. @param first the number of the first entry that it has, or will have */
 export function forgetBefore(first) {
-  const kept = first === 0 ? [] : entries.filter((entry) => entry.seq >= first);
+  const kept = entries.filter((entry) => entry.seq >= first);
   if (kept.length === entries.length) return;
   entries.splice(0, entries.length, ...kept);
-  for (const seq of [...places.keys()]) if (first === 0 || seq < first) places.delete(seq);
+  for (const seq of [...places.keys()]) if (seq < first) places.delete(seq);
   visible = entries.filter(wanted);
   schedule();
 }

@@ -53,8 +53,9 @@ async function begin() {
     showBanner(now);
     showChecks(now);
     showAnswers(now);
-    journal.forgetBefore(now.journal.first);
-    if (now.journal.entries === 0) plot.clear();
+    // The page may have newer entries than this state.
+    journal.forgetBefore(now.journal.first || now.journal.newest + 1);
+    if (journal.latest() === 0) plot.clear();
     await invoices.refresh();
   }
 

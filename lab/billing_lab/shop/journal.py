@@ -66,9 +66,10 @@ def entries(db: sqlite3.Connection, after: int = 0, last: int | None = None) -> 
 
 
 def span(db: sqlite3.Connection) -> dict:
-    """The number of entries, and the numbers of the first and the last one; all 0 if there is none."""
+    """The number of entries, and the numbers of the first and the last one, all 0 if there is none; and `newest`, the highest
+    number that an entry has had."""
     row = db.execute("SELECT COUNT(*), COALESCE(MIN(seq), 0), COALESCE(MAX(seq), 0) FROM journal").fetchone()
-    return dict(zip(("entries", "first", "last"), row))
+    return {**dict(zip(("entries", "first", "last"), row)), "newest": newest(db)}
 
 
 def last_before(db: sqlite3.Connection, moment: str) -> int:

@@ -45,6 +45,29 @@ def test_a_request_that_hangs_is_shown_while_it_hangs(page, lab):
     page.wait(lambda: any("ended without an answer" in row for row in page.rows()))
 
 
+SLOW_STATUS = """
+    const ask = window.fetch;
+    window.fetch = async (...all) => {
+        const answer = await ask(...all);
+        if (String(all[0]).endsWith("status")) await new Promise((done) => setTimeout(done, 1500));
+        return answer;
+    };"""
+
+
+@in_a_browser
+def test_a_request_stays_in_the_list_when_an_older_state_comes_after_it(page, lab):
+    slow = page.driver.execute_cdp_cmd("Page.addScriptToEvaluateOnNewDocument", {"source": SLOW_STATUS})
+    try:
+        # The page asks for the state once more when it is connected; that state knows of no request.
+        page.open()
+    finally:
+        page.driver.execute_cdp_cmd("Page.removeScriptToEvaluateOnNewDocument", slow)
+    lab.call("check_server_availability")
+    page.wait(lambda: page.rows())
+    time.sleep(2)
+    assert len(page.rows()) == 1
+
+
 @in_a_browser
 def test_the_answer_beside_a_call_is_its_own_or_none(page, lab):
     """Other apps send requests at the same time."""

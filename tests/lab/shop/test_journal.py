@@ -170,7 +170,7 @@ def test_the_journal_is_bounded_by_bytes_too(store, monkeypatch, client):
         client.request("country")
     kept = entries(store)
     assert [entry["seq"] for entry in kept] == [5, 6, 7]
-    assert store.do(lambda: journal.span(store.db)) == {"entries": 3, "first": 5, "last": 7}
+    assert store.do(lambda: journal.span(store.db)) == {"entries": 3, "first": 5, "last": 7, "newest": 7}
     # An entry larger than the limit for all entries is kept as the only one.
     monkeypatch.setattr(journal, "KEPT_TOTAL_BYTES", 1)
     client.request("country")
