@@ -4,7 +4,6 @@
 #include <algorithm>
 #include <iterator>
 #include <limits>
-#include <string_view>
 #include <variant>
 
 namespace MZCurl {
