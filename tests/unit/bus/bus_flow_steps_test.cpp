@@ -285,7 +285,7 @@ TEST_F(ABusFlow, SwitchesToPingsByAnAnswerAboutAForgottenCaller)
     EXPECT_EQ(steps(), Given());
 }
 
-/// Fixture: the bus refuses to tell, and nobody has been pinged yet.
+/// Fixture: the bus refuses to tell, and no caller has been pinged yet.
 class ABusOfPings : public ABusFlow {
 protected:
     ABusOfPings()
