@@ -194,7 +194,8 @@ def test_a_burst_of_refusals_is_answered_whole(service, callers, a_device, size,
 
 
 def test_dripping_servers_hold_nobody_up(service, caller, store, size, figure):
-    count = size(60, 200)
+    # One app has two thirds of the 256 slots at most.
+    count = size(60, 160)
     store.answer = lambda request: Drip() if "drip" in request.line else Reply(b"{}")
     dripping = [caller.start("get_product_list", "drip", "", "", timeout=300) for _ in range(count)]
     store.wait_for_requests(count, timeout=60)
