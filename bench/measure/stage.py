@@ -56,7 +56,7 @@ PROGRAMS = (
     "bench/both_floor",
     "service/billing-service",
     "platform/provision/billing-provision",
-    "tests/unit/platform/test-pkcs11-proxy.so",
+    "tests/support/test-pkcs11-proxy.so",
 )
 
 

@@ -12,10 +12,7 @@ KEYS = [
 
 # Files that a program loads at run time.
 LOADED = {
-    "tests/unit/platform/key_store_test": [
-        "tests/unit/platform/test-pkcs11-proxy.so",
-        "platform/linux/libbilling-platform.so.1.0.0",
-    ]
+    "tests/unit/platform/key_store_test": ["tests/support/test-pkcs11-proxy.so", "platform/linux/libbilling-platform.so.1.0.0"]
 }
 
 

@@ -6,7 +6,7 @@ from .. import daemon
 
 def module():
     """Path of the proxy of the daemon's build."""
-    return daemon.binary().parents[1] / "tests" / "unit" / "platform" / "test-pkcs11-proxy.so"
+    return daemon.binary().parents[1] / "tests" / "support" / "test-pkcs11-proxy.so"
 
 
 class TokenProxy:
