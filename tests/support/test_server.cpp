@@ -24,18 +24,34 @@ std::size_t contentLength(const std::string& head)
     return at == std::string::npos ? 0 : std::stoul(head.substr(at + name.size()));
 }
 
-int listenOnAnyPort(int& port)
+/// @param address  with family and host; its port is set to the one that the kernel has chosen
+template <class Address>
+int listenOn(Address& address)
 {
-    const int listener = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t length = sizeof address;
     auto* const generic = reinterpret_cast<sockaddr*>(&address);
+    const int listener = socket(generic->sa_family, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    socklen_t length = sizeof address;
     if (listener < 0 || bind(listener, generic, length) != 0 || listen(listener, 1024) != 0 ||
         getsockname(listener, generic, &length) != 0) {
         throw std::runtime_error("cannot listen");
     }
+    return listener;
+}
+
+int listenOnAnyPort(bool overIpv6, int& port)
+{
+    if (overIpv6) {
+        sockaddr_in6 address{};
+        address.sin6_family = AF_INET6;
+        address.sin6_addr = in6addr_loopback;
+        const int listener = listenOn(address);
+        port = ntohs(address.sin6_port);
+        return listener;
+    }
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    const int listener = listenOn(address);
     port = ntohs(address.sin_port);
     return listener;
 }
@@ -140,10 +156,12 @@ bool Connection::answer(std::string_view body)
 }
 
 TestServer::TestServer(Handler handler, const ServerOptions& options)
-    : m_handler(std::move(handler)), m_keepsRequests(options.keepsRequests)
+    : m_handler(std::move(handler)),
+      m_keepsRequests(options.keepsRequests),
+      m_overIpv6(options.overIpv6)
 {
     std::signal(SIGPIPE, SIG_IGN);
-    m_listener = listenOnAnyPort(m_port);
+    m_listener = listenOnAnyPort(m_overIpv6, m_port);
     if (options.identity != nullptr) {
         setUpTls(options);
     }
@@ -185,8 +203,8 @@ TestServer::~TestServer()
 
 std::string TestServer::url() const
 {
-    return (m_context != nullptr ? "https://127.0.0.1:" : "http://127.0.0.1:") +
-           std::to_string(m_port);
+    const std::string scheme = m_context != nullptr ? "https://" : "http://";
+    return scheme + (m_overIpv6 ? "[::1]:" : "127.0.0.1:") + std::to_string(m_port);
 }
 
 void TestServer::accept()

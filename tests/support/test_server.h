@@ -1,4 +1,4 @@
-// test_server.h - an HTTP/1.1 server on 127.0.0.1 whose bytes a test decides: plain or TLS, one thread
+// test_server.h - an HTTP/1.1 server on 127.0.0.1 or ::1 whose bytes a test decides: plain or TLS, one thread
 // for each connection, on a port that the kernel chooses.
 #pragma once
 
@@ -74,6 +74,7 @@ struct ServerOptions {
     bool keepsRequests = true;                  ///< false for tests with very many requests
     std::function<void(SSL_CTX*)> adjust = {};  ///< changes the TLS context further
     bool tickets = true;                        ///< false: no session can be resumed
+    bool overIpv6 = false;                      ///< listens on ::1
 };
 
 class TestServer {
@@ -86,7 +87,7 @@ public:
     TestServer(const TestServer&) = delete;
     TestServer& operator=(const TestServer&) = delete;
 
-    /// "http://127.0.0.1:<port>" or the same with https.
+    /// "http://127.0.0.1:<port>", or the same with https or [::1].
     std::string url() const;
     int port() const { return m_port; }
 
@@ -118,6 +119,7 @@ private:
 
     Handler m_handler;
     bool m_keepsRequests;
+    bool m_overIpv6;
     std::unique_ptr<SSL_CTX, ContextFree> m_context;
     int m_listener = -1;
     int m_port = 0;

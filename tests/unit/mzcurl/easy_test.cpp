@@ -307,6 +307,34 @@ TEST(ATransfer, SendsNoUrlThatLibcurlRefuses)
     EXPECT_TRUE(server.requests().empty());
 }
 
+TEST(ATransfer, EndsWithItsTime)
+{
+    TestServer server([](Connection& connection) {
+        Request request;
+        while (connection.read(request)) {
+        }
+    });
+    Transfer transfer(server.url());
+    ASSERT_TRUE(transfer.easy.setOption(MZCURL_OPT_TIMEOUT, 1));
+    const auto start = test::Clock::now();
+    EXPECT_FALSE(transfer.easy.send());
+    EXPECT_THAT(transfer.easy.getLastError(), HasSubstr("timed out"));
+    EXPECT_GE(test::secondsSince(start), 0.9);
+    EXPECT_LT(test::secondsSince(start), 10);
+}
+
+TEST(ATransfer, GoesToAMultiHandleAfterItWasSent)
+{
+    TestServer server(test::always("ok"));
+    Transfer transfer(server.url() + "/alone");
+    EXPECT_TRUE(transfer.easy.send());
+    ASSERT_TRUE(transfer.easy.setOption(MZCURL_OPT_URL, server.url() + "/together"));
+    test::Worker worker;
+    EXPECT_TRUE(worker.run(transfer).success);
+    ASSERT_EQ(server.requests().size(), 2U);
+    EXPECT_TRUE(server.requests()[1].has("GET /together"));
+}
+
 TEST(ATransfer, SaysWhyItFailed)
 {
     Transfer transfer("http://127.0.0.1:1/");

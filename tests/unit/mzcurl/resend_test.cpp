@@ -28,6 +28,7 @@ using test::Transfer;
 using test::Worker;
 using testing::Contains;
 using testing::HasSubstr;
+using testing::Not;
 
 /// An HTTPS server: over TLS the close alert hides a closed connection from the client. It answers one
 /// request on its first connection and then runs `afterwards` of the test. Later connections answer every
@@ -159,10 +160,12 @@ TEST_F(AServer, ThatHasClosedAnIdleConnectionSeesTheNextRequestOnce)
     afterwards = [](Connection& connection) { connection.end(); };
     open();
     std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    takeLog();
     Transfer get(second(), caFile);
     EXPECT_TRUE(worker.run(get).success);
     EXPECT_EQ(seen("GET /second"), 1U);
     EXPECT_EQ(server.connections(), 2);
+    EXPECT_THAT(takeLog(), Not(Contains(HasSubstr("begins again"))));
 }
 
 TEST_F(AServer, ThatHasClosedABurstOfIdleConnectionsSeesTheNextRequestsOnce)
@@ -241,6 +244,27 @@ TEST_F(AServer, ThatGoesSilentOnAKeptConnectionIsAskedOnceMore)
     EXPECT_EQ(get.body, "later");
     EXPECT_GE(secondsSince(start), 15);
     EXPECT_EQ(seen("GET /second"), 2U);
+}
+
+TEST_F(AServer, ThatIsSilentOnANewConnectionThroughAChangeOfTheNetworkIsAskedOnceMore)
+{
+    std::atomic<int> connections{0};
+    TestServer silent(
+        [&connections](Connection& connection) {
+            Request request;
+            connection.read(request);
+            if (connections++ == 0) {
+                changeNetwork();
+                connection.read(request);  // Blocks: no further request comes.
+                return;
+            }
+            connection.answer("later");
+        },
+        options());
+    Transfer get(silent.url() + "/", caFile);
+    EXPECT_TRUE(worker.run(get).success);
+    EXPECT_EQ(get.body, "later");
+    EXPECT_EQ(silent.requests().size(), 2U);
 }
 
 TEST_F(AServer, ThatTakesLongOverAPostOrOnANewConnectionIsWaitedFor)

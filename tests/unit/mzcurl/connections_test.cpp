@@ -1,0 +1,155 @@
+// connections_test.cpp - idle connections: which ones a new request uses.
+#include "platform_double.h"
+#include "test_certificates.h"
+#include "test_server.h"
+#include "transfers.h"
+
+#include <dlfcn.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+
+#include <atomic>
+#include <chrono>
+#include <ctime>
+#include <string>
+#include <thread>
+
+namespace {
+
+std::atomic<long> g_standby{0};  ///< seconds that the device has slept
+std::atomic<bool> g_endsAreUnknown{false};
+
+template <class Function>
+Function original(const char* name)
+{
+    return reinterpret_cast<Function>(dlsym(RTLD_NEXT, name));
+}
+
+}  // namespace
+
+/// Replaces the C library's function: only this clock goes on in standby.
+extern "C" int clock_gettime(clockid_t clock, timespec* result) noexcept
+{
+    static const auto real = original<int (*)(clockid_t, timespec*)>("clock_gettime");
+    const int status = real(clock, result);
+    if (status == 0 && clock == CLOCK_BOOTTIME) {
+        result->tv_sec += g_standby;
+    }
+    return status;
+}
+
+/// Replaces the C library's function: libcurl does not know a connection's own address while it fails.
+extern "C" int getsockname(int descriptor, sockaddr* address, socklen_t* length) noexcept
+{
+    static const auto real = original<int (*)(int, sockaddr*, socklen_t*)>("getsockname");
+    return g_endsAreUnknown ? -1 : real(descriptor, address, length);
+}
+
+namespace {
+
+using test::Connection;
+using test::Request;
+using test::TestServer;
+using test::Transfer;
+using test::Worker;
+
+class AnIdleConnection : public testing::Test {
+protected:
+    AnIdleConnection() { authority.writeTo(caFile); }
+    ~AnIdleConnection() override { g_endsAreUnknown = false; }
+
+    void get(const TestServer& server, const std::string& path = "/")
+    {
+        Transfer transfer(server.url() + path, caFile);
+        EXPECT_TRUE(worker.run(transfer).success) << worker.outcome(transfer).error;
+    }
+
+    test::TemporaryFolder folder;
+    const std::string caFile = folder.path("ca.pem");
+    const test::CertificateAuthority authority;
+    const test::Identity identity = authority.issue("IP:127.0.0.1,IP:::1");
+    Worker worker;
+};
+
+TEST_F(AnIdleConnection, IsNotUsedAfterAStandby)
+{
+    TestServer server(test::always("ok"), {&identity});
+    get(server);
+    get(server);
+    g_standby += 1;
+    get(server);
+    EXPECT_EQ(server.connections(), 1) << "so short a difference of the clocks is no standby";
+    g_standby += 3;
+    get(server);
+    EXPECT_EQ(server.connections(), 2);
+    get(server);
+    EXPECT_EQ(server.connections(), 2) << "the new one is younger than the standby";
+}
+
+TEST_F(AnIdleConnection, OverIpv6IsNotUsedAfterAChangeOfTheNetwork)
+{
+    test::ServerOptions options{&identity};
+    options.overIpv6 = true;
+    TestServer server(test::always("ok"), options);
+    get(server);
+    get(server);
+    EXPECT_EQ(server.connections(), 1);
+    changeNetwork();
+    get(server);
+    EXPECT_EQ(server.connections(), 2);
+}
+
+TEST_F(AnIdleConnection, IsUsedAfterTheServerHasClosedAnother)
+{
+    TestServer server(
+        [](Connection& connection) {
+            Request request;
+            while (connection.read(request)) {
+                // The delay makes two transfers need two connections.
+                std::this_thread::sleep_for(std::chrono::milliseconds(500));
+                connection.answer("ok");
+                if (request.has("GET /closing")) {
+                    connection.end();
+                    return;
+                }
+            }
+        },
+        {&identity});
+    Transfer closing(server.url() + "/closing", caFile);
+    Transfer staying(server.url() + "/staying", caFile);
+    worker.run({&closing, &staying});
+    EXPECT_EQ(server.connections(), 2);
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    Transfer third(server.url() + "/third", caFile);
+    Transfer fourth(server.url() + "/fourth", caFile);
+    worker.run({&third, &fourth});
+    EXPECT_EQ(server.connections(), 3);
+}
+
+TEST_F(AnIdleConnection, IsWatchedAgainWhenAnUnknownOneIsClosed)
+{
+    TestServer server(
+        [](Connection& connection) {
+            Request request;
+            while (connection.read(request)) {
+                connection.write(request.has("GET /last")
+                                     ? "HTTP/1.1 204 Nothing\r\nConnection: close\r\n\r\n"
+                                     : "HTTP/1.1 204 Nothing\r\n\r\n");
+            }
+        },
+        {&identity});
+    g_endsAreUnknown = true;
+    get(server);
+    g_endsAreUnknown = false;
+    changeNetwork();
+    get(server, "/last");
+    EXPECT_EQ(server.connections(), 1) << "an unknown connection cannot be watched";
+    get(server);
+    EXPECT_EQ(server.connections(), 2);
+    changeNetwork();
+    get(server);
+    EXPECT_EQ(server.connections(), 3);
+}
+
+}  // namespace
