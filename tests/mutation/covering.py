@@ -2,6 +2,9 @@
 test of the service; other names are build targets.
 """
 
+import os
+import shutil
+
 MZCURL = "tests/unit/mzcurl/mzcurl_"
 KEYS = [
     "tests/contract/contract_secure_linux",
@@ -15,9 +18,13 @@ LOADED = {
     "tests/unit/platform/key_store_test": ["tests/support/test-pkcs11-proxy.so", "platform/linux/libbilling-platform.so.1.0.0"]
 }
 
+# The server of a test program that runs one.
+NGINX = shutil.which("nginx", path=os.environ.get("PATH", "") + os.pathsep + "/usr/sbin")
+ARGUMENTS = {MZCURL + "nginx_test": [NGINX]}
+
 
 def mzcurl(*names):
-    return [MZCURL + name + "_test" for name in names]
+    return [MZCURL + name + "_test" for name in names if name != "nginx" or NGINX is not None]
 
 
 COVERED = [
@@ -44,19 +51,28 @@ COVERED = [
     ("service/common/common/BillingLog", ["log"]),
     ("service/common/common/BillingTypes", ["types", "engine", "dbus_manager"]),
     ("service/common/common/", ["string", "text", "util", "time"]),
-    ("platform/curl/queue/admission", mzcurl("admission", "limits", "multi")),
+    ("platform/curl/queue/admission", mzcurl("admission", "limits", "multi", "burst", "nginx")),
     ("platform/curl/queue/quotas", mzcurl("admission", "limits")),
     ("platform/curl/queue/gate", mzcurl("gate", "limits", "multi")),
-    ("platform/curl/queue/tickets", mzcurl("tickets", "large")),
+    ("platform/curl/queue/tickets", mzcurl("tickets", "large", "nginx")),
+    ("platform/curl/queue/in_hand", mzcurl("tickets", "large", "nginx")),
+    ("platform/curl/queue/width", mzcurl("admission", "multi")),
     ("platform/curl/heap", mzcurl("burst")),
     ("platform/curl/report", mzcurl("report", "refusal")),
-    ("platform/curl/transfer/repeat", mzcurl("resend", "multi")),
-    ("platform/curl/connection/connections", mzcurl("resend", "burst", "multi")),
-    ("platform/curl/transfer/tls", mzcurl("trust", "client_certificate", "multi")),
-    ("platform/curl/connection/share", mzcurl("trust", "multi")),
+    ("platform/curl/global", mzcurl("refusal", "easy")),
+    ("platform/curl/transfer/repeat", mzcurl("resend", "multi", "client_certificate", "nginx")),
+    ("platform/curl/connection/connections", mzcurl("connections", "resend", "burst", "multi", "nginx")),
+    ("platform/curl/transfer/tls", mzcurl("trust", "client_certificate", "multi", "nginx")),
+    ("platform/curl/connection/share", mzcurl("trust", "multi", "refusal")),
     ("platform/curl/easy", mzcurl("easy", "refusal")),
     ("platform/curl/transfer/options", mzcurl("easy", "refusal", "trust")),
-    ("platform/curl/", mzcurl("multi", "refusal", "limits", "resend", "burst", "large")),
+    ("platform/curl/transfer/headers", mzcurl("easy", "trust")),
+    ("platform/curl/transfer/url", mzcurl("easy", "gate", "admission")),
+    ("platform/curl/transfer/transfer", mzcurl("multi", "trust", "limits", "client_certificate")),
+    ("platform/curl/transfer/callbacks", mzcurl("limits", "large", "resend", "nginx")),
+    ("platform/curl/transfer/", mzcurl("easy", "trust", "limits", "refusal", "resend", "client_certificate", "nginx")),
+    ("platform/curl/events", mzcurl("gate", "resend", "large", "burst", "nginx")),
+    ("platform/curl/", mzcurl("multi", "refusal", "limits", "resend", "burst", "large", "gate", "nginx")),
     ("platform/keystore/vault", ["tests/unit/platform/vault_test", "tests/contract/contract_secure_linux"]),
     ("platform/keystore/", KEYS),
 ]

@@ -9,11 +9,12 @@ import subprocess
 import tempfile
 import time
 
-SECONDS = 120  # limit of one program; the slowest takes 15 s on a busy machine
+SECONDS = 240  # limit of one program
 IDLE_SECONDS = 12  # limit of a program that waits and computes nothing; the longest pause of a test is 3 s
 PROCESSOR_SECONDS = 30
 BYTES = 4 << 30  # limit of address space
 PAUSE = 0.05
+NO_END = "(no end)"
 
 
 def limited():
@@ -59,11 +60,11 @@ def ended(process):
     return False
 
 
-def run(path, tests=None, number=0):
+def run(path, tests=None, number=0, arguments=()):
     """Runs a test program, or only these of its tests, with one mutant.
     @return exit status and output; status None when the program had no end
     """
-    command = [str(path), "--gtest_color=no"]
+    command = [str(path), *arguments, "--gtest_color=no"]
     if number >= 0:
         command.append("--gtest_fail_fast")
     if tests is not None:
@@ -93,7 +94,7 @@ def killer(status, output, name):
     """@return the name of the failing test, or None"""
     if status == 0:
         return None
-    ending = " (no end)" if status is None or status == -signal.SIGXCPU else f" (signal {-status})" if status < 0 else ""
+    ending = " " + NO_END if status is None or status == -signal.SIGXCPU else f" (signal {-status})" if status < 0 else ""
     failed = (
         re.findall(r"^\[  FAILED  \] ([^\s,]+)", output, re.MULTILINE)
         or re.findall(r"^\[ RUN      \] (\S+)", output, re.MULTILINE)[-1:]
