@@ -4,12 +4,30 @@
 
 #include <platform/MZCurl.h>
 
+#include <dlfcn.h>
 #include <gtest/gtest.h>
+#include <malloc.h>
 
+#include <atomic>
 #include <chrono>
 #include <string>
 #include <thread>
 #include <utility>
+
+namespace {
+
+std::atomic<int> g_trims{0};
+
+}  // namespace
+
+/// Replaces the C library's function: counts how often free memory is returned to the system.
+extern "C" int malloc_trim(std::size_t kept) noexcept
+{
+    ++g_trims;
+    static const auto real =
+        reinterpret_cast<int (*)(std::size_t)>(dlsym(RTLD_NEXT, "malloc_trim"));
+    return real != nullptr ? real(kept) : 0;
+}
 
 namespace {
 
@@ -149,10 +167,13 @@ int madeAfter(int count)
     return server.connections() - before;
 }
 
-TEST(AMultiHandle, ClosesTheConnectionsOfABurstWhenItHasEnded)
+TEST(AMultiHandle, ClosesTheConnectionsOfABurstWhenItHasEndedAndReturnsItsMemory)
 {
-    EXPECT_EQ(madeAfter(kBurst), 1);
+    g_trims = 0;
     EXPECT_EQ(madeAfter(3), 0);
+    EXPECT_EQ(g_trims, 0);
+    EXPECT_EQ(madeAfter(kBurst), 1);
+    EXPECT_EQ(g_trims, 1);
 }
 
 }  // namespace

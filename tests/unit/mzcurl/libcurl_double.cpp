@@ -5,6 +5,7 @@
 
 #include <cstdarg>
 #include <cstdint>
+#include <utility>
 
 namespace test {
 
@@ -44,6 +45,7 @@ CURLcode __real_curl_easy_setopt(CURL* easy, CURLoption option, ...);
 
 CURL* __wrap_curl_easy_init()
 {
+    ++libcurl().easyHandles;
     return takeFailure(libcurl().failEasyInit) ? nullptr : __real_curl_easy_init();
 }
 
@@ -54,6 +56,9 @@ CURLM* __wrap_curl_multi_init()
 
 CURLMcode __wrap_curl_multi_add_handle(CURLM* multi, CURL* easy)
 {
+    if (const auto call = std::exchange(libcurl().onAddHandle, {})) {
+        call();
+    }
     return takeFailure(libcurl().failAddHandle) ? CURLM_OUT_OF_MEMORY
                                                 : __real_curl_multi_add_handle(multi, easy);
 }

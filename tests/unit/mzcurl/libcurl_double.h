@@ -4,6 +4,7 @@
 
 #include <curl/curl.h>
 
+#include <functional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -16,8 +17,10 @@ struct LibcurlDouble {
     int failAddHandle = 0;
     int failPoll = 0;
     int failGlobalInit = 0;
+    std::function<void()> onAddHandle;          ///< called before a handle is added
     CURLoption failOption = CURLOPT_LASTENTRY;  ///< the option whose setting fails
 
+    int easyHandles = 0;                        ///< number of handles made so far
     std::vector<std::string> setUp;             ///< calls that initialise a library, in order
     std::vector<std::thread::id> shareSetters;  ///< threads that attached or detached the share
 };

@@ -123,6 +123,21 @@ TEST_F(ALimitedTransfer, TakesManyHeaders)
     EXPECT_EQ(body, "ok");
 }
 
+TEST_F(ALimitedTransfer, TakesHeadersOf300KibAndNotOneByteMore)
+{
+    constexpr std::size_t kHeaders = std::size_t{300} * 1024;
+    for (const std::size_t size : {kHeaders, kHeaders + 1}) {
+        TestServer server([size](Connection& connection) {
+            Request request;
+            connection.read(request);
+            std::string text = kOk + headerLines(kHeaders - 4096) + "Connection: close\r\nLast: ";
+            text.append(size - text.size() - 4, 'x').append("\r\n\r\n");
+            connection.write(text + "body");
+        });
+        EXPECT_EQ(get(server).success, size == kHeaders) << size;
+    }
+}
+
 TEST_F(ALimitedTransfer, CutsOffHeadersTrailersAndInterimResponsesThatNeverEnd)
 {
     const std::string chunked =

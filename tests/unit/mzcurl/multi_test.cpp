@@ -456,6 +456,24 @@ TEST(AMultiHandle, IsDestroyedQuicklyWithTransfersUnderWay)
     EXPECT_EQ(transfers[0]->easy.getLastError(), "") << "the handles are still their owner's";
 }
 
+TEST(AMultiHandle, LetsGoOfTransfersThatWaitForASlotWhenItIsDestroyed)
+{
+    // More than go to one host at once. A URL without a host has no leader that goes first.
+    auto transfers = several(40, "no address");
+    {
+        Worker worker;
+        int running = 0;
+        for (auto& transfer : transfers) {
+            ASSERT_TRUE(worker.multi.addHandle(&transfer->easy));
+        }
+        EXPECT_TRUE(worker.multi.Perform(running));
+    }
+    Worker other;
+    for (auto& transfer : transfers) {
+        EXPECT_TRUE(other.multi.addHandle(&transfer->easy));
+    }
+}
+
 TEST(AMultiHandle, IsNotHeldUpByAStuckNameLookUp)
 {
     TestServer server(test::always("ok"));

@@ -103,6 +103,31 @@ TEST(ARefusal, ToStartATransferIsItsFailedCompletion)
     EXPECT_TRUE(worker.run(first).success);
 }
 
+TEST(AStop, InTheMiddleOfARoundIsNoFailure)
+{
+    Transfer first("http://127.0.0.1:1/");
+    Worker worker;
+    ASSERT_TRUE(worker.multi.addHandle(&first.easy));
+    libcurl().failAddHandle = 1;
+    libcurl().onAddHandle = [&worker] { worker.multi.Stop(); };
+    int running = 7;
+    EXPECT_TRUE(worker.multi.fdSelect(running));
+    EXPECT_EQ(running, 0);
+}
+
+TEST(AnAddition, InTheMiddleOfARoundIsNoFailure)
+{
+    Transfer first("http://127.0.0.1:1/");
+    Transfer second("http://127.0.0.1:1/");
+    Worker worker;
+    ASSERT_TRUE(worker.multi.addHandle(&first.easy));
+    libcurl().failAddHandle = 1;
+    libcurl().onAddHandle = [&] { EXPECT_TRUE(worker.multi.addHandle(&second.easy)); };
+    int running = 0;
+    EXPECT_TRUE(worker.multi.fdSelect(running));
+    EXPECT_EQ(running, 2);
+}
+
 TEST(ARefusal, ToWaitIsReportedAndDoesNotStopTheWork)
 {
     TestServer server(test::always("ok"));
@@ -161,6 +186,35 @@ TEST(TheSharedSessions, AreLetGoByTransfersThatAreNeverFreed)
         EXPECT_THAT(libcurl().shareSetters, SizeIs(1));
     }
     EXPECT_THAT(libcurl().shareSetters, SizeIs(2));
+}
+
+TEST(AHandleOfLibcurl, ServesTheNextTransferUnlessItHasSessionsOfItsOwn)
+{
+    const test::CertificateAuthority authority;
+    const test::TemporaryFolder folder;
+    authority.writeTo(folder.path("ca.pem"));
+    const test::Identity identity = authority.issue();
+    // TLS 1.2: the session is there when the handshake is over.
+    TestServer server(
+        [](test::Connection& connection) {
+            test::Request request;
+            connection.read(request);
+            connection.write("HTTP/1.1 204 Nothing\r\nConnection: close\r\n\r\n");
+        },
+        {&identity, TLS1_2_VERSION});
+    Worker worker;
+    libcurl().easyHandles = 0;
+    for (int i = 0; i < 5; ++i) {
+        Transfer transfer(server.url(), folder.path("ca.pem"));
+        EXPECT_TRUE(worker.run(transfer).success);
+    }
+    EXPECT_LE(libcurl().easyHandles, 1);
+    EXPECT_EQ(server.resumedHandshakes(), 4);
+    for (int i = 0; i < 2; ++i) {
+        Transfer alone(server.url(), folder.path("ca.pem"));
+        EXPECT_TRUE(alone.easy.send());
+    }
+    EXPECT_EQ(server.resumedHandshakes(), 4);
 }
 
 TEST(TheSharedSessions, HaveNoPartInATransferOnTheCallingThread)
