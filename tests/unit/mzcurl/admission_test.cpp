@@ -6,6 +6,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <malloc.h>
+#include <sys/resource.h>
 
 #include <memory>
 #include <string>
@@ -110,6 +111,43 @@ protected:
     std::vector<std::unique_ptr<Transfer>> made;
     std::vector<Transfer*> given;
 };
+
+/// Limits the descriptors of the process while it exists.
+struct FewDescriptors {
+    FewDescriptors()
+    {
+        getrlimit(RLIMIT_NOFILE, &before);
+        const rlimit few{kOtherDescriptors + 10, before.rlim_max};
+        setrlimit(RLIMIT_NOFILE, &few);
+    }
+    ~FewDescriptors() { setrlimit(RLIMIT_NOFILE, &before); }
+
+    rlimit before{};
+};
+
+class AnAdmissionWithFewDescriptors : private FewDescriptors, public AnAdmission {};
+
+TEST_F(AnAdmissionWithFewDescriptors, GivesNoMoreSlots)
+{
+    name("h");
+    for (int i = 0; i < 20; ++i) {
+        add(20, std::to_string(i), "h/" + std::to_string(i));
+    }
+    EXPECT_EQ(fill(), 10);
+}
+
+TEST(AWidth, IsRaisedLaterAfterAQuickAnswer)
+{
+    const auto now = Width::Clock::now();
+    const auto since = now - seconds(1);
+    Width width;
+    width.begun();
+    width.begun();
+    width.ended(now - 2 * kQuick, now);
+    EXPECT_EQ(width.widensAt(since), since + kPatience);
+    width.ended(now - kQuick, now);
+    EXPECT_EQ(width.widensAt(since), now + kPatience);
+}
 
 TEST_F(AnAdmission, ServesTheLanesInTurn)
 {

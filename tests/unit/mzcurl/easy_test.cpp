@@ -204,6 +204,20 @@ TEST(ATransfer, SendsItsBodyByteForByte)
     }
 }
 
+TEST(ATransfer, PostsWithoutABodyAndNoMoreWhenThatIsTakenBack)
+{
+    TestServer server(test::always("ok"));
+    Transfer transfer(server.url());
+    ASSERT_TRUE(transfer.easy.setOption(MZCURL_OPT_POST, 1));
+    ASSERT_TRUE(transfer.easy.setOption(MZCURL_OPT_POSTFIELDSIZE, 0LL));
+    EXPECT_TRUE(transfer.easy.send());
+    ASSERT_TRUE(transfer.easy.setOption(MZCURL_OPT_POST, 0));
+    EXPECT_TRUE(transfer.easy.send());
+    ASSERT_EQ(server.requests().size(), 2U);
+    EXPECT_TRUE(server.requests()[0].has("POST / HTTP/1.1"));
+    EXPECT_TRUE(server.requests()[1].has("GET / HTTP/1.1"));
+}
+
 TEST(ATransfer, SendsNoLineForAHeaderWithNothingBehindItsColon)
 {
     TestServer server(test::always("ok"));

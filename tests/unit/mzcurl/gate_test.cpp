@@ -2,6 +2,7 @@
 // limit.
 #include "curl/queue/gate.h"
 
+#include "curl/queue/quotas.h"
 #include "test_server.h"
 #include "transfers.h"
 
@@ -158,6 +159,36 @@ TEST(TheKeyOfAHost, IsEmptyForWhatIsNoUrlWhateverCameBefore)
     EXPECT_EQ(*key.of("https://store.test/a\x7f"), "");
     EXPECT_EQ(*key.of("https://store.test/a"), good);
     EXPECT_EQ(*key.of(""), "");
+}
+
+TEST(AGate, KeepsAHostWithTransfersWhenItForgetsOthers)
+{
+    const auto now = Gate::Clock::now();
+    Gate gate;
+    TransferList active;
+    TransferList freed;
+    std::vector<std::unique_ptr<MZCurl::Transfer>> made;
+    const auto enter = [&](const std::string& host) {
+        made.push_back(std::make_unique<MZCurl::Transfer>());
+        MZCurl::Place& place = made.back()->place;
+        place.hostKey = std::make_shared<const std::string>(host);
+        place.home = &active;
+        place.node = active.insert(active.end(), made.back().get());
+        return gate.enter(*made.back(), now);
+    };
+    for (std::size_t i = 0; i < 2 * kRemembered; ++i) {
+        EXPECT_TRUE(enter(std::to_string(i)));
+    }
+    for (const auto& transfer : made) {
+        gate.leave(*transfer);
+    }
+    EXPECT_TRUE(enter("host"));
+    MZCurl::Transfer& leader = *made.back();
+    EXPECT_FALSE(enter("host"));
+    MZCurl::Transfer& second = *made.back();
+    gate.leave(leader);
+    gate.release(freed, now);
+    EXPECT_EQ(freed, TransferList{&second});
 }
 
 TEST_F(ABurst, OfAHundredToAColdHostCostsOneFullHandshake)

@@ -7,8 +7,11 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <chrono>
 #include <stdexcept>
 #include <string>
+#include <thread>
 
 namespace {
 
@@ -90,6 +93,35 @@ TEST_F(ALimitedTransfer, CutsOffABodyWithoutLengthThatNeverEnds)
     TestServer server(endless(std::string(kOk) + "\r\n", std::string(65536, 'x')));
     EXPECT_EQ(get(server).code, kWriteError);
     EXPECT_LE(body.size(), kLimit);
+}
+
+TEST_F(ALimitedTransfer, DeliversAPieceBeforeTheNextOneComes)
+{
+    std::atomic<bool> isHalfRead{false};
+    TestServer server([&isHalfRead](Connection& connection) {
+        Request request;
+        connection.read(request);
+        connection.write(std::string(kOk) + "Content-Length: 8\r\n\r\nhalf");
+        for (int i = 0; i < 500 && !isHalfRead; ++i) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        }
+        connection.write(isHalfRead ? "rest" : "late");
+    });
+    Transfer transfer(server.url());
+    struct Reader {
+        std::atomic<bool>* isHalfRead;
+        std::string* body;
+    } reader{&isHalfRead, &transfer.body};
+    ASSERT_TRUE(transfer.easy.setOption(MZCURL_OPT_WRITEDATA, &reader));
+    ASSERT_TRUE(transfer.easy.setOption(
+        MZCURL_OPT_WRITEFUNCTION,
+        WriteCallback([](char* data, unsigned int size, unsigned int count, void* pointer) {
+            const Reader& own = *static_cast<Reader*>(pointer);
+            *own.isHalfRead = true;
+            return test::appendBody(data, size, count, own.body);
+        })));
+    EXPECT_TRUE(worker.run(transfer).success);
+    EXPECT_EQ(transfer.body, "halfrest");
 }
 
 TEST_F(ALimitedTransfer, CountsAnew)

@@ -1,5 +1,6 @@
 // refusal_test.cpp - the wrapper when a function of a library fails, and its calls of the libraries.
 #include "libcurl_double.h"
+#include "platform_double.h"
 #include "test_server.h"
 #include "transfers.h"
 
@@ -20,6 +21,7 @@ using test::secondsSince;
 using test::TestServer;
 using test::Transfer;
 using test::Worker;
+using testing::Contains;
 using testing::Each;
 using testing::ElementsAre;
 using testing::IsEmpty;
@@ -47,7 +49,12 @@ TEST(ARefusal, OfAHandleIsTheEndOfItsTransferOnly)
     Transfer second(server.url());
     Worker worker;
     libcurl().failEasyInit = 1;
+    takeLog();
     worker.run({&first, &second});
+    EXPECT_THAT(takeLog(),
+                Contains("I transfer 1: " + server.url() +
+                         ", curl 27, HTTP 0, new connections 0, name 0 us, connect 0 us, TLS 0 us, "
+                         "first byte 0 us, whole 0 us, 0 bytes"));
     EXPECT_EQ(worker.outcome(first).times, 1);
     EXPECT_EQ(worker.outcome(first).code, CURLE_OUT_OF_MEMORY);
     EXPECT_EQ(worker.outcome(first).error, "There is no memory for the transfer");

@@ -26,8 +26,11 @@ using test::secondsSince;
 using test::TestServer;
 using test::Transfer;
 using test::Worker;
+using testing::AllOf;
 using testing::Contains;
+using testing::Ge;
 using testing::HasSubstr;
+using testing::Le;
 using testing::Not;
 
 /// An HTTPS server: over TLS the close alert hides a closed connection from the client. It answers one
@@ -86,6 +89,15 @@ protected:
                       options()};
     Worker worker;
 };
+
+/// @return number of lines of the log that tell of a refused connection
+std::ptrdiff_t refusals()
+{
+    const auto lines = takeLog();
+    return std::count_if(lines.begin(), lines.end(), [](const std::string& line) {
+        return line.find("refused the connection") != std::string::npos;
+    });
+}
 
 /// A server that reads a second request and closes without an answer.
 using AServerThatHangsUp = AServer;
@@ -335,13 +347,52 @@ TEST_F(AServer, ThatRefusesConnectionsIsAskedFourTimesMore)
         }
         EXPECT_FALSE(worker.run(transfer).success);
         EXPECT_GE(secondsSince(start), 3.75);
-        const auto lines = takeLog();
-        EXPECT_EQ(std::count_if(lines.begin(), lines.end(),
-                                [](const std::string& line) {
-                                    return line.find("refused the connection") != std::string::npos;
-                                }),
-                  4);
+        EXPECT_EQ(refusals(), 4);
     }
+}
+
+TEST_F(AServer, ThatRefusesConnectionsIsAskedNoMoreWhenTheTimeIsOver)
+{
+    takeLog();
+    Transfer transfer("https://127.0.0.1:1/", caFile);
+    ASSERT_TRUE(transfer.easy.setOption(MZCURL_OPT_TIMEOUT, 2));
+    EXPECT_FALSE(worker.run(transfer).success);
+    // After 0.25, 0.5 and 1 s less than a second is left.
+    EXPECT_THAT(refusals(), AllOf(Ge(1), Le(3)));
+}
+
+TEST_F(AServer, ThatCannotBeReachedIsNotAskedAgain)
+{
+    takeLog();
+    Transfer transfer("https://255.255.255.255:1/", caFile);
+    const test::Outcome outcome = worker.run(transfer);
+    EXPECT_EQ(outcome.code, 7) << outcome.error;
+    EXPECT_EQ(refusals(), 0);
+}
+
+TEST_F(AServerThatHangsUp, OnEveryConnectionIsTheReasonThatTheLastOneGives)
+{
+    std::atomic<int> opened{0};
+    TestServer both(
+        [&](Connection& connection) {
+            Request request;
+            connection.read(request);
+            if (opened++ < 2) {
+                // The delay makes two transfers need two connections.
+                std::this_thread::sleep_for(std::chrono::milliseconds(500));
+                connection.answer("first");
+                connection.read(request);
+            }
+        },
+        options());
+    Transfer one(both.url() + "/one", caFile);
+    Transfer two(both.url() + "/two", caFile);
+    worker.run({&one, &two});
+    ASSERT_EQ(both.connections(), 2);
+    Transfer get(both.url() + "/second", caFile);
+    const test::Outcome outcome = worker.run(get);
+    EXPECT_FALSE(outcome.success);
+    EXPECT_THAT(outcome.error, Not(HasSubstr("second time")));
 }
 
 TEST_F(AServer, ThatHasSentAPieceOfTheBodyIsNotAskedAgain)

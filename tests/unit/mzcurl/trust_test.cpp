@@ -8,6 +8,7 @@
 #include <dlfcn.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <openssl/err.h>
 #include <openssl/x509.h>
 
 #include <cstdlib>
@@ -268,6 +269,24 @@ TEST_F(ATrustingTransfer, UsesTlsOnlyUnlessVerificationIsSwitchedOff)
     ASSERT_TRUE(plain.easy.setOption(MZCURL_OPT_SSL_VERIFYPEER, 1));
     EXPECT_EQ(worker.run(plain).code, kUnsupportedProtocol);
     EXPECT_EQ(server.requests().size(), 1U);
+}
+
+TEST_F(ATrustingTransfer, LeavesTheErrorsOfItsThreadInOpenSslAsTheyWere)
+{
+    const CertificateAuthority stranger;
+    const Identity foreign = stranger.issue();
+    TestServer distrusted(test::always("ok"), {&foreign});
+    ERR_clear_error();
+    Transfer failing(distrusted.url(), caFile);
+    EXPECT_FALSE(worker.run(failing).success);
+    EXPECT_EQ(ERR_peek_error(), 0U);
+
+    TestServer plain(test::always("ok"));
+    ERR_raise(ERR_LIB_USER, 7);
+    Transfer transfer(plain.url());
+    EXPECT_TRUE(worker.run(transfer).success);
+    EXPECT_EQ(ERR_GET_REASON(ERR_get_error()), 7);
+    EXPECT_EQ(ERR_peek_error(), 0U);
 }
 
 TEST_F(ATrustingTransfer, FollowsNoRedirect)
