@@ -5,9 +5,11 @@
 #include <openssl/err.h>
 #include <p11-kit/pkcs11.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdlib>
 #include <fstream>
+#include <iterator>
 #include <map>
 #include <string>
 #include <thread>
@@ -43,10 +45,20 @@ void enter(const char* call)
     g_control.delayMs = delayMs;
 }
 
+CK_RV initialize(void* arguments)
+{
+    const auto* const given = static_cast<CK_C_INITIALIZE_ARGS*>(arguments);
+    if (given != nullptr && g_control.fault == Fault::CannotLock)
+        return CKR_CANT_LOCK;
+    g_control.startFlags = given == nullptr ? 0 : given->flags;
+    return g_real->C_Initialize(arguments);
+}
+
 CK_RV openSession(CK_SLOT_ID slot, CK_FLAGS flags, void* context, CK_NOTIFY notify,
                   CK_SESSION_HANDLE* session)
 {
     g_control.sessions++;
+    g_control.sessionFlags = flags;
     return g_real->C_OpenSession(slot, flags, context, notify, session);
 }
 
@@ -67,6 +79,10 @@ CK_RV getTokenInfo(CK_SLOT_ID slot, CK_TOKEN_INFO* token)
     const CK_RV answer = g_real->C_GetTokenInfo(slot, token);
     if (answer == CKR_OK && g_control.fault == Fault::PinFinalTry)
         token->flags |= CKF_USER_PIN_FINAL_TRY;
+    if (answer == CKR_OK && g_control.fault == Fault::OtherToken)
+        token->label[0] = '?';
+    if (answer == CKR_OK && g_control.fault == Fault::NulPadded)
+        std::replace(std::begin(token->label), std::end(token->label), ' ', '\0');
     return answer;
 }
 
@@ -81,6 +97,8 @@ CK_RV findObjects(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE* objects, CK_ULONG
                   CK_ULONG* count)
 {
     const Fault fault = g_control.fault;
+    if (fault == Fault::SearchFails)
+        return CKR_DEVICE_MEMORY;
     const CK_ULONG asked = fault == Fault::OneAtATime ? 1 : room;
     const CK_RV answer = g_real->C_FindObjects(session, objects, asked, count);
     if (fault == Fault::MoreThanRoom)
@@ -90,11 +108,54 @@ CK_RV findObjects(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE* objects, CK_ULONG
     return answer;
 }
 
+bool isInitialized(CK_SLOT_ID slot)
+{
+    CK_TOKEN_INFO token{};
+    return g_real->C_GetTokenInfo(slot, &token) == CKR_OK &&
+           (token.flags & CKF_TOKEN_INITIALIZED) != 0;
+}
+
+/// The software token adds a slot with a blank token; this list is without it.
+CK_RV getInitializedSlots(CK_SLOT_ID* slots, CK_ULONG* count)
+{
+    CK_SLOT_ID all[8];
+    CK_ULONG found = std::size(all);
+    const CK_RV answer = g_real->C_GetSlotList(CK_TRUE, all, &found);
+    if (answer != CKR_OK)
+        return answer;
+    const auto* const end = std::stable_partition(all, all + found, isInitialized);
+    *count = static_cast<CK_ULONG>(end - all);
+    if (slots != nullptr)
+        std::copy(std::cbegin(all), end, slots);
+    return CKR_OK;
+}
+
 CK_RV getSlotList(unsigned char present, CK_SLOT_ID* slots, CK_ULONG* count)
 {
+    const Fault fault = g_control.fault;
+    if (fault == Fault::OneSlot)
+        return getInitializedSlots(slots, count);
+    if (fault == Fault::SlotAdded && slots != nullptr) {
+        g_control.fault = Fault::None;
+        return CKR_BUFFER_TOO_SMALL;
+    }
     const CK_RV answer = g_real->C_GetSlotList(present, slots, count);
-    if (g_control.fault == Fault::ManySlots)
+    if (fault == Fault::ManySlots)
         *count = ~CK_ULONG{0} / 16;
+    if (fault == Fault::SlotGone && slots == nullptr)
+        (*count)++;
+    if (fault == Fault::SlotsBeyond && slots != nullptr)
+        *count = ~CK_ULONG{0} / 16;
+    return answer;
+}
+
+CK_RV getAttributeValue(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE object,
+                        CK_ATTRIBUTE* attributes, CK_ULONG count)
+{
+    const bool asksForLength = count == 1 && attributes->pValue == nullptr;
+    const CK_RV answer = g_real->C_GetAttributeValue(session, object, attributes, count);
+    if (answer == CKR_OK && asksForLength && g_control.fault == Fault::RoundedLengths)
+        attributes->ulValueLen += 8;
     return answer;
 }
 
@@ -127,6 +188,8 @@ CK_RV sign(CK_SESSION_HANDLE session, unsigned char* data, CK_ULONG size, unsign
         ERR_raise(ERR_LIB_USER, ERR_R_INTERNAL_ERROR);
     if (fault == Fault::FunctionFailed)
         answer = CKR_FUNCTION_FAILED;
+    if (fault == Fault::UnnamedAnswer)
+        answer = CKR_VENDOR_DEFINED | 0x2a;
     if (fault == Fault::RemovedOnce || fault == Fault::Removed) {
         g_real->C_CloseSession(session);
         answer = CKR_DEVICE_REMOVED;
@@ -155,12 +218,14 @@ CK_RV C_GetFunctionList(CK_FUNCTION_LIST** list)
     if (entry == nullptr || entry(&g_real) != CKR_OK)
         return CKR_GENERAL_ERROR;
     g_calls = *g_real;
+    g_calls.C_Initialize = initialize;
     g_calls.C_GetSlotList = getSlotList;
     g_calls.C_OpenSession = openSession;
     g_calls.C_Login = login;
     g_calls.C_GetTokenInfo = getTokenInfo;
     g_calls.C_GetMechanismInfo = getMechanismInfo;
     g_calls.C_FindObjects = findObjects;
+    g_calls.C_GetAttributeValue = getAttributeValue;
     g_calls.C_SignInit = signInit;
     g_calls.C_Sign = sign;
     *list = &g_calls;

@@ -19,6 +19,16 @@ enum class Fault {
     MoreThanRoom,    ///< a search tells that it gave more objects than there was room for
     WithoutEnd,      ///< a search gives the same object again and again
     ManySlots,       ///< there are more slots than any memory holds
+    OneSlot,         ///< one slot has a token
+    SlotAdded,       ///< a slot gets a token between its count and the list, once
+    SlotGone,        ///< a slot loses its token between the count and the list
+    SlotsBeyond,     ///< the list of slots tells that it is longer than its room
+    CannotLock,      ///< a start that asks for locks is refused
+    NulPadded,       ///< the label of a token is padded with NUL
+    OtherToken,      ///< every token has another label
+    RoundedLengths,  ///< the asked length of an attribute is more than its value has
+    SearchFails,     ///< a search finds the token without memory
+    UnnamedAnswer,   ///< every signature fails with an answer of the vendor's own
     PinLocked,       ///< a login finds the PIN locked
     PinLength,       ///< a login finds the PIN too short or too long
     PinFinalTry,     ///< the token says that one more wrong PIN locks it
@@ -33,6 +43,9 @@ struct Control {
     std::atomic<int> logins{0};
     std::atomic<int> sessions{0};
     std::atomic<int> signatures{0};
+    std::atomic<unsigned long> sessionFlags{0};  ///< of the last session that was opened
+    std::atomic<unsigned long> startFlags{
+        0};                          ///< of the last start of the module; 0 without arguments
     std::atomic<int> inside{0};      ///< threads in C_Sign
     std::atomic<int> mostInside{0};  ///< largest number of threads at once
 };

@@ -1,22 +1,17 @@
 // key_store_test.cpp - the key store with a faulty token: a PKCS#11 module of the tests is put in front of
 // the software token.
-#include "keystore/pkcs11.h"
+#include "key_store_fixture.h"
 #include "keystore/token_keys.h"
-#include "pkcs11_proxy.h"
-#include "rsa_key.h"
-#include "soft_token.h"
 
-#include <platform/secure_storage.h>
-
-#include <dlfcn.h>
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <openssl/err.h>
 
 #include <atomic>
-#include <cstdlib>
+#include <memory>
 #include <thread>
 
+using keys::AKeyStore;
+using keys::sessionOfToken;
+using keys::token;
 using proxy::Fault;
 using test::Bytes;
 using test::paddedBlock;
@@ -28,103 +23,6 @@ using testing::IsEmpty;
 using testing::Not;
 
 namespace {
-
-/// The token of the process, with one key.
-struct Token {
-    device::SoftToken soft;
-    RsaKey key = RsaKey::make();
-    proxy::Control* control = nullptr;
-
-    Token()
-    {
-        setenv(proxy::kRealVariable, device::softTokenModule().c_str(), 1);
-        void* const library = dlopen(PROXY_MODULE, RTLD_NOW | RTLD_LOCAL);
-        if (library == nullptr)
-            throw std::runtime_error(dlerror());
-        control = reinterpret_cast<proxy::Control* (*)()>(dlsym(library, proxy::kControlSymbol))();
-    }
-};
-
-Token& token()
-{
-    static auto* const instance = new Token;
-    return *instance;
-}
-
-pkcs11::Session sessionOfToken(bool writes)
-{
-    const pkcs11::Module& module = pkcs11::Module::at(PROXY_MODULE);
-    return pkcs11::Session(module, module.slotOf(token().soft.label()).value(), writes);
-}
-
-class AKeyStore : public testing::Test {
-protected:
-    void SetUp() override
-    {
-        if (device::softTokenModule().empty())
-            GTEST_SKIP() << "softhsm2 is not installed (apt install softhsm2)";
-        control().fault = Fault::None;
-        control().delayMs = 0;
-        token().soft.writePin(token().soft.pin() + "\n");
-        token().soft.use(conf, PROXY_MODULE);
-        start();
-        ASSERT_EQ(store(token().key), 0);
-        ASSERT_EQ(sign(), 0);
-        log.clear();
-        control().logins = 0;
-        control().sessions = 0;
-        control().signatures = 0;
-        control().mostInside = 0;
-    }
-    void TearDown() override { EXPECT_THAT(log.text(), Not(HasSubstr(token().soft.pin()))); }
-
-    static proxy::Control& control() { return *token().control; }
-
-    /// Puts changed settings of the key store into effect.
-    void start() { ss_init_credential(&client, 1, 2, 3, 4, 5, 1, 0); }
-
-    /// Ends the session, so that the next call has to open one and log in.
-    void endSession()
-    {
-        conf.set("keystore", "token", "nothing");
-        start();
-        EXPECT_EQ(sign(), SS_ERROR_UNAVAILABLE);
-        conf.set("keystore", "token", token().soft.label());
-        start();
-    }
-
-    int store(const RsaKey& key) const
-    {
-        const Bytes n = key.modulus();
-        const Bytes d = key.privateExponent();
-        std::int32_t id = 7;
-        return ss_store_rsa_key(&client, SS_KEY_RSA, SS_KEY_SIGN, n.data(), n.size(), d.data(),
-                                d.size(), 0, 0, &id, 0, 0);
-    }
-
-    /// Signs a padded block and checks a returned result. After a failure nothing is returned.
-    /// @return the error
-    int sign(Bytes block = paddedBlock(), std::int32_t id = 7) const
-    {
-        unsigned char* at = block.data();
-        std::size_t size = block.size();
-        const int error = ss_encrypt_by_key(&client, id, &at, &size, 0, 0);
-        if (error != 0) {
-            EXPECT_EQ(at, block.data());
-            return error;
-        }
-        const Bytes result(at, at + size);
-        ss_free_buffer(at);
-        EXPECT_EQ(token().key.publicOperation(result), block);
-        return 0;
-    }
-
-    std::vector<std::string> errors() const { return log.linesWith("E/BILLING_PLATFORM: "); }
-
-    device::Conf conf;
-    device::CapturedLog log;
-    ss_credential_s client{};
-};
 
 TEST_F(AKeyStore, KeepsOneSessionAndOneLoginForManySignatures)
 {
@@ -272,6 +170,24 @@ TEST_F(AKeyStore, UsesNoPinFileThatOthersCanReadOrThatIsMissing)
     EXPECT_EQ(control().logins, 0);
 }
 
+TEST_F(AKeyStore, UsesNoPinFileThatIsEmptyOrLargerThanAnyPin)
+{
+    endSession();
+    for (const std::string pin : {"", "\n", "\r\n"}) {
+        log.clear();
+        token().soft.writePin(pin);
+        EXPECT_EQ(sign(), SS_ERROR_ACCESS);
+        EXPECT_THAT(errors(), testing::ElementsAre(HasSubstr("is empty; put the PIN there")));
+    }
+    log.clear();
+    token().soft.writePin(std::string(257, '1'));
+    EXPECT_EQ(sign(), SS_ERROR_BROKEN);
+    EXPECT_THAT(errors(), testing::ElementsAre(HasSubstr("is larger than 256 bytes")));
+    EXPECT_EQ(control().logins, 0);
+    token().soft.writePin(token().soft.pin() + "\r\n");
+    EXPECT_EQ(sign(), 0);
+}
+
 TEST_F(AKeyStore, SaysWhatIsWrongWithItsSettings)
 {
     conf.set("keystore", "token", "another");
@@ -290,6 +206,9 @@ TEST_F(AKeyStore, SaysWhatIsWrongWithItsSettings)
     start();
     EXPECT_EQ(sign(), SS_ERROR_UNAVAILABLE);
     EXPECT_THAT(errors(), Contains(HasSubstr("[keystore] module is not set")));
+    conf.set("keystore", "store", std::nullopt);
+    EXPECT_EQ(ss_delete(0, "name", &client, 33), SS_ERROR_UNAVAILABLE);
+    EXPECT_THAT(errors(), Contains(HasSubstr("[keystore] store is not set")));
 }
 
 TEST_F(AKeyStore, LetsOneCallerInAtATime)
@@ -323,6 +242,8 @@ TEST_F(AKeyStore, ImportsKeysThatTheTokenDoesNotGiveAway)
     EXPECT_EQ(session.value(keys[0], CKA_PRIVATE_EXPONENT), std::nullopt);
     EXPECT_EQ(session.value(keys[0], CKA_SENSITIVE), secret::Bytes{CK_TRUE});
     EXPECT_EQ(session.value(keys[0], CKA_EXTRACTABLE), secret::Bytes{CK_FALSE});
+    EXPECT_EQ(session.value(keys[0], CKA_DECRYPT), secret::Bytes{CK_FALSE});
+    EXPECT_EQ(session.value(keys[0], CKA_UNWRAP), secret::Bytes{CK_FALSE});
 }
 
 TEST_F(AKeyStore, RemovesThePublicObjectToo)
