@@ -8,6 +8,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/file.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -15,6 +16,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cerrno>
 #include <chrono>
 #include <filesystem>
 #include <fstream>
@@ -249,7 +251,7 @@ TEST_F(AVault, FollowsNoLinkThatSomebodyPutInTheWay)
     fs::remove(file);
     fs::create_symlink(target, file);
     fs::create_symlink(target, path + "/new");
-    EXPECT_NE(errorOfRead("name"), SS_ERROR_NONE);
+    EXPECT_EQ(errorOfRead("name"), SS_ERROR_UNAVAILABLE) << "the name is not missing";
     write("name", "data");
     EXPECT_EQ(read("name"), "data");
     EXPECT_EQ(bytesOf(target), "untouched");
@@ -258,7 +260,13 @@ TEST_F(AVault, FollowsNoLinkThatSomebodyPutInTheWay)
 TEST_F(AVault, SaysWhenItsFolderCannotBeMade)
 {
     const keystore::Vault nowhere(folder.path() + "/no/such/parent");
-    EXPECT_THROW(nowhere.write(client, "name", nullptr, 0), secure::Error);
+    try {
+        nowhere.write(client, "name", nullptr, 0);
+        FAIL();
+    } catch (const secure::Error& error) {
+        EXPECT_EQ(error.code(), SS_ERROR_UNAVAILABLE);
+        EXPECT_THAT(error.what(), testing::HasSubstr("/parent cannot be made: No such file"));
+    }
     try {
         nowhere.read(client, "name");
         FAIL();
@@ -290,6 +298,56 @@ TEST_F(AVault, KeepsTheOldDataAndNoRemainsWhenThereIsNoRoomForTheNew)
     EXPECT_EQ(read("name"), "old");
     EXPECT_EQ(dataFiles(), before);
     EXPECT_FALSE(fs::exists(path + "/new"));
+}
+
+TEST_F(AVault, SaysWhenAFileCannotBeRemoved)
+{
+    write("name", "data");
+    const fs::path file = dataFiles().at(0);
+    fs::remove(file);
+    fs::create_directory(file);
+    EXPECT_THROW(vault.remove(client, "name"), secure::Error);
+    EXPECT_TRUE(fs::exists(file));
+}
+
+TEST_F(AVault, IsNotWrittenWithoutItsLock)
+{
+    write("name", "old");
+    fs::remove(path + "/lock");
+    fs::create_symlink(path + "/store.key", path + "/lock");
+    for (const int before : {0, EINTR}) {
+        errno = before;
+        EXPECT_EQ(errorOfWrite("name"), SS_ERROR_UNAVAILABLE);
+    }
+    EXPECT_EQ(read("name"), "old");
+    fs::remove(path + "/lock");
+    errno = EINTR;
+    write("name", "new");
+    EXPECT_EQ(read("name"), "new");
+}
+
+TEST_F(AVault, IsWrittenAlthoughASignalComesWhileItWaitsForTheLock)
+{
+    write("name", "old");
+    struct sigaction action {};
+    action.sa_handler = [](int) {};
+    ASSERT_EQ(sigaction(SIGUSR1, &action, nullptr), 0);
+    const int lock = open((path + "/lock").c_str(), O_RDWR | O_CLOEXEC);
+    ASSERT_EQ(flock(lock, LOCK_EX), 0);
+    std::atomic<bool> done{false};
+    std::thread writer([&] {
+        EXPECT_EQ(errorOfWrite("name"), SS_ERROR_NONE);
+        done = true;
+    });
+    for (int i = 0; i < 20; i++) {
+        pthread_kill(writer.native_handle(), SIGUSR1);
+        usleep(5000);
+    }
+    EXPECT_FALSE(done) << "the lock is held";
+    close(lock);
+    writer.join();
+    EXPECT_EQ(read("name"), "x");
+    signal(SIGUSR1, SIG_DFL);
 }
 
 TEST_F(AVault, GivesTwoWritersAndAReaderWholeData)
