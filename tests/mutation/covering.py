@@ -6,17 +6,14 @@ import os
 import shutil
 
 MZCURL = "tests/unit/mzcurl/mzcurl_"
-KEYS = [
-    "tests/contract/contract_secure_linux",
-    "tests/unit/platform/key_store_test",
-    "tests/unit/platform/token_rights_test",
-    "tests/unit/platform/vault_test",
-]
+KEY_STORE = "tests/unit/platform/key_store_test"
+REFUSED_PINS = "tests/unit/platform/refused_pins_test"
+RIGHTS = "tests/unit/platform/token_rights_test"
+VAULT = "tests/unit/platform/vault_test"
+SECURE = "tests/contract/contract_secure_linux"
 
 # Files that a program loads at run time.
-LOADED = {
-    "tests/unit/platform/key_store_test": ["tests/support/test-pkcs11-proxy.so", "platform/linux/libbilling-platform.so.1.0.0"]
-}
+LOADED = {KEY_STORE: ["tests/support/test-pkcs11-proxy.so", "platform/linux/libbilling-platform.so.1.0.0"]}
 
 # The server of a test program that runs one.
 NGINX = shutil.which("nginx", path=os.environ.get("PATH", "") + os.pathsep + "/usr/sbin")
@@ -73,8 +70,13 @@ COVERED = [
     ("platform/curl/transfer/", mzcurl("easy", "trust", "limits", "refusal", "resend", "large", "client_certificate", "nginx")),
     ("platform/curl/events", mzcurl("gate", "resend", "large", "burst", "nginx")),
     ("platform/curl/", mzcurl("multi", "refusal", "limits", "resend", "burst", "large", "gate", "nginx")),
-    ("platform/keystore/vault", ["tests/unit/platform/vault_test", "tests/contract/contract_secure_linux"]),
-    ("platform/keystore/", KEYS),
+    ("platform/keystore/crypto_container", [SECURE]),
+    ("platform/keystore/key_material", [SECURE]),
+    ("platform/keystore/private_file", [VAULT, KEY_STORE, REFUSED_PINS, SECURE]),
+    ("platform/keystore/refused_pins", [REFUSED_PINS, KEY_STORE]),
+    ("platform/keystore/seal", [SECURE, VAULT, REFUSED_PINS]),
+    ("platform/keystore/vault", [VAULT, SECURE]),
+    ("platform/keystore/", [SECURE, KEY_STORE, RIGHTS]),
 ]
 
 
