@@ -224,6 +224,25 @@ TEST_F(AKeyStore, LetsOneCallerInAtATime)
     EXPECT_EQ(control().mostInside, 1);
 }
 
+TEST_F(AKeyStore, ReadsItsSettingsAnewWhileOthersSign)
+{
+    std::atomic<int> signing{2};
+    std::atomic<int> failed{0};
+    const auto signs = [&] {
+        for (int i = 0; i < 20; i++)
+            failed += sign() == 0 ? 0 : 1;
+        signing--;
+    };
+    std::thread one(signs);
+    std::thread two(signs);
+    ss_credential_s other{};
+    while (signing > 0)
+        ss_init_credential(&other, 1, 2, 3, 4, 6, 1, 0);
+    one.join();
+    two.join();
+    EXPECT_EQ(failed, 0);
+}
+
 TEST_F(AKeyStore, KeepsTheOldKeyWhenTheNewOneDoesNotProveItself)
 {
     control().fault = Fault::WrongBlock;
