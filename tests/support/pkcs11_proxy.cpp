@@ -48,6 +48,8 @@ void enter(const char* call)
 CK_RV initialize(void* arguments)
 {
     const auto* const given = static_cast<CK_C_INITIALIZE_ARGS*>(arguments);
+    if (g_control.fault == Fault::NoStart)
+        return CKR_GENERAL_ERROR;
     if (given != nullptr && g_control.fault == Fault::CannotLock)
         return CKR_CANT_LOCK;
     g_control.startFlags = given == nullptr ? 0 : given->flags;
@@ -59,7 +61,16 @@ CK_RV openSession(CK_SLOT_ID slot, CK_FLAGS flags, void* context, CK_NOTIFY noti
 {
     g_control.sessions++;
     g_control.sessionFlags = flags;
-    return g_real->C_OpenSession(slot, flags, context, notify, session);
+    const CK_RV answer = g_real->C_OpenSession(slot, flags, context, notify, session);
+    g_control.openSessions += answer == CKR_OK ? 1 : 0;
+    return answer;
+}
+
+CK_RV closeSession(CK_SESSION_HANDLE session)
+{
+    const CK_RV answer = g_real->C_CloseSession(session);
+    g_control.openSessions -= answer == CKR_OK ? 1 : 0;
+    return answer;
 }
 
 CK_RV login(CK_SESSION_HANDLE session, CK_USER_TYPE user, unsigned char* pin, CK_ULONG size)
@@ -81,6 +92,10 @@ CK_RV getTokenInfo(CK_SLOT_ID slot, CK_TOKEN_INFO* token)
         token->flags |= CKF_USER_PIN_FINAL_TRY;
     if (answer == CKR_OK && g_control.fault == Fault::OtherToken)
         token->label[0] = '?';
+    if (answer == CKR_OK && g_control.fault == Fault::Twins) {
+        std::fill(std::begin(token->label), std::end(token->label), ' ');
+        std::copy_n("twin", 4, token->label);
+    }
     if (answer == CKR_OK && g_control.fault == Fault::NulPadded)
         std::replace(std::begin(token->label), std::end(token->label), ' ', '\0');
     return answer;
@@ -135,10 +150,10 @@ CK_RV getSlotList(unsigned char present, CK_SLOT_ID* slots, CK_ULONG* count)
     const Fault fault = g_control.fault;
     if (fault == Fault::OneSlot)
         return getInitializedSlots(slots, count);
-    if (fault == Fault::SlotAdded && slots != nullptr) {
+    if (fault == Fault::SlotAdded && slots != nullptr)
         g_control.fault = Fault::None;
+    if ((fault == Fault::SlotAdded || fault == Fault::SlotsGrow) && slots != nullptr)
         return CKR_BUFFER_TOO_SMALL;
-    }
     const CK_RV answer = g_real->C_GetSlotList(present, slots, count);
     if (fault == Fault::ManySlots)
         *count = ~CK_ULONG{0} / 16;
@@ -221,6 +236,7 @@ CK_RV C_GetFunctionList(CK_FUNCTION_LIST** list)
     g_calls.C_Initialize = initialize;
     g_calls.C_GetSlotList = getSlotList;
     g_calls.C_OpenSession = openSession;
+    g_calls.C_CloseSession = closeSession;
     g_calls.C_Login = login;
     g_calls.C_GetTokenInfo = getTokenInfo;
     g_calls.C_GetMechanismInfo = getMechanismInfo;

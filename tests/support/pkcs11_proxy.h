@@ -21,11 +21,14 @@ enum class Fault {
     ManySlots,       ///< there are more slots than any memory holds
     OneSlot,         ///< one slot has a token
     SlotAdded,       ///< a slot gets a token between its count and the list, once
+    SlotsGrow,       ///< a slot gets a token between each count and its list
     SlotGone,        ///< a slot loses its token between the count and the list
     SlotsBeyond,     ///< the list of slots tells that it is longer than its room
+    NoStart,         ///< the module does not start
     CannotLock,      ///< a start that asks for locks is refused
     NulPadded,       ///< the label of a token is padded with NUL
     OtherToken,      ///< every token has another label
+    Twins,           ///< every token has the label "twin"
     RoundedLengths,  ///< the asked length of an attribute is more than its value has
     SearchFails,     ///< a search finds the token without memory
     UnnamedAnswer,   ///< every signature fails with an answer of the vendor's own
@@ -42,6 +45,7 @@ struct Control {
     std::atomic<int> delayMs{0};  ///< least duration of a signature
     std::atomic<int> logins{0};
     std::atomic<int> sessions{0};
+    std::atomic<int> openSessions{0};
     std::atomic<int> signatures{0};
     std::atomic<unsigned long> sessionFlags{0};  ///< of the last session that was opened
     std::atomic<unsigned long> startFlags{

@@ -48,6 +48,75 @@ TEST_F(ATokensAnswers, ComeFromAModuleThatCannotLock)
     EXPECT_EQ(sign(), 0);
 }
 
+TEST_F(ATokensAnswers, AreMissingWhileTheModuleDoesNotStart)
+{
+    endSession();
+    log.clear();
+    control().fault = Fault::NoStart;
+    EXPECT_THROW(module().restart(), pkcs11::Failure);
+    EXPECT_EQ(sign(), SS_ERROR_UNAVAILABLE);
+    EXPECT_THAT(errors(),
+                ElementsAre(HasSubstr("the start of the module failed with CKR_GENERAL_ERROR")));
+    control().fault = Fault::None;
+    EXPECT_EQ(sign(), 0);
+}
+
+TEST_F(ATokensAnswers, LeaveOneSessionOpen)
+{
+    const int before = control().openSessions;
+    EXPECT_EQ(sign(), 0);
+    EXPECT_EQ(store(token().key), 0);
+    EXPECT_EQ(ss_remove_key(&client, kOther), SS_ERROR_NOT_FOUND);
+    EXPECT_EQ(control().openSessions, before);
+}
+
+TEST_F(ATokensAnswers, ComeFromAnAbsolutePathOnly)
+{
+    for (const std::string path : {"", "module.so"}) {
+        try {
+            pkcs11::Module::at(path.c_str());
+            FAIL();
+        } catch (const secure::Error& error) {
+            EXPECT_EQ(error.code(), SS_ERROR_UNAVAILABLE);
+            EXPECT_THAT(error.what(), HasSubstr(path + " is not an absolute path; [keystore]"));
+        }
+    }
+}
+
+TEST_F(ATokensAnswers, ComeFromNoneOfTwoTokensWithOneLabel)
+{
+    conf.set("keystore", "token", "twin");
+    start();
+    control().fault = Fault::Twins;
+    EXPECT_EQ(sign(), SS_ERROR_UNAVAILABLE);
+    EXPECT_THAT(errors(), ElementsAre(HasSubstr("two tokens have this label")));
+}
+
+TEST_F(ATokensAnswers, ComeFromNoneOfTwoKeysWithOneNumber)
+{
+    const pkcs11::Session session = sessionOfToken(true);
+    pkcs11::Attributes publicKey;
+    publicKey.number(CKA_MODULUS_BITS, 2048);
+    pkcs11::Attributes privateKey;
+    privateKey.text(CKA_ID, std::string("\0\0\0\7", 4)).flag(CKA_TOKEN, true).flag(CKA_SIGN, true);
+    const auto made = session.generate(publicKey, privateKey);
+    EXPECT_EQ(sign(), SS_ERROR_BROKEN);
+    EXPECT_THAT(errors(), ElementsAre(HasSubstr("more than one private key with CKA_ID 00000007")));
+    session.destroy(made[1]);
+    EXPECT_EQ(sign(), 0);
+}
+
+TEST_F(ATokensAnswers, AboutWhatIsNotThereAreFailures)
+{
+    const pkcs11::Session session = sessionOfToken(true);
+    EXPECT_THROW(module().tokenIn(12345), pkcs11::Failure);
+    EXPECT_THROW(session.value(12345, CKA_MODULUS), pkcs11::Failure);
+    EXPECT_THROW(session.destroy(12345), pkcs11::Failure);
+    pkcs11::Attributes none;
+    EXPECT_THROW(session.create(none), pkcs11::Failure);
+    EXPECT_THROW(tokenkeys::publicKey(session, kOther), secure::Error);
+}
+
 TEST_F(ATokensAnswers, MayHaveOneSlot)
 {
     control().fault = Fault::OneSlot;
@@ -62,6 +131,8 @@ TEST_F(ATokensAnswers, MayHaveASlotMoreOrLessFromOneCallToTheNext)
     EXPECT_EQ(module().slots(), slots);
     control().fault = Fault::SlotGone;
     EXPECT_EQ(module().slots(), slots);
+    control().fault = Fault::SlotsGrow;
+    EXPECT_THROW(module().slots(), pkcs11::Failure) << "in the end";
 }
 
 TEST_F(ATokensAnswers, AreNotBelievedWhenTheListIsLongerThanItsRoom)
@@ -120,6 +191,14 @@ TEST_F(ATokensAnswers, GiveTheLowestFreeNumber)
     EXPECT_EQ(tokenkeys::freeId(session), 1);
     EXPECT_FALSE(tokenkeys::exists(session, 1));
     EXPECT_TRUE(tokenkeys::exists(session, 7));
+}
+
+TEST_F(ATokensAnswers, ProveAKey)
+{
+    const pkcs11::Session session = sessionOfToken(false);
+    EXPECT_NO_THROW(tokenkeys::prove(session, 7));
+    control().fault = Fault::WrongBlock;
+    EXPECT_THROW(tokenkeys::prove(session, 7), secure::Error);
 }
 
 TEST_F(ATokensAnswers, TellWhatAKeyMayDo)
