@@ -6,6 +6,8 @@ import os
 import shutil
 
 MZCURL = "tests/unit/mzcurl/mzcurl_"
+DURABILITY = "tests/unit/platform/durability_test"
+KEY_MATERIAL = "tests/unit/platform/key_material_test"
 KEY_STORE = "tests/unit/platform/key_store_test"
 REFUSED_PINS = "tests/unit/platform/refused_pins_test"
 RIGHTS = "tests/unit/platform/token_rights_test"
@@ -71,11 +73,12 @@ COVERED = [
     ("platform/curl/events", mzcurl("gate", "resend", "large", "burst", "nginx")),
     ("platform/curl/", mzcurl("multi", "refusal", "limits", "resend", "burst", "large", "gate", "nginx")),
     ("platform/keystore/crypto_container", [SECURE]),
-    ("platform/keystore/key_material", [SECURE]),
-    ("platform/keystore/private_file", [VAULT, KEY_STORE, REFUSED_PINS, SECURE]),
+    ("platform/keystore/key_material", [SECURE, KEY_MATERIAL]),
+    ("platform/keystore/private_file", [DURABILITY, VAULT, KEY_STORE, REFUSED_PINS, SECURE]),
     ("platform/keystore/refused_pins", [REFUSED_PINS, KEY_STORE]),
     ("platform/keystore/seal", [SECURE, VAULT, REFUSED_PINS]),
     ("platform/keystore/vault", [VAULT, SECURE]),
+    ("platform/keystore/secure_storage", [SECURE, DURABILITY, KEY_STORE, RIGHTS]),
     ("platform/keystore/", [SECURE, KEY_STORE, RIGHTS]),
 ]
 
