@@ -1,4 +1,5 @@
 """A stand-in for the journal in the view of a daemon."""
+import os
 import queue
 import socket
 import threading
@@ -11,7 +12,10 @@ class Journal:
         path = folder / "journalled" / "systemd" / "journal"
         path.mkdir(parents=True)
         self._socket = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
-        self._socket.bind(str(path / "socket"))
+        # By a descriptor, since an address has 107 bytes at most, and the folder's own path may be longer.
+        descriptor = os.open(path, os.O_PATH)
+        self._socket.bind(f"/proc/self/fd/{descriptor}/socket")
+        os.close(descriptor)
         self._come = queue.Queue()
         # The socket holds ten entries. This thread empties it, so that the daemon does not wait.
         threading.Thread(target=self._receive, daemon=True).start()
