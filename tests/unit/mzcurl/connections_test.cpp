@@ -127,6 +127,29 @@ TEST_F(AnIdleConnection, IsUsedAfterTheServerHasClosedAnother)
     EXPECT_EQ(server.connections(), 3);
 }
 
+TEST_F(AnIdleConnection, IsWatchedWhileItsTransferIsNotTakenOut)
+{
+    TestServer server(test::always("ok"), {&identity});
+    Transfer first(server.url() + "/first", caFile);
+    Transfer second(server.url() + "/second", caFile);
+    int running = 0;
+    const auto await = [&](Transfer& transfer) {
+        ASSERT_TRUE(worker.multi.addHandle(&transfer.easy));
+        MZCurl::MZCurlEasy* ended = nullptr;
+        while (ended != &transfer.easy) {
+            ASSERT_TRUE(worker.multi.fdSelect(running));
+            ended = test::readOne(worker.multi).pEasyHandle;
+        }
+    };
+    await(first);
+    ASSERT_TRUE(worker.multi.fdSelect(running));
+    changeNetwork();
+    await(second);
+    EXPECT_EQ(server.connections(), 2);
+    EXPECT_TRUE(worker.multi.removeHandle(&first.easy));
+    EXPECT_TRUE(worker.multi.removeHandle(&second.easy));
+}
+
 TEST_F(AnIdleConnection, IsWatchedAgainWhenAnUnknownOneIsClosed)
 {
     TestServer server(

@@ -250,6 +250,22 @@ TEST_F(ABurst, GoesAtOnceWhenItsLeaderFails)
     }));
 }
 
+TEST_F(ABurst, GoesAtOnceWhenItsLeaderHasFailedAndIsNotTakenOut)
+{
+    EXPECT_TRUE(inOneOfThree([&] {
+        // The server speaks no TLS.
+        TestServer server([](Connection&) {});
+        Burst burst(caFile);
+        const auto start = Clock::now();
+        burst.add("https://127.0.0.1:" + std::to_string(server.port()) + "/", 5);
+        int running = 0;
+        while (server.connections() < 5) {
+            EXPECT_TRUE(burst.worker.multi.fdSelect(running));
+        }
+        return secondsSince(start) < 0.9;
+    }));
+}
+
 TEST_F(ABurst, GoesAtOnceWhenItsLeaderIsTakenOut)
 {
     EXPECT_TRUE(inOneOfThree([&] {

@@ -16,6 +16,7 @@
 #include <functional>
 #include <string>
 #include <thread>
+#include <vector>
 
 namespace {
 
@@ -349,6 +350,19 @@ TEST_F(AServer, ThatRefusesConnectionsIsAskedFourTimesMore)
         EXPECT_GE(secondsSince(start), 3.75);
         EXPECT_EQ(refusals(), 4);
     }
+}
+
+TEST_F(AServer, ThatRefusesConnectionsTakesNoSlotsFromAnother)
+{
+    // With the four repetitions of each there are more attempts than slots.
+    const auto transfers = test::several(100, "https://127.0.0.1:1/", caFile);
+    std::vector<Transfer*> all;
+    for (const auto& transfer : transfers) {
+        all.push_back(transfer.get());
+    }
+    worker.run(all);
+    Transfer get(first(), caFile);
+    EXPECT_TRUE(worker.run(get).success);
 }
 
 TEST_F(AServer, ThatRefusesConnectionsIsAskedNoMoreWhenTheTimeIsOver)
