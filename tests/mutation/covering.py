@@ -68,7 +68,7 @@ COVERED = [
     ("platform/curl/transfer/headers", mzcurl("easy", "trust")),
     ("platform/curl/transfer/url", mzcurl("url", "easy", "gate", "admission")),
     ("platform/curl/transfer/transfer", mzcurl("multi", "trust", "limits", "client_certificate")),
-    ("platform/curl/transfer/callbacks", mzcurl("limits", "large", "resend", "nginx")),
+    ("platform/curl/transfer/callbacks", mzcurl("limits", "large", "resend", "burst", "nginx")),
     ("platform/curl/transfer/", mzcurl("easy", "trust", "limits", "refusal", "resend", "large", "client_certificate", "nginx")),
     ("platform/curl/events", mzcurl("gate", "resend", "large", "burst", "nginx")),
     ("platform/curl/", mzcurl("multi", "refusal", "limits", "resend", "burst", "large", "gate", "nginx")),

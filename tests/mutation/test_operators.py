@@ -198,9 +198,10 @@ def test_every_source_has_programs_that_are_built(tmp_path):
 def test_every_named_edit_and_every_equivalent_one_still_has_its_place():
     for edit in tomllib.loads((ROOT / "tests/mutation/edits.toml").read_text())["edit"]:
         assert (ROOT / edit["file"]).read_text().count(edit["find"]) == 1, edit["name"]
-    listed = tomllib.loads((ROOT / "tests/mutation/equivalent.toml").read_text())
-    for entry in listed.get("equivalent", []):
-        keys = {mutant.key() for mutant in operators.mutants(entry["file"], (ROOT / entry["file"]).read_text())}
-        key = (entry["file"], entry["operator"], entry["before"], entry["after"])
-        assert key in keys, key
-        assert entry["reason"]
+    for name, kind, detail in (("equivalent", "equivalent", "reason"), ("integration", "killed", "test")):
+        for entry in tomllib.loads((ROOT / f"tests/mutation/{name}.toml").read_text()).get(kind, []):
+            keys = {mutant.key() for mutant in operators.mutants(entry["file"], (ROOT / entry["file"]).read_text())}
+            key = (entry["file"], entry["operator"], entry["before"], entry["after"])
+            assert key in keys, key
+            assert entry[detail]
+            assert kind == "equivalent" or (ROOT / entry["test"].partition("::")[0]).exists()

@@ -120,6 +120,7 @@ TEST_F(AnInitialisedEasyHandle, PassesOnWhatLibcurlSaysOfAValue)
     const std::unique_ptr<CURL, decltype(&curl_easy_cleanup)> plain(curl_easy_init(),
                                                                     curl_easy_cleanup);
     EXPECT_TRUE(easy.setOption(MZCURL_OPT_CONNECTTIMEOUT, 2147483));
+    EXPECT_TRUE(easy.setOption(MZCURL_OPT_TIMEOUT, 0)) << "no limit";
     EXPECT_EQ(curl_easy_setopt(plain.get(), CURLOPT_CONNECTTIMEOUT, 2147483L), CURLE_OK);
     EXPECT_NE(curl_easy_setopt(plain.get(), CURLOPT_CONNECTTIMEOUT, 2147484L), CURLE_OK);
 }
