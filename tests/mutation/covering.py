@@ -71,7 +71,7 @@ COVERED = [
     ("platform/curl/transfer/callbacks", mzcurl("limits", "large", "resend", "burst", "nginx")),
     ("platform/curl/transfer/", mzcurl("easy", "trust", "limits", "refusal", "resend", "large", "client_certificate", "nginx")),
     ("platform/curl/events", mzcurl("gate", "resend", "large", "burst", "nginx")),
-    ("platform/curl/", mzcurl("multi", "refusal", "limits", "resend", "burst", "large", "gate", "nginx")),
+    ("platform/curl/", mzcurl("multi", "refusal", "limits", "connections", "resend", "burst", "large", "gate", "nginx")),
     ("platform/keystore/crypto_container", [SECURE]),
     ("platform/keystore/key_material", [SECURE, KEY_MATERIAL]),
     ("platform/keystore/private_file", [DURABILITY, VAULT, KEY_STORE, REFUSED_PINS, SECURE]),

@@ -354,13 +354,16 @@ TEST_F(AServer, ThatRefusesConnectionsIsAskedFourTimesMore)
 
 TEST_F(AServer, ThatRefusesConnectionsTakesNoSlotsFromAnother)
 {
-    // With the four repetitions of each there are more attempts than slots.
+    // With the four repetitions of each there are more attempts than slots. A transfer that gets none ends with another code.
     const auto transfers = test::several(100, "https://127.0.0.1:1/", caFile);
     std::vector<Transfer*> all;
     for (const auto& transfer : transfers) {
         all.push_back(transfer.get());
     }
     worker.run(all);
+    for (const Transfer* const transfer : all) {
+        EXPECT_EQ(worker.outcome(*transfer).code, 7) << worker.outcome(*transfer).error;
+    }
     Transfer get(first(), caFile);
     EXPECT_TRUE(worker.run(get).success);
 }
