@@ -72,7 +72,7 @@ COVERED = [
     ("platform/curl/transfer/", mzcurl("easy", "trust", "limits", "refusal", "resend", "large", "client_certificate", "nginx")),
     ("platform/curl/events", mzcurl("gate", "resend", "large", "burst", "nginx")),
     ("platform/curl/", mzcurl("multi", "refusal", "limits", "connections", "resend", "burst", "large", "gate", "nginx")),
-    ("platform/keystore/crypto_container", [SECURE]),
+    ("platform/keystore/crypto_container", [SECURE, KEY_MATERIAL]),
     ("platform/keystore/key_material", [SECURE, KEY_MATERIAL]),
     ("platform/keystore/private_file", [DURABILITY, VAULT, KEY_STORE, REFUSED_PINS, SECURE]),
     ("platform/keystore/refused_pins", [REFUSED_PINS, KEY_STORE]),

@@ -5,6 +5,8 @@
 #include "keystore/secure_error.h"
 #include "rsa_key.h"
 
+#include <platform/crypto_container.h>
+
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -61,6 +63,28 @@ TEST_F(KeyMaterial, HasNumbersOf256BytesAlsoWhenTheyAreShorter)
     secret::Bytes whole(6, 0);
     whole.insert(whole.end(), numbers.privateExponent.begin(), numbers.privateExponent.end());
     EXPECT_EQ(parts.exponent, whole);
+}
+
+TEST_F(KeyMaterial, IsNotOpenedWithoutASecretInTheSettingsAndTheLogSaysSo)
+{
+    device::Conf conf;
+    conf.set("keystore", "seal_key", std::nullopt);
+    const device::CapturedLog log;
+    CryptoCoreContainer* container = nullptr;
+    ASSERT_EQ(create_CryptoCoreContainer(CC_RSA, &container), 0);
+    const test::RsaKey key = test::RsaKey::make();
+    const test::Bytes n = key.modulus();
+    const test::Bytes e = key.publicExponent();
+    ASSERT_EQ(container->set_public_key(container, n.data(), n.size(), e.data(), e.size()), 0);
+    const test::Bytes sealed(keymaterial::kSize);
+    unsigned char modulus[257];
+    unsigned char exponent[257];
+    EXPECT_EQ(
+        container->open_key_material(container, sealed.data(), sealed.size(), modulus, exponent),
+        SS_ERROR_ACCESS);
+    destroy_CryptoCoreContainer(container);
+    EXPECT_THAT(log.text(), testing::HasSubstr("[keystore] seal_key is not set"));
+    EXPECT_THAT(log.text(), testing::HasSubstr("sealed key material cannot be opened"));
 }
 
 TEST_F(KeyMaterial, IsAnotherEachTime)
