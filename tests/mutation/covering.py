@@ -17,6 +17,10 @@ SECURE = "tests/contract/contract_secure_linux"
 # Files that a program loads at run time.
 LOADED = {KEY_STORE: ["tests/support/test-pkcs11-proxy.so", "platform/linux/libbilling-platform.so.1.0.0"]}
 
+# Tests of these programs use the session that an earlier test has opened: the trace of a test does not name all functions
+# that matter to it. A mutant that survives the traced tests is tried with the whole program.
+SHARED = {KEY_STORE, SECURE}
+
 # The server of a test program that runs one.
 NGINX = shutil.which("nginx", path=os.environ.get("PATH", "") + os.pathsep + "/usr/sbin")
 ARGUMENTS = {MZCURL + "nginx_test": [NGINX]}

@@ -9,7 +9,7 @@ import threading
 
 import programs
 import schemata
-from covering import ARGUMENTS, target, targets
+from covering import ARGUMENTS, SHARED, target, targets
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 # Tests that have killed most mutants of a function run before its other tests.
@@ -186,6 +186,9 @@ class Plan:
                     yield name, None
                 elif rest:
                     yield name, rest
+        for name in tests:
+            if name in SHARED:
+                yield name, None
 
     def killed(self, mutant, name, killer):
         function = schemata.body_of(mutant, self._found)

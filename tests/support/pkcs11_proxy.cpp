@@ -56,13 +56,20 @@ CK_RV initialize(void* arguments)
     return g_real->C_Initialize(arguments);
 }
 
+CK_RV finalize(void* reserved)
+{
+    g_control.openSessions = 0;
+    return g_real->C_Finalize(reserved);
+}
+
 CK_RV openSession(CK_SLOT_ID slot, CK_FLAGS flags, void* context, CK_NOTIFY notify,
                   CK_SESSION_HANDLE* session)
 {
     g_control.sessions++;
     g_control.sessionFlags = flags;
     const CK_RV answer = g_real->C_OpenSession(slot, flags, context, notify, session);
-    g_control.openSessions += answer == CKR_OK ? 1 : 0;
+    if (answer == CKR_OK && ++g_control.openSessions > g_control.mostSessions)
+        g_control.mostSessions = g_control.openSessions.load();
     return answer;
 }
 
@@ -105,7 +112,10 @@ CK_RV getMechanismInfo(CK_SLOT_ID slot, CK_MECHANISM_TYPE type, CK_MECHANISM_INF
 {
     if (type == CKM_RSA_X_509 && g_control.fault == Fault::NoRawRsa)
         return CKR_MECHANISM_INVALID;
-    return g_real->C_GetMechanismInfo(slot, type, info);
+    const CK_RV answer = g_real->C_GetMechanismInfo(slot, type, info);
+    if (type == CKM_RSA_X_509 && g_control.fault == Fault::RawRsaDecrypts)
+        info->flags &= ~CK_FLAGS{CKF_SIGN};
+    return answer;
 }
 
 CK_RV findObjects(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE* objects, CK_ULONG room,
@@ -181,6 +191,8 @@ CK_RV signInit(CK_SESSION_HANDLE session, CK_MECHANISM* mechanism, CK_OBJECT_HAN
     if (mechanism->mechanism == CKM_RSA_X_509 &&
         (fault == Fault::NoRawRsa || fault == Fault::RawRsaListed))
         return CKR_MECHANISM_INVALID;
+    if (mechanism->mechanism == CKM_RSA_X_509 && fault == Fault::RawRsaDecrypts)
+        return CKR_KEY_FUNCTION_NOT_PERMITTED;
     return g_real->C_SignInit(session, mechanism, key);
 }
 
@@ -206,7 +218,7 @@ CK_RV sign(CK_SESSION_HANDLE session, unsigned char* data, CK_ULONG size, unsign
     if (fault == Fault::UnnamedAnswer)
         answer = CKR_VENDOR_DEFINED | 0x2a;
     if (fault == Fault::RemovedOnce || fault == Fault::Removed) {
-        g_real->C_CloseSession(session);
+        closeSession(session);
         answer = CKR_DEVICE_REMOVED;
     }
     if (fault == Fault::RemovedOnce)
@@ -234,6 +246,7 @@ CK_RV C_GetFunctionList(CK_FUNCTION_LIST** list)
         return CKR_GENERAL_ERROR;
     g_calls = *g_real;
     g_calls.C_Initialize = initialize;
+    g_calls.C_Finalize = finalize;
     g_calls.C_GetSlotList = getSlotList;
     g_calls.C_OpenSession = openSession;
     g_calls.C_CloseSession = closeSession;

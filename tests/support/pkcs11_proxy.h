@@ -12,6 +12,7 @@ enum class Fault {
     WrongBlock,      ///< signatures have one bit changed
     NoRawRsa,        ///< CKM_RSA_X_509 is not offered
     RawRsaListed,    ///< CKM_RSA_X_509 is offered and then refused
+    RawRsaDecrypts,  ///< CKM_RSA_X_509 is offered, and not for signing
     RemovedOnce,     ///< the next signature finds the device removed and loses the session
     Removed,         ///< every signature finds the device removed
     FunctionFailed,  ///< every signature fails without a reason
@@ -46,6 +47,7 @@ struct Control {
     std::atomic<int> logins{0};
     std::atomic<int> sessions{0};
     std::atomic<int> openSessions{0};
+    std::atomic<int> mostSessions{0};  ///< largest number of open sessions at once
     std::atomic<int> signatures{0};
     std::atomic<unsigned long> sessionFlags{0};  ///< of the last session that was opened
     std::atomic<unsigned long> startFlags{

@@ -51,7 +51,7 @@ TEST_F(AKeyStore, HandsOutNoWrongBlock)
 
 TEST_F(AKeyStore, StripsThePaddingForATokenWithoutRawRsa)
 {
-    for (const Fault fault : {Fault::NoRawRsa, Fault::RawRsaListed}) {
+    for (const Fault fault : {Fault::NoRawRsa, Fault::RawRsaListed, Fault::RawRsaDecrypts}) {
         control().fault = fault;
         for (const std::size_t content : {std::size_t{0}, std::size_t{51}, std::size_t{245}})
             EXPECT_EQ(sign(paddedBlock(content)), 0) << content;

@@ -70,6 +70,17 @@ TEST_F(ATokensAnswers, LeaveOneSessionOpen)
     EXPECT_EQ(control().openSessions, before);
 }
 
+TEST_F(ATokensAnswers, MayAllowOneSessionAtATime)
+{
+    control().mostSessions = 0;
+    control().fault = Fault::FunctionFailed;
+    EXPECT_EQ(sign(), SS_ERROR_UNAVAILABLE);
+    control().fault = Fault::None;
+    EXPECT_EQ(sign(), 0);
+    EXPECT_EQ(control().sessions, 2);
+    EXPECT_EQ(control().mostSessions, 1) << "a session is closed before the next one is opened";
+}
+
 TEST_F(ATokensAnswers, ComeFromAnAbsolutePathOnly)
 {
     for (const std::string path : {"", "module.so"}) {
