@@ -78,7 +78,7 @@ COVERED = [
     ("platform/curl/", mzcurl("multi", "refusal", "limits", "connections", "resend", "burst", "large", "gate", "nginx")),
     ("platform/keystore/crypto_container", [SECURE, KEY_MATERIAL]),
     ("platform/keystore/key_material", [SECURE, KEY_MATERIAL]),
-    ("platform/keystore/private_file", [DURABILITY, VAULT, KEY_STORE, REFUSED_PINS, SECURE]),
+    ("platform/keystore/private_file", [DURABILITY, VAULT, KEY_MATERIAL, KEY_STORE, REFUSED_PINS, SECURE]),
     ("platform/keystore/refused_pins", [REFUSED_PINS, KEY_STORE]),
     ("platform/keystore/seal", [SECURE, VAULT, REFUSED_PINS]),
     ("platform/keystore/vault", [VAULT, SECURE]),

@@ -10,6 +10,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <fstream>
@@ -46,6 +48,20 @@ TEST_F(KeyMaterial, NeedsASecretOf32BytesOrMore)
     } catch (const secure::Error& error) {
         EXPECT_EQ(error.code(), SS_ERROR_BROKEN);
     }
+}
+
+TEST_F(KeyMaterial, ReadsItsSecretWithoutStandardInput)
+{
+    const pid_t child = fork();
+    if (child == 0) {
+        // The next descriptor is 0.
+        readSecret(32);
+        close(STDIN_FILENO);
+        _exit(keymaterial::readSealKey(folder.path() + "/seal.key").size() == 32 ? 0 : 1);
+    }
+    int status = 0;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_EQ(status, 0);
 }
 
 TEST_F(KeyMaterial, HasNumbersOf256BytesAlsoWhenTheyAreShorter)

@@ -350,6 +350,20 @@ TEST_F(AVault, IsWrittenAlthoughASignalComesWhileItWaitsForTheLock)
     signal(SIGUSR1, SIG_DFL);
 }
 
+TEST_F(AVault, NeedsNoStandardInput)
+{
+    const pid_t child = fork();
+    if (child == 0) {
+        // The next descriptor is 0.
+        close(STDIN_FILENO);
+        write("name", "data");
+        _exit(read("name") == "data" ? 0 : 1);
+    }
+    int status = 0;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_EQ(status, 0);
+}
+
 TEST_F(AVault, GivesTwoWritersAndAReaderWholeData)
 {
     const std::string values[] = {std::string(5000, 'a'), std::string(4000, 'b')};
