@@ -80,7 +80,7 @@ COVERED = [
     ("platform/keystore/key_material", [SECURE, KEY_MATERIAL]),
     ("platform/keystore/private_file", [DURABILITY, VAULT, KEY_MATERIAL, KEY_STORE, REFUSED_PINS, SECURE]),
     ("platform/keystore/refused_pins", [REFUSED_PINS, KEY_STORE]),
-    ("platform/keystore/seal", [SECURE, VAULT, REFUSED_PINS]),
+    ("platform/keystore/seal", [KEY_MATERIAL, SECURE, VAULT, REFUSED_PINS]),
     ("platform/keystore/vault", [VAULT, SECURE]),
     ("platform/keystore/secure_storage", [SECURE, DURABILITY, KEY_STORE, RIGHTS]),
     ("platform/keystore/", [SECURE, KEY_STORE, RIGHTS]),
