@@ -66,7 +66,9 @@ TEST_F(AKeyStore, RefusesABlockWithoutPaddingForATokenWithoutRawRsa)
     Bytes unfilled(256, 0xff);
     unfilled[0] = 0;
     unfilled[1] = 1;
-    for (const Bytes& block : {type2, unfilled, paddedBlock(246)})
+    Bytes unended = paddedBlock(51);
+    unended[256 - 51 - 1] = 5;
+    for (const Bytes& block : {type2, unfilled, unended, paddedBlock(246)})
         EXPECT_EQ(sign(block), SS_ERROR_REFUSED);
     EXPECT_THAT(errors(), Each(HasSubstr("CKM_RSA_X_509")));
 }
@@ -261,6 +263,7 @@ TEST_F(AKeyStore, ImportsKeysThatTheTokenDoesNotGiveAway)
     EXPECT_EQ(session.value(keys[0], CKA_PRIVATE_EXPONENT), std::nullopt);
     EXPECT_EQ(session.value(keys[0], CKA_SENSITIVE), secret::Bytes{CK_TRUE});
     EXPECT_EQ(session.value(keys[0], CKA_EXTRACTABLE), secret::Bytes{CK_FALSE});
+    EXPECT_EQ(session.value(keys[0], CKA_PRIVATE), secret::Bytes{CK_TRUE}) << "not without login";
     EXPECT_EQ(session.value(keys[0], CKA_DECRYPT), secret::Bytes{CK_FALSE});
     EXPECT_EQ(session.value(keys[0], CKA_UNWRAP), secret::Bytes{CK_FALSE});
 }
