@@ -356,8 +356,9 @@ TEST_F(AVault, NeedsNoStandardInput)
     if (child == 0) {
         // The next descriptor is 0.
         close(STDIN_FILENO);
-        write("name", "data");
-        _exit(read("name") == "data" ? 0 : 1);
+        if (errorOfWrite("name") != SS_ERROR_NONE || errorOfRead("name") != SS_ERROR_NONE)
+            _exit(1);
+        _exit(read("name") == "x" ? 0 : 2);
     }
     int status = 0;
     ASSERT_EQ(waitpid(child, &status, 0), child);
