@@ -21,10 +21,9 @@ namespace {
 constexpr std::size_t kSizeLimit = std::size_t{64} * 1024;
 
 /// @return null when there is no readable certificate
-openssl::Owner<X509> readCertificate()
+openssl::Owner<X509> readCertificate(const char* path)
 {
-    const Descriptor file(
-        open(places::kDeviceCertificate, O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
+    const Descriptor file(open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
     struct stat status {};
     char bytes[kSizeLimit];
     if (file.fd < 0 || fstat(file.fd, &status) != 0 || !S_ISREG(status.st_mode))
@@ -38,12 +37,12 @@ openssl::Owner<X509> readCertificate()
 
 }  // namespace
 
-void warnOfExpiry()
+void warnOfExpiry(const char* path)
 {
     // First use of OpenSSL in the process. Its exit handler would free data of threads that still
     // run.
     OPENSSL_init_crypto(OPENSSL_INIT_NO_ATEXIT, nullptr);
-    const auto certificate = readCertificate();
+    const auto certificate = readCertificate(path);
     ERR_clear_error();
     if (certificate == nullptr)
         return;

@@ -1,4 +1,5 @@
 // process.cpp - start-up of the process. Linked into the executable itself.
+#include "../common/places.h"
 #include "environment.h"
 #include "expiry.h"
 #include "main_loop.h"
@@ -102,5 +103,5 @@ void platform_process_start(void)
     process::cleanEnvironment();
     process::ownDefaultContext();
     hideMemory();
-    process::warnOfExpiry();
+    process::warnOfExpiry(places::kDeviceCertificate);
 }

@@ -9,6 +9,7 @@ MZCURL = "tests/unit/mzcurl/mzcurl_"
 DURABILITY = "tests/unit/platform/durability_test"
 KEY_MATERIAL = "tests/unit/platform/key_material_test"
 KEY_STORE = "tests/unit/platform/key_store_test"
+PROCESS = "tests/unit/process/process_test"
 REFUSED_PINS = "tests/unit/platform/refused_pins_test"
 RIGHTS = "tests/unit/platform/token_rights_test"
 VAULT = "tests/unit/platform/vault_test"
@@ -20,6 +21,9 @@ LOADED = {KEY_STORE: ["tests/support/test-pkcs11-proxy.so", "platform/linux/libb
 # Tests of these programs use the session that an earlier test has opened: the trace of a test does not name all functions
 # that matter to it. A mutant that survives the traced tests is tried with the whole program.
 SHARED = {KEY_STORE, SECURE}
+
+# Sources that run before a program can read its environment, so that it cannot choose between their mutants.
+EARLY = {"platform/process/slices.cpp"}
 
 # The server of a test program that runs one.
 NGINX = shutil.which("nginx", path=os.environ.get("PATH", "") + os.pathsep + "/usr/sbin")
@@ -84,6 +88,7 @@ COVERED = [
     ("platform/keystore/vault", [VAULT, SECURE]),
     ("platform/keystore/secure_storage", [SECURE, DURABILITY, KEY_STORE, RIGHTS]),
     ("platform/keystore/", [SECURE, KEY_STORE, RIGHTS]),
+    ("platform/process/", [PROCESS]),
 ]
 
 

@@ -7,18 +7,11 @@
 //        platform_probe gateway     prints "<return> <exists>" of the default gateway
 //        platform_probe starved     the same without a free descriptor
 //        platform_probe changes     prints for each line of its input whether the network has changed since the last
-//        platform_probe process     starts the process, then prints what has become of it
 #include <platform/log.h>
 #include <platform/network.h>
-#include <platform/process.h>
 
-#include <pthread.h>
-#include <sys/prctl.h>
 #include <sys/resource.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
-#include <csignal>
 #include <cstdio>
 #include <cstring>
 #include <initializer_list>
@@ -92,35 +85,6 @@ int logFields()
     return 0;
 }
 
-int showProcess()
-{
-    // The functions for the main loop are linked but not called.
-    platform_process_start();
-    for (char** variable = environ; *variable != nullptr; variable++)
-        puts(*variable);
-    sigset_t mask;
-    sigprocmask(SIG_BLOCK, nullptr, &mask);
-    printf("=term blocked %d\n=int blocked %d\n=dumpable %d\n", sigismember(&mask, SIGTERM),
-           sigismember(&mask, SIGINT), prctl(PR_GET_DUMPABLE, 0, 0, 0, 0));
-    rlimit limit{};
-    getrlimit(RLIMIT_NOFILE, &limit);
-    pthread_attr_t attributes;
-    std::size_t stack = 0;
-    pthread_getattr_default_np(&attributes);
-    pthread_attr_getstacksize(&attributes, &stack);
-    pthread_attr_destroy(&attributes);
-    printf("=descriptor limit %llu\n=stack %zu\n", static_cast<unsigned long long>(limit.rlim_cur),
-           stack);
-    struct stat null {};
-    stat("/dev/null", &null);
-    for (int fd = 0; fd <= 2; fd++) {
-        struct stat status {};
-        const bool open = fstat(fd, &status) == 0;
-        printf("=descriptor %d null %d\n", fd, open && status.st_rdev == null.st_rdev ? 1 : 0);
-    }
-    return 0;
-}
-
 }  // namespace
 
 int main(int argc, char** argv)
@@ -139,7 +103,5 @@ int main(int argc, char** argv)
         return askStarved();
     if (strcmp(argv[1], "changes") == 0)
         return askForChanges();
-    if (strcmp(argv[1], "process") == 0)
-        return showProcess();
     return 2;
 }
