@@ -28,7 +28,9 @@ bool isHttp(const std::string& url)
 std::string_view startOf(const std::string& url)
 {
     const std::size_t scheme = url.find(kBeforeHost);
-    const std::size_t host = scheme == std::string::npos ? 0 : scheme + kBeforeHost.size();
+    // The query of a URL without a scheme may have another URL in it.
+    const bool isFirst = scheme != std::string::npos && scheme == url.find_first_of(":/?#");
+    const std::size_t host = isFirst ? scheme + kBeforeHost.size() : 0;
     return upTo(url, host, [](char c) { return c == '/' || c == '?' || c == '#' || c == '\\'; });
 }
 

@@ -15,6 +15,9 @@ TEST(AUrl, StartsWithSchemeAndHost)
         EXPECT_EQ(startOf(std::string("https://host:8443") + rest), "https://host:8443") << rest;
     }
     EXPECT_EQ(startOf("host/a?b"), "host");
+    for (const char* const rest : {"/a?b=http://c/d", "?b=http://c", "#http://c"}) {
+        EXPECT_EQ(startOf(std::string("host:8443") + rest), "host:8443") << rest;
+    }
     EXPECT_EQ(startOf("/"), "");
     EXPECT_EQ(startOf(""), "");
 }
