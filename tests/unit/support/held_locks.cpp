@@ -7,30 +7,47 @@
 #include <vector>
 
 namespace {
-thread_local std::vector<const pthread_mutex_t*> t_held;
-thread_local std::map<const pthread_mutex_t*, std::size_t> t_taken;
-thread_local int t_iLocksUntil = 0;
-thread_local std::function<void()> t_action;
+thread_local bool t_bEnded = false;
+
+/// What is known of a thread. GoogleMock locks a mutex when this is gone, at the end of the program.
+struct ThreadLocks {
+    ThreadLocks() = default;
+    ~ThreadLocks() { t_bEnded = true; }
+    ThreadLocks(const ThreadLocks&) = delete;
+    ThreadLocks& operator=(const ThreadLocks&) = delete;
+
+    std::vector<const pthread_mutex_t*> held;
+    std::map<const pthread_mutex_t*, std::size_t> taken;
+    int iLocksUntil = 0;
+    std::function<void()> action;
+};
+thread_local ThreadLocks t_locks;
 }  // namespace
 
 extern "C" {
 int __real_pthread_mutex_lock(pthread_mutex_t* mutex);
 int __wrap_pthread_mutex_lock(pthread_mutex_t* mutex)
 {
-    if (t_iLocksUntil > 0 && --t_iLocksUntil == 0) {
-        std::exchange(t_action, nullptr)();
+    if (t_bEnded) {
+        return __real_pthread_mutex_lock(mutex);
+    }
+    if (t_locks.iLocksUntil > 0 && --t_locks.iLocksUntil == 0) {
+        std::exchange(t_locks.action, nullptr)();
     }
     const int iResult = __real_pthread_mutex_lock(mutex);
-    t_held.push_back(mutex);
-    ++t_taken[mutex];
+    t_locks.held.push_back(mutex);
+    ++t_locks.taken[mutex];
     return iResult;
 }
 int __real_pthread_mutex_unlock(pthread_mutex_t* mutex);
 int __wrap_pthread_mutex_unlock(pthread_mutex_t* mutex)
 {
-    const auto it = std::find(t_held.begin(), t_held.end(), mutex);
-    if (it != t_held.end()) {
-        t_held.erase(it);
+    if (!t_bEnded) {
+        auto& held = t_locks.held;
+        const auto it = std::find(held.begin(), held.end(), mutex);
+        if (it != held.end()) {
+            held.erase(it);
+        }
     }
     return __real_pthread_mutex_unlock(mutex);
 }
@@ -38,21 +55,21 @@ int __wrap_pthread_mutex_unlock(pthread_mutex_t* mutex)
 
 std::size_t HeldLocks()
 {
-    return t_held.size();
+    return t_locks.held.size();
 }
 
 void BeforeLock(int n, std::function<void()> action)
 {
-    t_iLocksUntil = n;
-    t_action = std::move(action);
+    t_locks.iLocksUntil = n;
+    t_locks.action = std::move(action);
 }
 
 bool Holds(const pthread_mutex_t& tMutex)
 {
-    return std::find(t_held.begin(), t_held.end(), &tMutex) != t_held.end();
+    return std::find(t_locks.held.begin(), t_locks.held.end(), &tMutex) != t_locks.held.end();
 }
 
 std::size_t TimesLocked(const pthread_mutex_t& tMutex)
 {
-    return t_taken[&tMutex];
+    return t_locks.taken[&tMutex];
 }
