@@ -148,9 +148,6 @@ int Connections::closed(void* pointer, curl_socket_t descriptor)
 {
     Connections& self = *static_cast<Connections*>(pointer);
     self.m_open.remove_if([descriptor](const auto& c) { return c->descriptor == descriptor; });
-    if (self.m_open.empty()) {
-        self.m_blind = false;
-    }
     return ::close(descriptor);
 }
 
@@ -197,7 +194,7 @@ const char* Connections::begin(ConnectionUse& use, const Request& request, const
     std::shared_ptr<Connection> connection =
         localAddress != nullptr ? find(localAddress, localPort, remotePort) : nullptr;
     if (connection == nullptr) {
-        m_blind = true;
+        // No request of this connection is ever found, so that it is not taken for an idle one.
         return nullptr;
     }
     if (connection->requests == 0 && !learn(*connection, request)) {
@@ -262,9 +259,6 @@ void Connections::lookAround()
 void Connections::retireIdle()
 {
     lookAround();
-    if (m_blind || m_open.empty()) {
-        return;
-    }
     const BootTime now = bootTime();
     m_polled.clear();
     m_idle.clear();
@@ -291,7 +285,7 @@ void Connections::retireIdle()
 void Connections::retireWaiting()
 {
     const BootTime now = bootTime();
-    if (m_blind || now < m_nextLook) {
+    if (now < m_nextLook) {
         return;
     }
     m_nextLook = now + kLookEvery;

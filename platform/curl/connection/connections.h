@@ -78,8 +78,7 @@ private:
     std::vector<pollfd> m_polled;  // reused for its memory
     std::vector<Connection*> m_idle;
     std::set<std::string> m_sharingHosts;  // host keys at which HTTP/2 was spoken
-    bool m_blind = false;  // one was not found: idle ones are not checked until all are closed
-    BootTime m_standby;    // time spent in standby since the boot
+    BootTime m_standby;                    // time spent in standby since the boot
     BootTime m_nextLook{0};
 };
 

@@ -167,29 +167,34 @@ TEST_F(AnIdleConnection, IsWatchedWhileItsTransferIsNotTakenOut)
     EXPECT_TRUE(worker.multi.removeHandle(&second.easy));
 }
 
-TEST_F(AnIdleConnection, IsWatchedAgainWhenAnUnknownOneIsClosed)
+/// Ends the connection after GET /last.
+void endAfterLast(Connection& connection)
 {
-    TestServer server(
-        [](Connection& connection) {
-            Request request;
-            while (connection.read(request)) {
-                connection.write(request.has("GET /last")
-                                     ? "HTTP/1.1 204 Nothing\r\nConnection: close\r\n\r\n"
-                                     : "HTTP/1.1 204 Nothing\r\n\r\n");
-            }
-        },
-        {&identity});
+    Request request;
+    while (connection.read(request)) {
+        connection.write(request.has("GET /last")
+                             ? "HTTP/1.1 204 Nothing\r\nConnection: close\r\n\r\n"
+                             : "HTTP/1.1 204 Nothing\r\n\r\n");
+    }
+}
+
+TEST_F(AnIdleConnection, IsWatchedBesideAnUnknownOne)
+{
+    TestServer unknown(endAfterLast, {&identity});
+    TestServer server(test::always("ok"), {&identity});
     g_endsAreUnknown = true;
-    get(server);
+    get(unknown);
     g_endsAreUnknown = false;
+    get(server);
     changeNetwork();
-    get(server, "/last");
-    EXPECT_EQ(server.connections(), 1) << "an unknown connection cannot be watched";
     get(server);
     EXPECT_EQ(server.connections(), 2);
+    get(unknown, "/last");
+    EXPECT_EQ(unknown.connections(), 1) << "an unknown connection cannot be watched";
+    get(unknown);
     changeNetwork();
-    get(server);
-    EXPECT_EQ(server.connections(), 3);
+    get(unknown);
+    EXPECT_EQ(unknown.connections(), 3) << "its successor can";
 }
 
 }  // namespace
