@@ -1,7 +1,9 @@
 """Web servers configured as in their Debian packages, in front of the same shop. Each demands the
 device's certificate and keeps its default idle limit, sessions and tickets unless a test changes them."""
+import contextlib
 import pathlib
 import signal
+import subprocess
 
 from . import nginx, web_server
 
@@ -184,6 +186,14 @@ class HAProxy(_Ordinary):
 
     def _command(self):
         return [self.PROGRAM, "-W", "-f", self.configuration]
+
+    def stop(self):
+        if self._by_itself:
+            # A request has its line in the log when all of it was read, which is after the answer. Kept connections stay.
+            self.leave()
+            with contextlib.suppress(subprocess.TimeoutExpired):
+                self._process.wait(5)
+        return super().stop()
 
 
 class Lighttpd(_Ordinary):
