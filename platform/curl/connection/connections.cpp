@@ -12,6 +12,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <ctime>
 #include <new>
 
@@ -172,6 +173,22 @@ std::shared_ptr<Connection> Connections::find(const char* localAddress, int loca
     return nullptr;
 }
 
+bool Connections::hasEnded() const
+{
+    const auto isNew = [](const auto& connection) { return connection->requests == 0; };
+    const auto hasNoEnds = [](const auto& connection) {
+        sockaddr_storage remote{};
+        socklen_t size = sizeof remote;
+        return getpeername(connection->descriptor, reinterpret_cast<sockaddr*>(&remote), &size) !=
+                   0 &&
+               errno == ENOTCONN;
+    };
+    return std::any_of(m_open.begin(), m_open.end(), isNew) &&
+           std::all_of(m_open.begin(), m_open.end(), [&](const auto& connection) {
+               return !isNew(connection) || hasNoEnds(connection);
+           });
+}
+
 bool Connections::learn(Connection& connection, const Request& request)
 {
     connection.tls = tlsOf(request.curl);
@@ -194,8 +211,9 @@ const char* Connections::begin(ConnectionUse& use, const Request& request, const
     std::shared_ptr<Connection> connection =
         localAddress != nullptr ? find(localAddress, localPort, remotePort) : nullptr;
     if (connection == nullptr) {
-        // No request of this connection is ever found, so that it is not taken for an idle one.
-        return nullptr;
+        use.refused = hasEnded();
+        // No request of an unknown connection is ever found, so that it is not taken for an idle one.
+        return use.refused ? "The connection has ended" : nullptr;
     }
     if (connection->requests == 0 && !learn(*connection, request)) {
         return "There is no memory for a connection";
@@ -204,7 +222,7 @@ const char* Connections::begin(ConnectionUse& use, const Request& request, const
     // both events came in one round, and its end has not been collected yet.
     if (connection->users > 0 && !connection->shared &&
         m_sharingHosts.count(connection->host) != 0) {
-        use.crowded = true;
+        use.refused = true;
         return "Another request is under way on the connection";
     }
     if (connection->users++ == 0) {

@@ -71,6 +71,9 @@ public:
 private:
     static int closed(void* connections, curl_socket_t descriptor);
     std::shared_ptr<Connection> find(const char* localAddress, int localPort, int remotePort);
+    /// @return whether the connection of a request, that was not found, has ended: its socket is one of those that carried
+    ///   no request yet, and none of these is connected
+    bool hasEnded() const;
     bool learn(Connection& connection, const Request& request);
     void lookAround();
 

@@ -62,9 +62,18 @@ bool wasRefused(const Attempt& attempt, CURLcode result)
 {
     long error = 0;
     curl_easy_getinfo(attempt.curl.get(), CURLINFO_OS_ERRNO, &error);
-    const bool inHandshake = result == CURLE_SSL_CONNECT_ERROR && attempt.sendings == 0;
-    return (result == CURLE_COULDNT_CONNECT && (error == ECONNREFUSED || error == ECONNRESET)) ||
-           (inHandshake && error == ECONNRESET);
+    switch (result) {
+        case CURLE_COULDNT_CONNECT:
+            return error == ECONNREFUSED || error == ECONNRESET;
+        case CURLE_SSL_CONNECT_ERROR:
+            return attempt.sendings == 0 && error == ECONNRESET;
+        case CURLE_SEND_ERROR:  // between the handshake and the request
+        case CURLE_RECV_ERROR:
+        case CURLE_HTTP2:
+            return attempt.sendings == 0 && (error == ECONNRESET || error == EPIPE);
+        default:
+            return false;
+    }
 }
 
 }  // namespace
@@ -83,7 +92,7 @@ Again whyAgain(const Transfer& transfer)
     }
     const bool lost = transfer.mayBeSentAgain() && endedWithoutAnswer(attempt, result) &&
                       connectionIsSuspect(attempt);
-    if (repeats.lost == 0 && (attempt.use.crowded || lost)) {
+    if (repeats.lost == 0 && (attempt.use.refused || lost)) {
         return Again::Lost;
     }
     if (repeats.session == 0 && result == CURLE_SSL_CONNECT_ERROR && attempt.sendings == 0 &&

@@ -21,6 +21,7 @@ namespace {
 
 std::atomic<long> g_standby{0};  ///< seconds that the device has slept
 std::atomic<bool> g_endsAreUnknown{false};
+std::atomic<bool> g_endsAreAskedSlowly{false};
 
 template <class Function>
 Function original(const char* name)
@@ -41,10 +42,14 @@ extern "C" int clock_gettime(clockid_t clock, timespec* result) noexcept
     return status;
 }
 
-/// Replaces the C library's function: libcurl does not know a connection's own address while it fails.
+/// Replaces the C library's function: libcurl does not know a connection's own address while it fails. The wrapper asks
+/// for it between the handshake and the first request.
 extern "C" int getsockname(int descriptor, sockaddr* address, socklen_t* length) noexcept
 {
     static const auto real = original<int (*)(int, sockaddr*, socklen_t*)>("getsockname");
+    if (g_endsAreAskedSlowly) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(30));
+    }
     return g_endsAreUnknown ? -1 : real(descriptor, address, length);
 }
 
@@ -71,7 +76,11 @@ bool hasIpv6()
 class AnIdleConnection : public testing::Test {
 protected:
     AnIdleConnection() { authority.writeTo(caFile); }
-    ~AnIdleConnection() override { g_endsAreUnknown = false; }
+    ~AnIdleConnection() override
+    {
+        g_endsAreUnknown = false;
+        g_endsAreAskedSlowly = false;
+    }
 
     void get(const TestServer& server, const std::string& path = "/")
     {
@@ -167,8 +176,10 @@ TEST_F(AnIdleConnection, IsWatchedWhileItsTransferIsNotTakenOut)
     EXPECT_TRUE(worker.multi.removeHandle(&second.easy));
 }
 
+using ANewConnection = AnIdleConnection;
+
 /// Ends the connection after GET /last.
-void endAfterLast(Connection& connection)
+void answerAll(Connection& connection)
 {
     Request request;
     while (connection.read(request)) {
@@ -180,7 +191,7 @@ void endAfterLast(Connection& connection)
 
 TEST_F(AnIdleConnection, IsWatchedBesideAnUnknownOne)
 {
-    TestServer unknown(endAfterLast, {&identity});
+    TestServer unknown(answerAll, {&identity});
     TestServer server(test::always("ok"), {&identity});
     g_endsAreUnknown = true;
     get(unknown);
@@ -195,6 +206,69 @@ TEST_F(AnIdleConnection, IsWatchedBesideAnUnknownOne)
     changeNetwork();
     get(unknown);
     EXPECT_EQ(unknown.connections(), 3) << "its successor can";
+}
+
+/// Resets a connection, as a server does that restarts.
+void reset(Connection& connection)
+{
+    const sockaddr nobody{AF_UNSPEC, {}};
+    connect(SSL_get_fd(connection.ssl()), &nobody, sizeof nobody);
+}
+
+TEST_F(ANewConnection, ThatIsResetBeforeItsFirstRequestIsMadeAgain)
+{
+    std::atomic<int> connections{0};
+    TestServer server(
+        [&connections](Connection& connection) {
+            if (++connections % 2 == 1) {
+                reset(connection);
+            } else {
+                answerAll(connection);
+            }
+        },
+        {&identity});
+    g_endsAreAskedSlowly = true;
+    Transfer list(server.url() + "/list", caFile);
+    EXPECT_TRUE(worker.run(list).success) << worker.outcome(list).error;
+    EXPECT_EQ(server.connections(), 2);
+    Transfer purchase(server.url() + "/purchase", caFile);
+    purchase.sending("once");
+    EXPECT_TRUE(worker.run(purchase).success) << worker.outcome(purchase).error;
+    EXPECT_EQ(server.connections(), 4);
+    EXPECT_EQ(server.requests().size(), 2U) << "no request came with a connection that was reset";
+}
+
+/// Chooses HTTP/2 once.
+int chooseHttp2Once(SSL*, const unsigned char** chosen, unsigned char* size, const unsigned char*,
+                    unsigned, void* count)
+{
+    const bool first = (*static_cast<int*>(count))++ == 0;
+    *chosen = reinterpret_cast<const unsigned char*>(first ? "h2" : "http/1.1");
+    *size = first ? 2 : 8;
+    return SSL_TLSEXT_ERR_OK;
+}
+
+TEST_F(ANewConnection, ThatIsResetBeforeItsFirstRequestInHttp2IsMadeAgainForAGet)
+{
+    std::atomic<int> connections{0};
+    int choices = 0;
+    test::ServerOptions options{&identity};
+    options.adjust = [&choices](SSL_CTX* context) {
+        SSL_CTX_set_alpn_select_cb(context, chooseHttp2Once, &choices);
+    };
+    TestServer server(
+        [&connections](Connection& connection) {
+            if (++connections == 1) {
+                reset(connection);
+            } else {
+                answerAll(connection);
+            }
+        },
+        options);
+    g_endsAreAskedSlowly = true;
+    Transfer list(server.url() + "/list", caFile);
+    EXPECT_TRUE(worker.run(list).success) << worker.outcome(list).error;
+    EXPECT_EQ(server.connections(), 2);
 }
 
 }  // namespace
