@@ -4,7 +4,6 @@ import contextlib
 import errno
 import pathlib
 import socket
-import ssl
 from collections.abc import Callable
 
 from ..shop import faults
@@ -92,11 +91,22 @@ class Connections:
                 await self._refuse(accepted)
             return
         try:
-            await asyncio.get_running_loop().connect_accepted_socket(
+            # asyncio closes its own socket when a handshake fails, before the alert is sent.
+            with accepted.dup() as second:
+                await self._shake_hands(accepted, second)
+        except (OSError, asyncio.TimeoutError) as error:
+            self._failed(str(error) or "the client did not finish the handshake")
+
+    async def _shake_hands(self, accepted: socket.socket, second: socket.socket) -> None:
+        loop = asyncio.get_running_loop()
+        try:
+            await loop.connect_accepted_socket(
                 lambda: _Opening(self), accepted, ssl=self._context, ssl_handshake_timeout=HANDSHAKE_SECONDS
             )
-        except (OSError, asyncio.TimeoutError) as error:
-            self._failed(_reason(error))
+        except tls.HandshakeError as error:
+            self._failed(error.why)
+            with contextlib.suppress(OSError, asyncio.TimeoutError):
+                await asyncio.wait_for(_say_and_end(second, error.alert), HANDSHAKE_SECONDS)
 
     async def _refuse(self, accepted: socket.socket) -> None:
         loop = asyncio.get_running_loop()
@@ -189,7 +199,11 @@ class _Opening(asyncio.Protocol):
         chosen.connection_made(transport)
 
 
-def _reason(error: BaseException) -> str:
-    if isinstance(error, ssl.SSLError):
-        return (error.reason or str(error)).lower().replace("_", " ")
-    return str(error) or "the client did not finish the handshake"
+async def _say_and_end(connection: socket.socket, alert: bytes) -> None:
+    """Sends the alert, and reads what the client still sends: unread data would end the connection by a reset, after which
+    a client may not see the alert."""
+    loop = asyncio.get_running_loop()
+    await loop.sock_sendall(connection, alert)
+    connection.shutdown(socket.SHUT_WR)
+    while await loop.sock_recv(connection, 65536):
+        pass

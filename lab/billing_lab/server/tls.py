@@ -10,12 +10,51 @@ from cryptography.hazmat.primitives import hashes
 HOSTS = ("production.localhost", "sandbox.localhost")
 
 
+class HandshakeError(ssl.SSLError):
+    """A handshake that failed.
+
+    why    the reason, for the journal
+    alert  the bytes for the client that the transport did not send
+    """
+
+    def __init__(self, error: ssl.SSLError, alert: bytes):
+        super().__init__(*error.args)
+        self.why = (error.reason or str(error)).lower().replace("_", " ")
+        if isinstance(error, ssl.SSLCertVerificationError):
+            self.why += f": {error.verify_message}"
+        self.alert = alert
+
+
+class _Session(ssl.SSLObject):
+    """Hands the alert of a failed handshake to the caller: asyncio drops it."""
+
+    outgoing: ssl.MemoryBIO
+
+    def do_handshake(self) -> None:
+        try:
+            super().do_handshake()
+        except (ssl.SSLWantReadError, ssl.SSLSyscallError):
+            # asyncio goes on after these.
+            raise
+        except ssl.SSLError as error:
+            raise HandshakeError(error, self.outgoing.read()) from error
+
+
+class _Context(ssl.SSLContext):
+    sslobject_class = _Session
+
+    def wrap_bio(self, incoming: ssl.MemoryBIO, outgoing: ssl.MemoryBIO, *arguments, **options) -> ssl.SSLObject:
+        made = super().wrap_bio(incoming, outgoing, *arguments, **options)
+        made.outgoing = outgoing
+        return made
+
+
 def server_context(fault: str, folder: pathlib.Path) -> ssl.SSLContext:
     """A context that demands a client certificate. A new context resumes no session of an earlier one.
 
     @param folder has ca.pem and ca.key, the authority of server and clients, and server.pem and server.key
     """
-    context = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
+    context = _Context(ssl.PROTOCOL_TLS_SERVER)
     if fault in ("expired", "wrong-host", "untrusted"):
         _wrong_certificate(fault, folder).configure_cert(context)
     else:
