@@ -10,20 +10,18 @@ from collections.abc import Callable, Iterator
 
 from ..client import Lab, running
 from ..folder import LabError, named_errors
-from . import report
 
 TOO_LONG = 124
-NO_REQUEST = "the command made no request; an app calls the service on the bus of DBUS_SYSTEM_BUS_ADDRESS"
 _END_SECONDS = 5
 
 
 def run(
-    command: list[str], folder: str | None, seconds: int | None, begin: Callable[[Lab], None], judge: Callable[[Lab], dict]
+    command: list[str], folder: str | None, seconds: int | None, begin: Callable[[Lab], None], judge: Callable[[Lab], bool]
 ) -> int:
     """@param folder the lab's folder; None for a temporary one
     @param seconds after which the command is ended; None for no limit
     @param begin prepares the lab before the command starts
-    @param judge makes the report when the command has ended
+    @param judge called when the command has ended; prints and writes the report. Returns whether all is good
     @return the exit status that `billing-lab run` describes
     """
     words = command[1:] if command[:1] == ["--"] else command
@@ -34,14 +32,11 @@ def run(
     with _lab_folder(folder) as place, named_errors(), running(place) as lab:
         begin(lab)
         status = _run_command(words, lab, seconds)
-        told = judge(lab)
-        print(report.text(told), file=sys.stderr)
-        if told["requests"] == 0:
-            print(f"billing-lab: {NO_REQUEST}", file=sys.stderr)
+        good = judge(lab)
     if status != 0:
         print(f"billing-lab: {words[0]} ended with status {status}", file=sys.stderr)
         return status
-    return 0 if told["ok"] else 1
+    return 0 if good else 1
 
 
 @contextlib.contextmanager

@@ -1,10 +1,12 @@
 """The commands that check an app: asked, expect, scenario, record, verify, run."""
 import argparse
+import os
 import pathlib
+import sys
 
 from ..client import Lab
 from ..command.words import add, match_options, number
-from ..folder import named_errors
+from ..folder import LabError, named_errors
 from ..own import recording
 from ..shop.matching import ENDPOINT_OF, ENDPOINTS, WORDS
 from . import report, run
@@ -13,6 +15,8 @@ from .rules import POLLS, RULES, USUAL, what
 _RULES = "Rules:\n" + "\n".join(
     f"  {name:<15} {what(name)}" + ("" if name in USUAL else " Not one of the usual rules.") for name in RULES
 )
+_NO_REQUEST = "the command made no request; an app calls the service on the bus of DBUS_SYSTEM_BUS_ADDRESS"
+_FORMS = ("junit", "page")
 _COUNTS = ("times", "at_least", "at_most", "after")
 
 
@@ -72,7 +76,7 @@ def add_all(words) -> None:
         "verify",
         _verify,
         "judge the app's requests since the last reset by rules and expectations",
-        epilog=f"{_RULES}\n\nExit status 1 when something is bad.",
+        epilog=f"{_RULES}\n\nExit status 1 when something is bad, or a report was not written.",
     )
     report_options(made)
     made = add(
@@ -86,8 +90,8 @@ The command finds the lab's bus in DBUS_SYSTEM_BUS_ADDRESS and its folder in BIL
 
 {_RULES}
 
-Exit status: the command's when it is not 0 (128 and the signal's number after one); 1 when a check is bad; 124 when
-the command took too long; 0 otherwise.""",
+Exit status: the command's when it is not 0 (128 and the signal's number after one); 1 when a check is bad
+or a report was not written; 124 when the command took too long; 0 otherwise.""",
     )
     made.add_argument("--seed", metavar="FILE", help="read this catalogue first, as `seed` does")
     made.add_argument("--scenario", metavar="FILE", help="begin this scenario, as `scenario` does; it may have expectations")
@@ -119,14 +123,29 @@ def given(options: argparse.Namespace, *names: str) -> dict:
     return {name: getattr(options, name) for name in names if getattr(options, name, None) is not None}
 
 
-def write_reports(lab: Lab, options: argparse.Namespace) -> dict:
-    """Writes the files of --junit and --page. @return the report"""
-    wanted = given(options, "rules", "more", "polls")
-    with named_errors():
-        for form in ("junit", "page"):
-            if getattr(options, form):
-                pathlib.Path(getattr(options, form)).write_text(lab.report(form, **wanted), encoding="utf-8")
-    return lab.verify(**wanted)
+def check_places(options: argparse.Namespace) -> None:
+    """@throw LabError if a file of --junit or --page cannot be written"""
+    for form, file in given(options, *_FORMS).items():
+        place = file if os.path.exists(file) else os.path.dirname(os.path.abspath(file))
+        if os.path.isdir(file) or not os.access(place, os.W_OK):
+            raise LabError(f"--{form} {file} cannot be written; name a file in a folder that you may write to")
+
+
+def write_reports(lab: Lab, options: argparse.Namespace) -> bool:
+    """Writes the files of --junit and --page. @return whether all were written; an error is printed"""
+    written = True
+    for form, file in given(options, *_FORMS).items():
+        text = lab.report(form, **_wanted(options))
+        try:
+            pathlib.Path(file).write_text(text, encoding="utf-8")
+        except OSError as error:
+            print(f"billing-lab: --{form} {file}: {error.strerror}", file=sys.stderr)
+            written = False
+    return written
+
+
+def _wanted(options: argparse.Namespace) -> dict:
+    return given(options, "rules", "more", "polls")
 
 
 def _asked(options: argparse.Namespace) -> int:
@@ -161,14 +180,21 @@ def _record(options: argparse.Namespace) -> int:
 
 
 def _verify(options: argparse.Namespace) -> int:
-    told = write_reports(Lab(options.dir), options)
-    print(report.as_json(told) if options.json else report.text(told))
-    return 0 if told["ok"] else 1
+    lab = Lab(options.dir)
+    told = lab.verify(**_wanted(options))
+    print(report.as_json(told) if options.json else report.text(told), flush=True)
+    return 0 if write_reports(lab, options) and told["ok"] else 1
 
 
 def _run(options: argparse.Namespace) -> int:
-    def judge(lab: Lab) -> dict:
-        return write_reports(lab, options)
+    check_places(options)
+
+    def judge(lab: Lab) -> bool:
+        told = lab.verify(**_wanted(options))
+        print(report.text(told), file=sys.stderr)
+        if told["requests"] == 0:
+            print(f"billing-lab: {_NO_REQUEST}", file=sys.stderr)
+        return write_reports(lab, options) and told["ok"]
 
     def begin(lab: Lab) -> None:
         if options.seed is not None:

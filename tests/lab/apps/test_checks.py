@@ -295,6 +295,36 @@ def test_a_run_starts_and_ends_lab_and_app_and_judges(run, tmp_path):
     assert not (tmp_path / "lab" / "lab.json").exists()
 
 
+@pytest.mark.parametrize("option, other", [("--junit", "--page"), ("--page", "--junit")])
+def test_a_report_that_cannot_be_written_is_said_before_the_command_runs(run, tmp_path, option, other):
+    for place in (tmp_path / "none" / "report", tmp_path):
+        told = run(f"touch {tmp_path}/ran", other, tmp_path / "good", option, place)
+        assert (told.returncode, told.stderr) == (
+            1,
+            f"billing-lab: {option} {place} cannot be written; name a file in a folder that you may write to\n",
+        )
+    assert not (tmp_path / "ran").exists() and not (tmp_path / "good").exists()
+
+
+@pytest.mark.parametrize("status", [0, 7])
+def test_a_run_whose_report_is_not_written_keeps_verdict_status_and_the_other_report(run, tmp_path, status):
+    (tmp_path / "gone").mkdir()
+    junit, page = tmp_path / "gone" / "report.xml", tmp_path / "report.html"
+    told = run(f"{APP} && rmdir {tmp_path}/gone && exit {status}", "--junit", junit, "--page", page)
+    assert told.returncode == (status or 1), told.stderr
+    assert "4 checks good, 0 bad, 2 requests" in told.stderr
+    assert f"billing-lab: --junit {junit}: No such file or directory\n" in told.stderr
+    assert "The run was good" in page.read_text()
+
+
+def test_verify_says_its_verdict_also_when_a_report_is_not_written(lab, cli, tmp_path):
+    page, junit = tmp_path / "report.html", tmp_path / "none" / "report.xml"
+    told = cli("verify", "--junit", junit, "--page", page, folder=lab.folder.path)
+    assert (told.returncode, told.stderr) == (1, f"billing-lab: --junit {junit}: No such file or directory\n")
+    assert "4 checks good, 0 bad, 0 requests" in told.stdout
+    assert "The run was good" in page.read_text()
+
+
 def test_a_run_judges_the_expectations_of_a_scenario(run, tmp_path):
     file = tmp_path / "s.json"
     file.write_text(json.dumps({"scenario": 1, "expect": [{"endpoint": "confirm", "times": 0, "name": "looks only"}]}))
