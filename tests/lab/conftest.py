@@ -14,6 +14,7 @@ import threading
 
 import pytest
 import trustme
+from gi.repository import Gio, GLib
 
 LAB = pathlib.Path(__file__).resolve().parents[2] / "lab"
 sys.path.insert(0, str(LAB))
@@ -204,6 +205,22 @@ def client(clients):
 
 
 # Whole labs
+
+
+def owned(address, name):
+    """Requests a bus name, like a mock of a service.
+    @return the connection that owns it
+    """
+    connection = Gio.DBusConnection.new_for_address_sync(
+        address, Gio.DBusConnectionFlags.AUTHENTICATION_CLIENT | Gio.DBusConnectionFlags.MESSAGE_BUS_CONNECTION, None, None
+    )
+    asked = GLib.Variant("(su)", (name, 0))
+    bus = "org.freedesktop.DBus"
+    connection.call_sync(
+        bus, "/org/freedesktop/DBus", bus, "RequestName", asked, None, Gio.DBusCallFlags.NONE, 10_000, None
+    )  # fmt: skip
+    return connection
+
 
 pytest_plugins = ["billing_lab.pytest_plugin", "page.browser"]
 NO_VIEW = view.why_no_view()

@@ -7,11 +7,13 @@ import shlex
 import shutil
 import subprocess
 import sys
+import threading
 
 import pytest
+from billing_lab.device.bus import SERVICE, Bus
 from billing_lab.device.methods import METHODS
 
-from conftest import LAB
+from conftest import LAB, owned
 
 PAGE = (LAB.parent / "docs" / "APPS.md").read_text(encoding="utf-8")
 PROGRAMS = dict(re.findall(r"```(python|c|cpp|javascript)\n(.*?)```", PAGE, re.DOTALL))
@@ -87,14 +89,41 @@ def test_a_program_of_the_page_tells_the_three_results(lab, program):
 
 
 def test_a_program_of_the_page_says_when_the_service_is_not_there(program, tmp_path):
-    from billing_lab.device.bus import Bus
-
     empty = Bus(tmp_path)
     try:
         code, _, said = run(program, DBUS_SYSTEM_BUS_ADDRESS=empty.address)
     finally:
         empty.stop()
     assert (code, said.startswith("no answer: ")) == (1, True)
+
+
+def test_a_program_of_the_page_says_when_there_is_no_bus(program, tmp_path):
+    code, printed, said = run(program, DBUS_SYSTEM_BUS_ADDRESS=f"unix:path={tmp_path}/none")
+    assert (code, printed) == (1, "")
+    assert said.startswith("no answer: ") and said.count("\n") == 1, said
+
+
+def test_a_program_of_the_page_fails_when_the_bus_ends(program, tmp_path):
+    bus = Bus(tmp_path)
+    asked = threading.Event()
+    ended = threading.Thread(target=lambda: asked.wait(60) and bus.stop())
+    service = owned(bus.address, SERVICE)
+
+    def take(_, message, incoming):
+        if incoming and message.get_member() == "get_purchase_history":
+            # The call stays without an answer.
+            asked.set()
+            return None
+        return message
+
+    service.add_filter(take)
+    ended.start()
+    try:
+        code, printed, _ = run(program, DBUS_SYSTEM_BUS_ADDRESS=bus.address)
+    finally:
+        asked.set()
+        ended.join()
+    assert (code != 0, printed) == (True, "")
 
 
 def rows():

@@ -6,6 +6,8 @@ import pytest
 from billing_lab.folder import LabError
 from gi.repository import Gio, GLib
 
+from conftest import owned
+
 
 def failed(lab, **options):
     with pytest.raises(Exception) as caught:
@@ -65,28 +67,13 @@ def test_a_service_that_cannot_submit_a_request_says_so(lab, cli):
     assert lab.call("check_server_availability")[0] == 0
 
 
-def owned(lab, name):
-    """Requests a bus name, like a mock of a service.
-    @return the connection that owns it
-    """
-    connection = Gio.DBusConnection.new_for_address_sync(
-        lab.bus, Gio.DBusConnectionFlags.AUTHENTICATION_CLIENT | Gio.DBusConnectionFlags.MESSAGE_BUS_CONNECTION, None, None
-    )
-    asked = GLib.Variant("(su)", (name, 0))
-    bus = "org.freedesktop.DBus"
-    connection.call_sync(
-        bus, "/org/freedesktop/DBus", bus, "RequestName", asked, None, Gio.DBusCallFlags.NONE, 10_000, None
-    )  # fmt: skip
-    return connection
-
-
 def test_a_mock_of_another_service_owns_a_listed_name_and_is_called(lab, cli):
     name = "org.example.Downloads"
     with pytest.raises(GLib.Error, match="AccessDenied"):
-        owned(lab, name)
+        owned(lab.bus, name)
     assert cli("names", name, folder=lab.folder.path).stdout == f"{name}\n"
     assert lab.names() == lab.status()["names"] == [name]
-    mock = owned(lab, name)
+    mock = owned(lab.bus, name)
     caller = Gio.DBusConnection.new_for_address_sync(
         lab.bus, Gio.DBusConnectionFlags.AUTHENTICATION_CLIENT | Gio.DBusConnectionFlags.MESSAGE_BUS_CONNECTION, None, None
     )
