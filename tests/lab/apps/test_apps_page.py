@@ -103,6 +103,18 @@ def test_a_program_of_the_page_says_when_there_is_no_bus(program, tmp_path):
     assert said.startswith("no answer: ") and said.count("\n") == 1, said
 
 
+def test_only_the_program_in_javascript_finds_no_bus_whose_address_is_escaped(program, tmp_path):
+    folder = tmp_path / "a bus"
+    folder.mkdir()
+    bus = Bus(folder)
+    try:
+        code, _, said = run(program, DBUS_SYSTEM_BUS_ADDRESS=bus.address)
+    finally:
+        bus.stop()
+    in_javascript = os.path.basename(program[0]) == "node"
+    assert (code, "ENOENT" in said, SERVICE in said) == (1, in_javascript, not in_javascript), said
+
+
 def test_a_program_of_the_page_fails_when_the_bus_ends(program, tmp_path):
     bus = Bus(tmp_path)
     asked = threading.Event()
