@@ -100,6 +100,13 @@ Finding judged(const Patient& patient, const std::string& path, const settings::
             path + " (" + rightsOf(patient, status) + ") is open to others, and it holds tokens",
             "chmod 640 " + path);
     }
+    // The checks of store, key and token report the settings that they miss.
+    for (const Mistake& missing : missingIn(contents.bytes)) {
+        if (missing.harmless) {
+            return warning(kCheck, missing.reason, path + ": " + missing.shown(),
+                           "set [system] vantor_server_type: 0 for production, 1 for the sandbox");
+        }
+    }
     return good(kCheck, path + " is well-formed");
 }
 

@@ -138,11 +138,9 @@ void addVerdict(const std::string& bytes, std::vector<Mistake>& mistakes)
     }
 }
 
-bool isSandbox(const std::map<Name, std::string>& values)
+bool isSandbox(const std::string& type)
 {
-    const auto type = values.find({"system", "vantor_server_type"});
-    return type == values.end() || type->second.empty() || type->second == "1" ||
-           type->second == "2";
+    return type.empty() || type == "1" || type == "2";
 }
 
 int printMistakes(const std::string& path, const std::vector<Mistake>& mistakes, bool json)
@@ -214,9 +212,14 @@ std::vector<Mistake> missingIn(const std::string& bytes)
             missing.push_back({0, "not-set", "[" + group + "] " + key + " is not set", false});
         }
     };
-    need("deployment", isSandbox(reader.values) ? "sandbox_host" : "production_host");
+    const std::string& type = reader.values[{"system", "vantor_server_type"}];
+    need("deployment", isSandbox(type) ? "sandbox_host" : "production_host");
     for (const auto& [group, key] : kNeeded) {
         need(group, key);
+    }
+    if (type.empty()) {
+        missing.push_back(
+            {0, "not-set", "[system] vantor_server_type is not set: the sandbox is used", true});
     }
     return missing;
 }

@@ -19,7 +19,8 @@ struct Mistake {
 /// @return all mistakes of a settings file, in the order of its lines
 std::vector<Mistake> mistakesIn(const std::string& bytes);
 
-/// @return the settings that the service needs and the file lacks
+/// @return the settings that the file lacks: those that the service needs, and as harmless the choice of the server, without
+///   which the service uses the sandbox
 std::vector<Mistake> missingIn(const std::string& bytes);
 
 /// `billingctl settings check FILE`: prints the mistakes of a file.

@@ -272,6 +272,7 @@ BREAKS = {
     "settings.value": setting("system", "vantor_server_type", "many"),
     "settings.unknown": with_line(lambda text: text + "[system]\nspeed=1\n"),
     "settings.double": with_line(lambda text: text + "[network]\ndefault_gateway=up\n[network]\ndefault_gateway=up\n"),
+    "settings.not-set": setting("system", "vantor_server_type", None),
     "settings.open": open_settings,
     "key-material.left": material_left,
     "ping.stopped": stopped,

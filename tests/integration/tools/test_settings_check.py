@@ -124,6 +124,13 @@ def test_what_the_service_needs_is_asked_for(check):
     ]
 
 
+def test_a_file_that_does_not_choose_the_server_is_a_warning(check):
+    complete = GOOD + "[deployment]\nsandbox_host=sandbox.example\n"
+    code, lines, mistakes = check(complete.replace("vantor_server_type=0\n", ""))
+    assert (code, mistakes) == (WARNING, [(0, "settings.not-set", "warning")])
+    assert lines == ["[system] vantor_server_type is not set: the sandbox is used"]
+
+
 def test_a_file_that_is_not_there_is_named(bus):
     done = billingctl.run(bus, "settings", "check", "/nowhere")
     assert (done.returncode, done.stdout.split(":")[:2]) == (FAILED, ["/nowhere", " cannot be read"])
@@ -145,6 +152,20 @@ def test_the_doctor_names_an_open_file_with_its_mode(service, doctor, a_device):
     assert found["settings"]["id"] == "settings.open"
     assert "(mode 644, of " in found["settings"]["finding"]
     assert found["settings"]["cure"] == f"chmod 640 {a_device.file}"
+
+
+def test_the_doctor_warns_of_a_server_that_is_not_chosen(service, doctor, a_device):
+    # The store of the test stands at the place of the sandbox, so that nothing else is wrong.
+    a_device.set("deployment", "sandbox_host", a_device.settings["deployment"]["production_host"])
+    a_device.set("system", "vantor_server_type", None)
+    found, failed = doctor()
+    assert failed == []
+    assert {key: found["settings"][key] for key in ("id", "outcome", "finding", "cure")} == {
+        "id": "settings.not-set",
+        "outcome": "warning",
+        "finding": f"{a_device.file}: [system] vantor_server_type is not set: the sandbox is used",
+        "cure": "set [system] vantor_server_type: 0 for production, 1 for the sandbox",
+    }
 
 
 def test_the_doctor_names_the_encoding(service, doctor, a_device):
