@@ -4,6 +4,7 @@
 #include "base/calls.h"
 #include "base/process.h"
 #include "base/text.h"
+#include "settings/platform_library.h"
 
 #include <fcntl.h>
 #include <json/json.h>
@@ -87,25 +88,41 @@ std::string machine()
     return text;
 }
 
+/// @return the settings without private values, or why there are none
+std::string settingsText(const std::string& path)
+{
+    if (path == kOwnLibrary) {
+        return "the library does not list them\n";
+    }
+    const int error = openErrorOf(path);
+    if (error == EACCES) {
+        return "this user may not read the settings\n";
+    }
+    return error == 0 ? hidden(contentOf(path)) : path + ": " + std::strerror(error) + "\n";
+}
+
 std::string made(const ReportOptions& options)
 {
     const std::string status = own(options, {"--json", "status"});
     const std::string path = settingsFile(status);
-    const std::string settings = contentOf(path);
     std::string text;
-    const auto section = [&text](const std::string& title, const std::string& content) {
-        text +=
-            "== " + title + "\n" + (content.empty() ? "nothing that this user may see\n" : content);
+    const auto section = [&text](const std::string& title, const std::string& content,
+                                 const std::string& otherwise = "nothing") {
+        text += "== " + title + "\n" + (content.empty() ? otherwise + "\n" : content);
     };
     section("machine", machine());
     section("versions", own(options, {"--version"}));
     section("status", status);
     section("doctor", own(options, {"--json", "doctor"}));
-    section("settings " + path + ", private values hidden", hidden(settings));
-    section("unit", outputOf({"systemctl", "cat", "billing-service"}, environment()));
-    section("journal", outputOf({"journalctl", "--quiet", "--no-pager", "--output=short-iso",
-                                 kJournalLines, "-t", "BILLING_SERVICE", "-t", "BILLING_PLATFORM"},
-                                environment()));
+    section("settings " + path + ", private values hidden", settingsText(path), "no settings");
+    section("unit", outputOf({"systemctl", "cat", "billing-service"}, environment()),
+            "systemctl shows no unit of the service");
+    section("journal",
+            outputOf({"journalctl", "--quiet", "--no-pager", "--output=short-iso", kJournalLines,
+                      "-t", "BILLING_SERVICE", "-t", "BILLING_PLATFORM"},
+                     environment()),
+            geteuid() == 0 ? "the journal has no record of the service"
+                           : "the journal has no record of the service that this user may read");
     return text;
 }
 

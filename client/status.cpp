@@ -18,9 +18,11 @@
 
 #include <unistd.h>
 
+#include <cerrno>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <ctime>
 #include <memory>
 #include <utility>
@@ -86,13 +88,16 @@ void addSettings(Lines& lines)
 {
     const std::string problem = loadPlatform();
     const bool fileSays = platformReadsDeviceConf();
-    lines.emplace_back("settings", fileSays ? settings::filePath() : "the device's own library");
+    const std::string path = fileSays ? settings::filePath() : "";
+    const int error = fileSays ? openErrorOf(path) : 0;
+    lines.emplace_back("settings", fileSays ? path : kOwnLibrary);
     if (!problem.empty()) {
         lines.emplace_back("server", std::string(kNotKnown) + ": " + problem);
         lines.emplace_back("account", kNotKnown);
-    } else if (fileSays && access(settings::filePath().c_str(), R_OK) != 0) {
-        lines.emplace_back("server",
-                           std::string(kNotKnown) + ": this user may not read the settings");
+    } else if (error != 0) {
+        lines.emplace_back("server", std::string(kNotKnown) + ": " +
+                                         (error == EACCES ? "this user may not read the settings"
+                                                          : path + ": " + std::strerror(error)));
         lines.emplace_back("account", kNotKnown);
     } else {
         lines.emplace_back("server", serverText());
@@ -153,7 +158,9 @@ int status(const StatusOptions& options)
         lines.emplace_back("version", process.version.empty() ? kNotKnown : process.version);
         lines.emplace_back("since", process.started > 0 ? whenOf(process.started) : kNotKnown);
     } else {
-        lines.emplace_back("service", "does not run");
+        lines.emplace_back("service", facts.noBus.empty()
+                                          ? "does not run"
+                                          : std::string(kNotKnown) + ": " + facts.noBus);
     }
     if (facts.unit) {
         lines.emplace_back("unit", facts.unit->active + " (" + facts.unit->sub + ")");

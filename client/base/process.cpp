@@ -3,9 +3,11 @@
 
 #include "bus.h"
 
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <climits>
 #include <cstdio>
 #include <filesystem>
@@ -94,6 +96,16 @@ std::vector<const char*> pointersTo(const std::vector<std::string>& texts)
 }
 
 }  // namespace
+
+int openErrorOf(const std::string& path)
+{
+    const int file = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY);
+    if (file < 0) {
+        return errno;
+    }
+    close(file);
+    return 0;
+}
 
 std::string contentOf(const std::string& path)
 {

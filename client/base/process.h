@@ -27,6 +27,9 @@ Process processOf(unsigned pid);
 /// @return number of TCP connections of the process; nullopt when this user may not read it
 std::optional<int> connectionsOf(unsigned pid);
 
+/// @return errno of opening the file for reading; 0 when it can be opened. Does not wait for the writer of a FIFO.
+int openErrorOf(const std::string& path);
+
 /// @return the whole file; empty when it cannot be read
 std::string contentOf(const std::string& path);
 

@@ -269,8 +269,8 @@ Facts factsOf(const std::string& bus, double timeout)
         if (owner && owner->pid) {
             facts.process = processOf(*owner->pid);
         }
-    } catch (const Unreachable&) {
-        return facts;  // the check of the bus reports it
+    } catch (const Unreachable& error) {
+        facts.noBus = std::string(error.what()) + "; " + error.cure();
     }
     return facts;
 }
@@ -347,6 +347,7 @@ Record recordFrom(const Json::Value& value)
 Json::Value packed(const Facts& facts)
 {
     Json::Value value;
+    value["noBus"] = facts.noBus;
     if (facts.process) {
         value["process"] = packed(*facts.process);
     }
@@ -359,6 +360,7 @@ Json::Value packed(const Facts& facts)
 Facts unpacked(const Json::Value& value)
 {
     Facts facts;
+    facts.noBus = value["noBus"].asString();
     if (value.isMember("process")) {
         facts.process = processFrom(value["process"]);
     }

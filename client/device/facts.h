@@ -29,6 +29,7 @@ struct Unit {
 };
 
 struct Facts {
+    std::string noBus;  ///< why the bus cannot be asked, with the cure; empty: it was asked
     std::optional<Process> process;
     std::optional<Unit> unit;
 };

@@ -1,5 +1,6 @@
 // doctor_settings.cpp - checks the settings file.
 #include "base/platform_log.h"
+#include "base/process.h"
 #include "device/certificate.h"
 #include "doctor.h"
 #include "linux/settings/settings.h"
@@ -7,9 +8,7 @@
 #include "settings/platform_library.h"
 #include "settings/settings_check.h"
 
-#include <fcntl.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -22,17 +21,6 @@ namespace client {
 namespace {
 
 constexpr const char* kCheck = "settings";
-
-/// @return errno of opening the file; 0 when it can be opened
-int errorOf(const std::string& path)
-{
-    const int file = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY);
-    if (file < 0) {
-        return errno;
-    }
-    close(file);
-    return 0;
-}
 
 /// "mode 644, of root:root"
 std::string rightsOf(const Patient& patient, const struct stat& status)
@@ -126,7 +114,7 @@ void checkSettings(Findings& findings, Patient& patient)
         return;
     }
     const std::string path = settings::filePath();
-    const int error = errorOf(path);
+    const int error = openErrorOf(path);
     if (error == EACCES && patient.asService) {
         findings.push_back(closed(patient, path));
     } else if (error == EACCES || (error == ENOENT && !mayBeNamed(patient))) {

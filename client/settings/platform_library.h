@@ -6,6 +6,9 @@
 
 namespace client {
 
+/// Where the settings are if platformReadsDeviceConf() is false, for people.
+inline constexpr const char* kOwnLibrary = "the device's own library";
+
 /// Loads the library that the service would load. As root, call it only after taking the service's identity: the library is
 /// the device's code. Thread: main, before any other thread exists.
 /// @return why the library cannot be loaded; empty when it is loaded

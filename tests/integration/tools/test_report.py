@@ -15,7 +15,7 @@ SECTIONS = ["machine", "versions", "status", "doctor", "settings", "unit", "jour
 def report(needs_view, bus, a_device):
     """A function that makes a report in the daemon's environment."""
 
-    def made(*arguments):
+    def made(*arguments, **variables):
         view = daemon.bubblewrap(a_device.certificates, a_device.credentials.certificates)
         return subprocess.run(
             [*view, billingctl.program(), "report", *arguments],
@@ -24,7 +24,12 @@ def report(needs_view, bus, a_device):
             check=False,
             timeout=60,
             stdin=subprocess.DEVNULL,
-            env={**billingctl.environment(bus), "PLEVO_DEVICE_CONF": str(a_device.file), **a_device.credentials.environment},
+            env={
+                **billingctl.environment(bus),
+                "PLEVO_DEVICE_CONF": str(a_device.file),
+                **a_device.credentials.environment,
+                **variables,
+            },
         )
 
     return made
@@ -44,6 +49,18 @@ def test_it_has_what_support_needs_and_no_secret(service, report, a_device):
     pin = (a_device.credentials.folder / "pin").read_text().strip()
     secrets = [*SECRETS, pin, a_device.settings["deployment"]["credential"]]
     assert [secret for secret in secrets if secret in done.stdout] == []
+
+
+def test_what_is_not_there_is_not_called_closed(report, a_device, tmp_path):
+    a_device.file.unlink()
+    for program in ("systemctl", "journalctl"):
+        (tmp_path / program).write_text("#!/bin/sh\nexit 1\n")
+        (tmp_path / program).chmod(0o755)
+    done = report(PATH=f"{tmp_path}:/usr/bin:/bin")
+    parts = dict(part.split("\n", 1) for part in done.stdout.split("== ")[1:])
+    assert parts[f"settings {a_device.file}, private values hidden"] == f"{a_device.file}: No such file or directory\n"
+    assert parts["unit"] == "systemctl shows no unit of the service\n"
+    assert parts["journal"].startswith("the journal has no record of the service")
 
 
 def test_it_is_written_only_when_that_was_agreed_to(service, report, tmp_path):

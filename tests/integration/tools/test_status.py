@@ -90,6 +90,23 @@ def test_a_service_that_does_not_run_is_no_success(status):
     assert "calls" not in lines
 
 
+@pytest.mark.parametrize("address", ["unix:path=/nowhere", "nonsense"])
+def test_without_a_bus_it_is_not_known_whether_the_service_runs(bus, address):
+    called = billingctl.run(bus, "--bus", address, "check-server-availability")
+    why = called.stderr.removeprefix("check_server_availability: ").strip()
+    assert why.startswith("the system bus cannot be reached: ")
+    done = billingctl.run(bus, "--json", "--bus", address, "status")
+    assert (done.returncode, done.stderr) == (UNREACHABLE, "")
+    assert json.loads(done.stdout)["service"] == f"not known: {why}"
+
+
+def test_settings_that_are_not_there_are_not_called_closed(bus, tmp_path):
+    absent = tmp_path / "absent.conf"
+    lines = json.loads(billingctl.run(bus, "--json", "status", PLEVO_DEVICE_CONF=str(absent)).stdout)
+    assert lines["settings"] == str(absent)
+    assert lines["server"] == f"not known: {absent}: No such file or directory"
+
+
 def test_root_sees_the_connections_that_are_kept(needs_view, start_daemon, caller, bus, a_device):
     process = start_daemon()
     process.wait_for_name(caller)
