@@ -37,6 +37,7 @@ struct Verdict {
     bool answered = false;
     bool inTime = true;
     long status = 0;
+    std::string number;  ///< libcurl's, of a transfer that failed
     std::string error;
     std::string body;
 };
@@ -71,7 +72,10 @@ void readRecords(Verdict& verdict)
             verdict.status = std::strtol(status.c_str(), nullptr, 10);
         }
         const std::string error = between(record, "ErrMsg = ", "!\033");
-        verdict.error = error.empty() ? verdict.error : error;
+        if (!error.empty()) {
+            verdict.number = between(record, "ErrorCode = ", ";");
+            verdict.error = error;
+        }
     }
 }
 
@@ -138,8 +142,15 @@ Finding notAnswered(const Verdict& verdict)
                       "install a new one (billing-provision install); if it is new, restart the "
                       "service");
     }
-    return failed(kCheck, "transfer", error.empty() ? "the transfer failed" : error,
-                  "see the number of that error in docs/TROUBLESHOOTING.md, and the store's log");
+    if (verdict.number.empty()) {
+        return failed(kCheck, "transfer", error.empty() ? "the transfer failed" : error,
+                      "mend what failed above; if nothing did, the service's log says more");
+    }
+    const std::string number = "ErrorCode = " + verdict.number;
+    return failed(kCheck, "transfer", number + ": " + error,
+                  "see " + number +
+                      " in TROUBLESHOOTING.md, which the sources and the package billing-service "
+                      "have, and the store's log");
 }
 
 }  // namespace

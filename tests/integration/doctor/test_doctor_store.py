@@ -7,6 +7,7 @@ import time
 import pytest
 from harness.device import certificates
 from harness.store import server
+from harness.tools import page
 from harness.tools.doctor import preloaded
 
 BUNDLE = "/opt/down/cert/ca.pem"
@@ -172,6 +173,18 @@ def test_what_a_store_says_to_the_device_is_shown(service, doctor, store, answer
     }
     warned = [record.text for record in service.log() if record.priority == "W"]
     assert any("HTTP 503" in text for text in warned) == ("503" in answer.status)
+
+
+def test_a_transfer_that_fails_has_the_number_that_the_cure_names(service, doctor, store):
+    store.answer = server.Reset()
+    found, _ = doctor("--sign")
+    assert found["request"]["id"] == "request.transfer"
+    assert re.fullmatch(r"ErrorCode = 56: \S.*", found["request"]["finding"])
+    assert found["request"]["cure"] == (
+        "see ErrorCode = 56 in TROUBLESHOOTING.md, which the sources and the package billing-service have, "
+        "and the store's log"
+    )
+    assert 56 in page.NUMBERS
 
 
 def test_the_request_is_the_service_s_own(service, doctor, caller, store):
