@@ -8,10 +8,13 @@
 #include "stop.h"
 #include "token.h"
 
+#include <glib.h>
+
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <iterator>
+#include <memory>
 
 namespace provision {
 
@@ -48,6 +51,13 @@ std::string softwareToken(const std::string& wanted)
     }
     throw Stop(EXIT_FAILED,
                "no software token found; install softhsm2, or name its module with --module");
+}
+
+/// @return a line that sets a variable in a shell, whatever the value contains
+std::string exported(const char* name, const std::string& value)
+{
+    const std::unique_ptr<char, decltype(&g_free)> quoted(g_shell_quote(value.c_str()), g_free);
+    return std::string("export ") + name + "=" + quoted.get() + "\n";
 }
 
 class Lab {
@@ -176,8 +186,8 @@ void lab(const LabOptions& options)
     Lab made(options);
     made.make();
     tell("A lab device is in " + options.folder + ". The service and its token need:");
-    print("export PLEVO_DEVICE_CONF=" + made.path("device.conf") +
-          "\nexport SOFTHSM2_CONF=" + made.path("softhsm2.conf") + "\n");
+    print(exported("PLEVO_DEVICE_CONF", made.path("device.conf")) +
+          exported("SOFTHSM2_CONF", made.path("softhsm2.conf")));
 }
 
 }  // namespace provision

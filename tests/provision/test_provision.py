@@ -82,16 +82,15 @@ def test_lab_key_is_inside_the_token_and_is_the_certificates(lab):
     assert request.public_key().public_numbers() == certificate(lab / "bgclient.crt").public_key().public_numbers()
 
 
-def test_lab_prints_what_the_service_needs(tmp_path):
-    result = must(
-        run("lab", tmp_path / "lab", "--host", "a.example", "192.0.2.1", "--production-host", "a.example:1", "--days", "3")
-    )
-    assert result.stdout.decode().splitlines() == [
-        f"export PLEVO_DEVICE_CONF={tmp_path}/lab/device.conf",
-        f"export SOFTHSM2_CONF={tmp_path}/lab/softhsm2.conf",
-    ]
-    assert settings(tmp_path / "lab")["production_host"] == "a.example:1"
-    made = certificate(tmp_path / "lab" / "server.pem")
+def test_lab_prints_what_the_service_needs_as_a_shell_takes_it(tmp_path):
+    folder = tmp_path / "ev al $(touch pwned) it's"
+    printed = must(run("lab", folder, "--host", "a.example", "192.0.2.1", "--production-host", "a.example:1", "--days", "3"))
+    script = printed.stdout.decode() + "printenv PLEVO_DEVICE_CONF SOFTHSM2_CONF"
+    taken = subprocess.run(["sh", "-ec", script], cwd=tmp_path, check=True, capture_output=True, text=True).stdout
+    assert taken.splitlines() == [f"{folder}/device.conf", f"{folder}/softhsm2.conf"]
+    assert list(tmp_path.iterdir()) == [folder]
+    assert settings(folder)["production_host"] == "a.example:1"
+    made = certificate(folder / "server.pem")
     assert (made.not_valid_after - made.not_valid_before).days == 4
 
 

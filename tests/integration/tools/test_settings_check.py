@@ -2,6 +2,7 @@
 import json
 
 import pytest
+from harness import daemon
 from harness.tools import billingctl
 from harness.tools.billingctl import DONE, FAILED, WARNING
 
@@ -129,6 +130,11 @@ def test_a_file_that_does_not_choose_the_server_is_a_warning(check):
     code, lines, mistakes = check(complete.replace("vantor_server_type=0\n", ""))
     assert (code, mistakes) == (WARNING, [(0, "settings.not-set", "warning")])
     assert lines == ["[system] vantor_server_type is not set: the sandbox is used"]
+
+
+def test_the_sample_has_what_the_service_needs(check, tmp_path):
+    code, lines, _ = check((daemon.TREE / "data" / "device.conf.example").read_bytes())
+    assert (code, lines) == (DONE, [f"{tmp_path / 'settings'} is well-formed and has what the service needs"])
 
 
 def test_a_file_that_is_not_there_is_named(bus):
