@@ -235,7 +235,7 @@ void describe(CLI::App& app, std::deque<std::vector<std::string>>& values, Optio
     app.add_option("--bus,--address", options.bus,
                    "Address of the bus; else $DBUS_SYSTEM_BUS_ADDRESS, else the system bus")
         ->type_name("ADDRESS");
-    app.add_flag("--json", options.json, "Print JSON, errors included");
+    app.add_flag("--json", options.json, "Print JSON, errors included; a report stays text");
     app.add_option_function<std::string>(
            "-o,--output",
            [&options](const std::string& form) {
@@ -270,14 +270,16 @@ int main(int argc, char** argv)
     std::deque<std::vector<std::string>> values;
     CLI::App app("Calls the billing service and finds out why it does not work.", "billingctl");
     describe(app, values, options);
+    // Searched for here: the parser may stop before this option.
+    const bool json = std::any_of(argv, argv + argc,
+                                  [](const char* word) { return word == std::string("--json"); });
     try {
         app.parse(wordsOf(argc, argv));
     } catch (const CLI::Success& help) {
-        return finished(app.exit(help));
+        // The parser answers --help before it looks for the command.
+        const bool unknown = app.get_subcommands().empty() && !app.remaining().empty();
+        return finished(unknown ? wrongUsage(app, help, json) : app.exit(help));
     } catch (const CLI::ParseError& error) {
-        // Searched for here: the parser may have stopped before this option.
-        const bool json = std::any_of(
-            argv, argv + argc, [](const char* word) { return word == std::string("--json"); });
         return finished(wrongUsage(app, error, json));
     } catch (const std::exception& error) {
         std::fprintf(stderr, "billingctl: %s\n", error.what());

@@ -258,6 +258,7 @@ def test_a_bus_that_refuses_the_call_is_named(service, ctl, caller, tmp_path):
                 ("confirm-purchas", "confirm-purchase"),
             )
         ),
+        (("docter", "--help"), 'there is no command "docter", did you mean "doctor"; see billingctl --help'),
         (("get-product-list",), "--appid is required; see billingctl get-product-list --help"),
         (("confirm-purchase", "--appid", "a"), "--invoiceid is required; see billingctl confirm-purchase --help"),
         *(
@@ -315,6 +316,12 @@ def test_help_is_a_command_too(ctl, command):
     asked, option = ctl("help", *words), ctl(*words, "--help")
     assert (asked.returncode, asked.stderr) == (DONE, "")
     assert asked.stdout == option.stdout
+
+
+def test_help_for_a_command_that_is_not_there_is_wrong(ctl):
+    done = ctl("help", "docter")
+    assert (done.returncode, done.stdout) == (USAGE, "")
+    assert done.stderr == 'billingctl: there is no command "docter", did you mean "doctor"; see billingctl --help\n'
 
 
 def test_the_version_names_the_libraries(ctl):

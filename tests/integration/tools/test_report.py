@@ -51,6 +51,10 @@ def test_it_has_what_support_needs_and_no_secret(service, report, a_device):
     assert [secret for secret in secrets if secret in done.stdout] == []
 
 
+def test_it_is_text_in_any_form(report):
+    assert report("--json").stdout.startswith("== machine\n")
+
+
 def test_what_is_not_there_is_not_called_closed(report, a_device, tmp_path):
     a_device.file.unlink()
     for program in ("systemctl", "journalctl"):
