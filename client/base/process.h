@@ -14,7 +14,7 @@ struct Process {
     unsigned uid = 0;
     unsigned gid = 0;
     std::vector<unsigned> groups;
-    std::string program;                   ///< empty: only root may read it
+    std::string program;                   ///< empty: this process may not read it
     std::string version;                   ///< empty: as for `program`
     std::vector<std::string> environment;  ///< "NAME=value"
     bool environmentKnown = false;

@@ -33,7 +33,7 @@ constexpr const char* kLook = "journalctl -u billing-service -n 50";
 std::string describe(const Owner& owner, const Facts& facts)
 {
     const bool seen = facts.process && !facts.process->program.empty();
-    return (seen ? facts.process->program : "a program that only root may look at") +
+    return (seen ? facts.process->program : "a program that cannot be seen from here") +
            (owner.pid ? " (process " + std::to_string(*owner.pid) : " (process not known") +
            ", user " + (owner.uid ? userName(*owner.uid) : "not known") + ")";
 }
