@@ -5,6 +5,7 @@ import fcntl
 import json
 import os
 import pathlib
+import shlex
 import stat
 from collections.abc import Iterator
 
@@ -81,10 +82,19 @@ class Folder:
         if status.st_uid != os.geteuid():
             raise LabError(f"{self.path} is another user's; name a folder of your own with --dir")
         if stat.S_IMODE(status.st_mode) & 0o077:
+            if not self.is_made():
+                raise LabError(f"{self.path} is open to others; name a new folder with --dir, and the lab makes it")
             raise LabError(
-                f"{self.path} is open to others; `chmod 700 {self.path}` if you trust what is in it, or "
+                f"{self.path} is open to others; `chmod 700 {shlex.quote(str(self.path))}` if you trust what is in it, or "
                 "name another folder with --dir"
             )
+
+    def is_made(self) -> bool:
+        """@return whether a lab has been up in this folder. Some system folders have a folder or a link `lock`."""
+        try:
+            return stat.S_ISREG(os.lstat(self.path / "lock").st_mode)
+        except (FileNotFoundError, NotADirectoryError):
+            return False
 
     def make(self) -> None:
         # A bus address may be 107 bytes long at most.
@@ -98,9 +108,10 @@ class Folder:
             )
         try:
             self.path.mkdir(mode=0o700, parents=True, exist_ok=True)
-            self.check_owner()
-            if not (self.path / "lock").exists() and {file.name for file in self.path.iterdir()} - _MADE:
+            # Before the check of the owner: nobody is to change the mode of a folder that is no lab.
+            if not self.is_made() and {file.name for file in self.path.iterdir()} - _MADE:
                 raise LabError(f"{self.path} has other things in it; name an empty folder, or a new one, with --dir")
+            self.check_owner()
             for made in (self.logs, self.path / "run", self.ca_view, self.certificate_view):
                 made.mkdir(mode=0o700, parents=True, exist_ok=True)
         except OSError as error:
@@ -119,7 +130,7 @@ class Folder:
     def is_up(self) -> bool:
         """@return whether a lab is up in this folder. @throw LabError if the folder is another user's"""
         try:
-            if not (self.path / "lock").exists():
+            if not self.is_made():
                 return False
             self.check_owner()
             taken = self.lock()

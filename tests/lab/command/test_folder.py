@@ -1,0 +1,39 @@
+"""The lab's folder: which one a command takes, and which ones are refused."""
+
+
+def test_a_folder_that_is_no_lab_is_not_offered_to_be_closed(cli, tmp_path):
+    """System folders are open to others, and some have a folder `lock`."""
+    folder = tmp_path / "system"
+    (folder / "lock").mkdir(parents=True)
+    folder.chmod(0o755)
+    answer = cli("up", folder=folder)
+    assert (answer.returncode, answer.stderr) == (
+        1,
+        f"billing-lab: {folder} has other things in it; name an empty folder, or a new one, with --dir\n",
+    )
+    assert cli("status", folder=folder).stderr.startswith(f"billing-lab: no lab is up in {folder}; ")
+
+
+def test_an_empty_folder_that_is_open_to_others_is_refused(cli, tmp_path):
+    folder = tmp_path / "empty"
+    folder.mkdir()
+    folder.chmod(0o755)
+    answer = cli("up", folder=folder)
+    assert (answer.returncode, answer.stderr) == (
+        1,
+        f"billing-lab: {folder} is open to others; name a new folder with --dir, and the lab makes it\n",
+    )
+
+
+def test_the_command_that_closes_a_lab_quotes_its_path(cli, tmp_path):
+    folder = tmp_path / "my lab"
+    folder.mkdir()
+    (folder / "lock").touch()
+    folder.chmod(0o755)
+    for command in ("up", "status"):
+        answer = cli(command, folder=folder)
+        assert (answer.returncode, answer.stderr) == (
+            1,
+            f"billing-lab: {folder} is open to others; `chmod 700 '{folder}'` if you trust what is in it, or name "
+            "another folder with --dir\n",
+        )
