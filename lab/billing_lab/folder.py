@@ -12,6 +12,7 @@ from collections.abc import Iterator
 
 # Folders that make() makes: they are there without a lock file after a start that failed early.
 _MADE = {"logs", "run", "view"}
+EMPTY_NAME = "the folder's name is empty; name a folder, or leave out --dir for the default"
 
 
 class LabError(Exception):
@@ -32,7 +33,9 @@ class Folder:
 
     @classmethod
     def at(cls, path: pathlib.Path | str | None) -> "Folder":
-        """@param path None for $BILLING_LAB_DIR, and without that the default"""
+        """@param path None for $BILLING_LAB_DIR, and without that the default. @throw LabError if it is empty"""
+        if path == "":
+            raise LabError(EMPTY_NAME)
         chosen = path or os.environ.get("BILLING_LAB_DIR") or default_path()
         return cls(pathlib.Path(chosen).absolute())
 

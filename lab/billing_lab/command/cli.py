@@ -11,7 +11,7 @@ from .. import __version__
 from ..checks import words as checks
 from ..device import device
 from ..device.methods import METHODS
-from ..folder import LabError, default_path
+from ..folder import EMPTY_NAME, LabError, default_path
 from ..life import words as life
 from ..runs import words as runs
 from ..shop.catalogue import DEFAULT_FILE
@@ -53,6 +53,7 @@ def parser() -> argparse.ArgumentParser:
     )
     made.add_argument(
         "--dir",
+        type=_folder_name,
         metavar="DIR",
         help=f"the lab's folder; several labs have several (default: $BILLING_LAB_DIR, else {default_path()})",
     )
@@ -68,6 +69,12 @@ def parser() -> argparse.ArgumentParser:
     checks.add_all(words)
     runs.add_all(words)
     return made
+
+
+def _folder_name(text: str) -> str:
+    if not text:
+        raise argparse.ArgumentTypeError(EMPTY_NAME)
+    return text
 
 
 def _version() -> str:

@@ -1,4 +1,6 @@
 """The lab's folder: which one a command takes, and which ones are refused."""
+import pytest
+from billing_lab.folder import Folder, LabError
 
 
 def test_a_folder_that_is_no_lab_is_not_offered_to_be_closed(cli, tmp_path):
@@ -37,3 +39,15 @@ def test_the_command_that_closes_a_lab_quotes_its_path(cli, tmp_path):
             f"billing-lab: {folder} is open to others; `chmod 700 '{folder}'` if you trust what is in it, or name "
             "another folder with --dir\n",
         )
+
+
+@pytest.mark.parametrize("command", [["up"], ["reset"], ["run", "--", "true"]], ids=" ".join)
+def test_an_empty_name_is_not_the_default_folder(cli, command):
+    """A script whose variable is not set writes --dir ""."""
+    answer = cli(*command, folder="")
+    assert (answer.returncode, answer.stderr.splitlines()[-1]) == (
+        2,
+        "billing-lab: error: argument --dir: the folder's name is empty; name a folder, or leave out --dir for the default",
+    )
+    with pytest.raises(LabError, match="^the folder's name is empty; "):
+        Folder.at("")
