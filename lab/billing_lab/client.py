@@ -88,7 +88,8 @@ class Lab:
             return connection, connection.getresponse()
         except OSError as error:
             connection.close()
-            raise LabError(f"the lab in {self.folder.path} does not answer ({error}); see `billing-lab status`") from None
+            told = f"the lab in {self.folder.path} does not answer ({error})"
+            raise LabError(f"{told}; see {self.folder.command('status')}") from None
 
     def ask(self, method: str, path: str, body: object = None, timeout: float = 60):
         """One request to the control interface."""

@@ -39,6 +39,11 @@ class Folder:
         chosen = path or os.environ.get("BILLING_LAB_DIR") or default_path()
         return cls(pathlib.Path(chosen).absolute())
 
+    def command(self, words: str) -> str:
+        """@return a command line on this folder, for a hint; it names the folder unless that one is taken anyway"""
+        option = "" if self == Folder.at(None) else f"--dir {shlex.quote(str(self.path))} "
+        return f"`billing-lab {option}{words}`"
+
     @property
     def info(self) -> pathlib.Path:
         return self.path / "lab.json"
@@ -153,7 +158,7 @@ class Folder:
         why = ""
         with contextlib.suppress(FileNotFoundError):
             why = f" ({self.reason.read_text(encoding='utf-8').strip()})"
-        raise LabError(f"no lab is up in {self.path}{why}; start it with `billing-lab up`")
+        raise LabError(f"no lab is up in {self.path}{why}; start it with {self.command('up')}")
 
 
 def last_line(log: pathlib.Path) -> str:

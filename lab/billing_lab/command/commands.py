@@ -63,7 +63,7 @@ def _begin(lab: client.Lab, options: argparse.Namespace) -> None:
 
 def _stay(folder: Folder, options: argparse.Namespace) -> int:
     if folder.is_up():
-        raise LabError(f"a lab is up in {folder.path} already; `billing-lab down` ends it")
+        raise LabError(f"a lab is up in {folder.path} already; {folder.command('down')} ends it")
     signal.signal(signal.SIGTERM, signal.default_int_handler)
     with contextlib.suppress(KeyboardInterrupt), client.running(folder.path, options.log_level) as lab:
         _begin(lab, options)
@@ -122,7 +122,7 @@ def logs(options: argparse.Namespace) -> int:
     folder = Folder.at(options.dir)
     file = folder.logs / f"{options.part}.log"
     if not file.exists():
-        raise LabError(f"no lab has been up in {folder.path}; start one with `billing-lab up`")
+        raise LabError(f"no lab has been up in {folder.path}; start one with {folder.command('up')}")
     with named_errors(), open(file, encoding="utf-8", errors="backslashreplace") as log:
         for line in collections.deque(log, options.lines):
             print(line, end="")
@@ -247,7 +247,8 @@ def call(options: argparse.Namespace) -> int:
     else:
         print(f"resp_result {result}\nresp_info   {text}")
         if result != 0:
-            print("billing-lab: why: `billing-lab doctor`, `billing-lab logs --lines 20`", file=sys.stderr)
+            command = lab.folder.command
+            print(f"billing-lab: why: {command('doctor')}, {command('logs --lines 20')}", file=sys.stderr)
     return EXIT_BY_RESULT.get(result, 1)
 
 

@@ -120,7 +120,8 @@ def _guard(token: str):
             raise
         except Exception as wrong:
             logging.exception("%s %s failed", request.method, request.path)
-            return _problem(500, f"the lab failed at {request.path}: {wrong!r}; more in `billing-lab logs lab`")
+            more = request.app["core"].folder.command("logs lab")
+            return _problem(500, f"the lab failed at {request.path}: {wrong!r}; more in {more}")
 
     return guard
 

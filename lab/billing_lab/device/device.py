@@ -41,7 +41,7 @@ def read(file: pathlib.Path) -> Settings:
         parser.read(file, encoding="utf-8")
     except (configparser.Error, UnicodeDecodeError) as error:
         reason = str(error).replace("\n", " ")
-        raise DeviceError(f"{file} cannot be read ({reason}); mend it, or `billing-lab reset`") from None
+        raise DeviceError(f"{file} cannot be read ({reason}); mend it, or `reset` the lab") from None
     return {group: dict(parser[group]) for group in parser.sections()}
 
 

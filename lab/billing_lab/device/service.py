@@ -24,6 +24,7 @@ class Daemon:
     def __init__(self, folder: Folder, bus_address: str, level: str, again: bool = False):
         self._address = bus_address
         self._log = folder.logs / "daemon.log"
+        self._more = folder.command("logs daemon")
         with open(self._log, "ab" if again else "wb") as log:
             self.process, self.pid = view.start(
                 [*view.GUARD, *view.bubblewrap(folder.ca_view, folder.certificate_view)],
@@ -41,12 +42,11 @@ class Daemon:
             if self.process.poll() is not None:
                 raise LabError(
                     f"the daemon ended with status {self.process.returncode} while it "
-                    f"started: {last_line(self._log)}; more in `billing-lab logs daemon`"
+                    f"started: {last_line(self._log)}; more in {self._more}"
                 )
             if time.monotonic() > end:
                 raise LabError(
-                    "the daemon runs but does not take its name; it says: "
-                    f"{last_line(self._log)}; more in `billing-lab logs daemon`"
+                    f"the daemon runs but does not take its name; it says: {last_line(self._log)}; more in {self._more}"
                 )
             time.sleep(0.01)
         caller.close()

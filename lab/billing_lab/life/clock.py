@@ -48,7 +48,5 @@ def advance(db: sqlite3.Connection, seconds: int) -> None:
     """Moves the clock forward. It is not moved back: steps that were taken stay. A reset sets it to the machine's time."""
     ahead = state.fact(db, "clock_ahead", 0) + seconds
     if ahead > MOST_SECONDS:
-        raise LifeError(
-            f"the clock would be {ahead // 86_400} days ahead; 3660 are the most, `billing-lab reset` sets it right"
-        )
+        raise LifeError(f"the clock would be {ahead // 86_400} days ahead; 3660 are the most, `reset` sets it right")
     state.set_fact(db, "clock_ahead", ahead)

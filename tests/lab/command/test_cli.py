@@ -87,7 +87,7 @@ def test_without_a_lab_each_command_says_how_to_start_one(cli, tmp_path, argumen
     assert (answer.returncode, answer.stdout, answer.stderr) == (
         1,
         "",
-        f"billing-lab: no lab is up in {tmp_path / 'lab'}; start it with `billing-lab up`\n",
+        f"billing-lab: no lab is up in {tmp_path / 'lab'}; start it with `billing-lab --dir {tmp_path / 'lab'} up`\n",
     )
 
 
@@ -162,7 +162,8 @@ def test_a_call_prints_its_answer_and_ends_as_it_was_answered(run, lab):
     lab.fault("reset")
     failed = run("call", "check_server_availability")
     assert (failed.returncode, failed.stdout) == (3, "resp_result -1\nresp_info   \n")
-    assert failed.stderr == "billing-lab: why: `billing-lab doctor`, `billing-lab logs --lines 20`\n"
+    name = f"billing-lab --dir {lab.folder.path}"
+    assert failed.stderr == f"billing-lab: why: `{name} doctor`, `{name} logs --lines 20`\n"
     lab.device("gateway", "down")
     refused = run("call", "check_server_availability")
     assert (refused.returncode, refused.stdout) == (4, "resp_result 1160003\nresp_info   Network error, please check!\n")

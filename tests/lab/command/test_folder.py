@@ -1,6 +1,10 @@
 """The lab's folder: which one a command takes, and which ones are refused."""
+import subprocess
+
 import pytest
 from billing_lab.folder import Folder, LabError
+
+from conftest import LAB
 
 
 def test_a_folder_that_is_no_lab_is_not_offered_to_be_closed(cli, tmp_path):
@@ -51,3 +55,25 @@ def test_an_empty_name_is_not_the_default_folder(cli, command):
     )
     with pytest.raises(LabError, match="^the folder's name is empty; "):
         Folder.at("")
+
+
+@pytest.mark.parametrize("command", [["status"], ["call", "get_product_list"]], ids=" ".join)
+def test_a_hint_names_the_folder_that_the_command_was_given(cli, tmp_path, command):
+    answer = cli(*command, folder=tmp_path / "my lab")
+    assert answer.stderr == (
+        f"billing-lab: no lab is up in {tmp_path}/my lab; start it with `billing-lab --dir '{tmp_path}/my lab' up`\n"
+    )
+    assert cli("logs", folder=tmp_path / "lab").stderr == (
+        f"billing-lab: no lab has been up in {tmp_path}/lab; start one with `billing-lab --dir {tmp_path}/lab up`\n"
+    )
+
+
+@pytest.mark.parametrize("variable", [None, "BILLING_LAB_DIR"])
+def test_a_hint_for_the_folder_that_is_taken_anyway_has_no_option(cli, tmp_path, variable):
+    folder = tmp_path / "home" / ".local" / "state" / "billing-lab" / "default"
+    more = {} if variable is None else {variable: str(tmp_path / "lab")}
+    answer = subprocess.run(
+        [LAB / "billing-lab", "status"], env={**cli.environment, **more}, capture_output=True, text=True, check=False
+    )
+    where = more.get(variable, folder)
+    assert answer.stderr == f"billing-lab: no lab is up in {where}; start it with `billing-lab up`\n"

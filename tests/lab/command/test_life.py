@@ -268,7 +268,7 @@ def test_without_a_lab_there_are_no_logs(folder, cli):
     answer = cli("logs")
     assert (answer.returncode, answer.stderr) == (
         1,
-        f"billing-lab: no lab has been up in {folder}; start one with `billing-lab up`\n",
+        f"billing-lab: no lab has been up in {folder}; start one with `billing-lab --dir {folder} up`\n",
     )
 
 
@@ -311,7 +311,7 @@ def test_a_daemon_that_does_not_start_is_said(folder, cli, tmp_path):
     assert (answer.returncode, answer.stderr) == (
         1,
         "billing-lab: the daemon ended with status 7 while it started: no settings here; more in "
-        "`billing-lab logs daemon`\n",
+        f"`billing-lab --dir {folder} logs daemon`\n",
     )
     assert processes_of(folder) == set()
 

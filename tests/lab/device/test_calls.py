@@ -289,7 +289,7 @@ def test_reset_undoes_what_was_done_since_the_seed(lab):
 def test_settings_that_were_broken_by_hand_are_said_and_mended_by_reset(lab):
     before = lab.device()
     lab.folder.settings.write_text("country=DE\n")
-    with pytest.raises(LabError, match="cannot be read .*; mend it, or `billing-lab reset`"):
+    with pytest.raises(LabError, match="cannot be read .*; mend it, or `reset` the lab"):
         lab.device()
     # Without a host the service refuses the call and does not ask the store.
     assert lab.call("check_server_availability")[0] != 0
