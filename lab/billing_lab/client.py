@@ -342,6 +342,11 @@ def start(folder: Folder, level: str = "info", lifeline: int | None = None) -> L
     problem = view.why_no_view()
     if problem is not None:
         raise LabError(problem)
+    if folder.is_up():
+        raise LabError(
+            f"a lab is up in {folder.path} (process {folder.read_info()['pid']}); end it with {folder.command('down')}, "
+            "or name another folder; `run` without --dir makes its own"
+        )
     folder.make()
     hear, tell = os.pipe()
     handed_on = [tell] if lifeline is None else [tell, lifeline]

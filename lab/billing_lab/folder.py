@@ -125,11 +125,15 @@ class Folder:
         except OSError as error:
             raise LabError(f"{error.filename}: {error.strerror}; choose another folder with --dir") from None
 
-    def lock(self) -> int | None:
-        """Locks the folder until this process ends. @return the lock's descriptor; None if another process has the lock"""
+    def lock(self, how: int = fcntl.LOCK_EX) -> int | None:
+        """Locks the folder until this process ends.
+
+        @param how fcntl.LOCK_EX, or LOCK_SH, which several processes may have at the same time
+        @return the lock's descriptor; None if another process has the lock
+        """
         taken = os.open(self.path / "lock", os.O_RDWR | os.O_CREAT | os.O_CLOEXEC, 0o600)
         try:
-            fcntl.flock(taken, fcntl.LOCK_EX | fcntl.LOCK_NB)
+            fcntl.flock(taken, how | fcntl.LOCK_NB)
         except BlockingIOError:
             os.close(taken)
             return None
@@ -141,7 +145,8 @@ class Folder:
             if not self.is_made():
                 return False
             self.check_owner()
-            taken = self.lock()
+            # Shared: two processes that look at the same moment do not take each other for a lab.
+            taken = self.lock(fcntl.LOCK_SH)
         except PermissionError:
             raise LabError(f"the lab in {self.path} is somebody else's; name a folder of your own with --dir") from None
         if taken is None:

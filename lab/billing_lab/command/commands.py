@@ -62,8 +62,6 @@ def _begin(lab: client.Lab, options: argparse.Namespace) -> None:
 
 
 def _stay(folder: Folder, options: argparse.Namespace) -> int:
-    if folder.is_up():
-        raise LabError(f"a lab is up in {folder.path} already; {folder.command('down')} ends it")
     signal.signal(signal.SIGTERM, signal.default_int_handler)
     with contextlib.suppress(KeyboardInterrupt), client.running(folder.path, options.log_level) as lab:
         _begin(lab, options)

@@ -77,3 +77,15 @@ def test_a_hint_for_the_folder_that_is_taken_anyway_has_no_option(cli, tmp_path,
     )
     where = more.get(variable, folder)
     assert answer.stderr == f"billing-lab: no lab is up in {where}; start it with `billing-lab up`\n"
+
+
+def test_a_run_in_the_folder_of_a_lab_that_is_up_says_how_to_end_it(lab, cli):
+    folder = lab.folder.path
+    for command in (["run", "--", "true"], ["up", "--stay"]):
+        answer = cli(*command, folder=folder)
+        assert (answer.returncode, answer.stderr) == (
+            1,
+            f"billing-lab: a lab is up in {folder} (process {lab.info['pid']}); end it with "
+            f"`billing-lab --dir {folder} down`, or name another folder; `run` without --dir makes its own\n",
+        )
+    assert lab.call("check_server_availability")[0] == 0

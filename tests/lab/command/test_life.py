@@ -171,7 +171,7 @@ def test_a_second_lab_in_the_same_folder_is_the_first(folder, cli):
     first = client.Lab(folder).info
     again = cli("up", "--json")
     assert json.loads(again.stdout) == first
-    assert cli("up", "--stay").stderr.startswith(f"billing-lab: a lab is up in {folder} already")
+    assert cli("up", "--stay").stderr.startswith(f"billing-lab: a lab is up in {folder} (process ")
 
 
 def test_of_two_that_start_at_once_one_lab_comes(folder, cli):
