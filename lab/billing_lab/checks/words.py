@@ -85,6 +85,7 @@ def add_all(words) -> None:
         _run,
         "start a lab and a command that uses it, end both, and judge the command's requests",
         json=False,
+        any_order=False,
         epilog=f"""\
 The command finds the lab's bus in DBUS_SYSTEM_BUS_ADDRESS and its folder in BILLING_LAB_DIR.
 

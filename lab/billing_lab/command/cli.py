@@ -18,7 +18,7 @@ from ..shop.catalogue import DEFAULT_FILE
 from ..shop.faults import CONNECTION_FAULTS, KINDS, RESERVED, ConnectionKind, Kind
 from ..shop.matching import ENDPOINTS
 from . import commands
-from .words import add, decimal, match_options, number, numbers
+from .words import Parser, add, decimal, match_options, number, numbers
 
 _DESCRIPTION = """\
 A test store with a device in front of it: a private bus, the billing service, a software token, and a store server
@@ -60,7 +60,7 @@ def parser() -> argparse.ArgumentParser:
     made.add_argument(
         "--version", action="version", version=_version(), help="print the versions of the lab and of the libraries it uses"
     )
-    words = made.add_subparsers(dest="command", metavar="COMMAND", required=True)
+    words = made.add_subparsers(dest="command", metavar="COMMAND", required=True, parser_class=Parser)
     _add_lab_commands(words)
     _add_store_commands(words)
     _add_device_commands(words)
@@ -233,6 +233,7 @@ def _add_fault_commands(words) -> None:
         commands.fault,
         "make answers or connections go wrong",
         json=False,
+        any_order=False,
         epilog="Of the faults that fit a request the first strikes it; the others do not count this request. So faults "
         "with --count 1 are a sequence, in which `pass` leaves an answer unchanged. Each fault draws its random numbers "
         "from its own seed, so that a run can be repeated.",
@@ -357,6 +358,8 @@ def _add_journal_commands(words) -> None:
 def main(arguments: list[str]) -> int:
     words = parser()
     options, options.further = words.parse_known_args(arguments)
+    if any(word.partition("=")[0] == "--dir" for word in options.further):
+        words.error(f"--dir stands before the command: billing-lab --dir DIR {options.command}")
     if options.further and options.run is not commands.doctor:
         words.error(f"unrecognized arguments: {' '.join(options.further)}")
     try:

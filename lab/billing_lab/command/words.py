@@ -4,7 +4,24 @@ import argparse
 from ..shop.matching import ENDPOINT_OF, ENDPOINTS
 
 
-def add(words, name: str, run, what: str, json: bool = True, **options) -> argparse.ArgumentParser:
+class Parser(argparse.ArgumentParser):
+    """Takes options and other arguments in any order if any_order is set. It cannot be set where another command follows."""
+
+    any_order = False
+
+    def parse_known_args(self, args=None, namespace=None):
+        if not self.any_order:
+            return super().parse_known_args(args, namespace)
+        # In Python 3.11, parse_known_intermixed_args() calls this method again.
+        self.any_order = False
+        try:
+            return self.parse_known_intermixed_args(args, namespace)
+        finally:
+            self.any_order = True
+
+
+def add(words, name: str, run, what: str, json: bool = True, any_order: bool = True, **options) -> Parser:
+    """Adds a command. @param any_order False if another command, or a command's kind, follows"""
     made = words.add_parser(
         name,
         help=what,
@@ -12,6 +29,7 @@ def add(words, name: str, run, what: str, json: bool = True, **options) -> argpa
         formatter_class=argparse.RawDescriptionHelpFormatter,
         **options,
     )
+    made.any_order = any_order
     made.set_defaults(run=run)
     if json:
         made.add_argument("--json", action="store_true", help="print JSON")
