@@ -4,7 +4,6 @@ import datetime
 import json
 import pathlib
 import platform
-import re
 
 from .. import __version__
 from ..calls import book
@@ -185,9 +184,18 @@ def read_file(file: pathlib.Path) -> dict:
     except (OSError, UnicodeDecodeError) as error:
         raise LabError(f"{file} cannot be read: {error}") from None
     try:
-        return json.loads(text) if re.match(r'\s*{\s*"export"', text) else _journal_of(text)
+        return json.loads(text) if _is_export(text) else _journal_of(text)
     except ValueError as error:
         raise LabError(f"{file} is neither an export nor a journal: {error}") from None
+
+
+def _is_export(text: str) -> bool:
+    """@return whether the first value of a text is an export. A journal has an object in each line, and may be empty."""
+    start = len(text) - len(text.lstrip())
+    if start == len(text):
+        return False
+    first, _ = json.JSONDecoder().raw_decode(text, start)
+    return isinstance(first, dict) and "export" in first
 
 
 def _journal_of(text: str) -> dict:

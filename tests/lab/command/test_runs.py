@@ -195,6 +195,39 @@ def test_the_command_line_writes_takes_and_compares_files(lab, cli, tmp_path):
     assert (wrong.returncode, "no entry of a journal" in wrong.stderr) == (1, True)
 
 
+def test_an_export_whose_members_were_sorted_is_still_one(lab, tmp_path):
+    file = tmp_path / "sorted.json"
+    file.write_text(json.dumps(lab.export(), sort_keys=True, indent=2), encoding="utf-8")
+    assert not file.read_text().lstrip("{ \n").startswith('"export"')
+    assert lab.diff(file)["same"] and lab.import_(file)["invoices"] == 2
+
+
+REQUEST = {"kind": "request", "seq": 1, "time": "", "endpoint": "", "method": "", "url": "", "headers": [], "body": {}}
+REQUEST |= {"connection": 1, "handshake": "", "differences": [], "fault": None, "answer": {}}
+
+
+@pytest.mark.parametrize("count", [0, 1, 2])
+def test_the_lines_of_a_journal_are_read(tmp_path, count):
+    entries = [{**REQUEST, "seq": seq + 1} for seq in range(count)]
+    (tmp_path / "lines").write_text("".join(json.dumps(entry) + "\n" for entry in entries))
+    assert export.read_file(tmp_path / "lines") == {"journal": entries}
+
+
+@pytest.mark.parametrize(
+    "text, said",
+    [
+        ('{\n"catalogue": {},\n"export": 1,\n}', "Expecting property name enclosed in double quotes: line 4 column 1"),
+        ('{"export": 1} {}', "Extra data: line 1 column 15"),
+        (json.dumps(REQUEST) + "\n{", "Expecting property name"),
+        ("[]", "no entry of a journal"),
+    ],
+)
+def test_a_file_that_is_neither_is_refused_with_the_place(tmp_path, text, said):
+    (tmp_path / "wrong").write_text(text)
+    with pytest.raises(LabError, match=f"^{tmp_path}/wrong is neither an export nor a journal: .*{said}"):
+        export.read_file(tmp_path / "wrong")
+
+
 def test_ten_thousand_entries_are_compared_in_time():
     entry = {
         "kind": "request", "time": "", "endpoint": "country", "method": "GET", "url": "https://a/",
