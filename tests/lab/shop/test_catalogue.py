@@ -89,6 +89,12 @@ def test_a_good_catalogue_is_read_whole(tmp_path):
             'shop.json:7: "FR" is none of the countries; add it there, or take this price out',
         ),
         ('"apps": [', '"apps": [,', "shop.json:4: no valid JSON (Expecting value); look at column 12 and just before it"),
+        (
+            '"id": "p"',
+            '"id": "spiel-ä"',
+            'shop.json:7: apps[0].products[0].id is "spiel-ä"; write a text of 1 to 128 printable ASCII characters '
+            "without blanks",
+        ),
         ('"lab": 1,', '"lab": 1, "lab": 1,', 'shop.json: the name "lab" stands twice in one object; take one out'),
     ],
 )
