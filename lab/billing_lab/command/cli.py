@@ -201,7 +201,7 @@ Switches:
   signed-out               no user is signed in
   signed-in UID            this user of the catalogue is signed in
   country XX|none          two capitals
-  language LOCALE|none     de_DE.utf8, or de
+  language LOCALE|none     de_DE.utf8 (or de_DE.UTF-8), or de
   server sandbox|production
   gateway up|down|auto|error:N
                            the default gateway; auto asks the kernel; error:N fails with N, 0 to 999999999

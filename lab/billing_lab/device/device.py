@@ -147,9 +147,11 @@ def _country(wanted: str) -> dict:
 
 
 def _language(wanted: str) -> dict:
-    if wanted != "none" and not re.fullmatch(r"[a-z]{2,3}(_[A-Z]{2}\.utf8)?", wanted):
+    if wanted != "none" and not re.fullmatch(r"[a-z]{2,3}(_[A-Z]{2}\.(utf8|UTF-8))?", wanted):
         raise DeviceError(f"language {wanted!r} is no locale; write one such as de_DE.utf8 or de, or none")
-    return {LANGUAGE: None if wanted == "none" else _LOCALES.get(wanted, wanted)}
+    # A shell says UTF-8; the device's settings, and the daemon's table of locales, say utf8.
+    name = wanted.replace(".UTF-8", ".utf8")
+    return {LANGUAGE: None if name == "none" else _LOCALES.get(name, name)}
 
 
 def _server(wanted: str) -> dict:

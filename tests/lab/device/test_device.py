@@ -1,4 +1,5 @@
 """The device's settings file: the settings that a switch changes, and those that it keeps."""
+import pytest
 from billing_lab.device import device
 
 FILE = """# made by hand
@@ -45,3 +46,10 @@ def test_a_short_language_stands_for_its_own_country():
     assert [
         device.switched("language", language, [], "t")[device.LANGUAGE] for language in ("de", "fr", "de_AT.utf8", "none")
     ] == ["de", "fr_FR.utf8", "de_AT.utf8", None]
+
+
+def test_a_locale_may_be_spelled_as_the_shell_s():
+    assert device.switched("language", "de_DE.UTF-8", [], "t") == device.switched("language", "de_DE.utf8", [], "t")
+    for wrong in ("de_DE", "de_DE.latin1", "de.UTF-8", "de_DE.utf8.UTF-8", "de_DE.UTF-8.utf8"):
+        with pytest.raises(device.DeviceError, match="is no locale"):
+            device.switched("language", wrong, [], "t")
