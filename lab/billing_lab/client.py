@@ -15,7 +15,7 @@ from collections.abc import Iterator
 
 from .device import view
 from .device.methods import arguments_of
-from .folder import Folder, LabError, last_line
+from .folder import Folder, LabError, absolute, last_line
 
 START_SECONDS = 90
 STOP_SECONDS = 30
@@ -110,7 +110,7 @@ class Lab:
         return self.ask("GET", "/api/status")
 
     def seed(self, file: pathlib.Path | str) -> dict:
-        return self.ask("POST", "/api/seed", {"file": str(pathlib.Path(file).absolute())})
+        return self.ask("POST", "/api/seed", {"file": str(absolute(file))})
 
     def reset(self) -> dict:
         return self.ask("POST", "/api/reset", {})

@@ -25,6 +25,14 @@ def default_path() -> pathlib.Path:
     return home / "billing-lab" / "default"
 
 
+def absolute(path: pathlib.Path | str) -> pathlib.Path:
+    """@return the path from the root. @throw LabError if the working folder is needed for it, and is gone"""
+    try:
+        return pathlib.Path(path).absolute()
+    except FileNotFoundError:
+        raise LabError(f"{path}: the working folder was deleted; change into another one") from None
+
+
 @dataclasses.dataclass(frozen=True)
 class Folder:
     """The folder and the paths in it."""
@@ -33,11 +41,13 @@ class Folder:
 
     @classmethod
     def at(cls, path: pathlib.Path | str | None) -> "Folder":
-        """@param path None for $BILLING_LAB_DIR, and without that the default. @throw LabError if it is empty"""
+        """@param path None for $BILLING_LAB_DIR, and without that the default
+        @throw LabError if it is empty, or in a working folder that is gone
+        """
         if path == "":
             raise LabError(EMPTY_NAME)
         chosen = path or os.environ.get("BILLING_LAB_DIR") or default_path()
-        return cls(pathlib.Path(chosen).absolute())
+        return cls(absolute(chosen))
 
     def command(self, words: str) -> str:
         """@return a command line on this folder, for a hint; it names the folder unless that one is taken anyway"""

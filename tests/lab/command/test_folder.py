@@ -89,3 +89,14 @@ def test_a_run_in_the_folder_of_a_lab_that_is_up_says_how_to_end_it(lab, cli):
             f"`billing-lab --dir {folder} down`, or name another folder; `run` without --dir makes its own\n",
         )
     assert lab.call("check_server_availability")[0] == 0
+
+
+@pytest.mark.parametrize("name, command", [(None, ["seed", "x.json"]), ("lab", ["status"])], ids=["file", "folder"])
+def test_in_a_working_folder_that_was_deleted_it_is_said(lab, cli, tmp_path, name, command):
+    (tmp_path / "gone").mkdir()
+    delete = ["sh", "-c", 'cd "$0" && rmdir "$0" && exec "$@"', tmp_path / "gone"]
+    answer = cli(*command, folder=name or lab.folder.path, before=delete)
+    assert (answer.returncode, answer.stderr) == (
+        1,
+        f"billing-lab: {command[-1] if name is None else name}: the working folder was deleted; change into another one\n",
+    )
