@@ -368,8 +368,6 @@ def main(arguments: list[str]) -> int:
         for line in str(error).split("\n"):
             print(f"billing-lab: {line}", file=sys.stderr)
         return 1
-    except KeyboardInterrupt:
-        return 130
     except BrokenPipeError:
         # The reader has closed the pipe. Python flushes standard output once more at its exit, which must not fail.
         os.dup2(os.open(os.devnull, os.O_WRONLY), sys.stdout.fileno())

@@ -134,6 +134,13 @@ def test_a_lab_that_stays_ends_at_ctrl_c(needs_view, cli, tmp_path):
     assert not Folder(tmp_path / "lab").is_up()
 
 
+def test_a_command_that_is_interrupted_early_prints_no_traceback(cli, tmp_path):
+    """The module takes the place of one that the command imports, and stands for the moment of the Ctrl-C."""
+    (tmp_path / "sqlite3.py").write_text("import os, signal, time\nos.kill(os.getpid(), signal.SIGINT)\ntime.sleep(20)\n")
+    answer = cli("up", PYTHONPATH=str(tmp_path))
+    assert (answer.returncode, answer.stdout, answer.stderr) == (130, "", "")
+
+
 def test_a_lab_that_stays_says_so_when_it_is_ended(needs_view, cli, tmp_path):
     command = [LAB / "billing-lab", "--dir", tmp_path / "lab", "up", "--stay", "--json"]
     with subprocess.Popen(command, env=cli.environment, stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True) as lab:
