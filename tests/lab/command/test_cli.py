@@ -135,8 +135,13 @@ def test_a_lab_that_stays_ends_at_ctrl_c(needs_view, cli, tmp_path):
 
 
 def test_a_command_that_is_interrupted_early_prints_no_traceback(cli, tmp_path):
-    """The module takes the place of one that the command imports, and stands for the moment of the Ctrl-C."""
-    (tmp_path / "sqlite3.py").write_text("import os, signal, time\nos.kill(os.getpid(), signal.SIGINT)\ntime.sleep(20)\n")
+    """The module takes the place of one that the command imports, and stands for the moment of the Ctrl-C. A shell in the
+    background ignores SIGINT, so the module asks for it.
+    """
+    (tmp_path / "sqlite3.py").write_text(
+        "import signal, time\nsignal.signal(signal.SIGINT, signal.default_int_handler)\nsignal.raise_signal(signal.SIGINT)\n"
+        "time.sleep(20)\n"
+    )
     answer = cli("up", PYTHONPATH=str(tmp_path))
     assert (answer.returncode, answer.stdout, answer.stderr) == (130, "", "")
 

@@ -216,7 +216,7 @@ def test_the_lines_of_a_journal_are_read(tmp_path, count):
 @pytest.mark.parametrize(
     "text, said",
     [
-        ('{\n"catalogue": {},\n"export": 1,\n}', "Expecting property name enclosed in double quotes: line 4 column 1"),
+        ('{\n"catalogue": {},\n"export": 1\n"x": 2}', "Expecting ',' delimiter: line 4 column 1"),
         ('{"export": 1} {}', "Extra data: line 1 column 15"),
         (json.dumps(REQUEST) + "\n{", "Expecting property name"),
         ("[]", "no entry of a journal"),
