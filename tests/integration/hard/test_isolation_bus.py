@@ -219,7 +219,7 @@ def test_what_is_too_much_becomes_an_error_in_its_place(service, bystander, deaf
     assert all(
         "the request was made" in message.get_body().unpack()[0] for message in seen if result_of(message) == LIMITS_EXCEEDED
     )
-    figure(f"60 answers of 1 MiB unread: {60 - refused} arrived later, {refused} as errors; {memory_at_most(service, 96)}")
+    figure(f"60 answers of 1 MiB unread: {60 - refused} arrived later, {refused} as errors; {memory_at_most(service, 128)}")
 
 
 @pytest.mark.parametrize("at_once", [False, True])
