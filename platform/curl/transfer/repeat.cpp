@@ -57,16 +57,18 @@ bool connectionIsSuspect(const Attempt& attempt)
            (use.connection != nullptr && use.connection->given);
 }
 
-/// @return whether the server's kernel refused the connection, or reset it before a byte of the request was sent
-bool wasRefused(const Attempt& attempt, CURLcode result)
+/// @return whether the server's kernel refused the connection, or reset it before a byte of the request was sent over it
+bool wasRefused(const Transfer& transfer, const Attempt& attempt, CURLcode result)
 {
+    // Sendings before a handshake went over a kept connection, which was lost, and libcurl opened this one for the request.
+    const bool nothingSent = attempt.sendings == 0 || transfer.mayBeSentAgain();
     long error = 0;
     curl_easy_getinfo(attempt.curl.get(), CURLINFO_OS_ERRNO, &error);
     switch (result) {
         case CURLE_COULDNT_CONNECT:
             return error == ECONNREFUSED || error == ECONNRESET;
         case CURLE_SSL_CONNECT_ERROR:
-            return attempt.sendings == 0 && error == ECONNRESET;
+            return nothingSent && error == ECONNRESET;
         case CURLE_SEND_ERROR:  // between the handshake and the request
         case CURLE_RECV_ERROR:
         case CURLE_HTTP2:
@@ -99,8 +101,9 @@ Again whyAgain(const Transfer& transfer)
         attempt.offeredSession) {
         return Again::Session;
     }
-    return repeats.refused < kRefusedPauses.size() && wasRefused(attempt, result) ? Again::Refused
-                                                                                  : Again::No;
+    return repeats.refused < kRefusedPauses.size() && wasRefused(transfer, attempt, result)
+               ? Again::Refused
+               : Again::No;
 }
 
 milliseconds countRepeat(Transfer& transfer, Again reason)

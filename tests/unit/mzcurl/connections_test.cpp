@@ -209,10 +209,10 @@ TEST_F(AnIdleConnection, IsWatchedBesideAnUnknownOne)
 }
 
 /// Resets a connection, as a server does that restarts.
-void reset(Connection& connection)
+void reset(SSL* ssl)
 {
     const sockaddr nobody{AF_UNSPEC, {}};
-    connect(SSL_get_fd(connection.ssl()), &nobody, sizeof nobody);
+    connect(SSL_get_fd(ssl), &nobody, sizeof nobody);
 }
 
 TEST_F(ANewConnection, ThatIsResetBeforeItsFirstRequestIsMadeAgain)
@@ -221,7 +221,7 @@ TEST_F(ANewConnection, ThatIsResetBeforeItsFirstRequestIsMadeAgain)
     TestServer server(
         [&connections](Connection& connection) {
             if (++connections % 2 == 1) {
-                reset(connection);
+                reset(connection.ssl());
             } else {
                 answerAll(connection);
             }
@@ -236,6 +236,38 @@ TEST_F(ANewConnection, ThatIsResetBeforeItsFirstRequestIsMadeAgain)
     EXPECT_TRUE(worker.run(purchase).success) << worker.outcome(purchase).error;
     EXPECT_EQ(server.connections(), 4);
     EXPECT_EQ(server.requests().size(), 2U) << "no request came with a connection that was reset";
+}
+
+/// Resets a connection in its handshake when the number has come down to 0.
+int resetInHandshake(SSL* ssl, int*, void* handshakesUntil)
+{
+    if ((*static_cast<int*>(handshakesUntil))-- != 0) {
+        return SSL_CLIENT_HELLO_SUCCESS;
+    }
+    reset(ssl);
+    return SSL_CLIENT_HELLO_ERROR;
+}
+
+TEST_F(ANewConnection, ThatIsResetInTheHandshakeAfterAKeptOneWasLostIsMadeAgainForAGet)
+{
+    int handshakesUntil = 1;
+    test::ServerOptions options{&identity};
+    options.adjust = [&handshakesUntil](SSL_CTX* context) {
+        SSL_CTX_set_client_hello_cb(context, resetInHandshake, &handshakesUntil);
+    };
+    std::atomic<int> requests{0};
+    TestServer server(
+        [&requests](Connection& connection) {
+            Request request;
+            while (connection.read(request) && ++requests != 2) {
+                connection.answer("ok");
+            }
+        },
+        options);
+    get(server);
+    get(server);
+    EXPECT_EQ(requests, 3) << "the second one was lost with its connection";
+    EXPECT_EQ(server.connections(), 3);
 }
 
 /// Chooses HTTP/2 once.
@@ -259,7 +291,7 @@ TEST_F(ANewConnection, ThatIsResetBeforeItsFirstRequestInHttp2IsMadeAgainForAGet
     TestServer server(
         [&connections](Connection& connection) {
             if (++connections == 1) {
-                reset(connection);
+                reset(connection.ssl());
             } else {
                 answerAll(connection);
             }
