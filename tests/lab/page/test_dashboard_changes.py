@@ -23,7 +23,8 @@ def test_what_others_change_is_shown_and_ended_with_one_button(page, lab):
         "fault hang at confirm",
         "connections: a connection is closed after this time without a request, not after five seconds",
     ]
-    assert "hang at confirm" in page.text("#faults ul") and name in page.text("#invoices ul")
+    assert "hang at confirm" in page.text("#faults ul")
+    page.wait(lambda: name in page.text("#invoices ul"))
     assert page.field("device", "Country").get_property("value") == "DE"
     page.picture("unusual")
     page.click("banner", "End all of it")
