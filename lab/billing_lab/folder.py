@@ -126,7 +126,7 @@ class Folder:
             )
         try:
             self.path.mkdir(mode=0o700, parents=True, exist_ok=True)
-            # Before the check of the owner: nobody is to change the mode of a folder that is no lab.
+            # Before the check of the owner, which advises chmod: that advice is for labs only.
             if not self.is_made() and {file.name for file in self.path.iterdir()} - _MADE:
                 raise LabError(f"{self.path} has other things in it; name an empty folder, or a new one, with --dir")
             self.check_owner()

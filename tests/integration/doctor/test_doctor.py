@@ -64,7 +64,7 @@ def test_nothing_fails_on_a_device_that_works(service, doctor):
         "ping": r"the service lives: it answered in \d+\.\d ms",
         "restart": "the service has started after its certificate was put there",
         "bus": "the system bus is reachable",
-        # Only root may see the program that owns the name, and no process in this view has root's rights, whoever its user is.
+        # Only a process with root's rights may see the program that owns the name. No process in this view has them.
         "name": r"org\.plevo\.billingservice is owned by a program that cannot be seen from here "
         rf"\(process {service.pid}, user \S+\)",
         "call": r"check_server_availability came back with resp_result 0 in \d+\.\d ms",

@@ -211,8 +211,8 @@ TEST_F(AnIdleConnection, IsWatchedBesideAnUnknownOne)
 /// Resets a connection, as a server does that restarts.
 void reset(SSL* ssl)
 {
-    const sockaddr nobody{AF_UNSPEC, {}};
-    connect(SSL_get_fd(ssl), &nobody, sizeof nobody);
+    const sockaddr noPeer{AF_UNSPEC, {}};
+    connect(SSL_get_fd(ssl), &noPeer, sizeof noPeer);
 }
 
 TEST_F(ANewConnection, ThatIsResetBeforeItsFirstRequestIsMadeAgain)
