@@ -14,7 +14,7 @@ const char* MZCurlMulti::Impl::sending(Transfer& transfer, const char* localAddr
 {
     m_admission.sending(transfer);
     const Request request{transfer.attempt->curl.get(), *transfer.place.hostKey,
-                          transfer.mayBeSentAgain()};
+                          transfer.mayBeSentAgain(), transfer.attempt->anonymous};
     const char* const refusal =
         m_connections.begin(transfer.attempt->use, request, localAddress, localPort, remotePort);
     if (refusal == nullptr) {

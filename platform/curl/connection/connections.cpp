@@ -211,9 +211,9 @@ const char* Connections::begin(ConnectionUse& use, const Request& request, const
     std::shared_ptr<Connection> connection =
         localAddress != nullptr ? find(localAddress, localPort, remotePort) : nullptr;
     if (connection == nullptr) {
-        use.refused = hasEnded();
+        use.ended = !request.anonymous && hasEnded();
         // No request of an unknown connection is ever found, so that it is not taken for an idle one.
-        return use.refused ? "The connection has ended" : nullptr;
+        return use.ended ? "The connection has ended" : nullptr;
     }
     if (connection->requests == 0 && !learn(*connection, request)) {
         return "There is no memory for a connection";

@@ -26,6 +26,7 @@ struct Request {
     CURL* curl;
     const std::string& hostKey;
     bool mayBeSentAgain;
+    bool anonymous;  // a server that ends its new connection refuses the missing certificate
 };
 
 /// Thread: the worker.
@@ -45,7 +46,7 @@ public:
     /// Records that a request is about to be sent over the connection with these ends.
     /// @param[out] use  the connection; none when it was not found
     /// @return null; or the reason, a literal, why it must not be sent: another request may be under way on the connection,
-    ///   and HTTP/1.1 could not tell their answers apart
+    ///   and HTTP/1.1 could not tell their answers apart; or the new connection has ended
     const char* begin(ConnectionUse& use, const Request& request, const char* localAddress,
                       int localPort, int remotePort);
 

@@ -83,6 +83,7 @@ struct Attempt {
     const char* refusal = nullptr;                 // why a callback ended it; a literal
 
     bool onlyHttp11 = false;      // writers: rules and the TLS bridge
+    bool anonymous = false;       // no client certificate was installed; writer: TLS bridge
     bool offeredSession = false;  // the handshake began with an earlier session; writer: TLS bridge
 };
 

@@ -35,8 +35,8 @@ struct Connection {
 struct ConnectionUse {
     std::shared_ptr<Connection> connection;  // while its request is under way
     bool kept = false;                       // another request went over the connection before
-    bool refused =
-        false;  // libcurl chose a connection that is in use or has ended: nothing was sent over it
+    bool refused = false;  // libcurl chose a connection that is in use: nothing was sent over it
+    bool ended = false;    // the new connection had ended: nothing was sent over it
 
     bool isShared() const { return connection != nullptr && connection->shared; }
 };

@@ -60,6 +60,9 @@ bool connectionIsSuspect(const Attempt& attempt)
 /// @return whether the server's kernel refused the connection, or reset it before a byte of the request was sent over it
 bool wasRefused(const Transfer& transfer, const Attempt& attempt, CURLcode result)
 {
+    if (attempt.use.ended) {
+        return true;
+    }
     // Sendings before a handshake went over a kept connection, which was lost, and libcurl opened this one for the request.
     const bool nothingSent = attempt.sendings == 0 || transfer.mayBeSentAgain();
     long error = 0;

@@ -7,7 +7,7 @@
 // | Session | the handshake failed after a TLS session was offered; no byte  | all            | once, over a new connection, |
 // |         | of a request was sent                                          |                | without a session            |
 // | Refused | the server's port refused the connection, or reset it before   | all            | after ¼, ½, 1 and 2 s        |
-// |         | the end of the handshake: the server restarts                  |                |                              |
+// |         | the request: the server restarts                               |                |                              |
 // | Ticket  | the answer over HTTP/2 is large, others are under way, and    | GET            | once, over a new connection, |
 // |         | none of its body was handed on                                |                | HTTP/1.1, with its ticket    |
 //

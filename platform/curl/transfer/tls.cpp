@@ -74,6 +74,7 @@ void useOnce(Attempt& attempt, SSL_CTX* context)
     SSL_CTX_set_session_cache_mode(context, SSL_SESS_CACHE_OFF);
     SSL_CTX_set_options(context, SSL_OP_NO_TICKET);
     attempt.onlyHttp11 = true;
+    attempt.anonymous = true;
     curl_easy_setopt(attempt.curl.get(), CURLOPT_FORBID_REUSE, 1L);
 }
 

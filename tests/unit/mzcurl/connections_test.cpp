@@ -220,7 +220,7 @@ TEST_F(ANewConnection, ThatIsResetBeforeItsFirstRequestIsMadeAgain)
     std::atomic<int> connections{0};
     TestServer server(
         [&connections](Connection& connection) {
-            if (++connections % 2 == 1) {
+            if (++connections % 3 != 0) {
                 reset(connection.ssl());
             } else {
                 answerAll(connection);
@@ -230,12 +230,25 @@ TEST_F(ANewConnection, ThatIsResetBeforeItsFirstRequestIsMadeAgain)
     g_endsAreAskedSlowly = true;
     Transfer list(server.url() + "/list", caFile);
     EXPECT_TRUE(worker.run(list).success) << worker.outcome(list).error;
-    EXPECT_EQ(server.connections(), 2);
+    EXPECT_EQ(server.connections(), 3);
     Transfer purchase(server.url() + "/purchase", caFile);
     purchase.sending("once");
     EXPECT_TRUE(worker.run(purchase).success) << worker.outcome(purchase).error;
-    EXPECT_EQ(server.connections(), 4);
+    EXPECT_EQ(server.connections(), 6);
     EXPECT_EQ(server.requests().size(), 2U) << "no request came with a connection that was reset";
+}
+
+void installNothing(void*, void*) {}
+
+TEST_F(ANewConnection, ThatIsResetForWantOfACertificateIsNotMadeAgain)
+{
+    TestServer server([](Connection& connection) { reset(connection.ssl()); }, {&identity});
+    g_endsAreAskedSlowly = true;
+    Transfer list(server.url() + "/list", caFile);
+    EXPECT_TRUE(list.easy.setOption(MZCurl::MZCURL_OPT_SSL_CTX_FUNCTION, &installNothing));
+    EXPECT_FALSE(worker.run(list).success);
+    EXPECT_NE(worker.outcome(list).error, "The connection has ended");
+    EXPECT_EQ(server.connections(), 1);
 }
 
 /// Resets a connection in its handshake when the number has come down to 0.
