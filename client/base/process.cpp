@@ -59,7 +59,7 @@ double startOf(const std::string& record)
     return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) / 1e9 - age;
 }
 
-/// Reads users, groups and state from /proc/PID/status.
+/// Reads users and groups from /proc/PID/status.
 void readStatus(const std::string& folder, Process& process)
 {
     std::istringstream lines(contentOf(folder + "/status"));
@@ -68,11 +68,7 @@ void readStatus(const std::string& folder, Process& process)
         std::string name;
         words >> name;
         unsigned number = 0;
-        if (name == "State:") {
-            std::string state;
-            words >> state;
-            process.stopped = state == "T" || state == "t";
-        } else if (name == "Uid:" && words >> number >> number) {  // real, effective
+        if (name == "Uid:" && words >> number >> number) {  // real, effective
             process.uid = number;
         } else if (name == "Gid:" && words >> number >> number) {
             process.gid = number;
@@ -96,6 +92,13 @@ std::vector<const char*> pointersTo(const std::vector<std::string>& texts)
 }
 
 }  // namespace
+
+bool isStopped(unsigned pid)
+{
+    const std::string status = contentOf("/proc/" + std::to_string(pid) + "/status");
+    return status.find("\nState:\tT") != std::string::npos ||
+           status.find("\nState:\tt") != std::string::npos;
+}
 
 int openErrorOf(const std::string& path)
 {

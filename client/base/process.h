@@ -18,11 +18,13 @@ struct Process {
     std::string version;                   ///< empty: as for `program`
     std::vector<std::string> environment;  ///< "NAME=value"
     bool environmentKnown = false;
-    bool stopped = false;  ///< by a signal, or by a debugger
-    double started = 0;    ///< seconds since 1970 by the current clock; 0: not known
+    double started = 0;  ///< seconds since 1970 by the current clock; 0: not known
 };
 
 Process processOf(unsigned pid);
+
+/// @return whether a signal or a debugger has stopped the process
+bool isStopped(unsigned pid);
 
 /// @return number of TCP connections of the process; nullopt when this user may not read it
 std::optional<int> connectionsOf(unsigned pid);

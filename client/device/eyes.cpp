@@ -25,6 +25,9 @@ Json::Value answerTo(const Json::Value& question)
         }
         return lines;
     }
+    if (question.isMember("stopped")) {
+        return isStopped(question["stopped"].asUInt());
+    }
     if (question.isMember("pid")) {
         return packed(recordOf(question["pid"].asUInt()));
     }
@@ -136,6 +139,13 @@ Record Eyes::record(unsigned pid) const
     Json::Value question;
     question["pid"] = pid;
     return recordFrom(ask(question));
+}
+
+bool Eyes::isStopped(unsigned pid) const
+{
+    Json::Value question;
+    question["stopped"] = pid;
+    return ask(question).asBool();
 }
 
 std::vector<std::string> Eyes::journalTail(int lines) const

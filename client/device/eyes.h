@@ -22,6 +22,7 @@ public:
     Facts facts(const std::string& bus, double timeout) const;
     std::vector<std::string> journalTail(int lines) const;
     Record record(unsigned pid) const;
+    bool isStopped(unsigned pid) const;
 
 private:
     Json::Value ask(const Json::Value& question) const;

@@ -182,7 +182,6 @@ Json::Value packed(const Process& process)
     value["version"] = process.version;
     value["environment"] = list(process.environment);
     value["environmentKnown"] = process.environmentKnown;
-    value["stopped"] = process.stopped;
     value["started"] = static_cast<Json::Int64>(std::llround(process.started * 1000));
     return value;
 }
@@ -218,7 +217,6 @@ Process processFrom(const Json::Value& value)
     process.version = value["version"].asString();
     process.environment = textsOf(value["environment"]);
     process.environmentKnown = value["environmentKnown"].asBool();
-    process.stopped = value["stopped"].asBool();
     process.started = static_cast<double>(value["started"].asInt64()) / 1000;
     return process;
 }

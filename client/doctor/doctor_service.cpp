@@ -191,7 +191,7 @@ Finding checkPing(const Patient& patient, const Bus& bus)
         case Ping::Denied:
             return denied(check, ping.error);
         case Ping::Silent:
-            if (patient.facts.process && patient.facts.process->stopped) {
+            if (patient.facts.process && patient.eyes.isStopped(patient.facts.process->pid)) {
                 return failed(check, "stopped",
                               "the process of the service is stopped by a signal or a debugger",
                               "kill -CONT " + std::to_string(patient.facts.process->pid));
