@@ -18,11 +18,7 @@ constexpr const char* kNoMemory = "There is no memory";
 class Alone : public Performer {
 public:
     bool opened(Transfer& /*transfer*/, curl_socket_t /*descriptor*/) override { return true; }
-    const char* sending(Transfer& /*transfer*/, const char* /*localAddress*/, int /*localPort*/,
-                        int /*remotePort*/) override
-    {
-        return nullptr;
-    }
+    const char* sending(Transfer& /*transfer*/, const Ends& /*ends*/) override { return nullptr; }
     bool maySendAgain(Transfer& transfer) override { return mayBeSentOnceMore(transfer, true); }
     void moved() override {}
     Growth mayGrow(Transfer& /*transfer*/, std::size_t /*bytes*/) override

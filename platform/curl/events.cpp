@@ -9,14 +9,12 @@ bool MZCurlMulti::Impl::opened(Transfer& transfer, curl_socket_t descriptor)
     return m_connections.opened(descriptor);
 }
 
-const char* MZCurlMulti::Impl::sending(Transfer& transfer, const char* localAddress, int localPort,
-                                       int remotePort)
+const char* MZCurlMulti::Impl::sending(Transfer& transfer, const Ends& ends)
 {
     m_admission.sending(transfer);
     const Request request{transfer.attempt->curl.get(), *transfer.place.hostKey,
                           transfer.mayBeSentAgain(), transfer.attempt->anonymous};
-    const char* const refusal =
-        m_connections.begin(transfer.attempt->use, request, localAddress, localPort, remotePort);
+    const char* const refusal = m_connections.begin(transfer.attempt->use, request, ends);
     if (refusal == nullptr) {
         Gate::open(transfer);
     }

@@ -59,8 +59,7 @@ private:
 
     // What libcurl's callbacks ask and tell (events.cpp).
     bool opened(Transfer& transfer, curl_socket_t descriptor) override;
-    const char* sending(Transfer& transfer, const char* localAddress, int localPort,
-                        int remotePort) override;
+    const char* sending(Transfer& transfer, const Ends& ends) override;
     bool maySendAgain(Transfer& transfer) override;
     void moved() override { m_http2Moved = true; }
     Growth mayGrow(Transfer& transfer, std::size_t bytes) override;

@@ -38,9 +38,9 @@ int listenOn(Address& address)
     return listener;
 }
 
-int listenOnAnyPort(bool overIpv6, int& port)
+int listenOnAnyPort(const ServerOptions& options, int& port)
 {
-    if (overIpv6) {
+    if (options.overIpv6) {
         sockaddr_in6 address{};
         address.sin6_family = AF_INET6;
         address.sin6_addr = in6addr_loopback;
@@ -50,7 +50,7 @@ int listenOnAnyPort(bool overIpv6, int& port)
     }
     sockaddr_in address{};
     address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    address.sin_addr.s_addr = htonl(options.everywhere ? INADDR_ANY : INADDR_LOOPBACK);
     const int listener = listenOn(address);
     port = ntohs(address.sin_port);
     return listener;
@@ -161,7 +161,7 @@ TestServer::TestServer(Handler handler, const ServerOptions& options)
       m_overIpv6(options.overIpv6)
 {
     std::signal(SIGPIPE, SIG_IGN);
-    m_listener = listenOnAnyPort(m_overIpv6, m_port);
+    m_listener = listenOnAnyPort(options, m_port);
     if (options.identity != nullptr) {
         setUpTls(options);
     }

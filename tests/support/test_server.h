@@ -75,6 +75,7 @@ struct ServerOptions {
     std::function<void(SSL_CTX*)> adjust = {};  ///< changes the TLS context further
     bool tickets = true;                        ///< false: no session can be resumed
     bool overIpv6 = false;                      ///< listens on ::1
+    bool everywhere = false;                    ///< listens on 127.0.0.1, 127.0.0.2 and all others
 };
 
 class TestServer {

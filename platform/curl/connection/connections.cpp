@@ -63,9 +63,9 @@ BootTime standbyTime()
     return read(CLOCK_BOOTTIME) - read(CLOCK_MONOTONIC);
 }
 
-/// @param text set to the address; may be null
+/// @param text set to the address
 /// @return port of an Internet address; 0 for any other
-int portOf(const sockaddr_storage& address, std::string* text)
+int portOf(const sockaddr_storage& address, std::string& text)
 {
     char buffer[INET6_ADDRSTRLEN] = "";
     int port = 0;
@@ -78,9 +78,7 @@ int portOf(const sockaddr_storage& address, std::string* text)
         inet_ntop(AF_INET6, &v6.sin6_addr, buffer, sizeof buffer);
         port = ntohs(v6.sin6_port);
     }
-    if (text != nullptr) {
-        *text = buffer;
-    }
+    text = buffer;
     return port;
 }
 
@@ -94,8 +92,8 @@ void askEnds(Connection& connection)
     if (getsockname(connection.descriptor, reinterpret_cast<sockaddr*>(&local), &localSize) == 0 &&
         getpeername(connection.descriptor, reinterpret_cast<sockaddr*>(&remote), &remoteSize) ==
             0) {
-        connection.localPort = portOf(local, &connection.localAddress);
-        connection.remotePort = portOf(remote, nullptr);
+        connection.localPort = portOf(local, connection.localAddress);
+        connection.remotePort = portOf(remote, connection.remoteAddress);
     }
 }
 
@@ -158,15 +156,15 @@ void Connections::follow(CURL* curl)
     curl_easy_setopt(curl, CURLOPT_CLOSESOCKETDATA, this);
 }
 
-std::shared_ptr<Connection> Connections::find(const char* localAddress, int localPort,
-                                              int remotePort)
+std::shared_ptr<Connection> Connections::find(const Ends& ends)
 {
     for (const auto& connection : m_open) {
         if (connection->localPort == 0) {
             askEnds(*connection);
         }
-        if (connection->localPort == localPort && connection->remotePort == remotePort &&
-            connection->localAddress == localAddress) {
+        if (connection->localPort == ends.localPort && connection->remotePort == ends.remotePort &&
+            connection->localAddress == ends.localAddress &&
+            connection->remoteAddress == ends.remoteAddress) {
             return connection;
         }
     }
@@ -204,12 +202,10 @@ bool Connections::learn(Connection& connection, const Request& request)
     return true;
 }
 
-const char* Connections::begin(ConnectionUse& use, const Request& request, const char* localAddress,
-                               int localPort, int remotePort)
+const char* Connections::begin(ConnectionUse& use, const Request& request, const Ends& ends)
 {
     end(use);
-    std::shared_ptr<Connection> connection =
-        localAddress != nullptr ? find(localAddress, localPort, remotePort) : nullptr;
+    std::shared_ptr<Connection> connection = find(ends);
     if (connection == nullptr) {
         use.ended = !request.anonymous && hasEnded();
         // No request of an unknown connection is ever found, so that it is not taken for an idle one.

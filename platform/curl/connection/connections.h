@@ -47,8 +47,7 @@ public:
     /// @param[out] use  the connection; none when it was not found
     /// @return null; or the reason, a literal, why it must not be sent: another request may be under way on the connection,
     ///   and HTTP/1.1 could not tell their answers apart; or the new connection has ended
-    const char* begin(ConnectionUse& use, const Request& request, const char* localAddress,
-                      int localPort, int remotePort);
+    const char* begin(ConnectionUse& use, const Request& request, const Ends& ends);
 
     /// Records that the request has ended, with any result.
     static void end(ConnectionUse& use);
@@ -71,7 +70,7 @@ public:
 
 private:
     static int closed(void* connections, curl_socket_t descriptor);
-    std::shared_ptr<Connection> find(const char* localAddress, int localPort, int remotePort);
+    std::shared_ptr<Connection> find(const Ends& ends);
     /// @return whether the connection of a request, that was not found, has ended: its socket is one of those that carried
     ///   no request yet, and none of these is connected
     bool hasEnded() const;

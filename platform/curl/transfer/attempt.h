@@ -33,8 +33,7 @@ public:
 
     /// The request is about to be sent over the connection with these ends.
     /// @return null; or the reason, a literal, why it must not be sent
-    virtual const char* sending(Transfer& transfer, const char* localAddress, int localPort,
-                                int remotePort) = 0;
+    virtual const char* sending(Transfer& transfer, const Ends& ends) = 0;
 
     /// libcurl is about to send the request a second time in one attempt, because a kept connection was lost.
     /// @return whether it may

@@ -133,12 +133,12 @@ int onSocket(void* pointer, curl_socket_t descriptor, curlsocktype /*purpose*/)
                                                                   : CURL_SOCKOPT_ERROR;
 }
 
-int onRequest(void* pointer, char* /*remoteAddress*/, char* localAddress, int remotePort,
-              int localPort)
+int onRequest(void* pointer, char* remoteAddress, char* localAddress, int remotePort, int localPort)
 {
     Attempt& attempt = *static_cast<Attempt*>(pointer);
-    const char* refusal =
-        attempt.performer.sending(attempt.transfer, localAddress, localPort, remotePort);
+    const auto known = [](const char* address) { return address != nullptr ? address : ""; };
+    const Ends ends{known(localAddress), known(remoteAddress), localPort, remotePort};
+    const char* refusal = attempt.performer.sending(attempt.transfer, ends);
     if (refusal == nullptr && ++attempt.sendings > 1 &&
         !attempt.performer.maySendAgain(attempt.transfer)) {
         refusal = "The connection was lost, and the request is not sent a second time";

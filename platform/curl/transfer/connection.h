@@ -7,6 +7,7 @@
 #include <cstddef>
 #include <memory>
 #include <string>
+#include <string_view>
 
 namespace MZCurl {
 
@@ -17,6 +18,7 @@ using BootTime = std::chrono::milliseconds;
 struct Connection {
     curl_socket_t descriptor = CURL_SOCKET_BAD;
     std::string localAddress;  // as libcurl reports it; empty until the socket is connected
+    std::string remoteAddress;
     int localPort = 0;
     int remotePort = 0;
     void* tls = nullptr;       // OpenSSL's SSL, owned by libcurl; set at the first request
@@ -29,6 +31,14 @@ struct Connection {
     bool paused = false;       // no one reads from it: silence proves nothing
     bool doubtful = false;     // opened before a change of the network or a standby
     bool given = false;        // closed at the socket by the wrapper
+};
+
+/// The ends of a connection, as libcurl tells them.
+struct Ends {
+    std::string_view localAddress;  // empty when it is not known
+    std::string_view remoteAddress;
+    int localPort;
+    int remotePort;
 };
 
 /// The connection of one attempt. Writer: Connections.

@@ -22,6 +22,7 @@ namespace {
 std::atomic<long> g_standby{0};  ///< seconds that the device has slept
 std::atomic<bool> g_endsAreUnknown{false};
 std::atomic<bool> g_endsAreAskedSlowly{false};
+std::atomic<bool> g_portIsTheSame{false};
 
 template <class Function>
 Function original(const char* name)
@@ -50,7 +51,11 @@ extern "C" int getsockname(int descriptor, sockaddr* address, socklen_t* length)
     if (g_endsAreAskedSlowly) {
         std::this_thread::sleep_for(std::chrono::milliseconds(30));
     }
-    return g_endsAreUnknown ? -1 : real(descriptor, address, length);
+    const int status = g_endsAreUnknown ? -1 : real(descriptor, address, length);
+    if (g_portIsTheSame && address->sa_family == AF_INET) {
+        reinterpret_cast<sockaddr_in*>(address)->sin_port = 1;
+    }
+    return status;
 }
 
 namespace {
@@ -80,6 +85,7 @@ protected:
     {
         g_endsAreUnknown = false;
         g_endsAreAskedSlowly = false;
+        g_portIsTheSame = false;
     }
 
     void get(const TestServer& server, const std::string& path = "/")
@@ -91,7 +97,7 @@ protected:
     test::TemporaryFolder folder;
     const std::string caFile = folder.path("ca.pem");
     const test::CertificateAuthority authority;
-    const test::Identity identity = authority.issue("IP:127.0.0.1,IP:::1");
+    const test::Identity identity = authority.issue("IP:127.0.0.1,IP:127.0.0.2,IP:::1");
     Worker worker;
 };
 
@@ -236,6 +242,26 @@ TEST_F(ANewConnection, ThatIsResetBeforeItsFirstRequestIsMadeAgain)
     EXPECT_TRUE(worker.run(purchase).success) << worker.outcome(purchase).error;
     EXPECT_EQ(server.connections(), 6);
     EXPECT_EQ(server.requests().size(), 2U) << "no request came with a connection that was reset";
+}
+
+/// The kernel uses a local port again for another remote address.
+TEST_F(ANewConnection, ToAnotherAddressFromTheSamePortIsNotTakenForAKeptOne)
+{
+    test::ServerOptions options{&identity};
+    options.everywhere = true;
+    TestServer server(
+        [](Connection& connection) {
+            Request request;
+            while (connection.read(request) && !request.has("GET /last")) {
+                connection.answer("ok");
+            }
+        },
+        options);
+    g_portIsTheSame = true;
+    get(server);
+    Transfer last("https://127.0.0.2:" + std::to_string(server.port()) + "/last", caFile);
+    EXPECT_FALSE(worker.run(last).success);
+    EXPECT_EQ(server.connections(), 2) << "the end of a connection's first request is no loss";
 }
 
 void installNothing(void*, void*) {}
