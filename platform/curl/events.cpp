@@ -6,14 +6,15 @@ namespace MZCurl {
 bool MZCurlMulti::Impl::opened(Transfer& transfer, curl_socket_t descriptor)
 {
     m_admission.resolved(transfer);
-    return m_connections.opened(descriptor);
+    return m_connections.opened(descriptor, transfer.progress.number);
 }
 
 const char* MZCurlMulti::Impl::sending(Transfer& transfer, const Ends& ends)
 {
     m_admission.sending(transfer);
-    const Request request{transfer.attempt->curl.get(), *transfer.place.hostKey,
-                          transfer.mayBeSentAgain(), transfer.attempt->anonymous};
+    const Request request{transfer.attempt->curl.get(), transfer.progress.number,
+                          *transfer.place.hostKey, transfer.mayBeSentAgain(),
+                          transfer.attempt->anonymous};
     const char* const refusal = m_connections.begin(transfer.attempt->use, request, ends);
     if (refusal == nullptr) {
         Gate::open(transfer);

@@ -128,11 +128,12 @@ void giveUp(Connection& connection)
 
 Connections::Connections() : m_standby(standbyTime()) {}
 
-bool Connections::opened(curl_socket_t descriptor)
+bool Connections::opened(curl_socket_t descriptor, unsigned int opener)
 {
     try {
         auto made = std::make_shared<Connection>();
         made->descriptor = descriptor;
+        made->opener = opener;
         m_open.push_back(std::move(made));
         // Reserved here, so that retireIdle needs no memory.
         m_polled.reserve(m_open.size());
@@ -171,9 +172,16 @@ std::shared_ptr<Connection> Connections::find(const Ends& ends)
     return nullptr;
 }
 
-bool Connections::hasEnded() const
+bool Connections::hasEnded(unsigned int transfer) const
 {
     const auto isNew = [](const auto& connection) { return connection->requests == 0; };
+    const auto isOwn = [&](const auto& connection) {
+        return isNew(connection) && connection->opener == transfer;
+    };
+    const bool hasOwn = std::any_of(m_open.begin(), m_open.end(), isOwn);
+    const auto isCandidate = [&](const auto& connection) {
+        return hasOwn ? isOwn(connection) : isNew(connection);
+    };
     const auto hasNoEnds = [](const auto& connection) {
         sockaddr_storage remote{};
         socklen_t size = sizeof remote;
@@ -181,9 +189,9 @@ bool Connections::hasEnded() const
                    0 &&
                errno == ENOTCONN;
     };
-    return std::any_of(m_open.begin(), m_open.end(), isNew) &&
+    return std::any_of(m_open.begin(), m_open.end(), isCandidate) &&
            std::all_of(m_open.begin(), m_open.end(), [&](const auto& connection) {
-               return !isNew(connection) || hasNoEnds(connection);
+               return !isCandidate(connection) || hasNoEnds(connection);
            });
 }
 
@@ -207,7 +215,7 @@ const char* Connections::begin(ConnectionUse& use, const Request& request, const
     end(use);
     std::shared_ptr<Connection> connection = find(ends);
     if (connection == nullptr) {
-        use.ended = !request.anonymous && hasEnded();
+        use.ended = !request.anonymous && hasEnded(request.transfer);
         // No request of an unknown connection is ever found, so that it is not taken for an idle one.
         return use.ended ? "The connection has ended" : nullptr;
     }

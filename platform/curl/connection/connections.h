@@ -24,6 +24,7 @@ namespace MZCurl {
 /// What a connection has to know of a request.
 struct Request {
     CURL* curl;
+    unsigned int transfer;  // its number
     const std::string& hostKey;
     bool mayBeSentAgain;
     bool anonymous;  // a server that ends its new connection refuses the missing certificate
@@ -39,9 +40,10 @@ public:
     /// Makes libcurl tell this object what it closes. This object must outlive the multi handle.
     void follow(CURL* curl);
 
-    /// Records that libcurl has opened a socket.
+    /// Records that libcurl has opened a socket for a transfer.
+    /// @param opener number of the transfer
     /// @return false without memory
-    bool opened(curl_socket_t descriptor);
+    bool opened(curl_socket_t descriptor, unsigned int opener);
 
     /// Records that a request is about to be sent over the connection with these ends.
     /// @param[out] use  the connection; none when it was not found
@@ -71,9 +73,10 @@ public:
 private:
     static int closed(void* connections, curl_socket_t descriptor);
     std::shared_ptr<Connection> find(const Ends& ends);
-    /// @return whether the connection of a request, that was not found, has ended: its socket is one of those that carried
-    ///   no request yet, and none of these is connected
-    bool hasEnded() const;
+    /// @param transfer number of a transfer whose connection was not found
+    /// @return whether the connection has ended: its socket is one of those that carried no request yet, and none of these is
+    ///   connected. Those that were opened for another transfer count only where none was opened for this one (HTTP/2).
+    bool hasEnded(unsigned int transfer) const;
     bool learn(Connection& connection, const Request& request);
     void lookAround();
 

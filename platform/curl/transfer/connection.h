@@ -17,6 +17,7 @@ using BootTime = std::chrono::milliseconds;
 /// One TCP connection. libcurl owns its descriptor. Writer: Connections.
 struct Connection {
     curl_socket_t descriptor = CURL_SOCKET_BAD;
+    unsigned int opener = 0;   // number of the transfer that it was opened for
     std::string localAddress;  // as libcurl reports it; empty until the socket is connected
     std::string remoteAddress;
     int localPort = 0;

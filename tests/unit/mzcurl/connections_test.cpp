@@ -244,6 +244,47 @@ TEST_F(ANewConnection, ThatIsResetBeforeItsFirstRequestIsMadeAgain)
     EXPECT_EQ(server.requests().size(), 2U) << "no request came with a connection that was reset";
 }
 
+std::string addressedAs(const std::string& address, const TestServer& server)
+{
+    return "https://" + address + ":" + std::to_string(server.port());
+}
+
+/// Delays the second handshake.
+int delaySecond(SSL*, int*, void* handshakes)
+{
+    if (++*static_cast<std::atomic<int>*>(handshakes) == 2) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    }
+    return SSL_CLIENT_HELLO_SUCCESS;
+}
+
+TEST_F(ANewConnection, ThatIsResetIsMadeAgainBesideOneInItsHandshake)
+{
+    std::atomic<int> handshakes{0};
+    std::atomic<int> connections{0};
+    test::ServerOptions options{&identity};
+    options.everywhere = true;
+    options.adjust = [&handshakes](SSL_CTX* context) {
+        SSL_CTX_set_client_hello_cb(context, delaySecond, &handshakes);
+    };
+    TestServer server(
+        [&connections](Connection& connection) {
+            if (++connections == 1) {
+                reset(connection.ssl());
+            } else {
+                answerAll(connection);
+            }
+        },
+        options);
+    g_endsAreAskedSlowly = true;
+    Transfer one(server.url(), caFile);
+    Transfer another(addressedAs("127.0.0.2", server), caFile);
+    worker.run({&one, &another});
+    EXPECT_TRUE(worker.outcome(one).success) << worker.outcome(one).error;
+    EXPECT_TRUE(worker.outcome(another).success) << worker.outcome(another).error;
+    EXPECT_EQ(server.connections(), 3);
+}
+
 /// The kernel uses a local port again for another remote address.
 TEST_F(ANewConnection, ToAnotherAddressFromTheSamePortIsNotTakenForAKeptOne)
 {
@@ -259,7 +300,7 @@ TEST_F(ANewConnection, ToAnotherAddressFromTheSamePortIsNotTakenForAKeptOne)
         options);
     g_portIsTheSame = true;
     get(server);
-    Transfer last("https://127.0.0.2:" + std::to_string(server.port()) + "/last", caFile);
+    Transfer last(addressedAs("127.0.0.2", server) + "/last", caFile);
     EXPECT_FALSE(worker.run(last).success);
     EXPECT_EQ(server.connections(), 2) << "the end of a connection's first request is no loss";
 }
