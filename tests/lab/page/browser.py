@@ -11,15 +11,16 @@ import pytest
 CHROMIUM, DRIVER = shutil.which("chromium"), shutil.which("chromedriver")
 try:
     from selenium import webdriver
+    from selenium.common.exceptions import StaleElementReferenceException
     from selenium.webdriver.common.action_chains import ActionChains
     from selenium.webdriver.chrome.service import Service
     from selenium.webdriver.common.by import By
     from selenium.webdriver.common.keys import Keys
     from selenium.webdriver.support.ui import Select
 except ImportError:
-    webdriver = ActionChains = By = Keys = Select = None
+    webdriver = ActionChains = By = Keys = Select = StaleElementReferenceException = None
 
-__all__ = ["ActionChains", "By", "Keys", "Select", "NARROW", "WIDE", "in_a_browser", "Page", "browser_of_the_run", "page"]
+__all__ = ["ActionChains", "Keys", "Select", "NARROW", "WIDE", "in_a_browser", "Page", "browser_of_the_run", "page"]
 
 in_a_browser = pytest.mark.skipif(
     not (CHROMIUM and DRIVER and webdriver), reason="no browser (apt install chromium chromium-driver python3-selenium)"
@@ -65,7 +66,7 @@ class Page:
     def wait(self, condition, seconds=20):
         end = time.monotonic() + seconds
         while not condition():
-            assert time.monotonic() < end, [said.text for said in self.all(".said, .problem, .link")]
+            assert time.monotonic() < end, self.texts(".said, .problem, .link")
             time.sleep(0.05)
 
     def all(self, selector):
@@ -77,14 +78,32 @@ class Page:
     def text(self, selector):
         return self.driver.execute_script("return document.querySelector(arguments[0])?.textContent ?? null", selector)
 
+    def texts(self, selector):
+        """Texts as they are shown, all of one moment: the page may draw its lists again at any time."""
+        return self.driver.execute_script(
+            "return [...document.querySelectorAll(arguments[0])].map(item => item.innerText)", selector
+        )
+
+    def press(self, selector, which=0):
+        """Clicks an element.
+
+        @param which index or text of the element among those of the selector
+        """
+        while True:
+            try:
+                at = which if isinstance(which, int) else self.texts(selector).index(which)
+                item = self.all(selector)[at]
+                self.driver.execute_script("arguments[0].scrollIntoView({block: 'center'})", item)
+                return item.click()
+            except StaleElementReferenceException:  # drawn again in between: not clicked
+                pass
+
     def field(self, section, label):
-        name = next(item for item in self.all(f"#{section} label") if item.text == label)
-        return self.one(f"#{name.get_attribute('for')}")
+        at = self.texts(f"#{section} label").index(label)
+        return self.one(f"#{self.all(f'#{section} label')[at].get_attribute('for')}")
 
     def click(self, section, text):
-        button = next(item for item in self.all(f"#{section} button") if item.text == text)
-        self.driver.execute_script("arguments[0].scrollIntoView({block: 'center'})", button)
-        button.click()
+        self.press(f"#{section} button", text)
 
     def call(self, method):
         Select(self.field("call", "Method")).select_by_value(method)

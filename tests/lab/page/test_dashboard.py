@@ -7,7 +7,7 @@ import pytest
 from billing_lab.device import methods
 from billing_lab.shop import faults
 
-from page.browser import ActionChains, NARROW, WIDE, By, Keys, Select, in_a_browser
+from page.browser import ActionChains, NARROW, WIDE, Keys, Select, in_a_browser
 
 HOSTILE = b'<img src=x onerror="document.title=1"><script>document.title=2</script>'
 
@@ -29,7 +29,7 @@ def test_a_call_is_seen_when_it_arrives_and_can_be_looked_into(page, lab):
     page.wait(lambda: len(page.rows()) == 1)
     assert "GET products200" in page.rows()[0]
     assert page.one("#journal-list").location == before, "nothing jumps"
-    page.one(".row").click()
+    page.press(".row")
     page.wait(lambda: "exactly what this device must send" in page.text("#detail"))
     assert "coins-100" in page.text("#detail")
     page.picture("a-call")
@@ -55,7 +55,7 @@ def test_a_call_from_the_page_shows_both_sides(page):
     result, answer = page.call("get_product_list")
     assert result.startswith("resp_result 0 after ")
     assert json.loads(answer)["status"] == "ok"
-    sides = [side.text for side in page.all("#call .pair pre")]
+    sides = page.texts("#call .pair pre")
     assert sides[0] == sides[1]
 
 
@@ -116,7 +116,7 @@ def test_the_protocol_of_a_request_is_shown(page, lab):
     page.open()
     page.wait(lambda: len(page.rows()) == 2)
     assert [row.endswith("HTTP/2, full") for row in page.rows()][1]
-    page.all(".row")[1].click()
+    page.press(".row", 1)
     page.wait(lambda: ", HTTP/2, full handshake, TLSv1." in page.text("#detail"))
     assert ":authority: production.localhost" in page.text("#detail")
 
@@ -143,9 +143,8 @@ def test_what_is_bought_is_an_invoice_that_can_be_given_back(page, lab):
     page.open()
     page.click("invoices", "Buy")
     page.wait(lambda: "is bought" in page.text("#invoices .said"))
-    first = page.one("#invoices li")
-    assert "coins-100 of app-1" in first.text
-    bought = first.find_element(By.TAG_NAME, "strong").text
+    assert "coins-100 of app-1" in page.texts("#invoices li")[0]
+    bought = page.text("#invoices li strong")
     assert bought in lab.call("get_purchase_history")[1]
     page.click("invoices", "Refund")
     page.wait(lambda: f"{bought} is refunded." == page.text("#invoices .said"))
@@ -154,7 +153,7 @@ def test_what_is_bought_is_an_invoice_that_can_be_given_back(page, lab):
 @in_a_browser
 def test_a_catalogue_is_changed_and_a_wrong_one_refused(page, lab):
     page.open()
-    page.one("#catalogue summary").click()
+    page.press("#catalogue summary")
     text = page.one("#catalogue textarea")
     catalogue = json.loads(text.get_property("value"))
     write = "arguments[0].value = arguments[1]"
@@ -184,7 +183,7 @@ def test_the_journal_is_filtered_and_the_filter_outlives_a_reload(page, lab):
     page.one("#filter-text").send_keys("NOBODY")
     page.wait(lambda: len(page.rows()) == 1)
     assert page.text("#journal-count") == "1 of 3"
-    page.one(".row").click()
+    page.press(".row")
     page.driver.refresh()
     page.wait(lambda: page.text("#link") == "live" and len(page.rows()) == 1)
     assert page.one("#filter-text").get_property("value") == "NOBODY"
@@ -201,7 +200,7 @@ def test_a_hostile_body_is_shown_as_text(page, lab):
     title = page.driver.title
     _, answer = page.call("get_product_list")
     assert answer == HOSTILE.decode()
-    page.one(".row").click()
+    page.press(".row")
     page.wait(lambda: HOSTILE.decode() in page.text("#detail"))
     assert (page.driver.title, page.all("#detail img, #call img")) == (title, [])
 
@@ -302,7 +301,7 @@ def test_a_lab_that_is_gone_is_named(page, cli, request):
     page.picture("gone")
     # The new lab has the same address and token, so the page reconnects by itself.
     assert cli("up").returncode == 0
-    page.wait(lambda: page.text("#link") == "live" and page.one("#problem").text == "")
+    page.wait(lambda: page.text("#link") == "live" and page.text("#problem") == "")
     assert cli("buy", "coins-100").returncode == 0
     page.wait(lambda: "coins-100 of app-1" in page.text("#invoices ul"))
     page.driver.get("about:blank")
@@ -315,6 +314,7 @@ def test_a_wrong_token_is_named(page, lab):
     page.driver.get("about:blank")
     page.driver.get(f"{lab.info['control']['address']}/#token=wrong")
     page.wait(lambda: "Open the address that billing-lab status prints." in page.text("#problem"))
+    page.driver.get("about:blank")
     page.expects("401")
 
 

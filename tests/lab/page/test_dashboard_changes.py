@@ -17,7 +17,7 @@ def test_what_others_change_is_shown_and_ended_with_one_button(page, lab):
     lab.connection("idle-close", ms=60000)
     name = lab.buy("coins-100")["id"]
     page.wait(lambda: len(page.all("#unusual li")) == 4)
-    assert [item.text for item in page.all("#unusual li")] == [
+    assert page.texts("#unusual li") == [
         "device: country DE, usually US",
         "own answer at country",
         "fault hang at confirm",
@@ -85,7 +85,7 @@ def test_the_answer_beside_a_call_is_its_own_or_none(page, lab):
     try:
         for _ in range(3):
             _, answer = page.call("get_product_list")
-            sides = [side.text for side in page.all("#call .pair pre")]
+            sides = page.texts("#call .pair pre")
             assert sides[0] == sides[1] == answer
             page.driver.execute_script("document.querySelector('#call .answer').replaceChildren()")
     finally:
@@ -152,8 +152,8 @@ def test_a_narrow_window_tells_how_a_request_ended(page, lab):
     lab.call("check_server_availability")
     page.open(NARROW)
     page.wait(lambda: page.rows())
-    ended = page.one(".row > span:nth-child(6)")
-    assert ended.is_displayed() and "fault status" in ended.text
+    ended = ".row > span:nth-child(6)"
+    assert page.one(ended).is_displayed() and "fault status" in page.text(ended)
     page.picture("narrow-row")
 
 
@@ -171,7 +171,7 @@ def test_the_app_is_judged_the_clock_moved_and_a_scenario_begun(page, lab):
     page.click("checks", "Move the clock forward")
     page.wait(lambda: "86400 s ahead" in page.text("#checks output") and "clock: 86400" in page.text("#unusual"))
     page.picture("checks")
-    next(item for item in page.all("#checks summary") if item.text == "Begin a scenario").click()
+    page.press("#checks summary", "Begin a scenario")
     text = page.one("#checks textarea")
     for wanted, said in (
         ("{", "This is no JSON"),
