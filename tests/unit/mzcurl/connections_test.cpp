@@ -14,6 +14,7 @@
 #include <atomic>
 #include <chrono>
 #include <ctime>
+#include <memory>
 #include <string>
 #include <thread>
 
@@ -221,18 +222,26 @@ void reset(SSL* ssl)
     connect(SSL_get_fd(ssl), &noPeer, sizeof noPeer);
 }
 
+/// @param which whether a connection is reset; the first one has the number 1
+TestServer::Handler resetting(bool (*which)(int number))
+{
+    return [which, connections = std::make_shared<std::atomic<int>>(0)](Connection& connection) {
+        if (which(++*connections)) {
+            reset(connection.ssl());
+        } else {
+            answerAll(connection);
+        }
+    };
+}
+
+bool isFirst(int number)
+{
+    return number == 1;
+}
+
 TEST_F(ANewConnection, ThatIsResetBeforeItsFirstRequestIsMadeAgain)
 {
-    std::atomic<int> connections{0};
-    TestServer server(
-        [&connections](Connection& connection) {
-            if (++connections % 3 != 0) {
-                reset(connection.ssl());
-            } else {
-                answerAll(connection);
-            }
-        },
-        {&identity});
+    TestServer server(resetting([](int number) { return number % 3 != 0; }), {&identity});
     g_endsAreAskedSlowly = true;
     Transfer list(server.url() + "/list", caFile);
     EXPECT_TRUE(worker.run(list).success) << worker.outcome(list).error;
@@ -261,21 +270,12 @@ int delaySecond(SSL*, int*, void* handshakes)
 TEST_F(ANewConnection, ThatIsResetIsMadeAgainBesideOneInItsHandshake)
 {
     std::atomic<int> handshakes{0};
-    std::atomic<int> connections{0};
     test::ServerOptions options{&identity};
     options.everywhere = true;
     options.adjust = [&handshakes](SSL_CTX* context) {
         SSL_CTX_set_client_hello_cb(context, delaySecond, &handshakes);
     };
-    TestServer server(
-        [&connections](Connection& connection) {
-            if (++connections == 1) {
-                reset(connection.ssl());
-            } else {
-                answerAll(connection);
-            }
-        },
-        options);
+    TestServer server(resetting(isFirst), options);
     g_endsAreAskedSlowly = true;
     Transfer one(server.url(), caFile);
     Transfer another(addressedAs("127.0.0.2", server), caFile);
@@ -362,21 +362,12 @@ int chooseHttp2Once(SSL*, const unsigned char** chosen, unsigned char* size, con
 
 TEST_F(ANewConnection, ThatIsResetBeforeItsFirstRequestInHttp2IsMadeAgainForAGet)
 {
-    std::atomic<int> connections{0};
     int choices = 0;
     test::ServerOptions options{&identity};
     options.adjust = [&choices](SSL_CTX* context) {
         SSL_CTX_set_alpn_select_cb(context, chooseHttp2Once, &choices);
     };
-    TestServer server(
-        [&connections](Connection& connection) {
-            if (++connections == 1) {
-                reset(connection.ssl());
-            } else {
-                answerAll(connection);
-            }
-        },
-        options);
+    TestServer server(resetting(isFirst), options);
     g_endsAreAskedSlowly = true;
     Transfer list(server.url() + "/list", caFile);
     EXPECT_TRUE(worker.run(list).success) << worker.outcome(list).error;
