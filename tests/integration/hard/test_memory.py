@@ -115,7 +115,8 @@ class Torture:
             return "answered" if self.is_good_again() else self.allowed_ending() or self.lasting()
         if NO_MEMORY in call.error.message:
             return "NoMemory" if self.is_good_again() else None
-        if "NoReply" in call.error.message and self.ending() is not None:
+        # The bus says the second of a service that ends before it gets the call.
+        if any(error in call.error.message for error in ("NoReply", "ServiceUnknown")):
             return self.allowed_ending()
         return None
 
