@@ -23,8 +23,8 @@ namespace {
 
 /// Seconds after which bus and service manager give up a start.
 constexpr double kStartSeconds = 35;
-/// An answer that takes longer is a warning.
-constexpr double kSlowMilliseconds = 5000;
+/// An answer that takes a larger part of --timeout is a warning.
+constexpr double kSlowPart = 0.5;
 /// Seconds. The kernel's start time is exact to 10 ms, and the service reads the certificate a moment later.
 constexpr double kStartDoubt = 0.5;
 constexpr int kJournalLines = 3;
@@ -235,7 +235,7 @@ Finding judgedCall(Patient& patient, const Answer& answer)
             patient.callIll = true;
             return oddAnswer(check, text + ", and the store's answer is " + odd, answer.info);
         }
-        return answer.milliseconds > kSlowMilliseconds
+        return answer.milliseconds > patient.options.timeout * 1000 * kSlowPart
                    ? warning(check, "slow", text + ", which is slow",
                              "look at the network and the store")
                    : good(check, text);

@@ -106,12 +106,12 @@ def test_an_answer_that_takes_long_has_to_be_looked_at(service, doctor, store):
 
     def answer_late():
         store.wait_for_requests(1)
-        time.sleep(5.5)
+        time.sleep(12.5)
         gate.set()
 
     late = threading.Thread(target=answer_late)
     late.start()
-    found, failed = doctor(seconds="20")
+    found, failed = doctor(seconds="24")
     late.join()
     assert failed == []
     assert outcomes(found, "warning") == {"call"}
