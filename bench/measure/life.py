@@ -38,7 +38,7 @@ def _first_calls(on, figures, protocol):
         took[service.label] = on.call(service.bus_name, 1, 1)["us"][0] / 1000
         figures.add(f"{title}: {service.label}", "ms", took[service.label])
         service.stop()
-    if on.has_engine():
+    if stage.has_engine():
         bare = on.fetch_with_token()["us"][0] / 1000
         figures.add(f"{title}: libcurl with the token", "ms", bare)
         figures.add(f"{title}: daemon / libcurl with the token", "", took[services.DAEMON] / bare)

@@ -3,7 +3,6 @@
 A peer has the daemon's interface, device, certificate and token. It does without the daemon's settings and limits: its
 environment names everything.
 """
-import os
 import pathlib
 import re
 import signal
@@ -138,12 +137,11 @@ def peer_environment(on, bus_name):
 
 
 def peers(on):
-    """@return those that are built"""
+    """@return those that are there"""
     found = []
     for label, program in PEERS.items():
-        file = stage.programs() / program
-        if os.access(file, os.X_OK):
-            name = stage.peer_name(program)
+        if stage.is_there(program):
+            file, name = stage.programs() / program, stage.peer_name(program)
             found.append(Program(on, label, name, lambda file=file: [file], lambda name=name: peer_environment(on, name)))
     return found
 

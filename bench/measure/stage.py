@@ -1,6 +1,7 @@
 """Everything that runs while something is measured: bus, servers, daemon and floors."""
 import contextlib
 import json
+import os
 import pathlib
 import resource
 import signal
@@ -49,6 +50,8 @@ def floor_name(size):
 BOTH = "org.plevo.billingfloor.both"
 # Programs in bench/peers. meson knows those whose libraries are there (scripts/setup bench).
 PEERS = ("sdbus_workers", "gdbus_soup")
+# Those that load libp11's engine when they start.
+WITH_ENGINE = {"sdbus_workers"}
 PROGRAMS = (
     "bench/caller",
     "bench/bus_floor",
@@ -75,9 +78,19 @@ def build():
     folder = str(daemon.binary().parents[1])
     told = subprocess.run(["ninja", "-C", folder, "-t", "targets", "all"], check=True, capture_output=True, text=True)
     known = {line.split(":")[0] for line in told.stdout.splitlines()}
-    peers = [f"bench/{program}" for program in PEERS]
-    subprocess.run(["ninja", "-C", folder, "--quiet", *PROGRAMS, *known.intersection(peers)], check=True)
-    return [peer for peer in peers if peer not in known]
+    peers = {f"bench/{program}" for program in PEERS}
+    subprocess.run(["ninja", "-C", folder, "--quiet", *PROGRAMS, *known & peers], check=True)
+    return [peer for peer in PEERS if not is_there(peer)]
+
+
+def is_there(peer):
+    """Is a peer built, and what it loads installed?"""
+    return os.access(programs() / peer, os.X_OK) and (peer not in WITH_ENGINE or has_engine())
+
+
+def has_engine():
+    """May programs that know OpenSSL's engines use a token (libengine-pkcs11-openssl)?"""
+    return subprocess.run(["openssl", "engine", "pkcs11"], check=False, capture_output=True).returncode == 0
 
 
 def raise_descriptors():
@@ -244,11 +257,6 @@ class Stage:
         return self._measured(
             [programs() / "https_floor", "1", "1", *self._request(SMALL, credentials_of_device)], True, self.token_environment()
         )
-
-    @staticmethod
-    def has_engine():
-        """May programs that know OpenSSL's engines use a token (libengine-pkcs11-openssl)?"""
-        return subprocess.run(["openssl", "engine", "pkcs11"], check=False, capture_output=True).returncode == 0
 
     def key_uri(self):
         """@return the device's key in its token, as RFC 7512 has it"""

@@ -22,7 +22,7 @@ def fixture_on(tmp_path_factory):
 def peer_of(on, label):
     found = [peer for peer in services.peers(on) if peer.label == label]
     if not found:
-        pytest.skip("its libraries are not here (scripts/setup bench)")
+        pytest.skip("what it needs is not here (scripts/setup bench)")
     return found[0]
 
 
