@@ -5,8 +5,9 @@
 #include "curl/transfer/callbacks.h"
 #include "curl/transfer/tls.h"
 #include "global.h"
-#include "heap.h"
 #include "report.h"
+
+#include <platform/process.h>
 
 #include <algorithm>
 #include <new>
@@ -413,7 +414,7 @@ bool MZCurlMulti::Impl::endBurst()
     }
     old.reset();
     dropHandles();
-    giveBackMemory();
+    platform_process_give_back_memory();
     return ok;
 }
 

@@ -2,6 +2,7 @@
 #include "../common/places.h"
 #include "environment.h"
 #include "expiry.h"
+#include "heap.h"
 #include "main_loop.h"
 
 #include <platform/process.h>
@@ -100,6 +101,7 @@ void platform_process_start(void)
     fillStandardDescriptors();
     raiseDescriptorLimit();
     smallStacks();
+    process::keepLargeBlocksApart();
     process::cleanEnvironment();
     process::ownDefaultContext();
     hideMemory();

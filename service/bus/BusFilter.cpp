@@ -4,7 +4,7 @@
 #include "BillingLog.h"
 #include "BusLimits.h"
 
-#include <malloc.h>
+#include <platform/process.h>
 
 #include <algorithm>
 #include <csignal>
@@ -247,9 +247,7 @@ gboolean CBusFilter::OnTimer(gpointer pFilter) noexcept
 
 void CBusFilter::GiveBack()
 {
-#ifdef __GLIBC__
-    malloc_trim(0);
-#endif
+    platform_process_give_back_memory();
 }
 
 void CBusFilter::EndService()

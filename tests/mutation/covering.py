@@ -64,7 +64,6 @@ COVERED = [
     ("platform/curl/queue/tickets", mzcurl("tickets", "large", "nginx")),
     ("platform/curl/queue/in_hand", mzcurl("tickets", "large", "nginx")),
     ("platform/curl/queue/width", mzcurl("admission", "multi")),
-    ("platform/curl/heap", mzcurl("burst")),
     ("platform/curl/report", mzcurl("report", "refusal")),
     ("platform/curl/global", mzcurl("refusal", "easy")),
     ("platform/curl/transfer/repeat", mzcurl("resend", "multi", "client_certificate", "nginx")),
@@ -88,6 +87,7 @@ COVERED = [
     ("platform/keystore/vault", [VAULT, SECURE]),
     ("platform/keystore/secure_storage", [SECURE, DURABILITY, KEY_STORE, RIGHTS]),
     ("platform/keystore/", [SECURE, KEY_STORE, RIGHTS]),
+    ("platform/process/heap", [PROCESS, *mzcurl("burst")]),
     ("platform/process/", [PROCESS]),
 ]
 

@@ -19,10 +19,15 @@ extern "C" {
 /// - only ecore_main_loop_begin() runs GLib's default main context.
 /// - the soft limit of descriptors is the hard one.
 /// - a thread that asks for no stack size gets a small stack.
+/// - the memory of a large block goes back to the system as soon as the block is freed, if the C library
+///   can do that.
 /// - environment variables that steer libraries (proxies, key logs, trust, engine configuration)
 ///   are unset.
 /// Thread: main.
 void platform_process_start(void);
+
+/// Returns free memory to the system, if the C library can. Takes milliseconds. Thread: any.
+void platform_process_give_back_memory(void);
 
 #ifdef __cplusplus
 }

@@ -5,6 +5,7 @@
 
 #include <Ecore.h>
 #include <glib.h>
+#include <malloc.h>
 #include <openssl/crypto.h>
 
 #include <algorithm>
@@ -75,6 +76,15 @@ int __wrap_ppoll(pollfd* files, nfds_t count, const timespec* limit, const sigse
     const int result = test::wait()(polled, test::formatted(limit), *mask);
     std::copy(polled.begin(), polled.end(), files);
     return result;
+}
+
+int __wrap_mallopt(int parameter, int value)
+{
+    const std::string name = parameter == M_MMAP_THRESHOLD   ? "mapping"
+                             : parameter == M_TRIM_THRESHOLD ? "kept"
+                                                             : std::to_string(parameter);
+    test::events().push_back("mallopt " + name + " " + std::to_string(value));
+    return 1;
 }
 
 int __real_OPENSSL_init_crypto(std::uint64_t options, const OPENSSL_INIT_SETTINGS* settings);
