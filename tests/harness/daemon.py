@@ -37,6 +37,9 @@ def binary():
     return pathlib.Path(os.environ.get("BILLING_SERVICE", DEFAULT_BINARY)).resolve()
 
 
+# Seconds. Under valgrind, on a busy machine, a start takes 20.
+PATIENCE = 60
+
 # A command line in front of the daemon's, for instance valgrind.
 UNDER = shlex.split(os.environ.get("BILLING_UNDER", ""))
 
@@ -124,11 +127,11 @@ class Daemon:
             prefix, command, handed_on=handed_on, env=self._environment, stdin=subprocess.DEVNULL, stdout=log, stderr=log
         )
 
-    def wait_for_name(self, caller, timeout=20):
+    def wait_for_name(self, caller, timeout=PATIENCE):
         """Waits until the daemon owns its bus name."""
         self.wait_until(lambda: caller.owner() is not None, "it owns its name", timeout)
 
-    def wait_until(self, condition, what, timeout=20):
+    def wait_until(self, condition, what, timeout=PATIENCE):
         """Polls until the condition holds or the daemon has ended."""
         end = time.monotonic() + timeout
         while not condition():
@@ -138,7 +141,7 @@ class Daemon:
                 raise AssertionError(f"the daemon runs, but not so that {what}")
             time.sleep(0.005)
 
-    def wait_for_log(self, text, timeout=20):
+    def wait_for_log(self, text, timeout=PATIENCE):
         self.wait_until(lambda: any(text in record.text for record in self.log()), f"it logs {text!r}", timeout)
 
     def is_running(self):
@@ -237,7 +240,7 @@ class Namespace:
         self.descriptor = theirs.fileno()
         self.command = [sys.executable, str(pathlib.Path(__file__).with_name("inside.py")), str(self.descriptor)]
 
-    def listeners(self, timeout=20):
+    def listeners(self, timeout=PATIENCE):
         """The two listening sockets of the namespace. Call it once, after the daemon was started."""
         self._theirs.close()
         if not select.select([self._ours], [], [], timeout)[0]:
