@@ -73,6 +73,12 @@ Json::Value argumentsOf(GVariant* body)
     return arguments;
 }
 
+gboolean endLoop(gpointer loop)
+{
+    g_main_loop_quit(static_cast<GMainLoop*>(loop));
+    return G_SOURCE_REMOVE;
+}
+
 class Watcher {
 public:
     Watcher(const MonitorOptions& options, GMainLoop* loop)
@@ -202,7 +208,8 @@ private:
                         key.first.c_str(), key.second, event.line.c_str());
         }
         if (std::fflush(stdout) != 0) {
-            g_main_loop_quit(m_loop);
+            // By the loop itself: a loop that is told to quit before it runs goes on.
+            g_idle_add(endLoop, m_loop);
         }
     }
 

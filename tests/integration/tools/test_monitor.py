@@ -1,9 +1,13 @@
 """billingctl monitor on the real daemon: the calls that it shows and the values that it hides."""
 import datetime
+import fcntl
 import json
+import os
+import pathlib
 import re
 import subprocess
 import threading
+import time
 
 import pytest
 from gi.repository import Gio, GLib
@@ -160,6 +164,33 @@ def test_lost_output_ends_the_watching(service, caller, watch):
     caller.call("check_server_availability")
     assert watching.wait(20) == FAILED
     assert watching.stderr.read().startswith("billingctl: the output cannot be written: ")
+
+
+def is_writing_to(pid, descriptor):
+    """@return whether a process's first thread waits in a system call on this descriptor"""
+    fields = pathlib.Path(f"/proc/{pid}/task/{pid}/syscall").read_text(encoding="ascii").split()
+    return len(fields) > 2 and int(fields[1], 16) == descriptor
+
+
+def test_output_that_is_lost_before_the_first_wait_ends_the_watching(service, caller, bus, request):
+    """The monitor's connection has a thread of its own. A full pipe for its first line holds the main thread up."""
+    reading, full = os.pipe()
+    request.addfinalizer(lambda: os.close(reading))
+    filled = os.write(full, bytes(fcntl.fcntl(full, fcntl.F_GETPIPE_SZ)))
+    with open("/dev/full", "wb") as output:
+        command = [billingctl.program(), "monitor"]
+        watching = subprocess.Popen(command, stdout=output, stderr=full, env=billingctl.environment(bus))
+    os.close(full)
+    request.addfinalizer(watching.wait)
+    request.addfinalizer(watching.kill)
+    service.wait_until(lambda: is_writing_to(watching.pid, 2), "the monitor waits to write its first line")
+    caller.call("check_server_availability")
+    time.sleep(0.5)
+    os.read(reading, filled)
+    assert watching.wait(20) == FAILED
+    first, second = os.read(reading, filled).decode().splitlines()
+    assert first == "Watching org.plevo.billingservice; Ctrl-C ends it."
+    assert second.startswith("billingctl: the output cannot be written: ")
 
 
 def test_a_bus_that_does_not_let_itself_be_watched_is_named(bus, caller, tmp_path):
