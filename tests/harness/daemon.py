@@ -206,6 +206,15 @@ class Daemon:
         ended = sum(thread not in now for thread in before)
         return sum(count - before.get(thread, 0) for thread, count in now.items()) + ended
 
+    def threads(self):
+        """A line for each of its threads: name, state, and the kernel's function and the system call that it waits in."""
+        lines = []
+        for task in sorted(pathlib.Path(f"/proc/{self.pid}/task").glob("*")):
+            with contextlib.suppress(OSError):
+                name, state, waits, call = ((task / file).read_text() for file in ("comm", "stat", "wchan", "syscall"))
+                lines.append(f"{name.strip()} {state.rpartition(')')[2].split()[0]} {waits} {call.strip()}")
+        return lines
+
     def descriptors(self):
         """Number of open descriptors. Needs root."""
         return len(os.listdir(f"/proc/{self.pid}/fd"))

@@ -195,10 +195,12 @@ def doctor(needs_view, bus, a_device):
 
 @pytest.hookimpl(hookwrapper=True)
 def pytest_runtest_makereport(item, call):
-    """Adds the logs of the daemons to the report of a failed test."""
+    """Adds to the report of a failed test the daemons' threads, warnings and errors, and the ends of their logs."""
     outcome = yield
     report = outcome.get_result()
     if report.failed:
         for process in getattr(item, "daemons", []):
             text = process.log_text()
-            report.sections.append((f"daemon {process.pid}", text[-20000:]))
+            faults = dict.fromkeys(line for line in text.splitlines() if line.startswith(("E/", "W/")))
+            report.sections.append((f"daemon {process.pid}", "\n".join([*process.threads(), *faults])[-10000:]))
+            report.sections.append((f"log of daemon {process.pid}", text[-20000:]))
