@@ -122,7 +122,8 @@ public:
         timespec limit{m_glibTimeout / 1000, m_glibTimeout % 1000 * 1000000L};
         bool limited = m_glibTimeout >= 0;
         if (ecoreTimeout != nullptr) {
-            const timespec own{ecoreTimeout->tv_sec, ecoreTimeout->tv_usec * 1000L};
+            const timespec own{ecoreTimeout->tv_sec,
+                               static_cast<long>(ecoreTimeout->tv_usec) * 1000};
             if (!limited ||
                 std::pair(own.tv_sec, own.tv_nsec) < std::pair(limit.tv_sec, limit.tv_nsec))
                 limit = own;

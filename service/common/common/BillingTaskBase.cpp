@@ -27,7 +27,8 @@ timespec DeadlineIn(unsigned long ulMs)
     gettimeofday(&tNow, nullptr);
     timespec tDeadline{};
     tDeadline.tv_sec = tNow.tv_sec + static_cast<time_t>(ulMs / 1000);
-    long lMicroseconds = tNow.tv_usec + static_cast<long>(ulMs % 1000) * 1000;
+    // tv_usec is wider than a long where 32-bit systems count time in 64 bits.
+    long lMicroseconds = static_cast<long>(tNow.tv_usec) + static_cast<long>(ulMs % 1000) * 1000;
     while (lMicroseconds > 1000000) {
         lMicroseconds -= 1000000;
         ++tDeadline.tv_sec;

@@ -19,11 +19,12 @@ constexpr const char* KEY_SET_TIME = "memory/menu/network/set_time";
 constexpr long long SECONDS_OF_A_DAY = 86400;
 constexpr int DATE_BYTES = 512;
 
-/// @return the nearest time that time_t can hold; a 32-bit time_t ends in 2038
-time_t Bounded(long long llTime)
+/// @return the nearest time that the type can hold; 32 bits end in 2038
+template <class Type>
+Type Bounded(long long llTime)
 {
-    using Limits = std::numeric_limits<time_t>;
-    return static_cast<time_t>(std::clamp<long long>(llTime, Limits::min(), Limits::max()));
+    using Limits = std::numeric_limits<Type>;
+    return static_cast<Type>(std::clamp<long long>(llTime, Limits::min(), Limits::max()));
 }
 
 }  // namespace
@@ -88,7 +89,7 @@ long CBillingTime::GetLocalTime()
     const time_t tNow = time(nullptr);
     struct tm temp {};
     localtime_r(&tNow, &temp);
-    const auto lTime = static_cast<long>(mktime(&temp));
+    const auto lTime = Bounded<long>(mktime(&temp));
     BILLING_DEBUG("localtime  %ld", lTime);
     return lTime;
 }
@@ -143,7 +144,7 @@ void CBillingTime::GetFormatTime(char* pszOut, int iFormatToSec, int iNDaysAgo)
     BILLING_DEBUG("iFormatToSec:%d,iNDaysAgo:%d", iFormatToSec, iNDaysAgo);
     int iValue = 0;
     GetTimeVconf(&iValue);
-    const time_t tTime = Bounded(GetLocalTime() - SECONDS_OF_A_DAY * iNDaysAgo);
+    const auto tTime = Bounded<time_t>(GetLocalTime() - SECONDS_OF_A_DAY * iNDaysAgo);
     BILLING_DEBUG("iValue:[%d](0--not set,1--set),time = %ld", iValue, static_cast<long>(tTime));
     struct tm temp {};
     localtime_r(&tTime, &temp);
