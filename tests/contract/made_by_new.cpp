@@ -44,6 +44,16 @@ void* operator new(std::size_t size)
     return memory;
 }
 
+// AddressSanitizer's own would allocate without this one.
+void* operator new(std::size_t size, const std::nothrow_t&) noexcept
+{
+    try {
+        return operator new(size);
+    } catch (const std::bad_alloc&) {
+        return nullptr;
+    }
+}
+
 void* operator new[](std::size_t size)
 {
     return operator new(size);

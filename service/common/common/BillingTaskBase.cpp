@@ -20,14 +20,13 @@ constexpr unsigned long TASK_STACK_SIZE = 0x20000;
 constexpr unsigned long HANDSHAKE_MS = 1000;
 
 /// @return the wall-clock time in ulMs milliseconds. tv_nsec may be a whole second: the timed wait refuses
-///   it, and its loop computes the time again.
+///   it, and its loop computes the time again. tv_usec is wider than a long where 32 bits count time in 64.
 timespec DeadlineIn(unsigned long ulMs)
 {
     timeval tNow{};
     gettimeofday(&tNow, nullptr);
     timespec tDeadline{};
     tDeadline.tv_sec = tNow.tv_sec + static_cast<time_t>(ulMs / 1000);
-    // tv_usec is wider than a long where 32-bit systems count time in 64 bits.
     long lMicroseconds = static_cast<long>(tNow.tv_usec) + static_cast<long>(ulMs % 1000) * 1000;
     while (lMicroseconds > 1000000) {
         lMicroseconds -= 1000000;
