@@ -231,16 +231,17 @@ void CBusFilter::StopTimer()
 gboolean CBusFilter::OnTimer(gpointer pFilter) noexcept
 {
     auto* poFilter = static_cast<CBusFilter*>(pFilter);
-    try {
-        const std::lock_guard<std::mutex> oLock(poFilter->m_oLock);
-        // A replaced timer may have fired already and waited for the lock.
-        if (g_main_current_source() == poFilter->m_pTimer) {
-            poFilter->StopTimer();
-            poFilter->m_iTimerAt = 0;
+    const std::lock_guard<std::mutex> oLock(poFilter->m_oLock);
+    // A replaced timer may have fired already and waited for the lock.
+    if (g_main_current_source() == poFilter->m_pTimer) {
+        poFilter->StopTimer();
+        poFilter->m_iTimerAt = 0;
+        try {
             poFilter->m_oFlow.Timer();
+        } catch (const std::exception&) {
+            BILLING_ERROR("no memory for the flow control's timer");
+            poFilter->WakeAt(poFilter->Now() + BusLimits::LONGEST_PAUSE_MS);
         }
-    } catch (const std::exception&) {
-        BILLING_ERROR("no memory for the flow control's timer");
     }
     return G_SOURCE_REMOVE;
 }
