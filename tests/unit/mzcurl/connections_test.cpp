@@ -8,6 +8,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -22,7 +23,7 @@ namespace {
 
 std::atomic<long> g_standby{0};  ///< seconds that the device has slept
 std::atomic<bool> g_endsAreUnknown{false};
-std::atomic<bool> g_endsAreAskedSlowly{false};
+std::atomic<bool> g_endsAreAskedSlowly{false};  ///< a server's reset gets 200 ms to arrive
 std::atomic<bool> g_portIsTheSame{false};
 
 template <class Function>
@@ -50,7 +51,8 @@ extern "C" int getsockname(int descriptor, sockaddr* address, socklen_t* length)
 {
     static const auto real = original<int (*)(int, sockaddr*, socklen_t*)>("getsockname");
     if (g_endsAreAskedSlowly) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(30));
+        pollfd ended{descriptor, POLLRDHUP, 0};
+        poll(&ended, 1, 200);
     }
     const int status = g_endsAreUnknown ? -1 : real(descriptor, address, length);
     if (g_portIsTheSame && address->sa_family == AF_INET) {
@@ -262,7 +264,7 @@ std::string addressedAs(const std::string& address, const TestServer& server)
 int delaySecond(SSL*, int*, void* handshakes)
 {
     if (++*static_cast<std::atomic<int>*>(handshakes) == 2) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(300));
+        std::this_thread::sleep_for(std::chrono::milliseconds(1500));
     }
     return SSL_CLIENT_HELLO_SUCCESS;
 }
