@@ -45,5 +45,5 @@ def test_descriptors_do_not_grow_with_calls(service, caller, store):
     before = descriptors()
     for _ in range(20):
         answers(caller)
-    # One more may be a connection that libcurl has not closed yet. A leak in each call would be a hundred.
+    # One more was open once. A leak in each call would be a hundred.
     assert descriptors() <= before + 1
