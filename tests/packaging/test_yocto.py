@@ -138,7 +138,6 @@ PROVIDED = {
     "libcrypto": "openssl",
     "libssl": "openssl",
     "jsoncpp": "jsoncpp",
-    "libsystemd": "systemd",
     "p11-kit-1": "p11-kit",
     "CLI11": "cli11",
 }

@@ -109,7 +109,6 @@ int __dlog_print(log_priority prio, const char* tag, const char* format, ...)
     logging::Parts parts = logging::writeMessage(record, g_settings.options, format, arguments);
     va_end(arguments);
     parts.caller = t_caller.data();
-    record.finish();
     const int written = logging::writeRecord(g_settings.sink, record, prio, tag, parts);
     errno = error;
     return written;

@@ -12,7 +12,7 @@ namespace logging {
 
 namespace {
 
-/// Room for the note of the cut bytes, closing colours and the line break.
+/// Room for the note of the cut bytes, closing colours and the last byte.
 constexpr std::size_t kReserve = 96;
 
 /// Writes the escape of a byte that may not appear in a line.
@@ -117,14 +117,14 @@ void Record::hidden(std::size_t size)
     run(" bytes>");
 }
 
-void Record::finish()
+void Record::finish(char last)
 {
     if (m_cut > 0) {
         const int length =
             snprintf(&m_bytes[m_used], m_bytes.size() - m_used - 1, " <%zu bytes cut>", m_cut);
         m_used += static_cast<std::size_t>(length);
     }
-    m_bytes[m_used++] = '\n';
+    m_bytes[m_used++] = last;
 }
 
 }  // namespace logging

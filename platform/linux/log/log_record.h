@@ -11,7 +11,7 @@ namespace logging {
 /// Largest size that is measured of a hidden text, so that a long one costs no time.
 constexpr std::size_t kMeasured = std::size_t{64} * 1024;
 
-/// Size of a whole record with its line break. It is PIPE_BUF: a pipe takes such a write in one piece
+/// Size of a whole record with its last byte. It is PIPE_BUF: a pipe takes such a write in one piece
 /// or not at all.
 constexpr std::size_t kRecordLimit = 4096;
 
@@ -27,12 +27,13 @@ public:
     /// @param size above kMeasured the placeholder says "over 65536 bytes"
     void hidden(std::size_t size);
 
-    /// Adds a note of the cut bytes, if any, and the line break. Call it once.
-    void finish();
+    /// Adds a note of the cut bytes, if any, and the last byte: a line break, or NUL, which makes text() a C text.
+    /// Call it once.
+    void finish(char last);
 
-    /// @return the record so far; with its line break after finish()
+    /// @return the record so far; with its last byte after finish()
     std::string_view line() const { return {m_bytes.data(), m_used}; }
-    /// @return the finished record without its line break
+    /// @return the finished record without its last byte
     std::string_view text() const { return {m_bytes.data(), m_used - 1}; }
 
 private:

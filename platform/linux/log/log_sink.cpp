@@ -1,10 +1,9 @@
-// log_sink.cpp - the journal and standard error.
-#define SD_JOURNAL_SUPPRESS_LOCATION  // the location fields name the caller, not this file
+// log_sink.cpp - the journal and standard error. GLib sends to the journal: with libsystemd five more
+// libraries would be mapped.
 #include "log_sink.h"
 
+#include <glib.h>
 #include <sys/stat.h>
-#include <sys/uio.h>
-#include <systemd/sd-journal.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -18,8 +17,6 @@ namespace logging {
 namespace {
 
 static_assert(kRecordLimit <= PIPE_BUF, "a pipe must take a record in one piece");
-
-constexpr std::string_view kMessageField = "MESSAGE=";
 
 char letterOf(log_priority priority)
 {
@@ -64,38 +61,39 @@ int writeStderr(std::string_view line)
 /// The fields of one journal entry beside its message, each a short text.
 class Fields {
 public:
-    explicit Fields(std::string_view message)
-    {
-        m_parts[m_count++] = {const_cast<char*>(message.data()), message.size()};
-    }
+    explicit Fields(const char* message) { m_fields[m_count++] = {"MESSAGE", message, -1}; }
 
     void add(const Field& field, std::string_view record)
     {
-        const std::string_view value = record.substr(field.begin, field.end - field.begin);
-        char* const text = m_texts[m_count];
-        const int size = snprintf(text, sizeof m_texts[m_count], "%.*s=%.*s",
-                                  static_cast<int>(field.name.size()), field.name.data(),
-                                  static_cast<int>(value.size()), value.data());
-        if (size > 0)
-            m_parts[m_count++] = {text, strlen(text)};
+        char* const name = m_texts[m_count];
+        const std::size_t nameSize = field.name.copy(name, kTextSize - 1);
+        name[nameSize] = '\0';
+        char* const value = name + nameSize + 1;
+        const std::string_view text = record.substr(field.begin, field.end - field.begin);
+        value[text.copy(value, kTextSize - nameSize - 2)] = '\0';
+        m_fields[m_count++] = {name, value, -1};
     }
 
     template <typename Value>
-    void add(const char* format, Value value)
+    void add(const char* name, const char* format, Value value)
     {
-        const int size = snprintf(m_texts[m_count], sizeof m_texts[m_count], format, value);
-        if (size <= 0)
+        if (snprintf(m_texts[m_count], kTextSize, format, value) <= 0)
             return;
-        m_parts[m_count] = {m_texts[m_count], strlen(m_texts[m_count])};
+        m_fields[m_count] = {name, m_texts[m_count], -1};
         m_count++;
     }
 
-    int send() const { return sd_journal_sendv(m_parts, static_cast<int>(m_count)); }
+    bool send() const
+    {
+        return g_log_writer_journald(G_LOG_LEVEL_MESSAGE, m_fields, m_count, nullptr) ==
+               G_LOG_WRITER_HANDLED;
+    }
 
 private:
     static constexpr std::size_t kMost = 7 + kMostFields;
-    char m_texts[kMost][128];
-    iovec m_parts[kMost];
+    static constexpr std::size_t kTextSize = 128;
+    char m_texts[kMost][kTextSize];
+    GLogField m_fields[kMost];
     std::size_t m_count = 0;
 };
 
@@ -103,19 +101,19 @@ int writeJournal(std::string_view message, log_priority priority, const char* ta
                  const Parts& parts)
 {
     const Origin& origin = parts.origin;
-    Fields fields(message);
-    fields.add("PRIORITY=%d", syslogNumberOf(priority));
-    fields.add("SYSLOG_IDENTIFIER=%s", tag);
+    Fields fields(message.data());
+    fields.add("PRIORITY", "%d", syslogNumberOf(priority));
+    fields.add("SYSLOG_IDENTIFIER", "%s", tag);
     if (origin.file != nullptr && origin.function != nullptr) {
-        fields.add("CODE_FILE=%s", origin.file);
-        fields.add("CODE_FUNC=%s", origin.function);
-        fields.add("CODE_LINE=%d", origin.line);
+        fields.add("CODE_FILE", "%s", origin.file);
+        fields.add("CODE_FUNC", "%s", origin.function);
+        fields.add("CODE_LINE", "%d", origin.line);
     }
     if (*parts.caller != '\0')
-        fields.add("BILLING_SENDER=%s", parts.caller);
+        fields.add("BILLING_SENDER", "%s", parts.caller);
     for (std::size_t i = 0; i < parts.fieldCount; i++)
         fields.add(parts.fields[i], message);
-    return fields.send() < 0 ? -1 : static_cast<int>(message.size() - kMessageField.size());
+    return fields.send() ? static_cast<int>(message.size()) : -1;
 }
 
 }  // namespace
@@ -135,10 +133,8 @@ Sink detectSink()
 
 void beginRecord(Sink sink, Record& record, log_priority priority, const char* tag)
 {
-    if (sink == Sink::Journal) {
-        record.trusted(kMessageField);
+    if (sink == Sink::Journal)
         return;
-    }
     const char letter = letterOf(priority);
     record.trusted({&letter, 1});
     record.trusted("/");
@@ -146,11 +142,15 @@ void beginRecord(Sink sink, Record& record, log_priority priority, const char* t
     record.trusted(": ");
 }
 
-int writeRecord(Sink sink, const Record& record, log_priority priority, const char* tag,
+int writeRecord(Sink sink, Record& record, log_priority priority, const char* tag,
                 const Parts& parts)
 {
-    return sink == Sink::Journal ? writeJournal(record.text(), priority, tag, parts)
-                                 : writeStderr(record.line());
+    if (sink == Sink::Stderr) {
+        record.finish('\n');
+        return writeStderr(record.line());
+    }
+    record.finish('\0');
+    return writeJournal(record.text(), priority, tag, parts);
 }
 
 }  // namespace logging

@@ -17,9 +17,9 @@ Sink detectSink();
 /// Begins a record in the form of the sink.
 void beginRecord(Sink sink, Record& record, log_priority priority, const char* tag);
 
-/// Writes a finished record. Waits while the reader's pipe is full, since a dropped record is lost.
+/// Finishes a record and writes it. Waits while the reader's pipe is full, since a dropped record is lost.
 /// @return the bytes written, or -1
-int writeRecord(Sink sink, const Record& record, log_priority priority, const char* tag,
+int writeRecord(Sink sink, Record& record, log_priority priority, const char* tag,
                 const Parts& parts);
 
 }  // namespace logging

@@ -33,7 +33,7 @@ std::string renderWith(const FormatOptions& options, const char* format, ...)
     va_start(arguments, format);
     g_origin = logging::writeMessage(record, options, format, arguments).origin;
     va_end(arguments);
-    record.finish();
+    record.finish('\n');
     EXPECT_EQ(record.line(), std::string(record.text()) + "\n");
     EXPECT_LE(record.line().size(), logging::kRecordLimit);
     return std::string(record.text());

@@ -14,7 +14,7 @@ inherit meson pkgconfig systemd useradd features_check
 REQUIRED_DISTRO_FEATURES = "systemd"
 
 # efl: Ecore, from a layer of yours. Only headers of p11-kit and cli11 are used.
-DEPENDS = "glib-2.0 efl curl openssl jsoncpp systemd p11-kit cli11 python3-native"
+DEPENDS = "glib-2.0 efl curl openssl jsoncpp p11-kit cli11 python3-native"
 
 # The platform's folder under platform/. With another than "linux" there is no billing-provision.
 BILLING_PLATFORM ?= "linux"
