@@ -28,6 +28,7 @@ struct Target {
 
 struct Fetch {
     Samples::Clock::time_point began = Samples::Clock::now();
+    void* call = nullptr;  ///< of the one who started it
     std::string body;
 };
 
@@ -37,9 +38,10 @@ inline std::size_t keepBody(const char* data, std::size_t size, std::size_t coun
     return size * count;
 }
 
-inline void start(CURLM* multi, const Target& target)
+inline void start(CURLM* multi, const Target& target, void* call = nullptr)
 {
     auto* const fetch = new Fetch;
+    fetch->call = call;
     CURL* const easy = curl_easy_init();
     curl_easy_setopt(easy, CURLOPT_PRIVATE, fetch);
     curl_easy_setopt(easy, CURLOPT_URL, target.url);

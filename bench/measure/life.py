@@ -94,29 +94,28 @@ def idle(on, figures, seconds):
     One service at a time: what two of them have mapped is private to none.
     """
     on.use("http1")
-    private = {}
+    found = {}
     for service in services.everyone(on):
         service.start()
-        _note_memory(figures, "unused", service.label, *services.memory(service.pid))
+        _note_memory(figures, "unused", service.label, services.memory(service.pid))
         on.call(service.bus_name, 200, 1)
         time.sleep(SETTLED_SECONDS)
         if service.label == services.DAEMON:
             before = on.daemon.switches()
             time.sleep(seconds)
             figures.add("wake-ups when idle", "a second", on.daemon.switches_since(before) / seconds)
-        resident, private[service.label] = services.memory(service.pid)
-        _note_memory(figures, "idle", service.label, resident, private[service.label])
+        found[service.label] = services.memory(service.pid)
+        _note_memory(figures, "idle", service.label, found[service.label])
         if service.label != services.BOTH:  # it takes one call at a time
             _held(on, figures, service)
         service.stop()
-    if None not in private.values():
-        figures.add("private, idle: daemon - both in one", "KiB", private[services.DAEMON] - private[services.BOTH])
+    for kind, size in found[services.DAEMON].items():
+        figures.add(f"{kind}, idle: daemon - both in one", "KiB", size - found[services.BOTH][kind])
 
 
-def _note_memory(figures, when, who, resident, private):
-    figures.add(f"resident, {when}: {who}", "KiB", resident)
-    if private is not None:
-        figures.add(f"private, {when}: {who}", "KiB", private)
+def _note_memory(figures, when, who, sizes):
+    for kind, size in sizes.items():
+        figures.add(f"{kind}, {when}: {who}", "KiB", size)
 
 
 def _held(on, figures, service):
@@ -126,13 +125,9 @@ def _held(on, figures, service):
         time.sleep(3)
         after = services.memory(service.pid)
     callers.communicate()
-    _note_memory(figures, f"{HELD} outstanding", service.label, *after)
-    _note_memory(
-        figures,
-        f"per call of {HELD} outstanding",
-        service.label,
-        *(None if a is None else (a - b) / HELD for a, b in zip(after, before)),
-    )
+    _note_memory(figures, f"{HELD} outstanding", service.label, after)
+    each = {kind: (size - before[kind]) / HELD for kind, size in after.items()}
+    _note_memory(figures, f"per call of {HELD} outstanding", service.label, each)
 
 
 def large(on, figures, count):
@@ -157,11 +152,11 @@ def outstanding(on, figures):
         on.start_daemon()
         on.call(bus.SERVICE, 1_000, 64)
         time.sleep(1)
-        before, _ = services.memory(on.daemon.pid)
+        before = services.memory(on.daemon.pid)["resident"]
         with stage.Hanging(on):
             callers = on.call(bus.SERVICE, MANY, MANY, wait=False)
             time.sleep(5)
-            most, _ = services.memory(on.daemon.pid)
+            most = services.memory(on.daemon.pid)["resident"]
         began = time.monotonic()
         output, _ = callers.communicate(timeout=300)
         name = f"{MANY} outstanding, {protocol}"
@@ -170,6 +165,6 @@ def outstanding(on, figures):
         figures.add(f"{name}: unanswered", "", MANY - answered)
         figures.add(f"{name}: most resident seen", "KiB", most)
         time.sleep(2)
-        after, _ = services.memory(on.daemon.pid)
+        after = services.memory(on.daemon.pid)["resident"]
         figures.add(f"{name}: resident afterwards / before", "", after / before)
         on.stop_daemon()

@@ -4,7 +4,13 @@ import html
 from . import results, services
 
 WIDTH, LABEL, BAR, GAP = 900, 250, 18, 6
-COLOURS = {"bus floor": "#7f9fb8", "HTTPS floor": "#9fb87f", services.BOTH: "#b0a060", services.DAEMON: "#c8643c"}
+COLOURS = {
+    "bus floor": "#7f9fb8",
+    "HTTPS floor": "#9fb87f",
+    services.BOTH: "#b0a060",
+    services.WORKER: "#8a7c48",
+    services.DAEMON: "#c8643c",
+}
 COLOURS.update(zip(services.PEERS, ("#7a5fa8", "#4f8f8f")))
 OTHER = "#a0a0a0"
 

@@ -3,6 +3,7 @@
 A peer has the daemon's interface, device, certificate and token. It does without the daemon's settings and limits: its
 environment names everything.
 """
+import contextlib
 import pathlib
 import re
 import signal
@@ -17,9 +18,9 @@ from . import stage
 
 DAEMON = "daemon"
 BOTH = "both floors in one"
+WORKER = "both floors and a worker"
 PEERS = dict(zip(("sdbus-c++ with 8 workers", "GDBus with libsoup"), stage.PEERS))
 
-START_SECONDS = 60  # under valgrind
 STOP_SECONDS = 60  # what has not ended by then is killed
 
 
@@ -30,14 +31,13 @@ def processor_seconds(pid):
 
 
 def memory(pid):
-    """@return (resident, private) KiB; private is None for who may not know"""
-    folder = pathlib.Path(f"/proc/{pid}")
-    resident = status(pid, "VmRSS")
-    try:
-        text = (folder / "smaps_rollup").read_text(encoding="utf-8")
-    except PermissionError:
-        return resident, None
-    return resident, sum(int(size) for size in re.findall(r"^Private_\w+:\s*(\d+)", text, re.MULTILINE))
+    """@return {kind: KiB}: resident, and for who may know it private, and of that written"""
+    found = {"resident": status(pid, "VmRSS")}
+    with contextlib.suppress(PermissionError):
+        text = pathlib.Path(f"/proc/{pid}/smaps_rollup").read_text(encoding="utf-8")
+        private = {kind: int(size) for kind, size in re.findall(r"^Private_(\w+):\s*(\d+)", text, re.MULTILINE)}
+        found |= {"private": sum(private.values()), "written": private["Dirty"]}
+    return found
 
 
 def status(pid, field):
@@ -88,11 +88,10 @@ class Program:
         with open(self._on.folder / "services.log", "ab") as log:
             self._process = subprocess.Popen([*tool, *self._command()], env=self._environment(), stderr=log)
         self._on.processes.append(self._process)
-        while self._on.caller.owner(self.bus_name) is None:
-            if not self.is_running() or time.monotonic() - began > START_SECONDS:
-                raise RuntimeError(f"{self.label} does not start. Is all of scripts/setup bench here? {self.log_text()}")
-            time.sleep(0.005)
-        return time.monotonic() - began
+        try:
+            return self._on.arrivals.wait(self.bus_name, self.is_running) - began
+        except TimeoutError as error:
+            raise RuntimeError(f"{error}. Is all of scripts/setup bench here? {self.log_text()}") from error
 
     def stop(self):
         """@return the seconds from SIGTERM to the end"""
@@ -115,7 +114,12 @@ class Program:
 
 def both(on):
     """Both floors in one: small answers from the server in use, a key in a file."""
-    return Program(on, BOTH, stage.BOTH, on.both_command, lambda: on.environment)
+    return Program(on, BOTH, stage.BOTH, lambda: on.floor_command("both_floor", stage.BOTH), lambda: on.environment)
+
+
+def both_and_worker(on):
+    """The same with the daemon's threads: the main thread has the calls, a worker the transfers."""
+    return Program(on, WORKER, stage.WORKER, lambda: on.floor_command("worker_floor", stage.WORKER), lambda: on.environment)
 
 
 def peer_environment(on, bus_name):

@@ -2,6 +2,8 @@
 machine disturbs all alike."""
 import statistics
 
+from billing_lab.device import bus
+
 from . import services, stage
 
 # Size of the body, calls in flight, calls in a round.
@@ -15,7 +17,7 @@ LOADS = (
     (1024 * 1024, 1, 40),
     (1024 * 1024, 8, 80),
 )
-ONE = LOADS[0]
+ONE, OF_PROTOCOLS = LOADS[0], LOADS[2]
 # With more in flight the other services wait for their few connections.
 MOST_OF_ALL = 64
 WARM_UP = 20
@@ -47,8 +49,9 @@ def turn(on, callable_services, size, in_flight, count):
 
 def _of_load(size, in_flight, running):
     """@return the services that a load is for: all for small bodies, else the daemon"""
-    everyone = size == stage.SMALL and in_flight <= MOST_OF_ALL
-    return [service for service in running if everyone or service.label == services.DAEMON]
+    if size != stage.SMALL or in_flight > MOST_OF_ALL:
+        return [service for service in running if service.label == services.DAEMON]
+    return [service for service in running if in_flight == 1 or service.label != services.WORKER]
 
 
 def measure(on, figures, rounds, loads=LOADS, protocols=stage.PROTOCOLS, where=""):
@@ -58,7 +61,7 @@ def measure(on, figures, rounds, loads=LOADS, protocols=stage.PROTOCOLS, where="
     """
     for protocol in protocols:
         on.use(protocol)
-        running = services.everyone(on)
+        running = [services.both_and_worker(on), *services.everyone(on)]
         for service in running:
             service.start()
         on.settle()
@@ -87,12 +90,22 @@ def _note(figures, load, in_flight, measured):
         figures.add(f"latency, {load}: daemon / (bus + HTTPS)", "", medians[services.DAEMON] / floors)
     else:
         figures.add(f"rate, {load}: daemon / bus floor", "x the rate", rates[services.DAEMON] / rates["bus floor"])
-    if services.BOTH in medians:
-        figures.add(f"latency, {load}: daemon / both in one", "", medians[services.DAEMON] / medians[services.BOTH])
+    for floor, name in ((services.BOTH, "both in one"), (services.WORKER, "both and a worker")):
+        if floor in medians:
+            figures.add(f"latency, {load}: daemon / {name}", "", medians[services.DAEMON] / medians[floor])
 
 
-def compare_protocols(figures, in_flight=64):
-    """Adds the daemon's rate over HTTP/2 by that over HTTP/1.1."""
-    name = "rate, {}, 512 bytes, {} in flight: daemon"
-    rates = [statistics.median(figures.values[name.format(protocol, in_flight)]["values"]) for protocol in ("http2", "http1")]
-    figures.add(f"rate, 512 bytes, {in_flight} in flight: daemon, http2 / http1", "x the rate", rates[0] / rates[1])
+def compare_protocols(on, figures, rounds):
+    """Adds the daemon's rate over HTTP/2 by that over HTTP/1.1, the two by turns."""
+    size, in_flight, count = OF_PROTOCOLS
+    for _ in range(rounds):
+        rates = {}
+        for protocol in stage.PROTOCOLS:
+            on.use(protocol)
+            on.start_daemon()
+            on.settle()
+            on.call(bus.SERVICE, WARM_UP * in_flight, in_flight, size)
+            rates[protocol] = count / on.call(bus.SERVICE, count, in_flight, size)["seconds"]
+            on.stop_daemon()
+        name = f"rate, {size} bytes, {in_flight} in flight: daemon, http2 / http1"
+        figures.add(name, "x the rate", rates["http2"] / rates["http1"])

@@ -17,6 +17,8 @@ from harness.store import nginx
 
 from billing_lab.device import bus
 
+from . import arrivals
+
 HOST = "localhost"
 SIZES = (512, 32 * 1024, 1024 * 1024)
 SMALL = SIZES[0]
@@ -48,6 +50,7 @@ def floor_name(size):
 
 
 BOTH = "org.plevo.billingfloor.both"
+WORKER = "org.plevo.billingfloor.worker"
 # Programs in bench/peers. meson knows those whose libraries are there (scripts/setup bench).
 PEERS = ("sdbus_workers", "gdbus_soup")
 # Those that load libp11's engine when they start.
@@ -57,6 +60,7 @@ PROGRAMS = (
     "bench/bus_floor",
     "bench/https_floor",
     "bench/both_floor",
+    "bench/worker_floor",
     "service/billing-service",
     "platform/provision/billing-provision",
     "tests/support/test-pkcs11-proxy.so",
@@ -132,10 +136,11 @@ class Stage:
         self.trust()
         self.proxy = token_proxy.TokenProxy(self.folder, self.device)
         self._make_client_certificate(keys)
-        names = (bus.SERVICE, BOTH, *map(floor_name, SIZES), *map(peer_name, PEERS))
+        names = (bus.SERVICE, BOTH, WORKER, *map(floor_name, SIZES), *map(peer_name, PEERS))
         self.bus = bus.Bus(self.folder, limits=LIMITS, names=names)
         self.environment = {"PATH": "/usr/bin:/bin", "DBUS_SYSTEM_BUS_ADDRESS": self.bus.address}
         self.caller = bus.Caller(self.bus.address)
+        self.arrivals = arrivals.Arrivals(self.caller)
         self.use("http1")
 
     def _make_client_certificate(self, keys):
@@ -201,8 +206,7 @@ class Stage:
         self.daemon = daemon.Daemon(
             self.folder, self.bus.address, self.device, view=view, level=level, tool=tool, environment=self.proxy.environment
         )
-        self.daemon.wait_for_name(self.caller, timeout=60)
-        return time.monotonic() - began
+        return self.arrivals.wait(bus.SERVICE, self.daemon.is_running) - began
 
     def stop_daemon(self):
         """@return the seconds from SIGTERM to the end"""
@@ -228,9 +232,9 @@ class Stage:
             time.sleep(0.005)
         return process
 
-    def both_command(self):
-        """Of the service with both floors in one, for small bodies from the server in use."""
-        return [programs() / "both_floor", BOTH, *self._request(SMALL)]
+    def floor_command(self, program, name):
+        """Of a service with both floors in it, for small bodies from the server in use."""
+        return [programs() / program, name, *self._request(SMALL)]
 
     def call(self, name, count, in_flight, size=SMALL, wait=True):
         """Calls a service. @return {"seconds": of all, "us": of each}; without `wait` the process"""

@@ -6,6 +6,7 @@ from . import TREE, results, services
 DOCUMENT = TREE / "docs" / "PERFORMANCE.md"
 FILE = TREE / "bench" / "results.json"  # what the document's tables are from
 COLUMNS = (services.DAEMON, services.BOTH, *services.PEERS)
+GIVEN = ("bus floor", services.BOTH, services.WORKER, services.DAEMON)
 NOTHING = "-"
 TIMES = ("us", "ms", "s", *results.MORE_IS_BETTER)
 
@@ -24,6 +25,7 @@ ROWS = {
     "processor time a call, 64 in flight, µs": ("processor time a call, http1, 512 bytes, 64 in flight", 1),
     "resident, idle, MiB": ("resident, idle", 1024),
     "private, idle, MiB": ("private, idle", 1024),
+    "written, idle, MiB": ("written, idle", 1024),
     "resident, 1,000 outstanding, MiB": ("resident, 1000 outstanding", 1024),
     "private, 1,000 outstanding, MiB": ("private, 1000 outstanding", 1024),
     "peak of one answer of 32 MiB, by its size": ("peak of one answer of 32 MiB, by its size", 1),
@@ -64,14 +66,13 @@ def beside_peers(figures):
 
 
 def given(figures):
-    """How much of a call the bus floor alone takes, in which nothing but the bus library works."""
+    """How much of a call the floors take; in the bus floor nothing but the bus library works."""
     rows = []
     for label, (name, scale) in ROWS.items():
-        floor, ours = figures.get(f"{name}: bus floor"), figures.get(f"{name}: {services.DAEMON}")
-        if floor is not None and ours is not None and floor.unit not in results.MORE_IS_BETTER:
-            numbers = [results.shown(figure.median / scale) for figure in (floor, ours)]
-            rows.append([label, *numbers, f"{floor.median / ours.median:.0%}"])
-    return _table(["", "bus floor", services.DAEMON, "share"], rows)
+        floor = figures.get(f"{name}: {GIVEN[0]}")
+        if floor is not None and floor.unit not in results.MORE_IS_BETTER:
+            rows.append([label, *(_cell(figures, name, who, scale) for who in GIVEN)])
+    return _table(["", *GIVEN], rows)
 
 
 def behaviour(found):

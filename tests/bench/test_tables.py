@@ -51,7 +51,7 @@ def test_a_goal_is_met_at_its_bound_and_not_beyond(tmp_path):
         assert [row.split(" | ")[-1].rstrip(" |") for row in rows] == words
 
 
-def test_what_the_bus_floor_takes_is_a_share_of_the_daemon(tmp_path):
+def test_the_floors_stand_beside_the_daemon_with_their_ratio(tmp_path):
     file = run_of(
         tmp_path,
         {
@@ -61,7 +61,7 @@ def test_what_the_bus_floor_takes_is_a_share_of_the_daemon(tmp_path):
             "rate, http1, 512 bytes, 8 in flight: daemon": ("calls/s", [3]),
         },
     )
-    assert tables.all_of(file)["given"].splitlines()[2:] == ["| allocations a call, 1 in flight | 300 | 400 | 75% |"]
+    assert tables.all_of(file)["given"].splitlines()[2:] == ["| allocations a call, 1 in flight | 300 (0.75) | - | - | 400 |"]
 
 
 def test_behaviour_is_told_in_the_words_of_the_run(tmp_path):
