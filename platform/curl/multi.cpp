@@ -371,11 +371,6 @@ void MZCurlMulti::Impl::offerAgain()
 
 int MZCurlMulti::Impl::waitLimit() const
 {
-    // Reading one HTTP/2 stream may leave pieces of other streams in libcurl's buffers, where no wait sees them: without
-    // this one burst in a hundred stalled. A round without a wait finds them.
-    if (m_http2Moved) {
-        return 0;
-    }
     if (!m_ready.empty()) {
         return kUnclaimedPollMs;
     }
@@ -441,8 +436,9 @@ bool MZCurlMulti::Impl::select()
         return endBurst();
     }
     const TlsErrorScope errors;
-    // A transfer that was just attached needs a round of libcurl at once.
-    bool ok = m_begun || wait(waitLimit());
+    // A transfer that was just attached needs a round of libcurl at once. Reading one HTTP/2 stream may leave pieces of other
+    // streams in libcurl's buffers, where no wait sees them: without this one burst in a hundred stalled.
+    bool ok = m_begun || m_http2Moved || wait(waitLimit());
     if (stopped()) {
         return ok;
     }
