@@ -66,7 +66,7 @@ public:
     void add(const Field& field, std::string_view record)
     {
         char* const name = m_texts[m_count];
-        const std::size_t nameSize = field.name.copy(name, kTextSize - 1);
+        const std::size_t nameSize = field.name.copy(name, kTextSize - 2);
         name[nameSize] = '\0';
         char* const value = name + nameSize + 1;
         const std::string_view text = record.substr(field.begin, field.end - field.begin);
