@@ -306,12 +306,14 @@ def call(reply):
 
 
 NUMBERS = {
+    1: call(server.Raw(b"no answer of HTTP\r\n")),
     3: blank_in_an_argument,
     6: BREAKS["name-lookup.unknown"],
     7: BREAKS["tcp.not-connected"],
     18: call(server.Truncate(b"{}", missing=1)),
     23: call(server.Endless()),
     35: wrong_pin(),
+    52: call(server.Raw()),
     56: call(server.Reset()),
     60: bundle_of_another,
     77: no_bundle,
