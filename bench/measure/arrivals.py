@@ -9,7 +9,7 @@ LOOK_MS = 100  # whether the program still runs
 
 
 class Arrivals:
-    """Names that have come to have an owner, and that nobody has waited for since."""
+    """Names that have got an owner since the last wait for them."""
 
     def __init__(self, caller):
         self._came = {}
@@ -26,7 +26,7 @@ class Arrivals:
             self._came[name] = now
 
     def wait(self, name, is_running):
-        """@return the time at which the name came to have an owner
+        """@return the time at which the name got its owner
 
         Precondition: it had none when the program was started.
         """
