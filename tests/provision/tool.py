@@ -37,7 +37,7 @@ def run(*arguments, folder=None, stdin=b"", umask=0, stdout=subprocess.PIPE, fil
         [*prefix, TOOL, *map(str, arguments)],
         input=stdin,
         env=environment,
-        timeout=60,
+        timeout=300,  # Emulated 32-bit ARM beside other work needs more than 60 s for the RSA keys of a lab.
         stdout=stdout,
         stderr=subprocess.PIPE,
         preexec_fn=limits,
