@@ -23,8 +23,10 @@ class _Link:
         self.client = client
         self.server = socket.create_connection(("127.0.0.1", target))
         self.state = State.FORWARDED
-        for source, other in ((client, self.server), (self.server, client)):
-            threading.Thread(target=self._pump, args=(source, other), daemon=True).start()
+
+    def start(self):
+        for ends in ((self.client, self.server), (self.server, self.client)):
+            threading.Thread(target=self._pump, args=ends, daemon=True).start()
 
     def _pump(self, source, other):
         with contextlib.suppress(OSError):
@@ -67,6 +69,8 @@ class Proxy:
                 link = _Link(client, self._target)
                 with self._lock:
                     self._links.append(link)
+                # Only now: an answer that arrives shows a connection that is counted.
+                link.start()
 
     @property
     def connections(self):
