@@ -39,7 +39,10 @@ CURLM* __real_curl_multi_init();
 CURLMcode __real_curl_multi_add_handle(CURLM* multi, CURL* easy);
 CURLMcode __real_curl_multi_poll(CURLM* multi, curl_waitfd* extra, unsigned int count, int timeout,
                                  int* ready);
-CURLcode __real_curl_global_init(long flags);
+CURLcode __real_curl_global_init_mem(long flags, curl_malloc_callback allocate,
+                                     curl_free_callback release, curl_realloc_callback resize,
+                                     curl_strdup_callback copy, curl_calloc_callback clear);
+char* __real_strdup(const char* text);
 int __real_OPENSSL_init_crypto(std::uint64_t options, const OPENSSL_INIT_SETTINGS* settings);
 CURLcode __real_curl_easy_setopt(CURL* easy, CURLoption option, ...);
 
@@ -71,11 +74,20 @@ CURLMcode __wrap_curl_multi_poll(CURLM* multi, curl_waitfd* extra, unsigned int 
                : __real_curl_multi_poll(multi, extra, count, timeout, ready);
 }
 
-CURLcode __wrap_curl_global_init(long flags)
+CURLcode __wrap_curl_global_init_mem(long flags, curl_malloc_callback allocate,
+                                     curl_free_callback release, curl_realloc_callback resize,
+                                     curl_strdup_callback copy, curl_calloc_callback clear)
 {
     libcurl().setUp.emplace_back("libcurl");
-    return takeFailure(libcurl().failGlobalInit) ? CURLE_OUT_OF_MEMORY
-                                                 : __real_curl_global_init(flags);
+    libcurl().copyText = copy;
+    return takeFailure(libcurl().failGlobalInit)
+               ? CURLE_OUT_OF_MEMORY
+               : __real_curl_global_init_mem(flags, allocate, release, resize, copy, clear);
+}
+
+char* __wrap_strdup(const char* text)
+{
+    return takeFailure(libcurl().failCopies) ? nullptr : __real_strdup(text);
 }
 
 int __wrap_OPENSSL_init_crypto(std::uint64_t options, const OPENSSL_INIT_SETTINGS* settings)

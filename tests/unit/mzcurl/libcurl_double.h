@@ -17,10 +17,12 @@ struct LibcurlDouble {
     int failAddHandle = 0;
     int failPoll = 0;
     int failGlobalInit = 0;
+    int failCopies = 0;                         ///< of texts, by strdup
     std::function<void()> onAddHandle;          ///< called before a handle is added
     CURLoption failOption = CURLOPT_LASTENTRY;  ///< the option whose setting fails
 
     int easyHandles = 0;                        ///< number of handles made so far
+    curl_strdup_callback copyText = nullptr;    ///< with which libcurl copies texts
     std::vector<std::string> setUp;             ///< calls that initialise a library, in order
     std::vector<std::thread::id> shareSetters;  ///< threads that attached or detached the share
 };

@@ -9,6 +9,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <cstdlib>
+#include <memory>
 #include <thread>
 
 namespace {
@@ -40,6 +42,19 @@ TEST(ASetUp, IsTriedAgainAfterAFailureAndThenDoneOnce)
     EXPECT_TRUE(multi.Initialize());
     EXPECT_TRUE(easy.Initialize());
     EXPECT_THAT(libcurl().setUp, ElementsAre("OpenSSL without exit handler", "libcurl"));
+}
+
+TEST(ARefusal, OfATextIsTriedAgainWithTheReserve)
+{
+    ASSERT_TRUE(MZCurlMulti().Initialize());
+    using Text = std::unique_ptr<char, decltype(&std::free)>;
+    for (int time = 0; time < 2; ++time) {
+        libcurl().failCopies = 1;
+        const Text copy(libcurl().copyText("store.example"), &std::free);
+        EXPECT_STREQ(copy.get(), "store.example");
+    }
+    libcurl().failCopies = 2;
+    EXPECT_EQ(Text(libcurl().copyText("store.example"), &std::free), nullptr);
 }
 
 TEST(ARefusal, OfAHandleIsTheEndOfItsTransferOnly)
