@@ -42,6 +42,8 @@ CURLMcode __real_curl_multi_poll(CURLM* multi, curl_waitfd* extra, unsigned int 
 CURLcode __real_curl_global_init_mem(long flags, curl_malloc_callback allocate,
                                      curl_free_callback release, curl_realloc_callback resize,
                                      curl_strdup_callback copy, curl_calloc_callback clear);
+void* __real_malloc(std::size_t size);
+void __real_free(void* memory);
 char* __real_strdup(const char* text);
 int __real_OPENSSL_init_crypto(std::uint64_t options, const OPENSSL_INIT_SETTINGS* settings);
 CURLcode __real_curl_easy_setopt(CURL* easy, CURLoption option, ...);
@@ -85,9 +87,26 @@ CURLcode __wrap_curl_global_init_mem(long flags, curl_malloc_callback allocate,
                : __real_curl_global_init_mem(flags, allocate, release, resize, copy, clear);
 }
 
+void* __wrap_malloc(std::size_t size)
+{
+    void* const memory = __real_malloc(size);
+    if (size == 4096) {
+        libcurl().reserve = memory;
+    }
+    return memory;
+}
+
+void __wrap_free(void* memory)
+{
+    void* held = memory;
+    libcurl().reserve.compare_exchange_strong(held, nullptr);
+    __real_free(memory);
+}
+
 char* __wrap_strdup(const char* text)
 {
-    return takeFailure(libcurl().failCopies) ? nullptr : __real_strdup(text);
+    const bool fails = libcurl().noMemory && libcurl().reserve != nullptr;
+    return fails ? nullptr : __real_strdup(text);
 }
 
 int __wrap_OPENSSL_init_crypto(std::uint64_t options, const OPENSSL_INIT_SETTINGS* settings)

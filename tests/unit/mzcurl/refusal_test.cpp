@@ -44,17 +44,17 @@ TEST(ASetUp, IsTriedAgainAfterAFailureAndThenDoneOnce)
     EXPECT_THAT(libcurl().setUp, ElementsAre("OpenSSL without exit handler", "libcurl"));
 }
 
-TEST(ARefusal, OfATextIsTriedAgainWithTheReserve)
+TEST(ARefusal, OfATextIsTriedAgainWithoutTheReserve)
 {
     ASSERT_TRUE(MZCurlMulti().Initialize());
-    using Text = std::unique_ptr<char, decltype(&std::free)>;
+    libcurl().noMemory = true;
     for (int time = 0; time < 2; ++time) {
-        libcurl().failCopies = 1;
-        const Text copy(libcurl().copyText("store.example"), &std::free);
+        ASSERT_NE(libcurl().reserve, nullptr);
+        const std::unique_ptr<char, decltype(&std::free)> copy(libcurl().copyText("store.example"),
+                                                               &std::free);
         EXPECT_STREQ(copy.get(), "store.example");
     }
-    libcurl().failCopies = 2;
-    EXPECT_EQ(Text(libcurl().copyText("store.example"), &std::free), nullptr);
+    libcurl().noMemory = false;
 }
 
 TEST(ARefusal, OfAHandleIsTheEndOfItsTransferOnly)
